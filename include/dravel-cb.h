@@ -1,0 +1,19 @@
+// What happens when a timer expires: three signals, and the daemon's own part
+// for the timer's type.
+#pragma once
+
+#include "dravel-api.h"
+#include "dravel-record.h"
+
+extern "C" {
+
+// The expiry callback of every armed item. It must not disarm or remove the
+// item: the scheduler reads it afterwards.
+DRAVEL_API void dravel_expire_cb(dravel_item *item, void *data);
+
+// Turns the set on for `item`, when on-timers are not halted and the set sleeps.
+DRAVEL_API void process_on_timer(const dravel_item *item);
+
+// Requests a power-off with `option`, when off-timers are not halted.
+DRAVEL_API void process_off_timer(unsigned int option);
+}

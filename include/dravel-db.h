@@ -1,0 +1,63 @@
+// The timer store: two SQLite files, their tables and every row operation. It
+// keeps the two open connections and nothing else; what a failed operation
+// means is for its caller to decide.
+//
+// Row operations return 0 or SQLite's result code, and log their failure. A
+// reader hands each row to `fn` in a record that lives only during the call, and
+// ignores what `fn` returns.
+#pragma once
+
+#include "dravel-api.h"
+#include "dravel-record.h"
+
+// The main database's file.
+constexpr const char *kDravelDbPath = "/opt/dbspace/.dravel.db";
+
+typedef int (*dravel_row_fn)(const dravel_item *row);
+typedef int (*disabled_period_row_fn)(const disabled_period_item *row);
+
+extern "C" {
+
+// Opens, checks, creates or migrates both files. Returns 0, or the result code
+// of the main file's failed opening or table creation: the daemon then runs
+// without a store, and every write fails.
+DRAVEL_API int initialize_dravel_db(void);
+
+// Closes the main connection, then the wake-up connection; returns the latter's
+// result.
+DRAVEL_API int close_dravel_db(void);
+
+// Deletes both files. The open connections stay: reads go on, writes are
+// refused, and the next start makes new files.
+DRAVEL_API void reset_dravel_db(void);
+
+// 0 when the file at `path` exists and is sound. Otherwise -1: the file was
+// missing, has been deleted, or is reported corrupt and left to the caller.
+DRAVEL_API int integrity_check(const char *path);
+
+// Creates the file where it is missing and gives it the daemon's owner and mode
+// 664. Returns 0, or -1 when that fails.
+DRAVEL_API int make_db_file_manual(const char *path);
+
+// Timer rows of the main database.
+DRAVEL_API int load_dravel_db(dravel_row_fn fn);
+DRAVEL_API int load_wakeup_timer_db(dravel_row_fn fn);   // the rows marked as programmed
+DRAVEL_API int insert_dravel_item_db(dravel_item *item); // sets `timer_id` on success
+DRAVEL_API int update_dravel_item_db(const dravel_item *item);
+DRAVEL_API int delete_dravel_item_db(int timer_id);
+DRAVEL_API int update_disable_period_effect_db(int timer_id, int effect);
+
+// Moves the mark of the programmed timer to the row `timer_id`; with an unknown
+// id no row is marked.
+DRAVEL_API int set_micom_flag(int timer_id);
+
+// Makes `item` the one row of the wake-up database.
+DRAVEL_API int insert_wakeup_dravel_item_db(const dravel_item *item);
+
+// Disabled-period rows of the main database. An update leaves the leap-year
+// flags as they are stored.
+DRAVEL_API int load_disabled_period_db(disabled_period_row_fn fn);
+DRAVEL_API int insert_disabled_period_item_db(disabled_period_item *period); // sets `period_id`
+DRAVEL_API int update_disable_period_db(const disabled_period_item *period);
+DRAVEL_API int delete_disabled_period_item_db(int period_id);
+}

@@ -1,0 +1,103 @@
+// Timer items, the lists that hold them, the timer that woke the set, the
+// disabled periods, and the rules that say when an item fires next.
+//
+// The timer list owns every item from its add until its removal; the on- and
+// off-timer lists only point into it and are rebuilt by every add, remove and
+// load. Positions follow the next expiries at the moment of insertion.
+#pragma once
+
+#include <Eina.h>
+
+#include "dravel-api.h"
+#include "dravel-record.h"
+#include "dravel-util.h"
+
+// What can_skip_timer decides about one occurrence.
+enum skip_decision { SKIP_NO = 0, SKIP_REFUSED = 1, SKIP_MOVED = 2 };
+
+extern "C" {
+
+// The lists' heads, null when empty. Valid until the next add, remove or load.
+DRAVEL_API Eina_List *get_dravel_list(void);
+DRAVEL_API Eina_List *get_ontimer_list(void);
+DRAVEL_API Eina_List *get_offtimer_list(void);
+DRAVEL_API Eina_List *get_disabled_period_list(void);
+
+// A new unstored item in no list, the caller's to add or free; null when memory
+// is short. The date runs from the year (since 1900) down to the second.
+DRAVEL_API dravel_item *create_dravel_item(int type, int priority, int date_type, int tm_year,
+                                           int tm_mon, int tm_mday, int tm_hour, int tm_min,
+                                           int tm_sec, int tm_wday, int tm_yday, int tm_isdst,
+                                           int delay, int week_flag, int disable_period_effect,
+                                           int time_type);
+
+// Stores `item`, gives it its id and lists it; a full list first loses the item
+// with the smallest id. Returns the timer list. Null when the item could not be
+// stored: it is then in no list and still the caller's.
+DRAVEL_API Eina_List *add_dravel_item(dravel_item *item);
+
+// Takes the disarmed `item` out of the lists, deletes its row and releases it.
+// Returns the timer list. When the row cannot be deleted the item leaves the
+// lists all the same and is never released: its row, read again at the next
+// start, brings the timer back.
+DRAVEL_API Eina_List *remove_dravel_item(dravel_item *item);
+
+// The first listed item with that id, or null.
+DRAVEL_API dravel_item *find_dravel_item(int timer_id);
+
+// 1 for a type that turns the set on, else 0.
+DRAVEL_API int is_ontimer_item(const dravel_item *item);
+
+// Evicts, disarmed, the item with the smallest id when 80 or more are listed.
+DRAVEL_API void check_over_max_timer_num(void);
+
+// The order of the lists: below 0 when the listed item stays ahead of the new
+// one, above 0 when the new one goes ahead of it, 0 when either is null.
+DRAVEL_API int compare_dravel_cb(const void *listed, const void *added);
+
+DRAVEL_API void rebuild_onoff_timer_lists(void);
+
+// Lists all stored timers and returns the timer list; called once, at start-up.
+// After a cold start the on- and off-timers of types 0 and 1 are deleted
+// instead, unless the set's `sync_db` feature keeps them.
+DRAVEL_API Eina_List *load_dravel_list(void);
+
+// The timer that woke the set: a copy of its own, kept until the next
+// set_wakeup_timer. get_wakeup_timer gives null when no timer did.
+DRAVEL_API void set_wakeup_timer(const dravel_item *item);
+DRAVEL_API dravel_item *get_wakeup_timer(void);
+
+// At start-up: keeps the marked row when the set was woken by a timer. Returns
+// the query's result, 0 on success.
+DRAVEL_API int load_wakeup_timer(void);
+
+// Disabled periods, in the order in which they were loaded or added. The list
+// owns the records.
+//
+// add: stores and lists the caller's heap record; null when it could not be
+// stored, the record is then still the caller's.
+// remove: deletes the row and releases the record; returns the list, which is
+// null when it became empty, and null with the record still listed when the row
+// could not be deleted.
+DRAVEL_API Eina_List *add_disabled_period_item(disabled_period_item *period);
+DRAVEL_API Eina_List *remove_disabled_period_item(disabled_period_item *period);
+DRAVEL_API disabled_period_item *find_disabled_period_item(int period_id);
+DRAVEL_API Eina_List *load_disabled_period_list(void);
+
+// When `item` fires next, as UTC on the TV clock's line. 0: `*expire` is set;
+// -1: it never will, or an argument is null; -2: the time is not known. May
+// move a one-shot item past a disabled period, see can_skip_timer.
+DRAVEL_API int get_next_expire_date(const dravel_item *item, std::tm *expire);
+
+// Whether the occurrence of `item` at `occurrence` lies in a disabled period: a
+// skip_decision. A repeating item loses the occurrence; a listed one-shot item
+// is moved to the day after the period and stored.
+DRAVEL_API int can_skip_timer(const dravel_item *item, time_value occurrence);
+
+// Moves a period on by one year and stores it; returns the update's result.
+DRAVEL_API int next_disabled_period(disabled_period_item *period);
+
+// 1 when an on-timer other than `timer_id` fires 1 to 599 seconds after
+// `standby`, so that going to standby is not worth it; else 0.
+DRAVEL_API int can_skip_standby(const std::tm *standby, int timer_id);
+}

@@ -1,0 +1,16 @@
+// Log lines of the daemon. The text must be a literal; the arguments are not
+// evaluated when the line's priority is below the threshold.
+#pragma once
+
+#include <system_log.h>
+
+#define DRAVEL_LOG_LINE(priority, text, ...)                                                       \
+  do {                                                                                             \
+    if ((priority) >= system_log_threshold)                                                        \
+      system_log_print((priority), "DRAVEL_MANAGER", "%s: %s(%d) > " text, __FILE_NAME__,          \
+                       __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                             \
+  } while (0)
+
+#define LOGD(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_DEBUG, text __VA_OPT__(, ) __VA_ARGS__)
+#define LOGI(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_INFO, text __VA_OPT__(, ) __VA_ARGS__)
+#define LOGE(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_ERROR, text __VA_OPT__(, ) __VA_ARGS__)

@@ -1,0 +1,159 @@
+// The scheduler: start-up markers and runtime flags, one main-loop timer for
+// each armed item, the wake-up time in the micro-controller, and the set's
+// power, settings and clock events.
+//
+// An item is armed exactly when its id is in both scheduled-timer tables. It is
+// always disarmed before it is armed again or removed.
+#pragma once
+
+#include <Eina.h>
+#include <glib.h>
+
+#include "dravel-api.h"
+#include "dravel-record.h"
+#include "dravel-util.h"
+
+struct settings_key;
+
+typedef void (*dravel_expire_fn)(dravel_item *item, void *data);
+
+// What an armed item's main-loop timer carries.
+struct cb_data {
+  dravel_expire_fn cb;
+  dravel_item *timer_item; // the timer list's
+  void *data;
+  time_value timediff; // seconds to the expiry when it was armed
+};
+
+// The on-time that the micro-controller holds.
+struct micom_ontimer_record {
+  int timer_id;      // 0: none
+  int is_utc;        // 1: `ontime` is UTC, else local time
+  time_value ontime; // as handed to the micro-controller
+  unsigned int type; // above TIMER_TYPE_ONTIMER_MAX: nothing was ever programmed
+  int priority;      // -1 after clearing
+};
+
+// Results of schedule_dravel_item.
+enum schedule_result {
+  SCHEDULE_ARMED = 0,
+  SCHEDULE_NEVER_FIRES = -1,  // callers remove the item
+  SCHEDULE_TIME_UNKNOWN = -2, // the item stays, unarmed
+};
+
+extern "C" {
+
+// Non-zero: expiring on-timers do not turn the set on.
+DRAVEL_API extern int ontimer_halt;
+// Non-zero: expiring off-timers do not power the set off.
+DRAVEL_API extern int offtimer_halt;
+// True once the subscription to power state changes is in place.
+DRAVEL_API extern bool ambient_poweroff_received;
+
+// Whether the TV clock is known to be valid, so that timers may be armed; 1 at
+// start. The setters of this group keep the value unchanged.
+DRAVEL_API void set_kinto_time_updated(int value);
+DRAVEL_API int get_kinto_time_updated(void);
+
+// Whether the daemon ran before in this boot; 0 at start.
+DRAVEL_API void set_relaunch_state(int value);
+DRAVEL_API int get_relaunch_state(void);
+
+// Whether the set is awake; 1 at start.
+DRAVEL_API void set_wakeup_state(int value);
+DRAVEL_API int get_wakeup_state(void);
+
+// Whether the middleware updated the time in automatic clock mode; 0 at start.
+DRAVEL_API void set_auto_clock_mode_time_update(int value);
+DRAVEL_API int get_auto_clock_mode_time_update(void);
+
+// Leaves the start-up marker, reads the clock flag and starts the 90-second
+// wait for the finish marker.
+DRAVEL_API void init_dravel(void);
+
+// Writes the finish marker where it is missing and ends the wait for it.
+DRAVEL_API void create_dravel_finish_file(void);
+
+// Make and release the two scheduled-timer tables. Releasing them ends the
+// records of armed items, but not the main loop's timers.
+DRAVEL_API void init_hash_table(void);
+DRAVEL_API void fini_hash_table(void);
+
+// Arms `item` to call `cb` at its next expiry and sees to the micro-controller's
+// on-time. The item must not be armed. Returns a schedule_result.
+DRAVEL_API int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data);
+
+// Disarms the item `timer_id`, if it is armed.
+DRAVEL_API void cancel_ecore_timer(int timer_id);
+
+// Disarms and removes `item`, and chooses the on-time afresh where the item had
+// a part in it.
+DRAVEL_API void cancel_dravel_item(dravel_item *item);
+
+// Re-arms every item after an expiry or a change of clock, moving armed
+// one-shot items to their next time of day. Both arguments are ignored: it
+// serves as a settings watcher too.
+DRAVEL_API void adjust_dravel_all_items(struct settings_key *key, void *data);
+
+// Re-arms every item where it stands, once the clock has become valid.
+DRAVEL_API void reschedule_all_timers(void);
+
+// The first on-timer equal to `item` in type, weekdays, clock and time: 0 and
+// `*out`, or -1.
+DRAVEL_API int find_duplicate_ontimer(const dravel_item *item, dravel_item **out);
+
+// The on-timer to wake the set for, and its next expiry, leaving out what an
+// off-timer set for the same time takes away. -1 when there is none. Disarms a
+// one-shot on-timer that coincides with an off-timer.
+DRAVEL_API int get_next_ontimer_not_overlap_with_offtimer(dravel_item **item, std::tm *expire);
+
+// Programs the micro-controller with the next expiry `expire`, on the local
+// clock, of item `timer_id`. Returns 0, or -1 when the power control refused;
+// the record then holds the new values all the same.
+DRAVEL_API int schedule_micom_ontimer(int timer_id, const std::tm *expire, unsigned int type,
+                                      int priority);
+
+// Clears the programmed wake-up time.
+DRAVEL_API void disable_micom_ontimer(void);
+
+// Programs the on-time again under the present clock mode and zone, before the
+// set sleeps, and marks its row.
+DRAVEL_API void update_micom_ontimer(void);
+
+// The power control's operations; 0 on success.
+DRAVEL_API int set_power_control_wakeup_timer(unsigned int type, time_value time);
+DRAVEL_API int unset_power_control_wakeup_timer(void);
+
+// Marks the row of the programmed on-timer and copies it to the wake-up
+// database.
+DRAVEL_API void update_micom_flag(void);
+
+// `time` as text, newline included, in one static buffer.
+DRAVEL_API const char *time_str(time_value time);
+
+// The power events. init returns 0, or -1 when a subscription failed.
+DRAVEL_API int init_power_state_handler(void);
+DRAVEL_API void fini_power_state_handler(void);
+DRAVEL_API void register_ambient_mode_cb(void);
+DRAVEL_API void unregister_ambient_mode_cb(void);
+
+// Watches the clock's settings. Returns 0, or -1 when a watcher was refused.
+DRAVEL_API int init_settings_handler(void);
+
+// The middleware has updated the system time.
+DRAVEL_API void auto_time_set(void);
+
+// Callbacks of the main loop: a timer that fires, the end of the wait for the
+// time update, the poll for a readable TV clock, the retry after a switch to
+// automatic clock mode, the end of the wait for the finish marker.
+Eina_Bool ecore_timer_cb(void *data);
+Eina_Bool adjust_wait_timer_cb(void *data);
+Eina_Bool wait_cur_time_cb(void *data);
+Eina_Bool retry_adjust_all_timers(void *data);
+Eina_Bool wait_dravel_finish_cb(void *data);
+}
+
+// The scheduler's state, for this module and its tests.
+extern micom_ontimer_record micom_ontimer;
+extern GHashTable *scheduled_timer_table; // timer id -> main-loop timer
+extern GHashTable *cb_data_table;         // timer id -> cb_data, owned

@@ -1,0 +1,92 @@
+// The time base: the three clocks, the conversions, and the text of a time in
+// log lines. Keeps no state.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+#include "dravel-api.h"
+#include "dravel-log.h"
+
+// Seconds since 1970-01-01 00:00:00, up to 2106.
+using time_value = std::uint32_t;
+
+// What a conversion that cannot be made gives.
+constexpr time_value kInvalidTime = 0xffffffffU;
+
+constexpr time_value kSecondsPerDay = 86400;
+
+// The TV clock wraps from the end of 2099 to 2001; both as tm_year.
+constexpr int kYear2001 = 101;
+constexpr int kYear2099 = 199;
+
+// The clock that a timer's time is on.
+enum time_type {
+  TIME_TYPE_BROADCAST = 0, // the TV clock
+  TIME_TYPE_INTERNET = 1,  // the system clock
+  TIME_TYPE_RTC = 2,       // the micro-controller's real-time clock
+};
+
+enum clock_mode { CLOCK_MODE_AUTO = 0, CLOCK_MODE_MANUAL = 1, CLOCK_MODE_OTHER = 2 };
+
+// One reading of the clocks.
+struct clock_reading {
+  time_value now;       // the TV clock or, while that is unknown, the real-time clock
+  time_value broadcast; // the TV clock, 0 while it is unknown
+  time_value internet;  // the system clock
+  double offset;        // now - internet: carries a system-clock time onto the line of `now`
+};
+
+extern "C" {
+
+// Reads the clock `time_type` into `*out`. Returns 0, or -1 when that clock
+// cannot be read: `*out` is then 0 for the TV clock, kInvalidTime for a
+// real-time clock that shows no date, and otherwise left as it was.
+DRAVEL_API int get_cur_time(time_value *out, int time_type);
+
+// Reads the TV clock, or else the real-time clock, and the system clock. Returns
+// 0, or -1 when neither of the first two can be read: `*out` is then all zero.
+DRAVEL_API int read_clocks(clock_reading *out);
+
+// `time` + `offset` without its fraction, held within the range of a time value.
+DRAVEL_API time_value add_time_offset(time_value time, double offset);
+
+// The conversions of the set's time utility, see CTimeUtil.h.
+DRAVEL_API time_value unsigned_timegm(const std::tm *time);
+DRAVEL_API std::tm *unsigned_gmtime_r(time_value time, std::tm *out);
+DRAVEL_API time_value convert_to_localtime(time_value time);
+DRAVEL_API std::tm convert_to_utc(std::tm local);
+
+// The clock mode, one of the enum above.
+DRAVEL_API int get_clock_mode(void);
+
+// 1 when `year`, a calendar year such as 2024, is a leap year, else 0.
+DRAVEL_API int is_leap_year(int year);
+}
+
+// The size of the buffers that hold a time's text.
+constexpr std::size_t kTimeTextSize = 100;
+
+// Formats `time` as asctime_r does, newline included. False, with an empty
+// text, when a field does not fit that form: times from the bus may hold
+// anything.
+bool format_time(const std::tm *time, char (&text)[kTimeTextSize]);
+
+// Logs `text`, which names one %s, with a broken-down time; left out when the
+// time has no text.
+#define LOG_TIME(priority, text, time)                                                             \
+  do {                                                                                             \
+    if (char time_text[kTimeTextSize];                                                             \
+        (priority) >= system_log_threshold && format_time((time), time_text))                      \
+      DRAVEL_LOG_LINE(priority, text, time_text);                                                  \
+  } while (0)
+
+// Dates from the bus and the store may hold any 32-bit number.
+constexpr int add_wrapping(int a, int b) {
+  int sum = 0;
+  (void)__builtin_add_overflow(a, b, &sum);
+  return sum;
+}
+
+// The log texts print time values as `%lu`.
+constexpr unsigned long as_ulong(time_value time) { return time; }

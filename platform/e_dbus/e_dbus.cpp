@@ -1,0 +1,496 @@
+#include "E_DBus.h"
+
+#include <system_log.h>
+
+#include <Ecore.h>
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct E_DBus_Interface {
+  struct Method {
+    std::string name;
+    std::string signature;
+    std::string reply_signature;
+    E_DBus_Method_Cb handler;
+  };
+  struct Signal {
+    std::string name;
+    std::string signature;
+  };
+  struct Property {
+    std::string name;
+    std::string type;
+    bool writable;
+  };
+
+  std::string name;
+  std::vector<Method> methods; // in the order in which they were added
+  std::vector<Signal> signals;
+  std::vector<Property> properties;
+};
+
+struct E_DBus_Object {
+  void *data;
+  std::vector<const E_DBus_Interface *> interfaces;
+};
+
+struct E_DBus_Connection {
+  struct Waiting {
+    E_DBus_Method_Return_Cb callback;
+    void *data;
+  };
+
+  explicit E_DBus_Connection(DBusConnection *opened) : bus(opened) {}
+  E_DBus_Connection(const E_DBus_Connection &) = delete;
+  E_DBus_Connection &operator=(const E_DBus_Connection &) = delete;
+  ~E_DBus_Connection();
+
+  DBusConnection *bus;
+  Ecore_Fd_Handler *socket = nullptr;
+  Ecore_Job *dispatch = nullptr;
+  std::vector<DBusWatch *> watches; // all on the one socket
+  std::map<DBusPendingCall *, Waiting> waiting;
+  std::vector<std::unique_ptr<E_DBus_Object>> objects;
+};
+
+namespace {
+
+constexpr double kMillisecondsPerSecond = 1000.0;
+constexpr const char *kTag = "E_DBUS";
+constexpr const char *kSilentProperty = // nobody sends PropertiesChanged
+    "<annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"false\"/>";
+
+struct Library {
+  int users = 0;
+  E_DBus_Interface introspectable;
+  std::vector<std::unique_ptr<E_DBus_Interface>> interfaces;
+  std::array<std::unique_ptr<E_DBus_Connection>, 3> connections; // by DBusBusType
+};
+
+struct UnrefMessage {
+  void operator()(DBusMessage *message) const { dbus_message_unref(message); }
+};
+using Message = std::unique_ptr<DBusMessage, UnrefMessage>;
+
+// Plain, so that a process which ends without e_dbus_shutdown closes nothing:
+// Ecore may be gone by then.
+Library *library = nullptr;
+
+void send_reply(DBusConnection *bus, DBusMessage *call, DBusMessage *reply) {
+  if (reply && !dbus_message_get_no_reply(call))
+    dbus_connection_send(bus, reply, nullptr);
+}
+
+// --- libdbus on the Ecore main loop ---
+
+void dispatch_one(void *data);
+
+void schedule_dispatch(E_DBus_Connection *connection) {
+  if (!connection->dispatch)
+    connection->dispatch = ecore_job_add(dispatch_one, connection);
+}
+
+// One message a turn, so that a busy client cannot hold up the timers.
+void dispatch_one(void *data) {
+  auto *connection = static_cast<E_DBus_Connection *>(data);
+  connection->dispatch = nullptr;
+  if (dbus_connection_dispatch(connection->bus) != DBUS_DISPATCH_COMPLETE)
+    schedule_dispatch(connection);
+}
+
+void dispatch_status_changed(DBusConnection *, DBusDispatchStatus status, void *data) {
+  if (status != DBUS_DISPATCH_COMPLETE)
+    schedule_dispatch(static_cast<E_DBus_Connection *>(data));
+}
+
+void wakeup_main(void *data) { schedule_dispatch(static_cast<E_DBus_Connection *>(data)); }
+
+unsigned int ready_conditions(Ecore_Fd_Handler *handler) {
+  unsigned int ready = 0;
+  if (ecore_main_fd_handler_active_get(handler, ECORE_FD_READ))
+    ready |= DBUS_WATCH_READABLE;
+  if (ecore_main_fd_handler_active_get(handler, ECORE_FD_WRITE))
+    ready |= DBUS_WATCH_WRITABLE;
+  if (ecore_main_fd_handler_active_get(handler, ECORE_FD_ERROR))
+    ready |= DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP;
+  return ready;
+}
+
+Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
+  auto *connection = static_cast<E_DBus_Connection *>(data);
+  const unsigned int ready = ready_conditions(handler);
+
+  // A lost connection takes its watches away while they are handled.
+  const auto watches = connection->watches;
+  for (DBusWatch *watch : watches) {
+    if (std::ranges::find(connection->watches, watch) == connection->watches.end() ||
+        !dbus_watch_get_enabled(watch))
+      continue;
+    const unsigned int conditions =
+        ready & (dbus_watch_get_flags(watch) | DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP);
+    if (conditions)
+      dbus_watch_handle(watch, conditions);
+  }
+  return ECORE_CALLBACK_RENEW;
+}
+
+// libdbus watches reading and writing apart; Ecore takes a descriptor only
+// once, so one handler serves both.
+void update_socket_handler(E_DBus_Connection *connection) {
+  unsigned int wanted = 0;
+  for (DBusWatch *watch : connection->watches)
+    if (dbus_watch_get_enabled(watch))
+      wanted |= dbus_watch_get_flags(watch);
+
+  if (!wanted) {
+    if (connection->socket)
+      ecore_main_fd_handler_del(connection->socket);
+    connection->socket = nullptr;
+    return;
+  }
+  const int flags = ECORE_FD_ERROR | ((wanted & DBUS_WATCH_READABLE) ? ECORE_FD_READ : 0) |
+                    ((wanted & DBUS_WATCH_WRITABLE) ? ECORE_FD_WRITE : 0);
+  const auto conditions = static_cast<Ecore_Fd_Handler_Flags>(flags);
+  if (connection->socket)
+    ecore_main_fd_handler_active_set(connection->socket, conditions);
+  else
+    connection->socket =
+        ecore_main_fd_handler_add(dbus_watch_get_unix_fd(connection->watches.front()), conditions,
+                                  socket_ready, connection, nullptr, nullptr);
+}
+
+dbus_bool_t add_watch(DBusWatch *watch, void *data) {
+  auto *connection = static_cast<E_DBus_Connection *>(data);
+  connection->watches.push_back(watch);
+  update_socket_handler(connection);
+  return TRUE;
+}
+
+void remove_watch(DBusWatch *watch, void *data) {
+  auto *connection = static_cast<E_DBus_Connection *>(data);
+  std::erase(connection->watches, watch);
+  update_socket_handler(connection);
+}
+
+void toggle_watch(DBusWatch *, void *data) {
+  update_socket_handler(static_cast<E_DBus_Connection *>(data));
+}
+
+// libdbus's timeouts on a client are the limits of single replies, so that each
+// elapses once; handling one may release it.
+Eina_Bool timeout_elapsed(void *data) {
+  auto *timeout = static_cast<DBusTimeout *>(data);
+  dbus_timeout_set_data(timeout, nullptr, nullptr);
+  dbus_timeout_handle(timeout);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+dbus_bool_t add_timeout(DBusTimeout *timeout, void *) {
+  if (!dbus_timeout_get_enabled(timeout))
+    return TRUE;
+  Ecore_Timer *timer = ecore_timer_add(dbus_timeout_get_interval(timeout) / kMillisecondsPerSecond,
+                                       timeout_elapsed, timeout);
+  dbus_timeout_set_data(timeout, timer, nullptr);
+  return timer != nullptr;
+}
+
+void remove_timeout(DBusTimeout *timeout, void *) {
+  if (auto *timer = static_cast<Ecore_Timer *>(dbus_timeout_get_data(timeout)))
+    ecore_timer_del(timer);
+  dbus_timeout_set_data(timeout, nullptr, nullptr);
+}
+
+void toggle_timeout(DBusTimeout *timeout, void *data) {
+  remove_timeout(timeout, data);
+  add_timeout(timeout, data);
+}
+
+// Without the bus nobody can set or cancel a timer any more. The loop ends in
+// order, and whoever started the process starts it anew.
+DBusHandlerResult watch_for_loss(DBusConnection *, DBusMessage *message, void *) {
+  if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected")) {
+    system_log_print(SYSTEM_LOG_ERROR, kTag, "bus connection lost, leaving the main loop");
+    ecore_main_loop_quit();
+  }
+  return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+}
+
+// --- introspection ---
+
+std::string arguments_xml(const std::string &signature, std::string_view attributes) {
+  std::string xml;
+  if (signature.empty())
+    return xml;
+  DBusSignatureIter type;
+  dbus_signature_iter_init(&type, signature.c_str());
+  do {
+    char *complete = dbus_signature_iter_get_signature(&type);
+    xml.append("   <arg type=\"").append(complete).append("\"").append(attributes).append("/>\n");
+    dbus_free(complete);
+  } while (dbus_signature_iter_next(&type));
+  return xml;
+}
+
+std::string interface_xml(const E_DBus_Interface &interface) {
+  std::string xml = " <interface name=\"" + interface.name + "\">\n";
+  for (const auto &method : interface.methods) {
+    xml += "  <method name=\"" + method.name + "\">\n";
+    xml += arguments_xml(method.signature, " direction=\"in\"");
+    xml += arguments_xml(method.reply_signature, " direction=\"out\"");
+    xml += "  </method>\n";
+  }
+  for (const auto &signal : interface.signals)
+    xml += "  <signal name=\"" + signal.name + "\">\n" + arguments_xml(signal.signature, "") +
+           "  </signal>\n";
+  for (const auto &property : interface.properties)
+    xml += "  <property name=\"" + property.name + "\" type=\"" + property.type + "\" access=\"" +
+           (property.writable ? "readwrite" : "read") + "\">\n   " + kSilentProperty +
+           "\n  </property>\n";
+  return xml + " </interface>\n";
+}
+
+DBusMessage *introspect(E_DBus_Object *object, DBusMessage *message) {
+  std::string xml = DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE "<node>\n";
+  for (const E_DBus_Interface *interface : object->interfaces)
+    xml += interface_xml(*interface);
+  xml += "</node>\n";
+
+  const char *text = xml.c_str();
+  DBusMessage *reply = dbus_message_new_method_return(message);
+  if (reply)
+    dbus_message_append_args(reply, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+  return reply;
+}
+
+// --- method calls ---
+
+DBusMessage *answer(E_DBus_Object *object, DBusMessage *message) {
+  const char *wanted = dbus_message_get_interface(message); // may be left out
+  const char *member = dbus_message_get_member(message);
+  bool interface_known = !wanted;
+
+  for (const E_DBus_Interface *interface : object->interfaces) {
+    if (wanted && interface->name != wanted)
+      continue;
+    interface_known = true;
+    const auto method =
+        std::ranges::find(interface->methods, member, &E_DBus_Interface::Method::name);
+    if (method != interface->methods.end())
+      return method->handler(object, message);
+  }
+  if (!interface_known)
+    return dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_INTERFACE,
+                                         "No interface \"%s\" at %s", wanted,
+                                         dbus_message_get_path(message));
+  return dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_METHOD, "No method \"%s\" at %s",
+                                       member, dbus_message_get_path(message));
+}
+
+bool leads_to_object(DBusConnection *bus, const char *path) {
+  void *object = nullptr;
+  dbus_connection_get_object_path_data(bus, path, &object);
+  char **children = nullptr;
+  if (object || !dbus_connection_list_registered(bus, path, &children))
+    return true;
+  const bool leads = children[0] != nullptr;
+  dbus_free_string_array(children);
+  return leads;
+}
+
+// libdbus alone would report an unknown method: it takes a path for an object
+// when some other object lies beside it.
+DBusHandlerResult refuse_unknown_object(DBusConnection *bus, DBusMessage *message, void *) {
+  const char *path = dbus_message_get_path(message);
+  if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL || leads_to_object(bus, path))
+    return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+  const Message error{
+      dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_OBJECT, "No object %s", path)};
+  send_reply(bus, message, error.get());
+  return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+DBusHandlerResult handle_message(DBusConnection *bus, DBusMessage *message, void *data) {
+  if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL)
+    return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+  const Message reply{answer(static_cast<E_DBus_Object *>(data), message)};
+  send_reply(bus, message, reply.get());
+  return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+void reply_arrived(DBusPendingCall *pending, void *data) {
+  const auto entry = static_cast<E_DBus_Connection *>(data)->waiting.extract(pending);
+  const Message reply{dbus_pending_call_steal_reply(pending)};
+  dbus_pending_call_unref(pending);
+
+  DBusError error = DBUS_ERROR_INIT;
+  const bool failed = dbus_set_error_from_message(&error, reply.get());
+  entry.mapped().callback(entry.mapped().data, failed ? nullptr : reply.get(), &error);
+  dbus_error_free(&error);
+}
+
+void ignore_reply(void *, DBusMessage *, DBusError *) {}
+
+bool drive_from_main_loop(E_DBus_Connection *connection) {
+  DBusConnection *bus = connection->bus;
+  dbus_connection_set_exit_on_disconnect(bus, FALSE);
+  dbus_connection_set_dispatch_status_function(bus, dispatch_status_changed, connection, nullptr);
+  dbus_connection_set_wakeup_main_function(bus, wakeup_main, connection, nullptr);
+  if (!dbus_connection_set_watch_functions(bus, add_watch, remove_watch, toggle_watch, connection,
+                                           nullptr) ||
+      !dbus_connection_set_timeout_functions(bus, add_timeout, remove_timeout, toggle_timeout,
+                                             connection, nullptr) ||
+      !dbus_connection_add_filter(bus, watch_for_loss, nullptr, nullptr) ||
+      !dbus_connection_add_filter(bus, refuse_unknown_object, nullptr, nullptr))
+    return false;
+  // What arrived while the connection was made has been announced to nobody.
+  dispatch_status_changed(bus, dbus_connection_get_dispatch_status(bus), connection);
+  return true;
+}
+
+} // namespace
+
+E_DBus_Connection::~E_DBus_Connection() {
+  for (const auto &[pending, unused] : waiting) {
+    dbus_pending_call_cancel(pending);
+    dbus_pending_call_unref(pending);
+  }
+  dbus_connection_set_dispatch_status_function(bus, nullptr, nullptr, nullptr);
+  dbus_connection_set_wakeup_main_function(bus, nullptr, nullptr, nullptr);
+  dbus_connection_set_timeout_functions(bus, nullptr, nullptr, nullptr, nullptr, nullptr);
+  dbus_connection_set_watch_functions(bus, nullptr, nullptr, nullptr, nullptr, nullptr);
+  dbus_connection_close(bus);
+  dbus_connection_unref(bus);
+  if (dispatch)
+    ecore_job_del(dispatch);
+}
+
+int e_dbus_init() {
+  if (!library) {
+    library = new Library;
+    library->introspectable = {
+        DBUS_INTERFACE_INTROSPECTABLE, {{"Introspect", "", "s", introspect}}, {}, {}};
+  }
+  return ++library->users;
+}
+
+int e_dbus_shutdown() {
+  if (!library || --library->users > 0)
+    return library ? library->users : 0;
+  delete library;
+  library = nullptr;
+  return 0;
+}
+
+E_DBus_Connection *e_dbus_bus_get(DBusBusType type) {
+  if (!library || type < 0 || type >= static_cast<int>(library->connections.size()))
+    return nullptr;
+  auto &connection = library->connections[type];
+  if (connection)
+    return connection.get();
+
+  DBusError error = DBUS_ERROR_INIT;
+  DBusConnection *bus = dbus_bus_get_private(type, &error);
+  if (!bus) {
+    system_log_print(SYSTEM_LOG_ERROR, kTag, "no bus: %s", error.message);
+    dbus_error_free(&error);
+    return nullptr;
+  }
+  connection = std::make_unique<E_DBus_Connection>(bus);
+  if (!drive_from_main_loop(connection.get()))
+    connection.reset();
+  return connection.get();
+}
+
+DBusPendingCall *e_dbus_message_send(E_DBus_Connection *connection, DBusMessage *message,
+                                     E_DBus_Method_Return_Cb callback, int timeout, void *data) {
+  if (!connection || !message)
+    return nullptr;
+  if (!callback) {
+    dbus_connection_send(connection->bus, message, nullptr);
+    return nullptr;
+  }
+  DBusPendingCall *pending = nullptr;
+  if (!dbus_connection_send_with_reply(connection->bus, message, &pending, timeout) || !pending)
+    return nullptr;
+  connection->waiting.insert({pending, {callback, data}});
+  dbus_pending_call_set_notify(pending, reply_arrived, connection, nullptr);
+  return pending;
+}
+
+DBusPendingCall *e_dbus_request_name(E_DBus_Connection *connection, const char *name,
+                                     unsigned int flags, E_DBus_Method_Return_Cb callback,
+                                     const void *data) {
+  if (!name || !dbus_validate_bus_name(name, nullptr))
+    return nullptr;
+  const Message request{dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                     DBUS_INTERFACE_DBUS, "RequestName")};
+  if (!request || !dbus_message_append_args(request.get(), DBUS_TYPE_STRING, &name,
+                                            DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID))
+    return nullptr;
+  return e_dbus_message_send(connection, request.get(), callback ? callback : ignore_reply,
+                             DBUS_TIMEOUT_USE_DEFAULT, const_cast<void *>(data));
+}
+
+E_DBus_Object *e_dbus_object_add(E_DBus_Connection *connection, const char *path, void *data) {
+  static const DBusObjectPathVTable table = {nullptr, handle_message, nullptr,
+                                             nullptr, nullptr,        nullptr};
+  if (!connection || !path || !dbus_validate_path(path, nullptr))
+    return nullptr;
+  auto object = std::make_unique<E_DBus_Object>();
+  object->data = data;
+  object->interfaces = {&library->introspectable};
+  if (!dbus_connection_try_register_object_path(connection->bus, path, &table, object.get(),
+                                                nullptr))
+    return nullptr;
+  return connection->objects.emplace_back(std::move(object)).get();
+}
+
+void *e_dbus_object_data_get(E_DBus_Object *object) { return object->data; }
+
+E_DBus_Interface *e_dbus_interface_new(const char *name) {
+  if (!library || !name || !dbus_validate_interface(name, nullptr))
+    return nullptr;
+  auto &interface = library->interfaces.emplace_back(std::make_unique<E_DBus_Interface>());
+  interface->name = name;
+  return interface.get();
+}
+
+int e_dbus_interface_method_add(E_DBus_Interface *interface, const char *member,
+                                const char *signature, const char *reply_signature,
+                                E_DBus_Method_Cb handler) {
+  if (!interface || !handler || !dbus_validate_member(member, nullptr) ||
+      !dbus_signature_validate(signature, nullptr) ||
+      !dbus_signature_validate(reply_signature, nullptr))
+    return 0;
+  interface->methods.push_back({member, signature, reply_signature, handler});
+  return 1;
+}
+
+int e_dbus_interface_signal_add(E_DBus_Interface *interface, const char *member,
+                                const char *signature) {
+  if (!interface || !dbus_validate_member(member, nullptr) ||
+      !dbus_signature_validate(signature, nullptr))
+    return 0;
+  interface->signals.push_back({member, signature});
+  return 1;
+}
+
+int e_dbus_interface_property_add(E_DBus_Interface *interface, const char *name, const char *type,
+                                  int writable) {
+  if (!interface || !dbus_validate_member(name, nullptr) ||
+      !dbus_signature_validate_single(type, nullptr))
+    return 0;
+  interface->properties.push_back({name, type, writable != 0});
+  return 1;
+}
+
+void e_dbus_object_interface_attach(E_DBus_Object *object, E_DBus_Interface *interface) {
+  if (object && interface)
+    object->interfaces.push_back(interface);
+}

@@ -1,0 +1,53 @@
+// The set's power service: power state, ambient mode, wake-up reason, power
+// requests, and the five power notifications.
+//
+// States, modes, reasons and options are the service's own numbers. Operations
+// that return int answer 0 on success and a non-zero code on failure, unless
+// said otherwise. Notifications arrive on the main-loop thread.
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Called with the option (power-off, standby) or the reason (wake-up).
+typedef int (*device_power_option_cb)(int option, void *user_data);
+
+// Called when the set falls from ambient mode into suspend.
+typedef int (*device_power_ambient_poweroff_cb)(void *user_data);
+
+// Called with the service's event record, which lives only during the call.
+// Its 32-bit power state stands at byte offset 12, its ambient mode at 20.
+typedef int (*device_power_state_changed_cb)(const void *event, void *user_data);
+
+// The present power state, ambient mode and wake-up reason.
+int device_power_get_state(void);
+int device_power_get_ambient_mode(void);
+int device_power_get_wakeup_reason(void);
+
+// Tells the service why the set is being woken.
+int device_power_set_wakeup_reason(int reason);
+
+// Requests a power state; `force` is 1 to request it at once.
+int device_power_set_state(int state, int force);
+
+// Requests a power-off with one of the service's options.
+int device_power_request_poweroff(unsigned int option);
+
+int device_power_subscribe_poweroff(device_power_option_cb callback, void *user_data);
+int device_power_subscribe_standby(device_power_option_cb callback, void *user_data);
+int device_power_subscribe_wakeup(device_power_option_cb callback, void *user_data);
+int device_power_subscribe_ambient_poweroff(device_power_ambient_poweroff_cb callback,
+                                            void *user_data);
+int device_power_subscribe_state_changed_event(device_power_state_changed_cb callback,
+                                               void *user_data);
+
+int device_power_unsubscribe_poweroff(device_power_option_cb callback);
+int device_power_unsubscribe_standby(device_power_option_cb callback);
+int device_power_unsubscribe_wakeup(device_power_option_cb callback);
+int device_power_unsubscribe_ambient_poweroff(device_power_ambient_poweroff_cb callback);
+int device_power_unsubscribe_state_changed_event(device_power_state_changed_cb callback);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,74 @@
+// The stand-in set: one pretend television behind the platform's contract. It
+// decides nothing, it answers what it was told and keeps a list of what was
+// asked of it. Tests use it directly; a person reaches the same record over
+// the bus.
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+// One request that the daemon made of the set, in the words of the bus signal
+// "Requested".
+struct standin_request {
+  std::string operation;
+  std::uint32_t first;
+  std::uint32_t second;
+
+  bool operator==(const standin_request &) const = default;
+};
+
+struct standin_set {
+  int clock_mode = 1; // the time utility's and the settings key's
+  int power_state = 0;
+  int ambient_mode = 0;
+  int wakeup_reason = 0;
+  int sync_db = 0; // 1 on, 0 off, -1 the query fails
+  std::uint32_t wakeup_time = 0;
+  std::uint32_t wakeup_type = 0;
+  std::set<std::string, std::less<>> refused; // platform operations that fail
+  std::vector<standin_request> requests;      // oldest first
+};
+
+// The one set. The first use reads the key file that DRAVEL_STANDIN names.
+standin_set &standin();
+
+// Takes the values that the key file holds; a malformed one is logged and left
+// alone. False when there is no such file.
+bool standin_read_key_file(const char *path);
+
+// Back to the defaults: running clocks, the system's time zone, no
+// subscription, no request. The key file is not read again.
+void standin_reset();
+
+// The clocks. Value 0 makes a clock unknown (the TV clock) or unreadable (the
+// real-time clock) until it is set again. Stopped clocks stand still.
+void standin_set_tv_clock(std::uint32_t value);
+void standin_set_rtc(std::uint32_t value);
+void standin_run_clocks(bool run);
+std::uint32_t standin_tv_clock();
+std::uint32_t standin_rtc(); // 0 when unreadable
+
+// Moves the set to the zone `name` and announces the time-zone key. False, and
+// no change, for a zone that does not exist.
+bool standin_set_time_zone(const char *name);
+
+// Changes the clock mode and announces the clock-mode key.
+void standin_change_clock_mode(int mode);
+
+// Announces the time-set key.
+void standin_announce_time_set();
+
+// Deliver one event to whoever subscribed to it.
+void standin_power_off(int option);
+void standin_standby(int option);
+void standin_wakeup(int reason);
+void standin_ambient_power_off();
+void standin_state_changed(int state, int ambient_mode);
+void standin_middleware_signal(int type);
+
+// How many callbacks the set holds for `subscription`: "poweroff", "standby",
+// "wakeup", "ambient_poweroff", "state_changed_event", "signal" or a settings
+// key.
+int standin_subscribers(const char *subscription);

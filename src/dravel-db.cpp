@@ -1,0 +1,572 @@
+#include "dravel-db.h"
+
+#include "dravel-log.h"
+#include "dravel-util.h"
+
+#include <Eina.h>
+#include <sqlite3.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+static constexpr const char *kWakeupDravelDbPath = "/opt/dbspace/.wakeup_dravel.db";
+static constexpr mode_t kDbFileMode = 0664;
+static constexpr int kDbVersion = 1;
+
+static constexpr const char *kCreateDravelTable =
+    "CREATE TABLE IF NOT EXISTS dravel \t(timer_id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    "\ttype INTEGER,\tpriority INTEGER,\tdate_type INTEGER,\ttm_sec INTEGER,\ttm_min INTEGER,"
+    "\ttm_hour INTEGER,\ttm_mday INTEGER,\ttm_mon INTEGER,\ttm_year INTEGER,\ttm_wday INTEGER,"
+    "\ttm_yday INTEGER,\ttm_isdst INTEGER,\tdelay INTEGER,\tweek_flag INTEGER,"
+    "\tdisable_period_effect INTEGER,\ttime_type INTEGER,\tmicom_flag INTEGER\t)";
+
+static constexpr const char *kCreateWakeupDravelTable =
+    "CREATE TABLE IF NOT EXISTS dravel \t(timer_id INTEGER,\ttype INTEGER,\tpriority INTEGER,"
+    "\tdate_type INTEGER,\ttm_sec INTEGER,\ttm_min INTEGER,\ttm_hour INTEGER,\ttm_mday INTEGER,"
+    "\ttm_mon INTEGER,\ttm_year INTEGER,\ttm_wday INTEGER,\ttm_yday INTEGER,\ttm_isdst INTEGER,"
+    "\tdelay INTEGER,\tweek_flag INTEGER,\tdisable_period_effect INTEGER,\ttime_type INTEGER\t)";
+
+static constexpr const char *kCreateDisabledPeriodTable =
+    "CREATE TABLE IF NOT EXISTS disabled_period \t(period_id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    "\tstart_tm_sec INTEGER,\tstart_tm_min INTEGER,\tstart_tm_hour INTEGER,"
+    "\tstart_tm_mday INTEGER,\tstart_tm_mon INTEGER,\tstart_tm_year INTEGER,"
+    "\tstart_tm_wday INTEGER,\tstart_tm_yday INTEGER,\tstart_tm_isdst INTEGER,"
+    "\tend_tm_sec INTEGER,\tend_tm_min INTEGER,\tend_tm_hour INTEGER,\tend_tm_mday INTEGER,"
+    "\tend_tm_mon INTEGER,\tend_tm_year INTEGER,\tend_tm_wday INTEGER,\tend_tm_yday INTEGER,"
+    "\tend_tm_isdst INTEGER,\tstart_date_leap_year_f INTEGER,\tend_date_leap_year_f INTEGER\t)";
+
+static constexpr const char *kInsertDravel =
+    "INSERT INTO dravel \t(type, priority, date_type, tm_sec, tm_min, tm_hour, tm_mday, tm_mon,"
+    "\ttm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag,\tdisable_period_effect, time_type, "
+    "micom_flag) \tVALUES (%d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d)";
+
+static constexpr const char *kUpdateDravel =
+    "UPDATE dravel SET \ttype=%d, priority=%d, date_type=%d, tm_sec=%d, tm_min=%d, tm_hour=%d,"
+    "\ttm_mday=%d, tm_mon=%d, tm_year=%d, tm_wday=%d, tm_yday=%d, tm_isdst=%d,"
+    "\tdelay=%d, week_flag=%d, disable_period_effect=%d, time_type=%d WHERE timer_id = %d";
+
+static constexpr const char *kInsertWakeupDravel =
+    "INSERT INTO dravel \t(timer_id, type, priority, date_type, tm_sec, tm_min, tm_hour, tm_mday, "
+    "tm_mon,\ttm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag, disable_period_effect, "
+    "time_type) \tVALUES (%d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d)";
+
+static constexpr const char *kInsertDisabledPeriod =
+    "INSERT INTO disabled_period \t(start_tm_sec, start_tm_min, start_tm_hour, start_tm_mday, "
+    "start_tm_mon,\t start_tm_year, start_tm_wday, start_tm_yday, start_tm_isdst,"
+    "\t end_tm_sec, end_tm_min, end_tm_hour, end_tm_mday, end_tm_mon,"
+    "\t end_tm_year, end_tm_wday, end_tm_yday, end_tm_isdst, start_date_leap_year_f, "
+    "end_date_leap_year_f) VALUES (%d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d,"
+    "\t\t%d, %d, %d, %d)";
+
+static constexpr const char *kUpdateDisabledPeriod =
+    "UPDATE disabled_period SET \tstart_tm_sec=%d, start_tm_min=%d, start_tm_hour=%d,"
+    "\tstart_tm_mday=%d, start_tm_mon=%d, start_tm_year=%d,"
+    "\tstart_tm_wday=%d, start_tm_yday=%d, start_tm_isdst=%d,"
+    "\tend_tm_sec=%d, end_tm_min=%d, end_tm_hour=%d,"
+    "\tend_tm_mday=%d, end_tm_mon=%d, end_tm_year=%d,"
+    "\tend_tm_wday=%d, end_tm_yday=%d, end_tm_isdst=%d WHERE rowid=%d";
+
+static sqlite3 *dravel_db;
+static sqlite3 *wakeup_dravel_db;
+static bool need_db_migration;
+static bool integrity_check_failed;
+static Eina_List *old_dravel_list;
+static Eina_List *old_wakeup_dravel_list;
+
+namespace {
+
+// The outcome of one statement.
+struct sql_result {
+  sqlite3 *db;
+  int code;
+  std::unique_ptr<char, void (*)(void *)> error;
+
+  bool ok() const { return code == SQLITE_OK; }
+  // A connection that could not be opened refuses statements without a text.
+  const char *text() const { return error ? error.get() : sqlite3_errmsg(db); }
+};
+
+// A statement's text, cut off at the limit of the buffer.
+struct statement {
+  char text[1024];
+  static constexpr std::size_t limit = sizeof text - 1;
+};
+
+using open_file = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
+using connection = std::unique_ptr<sqlite3, int (*)(sqlite3 *)>;
+using row_callback = int (*)(void *fn, int columns, char **values, char **names);
+
+} // namespace
+
+static sql_result execute(sqlite3 *db, const char *sql, row_callback callback = nullptr,
+                          void *fn = nullptr) {
+  char *error = nullptr;
+  const int code = sqlite3_exec(db, sql, callback, fn, &error);
+  return {db, code, {error, sqlite3_free}};
+}
+
+template <typename... Values>
+static sql_result execute_with(sqlite3 *db, const char *format, Values... values) {
+  statement sql;
+  std::snprintf(sql.text, statement::limit, format, values...);
+  return execute(db, sql.text);
+}
+
+// Fills `format` with the fields from column `First` on, then `last`.
+template <std::size_t First, typename Record, std::size_t... I, typename... Last>
+static void format_fields(char *buf, const char *format, const Record &record,
+                          std::index_sequence<I...>, Last... last) {
+  std::snprintf(buf, statement::limit, format,
+                field_of(record, record_fields<Record>[First + I])..., last...);
+}
+
+// Column values are decimal text. A NULL counts as 0, and a number beyond 32
+// bits as the nearest one, so that every word size reads a row alike.
+static int column_value(const char *text) {
+  if (text == nullptr)
+    return 0;
+  const long value = std::strtol(text, nullptr, 10);
+  if (value > INT_MAX)
+    return INT_MAX;
+  return value < INT_MIN ? INT_MIN : static_cast<int>(value);
+}
+
+// Fills the first `fields` fields; those that the row does not have stay.
+template <typename Record>
+static void parse_row(Record &record, std::size_t fields, int columns, char **values) {
+  for (std::size_t i = 0; i < fields && i < static_cast<std::size_t>(columns); ++i)
+    field_of(record, record_fields<Record>[i]) = column_value(values[i]);
+}
+
+template <typename Record> static void deliver_row(void *fn, int columns, char **values) {
+  Record row{};
+  parse_row(row, record_fields<Record>.size(), columns, values);
+  (*static_cast<int (**)(const Record *)>(fn))(&row);
+}
+
+static int dravel_row_cb(void *fn, int columns, char **values, char **) {
+  deliver_row<dravel_item>(fn, columns, values);
+  return 0;
+}
+
+static int disabled_period_row_cb(void *fn, int columns, char **values, char **) {
+  deliver_row<disabled_period_item>(fn, columns, values);
+  return 0;
+}
+
+// One builder for the insert, which ends with the mark of a new row, and the
+// update, which ends with the row's id.
+static void query_dravel_db_str(char *buf, const dravel_item *item, const char *format) {
+  if (buf == nullptr || item == nullptr || format == nullptr)
+    return;
+  const int last = std::strcmp(format, kInsertDravel) == 0 ? 0 : item->timer_id;
+  format_fields<1>(buf, format, *item, std::make_index_sequence<16>{}, last);
+}
+
+static void query_wakeup_dravel_db_str(char *buf, const dravel_item *item, const char *format) {
+  if (buf == nullptr || item == nullptr || format == nullptr)
+    return;
+  format_fields<0>(buf, format, *item, std::make_index_sequence<17>{});
+}
+
+int load_dravel_db(dravel_row_fn fn) {
+  const sql_result result = execute(dravel_db, "SELECT * FROM dravel", dravel_row_cb, &fn);
+  if (!result.ok())
+    LOGE("failed to load table for dravel: %s\n", result.text());
+  return result.code;
+}
+
+int load_wakeup_timer_db(dravel_row_fn fn) {
+  const sql_result result =
+      execute(dravel_db, "SELECT * FROM dravel WHERE micom_flag = 1", dravel_row_cb, &fn);
+  if (!result.ok())
+    LOGE("failed to load table for wakeup timer: %s\n", result.text());
+  return result.code;
+}
+
+int insert_dravel_item_db(dravel_item *item) {
+  statement sql;
+  query_dravel_db_str(sql.text, item, kInsertDravel);
+  const sql_result result = execute(dravel_db, sql.text);
+  if (result.ok())
+    item->timer_id = static_cast<int>(sqlite3_last_insert_rowid(dravel_db));
+  else
+    LOGE("failed to insert dravel item: %s\n", result.text());
+  return result.code;
+}
+
+int update_dravel_item_db(const dravel_item *item) {
+  statement sql;
+  query_dravel_db_str(sql.text, item, kUpdateDravel);
+  const sql_result result = execute(dravel_db, sql.text);
+  if (!result.ok())
+    LOGE("failed to update dravel item[id:%d]: %s\n", item->timer_id, result.text());
+  return result.code;
+}
+
+int delete_dravel_item_db(int timer_id) {
+  const sql_result result =
+      execute_with(dravel_db, "DELETE FROM dravel WHERE timer_id = %d", timer_id);
+  if (!result.ok())
+    LOGE("failed to delete dravel item: %s\n", result.text());
+  return result.code;
+}
+
+int update_disable_period_effect_db(int timer_id, int effect) {
+  const sql_result result = execute_with(
+      dravel_db, "UPDATE dravel SET disable_period_effect = %d \t\t\tWHERE timer_id = %d", effect,
+      timer_id);
+  if (!result.ok())
+    LOGE("failed to update disable period effect[id : %d]: %s\n", timer_id, result.text());
+  return result.code;
+}
+
+int set_micom_flag(int timer_id) {
+  const sql_result cleared =
+      execute(dravel_db, "UPDATE dravel SET micom_flag = 0 \t\t\tWHERE micom_flag = 1");
+  if (!cleared.ok())
+    LOGE("failed to update wakeup item: %s\n", cleared.text());
+
+  const sql_result marked =
+      execute_with(dravel_db, "UPDATE dravel SET micom_flag = 1 WHERE timer_id = %d", timer_id);
+  if (!marked.ok())
+    LOGE("failed to update wakeup item: %s\n", marked.text());
+  return marked.code;
+}
+
+int insert_wakeup_dravel_item_db(const dravel_item *item) {
+  const sql_result emptied = execute(wakeup_dravel_db, "DELETE FROM dravel");
+  if (!emptied.ok()) {
+    LOGE("failed to delete all wakeup timer: %s\n", emptied.text());
+    return emptied.code;
+  }
+
+  statement sql;
+  query_wakeup_dravel_db_str(sql.text, item, kInsertWakeupDravel);
+  const sql_result inserted = execute(wakeup_dravel_db, sql.text);
+  if (!inserted.ok())
+    LOGE("failed to insert wakeup dravel item: %s\n", inserted.text());
+  return inserted.code;
+}
+
+int load_disabled_period_db(disabled_period_row_fn fn) {
+  const sql_result result =
+      execute(dravel_db, "SELECT * FROM disabled_period", disabled_period_row_cb, &fn);
+  if (!result.ok())
+    LOGE("failed to load table for disabled_period: %s\n", result.text());
+  return result.code;
+}
+
+int insert_disabled_period_item_db(disabled_period_item *period) {
+  statement sql;
+  format_fields<1>(sql.text, kInsertDisabledPeriod, *period, std::make_index_sequence<20>{});
+  const sql_result result = execute(dravel_db, sql.text);
+  if (result.ok())
+    period->period_id = static_cast<int>(sqlite3_last_insert_rowid(dravel_db));
+  else
+    LOGE("failed to insert disabled period item: %s\n", result.text());
+  return result.code;
+}
+
+int update_disable_period_db(const disabled_period_item *period) {
+  statement sql;
+  format_fields<1>(sql.text, kUpdateDisabledPeriod, *period, std::make_index_sequence<18>{},
+                   period->period_id);
+  const sql_result result = execute(dravel_db, sql.text);
+  if (!result.ok())
+    LOGE("failed to update disable period item[period_id : %d]: %s\n", period->period_id,
+         result.text());
+  return result.code;
+}
+
+int delete_disabled_period_item_db(int period_id) {
+  const sql_result result =
+      execute_with(dravel_db, "DELETE FROM disabled_period WHERE period_id = %d", period_id);
+  if (!result.ok())
+    LOGE("failed to delete disabled period item: %s\n", result.text());
+  return result.code;
+}
+
+static int check_callback(void *, int columns, char **values, char **) {
+  LOGI("check_callback begin");
+  const char *report = columns > 0 && values[0] != nullptr ? values[0] : "";
+  if (std::strcmp(report, "ok") == 0) {
+    LOGD("db integrity check done - no error");
+  } else {
+    integrity_check_failed = true;
+    LOGE("db integrity check failed : %d , %s", columns, report);
+  }
+  return 0;
+}
+
+static bool is_readable(const char *path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  return fd >= 0 && close(fd) == 0;
+}
+
+int integrity_check(const char *path) {
+  LOGE("integrity_check [%s] begin", path);
+  if (!is_readable(path)) {
+    LOGE("DBFILE [%s] is not exist, it will be created", path);
+    return -1;
+  }
+
+  sqlite3 *handle = nullptr;
+  const int opened = sqlite3_open(path, &handle);
+  connection db(handle, sqlite3_close);
+  if (opened != SQLITE_OK) {
+    LOGE("DB open fail: [%s], remove", sqlite3_errmsg(handle));
+    db.reset();
+    unlink(path);
+    return -1;
+  }
+
+  const open_file stream(std::fopen(path, "re"), std::fclose);
+  if (!stream || std::fgetc(stream.get()) == EOF) {
+    LOGE("integrity_check file size = 0, remove");
+    db.reset();
+    unlink(path);
+    return -1;
+  }
+
+  // A finding in the file checked before says nothing about this one.
+  integrity_check_failed = false;
+  const int checked = execute(handle, "pragma integrity_check", check_callback).code;
+  db.reset();
+  if (checked == SQLITE_CORRUPT) {
+    LOGE("integrity_check [%s] SQLITE_CORRUPT, r = %d , SQLITE_CORRUPT = %d", path, checked,
+         SQLITE_CORRUPT);
+    return -1;
+  }
+  if (integrity_check_failed) {
+    unlink(path);
+    integrity_check_failed = false;
+    LOGE("db [%s] deleted", path);
+    return -1;
+  }
+  LOGE("DBFILE [%s] pragma intergrity check OK", path);
+  return 0;
+}
+
+int make_db_file_manual(const char *path) {
+  const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, kDbFileMode);
+  if (fd < 0) {
+    LOGE("open(%s) Failed", path);
+    return -1;
+  }
+
+  const int owned = fchown(fd, getuid(), getgid());
+  if (owned != 0)
+    LOGE("fchown(%s) Failed(%d)", path, owned);
+  const int opened_up = fchmod(fd, kDbFileMode);
+  if (opened_up != 0)
+    LOGE("fchmod(%s) Failed(%d)", path, opened_up);
+
+  close(fd);
+  LOGE("make_db_file_manual [%s] ", path);
+  return opened_up;
+}
+
+static int __check_db_version_to_migration_cb(void *, int columns, char **values, char **) {
+  const char *version = columns > 0 && values[0] != nullptr ? values[0] : "";
+  LOGI("db version[%s]", version);
+  if (std::strcmp(version, "0") == 0) {
+    LOGI("need db migration. 0 -> 1");
+    need_db_migration = true;
+  }
+  return 0;
+}
+
+static bool __check_need_db_migration(void) {
+  const sql_result result =
+      execute(dravel_db, "pragma user_version", __check_db_version_to_migration_cb);
+  if (!result.ok())
+    LOGE("failed to get db version. ret[%d], error[%s]", result.code, "");
+  return result.ok() && need_db_migration;
+}
+
+static void __set_db_version(void) {
+  LOGI("new db version[%d]", kDbVersion);
+  for (sqlite3 *db : {dravel_db, wakeup_dravel_db}) {
+    const sql_result result = execute_with(db, "pragma user_version = %d", kDbVersion);
+    if (!result.ok())
+      LOGE("failed to set db version. ret[%d], error[%s]", result.code, result.text());
+  }
+}
+
+// Version 0 had the columns up to `week_flag` as they are now, and the rest of
+// them in another order.
+static void __load_data_from_db(dravel_item *item, int columns, char **values) {
+  constexpr std::size_t fields_of_version_0 = 15;
+  parse_row(*item, fields_of_version_0, columns, values);
+  item->time_type = TIME_TYPE_BROADCAST;
+
+  const std::tm &tm = item->tm;
+  LOGD("timer_id[%d], type[%d], priority[%d], date_type[%d]", item->timer_id, item->type,
+       item->priority, item->date_type);
+  LOGD("date[%d/%d/%d-%d:%d:%d], wday[%d], yday[%d], isdst[%d]", add_wrapping(tm.tm_year, 1900),
+       add_wrapping(tm.tm_mon, 1), tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, tm.tm_wday,
+       tm.tm_yday, tm.tm_isdst);
+  LOGD("delay[%d], week_flag[%d], time_type[%d]", item->delay, item->week_flag, item->time_type);
+}
+
+static int __add_old_dravel_to_migration_cb(void *, int columns, char **values, char **) {
+  auto *item = static_cast<dravel_item *>(std::calloc(1, sizeof(dravel_item)));
+  if (item == nullptr) {
+    LOGE("Failed to alloc new timer item\n");
+    return -1;
+  }
+  __load_data_from_db(item, columns, values);
+
+  const int micom_flag = columns > 15 ? column_value(values[15]) : 0;
+  item->disable_period_effect = columns > 16 ? column_value(values[16]) : 0;
+  LOGD("disable_period_effect[%d], micom_flag[%d]", item->disable_period_effect, micom_flag);
+  old_dravel_list = eina_list_append(old_dravel_list, item);
+  return 0;
+}
+
+static int __add_old_wakeup_dravel_to_migration_cb(void *, int columns, char **values, char **) {
+  auto *item = static_cast<dravel_item *>(std::calloc(1, sizeof(dravel_item)));
+  if (item == nullptr) {
+    LOGE("Failed to alloc new wakeup timer item\n");
+    return -1;
+  }
+  __load_data_from_db(item, columns, values);
+
+  item->disable_period_effect = 0;
+  LOGD("disable_period_effect[%d]", item->disable_period_effect);
+  old_wakeup_dravel_list = eina_list_append(old_wakeup_dravel_list, item);
+  return 0;
+}
+
+static void __get_old_dravel_list(void) {
+  const sql_result timers =
+      execute(dravel_db, "SELECT * FROM dravel", __add_old_dravel_to_migration_cb);
+  if (!timers.ok())
+    LOGE("failed to load table for dravel: %s", timers.text());
+
+  const sql_result wakeup =
+      execute(wakeup_dravel_db, "SELECT * FROM dravel", __add_old_wakeup_dravel_to_migration_cb);
+  if (!wakeup.ok())
+    LOGE("failed to load table for wakeup dravel: %s", wakeup.text());
+}
+
+static int create_table(sqlite3 *db, const char *path, const char *table, const char *sql) {
+  const sql_result created = execute(db, sql);
+  if (!created.ok()) {
+    LOGE("failed to create table for %s: %s", table, created.text());
+    unlink(path);
+  }
+  return created.code;
+}
+
+static int recreate_table(sqlite3 *db, const char *path, const char *table, const char *sql) {
+  const sql_result dropped = execute(db, "DROP TABLE dravel");
+  if (!dropped.ok()) {
+    LOGE("failed to drop table for %s: %s", table, dropped.text());
+    unlink(path);
+    return dropped.code;
+  }
+  return create_table(db, path, table, sql);
+}
+
+// Hands each row of `list` to `store` and releases it; the list is then empty.
+template <typename Store> static void drain_old_list(Eina_List *&list, Store store) {
+  void *item;
+  EINA_LIST_FREE(list, item) {
+    store(static_cast<dravel_item *>(item));
+    std::free(item);
+  }
+}
+
+// Rows get new ids. The mark goes to the row whose new id is the id of the old
+// wake-up copy.
+static void __migration_0_to_1(void) {
+  LOGE("__migration_0_to_1");
+  __get_old_dravel_list();
+
+  if (recreate_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable) == SQLITE_OK &&
+      recreate_table(wakeup_dravel_db, kWakeupDravelDbPath, "wakeup dravel",
+                     kCreateWakeupDravelTable) == SQLITE_OK) {
+    drain_old_list(old_dravel_list, insert_dravel_item_db);
+    drain_old_list(old_wakeup_dravel_list, [](const dravel_item *item) {
+      set_micom_flag(item->timer_id);
+      insert_wakeup_dravel_item_db(item);
+    });
+    return;
+  }
+  const auto discard = [](const dravel_item *) {};
+  drain_old_list(old_dravel_list, discard);
+  drain_old_list(old_wakeup_dravel_list, discard);
+}
+
+// Leaves a sound file at `path`, an empty one where there was none.
+static void prepare_db_file(const char *path) {
+  if (integrity_check(path) == -1) {
+    LOGE("initialize_dravel_db integrity_check[%s] fail, it will recreate", path);
+    unlink(path);
+  }
+  make_db_file_manual(path);
+}
+
+// Without its wake-up database the daemon still keeps every timer.
+static void open_wakeup_db(void) {
+  prepare_db_file(kWakeupDravelDbPath);
+  if (sqlite3_open(kWakeupDravelDbPath, &wakeup_dravel_db) != SQLITE_OK)
+    LOGE("failed to open the wakeup_dravel database: %s", sqlite3_errmsg(wakeup_dravel_db));
+  create_table(wakeup_dravel_db, kWakeupDravelDbPath, "wakeup dravel", kCreateWakeupDravelTable);
+}
+
+static int open_main_db(void) {
+  prepare_db_file(kDravelDbPath);
+  const int opened = sqlite3_open(kDravelDbPath, &dravel_db);
+  if (opened != SQLITE_OK) {
+    LOGE("failed to open the dravel database: %s", sqlite3_errmsg(dravel_db));
+    return opened;
+  }
+  const int created = create_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable);
+  if (created != SQLITE_OK)
+    return created;
+  return create_table(dravel_db, kDravelDbPath, "disabled_period", kCreateDisabledPeriodTable);
+}
+
+int initialize_dravel_db(void) {
+  open_wakeup_db();
+  const int opened = open_main_db();
+  if (opened != SQLITE_OK)
+    return opened;
+
+  if (__check_need_db_migration()) {
+    __migration_0_to_1();
+    need_db_migration = false;
+  }
+  __set_db_version();
+  return 0;
+}
+
+int close_dravel_db(void) {
+  sqlite3_close(std::exchange(dravel_db, nullptr));
+  return sqlite3_close(std::exchange(wakeup_dravel_db, nullptr));
+}
+
+void reset_dravel_db(void) {
+  if (access(kDravelDbPath, F_OK) == 0) {
+    if (unlink(kDravelDbPath) == 0)
+      LOGI("success delete db file");
+    else
+      LOGE("failed delete db file");
+  }
+  if (access(kWakeupDravelDbPath, F_OK) == 0) {
+    if (unlink(kWakeupDravelDbPath) == 0)
+      LOGI("success delete wakeup db file");
+    else
+      LOGE("failed delete wakeup db file");
+  }
+}

@@ -1,0 +1,561 @@
+#include "dravel-item.h"
+
+#include "dravel-db.h"
+#include "dravel-list.h"
+#include "dravel-timer.h"
+
+#include <device_power.h>
+#include <system_info.h>
+
+#include <climits>
+#include <cstdlib>
+
+static constexpr const char *kSyncDbKey = "com.vellmar/featureconf/appfw.dravel.sync_db";
+static constexpr unsigned kMaxTimerNum = 80;
+static constexpr int kMaxSearchDays = 366;
+static constexpr int kDaysPerWeek = 7;
+static constexpr time_value kMaxSkipSeconds = 599;
+static constexpr int kFebruary = 1;
+
+static Eina_List *dravel_list;
+static Eina_List *ontimer_list;
+static Eina_List *offtimer_list;
+static Eina_List *disabled_period_list;
+// Removed items whose rows are still stored: in no other list, never released.
+static Eina_List *undeleted_list;
+static dravel_item *wakeup_timer;
+static int next_transient_timer_id = kUnstoredTimerId;
+static int load_wakeup_reason;
+
+Eina_List *get_dravel_list(void) { return dravel_list; }
+
+Eina_List *get_ontimer_list(void) { return ontimer_list; }
+
+Eina_List *get_offtimer_list(void) { return offtimer_list; }
+
+Eina_List *get_disabled_period_list(void) { return disabled_period_list; }
+
+static bool has_type(const dravel_item *item, timer_type type) {
+  return static_cast<unsigned>(item->type) == type;
+}
+
+int is_ontimer_item(const dravel_item *item) {
+  return static_cast<unsigned>(item->type) <= TIMER_TYPE_ONTIMER_MAX &&
+         !has_type(item, TIMER_TYPE_OFF) && !has_type(item, TIMER_TYPE_TRANSIENT) &&
+         !has_type(item, TIMER_TYPE_AMBIENT_OFF);
+}
+
+static void follow_february_end(std::tm *date, int leap_year_f, int year) {
+  if (leap_year_f != 1 || date->tm_mon != kFebruary)
+    return;
+  if (date->tm_mday == 28 && is_leap_year(year))
+    date->tm_mday = 29;
+  else if (date->tm_mday == 29 && !is_leap_year(year))
+    date->tm_mday = 28;
+}
+
+// The year that the ends of February follow. An item whose own clock tells no
+// year goes by the year of the occurrence itself; a TV clock that is not yet
+// known counts from 1970.
+static int february_year(const dravel_item *item, time_value occurrence) {
+  time_value now = 0;
+  if (get_cur_time(&now, item->time_type) != 0 && item->time_type != TIME_TYPE_BROADCAST)
+    now = occurrence;
+  std::tm current;
+  unsigned_gmtime_r(now, &current);
+  return current.tm_year + 1900;
+}
+
+// Orders the dates within a year.
+static std::int64_t date_key(const std::tm &date) {
+  return std::int64_t{100} * date.tm_mon + date.tm_mday;
+}
+
+// Finds the first disabled period that holds the date `when`; `*end` is then
+// its last day in the year `year`.
+static bool find_period_of(const std::tm &when, int year, std::tm *end) {
+  for (const disabled_period_item *period : items_of<disabled_period_item>(disabled_period_list)) {
+    std::tm start = period->start_tm;
+    *end = period->end_tm;
+    follow_february_end(&start, period->start_date_leap_year_f, year);
+    follow_february_end(end, period->end_date_leap_year_f, year);
+    LOGI("start_date: M = %d, D = %d\n", add_wrapping(start.tm_mon, 1), start.tm_mday);
+    LOGI("end_date: M = %d, D = %d\n", add_wrapping(end->tm_mon, 1), end->tm_mday);
+    if (date_key(start) <= date_key(when) && date_key(when) <= date_key(*end))
+      return true;
+  }
+  return false;
+}
+
+// The days between the midnights of two dates, both read in the year of `from`.
+static int days_between(const std::tm &from, const std::tm &to) {
+  std::tm midnight{};
+  midnight.tm_year = from.tm_year;
+  midnight.tm_mon = from.tm_mon;
+  midnight.tm_mday = from.tm_mday;
+  const std::int64_t first = unsigned_timegm(&midnight);
+  midnight.tm_mon = to.tm_mon;
+  midnight.tm_mday = to.tm_mday;
+  const std::int64_t last = unsigned_timegm(&midnight);
+  return static_cast<int>((last - first) / kSecondsPerDay);
+}
+
+int can_skip_timer(const dravel_item *item, time_value occurrence) {
+  if (disabled_period_list == nullptr)
+    return SKIP_NO;
+  LOGE("disabled_period list : %d", static_cast<int>(eina_list_count(disabled_period_list)));
+
+  std::tm when;
+  std::tm end;
+  unsigned_gmtime_r(occurrence, &when);
+  if (!find_period_of(when, february_year(item, occurrence), &end))
+    return SKIP_NO;
+
+  if (item->week_flag != 0) {
+    LOG_TIME(SYSTEM_LOG_INFO, "skip_timer : %s", &when);
+    return SKIP_REFUSED;
+  }
+
+  dravel_item *listed = find_dravel_item(item->timer_id);
+  if (listed == nullptr) {
+    LOGE("The shift timer is disabled\n");
+    return SKIP_REFUSED;
+  }
+  listed->tm.tm_mday = add_wrapping(listed->tm.tm_mday, days_between(when, end) + 1);
+  update_dravel_item_db(listed);
+  LOG_TIME(SYSTEM_LOG_INFO, "to shift timer as after holiday period: %s", &listed->tm);
+  return SKIP_MOVED;
+}
+
+int next_disabled_period(disabled_period_item *period) {
+  std::tm &start = period->start_tm;
+  std::tm &end = period->end_tm;
+  LOG_TIME(SYSTEM_LOG_ERROR, "current start_date : %s", &start);
+  LOG_TIME(SYSTEM_LOG_ERROR, "current end_date : %s", &end);
+
+  start.tm_year = add_wrapping(start.tm_year, 1);
+  end.tm_year = add_wrapping(end.tm_year, 1);
+  follow_february_end(&start, period->start_date_leap_year_f, add_wrapping(start.tm_year, 1900));
+  follow_february_end(&end, period->end_date_leap_year_f, add_wrapping(end.tm_year, 1900));
+
+  LOG_TIME(SYSTEM_LOG_ERROR, "next start_date : %s", &start);
+  LOG_TIME(SYSTEM_LOG_ERROR, "next end_date : %s", &end);
+  return update_disable_period_db(period);
+}
+
+static bool is_on_internet_time(const dravel_item *item) {
+  return item->time_type == TIME_TYPE_INTERNET;
+}
+
+// Only the internet clock needs the others: its times are carried onto the TV
+// clock or, while that is unknown, onto the real-time clock.
+static int read_clocks_of(const dravel_item *item, clock_reading *clocks) {
+  if (is_on_internet_time(item))
+    return read_clocks(clocks);
+  *clocks = {};
+  if (get_cur_time(&clocks->broadcast, TIME_TYPE_BROADCAST) != 0)
+    return -1;
+  clocks->now = clocks->broadcast;
+  return 0;
+}
+
+// The date that the item's own clock shows.
+static void today_of(const dravel_item *item, const clock_reading &clocks, std::tm *today) {
+  unsigned_gmtime_r(is_on_internet_time(item) ? clocks.internet : clocks.broadcast, today);
+}
+
+static void clear_seconds(const dravel_item *item, std::tm *tm) {
+  if (!is_ontimer_item(item) || tm->tm_sec <= 0)
+    return;
+  LOGI("ontimer with seconds: [%d], ignore seconds", tm->tm_sec);
+  tm->tm_sec = 0;
+}
+
+static time_value add_offset_of(const dravel_item *item, const clock_reading &clocks,
+                                time_value expire) {
+  if (!is_on_internet_time(item))
+    return expire;
+  expire = add_time_offset(expire, clocks.offset);
+  LOGI("expire time with offset[%lu]", as_ulong(expire));
+  return expire;
+}
+
+static int holiday_test(const dravel_item *item, time_value expire) {
+  if (has_type(item, TIMER_TYPE_ALWAYS) || item->disable_period_effect == 0)
+    return SKIP_NO;
+  const int decision = can_skip_timer(item, expire);
+  if (decision == SKIP_REFUSED)
+    LOGE("timer is disabled\n");
+  return decision;
+}
+
+// The TV clock wraps from the end of 2099 to 2001, so that a past time of 2001
+// still lies ahead.
+static bool lies_after_wrap(const dravel_item *item, const clock_reading &clocks) {
+  std::tm today;
+  today_of(item, clocks, &today);
+  LOGI("get_next_expire_date, expired_timer_year: %d, curtime_year: %d \n", item->tm.tm_year,
+       today.tm_year);
+  if (item->tm.tm_year != kYear2001 || today.tm_year != kYear2099)
+    return false;
+  LOGI("expired_timer_year == 101 && curtime_year == 199");
+  return true;
+}
+
+static int next_one_shot(const dravel_item *item, const clock_reading &clocks, time_value *expire) {
+  std::tm date = item->tm;
+  clear_seconds(item, &date);
+  *expire = unsigned_timegm(&date);
+  LOGI("expire time[%lu]", as_ulong(*expire));
+  *expire = add_offset_of(item, clocks, *expire);
+
+  if (*expire <= clocks.now) {
+    LOGI("get_next_expire_date, timer_time: %lu, curtime: %lu \n", as_ulong(*expire),
+         as_ulong(clocks.now));
+    if (!lies_after_wrap(item, clocks))
+      return -1;
+  }
+
+  const int decision = holiday_test(item, *expire);
+  if (decision == SKIP_REFUSED)
+    return -1;
+  if (decision == SKIP_MOVED) {
+    date = item->tm;
+    clear_seconds(item, &date);
+    *expire = unsigned_timegm(&date);
+  }
+  return 0;
+}
+
+static bool repeats_on(const dravel_item *item, int wday) {
+  return (static_cast<unsigned>(item->week_flag) >> wday & 1U) != 0;
+}
+
+static int next_repeating(const dravel_item *item, const clock_reading &clocks,
+                          time_value *expire) {
+  std::tm today;
+  today_of(item, clocks, &today);
+  std::tm date = item->tm;
+  date.tm_mday = today.tm_mday;
+  date.tm_mon = today.tm_mon;
+  date.tm_year = today.tm_year;
+
+  if (repeats_on(item, today.tm_wday)) {
+    clear_seconds(item, &date);
+    *expire = add_offset_of(item, clocks, unsigned_timegm(&date));
+    if (*expire > clocks.now && holiday_test(item, *expire) != SKIP_REFUSED)
+      return 0;
+  }
+  for (int day = 1; day <= kMaxSearchDays; ++day) {
+    ++date.tm_mday;
+    if (!repeats_on(item, (today.tm_wday + day) % kDaysPerWeek))
+      continue;
+    *expire = add_offset_of(item, clocks, unsigned_timegm(&date));
+    if (holiday_test(item, *expire) != SKIP_REFUSED)
+      return 0;
+  }
+  return -1;
+}
+
+int get_next_expire_date(const dravel_item *item, std::tm *expire) {
+  if (item == nullptr || expire == nullptr) {
+    LOGE("timer and expire date should not be NULL\n");
+    return -1;
+  }
+
+  clock_reading clocks;
+  if (read_clocks_of(item, &clocks) != 0)
+    return -2;
+  LOGI("timer_id[%d], crt_time[%lu], broadcast time[%lu], internet time[%lu], internet time "
+       "offset[%lf]",
+       item->timer_id, as_ulong(clocks.now), as_ulong(clocks.broadcast), as_ulong(clocks.internet),
+       clocks.offset);
+
+  time_value next = 0;
+  const int result = item->week_flag == 0 ? next_one_shot(item, clocks, &next)
+                                          : next_repeating(item, clocks, &next);
+  if (result != 0)
+    return result;
+  unsigned_gmtime_r(next, expire);
+  LOG_TIME(SYSTEM_LOG_DEBUG, "time: %s", expire);
+  return 0;
+}
+
+int can_skip_standby(const std::tm *standby, int timer_id) {
+  const time_value standby_time = unsigned_timegm(standby);
+  if (ontimer_list == nullptr) {
+    LOGE("ontimer list is null");
+    return 0;
+  }
+  LOG_TIME(SYSTEM_LOG_DEBUG, "check on timer to skip standby timer: %s", standby);
+
+  for (const dravel_item *ontimer : items_of<dravel_item>(ontimer_list)) {
+    std::tm expire{};
+    if (ontimer->timer_id == timer_id || get_next_expire_date(ontimer, &expire) != 0)
+      continue;
+    const time_value distance = unsigned_timegm(&expire) - standby_time;
+    if (distance - 1 <= kMaxSkipSeconds - 1) {
+      LOGD("can skipped standby timer(TC_DTU_000099)");
+      LOG_TIME(SYSTEM_LOG_DEBUG, "by on timer: %s", &ontimer->tm);
+      return 1;
+    }
+  }
+  LOGD("can't skipped standby timer");
+  return 0;
+}
+
+int compare_dravel_cb(const void *listed, const void *added) {
+  if (listed == nullptr || added == nullptr)
+    return 0;
+  const auto *listed_item = static_cast<const dravel_item *>(listed);
+  const auto *added_item = static_cast<const dravel_item *>(added);
+
+  std::tm listed_tm;
+  std::tm added_tm;
+  if (get_next_expire_date(listed_item, &listed_tm) != 0)
+    return -1;
+  if (get_next_expire_date(added_item, &added_tm) != 0)
+    return 1;
+
+  const time_value listed_time = unsigned_timegm(&listed_tm);
+  const time_value added_time = unsigned_timegm(&added_tm);
+  if (listed_time != added_time)
+    return listed_time < added_time ? -1 : 1;
+  if (listed_item->priority > added_item->priority)
+    return -1;
+  // An off-timer listed first keeps its place.
+  return has_type(listed_item, TIMER_TYPE_OFF) ? -1 : 1;
+}
+
+// Puts `item` before the first listed one that it goes ahead of. Eina's sorted
+// insertion bisects, and a listed item without a next expiry would lead it
+// astray: an earlier item would land at the tail.
+static Eina_List *insert_in_order(Eina_List *list, const dravel_item *item) {
+  for (Eina_List *node = list; node != nullptr; node = eina_list_next(node)) {
+    if (compare_dravel_cb(eina_list_data_get(node), item) > 0)
+      return eina_list_prepend_relative_list(list, item, node);
+  }
+  return eina_list_append(list, item);
+}
+
+void rebuild_onoff_timer_lists(void) {
+  ontimer_list = eina_list_free(ontimer_list);
+  offtimer_list = eina_list_free(offtimer_list);
+
+  for (const dravel_item *item : items_of<dravel_item>(dravel_list)) {
+    if (has_type(item, TIMER_TYPE_OFF))
+      offtimer_list = insert_in_order(offtimer_list, item);
+    else if (is_ontimer_item(item))
+      ontimer_list = insert_in_order(ontimer_list, item);
+  }
+}
+
+dravel_item *create_dravel_item(int type, int priority, int date_type, int tm_year, int tm_mon,
+                                int tm_mday, int tm_hour, int tm_min, int tm_sec, int tm_wday,
+                                int tm_yday, int tm_isdst, int delay, int week_flag,
+                                int disable_period_effect, int time_type) {
+  auto *item = static_cast<dravel_item *>(std::calloc(1, sizeof(dravel_item)));
+  if (item == nullptr) {
+    LOGE("Failed to alloc new timer item\n");
+    return nullptr;
+  }
+  item->timer_id = kUnstoredTimerId;
+  item->type = type;
+  item->priority = priority;
+  item->date_type = date_type;
+  item->tm.tm_year = tm_year;
+  item->tm.tm_mon = tm_mon;
+  item->tm.tm_mday = tm_mday;
+  item->tm.tm_hour = tm_hour;
+  item->tm.tm_min = tm_min;
+  item->tm.tm_sec = tm_sec;
+  item->tm.tm_wday = tm_wday;
+  item->tm.tm_yday = tm_yday;
+  item->tm.tm_isdst = tm_isdst;
+  item->delay = delay;
+  item->week_flag = week_flag;
+  item->disable_period_effect = disable_period_effect;
+  item->time_type = time_type;
+  return item;
+}
+
+dravel_item *find_dravel_item(int timer_id) {
+  for (dravel_item *item : items_of<dravel_item>(dravel_list)) {
+    if (item->timer_id == timer_id)
+      return item;
+  }
+  return nullptr;
+}
+
+Eina_List *remove_dravel_item(dravel_item *item) {
+  LOGE("remove_dravel_item: [%d]", item->timer_id);
+  dravel_list = eina_list_remove(dravel_list, item);
+  rebuild_onoff_timer_lists();
+
+  if (delete_dravel_item_db(item->timer_id) != 0) {
+    LOGE("failed to save dravel item to the DB\n");
+    undeleted_list = eina_list_append(undeleted_list, item);
+    return dravel_list;
+  }
+  std::free(item);
+  LOGE("complate remove_dravel_item");
+  return dravel_list;
+}
+
+void check_over_max_timer_num(void) {
+  if (eina_list_count(dravel_list) < kMaxTimerNum)
+    return;
+
+  dravel_item *oldest = nullptr;
+  for (dravel_item *item : items_of<dravel_item>(dravel_list)) {
+    if (oldest == nullptr || item->timer_id < oldest->timer_id)
+      oldest = item;
+  }
+  LOGE("over the max timer num, remove: %d", oldest->timer_id);
+  cancel_ecore_timer(oldest->timer_id);
+  remove_dravel_item(oldest);
+}
+
+static int take_transient_timer_id(void) {
+  if (next_transient_timer_id == INT_MIN)
+    next_transient_timer_id = kUnstoredTimerId;
+  return next_transient_timer_id--;
+}
+
+Eina_List *add_dravel_item(dravel_item *item) {
+  LOGE("add_dravel_item");
+  if (has_type(item, TIMER_TYPE_TRANSIENT)) {
+    item->timer_id = take_transient_timer_id();
+    LOGE("timer_id: %d", item->timer_id);
+  } else {
+    check_over_max_timer_num();
+    if (insert_dravel_item_db(item) != 0) {
+      LOGE("failed to save dravel item to the DB\n");
+      return nullptr;
+    }
+  }
+  dravel_list = insert_in_order(dravel_list, item);
+  rebuild_onoff_timer_lists();
+  return dravel_list;
+}
+
+static bool is_db_synchronised(void) {
+  bool sync_db = false;
+  if (system_info_get_custom_bool(kSyncDbKey, &sync_db) != 0) {
+    LOGE("system_info_get_custom_bool(%s) failed", kSyncDbKey);
+    return false;
+  }
+  return sync_db;
+}
+
+static bool is_dropped_by_cold_start(const dravel_item *row) {
+  return !is_db_synchronised() && load_wakeup_reason == 0 && get_relaunch_state() == 0 &&
+         (has_type(row, TIMER_TYPE_ON) || has_type(row, TIMER_TYPE_OFF));
+}
+
+static int dravel_item_db_cb(const dravel_item *row) {
+  if (is_dropped_by_cold_start(row)) {
+    LOGE("On/Off timers are removed\n");
+    if (delete_dravel_item_db(row->timer_id) != 0)
+      LOGE("failed to save dravel item to the DB\n");
+    return 0;
+  }
+
+  const std::tm &tm = row->tm;
+  dravel_item *item = create_dravel_item(
+      row->type, row->priority, row->date_type, tm.tm_year, tm.tm_mon, tm.tm_mday, tm.tm_hour,
+      tm.tm_min, tm.tm_sec, tm.tm_wday, tm.tm_yday, tm.tm_isdst, row->delay, row->week_flag,
+      row->disable_period_effect, row->time_type);
+  if (item == nullptr) {
+    LOGE("failed to create new timer item\n");
+    return 0;
+  }
+  item->timer_id = row->timer_id;
+  dravel_list = insert_in_order(dravel_list, item);
+  return 0;
+}
+
+Eina_List *load_dravel_list(void) {
+  load_wakeup_reason = device_power_get_wakeup_reason();
+  LOGE("wakeup reason : %d\n", load_wakeup_reason);
+  load_dravel_db(dravel_item_db_cb);
+  rebuild_onoff_timer_lists();
+  return dravel_list;
+}
+
+void set_wakeup_timer(const dravel_item *item) {
+  std::free(wakeup_timer);
+  wakeup_timer = static_cast<dravel_item *>(std::calloc(1, sizeof(dravel_item)));
+  if (wakeup_timer == nullptr) {
+    LOGE("Failed to alloc new timer item\n");
+    return;
+  }
+  copy_fields(*wakeup_timer, *item);
+  LOGD("[%s]wakeup_timer_id : %d \n", "set_wakeup_timer", wakeup_timer->timer_id);
+}
+
+dravel_item *get_wakeup_timer(void) {
+  if (wakeup_timer != nullptr)
+    LOGD("wakeup_timer_id : %d \n", wakeup_timer->timer_id);
+  return wakeup_timer;
+}
+
+static int wakeup_timer_item_db_cb(const dravel_item *row) {
+  const int reason = device_power_get_wakeup_reason();
+  LOGD("wakeup reason : %d\n", reason);
+  if (static_cast<unsigned>(reason) <= 1) {
+    LOGD("This TV is not woken by timer");
+    return 0;
+  }
+  set_wakeup_timer(row);
+  return 0;
+}
+
+int load_wakeup_timer(void) {
+  std::free(wakeup_timer);
+  wakeup_timer = nullptr;
+  return load_wakeup_timer_db(wakeup_timer_item_db_cb);
+}
+
+Eina_List *add_disabled_period_item(disabled_period_item *period) {
+  if (insert_disabled_period_item_db(period) != 0) {
+    LOGE("failed to save disabled period item to the DB\n");
+    return nullptr;
+  }
+  disabled_period_list = eina_list_append(disabled_period_list, period);
+  return disabled_period_list;
+}
+
+Eina_List *remove_disabled_period_item(disabled_period_item *period) {
+  if (delete_disabled_period_item_db(period->period_id) != 0) {
+    LOGE("failed to remove disabled period item to the DB\n");
+    return nullptr;
+  }
+  disabled_period_list = eina_list_remove(disabled_period_list, period);
+  std::free(period);
+  return disabled_period_list;
+}
+
+disabled_period_item *find_disabled_period_item(int period_id) {
+  for (disabled_period_item *period : items_of<disabled_period_item>(disabled_period_list)) {
+    if (period->period_id == period_id)
+      return period;
+  }
+  return nullptr;
+}
+
+static int disabled_period_db_cb(const disabled_period_item *row) {
+  auto *period = static_cast<disabled_period_item *>(std::calloc(1, sizeof(disabled_period_item)));
+  if (period == nullptr) {
+    LOGE("failed to allocate memory\n");
+    return 0;
+  }
+  copy_fields(*period, *row);
+  disabled_period_list = eina_list_append(disabled_period_list, period);
+  return 0;
+}
+
+Eina_List *load_disabled_period_list(void) {
+  load_disabled_period_db(disabled_period_db_cb);
+  return disabled_period_list;
+}

@@ -1,0 +1,861 @@
+#include "dravel-timer.h"
+
+#include "dravel-cb.h"
+#include "dravel-db.h"
+#include "dravel-item.h"
+#include "dravel-list.h"
+#include "dravel-power.h"
+
+#include <Ecore.h>
+#include <IPowerControl.h>
+#include <device_power.h>
+#include <settings.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+static constexpr const char *kInitMarker = "/tmp/dravel_init";
+static constexpr const char *kFinishMarker = "/tmp/dravel_finish";
+static constexpr const char *kClockModeKey = "db/menu/system/time/clock/clock_mode";
+
+static constexpr double kFinishWaitSeconds = 90.0;
+static constexpr double kAdjustWaitSeconds = 60.0;
+static constexpr double kPollSeconds = 0.1;
+
+static constexpr time_value kMaxDistanceSeconds = 31536000; // 365 days
+static constexpr time_value kRebootGuardSeconds = 59;
+
+static constexpr std::size_t kEventStateOffset = 12;
+static constexpr std::size_t kEventAmbientModeOffset = 20;
+
+int ontimer_halt = 0;
+int offtimer_halt = 0;
+bool ambient_poweroff_received = false;
+
+micom_ontimer_record micom_ontimer = {0, 0, 0, TIMER_TYPE_ONTIMER_MAX + 1, 0};
+GHashTable *scheduled_timer_table;
+GHashTable *cb_data_table;
+
+static int kinto_time_updated = 1;
+static int relaunch_state = 0;
+static int wakeup_state = 1;
+static int auto_clock_mode_time_update = 0;
+
+static Ecore_Timer *finish_wait_timer;
+static Ecore_Timer *adjust_wait_timer;
+static Ecore_Timer *retry_adjust_timer;
+
+void set_kinto_time_updated(int value) { kinto_time_updated = value; }
+
+int get_kinto_time_updated(void) { return kinto_time_updated; }
+
+void set_relaunch_state(int value) { relaunch_state = value; }
+
+int get_relaunch_state(void) { return relaunch_state; }
+
+void set_wakeup_state(int value) { wakeup_state = value; }
+
+int get_wakeup_state(void) { return wakeup_state; }
+
+void set_auto_clock_mode_time_update(int value) { auto_clock_mode_time_update = value; }
+
+int get_auto_clock_mode_time_update(void) { return auto_clock_mode_time_update; }
+
+const char *time_str(time_value time) {
+  static char text[kTimeTextSize];
+  std::tm tm;
+  unsigned_gmtime_r(time, &tm);
+  return format_time(&tm, text) ? text : "asctime_r error";
+}
+
+static void stop_timer(Ecore_Timer *&timer) {
+  if (timer == nullptr)
+    return;
+  ecore_timer_freeze(timer);
+  ecore_timer_del(timer);
+  timer = nullptr;
+}
+
+// Only a marker's existence means something. True when it was there already.
+static bool leave_marker(const char *path) {
+  if (access(path, F_OK) == 0) {
+    LOGE("%s file exist", path);
+    return true;
+  }
+  const int fd = open(path, O_CREAT | O_RDONLY | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    LOGE("%s create failed", path);
+    return false;
+  }
+  LOGE("%s file create", path);
+  close(fd);
+  return false;
+}
+
+void create_dravel_finish_file(void) {
+  stop_timer(finish_wait_timer);
+  leave_marker(kFinishMarker);
+}
+
+Eina_Bool wait_dravel_finish_cb(void *) {
+  LOGE("time is not set");
+  finish_wait_timer = nullptr;
+  create_dravel_finish_file();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void init_dravel(void) {
+  if (leave_marker(kInitMarker))
+    set_relaunch_state(1);
+
+  time_value now = 0;
+  if (get_cur_time(&now, TIME_TYPE_BROADCAST) != 0)
+    set_kinto_time_updated(0);
+
+  stop_timer(finish_wait_timer);
+  finish_wait_timer = ecore_timer_add(kFinishWaitSeconds, wait_dravel_finish_cb, nullptr);
+}
+
+void init_hash_table(void) {
+  scheduled_timer_table = g_hash_table_new(g_direct_hash, g_direct_equal);
+  cb_data_table = g_hash_table_new(g_direct_hash, g_direct_equal);
+}
+
+void fini_hash_table(void) {
+  g_hash_table_destroy(scheduled_timer_table);
+  scheduled_timer_table = nullptr;
+  g_hash_table_foreach(
+      cb_data_table, [](void *, void *record, void *) { std::free(record); }, nullptr);
+  g_hash_table_destroy(cb_data_table);
+  cb_data_table = nullptr;
+}
+
+static bool is_armed(int timer_id) {
+  return g_hash_table_contains(scheduled_timer_table, GINT_TO_POINTER(timer_id));
+}
+
+static void forget_armed(int timer_id) {
+  g_hash_table_remove(scheduled_timer_table, GINT_TO_POINTER(timer_id));
+  g_hash_table_remove(cb_data_table, GINT_TO_POINTER(timer_id));
+}
+
+void cancel_ecore_timer(int timer_id) {
+  LOGD("cancel_ecore_timer %d", timer_id);
+  const void *key = GINT_TO_POINTER(timer_id);
+  auto *timer = static_cast<Ecore_Timer *>(g_hash_table_lookup(scheduled_timer_table, key));
+  stop_timer(timer);
+  std::free(g_hash_table_lookup(cb_data_table, key));
+  forget_armed(timer_id);
+}
+
+int set_power_control_wakeup_timer(unsigned int type, time_value time) {
+  return IPowerControl::getInstance()->set_wakeup_time(type, time);
+}
+
+int unset_power_control_wakeup_timer(void) {
+  return IPowerControl::getInstance()->clear_wakeup_time();
+}
+
+int schedule_micom_ontimer(int timer_id, const std::tm *expire, unsigned int type, int priority) {
+  if (type > TIMER_TYPE_ONTIMER_MAX) {
+    LOGI("micom_ontimer type %d, do nothing", static_cast<int>(type));
+    return 0;
+  }
+
+  std::tm ontime = *expire;
+  const bool is_utc = get_clock_mode() == CLOCK_MODE_AUTO;
+  if (is_utc) {
+    LOGI("[before change to UTC][micom ontime] : %s", time_str(unsigned_timegm(expire)));
+    ontime = convert_to_utc(ontime);
+  }
+  micom_ontimer = {timer_id, is_utc ? 1 : 0, unsigned_timegm(&ontime), type, priority};
+  LOGE("[micom ontime] : %s", time_str(micom_ontimer.ontime));
+
+  if (set_power_control_wakeup_timer(type, micom_ontimer.ontime) != 0) {
+    LOGE("Failed to set_power_control_wakeup_timer\n");
+    return -1;
+  }
+  LOGI("end to set micom ontimer");
+  return 0;
+}
+
+void disable_micom_ontimer(void) {
+  LOGI("disabled micom id: %d", micom_ontimer.timer_id);
+  if (unset_power_control_wakeup_timer() != 0)
+    LOGE("Failed to write to ontimer enable node\n");
+  micom_ontimer = {0, 0, 0, micom_ontimer.type, -1};
+  LOGI("end to disable micom ontimer");
+}
+
+static void disable_programmed_ontimer(void) {
+  if (micom_ontimer.type <= TIMER_TYPE_ONTIMER_MAX)
+    disable_micom_ontimer();
+}
+
+// The programmed on-time on the local clock.
+static time_value programmed_local_ontime(void) {
+  return micom_ontimer.is_utc != 0 ? convert_to_localtime(micom_ontimer.ontime)
+                                   : micom_ontimer.ontime;
+}
+
+void update_micom_flag(void) {
+  if (micom_ontimer.timer_id == 0)
+    return;
+  LOGD("update micom flag");
+  if (set_micom_flag(micom_ontimer.timer_id) != 0)
+    LOGE("Failed to set micom flag to db");
+  load_wakeup_timer_db(insert_wakeup_dravel_item_db);
+}
+
+void update_micom_ontimer(void) {
+  if (micom_ontimer.timer_id == 0)
+    return;
+  std::tm ontime;
+  unsigned_gmtime_r(programmed_local_ontime(), &ontime);
+  const int result = schedule_micom_ontimer(micom_ontimer.timer_id, &ontime, micom_ontimer.type,
+                                            micom_ontimer.priority);
+  if (result != 0) {
+    LOGE("schedule_micom_ontimer : %d \n", result);
+    return;
+  }
+  update_micom_flag();
+  LOGD("micom ontimer_id:%d, ontimer_type: %d\n", micom_ontimer.timer_id,
+       static_cast<int>(micom_ontimer.type));
+}
+
+int find_duplicate_ontimer(const dravel_item *item, dravel_item **out) {
+  if (item == nullptr) {
+    LOGE("timer_item should not be NULL");
+    return -1;
+  }
+  if (get_ontimer_list() == nullptr) {
+    LOGE("ontimerlist is null");
+    return -1;
+  }
+
+  const time_value time = unsigned_timegm(&item->tm);
+  for (dravel_item *listed : items_of<dravel_item>(get_ontimer_list())) {
+    if (listed->type == item->type && listed->week_flag == item->week_flag &&
+        listed->time_type == item->time_type && unsigned_timegm(&listed->tm) == time) {
+      LOGI("duplicate timer id:%d, time: %lu", listed->timer_id, as_ulong(time));
+      *out = listed;
+      return 0;
+    }
+  }
+  return -1;
+}
+
+// A weekday's bit of a week flag; none for a number that is no weekday.
+static int weekday_bit(int wday) { return wday >= 0 && wday <= 6 ? 1 << wday : 0; }
+
+// The configured time of an on- or off-timer, on the line of the TV clock.
+static time_value configured_time(const dravel_item *item, double offset, const char *name) {
+  time_value time = unsigned_timegm(&item->tm);
+  LOGI("%s_time[%lu]", name, as_ulong(time));
+  if (item->time_type == TIME_TYPE_INTERNET) {
+    time = add_time_offset(time, offset);
+    LOGI("%s_time with offset[%lu]", name, as_ulong(time));
+  }
+  return time;
+}
+
+// Without the TV clock the timers that are on it cannot be told apart in time.
+static bool is_out_of_time(const dravel_item *item, const clock_reading &clocks) {
+  return clocks.broadcast == 0 && item->time_type == TIME_TYPE_BROADCAST;
+}
+
+// Takes the off-timers set for the on-timer's own time out of its `*week_flag`.
+// False when that leaves nothing of the on-timer: a one-shot one, or the last of
+// its days.
+static bool leave_out_offtimers(const dravel_item *ontimer, const clock_reading &clocks,
+                                int *week_flag) {
+  const time_value on_time = configured_time(ontimer, clocks.offset, "on");
+  for (const dravel_item *offtimer : items_of<dravel_item>(get_offtimer_list())) {
+    if (is_out_of_time(offtimer, clocks) ||
+        configured_time(offtimer, clocks.offset, "off") != on_time)
+      continue;
+
+    const bool once_off = offtimer->week_flag == 0;
+    if (ontimer->week_flag == 0) {
+      if (once_off || (offtimer->week_flag & weekday_bit(ontimer->tm.tm_wday)) != 0) {
+        cancel_ecore_timer(ontimer->timer_id);
+        return false;
+      }
+    } else if (once_off) {
+      *week_flag ^= weekday_bit(offtimer->tm.tm_wday);
+    } else {
+      *week_flag &= ontimer->week_flag & ~offtimer->week_flag;
+    }
+  }
+  return ontimer->week_flag == 0 || *week_flag != 0;
+}
+
+int get_next_ontimer_not_overlap_with_offtimer(dravel_item **item, std::tm *expire) {
+  if (get_ontimer_list() == nullptr) {
+    LOGE("ontimerlist is null");
+    return -1;
+  }
+
+  const bool has_offtimers = get_offtimer_list() != nullptr;
+  clock_reading clocks{};
+  if (has_offtimers) {
+    read_clocks(&clocks);
+    LOGI("internet_time_offset[%lf]", clocks.offset);
+  }
+
+  time_value earliest = kInvalidTime;
+  for (dravel_item *ontimer : items_of<dravel_item>(get_ontimer_list())) {
+    dravel_item narrowed = *ontimer;
+    if (has_offtimers && (is_out_of_time(ontimer, clocks) ||
+                          !leave_out_offtimers(ontimer, clocks, &narrowed.week_flag)))
+      continue;
+
+    std::tm next{};
+    if (get_next_expire_date(ontimer->week_flag == 0 ? ontimer : &narrowed, &next) != 0)
+      continue;
+    const time_value time = unsigned_timegm(&next);
+    if (time >= earliest)
+      continue;
+    *item = ontimer;
+    *expire = next;
+    earliest = time;
+    LOGD("next ontimer %s", time_str(time));
+  }
+  return earliest == kInvalidTime ? -1 : 0;
+}
+
+enum class choice { none, programmed, refused };
+
+// Programs the on-timer that the set is to wake for next.
+static choice program_next_ontimer(void) {
+  dravel_item *chosen = nullptr;
+  std::tm expire{};
+  if (get_next_ontimer_not_overlap_with_offtimer(&chosen, &expire) != 0)
+    return choice::none;
+  const int result = schedule_micom_ontimer(chosen->timer_id, &expire,
+                                            static_cast<unsigned>(chosen->type), chosen->priority);
+  return result == 0 ? choice::programmed : choice::refused;
+}
+
+// Returns 0 with the time that `item` is to be measured against; 0 stands for a
+// TV clock that is not known.
+static int read_now_of(const dravel_item *item, time_value *now) {
+  *now = 0;
+  if (get_cur_time(now, TIME_TYPE_BROADCAST) == 0 || item->time_type != TIME_TYPE_INTERNET)
+    return 0;
+  return get_cur_time(now, TIME_TYPE_RTC);
+}
+
+// From the first to the last second that the TV clock shows before it wraps.
+static time_value wrap_span(void) {
+  std::tm first{};
+  first.tm_year = kYear2001;
+  first.tm_mday = 1;
+  std::tm last{};
+  last.tm_year = kYear2099;
+  last.tm_mon = 11;
+  last.tm_mday = 31;
+  last.tm_hour = 23;
+  last.tm_min = 59;
+  last.tm_sec = 59;
+  return unsigned_timegm(&last) - unsigned_timegm(&first);
+}
+
+// The seconds from `now` to an expiry. -1 for one that has passed, unless the TV
+// clock is about to wrap from 2099 to 2001.
+static int distance_to(time_value expire_time, const std::tm &expire_tm, time_value now,
+                       time_value *timediff) {
+  *timediff = expire_time - now;
+  if (expire_time >= now)
+    return 0;
+
+  LOGE("invalied time : %s", time_str(expire_time));
+  std::tm now_tm;
+  unsigned_gmtime_r(now, &now_tm);
+  LOGI("schedule_dravel_item, expired_timer_year: %d, curtime_year: %d \n", expire_tm.tm_year,
+       now_tm.tm_year);
+  if (expire_tm.tm_year != kYear2001 || now_tm.tm_year != kYear2099)
+    return -1;
+  LOGI("expired_timer_year == 101 and curtime_year == 199");
+  *timediff += wrap_span();
+  LOGI("timediff : %lu", as_ulong(*timediff));
+  return 0;
+}
+
+// The micro-controller needs time to take a new on-time: one that comes within
+// the minute would restart a set that is about to fire by itself.
+static bool fires_in_current_minute(time_value now, const std::tm &expire_tm, time_value timediff) {
+  std::tm now_tm;
+  unsigned_gmtime_r(now, &now_tm);
+  if (timediff > kRebootGuardSeconds || now_tm.tm_min != expire_tm.tm_min)
+    return false;
+  LOGI("micom spec. abovid reboot");
+  return true;
+}
+
+// The programmed on-time on the local clock, 0 when none lies ahead of `now`.
+static time_value pending_local_ontime(time_value now) {
+  const time_value local_ontime = programmed_local_ontime();
+  LOGI("local_ontime : %s", time_str(local_ontime));
+  LOGI("local_ontime : %lu", as_ulong(local_ontime));
+  if (now <= local_ontime)
+    return local_ontime;
+  LOGI("set local_ontime to 0");
+  return 0;
+}
+
+static int arm(dravel_item *item, dravel_expire_fn cb, void *data, time_value timediff) {
+  auto *record = static_cast<cb_data *>(std::malloc(sizeof(cb_data)));
+  Ecore_Timer *timer = nullptr;
+  if (record != nullptr) {
+    *record = {cb, item, data, timediff};
+    timer = ecore_timer_add(static_cast<double>(timediff), ecore_timer_cb, record);
+  }
+  if (timer == nullptr) {
+    LOGE("out of memory");
+    std::free(record);
+    return -1;
+  }
+  LOGI("cb_data : %p, timer_item : %p, scheduled_timer : %p", static_cast<void *>(record),
+       static_cast<void *>(item), static_cast<void *>(timer));
+  g_hash_table_insert(scheduled_timer_table, GINT_TO_POINTER(item->timer_id), timer);
+  g_hash_table_insert(cb_data_table, GINT_TO_POINTER(item->timer_id), record);
+  return 0;
+}
+
+static bool goes_before_programmed(const dravel_item *item, time_value expire_time,
+                                   time_value local_ontime) {
+  return local_ontime == 0 || expire_time < local_ontime ||
+         (expire_time == local_ontime && item->priority > micom_ontimer.priority);
+}
+
+// What arming `item` means for the micro-controller: an earlier on-timer takes
+// the place of the programmed one, an off-timer may take it away.
+static void reconsider_micom_ontimer(const dravel_item *item, time_value expire_time,
+                                     time_value local_ontime, bool avoid_reboot) {
+  if (is_ontimer_item(item) && !avoid_reboot) {
+    if (goes_before_programmed(item, expire_time, local_ontime) &&
+        program_next_ontimer() == choice::refused)
+      LOGE("Failed to schedule micom ontimer");
+    return;
+  }
+  if (item->type != TIMER_TYPE_OFF || local_ontime == 0)
+    return;
+  switch (program_next_ontimer()) {
+  case choice::none:
+    disable_programmed_ontimer();
+    break;
+  case choice::refused:
+    LOGE("Failed to schedule micom offtimer");
+    break;
+  case choice::programmed:
+    break;
+  }
+}
+
+int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
+  LOGE("start schedule timer_id[%d] week_flag[0x%x] disable_effect[%d] time_type[%d]",
+       item->timer_id, static_cast<unsigned>(item->week_flag), item->disable_period_effect,
+       item->time_type);
+  time_value now = 0;
+  if (read_now_of(item, &now) != 0)
+    return SCHEDULE_TIME_UNKNOWN;
+  LOGE("curtime : %s", time_str(now));
+
+  std::tm expire_tm{};
+  const int result = get_next_expire_date(item, &expire_tm);
+  if (result != 0) {
+    LOGE("get_next_expire_date~~~error code : %d\n", result);
+    return result;
+  }
+  if (item->type == TIMER_TYPE_STANDBY && can_skip_standby(&expire_tm, item->timer_id) != 0)
+    return SCHEDULE_NEVER_FIRES;
+
+  const time_value expire_time = unsigned_timegm(&expire_tm);
+  time_value timediff = 0;
+  if (distance_to(expire_time, expire_tm, now, &timediff) != 0)
+    return SCHEDULE_NEVER_FIRES;
+  const bool avoid_reboot = fires_in_current_minute(now, expire_tm, timediff);
+  const time_value local_ontime = pending_local_ontime(now);
+
+  LOGE("expire_time : %s", time_str(expire_time));
+  LOGI("timediff : %lu", as_ulong(timediff));
+  LOGI("micom_ontime : %s", time_str(micom_ontimer.ontime));
+  LOGI("local_ontime : %s", time_str(local_ontime));
+  LOGD("expire_time : %lu", as_ulong(expire_time));
+  LOGD("micom_ontime : %lu", as_ulong(micom_ontimer.ontime));
+  LOGE("ontimer_list_count %d, offtimer_list_count %d",
+       static_cast<int>(eina_list_count(get_ontimer_list())),
+       static_cast<int>(eina_list_count(get_offtimer_list())));
+  if (timediff > kMaxDistanceSeconds) {
+    LOGE("!!!timediff couldn't be greater than one year~~~\n");
+    return SCHEDULE_NEVER_FIRES;
+  }
+
+  LOGE("scheduled item id: %d, type: %d", item->timer_id, item->type);
+  if (arm(item, cb, data, timediff) != 0)
+    return SCHEDULE_NEVER_FIRES;
+  reconsider_micom_ontimer(item, expire_time, local_ontime, avoid_reboot);
+  return SCHEDULE_ARMED;
+}
+
+Eina_Bool ecore_timer_cb(void *data) {
+  auto *record = static_cast<cb_data *>(data);
+  dravel_item *item = record->timer_item;
+  LOGI("~#@CBDATA = %p~TIMERITEM = %p~TIMEID = %d~TYPE = %d~TIMEDIFF = %ld\n",
+       static_cast<void *>(record), static_cast<void *>(item), item->timer_id, item->type,
+       static_cast<long>(record->timediff));
+  record->cb(item, record->data);
+  forget_armed(item->timer_id);
+  adjust_dravel_all_items(nullptr, nullptr);
+  std::free(record);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+// The programmed on-timer is gone: the next one takes its place.
+static void schedule_next_ontimer(void) {
+  disable_programmed_ontimer();
+  if (get_ontimer_list() == nullptr) {
+    disable_programmed_ontimer();
+    return;
+  }
+  std::tm expire{};
+  const auto *next = static_cast<const dravel_item *>(eina_list_data_get(get_ontimer_list()));
+  if (get_next_expire_date(next, &expire) != 0)
+    return;
+
+  switch (program_next_ontimer()) {
+  case choice::none:
+    disable_programmed_ontimer();
+    break;
+  case choice::refused:
+    LOGE("Failed to schedule next micom ontimer");
+    break;
+  case choice::programmed:
+    break;
+  }
+}
+
+// An off-timer is gone: an on-timer that it had kept from firing is armed again.
+static void rearm_next_ontimer(void) {
+  dravel_item *chosen = nullptr;
+  std::tm expire{};
+  if (get_next_ontimer_not_overlap_with_offtimer(&chosen, &expire) != 0)
+    return;
+  cancel_ecore_timer(chosen->timer_id);
+  if (schedule_dravel_item(chosen, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
+    LOGE("timer doesn't have next expire date");
+    remove_dravel_item(chosen);
+  }
+}
+
+void cancel_dravel_item(dravel_item *item) {
+  LOGD("timer:%d canceled\n", item->timer_id);
+  LOGE("timer_item %p", static_cast<void *>(item));
+  const int timer_id = item->timer_id;
+  const int type = item->type;
+  const bool had_ontimers = get_ontimer_list() != nullptr;
+
+  cancel_ecore_timer(timer_id);
+  remove_dravel_item(item);
+  if (micom_ontimer.timer_id == timer_id)
+    schedule_next_ontimer();
+  if (type == TIMER_TYPE_OFF && had_ontimers)
+    rearm_next_ontimer();
+}
+
+// Moves a one-shot item by whole days, so that its time of day comes within the
+// next 24 hours, and stores it.
+static void re_anchor(dravel_item *item, const clock_reading &clocks) {
+  time_value scheduled = unsigned_timegm(&item->tm);
+  LOGI("scheduled_time[%lu]", as_ulong(scheduled));
+  time_value on_tv_clock = scheduled;
+  if (item->time_type == TIME_TYPE_INTERNET) {
+    on_tv_clock = add_time_offset(scheduled, clocks.offset);
+    LOGI("scheduled_time with offset[%lu]", as_ulong(on_tv_clock));
+  }
+
+  if (on_tv_clock - kSecondsPerDay >= clocks.now) {
+    scheduled -= kSecondsPerDay * ((on_tv_clock - clocks.now) / kSecondsPerDay);
+  } else if (clocks.now > on_tv_clock) {
+    const time_value late = clocks.now - on_tv_clock;
+    const time_value days = late / kSecondsPerDay;
+    scheduled += late == kSecondsPerDay * days ? late : kSecondsPerDay * (days + 1);
+  }
+
+  unsigned_gmtime_r(scheduled, &item->tm);
+  const int result = update_dravel_item_db(item);
+  if (result != 0)
+    LOGD("update_dravel_item_db error : %d", result);
+  LOGD("changed once time : %s", time_str(scheduled));
+}
+
+static void adjust_unarmed(dravel_item *item) {
+  LOG_TIME(SYSTEM_LOG_DEBUG, "time: %s", &item->tm);
+  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES)
+    remove_dravel_item(item);
+}
+
+static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
+  cancel_ecore_timer(item->timer_id);
+  if (item->type != TIMER_TYPE_ALWAYS && item->week_flag == 0) {
+    if (is_out_of_time(item, clocks))
+      return;
+    re_anchor(item, clocks);
+  }
+  LOGD("adjust timer timer_id: %d, type: %d", item->timer_id, item->type);
+  LOG_TIME(SYSTEM_LOG_DEBUG, "time: %s", &item->tm);
+  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
+    LOGD("timer doesn't have next expire date");
+    remove_dravel_item(item);
+  }
+}
+
+void adjust_dravel_all_items(struct settings_key *, void *) {
+  LOGE("adjust_all_timers");
+  disable_programmed_ontimer();
+  LOGE("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
+
+  clock_reading clocks;
+  read_clocks(&clocks);
+  LOGI("curtime[%lu], broadcast time[%lu], internet time[%lu], internet time offset[%lf]",
+       as_ulong(clocks.now), as_ulong(clocks.broadcast), as_ulong(clocks.internet), clocks.offset);
+
+  for (dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
+    if (item->type == TIMER_TYPE_TRANSIENT)
+      continue;
+    if (is_armed(item->timer_id))
+      adjust_armed(item, clocks);
+    else
+      adjust_unarmed(item);
+  }
+}
+
+void reschedule_all_timers(void) {
+  LOGE("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
+  disable_programmed_ontimer();
+  for (dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
+    cancel_ecore_timer(item->timer_id);
+    if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
+      LOGE("timer doesn't have next expire date");
+      remove_dravel_item(item);
+    }
+  }
+}
+
+// The TV clock has become valid: timers may be armed from now on.
+static void start_with_valid_time(void) {
+  set_kinto_time_updated(1);
+  reschedule_all_timers();
+  create_dravel_finish_file();
+}
+
+Eina_Bool adjust_wait_timer_cb(void *) {
+  LOGE("failed auto_time_set");
+  adjust_wait_timer = nullptr;
+  set_kinto_time_updated(1);
+  reschedule_all_timers();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+Eina_Bool wait_cur_time_cb(void *) {
+  time_value now = 0;
+  if (get_cur_time(&now, TIME_TYPE_BROADCAST) != 0)
+    return ECORE_CALLBACK_RENEW;
+  start_with_valid_time();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static int power_poweroff_cb(int option, void *) {
+  LOGE("poweroff option: %d", option);
+  if (is_resetting_poweroff(option)) {
+    LOGI("reset dravel db");
+    reset_dravel_db();
+  }
+  set_kinto_time_updated(0);
+  return 0;
+}
+
+static int power_standby_cb(int option, void *) {
+  LOGE("standby option: %d", option);
+  set_kinto_time_updated(0);
+  set_wakeup_state(0);
+  update_micom_ontimer();
+  return 0;
+}
+
+static int ambient_power_off_cb(void *) {
+  LOGE("into the ambient suspend mode");
+  set_kinto_time_updated(0);
+  set_wakeup_state(0);
+  update_micom_flag();
+  return 0;
+}
+
+// The clock may have jumped while the set slept. The programmed on-timer is
+// disarmed, so that the next adjustment judges it by the clock; unless the clock
+// is trusted, all timers are adjusted at once where it can be read, and again
+// when the middleware confirms the time or 60 seconds have passed.
+static void react_to_wakeup(void) {
+  if (micom_ontimer.timer_id >= 0)
+    cancel_ecore_timer(micom_ontimer.timer_id);
+  if (get_kinto_time_updated() != 0)
+    return;
+
+  time_value now = 0;
+  if (get_cur_time(&now, TIME_TYPE_BROADCAST) == 0)
+    adjust_dravel_all_items(nullptr, nullptr);
+  stop_timer(adjust_wait_timer);
+  adjust_wait_timer = ecore_timer_add(kAdjustWaitSeconds, adjust_wait_timer_cb, nullptr);
+}
+
+static int power_wakeup_cb(int reason, void *) {
+  LOGE("wakeup reason: %d", reason);
+  set_wakeup_state(1);
+  if (micom_ontimer.timer_id >= 0)
+    LOGD("micom_ontimer id: %d", micom_ontimer.timer_id);
+  react_to_wakeup();
+  return 0;
+}
+
+static int event_field(const void *event, std::size_t offset) {
+  int value = 0;
+  std::memcpy(&value, static_cast<const char *>(event) + offset, sizeof value);
+  return value;
+}
+
+static int power_state_changed(const void *event, void *) {
+  const int state = event_field(event, kEventStateOffset);
+  const int ambient_mode = event_field(event, kEventAmbientModeOffset);
+  LOGE("power_state_changed, [%d], [%d]", state, ambient_mode);
+  if (!is_ambient_low_power(state, ambient_mode))
+    return 0;
+  LOGI("into the ambient low power mode");
+  set_wakeup_state(1);
+  if (micom_ontimer.timer_id >= 0)
+    LOGI("micom_ontimer id: %d", micom_ontimer.timer_id);
+  react_to_wakeup();
+  return 0;
+}
+
+// The subscriptions that the daemon cannot do without, in their order.
+static constexpr struct {
+  const char *name;
+  int (*subscribe)();
+  int (*unsubscribe)();
+} kPowerSubscriptions[] = {
+    {"poweroff", [] { return device_power_subscribe_poweroff(power_poweroff_cb, nullptr); },
+     [] { return device_power_unsubscribe_poweroff(power_poweroff_cb); }},
+    {"standby", [] { return device_power_subscribe_standby(power_standby_cb, nullptr); },
+     [] { return device_power_unsubscribe_standby(power_standby_cb); }},
+    {"wakeup", [] { return device_power_subscribe_wakeup(power_wakeup_cb, nullptr); },
+     [] { return device_power_unsubscribe_wakeup(power_wakeup_cb); }},
+    {"ambient_poweroff",
+     [] { return device_power_subscribe_ambient_poweroff(ambient_power_off_cb, nullptr); },
+     [] { return device_power_unsubscribe_ambient_poweroff(ambient_power_off_cb); }},
+};
+
+int init_power_state_handler(void) {
+  for (const auto &subscription : kPowerSubscriptions) {
+    const int result = subscription.subscribe();
+    if (result != 0) {
+      LOGE("device_power_subscribe_%s error : %d \n", subscription.name, result);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+void fini_power_state_handler(void) {
+  for (const auto &subscription : kPowerSubscriptions) {
+    const int result = subscription.unsubscribe();
+    if (result != 0)
+      LOGE("device_power_unsubscribe_%s error : %d \n", subscription.name, result);
+  }
+}
+
+void register_ambient_mode_cb(void) {
+  if (ambient_poweroff_received)
+    return;
+  const int result = device_power_subscribe_state_changed_event(power_state_changed, nullptr);
+  if (result != 0) {
+    LOGE("failed to set power state changed callback, %d", result);
+    return;
+  }
+  ambient_poweroff_received = true;
+}
+
+void unregister_ambient_mode_cb(void) {
+  if (ambient_poweroff_received)
+    device_power_unsubscribe_state_changed_event(power_state_changed);
+}
+
+Eina_Bool retry_adjust_all_timers(void *) {
+  if (get_auto_clock_mode_time_update() == 0) {
+    LOGE("retry_adjust_all_timers, clock mode change but time not update.");
+    return ECORE_CALLBACK_RENEW;
+  }
+  adjust_dravel_all_items(nullptr, nullptr);
+  retry_adjust_timer = nullptr;
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static void clock_mode_changed(struct settings_key *, void *) {
+  LOGE("clock_mode_changed");
+  int mode = 0;
+  if (settings_get_int(kClockModeKey, &mode) != 0)
+    return;
+  stop_timer(retry_adjust_timer);
+  if (mode == CLOCK_MODE_MANUAL)
+    set_auto_clock_mode_time_update(0);
+  if (mode != CLOCK_MODE_AUTO)
+    return;
+  if (get_auto_clock_mode_time_update() != 0)
+    adjust_dravel_all_items(nullptr, nullptr);
+  else
+    retry_adjust_timer = ecore_timer_add(kPollSeconds, retry_adjust_all_timers, nullptr);
+}
+
+static constexpr struct {
+  const char *key;
+  settings_changed_cb changed;
+  const char *event;
+} kSettingsWatchers[] = {
+    {"db/menu/system/time/clock/time_zone", adjust_dravel_all_items, "changing time zone"},
+    {kClockModeKey, clock_mode_changed, "changing clockmode"},
+    {"db/menu/system/time/clock/time_set", adjust_dravel_all_items, "time setting"},
+};
+
+int init_settings_handler(void) {
+  for (const auto &watcher : kSettingsWatchers) {
+    if (settings_notify_key_changed(watcher.key, watcher.changed, nullptr) < 0) {
+      LOGE("Failed to add callback for %s event\n", watcher.event);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+void auto_time_set(void) {
+  const int time_updated = get_kinto_time_updated();
+  const int state = device_power_get_state();
+  const int ambient_mode = device_power_get_ambient_mode();
+  LOGI("power_state: %d, ambient_mode: %d, get_kinto_time_updated %d", state, ambient_mode,
+       time_updated);
+
+  if (time_updated == 0 && (state == POWER_STATE_ON || state == POWER_STATE_SLEEPING ||
+                            is_ambient_low_power(state, ambient_mode))) {
+    stop_timer(adjust_wait_timer);
+    time_value now = 0;
+    if (get_cur_time(&now, TIME_TYPE_BROADCAST) == 0)
+      start_with_valid_time();
+    else
+      ecore_timer_add(kPollSeconds, wait_cur_time_cb, nullptr);
+  }
+
+  int mode = 0;
+  if (settings_get_int(kClockModeKey, &mode) == 0 && mode == CLOCK_MODE_AUTO)
+    set_auto_clock_mode_time_update(1);
+}

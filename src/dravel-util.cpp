@@ -1,0 +1,107 @@
+#include "dravel-util.h"
+
+#include "dravel-log.h"
+
+#include <CTimeUtil.h>
+#include <IPowerControl.h>
+
+#include <cstring>
+
+static constexpr double kTimeValueLimit = 4294967296.0;
+
+static int get_rtc_time(time_value *out) {
+  rtc_time rtc{};
+  if (IPowerControl::getInstance()->read_rtc(&rtc) != 0) {
+    LOGE("failed to get rtc time");
+    return -1;
+  }
+  LOGI("%d/%d/%d - %d:%d:%d", rtc.year, rtc.month, rtc.day, rtc.hours, rtc.minutes, rtc.seconds);
+
+  std::tm tm{};
+  tm.tm_sec = rtc.seconds;
+  tm.tm_min = rtc.minutes;
+  tm.tm_hour = rtc.hours;
+  tm.tm_mday = rtc.day;
+  tm.tm_mon = rtc.month - 1;
+  tm.tm_year = rtc.year + 100;
+  *out = unsigned_timegm(&tm);
+  LOGI("rtc time:%lu", as_ulong(*out));
+  return *out == kInvalidTime ? -1 : 0;
+}
+
+int get_cur_time(time_value *out, int time_type) {
+  switch (time_type) {
+  case TIME_TYPE_BROADCAST:
+    *out = CTimeUtil::GetCurrentTime();
+    return *out == 0 ? -1 : 0;
+  case TIME_TYPE_INTERNET:
+    *out = static_cast<time_value>(std::time(nullptr));
+    return 0;
+  case TIME_TYPE_RTC:
+    return get_rtc_time(out);
+  default:
+    LOGI("time type is NULL");
+    return -1;
+  }
+}
+
+int read_clocks(clock_reading *out) {
+  *out = {};
+  if (get_cur_time(&out->broadcast, TIME_TYPE_BROADCAST) == 0) {
+    out->now = out->broadcast;
+  } else if (get_cur_time(&out->now, TIME_TYPE_RTC) != 0) {
+    *out = {};
+    return -1;
+  }
+  get_cur_time(&out->internet, TIME_TYPE_INTERNET);
+  out->offset = static_cast<double>(out->now) - static_cast<double>(out->internet);
+  return 0;
+}
+
+time_value add_time_offset(time_value time, double offset) {
+  const double sum = static_cast<double>(time) + offset;
+  if (!(sum > 0.0))
+    return 0;
+  if (sum >= kTimeValueLimit)
+    return kInvalidTime;
+  return static_cast<time_value>(sum);
+}
+
+time_value unsigned_timegm(const std::tm *time) { return CTimeUtil::Unsigned_timegm(time); }
+
+std::tm *unsigned_gmtime_r(time_value time, std::tm *out) {
+  return CTimeUtil::Unsigned_gmtime_r(time, out);
+}
+
+time_value convert_to_localtime(time_value time) { return CTimeUtil::ConvertToLocalTime(time); }
+
+std::tm convert_to_utc(std::tm local) { return CTimeUtil::ConvertToUTCTime(local); }
+
+int get_clock_mode(void) {
+  switch (CTimeUtil::GetClockMode()) {
+  case CLOCK_MODE_AUTO:
+    LOGD("CLOCK_MODE_AUTO ");
+    return CLOCK_MODE_AUTO;
+  case CLOCK_MODE_MANUAL:
+    LOGD("CLOCK_MODE_MANAUL ");
+    return CLOCK_MODE_MANUAL;
+  default:
+    return CLOCK_MODE_OTHER;
+  }
+}
+
+int is_leap_year(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0 ? 1 : 0; }
+
+// asctime_r writes 26 bytes and looks names up by weekday and month; what would
+// not fit is undefined there.
+static bool fits_asctime(const std::tm &time) {
+  const auto two_digits = [](int value) { return value >= 0 && value <= 99; };
+  return time.tm_wday >= 0 && time.tm_wday <= 6 && time.tm_mon >= 0 && time.tm_mon <= 11 &&
+         two_digits(time.tm_mday) && two_digits(time.tm_hour) && two_digits(time.tm_min) &&
+         two_digits(time.tm_sec) && time.tm_year >= -1900 && time.tm_year <= 9999 - 1900;
+}
+
+bool format_time(const std::tm *time, char (&text)[kTimeTextSize]) {
+  std::memset(text, 0, sizeof text);
+  return fits_asctime(*time) && asctime_r(time, text) != nullptr;
+}

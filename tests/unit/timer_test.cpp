@@ -1,0 +1,498 @@
+#include "fixture.h"
+
+#include <climits>
+#include <filesystem>
+#include <vector>
+
+#include <KintoAPI.h>
+
+#include "kinto-signal-subscribe.h"
+
+namespace fs = std::filesystem;
+
+class Scheduler : public CleanSet {};
+class WakeupTime : public CleanSet {};
+class PowerEvents : public CleanSet {};
+class ClockEvents : public CleanSet {};
+class StartUp : public CleanSet {};
+
+static constexpr timer_spec kTomorrow{0, "16 07:00"};
+static const std::string kSetTomorrow = "set_wakeup_time 0 16 07:00";
+static const std::string kCleared = "clear_wakeup_time 0 0";
+
+TEST_F(Scheduler, ATimer_IsArmedForItsDistance_OrRefused) {
+  using row = std::tuple<const char *, const char *, int, const char *, int, int, time_value>;
+  const row cases[] = {{kNoon, "", 1, "15 12:00:01", 0, 0, 1},
+                       {kNoon, "", 1, kNoon, 0, -1, 0},
+                       {kNoon, "", 1, "2027-12-15 12:00", 0, 0, 31536000},
+                       {kNoon, "", 1, "2027-12-15 12:00:01", 0, -1, 0},
+                       {"2099-12-31 23:59", "", 1, "2001-01-01 00:01", 0, 0, 119},
+                       {"", kNoon, 1, "16 12:00", 0, -2, 0},
+                       {"", kNoon, 1, "16 12:00", 1, 0, 86400},
+                       {"", "", 1, "16 12:00", 1, -2, 0},
+                       {kNoon, "", 6, "15 22:00", 0, -1, 0},
+                       {kNoon, "", 7, "15 22:00", 0, 0, 36000}};
+  for (const auto &[tv, rtc, type, when, time_type, result, seconds] : cases) {
+    restart(when);
+    add({0, "15 22:05"});
+    set_clocks(tv, kNoon, rtc);
+    dravel_item *item = add({type, when, 0, 0, time_type});
+    EXPECT_EQ(schedule_dravel_item(item, dravel_expire_cb, nullptr), result);
+    EXPECT_EQ(armed(2), result == 0 ? text(at(tv) + seconds) : "");
+  }
+}
+
+TEST_F(Scheduler, AnExpiredTimer_IsRemoved_OrArmedForItsNextDay) {
+  arm({1, "16 07:00"});
+  arm({1, "16 07:00", Daily});
+  const int transient = arm({10, "16 07:00"})->timer_id;
+  set_now("16 07:00");
+  for (const int id : {1, 2, transient})
+    fire(id);
+  EXPECT_EQ(armed(2), "17 07:00");
+  EXPECT_EQ(armed(transient), "");
+  EXPECT_NE(find_dravel_item(transient), nullptr);
+  EXPECT_EQ(rows("SELECT timer_id FROM dravel"), "2");
+  reschedule_all_timers();
+  EXPECT_EQ(ids(get_dravel_list()), "2");
+}
+
+// The system clock is an hour behind the TV clock. "" stands for a timer that is removed.
+TEST_F(Scheduler, AnAdjustment_MovesArmedOneShotTimers_ByWholeDays) {
+  const std::tuple<const char *, int, const char *, int, int, const char *> cases[] = {
+      {kNoon, 1, "18 14:00", 0, 0, "15 14:00"},
+      {kNoon, 1, "16 11:59:59", 0, 0, "16 11:59:59"},
+      {kNoon, 1, "16 12:00:01", 0, 0, "15 12:00:01"},
+      {kNoon, 1, "16 12:00", 0, 0, ""},
+      {kNoon, 9, "18 14:00", 0, 0, "18 14:00"},
+      {kNoon, 1, "18 14:00", Fri, 0, "18 14:00"},
+      {kNoon, 10, "18 14:00", 0, 0, "18 14:00"},
+      {"18 19:00", 1, "18 14:00", 0, 0, "19 14:00"},
+      {"20 13:00", 1, "18 14:00", 0, 0, "20 14:00"},
+      {"19 14:00", 1, "18 14:00", 0, 0, ""},
+      {"20 14:00:01", 1, "18 14:00", 0, 0, "21 14:00"},
+      {kNoon, 1, "18 11:30", 0, 1, "15 11:30"},
+      {"17 12:00", 1, "16 10:30", 0, 1, "18 10:30"}};
+  for (const auto &[now, type, when, week_flag, time_type, expected] : cases) {
+    restart(std::string(now) + " " + when);
+    const int id = arm({type, when, week_flag, 0, time_type})->timer_id;
+    set_clocks(now, text(at(now) - 3600).c_str(), "");
+    adjust_dravel_all_items(nullptr, nullptr);
+    const dravel_item *item = find_dravel_item(id);
+    EXPECT_EQ(item == nullptr ? "" : text(item->tm), expected);
+    EXPECT_EQ(rows("SELECT tm_mday FROM dravel"),
+              item == nullptr || id < 0 ? "" : std::to_string(item->tm.tm_mday));
+    EXPECT_EQ(armed(id), time_type == 1 ? text(at(expected) + 3600) : expected);
+  }
+}
+
+TEST_F(Scheduler, AnAdjustmentWithoutTvClock_DisarmsItsTimers_UntilItIsKnown) {
+  arm({1, "18 14:00"});
+  arm({1, "18 14:00", Fri});
+  arm({1, "15 14:00", 0, 0, TIME_TYPE_INTERNET});
+  for (int i = 0; i < 2; i++) {
+    set_clocks("", kNoon, kNoon);
+    adjust_dravel_all_items(nullptr, nullptr);
+    EXPECT_EQ(armed(1) + armed(2), "");
+    EXPECT_EQ(armed(3), "1970-01-01 02:00");
+  }
+  set_now(kNoon);
+  const store_locked lock; // moved in memory all the same
+  adjust_dravel_all_items(nullptr, nullptr);
+  EXPECT_EQ(armed(1), "18 14:00");
+  adjust_dravel_all_items(nullptr, nullptr);
+  EXPECT_EQ(armed(1), "15 14:00");
+  EXPECT_EQ(rows("SELECT tm_mday FROM dravel"), "18 18 15");
+}
+
+TEST_F(Scheduler, AReschedule_ArmsEveryTimerWhereItStands) {
+  arm({1, "16 07:00"});
+  arm({1, "18 14:00"});
+  const int transient = arm({10, "18 14:00"})->timer_id;
+  set_now("16 12:00");
+  reschedule_all_timers();
+  EXPECT_EQ(find_dravel_item(1), nullptr);
+  EXPECT_EQ(armed(2), "18 14:00");
+  EXPECT_EQ(armed(transient), "18 14:00");
+  cancel_ecore_timer(2);
+  cancel_ecore_timer(2);
+  EXPECT_EQ(pending(ecore_timer_cb), 1);
+}
+
+// From the programmed second on it is still held, and then it has passed.
+TEST_F(WakeupTime, IsTheEarliestOnTime_ChosenAgainOnlyWhenItMatters) {
+  const std::tuple<const char *, int, const char *, int, std::string> cases[] = {
+      {kNoon, 0, "16 06:59", 0, "set_wakeup_time 0 16 06:59"},
+      {kNoon, 0, "16 07:00", 0, ""},
+      {kNoon, 2, "16 07:00", 1, "set_wakeup_time 2 16 07:00"},
+      {kNoon, 0, "16 07:01", 0, ""},
+      {kNoon, 16, "15 22:00", 0, ""},
+      {kNoon, 1, "20 22:00", 0, kSetTomorrow},
+      {kNoon, 1, "16 07:00", 0, kCleared},
+      {"16 07:00", 0, "16 08:00", 0, ""},
+      {"16 07:00:01", 0, "16 08:00", 0, "set_wakeup_time 0 16 08:00"}};
+  for (const auto &[now, type, when, priority, expected] : cases) {
+    restart(when);
+    arm(kTomorrow);
+    EXPECT_EQ(asked(), kSetTomorrow);
+    set_now(now);
+    arm({type, when, 0, 0, 0, priority});
+    EXPECT_EQ(asked(), expected);
+  }
+}
+
+TEST_F(WakeupTime, IsLeftAlone_ByAnOnTimeWithinTheCurrentMinute_AndByOffTimersWithoutIt) {
+  const std::tuple<const char *, const char *, const char *, const char *> cases[] = {
+      {"15 12:00:15", "15 11:59:45", kNoon, ""},
+      {"15 12:00:40", "15 12:00:30", "15 12:01", "set_wakeup_time 0 15 12:01:10"},
+      {kNoon, kNoon, "15 13:00", "set_wakeup_time 0 15 13:00"},
+      {kNoon, "15 11:59:01", kNoon, ""}};
+  for (const auto &[tv, system, when, expected] : cases) {
+    restart(tv);
+    set_clocks(tv, system, "");
+    arm({0, when, 0, 0, TIME_TYPE_INTERNET});
+    EXPECT_EQ(asked(), expected);
+  }
+  restart("nothing programmed");
+  add(kTomorrow);
+  arm({1, "20 07:00"});
+  EXPECT_EQ(asked(), "");
+}
+
+TEST_F(WakeupTime, InAutomaticClockMode_IsProgrammedAsUtc_AndComparedAsLocalTime) {
+  standin_set_time_zone("Europe/Berlin");
+  standin().clock_mode = CLOCK_MODE_AUTO;
+  arm(kTomorrow);
+  EXPECT_EQ(asked(), "set_wakeup_time 0 16 06:00");
+  arm({0, "16 07:30"});
+  EXPECT_EQ(asked(), "");
+  arm({0, "16 06:30"});
+  EXPECT_EQ(asked(), "set_wakeup_time 0 16 05:30");
+  EXPECT_EQ(micom_ontimer.is_utc, 1);
+  standin().clock_mode = CLOCK_MODE_MANUAL;
+  update_micom_ontimer();
+  EXPECT_EQ(asked(), "set_wakeup_time 0 16 06:30");
+  EXPECT_EQ(micom_ontimer.is_utc, 0);
+}
+
+TEST_F(WakeupTime, ThatIsRefused_StaysInTheRecord_AndIsClearedButForItsType) {
+  std::tm tm = broken_down("16 08:00");
+  EXPECT_EQ(schedule_micom_ontimer(3, &tm, 255, 0), 0);
+  EXPECT_EQ(asked(), "");
+  EXPECT_EQ(micom_ontimer.timer_id, 0);
+  standin().refused = {"set_wakeup_time", "clear_wakeup_time"};
+  arm(kTomorrow);
+  EXPECT_EQ(text(micom_ontimer.ontime), kTomorrow.when);
+  EXPECT_EQ(schedule_micom_ontimer(1, &tm, 254, 0), -1);
+  EXPECT_EQ(text(micom_ontimer.ontime), "16 08:00");
+  update_micom_ontimer();
+  EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "0");
+  disable_micom_ontimer();
+  EXPECT_EQ(micom_ontimer.timer_id, 0);
+  EXPECT_EQ(micom_ontimer.ontime, 0U);
+  EXPECT_EQ(micom_ontimer.type, 254U);
+  EXPECT_EQ(micom_ontimer.priority, -1);
+}
+
+TEST_F(WakeupTime, FollowsTheNextOnTimer_WhenItsTimerIsCancelled) {
+  arm(kTomorrow);
+  arm({2, "17 07:00"});
+  arm({3, "18 07:00"});
+  asked();
+  const std::pair<int, std::string> cases[] = {
+      {3, ""}, {1, kCleared + "; set_wakeup_time 2 17 07:00"}, {2, kCleared + "; " + kCleared}};
+  for (const auto &[id, expected] : cases) {
+    cancel_dravel_item(find_dravel_item(id));
+    EXPECT_EQ(asked(), expected) << id;
+    EXPECT_EQ(armed(id), "");
+  }
+  EXPECT_EQ(rows("SELECT count(*) FROM dravel"), "0");
+}
+
+TEST_F(WakeupTime, ReturnsToTheOnTimer_WhoseOffTimerIsCancelled) {
+  arm(kTomorrow);
+  dravel_item *off = arm({1, "16 07:00"});
+  EXPECT_EQ(armed(1), "");
+  EXPECT_EQ(asked(), kSetTomorrow + "; " + kCleared);
+  cancel_dravel_item(off);
+  EXPECT_EQ(armed(1), "16 07:00");
+  EXPECT_EQ(asked(), kSetTomorrow);
+}
+
+TEST_F(WakeupTime, IsChosenAfresh_ByAnAdjustment) {
+  arm({0, "18 07:00"});
+  arm({0, "18 13:00"});
+  asked();
+  adjust_dravel_all_items(nullptr, nullptr);
+  EXPECT_EQ(asked(), kCleared + "; set_wakeup_time 0 16 07:00; set_wakeup_time 0 15 13:00");
+  reschedule_all_timers();
+  EXPECT_EQ(asked(), kCleared + "; set_wakeup_time 0 15 13:00");
+}
+
+TEST_F(WakeupTime, LeavesOut_WhatAnOffTimerTakesAway) {
+  constexpr const char *wed = "16 07:00"; // a Wednesday
+  const timer_spec once = kTomorrow, off{1, wed}, on_internet{0, "16 06:00", 0, 0, 1};
+  const timer_spec off_internet{1, "16 06:00", 0, 0, 1};
+  using row = std::tuple<std::vector<timer_spec>, const char *, bool, bool>;
+  const row cases[] = {
+      // whether the first on-timer is disarmed, whether the TV clock is known
+      {{once}, wed, false, true},
+      {{once, {1, "16 07:00:01"}}, wed, false, true},
+      {{once, off}, "-1", true, true},
+      {{once, {0, "17 07:00"}, off}, "17 07:00", true, true},
+      {{once, {1, wed, Wed | Fri}}, "-1", true, true},
+      {{once, {1, wed, Thu}}, wed, false, true},
+      {{{0, wed, Wed | Thu}, {1, wed, Wed}}, "17 07:00", false, true},
+      {{{0, wed, Wed | Thu | Fri}, {1, wed, Wed}, {1, wed, Thu}}, "18 07:00", false, true},
+      {{{0, wed, Wed}, {1, wed, Wed}}, "-1", false, true},
+      // A one-shot off-timer flips its weekday, so that a second one gives it back.
+      {{{0, wed, Wed | Thu}, off}, "17 07:00", false, true},
+      {{{0, wed, Mon}, off}, wed, false, true},
+      {{{0, wed, Wed}, off}, "-1", false, true},
+      {{{0, wed, Wed}, off, off}, wed, false, true},
+      // Configured times meet on the TV clock; the system clock is an hour behind.
+      {{once, off_internet}, "-1", true, true},
+      {{on_internet, off}, "-1", true, true},
+      {{once, {1, wed, 0, 0, 1}}, wed, false, true},
+      // While the TV clock is unknown, its timers take no part.
+      {{once, off_internet}, "-1", false, false},
+      {{on_internet, off}, wed, false, false},
+      {{on_internet, off_internet}, "-1", true, false}};
+  EXPECT_EQ(next_ontimer(), "-1");
+  for (const auto &[timers, expected, disarmed, tv_known] : cases) {
+    restart(expected + std::string(" ") + std::to_string(timers.back().week_flag));
+    set_clocks(kNoon, "15 11:00", kNoon);
+    arm(timers[0]);
+    for (std::size_t i = 1; i < timers.size(); i++)
+      add(timers[i]);
+    set_clocks(tv_known ? kNoon : "", "15 11:00", kNoon);
+    EXPECT_EQ(next_ontimer(), expected);
+    EXPECT_EQ(armed(1).empty(), disarmed);
+  }
+}
+
+TEST_F(WakeupTime, SurvivesAWeekdayThatIsNone) {
+  for (const int wday : {7, 31, 40, -1, INT_MIN, INT_MAX})
+    for (const int off_days : {0, +Daily}) {
+      restart(std::to_string(wday));
+      add({0, "16 07:00", off_days == 0 ? Wed : 0})->tm.tm_wday = wday;
+      add({1, "16 07:00", off_days})->tm.tm_wday = wday;
+      EXPECT_EQ(next_ontimer(), "16 07:00");
+    }
+}
+
+TEST_F(WakeupTime, MarksItsRow_WhenTheSetGoesToSleep) {
+  init_power_state_handler();
+  standin_standby(0);
+  EXPECT_EQ(asked(), "");
+  arm(kTomorrow);
+  arm({2, "15 22:00"});
+  asked();
+  standin_standby(0);
+  EXPECT_EQ(asked(), "set_wakeup_time 2 15 22:00");
+  EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "0 1");
+  EXPECT_EQ(rows("SELECT timer_id, type FROM dravel", kWakeupDb), "2|2");
+  EXPECT_EQ(get_kinto_time_updated() + get_wakeup_state(), 0);
+
+  cancel_dravel_item(find_dravel_item(2));
+  asked();
+  set_kinto_time_updated(1);
+  set_wakeup_state(1);
+  standin_ambient_power_off();
+  EXPECT_EQ(asked(), "");
+  EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "1");
+  EXPECT_EQ(rows("SELECT timer_id FROM dravel", kWakeupDb), "1");
+  EXPECT_EQ(get_kinto_time_updated() + get_wakeup_state(), 0);
+
+  disable_micom_ontimer();
+  set_micom_flag(0);
+  update_micom_flag();
+  EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "0");
+  EXPECT_EQ(rows("SELECT timer_id FROM dravel", kWakeupDb), "1");
+}
+
+TEST_F(PowerEvents, APowerOff_DeletesTheStore_OnTwoOptionsOnly) {
+  for (const auto &[option, kept] : {std::pair{12, true}, {15, true}, {13, false}, {14, false}}) {
+    restart(std::to_string(option));
+    init_power_state_handler();
+    set_kinto_time_updated(1);
+    standin_power_off(option);
+    EXPECT_EQ(fs::exists(kMainDb), kept);
+    EXPECT_EQ(fs::exists(kWakeupDb), kept);
+    EXPECT_EQ(get_kinto_time_updated(), 0);
+  }
+}
+
+TEST_F(PowerEvents, AWakeup_DisarmsTheProgrammedTimer_AndWaitsOnlyForAnUntrustedClock) {
+  const std::tuple<int, const char *, const char *, int> cases[] = {
+      {1, kNoon, "", 0}, {0, kNoon, "16 07:00", 1}, {0, "", "", 1}};
+  for (const bool ambient : {false, true})
+    for (const auto &[trusted, tv, rearmed, waits] : cases) {
+      restart(tv);
+      init_power_state_handler();
+      register_ambient_mode_cb();
+      arm(kTomorrow);
+      set_kinto_time_updated(trusted);
+      set_wakeup_state(0);
+      set_clocks(tv, kNoon, kNoon);
+      standin_state_changed(4, 1);
+      standin_state_changed(2, 2);
+      EXPECT_EQ(get_wakeup_state(), 0);
+      for (int i = 0; i < 2; i++)
+        ambient ? standin_state_changed(4, 2) : standin_wakeup(3);
+      EXPECT_EQ(armed(1), rearmed);
+      EXPECT_EQ(pending(adjust_wait_timer_cb), waits);
+      EXPECT_EQ(get_wakeup_state(), 1);
+      EXPECT_EQ(get_kinto_time_updated(), trusted);
+    }
+}
+
+TEST_F(PowerEvents, AWaitThatRunsOut_TrustsTheClock_AndReschedules) {
+  init_power_state_handler();
+  add(kTomorrow);
+  for (int i = 0; i < 2; i++) {
+    set_kinto_time_updated(0);
+    set_clocks("", kNoon, kNoon);
+    standin_wakeup(3);
+    set_now(kNoon);
+    EXPECT_FALSE(run(adjust_wait_timer_cb));
+    EXPECT_EQ(get_kinto_time_updated(), 1);
+    EXPECT_EQ(armed(1), "16 07:00");
+  }
+}
+
+TEST_F(PowerEvents, Subscriptions_StopAtTheFirstRefusal_AndAreMadeOnce) {
+  const char *names[] = {"poweroff", "standby", "wakeup", "ambient_poweroff",
+                         "state_changed_event"};
+  int before = 0;
+  for (const std::string refused : names) {
+    restart(refused);
+    standin().refused = {"device_power_subscribe_" + refused, "device_power_unsubscribe_poweroff"};
+    EXPECT_EQ(init_power_state_handler(), before < 4 ? -1 : 0);
+    register_ambient_mode_cb();
+    register_ambient_mode_cb();
+    EXPECT_EQ(ambient_poweroff_received, before < 4);
+    int subscribed = 0;
+    for (const char *name : names)
+      subscribed += standin_subscribers(name);
+    EXPECT_EQ(subscribed, before < 4 ? before + 1 : 4);
+    fini_power_state_handler();
+    unregister_ambient_mode_cb();
+    for (const char *name : names)
+      EXPECT_EQ(standin_subscribers(name), name == names[0] && before > 0) << name;
+    before++;
+  }
+}
+
+TEST_F(ClockEvents, AChangeOfZoneOrTime_ReArmsAtOnce) {
+  standin().refused = {"settings_notify_key_changed"};
+  EXPECT_EQ(init_settings_handler(), -1);
+  standin().refused.clear();
+  EXPECT_EQ(init_settings_handler(), 0);
+  arm({1, "18 14:00"});
+  standin_announce_time_set();
+  EXPECT_EQ(armed(1), "15 14:00");
+  set_now("15 16:00");
+  standin_set_time_zone("Europe/Lisbon");
+  EXPECT_EQ(armed(1), "16 14:00");
+}
+
+TEST_F(ClockEvents, ASwitchToAutomatic_RetriesUntilTheTimeIsUpdated) {
+  init_settings_handler();
+  subscribe_kinto_signal_cb();
+  arm({1, "18 14:00"});
+  for (const int mode : {CLOCK_MODE_AUTO, CLOCK_MODE_AUTO, CLOCK_MODE_MANUAL, CLOCK_MODE_AUTO}) {
+    standin_change_clock_mode(mode);
+    EXPECT_EQ(pending(retry_adjust_all_timers), mode == CLOCK_MODE_AUTO);
+  }
+  EXPECT_TRUE(run(retry_adjust_all_timers));
+  standin_middleware_signal(SIGNAL_SYSTEM_TIME_UPDATED);
+  standin().refused = {"settings_get_int"}; // leaves the retry alone
+  standin_change_clock_mode(CLOCK_MODE_MANUAL);
+  EXPECT_EQ(armed(1), "18 14:00");
+  EXPECT_FALSE(run(retry_adjust_all_timers));
+  EXPECT_EQ(armed(1), "15 14:00");
+  standin().refused.clear();
+
+  set_now("15 16:00");
+  standin_change_clock_mode(CLOCK_MODE_AUTO);
+  EXPECT_EQ(pending(retry_adjust_all_timers), 0);
+  EXPECT_EQ(armed(1), "16 14:00");
+  standin_change_clock_mode(CLOCK_MODE_MANUAL);
+  EXPECT_EQ(get_auto_clock_mode_time_update(), 0);
+}
+
+TEST_F(ClockEvents, ATimeUpdate_AnswersTheWait_InTheStatesThatCount) {
+  const std::tuple<int, int, int, bool> cases[] = {
+      {0, 0, 0, true},  {0, 2, 0, true},  {0, 4, 2, true}, {0, 4, 1, false},
+      {0, 1, 0, false}, {0, 1, 2, false}, {1, 0, 0, false}};
+  for (const auto &[trusted, state, ambient, answers] : cases) {
+    restart(std::to_string(trusted) + std::to_string(state) + std::to_string(ambient));
+    subscribe_kinto_signal_cb();
+    init_power_state_handler();
+    add(kTomorrow);
+    set_kinto_time_updated(0);
+    set_clocks("", kNoon, kNoon);
+    standin_wakeup(3);
+    set_now(kNoon);
+    standin().power_state = state;
+    standin().ambient_mode = ambient;
+    set_kinto_time_updated(trusted);
+    standin_middleware_signal(SIGNAL_SYSTEM_TIME_UPDATED + 1);
+    EXPECT_EQ(armed(1), "");
+    standin_middleware_signal(SIGNAL_SYSTEM_TIME_UPDATED);
+    EXPECT_EQ(armed(1), answers ? "16 07:00" : "");
+    EXPECT_EQ(pending(adjust_wait_timer_cb), answers ? 0 : 1);
+    EXPECT_EQ(get_kinto_time_updated(), answers || trusted);
+    EXPECT_EQ(fs::exists("/tmp/dravel_finish"), answers);
+    EXPECT_EQ(get_auto_clock_mode_time_update(), 0); // in manual mode
+  }
+}
+
+TEST_F(ClockEvents, TwoTimeUpdatesWithoutAClock_StartTwoPolls_AndBothEnd) {
+  add(kTomorrow);
+  set_kinto_time_updated(0);
+  set_clocks("", kNoon, kNoon);
+  auto_time_set();
+  auto_time_set();
+  EXPECT_EQ(pending(wait_cur_time_cb), 2);
+  EXPECT_TRUE(run(wait_cur_time_cb));
+  EXPECT_EQ(get_kinto_time_updated(), 0);
+  set_now(kNoon);
+  EXPECT_FALSE(run(wait_cur_time_cb));
+  EXPECT_FALSE(run(wait_cur_time_cb));
+  EXPECT_EQ(get_kinto_time_updated(), 1);
+  EXPECT_EQ(armed(1), "16 07:00");
+  EXPECT_TRUE(fs::exists("/tmp/dravel_finish"));
+}
+
+TEST_F(ClockEvents, TheMiddleware_MayRefuseToBeHeard) {
+  for (const char *refused : {"CreateSignalSubscriber", "Subscribe", ""}) {
+    standin().refused = {refused};
+    subscribe_kinto_signal_cb();
+    EXPECT_EQ(standin_subscribers("signal"), *refused == '\0');
+    unsubscribe_kinto_signal_cb();
+    EXPECT_EQ(standin_subscribers("signal"), 0);
+  }
+}
+
+TEST_F(StartUp, Markers_TellARelaunch_AndEndTheWait) {
+  init_dravel();
+  EXPECT_TRUE(fs::exists("/tmp/dravel_init"));
+  EXPECT_EQ(get_relaunch_state(), 0);
+  create_dravel_finish_file();
+  EXPECT_EQ(pending(wait_dravel_finish_cb), 0);
+  EXPECT_EQ(fs::status("/tmp/dravel_finish").permissions(), fs::perms(0644));
+  create_dravel_finish_file();
+
+  fs::remove("/tmp/dravel_finish");
+  set_clocks("", kNoon, kNoon);
+  set_kinto_time_updated(1);
+  init_dravel();
+  init_dravel();
+  EXPECT_EQ(get_relaunch_state(), 1);
+  EXPECT_EQ(get_kinto_time_updated(), 0);
+  EXPECT_EQ(pending(wait_dravel_finish_cb), 1);
+  EXPECT_FALSE(run(wait_dravel_finish_cb));
+  EXPECT_TRUE(fs::exists("/tmp/dravel_finish"));
+}
