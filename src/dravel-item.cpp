@@ -454,6 +454,9 @@ static bool is_dropped_by_cold_start(const dravel_item *row) {
 }
 
 static int dravel_item_db_cb(const dravel_item *row) {
+  // A client that is quicker than the loading has stored and listed its timer.
+  if (find_dravel_item(row->timer_id) != nullptr)
+    return 0;
   if (is_dropped_by_cold_start(row)) {
     LOGE("On/Off timers are removed\n");
     if (delete_dravel_item_db(row->timer_id) != 0)

@@ -19,6 +19,7 @@ static Eina_Bool _schedule_dravel(void *) {
   LOGE("is time update [%d]", get_kinto_time_updated());
   if (get_kinto_time_updated() != 0) {
     for (dravel_item *item : items_of<dravel_item>(timers)) {
+      cancel_ecore_timer(item->timer_id); // armed by a client that was quicker
       if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
         LOGE("timer doesn't have next expire date (%s)", "_schedule_dravel");
         remove_dravel_item(item);

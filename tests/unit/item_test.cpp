@@ -180,6 +180,14 @@ TEST_F(Items, AColdStart_DropsOnAndOffTimers_UnlessTheyAreKept) {
   }
 }
 
+TEST_F(Items, ATimerSetBeforeTheLoading_IsListedOnce_AndKept) {
+  rows("INSERT INTO dravel(type, tm_hour) VALUES(300, 5)");
+  dravel_item *early = arm({1, "16 07:00"});
+  EXPECT_EQ(ids(load_dravel_list()), "2 1");
+  EXPECT_EQ(find_dravel_item(2), early);
+  EXPECT_EQ(rows("SELECT timer_id FROM dravel"), "1 2");
+}
+
 TEST_F(Items, TheMarkedTimer_WokeTheSet_WhenTheReasonIsATimers) {
   for (const auto &[reason, woken] : {std::pair{0, false}, {1, false}, {2, true}, {-1, true}}) {
     restart(std::to_string(reason));
