@@ -7,8 +7,10 @@
 #include <device_power.h>
 #include <system_info.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
+#include <vector>
 
 static constexpr const char *kSyncDbKey = "com.vellmar/featureconf/appfw.dravel.sync_db";
 static constexpr unsigned kMaxTimerNum = 80;
@@ -304,27 +306,44 @@ int can_skip_standby(const std::tm *standby, int timer_id) {
   return 0;
 }
 
+namespace {
+
+// An item and its next expiry, as far as it has one.
+struct sort_key {
+  const dravel_item *item;
+  bool expires;
+  time_value expire;
+};
+
+} // namespace
+
+static sort_key sort_key_of(const dravel_item *item) {
+  std::tm expire;
+  if (get_next_expire_date(item, &expire) != 0)
+    return {item, false, 0};
+  return {item, true, unsigned_timegm(&expire)};
+}
+
+static int compare_keys(const sort_key &listed, const sort_key &added) {
+  if (!listed.expires)
+    return -1;
+  if (!added.expires)
+    return 1;
+  if (listed.expire != added.expire)
+    return listed.expire < added.expire ? -1 : 1;
+  if (listed.item->priority > added.item->priority)
+    return -1;
+  // An off-timer listed first keeps its place.
+  return has_type(listed.item, TIMER_TYPE_OFF) ? -1 : 1;
+}
+
 int compare_dravel_cb(const void *listed, const void *added) {
   if (listed == nullptr || added == nullptr)
     return 0;
-  const auto *listed_item = static_cast<const dravel_item *>(listed);
-  const auto *added_item = static_cast<const dravel_item *>(added);
-
-  std::tm listed_tm;
-  std::tm added_tm;
-  if (get_next_expire_date(listed_item, &listed_tm) != 0)
+  const sort_key listed_key = sort_key_of(static_cast<const dravel_item *>(listed));
+  if (!listed_key.expires)
     return -1;
-  if (get_next_expire_date(added_item, &added_tm) != 0)
-    return 1;
-
-  const time_value listed_time = unsigned_timegm(&listed_tm);
-  const time_value added_time = unsigned_timegm(&added_tm);
-  if (listed_time != added_time)
-    return listed_time < added_time ? -1 : 1;
-  if (listed_item->priority > added_item->priority)
-    return -1;
-  // An off-timer listed first keeps its place.
-  return has_type(listed_item, TIMER_TYPE_OFF) ? -1 : 1;
+  return compare_keys(listed_key, sort_key_of(static_cast<const dravel_item *>(added)));
 }
 
 // Puts `item` before the first listed one that it goes ahead of. Eina's sorted
@@ -338,16 +357,36 @@ static Eina_List *insert_in_order(Eina_List *list, const dravel_item *item) {
   return eina_list_append(list, item);
 }
 
-void rebuild_onoff_timer_lists(void) {
-  ontimer_list = eina_list_free(ontimer_list);
-  offtimer_list = eina_list_free(offtimer_list);
+// The same insertion, by keys that are at hand.
+static void insert_in_order(std::vector<sort_key> &keys, const sort_key &added) {
+  const auto place = std::find_if(keys.begin(), keys.end(), [&added](const sort_key &listed) {
+    return compare_keys(listed, added) > 0;
+  });
+  keys.insert(place, added);
+}
 
+static Eina_List *list_of(const std::vector<sort_key> &keys) {
+  Eina_List *list = nullptr;
+  for (const sort_key &key : keys)
+    list = eina_list_append(list, key.item);
+  return list;
+}
+
+// Sorting compares every item with most others: one computation for each item
+// serves all of its comparisons.
+void rebuild_onoff_timer_lists(void) {
+  std::vector<sort_key> ontimers;
+  std::vector<sort_key> offtimers;
   for (const dravel_item *item : items_of<dravel_item>(dravel_list)) {
     if (has_type(item, TIMER_TYPE_OFF))
-      offtimer_list = insert_in_order(offtimer_list, item);
+      insert_in_order(offtimers, sort_key_of(item));
     else if (is_ontimer_item(item))
-      ontimer_list = insert_in_order(ontimer_list, item);
+      insert_in_order(ontimers, sort_key_of(item));
   }
+  eina_list_free(ontimer_list);
+  eina_list_free(offtimer_list);
+  ontimer_list = list_of(ontimers);
+  offtimer_list = list_of(offtimers);
 }
 
 dravel_item *create_dravel_item(int type, int priority, int date_type, int tm_year, int tm_mon,
