@@ -1,40 +1,35 @@
 #include "fixture.h"
 
-#include <cstdlib>
+#include <vector>
 
 class Expiry : public CleanSet {};
 
 TEST_F(Expiry, EachType_ActsOnTheSet) {
-  const std::tuple<int, int, int, const char *> cases[] = {
+  std::vector<std::tuple<int, int, int, std::string>> cases = {
       {0, 2, 0, "wakeup_reason 2 0; state 0 1"},
       {0, 4, 2, "wakeup_reason 2 0; ambient_mode 0 0"},
       {0, 2, 2, "wakeup_reason 2 0; ambient_mode 0 0"},
-      {0, 4, 1, ""},
-      {0, 0, 0, ""},
-      {0, 1, 2, ""},
-      {1, 0, 0, "poweroff 1 0"},
-      {1, 2, 1, ""},
-      {1, 4, 2, ""},
-      {2, 2, 0, "wakeup_reason 20 0"},
       {2, 4, 2, "wakeup_reason 20 0; ambient_mode 0 0"},
-      {2, 3, 0, ""},
-      {3, 2, 0, "wakeup_reason 5 0"},
-      {4, 2, 0, ""},
-      {5, 2, 0, "wakeup_reason 28 0"},
-      {6, 2, 0, "wakeup_reason 30 0"},
-      {7, 2, 0, "wakeup_reason 33 0"},
-      {8, 2, 0, "wakeup_reason 36 0"},
-      {9, 2, 0, ""},
-      {10, 4, 2, "poweroff 2 0"},
-      {11, 2, 0, "wakeup_reason 74 0"},
-      {12, 2, 0, ""},
-      {13, 2, 0, "wakeup_reason 92 0"},
-      {14, 2, 0, "wakeup_reason 99 0"},
       {15, 2, 0, "wakeup_reason 89 0; ambient_mode 1 1"},
       {15, 4, 2, "wakeup_reason 89 0; ambient_mode 1 1"},
-      {16, 4, 2, "poweroff 1073741850 0"},
-      {17, 2, 0, ""},
-      {-1, 2, 0, ""}};
+      {1, 0, 0, "poweroff 1 0"},
+      {10, 4, 2, "poweroff 2 0"},
+      {16, 4, 2, "poweroff 1073741850 0"}};
+  for (const auto &[type, reason] :
+       {std::pair{2, 20}, {3, 5}, {5, 28}, {6, 30}, {7, 33}, {8, 36}, {11, 74}, {13, 92}, {14, 99}})
+    cases.emplace_back(type, 2, 0, "wakeup_reason " + std::to_string(reason) + " 0");
+  for (const auto &[type, state, ambient] : {std::tuple{0, 4, 1},
+                                             {0, 0, 0},
+                                             {0, 1, 2},
+                                             {2, 3, 0},
+                                             {1, 2, 1},
+                                             {1, 4, 2},
+                                             {4, 2, 0},
+                                             {9, 2, 0},
+                                             {12, 2, 0},
+                                             {17, 2, 0},
+                                             {-1, 2, 0}})
+    cases.emplace_back(type, state, ambient, "");
   for (const auto &[type, state, ambient, expected] : cases) {
     restart(std::to_string(type));
     standin().power_state = state;
@@ -73,21 +68,23 @@ TEST_F(Expiry, AnOnTimer_IsKeptAsTheOneThatWokeTheSet_AndTheProgrammedOneIsMarke
   EXPECT_EQ(rows("SELECT timer_id FROM dravel", kWakeupDb), "1");
 }
 
+// Without the TV clock an occurrence is judged by the real-time clock, or not at all.
 TEST_F(Expiry, InADisabledPeriod_OnlyRepeatingTimersThatOptIn_AreSkipped) {
-  using row = std::tuple<const char *, timer_spec, const char *>;
-  const row cases[] = {{kNoon, {1, kNoon, Daily, 1}, ""},
-                       {kNoon, {1, kNoon, Daily, 0}, "poweroff 1 0"},
-                       {kNoon, {1, kNoon, 0, 1}, "poweroff 1 0"},
-                       // Without the TV clock it is judged by the real-time clock, or not at all.
-                       {"", {1, kNoon, Daily, 1, TIME_TYPE_INTERNET}, ""},
-                       {"", {1, kNoon, Daily, 1, TIME_TYPE_RTC}, "poweroff 1 0"}};
-  for (const auto &[tv, timer, expected] : cases) {
-    restart(expected);
-    dravel_item *item = add(timer);
+  const std::tuple<const char *, int, int, int, int, const char *, const char *> cases[] = {
+      {kNoon, 1, Daily, 1, 0, "", "15"},
+      {kNoon, 1, Daily, 0, 0, "poweroff 1 0", "15"},
+      {kNoon, 1, 0, 1, 0, "poweroff 1 0", "21"}, // moved past the period
+      {kNoon, 9, 0, 1, 0, "", "15"},
+      {"", 1, Daily, 1, TIME_TYPE_INTERNET, "", "15"},
+      {"", 1, Daily, 1, TIME_TYPE_RTC, "poweroff 1 0", "15"}};
+  for (const auto &[tv, type, week_flag, effect, time_type, expected, day] : cases) {
+    restart(std::to_string(type) + expected);
+    dravel_item *item = add({type, kNoon, week_flag, effect, time_type});
     add_period("10 00:00", "20 00:00");
     set_clocks(tv, kNoon, kNoon);
     dravel_expire_cb(item, nullptr);
     EXPECT_EQ(asked(), expected);
+    EXPECT_EQ(rows("SELECT tm_mday FROM dravel"), day);
   }
 }
 

@@ -135,21 +135,21 @@ void set_clocks(const char *tv, const char *system, const char *rtc) {
 
 void set_now(const char *when) { set_clocks(when, when, when); }
 
-dravel_item *make(const timer_spec &spec) {
-  const std::tm tm = broken_down(spec.when);
-  return create_dravel_item(spec.type, spec.priority, 0, tm.tm_year, tm.tm_mon, tm.tm_mday,
+dravel_item *make(const new_timer &timer) {
+  const std::tm tm = broken_down(timer.when);
+  return create_dravel_item(timer.type, timer.priority, 0, tm.tm_year, tm.tm_mon, tm.tm_mday,
                             tm.tm_hour, tm.tm_min, tm.tm_sec, tm.tm_wday, tm.tm_yday, 0, 0,
-                            spec.week_flag, spec.effect, spec.time_type);
+                            timer.week_flag, timer.effect, timer.time_type);
 }
 
-dravel_item *add(const timer_spec &spec) {
-  dravel_item *item = make(spec);
+dravel_item *add(const new_timer &timer) {
+  dravel_item *item = make(timer);
   EXPECT_NE(add_dravel_item(item), nullptr);
   return item;
 }
 
-dravel_item *arm(const timer_spec &spec) {
-  dravel_item *item = add(spec);
+dravel_item *arm(const new_timer &timer) {
+  dravel_item *item = add(timer);
   EXPECT_EQ(schedule_dravel_item(item, dravel_expire_cb, nullptr), SCHEDULE_ARMED);
   return item;
 }

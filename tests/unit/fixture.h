@@ -35,7 +35,7 @@ void set_now(const char *when);
 
 enum weekdays { Sun = 1, Mon = 2, Tue = 4, Wed = 8, Thu = 16, Fri = 32, Sat = 64, Daily = 127 };
 
-struct timer_spec {
+struct new_timer {
   int type;
   const char *when;
   int week_flag = 0;
@@ -43,9 +43,9 @@ struct timer_spec {
   int time_type = TIME_TYPE_BROADCAST;
   int priority = 0;
 };
-dravel_item *make(const timer_spec &spec); // the caller's
-dravel_item *add(const timer_spec &spec);  // listed and stored
-dravel_item *arm(const timer_spec &spec);  // and armed
+dravel_item *make(const new_timer &timer); // the caller's
+dravel_item *add(const new_timer &timer);  // listed and stored
+dravel_item *arm(const new_timer &timer);  // and armed
 disabled_period_item *add_period(const char *start, const char *end, int start_leap = 0,
                                  int end_leap = 0);
 
@@ -78,7 +78,11 @@ private:
 
 class CleanSet : public testing::Test {
 protected:
-  static void SetUpTestSuite() { ecore_init(); }
+  // Lists may outlive the main loop, so their library is not shut down with it.
+  static void SetUpTestSuite() {
+    eina_init();
+    ecore_init();
+  }
   static void TearDownTestSuite() { ecore_shutdown(); }
   void SetUp() override;
   void TearDown() override;

@@ -6,7 +6,7 @@
 class Items : public CleanSet {};
 class Periods : public CleanSet {};
 
-static constexpr timer_spec kTomorrow{0, "16 07:00"};
+static constexpr new_timer kTomorrow{0, "16 07:00"};
 
 // On-timers know no seconds, except on a weekly timer's first day when that is not today. A time
 // that has come is past, unless the TV clock is about to wrap from 2099 to 2001.
@@ -64,15 +64,15 @@ TEST_F(Items, NextExpiry_CarriesInternetTimesOntoTheTvClock_OrElseTheRealTimeClo
 }
 
 TEST_F(Items, Order_AtEqualExpiry_FollowsPriority_AndKeepsOffTimersAhead) {
-  const timer_spec early = kTomorrow, late{0, "16 08:00"}, urgent{0, "16 07:00", 0, 0, 0, 5};
-  const timer_spec off{1, "16 07:00"}, past{0, "01 07:00"};
-  const std::tuple<timer_spec, timer_spec, int> cases[] = {
+  const new_timer early = kTomorrow, late{0, "16 08:00"}, urgent{0, "16 07:00", 0, 0, 0, 5};
+  const new_timer off{1, "16 07:00"}, past{0, "01 07:00"};
+  const std::tuple<new_timer, new_timer, int> cases[] = {
       {early, late, -1},  {late, early, 1},  {early, early, 1}, {urgent, early, -1},
       {early, urgent, 1}, {off, urgent, -1}, {urgent, off, -1}, {early, off, 1},
       {late, off, 1},     {past, early, -1}, {early, past, 1},  {past, past, -1}};
-  for (const auto &[listed_spec, added_spec, expected] : cases) {
-    restart(listed_spec.when);
-    const dravel_item *listed = add(listed_spec), *added = add(added_spec);
+  for (const auto &[first, second, expected] : cases) {
+    restart(first.when);
+    const dravel_item *listed = add(first), *added = add(second);
     EXPECT_EQ(compare_dravel_cb(listed, added), expected);
     EXPECT_EQ(compare_dravel_cb(nullptr, added) + compare_dravel_cb(listed, nullptr), 0);
   }
@@ -147,7 +147,7 @@ TEST_F(Items, ADuplicate_IsEqualInTypeWeekdaysClockAndConfiguredTime) {
   dravel_item *original = make({13, "16 07:00:30", Mon, 0, 1});
   EXPECT_EQ(find_duplicate_ontimer(original, &found), -1);
   add_dravel_item(original);
-  const std::pair<timer_spec, bool> cases[] = {
+  const std::pair<new_timer, bool> cases[] = {
       {{13, "16 07:00:30", Mon, 1, 1, 9}, true}, {{12, "16 07:00:30", Mon, 0, 1}, false},
       {{13, "23 07:00:30", Mon, 0, 1}, false},   {{13, "16 07:00", Mon, 0, 1}, false},
       {{13, "16 07:00:30", Tue, 0, 1}, false},   {{13, "16 07:00:30", Mon, 0, 0}, false}};
@@ -237,7 +237,7 @@ TEST_F(Periods, RefuseRepeatingTimers_AndMoveOneShotOnes) {
       {"16 00:00", "20 00:00", 0, "20 09:00", 0, "21 09:00"},
       {"16 00:00", "20 00:00", 0, "21 09:00", 0, "21 09:00"},
       {"2020-07-25 00:00", "2020-08-05 00:00", 0, "2027-07-30 09:00", 0, "2027-08-06 09:00"},
-      {"2020-08-31 00:00", "2020-08-31 00:00", 0, "2027-09-01 09:00", 0, "2027-09-01 09:00"},
+      {"2020-09-01 00:00", "2020-09-05 00:00", 0, "2027-08-31 09:00", 0, "2027-08-31 09:00"},
       {"28 00:00", "2021-01-03 00:00", 0, "30 09:00", 0, "30 09:00"},
       {"2020-02-20 00:00", "2020-02-29 00:00", 1, "2028-02-29 09:00", 0, "2028-02-29 09:00"},
       {"2020-02-20 00:00", "2020-02-29 00:00", 0, "2028-02-29 09:00", 0, "2028-03-01 09:00"},

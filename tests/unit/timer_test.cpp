@@ -16,7 +16,7 @@ class PowerEvents : public CleanSet {};
 class ClockEvents : public CleanSet {};
 class StartUp : public CleanSet {};
 
-static constexpr timer_spec kTomorrow{0, "16 07:00"};
+static constexpr new_timer kTomorrow{0, "16 07:00"};
 static const std::string kSetTomorrow = "set_wakeup_time 0 16 07:00";
 static const std::string kCleared = "clear_wakeup_time 0 0";
 
@@ -217,6 +217,9 @@ TEST_F(WakeupTime, ReturnsToTheOnTimer_WhoseOffTimerIsCancelled) {
   cancel_dravel_item(off);
   EXPECT_EQ(armed(1), "16 07:00");
   EXPECT_EQ(asked(), kSetTomorrow);
+  cancel_dravel_item(arm({1, "20 07:00"}));
+  EXPECT_EQ(armed(1), "16 07:00");
+  EXPECT_EQ(pending(ecore_timer_cb), 1);
 }
 
 TEST_F(WakeupTime, IsChosenAfresh_ByAnAdjustment) {
@@ -231,9 +234,9 @@ TEST_F(WakeupTime, IsChosenAfresh_ByAnAdjustment) {
 
 TEST_F(WakeupTime, LeavesOut_WhatAnOffTimerTakesAway) {
   constexpr const char *wed = "16 07:00"; // a Wednesday
-  const timer_spec once = kTomorrow, off{1, wed}, on_internet{0, "16 06:00", 0, 0, 1};
-  const timer_spec off_internet{1, "16 06:00", 0, 0, 1};
-  using row = std::tuple<std::vector<timer_spec>, const char *, bool, bool>;
+  const new_timer once = kTomorrow, off{1, wed}, on_internet{0, "16 06:00", 0, 0, 1};
+  const new_timer off_internet{1, "16 06:00", 0, 0, 1};
+  using row = std::tuple<std::vector<new_timer>, const char *, bool, bool>;
   const row cases[] = {
       // whether the first on-timer is disarmed, whether the TV clock is known
       {{once}, wed, false, true},
@@ -283,8 +286,6 @@ TEST_F(WakeupTime, SurvivesAWeekdayThatIsNone) {
 
 TEST_F(WakeupTime, MarksItsRow_WhenTheSetGoesToSleep) {
   init_power_state_handler();
-  standin_standby(0);
-  EXPECT_EQ(asked(), "");
   arm(kTomorrow);
   arm({2, "15 22:00"});
   asked();
@@ -305,10 +306,12 @@ TEST_F(WakeupTime, MarksItsRow_WhenTheSetGoesToSleep) {
   EXPECT_EQ(get_kinto_time_updated() + get_wakeup_state(), 0);
 
   disable_micom_ontimer();
-  set_micom_flag(0);
+  asked();
+  standin_standby(0);
+  standin_ambient_power_off();
   update_micom_flag();
-  EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "0");
-  EXPECT_EQ(rows("SELECT timer_id FROM dravel", kWakeupDb), "1");
+  EXPECT_EQ(asked(), "");
+  EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "1");
 }
 
 TEST_F(PowerEvents, APowerOff_DeletesTheStore_OnTwoOptionsOnly) {
