@@ -182,8 +182,12 @@ static time_value add_offset_of(const dravel_item *item, const clock_reading &cl
   return expire;
 }
 
+static bool heeds_disabled_periods(const dravel_item *item) {
+  return !has_type(item, TIMER_TYPE_ALWAYS) && item->disable_period_effect != 0;
+}
+
 static int holiday_test(const dravel_item *item, time_value expire) {
-  if (has_type(item, TIMER_TYPE_ALWAYS) || item->disable_period_effect == 0)
+  if (!heeds_disabled_periods(item))
     return SKIP_NO;
   const int decision = can_skip_timer(item, expire);
   if (decision == SKIP_REFUSED)
@@ -306,28 +310,42 @@ int can_skip_standby(const std::tm *standby, int timer_id) {
   return 0;
 }
 
+// Computing the next expiry of such an item may move it.
+static bool may_be_moved(const dravel_item *item) {
+  return disabled_period_list != nullptr && heeds_disabled_periods(item);
+}
+
 namespace {
 
-// An item and its next expiry, as far as it has one.
-struct sort_key {
+// An item's next expiry, kept over the comparisons of one sorting.
+class sort_key {
+public:
+  explicit sort_key(const dravel_item *of) : item(of) {}
+
+  bool expires() {
+    if (!known_ || may_be_moved(item)) {
+      std::tm next;
+      expires_ = get_next_expire_date(item, &next) == 0;
+      expire = expires_ ? unsigned_timegm(&next) : 0;
+      known_ = true;
+    }
+    return expires_;
+  }
+
   const dravel_item *item;
-  bool expires;
-  time_value expire;
+  time_value expire = 0; // as of the last call of expires()
+
+private:
+  bool known_ = false;
+  bool expires_ = false;
 };
 
 } // namespace
 
-static sort_key sort_key_of(const dravel_item *item) {
-  std::tm expire;
-  if (get_next_expire_date(item, &expire) != 0)
-    return {item, false, 0};
-  return {item, true, unsigned_timegm(&expire)};
-}
-
-static int compare_keys(const sort_key &listed, const sort_key &added) {
-  if (!listed.expires)
+static int compare_keys(sort_key &listed, sort_key &added) {
+  if (!listed.expires())
     return -1;
-  if (!added.expires)
+  if (!added.expires())
     return 1;
   if (listed.expire != added.expire)
     return listed.expire < added.expire ? -1 : 1;
@@ -340,10 +358,9 @@ static int compare_keys(const sort_key &listed, const sort_key &added) {
 int compare_dravel_cb(const void *listed, const void *added) {
   if (listed == nullptr || added == nullptr)
     return 0;
-  const sort_key listed_key = sort_key_of(static_cast<const dravel_item *>(listed));
-  if (!listed_key.expires)
-    return -1;
-  return compare_keys(listed_key, sort_key_of(static_cast<const dravel_item *>(added)));
+  sort_key listed_key(static_cast<const dravel_item *>(listed));
+  sort_key added_key(static_cast<const dravel_item *>(added));
+  return compare_keys(listed_key, added_key);
 }
 
 // Puts `item` before the first listed one that it goes ahead of. Eina's sorted
@@ -357,9 +374,10 @@ static Eina_List *insert_in_order(Eina_List *list, const dravel_item *item) {
   return eina_list_append(list, item);
 }
 
-// The same insertion, by keys that are at hand.
-static void insert_in_order(std::vector<sort_key> &keys, const sort_key &added) {
-  const auto place = std::find_if(keys.begin(), keys.end(), [&added](const sort_key &listed) {
+// The same insertion, by keys that are kept.
+static void insert_in_order(std::vector<sort_key> &keys, const dravel_item *item) {
+  sort_key added(item);
+  const auto place = std::find_if(keys.begin(), keys.end(), [&added](sort_key &listed) {
     return compare_keys(listed, added) > 0;
   });
   keys.insert(place, added);
@@ -379,9 +397,9 @@ void rebuild_onoff_timer_lists(void) {
   std::vector<sort_key> offtimers;
   for (const dravel_item *item : items_of<dravel_item>(dravel_list)) {
     if (has_type(item, TIMER_TYPE_OFF))
-      insert_in_order(offtimers, sort_key_of(item));
+      insert_in_order(offtimers, item);
     else if (is_ontimer_item(item))
-      insert_in_order(ontimers, sort_key_of(item));
+      insert_in_order(ontimers, item);
   }
   eina_list_free(ontimer_list);
   eina_list_free(offtimer_list);

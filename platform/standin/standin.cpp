@@ -100,7 +100,10 @@ void standin_reset() {
   standin_reset_clocks();
 }
 
-bool standin_refuses(std::string_view operation) { return standin().refused.contains(operation); }
+bool standin_refuses(std::string_view operation) {
+  const auto &refused = standin().refused;
+  return !refused.empty() && refused.contains(operation);
+}
 
 std::string standin_refused_list() {
   std::string list;
