@@ -1,0 +1,336 @@
+// The daemon beside a bare service, measured in turn on one bus: medians, and how many times the
+// daemon takes what the bare service takes.
+//
+// Usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY   in scripts/house
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+
+#include <unistd.h>
+
+#include "house.h"
+
+namespace fs = std::filesystem;
+
+static constexpr int full_list = 80;
+static constexpr double highest_ratio = 1.2;
+
+static std::string daemon_program;
+static std::string bare_program;
+
+namespace {
+
+// What is measured on both sides, in one unit.
+struct figures {
+  double ours;
+  double bare;
+};
+
+// A directory for the store: the house's own, which lies in memory, or one on a disk.
+struct place {
+  const char *name;
+  std::string directory;
+  int rounds;
+};
+
+// The daemon with timers, and the bare service on a copy of its store.
+struct pair_of_services {
+  pair_of_services(bus_client &bus, int timers, bool repeating) : client(bus) {
+    empty_store();
+    ours.emplace(bus, daemon_service, std::vector{daemon_program});
+    for (int i = 0; i < timers; ++i)
+      bus.schedule(daemon_service, household_timer(wall_clock(), i, repeating));
+    fs::copy_file(daemon_store, bare_store);
+    bare.emplace(bus, bare_service, std::vector<std::string>{bare_program, bare_store});
+  }
+
+  bus_client &client;
+  std::optional<service> ours;
+  std::optional<service> bare;
+};
+
+} // namespace
+
+static double median(std::vector<double> values) {
+  std::ranges::sort(values);
+  const std::size_t middle = values.size() / 2;
+  return values.size() % 2 != 0 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+template <typename Action> static double timed(Action action) {
+  const double start = microseconds();
+  action();
+  return microseconds() - start;
+}
+
+// Takes the sides in turn, each first in every other round; `ours` and `bare` return what they
+// took.
+template <typename Ours, typename Bare> static figures in_turn(int rounds, Ours ours, Bare bare) {
+  std::vector<double> ours_took;
+  std::vector<double> bare_took;
+  for (int round = -rounds / 10 - 1; round < rounds; ++round) {
+    double first = 0;
+    double second = 0;
+    if (round % 2 == 0) {
+      first = ours();
+      second = bare();
+    } else {
+      second = bare();
+      first = ours();
+    }
+    if (round < 0) // warming up
+      continue;
+    ours_took.push_back(first);
+    bare_took.push_back(second);
+  }
+  return {median(ours_took), median(bare_took)};
+}
+
+static void print_row(const std::string &what, const figures &took, const char *unit) {
+  const double ratio = took.ours / took.bare;
+  std::printf("  %-46s %9.1f %9.1f %-3s %6.2f%s\n", what.c_str(), took.ours, took.bare, unit, ratio,
+              ratio > highest_ratio ? "  above" : "");
+  std::fflush(stdout);
+}
+
+static void print_figure(const std::string &what, double value, const char *unit) {
+  std::printf("  %-46s %9.1f %9s %-3s\n", what.c_str(), value, "", unit);
+  std::fflush(stdout);
+}
+
+static void use(const place &where) {
+  fs::remove_all("/opt/dbspace");
+  if (where.directory.empty()) {
+    fs::create_directory("/opt/dbspace");
+    return;
+  }
+  fs::create_directories(where.directory);
+  fs::create_directory_symlink(where.directory, "/opt/dbspace");
+}
+
+// --- what calls cost ---
+
+static void compare_empty_calls(bus_client &bus) {
+  const pair_of_services both(bus, 0, true);
+  const auto ask = [&](const bus_target &target) {
+    const dbus_int32_t unused = 0;
+    return timed([&] { bus.call(target, "request_get_timers_halt_effect", {&unused, 1}); });
+  };
+  print_row("empty round trip",
+            in_turn(
+                2000, [&] { return ask(daemon_service); }, [&] { return ask(bare_service); }),
+            "us");
+}
+
+static void compare_list(bus_client &bus) {
+  const pair_of_services both(bus, full_list, true);
+  bus.keep(bare_service, bus.list(daemon_service));
+  if (bus.list(daemon_service) != bus.list(bare_service))
+    fail("the two lists differ");
+  const auto ask = [&](const bus_target &target) { return timed([&] { bus.list(target); }); };
+  print_row("list of " + std::to_string(full_list),
+            in_turn(
+                2000, [&] { return ask(daemon_service); }, [&] { return ask(bare_service); }),
+            "us");
+}
+
+static void compare_schedule_and_cancel(bus_client &bus, const place &where, int listed) {
+  const pair_of_services both(bus, listed, true);
+  // In the middle of the list, and in nobody's way.
+  timer_arguments added = household_timer(wall_clock(), listed / 2, false);
+  added[9] += 420 / 60;
+  const auto run = [&](const bus_target &target) {
+    return timed([&] { bus.cancel(target, bus.schedule(target, added)); });
+  };
+  print_row(
+      "schedule + cancel, " + std::to_string(listed) + " listed",
+      in_turn(
+          where.rounds, [&] { return run(daemon_service); }, [&] { return run(bare_service); }),
+      "us");
+}
+
+// The clock stands at half a minute, where no timer is due, and goes forth and back. SQLite writes
+// nothing for a row that stays as it is, so the bare service is given the rows that the daemon has
+// just moved, and the daemon always goes first.
+static void compare_clock_change(bus_client &bus, const place &where, const char *what,
+                                 std::uint32_t distance) {
+  const pair_of_services both(bus, full_list - 1, false);
+  constexpr std::uint32_t minute = 60;
+  const std::uint32_t now = wall_clock() / minute * minute + minute / 2;
+  bus.set_property("ClocksRunning", DBUS_TYPE_BOOLEAN, 0);
+  std::vector<double> ours_took;
+  std::vector<double> bare_took;
+  for (int round = 0; round < where.rounds / 10; ++round) {
+    bus.set_property("TvClock", DBUS_TYPE_UINT32, round % 2 == 0 ? now + distance : now);
+    const double ours = timed([&] { bus.call(daemon_set, "TimeSet"); });
+    bus.keep(bare_service, bus.list(daemon_service));
+    const double bare = timed([&] { bus.call(bare_service, "update_all"); });
+    if (round < 2) // warming up
+      continue;
+    ours_took.push_back(ours);
+    bare_took.push_back(bare);
+  }
+  if (bus.list(daemon_service).size() != 76 * (full_list - 1))
+    fail("the clock change left " + std::to_string(bus.list(daemon_service).size() / 76) +
+         " timers");
+  print_row(what, {median(ours_took), median(bare_took)}, "us");
+}
+
+// --- start-up and memory ---
+
+static double memory_of(pid_t pid, const char *file, const char *field) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/" + file);
+  for (std::string line; std::getline(in, line);)
+    if (line.starts_with(field))
+      return std::atof(line.c_str() + std::strlen(field) + 1);
+  fail(std::string(file) + " has no " + field);
+}
+
+static void compare_starts(bus_client &bus, int rounds) {
+  { const pair_of_services filled(bus, full_list - 1, true); }
+  const auto start = [&](const bus_target &target, const std::string &program) {
+    std::optional<service> started;
+    return timed([&] {
+             started.emplace(bus, target, std::vector{program});
+             const dbus_int32_t unused = 0;
+             bus.call(target, "request_get_timers_halt_effect", {&unused, 1});
+           }) /
+           1000;
+  };
+  print_row("start with 79 stored timers, to the first answer",
+            in_turn(
+                rounds, [&] { return start(daemon_service, daemon_program); },
+                [&] { return start(bare_service, bare_program); }),
+            "ms");
+}
+
+static void compare_memory(bus_client &bus) {
+  { const pair_of_services filled(bus, full_list - 1, true); }
+  const service ours(bus, daemon_service, {daemon_program});
+  const service bare(bus, bare_service, {bare_program});
+  if (bus.list(daemon_service).size() != 76 * (full_list - 1))
+    fail("stored timers are missing");
+  bus.list(bare_service);
+  const auto both = [&](const char *file, const char *field) {
+    return figures{memory_of(ours.pid(), file, field), memory_of(bare.pid(), file, field)};
+  };
+  print_row("resident memory, VmRSS", both("status", "VmRSS:"), "kB");
+  print_row("resident memory, Pss", both("smaps_rollup", "Pss:"), "kB");
+}
+
+// --- expiries ---
+
+static void measure_wakeups(bus_client &bus) {
+  const pair_of_services both(bus, full_list - 1, true);
+  constexpr unsigned seconds = 5;
+  sleep(1);
+  const double before = memory_of(both.ours->pid(), "status", "voluntary_ctxt_switches:");
+  sleep(seconds);
+  print_figure("wake-ups in 5 idle seconds, 79 armed",
+               memory_of(both.ours->pid(), "status", "voluntary_ctxt_switches:") - before, "");
+}
+
+namespace {
+
+// A timer on its way: the second at which it is due, and when the daemon armed it.
+struct due_timer {
+  double due;
+  double armed;
+};
+
+} // namespace
+
+static void print_lateness(const char *what, std::vector<double> seconds) {
+  print_figure(std::string(what) + ", median", median(seconds) * 1000, "ms");
+  print_figure(std::string(what) + ", worst", *std::ranges::max_element(seconds) * 1000, "ms");
+}
+
+// Ordinary timers one a second: of those due in the same second the clock's adjustment after the
+// first expiry takes the others for past. Then transient ones, which it leaves alone, 20 a second.
+// They are set over a whole second, because the daemon arms them by whole seconds.
+static void measure_lateness(bus_client &bus) {
+  constexpr int ordinary = 20;
+  constexpr int transient = 180;
+  constexpr int transient_a_second = 20;
+  constexpr int off_timer = 1;
+  constexpr int transient_timer = 10;
+  constexpr useconds_t apart_us = 1000000 / (ordinary + transient);
+
+  empty_store();
+  const service ours(bus, daemon_service, {daemon_program});
+  bus.listen("type='signal',path='/org/olvara/tv/system/dravel',member='dravel_expired'");
+  for (int i = 0; i < 40; ++i)
+    bus.schedule(daemon_service, timer_at(wall_clock() + 7200 + 900U * static_cast<unsigned>(i),
+                                          i % 2 == 0 ? 2 : off_timer, 0x7f));
+
+  const std::uint32_t start = wall_clock() + 4;
+  std::map<int, due_timer> awaited;
+  const auto set = [&](int type, std::uint32_t due) {
+    const double before = precise_wall_clock();
+    const int id = bus.schedule(daemon_service, timer_at(due, type, 0));
+    awaited[id] = {static_cast<double>(due), (before + precise_wall_clock()) / 2};
+    usleep(apart_us);
+  };
+  for (int i = 0; i < ordinary; ++i)
+    set(off_timer, start + static_cast<unsigned>(i));
+  for (int i = 0; i < transient; ++i)
+    set(transient_timer, start + ordinary + 1 + static_cast<unsigned>(i / transient_a_second));
+
+  std::vector<double> late;
+  std::vector<double> beyond_arming;
+  bus.receive([&](DBusMessage *arrived) {
+    const double now = precise_wall_clock();
+    dbus_int32_t id = 0;
+    if (!dbus_message_is_signal(arrived, daemon_service.interface, "dravel_expired") ||
+        !dbus_message_get_args(arrived, nullptr, DBUS_TYPE_INT32, &id, DBUS_TYPE_INVALID))
+      return false;
+    const auto found = awaited.find(id);
+    if (found == awaited.end())
+      fail("a timer fired that was not due");
+    const auto [due, armed] = found->second;
+    late.push_back(now - due);
+    if (id < 0) // transient ones have kept the arming that the client saw
+      beyond_arming.push_back(now - due - (armed - std::floor(armed)));
+    awaited.erase(found);
+    return awaited.empty();
+  });
+  print_lateness("200 expiries after the due second", late);
+  print_lateness("of these 180 past the whole-second arming", beyond_arming);
+}
+
+int main(int argc, char **argv) {
+  if (argc != 4)
+    fail("usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY");
+  prepare_house();
+  daemon_program = argv[1];
+  bare_program = argv[2];
+  setenv("DRAVEL_STANDIN", "/run/bench/set.ini", 1);
+  std::ofstream("/run/bench/set.ini") << "[set]\nTimeZone=UTC\n";
+
+  bus_client bus;
+  std::printf("  %-46s %9s %9s %-3s %6s\n", "", "daemon", "bare", "", "ratio");
+  for (const place &where :
+       {place{"store in memory", "", 1000}, place{"store on disk", argv[3], 200}}) {
+    std::printf("%s\n", where.name);
+    use(where);
+    for (const int listed : {0, 40, full_list - 1})
+      compare_schedule_and_cancel(bus, where, listed);
+    compare_clock_change(bus, where, "clock change by a day, 79 one-shot timers move", 86400);
+    compare_clock_change(bus, where, "clock change by 67 minutes, few of 79 move", 67 * 60);
+    compare_starts(bus, 31);
+  }
+  use({"", "", 0});
+  std::printf("no store in use\n");
+  compare_empty_calls(bus);
+  compare_list(bus);
+  compare_memory(bus);
+  measure_wakeups(bus);
+  measure_lateness(bus);
+  return 0;
+}
