@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <sstream>
 
 struct settings_key {
   const char *name;
@@ -114,8 +113,10 @@ std::string standin_refused_list() {
 
 bool standin_set_refused_list(std::string_view list) {
   decltype(standin_set::refused) refused;
-  std::istringstream items{std::string{list}};
-  for (std::string operation; std::getline(items, operation, ',');) {
+  while (!list.empty()) {
+    const std::size_t comma = std::min(list.find(','), list.size());
+    std::string operation{list.substr(0, comma)};
+    list.remove_prefix(std::min(comma + 1, list.size()));
     std::erase(operation, ' ');
     if (operation.empty())
       continue;
