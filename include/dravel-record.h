@@ -46,6 +46,10 @@ enum timer_type : unsigned {
   TIMER_TYPE_ONTIMER_MAX = 254,
 };
 
+inline bool has_type(const dravel_item *item, timer_type type) {
+  return static_cast<unsigned>(item->type) == type;
+}
+
 // A field: where it stands in the record, and in which 32-bit word of the
 // record's image on the bus.
 struct record_field {

@@ -51,7 +51,7 @@ DRAVEL_API extern int offtimer_halt;
 DRAVEL_API extern bool ambient_poweroff_received;
 
 // Whether the TV clock is known to be valid, so that timers may be armed; 1 at
-// start. The setters of this group keep the value unchanged.
+// start. The setters store a value as it is given.
 DRAVEL_API void set_kinto_time_updated(int value);
 DRAVEL_API int get_kinto_time_updated(void);
 

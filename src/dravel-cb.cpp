@@ -12,35 +12,40 @@
 
 #include <iterator>
 
-enum class expiry_action { none, turn_on, turn_off, turn_off_transient, suspend };
+namespace {
 
-// What the daemon does itself when a timer of a type expires, and the reason
-// that it gives the power service for waking the set.
+enum class expiry_action { none, turn_on, turn_off };
+
+// What the daemon does itself when a timer of a type expires: the reason that it
+// gives the power service for waking the set, or the option of its power-off.
 struct type_row {
   expiry_action action;
   int wakeup_reason;
+  unsigned poweroff_option;
 };
 
+} // namespace
+
 static constexpr type_row kTypeRows[] = {
-    {expiry_action::turn_on, 2},            // 0
-    {expiry_action::turn_off, 2},           // 1
-    {expiry_action::turn_on, 20},           // 2
-    {expiry_action::turn_on, 5},            // 3
-    {expiry_action::none, 2},               // 4
-    {expiry_action::turn_on, 28},           // 5
-    {expiry_action::turn_on, 30},           // 6
-    {expiry_action::turn_on, 33},           // 7
-    {expiry_action::turn_on, 36},           // 8
-    {expiry_action::none, 2},               // 9
-    {expiry_action::turn_off_transient, 2}, // 10
-    {expiry_action::turn_on, 74},           // 11
-    {expiry_action::none, 2},               // 12
-    {expiry_action::turn_on, 92},           // 13
-    {expiry_action::turn_on, 99},           // 14
-    {expiry_action::turn_on, 89},           // 15
-    {expiry_action::suspend, 2},            // 16
+    {expiry_action::turn_on, 2, 0},                            // 0
+    {expiry_action::turn_off, 2, POWEROFF_BY_OFF_TIMER},       // 1
+    {expiry_action::turn_on, 20, 0},                           // 2
+    {expiry_action::turn_on, 5, 0},                            // 3
+    {expiry_action::none, 2, 0},                               // 4
+    {expiry_action::turn_on, 28, 0},                           // 5
+    {expiry_action::turn_on, 30, 0},                           // 6
+    {expiry_action::turn_on, 33, 0},                           // 7
+    {expiry_action::turn_on, 36, 0},                           // 8
+    {expiry_action::none, 2, 0},                               // 9
+    {expiry_action::turn_off, 2, POWEROFF_BY_TRANSIENT_TIMER}, // 10
+    {expiry_action::turn_on, 74, 0},                           // 11
+    {expiry_action::none, 2, 0},                               // 12
+    {expiry_action::turn_on, 92, 0},                           // 13
+    {expiry_action::turn_on, 99, 0},                           // 14
+    {expiry_action::turn_on, 89, 0},                           // 15
+    {expiry_action::turn_off, 2, POWEROFF_AMBIENT_TO_SUSPEND}, // 16
 };
-static constexpr type_row kOtherTypes = {expiry_action::none, 2};
+static constexpr type_row kOtherTypes = {expiry_action::none, 2, 0};
 
 static const type_row &row_of(const dravel_item *item) {
   const auto type = static_cast<unsigned>(item->type);
@@ -78,11 +83,11 @@ void process_on_timer(const dravel_item *item) {
   if (result != 0)
     LOGE("Error in device_power_set_wakeup_reason : %d\n", result);
 
-  if (item->type == TIMER_TYPE_AMBIENT_ON)
+  if (has_type(item, TIMER_TYPE_AMBIENT_ON))
     switch_ambient_mode(1);
   else if (ambient_mode == AMBIENT_MODE_LOW_POWER)
     switch_ambient_mode(0);
-  else if (item->type == TIMER_TYPE_ON)
+  else if (has_type(item, TIMER_TYPE_ON))
     request_power_on();
 }
 
@@ -106,7 +111,7 @@ static time_value occurrence_of(const dravel_item *item) {
 }
 
 static bool is_skipped(const dravel_item *item, time_value now) {
-  if (item->type == TIMER_TYPE_ALWAYS || item->disable_period_effect == 0 ||
+  if (has_type(item, TIMER_TYPE_ALWAYS) || item->disable_period_effect == 0 ||
       can_skip_timer(item, now) != SKIP_REFUSED)
     return false;
   LOGD("skip timer %d", item->timer_id);
@@ -114,22 +119,19 @@ static bool is_skipped(const dravel_item *item, time_value now) {
 }
 
 static void act_by_type(const dravel_item *item, int ambient_mode) {
-  switch (row_of(item).action) {
+  const type_row &row = row_of(item);
+  switch (row.action) {
   case expiry_action::turn_on:
     process_on_timer(item);
     break;
   case expiry_action::turn_off:
-    if (ambient_mode == AMBIENT_MODE_CLOSED)
-      process_off_timer(POWEROFF_BY_OFF_TIMER);
-    else
+    if (has_type(item, TIMER_TYPE_OFF) && ambient_mode != AMBIENT_MODE_CLOSED) {
       LOGI("ambient_mode open");
-    break;
-  case expiry_action::turn_off_transient:
-    process_off_timer(POWEROFF_BY_TRANSIENT_TIMER);
-    break;
-  case expiry_action::suspend:
-    LOGI("power off from ambient mode to suspend");
-    process_off_timer(POWEROFF_AMBIENT_TO_SUSPEND);
+      break;
+    }
+    if (has_type(item, TIMER_TYPE_AMBIENT_OFF))
+      LOGI("power off from ambient mode to suspend");
+    process_off_timer(row.poweroff_option);
     break;
   case expiry_action::none:
     break;

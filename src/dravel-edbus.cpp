@@ -156,7 +156,7 @@ static DBusMessage *edbus_schedule_timer_cb(E_DBus_Object *, DBusMessage *msg) {
     return nullptr;
 
   dravel_item *duplicate = nullptr;
-  if (type == TIMER_TYPE_REPLACING && find_duplicate_ontimer(item, &duplicate) == 0) {
+  if (has_type(item, TIMER_TYPE_REPLACING) && find_duplicate_ontimer(item, &duplicate) == 0) {
     LOGI("cancel_dravel_item: [%d]", duplicate->timer_id);
     cancel_dravel_item(duplicate);
   }

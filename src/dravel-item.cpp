@@ -7,9 +7,9 @@
 #include <device_power.h>
 #include <system_info.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstdlib>
+#include <optional>
 #include <vector>
 
 static constexpr const char *kSyncDbKey = "com.vellmar/featureconf/appfw.dravel.sync_db";
@@ -36,10 +36,6 @@ Eina_List *get_ontimer_list(void) { return ontimer_list; }
 Eina_List *get_offtimer_list(void) { return offtimer_list; }
 
 Eina_List *get_disabled_period_list(void) { return disabled_period_list; }
-
-static bool has_type(const dravel_item *item, timer_type type) {
-  return static_cast<unsigned>(item->type) == type;
-}
 
 int is_ontimer_item(const dravel_item *item) {
   return static_cast<unsigned>(item->type) <= TIMER_TYPE_ONTIMER_MAX &&
@@ -317,38 +313,41 @@ static bool may_be_moved(const dravel_item *item) {
 
 namespace {
 
-// An item's next expiry, kept over the comparisons of one sorting.
+// An item and its next expiry, kept over the comparisons of one sorting.
 class sort_key {
 public:
   explicit sort_key(const dravel_item *of) : item(of) {}
 
-  bool expires() {
-    if (!known_ || may_be_moved(item)) {
-      std::tm next;
-      expires_ = get_next_expire_date(item, &next) == 0;
-      expire = expires_ ? unsigned_timegm(&next) : 0;
-      known_ = true;
-    }
-    return expires_;
+  // None for an item that has no next expiry.
+  std::optional<time_value> expiry() {
+    if (known_ && !may_be_moved(item))
+      return expiry_;
+    std::tm next;
+    known_ = true;
+    expiry_.reset();
+    if (get_next_expire_date(item, &next) == 0)
+      expiry_ = unsigned_timegm(&next);
+    return expiry_;
   }
 
   const dravel_item *item;
-  time_value expire = 0; // as of the last call of expires()
 
 private:
   bool known_ = false;
-  bool expires_ = false;
+  std::optional<time_value> expiry_;
 };
 
 } // namespace
 
 static int compare_keys(sort_key &listed, sort_key &added) {
-  if (!listed.expires())
+  const std::optional<time_value> listed_expiry = listed.expiry();
+  if (!listed_expiry)
     return -1;
-  if (!added.expires())
+  const std::optional<time_value> added_expiry = added.expiry();
+  if (!added_expiry)
     return 1;
-  if (listed.expire != added.expire)
-    return listed.expire < added.expire ? -1 : 1;
+  if (*listed_expiry != *added_expiry)
+    return *listed_expiry < *added_expiry ? -1 : 1;
   if (listed.item->priority > added.item->priority)
     return -1;
   // An off-timer listed first keeps its place.
@@ -375,11 +374,10 @@ static Eina_List *insert_in_order(Eina_List *list, const dravel_item *item) {
 }
 
 // The same insertion, by keys that are kept.
-static void insert_in_order(std::vector<sort_key> &keys, const dravel_item *item) {
-  sort_key added(item);
-  const auto place = std::find_if(keys.begin(), keys.end(), [&added](sort_key &listed) {
-    return compare_keys(listed, added) > 0;
-  });
+static void insert_key(std::vector<sort_key> &keys, sort_key added) {
+  auto place = keys.begin();
+  while (place != keys.end() && compare_keys(*place, added) <= 0)
+    ++place;
   keys.insert(place, added);
 }
 
@@ -390,16 +388,16 @@ static Eina_List *list_of(const std::vector<sort_key> &keys) {
   return list;
 }
 
-// Sorting compares every item with most others: one computation for each item
-// serves all of its comparisons.
+// Sorting compares every item with most others. One computation serves all
+// comparisons of an item, unless disabled periods may move it meanwhile.
 void rebuild_onoff_timer_lists(void) {
   std::vector<sort_key> ontimers;
   std::vector<sort_key> offtimers;
   for (const dravel_item *item : items_of<dravel_item>(dravel_list)) {
     if (has_type(item, TIMER_TYPE_OFF))
-      insert_in_order(offtimers, item);
+      insert_key(offtimers, sort_key(item));
     else if (is_ontimer_item(item))
-      insert_in_order(ontimers, item);
+      insert_key(ontimers, sort_key(item));
   }
   eina_list_free(ontimer_list);
   eina_list_free(offtimer_list);

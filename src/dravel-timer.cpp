@@ -27,6 +27,9 @@ static constexpr double kPollSeconds = 0.1;
 static constexpr time_value kMaxDistanceSeconds = 31536000; // 365 days
 static constexpr time_value kRebootGuardSeconds = 59;
 
+static constexpr int kNoOntimer = -1;
+static constexpr int kOntimerRefused = -2;
+
 static constexpr std::size_t kEventStateOffset = 12;
 static constexpr std::size_t kEventAmbientModeOffset = 20;
 
@@ -262,7 +265,7 @@ static time_value configured_time(const dravel_item *item, double offset, const 
 }
 
 // Without the TV clock the timers that are on it cannot be told apart in time.
-static bool is_out_of_time(const dravel_item *item, const clock_reading &clocks) {
+static bool is_on_unknown_tv_clock(const dravel_item *item, const clock_reading &clocks) {
   return clocks.broadcast == 0 && item->time_type == TIME_TYPE_BROADCAST;
 }
 
@@ -273,7 +276,7 @@ static bool leave_out_offtimers(const dravel_item *ontimer, const clock_reading 
                                 int *week_flag) {
   const time_value on_time = configured_time(ontimer, clocks.offset, "on");
   for (const dravel_item *offtimer : items_of<dravel_item>(get_offtimer_list())) {
-    if (is_out_of_time(offtimer, clocks) ||
+    if (is_on_unknown_tv_clock(offtimer, clocks) ||
         configured_time(offtimer, clocks.offset, "off") != on_time)
       continue;
 
@@ -308,7 +311,7 @@ int get_next_ontimer_not_overlap_with_offtimer(dravel_item **item, std::tm *expi
   time_value earliest = kInvalidTime;
   for (dravel_item *ontimer : items_of<dravel_item>(get_ontimer_list())) {
     dravel_item narrowed = *ontimer;
-    if (has_offtimers && (is_out_of_time(ontimer, clocks) ||
+    if (has_offtimers && (is_on_unknown_tv_clock(ontimer, clocks) ||
                           !leave_out_offtimers(ontimer, clocks, &narrowed.week_flag)))
       continue;
 
@@ -326,17 +329,25 @@ int get_next_ontimer_not_overlap_with_offtimer(dravel_item **item, std::tm *expi
   return earliest == kInvalidTime ? -1 : 0;
 }
 
-enum class choice { none, programmed, refused };
-
-// Programs the on-timer that the set is to wake for next.
-static choice program_next_ontimer(void) {
+// Programs the on-timer that the set is to wake for next. Returns 0; -1 when there
+// is none and -2 when the power control refused it.
+static int program_next_ontimer(void) {
   dravel_item *chosen = nullptr;
   std::tm expire{};
   if (get_next_ontimer_not_overlap_with_offtimer(&chosen, &expire) != 0)
-    return choice::none;
+    return kNoOntimer;
   const int result = schedule_micom_ontimer(chosen->timer_id, &expire,
                                             static_cast<unsigned>(chosen->type), chosen->priority);
-  return result == 0 ? choice::programmed : choice::refused;
+  return result == 0 ? 0 : kOntimerRefused;
+}
+
+// The same where the programmed on-timer may have to go: with none left, nothing
+// stays programmed.
+static int replace_programmed_ontimer(void) {
+  const int result = program_next_ontimer();
+  if (result == kNoOntimer)
+    disable_programmed_ontimer();
+  return result;
 }
 
 // Returns 0 with the time that `item` is to be measured against; 0 stands for a
@@ -384,8 +395,8 @@ static int distance_to(time_value expire_time, const std::tm &expire_tm, time_va
   return 0;
 }
 
-// The micro-controller needs time to take a new on-time: one that comes within
-// the minute would restart a set that is about to fire by itself.
+// An on-time within the running minute is not given to the micro-controller: the
+// set is awake and fires it itself, and must not be started again by it.
 static bool fires_in_current_minute(time_value now, const std::tm &expire_tm, time_value timediff) {
   std::tm now_tm;
   unsigned_gmtime_r(now, &now_tm);
@@ -437,22 +448,14 @@ static void reconsider_micom_ontimer(const dravel_item *item, time_value expire_
                                      time_value local_ontime, bool avoid_reboot) {
   if (is_ontimer_item(item) && !avoid_reboot) {
     if (goes_before_programmed(item, expire_time, local_ontime) &&
-        program_next_ontimer() == choice::refused)
+        program_next_ontimer() == kOntimerRefused)
       LOGE("Failed to schedule micom ontimer");
     return;
   }
-  if (item->type != TIMER_TYPE_OFF || local_ontime == 0)
+  if (!has_type(item, TIMER_TYPE_OFF) || local_ontime == 0)
     return;
-  switch (program_next_ontimer()) {
-  case choice::none:
-    disable_programmed_ontimer();
-    break;
-  case choice::refused:
+  if (replace_programmed_ontimer() == kOntimerRefused)
     LOGE("Failed to schedule micom offtimer");
-    break;
-  case choice::programmed:
-    break;
-  }
 }
 
 int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
@@ -470,7 +473,7 @@ int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
     LOGE("get_next_expire_date~~~error code : %d\n", result);
     return result;
   }
-  if (item->type == TIMER_TYPE_STANDBY && can_skip_standby(&expire_tm, item->timer_id) != 0)
+  if (has_type(item, TIMER_TYPE_STANDBY) && can_skip_standby(&expire_tm, item->timer_id) != 0)
     return SCHEDULE_NEVER_FIRES;
 
   const time_value expire_time = unsigned_timegm(&expire_tm);
@@ -526,16 +529,8 @@ static void schedule_next_ontimer(void) {
   if (get_next_expire_date(next, &expire) != 0)
     return;
 
-  switch (program_next_ontimer()) {
-  case choice::none:
-    disable_programmed_ontimer();
-    break;
-  case choice::refused:
+  if (replace_programmed_ontimer() == kOntimerRefused)
     LOGE("Failed to schedule next micom ontimer");
-    break;
-  case choice::programmed:
-    break;
-  }
 }
 
 // An off-timer is gone: an on-timer that it had kept from firing is armed again.
@@ -555,14 +550,14 @@ void cancel_dravel_item(dravel_item *item) {
   LOGD("timer:%d canceled\n", item->timer_id);
   LOGE("timer_item %p", static_cast<void *>(item));
   const int timer_id = item->timer_id;
-  const int type = item->type;
+  const bool is_offtimer = has_type(item, TIMER_TYPE_OFF);
   const bool had_ontimers = get_ontimer_list() != nullptr;
 
   cancel_ecore_timer(timer_id);
   remove_dravel_item(item);
   if (micom_ontimer.timer_id == timer_id)
     schedule_next_ontimer();
-  if (type == TIMER_TYPE_OFF && had_ontimers)
+  if (is_offtimer && had_ontimers)
     rearm_next_ontimer();
 }
 
@@ -600,8 +595,8 @@ static void adjust_unarmed(dravel_item *item) {
 
 static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
   cancel_ecore_timer(item->timer_id);
-  if (item->type != TIMER_TYPE_ALWAYS && item->week_flag == 0) {
-    if (is_out_of_time(item, clocks))
+  if (!has_type(item, TIMER_TYPE_ALWAYS) && item->week_flag == 0) {
+    if (is_on_unknown_tv_clock(item, clocks))
       return;
     re_anchor(item, clocks);
   }
@@ -624,7 +619,7 @@ void adjust_dravel_all_items(struct settings_key *, void *) {
        as_ulong(clocks.now), as_ulong(clocks.broadcast), as_ulong(clocks.internet), clocks.offset);
 
   for (dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
-    if (item->type == TIMER_TYPE_TRANSIENT)
+    if (has_type(item, TIMER_TYPE_TRANSIENT))
       continue;
     if (is_armed(item->timer_id))
       adjust_armed(item, clocks);
@@ -711,6 +706,7 @@ static void react_to_wakeup(void) {
   adjust_wait_timer = ecore_timer_add(kAdjustWaitSeconds, adjust_wait_timer_cb, nullptr);
 }
 
+// The two wake events log the programmed on-timer with priorities of their own.
 static int power_wakeup_cb(int reason, void *) {
   LOGE("wakeup reason: %d", reason);
   set_wakeup_state(1);

@@ -22,8 +22,8 @@ static int get_rtc_time(time_value *out) {
   tm.tm_min = rtc.minutes;
   tm.tm_hour = rtc.hours;
   tm.tm_mday = rtc.day;
-  tm.tm_mon = rtc.month - 1;
-  tm.tm_year = rtc.year + 100;
+  tm.tm_mon = add_wrapping(rtc.month, -1);
+  tm.tm_year = add_wrapping(rtc.year, 100);
   *out = unsigned_timegm(&tm);
   LOGI("rtc time:%lu", as_ulong(*out));
   return *out == kInvalidTime ? -1 : 0;
@@ -92,8 +92,7 @@ int get_clock_mode(void) {
 
 int is_leap_year(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0 ? 1 : 0; }
 
-// asctime_r writes 26 bytes and looks names up by weekday and month; what would
-// not fit is undefined there.
+// asctime_r promises 26 bytes and names only for times within these bounds.
 static bool fits_asctime(const std::tm &time) {
   const auto two_digits = [](int value) { return value >= 0 && value <= 99; };
   return time.tm_wday >= 0 && time.tm_wday <= 6 && time.tm_mon >= 0 && time.tm_mon <= 11 &&

@@ -3,7 +3,8 @@
 //
 // States, modes, reasons and options are the service's own numbers. Operations
 // that return int answer 0 on success and a non-zero code on failure, unless
-// said otherwise. Notifications arrive on the main-loop thread.
+// said otherwise. Notifications arrive on the main-loop thread, one at a time and
+// never from within a request.
 #pragma once
 
 #ifdef __cplusplus

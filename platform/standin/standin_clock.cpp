@@ -121,7 +121,10 @@ std::uint32_t standin_tv_clock() { return reading(tv_clock); }
 
 std::uint32_t standin_rtc() { return reading(rtc); }
 
-bool standin_clocks_running() { return running; }
+bool standin_clocks_running() {
+  standin();
+  return running;
+}
 
 void standin_run_clocks(bool run) {
   standin();
@@ -136,7 +139,10 @@ void standin_run_clocks(bool run) {
   running = run;
 }
 
-std::string standin_time_zone() { return g_time_zone_get_identifier(current_zone()); }
+std::string standin_time_zone() {
+  standin();
+  return g_time_zone_get_identifier(current_zone());
+}
 
 bool standin_set_time_zone(const char *name) {
   standin();

@@ -128,10 +128,11 @@ bool standin_read_key_file(const char *path) {
     return false;
   }
   for (const standin_property &property : kProperties) {
-    const std::unique_ptr<char, FreeText> text{
-        g_key_file_get_string(file.get(), kGroup, property.name, nullptr)};
-    if (!text)
+    if (!g_key_file_has_key(file.get(), kGroup, property.name, nullptr))
       continue;
+    // Taken as it stands: an odd byte must be reported, not passed over.
+    const std::unique_ptr<char, FreeText> text{
+        g_key_file_get_value(file.get(), kGroup, property.name, nullptr)};
     const auto value = parse_value(property.type, g_strstrip(text.get()));
     if (!value || !property.set(*value))
       system_log_print(SYSTEM_LOG_ERROR, kTag, "%s: %s cannot be \"%s\"", path, property.name,
