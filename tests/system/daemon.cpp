@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,26 +29,21 @@ std::string text_of(GVariant *value) {
 daemon_test::daemon_test() {
   if (g_strcmp0(g_getenv("DBUS_SYSTEM_BUS_ADDRESS"), house_bus) != 0)
     throw std::runtime_error("to be run through scripts/house: it removes the daemon's files");
-  for (const auto &file :
-       {main_db, wakeup_db, std::string("/tmp/dravel_init"), std::string("/tmp/dravel_finish")})
+  for (const auto &file : {kMainDb, kWakeupDb, "/tmp/dravel_init", "/tmp/dravel_finish"})
     std::filesystem::remove_all(file);
-  bus_ = g_dbus_connection_new_for_address_sync(
-      house_bus,
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, nullptr);
-  g_dbus_connection_add_filter(bus_, &hear, this, nullptr);
-  for (const auto *rule : {"path_namespace='/org/olvara/tv'", "member='NameOwnerChanged'"})
-    g_variant_unref(g_dbus_connection_call_sync(
-        bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "AddMatch",
-        g_variant_new("(s)", rule), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
+  bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+  filter_ = g_dbus_connection_add_filter(bus_, &hear, this, nullptr);
+  g_variant_unref(g_dbus_connection_call_sync(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                              "org.freedesktop.DBus", "AddMatch",
+                                              g_variant_new("(s)", "type='signal'"), nullptr,
+                                              G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
 }
 
 daemon_test::~daemon_test() {
   if (pid_ > 0) {
     EXPECT_EQ(stop(), 0) << log_;
   }
-  g_dbus_connection_close_sync(bus_, nullptr, nullptr);
+  g_dbus_connection_remove_filter(bus_, filter_);
   g_object_unref(bus_);
 }
 
@@ -136,43 +130,37 @@ int daemon_test::wait_exit() {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-GVariant *daemon_test::ask(const char *path, const char *interface, const char *method,
-                           const std::string &arguments, std::string &text) {
+std::string daemon_test::ask(const char *path, const char *interface, const char *method,
+                             const std::string &arguments) {
   g_autoptr(GError) error = nullptr;
-  GVariant *reply = g_dbus_connection_call_sync(
+  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
       bus_, service_name, path, interface, method, g_variant_new_parsed(arguments.c_str()), nullptr,
       G_DBUS_CALL_FLAGS_NONE, deadline_ms, nullptr, &error);
-  g_autofree char *name = reply == nullptr ? g_dbus_error_get_remote_error(error) : nullptr;
-  text = reply != nullptr ? text_of(reply) : name != nullptr ? name : error->message;
-  return reply;
+  if (reply != nullptr)
+    return text_of(reply);
+  g_autofree char *name = g_dbus_error_get_remote_error(error);
+  return name != nullptr ? name : error->message;
 }
 
 std::string daemon_test::call(const char *method, const std::string &arguments) {
-  std::string text;
-  g_autoptr(GVariant) reply = ask(service_path, service_name, method, arguments, text);
-  return text;
+  return ask(service_path, service_name, method, arguments);
 }
 
 std::string daemon_test::standin(const char *method, const std::string &arguments) {
-  std::string text;
-  g_autoptr(GVariant) reply = ask(standin_path, standin_name, method, arguments, text);
-  return text;
+  return ask(standin_path, standin_name, method, arguments);
 }
 
 std::string daemon_test::get(const std::string &property) {
-  std::string text;
-  g_autoptr(GVariant) reply =
-      ask(standin_path, properties, "Get",
-          std::string("('") + standin_name + "', '" + property + "')", text);
-  return reply != nullptr ? text.substr(2, text.size() - 5) : text; // of "(<...>,)"
+  const std::string text =
+      ask(standin_path, properties, "Get", "('org.olvara.tv.standin', '" + property + "')");
+  return text.starts_with("(<") ? text.substr(2, text.size() - 5) : text; // of "(<...>,)"
 }
 
 void daemon_test::set(const std::string &property, const std::string &value) {
-  std::string text;
-  g_autoptr(GVariant) reply =
-      ask(standin_path, properties, "Set",
-          std::string("('") + standin_name + "', '" + property + "', <" + value + ">)", text);
-  EXPECT_EQ(text, "()") << property;
+  EXPECT_EQ(ask(standin_path, properties, "Set",
+                "('org.olvara.tv.standin', '" + property + "', <" + value + ">)"),
+            "()")
+      << property;
 }
 
 bool daemon_test::is_answered(const char *method, const std::string &arguments) {
@@ -184,33 +172,6 @@ bool daemon_test::is_answered(const char *method, const std::string &arguments) 
   EXPECT_EQ(get("SyncDb"), "0");
   const std::lock_guard guard(mutex_);
   return std::find(answered_.begin(), answered_.end(), serial) != answered_.end();
-}
-
-strings daemon_test::members() {
-  std::string text;
-  g_autoptr(GVariant) reply =
-      ask(service_path, "org.freedesktop.DBus.Introspectable", "Introspect", "()", text);
-  const char *xml = "";
-  if (reply != nullptr)
-    g_variant_get(reply, "(&s)", &xml);
-  g_autoptr(GDBusNodeInfo) node = g_dbus_node_info_new_for_xml(xml, nullptr);
-  auto *interface =
-      node != nullptr ? g_dbus_node_info_lookup_interface(node, service_name) : nullptr;
-  if (interface == nullptr)
-    return {text};
-  const auto signature = [](GDBusArgInfo **arguments) {
-    std::string types;
-    for (; arguments != nullptr && *arguments != nullptr; ++arguments)
-      types += (*arguments)->signature;
-    return types;
-  };
-  strings result;
-  for (auto **method = interface->methods; method != nullptr && *method != nullptr; ++method)
-    result.push_back((*method)->name + ("(" + signature((*method)->in_args)) + ")" +
-                     signature((*method)->out_args));
-  for (auto **signal = interface->signals; signal != nullptr && *signal != nullptr; ++signal)
-    result.push_back((*signal)->name + (":" + signature((*signal)->args)));
-  return result;
 }
 
 int daemon_test::schedule(const timer &timer) {
@@ -226,35 +187,29 @@ int daemon_test::schedule(const timer &timer) {
   return std::atoi(reply.c_str() + 1);
 }
 
-std::vector<words> daemon_test::records(const char *method, const std::string &arguments,
-                                        std::size_t size) {
-  std::string text;
-  g_autoptr(GVariant) reply = ask(service_path, service_name, method, arguments, text);
-  std::vector<words> result(1, words(1, -1));
-  if (reply == nullptr || !g_variant_is_of_type(reply, G_VARIANT_TYPE("(iay)"))) {
-    ADD_FAILURE() << method << " answered " << text;
-    return result;
-  }
+words daemon_test::image(const char *method, const std::string &arguments) {
+  const std::string text = call(method, arguments);
+  words result(1, -1);
+  g_autoptr(GVariant) reply =
+      g_variant_parse(G_VARIANT_TYPE("(iay)"), text.c_str(), nullptr, nullptr, nullptr);
+  if (reply == nullptr)
+    throw std::runtime_error(text);
   g_autoptr(GVariant) bytes = nullptr;
-  g_variant_get(reply, "(i@ay)", result[0].data(), &bytes);
-  gsize count = 0;
-  const auto *data = static_cast<const std::uint8_t *>(g_variant_get_fixed_array(bytes, &count, 1));
-  EXPECT_EQ(count % size, 0U);
-  for (gsize at = 0; at + 4 <= count; at += 4) {
-    if (at % size == 0)
-      result.emplace_back();
-    result.back().push_back(static_cast<std::int32_t>(
-        data[at] | data[at + 1] << 8 | data[at + 2] << 16 | std::uint32_t{data[at + 3]} << 24));
-  }
+  g_variant_get(reply, "(i@ay)", result.data(), &bytes);
+  gsize size = 0;
+  const void *data = g_variant_get_fixed_array(bytes, &size, 1);
+  result.resize(1 + size / 4);
+  std::copy_n(static_cast<const std::uint8_t *>(data), size,
+              reinterpret_cast<std::uint8_t *>(&result[1]));
   return result;
 }
 
 words daemon_test::timer_ids() {
+  const words list = image("request_timer_list", "(0,)");
   words ids;
-  for (const auto &record : records("request_timer_list", "(0,)", 76))
-    ids.push_back(record.front());
-  EXPECT_EQ(ids.front(), static_cast<int>(ids.size()) - 1);
-  ids.erase(ids.begin());
+  for (std::size_t i = 1; i < list.size(); i += 19)
+    ids.push_back(list[i]);
+  EXPECT_EQ(list[0], static_cast<int>(ids.size()));
   return ids;
 }
 
@@ -272,19 +227,10 @@ void daemon_test::wait_log(const std::string &text) {
   wait([&] { return log_.find(text) != std::string::npos; }, text);
 }
 
-strings rows(const std::string &database, const std::string &statements) {
-  const auto add = [](void *out, int count, char **values, char **) {
-    std::string row;
-    for (int i = 0; i < count; ++i)
-      row += (i > 0 ? "|" : "") + std::string(values[i] != nullptr ? values[i] : "NULL");
-    static_cast<strings *>(out)->push_back(row);
-    return 0;
-  };
-  sqlite3 *db = nullptr;
-  strings result;
-  sqlite3_open(database.c_str(), &db);
-  if (sqlite3_exec(db, statements.c_str(), add, &result, nullptr) != SQLITE_OK)
-    result = {sqlite3_errmsg(db)};
-  sqlite3_close(db);
-  return result;
+int daemon_test::times_logged(const std::string &text) {
+  const std::lock_guard guard(mutex_);
+  int times = 0;
+  for (auto at = log_.find(text); at != std::string::npos; at = log_.find(text, at + 1))
+    ++times;
+  return times;
 }

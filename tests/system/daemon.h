@@ -1,5 +1,4 @@
 // The real daemon on the private bus of the house, and what a client and a pretend set see of it.
-// Nothing here sleeps: what is waited for is a signal, a log line or the end of the process.
 #pragma once
 
 #include <condition_variable>
@@ -14,8 +13,7 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-inline const std::string main_db = "/opt/dbspace/.dravel.db";
-inline const std::string wakeup_db = "/opt/dbspace/.wakeup_dravel.db";
+#include "../unit/rows.h"
 
 // 2024-11-24 12:00:00, a Sunday: where the stopped clocks stand unless a test moves them.
 constexpr std::uint32_t noon = 1732449600;
@@ -55,28 +53,27 @@ protected:
   // Whether a call is answered: no answer has come once a later call is answered.
   bool is_answered(const char *method, const std::string &arguments);
 
-  // The interface as introspection shows it: "method(arguments)reply", then "signal:arguments".
-  strings members();
-
   int schedule(const timer &timer); // the reply
 
-  // The first integer of an "iay" reply, then each of its records as words.
-  std::vector<words> records(const char *method, const std::string &arguments, std::size_t size);
+  // The integer of an "iay" reply, then its bytes as words.
+  words image(const char *method, const std::string &arguments);
   words timer_ids(); // in list order
 
   // The daemon's signals so far, oldest first, such as "dravel_expired(1,)"; they are forgotten.
   strings events();
   void wait_event(const std::string &event);
   void wait_log(const std::string &text);
+  int times_logged(const std::string &text);
 
 private:
   static GDBusMessage *hear(GDBusConnection *, GDBusMessage *message, gboolean incoming,
                             void *self);
-  GVariant *ask(const char *path, const char *interface, const char *method,
-                const std::string &arguments, std::string &text);
+  std::string ask(const char *path, const char *interface, const char *method,
+                  const std::string &arguments);
   void wait(const std::function<bool()> &condition, const std::string &what);
 
   GDBusConnection *bus_;
+  guint filter_;
   pid_t pid_ = -1;
   std::thread reader_;
 
@@ -91,6 +88,3 @@ private:
 
 // A property's value in that text form.
 inline std::string u32(std::uint32_t value) { return "uint32 " + std::to_string(value); }
-
-// The rows of a query, columns parted by '|'; or SQLite's message.
-strings rows(const std::string &database, const std::string &statements);

@@ -11,10 +11,9 @@ constexpr int daily = 0x7f;
 // A time as its count of seconds. The micro-controller is given UTC while the clock follows the
 // broadcast; everything else is the time of day on the screen.
 std::uint32_t at(const char *when) {
-  GDateTime *time = g_date_time_new_from_iso8601((std::string(when) + "Z").c_str(), nullptr);
-  const auto seconds = static_cast<std::uint32_t>(g_date_time_to_unix(time));
-  g_date_time_unref(time);
-  return seconds;
+  std::tm time = {};
+  strptime(when, "%FT%T", &time);
+  return static_cast<std::uint32_t>(timegm(&time));
 }
 
 std::string programmed(int type, const char *utc) {
@@ -36,11 +35,8 @@ protected:
 TEST_F(Day, TheSetKeepsItsPromise_OverSleepClocksAndHolidays) {
   // The set boots before the broadcast tells the time: timers are taken, none is armed.
   boot("PowerState=0", nullptr);
-  EXPECT_EQ(schedule({.type = 2,
-                      .at = at("2027-03-26T07:00:00"),
-                      .week_flag = daily,
-                      .disable_period_effect = 1}),
-            1);
+  const timer seven{2, at("2027-03-26T07:00:00"), daily, 0, 1};
+  EXPECT_EQ(schedule(seven), 1);
   EXPECT_FALSE(std::filesystem::exists("/tmp/dravel_finish"));
   EXPECT_EQ(events(), strings{});
 
@@ -59,14 +55,12 @@ TEST_F(Day, TheSetKeepsItsPromise_OverSleepClocksAndHolidays) {
   EXPECT_EQ(events(), (strings{"dravel_week_flag_expired(0,)", "dravel_expired(2,)",
                                "dravel_type_expired(1,)", "Requested('poweroff', 1, 0)", cleared,
                                programmed(2, "2027-03-27T06:00:00")}));
-  EXPECT_EQ(rows(main_db, "SELECT timer_id, tm_mday, tm_hour, micom_flag FROM dravel"),
-            (strings{"1|26|7|0", "3|27|9|0"}));
+  EXPECT_EQ(rows("SELECT timer_id, tm_mday, tm_hour, micom_flag FROM dravel"), "1|26|7|0 3|27|9|0");
 
   // The set sleeps with its next on-timer marked.
   standin("Standby", "(0,)");
   EXPECT_EQ(events(), strings{programmed(2, "2027-03-27T06:00:00")});
-  EXPECT_EQ(rows(main_db, "SELECT timer_id FROM dravel WHERE micom_flag = 1"), strings{"1"});
-  EXPECT_EQ(rows(wakeup_db, "SELECT timer_id, tm_hour FROM dravel"), strings{"1|7"});
+  EXPECT_EQ(rows("SELECT timer_id, tm_hour FROM dravel", kWakeupDb), "1|7");
 
   // It wakes in between; the clock is adjusted at once, and again when the time is confirmed.
   standin("Wakeup", "(1,)");
@@ -81,7 +75,7 @@ TEST_F(Day, TheSetKeepsItsPromise_OverSleepClocksAndHolidays) {
   std::filesystem::remove("/tmp/dravel_init");
   std::filesystem::remove("/tmp/dravel_finish");
   boot("PowerState=2\nWakeupReason=20", "2027-03-27T06:59:59");
-  EXPECT_EQ(records("request_wakeup_timer", "(0,)", 76)[1][0], 1);
+  EXPECT_EQ(image("request_wakeup_timer", "(0,)")[1], 1);
   EXPECT_EQ(timer_ids(), (words{1, 3}));
   events();
   tv_shows("2027-03-27T07:00:00");
@@ -95,8 +89,6 @@ TEST_F(Day, TheSetKeepsItsPromise_OverSleepClocksAndHolidays) {
   // Tomorrow's seven o'clock lies behind the change to summer time, in New York it does not.
   set("TimeZone", "'America/New_York'");
   EXPECT_EQ(events(), (strings{cleared, programmed(2, "2027-03-28T11:00:00")}));
-  set("TimeZone", "'Europe/Berlin'");
-  EXPECT_EQ(events(), (strings{cleared, programmed(2, "2027-03-28T05:00:00")}));
   set("ClockMode", "1"); // from now on the micro-controller holds local time
   standin("TimeSet", "()");
   EXPECT_EQ(events(), (strings{cleared, programmed(2, "2027-03-28T07:00:00")}));
@@ -107,61 +99,44 @@ TEST_F(Day, TheSetKeepsItsPromise_OverSleepClocksAndHolidays) {
                                                " 127, 2, 29, 23, 59, 59, 1, 87, 0, 0, 0)"),
             "(1,)");
   EXPECT_EQ(get("WakeupTime"), u32(at("2027-03-30T07:00:00")));
-  EXPECT_EQ(rows(main_db, "SELECT timer_id, tm_mday FROM dravel"), (strings{"1|26", "4|30"}));
-  EXPECT_EQ(records("request_disabled_period_list", "(0,)", 100)[1][24], 1);
+  EXPECT_EQ(rows("SELECT timer_id, tm_mday FROM dravel"), "1|26 4|30");
+  EXPECT_EQ(image("request_disabled_period_list", "(0,)")[25], 1);
   EXPECT_EQ(call("request_set_disable_period_effect", "(1, 0)"), "(0,)");
   EXPECT_EQ(get("WakeupTime"), u32(at("2027-03-28T07:00:00")));
-  EXPECT_EQ(rows(main_db, "SELECT timer_id, disable_period_effect FROM dravel"),
-            (strings{"1|0", "4|1"}));
+  EXPECT_EQ(rows("SELECT timer_id, disable_period_effect FROM dravel"), "1|0 4|1");
   EXPECT_EQ(call("request_remove_disabled_period", "(1,)"), "(0,)");
   EXPECT_EQ(call("request_remove_disabled_period", "(1,)"), "(-1,)");
   EXPECT_EQ(get("WakeupTime"), u32(at("2027-03-27T09:00:00")));
 
   // A factory reset takes the files; what is listed goes on until the next start.
-  standin("PowerOff", "(13,)");
-  EXPECT_FALSE(std::filesystem::exists(main_db) || std::filesystem::exists(wakeup_db));
+  standin("PowerOff", "(12,)");
+  EXPECT_TRUE(std::filesystem::exists(kMainDb) && std::filesystem::exists(kWakeupDb));
+  standin("PowerOff", "(14,)");
+  EXPECT_FALSE(std::filesystem::exists(kMainDb) || std::filesystem::exists(kWakeupDb));
   EXPECT_EQ(timer_ids(), (words{4, 1}));
   EXPECT_EQ(schedule({.type = 2, .at = at("2027-03-28T10:00:00")}), -1);
-  EXPECT_EQ(timer_ids(), (words{4, 1}));
   EXPECT_EQ(stop(), 0);
   boot("", "2027-03-27T08:00:00");
   EXPECT_EQ(timer_ids(), words{});
-  EXPECT_EQ(schedule({.type = 2, .at = at("2027-03-28T10:00:00")}), 1);
 }
 
 TEST_F(Day, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
-  namespace fs = std::filesystem;
-  const fs::path directory = "/tmp/copies";
-  const auto copy = [&](int in, const fs::path &to) {
-    return "(" + std::to_string(in) + ", '" + to.string() + "')";
-  };
-  fs::remove_all(directory);
-  fs::create_directories(directory / "taken" / ".dravel.db" / "x");
+  std::filesystem::remove_all("/tmp/copies");
+  std::filesystem::create_directories("/tmp/copies/taken/.dravel.db/x");
   start();
   EXPECT_EQ(schedule({.type = 2}), 1);
-
-  const struct {
-    std::string arguments;
-    std::string said;
-  } refused[] = {
-      {copy(1, directory), "/tmp/copies/.dravel.db is not exit"},
-      {copy(0, directory / "missing"), "failed to copy file: "},
-      {copy(0, directory / "taken"), "failed to copy file: "},
-      {copy(0, "/proc"), "failed to copy file: "},
-  };
-  for (const auto &row : refused) {
-    EXPECT_FALSE(is_answered("request_copy_db", row.arguments)) << row.arguments;
-    wait_log(row.said);
-  }
+  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/tmp/copies')"));
+  wait_log("/tmp/copies/.dravel.db is not exit");
+  EXPECT_FALSE(is_answered("request_copy_db", "(0, '/tmp/copies/taken')"));
+  wait_log("failed to copy file: ");
   for (int times = 0; times < 2; ++times) // the second overwrites
-    EXPECT_EQ(call("request_copy_db", copy(0, directory)), "(0,)");
-  EXPECT_EQ(rows(directory / ".dravel.db", "SELECT timer_id FROM dravel"), strings{"1"});
+    EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies')"), "(0,)");
+  EXPECT_EQ(rows("SELECT timer_id FROM dravel", "/tmp/copies/.dravel.db"), "1");
 
   // A copy-in is for the next start: until then reads go on and writes are refused.
   EXPECT_EQ(call("cancel_timer", "(1,)"), "(0,)");
-  EXPECT_EQ(call("request_copy_db", copy(1, directory)), "(0,)");
+  EXPECT_EQ(call("request_copy_db", "(1, '/tmp/copies')"), "(0,)");
   EXPECT_EQ(schedule({.type = 2}), -1);
-  EXPECT_EQ(timer_ids(), words{});
   EXPECT_EQ(stop(), 0);
   start();
   EXPECT_EQ(timer_ids(), words{1});

@@ -4,9 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <set>
 #include <utility>
-#include <vector>
 
 #include <dlfcn.h>
 #include <glib.h>
@@ -21,12 +19,7 @@ struct loop_timer {
 };
 
 static std::vector<loop_timer> live_timers;
-static std::set<Ecore_Timer *> ended_timers;
 static std::time_t system_clock; // 0: the machine's own
-
-template <typename Fn> static Fn *library_definition(Fn *, const char *name) {
-  return reinterpret_cast<Fn *>(dlsym(RTLD_NEXT, name));
-}
 
 extern "C" {
 
@@ -38,21 +31,21 @@ std::time_t time(std::time_t *out) noexcept {
 }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *data) {
-  static const auto real = library_definition(&ecore_timer_add, "ecore_timer_add");
+  static const auto real =
+      reinterpret_cast<decltype(&ecore_timer_add)>(dlsym(RTLD_NEXT, "ecore_timer_add"));
   Ecore_Timer *handle = real(seconds, callback, data);
-  ended_timers.erase(handle);
   live_timers.push_back({handle, seconds, callback, const_cast<void *>(data)});
   return handle;
 }
 
 void *ecore_timer_del(Ecore_Timer *timer) {
-  static const auto real = library_definition(&ecore_timer_del, "ecore_timer_del");
-  if (!ended_timers.insert(timer).second) {
-    ADD_FAILURE() << "a main-loop timer is deleted that has already ended";
-    return nullptr;
-  }
-  std::erase_if(live_timers, [=](const loop_timer &live) { return live.handle == timer; });
-  return real(timer);
+  static const auto real =
+      reinterpret_cast<decltype(&ecore_timer_del)>(dlsym(RTLD_NEXT, "ecore_timer_del"));
+  const auto ended = [=](const loop_timer &live) { return live.handle == timer; };
+  if (std::erase_if(live_timers, ended) == 1)
+    return real(timer);
+  ADD_FAILURE() << "a main-loop timer is deleted that has already ended";
+  return nullptr;
 }
 }
 
@@ -60,8 +53,9 @@ int pending(Ecore_Task_Cb callback) {
   return static_cast<int>(std::ranges::count(live_timers, callback, &loop_timer::callback));
 }
 
-static bool fire_timer(std::vector<loop_timer>::const_iterator found) {
-  if (found == live_timers.cend()) {
+bool run(Ecore_Task_Cb callback) {
+  const auto found = std::ranges::find(live_timers, callback, &loop_timer::callback);
+  if (found == live_timers.end()) {
     ADD_FAILURE() << "no such main-loop timer";
     return false;
   }
@@ -72,27 +66,14 @@ static bool fire_timer(std::vector<loop_timer>::const_iterator found) {
   return again;
 }
 
-bool run(Ecore_Task_Cb callback) {
-  return fire_timer(std::ranges::find(live_timers, callback, &loop_timer::callback));
-}
-
-static auto timer_of(int timer_id) {
-  const void *key = GINT_TO_POINTER(timer_id);
-  auto *handle = static_cast<Ecore_Timer *>(g_hash_table_lookup(scheduled_timer_table, key));
+std::string armed(int timer_id) {
+  void *handle = g_hash_table_lookup(scheduled_timer_table, GINT_TO_POINTER(timer_id));
   const auto found = std::ranges::find(live_timers, handle, &loop_timer::handle);
   EXPECT_EQ(handle != nullptr, found != live_timers.end()) << "armed with a timer that has ended";
-  EXPECT_EQ(handle != nullptr, g_hash_table_contains(cb_data_table, key) != FALSE);
-  return found;
-}
-
-std::string armed(int timer_id) {
-  const auto timer = timer_of(timer_id);
-  return timer == live_timers.end()
+  return found == live_timers.end()
              ? ""
-             : text(standin_tv_clock() + static_cast<time_value>(timer->seconds));
+             : text(standin_tv_clock() + static_cast<time_value>(found->seconds));
 }
-
-void fire(int timer_id) { fire_timer(timer_of(timer_id)); }
 
 std::tm broken_down(const char *when) {
   std::tm tm{};
@@ -167,36 +148,11 @@ std::string next(const dravel_item *item) {
   return result == 0 ? text(expire) : std::to_string(result);
 }
 
-std::string next_ontimer() {
-  dravel_item *item = nullptr;
-  std::tm expire{};
-  const int result = get_next_ontimer_not_overlap_with_offtimer(&item, &expire);
-  EXPECT_EQ(result == 0, item != nullptr);
-  return result == 0 ? text(expire) : std::to_string(result);
-}
-
 std::string ids(Eina_List *timers) {
   std::string out;
   for (; timers != nullptr; timers = timers->next)
     out += (out.empty() ? "" : " ") +
            std::to_string(static_cast<dravel_item *>(timers->data)->timer_id);
-  return out;
-}
-
-static int append_row(void *data, int columns, char **values, char **) {
-  auto &out = *static_cast<std::string *>(data);
-  for (int i = 0; i < columns; i++)
-    out += (i > 0 ? "|" : out.empty() ? "" : " ") + std::string(values[i] ? values[i] : "NULL");
-  return 0;
-}
-
-std::string rows(const std::string &sql, const char *path) {
-  sqlite3 *db = nullptr;
-  std::string out;
-  EXPECT_EQ(sqlite3_open(path, &db), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), append_row, &out, nullptr), SQLITE_OK)
-      << sqlite3_errmsg(db);
-  sqlite3_close(db);
   return out;
 }
 
@@ -208,21 +164,20 @@ std::string asked() {
   return out;
 }
 
-static void remove_files() {
+static void open_new_store() {
+  close_dravel_db();
   for (const char *path : {kMainDb, kWakeupDb, "/tmp/dravel_init", "/tmp/dravel_finish"})
     std::filesystem::remove_all(path);
+  ASSERT_EQ(initialize_dravel_db(), 0) << "run through scripts/house";
 }
 
 void CleanSet::SetUp() {
-  ASSERT_TRUE(std::filesystem::is_directory("/opt/dbspace")) << "run through scripts/house";
   live_timers.clear();
-  ended_timers.clear();
-  remove_files();
   standin_reset();
   standin_run_clocks(false);
   set_now(kNoon);
   init_hash_table();
-  ASSERT_EQ(initialize_dravel_db(), 0);
+  open_new_store();
   load_wakeup_timer();
 }
 
@@ -230,9 +185,7 @@ void CleanSet::SetUp() {
 // the waits by a time update.
 void CleanSet::TearDown() {
   standin().refused.clear();
-  close_dravel_db();
-  remove_files();
-  initialize_dravel_db();
+  open_new_store();
   while (get_dravel_list() != nullptr) {
     auto *item = static_cast<dravel_item *>(get_dravel_list()->data);
     cancel_ecore_timer(item->timer_id);
@@ -255,12 +208,9 @@ void CleanSet::TearDown() {
   set_wakeup_state(1);
   ontimer_halt = offtimer_halt = 0;
   micom_ontimer = {0, 0, 0, TIMER_TYPE_ONTIMER_MAX + 1, 0};
-  load_wakeup_timer();
   fini_hash_table();
   close_dravel_db();
-  standin_reset();
   system_clock = 0;
-  trace.reset();
 }
 
 void CleanSet::restart(const std::string &row) {

@@ -1,26 +1,22 @@
 // A clean set for every case: its clocks stand still at noon of Tuesday, 15 December 2026, its
-// store is new, nothing is listed, armed or programmed.
-//
-// Main-loop timers are recorded as the daemon makes them and fire only where a case says so. One
-// that is deleted after it has ended fails the case.
+// store is new, nothing is listed, armed or programmed. Main-loop timers fire only where a case
+// says so; one that is deleted after it has ended fails the case.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include <Ecore.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include "dravel-cb.h"
 #include "dravel-db.h"
 #include "dravel-item.h"
 #include "dravel-timer.h"
+#include "rows.h"
 #include "standin.h"
-
-constexpr const char *kMainDb = "/opt/dbspace/.dravel.db";
-constexpr const char *kWakeupDb = "/opt/dbspace/.wakeup_dravel.db";
 
 // Times are written as "15 12:00", a day of December 2026, or in full as "2027-01-31 12:00"; either
 // may have seconds. "" is a clock that cannot be read.
@@ -29,7 +25,6 @@ std::tm broken_down(const char *when);
 time_value at(const char *when);
 std::string text(const std::tm &time);
 std::string text(time_value time);
-
 void set_clocks(const char *tv, const char *system, const char *rtc);
 void set_now(const char *when);
 
@@ -50,31 +45,13 @@ disabled_period_item *add_period(const char *start, const char *end, int start_l
                                  int end_leap = 0);
 
 std::string next(const dravel_item *item); // the next expiry, or the failure's number
-std::string next_ontimer();                // the same of the on-timer to wake the set for
 std::string ids(Eina_List *timers);        // "3 1 2"
 std::string armed(int timer_id);     // when the item's timer fires on the TV clock, "" for unarmed
 int pending(Ecore_Task_Cb callback); // main-loop timers that would call `callback`
 bool run(Ecore_Task_Cb callback);    // lets the first of them fire; true when it goes on
-void fire(int timer_id);             // lets the armed item's timer fire
-
-// The rows that `sql` gives, as "1|0 2|5"; runs any other statement too.
-std::string rows(const std::string &sql, const char *path = kMainDb);
 
 // What was asked of the set since the last call, as "state 0 1; clear_wakeup_time 0 0".
 std::string asked();
-
-// Another process writes to the store: reads go on, writes are refused.
-class store_locked {
-public:
-  explicit store_locked(const char *path = kMainDb) {
-    sqlite3_open(path, &db);
-    EXPECT_EQ(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
-  }
-  ~store_locked() { sqlite3_close(db); }
-
-private:
-  sqlite3 *db = nullptr;
-};
 
 class CleanSet : public testing::Test {
 protected:
