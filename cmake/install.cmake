@@ -1,0 +1,46 @@
+# Where things go: cmake --install, and through it the package.
+
+# The bus reads no policy below /usr/local.
+if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
+  set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Installation prefix" FORCE)
+endif()
+include(GNUInstallDirs)
+
+set(DATA ${PROJECT_SOURCE_DIR}/data)
+configure_file(${DATA}/dravel-manager.service.in dravel-manager.service @ONLY)
+
+install(TARGETS dravel-manager DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS dravelctl DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${DATA}/org.olvara.tv.system.dravel.conf
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d)
+install(FILES ${DATA}/org.olvara.tv.system.dravel.xml
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces)
+install(FILES ${PROJECT_BINARY_DIR}/dravel-manager.service DESTINATION lib/systemd/system)
+install(FILES ${DATA}/dravel-manager.tmpfiles.conf
+        DESTINATION lib/tmpfiles.d RENAME dravel-manager.conf)
+install(FILES ${DATA}/dravel-manager.sysusers.conf
+        DESTINATION lib/sysusers.d RENAME dravel-manager.conf)
+install(FILES ${DATA}/dravelctl.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME dravelctl)
+install(FILES ${DATA}/_dravelctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+# Manual pages and the changelog are compressed as packages have them, without a time stamp.
+find_program(GZIP gzip REQUIRED)
+function(install_compressed source name destination)
+  set(compressed ${PROJECT_BINARY_DIR}/data/${name}.gz)
+  add_custom_command(OUTPUT ${compressed}
+    COMMAND sh -c "mkdir -p data && ${GZIP} -9nc '${source}' >'${compressed}'"
+    WORKING_DIRECTORY ${PROJECT_BINARY_DIR} DEPENDS ${source} VERBATIM)
+  set_property(GLOBAL APPEND PROPERTY DRAVEL_COMPRESSED ${compressed})
+  install(FILES ${compressed} DESTINATION ${destination})
+endfunction()
+
+foreach(page dravelctl.1 org.olvara.tv.system.dravel.5 dravel-manager.8)
+  string(REGEX REPLACE ".*\\." "man" section ${page})
+  install_compressed(${DATA}/${page} ${page} ${CMAKE_INSTALL_MANDIR}/${section})
+endforeach()
+install_compressed(${PROJECT_SOURCE_DIR}/cmake/debian/changelog changelog.Debian
+                   ${CMAKE_INSTALL_DOCDIR})
+get_property(compressed GLOBAL PROPERTY DRAVEL_COMPRESSED)
+add_custom_target(dravel-data ALL DEPENDS ${compressed})

@@ -1,0 +1,38 @@
+# The Debian package: cpack --config build/release/CPackConfig.cmake
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME dravel-manager)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_VERBATIM_VARIABLES ON)
+# Directories that the package brings are nobody's to write but root's, whatever the builder's umask.
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
+set(CPACK_PACKAGE_CONTACT "dravel-manager developers <dravel-manager@olvara.org>"
+    CACHE STRING "Maintainer of the package")
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "dbus")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "on and off timers of a television set")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+"Keeps the timers that turn a television set on, off or into standby, once or
+on chosen weekdays, and answers the set's applications over the system bus.
+dravelctl is its command line.
+.")
+if(DRAVEL_PLATFORM STREQUAL standin)
+  string(APPEND CPACK_DEBIAN_PACKAGE_DESCRIPTION "
+This is a development build: it is linked with a stand-in for the set's
+platform, a pretend television that root drives over the bus. It turns no
+real set on or off.")
+else()
+  string(APPEND CPACK_DEBIAN_PACKAGE_DESCRIPTION "
+It is linked with the platform ${DRAVEL_PLATFORM}.")
+endif()
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/cmake/debian/postinst
+    ${PROJECT_SOURCE_DIR}/cmake/debian/prerm
+    ${PROJECT_SOURCE_DIR}/cmake/debian/postrm)
+include(CPack)

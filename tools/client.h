@@ -1,0 +1,57 @@
+// The daemon as a client sees it over the system bus.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gio/gio.h>
+
+#include "records.h"
+
+constexpr int EXIT_USAGE = 2;
+
+// What ends the program: what failed and why, what to do about it, the exit status.
+struct failure {
+  std::string what;
+  std::string advice;
+  int status = 1;
+};
+
+class client {
+public:
+  // Throws a failure when there is no bus.
+  explicit client(double timeout_seconds);
+  ~client();
+  client(const client &) = delete;
+  client &operator=(const client &) = delete;
+
+  // The reply, of the type `reply_type`. Throws a failure when there is none, `when_silent` being
+  // what an answer that never comes means for this call.
+  GVariant *call(const char *method, GVariant *arguments, const char *reply_type,
+                 const std::string &when_silent = "");
+
+  // For replies of one integer.
+  int call_int(const char *method, GVariant *arguments, const std::string &when_silent = "");
+
+  std::vector<timer_record> timers();
+  std::optional<timer_record> timer(int id);
+  std::optional<timer_record> wakeup_timer();
+  std::vector<holiday> holidays();
+
+  // Calls `expired` for each expiry until `count` of them (0: without end) or a signal to end.
+  struct expiry {
+    int id;
+    int type;
+    int week_flag;
+  };
+  void monitor(int count, const std::function<void(const expiry &)> &expired);
+
+private:
+  struct image_reply;
+  image_reply call_images(const char *method, int argument, std::size_t image_size);
+  [[noreturn]] void fail(const char *method, const GError *error, const std::string &when_silent);
+
+  GDBusConnection *bus_ = nullptr;
+  int timeout_ms_;
+};
