@@ -59,6 +59,13 @@ TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
   EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
   close_dravel_db();
   EXPECT_EQ(initialize_dravel_db(), 0);
+  close_dravel_db();
+  fs::remove(kMainDb);
+  fs::create_directory(kMainDb); // loses nothing that may lie in it
+  EXPECT_EQ(initialize_dravel_db(), SQLITE_CANTOPEN);
+  EXPECT_NE(insert_dravel_item_db(&item), 0);
+  EXPECT_TRUE(fs::is_directory(kMainDb));
+  fs::remove(kMainDb);
 }
 
 // The layout of version 0: the mark stood before `disable_period_effect`, and there was no

@@ -219,3 +219,10 @@ TEST_F(Periods, MoveATimer_OneStepForEachComputation_AndWithoutTheOffset) {
   EXPECT_EQ(next(item), "20 07:00");
   EXPECT_EQ(next(item), "20 08:00");
 }
+
+TEST_F(Periods, ASearchForAFreeDay_TakesIn366Days) {
+  set_now("2027-12-15 13:00");
+  add_period("2020-01-01 00:00", "14 00:00");
+  add_period("16 00:00", "31 00:00");
+  EXPECT_EQ(next(add({0, "01 07:00", Daily, 1})), "2028-12-15 07:00");
+}
