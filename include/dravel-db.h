@@ -19,8 +19,8 @@ typedef int (*disabled_period_row_fn)(const disabled_period_item *row);
 extern "C" {
 
 // Opens, checks, creates or migrates both files. Returns 0, or the result code
-// of the main file's failed opening or table creation: the daemon then runs
-// without a store, and every write fails.
+// of the main file's failed opening or table creation: the daemon then runs on
+// without a store that outlives it.
 DRAVEL_API int initialize_dravel_db(void);
 
 // Closes the main connection, then the wake-up connection; returns the latter's

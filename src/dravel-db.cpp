@@ -95,7 +95,7 @@ struct sql_result {
 
 // A statement's text, cut off at the limit of the buffer.
 struct statement {
-  char text[1024];
+  char text[1024] = "";
   static constexpr std::size_t limit = sizeof text - 1;
 };
 
@@ -308,7 +308,17 @@ static int check_callback(void *, int columns, char **values, char **) {
 
 static bool is_readable(const char *path) {
   const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  return fd >= 0 && close(fd) == 0;
+  if (fd < 0)
+    return false;
+  close(fd);
+  return true;
+}
+
+// A file that cannot be read just now is not taken for an empty one: deleting it
+// would lose every timer.
+static bool is_empty(const char *path) {
+  const open_file stream(std::fopen(path, "re"), std::fclose);
+  return stream && std::fgetc(stream.get()) == EOF && std::feof(stream.get()) != 0;
 }
 
 int integrity_check(const char *path) {
@@ -327,9 +337,7 @@ int integrity_check(const char *path) {
     unlink(path);
     return -1;
   }
-
-  const open_file stream(std::fopen(path, "re"), std::fclose);
-  if (!stream || std::fgetc(stream.get()) == EOF) {
+  if (is_empty(path)) {
     LOGE("integrity_check file size = 0, remove");
     db.reset();
     unlink(path);
@@ -556,17 +564,16 @@ int close_dravel_db(void) {
   return sqlite3_close(std::exchange(wakeup_dravel_db, nullptr));
 }
 
+static void delete_db_file(const char *path, const char *file) {
+  if (access(path, F_OK) != 0)
+    return;
+  if (unlink(path) == 0)
+    LOGI("success delete %s file", file);
+  else
+    LOGE("failed delete %s file", file);
+}
+
 void reset_dravel_db(void) {
-  if (access(kDravelDbPath, F_OK) == 0) {
-    if (unlink(kDravelDbPath) == 0)
-      LOGI("success delete db file");
-    else
-      LOGE("failed delete db file");
-  }
-  if (access(kWakeupDravelDbPath, F_OK) == 0) {
-    if (unlink(kWakeupDravelDbPath) == 0)
-      LOGI("success delete wakeup db file");
-    else
-      LOGE("failed delete wakeup db file");
-  }
+  delete_db_file(kDravelDbPath, "db");
+  delete_db_file(kWakeupDravelDbPath, "wakeup db");
 }

@@ -206,26 +206,31 @@ static DBusMessage *edbus_request_wakeup_timer(E_DBus_Object *, DBusMessage *msg
   return reply_no_item(call);
 }
 
-// Stores the call's value into a halt flag. A call that cannot be read releases
-// the halt: a set that no longer wakes or sleeps would be worse.
-static DBusMessage *get_halt_onofftimers(DBusMessage *msg, int *halt) {
+// Gets the value for a halt flag out of a call, and the call's reply. A call that
+// cannot be read releases the halt: a set that no longer wakes or sleeps would be
+// worse.
+static int get_halt_onofftimers(DBusMessage *msg, DBusMessage **reply) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> value{};
   if (!call.read_ints(value)) {
-    *halt = 0;
-    return call.reply_empty();
+    *reply = call.reply_empty();
+    return 0;
   }
   LOGD("set dbus message args: %d", value[0]);
-  *halt = value[0];
-  return call.reply_int(0);
+  *reply = call.reply_int(0);
+  return value[0];
 }
 
 static DBusMessage *edbus_request_halt_ontimers(E_DBus_Object *, DBusMessage *msg) {
-  return get_halt_onofftimers(msg, &ontimer_halt);
+  DBusMessage *reply = nullptr;
+  ontimer_halt = get_halt_onofftimers(msg, &reply);
+  return reply;
 }
 
 static DBusMessage *edbus_request_halt_offtimers(E_DBus_Object *, DBusMessage *msg) {
-  return get_halt_onofftimers(msg, &offtimer_halt);
+  DBusMessage *reply = nullptr;
+  offtimer_halt = get_halt_onofftimers(msg, &reply);
+  return reply;
 }
 
 static DBusMessage *edbus_request_get_timers_halt_effect(E_DBus_Object *, DBusMessage *msg) {
@@ -444,5 +449,6 @@ int init_edbus_handler(void) {
 
 int shutdown_edbus_handler(void) {
   e_dbus_shutdown();
+  bus_connection = nullptr;
   return 0;
 }

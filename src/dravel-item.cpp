@@ -13,6 +13,7 @@
 #include <vector>
 
 static constexpr const char *kSyncDbKey = "com.vellmar/featureconf/appfw.dravel.sync_db";
+static constexpr int kFirstTransientTimerId = -10;
 static constexpr unsigned kMaxTimerNum = 80;
 static constexpr int kMaxSearchDays = 366;
 static constexpr int kDaysPerWeek = 7;
@@ -23,10 +24,11 @@ static Eina_List *dravel_list;
 static Eina_List *ontimer_list;
 static Eina_List *offtimer_list;
 static Eina_List *disabled_period_list;
-// Removed items whose rows are still stored: in no other list, never released.
+// Removed items whose rows could not be deleted. Nothing uses them again: the next
+// start reads their rows, until then the memory has an owner here.
 static Eina_List *undeleted_list;
 static dravel_item *wakeup_timer;
-static int next_transient_timer_id = kUnstoredTimerId;
+static int next_transient_timer_id = kFirstTransientTimerId;
 static int load_wakeup_reason;
 
 Eina_List *get_dravel_list(void) { return dravel_list; }
@@ -373,7 +375,7 @@ static Eina_List *insert_in_order(Eina_List *list, const dravel_item *item) {
   return eina_list_append(list, item);
 }
 
-// The same insertion, by keys that are kept.
+// The same insertion as insert_in_order, by keys that are kept.
 static void insert_key(std::vector<sort_key> &keys, sort_key added) {
   auto place = keys.begin();
   while (place != keys.end() && compare_keys(*place, added) <= 0)
@@ -391,6 +393,9 @@ static Eina_List *list_of(const std::vector<sort_key> &keys) {
 // Sorting compares every item with most others. One computation serves all
 // comparisons of an item, unless disabled periods may move it meanwhile.
 void rebuild_onoff_timer_lists(void) {
+  ontimer_list = eina_list_free(ontimer_list);
+  offtimer_list = eina_list_free(offtimer_list);
+
   std::vector<sort_key> ontimers;
   std::vector<sort_key> offtimers;
   for (const dravel_item *item : items_of<dravel_item>(dravel_list)) {
@@ -399,8 +404,6 @@ void rebuild_onoff_timer_lists(void) {
     else if (is_ontimer_item(item))
       insert_key(ontimers, sort_key(item));
   }
-  eina_list_free(ontimer_list);
-  eina_list_free(offtimer_list);
   ontimer_list = list_of(ontimers);
   offtimer_list = list_of(offtimers);
 }
@@ -473,7 +476,7 @@ void check_over_max_timer_num(void) {
 
 static int take_transient_timer_id(void) {
   if (next_transient_timer_id == INT_MIN)
-    next_transient_timer_id = kUnstoredTimerId;
+    next_transient_timer_id = kFirstTransientTimerId;
   return next_transient_timer_id--;
 }
 
