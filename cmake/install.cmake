@@ -40,7 +40,7 @@ foreach(page dravelctl.1 org.olvara.tv.system.dravel.5 dravel-manager.8)
   string(REGEX REPLACE ".*\\." "man" section ${page})
   install_compressed(${DATA}/${page} ${page} ${CMAKE_INSTALL_MANDIR}/${section})
 endforeach()
-install_compressed(${PROJECT_SOURCE_DIR}/cmake/debian/changelog changelog.Debian
+install_compressed(${PROJECT_SOURCE_DIR}/cmake/debian/changelog changelog
                    ${CMAKE_INSTALL_DOCDIR})
 get_property(compressed GLOBAL PROPERTY DRAVEL_COMPRESSED)
 add_custom_target(dravel-data ALL DEPENDS ${compressed})

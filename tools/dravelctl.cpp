@@ -143,7 +143,7 @@ void cancel_timer(client &client, const words &arguments) {
 
 // The time that --at and --on ask for. A repeating timer needs no date; it gets that of its next
 // day, as does a time of day alone.
-civil_time requested_time(int week_flag, civil_time now) {
+civil_time requested_time(int type, int week_flag, civil_time now) {
   if (options.at == nullptr)
     throw usage("add needs to know when", "Give --at \"2026-12-24 07:00\", or --at 07:00.");
   const auto time = parse_time(options.at);
@@ -155,10 +155,11 @@ civil_time requested_time(int week_flag, civil_time now) {
                 "Give --at a time of day alone, or leave --on out.");
   if (time->day)
     return *time->day + time->time_of_day;
-  timer_record next{.week_flag = week_flag != 0 ? week_flag : 0x7f};
-  next.type = -1; // keeps its seconds
-  next.at = civil_time(time->time_of_day);
-  return *next_firing(next, {now, now}, {});
+  const timer_record next{.type = type,
+                          .at = civil_time(time->time_of_day),
+                          .week_flag = week_flag != 0 ? week_flag : 0x7f};
+  const civil_time firing = next_firing(next, {now, now}, {}).value();
+  return std::chrono::floor<std::chrono::days>(firing) + time->time_of_day;
 }
 
 void append_date(GVariantBuilder *out, std::chrono::year_month_day date, std::chrono::seconds time,
@@ -187,7 +188,7 @@ void add_timer(client &client, const words &) {
       option_value("--holidays", options.holidays, 0, parse_effect, "It takes skip or ignore.");
   const int clock = option_value("--clock", options.clock, CLOCK_BROADCAST, parse_clock,
                                  "It takes broadcast, internet or rtc.");
-  const civil_time at = requested_time(week_flag, read_clocks().of(clock));
+  const civil_time at = requested_time(type, week_flag, read_clocks().of(clock));
 
   const auto day = std::chrono::floor<std::chrono::days>(at);
   GVariantBuilder arguments;
