@@ -343,8 +343,9 @@ void restore(client &client, const words &arguments) {
   if (!g_file_test(file.c_str(), G_FILE_TEST_EXISTS))
     throw failure{"There is no backup " + file, "dravelctl backup makes one."};
   copy_db(client, 1, directory, "restore its database from");
-  std::puts("Restored. The timers take effect when the daemon starts next:\n"
-            "systemctl restart dravel-manager.service");
+  std::puts(
+      "Restored. The timers take effect when the daemon starts next; until then it can store no\n"
+      "change. Restart it now: systemctl restart dravel-manager.service");
 }
 
 // --- monitor ---
@@ -423,9 +424,9 @@ const command &take_command(words &arguments) {
 void parse(words &arguments, GOptionContext *context, const GOptionEntry *entries,
            bool numbers_are_arguments) {
   if (numbers_are_arguments) {
-    const auto numbers =
-        std::ranges::stable_partition(arguments, [](auto &word) { return !parse_int(word); });
-    arguments.insert(numbers.begin(), "--");
+    const auto numbers = std::stable_partition(arguments.begin(), arguments.end(),
+                                               [](auto &word) { return !parse_int(word); });
+    arguments.insert(numbers, "--");
   }
   std::vector<char *> left = {const_cast<char *>("dravelctl")};
   for (auto &word : arguments)

@@ -66,6 +66,7 @@ void print_timers(const std::vector<timer_record> &timers, const clocks &now,
     return;
   }
   std::vector<std::vector<std::string>> rows;
+  rows.reserve(timers.size());
   for (const timer_record &timer : timers)
     rows.push_back({std::to_string(timer.id), type_name(timer.type),
                     next_text(timer, now, holidays), days_text(timer.week_flag),
@@ -101,6 +102,7 @@ void print_holidays(const std::vector<holiday> &holidays) {
     return;
   }
   std::vector<std::vector<std::string>> rows;
+  rows.reserve(holidays.size());
   for (const holiday &holiday : holidays)
     rows.push_back({std::to_string(holiday.id), date_text(holiday.first), date_text(holiday.last)});
   print_table({"ID", "FIRST DAY", "LAST DAY"}, rows);
