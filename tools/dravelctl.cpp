@@ -166,17 +166,17 @@ void append_date(GVariantBuilder *out, std::chrono::year_month_day date, std::ch
                  std::chrono::sys_days real_day) {
   const std::chrono::hh_mm_ss clock(time);
   const std::chrono::sys_days new_year(date.year() / std::chrono::January / 1);
-  const long fields[] = {int(date.year()) - 1900,
-                         static_cast<long>(unsigned(date.month())) - 1,
-                         static_cast<long>(unsigned(date.day())),
-                         clock.hours().count(),
-                         clock.minutes().count(),
-                         static_cast<long>(clock.seconds().count()),
-                         static_cast<long>(std::chrono::weekday(real_day).c_encoding()),
-                         (real_day - new_year).count(),
-                         0}; // no daylight saving: the fields stand as they are typed
-  for (const long field : fields)
-    g_variant_builder_add(out, "i", static_cast<int>(field));
+  const int fields[] = {int(date.year()) - 1900,
+                        static_cast<int>(unsigned(date.month())) - 1,
+                        static_cast<int>(unsigned(date.day())),
+                        static_cast<int>(clock.hours().count()),
+                        static_cast<int>(clock.minutes().count()),
+                        static_cast<int>(clock.seconds().count()),
+                        static_cast<int>(std::chrono::weekday(real_day).c_encoding()),
+                        static_cast<int>((real_day - new_year).count()),
+                        0}; // no daylight saving: the fields stand as they are typed
+  for (const int field : fields)
+    g_variant_builder_add(out, "i", field);
 }
 
 void add_timer(client &client, const words &) {
