@@ -13,6 +13,7 @@
 #include <array>
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <utility>
 
 static constexpr const char *kBusName = "org.olvara.tv.system.dravel";
@@ -321,17 +322,26 @@ static DBusMessage *edbus_request_set_disable_period_effect(E_DBus_Object *, DBu
   return call.reply_int(0);
 }
 
-// Copies the whole file at `source` over `destination`.
+// Copies the whole file at `source` over `destination`, by way of a file beside
+// it: a disk without room must not cost what was there.
 static bool copy_file(const char *source, const char *destination) {
-  const auto file_at = [](const char *path) {
-    return std::unique_ptr<GFile, decltype(&g_object_unref)>(g_file_new_for_path(path),
+  const auto file_at = [](const std::string &path) {
+    return std::unique_ptr<GFile, decltype(&g_object_unref)>(g_file_new_for_path(path.c_str()),
                                                              g_object_unref);
   };
+  const auto target = file_at(destination);
+  const auto part = file_at(std::string(destination) + ".part");
+  constexpr auto rename_over =
+      static_cast<GFileCopyFlags>(G_FILE_COPY_OVERWRITE | G_FILE_COPY_NO_FALLBACK_FOR_MOVE);
   GError *failure = nullptr;
-  const bool copied = g_file_copy(file_at(source).get(), file_at(destination).get(),
-                                  G_FILE_COPY_OVERWRITE, nullptr, nullptr, nullptr, &failure);
-  if (!copied)
+  const bool copied =
+      g_file_copy(file_at(source).get(), part.get(), G_FILE_COPY_OVERWRITE, nullptr, nullptr,
+                  nullptr, &failure) &&
+      g_file_move(part.get(), target.get(), rename_over, nullptr, nullptr, nullptr, &failure);
+  if (!copied) {
     LOGE("failed to copy file: %s", failure->message);
+    g_file_delete(part.get(), nullptr, nullptr);
+  }
   g_clear_error(&failure);
   return copied;
 }
