@@ -310,7 +310,7 @@ int can_skip_standby(const std::tm *standby, int timer_id) {
 
 // Computing the next expiry of such an item may move it.
 static bool may_be_moved(const dravel_item *item) {
-  return disabled_period_list != nullptr && heeds_disabled_periods(item);
+  return disabled_period_list != nullptr && item->week_flag == 0 && heeds_disabled_periods(item);
 }
 
 namespace {
@@ -368,8 +368,10 @@ int compare_dravel_cb(const void *listed, const void *added) {
 // insertion bisects, and a listed item without a next expiry would lead it
 // astray: an earlier item would land at the tail.
 static Eina_List *insert_in_order(Eina_List *list, const dravel_item *item) {
+  sort_key added(item);
   for (Eina_List *node = list; node != nullptr; node = eina_list_next(node)) {
-    if (compare_dravel_cb(eina_list_data_get(node), item) > 0)
+    sort_key listed(static_cast<const dravel_item *>(eina_list_data_get(node)));
+    if (compare_keys(listed, added) > 0)
       return eina_list_prepend_relative_list(list, item, node);
   }
   return eina_list_append(list, item);
