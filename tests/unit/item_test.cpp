@@ -41,7 +41,9 @@ TEST_F(Items, NextExpiry_CarriesInternetTimesOntoTheTvClock_OrElseTheRealTimeClo
                        {"", kNoon, "15 13:00", "16 07:00", 0, 1, "16 08:00"},
                        {"", kNoon, "", "16 07:00", 0, 1, "-2"},
                        {"", kNoon, kNoon, "16 07:00", 0, 0, "-2"},
-                       {"", kNoon, kNoon, "16 07:00", Daily, 2, "-2"}};
+                       {"", kNoon, kNoon, "16 07:00", Daily, 2, "-2"},
+                       {"2104-12-15 13:00", "2104-12-15 12:00", kNoon, "2104-12-15 12:30", 0, 1,
+                        "2104-12-15 13:30"}};
   for (const auto &[tv, system, rtc, when, week_flag, time_type, expected] : cases) {
     restart(when);
     set_clocks(tv, system, rtc);
