@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <vector>
 
 static constexpr const char *kInitMarker = "/tmp/dravel_init";
 static constexpr const char *kFinishMarker = "/tmp/dravel_finish";
@@ -253,15 +254,28 @@ int find_duplicate_ontimer(const dravel_item *item, dravel_item **out) {
 // A weekday's bit of a week flag; none for a number that is no weekday.
 static int weekday_bit(int wday) { return wday >= 0 && wday <= 6 ? 1 << wday : 0; }
 
+namespace {
+
+// An on- or off-timer and the time that it is set for.
+struct set_time {
+  const dravel_item *item;
+  time_value time;        // as its own clock counts
+  time_value on_tv_clock; // on the line of the TV clock
+};
+
+} // namespace
+
+static set_time set_time_of(const dravel_item *item, double offset) {
+  const time_value time = unsigned_timegm(&item->tm);
+  return {item, time, item->time_type == TIME_TYPE_INTERNET ? add_time_offset(time, offset) : time};
+}
+
 // The configured time of an on- or off-timer, on the line of the TV clock.
-static time_value configured_time(const dravel_item *item, double offset, const char *name) {
-  time_value time = unsigned_timegm(&item->tm);
-  LOGI("%s_time[%lu]", name, as_ulong(time));
-  if (item->time_type == TIME_TYPE_INTERNET) {
-    time = add_time_offset(time, offset);
-    LOGI("%s_time with offset[%lu]", name, as_ulong(time));
-  }
-  return time;
+static time_value configured_time(const set_time &timer, const char *name) {
+  LOGI("%s_time[%lu]", name, as_ulong(timer.time));
+  if (timer.item->time_type == TIME_TYPE_INTERNET)
+    LOGI("%s_time with offset[%lu]", name, as_ulong(timer.on_tv_clock));
+  return timer.on_tv_clock;
 }
 
 // Without the TV clock the timers that are on it cannot be told apart in time.
@@ -269,17 +283,29 @@ static bool is_on_unknown_tv_clock(const dravel_item *item, const clock_reading 
   return clocks.broadcast == 0 && item->time_type == TIME_TYPE_BROADCAST;
 }
 
+// The off-timers that every on-timer is held against.
+static std::vector<set_time> comparable_offtimers(const clock_reading &clocks) {
+  std::vector<set_time> offtimers;
+  offtimers.reserve(eina_list_count(get_offtimer_list()));
+  for (const dravel_item *offtimer : items_of<dravel_item>(get_offtimer_list())) {
+    if (!is_on_unknown_tv_clock(offtimer, clocks))
+      offtimers.push_back(set_time_of(offtimer, clocks.offset));
+  }
+  return offtimers;
+}
+
 // Takes the off-timers set for the on-timer's own time out of its `*week_flag`.
 // False when that leaves nothing of the on-timer: a one-shot one, or the last of
 // its days.
-static bool leave_out_offtimers(const dravel_item *ontimer, const clock_reading &clocks,
+static bool leave_out_offtimers(const set_time &on, const std::vector<set_time> &offtimers,
                                 int *week_flag) {
-  const time_value on_time = configured_time(ontimer, clocks.offset, "on");
-  for (const dravel_item *offtimer : items_of<dravel_item>(get_offtimer_list())) {
-    if (is_on_unknown_tv_clock(offtimer, clocks) ||
-        configured_time(offtimer, clocks.offset, "off") != on_time)
+  const dravel_item *ontimer = on.item;
+  const time_value on_time = configured_time(on, "on");
+  for (const set_time &off : offtimers) {
+    if (configured_time(off, "off") != on_time)
       continue;
 
+    const dravel_item *offtimer = off.item;
     const bool once_off = offtimer->week_flag == 0;
     if (ontimer->week_flag == 0) {
       if (once_off || (offtimer->week_flag & weekday_bit(ontimer->tm.tm_wday)) != 0) {
@@ -307,12 +333,14 @@ int get_next_ontimer_not_overlap_with_offtimer(dravel_item **item, std::tm *expi
     read_clocks(&clocks);
     LOGI("internet_time_offset[%lf]", clocks.offset);
   }
+  const std::vector<set_time> offtimers = comparable_offtimers(clocks);
 
   time_value earliest = kInvalidTime;
   for (dravel_item *ontimer : items_of<dravel_item>(get_ontimer_list())) {
     dravel_item narrowed = *ontimer;
-    if (has_offtimers && (is_on_unknown_tv_clock(ontimer, clocks) ||
-                          !leave_out_offtimers(ontimer, clocks, &narrowed.week_flag)))
+    if (has_offtimers &&
+        (is_on_unknown_tv_clock(ontimer, clocks) ||
+         !leave_out_offtimers(set_time_of(ontimer, clocks.offset), offtimers, &narrowed.week_flag)))
       continue;
 
     std::tm next{};
