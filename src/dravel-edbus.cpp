@@ -12,6 +12,8 @@
 
 #include <array>
 #include <cstdlib>
+#include <cstring>
+#include <endian.h>
 #include <memory>
 #include <string>
 #include <utility>
@@ -95,9 +97,8 @@ private:
 } // namespace
 
 static void put_word(unsigned char *image, std::size_t word, int value) {
-  const auto bits = static_cast<std::uint32_t>(value);
-  for (unsigned byte = 0; byte < 4; ++byte)
-    image[4 * word + byte] = static_cast<unsigned char>(bits >> (8 * byte));
+  const std::uint32_t bits = htole32(static_cast<std::uint32_t>(value));
+  std::memcpy(image + word * sizeof bits, &bits, sizeof bits);
 }
 
 // Fills an image: little-endian words at their fixed places, whatever the

@@ -261,12 +261,8 @@ static int next_repeating(const dravel_item *item, const clock_reading &clocks,
   return -1;
 }
 
-int get_next_expire_date(const dravel_item *item, std::tm *expire) {
-  if (item == nullptr || expire == nullptr) {
-    LOGE("timer and expire date should not be NULL\n");
-    return -1;
-  }
-
+// The same as get_next_expire_date of the header, as a time value.
+static int get_next_expire_date(const dravel_item *item, time_value *expire) {
   clock_reading clocks;
   if (read_clocks_of(item, &clocks) != 0)
     return -2;
@@ -275,14 +271,23 @@ int get_next_expire_date(const dravel_item *item, std::tm *expire) {
        item->timer_id, as_ulong(clocks.now), as_ulong(clocks.broadcast), as_ulong(clocks.internet),
        clocks.offset);
 
+  const int result = item->week_flag == 0 ? next_one_shot(item, clocks, expire)
+                                          : next_repeating(item, clocks, expire);
+  if (result == 0)
+    LOGD("time: %s", time_str(*expire));
+  return result;
+}
+
+int get_next_expire_date(const dravel_item *item, std::tm *expire) {
+  if (item == nullptr || expire == nullptr) {
+    LOGE("timer and expire date should not be NULL\n");
+    return -1;
+  }
   time_value next = 0;
-  const int result = item->week_flag == 0 ? next_one_shot(item, clocks, &next)
-                                          : next_repeating(item, clocks, &next);
-  if (result != 0)
-    return result;
-  unsigned_gmtime_r(next, expire);
-  LOG_TIME(SYSTEM_LOG_DEBUG, "time: %s", expire);
-  return 0;
+  const int result = get_next_expire_date(item, &next);
+  if (result == 0)
+    unsigned_gmtime_r(next, expire);
+  return result;
 }
 
 int can_skip_standby(const std::tm *standby, int timer_id) {
@@ -294,10 +299,10 @@ int can_skip_standby(const std::tm *standby, int timer_id) {
   LOG_TIME(SYSTEM_LOG_DEBUG, "check on timer to skip standby timer: %s", standby);
 
   for (const dravel_item *ontimer : items_of<dravel_item>(ontimer_list)) {
-    std::tm expire{};
+    time_value expire = 0;
     if (ontimer->timer_id == timer_id || get_next_expire_date(ontimer, &expire) != 0)
       continue;
-    const time_value distance = unsigned_timegm(&expire) - standby_time;
+    const time_value distance = expire - standby_time;
     if (distance - 1 <= kMaxSkipSeconds - 1) {
       LOGD("can skipped standby timer(TC_DTU_000099)");
       LOG_TIME(SYSTEM_LOG_DEBUG, "by on timer: %s", &ontimer->tm);
@@ -321,31 +326,31 @@ public:
   explicit sort_key(const dravel_item *of) : item(of) {}
 
   // None for an item that has no next expiry.
-  std::optional<time_value> expiry() {
-    if (known_ && !may_be_moved(item))
-      return expiry_;
-    std::tm next;
-    known_ = true;
-    expiry_.reset();
-    if (get_next_expire_date(item, &next) == 0)
-      expiry_ = unsigned_timegm(&next);
+  const std::optional<time_value> &expiry() {
+    if (!known_) {
+      time_value next = 0;
+      expiry_.reset();
+      if (get_next_expire_date(item, &next) == 0)
+        expiry_ = next;
+      known_ = !may_be_moved(item);
+    }
     return expiry_;
   }
 
   const dravel_item *item;
 
 private:
-  bool known_ = false;
+  bool known_ = false; // once it cannot change any more
   std::optional<time_value> expiry_;
 };
 
 } // namespace
 
 static int compare_keys(sort_key &listed, sort_key &added) {
-  const std::optional<time_value> listed_expiry = listed.expiry();
+  const std::optional<time_value> &listed_expiry = listed.expiry();
   if (!listed_expiry)
     return -1;
-  const std::optional<time_value> added_expiry = added.expiry();
+  const std::optional<time_value> &added_expiry = added.expiry();
   if (!added_expiry)
     return 1;
   if (*listed_expiry != *added_expiry)
