@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <vector>
 
 struct settings_key {
   const char *name;
@@ -131,7 +132,7 @@ bool standin_set_refused_list(std::string_view list) {
 void standin_note(const char *operation, std::uint32_t first, std::uint32_t second) {
   auto &requests = standin().requests;
   if (requests.size() == kKeptRequests)
-    requests.erase(requests.begin());
+    requests.pop_front();
   standin_send_requested(requests.emplace_back(standin_request{operation, first, second}));
 }
 

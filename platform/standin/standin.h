@@ -5,9 +5,9 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <set>
 #include <string>
-#include <vector>
 
 // One request that the daemon made of the set, in the words of the bus signal
 // "Requested".
@@ -28,7 +28,7 @@ struct standin_set {
   std::uint32_t wakeup_time = 0;
   std::uint32_t wakeup_type = 0;
   std::set<std::string, std::less<>> refused; // platform operations that fail
-  std::vector<standin_request> requests;      // oldest first
+  std::deque<standin_request> requests;       // oldest first
 };
 
 // The one set. The first use reads the key file that DRAVEL_STANDIN names.

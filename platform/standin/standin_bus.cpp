@@ -29,6 +29,8 @@ constexpr set_event kEvents[] = {
     {"MiddlewareSignal", "i", [](int type, int) { standin_middleware_signal(type); }},
 };
 
+using Signal = std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)>;
+
 bool exported = false;
 
 DBusMessage *refuse(DBusMessage *message, const char *error, const char *subject) {
@@ -192,6 +194,14 @@ E_DBus_Interface *set_interface() {
   return interface;
 }
 
+Signal requested_signal(const standin_request &request) {
+  Signal signal{dbus_message_new_signal(kPath, kInterface, "Requested"), dbus_message_unref};
+  const char *operation = request.operation.c_str();
+  dbus_message_append_args(signal.get(), DBUS_TYPE_STRING, &operation, DBUS_TYPE_UINT32,
+                           &request.first, DBUS_TYPE_UINT32, &request.second, DBUS_TYPE_INVALID);
+  return signal;
+}
+
 } // namespace
 
 void standin_export() {
@@ -208,10 +218,14 @@ void standin_export() {
 void standin_send_requested(const standin_request &request) {
   if (!exported)
     return;
-  const std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)> signal{
-      dbus_message_new_signal(kPath, kInterface, "Requested"), dbus_message_unref};
-  const char *operation = request.operation.c_str();
-  dbus_message_append_args(signal.get(), DBUS_TYPE_STRING, &operation, DBUS_TYPE_UINT32,
-                           &request.first, DBUS_TYPE_UINT32, &request.second, DBUS_TYPE_INVALID);
+  // A change of clock asks for the same time again with every timer. A signal takes longer to build
+  // than to copy, and a copy gets a serial number of its own.
+  static standin_request last;
+  static Signal built{nullptr, dbus_message_unref};
+  if (!built || request != last) {
+    built = requested_signal(request);
+    last = request;
+  }
+  const Signal signal{dbus_message_copy(built.get()), dbus_message_unref};
   e_dbus_message_send(e_dbus_bus_get(DBUS_BUS_SYSTEM), signal.get(), nullptr, 0, nullptr);
 }

@@ -12,6 +12,7 @@
 #include <CTimeUtil.h>
 
 #include <memory>
+#include <vector>
 
 namespace {
 
