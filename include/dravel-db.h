@@ -43,6 +43,7 @@ DRAVEL_API int make_db_file_manual(const char *path);
 DRAVEL_API int load_dravel_db(dravel_row_fn fn);
 DRAVEL_API int load_wakeup_timer_db(dravel_row_fn fn);   // the rows marked as programmed
 DRAVEL_API int insert_dravel_item_db(dravel_item *item); // sets `timer_id` on success
+DRAVEL_API int undo_insert_dravel_item_db(void);         // takes the last inserted row out again
 DRAVEL_API int update_dravel_item_db(const dravel_item *item);
 DRAVEL_API int delete_dravel_item_db(int timer_id);
 DRAVEL_API int update_disable_period_effect_db(int timer_id, int effect);

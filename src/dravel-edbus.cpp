@@ -323,8 +323,9 @@ static DBusMessage *edbus_request_set_disable_period_effect(E_DBus_Object *, DBu
   return call.reply_int(0);
 }
 
-// Copies the whole file at `source` over `destination`, by way of a file beside
-// it: a disk without room must not cost what was there.
+// Copies the whole file at `source` over `destination`, by way of a new file
+// beside it: a disk without room must not cost what was there, nor a pipe or a
+// link that somebody left there lead the copy astray.
 static bool copy_file(const char *source, const char *destination) {
   const auto file_at = [](const std::string &path) {
     return std::unique_ptr<GFile, decltype(&g_object_unref)>(g_file_new_for_path(path.c_str()),
@@ -335,9 +336,10 @@ static bool copy_file(const char *source, const char *destination) {
   constexpr auto rename_over =
       static_cast<GFileCopyFlags>(G_FILE_COPY_OVERWRITE | G_FILE_COPY_NO_FALLBACK_FOR_MOVE);
   GError *failure = nullptr;
+  g_file_delete(part.get(), nullptr, nullptr);
   const bool copied =
-      g_file_copy(file_at(source).get(), part.get(), G_FILE_COPY_OVERWRITE, nullptr, nullptr,
-                  nullptr, &failure) &&
+      g_file_copy(file_at(source).get(), part.get(), G_FILE_COPY_NONE, nullptr, nullptr, nullptr,
+                  &failure) &&
       g_file_move(part.get(), target.get(), rename_over, nullptr, nullptr, nullptr, &failure);
   if (!copied) {
     LOGE("failed to copy file: %s", failure->message);

@@ -481,10 +481,25 @@ void check_over_max_timer_num(void) {
   remove_dravel_item(oldest);
 }
 
+// Rows of a foreign file may have ids below 0, too.
 static int take_transient_timer_id(void) {
-  if (next_transient_timer_id == INT_MIN)
-    next_transient_timer_id = kFirstTransientTimerId;
-  return next_transient_timer_id--;
+  int timer_id = 0;
+  do {
+    if (next_transient_timer_id == INT_MIN)
+      next_transient_timer_id = kFirstTransientTimerId;
+    timer_id = next_transient_timer_id--;
+  } while (find_dravel_item(timer_id) != nullptr);
+  return timer_id;
+}
+
+// An id that a listed item has already, as a table without a key of its own may
+// give one, would arm two items as one.
+static int store_new(dravel_item *item) {
+  const int result = insert_dravel_item_db(item);
+  if (result != 0 || find_dravel_item(item->timer_id) == nullptr)
+    return result;
+  undo_insert_dravel_item_db();
+  return -1;
 }
 
 Eina_List *add_dravel_item(dravel_item *item) {
@@ -494,7 +509,7 @@ Eina_List *add_dravel_item(dravel_item *item) {
     LOGE("timer_id: %d", item->timer_id);
   } else {
     check_over_max_timer_num();
-    if (insert_dravel_item_db(item) != 0) {
+    if (store_new(item) != 0) {
       LOGE("failed to save dravel item to the DB\n");
       return nullptr;
     }

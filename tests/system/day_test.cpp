@@ -4,6 +4,8 @@
 
 #include <filesystem>
 
+#include <sys/stat.h>
+
 namespace {
 
 constexpr int daily = 0x7f;
@@ -123,6 +125,7 @@ TEST_F(Day, TheSetKeepsItsPromise_OverSleepClocksAndHolidays) {
 TEST_F(Day, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
   std::filesystem::remove_all("/tmp/copies");
   std::filesystem::create_directories("/tmp/copies/taken/.dravel.db/x");
+  ASSERT_EQ(mkfifo("/tmp/copies/.dravel.db.part", 0600), 0); // which nobody reads
   start();
   EXPECT_EQ(schedule({.type = 2}), 1);
   EXPECT_FALSE(is_answered("request_copy_db", "(1, '/tmp/copies')"));

@@ -91,6 +91,26 @@ TEST_F(Items, AFailedStore_KeepsATimerOut_AndAFailedDeleteStillTakesItOut) {
   std::free(listed); // the daemon never does
 }
 
+TEST_F(Items, AForeignStore_MakesNoTwoTimersOne) {
+  rows("INSERT INTO dravel(timer_id, type, week_flag) VALUES(-10, 2, 127)");
+  load_dravel_list();
+  EXPECT_EQ(add({10, "16 07:00"})->timer_id, -11);
+
+  for (const std::string foreign :
+       {"INSERT INTO dravel(timer_id, type) VALUES(3, 2); UPDATE sqlite_sequence SET seq = "
+        "4294967302",
+        "ALTER TABLE dravel RENAME TO old; CREATE TABLE dravel AS SELECT * FROM old;"
+        "INSERT INTO dravel(timer_id, type, week_flag) VALUES(2, 2, 127)"}) {
+    restart(foreign);
+    rows(foreign);
+    load_dravel_list();
+    dravel_item *unstored = make(kTomorrow);
+    EXPECT_EQ(add_dravel_item(unstored), nullptr);
+    std::free(unstored);
+    EXPECT_EQ(rows("SELECT count(*) FROM dravel"), "1");
+  }
+}
+
 TEST_F(Items, AColdStart_DropsOnAndOffTimers_UnlessTheyAreKept) {
   const std::tuple<int, int, int, bool> cases[] = {{0, 0, 0, false}, {-1, 0, 0, false},
                                                    {1, 0, 0, true},  {0, 1, 0, true},
