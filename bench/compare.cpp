@@ -4,7 +4,6 @@
 // Usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY   in scripts/house
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -238,11 +237,12 @@ static void measure_wakeups(bus_client &bus) {
 
 namespace {
 
-// A timer on its way: the second at which it is due, and between which times the daemon armed it.
+// A timer on its way: the second at which it is due, and how far into its second the daemon armed
+// it, as the system counts seconds: they begin up to a tick late. Below 0 where a second began
+// meanwhile.
 struct due_timer {
   double due;
-  double armed_after;
-  double armed_before;
+  double into_second;
 };
 
 } // namespace
@@ -273,9 +273,11 @@ static void measure_lateness(bus_client &bus) {
   const std::uint32_t start = wall_clock() + 4;
   std::map<int, due_timer> awaited;
   const auto set = [&](int type, std::uint32_t due) {
+    const std::uint32_t second = wall_clock();
     const double before = precise_wall_clock();
     const int id = bus.schedule(daemon_service, timer_at(due, type, 0));
-    awaited[id] = {static_cast<double>(due), before, precise_wall_clock()};
+    const double armed = (before + precise_wall_clock()) / 2;
+    awaited[id] = {static_cast<double>(due), wall_clock() == second ? armed - second : -1};
     usleep(apart_us);
   };
   for (int i = 0; i < ordinary; ++i)
@@ -294,12 +296,10 @@ static void measure_lateness(bus_client &bus) {
     const auto found = awaited.find(id);
     if (found == awaited.end())
       fail("a timer fired that was not due");
-    const auto [due, after, before] = found->second;
+    const auto [due, into_second] = found->second;
     late.push_back(now - due);
-    // Transient ones have kept the arming that the client saw. In which second the daemon armed one
-    // that took until the next is not known.
-    if (id < 0 && std::floor(after) == std::floor(before))
-      beyond_arming.push_back(now - due - ((after + before) / 2 - std::floor(after)));
+    if (id < 0 && into_second >= 0) // transient ones have kept the arming that the client saw
+      beyond_arming.push_back(now - due - into_second);
     awaited.erase(found);
     return awaited.empty();
   });
