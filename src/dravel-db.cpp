@@ -73,12 +73,6 @@ static constexpr const char *kUpdateDisabledPeriod =
     "\tend_tm_mday=%d, end_tm_mon=%d, end_tm_year=%d,"
     "\tend_tm_wday=%d, end_tm_yday=%d, end_tm_isdst=%d WHERE rowid=%d";
 
-static constexpr const char *kUndoInsertDravel =
-    "DELETE FROM dravel WHERE rowid = last_insert_rowid()";
-
-static constexpr const char *kUndoInsertDisabledPeriod =
-    "DELETE FROM disabled_period WHERE rowid = last_insert_rowid()";
-
 static sqlite3 *dravel_db;
 static sqlite3 *wakeup_dravel_db;
 static bool need_db_migration;
@@ -197,16 +191,30 @@ int load_wakeup_timer_db(dravel_row_fn fn) {
   return result.code;
 }
 
-// Runs an insert and takes the new row's id. A foreign file may be at the end of
-// what an id holds: that row is not one that could be found again.
-static sql_result insert_row(const char *sql, const char *undo, int *id) {
+// Takes the row out again that was inserted last.
+static int undo_insert(const char *table) {
+  const sql_result result =
+      execute_with(dravel_db, "DELETE FROM %s WHERE rowid = last_insert_rowid()", table);
+  if (!result.ok())
+    LOGE("failed to undo an insert: %s\n", result.text());
+  return result.code;
+}
+
+// Runs an insert and takes the new row's id. In a foreign file it may add no row,
+// or be at the end of what an id holds: such a row could not be found again.
+static sql_result insert_row(const char *table, const char *sql, int *id) {
+  const auto refuse = [](int code, const char *reason) -> sql_result {
+    return {dravel_db, code, {sqlite3_mprintf("%s", reason), sqlite3_free}};
+  };
   sql_result result = execute(dravel_db, sql);
   if (!result.ok())
     return result;
+  if (sqlite3_changes(dravel_db) != 1)
+    return refuse(SQLITE_ERROR, "no row added");
   const sqlite3_int64 row = sqlite3_last_insert_rowid(dravel_db);
   if (row < 1 || row > INT_MAX) {
-    execute(dravel_db, undo);
-    return {dravel_db, SQLITE_FULL, {sqlite3_mprintf("no id left"), sqlite3_free}};
+    undo_insert(table);
+    return refuse(SQLITE_FULL, "no id left");
   }
   *id = static_cast<int>(row);
   return result;
@@ -215,13 +223,13 @@ static sql_result insert_row(const char *sql, const char *undo, int *id) {
 int insert_dravel_item_db(dravel_item *item) {
   statement sql;
   query_dravel_db_str(sql.text, item, kInsertDravel);
-  const sql_result result = insert_row(sql.text, kUndoInsertDravel, &item->timer_id);
+  const sql_result result = insert_row("dravel", sql.text, &item->timer_id);
   if (!result.ok())
     LOGE("failed to insert dravel item: %s\n", result.text());
   return result.code;
 }
 
-int undo_insert_dravel_item_db(void) { return execute(dravel_db, kUndoInsertDravel).code; }
+int undo_insert_dravel_item_db(void) { return undo_insert("dravel"); }
 
 int update_dravel_item_db(const dravel_item *item) {
   statement sql;
@@ -288,7 +296,7 @@ int load_disabled_period_db(disabled_period_row_fn fn) {
 int insert_disabled_period_item_db(disabled_period_item *period) {
   statement sql;
   format_fields<1>(sql.text, kInsertDisabledPeriod, *period, std::make_index_sequence<20>{});
-  const sql_result result = insert_row(sql.text, kUndoInsertDisabledPeriod, &period->period_id);
+  const sql_result result = insert_row("disabled_period", sql.text, &period->period_id);
   if (!result.ok())
     LOGE("failed to insert disabled period item: %s\n", result.text());
   return result.code;

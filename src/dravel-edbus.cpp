@@ -15,12 +15,12 @@
 #include <cstring>
 #include <endian.h>
 #include <memory>
-#include <string>
 #include <utility>
 
 static constexpr const char *kBusName = "org.olvara.tv.system.dravel";
 static constexpr const char *kObjectPath = "/org/olvara/tv/system/dravel";
 static constexpr const char *kCopiedDbName = ".dravel.db";
+static constexpr int kCopiedDbMode = 0664;
 
 static E_DBus_Connection *bus_connection;
 
@@ -323,30 +323,27 @@ static DBusMessage *edbus_request_set_disable_period_effect(E_DBus_Object *, DBu
   return call.reply_int(0);
 }
 
-// Copies the whole file at `source` over `destination`, by way of a new file
-// beside it: a disk without room must not cost what was there, nor a pipe or a
-// link that somebody left there lead the copy astray.
+// Copies the whole file at `source` over `destination`: by way of a new file
+// that is on the disk before it takes the place, so that neither a disk without
+// room nor a power cut costs what was there. A pipe would keep the daemon
+// waiting.
 static bool copy_file(const char *source, const char *destination) {
-  const auto file_at = [](const std::string &path) {
-    return std::unique_ptr<GFile, decltype(&g_object_unref)>(g_file_new_for_path(path.c_str()),
-                                                             g_object_unref);
-  };
-  const auto target = file_at(destination);
-  const auto part = file_at(std::string(destination) + ".part");
-  constexpr auto rename_over =
-      static_cast<GFileCopyFlags>(G_FILE_COPY_OVERWRITE | G_FILE_COPY_NO_FALLBACK_FOR_MOVE);
+  constexpr auto whole_or_not = static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT |
+                                                                   G_FILE_SET_CONTENTS_DURABLE);
   GError *failure = nullptr;
-  g_file_delete(part.get(), nullptr, nullptr);
-  const bool copied =
-      g_file_copy(file_at(source).get(), part.get(), G_FILE_COPY_NONE, nullptr, nullptr, nullptr,
-                  &failure) &&
-      g_file_move(part.get(), target.get(), rename_over, nullptr, nullptr, nullptr, &failure);
-  if (!copied) {
-    LOGE("failed to copy file: %s", failure->message);
-    g_file_delete(part.get(), nullptr, nullptr);
-  }
-  g_clear_error(&failure);
-  return copied;
+  char *contents = nullptr;
+  gsize size = 0;
+  if (!g_file_test(source, G_FILE_TEST_IS_REGULAR))
+    g_set_error(&failure, G_FILE_ERROR, G_FILE_ERROR_INVAL, "%s is no regular file", source);
+  else if (g_file_get_contents(source, &contents, &size, &failure))
+    g_file_set_contents_full(destination, contents, static_cast<gssize>(size), whole_or_not,
+                             kCopiedDbMode, &failure);
+  g_free(contents);
+  if (failure == nullptr)
+    return true;
+  LOGE("failed to copy file: %s", failure->message);
+  g_error_free(failure);
+  return false;
 }
 
 static DBusMessage *edbus_request_copy_db(E_DBus_Object *, DBusMessage *msg) {

@@ -273,8 +273,9 @@ static int get_next_expire_date(const dravel_item *item, time_value *expire) {
 
   const int result = item->week_flag == 0 ? next_one_shot(item, clocks, expire)
                                           : next_repeating(item, clocks, expire);
+  std::tm tm;
   if (result == 0)
-    LOGD("time: %s", time_str(*expire));
+    LOG_TIME(SYSTEM_LOG_DEBUG, "time: %s", unsigned_gmtime_r(*expire, &tm));
   return result;
 }
 

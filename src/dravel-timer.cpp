@@ -14,8 +14,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
+#include <new>
+#include <span>
 #include <unistd.h>
-#include <vector>
 
 static constexpr const char *kInitMarker = "/tmp/dravel_init";
 static constexpr const char *kFinishMarker = "/tmp/dravel_finish";
@@ -251,8 +253,10 @@ int find_duplicate_ontimer(const dravel_item *item, dravel_item **out) {
   return -1;
 }
 
-// A weekday's bit of a week flag; none for a number that is no weekday.
-static int weekday_bit(int wday) { return wday >= 0 && wday <= 6 ? 1 << wday : 0; }
+// A weekday's bit of a week flag; none for a number that a flag has no bit for.
+static int weekday_bit(int wday) {
+  return wday >= 0 && wday < 32 ? static_cast<int>(1U << wday) : 0;
+}
 
 namespace {
 
@@ -283,21 +287,21 @@ static bool is_on_unknown_tv_clock(const dravel_item *item, const clock_reading 
   return clocks.broadcast == 0 && item->time_type == TIME_TYPE_BROADCAST;
 }
 
-// The off-timers that every on-timer is held against.
-static std::vector<set_time> comparable_offtimers(const clock_reading &clocks) {
-  std::vector<set_time> offtimers;
-  offtimers.reserve(eina_list_count(get_offtimer_list()));
+// Fills `offtimers`, which has room for all of them, with those that every
+// on-timer is held against, and returns their number.
+static std::size_t fill_comparable_offtimers(const clock_reading &clocks, set_time *offtimers) {
+  std::size_t count = 0;
   for (const dravel_item *offtimer : items_of<dravel_item>(get_offtimer_list())) {
     if (!is_on_unknown_tv_clock(offtimer, clocks))
-      offtimers.push_back(set_time_of(offtimer, clocks.offset));
+      offtimers[count++] = set_time_of(offtimer, clocks.offset);
   }
-  return offtimers;
+  return count;
 }
 
 // Takes the off-timers set for the on-timer's own time out of its `*week_flag`.
 // False when that leaves nothing of the on-timer: a one-shot one, or the last of
 // its days.
-static bool leave_out_offtimers(const set_time &on, const std::vector<set_time> &offtimers,
+static bool leave_out_offtimers(const set_time &on, std::span<const set_time> offtimers,
                                 int *week_flag) {
   const dravel_item *ontimer = on.item;
   const time_value on_time = configured_time(on, "on");
@@ -333,7 +337,13 @@ int get_next_ontimer_not_overlap_with_offtimer(dravel_item **item, std::tm *expi
     read_clocks(&clocks);
     LOGI("internet_time_offset[%lf]", clocks.offset);
   }
-  const std::vector<set_time> offtimers = comparable_offtimers(clocks);
+  const std::unique_ptr<set_time[]> memory(new (std::nothrow)
+                                               set_time[eina_list_count(get_offtimer_list())]);
+  if (!memory) {
+    LOGE("out of memory");
+    return -1;
+  }
+  const std::span offtimers(memory.get(), fill_comparable_offtimers(clocks, memory.get()));
 
   time_value earliest = kInvalidTime;
   for (dravel_item *ontimer : items_of<dravel_item>(get_ontimer_list())) {

@@ -125,13 +125,16 @@ TEST_F(Day, TheSetKeepsItsPromise_OverSleepClocksAndHolidays) {
 TEST_F(Day, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
   std::filesystem::remove_all("/tmp/copies");
   std::filesystem::create_directories("/tmp/copies/taken/.dravel.db/x");
-  ASSERT_EQ(mkfifo("/tmp/copies/.dravel.db.part", 0600), 0); // which nobody reads
+  std::filesystem::create_directories("/tmp/copies/pipe");
+  ASSERT_EQ(mkfifo("/tmp/copies/pipe/.dravel.db", 0600), 0); // which nobody reads or writes
   start();
   EXPECT_EQ(schedule({.type = 2}), 1);
   EXPECT_FALSE(is_answered("request_copy_db", "(1, '/tmp/copies')"));
   wait_log("/tmp/copies/.dravel.db is not exit");
   EXPECT_FALSE(is_answered("request_copy_db", "(0, '/tmp/copies/taken')"));
   wait_log("failed to copy file: ");
+  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/tmp/copies/pipe')"));
+  EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies/pipe')"), "(0,)");
   for (int times = 0; times < 2; ++times) // the second overwrites
     EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies')"), "(0,)");
   EXPECT_EQ(rows("SELECT timer_id FROM dravel", "/tmp/copies/.dravel.db"), "1");

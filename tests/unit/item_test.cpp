@@ -92,22 +92,27 @@ TEST_F(Items, AFailedStore_KeepsATimerOut_AndAFailedDeleteStillTakesItOut) {
 }
 
 TEST_F(Items, AForeignStore_MakesNoTwoTimersOne) {
-  rows("INSERT INTO dravel(timer_id, type, week_flag) VALUES(-10, 2, 127)");
+  const int transient = add({10, "16 07:00"})->timer_id;
+  rows("INSERT INTO dravel(timer_id, type, week_flag) VALUES(" + std::to_string(transient - 1) +
+       ", 2, 127)");
   load_dravel_list();
-  EXPECT_EQ(add({10, "16 07:00"})->timer_id, -11);
+  EXPECT_EQ(add({10, "16 07:00"})->timer_id, transient - 2);
 
   for (const std::string foreign :
-       {"INSERT INTO dravel(timer_id, type) VALUES(3, 2); UPDATE sqlite_sequence SET seq = "
-        "4294967302",
+       {"CREATE TRIGGER no BEFORE INSERT ON dravel BEGIN SELECT raise(IGNORE); END",
+        "INSERT INTO dravel(timer_id, type) VALUES(3, 2);"
+        "UPDATE sqlite_sequence SET seq = 4294967302",
         "ALTER TABLE dravel RENAME TO old; CREATE TABLE dravel AS SELECT * FROM old;"
-        "INSERT INTO dravel(timer_id, type, week_flag) VALUES(2, 2, 127)"}) {
+        "INSERT INTO dravel(timer_id, type, week_flag) VALUES(3, 2, 127)"}) {
     restart(foreign);
+    add(kTomorrow);
     rows(foreign);
     load_dravel_list();
+    const std::string stored = rows("SELECT timer_id FROM dravel");
     dravel_item *unstored = make(kTomorrow);
     EXPECT_EQ(add_dravel_item(unstored), nullptr);
     std::free(unstored);
-    EXPECT_EQ(rows("SELECT count(*) FROM dravel"), "1");
+    EXPECT_EQ(rows("SELECT timer_id FROM dravel"), stored);
   }
 }
 
