@@ -258,8 +258,14 @@ pid_t start(const std::vector<std::string> &command, const char *errors) {
 
 int end(pid_t pid) {
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR)
-    continue;
+  const double begun = microseconds();
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if (microseconds() - begun > 1e3 * reply_timeout_ms) {
+      kill(pid, SIGKILL);
+      fail("a process does not end");
+    }
+    usleep(500);
+  }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 

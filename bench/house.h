@@ -92,7 +92,8 @@ private:
 };
 
 // Starts a program, its standard error in the file `errors`; `end` waits for a process and gives
-// its exit status, or the signal that ended it as a negative number.
+// its exit status, or the signal that ended it as a negative number. One that does not end within
+// 30 seconds is killed and ends the program.
 pid_t start(const std::vector<std::string> &command, const char *errors = "/dev/null");
 int end(pid_t pid);
 

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <sstream>
+#include <utility>
 
 static constexpr int kCallsBetweenChecks = 500;
 static constexpr std::size_t kMostPeriods = 8;     // that leave days for timers to fire
@@ -86,6 +86,8 @@ struct known_ids {
   std::ptrdiff_t most_stored = 80;
   std::vector<int> transients;
   std::vector<int> periods;
+  int scheduled = 0;
+  int cancelled = 0;
 };
 
 } // namespace
@@ -126,11 +128,15 @@ static void learn(known_ids &known, std::size_t method, int argument, int result
     known.transients.push_back(result);
     ++known.most_stored;
   }
-  if (method == kSchedule)
+  if (method == kSchedule) {
     known.highest_timer = std::max(known.highest_timer, result);
-  if (method == kCancel && result == 0)
+    known.scheduled += result != -1;
+  }
+  if (method == kCancel) { // evicted ones are forgotten so, too
     std::erase(known.transients, argument);
-  if (method == kAddPeriod)
+    known.cancelled += result == 0;
+  }
+  if (method == kAddPeriod && result != -1)
     known.periods.push_back(result);
   if (method == kRemovePeriod && result == 0)
     std::erase(known.periods, argument);
@@ -169,7 +175,7 @@ std::string run_calls(soak_run &run) {
   bus_client bus;
   auto daemon = start_daemon(run, bus);
   known_ids known;
-  int scheduled = 0;
+  int seen_cancelled = 0;
   for (int call = 1; call <= run.rounds; ++call) {
     const std::size_t method = any_method(run, known);
     const std::vector<dbus_int32_t> arguments = arguments_of(run, method, known);
@@ -180,14 +186,16 @@ std::string run_calls(soak_run &run) {
     dbus_int32_t result = -1;
     dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_INT32, &result, DBUS_TYPE_INVALID);
     learn(known, method, arguments[0], result);
-    scheduled += method == kSchedule && result != -1;
     if (run.below(200) == 0)
       any_event(run, bus);
     if (call % kCallsBetweenChecks == 0 || call == run.rounds)
       check_lists(bus, known);
+    if (call % kCallsBetweenChecks == 0 &&
+        known.cancelled == std::exchange(seen_cancelled, known.cancelled))
+      fail("no timer was there to be cancelled any more");
   }
   daemon.reset();
   check_sound(daemon_store);
-  return text("%d calls answered, %d timers set, list and store alike throughout", run.rounds,
-              scheduled);
+  return text("%d calls answered, %d timers set, %d cancelled, list and store alike throughout",
+              run.rounds, known.scheduled, known.cancelled);
 }

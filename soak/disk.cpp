@@ -163,7 +163,6 @@ static void failing_disk(soak_run &run, bus_client &bus) {
   {
     auto daemon = start_daemon(run, bus);
     check_working(run, bus, "before writes fail");
-    before = listed_timers(bus);
     limit_writes(daemon->pid(), 0);
     check_refusing(run, bus, "writes fail");
     limit_writes(daemon->pid(), RLIM_INFINITY);

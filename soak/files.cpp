@@ -9,6 +9,7 @@
 #include <fstream>
 #include <memory>
 #include <set>
+#include <sstream>
 
 #include <sqlite3.h>
 
@@ -17,13 +18,6 @@ namespace fs = std::filesystem;
 static constexpr const char *kWakeupStore = "/opt/dbspace/.wakeup_dravel.db";
 static constexpr const char *kProbe = "/tmp/probe.db";
 static constexpr int kTimers = 12;
-
-static constexpr const char *kColumns[] = {
-    "timer_id",  "type",      "priority",  "date_type",
-    "tm_sec",    "tm_min",    "tm_hour",   "tm_mday",
-    "tm_mon",    "tm_year",   "tm_wday",   "tm_yday",
-    "tm_isdst",  "delay",     "week_flag", "disable_period_effect",
-    "time_type", "micom_flag"};
 
 static constexpr const char *kValues[] = {"NULL",
                                           "'text'",
@@ -69,7 +63,7 @@ static constexpr const char *kStatements[] = {
 };
 
 static const std::string kForeignFiles[] = {
-    "",
+    "", // makes room for a new one
     std::string(1, '\0'),
     "SQLite format 3",
     std::string("SQLite format 3\0", 16),
@@ -126,36 +120,45 @@ static void damage_bytes(soak_run &run, std::string &bytes) {
   }
 }
 
-static std::string changed_value(soak_run &run) {
-  return std::string("UPDATE dravel SET ") + run.pick(kColumns) + " = " + run.pick(kValues) +
-         " WHERE timer_id = " + std::to_string(1 + run.below(kTimers));
+// Returns whether the change may leave no id for a new timer.
+static bool change_value(soak_run &run, const char *path, const std::vector<std::string> &columns) {
+  const std::string &column = run.pick(columns);
+  run_sql(path, "UPDATE dravel SET " + column + " = " + run.pick(kValues) +
+                    " WHERE timer_id = " + std::to_string(1 + run.below(kTimers)));
+  return column == "timer_id";
 }
 
-static void damage(soak_run &run, const char *path, std::string bytes) {
+// Returns whether the store may refuse new timers from now on.
+static bool damage(soak_run &run, const char *path, std::string bytes,
+                   const std::vector<std::string> &columns) {
   const unsigned kind = run.below(20);
   if (kind < 8)
     damage_bytes(run, bytes);
   remove_store(path);
   if (kind == 8) {
-    if (const unsigned foreign = run.below(std::size(kForeignFiles) + 1); foreign > 0)
+    const unsigned foreign = run.below(std::size(kForeignFiles) + 1);
+    if (foreign > 0)
       write_bytes(path, kForeignFiles[foreign - 1]);
     else
       fs::create_directory(path);
-    return;
+    return foreign != 1; // what is no database is deleted at the start, but open for this run
   }
   write_bytes(path, bytes);
+  bool may_refuse = kind < 8 || kind >= 15;
   if (kind > 8 && kind < 15)
     for (unsigned i = run.below(3) + 1; i > 0; --i)
-      run_sql(path, changed_value(run));
+      may_refuse |= change_value(run, path, columns);
   if (kind >= 15)
     run_sql(path, run.pick(kStatements));
+  return may_refuse;
 }
 
 // --- what is to be listed ---
 
 // The rows that SQLite reads from the damaged file, as images; nothing when it finds fault with the
-// file.
-static std::vector<timer_words> readable_rows(const std::string &bytes) {
+// file, or when a file of the first version is to be carried over beside a damaged one: that may
+// fail for both.
+static std::vector<timer_words> readable_rows(const std::string &bytes, bool wakeup_damaged) {
   remove_store(kProbe);
   write_bytes(kProbe, bytes);
   sqlite3 *handle = nullptr;
@@ -177,6 +180,8 @@ static std::vector<timer_words> readable_rows(const std::string &bytes) {
     bool first_version;
     std::vector<timer_words> rows;
   } found{version == "0", {}};
+  if (found.first_version && wakeup_damaged)
+    return {};
   const auto keep_row = [](void *out, int columns, char **values, char **) {
     auto &[first_version, rows] = *static_cast<reading *>(out);
     const auto number = [&](int column) {
@@ -255,6 +260,11 @@ std::string run_files(soak_run &run) {
     bus.call(daemon_set, "Standby", {&option, 1}); // fills the wake-up database
     undamaged = listed_timers(bus);
   }
+  std::vector<std::string> columns;
+  std::istringstream names(
+      read_store(daemon_store, "SELECT name FROM pragma_table_info('dravel')"));
+  for (std::string name; std::getline(names, name);)
+    columns.push_back(name);
   const std::string main_bytes = bytes_of(daemon_store);
   const std::string wakeup_bytes = bytes_of(kWakeupStore);
 
@@ -263,21 +273,26 @@ std::string run_files(soak_run &run) {
   int refusing = 0;
   for (int round = 0; round < run.rounds; ++round) {
     const bool wakeup_too = run.below(8) == 0;
-    damage(run, daemon_store, main_bytes);
+    const bool may_refuse = damage(run, daemon_store, main_bytes, columns);
     if (wakeup_too)
-      damage(run, kWakeupStore, wakeup_bytes);
+      damage(run, kWakeupStore, wakeup_bytes, columns);
     else
       write_bytes(kWakeupStore, wakeup_bytes);
     const auto rows =
         fs::is_regular_file(daemon_store) && !fs::exists(std::string(daemon_store) + "-wal")
-            ? readable_rows(bytes_of(daemon_store))
+            ? readable_rows(bytes_of(daemon_store), wakeup_too)
             : std::vector<timer_words>{};
     const auto daemon = start_daemon(run, bus);
     const timer_map listed = listed_timers(bus);
     kept += check_kept(rows, listed, undamaged);
     anew += listed.empty();
-    refusing += !try_new_timer(run, bus);
+    const bool takes_new = try_new_timer(run, bus);
+    if (!takes_new && !may_refuse)
+      fail("a sound store takes no new timer");
+    refusing += !takes_new;
   }
+  if (kept == 0)
+    fail("no file had a readable timer");
   remove_store(daemon_store);
   remove_store(kWakeupStore);
   return text(

@@ -55,6 +55,9 @@ std::string run_lost_bus(soak_run &run) {
     end(bus_daemon);
     check_sound(daemon_store);
   }
+  bus_client bus;
+  const auto daemon = start_daemon(run, bus);
+  book.compare(listed_timers(bus));
   return text("%d buses lost, %d changes acknowledged, none lost, each end in order", run.rounds,
               book.acknowledged());
 }

@@ -15,16 +15,20 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <set>
+#include <string_view>
 
 #include <sqlite3.h>
 
 namespace fs = std::filesystem;
 
-static constexpr struct {
-  const char *name;
+struct fault_kind {
+  std::string_view name;
   std::string (*run)(soak_run &run);
   int rounds; // of the full run
-} kFaults[] = {
+};
+
+static constexpr fault_kind kFaults[] = {
     {"kills", run_kills, 300},      // the daemon killed amid changes
     {"files", run_files, 2000},     // damaged and foreign database files
     {"disk", run_disk, 40},         // a full disk, a read-only one, one that fails
@@ -126,8 +130,12 @@ bool ledger::change(bus_client &bus) {
         std::next(timers_.begin(), run_.below(static_cast<unsigned>(timers_.size())))->first;
     unanswered_cancel_ = id;
     const message reply = bus.try_call(daemon_service, "cancel_timer", {&id, 1});
+    dbus_int32_t result = -1;
     if (!reply)
       return false;
+    dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_INT32, &result, DBUS_TYPE_INVALID);
+    if (result != 0)
+      fail(text("the listed timer %d was not cancelled", id));
     timers_.erase(id);
     unanswered_cancel_.reset();
   } else {
@@ -159,6 +167,12 @@ void ledger::compare(const timer_map &listed) {
               timers_.size()));
 }
 
+int ledger::acknowledged() const {
+  if (acknowledged_ == 0)
+    fail("no change was acknowledged");
+  return acknowledged_;
+}
+
 static void show_daemon_errors() {
   std::ifstream errors(kDaemonErrors);
   if (errors.peek() != std::ifstream::traits_type::eof())
@@ -173,29 +187,24 @@ int main(int argc, char **argv) {
   setenv("DRAVEL_STANDIN", "/run/bench/set.ini", 1);
   const auto seed = static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10));
   const double percent = std::strtod(argv[3], nullptr);
-  const auto wanted = [&](const char *name) {
-    return argc == 4 || std::any_of(argv + 4, argv + argc, [&](const char *fault) {
-             return std::strcmp(fault, name) == 0;
-           });
-  };
+  const std::set<std::string_view> wanted(argv + 4, argv + argc);
+  for (const std::string_view name : wanted)
+    if (std::ranges::find(kFaults, name, &fault_kind::name) == std::end(kFaults))
+      fail("there is no fault " + std::string(name));
 
-  int runs = 0;
-  for (const auto &fault : kFaults) {
-    if (!wanted(fault.name))
+  for (const fault_kind &fault : kFaults) {
+    if (!wanted.empty() && !wanted.contains(fault.name))
       continue;
-    ++runs;
     empty_store();
     write_set();
     const int rounds = std::max(1, static_cast<int>(fault.rounds * percent / 100));
     soak_run run{argv[1], rounds, std::mt19937(seed)};
-    std::printf("%-9s seed %u: ", fault.name, seed);
+    std::printf("%-9s seed %u: ", fault.name.data(), seed);
     std::fflush(stdout);
     const double begun = microseconds();
     const std::string seen = fault.run(run);
     std::printf("%s, %.0f s\n", seen.c_str(), (microseconds() - begun) / 1e6);
     std::fflush(stdout);
   }
-  if (runs == 0)
-    fail("there is no such fault");
   return 0;
 }

@@ -79,7 +79,7 @@ public:
   // Holds the list against the ledger. The change that was not answered may have been made or not.
   void compare(const timer_map &listed);
 
-  int acknowledged() const { return acknowledged_; }
+  int acknowledged() const; // some, or the run has shown nothing and ends the program
 
 private:
   soak_run &run_;
