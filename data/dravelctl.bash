@@ -5,12 +5,14 @@ _dravelctl_ids() { # _dravelctl_ids list | holidays list
 }
 
 _dravelctl() {
-  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]} word words='' command=''
+  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]} words='' command=''
+  local before='' word
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    [[ $word == -* ]] || { command=$word; break; }
+    [[ $word == -* || $before == -t || $before == --timeout ]] || { command=$word; break; }
+    before=$word
   done
   case $command:$prev in
-    *:--type) words='on off standby announce always transient-off replacing ambient-on ambient-off
+    *:--type) words='on off standby announce always transient-off announce-12 replacing ambient-on ambient-off
       wake-5 wake-20 wake-28 wake-33 wake-36 wake-74 wake-99' ;;
     *:--on) words='daily weekdays weekend mon tue wed thu fri sat sun' ;;
     *:--holidays) words='skip ignore' ;;

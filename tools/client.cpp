@@ -13,7 +13,6 @@ namespace {
 
 constexpr const char *service = "org.olvara.tv.system.dravel"; // the interface too
 constexpr const char *object = "/org/olvara/tv/system/dravel";
-constexpr const char *log_hint = "Its log says why: journalctl -t DRAVEL_MANAGER";
 
 std::string seconds_text(int milliseconds) {
   std::string text = std::to_string(milliseconds / 1000.0);

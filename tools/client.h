@@ -18,6 +18,8 @@ struct failure {
   int status = 1;
 };
 
+inline constexpr const char *log_hint = "Its log says why: journalctl -t DRAVEL_MANAGER";
+
 class client {
 public:
   // Throws a failure when there is no bus.

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -224,6 +225,8 @@ void halt(client &client, const words &arguments) {
   for (const auto &word : arguments)
     if (std::ranges::none_of(orders, [&](const auto &order) { return word == order.word; }))
       throw usage("halt takes on, off or none, not " + word);
+  if (arguments.size() > 1 && std::ranges::find(arguments, "none") != arguments.end())
+    throw usage("none stands alone");
   for (const auto &word : arguments)
     for (const auto &order : orders)
       if (word == order.word)
@@ -282,8 +285,7 @@ void add_holiday(client &client, const words &arguments) {
 
   const int id = client.call_int("request_set_disable_period", g_variant_builder_end(&period));
   if (id == -1)
-    throw failure{"dravel-manager could not store the holidays",
-                  "Its log says why: journalctl -t DRAVEL_MANAGER"};
+    throw failure{"dravel-manager could not store the holidays", log_hint};
   std::printf("Holidays %d are added: %s to %s.\n", id, date_text(first).c_str(),
               date_text(last).c_str());
 }
@@ -313,6 +315,8 @@ void ignore_holidays(client &client, const words &arguments) {
 
 // The daemon has its own working directory, so that it gets an absolute path.
 std::string absolute(const std::string &directory) {
+  if (directory.empty())
+    throw usage("The name of the directory is empty");
   g_autofree char *path = g_canonicalize_filename(directory.c_str(), nullptr);
   if (!g_utf8_validate(path, -1, nullptr))
     throw usage("The bus can carry no path that is not UTF-8");
@@ -327,8 +331,7 @@ void copy_db(client &client, int into_the_set, const std::string &directory,
       client.call_int("request_copy_db", g_variant_new("(is)", into_the_set, directory.c_str()),
                       "it could not " + doing + " " + directory);
   if (result != 0)
-    throw failure{"dravel-manager could not " + doing + " " + directory,
-                  "Its log says why: journalctl -t DRAVEL_MANAGER"};
+    throw failure{"dravel-manager could not " + doing + " " + directory, log_hint};
 }
 
 void backup(client &client, const words &arguments) {
@@ -350,13 +353,24 @@ void restore(client &client, const words &arguments) {
 
 // --- monitor ---
 
+// A failure without a text when all output has been written.
+failure flush_output() {
+  errno = 0;
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
+    return {};
+  return {"Cannot write the output: " + std::string(g_strerror(errno != 0 ? errno : EIO)), ""};
+}
+
 void monitor(client &client, const words &) {
   if (options.count < 0)
     throw usage("--count takes a number above 0");
   client.monitor(options.count, [](const client::expiry &expiry) {
     std::printf("%s  timer %d expired: %s, %s\n", time_text(read_clocks().set).c_str(), expiry.id,
                 type_name(expiry.type).c_str(), days_text(expiry.week_flag).c_str());
-    std::fflush(stdout);
+    if (const failure unwritten = flush_output(); !unwritten.what.empty()) {
+      print_failure(unwritten); // no exception passes the main loop
+      std::exit(unwritten.status);
+    }
   });
 }
 
@@ -463,10 +477,11 @@ void run(words arguments) {
   parse(arguments, own, command.options, command.most > 0);
   if (arguments.size() < command.least || arguments.size() > command.most)
     throw usage("Wrong number of arguments: dravelctl " + synopsis);
-  if (!(options.timeout > 0 && options.timeout <= 3600))
-    throw usage("--timeout takes seconds, above 0 and up to 3600");
+  if (!(options.timeout >= 0.001 && options.timeout <= 3600))
+    throw usage("--timeout takes seconds, from 0.001 to 3600");
 
   client client(options.timeout);
+  std::signal(SIGPIPE, SIG_DFL); // GIO ignores it, but our reader may go, as with head(1)
   command.run(client, arguments);
 }
 
@@ -475,8 +490,8 @@ void run(words arguments) {
 int main(int argc, char **argv) {
   try {
     run(words(argv + 1, argv + argc));
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-      throw failure{"Cannot write the output: " + std::string(g_strerror(errno)), ""};
+    if (const failure unwritten = flush_output(); !unwritten.what.empty())
+      throw unwritten;
   } catch (const failure &failure) {
     print_failure(failure);
     return failure.status;

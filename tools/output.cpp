@@ -78,6 +78,7 @@ void print_timers(const std::vector<timer_record> &timers, const clocks &now,
 void print_timer(const timer_record &timer, const clocks &now,
                  const std::vector<holiday> &holidays) {
   const bool skips = timer.holiday_effect != 0;
+  const std::string set_for = time_text(timer.at); // ends with the time of day
   const struct {
     const char *title;
     std::string text;
@@ -87,7 +88,7 @@ void print_timer(const timer_record &timer, const clocks &now,
                    "): " + type_meaning(timer.type)},
       {"Next firing", next_text(timer, now, holidays)},
       {"Days", days_text(timer.week_flag)},
-      {"Set for", timer.week_flag == 0 ? time_text(timer.at) : time_text(timer.at).substr(15)},
+      {"Set for", timer.week_flag == 0 ? set_for : set_for.substr(set_for.size() - 8)},
       {"Clock", clock_name(timer.clock)},
       {"Priority", std::to_string(timer.priority)},
       {"Holidays", skips ? "skip: does not fire on them" : "ignore: fires on them too"},

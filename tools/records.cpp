@@ -121,8 +121,14 @@ std::optional<sys_days> take_day(std::string_view &text) {
   return sys_days(date);
 }
 
+// The daemon lists whatever a client gave it. What is no date at all only has to do no harm here.
+int date_word(const std::uint8_t *image, std::size_t word) {
+  constexpr int farthest = 30000;
+  return std::clamp(word_at(image, word), -farthest, farthest);
+}
+
 civil_time time_at(const std::uint8_t *image, std::size_t tm) {
-  const auto field = [&](tm_word word) { return word_at(image, tm + word); };
+  const auto field = [&](tm_word word) { return date_word(image, tm + word); };
   // A moved timer's day may lie past the end of its month.
   const year_month month = year(field(TM_YEAR) + 1900) / January + months(field(TM_MON));
   return sys_days(month / 1) + days(field(TM_MDAY) - 1) + hours(field(TM_HOUR)) +
@@ -130,8 +136,9 @@ civil_time time_at(const std::uint8_t *image, std::size_t tm) {
 }
 
 holiday_end end_at(const std::uint8_t *image, std::size_t tm, std::size_t leap) {
-  return {static_cast<unsigned>(word_at(image, tm + TM_MON)) + 1,
-          static_cast<unsigned>(word_at(image, tm + TM_MDAY)), word_at(image, leap) == 1};
+  const auto field = [&](tm_word word) { return std::max(date_word(image, tm + word), -1); };
+  return {static_cast<unsigned>(field(TM_MON) + 1),
+          static_cast<unsigned>(std::max(field(TM_MDAY), 0)), word_at(image, leap) == 1};
 }
 
 std::string span_text(seconds span) {
@@ -189,21 +196,24 @@ std::optional<civil_time> next_firing(const timer_record &timer, const clocks &n
   return on_set > now.set ? std::optional(on_set) : std::nullopt;
 }
 
+// The micro-controller is programmed for such a timer, but the daemon does not turn the set on.
+static constexpr const char *wakes_and_is_announced = "wakes a sleeping set and is announced";
+
 // Named after what the daemon does; what the reasons stand for is the set's own business.
 const std::vector<timer_type> timer_types = {
     {0, "on", "turns the set on"},
     {1, "off", "powers the set off"},
     {2, "wake-20", "wakes the set, reason 20"},
     {3, "wake-5", "wakes the set, reason 5"},
-    {4, "announce", "is announced only"},
+    {4, "announce", wakes_and_is_announced},
     {5, "wake-28", "wakes the set, reason 28"},
     {6, "standby", "standby timer: wakes the set, reason 30, unless it turns on soon after"},
     {7, "wake-33", "wakes the set, reason 33"},
     {8, "wake-36", "wakes the set, reason 36"},
-    {type_always, "always", "is announced only, on holidays too"},
+    {type_always, "always", "wakes a sleeping set and is announced, on holidays too"},
     {10, "transient-off", "powers the set off; lost when the daemon ends"},
     {11, "wake-74", "wakes the set, reason 74"},
-    {12, "announce-12", "is announced only"},
+    {12, "announce-12", wakes_and_is_announced},
     {13, "replacing", "wakes the set, reason 92; replaces an equal timer"},
     {14, "wake-99", "wakes the set, reason 99"},
     {15, "ambient-on", "wakes the set into ambient mode, reason 89"},
@@ -222,7 +232,9 @@ std::string type_name(int type) {
 
 std::string type_meaning(int type) {
   const timer_type *known = find_type(type);
-  return known != nullptr ? known->meaning : "is announced only";
+  if (known != nullptr)
+    return known->meaning;
+  return turns_the_set_on(type) ? wakes_and_is_announced : "is announced";
 }
 
 std::string clock_name(int clock) {

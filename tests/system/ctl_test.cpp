@@ -57,6 +57,7 @@ TEST_F(Ctl, EachCommand_DoesWhatItSays_OrSaysWhatFailed) {
        [&] { return call("request_get_timers_halt_effect", "(0,)") == "(0, 1)"; }},
       {"halt none", 0, "Off-timers: active",
        [&] { return call("request_get_timers_halt_effect", "(0,)") == "(0, 0)"; }},
+      {"halt on none", 2, "none stands alone", nullptr},
       {"wakeup", 0, "No timer woke the set.", nullptr},
       {"holidays add 12-24 12-26", 0, "24 Dec to 26 Dec",
        [&] {
@@ -71,10 +72,17 @@ TEST_F(Ctl, EachCommand_DoesWhatItSays_OrSaysWhatFailed) {
       {"holidays remove 1", 1, "There are no holidays 1", nullptr},
       {"backup /tmp", 0, "/tmp/.dravel.db",
        [&] { return rows("SELECT timer_id FROM dravel", "/tmp/.dravel.db") == "1 2"; }},
+      {"backup ''", 2, "is empty", nullptr},
       {"backup /nowhere", 1, "is no directory", nullptr},
       {"backup /proc", 1, "could not back its database up to /proc", nullptr},
       {"cancel 1", 0, "Timer 1 is cancelled.", [&] { return timer_ids() == words{2}; }},
-      {"cancel -10", 1, "There is no timer -10", nullptr},
+      {"cancel -10", 1, "There is no timer -10",
+       [&] { // the daemon lists what only makes sense on a week's days
+         return call("schedule_timer", "(10, 127, 0, 0, 2147483647, -2147483648, -2147483648, "
+                                       "1, 2, 3, 0, 0, 0, 0, 0)") == "(-10,)";
+       }},
+      {"show -10", 0, "Set for: 01:02:03", nullptr},
+      {"cancel -10", 0, "", nullptr},
       {"holidays ignore 2", 0, "",
        [&] { return rows("SELECT disable_period_effect FROM dravel") == "0"; }},
       {"holidays skip 2", 0, "",
@@ -82,6 +90,7 @@ TEST_F(Ctl, EachCommand_DoesWhatItSays_OrSaysWhatFailed) {
       {"restore /tmp", 0, "when the daemon starts next",
        [&] { return rows("SELECT timer_id FROM dravel") == "1 2"; }},
       {"juggle", 2, "There is no command juggle", nullptr},
+      {"--timeout 0.0001 list", 2, "from 0.001", nullptr},
       {"", 2, "command missing", nullptr},
   };
   for (const auto &step : steps) {
