@@ -77,29 +77,35 @@ std::optional<standin_value> read_variant(DBusMessageIter *in, char type) {
   }
 }
 
-// Reads the interface and the property that a call names. Null when there is no
-// such property: `*error` then says what to answer.
-const standin_property *named_property(DBusMessageIter *in, const char **error) {
+// Reads the interface and the property that a call of this signature names. Null
+// when there is no such property: `*refusal` is then the answer.
+const standin_property *named_property(DBusMessage *message, const char *signature,
+                                       DBusMessageIter *in, DBusMessage **refusal) {
+  if (!dbus_message_has_signature(message, signature)) {
+    *refusal = refuse(message, DBUS_ERROR_INVALID_ARGS, signature);
+    return nullptr;
+  }
   const char *interface = nullptr;
   const char *name = nullptr;
+  dbus_message_iter_init(message, in);
   dbus_message_iter_get_basic(in, &interface);
   dbus_message_iter_next(in);
   dbus_message_iter_get_basic(in, &name);
   dbus_message_iter_next(in);
   const bool ours = interface == std::string_view{kInterface};
-  *error = ours ? DBUS_ERROR_UNKNOWN_PROPERTY : DBUS_ERROR_UNKNOWN_INTERFACE;
-  return ours ? find_property(name) : nullptr;
+  const standin_property *property = ours ? find_property(name) : nullptr;
+  if (!property)
+    *refusal =
+        refuse(message, ours ? DBUS_ERROR_UNKNOWN_PROPERTY : DBUS_ERROR_UNKNOWN_INTERFACE, name);
+  return property;
 }
 
 DBusMessage *get_property(E_DBus_Object *, DBusMessage *message) {
-  if (!dbus_message_has_signature(message, "ss"))
-    return refuse(message, DBUS_ERROR_INVALID_ARGS, "interface and name expected");
   DBusMessageIter in;
-  const char *error = nullptr;
-  dbus_message_iter_init(message, &in);
-  const standin_property *property = named_property(&in, &error);
+  DBusMessage *refusal = nullptr;
+  const standin_property *property = named_property(message, "ss", &in, &refusal);
   if (!property)
-    return refuse(message, error, "no such property");
+    return refusal;
 
   DBusMessage *reply = dbus_message_new_method_return(message);
   DBusMessageIter out;
@@ -109,14 +115,11 @@ DBusMessage *get_property(E_DBus_Object *, DBusMessage *message) {
 }
 
 DBusMessage *set_property(E_DBus_Object *, DBusMessage *message) {
-  if (!dbus_message_has_signature(message, "ssv"))
-    return refuse(message, DBUS_ERROR_INVALID_ARGS, "interface, name and value expected");
   DBusMessageIter in;
-  const char *error = nullptr;
-  dbus_message_iter_init(message, &in);
-  const standin_property *property = named_property(&in, &error);
+  DBusMessage *refusal = nullptr;
+  const standin_property *property = named_property(message, "ssv", &in, &refusal);
   if (!property)
-    return refuse(message, error, "no such property");
+    return refusal;
   if (!property->writable)
     return refuse(message, DBUS_ERROR_PROPERTY_READ_ONLY, property->name);
 

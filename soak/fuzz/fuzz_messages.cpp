@@ -332,13 +332,6 @@ static constexpr void (*kSteps[])(input &) = {
     schedule, schedule,    schedule,   schedule,   call_any,       call_any,   draw_expiry,
     cancel,   draw_expiry, draw_event, set_period, call_misshapen, draw_event, fill};
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  prepare_process();
-  reset_set();
-  open_new_store();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   input in(data, size);
   system_log_threshold = in.seldom(32) ? SYSTEM_LOG_DEBUG : SYSTEM_LOG_ERROR;

@@ -370,13 +370,6 @@ static void change_clock(input &in) {
 static constexpr void (*kSteps[])(input &) = {change_clock, add_timer,  draw_expiry, draw_event,
                                               cancel_timer, add_period, move_period, remove_period};
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  prepare_process();
-  reset_set();
-  open_new_store();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   input in(data, size);
   system_log_threshold = in.seldom(32) ? SYSTEM_LOG_DEBUG : SYSTEM_LOG_ERROR;

@@ -59,7 +59,7 @@ static bool store_is_new;
 static ino_t store_inodes[2];
 static sqlite3 *watcher;
 
-void prepare_process() {
+static void prepare_process() {
   // List nodes are allocations of their own, which the sanitizers watch.
   setenv("EINA_MEMPOOL", "pass_through", 1);
   {
@@ -219,6 +219,13 @@ void stop_daemon() {
   fini_hash_table();
   reset_daemon_state();
   reset_set();
+}
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  prepare_process();
+  reset_set();
+  open_new_store();
+  return 0;
 }
 
 // --- what must hold ------------------------------------------------------------------------------

@@ -16,9 +16,6 @@ constexpr time_value kNoon = 1797336000;
 
 constexpr std::size_t kMaxStoredTimers = 80;
 
-// Once in a process, before anything else.
-void prepare_process();
-
 // The clocks stand still at noon, the set refuses nothing.
 void reset_set();
 
