@@ -274,6 +274,7 @@ std::string run_files(soak_run &run) {
   for (int round = 0; round < run.rounds; ++round) {
     const bool wakeup_too = run.below(8) == 0;
     const bool may_refuse = damage(run, daemon_store, main_bytes, columns);
+    remove_store(kWakeupStore);
     if (wakeup_too)
       damage(run, kWakeupStore, wakeup_bytes, columns);
     else
