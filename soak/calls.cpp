@@ -9,7 +9,7 @@
 
 static constexpr int kCallsBetweenChecks = 500;
 static constexpr std::size_t kMostPeriods = 8;     // that leave days for timers to fire
-static constexpr std::size_t kMostTransients = 20; // which nothing evicts
+static constexpr std::size_t kMostTransients = 20; // beside the stored ones that the run is about
 
 enum method_index : std::size_t { kSchedule = 0, kCancel = 1, kAddPeriod = 2, kRemovePeriod = 3 };
 
