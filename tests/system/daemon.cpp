@@ -28,7 +28,7 @@ std::string text_of(GVariant *value) {
 
 daemon_test::daemon_test() {
   if (g_strcmp0(g_getenv("DBUS_SYSTEM_BUS_ADDRESS"), house_bus) != 0)
-    throw std::runtime_error("to be run through scripts/house: it removes the daemon's files");
+    throw std::runtime_error("to be run through scripts/sandbox: it removes the daemon's files");
   for (const auto &file : {kMainDb, kWakeupDb, "/tmp/dravel_init", "/tmp/dravel_finish"})
     std::filesystem::remove_all(file);
   bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);

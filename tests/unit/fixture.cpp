@@ -168,7 +168,7 @@ static void open_new_store() {
   close_dravel_db();
   for (const char *path : {kMainDb, kWakeupDb, "/tmp/dravel_init", "/tmp/dravel_finish"})
     std::filesystem::remove_all(path);
-  ASSERT_EQ(initialize_dravel_db(), 0) << "run through scripts/house";
+  ASSERT_EQ(initialize_dravel_db(), 0) << "run through scripts/sandbox";
 }
 
 void CleanSet::SetUp() {
