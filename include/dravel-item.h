@@ -31,6 +31,10 @@ DRAVEL_API dravel_item *create_dravel_item(int type, int priority, int date_type
                                            int delay, int week_flag, int disable_period_effect,
                                            int time_type);
 
+// A new item with the fields of `values`, its id included, in no list, the caller's to add or free;
+// null when memory is short.
+dravel_item *copy_dravel_item(const dravel_item *values);
+
 // Stores `item`, gives it its id and lists it; a full list first loses the item
 // with the smallest id. Returns the timer list. Null when the item could not be
 // stored: it is then in no list and still the caller's.
@@ -93,6 +97,10 @@ DRAVEL_API int get_next_expire_date(const dravel_item *item, std::tm *expire);
 // skip_decision. A repeating item loses the occurrence; a listed one-shot item
 // is moved to the day after the period and stored.
 DRAVEL_API int can_skip_timer(const dravel_item *item, time_value occurrence);
+
+// Whether disabled periods skip or move `item`: it opted in, and its type is not one that never
+// moves.
+bool heeds_disabled_periods(const dravel_item *item);
 
 // Moves a period on by one year and stores it; returns the update's result.
 DRAVEL_API int next_disabled_period(disabled_period_item *period);

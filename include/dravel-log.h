@@ -5,12 +5,23 @@
 #include <system_log.h>
 
 #define DRAVEL_LOG_LINE(priority, text, ...)                                                       \
+  LOG_FROM(__func__, priority, text __VA_OPT__(, ) __VA_ARGS__)
+
+// The same in a helper, whose lines name the operation that it works for.
+#define LOG_FROM(function, priority, text, ...)                                                    \
   do {                                                                                             \
     if ((priority) >= system_log_threshold)                                                        \
       system_log_print((priority), "DRAVEL_MANAGER", "%s: %s(%d) > " text, __FILE_NAME__,          \
-                       __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                             \
+                       (function), __LINE__ __VA_OPT__(, ) __VA_ARGS__);                           \
   } while (0)
 
 #define LOGD(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_DEBUG, text __VA_OPT__(, ) __VA_ARGS__)
 #define LOGI(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_INFO, text __VA_OPT__(, ) __VA_ARGS__)
 #define LOGE(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_ERROR, text __VA_OPT__(, ) __VA_ARGS__)
+
+#define LOGD_OF(operation, text, ...)                                                              \
+  LOG_FROM(#operation, SYSTEM_LOG_DEBUG, text __VA_OPT__(, ) __VA_ARGS__)
+#define LOGI_OF(operation, text, ...)                                                              \
+  LOG_FROM(#operation, SYSTEM_LOG_INFO, text __VA_OPT__(, ) __VA_ARGS__)
+#define LOGE_OF(operation, text, ...)                                                              \
+  LOG_FROM(#operation, SYSTEM_LOG_ERROR, text __VA_OPT__(, ) __VA_ARGS__)

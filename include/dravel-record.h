@@ -1,6 +1,8 @@
-// The two records that the daemon keeps, and the one list of their fields. The
-// row parser, the statement builders and the bus images all walk these lists.
+// The two records that the daemon keeps, and the one table of each record's fields. The row parser,
+// the statement builders, the bus images and the readers of method arguments walk these tables.
 #pragma once
+
+#include "dravel-bus.h"
 
 #include <array>
 #include <cstddef>
@@ -33,91 +35,85 @@ static_assert(sizeof(int) == 4, "records are made of 32-bit fields");
 
 constexpr int kUnstoredTimerId = -10;
 
-// Types whose number the daemon itself acts on.
-enum timer_type : unsigned {
-  TIMER_TYPE_ON = 0,
-  TIMER_TYPE_OFF = 1,
-  TIMER_TYPE_STANDBY = 6,
-  TIMER_TYPE_ALWAYS = 9,     // neither disabled periods nor clock changes move it
-  TIMER_TYPE_TRANSIENT = 10, // never stored
-  TIMER_TYPE_REPLACING = 13, // takes the place of an equal one
-  TIMER_TYPE_AMBIENT_ON = 15,
-  TIMER_TYPE_AMBIENT_OFF = 16,
-  TIMER_TYPE_ONTIMER_MAX = 254,
-};
-
-inline bool has_type(const dravel_item *item, timer_type type) {
+inline bool has_type(const dravel_item *item, dravel_timer_type type) {
   return static_cast<unsigned>(item->type) == type;
 }
 
-// A field: where it stands in the record, and in which 32-bit word of the
-// record's image on the bus.
+// A field: where it stands in the record, which word of the record's image it fills, and which
+// argument of the method that makes such a record gives it.
 struct record_field {
   std::size_t offset;
   std::size_t word;
+  int argument;
 };
 
-// The nine members of a broken-down time in column order. `word` counts from
-// the broken-down time's own first word; its image takes two words more, for
-// the zone members, which are always 0.
-constexpr std::array<record_field, 9> kTmFields = {{
-    {offsetof(std::tm, tm_sec), 0},
-    {offsetof(std::tm, tm_min), 1},
-    {offsetof(std::tm, tm_hour), 2},
-    {offsetof(std::tm, tm_mday), 3},
-    {offsetof(std::tm, tm_mon), 4},
-    {offsetof(std::tm, tm_year), 5},
-    {offsetof(std::tm, tm_wday), 6},
-    {offsetof(std::tm, tm_yday), 7},
-    {offsetof(std::tm, tm_isdst), 8},
+constexpr int kNoArgument = -1;
+
+// The fields of a record in the order of its table's columns, from the row id on.
+template <typename Record> inline constexpr std::array<record_field, 0> record_fields{};
+
+template <>
+inline constexpr std::array<record_field, 17> record_fields<dravel_item> = {{
+    {offsetof(dravel_item, timer_id), TIMER_WORD_ID, kNoArgument},
+    {offsetof(dravel_item, type), TIMER_WORD_TYPE, TIMER_ARG_TYPE},
+    {offsetof(dravel_item, priority), TIMER_WORD_PRIORITY, TIMER_ARG_PRIORITY},
+    {offsetof(dravel_item, date_type), TIMER_WORD_DATE_TYPE, kNoArgument},
+    {offsetof(dravel_item, tm.tm_sec), TIMER_WORD_SEC, TIMER_ARG_SEC},
+    {offsetof(dravel_item, tm.tm_min), TIMER_WORD_MIN, TIMER_ARG_MIN},
+    {offsetof(dravel_item, tm.tm_hour), TIMER_WORD_HOUR, TIMER_ARG_HOUR},
+    {offsetof(dravel_item, tm.tm_mday), TIMER_WORD_MDAY, TIMER_ARG_MDAY},
+    {offsetof(dravel_item, tm.tm_mon), TIMER_WORD_MON, TIMER_ARG_MON},
+    {offsetof(dravel_item, tm.tm_year), TIMER_WORD_YEAR, TIMER_ARG_YEAR},
+    {offsetof(dravel_item, tm.tm_wday), TIMER_WORD_WDAY, TIMER_ARG_WDAY},
+    {offsetof(dravel_item, tm.tm_yday), TIMER_WORD_YDAY, TIMER_ARG_YDAY},
+    {offsetof(dravel_item, tm.tm_isdst), TIMER_WORD_ISDST, TIMER_ARG_ISDST},
+    {offsetof(dravel_item, delay), TIMER_WORD_DELAY, TIMER_ARG_DELAY},
+    {offsetof(dravel_item, week_flag), TIMER_WORD_WEEK_FLAG, TIMER_ARG_WEEK_FLAG},
+    {offsetof(dravel_item, disable_period_effect), TIMER_WORD_DISABLE_PERIOD_EFFECT,
+     TIMER_ARG_DISABLE_PERIOD_EFFECT},
+    {offsetof(dravel_item, time_type), TIMER_WORD_TIME_TYPE, TIMER_ARG_TIME_TYPE},
 }};
 
-namespace record_detail {
-
-template <std::size_t N>
-constexpr void put_tm(std::array<record_field, N> &out, std::size_t at, std::size_t offset,
-                      std::size_t word) {
-  for (const record_field &field : kTmFields)
-    out[at++] = {offset + field.offset, word + field.word};
-}
-
-constexpr std::array<record_field, 17> dravel_item_fields() {
-  std::array<record_field, 17> out{};
-  out[0] = {offsetof(dravel_item, timer_id), 0};
-  out[1] = {offsetof(dravel_item, type), 1};
-  out[2] = {offsetof(dravel_item, priority), 2};
-  out[3] = {offsetof(dravel_item, date_type), 3};
-  put_tm(out, 4, offsetof(dravel_item, tm), 4);
-  out[13] = {offsetof(dravel_item, delay), 15};
-  out[14] = {offsetof(dravel_item, week_flag), 16};
-  out[15] = {offsetof(dravel_item, disable_period_effect), 17};
-  out[16] = {offsetof(dravel_item, time_type), 18};
-  return out;
-}
-
-constexpr std::array<record_field, 21> disabled_period_fields() {
-  std::array<record_field, 21> out{};
-  out[0] = {offsetof(disabled_period_item, period_id), 24};
-  put_tm(out, 1, offsetof(disabled_period_item, start_tm), 0);
-  put_tm(out, 10, offsetof(disabled_period_item, end_tm), 11);
-  out[19] = {offsetof(disabled_period_item, start_date_leap_year_f), 22};
-  out[20] = {offsetof(disabled_period_item, end_date_leap_year_f), 23};
-  return out;
-}
-
-} // namespace record_detail
-
-// The fields of a record in the order of its table's columns, from the row id
-// on.
-template <typename Record> inline constexpr std::array<record_field, 0> record_fields{};
-template <> inline constexpr auto record_fields<dravel_item> = record_detail::dravel_item_fields();
 template <>
-inline constexpr auto record_fields<disabled_period_item> = record_detail::disabled_period_fields();
+inline constexpr std::array<record_field, 21> record_fields<disabled_period_item> = {{
+    {offsetof(disabled_period_item, period_id), PERIOD_WORD_ID, kNoArgument},
+    {offsetof(disabled_period_item, start_tm.tm_sec), PERIOD_WORD_START_SEC, PERIOD_ARG_START_SEC},
+    {offsetof(disabled_period_item, start_tm.tm_min), PERIOD_WORD_START_MIN, PERIOD_ARG_START_MIN},
+    {offsetof(disabled_period_item, start_tm.tm_hour), PERIOD_WORD_START_HOUR,
+     PERIOD_ARG_START_HOUR},
+    {offsetof(disabled_period_item, start_tm.tm_mday), PERIOD_WORD_START_MDAY,
+     PERIOD_ARG_START_MDAY},
+    {offsetof(disabled_period_item, start_tm.tm_mon), PERIOD_WORD_START_MON, PERIOD_ARG_START_MON},
+    {offsetof(disabled_period_item, start_tm.tm_year), PERIOD_WORD_START_YEAR,
+     PERIOD_ARG_START_YEAR},
+    {offsetof(disabled_period_item, start_tm.tm_wday), PERIOD_WORD_START_WDAY,
+     PERIOD_ARG_START_WDAY},
+    {offsetof(disabled_period_item, start_tm.tm_yday), PERIOD_WORD_START_YDAY,
+     PERIOD_ARG_START_YDAY},
+    {offsetof(disabled_period_item, start_tm.tm_isdst), PERIOD_WORD_START_ISDST,
+     PERIOD_ARG_START_ISDST},
+    {offsetof(disabled_period_item, end_tm.tm_sec), PERIOD_WORD_END_SEC, PERIOD_ARG_END_SEC},
+    {offsetof(disabled_period_item, end_tm.tm_min), PERIOD_WORD_END_MIN, PERIOD_ARG_END_MIN},
+    {offsetof(disabled_period_item, end_tm.tm_hour), PERIOD_WORD_END_HOUR, PERIOD_ARG_END_HOUR},
+    {offsetof(disabled_period_item, end_tm.tm_mday), PERIOD_WORD_END_MDAY, PERIOD_ARG_END_MDAY},
+    {offsetof(disabled_period_item, end_tm.tm_mon), PERIOD_WORD_END_MON, PERIOD_ARG_END_MON},
+    {offsetof(disabled_period_item, end_tm.tm_year), PERIOD_WORD_END_YEAR, PERIOD_ARG_END_YEAR},
+    {offsetof(disabled_period_item, end_tm.tm_wday), PERIOD_WORD_END_WDAY, PERIOD_ARG_END_WDAY},
+    {offsetof(disabled_period_item, end_tm.tm_yday), PERIOD_WORD_END_YDAY, PERIOD_ARG_END_YDAY},
+    {offsetof(disabled_period_item, end_tm.tm_isdst), PERIOD_WORD_END_ISDST, PERIOD_ARG_END_ISDST},
+    {offsetof(disabled_period_item, start_date_leap_year_f), PERIOD_WORD_START_LEAP,
+     PERIOD_ARG_START_LEAP},
+    {offsetof(disabled_period_item, end_date_leap_year_f), PERIOD_WORD_END_LEAP,
+     PERIOD_ARG_END_LEAP},
+}};
 
-// The bytes of a record's image on the bus.
-template <typename Record> inline constexpr std::size_t image_size = 0;
-template <> inline constexpr std::size_t image_size<dravel_item> = 76;
-template <> inline constexpr std::size_t image_size<disabled_period_item> = 100;
+// The words of a record's image, and the arguments of the method that makes one.
+template <typename Record> inline constexpr std::size_t image_words = 0;
+template <> inline constexpr std::size_t image_words<dravel_item> = TIMER_WORDS;
+template <> inline constexpr std::size_t image_words<disabled_period_item> = PERIOD_WORDS;
+template <typename Record> inline constexpr std::size_t argument_count = 0;
+template <> inline constexpr std::size_t argument_count<dravel_item> = TIMER_ARGS;
+template <> inline constexpr std::size_t argument_count<disabled_period_item> = PERIOD_ARGS;
 
 template <typename Record> int &field_of(Record &record, const record_field &field) {
   return *reinterpret_cast<int *>(reinterpret_cast<char *>(&record) + field.offset);

@@ -11,6 +11,7 @@
 
 #include "dravel-api.h"
 #include "dravel-record.h"
+#include "dravel-runtime.h"
 #include "dravel-util.h"
 
 struct settings_key;
@@ -27,11 +28,11 @@ struct cb_data {
 
 // The on-time that the micro-controller holds.
 struct micom_ontimer_record {
-  int timer_id;      // 0: none
-  int is_utc;        // 1: `ontime` is UTC, else local time
-  time_value ontime; // as handed to the micro-controller
-  unsigned int type; // above TIMER_TYPE_ONTIMER_MAX: nothing was ever programmed
-  int priority;      // -1 after clearing
+  int timer_id = 0;                               // 0: none
+  int is_utc = 0;                                 // 1: `ontime` is UTC, else local time
+  time_value ontime = 0;                          // as handed to the micro-controller
+  unsigned int type = TIMER_TYPE_ONTIMER_MAX + 1; // above the maximum: nothing was ever programmed
+  int priority = 0;                               // -1 after clearing
 };
 
 // Results of schedule_dravel_item.
@@ -42,30 +43,6 @@ enum schedule_result {
 };
 
 extern "C" {
-
-// Non-zero: expiring on-timers do not turn the set on.
-DRAVEL_API extern int ontimer_halt;
-// Non-zero: expiring off-timers do not power the set off.
-DRAVEL_API extern int offtimer_halt;
-// True once the subscription to power state changes is in place.
-DRAVEL_API extern bool ambient_poweroff_received;
-
-// Whether the TV clock is known to be valid, so that timers may be armed; 1 at
-// start. The setters store a value as it is given.
-DRAVEL_API void set_kinto_time_updated(int value);
-DRAVEL_API int get_kinto_time_updated(void);
-
-// Whether the daemon ran before in this boot; 0 at start.
-DRAVEL_API void set_relaunch_state(int value);
-DRAVEL_API int get_relaunch_state(void);
-
-// Whether the set is awake; 1 at start.
-DRAVEL_API void set_wakeup_state(int value);
-DRAVEL_API int get_wakeup_state(void);
-
-// Whether the middleware updated the time in automatic clock mode; 0 at start.
-DRAVEL_API void set_auto_clock_mode_time_update(int value);
-DRAVEL_API int get_auto_clock_mode_time_update(void);
 
 // Leaves the start-up marker, reads the clock flag and starts the 90-second
 // wait for the finish marker.
@@ -83,12 +60,12 @@ DRAVEL_API void fini_hash_table(void);
 // on-time. The item must not be armed. Returns a schedule_result.
 DRAVEL_API int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data);
 
-// Disarms the item `timer_id`, if it is armed.
-DRAVEL_API void cancel_ecore_timer(int timer_id);
-
 // Disarms and removes `item`, and chooses the on-time afresh where the item had
 // a part in it.
 DRAVEL_API void cancel_dravel_item(dravel_item *item);
+
+// Chooses the on-time again when the item that it belongs to has been evicted.
+void replace_evicted_ontimer(void);
 
 // Re-arms every item after an expiry or a change of clock, moving armed
 // one-shot items to their next time of day. Both arguments are ignored: it
@@ -152,6 +129,10 @@ Eina_Bool wait_cur_time_cb(void *data);
 Eina_Bool retry_adjust_all_timers(void *data);
 Eina_Bool wait_dravel_finish_cb(void *data);
 }
+
+// For tests: gives the flags, the programmed on-time and the module's main-loop timers their
+// initial state. The lists, the tables and the store are left alone.
+void reset_runtime_state(void);
 
 // The scheduler's state, for this module and its tests.
 extern micom_ontimer_record micom_ontimer;

@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "dravel-api.h"
+#include "dravel-bus.h"
 #include "dravel-log.h"
 
 // Seconds since 1970-01-01 00:00:00, up to 2106.
@@ -19,13 +20,6 @@ constexpr time_value kSecondsPerDay = 86400;
 // The TV clock wraps from the end of 2099 to 2001; both as tm_year.
 constexpr int kYear2001 = 101;
 constexpr int kYear2099 = 199;
-
-// The clock that a timer's time is on.
-enum time_type {
-  TIME_TYPE_BROADCAST = 0, // the TV clock
-  TIME_TYPE_INTERNET = 1,  // the system clock
-  TIME_TYPE_RTC = 2,       // the micro-controller's real-time clock
-};
 
 enum clock_mode { CLOCK_MODE_AUTO = 0, CLOCK_MODE_MANUAL = 1, CLOCK_MODE_OTHER = 2 };
 
@@ -43,6 +37,11 @@ extern "C" {
 // cannot be read: `*out` is then 0 for the TV clock, kInvalidTime for a
 // real-time clock that shows no date, and otherwise left as it was.
 DRAVEL_API int get_cur_time(time_value *out, int time_type);
+
+// Reads the clock that a timer of `time_type` is measured against: the TV clock or, for the system
+// clock's timers while that is unknown, the real-time clock. Returns 0, also with `*out` 0 for a TV
+// clock that is not known, or -1 when the real-time clock cannot be read either.
+int get_cur_time_or_rtc(time_value *out, int time_type);
 
 // Reads the TV clock, or else the real-time clock, and the system clock. Returns
 // 0, or -1 when neither of the first two can be read: `*out` is then all zero.
@@ -67,19 +66,20 @@ DRAVEL_API int is_leap_year(int year);
 // The size of the buffers that hold a time's text.
 constexpr std::size_t kTimeTextSize = 100;
 
-// Formats `time` as asctime_r does, newline included. False, with an empty
-// text, when a field does not fit that form: times from the bus may hold
-// anything.
+// Formats `time` as asctime_r does, newline included. False when asctime_r refuses it: times from
+// the bus may hold anything.
 bool format_time(const std::tm *time, char (&text)[kTimeTextSize]);
 
-// Logs `text`, which names one %s, with a broken-down time; left out when the
-// time has no text.
-#define LOG_TIME(priority, text, time)                                                             \
+// Logs `text`, which names one %s, with a broken-down time, as a line of `function`; left out when
+// the time has no text.
+#define LOG_TIME_FROM(function, priority, text, time)                                              \
   do {                                                                                             \
     if (char time_text[kTimeTextSize];                                                             \
         (priority) >= system_log_threshold && format_time((time), time_text))                      \
-      DRAVEL_LOG_LINE(priority, text, time_text);                                                  \
+      LOG_FROM(function, priority, text, time_text);                                               \
   } while (0)
+
+#define LOG_TIME(priority, text, time) LOG_TIME_FROM(__func__, priority, text, time)
 
 // Dates from the bus and the store may hold any 32-bit number.
 constexpr int add_wrapping(int a, int b) {

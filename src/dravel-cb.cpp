@@ -10,15 +10,17 @@
 #include <device_power.h>
 #include <screen_manager.h>
 
+#include <algorithm>
 #include <iterator>
 
 namespace {
 
-enum class expiry_action { none, turn_on, turn_off };
+enum class expiry_action { kNone, kTurnOn, kTurnOff };
 
 // What the daemon does itself when a timer of a type expires: the reason that it
 // gives the power service for waking the set, or the option of its power-off.
 struct type_row {
+  unsigned type;
   expiry_action action;
   int wakeup_reason;
   unsigned poweroff_option;
@@ -26,42 +28,42 @@ struct type_row {
 
 } // namespace
 
+// Every other type is left to its owner.
 static constexpr type_row kTypeRows[] = {
-    {expiry_action::turn_on, 2, 0},                            // 0
-    {expiry_action::turn_off, 2, POWEROFF_BY_OFF_TIMER},       // 1
-    {expiry_action::turn_on, 20, 0},                           // 2
-    {expiry_action::turn_on, 5, 0},                            // 3
-    {expiry_action::none, 2, 0},                               // 4
-    {expiry_action::turn_on, 28, 0},                           // 5
-    {expiry_action::turn_on, 30, 0},                           // 6
-    {expiry_action::turn_on, 33, 0},                           // 7
-    {expiry_action::turn_on, 36, 0},                           // 8
-    {expiry_action::none, 2, 0},                               // 9
-    {expiry_action::turn_off, 2, POWEROFF_BY_TRANSIENT_TIMER}, // 10
-    {expiry_action::turn_on, 74, 0},                           // 11
-    {expiry_action::none, 2, 0},                               // 12
-    {expiry_action::turn_on, 92, 0},                           // 13
-    {expiry_action::turn_on, 99, 0},                           // 14
-    {expiry_action::turn_on, 89, 0},                           // 15
-    {expiry_action::turn_off, 2, POWEROFF_AMBIENT_TO_SUSPEND}, // 16
+    {TIMER_TYPE_ON, expiry_action::kTurnOn, 2, 0},
+    {TIMER_TYPE_OFF, expiry_action::kTurnOff, 0, POWEROFF_BY_OFF_TIMER},
+    {2, expiry_action::kTurnOn, 20, 0},
+    {3, expiry_action::kTurnOn, 5, 0},
+    {5, expiry_action::kTurnOn, 28, 0},
+    {TIMER_TYPE_STANDBY, expiry_action::kTurnOn, 30, 0},
+    {7, expiry_action::kTurnOn, 33, 0},
+    {8, expiry_action::kTurnOn, 36, 0},
+    {TIMER_TYPE_TRANSIENT, expiry_action::kTurnOff, 0, POWEROFF_BY_TRANSIENT_TIMER},
+    {11, expiry_action::kTurnOn, 74, 0},
+    {TIMER_TYPE_REPLACING, expiry_action::kTurnOn, 92, 0},
+    {14, expiry_action::kTurnOn, 99, 0},
+    {TIMER_TYPE_AMBIENT_ON, expiry_action::kTurnOn, 89, 0},
+    {TIMER_TYPE_AMBIENT_OFF, expiry_action::kTurnOff, 0, POWEROFF_AMBIENT_TO_SUSPEND},
 };
-static constexpr type_row kOtherTypes = {expiry_action::none, 2, 0};
+// The reason that a turn-on gives for a type without a row.
+static constexpr type_row kOtherTypes = {0, expiry_action::kNone, 2, 0};
 
 static const type_row &row_of(const dravel_item *item) {
-  const auto type = static_cast<unsigned>(item->type);
-  return type < std::size(kTypeRows) ? kTypeRows[type] : kOtherTypes;
+  const auto *row =
+      std::ranges::find(kTypeRows, static_cast<unsigned>(item->type), &type_row::type);
+  return row != std::end(kTypeRows) ? *row : kOtherTypes;
 }
 
 static void switch_ambient_mode(int on) {
   const int result = screen_manager_set_ambient_mode(on, on);
   if (result < 0)
-    LOGE("Error screen_manager_set_ambient_mode failed %d", result);
+    LOGE_OF(process_on_timer, "Error screen_manager_set_ambient_mode failed %d", result);
 }
 
 static void request_power_on(void) {
   const int result = device_power_set_state(POWER_STATE_ON, 1);
   if (result != 0)
-    LOGE("Error in device_power_set_state : %d\n", result);
+    LOGE_OF(process_on_timer, "Error in device_power_set_state : %d\n", result);
 }
 
 void process_on_timer(const dravel_item *item) {
@@ -103,39 +105,32 @@ void process_off_timer(unsigned int option) {
 // The time of the occurrence; 0 when no clock that the item goes by can be read.
 static time_value occurrence_of(const dravel_item *item) {
   time_value now = 0;
-  if (get_cur_time(&now, TIME_TYPE_BROADCAST) != 0 && item->time_type == TIME_TYPE_INTERNET &&
-      get_cur_time(&now, TIME_TYPE_RTC) != 0)
+  if (get_cur_time_or_rtc(&now, item->time_type) != 0)
     now = 0;
-  LOGI("cur time:[%lu]", as_ulong(now));
+  LOGI_OF(dravel_expire_cb, "cur time:[%lu]", as_ulong(now));
   return now;
 }
 
 static bool is_skipped(const dravel_item *item, time_value now) {
-  if (has_type(item, TIMER_TYPE_ALWAYS) || item->disable_period_effect == 0 ||
-      can_skip_timer(item, now) != SKIP_REFUSED)
-    return false;
-  LOGD("skip timer %d", item->timer_id);
-  return true;
+  return heeds_disabled_periods(item) && can_skip_timer(item, now) == SKIP_REFUSED;
+}
+
+static void turn_off(const dravel_item *item, unsigned option, int ambient_mode) {
+  if (has_type(item, TIMER_TYPE_OFF) && ambient_mode != AMBIENT_MODE_CLOSED) {
+    LOGI_OF(dravel_expire_cb, "ambient_mode open");
+    return;
+  }
+  if (has_type(item, TIMER_TYPE_AMBIENT_OFF))
+    LOGI_OF(dravel_expire_cb, "power off from ambient mode to suspend");
+  process_off_timer(option);
 }
 
 static void act_by_type(const dravel_item *item, int ambient_mode) {
   const type_row &row = row_of(item);
-  switch (row.action) {
-  case expiry_action::turn_on:
+  if (row.action == expiry_action::kTurnOn)
     process_on_timer(item);
-    break;
-  case expiry_action::turn_off:
-    if (has_type(item, TIMER_TYPE_OFF) && ambient_mode != AMBIENT_MODE_CLOSED) {
-      LOGI("ambient_mode open");
-      break;
-    }
-    if (has_type(item, TIMER_TYPE_AMBIENT_OFF))
-      LOGI("power off from ambient mode to suspend");
-    process_off_timer(row.poweroff_option);
-    break;
-  case expiry_action::none:
-    break;
-  }
+  else if (row.action == expiry_action::kTurnOff)
+    turn_off(item, row.poweroff_option, ambient_mode);
 }
 
 void dravel_expire_cb(dravel_item *item, void *) {
@@ -144,8 +139,10 @@ void dravel_expire_cb(dravel_item *item, void *) {
     return;
   }
   LOGE("dravel expired: [%d]", item->timer_id);
-  if (is_skipped(item, occurrence_of(item)))
+  if (is_skipped(item, occurrence_of(item))) {
+    LOGD("skip timer %d", item->timer_id);
     return;
+  }
 
   LOGI("[dravel_expire_cb] send_expire_week_flag_signal week_flag = %d, timer_id = %d",
        item->week_flag, item->timer_id);

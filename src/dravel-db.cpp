@@ -3,7 +3,6 @@
 #include "dravel-log.h"
 #include "dravel-util.h"
 
-#include <Eina.h>
 #include <sqlite3.h>
 
 #include <climits>
@@ -15,10 +14,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 static constexpr const char *kWakeupDravelDbPath = "/opt/dbspace/.wakeup_dravel.db";
 static constexpr mode_t kDbFileMode = 0664;
 static constexpr int kDbVersion = 1;
+static constexpr int kUnmarked = 0;
 
 static constexpr const char *kCreateDravelTable =
     "CREATE TABLE IF NOT EXISTS dravel \t(timer_id INTEGER PRIMARY KEY AUTOINCREMENT,"
@@ -75,10 +76,6 @@ static constexpr const char *kUpdateDisabledPeriod =
 
 static sqlite3 *dravel_db;
 static sqlite3 *wakeup_dravel_db;
-static bool need_db_migration;
-static bool integrity_check_failed;
-static Eina_List *old_dravel_list;
-static Eina_List *old_wakeup_dravel_list;
 
 namespace {
 
@@ -101,14 +98,15 @@ struct statement {
 
 using open_file = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
 using connection = std::unique_ptr<sqlite3, int (*)(sqlite3 *)>;
-using row_callback = int (*)(void *fn, int columns, char **values, char **names);
+using row_callback = int (*)(void *out, int columns, char **values, char **names);
+using old_rows = std::vector<dravel_item>;
 
 } // namespace
 
 static sql_result execute(sqlite3 *db, const char *sql, row_callback callback = nullptr,
-                          void *fn = nullptr) {
+                          void *out = nullptr) {
   char *error = nullptr;
-  const int code = sqlite3_exec(db, sql, callback, fn, &error);
+  const int code = sqlite3_exec(db, sql, callback, out, &error);
   return {db, code, {error, sqlite3_free}};
 }
 
@@ -163,10 +161,9 @@ static int disabled_period_row_cb(void *fn, int columns, char **values, char **)
 
 // One builder for the insert, which ends with the mark of a new row, and the
 // update, which ends with the row's id.
-static void query_dravel_db_str(char *buf, const dravel_item *item, const char *format) {
+static void query_dravel_db_str(char *buf, const dravel_item *item, const char *format, int last) {
   if (buf == nullptr || item == nullptr || format == nullptr)
     return;
-  const int last = std::strcmp(format, kInsertDravel) == 0 ? 0 : item->timer_id;
   format_fields<1>(buf, format, *item, std::make_index_sequence<16>{}, last);
 }
 
@@ -222,7 +219,7 @@ static sql_result insert_row(const char *table, const char *sql, int *id) {
 
 int insert_dravel_item_db(dravel_item *item) {
   statement sql;
-  query_dravel_db_str(sql.text, item, kInsertDravel);
+  query_dravel_db_str(sql.text, item, kInsertDravel, kUnmarked);
   const sql_result result = insert_row("dravel", sql.text, &item->timer_id);
   if (!result.ok())
     LOGE("failed to insert dravel item: %s\n", result.text());
@@ -233,7 +230,7 @@ int undo_insert_dravel_item_db(void) { return undo_insert("dravel"); }
 
 int update_dravel_item_db(const dravel_item *item) {
   statement sql;
-  query_dravel_db_str(sql.text, item, kUpdateDravel);
+  query_dravel_db_str(sql.text, item, kUpdateDravel, item->timer_id);
   const sql_result result = execute(dravel_db, sql.text);
   if (!result.ok())
     LOGE("failed to update dravel item[id:%d]: %s\n", item->timer_id, result.text());
@@ -321,13 +318,13 @@ int delete_disabled_period_item_db(int period_id) {
   return result.code;
 }
 
-static int check_callback(void *, int columns, char **values, char **) {
+static int check_callback(void *failed, int columns, char **values, char **) {
   LOGI("check_callback begin");
   const char *report = columns > 0 && values[0] != nullptr ? values[0] : "";
   if (std::strcmp(report, "ok") == 0) {
     LOGD("db integrity check done - no error");
   } else {
-    integrity_check_failed = true;
+    *static_cast<bool *>(failed) = true;
     LOGE("db integrity check failed : %d , %s", columns, report);
   }
   return 0;
@@ -371,18 +368,16 @@ int integrity_check(const char *path) {
     return -1;
   }
 
-  // A finding in the file checked before says nothing about this one.
-  integrity_check_failed = false;
-  const int checked = execute(handle, "pragma integrity_check", check_callback).code;
+  bool failed = false;
+  const int checked = execute(handle, "pragma integrity_check", check_callback, &failed).code;
   db.reset();
   if (checked == SQLITE_CORRUPT) {
     LOGE("integrity_check [%s] SQLITE_CORRUPT, r = %d , SQLITE_CORRUPT = %d", path, checked,
          SQLITE_CORRUPT);
     return -1;
   }
-  if (integrity_check_failed) {
+  if (failed) {
     unlink(path);
-    integrity_check_failed = false;
     LOGE("db [%s] deleted", path);
     return -1;
   }
@@ -409,19 +404,21 @@ int make_db_file_manual(const char *path) {
   return opened_up;
 }
 
-static int __check_db_version_to_migration_cb(void *, int columns, char **values, char **) {
+static int __check_db_version_to_migration_cb(void *need_db_migration, int columns, char **values,
+                                              char **) {
   const char *version = columns > 0 && values[0] != nullptr ? values[0] : "";
   LOGI("db version[%s]", version);
   if (std::strcmp(version, "0") == 0) {
     LOGI("need db migration. 0 -> 1");
-    need_db_migration = true;
+    *static_cast<bool *>(need_db_migration) = true;
   }
   return 0;
 }
 
 static bool __check_need_db_migration(void) {
-  const sql_result result =
-      execute(dravel_db, "pragma user_version", __check_db_version_to_migration_cb);
+  bool need_db_migration = false;
+  const sql_result result = execute(dravel_db, "pragma user_version",
+                                    __check_db_version_to_migration_cb, &need_db_migration);
   if (!result.ok())
     LOGE("failed to get db version. ret[%d], error[%s]", result.code, "");
   return result.ok() && need_db_migration;
@@ -452,100 +449,85 @@ static void __load_data_from_db(dravel_item *item, int columns, char **values) {
   LOGD("delay[%d], week_flag[%d], time_type[%d]", item->delay, item->week_flag, item->time_type);
 }
 
-static int __add_old_dravel_to_migration_cb(void *, int columns, char **values, char **) {
-  auto *item = static_cast<dravel_item *>(std::calloc(1, sizeof(dravel_item)));
-  if (item == nullptr) {
-    LOGE("Failed to alloc new timer item\n");
-    return -1;
-  }
-  __load_data_from_db(item, columns, values);
+static int __add_old_dravel_to_migration_cb(void *rows, int columns, char **values, char **) {
+  dravel_item item{};
+  __load_data_from_db(&item, columns, values);
 
   const int micom_flag = columns > 15 ? column_value(values[15]) : 0;
-  item->disable_period_effect = columns > 16 ? column_value(values[16]) : 0;
-  LOGD("disable_period_effect[%d], micom_flag[%d]", item->disable_period_effect, micom_flag);
-  old_dravel_list = eina_list_append(old_dravel_list, item);
+  item.disable_period_effect = columns > 16 ? column_value(values[16]) : 0;
+  LOGD("disable_period_effect[%d], micom_flag[%d]", item.disable_period_effect, micom_flag);
+  static_cast<old_rows *>(rows)->push_back(item);
   return 0;
 }
 
-static int __add_old_wakeup_dravel_to_migration_cb(void *, int columns, char **values, char **) {
-  auto *item = static_cast<dravel_item *>(std::calloc(1, sizeof(dravel_item)));
-  if (item == nullptr) {
-    LOGE("Failed to alloc new wakeup timer item\n");
-    return -1;
-  }
-  __load_data_from_db(item, columns, values);
-
-  item->disable_period_effect = 0;
-  LOGD("disable_period_effect[%d]", item->disable_period_effect);
-  old_wakeup_dravel_list = eina_list_append(old_wakeup_dravel_list, item);
+static int __add_old_wakeup_dravel_to_migration_cb(void *rows, int columns, char **values,
+                                                   char **) {
+  dravel_item item{};
+  __load_data_from_db(&item, columns, values);
+  LOGD("disable_period_effect[%d]", item.disable_period_effect);
+  static_cast<old_rows *>(rows)->push_back(item);
   return 0;
 }
 
-static void __get_old_dravel_list(void) {
-  const sql_result timers =
-      execute(dravel_db, "SELECT * FROM dravel", __add_old_dravel_to_migration_cb);
-  if (!timers.ok())
-    LOGE("failed to load table for dravel: %s", timers.text());
+static void __get_old_dravel_list(old_rows &timers, old_rows &wakeup) {
+  const sql_result read =
+      execute(dravel_db, "SELECT * FROM dravel", __add_old_dravel_to_migration_cb, &timers);
+  if (!read.ok())
+    LOGE("failed to load table for dravel: %s", read.text());
 
-  const sql_result wakeup =
-      execute(wakeup_dravel_db, "SELECT * FROM dravel", __add_old_wakeup_dravel_to_migration_cb);
-  if (!wakeup.ok())
-    LOGE("failed to load table for wakeup dravel: %s", wakeup.text());
+  const sql_result read_wakeup = execute(wakeup_dravel_db, "SELECT * FROM dravel",
+                                         __add_old_wakeup_dravel_to_migration_cb, &wakeup);
+  if (!read_wakeup.ok())
+    LOGE("failed to load table for wakeup dravel: %s", read_wakeup.text());
 }
 
-static int create_table(sqlite3 *db, const char *path, const char *table, const char *sql) {
+// The lines of both name the caller.
+static int create_table(sqlite3 *db, const char *path, const char *table, const char *sql,
+                        const char *caller = __builtin_FUNCTION()) {
   const sql_result created = execute(db, sql);
   if (!created.ok()) {
-    LOGE("failed to create table for %s: %s", table, created.text());
+    LOG_FROM(caller, SYSTEM_LOG_ERROR, "failed to create table for %s: %s", table, created.text());
     unlink(path);
   }
   return created.code;
 }
 
-static int recreate_table(sqlite3 *db, const char *path, const char *table, const char *sql) {
+static int recreate_table(sqlite3 *db, const char *path, const char *table, const char *sql,
+                          const char *caller = __builtin_FUNCTION()) {
   const sql_result dropped = execute(db, "DROP TABLE dravel");
   if (!dropped.ok()) {
-    LOGE("failed to drop table for %s: %s", table, dropped.text());
+    LOG_FROM(caller, SYSTEM_LOG_ERROR, "failed to drop table for %s: %s", table, dropped.text());
     unlink(path);
     return dropped.code;
   }
-  return create_table(db, path, table, sql);
-}
-
-// Hands each row of `list` to `store` and releases it; the list is then empty.
-template <typename Store> static void drain_old_list(Eina_List *&list, Store store) {
-  void *item;
-  EINA_LIST_FREE(list, item) {
-    store(static_cast<dravel_item *>(item));
-    std::free(item);
-  }
+  return create_table(db, path, table, sql, caller);
 }
 
 // Rows get new ids. The mark goes to the row whose new id is the id of the old
 // wake-up copy.
 static void __migration_0_to_1(void) {
   LOGE("__migration_0_to_1");
-  __get_old_dravel_list();
+  old_rows timers;
+  old_rows wakeup;
+  __get_old_dravel_list(timers, wakeup);
 
-  if (recreate_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable) == SQLITE_OK &&
+  if (recreate_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable) != SQLITE_OK ||
       recreate_table(wakeup_dravel_db, kWakeupDravelDbPath, "wakeup dravel",
-                     kCreateWakeupDravelTable) == SQLITE_OK) {
-    drain_old_list(old_dravel_list, insert_dravel_item_db);
-    drain_old_list(old_wakeup_dravel_list, [](const dravel_item *item) {
-      set_micom_flag(item->timer_id);
-      insert_wakeup_dravel_item_db(item);
-    });
+                     kCreateWakeupDravelTable) != SQLITE_OK)
     return;
+  for (dravel_item &item : timers)
+    insert_dravel_item_db(&item);
+  for (const dravel_item &item : wakeup) {
+    set_micom_flag(item.timer_id);
+    insert_wakeup_dravel_item_db(&item);
   }
-  const auto discard = [](const dravel_item *) {};
-  drain_old_list(old_dravel_list, discard);
-  drain_old_list(old_wakeup_dravel_list, discard);
 }
 
 // Leaves a sound file at `path`, an empty one where there was none.
 static void prepare_db_file(const char *path) {
   if (integrity_check(path) == -1) {
-    LOGE("initialize_dravel_db integrity_check[%s] fail, it will recreate", path);
+    LOGE_OF(initialize_dravel_db, "initialize_dravel_db integrity_check[%s] fail, it will recreate",
+            path);
     unlink(path);
   }
   make_db_file_manual(path);
@@ -555,21 +537,26 @@ static void prepare_db_file(const char *path) {
 static void open_wakeup_db(void) {
   prepare_db_file(kWakeupDravelDbPath);
   if (sqlite3_open(kWakeupDravelDbPath, &wakeup_dravel_db) != SQLITE_OK)
-    LOGE("failed to open the wakeup_dravel database: %s", sqlite3_errmsg(wakeup_dravel_db));
-  create_table(wakeup_dravel_db, kWakeupDravelDbPath, "wakeup dravel", kCreateWakeupDravelTable);
+    LOGE_OF(initialize_dravel_db, "failed to open the wakeup_dravel database: %s",
+            sqlite3_errmsg(wakeup_dravel_db));
+  create_table(wakeup_dravel_db, kWakeupDravelDbPath, "wakeup dravel", kCreateWakeupDravelTable,
+               "initialize_dravel_db");
 }
 
 static int open_main_db(void) {
   prepare_db_file(kDravelDbPath);
   const int opened = sqlite3_open(kDravelDbPath, &dravel_db);
   if (opened != SQLITE_OK) {
-    LOGE("failed to open the dravel database: %s", sqlite3_errmsg(dravel_db));
+    LOGE_OF(initialize_dravel_db, "failed to open the dravel database: %s",
+            sqlite3_errmsg(dravel_db));
     return opened;
   }
-  const int created = create_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable);
+  const int created =
+      create_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable, "initialize_dravel_db");
   if (created != SQLITE_OK)
     return created;
-  return create_table(dravel_db, kDravelDbPath, "disabled_period", kCreateDisabledPeriodTable);
+  return create_table(dravel_db, kDravelDbPath, "disabled_period", kCreateDisabledPeriodTable,
+                      "initialize_dravel_db");
 }
 
 int initialize_dravel_db(void) {
@@ -578,10 +565,8 @@ int initialize_dravel_db(void) {
   if (opened != SQLITE_OK)
     return opened;
 
-  if (__check_need_db_migration()) {
+  if (__check_need_db_migration())
     __migration_0_to_1();
-    need_db_migration = false;
-  }
   __set_db_version();
   return 0;
 }
@@ -595,9 +580,9 @@ static void delete_db_file(const char *path, const char *file) {
   if (access(path, F_OK) != 0)
     return;
   if (unlink(path) == 0)
-    LOGI("success delete %s file", file);
+    LOGI_OF(reset_dravel_db, "success delete %s file", file);
   else
-    LOGE("failed delete %s file", file);
+    LOGE_OF(reset_dravel_db, "failed delete %s file", file);
 }
 
 void reset_dravel_db(void) {

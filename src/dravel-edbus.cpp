@@ -1,5 +1,6 @@
 #include "dravel-edbus.h"
 
+#include "dravel-bus.h"
 #include "dravel-cb.h"
 #include "dravel-db.h"
 #include "dravel-item.h"
@@ -8,19 +9,16 @@
 #include "dravel-timer.h"
 
 #include <E_DBus.h>
-#include <gio/gio.h>
+#include <glib.h>
+#include <glib/gstdio.h>
 
 #include <array>
-#include <cstdlib>
 #include <cstring>
 #include <endian.h>
 #include <memory>
-#include <utility>
+#include <span>
 
-static constexpr const char *kBusName = "org.olvara.tv.system.dravel";
-static constexpr const char *kObjectPath = "/org/olvara/tv/system/dravel";
 static constexpr const char *kCopiedDbName = ".dravel.db";
-static constexpr int kCopiedDbMode = 0664;
 
 static E_DBus_Connection *bus_connection;
 
@@ -28,93 +26,89 @@ namespace {
 
 using message = std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)>;
 
-template <typename T> struct c_free {
-  void operator()(T *memory) const { std::free(memory); }
-};
-template <typename T> using c_memory = std::unique_ptr<T, c_free<T>>;
-
-// A method call: its reply, made before anything else, and the error that its
-// arguments may turn out to be.
+// A method call: its arguments, read in order, and its reply, made before anything else.
 class method_call {
 public:
   explicit method_call(DBusMessage *call)
-      : call_(call), reply_(dbus_message_new_method_return(call), dbus_message_unref) {
-    dbus_error_init(&error_);
-  }
-  ~method_call() { dbus_error_free(&error_); }
-  method_call(const method_call &) = delete;
-  method_call &operator=(const method_call &) = delete;
-
-  // Reads arguments named as for dbus_message_get_args, without its terminator.
-  // Surplus arguments are no failure.
-  template <typename... Args> bool read(Args... args) {
-    if (dbus_message_get_args(call_, &error_, args..., DBUS_TYPE_INVALID))
-      return true;
-    LOGE("failed to get dbus message args\n");
-    return false;
+      : reply_(dbus_message_new_method_return(call), dbus_message_unref) {
+    dbus_message_iter_init(call, &arguments_);
   }
 
-  template <std::size_t N> bool read_ints(std::array<dbus_int32_t, N> &values) {
-    return read_ints(values, std::make_index_sequence<2 * N>{});
+  // Read the next arguments. False when they are missing or of another type: the line that says so
+  // names the `handler`. Surplus arguments are no failure.
+  bool read(std::span<dbus_int32_t> values, const char *handler = __builtin_FUNCTION()) {
+    for (dbus_int32_t &value : values) {
+      if (!read_next(DBUS_TYPE_INT32, &value, handler))
+        return false;
+    }
+    return true;
+  }
+
+  bool read(const char **text, const char *handler = __builtin_FUNCTION()) {
+    return read_next(DBUS_TYPE_STRING, text, handler);
   }
 
   // Ends the call with what `args` append, as for dbus_message_append_args.
   template <typename... Args> DBusMessage *reply(Args... args) {
-    if (reply_)
+    if (reply_ != nullptr)
       dbus_message_append_args(reply_.get(), args..., DBUS_TYPE_INVALID);
     return reply_.release();
   }
 
   DBusMessage *reply_int(dbus_int32_t value) { return reply(DBUS_TYPE_INT32, &value); }
 
-  DBusMessage *reply_image(dbus_int32_t first, const unsigned char *image, std::size_t size) {
+  DBusMessage *reply_image(dbus_int32_t first, const std::uint32_t *image, std::size_t words) {
     return reply(DBUS_TYPE_INT32, &first, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &image,
-                 static_cast<int>(size));
+                 static_cast<int>(words * sizeof *image));
   }
 
   DBusMessage *reply_empty() { return reply_.release(); }
 
 private:
-  // Integers come as pairs of a type and an address.
-  template <std::size_t N, std::size_t... I>
-  bool read_ints(std::array<dbus_int32_t, N> &values, std::index_sequence<I...>) {
-    return read(type_or_address<I>(values)...);
+  bool read_next(int type, void *out, const char *handler) {
+    if (dbus_message_iter_get_arg_type(&arguments_) != type) {
+      LOG_FROM(handler, SYSTEM_LOG_ERROR, "failed to get dbus message args\n");
+      return false;
+    }
+    dbus_message_iter_get_basic(&arguments_, out);
+    dbus_message_iter_next(&arguments_);
+    return true;
   }
 
-  template <std::size_t I, std::size_t N>
-  static auto type_or_address(std::array<dbus_int32_t, N> &values) {
-    if constexpr (I % 2 == 0)
-      return int{DBUS_TYPE_INT32};
-    else
-      return &values[I / 2];
-  }
-
-  DBusMessage *call_;
   message reply_;
-  DBusError error_;
+  DBusMessageIter arguments_;
 };
 
 } // namespace
 
-static void put_word(unsigned char *image, std::size_t word, int value) {
-  const std::uint32_t bits = htole32(static_cast<std::uint32_t>(value));
-  std::memcpy(image + word * sizeof bits, &bits, sizeof bits);
+// Fills the fields of `record` that the method's arguments carry.
+template <typename Record>
+static bool read_record(method_call &call, Record &record,
+                        const char *handler = __builtin_FUNCTION()) {
+  std::array<dbus_int32_t, argument_count<Record>> arguments{};
+  if (!call.read(arguments, handler))
+    return false;
+  for (const record_field &field : record_fields<Record>) {
+    if (field.argument != kNoArgument)
+      field_of(record, field) = arguments[static_cast<std::size_t>(field.argument)];
+  }
+  return true;
 }
 
-// Fills an image: little-endian words at their fixed places, whatever the
-// host's own layout is. Words that no field fills must be 0 already.
-template <typename Record> static void put_image(unsigned char *image, const Record &record) {
+// Fills an image: little-endian words at their fixed places, whatever the host's own layout is.
+// Words that no field fills must be 0 already.
+template <typename Record> static void put_image(std::uint32_t *image, const Record &record) {
   for (const record_field &field : record_fields<Record>)
-    put_word(image, field.word, field_of(record, field));
+    image[field.word] = htole32(static_cast<std::uint32_t>(field_of(record, field)));
 }
 
 static DBusMessage *reply_item(method_call &call, const dravel_item &item, int result) {
-  unsigned char image[image_size<dravel_item>] = {};
-  put_image(image, item);
-  return call.reply_image(result, image, sizeof image);
+  std::array<std::uint32_t, image_words<dravel_item>> image{};
+  put_image(image.data(), item);
+  return call.reply_image(result, image.data(), image.size());
 }
 
-// Stands for an item that there is not.
+// The image that answers for an unknown timer.
 static DBusMessage *reply_no_item(method_call &call) {
   dravel_item filler{};
   filler.timer_id = -1;
@@ -126,59 +120,70 @@ static DBusMessage *reply_no_item(method_call &call) {
   return reply_item(call, filler, -1);
 }
 
-template <typename Record> static DBusMessage *reply_list(method_call &call, Eina_List *list) {
+template <typename Record>
+static DBusMessage *reply_list(method_call &call, Eina_List *list,
+                               const char *handler = __builtin_FUNCTION()) {
   const std::size_t count = eina_list_count(list);
-  // One byte more, so that an empty list has its buffer too.
-  const c_memory<unsigned char> images(
-      static_cast<unsigned char *>(std::calloc(count * image_size<Record> + 1, 1)));
-  if (!images) {
-    LOGE("failed to allocate memory\n");
+  const std::size_t words = count * image_words<Record>;
+  // One word more, so that an empty list has its buffer too.
+  g_autofree std::uint32_t *images = g_try_new0(std::uint32_t, words + 1);
+  if (images == nullptr) {
+    LOG_FROM(handler, SYSTEM_LOG_ERROR, "failed to allocate memory\n");
     return nullptr;
   }
-  unsigned char *image = images.get();
+  std::uint32_t *image = images;
   for (const Record *record : items_of<Record>(list)) {
     put_image(image, *record);
-    image += image_size<Record>;
+    image += image_words<Record>;
   }
-  return call.reply_image(static_cast<dbus_int32_t>(count), images.get(),
-                          count * image_size<Record>);
+  return call.reply_image(static_cast<dbus_int32_t>(count), images, words);
+}
+
+// A type that replaces its equal cancels it first.
+static void cancel_replaced(const dravel_item *item, const char *handler) {
+  dravel_item *duplicate = nullptr;
+  if (!has_type(item, TIMER_TYPE_REPLACING) || find_duplicate_ontimer(item, &duplicate) != 0)
+    return;
+  LOG_FROM(handler, SYSTEM_LOG_INFO, "cancel_dravel_item: [%d]", duplicate->timer_id);
+  cancel_dravel_item(duplicate);
+}
+
+// Lists and arms `item`. Returns its id, or -1 with the item released. A timer that the next start
+// would not know is not accepted.
+static int take_item(dravel_item *item) {
+  if (add_dravel_item(item) == nullptr) {
+    g_free(item);
+    return -1;
+  }
+  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
+    remove_dravel_item(item);
+    return -1;
+  }
+  return item->timer_id;
 }
 
 static DBusMessage *edbus_schedule_timer_cb(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
-  std::array<dbus_int32_t, 15> args{};
-  if (!call.read_ints(args))
+  dravel_item fields{};
+  if (!read_record(call, fields))
     return nullptr;
-  const auto [type, week_flag, priority, delay, year, mon, mday, hour, min, sec, wday, yday, isdst,
-              effect, time_type] = args;
-  constexpr int date_type = 0;
-  dravel_item *item = create_dravel_item(type, priority, date_type, year, mon, mday, hour, min, sec,
-                                         wday, yday, isdst, delay, week_flag, effect, time_type);
+  dravel_item *item = copy_dravel_item(&fields);
   if (item == nullptr)
     return nullptr;
+  item->timer_id = kUnstoredTimerId;
 
-  dravel_item *duplicate = nullptr;
-  if (has_type(item, TIMER_TYPE_REPLACING) && find_duplicate_ontimer(item, &duplicate) == 0) {
-    LOGI("cancel_dravel_item: [%d]", duplicate->timer_id);
-    cancel_dravel_item(duplicate);
-  }
-  // A timer that the next start would not know is not accepted.
-  if (add_dravel_item(item) == nullptr) {
-    std::free(item);
-    return call.reply_int(-1);
-  }
-  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
-    remove_dravel_item(item);
-    return call.reply_int(-1);
-  }
-  LOGE("edbus_schedule_timer_cb: [%d]", item->timer_id);
-  return call.reply_int(item->timer_id);
+  cancel_replaced(item, __func__);
+  const int timer_id = take_item(item);
+  replace_evicted_ontimer();
+  if (timer_id != -1)
+    LOGE("edbus_schedule_timer_cb: [%d]", timer_id);
+  return call.reply_int(timer_id);
 }
 
 static DBusMessage *edbus_cancel_timer_cb(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> timer_id{};
-  if (!call.read_ints(timer_id))
+  if (!call.read(timer_id))
     return nullptr;
   dravel_item *item = find_dravel_item(timer_id[0]);
   if (item == nullptr)
@@ -191,7 +196,7 @@ static DBusMessage *edbus_cancel_timer_cb(E_DBus_Object *, DBusMessage *msg) {
 static DBusMessage *edbus_request_timer_list_cb(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> unused{};
-  if (!call.read_ints(unused))
+  if (!call.read(unused))
     return nullptr;
   return reply_list<dravel_item>(call, get_dravel_list());
 }
@@ -199,7 +204,7 @@ static DBusMessage *edbus_request_timer_list_cb(E_DBus_Object *, DBusMessage *ms
 static DBusMessage *edbus_request_wakeup_timer(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> unused{};
-  if (!call.read_ints(unused))
+  if (!call.read(unused))
     return nullptr;
   const dravel_item *item = get_wakeup_timer();
   if (item != nullptr)
@@ -208,13 +213,12 @@ static DBusMessage *edbus_request_wakeup_timer(E_DBus_Object *, DBusMessage *msg
   return reply_no_item(call);
 }
 
-// Gets the value for a halt flag out of a call, and the call's reply. A call that
-// cannot be read releases the halt: a set that no longer wakes or sleeps would be
-// worse.
+// Gets the value for a halt flag out of a call, and the call's reply. A call that cannot be read
+// releases the halt, so that the set goes on waking and sleeping.
 static int get_halt_onofftimers(DBusMessage *msg, DBusMessage **reply) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> value{};
-  if (!call.read_ints(value)) {
+  if (!call.read(value)) {
     *reply = call.reply_empty();
     return 0;
   }
@@ -238,48 +242,30 @@ static DBusMessage *edbus_request_halt_offtimers(E_DBus_Object *, DBusMessage *m
 static DBusMessage *edbus_request_get_timers_halt_effect(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> unused{};
-  if (!call.read_ints(unused))
+  if (!call.read(unused))
     return nullptr;
   return call.reply(DBUS_TYPE_INT32, &ontimer_halt, DBUS_TYPE_INT32, &offtimer_halt);
 }
 
-static void read_date(std::tm *date, const dbus_int32_t *args) {
-  date->tm_year = args[0];
-  date->tm_mon = args[1];
-  date->tm_mday = args[2];
-  date->tm_hour = args[3];
-  date->tm_min = args[4];
-  date->tm_sec = args[5];
-  date->tm_wday = args[6];
-  date->tm_yday = args[7];
-  date->tm_isdst = args[8];
-}
-
 static DBusMessage *edbus_request_set_disable_period(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
-  c_memory<disabled_period_item> period(
-      static_cast<disabled_period_item *>(std::calloc(1, sizeof(disabled_period_item))));
-  if (!period) {
+  g_autofree disabled_period_item *period = g_try_new0(disabled_period_item, 1);
+  if (period == nullptr) {
     LOGE("Failed to alloc period item\n");
     return nullptr;
   }
-  std::array<dbus_int32_t, 20> args{};
-  if (!call.read_ints(args))
+  if (!read_record(call, *period))
     return nullptr;
-  read_date(&period->start_tm, &args[0]);
-  read_date(&period->end_tm, &args[9]);
-  period->start_date_leap_year_f = args[18];
-  period->end_date_leap_year_f = args[19];
   LOG_TIME(SYSTEM_LOG_ERROR, "start_date : %s", &period->start_tm);
   LOG_TIME(SYSTEM_LOG_ERROR, "end_date: %s", &period->end_tm);
   LOGD("start_date_leap_year_f : %d", period->start_date_leap_year_f);
   LOGD("end_date_leap_year_f : %d", period->end_date_leap_year_f);
 
-  if (add_disabled_period_item(period.get()) == nullptr) {
+  if (add_disabled_period_item(period) == nullptr) {
     LOGE("failed to add disabled period item");
     return call.reply_int(-1);
   }
-  const disabled_period_item *listed = period.release();
+  const disabled_period_item *listed = g_steal_pointer(&period);
   adjust_dravel_all_items(nullptr, nullptr);
   return call.reply_int(listed->period_id);
 }
@@ -287,7 +273,7 @@ static DBusMessage *edbus_request_set_disable_period(E_DBus_Object *, DBusMessag
 static DBusMessage *edbus_request_remove_disabled_period(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> period_id{};
-  if (!call.read_ints(period_id))
+  if (!call.read(period_id))
     return nullptr;
   disabled_period_item *period = find_disabled_period_item(period_id[0]);
   if (period == nullptr)
@@ -300,7 +286,7 @@ static DBusMessage *edbus_request_remove_disabled_period(E_DBus_Object *, DBusMe
 static DBusMessage *edbus_request_disabled_period_list_cb(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> unused{};
-  if (!call.read_ints(unused))
+  if (!call.read(unused))
     return nullptr;
   return reply_list<disabled_period_item>(call, get_disabled_period_list());
 }
@@ -308,7 +294,7 @@ static DBusMessage *edbus_request_disabled_period_list_cb(E_DBus_Object *, DBusM
 static DBusMessage *edbus_request_set_disable_period_effect(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
   std::array<dbus_int32_t, 2> args{};
-  if (!call.read_ints(args))
+  if (!call.read(args))
     return nullptr;
   const auto [timer_id, effect] = args;
   LOGE("timer_id: %d, disable_period_effect: %d", timer_id, effect);
@@ -323,51 +309,64 @@ static DBusMessage *edbus_request_set_disable_period_effect(E_DBus_Object *, DBu
   return call.reply_int(0);
 }
 
-// Copies the whole file at `source` over `destination`: by way of a new file
-// that is on the disk before it takes the place, so that neither a disk without
-// room nor a power cut costs what was there. A pipe would keep the daemon
-// waiting.
-static bool copy_file(const char *source, const char *destination) {
+// Whether both paths name one file that exists.
+static bool is_same_file(const GStatBuf &source, const char *destination) {
+  GStatBuf other;
+  return g_stat(destination, &other) == 0 && other.st_dev == source.st_dev &&
+         other.st_ino == source.st_ino;
+}
+
+// Copies the whole file at `source` over `destination`, with its permissions: by way of a new file
+// that is on the disk before it takes the place, so that neither a disk without room nor a power
+// cut costs what was there. A pipe would keep the daemon waiting. The store copied over itself
+// stays the file that is open.
+static void copy_file(const char *source, const char *destination, GError **failure) {
   constexpr auto whole_or_not = static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT |
                                                                    G_FILE_SET_CONTENTS_DURABLE);
-  GError *failure = nullptr;
-  char *contents = nullptr;
+  constexpr unsigned permissions = 07777;
+  GStatBuf status;
+  if (g_stat(source, &status) != 0 || !S_ISREG(status.st_mode)) {
+    g_set_error(failure, G_FILE_ERROR, G_FILE_ERROR_INVAL, "%s is no regular file", source);
+    return;
+  }
+  if (is_same_file(status, destination))
+    return;
+  const mode_t mode = status.st_mode & permissions;
+  g_autofree char *contents = nullptr;
   gsize size = 0;
-  if (!g_file_test(source, G_FILE_TEST_IS_REGULAR))
-    g_set_error(&failure, G_FILE_ERROR, G_FILE_ERROR_INVAL, "%s is no regular file", source);
-  else if (g_file_get_contents(source, &contents, &size, &failure))
-    g_file_set_contents_full(destination, contents, static_cast<gssize>(size), whole_or_not,
-                             kCopiedDbMode, &failure);
-  g_free(contents);
-  if (failure == nullptr)
-    return true;
-  LOGE("failed to copy file: %s", failure->message);
-  g_error_free(failure);
-  return false;
+  // A file system without permissions refuses the last step, and loses nothing by it.
+  if (g_file_get_contents(source, &contents, &size, failure) &&
+      g_file_set_contents_full(destination, contents, static_cast<gssize>(size), whole_or_not,
+                               static_cast<int>(mode), failure))
+    (void)g_chmod(destination, mode);
 }
 
 static DBusMessage *edbus_request_copy_db(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
-  dbus_int32_t copy_in = 0;
+  std::array<dbus_int32_t, 1> copy_in{};
   const char *directory = nullptr;
-  if (!call.read(DBUS_TYPE_INT32, &copy_in, DBUS_TYPE_STRING, &directory))
+  if (!call.read(copy_in) || !call.read(&directory))
     return nullptr;
 
-  const std::unique_ptr<char, decltype(&g_free)> outside(
-      g_build_filename(directory, kCopiedDbName, nullptr), g_free);
-  const char *source = copy_in != 0 ? outside.get() : kDravelDbPath;
-  const char *destination = copy_in != 0 ? kDravelDbPath : outside.get();
+  g_autofree char *outside = g_build_filename(directory, kCopiedDbName, nullptr);
+  const char *source = copy_in[0] != 0 ? outside : kDravelDbPath;
+  const char *destination = copy_in[0] != 0 ? kDravelDbPath : outside;
   if (!g_file_test(source, G_FILE_TEST_EXISTS)) {
     LOGE("%s is not exit", source);
     return nullptr;
   }
-  return copy_file(source, destination) ? call.reply_int(0) : nullptr;
+  g_autoptr(GError) failure = nullptr;
+  copy_file(source, destination, &failure);
+  if (failure == nullptr)
+    return call.reply_int(0);
+  LOGE("failed to copy file: %s", failure->message);
+  return nullptr;
 }
 
 static DBusMessage *edbus_dravel_get_timer_by_id_cb(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> timer_id{};
-  if (!call.read_ints(timer_id))
+  if (!call.read(timer_id))
     return nullptr;
   LOGI("time_id = %d\n", timer_id[0]);
   const dravel_item *item = find_dravel_item(timer_id[0]);
@@ -403,8 +402,9 @@ static constexpr const char *kTypeExpiredSignal = "dravel_type_expired";
 static constexpr const char *kWeekFlagExpiredSignal = "dravel_week_flag_expired";
 
 static int send_signal(const char *name, dbus_int32_t value) {
-  const message signal(dbus_message_new_signal(kObjectPath, kBusName, name), dbus_message_unref);
-  if (signal && bus_connection != nullptr) {
+  const message signal(dbus_message_new_signal(kDravelObjectPath, kDravelBusName, name),
+                       dbus_message_unref);
+  if (signal != nullptr && bus_connection != nullptr) {
     dbus_message_append_args(signal.get(), DBUS_TYPE_INT32, &value, DBUS_TYPE_INVALID);
     e_dbus_message_send(bus_connection, signal.get(), nullptr, -1, nullptr);
   }
@@ -434,16 +434,17 @@ int init_edbus_handler(void) {
     LOGE("e_dbus_bus_get() failed\n");
     return -1;
   }
-  if (e_dbus_request_name(bus_connection, kBusName, 0, edbus_request_name_cb, nullptr) == nullptr) {
+  if (e_dbus_request_name(bus_connection, kDravelBusName, 0, edbus_request_name_cb, nullptr) ==
+      nullptr) {
     LOGE("e_dbus_request_name() failed\n");
     return -1;
   }
-  E_DBus_Object *object = e_dbus_object_add(bus_connection, kObjectPath, nullptr);
+  E_DBus_Object *object = e_dbus_object_add(bus_connection, kDravelObjectPath, nullptr);
   if (object == nullptr) {
     LOGE("e_dbus_object_add() failed\n");
     return -1;
   }
-  E_DBus_Interface *interface = e_dbus_interface_new(kBusName);
+  E_DBus_Interface *interface = e_dbus_interface_new(kDravelBusName);
   if (interface == nullptr) {
     LOGE("e_dbus_interface_new() failed\n");
     return -1;

@@ -2,14 +2,17 @@
 
 #include "dravel-db.h"
 #include "dravel-list.h"
-#include "dravel-timer.h"
+#include "dravel-power.h"
+#include "dravel-runtime.h"
 
 #include <device_power.h>
+#include <glib.h>
 #include <system_info.h>
 
+#include <chrono>
 #include <climits>
-#include <cstdlib>
 #include <optional>
+#include <span>
 #include <vector>
 
 static constexpr const char *kSyncDbKey = "com.vellmar/featureconf/appfw.dravel.sync_db";
@@ -24,8 +27,8 @@ static Eina_List *dravel_list;
 static Eina_List *ontimer_list;
 static Eina_List *offtimer_list;
 static Eina_List *disabled_period_list;
-// Removed items whose rows could not be deleted. Nothing uses them again: the next
-// start reads their rows, until then the memory has an owner here.
+// Owns the removed items whose rows could not be deleted. Nothing uses them again: the next start
+// reads their rows.
 static Eina_List *undeleted_list;
 static dravel_item *wakeup_timer;
 static int next_transient_timer_id = kFirstTransientTimerId;
@@ -79,25 +82,27 @@ static bool find_period_of(const std::tm &when, int year, std::tm *end) {
     *end = period->end_tm;
     follow_february_end(&start, period->start_date_leap_year_f, year);
     follow_february_end(end, period->end_date_leap_year_f, year);
-    LOGI("start_date: M = %d, D = %d\n", add_wrapping(start.tm_mon, 1), start.tm_mday);
-    LOGI("end_date: M = %d, D = %d\n", add_wrapping(end->tm_mon, 1), end->tm_mday);
+    LOGI_OF(can_skip_timer, "start_date: M = %d, D = %d\n", add_wrapping(start.tm_mon, 1),
+            start.tm_mday);
+    LOGI_OF(can_skip_timer, "end_date: M = %d, D = %d\n", add_wrapping(end->tm_mon, 1),
+            end->tm_mday);
     if (date_key(start) <= date_key(when) && date_key(when) <= date_key(*end))
       return true;
   }
   return false;
 }
 
-// The days between the midnights of two dates, both read in the year of `from`.
+// The day that `date` names on the calendar when it is read in `year` (since 1900). Months and days
+// beyond their range are carried on, beyond 2106 too.
+static std::int64_t calendar_day(int year, const std::tm &date) {
+  using namespace std::chrono;
+  const sys_days first((std::chrono::year(1900 + year) / January + months(date.tm_mon)) / 1);
+  return std::int64_t{first.time_since_epoch().count()} + date.tm_mday;
+}
+
+// The days from one date to another, both read in the year of `from`.
 static int days_between(const std::tm &from, const std::tm &to) {
-  std::tm midnight{};
-  midnight.tm_year = from.tm_year;
-  midnight.tm_mon = from.tm_mon;
-  midnight.tm_mday = from.tm_mday;
-  const std::int64_t first = unsigned_timegm(&midnight);
-  midnight.tm_mon = to.tm_mon;
-  midnight.tm_mday = to.tm_mday;
-  const std::int64_t last = unsigned_timegm(&midnight);
-  return static_cast<int>((last - first) / kSecondsPerDay);
+  return static_cast<int>(calendar_day(from.tm_year, to) - calendar_day(from.tm_year, from));
 }
 
 int can_skip_timer(const dravel_item *item, time_value occurrence) {
@@ -167,7 +172,7 @@ static void today_of(const dravel_item *item, const clock_reading &clocks, std::
 static void clear_seconds(const dravel_item *item, std::tm *tm) {
   if (!is_ontimer_item(item) || tm->tm_sec <= 0)
     return;
-  LOGI("ontimer with seconds: [%d], ignore seconds", tm->tm_sec);
+  LOGI_OF(get_next_expire_date, "ontimer with seconds: [%d], ignore seconds", tm->tm_sec);
   tm->tm_sec = 0;
 }
 
@@ -176,11 +181,11 @@ static time_value add_offset_of(const dravel_item *item, const clock_reading &cl
   if (!is_on_internet_time(item))
     return expire;
   expire = add_time_offset(expire, clocks.offset);
-  LOGI("expire time with offset[%lu]", as_ulong(expire));
+  LOGI_OF(get_next_expire_date, "expire time with offset[%lu]", as_ulong(expire));
   return expire;
 }
 
-static bool heeds_disabled_periods(const dravel_item *item) {
+bool heeds_disabled_periods(const dravel_item *item) {
   return !has_type(item, TIMER_TYPE_ALWAYS) && item->disable_period_effect != 0;
 }
 
@@ -189,7 +194,7 @@ static int holiday_test(const dravel_item *item, time_value expire) {
     return SKIP_NO;
   const int decision = can_skip_timer(item, expire);
   if (decision == SKIP_REFUSED)
-    LOGE("timer is disabled\n");
+    LOGE_OF(get_next_expire_date, "timer is disabled\n");
   return decision;
 }
 
@@ -198,11 +203,11 @@ static int holiday_test(const dravel_item *item, time_value expire) {
 static bool lies_after_wrap(const dravel_item *item, const clock_reading &clocks) {
   std::tm today;
   today_of(item, clocks, &today);
-  LOGI("get_next_expire_date, expired_timer_year: %d, curtime_year: %d \n", item->tm.tm_year,
-       today.tm_year);
+  LOGI_OF(get_next_expire_date, "get_next_expire_date, expired_timer_year: %d, curtime_year: %d \n",
+          item->tm.tm_year, today.tm_year);
   if (item->tm.tm_year != kYear2001 || today.tm_year != kYear2099)
     return false;
-  LOGI("expired_timer_year == 101 && curtime_year == 199");
+  LOGI_OF(get_next_expire_date, "expired_timer_year == 101 && curtime_year == 199");
   return true;
 }
 
@@ -210,12 +215,12 @@ static int next_one_shot(const dravel_item *item, const clock_reading &clocks, t
   std::tm date = item->tm;
   clear_seconds(item, &date);
   *expire = unsigned_timegm(&date);
-  LOGI("expire time[%lu]", as_ulong(*expire));
+  LOGI_OF(get_next_expire_date, "expire time[%lu]", as_ulong(*expire));
   *expire = add_offset_of(item, clocks, *expire);
 
   if (*expire <= clocks.now) {
-    LOGI("get_next_expire_date, timer_time: %lu, curtime: %lu \n", as_ulong(*expire),
-         as_ulong(clocks.now));
+    LOGI_OF(get_next_expire_date, "get_next_expire_date, timer_time: %lu, curtime: %lu \n",
+            as_ulong(*expire), as_ulong(clocks.now));
     if (!lies_after_wrap(item, clocks))
       return -1;
   }
@@ -304,7 +309,7 @@ int can_skip_standby(const std::tm *standby, int timer_id) {
     if (ontimer->timer_id == timer_id || get_next_expire_date(ontimer, &expire) != 0)
       continue;
     const time_value distance = expire - standby_time;
-    if (distance - 1 <= kMaxSkipSeconds - 1) {
+    if (distance >= 1 && distance <= kMaxSkipSeconds) {
       LOGD("can skipped standby timer(TC_DTU_000099)");
       LOG_TIME(SYSTEM_LOG_DEBUG, "by on timer: %s", &ontimer->tm);
       return 1;
@@ -370,25 +375,28 @@ int compare_dravel_cb(const void *listed, const void *added) {
   return compare_keys(listed_key, added_key);
 }
 
-// Puts `item` before the first listed one that it goes ahead of. Eina's sorted
-// insertion bisects, and a listed item without a next expiry would lead it
-// astray: an earlier item would land at the tail.
-static Eina_List *insert_in_order(Eina_List *list, const dravel_item *item) {
-  sort_key added(item);
-  for (Eina_List *node = list; node != nullptr; node = eina_list_next(node)) {
-    sort_key listed(static_cast<const dravel_item *>(eina_list_data_get(node)));
-    if (compare_keys(listed, added) > 0)
-      return eina_list_prepend_relative_list(list, item, node);
-  }
-  return eina_list_append(list, item);
+// The place of `added`: before the first listed item that it goes ahead of. Eina's sorted insertion
+// bisects, and a listed item without a next expiry would mislead it: an earlier item would land at
+// the tail.
+static std::size_t place_of(sort_key &added, std::span<sort_key> listed) {
+  std::size_t place = 0;
+  while (place < listed.size() && compare_keys(listed[place], added) <= 0)
+    ++place;
+  return place;
 }
 
-// The same insertion as insert_in_order, by keys that are kept.
 static void insert_key(std::vector<sort_key> &keys, sort_key added) {
-  auto place = keys.begin();
-  while (place != keys.end() && compare_keys(*place, added) <= 0)
-    ++place;
-  keys.insert(place, added);
+  keys.insert(keys.begin() + static_cast<std::ptrdiff_t>(place_of(added, keys)), added);
+}
+
+static void insert_in_order(const dravel_item *item) {
+  std::vector<sort_key> keys;
+  for (const dravel_item *listed : items_of<dravel_item>(dravel_list))
+    keys.emplace_back(listed);
+  sort_key added(item);
+  Eina_List *next = eina_list_nth_list(dravel_list, static_cast<unsigned>(place_of(added, keys)));
+  dravel_list = next != nullptr ? eina_list_prepend_relative_list(dravel_list, item, next)
+                                : eina_list_append(dravel_list, item);
 }
 
 static Eina_List *list_of(const std::vector<sort_key> &keys) {
@@ -416,33 +424,32 @@ void rebuild_onoff_timer_lists(void) {
   offtimer_list = list_of(offtimers);
 }
 
+dravel_item *copy_dravel_item(const dravel_item *values) {
+  dravel_item *item = g_try_new0(dravel_item, 1);
+  if (item == nullptr) {
+    LOGE_OF(create_dravel_item, "Failed to alloc new timer item\n");
+    return nullptr;
+  }
+  copy_fields(*item, *values);
+  return item;
+}
+
 dravel_item *create_dravel_item(int type, int priority, int date_type, int tm_year, int tm_mon,
                                 int tm_mday, int tm_hour, int tm_min, int tm_sec, int tm_wday,
                                 int tm_yday, int tm_isdst, int delay, int week_flag,
                                 int disable_period_effect, int time_type) {
-  auto *item = static_cast<dravel_item *>(std::calloc(1, sizeof(dravel_item)));
-  if (item == nullptr) {
-    LOGE("Failed to alloc new timer item\n");
-    return nullptr;
-  }
-  item->timer_id = kUnstoredTimerId;
-  item->type = type;
-  item->priority = priority;
-  item->date_type = date_type;
-  item->tm.tm_year = tm_year;
-  item->tm.tm_mon = tm_mon;
-  item->tm.tm_mday = tm_mday;
-  item->tm.tm_hour = tm_hour;
-  item->tm.tm_min = tm_min;
-  item->tm.tm_sec = tm_sec;
-  item->tm.tm_wday = tm_wday;
-  item->tm.tm_yday = tm_yday;
-  item->tm.tm_isdst = tm_isdst;
-  item->delay = delay;
-  item->week_flag = week_flag;
-  item->disable_period_effect = disable_period_effect;
-  item->time_type = time_type;
-  return item;
+  dravel_item values{kUnstoredTimerId,      type,     priority, date_type, {}, delay, week_flag,
+                     disable_period_effect, time_type};
+  values.tm.tm_sec = tm_sec;
+  values.tm.tm_min = tm_min;
+  values.tm.tm_hour = tm_hour;
+  values.tm.tm_mday = tm_mday;
+  values.tm.tm_mon = tm_mon;
+  values.tm.tm_year = tm_year;
+  values.tm.tm_wday = tm_wday;
+  values.tm.tm_yday = tm_yday;
+  values.tm.tm_isdst = tm_isdst;
+  return copy_dravel_item(&values);
 }
 
 dravel_item *find_dravel_item(int timer_id) {
@@ -463,7 +470,7 @@ Eina_List *remove_dravel_item(dravel_item *item) {
     undeleted_list = eina_list_append(undeleted_list, item);
     return dravel_list;
   }
-  std::free(item);
+  g_free(item);
   LOGE("complate remove_dravel_item");
   return dravel_list;
 }
@@ -515,7 +522,7 @@ Eina_List *add_dravel_item(dravel_item *item) {
       return nullptr;
     }
   }
-  dravel_list = insert_in_order(dravel_list, item);
+  insert_in_order(item);
   rebuild_onoff_timer_lists();
   return dravel_list;
 }
@@ -523,7 +530,7 @@ Eina_List *add_dravel_item(dravel_item *item) {
 static bool is_db_synchronised(void) {
   bool sync_db = false;
   if (system_info_get_custom_bool(kSyncDbKey, &sync_db) != 0) {
-    LOGE("system_info_get_custom_bool(%s) failed", kSyncDbKey);
+    LOGE_OF(dravel_item_db_cb, "system_info_get_custom_bool(%s) failed", kSyncDbKey);
     return false;
   }
   return sync_db;
@@ -535,7 +542,7 @@ static bool is_dropped_by_cold_start(const dravel_item *row) {
 }
 
 static int dravel_item_db_cb(const dravel_item *row) {
-  // A client that is quicker than the loading has stored and listed its timer.
+  // An earlier bus call has stored and listed it.
   if (find_dravel_item(row->timer_id) != nullptr)
     return 0;
   if (is_dropped_by_cold_start(row)) {
@@ -545,17 +552,12 @@ static int dravel_item_db_cb(const dravel_item *row) {
     return 0;
   }
 
-  const std::tm &tm = row->tm;
-  dravel_item *item = create_dravel_item(
-      row->type, row->priority, row->date_type, tm.tm_year, tm.tm_mon, tm.tm_mday, tm.tm_hour,
-      tm.tm_min, tm.tm_sec, tm.tm_wday, tm.tm_yday, tm.tm_isdst, row->delay, row->week_flag,
-      row->disable_period_effect, row->time_type);
+  const dravel_item *item = copy_dravel_item(row);
   if (item == nullptr) {
     LOGE("failed to create new timer item\n");
     return 0;
   }
-  item->timer_id = row->timer_id;
-  dravel_list = insert_in_order(dravel_list, item);
+  insert_in_order(item);
   return 0;
 }
 
@@ -568,8 +570,8 @@ Eina_List *load_dravel_list(void) {
 }
 
 void set_wakeup_timer(const dravel_item *item) {
-  std::free(wakeup_timer);
-  wakeup_timer = static_cast<dravel_item *>(std::calloc(1, sizeof(dravel_item)));
+  g_free(wakeup_timer);
+  wakeup_timer = g_try_new0(dravel_item, 1);
   if (wakeup_timer == nullptr) {
     LOGE("Failed to alloc new timer item\n");
     return;
@@ -587,7 +589,7 @@ dravel_item *get_wakeup_timer(void) {
 static int wakeup_timer_item_db_cb(const dravel_item *row) {
   const int reason = device_power_get_wakeup_reason();
   LOGD("wakeup reason : %d\n", reason);
-  if (static_cast<unsigned>(reason) <= 1) {
+  if (!is_woken_by_timer(reason)) {
     LOGD("This TV is not woken by timer");
     return 0;
   }
@@ -596,7 +598,7 @@ static int wakeup_timer_item_db_cb(const dravel_item *row) {
 }
 
 int load_wakeup_timer(void) {
-  std::free(wakeup_timer);
+  g_free(wakeup_timer);
   wakeup_timer = nullptr;
   return load_wakeup_timer_db(wakeup_timer_item_db_cb);
 }
@@ -616,7 +618,7 @@ Eina_List *remove_disabled_period_item(disabled_period_item *period) {
     return nullptr;
   }
   disabled_period_list = eina_list_remove(disabled_period_list, period);
-  std::free(period);
+  g_free(period);
   return disabled_period_list;
 }
 
@@ -629,7 +631,7 @@ disabled_period_item *find_disabled_period_item(int period_id) {
 }
 
 static int disabled_period_db_cb(const disabled_period_item *row) {
-  auto *period = static_cast<disabled_period_item *>(std::calloc(1, sizeof(disabled_period_item)));
+  disabled_period_item *period = g_try_new0(disabled_period_item, 1);
   if (period == nullptr) {
     LOGE("failed to allocate memory\n");
     return 0;

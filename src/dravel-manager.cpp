@@ -1,4 +1,4 @@
-// The daemon: start-up, main loop, shutdown.
+#include "dravel-manager.h"
 
 #include "dravel-cb.h"
 #include "dravel-db.h"
@@ -11,15 +11,15 @@
 
 #include <Ecore.h>
 
-// Runs once, when everything that could want to hear of a timer is in place.
-// While the clock is not known the timers stay unarmed until it is.
+// Runs once, after the bus service and all subscriptions are registered. While
+// the clock is not known the timers stay unarmed.
 static Eina_Bool _schedule_dravel(void *) {
   Eina_List *timers = load_dravel_list();
   LOGE("start scheduling...");
   LOGE("is time update [%d]", get_kinto_time_updated());
   if (get_kinto_time_updated() != 0) {
     for (dravel_item *item : items_of<dravel_item>(timers)) {
-      cancel_ecore_timer(item->timer_id); // armed by a client that was quicker
+      cancel_ecore_timer(item->timer_id); // an earlier bus call may have armed it
       if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
         LOGE("timer doesn't have next expire date (%s)", "_schedule_dravel");
         remove_dravel_item(item);
@@ -31,12 +31,14 @@ static Eina_Bool _schedule_dravel(void *) {
   return ECORE_CALLBACK_CANCEL;
 }
 
-static int give_up(void) {
+// The lines name `main`, whose start order this is.
+static int give_up(const char *failed) {
+  LOGE_OF(main, "%s() failed\n", failed);
   ecore_shutdown();
   return -1;
 }
 
-int main() {
+int start_dravel(void) {
   // The lists live as long as the process: Eina must not go with Ecore.
   eina_init();
   ecore_init();
@@ -46,29 +48,24 @@ int main() {
   load_wakeup_timer();
   load_disabled_period_list();
 
-  if (init_settings_handler() != 0) {
-    LOGE("init_settings_handler() failed\n");
-    return give_up();
-  }
-  if (init_edbus_handler() != 0) {
-    LOGE("init_edbus_handler() failed\n");
-    return give_up();
-  }
-  if (init_power_state_handler() != 0) {
-    LOGE("init_poweroff_handler() failed\n");
-    return give_up();
-  }
+  if (init_settings_handler() != 0)
+    return give_up("init_settings_handler");
+  if (init_edbus_handler() != 0)
+    return give_up("init_edbus_handler");
+  if (init_power_state_handler() != 0)
+    return give_up("init_poweroff_handler");
 
   ecore_idler_add(_schedule_dravel, nullptr);
   register_ambient_mode_cb();
   subscribe_kinto_signal_cb();
-  ecore_main_loop_begin();
+  return 0;
+}
 
+void stop_dravel(void) {
   unsubscribe_kinto_signal_cb();
   unregister_ambient_mode_cb();
   fini_power_state_handler();
   fini_hash_table();
   close_dravel_db();
   ecore_shutdown();
-  return 0;
 }

@@ -11,13 +11,11 @@
 #include <device_power.h>
 #include <settings.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <memory>
-#include <new>
 #include <span>
 #include <unistd.h>
+#include <vector>
 
 static constexpr const char *kInitMarker = "/tmp/dravel_init";
 static constexpr const char *kFinishMarker = "/tmp/dravel_finish";
@@ -36,38 +34,46 @@ static constexpr int kOntimerRefused = -2;
 static constexpr std::size_t kEventStateOffset = 12;
 static constexpr std::size_t kEventAmbientModeOffset = 20;
 
-int ontimer_halt = 0;
-int offtimer_halt = 0;
-bool ambient_poweroff_received = false;
+namespace {
 
-micom_ontimer_record micom_ontimer = {0, 0, 0, TIMER_TYPE_ONTIMER_MAX + 1, 0};
+struct runtime_state {
+  int kinto_time_updated = 1;
+  int relaunch_state = 0;
+  int wakeup_state = 1;
+  int auto_clock_mode_time_update = 0;
+};
+
+} // namespace
+
+int ontimer_halt;
+int offtimer_halt;
+bool ambient_poweroff_received;
+
+micom_ontimer_record micom_ontimer;
 GHashTable *scheduled_timer_table;
 GHashTable *cb_data_table;
 
-static int kinto_time_updated = 1;
-static int relaunch_state = 0;
-static int wakeup_state = 1;
-static int auto_clock_mode_time_update = 0;
+static runtime_state flags;
 
 static Ecore_Timer *finish_wait_timer;
 static Ecore_Timer *adjust_wait_timer;
 static Ecore_Timer *retry_adjust_timer;
 
-void set_kinto_time_updated(int value) { kinto_time_updated = value; }
+void set_kinto_time_updated(int value) { flags.kinto_time_updated = value; }
 
-int get_kinto_time_updated(void) { return kinto_time_updated; }
+int get_kinto_time_updated(void) { return flags.kinto_time_updated; }
 
-void set_relaunch_state(int value) { relaunch_state = value; }
+void set_relaunch_state(int value) { flags.relaunch_state = value; }
 
-int get_relaunch_state(void) { return relaunch_state; }
+int get_relaunch_state(void) { return flags.relaunch_state; }
 
-void set_wakeup_state(int value) { wakeup_state = value; }
+void set_wakeup_state(int value) { flags.wakeup_state = value; }
 
-int get_wakeup_state(void) { return wakeup_state; }
+int get_wakeup_state(void) { return flags.wakeup_state; }
 
-void set_auto_clock_mode_time_update(int value) { auto_clock_mode_time_update = value; }
+void set_auto_clock_mode_time_update(int value) { flags.auto_clock_mode_time_update = value; }
 
-int get_auto_clock_mode_time_update(void) { return auto_clock_mode_time_update; }
+int get_auto_clock_mode_time_update(void) { return flags.auto_clock_mode_time_update; }
 
 const char *time_str(time_value time) {
   static char text[kTimeTextSize];
@@ -84,18 +90,27 @@ static void stop_timer(Ecore_Timer *&timer) {
   timer = nullptr;
 }
 
+void reset_runtime_state(void) {
+  flags = {};
+  ontimer_halt = offtimer_halt = 0;
+  ambient_poweroff_received = false;
+  micom_ontimer = {};
+  for (Ecore_Timer **timer : {&finish_wait_timer, &adjust_wait_timer, &retry_adjust_timer})
+    stop_timer(*timer);
+}
+
 // Only a marker's existence means something. True when it was there already.
-static bool leave_marker(const char *path) {
+static bool leave_marker(const char *path, const char *operation = __builtin_FUNCTION()) {
   if (access(path, F_OK) == 0) {
-    LOGE("%s file exist", path);
+    LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s file exist", path);
     return true;
   }
   const int fd = open(path, O_CREAT | O_RDONLY | O_CLOEXEC, 0644);
   if (fd < 0) {
-    LOGE("%s create failed", path);
+    LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s create failed", path);
     return false;
   }
-  LOGE("%s file create", path);
+  LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s file create", path);
   close(fd);
   return false;
 }
@@ -133,7 +148,7 @@ void fini_hash_table(void) {
   g_hash_table_destroy(scheduled_timer_table);
   scheduled_timer_table = nullptr;
   g_hash_table_foreach(
-      cb_data_table, [](void *, void *record, void *) { std::free(record); }, nullptr);
+      cb_data_table, [](void *, void *record, void *) { g_free(record); }, nullptr);
   g_hash_table_destroy(cb_data_table);
   cb_data_table = nullptr;
 }
@@ -152,7 +167,7 @@ void cancel_ecore_timer(int timer_id) {
   const void *key = GINT_TO_POINTER(timer_id);
   auto *timer = static_cast<Ecore_Timer *>(g_hash_table_lookup(scheduled_timer_table, key));
   stop_timer(timer);
-  std::free(g_hash_table_lookup(cb_data_table, key));
+  g_free(g_hash_table_lookup(cb_data_table, key));
   forget_armed(timer_id);
 }
 
@@ -276,26 +291,26 @@ static set_time set_time_of(const dravel_item *item, double offset) {
 
 // The configured time of an on- or off-timer, on the line of the TV clock.
 static time_value configured_time(const set_time &timer, const char *name) {
-  LOGI("%s_time[%lu]", name, as_ulong(timer.time));
+  LOGI_OF(get_next_ontimer_not_overlap_with_offtimer, "%s_time[%lu]", name, as_ulong(timer.time));
   if (timer.item->time_type == TIME_TYPE_INTERNET)
-    LOGI("%s_time with offset[%lu]", name, as_ulong(timer.on_tv_clock));
+    LOGI_OF(get_next_ontimer_not_overlap_with_offtimer, "%s_time with offset[%lu]", name,
+            as_ulong(timer.on_tv_clock));
   return timer.on_tv_clock;
 }
 
-// Without the TV clock the timers that are on it cannot be told apart in time.
+// Without the TV clock, times on it cannot be compared.
 static bool is_on_unknown_tv_clock(const dravel_item *item, const clock_reading &clocks) {
   return clocks.broadcast == 0 && item->time_type == TIME_TYPE_BROADCAST;
 }
 
-// Fills `offtimers`, which has room for all of them, with those that every
-// on-timer is held against, and returns their number.
-static std::size_t fill_comparable_offtimers(const clock_reading &clocks, set_time *offtimers) {
-  std::size_t count = 0;
+// The off-timers that every on-timer is compared with.
+static std::vector<set_time> comparable_offtimers(const clock_reading &clocks) {
+  std::vector<set_time> offtimers;
   for (const dravel_item *offtimer : items_of<dravel_item>(get_offtimer_list())) {
     if (!is_on_unknown_tv_clock(offtimer, clocks))
-      offtimers[count++] = set_time_of(offtimer, clocks.offset);
+      offtimers.push_back(set_time_of(offtimer, clocks.offset));
   }
-  return count;
+  return offtimers;
 }
 
 // Takes the off-timers set for the on-timer's own time out of its `*week_flag`.
@@ -337,13 +352,7 @@ int get_next_ontimer_not_overlap_with_offtimer(dravel_item **item, std::tm *expi
     read_clocks(&clocks);
     LOGI("internet_time_offset[%lf]", clocks.offset);
   }
-  const std::unique_ptr<set_time[]> memory(new (std::nothrow)
-                                               set_time[eina_list_count(get_offtimer_list())]);
-  if (!memory) {
-    LOGE("out of memory");
-    return -1;
-  }
-  const std::span offtimers(memory.get(), fill_comparable_offtimers(clocks, memory.get()));
+  const std::vector<set_time> offtimers = comparable_offtimers(clocks);
 
   time_value earliest = kInvalidTime;
   for (dravel_item *ontimer : items_of<dravel_item>(get_ontimer_list())) {
@@ -388,15 +397,6 @@ static int replace_programmed_ontimer(void) {
   return result;
 }
 
-// Returns 0 with the time that `item` is to be measured against; 0 stands for a
-// TV clock that is not known.
-static int read_now_of(const dravel_item *item, time_value *now) {
-  *now = 0;
-  if (get_cur_time(now, TIME_TYPE_BROADCAST) == 0 || item->time_type != TIME_TYPE_INTERNET)
-    return 0;
-  return get_cur_time(now, TIME_TYPE_RTC);
-}
-
 // From the first to the last second that the TV clock shows before it wraps.
 static time_value wrap_span(void) {
   std::tm first{};
@@ -420,16 +420,16 @@ static int distance_to(time_value expire_time, const std::tm &expire_tm, time_va
   if (expire_time >= now)
     return 0;
 
-  LOGE("invalied time : %s", time_str(expire_time));
+  LOGE_OF(schedule_dravel_item, "invalied time : %s", time_str(expire_time));
   std::tm now_tm;
   unsigned_gmtime_r(now, &now_tm);
-  LOGI("schedule_dravel_item, expired_timer_year: %d, curtime_year: %d \n", expire_tm.tm_year,
-       now_tm.tm_year);
+  LOGI_OF(schedule_dravel_item, "schedule_dravel_item, expired_timer_year: %d, curtime_year: %d \n",
+          expire_tm.tm_year, now_tm.tm_year);
   if (expire_tm.tm_year != kYear2001 || now_tm.tm_year != kYear2099)
     return -1;
-  LOGI("expired_timer_year == 101 and curtime_year == 199");
+  LOGI_OF(schedule_dravel_item, "expired_timer_year == 101 and curtime_year == 199");
   *timediff += wrap_span();
-  LOGI("timediff : %lu", as_ulong(*timediff));
+  LOGI_OF(schedule_dravel_item, "timediff : %lu", as_ulong(*timediff));
   return 0;
 }
 
@@ -440,35 +440,35 @@ static bool fires_in_current_minute(time_value now, const std::tm &expire_tm, ti
   unsigned_gmtime_r(now, &now_tm);
   if (timediff > kRebootGuardSeconds || now_tm.tm_min != expire_tm.tm_min)
     return false;
-  LOGI("micom spec. abovid reboot");
+  LOGI_OF(schedule_dravel_item, "micom spec. abovid reboot");
   return true;
 }
 
 // The programmed on-time on the local clock, 0 when none lies ahead of `now`.
 static time_value pending_local_ontime(time_value now) {
   const time_value local_ontime = programmed_local_ontime();
-  LOGI("local_ontime : %s", time_str(local_ontime));
-  LOGI("local_ontime : %lu", as_ulong(local_ontime));
+  LOGI_OF(schedule_dravel_item, "local_ontime : %s", time_str(local_ontime));
+  LOGI_OF(schedule_dravel_item, "local_ontime : %lu", as_ulong(local_ontime));
   if (now <= local_ontime)
     return local_ontime;
-  LOGI("set local_ontime to 0");
+  LOGI_OF(schedule_dravel_item, "set local_ontime to 0");
   return 0;
 }
 
 static int arm(dravel_item *item, dravel_expire_fn cb, void *data, time_value timediff) {
-  auto *record = static_cast<cb_data *>(std::malloc(sizeof(cb_data)));
+  auto *record = g_try_new(cb_data, 1);
   Ecore_Timer *timer = nullptr;
   if (record != nullptr) {
     *record = {cb, item, data, timediff};
     timer = ecore_timer_add(static_cast<double>(timediff), ecore_timer_cb, record);
   }
   if (timer == nullptr) {
-    LOGE("out of memory");
-    std::free(record);
+    LOGE_OF(schedule_dravel_item, "out of memory");
+    g_free(record);
     return -1;
   }
-  LOGI("cb_data : %p, timer_item : %p, scheduled_timer : %p", static_cast<void *>(record),
-       static_cast<void *>(item), static_cast<void *>(timer));
+  LOGI_OF(schedule_dravel_item, "cb_data : %p, timer_item : %p, scheduled_timer : %p",
+          static_cast<void *>(record), static_cast<void *>(item), static_cast<void *>(timer));
   g_hash_table_insert(scheduled_timer_table, GINT_TO_POINTER(item->timer_id), timer);
   g_hash_table_insert(cb_data_table, GINT_TO_POINTER(item->timer_id), record);
   return 0;
@@ -487,13 +487,13 @@ static void reconsider_micom_ontimer(const dravel_item *item, time_value expire_
   if (is_ontimer_item(item) && !avoid_reboot) {
     if (goes_before_programmed(item, expire_time, local_ontime) &&
         program_next_ontimer() == kOntimerRefused)
-      LOGE("Failed to schedule micom ontimer");
+      LOGE_OF(schedule_dravel_item, "Failed to schedule micom ontimer");
     return;
   }
   if (!has_type(item, TIMER_TYPE_OFF) || local_ontime == 0)
     return;
   if (replace_programmed_ontimer() == kOntimerRefused)
-    LOGE("Failed to schedule micom offtimer");
+    LOGE_OF(schedule_dravel_item, "Failed to schedule micom offtimer");
 }
 
 int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
@@ -501,7 +501,7 @@ int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
        item->timer_id, static_cast<unsigned>(item->week_flag), item->disable_period_effect,
        item->time_type);
   time_value now = 0;
-  if (read_now_of(item, &now) != 0)
+  if (get_cur_time_or_rtc(&now, item->time_type) != 0)
     return SCHEDULE_TIME_UNKNOWN;
   LOGE("curtime : %s", time_str(now));
 
@@ -551,7 +551,7 @@ Eina_Bool ecore_timer_cb(void *data) {
   record->cb(item, record->data);
   forget_armed(item->timer_id);
   adjust_dravel_all_items(nullptr, nullptr);
-  std::free(record);
+  g_free(record);
   return ECORE_CALLBACK_CANCEL;
 }
 
@@ -571,6 +571,11 @@ static void schedule_next_ontimer(void) {
     LOGE("Failed to schedule next micom ontimer");
 }
 
+void replace_evicted_ontimer(void) {
+  if (micom_ontimer.timer_id != 0 && find_dravel_item(micom_ontimer.timer_id) == nullptr)
+    schedule_next_ontimer();
+}
+
 // An off-timer is gone: an on-timer that it had kept from firing is armed again.
 static void rearm_next_ontimer(void) {
   dravel_item *chosen = nullptr;
@@ -579,7 +584,7 @@ static void rearm_next_ontimer(void) {
     return;
   cancel_ecore_timer(chosen->timer_id);
   if (schedule_dravel_item(chosen, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
-    LOGE("timer doesn't have next expire date");
+    LOGE_OF(cancel_dravel_item, "timer doesn't have next expire date");
     remove_dravel_item(chosen);
   }
 }
@@ -603,11 +608,11 @@ void cancel_dravel_item(dravel_item *item) {
 // next 24 hours, and stores it.
 static void re_anchor(dravel_item *item, const clock_reading &clocks) {
   time_value scheduled = unsigned_timegm(&item->tm);
-  LOGI("scheduled_time[%lu]", as_ulong(scheduled));
+  LOGI_OF(adjust_dravel_all_items, "scheduled_time[%lu]", as_ulong(scheduled));
   time_value on_tv_clock = scheduled;
   if (item->time_type == TIME_TYPE_INTERNET) {
     on_tv_clock = add_time_offset(scheduled, clocks.offset);
-    LOGI("scheduled_time with offset[%lu]", as_ulong(on_tv_clock));
+    LOGI_OF(adjust_dravel_all_items, "scheduled_time with offset[%lu]", as_ulong(on_tv_clock));
   }
 
   if (on_tv_clock - kSecondsPerDay >= clocks.now) {
@@ -621,12 +626,12 @@ static void re_anchor(dravel_item *item, const clock_reading &clocks) {
   unsigned_gmtime_r(scheduled, &item->tm);
   const int result = update_dravel_item_db(item);
   if (result != 0)
-    LOGD("update_dravel_item_db error : %d", result);
-  LOGD("changed once time : %s", time_str(scheduled));
+    LOGD_OF(adjust_dravel_all_items, "update_dravel_item_db error : %d", result);
+  LOGD_OF(adjust_dravel_all_items, "changed once time : %s", time_str(scheduled));
 }
 
 static void adjust_unarmed(dravel_item *item) {
-  LOG_TIME(SYSTEM_LOG_DEBUG, "time: %s", &item->tm);
+  LOG_TIME_FROM("adjust_dravel_all_items", SYSTEM_LOG_DEBUG, "time: %s", &item->tm);
   if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES)
     remove_dravel_item(item);
 }
@@ -638,10 +643,11 @@ static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
       return;
     re_anchor(item, clocks);
   }
-  LOGD("adjust timer timer_id: %d, type: %d", item->timer_id, item->type);
-  LOG_TIME(SYSTEM_LOG_DEBUG, "time: %s", &item->tm);
+  LOGD_OF(adjust_dravel_all_items, "adjust timer timer_id: %d, type: %d", item->timer_id,
+          item->type);
+  LOG_TIME_FROM("adjust_dravel_all_items", SYSTEM_LOG_DEBUG, "time: %s", &item->tm);
   if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
-    LOGD("timer doesn't have next expire date");
+    LOGD_OF(adjust_dravel_all_items, "timer doesn't have next expire date");
     remove_dravel_item(item);
   }
 }

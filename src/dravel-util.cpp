@@ -5,17 +5,16 @@
 #include <CTimeUtil.h>
 #include <IPowerControl.h>
 
-#include <cstring>
-
 static constexpr double kTimeValueLimit = 4294967296.0;
 
 static int get_rtc_time(time_value *out) {
   rtc_time rtc{};
   if (IPowerControl::getInstance()->read_rtc(&rtc) != 0) {
-    LOGE("failed to get rtc time");
+    LOGE_OF(get_cur_time, "failed to get rtc time");
     return -1;
   }
-  LOGI("%d/%d/%d - %d:%d:%d", rtc.year, rtc.month, rtc.day, rtc.hours, rtc.minutes, rtc.seconds);
+  LOGI_OF(get_cur_time, "%d/%d/%d - %d:%d:%d", rtc.year, rtc.month, rtc.day, rtc.hours, rtc.minutes,
+          rtc.seconds);
 
   std::tm tm{};
   tm.tm_sec = rtc.seconds;
@@ -25,7 +24,7 @@ static int get_rtc_time(time_value *out) {
   tm.tm_mon = add_wrapping(rtc.month, -1);
   tm.tm_year = add_wrapping(rtc.year, 100);
   *out = unsigned_timegm(&tm);
-  LOGI("rtc time:%lu", as_ulong(*out));
+  LOGI_OF(get_cur_time, "rtc time:%lu", as_ulong(*out));
   return *out == kInvalidTime ? -1 : 0;
 }
 
@@ -43,6 +42,13 @@ int get_cur_time(time_value *out, int time_type) {
     LOGI("time type is NULL");
     return -1;
   }
+}
+
+int get_cur_time_or_rtc(time_value *out, int time_type) {
+  *out = 0;
+  if (get_cur_time(out, TIME_TYPE_BROADCAST) == 0 || time_type != TIME_TYPE_INTERNET)
+    return 0;
+  return get_cur_time(out, TIME_TYPE_RTC);
 }
 
 int read_clocks(clock_reading *out) {
@@ -92,15 +98,6 @@ int get_clock_mode(void) {
 
 int is_leap_year(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0 ? 1 : 0; }
 
-// asctime_r promises 26 bytes and names only for times within these bounds.
-static bool fits_asctime(const std::tm &time) {
-  const auto two_digits = [](int value) { return value >= 0 && value <= 99; };
-  return time.tm_wday >= 0 && time.tm_wday <= 6 && time.tm_mon >= 0 && time.tm_mon <= 11 &&
-         two_digits(time.tm_mday) && two_digits(time.tm_hour) && two_digits(time.tm_min) &&
-         two_digits(time.tm_sec) && time.tm_year >= -1900 && time.tm_year <= 9999 - 1900;
-}
-
 bool format_time(const std::tm *time, char (&text)[kTimeTextSize]) {
-  std::memset(text, 0, sizeof text);
-  return fits_asctime(*time) && asctime_r(time, text) != nullptr;
+  return asctime_r(time, text) != nullptr;
 }

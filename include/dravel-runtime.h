@@ -1,0 +1,35 @@
+// The daemon's runtime flags, and what the modules below the scheduler need of it. The scheduler
+// defines them; its own header includes this one.
+#pragma once
+
+#include "dravel-api.h"
+
+extern "C" {
+
+// Non-zero: expiring on-timers do not turn the set on.
+DRAVEL_API extern int ontimer_halt;
+// Non-zero: expiring off-timers do not power the set off.
+DRAVEL_API extern int offtimer_halt;
+// True once the subscription to power state changes is in place.
+DRAVEL_API extern bool ambient_poweroff_received;
+
+// Whether the TV clock is known to be valid, so that timers may be armed; 1 at
+// start. The setters store a value as it is given.
+DRAVEL_API void set_kinto_time_updated(int value);
+DRAVEL_API int get_kinto_time_updated(void);
+
+// Whether the daemon ran before in this boot; 0 at start.
+DRAVEL_API void set_relaunch_state(int value);
+DRAVEL_API int get_relaunch_state(void);
+
+// Whether the set is awake; 1 at start.
+DRAVEL_API void set_wakeup_state(int value);
+DRAVEL_API int get_wakeup_state(void);
+
+// Whether the middleware updated the time in automatic clock mode; 0 at start.
+DRAVEL_API void set_auto_clock_mode_time_update(int value);
+DRAVEL_API int get_auto_clock_mode_time_update(void);
+
+// Disarms the item `timer_id`, if it is armed.
+DRAVEL_API void cancel_ecore_timer(int timer_id);
+}
