@@ -35,7 +35,6 @@ DBusPendingCall *e_dbus_request_name(E_DBus_Connection *connection, const char *
 // Exports an object that answers Introspectable by itself. Null on failure. The
 // connection owns it.
 E_DBus_Object *e_dbus_object_add(E_DBus_Connection *connection, const char *path, void *data);
-void *e_dbus_object_data_get(E_DBus_Object *object);
 
 // A new interface, filled with members and then attached to objects; the
 // strings are copied. Null on failure. The library owns it.

@@ -36,7 +36,6 @@ struct E_DBus_Interface {
 };
 
 struct E_DBus_Object {
-  void *data;
   std::vector<const E_DBus_Interface *> interfaces;
 };
 
@@ -54,6 +53,7 @@ struct E_DBus_Connection {
   DBusConnection *bus;
   Ecore_Fd_Handler *socket = nullptr;
   Ecore_Job *dispatch = nullptr;
+  bool reading = false; // the socket is read, and one message is dispatched after it
   std::vector<DBusWatch *> watches; // all on the one socket
   std::map<DBusPendingCall *, Waiting> waiting;
   std::vector<std::unique_ptr<E_DBus_Object>> objects;
@@ -92,7 +92,7 @@ void send_reply(DBusConnection *bus, DBusMessage *call, DBusMessage *reply) {
 void dispatch_one(void *data);
 
 void schedule_dispatch(E_DBus_Connection *connection) {
-  if (!connection->dispatch)
+  if (!connection->dispatch && !connection->reading)
     connection->dispatch = ecore_job_add(dispatch_one, connection);
 }
 
@@ -127,16 +127,18 @@ Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
   const unsigned int ready = ready_conditions(handler);
 
   // A lost connection takes its watches away while they are handled.
-  const auto watches = connection->watches;
-  for (DBusWatch *watch : watches) {
-    if (std::ranges::find(connection->watches, watch) == connection->watches.end() ||
-        !dbus_watch_get_enabled(watch))
-      continue;
+  connection->reading = true;
+  for (std::size_t i = 0; i < connection->watches.size(); ++i) {
+    DBusWatch *watch = connection->watches[i];
     const unsigned int conditions =
         ready & (dbus_watch_get_flags(watch) | DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP);
-    if (conditions)
+    if (dbus_watch_get_enabled(watch) && conditions)
       dbus_watch_handle(watch, conditions);
   }
+  connection->reading = false;
+  // The first message at once: a job would cost a turn of the loop. A job may wait already.
+  if (!connection->dispatch)
+    dispatch_one(connection);
   return ECORE_CALLBACK_RENEW;
 }
 
@@ -212,7 +214,7 @@ void toggle_timeout(DBusTimeout *timeout, void *data) {
 }
 
 // Without the bus nobody can set or cancel a timer any more. The loop ends in
-// order, and whoever started the process starts it anew.
+// order, and whoever started the process starts it again.
 DBusHandlerResult watch_for_loss(DBusConnection *, DBusMessage *message, void *) {
   if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected")) {
     system_log_print(SYSTEM_LOG_ERROR, kTag, "bus connection lost, leaving the main loop");
@@ -303,8 +305,8 @@ bool leads_to_object(DBusConnection *bus, const char *path) {
   return leads;
 }
 
-// libdbus alone would report an unknown method: it takes a path for an object
-// when some other object lies beside it.
+// Takes the calls that no object takes. libdbus alone would report an unknown method: it takes a path
+// for an object when some other object lies beside it.
 DBusHandlerResult refuse_unknown_object(DBusConnection *bus, DBusMessage *message, void *) {
   const char *path = dbus_message_get_path(message);
   if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL || leads_to_object(bus, path))
@@ -314,6 +316,9 @@ DBusHandlerResult refuse_unknown_object(DBusConnection *bus, DBusMessage *messag
   send_reply(bus, message, error.get());
   return DBUS_HANDLER_RESULT_HANDLED;
 }
+
+constexpr DBusObjectPathVTable kUnknownObjects = {
+    nullptr, refuse_unknown_object, nullptr, nullptr, nullptr, nullptr};
 
 DBusHandlerResult handle_message(DBusConnection *bus, DBusMessage *message, void *data) {
   if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL)
@@ -346,7 +351,7 @@ bool drive_from_main_loop(E_DBus_Connection *connection) {
       !dbus_connection_set_timeout_functions(bus, add_timeout, remove_timeout, toggle_timeout,
                                              connection, nullptr) ||
       !dbus_connection_add_filter(bus, watch_for_loss, nullptr, nullptr) ||
-      !dbus_connection_add_filter(bus, refuse_unknown_object, nullptr, nullptr))
+      !dbus_connection_register_fallback(bus, "/", &kUnknownObjects, nullptr))
     return false;
   // What arrived while the connection was made has been announced to nobody.
   dispatch_status_changed(bus, dbus_connection_get_dispatch_status(bus), connection);
@@ -437,21 +442,18 @@ DBusPendingCall *e_dbus_request_name(E_DBus_Connection *connection, const char *
                              DBUS_TIMEOUT_USE_DEFAULT, const_cast<void *>(data));
 }
 
-E_DBus_Object *e_dbus_object_add(E_DBus_Connection *connection, const char *path, void *data) {
+E_DBus_Object *e_dbus_object_add(E_DBus_Connection *connection, const char *path, void *) {
   static const DBusObjectPathVTable table = {nullptr, handle_message, nullptr,
                                              nullptr, nullptr,        nullptr};
   if (!connection || !path || !dbus_validate_path(path, nullptr))
     return nullptr;
   auto object = std::make_unique<E_DBus_Object>();
-  object->data = data;
   object->interfaces = {&library->introspectable};
   if (!dbus_connection_try_register_object_path(connection->bus, path, &table, object.get(),
                                                 nullptr))
     return nullptr;
   return connection->objects.emplace_back(std::move(object)).get();
 }
-
-void *e_dbus_object_data_get(E_DBus_Object *object) { return object->data; }
 
 E_DBus_Interface *e_dbus_interface_new(const char *name) {
   if (!library || !name || !dbus_validate_interface(name, nullptr))
