@@ -7,9 +7,27 @@
 // never from within a request.
 #pragma once
 
-#ifdef __cplusplus
+#include <cstddef>
+#include <cstdint>
+
+enum device_power_state {
+  DEVICE_POWER_STATE_ON = 0,
+  DEVICE_POWER_STATE_SLEEPING = 2, // the screen is off, the processor runs
+  DEVICE_POWER_STATE_AMBIENT = 4,
+};
+
+// What a state-changed callback is handed: the two fields that callers read, at the service's
+// offsets. Its other fields and its length are the service's own.
+struct device_power_event {
+  std::int32_t unused[3];
+  std::int32_t state;
+  std::int32_t unused_too;
+  std::int32_t ambient_mode;
+};
+static_assert(offsetof(device_power_event, state) == 12);
+static_assert(offsetof(device_power_event, ambient_mode) == 20);
+
 extern "C" {
-#endif
 
 // Called with the option (power-off, standby) or the reason (wake-up).
 typedef int (*device_power_option_cb)(int option, void *user_data);
@@ -17,8 +35,7 @@ typedef int (*device_power_option_cb)(int option, void *user_data);
 // Called when the set falls from ambient mode into suspend.
 typedef int (*device_power_ambient_poweroff_cb)(void *user_data);
 
-// Called with the service's event record, which lives only during the call.
-// Its 32-bit power state stands at byte offset 12, its ambient mode at 20.
+// Called with a device_power_event, which lives only during the call and may be unaligned.
 typedef int (*device_power_state_changed_cb)(const void *event, void *user_data);
 
 // The present power state, ambient mode and wake-up reason.
@@ -48,7 +65,4 @@ int device_power_unsubscribe_standby(device_power_option_cb callback);
 int device_power_unsubscribe_wakeup(device_power_option_cb callback);
 int device_power_unsubscribe_ambient_poweroff(device_power_ambient_poweroff_cb callback);
 int device_power_unsubscribe_state_changed_event(device_power_state_changed_cb callback);
-
-#ifdef __cplusplus
 }
-#endif

@@ -1,9 +1,12 @@
 // The set's settings store: integer keys that can be read and watched.
 #pragma once
 
-#ifdef __cplusplus
+// The keys that the daemon watches. Only the clock mode is read: 0 automatic, 1 manual.
+inline constexpr const char *kSettingsTimeZone = "db/menu/system/time/clock/time_zone";
+inline constexpr const char *kSettingsClockMode = "db/menu/system/time/clock/clock_mode";
+inline constexpr const char *kSettingsTimeSet = "db/menu/system/time/clock/time_set";
+
 extern "C" {
-#endif
 
 // The changed key, as the store hands it to a watcher.
 struct settings_key;
@@ -17,7 +20,4 @@ int settings_get_int(const char *key, int *value);
 // Calls `callback` on the main-loop thread whenever `key` changes. Returns a
 // negative code on failure.
 int settings_notify_key_changed(const char *key, settings_changed_cb callback, void *user_data);
-
-#ifdef __cplusplus
 }
-#endif

@@ -4,9 +4,7 @@
 // form its arguments, so that a line nobody reads costs that one comparison.
 #pragma once
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 enum system_log_priority { SYSTEM_LOG_DEBUG = 0, SYSTEM_LOG_INFO = 1, SYSTEM_LOG_ERROR = 2 };
 
@@ -16,7 +14,4 @@ extern enum system_log_priority system_log_threshold;
 // Writes one line under `tag`, whatever the threshold is.
 void system_log_print(enum system_log_priority priority, const char *tag, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
-
-#ifdef __cplusplus
 }
-#endif

@@ -54,16 +54,6 @@ constexpr std::string_view kRefusable[] = {
     "Unsubscribe",
 };
 
-// The power service's event record, of which the daemon reads two words.
-struct state_event {
-  std::int32_t unused[3];
-  std::int32_t power_state;
-  std::int32_t unused_too;
-  std::int32_t ambient_mode;
-};
-static_assert(offsetof(state_event, power_state) == 12 &&
-              offsetof(state_event, ambient_mode) == 20);
-
 struct held_callback {
   std::string_view subscription;
   standin_callback callback;
@@ -165,10 +155,10 @@ void standin_announce(const char *key) {
 
 void standin_change_clock_mode(int mode) {
   standin().clock_mode = mode;
-  standin_announce(kClockModeKey);
+  standin_announce(kSettingsClockMode);
 }
 
-void standin_announce_time_set() { standin_announce(kTimeSetKey); }
+void standin_announce_time_set() { standin_announce(kSettingsTimeSet); }
 
 void standin_power_off(int option) { deliver<device_power_option_cb>("poweroff", option); }
 
@@ -179,7 +169,7 @@ void standin_wakeup(int reason) { deliver<device_power_option_cb>("wakeup", reas
 void standin_ambient_power_off() { deliver<device_power_ambient_poweroff_cb>("ambient_poweroff"); }
 
 void standin_state_changed(int state, int ambient_mode) {
-  const state_event event = {{}, state, 0, ambient_mode};
+  const device_power_event event = {{}, state, 0, ambient_mode};
   deliver<device_power_state_changed_cb>("state_changed_event", &event);
 }
 

@@ -1,4 +1,5 @@
 #include <CTimeUtil.h>
+#include <settings.h>
 
 #include "standin_private.h"
 
@@ -151,7 +152,7 @@ bool standin_set_time_zone(const char *name) {
     return false;
   zone = std::move(found);
   steady = {};
-  standin_announce(kTimeZoneKey);
+  standin_announce(kSettingsTimeZone);
   return true;
 }
 

@@ -20,8 +20,6 @@ constexpr int kDone = 0;
 constexpr int kFailed = -1;
 constexpr int kSubscribed = 1; // the middleware's success is above 0
 
-constexpr std::string_view kSyncDbFeature = "com.vellmar/featureconf/appfw.dravel.sync_db";
-
 int answer(const char *operation, int value) {
   return standin_refuses(operation) ? kFailed : value;
 }
@@ -173,21 +171,21 @@ IPowerControl *IPowerControl::getInstance() {
 // --- settings, features, screen ---
 
 int settings_get_int(const char *key, int *value) {
-  if (standin_refuses(__func__) || key != std::string_view{kClockModeKey})
+  if (standin_refuses(__func__) || key != std::string_view{kSettingsClockMode})
     return kFailed;
   *value = standin().clock_mode;
   return kDone;
 }
 
 int settings_notify_key_changed(const char *key, settings_changed_cb callback, void *user_data) {
-  for (const char *known : {kTimeZoneKey, kClockModeKey, kTimeSetKey})
+  for (const char *known : {kSettingsTimeZone, kSettingsClockMode, kSettingsTimeSet})
     if (key == std::string_view{known})
       return subscribe(__func__, known, callback, user_data);
   return kFailed;
 }
 
 int system_info_get_custom_bool(const char *key, bool *value) {
-  if (standin_refuses(__func__) || key != kSyncDbFeature || standin().sync_db < 0)
+  if (standin_refuses(__func__) || key != std::string_view{kFeatureSyncDb} || standin().sync_db < 0)
     return kFailed;
   *value = standin().sync_db == 1;
   return kDone;

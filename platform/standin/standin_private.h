@@ -6,11 +6,6 @@
 #include <span>
 #include <string_view>
 
-// The settings keys that the set knows.
-inline constexpr const char *kTimeZoneKey = "db/menu/system/time/clock/time_zone";
-inline constexpr const char *kClockModeKey = "db/menu/system/time/clock/clock_mode";
-inline constexpr const char *kTimeSetKey = "db/menu/system/time/clock/time_set";
-
 // --- standin.cpp ---
 
 // True when the set was told to refuse `operation`, named as in the headers.
