@@ -1,7 +1,7 @@
 // The power service's numbers that the daemon compares and asks for.
 #pragma once
 
-enum power_state { POWER_STATE_ON = 0, POWER_STATE_SLEEPING = 2, POWER_STATE_AMBIENT = 4 };
+#include <device_power.h>
 
 enum ambient_mode { AMBIENT_MODE_CLOSED = 0, AMBIENT_MODE_LOW_POWER = 2 };
 
@@ -22,5 +22,5 @@ constexpr bool is_resetting_poweroff(int option) {
 
 // The screen shows its ambient mode, the set sleeps.
 constexpr bool is_ambient_low_power(int state, int mode) {
-  return state == POWER_STATE_AMBIENT && mode == AMBIENT_MODE_LOW_POWER;
+  return state == DEVICE_POWER_STATE_AMBIENT && mode == AMBIENT_MODE_LOW_POWER;
 }

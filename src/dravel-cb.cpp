@@ -7,7 +7,6 @@
 #include "dravel-timer.h"
 #include "dravel-util.h"
 
-#include <device_power.h>
 #include <screen_manager.h>
 
 #include <algorithm>
@@ -61,7 +60,7 @@ static void switch_ambient_mode(int on) {
 }
 
 static void request_power_on(void) {
-  const int result = device_power_set_state(POWER_STATE_ON, 1);
+  const int result = device_power_set_state(DEVICE_POWER_STATE_ON, 1);
   if (result != 0)
     LOGE_OF(process_on_timer, "Error in device_power_set_state : %d\n", result);
 }
@@ -76,7 +75,7 @@ void process_on_timer(const dravel_item *item) {
   const int state = device_power_get_state();
   const int ambient_mode = device_power_get_ambient_mode();
   LOGI("power_state: %d, ambient_mode: %d", state, ambient_mode);
-  if (state != POWER_STATE_SLEEPING && !is_ambient_low_power(state, ambient_mode))
+  if (state != DEVICE_POWER_STATE_SLEEPING && !is_ambient_low_power(state, ambient_mode))
     return;
 
   set_wakeup_timer(item);

@@ -5,7 +5,6 @@
 #include "dravel-power.h"
 #include "dravel-runtime.h"
 
-#include <device_power.h>
 #include <glib.h>
 #include <system_info.h>
 
@@ -15,7 +14,6 @@
 #include <span>
 #include <vector>
 
-static constexpr const char *kSyncDbKey = "com.vellmar/featureconf/appfw.dravel.sync_db";
 static constexpr int kFirstTransientTimerId = -10;
 static constexpr unsigned kMaxTimerNum = 80;
 static constexpr int kMaxSearchDays = 366;
@@ -529,8 +527,8 @@ Eina_List *add_dravel_item(dravel_item *item) {
 
 static bool is_db_synchronised(void) {
   bool sync_db = false;
-  if (system_info_get_custom_bool(kSyncDbKey, &sync_db) != 0) {
-    LOGE_OF(dravel_item_db_cb, "system_info_get_custom_bool(%s) failed", kSyncDbKey);
+  if (system_info_get_custom_bool(kFeatureSyncDb, &sync_db) != 0) {
+    LOGE_OF(dravel_item_db_cb, "system_info_get_custom_bool(%s) failed", kFeatureSyncDb);
     return false;
   }
   return sync_db;

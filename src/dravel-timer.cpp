@@ -8,7 +8,6 @@
 
 #include <Ecore.h>
 #include <IPowerControl.h>
-#include <device_power.h>
 #include <settings.h>
 
 #include <cstring>
@@ -19,7 +18,6 @@
 
 static constexpr const char *kInitMarker = "/tmp/dravel_init";
 static constexpr const char *kFinishMarker = "/tmp/dravel_finish";
-static constexpr const char *kClockModeKey = "db/menu/system/time/clock/clock_mode";
 
 static constexpr double kFinishWaitSeconds = 90.0;
 static constexpr double kAdjustWaitSeconds = 60.0;
@@ -30,9 +28,6 @@ static constexpr time_value kRebootGuardSeconds = 59;
 
 static constexpr int kNoOntimer = -1;
 static constexpr int kOntimerRefused = -2;
-
-static constexpr std::size_t kEventStateOffset = 12;
-static constexpr std::size_t kEventAmbientModeOffset = 20;
 
 namespace {
 
@@ -760,15 +755,11 @@ static int power_wakeup_cb(int reason, void *) {
   return 0;
 }
 
-static int event_field(const void *event, std::size_t offset) {
-  int value = 0;
-  std::memcpy(&value, static_cast<const char *>(event) + offset, sizeof value);
-  return value;
-}
-
-static int power_state_changed(const void *event, void *) {
-  const int state = event_field(event, kEventStateOffset);
-  const int ambient_mode = event_field(event, kEventAmbientModeOffset);
+static int power_state_changed(const void *record, void *) {
+  device_power_event event;
+  std::memcpy(&event, record, sizeof event);
+  const int state = event.state;
+  const int ambient_mode = event.ambient_mode;
   LOGE("power_state_changed, [%d], [%d]", state, ambient_mode);
   if (!is_ambient_low_power(state, ambient_mode))
     return 0;
@@ -845,7 +836,7 @@ Eina_Bool retry_adjust_all_timers(void *) {
 static void clock_mode_changed(struct settings_key *, void *) {
   LOGE("clock_mode_changed");
   int mode = 0;
-  if (settings_get_int(kClockModeKey, &mode) != 0)
+  if (settings_get_int(kSettingsClockMode, &mode) != 0)
     return;
   stop_timer(retry_adjust_timer);
   if (mode == CLOCK_MODE_MANUAL)
@@ -863,9 +854,9 @@ static constexpr struct {
   settings_changed_cb changed;
   const char *event;
 } kSettingsWatchers[] = {
-    {"db/menu/system/time/clock/time_zone", adjust_dravel_all_items, "changing time zone"},
-    {kClockModeKey, clock_mode_changed, "changing clockmode"},
-    {"db/menu/system/time/clock/time_set", adjust_dravel_all_items, "time setting"},
+    {kSettingsTimeZone, adjust_dravel_all_items, "changing time zone"},
+    {kSettingsClockMode, clock_mode_changed, "changing clockmode"},
+    {kSettingsTimeSet, adjust_dravel_all_items, "time setting"},
 };
 
 int init_settings_handler(void) {
@@ -885,8 +876,9 @@ void auto_time_set(void) {
   LOGI("power_state: %d, ambient_mode: %d, get_kinto_time_updated %d", state, ambient_mode,
        time_updated);
 
-  if (time_updated == 0 && (state == POWER_STATE_ON || state == POWER_STATE_SLEEPING ||
-                            is_ambient_low_power(state, ambient_mode))) {
+  if (time_updated == 0 &&
+      (state == DEVICE_POWER_STATE_ON || state == DEVICE_POWER_STATE_SLEEPING ||
+       is_ambient_low_power(state, ambient_mode))) {
     stop_timer(adjust_wait_timer);
     time_value now = 0;
     if (get_cur_time(&now, TIME_TYPE_BROADCAST) == 0)
@@ -896,6 +888,6 @@ void auto_time_set(void) {
   }
 
   int mode = 0;
-  if (settings_get_int(kClockModeKey, &mode) == 0 && mode == CLOCK_MODE_AUTO)
+  if (settings_get_int(kSettingsClockMode, &mode) == 0 && mode == CLOCK_MODE_AUTO)
     set_auto_clock_mode_time_update(1);
 }
