@@ -22,30 +22,32 @@ struct type_row {
   unsigned type;
   expiry_action action;
   int wakeup_reason;
-  unsigned poweroff_option;
+  unsigned poweroff_option = 0;
 };
 
 } // namespace
 
+// The power service's reason for a timer that has none of its own.
+static constexpr int kPlainReason = 2;
+
 // Every other type is left to its owner.
 static constexpr type_row kTypeRows[] = {
-    {TIMER_TYPE_ON, expiry_action::kTurnOn, 2, 0},
-    {TIMER_TYPE_OFF, expiry_action::kTurnOff, 0, POWEROFF_BY_OFF_TIMER},
-    {2, expiry_action::kTurnOn, 20, 0},
-    {3, expiry_action::kTurnOn, 5, 0},
-    {5, expiry_action::kTurnOn, 28, 0},
-    {TIMER_TYPE_STANDBY, expiry_action::kTurnOn, 30, 0},
-    {7, expiry_action::kTurnOn, 33, 0},
-    {8, expiry_action::kTurnOn, 36, 0},
-    {TIMER_TYPE_TRANSIENT, expiry_action::kTurnOff, 0, POWEROFF_BY_TRANSIENT_TIMER},
-    {11, expiry_action::kTurnOn, 74, 0},
-    {TIMER_TYPE_REPLACING, expiry_action::kTurnOn, 92, 0},
-    {14, expiry_action::kTurnOn, 99, 0},
-    {TIMER_TYPE_AMBIENT_ON, expiry_action::kTurnOn, 89, 0},
-    {TIMER_TYPE_AMBIENT_OFF, expiry_action::kTurnOff, 0, POWEROFF_AMBIENT_TO_SUSPEND},
+    {TIMER_TYPE_ON, expiry_action::kTurnOn, kPlainReason},
+    {TIMER_TYPE_OFF, expiry_action::kTurnOff, kPlainReason, POWEROFF_BY_OFF_TIMER},
+    {2, expiry_action::kTurnOn, 20},
+    {3, expiry_action::kTurnOn, 5},
+    {5, expiry_action::kTurnOn, 28},
+    {TIMER_TYPE_STANDBY, expiry_action::kTurnOn, 30},
+    {7, expiry_action::kTurnOn, 33},
+    {8, expiry_action::kTurnOn, 36},
+    {TIMER_TYPE_TRANSIENT, expiry_action::kTurnOff, kPlainReason, POWEROFF_BY_TRANSIENT_TIMER},
+    {11, expiry_action::kTurnOn, 74},
+    {TIMER_TYPE_REPLACING, expiry_action::kTurnOn, 92},
+    {14, expiry_action::kTurnOn, 99},
+    {TIMER_TYPE_AMBIENT_ON, expiry_action::kTurnOn, 89},
+    {TIMER_TYPE_AMBIENT_OFF, expiry_action::kTurnOff, kPlainReason, POWEROFF_AMBIENT_TO_SUSPEND},
 };
-// The reason that a turn-on gives for a type without a row.
-static constexpr type_row kOtherTypes = {0, expiry_action::kNone, 2, 0};
+static constexpr type_row kOtherTypes = {0, expiry_action::kNone, kPlainReason};
 
 static const type_row &row_of(const dravel_item *item) {
   const auto *row =

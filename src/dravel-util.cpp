@@ -52,7 +52,6 @@ int get_cur_time_or_rtc(time_value *out, int time_type) {
 }
 
 int read_clocks(clock_reading *out) {
-  *out = {};
   if (get_cur_time(&out->broadcast, TIME_TYPE_BROADCAST) == 0) {
     out->now = out->broadcast;
   } else if (get_cur_time(&out->now, TIME_TYPE_RTC) != 0) {
