@@ -47,13 +47,34 @@ int e_dbus_interface_method_add(E_DBus_Interface *interface, const char *member,
 int e_dbus_interface_signal_add(E_DBus_Interface *interface, const char *member,
                                 const char *signature);
 
-// Names a property for introspection only: whoever owns the interface answers
-// org.freedesktop.DBus.Properties with methods of its own. Returns 1, or 0 on
-// failure.
-int e_dbus_interface_property_add(E_DBus_Interface *interface, const char *name, const char *type,
-                                  int writable);
+// Appends the value of the property `name`, of the type that it was added with, to `value`.
+typedef void (*E_DBus_Property_Get_Cb)(E_DBus_Object *object, const char *name,
+                                       DBusMessageIter *value);
 
+// Takes a new value, which has the property's type. Returns 1, or 0 to refuse it.
+typedef int (*E_DBus_Property_Set_Cb)(E_DBus_Object *object, const char *name,
+                                      DBusMessageIter *value);
+
+// What PropertiesChanged tells of a property that has changed.
+typedef enum {
+  E_DBUS_PROPERTY_CONST,  // it never changes
+  E_DBUS_PROPERTY_SILENT, // nothing
+  E_DBUS_PROPERTY_NAMED,  // its name, without the value
+  E_DBUS_PROPERTY_SENT    // its new value
+} E_DBus_Property_Change;
+
+// Adds a property of one complete D-Bus type, read-only with a null `set`. Returns 1, or 0 on
+// failure. Objects with such an interface answer org.freedesktop.DBus.Properties by themselves.
+int e_dbus_interface_property_add(E_DBus_Interface *interface, const char *name, const char *type,
+                                  E_DBus_Property_Change change, E_DBus_Property_Get_Cb get,
+                                  E_DBus_Property_Set_Cb set);
+
+// The members must have been added before.
 void e_dbus_object_interface_attach(E_DBus_Object *object, E_DBus_Interface *interface);
+
+// Sends one PropertiesChanged for the properties of `interface` that `names` lists up to its null.
+void e_dbus_properties_changed(E_DBus_Object *object, const E_DBus_Interface *interface,
+                               const char *const *names);
 
 // Sends `message`, which stays the caller's. With a null `callback` no reply is
 // waited for and the result is null; otherwise the callback hears the reply

@@ -26,7 +26,9 @@ struct E_DBus_Interface {
   struct Property {
     std::string name;
     std::string type;
-    bool writable;
+    E_DBus_Property_Change change;
+    E_DBus_Property_Get_Cb get;
+    E_DBus_Property_Set_Cb set; // null: read-only
   };
 
   std::string name;
@@ -36,6 +38,8 @@ struct E_DBus_Interface {
 };
 
 struct E_DBus_Object {
+  DBusConnection *bus;
+  std::string path;
   std::vector<const E_DBus_Interface *> interfaces;
 };
 
@@ -63,12 +67,13 @@ namespace {
 
 constexpr double kMillisecondsPerSecond = 1000.0;
 constexpr const char *kTag = "E_DBUS";
-constexpr const char *kSilentProperty = // nobody sends PropertiesChanged
-    "<annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"false\"/>";
+// By E_DBus_Property_Change.
+constexpr const char *kChangeWords[] = {"const", "false", "invalidates", "true"};
 
 struct Library {
   int users = 0;
   E_DBus_Interface introspectable;
+  E_DBus_Interface properties;
   std::vector<std::unique_ptr<E_DBus_Interface>> interfaces;
   std::array<std::unique_ptr<E_DBus_Connection>, 3> connections; // by DBusBusType
 };
@@ -251,22 +256,165 @@ std::string interface_xml(const E_DBus_Interface &interface) {
     xml += "  <signal name=\"" + signal.name + "\">\n" + arguments_xml(signal.signature, "") +
            "  </signal>\n";
   for (const auto &property : interface.properties)
-    xml += "  <property name=\"" + property.name + "\" type=\"" + property.type + "\" access=\"" +
-           (property.writable ? "readwrite" : "read") + "\">\n   " + kSilentProperty +
-           "\n  </property>\n";
+    xml +=
+        "  <property name=\"" + property.name + "\" type=\"" + property.type + "\" access=\"" +
+        (property.set != nullptr ? "readwrite" : "read") +
+        "\">\n   <annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"" +
+        kChangeWords[property.change] + "\"/>\n  </property>\n";
   return xml + " </interface>\n";
+}
+
+// The objects below `object`, so that a client can find them.
+std::string children_xml(const E_DBus_Object &object) {
+  std::string xml;
+  char **children = nullptr;
+  if (!dbus_connection_list_registered(object.bus, object.path.c_str(), &children))
+    return xml;
+  for (char **child = children; *child != nullptr; ++child)
+    xml.append(" <node name=\"").append(*child).append("\"/>\n");
+  dbus_free_string_array(children);
+  return xml;
 }
 
 DBusMessage *introspect(E_DBus_Object *object, DBusMessage *message) {
   std::string xml = DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE "<node>\n";
   for (const E_DBus_Interface *interface : object->interfaces)
     xml += interface_xml(*interface);
-  xml += "</node>\n";
+  xml += children_xml(*object) + "</node>\n";
 
   const char *text = xml.c_str();
   DBusMessage *reply = dbus_message_new_method_return(message);
   if (reply)
     dbus_message_append_args(reply, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+  return reply;
+}
+
+DBusMessage *no_interface(DBusMessage *message, const char *wanted) {
+  return dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_INTERFACE,
+                                       "No interface \"%s\" at %s", wanted,
+                                       dbus_message_get_path(message));
+}
+
+// --- properties ---
+
+using Property = E_DBus_Interface::Property;
+
+void append_value(DBusMessageIter *out, E_DBus_Object *object, const Property &property) {
+  DBusMessageIter variant;
+  dbus_message_iter_open_container(out, DBUS_TYPE_VARIANT, property.type.c_str(), &variant);
+  property.get(object, property.name.c_str(), &variant);
+  dbus_message_iter_close_container(out, &variant);
+}
+
+void append_entry(DBusMessageIter *values, E_DBus_Object *object, const Property &property) {
+  const char *name = property.name.c_str();
+  DBusMessageIter entry;
+  dbus_message_iter_open_container(values, DBUS_TYPE_DICT_ENTRY, nullptr, &entry);
+  dbus_message_iter_append_basic(&entry, DBUS_TYPE_STRING, &name);
+  append_value(&entry, object, property);
+  dbus_message_iter_close_container(values, &entry);
+}
+
+// An empty name stands for every interface.
+bool is_wanted(const E_DBus_Interface *interface, const std::string &wanted) {
+  return wanted.empty() || interface->name == wanted;
+}
+
+bool has_interface(const E_DBus_Object *object, const std::string &wanted) {
+  return std::ranges::any_of(object->interfaces,
+                             [&](const auto *interface) { return is_wanted(interface, wanted); });
+}
+
+const Property *find_property(const E_DBus_Interface *interface, std::string_view name) {
+  const auto found = std::ranges::find(interface->properties, name, &Property::name);
+  return found == interface->properties.end() ? nullptr : &*found;
+}
+
+std::string read_text(DBusMessageIter *in) {
+  const char *text = nullptr;
+  dbus_message_iter_get_basic(in, &text);
+  dbus_message_iter_next(in);
+  return text;
+}
+
+// Reads the interface and the property that a call of this signature names. Null when there is no
+// such property: `*refusal` is then the answer.
+const Property *named_property(E_DBus_Object *object, DBusMessage *message, const char *signature,
+                               DBusMessageIter *in, DBusMessage **refusal) {
+  if (!dbus_message_has_signature(message, signature)) {
+    *refusal = dbus_message_new_error_printf(message, DBUS_ERROR_INVALID_ARGS,
+                                             "Arguments \"%s\" expected", signature);
+    return nullptr;
+  }
+  dbus_message_iter_init(message, in);
+  const std::string wanted = read_text(in);
+  const std::string name = read_text(in);
+  for (const E_DBus_Interface *interface : object->interfaces) {
+    const Property *property =
+        is_wanted(interface, wanted) ? find_property(interface, name) : nullptr;
+    if (property != nullptr)
+      return property;
+  }
+  *refusal = has_interface(object, wanted)
+                 ? dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_PROPERTY,
+                                                 "No property \"%s\" at %s", name.c_str(),
+                                                 dbus_message_get_path(message))
+                 : no_interface(message, wanted.c_str());
+  return nullptr;
+}
+
+DBusMessage *get_property(E_DBus_Object *object, DBusMessage *message) {
+  DBusMessageIter in;
+  DBusMessage *reply = nullptr;
+  const Property *property = named_property(object, message, "ss", &in, &reply);
+  if (property == nullptr)
+    return reply;
+  reply = dbus_message_new_method_return(message);
+  DBusMessageIter out;
+  dbus_message_iter_init_append(reply, &out);
+  append_value(&out, object, *property);
+  return reply;
+}
+
+DBusMessage *set_property(E_DBus_Object *object, DBusMessage *message) {
+  DBusMessageIter in;
+  DBusMessage *reply = nullptr;
+  const Property *property = named_property(object, message, "ssv", &in, &reply);
+  if (property == nullptr)
+    return reply;
+  const char *name = property->name.c_str();
+  if (property->set == nullptr)
+    return dbus_message_new_error_printf(message, DBUS_ERROR_PROPERTY_READ_ONLY,
+                                         "Property \"%s\" is read-only", name);
+
+  DBusMessageIter value;
+  dbus_message_iter_recurse(&in, &value);
+  char *type = dbus_message_iter_get_signature(&value);
+  const bool taken = property->type == type && property->set(object, name, &value) != 0;
+  dbus_free(type);
+  return taken ? dbus_message_new_method_return(message)
+               : dbus_message_new_error_printf(message, DBUS_ERROR_INVALID_ARGS,
+                                               "No value for property \"%s\"", name);
+}
+
+DBusMessage *get_all_properties(E_DBus_Object *object, DBusMessage *message) {
+  const char *wanted = nullptr;
+  if (!dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &wanted, DBUS_TYPE_INVALID))
+    return dbus_message_new_error(message, DBUS_ERROR_INVALID_ARGS, "Interface expected");
+  if (!has_interface(object, wanted))
+    return no_interface(message, wanted);
+
+  DBusMessage *reply = dbus_message_new_method_return(message);
+  DBusMessageIter out;
+  DBusMessageIter values;
+  dbus_message_iter_init_append(reply, &out);
+  dbus_message_iter_open_container(&out, DBUS_TYPE_ARRAY, "{sv}", &values);
+  for (const E_DBus_Interface *interface : object->interfaces) {
+    for (const Property &property : interface->properties)
+      if (is_wanted(interface, wanted))
+        append_entry(&values, object, property);
+  }
+  dbus_message_iter_close_container(&out, &values);
   return reply;
 }
 
@@ -287,9 +435,7 @@ DBusMessage *answer(E_DBus_Object *object, DBusMessage *message) {
       return method->handler(object, message);
   }
   if (!interface_known)
-    return dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_INTERFACE,
-                                         "No interface \"%s\" at %s", wanted,
-                                         dbus_message_get_path(message));
+    return no_interface(message, wanted);
   return dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_METHOD, "No method \"%s\" at %s",
                                        member, dbus_message_get_path(message));
 }
@@ -380,6 +526,12 @@ int e_dbus_init() {
     library = new Library;
     library->introspectable = {
         DBUS_INTERFACE_INTROSPECTABLE, {{"Introspect", "", "s", introspect}}, {}, {}};
+    library->properties = {DBUS_INTERFACE_PROPERTIES,
+                           {{"Get", "ss", "v", get_property},
+                            {"Set", "ssv", "", set_property},
+                            {"GetAll", "s", "a{sv}", get_all_properties}},
+                           {{"PropertiesChanged", "sa{sv}as"}},
+                           {}};
   }
   return ++library->users;
 }
@@ -448,6 +600,8 @@ E_DBus_Object *e_dbus_object_add(E_DBus_Connection *connection, const char *path
   if (!connection || !path || !dbus_validate_path(path, nullptr))
     return nullptr;
   auto object = std::make_unique<E_DBus_Object>();
+  object->bus = connection->bus;
+  object->path = path;
   object->interfaces = {&library->introspectable};
   if (!dbus_connection_try_register_object_path(connection->bus, path, &table, object.get(),
                                                 nullptr))
@@ -484,15 +638,46 @@ int e_dbus_interface_signal_add(E_DBus_Interface *interface, const char *member,
 }
 
 int e_dbus_interface_property_add(E_DBus_Interface *interface, const char *name, const char *type,
-                                  int writable) {
-  if (!interface || !dbus_validate_member(name, nullptr) ||
+                                  E_DBus_Property_Change change, E_DBus_Property_Get_Cb get,
+                                  E_DBus_Property_Set_Cb set) {
+  if (interface == nullptr || get == nullptr || !dbus_validate_member(name, nullptr) ||
       !dbus_signature_validate_single(type, nullptr))
     return 0;
-  interface->properties.push_back({name, type, writable != 0});
+  interface->properties.push_back({name, type, change, get, set});
   return 1;
 }
 
 void e_dbus_object_interface_attach(E_DBus_Object *object, E_DBus_Interface *interface) {
-  if (object && interface)
-    object->interfaces.push_back(interface);
+  if (!object || !interface)
+    return;
+  object->interfaces.push_back(interface);
+  if (!interface->properties.empty() && !has_interface(object, DBUS_INTERFACE_PROPERTIES))
+    object->interfaces.push_back(&library->properties);
+}
+
+void e_dbus_properties_changed(E_DBus_Object *object, const E_DBus_Interface *interface,
+                               const char *const *names) {
+  const Message signal{dbus_message_new_signal(object->path.c_str(), DBUS_INTERFACE_PROPERTIES,
+                                               "PropertiesChanged")};
+  if (signal == nullptr)
+    return;
+  const char *owner = interface->name.c_str();
+  DBusMessageIter out;
+  DBusMessageIter values;
+  DBusMessageIter named;
+  dbus_message_iter_init_append(signal.get(), &out);
+  dbus_message_iter_append_basic(&out, DBUS_TYPE_STRING, &owner);
+  dbus_message_iter_open_container(&out, DBUS_TYPE_ARRAY, "{sv}", &values);
+  for (const char *const *name = names; *name != nullptr; ++name)
+    if (const Property *property = find_property(interface, *name);
+        property != nullptr && property->change == E_DBUS_PROPERTY_SENT)
+      append_entry(&values, object, *property);
+  dbus_message_iter_close_container(&out, &values);
+  dbus_message_iter_open_container(&out, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING_AS_STRING, &named);
+  for (const char *const *name = names; *name != nullptr; ++name)
+    if (const Property *property = find_property(interface, *name);
+        property != nullptr && property->change == E_DBUS_PROPERTY_NAMED)
+      dbus_message_iter_append_basic(&named, DBUS_TYPE_STRING, name);
+  dbus_message_iter_close_container(&out, &named);
+  dbus_connection_send(object->bus, signal.get(), nullptr);
 }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <optional>
 
 namespace {
 
@@ -33,10 +32,6 @@ using Signal = std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)>;
 
 bool exported = false;
 
-DBusMessage *refuse(DBusMessage *message, const char *error, const char *subject) {
-  return dbus_message_new_error(message, error, subject);
-}
-
 // --- properties ---
 
 const standin_property *find_property(std::string_view name) {
@@ -45,111 +40,34 @@ const standin_property *find_property(std::string_view name) {
   return found == properties.end() ? nullptr : &*found;
 }
 
-void append_variant(DBusMessageIter *out, const standin_property &property) {
+// The binding asks for no other names than those of the table.
+void get_property(E_DBus_Object *, const char *name, DBusMessageIter *out) {
+  const standin_property &property = *find_property(name);
   const standin_value value = property.get();
   DBusBasicValue basic = {};
   if (property.type == DBUS_TYPE_STRING)
     basic.str = const_cast<char *>(value.text.c_str());
   else
     basic.u32 = static_cast<std::uint32_t>(value.number);
-
-  const char signature[] = {property.type, '\0'};
-  DBusMessageIter variant;
-  dbus_message_iter_open_container(out, DBUS_TYPE_VARIANT, signature, &variant);
-  dbus_message_iter_append_basic(&variant, property.type, &basic);
-  dbus_message_iter_close_container(out, &variant);
+  dbus_message_iter_append_basic(out, property.type, &basic);
 }
 
-std::optional<standin_value> read_variant(DBusMessageIter *in, char type) {
-  DBusMessageIter variant;
-  dbus_message_iter_recurse(in, &variant);
-  if (dbus_message_iter_get_arg_type(&variant) != type)
-    return std::nullopt;
+standin_value read_value(DBusMessageIter *in, char type) {
   DBusBasicValue basic;
-  dbus_message_iter_get_basic(&variant, &basic);
+  dbus_message_iter_get_basic(in, &basic);
   switch (type) {
   case DBUS_TYPE_STRING:
-    return standin_value{0, basic.str};
+    return {0, basic.str};
   case DBUS_TYPE_INT32:
-    return standin_value{basic.i32, {}};
+    return {basic.i32, {}};
   default:
-    return standin_value{basic.u32, {}};
+    return {basic.u32, {}};
   }
 }
 
-// Reads the interface and the property that a call of this signature names. Null
-// when there is no such property: `*refusal` is then the answer.
-const standin_property *named_property(DBusMessage *message, const char *signature,
-                                       DBusMessageIter *in, DBusMessage **refusal) {
-  if (!dbus_message_has_signature(message, signature)) {
-    *refusal = refuse(message, DBUS_ERROR_INVALID_ARGS, signature);
-    return nullptr;
-  }
-  const char *interface = nullptr;
-  const char *name = nullptr;
-  dbus_message_iter_init(message, in);
-  dbus_message_iter_get_basic(in, &interface);
-  dbus_message_iter_next(in);
-  dbus_message_iter_get_basic(in, &name);
-  dbus_message_iter_next(in);
-  const bool ours = interface == std::string_view{kInterface};
-  const standin_property *property = ours ? find_property(name) : nullptr;
-  if (!property)
-    *refusal =
-        refuse(message, ours ? DBUS_ERROR_UNKNOWN_PROPERTY : DBUS_ERROR_UNKNOWN_INTERFACE, name);
-  return property;
-}
-
-DBusMessage *get_property(E_DBus_Object *, DBusMessage *message) {
-  DBusMessageIter in;
-  DBusMessage *refusal = nullptr;
-  const standin_property *property = named_property(message, "ss", &in, &refusal);
-  if (!property)
-    return refusal;
-
-  DBusMessage *reply = dbus_message_new_method_return(message);
-  DBusMessageIter out;
-  dbus_message_iter_init_append(reply, &out);
-  append_variant(&out, *property);
-  return reply;
-}
-
-DBusMessage *set_property(E_DBus_Object *, DBusMessage *message) {
-  DBusMessageIter in;
-  DBusMessage *refusal = nullptr;
-  const standin_property *property = named_property(message, "ssv", &in, &refusal);
-  if (!property)
-    return refusal;
-  if (!property->writable)
-    return refuse(message, DBUS_ERROR_PROPERTY_READ_ONLY, property->name);
-
-  const auto value = read_variant(&in, property->type);
-  if (!value || !property->set(*value))
-    return refuse(message, DBUS_ERROR_INVALID_ARGS, property->name);
-  return dbus_message_new_method_return(message);
-}
-
-DBusMessage *get_all_properties(E_DBus_Object *, DBusMessage *message) {
-  const char *interface = nullptr;
-  if (!dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &interface, DBUS_TYPE_INVALID))
-    return refuse(message, DBUS_ERROR_INVALID_ARGS, "interface expected");
-  if (interface != std::string_view{kInterface})
-    return refuse(message, DBUS_ERROR_UNKNOWN_INTERFACE, interface);
-
-  DBusMessage *reply = dbus_message_new_method_return(message);
-  DBusMessageIter out;
-  DBusMessageIter all;
-  dbus_message_iter_init_append(reply, &out);
-  dbus_message_iter_open_container(&out, DBUS_TYPE_ARRAY, "{sv}", &all);
-  for (const standin_property &property : standin_properties()) {
-    DBusMessageIter entry;
-    dbus_message_iter_open_container(&all, DBUS_TYPE_DICT_ENTRY, nullptr, &entry);
-    dbus_message_iter_append_basic(&entry, DBUS_TYPE_STRING, &property.name);
-    append_variant(&entry, property);
-    dbus_message_iter_close_container(&all, &entry);
-  }
-  dbus_message_iter_close_container(&out, &all);
-  return reply;
+int set_property(E_DBus_Object *, const char *name, DBusMessageIter *in) {
+  const standin_property &property = *find_property(name);
+  return property.set(read_value(in, property.type)) ? 1 : 0;
 }
 
 // --- events ---
@@ -158,7 +76,7 @@ DBusMessage *deliver_event(E_DBus_Object *, DBusMessage *message) {
   const std::string_view method = dbus_message_get_member(message);
   const set_event &event = *std::ranges::find(kEvents, method, &set_event::method);
   if (!dbus_message_has_signature(message, event.signature))
-    return refuse(message, DBUS_ERROR_INVALID_ARGS, event.signature);
+    return dbus_message_new_error(message, DBUS_ERROR_INVALID_ARGS, event.signature);
 
   int arguments[2] = {};
   DBusMessageIter in;
@@ -177,14 +95,6 @@ Eina_Bool wall_clock_stepped(void *, int, void *) {
   return ECORE_CALLBACK_PASS_ON;
 }
 
-E_DBus_Interface *properties_interface() {
-  E_DBus_Interface *interface = e_dbus_interface_new(DBUS_INTERFACE_PROPERTIES);
-  e_dbus_interface_method_add(interface, "Get", "ss", "v", get_property);
-  e_dbus_interface_method_add(interface, "Set", "ssv", "", set_property);
-  e_dbus_interface_method_add(interface, "GetAll", "s", "a{sv}", get_all_properties);
-  return interface;
-}
-
 E_DBus_Interface *set_interface() {
   E_DBus_Interface *interface = e_dbus_interface_new(kInterface);
   for (const set_event &event : kEvents)
@@ -192,7 +102,8 @@ E_DBus_Interface *set_interface() {
   e_dbus_interface_signal_add(interface, "Requested", "suu");
   for (const standin_property &property : standin_properties()) {
     const char type[] = {property.type, '\0'};
-    e_dbus_interface_property_add(interface, property.name, type, property.writable);
+    e_dbus_interface_property_add(interface, property.name, type, E_DBUS_PROPERTY_SILENT,
+                                  get_property, property.writable ? set_property : nullptr);
   }
   return interface;
 }
@@ -212,7 +123,6 @@ void standin_export() {
   E_DBus_Object *object = e_dbus_object_add(bus, kPath, nullptr);
   if (!object) // no bus, or there already
     return;
-  e_dbus_object_interface_attach(object, properties_interface());
   e_dbus_object_interface_attach(object, set_interface());
   ecore_event_handler_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, wall_clock_stepped, nullptr);
   exported = true;

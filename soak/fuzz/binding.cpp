@@ -46,7 +46,13 @@ int e_dbus_interface_method_add(E_DBus_Interface *, const char *member, const ch
 
 int e_dbus_interface_signal_add(E_DBus_Interface *, const char *, const char *) { return 1; }
 
-int e_dbus_interface_property_add(E_DBus_Interface *, const char *, const char *, int) { return 1; }
+int e_dbus_interface_property_add(E_DBus_Interface *, const char *, const char *,
+                                  E_DBus_Property_Change, E_DBus_Property_Get_Cb,
+                                  E_DBus_Property_Set_Cb) {
+  return 1;
+}
+
+void e_dbus_properties_changed(E_DBus_Object *, const E_DBus_Interface *, const char *const *) {}
 
 void e_dbus_object_interface_attach(E_DBus_Object *, E_DBus_Interface *) {}
 

@@ -40,6 +40,21 @@ void take_name(void *, DBusMessage *, DBusError *error) {
 
 DBusMessage *echo(E_DBus_Object *, DBusMessage *) { return nullptr; }
 
+dbus_int32_t volume;
+
+void get_volume(E_DBus_Object *, const char *, DBusMessageIter *value) {
+  dbus_message_iter_append_basic(value, DBUS_TYPE_INT32, &volume);
+}
+
+int set_volume(E_DBus_Object *, const char *, DBusMessageIter *value) {
+  dbus_int32_t wanted = 0;
+  dbus_message_iter_get_basic(value, &wanted);
+  if (wanted > 11)
+    return 0;
+  volume = wanted;
+  return 1;
+}
+
 class BusTest : public ::testing::Test {
 protected:
   void SetUp() override {
@@ -51,6 +66,11 @@ protected:
     E_DBus_Interface *interface = e_dbus_interface_new(kName);
     e_dbus_interface_method_add(interface, "Echo", "ia{sv}s", "ay(ii)", echo);
     e_dbus_interface_signal_add(interface, "Rang", "u");
+    volume = 7;
+    e_dbus_interface_property_add(interface, "Volume", "i", E_DBUS_PROPERTY_SENT, get_volume,
+                                  set_volume);
+    e_dbus_interface_property_add(interface, "Heard", "i", E_DBUS_PROPERTY_NAMED, get_volume,
+                                  nullptr);
     e_dbus_object_interface_attach(e_dbus_object_add(bus, kPath, nullptr), interface);
   }
 
@@ -74,6 +94,25 @@ TEST_F(BusTest, UnknownTargets_GetTheStandardErrors) {
   EXPECT_THAT(call(kPath, "org.olvara.test.Nothing"), HasSubstr(DBUS_ERROR_UNKNOWN_METHOD));
   EXPECT_THAT(call(kPath, "org.olvara.other.Echo"), HasSubstr(DBUS_ERROR_UNKNOWN_INTERFACE));
   EXPECT_THAT(call("/no", "org.olvara.test.Echo"), HasSubstr(DBUS_ERROR_UNKNOWN_OBJECT));
+}
+
+TEST_F(BusTest, Properties_AreReadAndWritten_OrRefusedWithTheStandardErrors) {
+  const std::pair<std::string, const char *> calls[] = {
+      {"Get org.olvara.test Volume", "(<7>,)"},
+      {"Get '' Heard", "(<7>,)"},
+      {"Get org.olvara.test Colour", DBUS_ERROR_UNKNOWN_PROPERTY},
+      {"Get org.olvara.other Volume", DBUS_ERROR_UNKNOWN_INTERFACE},
+      {"Get org.olvara.test", DBUS_ERROR_INVALID_ARGS},
+      {"Set org.olvara.test Volume '<8>'", "()"},
+      {"Set org.olvara.test Volume '<12>'", DBUS_ERROR_INVALID_ARGS},
+      {"Set org.olvara.test Volume '<true>'", DBUS_ERROR_INVALID_ARGS},
+      {"Set org.olvara.test Heard '<8>'", DBUS_ERROR_PROPERTY_READ_ONLY},
+      {"GetAll org.olvara.test", "({'Volume': <8>, 'Heard': <8>},)"},
+      {"GetAll org.freedesktop.DBus.Introspectable", "(@a{sv} {},)"},
+      {"GetAll org.olvara.other", DBUS_ERROR_UNKNOWN_INTERFACE}};
+  for (const auto &[method, answer] : calls)
+    EXPECT_THAT(call(kPath, "org.freedesktop.DBus.Properties." + method), HasSubstr(answer))
+        << method;
 }
 
 TEST(LostBusTest, EndsTheMainLoop) {
