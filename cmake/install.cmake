@@ -13,7 +13,7 @@ install(TARGETS dravel-manager DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS dravelctl DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${DATA}/org.olvara.tv.system.dravel.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d)
-install(FILES ${DATA}/org.olvara.tv.system.dravel.xml
+install(FILES ${DATA}/org.olvara.tv.system.dravel.xml ${DATA}/org.olvara.tv.system.dravel.state.xml
         DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces)
 install(FILES ${PROJECT_SOURCE_DIR}/include/dravel-bus.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${PROJECT_BINARY_DIR}/dravel-manager.service DESTINATION lib/systemd/system)

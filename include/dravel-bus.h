@@ -9,6 +9,8 @@
 
 static const char kDravelBusName[] = "org.olvara.tv.system.dravel"; // also the interface's name
 static const char kDravelObjectPath[] = "/org/olvara/tv/system/dravel";
+static const char kStateObjectPath[] = "/org/olvara/tv/system/dravel/state";
+static const char kStateInterface[] = "org.olvara.tv.system.dravel.state";
 
 // The words of a timer's image.
 enum dravel_timer_word {

@@ -10,10 +10,14 @@
 
 #include "dravel-api.h"
 #include "dravel-record.h"
+#include "dravel-state.h"
 #include "dravel-util.h"
 
 // What can_skip_timer decides about one occurrence.
 enum skip_decision { SKIP_NO = 0, SKIP_REFUSED = 1, SKIP_MOVED = 2 };
+
+// As many timers as are listed before one is evicted for the next.
+constexpr unsigned kMaxTimerNum = 80;
 
 extern "C" {
 
@@ -109,3 +113,6 @@ DRAVEL_API int next_disabled_period(disabled_period_item *period);
 // `standby`, so that going to standby is not worth it; else 0.
 DRAVEL_API int can_skip_standby(const std::tm *standby, int timer_id);
 }
+
+// The same, for a timer that does not go because it never fires again.
+Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason);

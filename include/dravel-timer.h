@@ -12,6 +12,7 @@
 #include "dravel-api.h"
 #include "dravel-record.h"
 #include "dravel-runtime.h"
+#include "dravel-state.h"
 #include "dravel-util.h"
 
 struct settings_key;
@@ -24,6 +25,7 @@ struct cb_data {
   dravel_item *timer_item; // the timer list's
   void *data;
   time_value timediff; // seconds to the expiry when it was armed
+  time_value expiry;
 };
 
 // The on-time that the micro-controller holds.
@@ -133,6 +135,9 @@ Eina_Bool wait_dravel_finish_cb(void *data);
 // For tests: gives the flags, the programmed on-time and the module's main-loop timers their
 // initial state. The lists, the tables and the store are left alone.
 void reset_runtime_state(void);
+
+// The same as cancel_dravel_item, for another reason than a client's wish.
+void cancel_dravel_item(dravel_item *item, removal_reason reason);
 
 // The scheduler's state, for this module and its tests.
 extern micom_ontimer_record micom_ontimer;

@@ -145,7 +145,7 @@ static void cancel_replaced(const dravel_item *item, const char *handler) {
   if (!has_type(item, TIMER_TYPE_REPLACING) || find_duplicate_ontimer(item, &duplicate) != 0)
     return;
   LOG_FROM(handler, SYSTEM_LOG_INFO, "cancel_dravel_item: [%d]", duplicate->timer_id);
-  cancel_dravel_item(duplicate);
+  cancel_dravel_item(duplicate, removal_reason::kReplaced);
 }
 
 // Lists and arms `item`. Returns its id, or -1 with the item released. A timer that the next start
@@ -230,12 +230,14 @@ static int get_halt_onofftimers(DBusMessage *msg, DBusMessage **reply) {
 static DBusMessage *edbus_request_halt_ontimers(E_DBus_Object *, DBusMessage *msg) {
   DBusMessage *reply = nullptr;
   ontimer_halt = get_halt_onofftimers(msg, &reply);
+  state_touched();
   return reply;
 }
 
 static DBusMessage *edbus_request_halt_offtimers(E_DBus_Object *, DBusMessage *msg) {
   DBusMessage *reply = nullptr;
   offtimer_halt = get_halt_onofftimers(msg, &reply);
+  state_touched();
   return reply;
 }
 
@@ -303,6 +305,8 @@ static DBusMessage *edbus_request_set_disable_period_effect(E_DBus_Object *, DBu
     LOGE("failed to set disable period effect");
     return call.reply_int(-1);
   }
+  if (item->disable_period_effect != effect)
+    state_timer_changed(timer_id);
   item->disable_period_effect = effect;
   update_disable_period_effect_db(timer_id, effect);
   adjust_dravel_all_items(nullptr, nullptr);
@@ -455,10 +459,12 @@ int init_edbus_handler(void) {
   for (const char *name : {kExpiredSignal, kTypeExpiredSignal, kWeekFlagExpiredSignal})
     e_dbus_interface_signal_add(interface, name, "i");
   e_dbus_object_interface_attach(object, interface);
+  init_state_object(bus_connection);
   return 0;
 }
 
 int shutdown_edbus_handler(void) {
+  fini_state_object();
   e_dbus_shutdown();
   bus_connection = nullptr;
   return 0;

@@ -15,7 +15,6 @@
 #include <vector>
 
 static constexpr int kFirstTransientTimerId = -10;
-static constexpr unsigned kMaxTimerNum = 80;
 static constexpr int kMaxSearchDays = 366;
 static constexpr int kDaysPerWeek = 7;
 static constexpr time_value kMaxSkipSeconds = 599;
@@ -126,6 +125,7 @@ int can_skip_timer(const dravel_item *item, time_value occurrence) {
   }
   listed->tm.tm_mday = add_wrapping(listed->tm.tm_mday, days_between(when, end) + 1);
   update_dravel_item_db(listed);
+  state_timer_changed(listed->timer_id);
   LOG_TIME(SYSTEM_LOG_INFO, "to shift timer as after holiday period: %s", &listed->tm);
   return SKIP_MOVED;
 }
@@ -458,7 +458,7 @@ dravel_item *find_dravel_item(int timer_id) {
   return nullptr;
 }
 
-Eina_List *remove_dravel_item(dravel_item *item) {
+Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason) {
   LOGE("remove_dravel_item: [%d]", item->timer_id);
   dravel_list = eina_list_remove(dravel_list, item);
   rebuild_onoff_timer_lists();
@@ -466,11 +466,17 @@ Eina_List *remove_dravel_item(dravel_item *item) {
   if (delete_dravel_item_db(item->timer_id) != 0) {
     LOGE("failed to save dravel item to the DB\n");
     undeleted_list = eina_list_append(undeleted_list, item);
+    state_timer_removed(item->timer_id, removal_reason::kLost);
     return dravel_list;
   }
+  state_timer_removed(item->timer_id, reason);
   g_free(item);
   LOGE("complate remove_dravel_item");
   return dravel_list;
+}
+
+Eina_List *remove_dravel_item(dravel_item *item) {
+  return remove_dravel_item(item, reason_of_no_expiry(item));
 }
 
 void check_over_max_timer_num(void) {
@@ -484,7 +490,7 @@ void check_over_max_timer_num(void) {
   }
   LOGE("over the max timer num, remove: %d", oldest->timer_id);
   cancel_ecore_timer(oldest->timer_id);
-  remove_dravel_item(oldest);
+  remove_dravel_item(oldest, removal_reason::kEvicted);
 }
 
 // Rows of a foreign file may have ids below 0, too.
@@ -522,6 +528,7 @@ Eina_List *add_dravel_item(dravel_item *item) {
   }
   insert_in_order(item);
   rebuild_onoff_timer_lists();
+  state_timer_added(item->timer_id);
   return dravel_list;
 }
 
@@ -564,6 +571,7 @@ Eina_List *load_dravel_list(void) {
   LOGE("wakeup reason : %d\n", load_wakeup_reason);
   load_dravel_db(dravel_item_db_cb);
   rebuild_onoff_timer_lists();
+  state_touched();
   return dravel_list;
 }
 

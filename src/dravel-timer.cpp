@@ -54,7 +54,10 @@ static Ecore_Timer *finish_wait_timer;
 static Ecore_Timer *adjust_wait_timer;
 static Ecore_Timer *retry_adjust_timer;
 
-void set_kinto_time_updated(int value) { flags.kinto_time_updated = value; }
+void set_kinto_time_updated(int value) {
+  flags.kinto_time_updated = value;
+  state_touched();
+}
 
 int get_kinto_time_updated(void) { return flags.kinto_time_updated; }
 
@@ -155,6 +158,7 @@ static bool is_armed(int timer_id) {
 static void forget_armed(int timer_id) {
   g_hash_table_remove(scheduled_timer_table, GINT_TO_POINTER(timer_id));
   g_hash_table_remove(cb_data_table, GINT_TO_POINTER(timer_id));
+  state_touched();
 }
 
 void cancel_ecore_timer(int timer_id) {
@@ -187,6 +191,7 @@ int schedule_micom_ontimer(int timer_id, const std::tm *expire, unsigned int typ
     ontime = convert_to_utc(ontime);
   }
   micom_ontimer = {timer_id, is_utc ? 1 : 0, unsigned_timegm(&ontime), type, priority};
+  state_touched();
   LOGE("[micom ontime] : %s", time_str(micom_ontimer.ontime));
 
   if (set_power_control_wakeup_timer(type, micom_ontimer.ontime) != 0) {
@@ -202,6 +207,7 @@ void disable_micom_ontimer(void) {
   if (unset_power_control_wakeup_timer() != 0)
     LOGE("Failed to write to ontimer enable node\n");
   micom_ontimer = {0, 0, 0, micom_ontimer.type, -1};
+  state_touched();
   LOGI("end to disable micom ontimer");
 }
 
@@ -450,11 +456,12 @@ static time_value pending_local_ontime(time_value now) {
   return 0;
 }
 
-static int arm(dravel_item *item, dravel_expire_fn cb, void *data, time_value timediff) {
+static int arm(dravel_item *item, dravel_expire_fn cb, void *data, time_value timediff,
+               time_value expiry) {
   auto *record = g_try_new(cb_data, 1);
   Ecore_Timer *timer = nullptr;
   if (record != nullptr) {
-    *record = {cb, item, data, timediff};
+    *record = {cb, item, data, timediff, expiry};
     timer = ecore_timer_add(static_cast<double>(timediff), ecore_timer_cb, record);
   }
   if (timer == nullptr) {
@@ -466,6 +473,7 @@ static int arm(dravel_item *item, dravel_expire_fn cb, void *data, time_value ti
           static_cast<void *>(record), static_cast<void *>(item), static_cast<void *>(timer));
   g_hash_table_insert(scheduled_timer_table, GINT_TO_POINTER(item->timer_id), timer);
   g_hash_table_insert(cb_data_table, GINT_TO_POINTER(item->timer_id), record);
+  state_touched();
   return 0;
 }
 
@@ -531,7 +539,7 @@ int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
   }
 
   LOGE("scheduled item id: %d, type: %d", item->timer_id, item->type);
-  if (arm(item, cb, data, timediff) != 0)
+  if (arm(item, cb, data, timediff, expire_time) != 0)
     return SCHEDULE_NEVER_FIRES;
   reconsider_micom_ontimer(item, expire_time, local_ontime, avoid_reboot);
   return SCHEDULE_ARMED;
@@ -584,7 +592,7 @@ static void rearm_next_ontimer(void) {
   }
 }
 
-void cancel_dravel_item(dravel_item *item) {
+void cancel_dravel_item(dravel_item *item, removal_reason reason) {
   LOGD("timer:%d canceled\n", item->timer_id);
   LOGE("timer_item %p", static_cast<void *>(item));
   const int timer_id = item->timer_id;
@@ -592,12 +600,14 @@ void cancel_dravel_item(dravel_item *item) {
   const bool had_ontimers = get_ontimer_list() != nullptr;
 
   cancel_ecore_timer(timer_id);
-  remove_dravel_item(item);
+  remove_dravel_item(item, reason);
   if (micom_ontimer.timer_id == timer_id)
     schedule_next_ontimer();
   if (is_offtimer && had_ontimers)
     rearm_next_ontimer();
 }
+
+void cancel_dravel_item(dravel_item *item) { cancel_dravel_item(item, removal_reason::kCancelled); }
 
 // Moves a one-shot item by whole days, so that its time of day comes within the
 // next 24 hours, and stores it.
@@ -618,6 +628,8 @@ static void re_anchor(dravel_item *item, const clock_reading &clocks) {
     scheduled += late == kSecondsPerDay * days ? late : kSecondsPerDay * (days + 1);
   }
 
+  if (scheduled != unsigned_timegm(&item->tm))
+    state_timer_changed(item->timer_id);
   unsigned_gmtime_r(scheduled, &item->tm);
   const int result = update_dravel_item_db(item);
   if (result != 0)
@@ -647,8 +659,10 @@ static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
   }
 }
 
-void adjust_dravel_all_items(struct settings_key *, void *) {
+void adjust_dravel_all_items(struct settings_key *changed, void *) {
   LOGE("adjust_all_timers");
+  if (changed != nullptr)
+    state_clock_set();
   disable_programmed_ontimer();
   LOGE("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
 
@@ -668,6 +682,7 @@ void adjust_dravel_all_items(struct settings_key *, void *) {
 }
 
 void reschedule_all_timers(void) {
+  state_clock_set();
   LOGE("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
   disable_programmed_ontimer();
   for (dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
@@ -870,6 +885,7 @@ int init_settings_handler(void) {
 }
 
 void auto_time_set(void) {
+  state_clock_set();
   const int time_updated = get_kinto_time_updated();
   const int state = device_power_get_state();
   const int ambient_mode = device_power_get_ambient_mode();

@@ -230,72 +230,76 @@ DBusHandlerResult watch_for_loss(DBusConnection *, DBusMessage *message, void *)
 
 // --- introspection ---
 
-std::string arguments_xml(const std::string &signature, std::string_view attributes) {
-  std::string xml;
+void append_arguments(Eina_Strbuf *xml, const std::string &signature, const char *attributes) {
   if (signature.empty())
-    return xml;
+    return;
   DBusSignatureIter type;
   dbus_signature_iter_init(&type, signature.c_str());
   do {
     char *complete = dbus_signature_iter_get_signature(&type);
-    xml.append("   <arg type=\"").append(complete).append("\"").append(attributes).append("/>\n");
+    eina_strbuf_append_printf(xml, "   <arg type=\"%s\"%s/>\n", complete, attributes);
     dbus_free(complete);
   } while (dbus_signature_iter_next(&type));
-  return xml;
 }
 
-std::string interface_xml(const E_DBus_Interface &interface) {
-  std::string xml = " <interface name=\"" + interface.name + "\">\n";
+void append_members(Eina_Strbuf *xml, const E_DBus_Interface &interface) {
   for (const auto &method : interface.methods) {
-    xml += "  <method name=\"" + method.name + "\">\n";
-    xml += arguments_xml(method.signature, " direction=\"in\"");
-    xml += arguments_xml(method.reply_signature, " direction=\"out\"");
-    xml += "  </method>\n";
+    eina_strbuf_append_printf(xml, "  <method name=\"%s\">\n", method.name.c_str());
+    append_arguments(xml, method.signature, " direction=\"in\"");
+    append_arguments(xml, method.reply_signature, " direction=\"out\"");
+    eina_strbuf_append(xml, "  </method>\n");
   }
-  for (const auto &signal : interface.signals)
-    xml += "  <signal name=\"" + signal.name + "\">\n" + arguments_xml(signal.signature, "") +
-           "  </signal>\n";
+  for (const auto &signal : interface.signals) {
+    eina_strbuf_append_printf(xml, "  <signal name=\"%s\">\n", signal.name.c_str());
+    append_arguments(xml, signal.signature, "");
+    eina_strbuf_append(xml, "  </signal>\n");
+  }
   for (const auto &property : interface.properties)
-    xml +=
-        "  <property name=\"" + property.name + "\" type=\"" + property.type + "\" access=\"" +
-        (property.set != nullptr ? "readwrite" : "read") +
-        "\">\n   <annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"" +
-        kChangeWords[property.change] + "\"/>\n  </property>\n";
-  return xml + " </interface>\n";
+    eina_strbuf_append_printf(
+        xml,
+        "  <property name=\"%s\" type=\"%s\" access=\"%s\">\n"
+        "   <annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"%s\"/>\n"
+        "  </property>\n",
+        property.name.c_str(), property.type.c_str(),
+        property.set != nullptr ? "readwrite" : "read", kChangeWords[property.change]);
 }
 
 // The objects below `object`, so that a client can find them.
-std::string children_xml(const E_DBus_Object &object) {
-  std::string xml;
+void append_children(Eina_Strbuf *xml, const E_DBus_Object &object) {
   char **children = nullptr;
   if (!dbus_connection_list_registered(object.bus, object.path.c_str(), &children))
-    return xml;
+    return;
   for (char **child = children; *child != nullptr; ++child)
-    xml.append(" <node name=\"").append(*child).append("\"/>\n");
+    eina_strbuf_append_printf(xml, " <node name=\"%s\"/>\n", *child);
   dbus_free_string_array(children);
-  return xml;
 }
 
 DBusMessage *introspect(E_DBus_Object *object, DBusMessage *message) {
-  std::string xml = DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE "<node>\n";
-  for (const E_DBus_Interface *interface : object->interfaces)
-    xml += interface_xml(*interface);
-  xml += children_xml(*object) + "</node>\n";
+  Eina_Strbuf *xml = eina_strbuf_new();
+  eina_strbuf_append(xml, DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE "<node>\n");
+  for (const E_DBus_Interface *interface : object->interfaces) {
+    eina_strbuf_append_printf(xml, " <interface name=\"%s\">\n", interface->name.c_str());
+    append_members(xml, *interface);
+    eina_strbuf_append(xml, " </interface>\n");
+  }
+  append_children(xml, *object);
+  eina_strbuf_append(xml, "</node>\n");
 
-  const char *text = xml.c_str();
+  const char *text = eina_strbuf_string_get(xml);
   DBusMessage *reply = dbus_message_new_method_return(message);
   if (reply)
     dbus_message_append_args(reply, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+  eina_strbuf_free(xml);
   return reply;
 }
+
+// --- properties ---
 
 DBusMessage *no_interface(DBusMessage *message, const char *wanted) {
   return dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_INTERFACE,
                                        "No interface \"%s\" at %s", wanted,
                                        dbus_message_get_path(message));
 }
-
-// --- properties ---
 
 using Property = E_DBus_Interface::Property;
 
@@ -524,14 +528,14 @@ E_DBus_Connection::~E_DBus_Connection() {
 int e_dbus_init() {
   if (!library) {
     library = new Library;
-    library->introspectable = {
-        DBUS_INTERFACE_INTROSPECTABLE, {{"Introspect", "", "s", introspect}}, {}, {}};
-    library->properties = {DBUS_INTERFACE_PROPERTIES,
-                           {{"Get", "ss", "v", get_property},
-                            {"Set", "ssv", "", set_property},
-                            {"GetAll", "s", "a{sv}", get_all_properties}},
-                           {{"PropertiesChanged", "sa{sv}as"}},
-                           {}};
+    library->introspectable.name = DBUS_INTERFACE_INTROSPECTABLE;
+    e_dbus_interface_method_add(&library->introspectable, "Introspect", "", "s", introspect);
+    E_DBus_Interface *properties = &library->properties;
+    properties->name = DBUS_INTERFACE_PROPERTIES;
+    e_dbus_interface_method_add(properties, "Get", "ss", "v", get_property);
+    e_dbus_interface_method_add(properties, "Set", "ssv", "", set_property);
+    e_dbus_interface_method_add(properties, "GetAll", "s", "a{sv}", get_all_properties);
+    e_dbus_interface_signal_add(properties, "PropertiesChanged", "sa{sv}as");
   }
   return ++library->users;
 }

@@ -161,18 +161,23 @@ TEST_F(Ctl, Monitor_JoinsTheSignalsOfAnExpiry) {
 // But for the names of the arguments, which the wire does not know.
 TEST_F(Ctl, Introspection_IsWhatIsInstalled) {
   start();
-  g_autofree char *live = nullptr;
-  ASSERT_TRUE(g_spawn_command_line_sync(
-      "busctl --system --xml-interface introspect org.olvara.tv.system.dravel "
-      "/org/olvara/tv/system/dravel",
-      &live, nullptr, nullptr, nullptr));
-  std::ifstream file(INTROSPECTION_XML);
-  std::string installed{std::istreambuf_iterator<char>(file), {}};
-  const std::string named = "<arg name=\"";
-  for (auto at = installed.find(named); at != std::string::npos; at = installed.find(named, at))
-    installed.erase(at + 4, installed.find('"', at + named.size()) - at - 3);
-  installed.erase(0, installed.find(" <interface name=\"org.olvara"));
-  EXPECT_THAT(live, testing::HasSubstr(installed.substr(0, installed.find("</node>"))));
+  for (const auto &[object, xml] : {std::pair{"", ".xml"}, std::pair{"/state", ".state.xml"}}) {
+    g_autofree char *live = nullptr;
+    ASSERT_TRUE(g_spawn_command_line_sync(
+        ("busctl --system --xml-interface introspect org.olvara.tv.system.dravel "
+         "/org/olvara/tv/system/dravel" +
+         std::string(object))
+            .c_str(),
+        &live, nullptr, nullptr, nullptr));
+    std::ifstream file(INTROSPECTION_XML + std::string(xml));
+    std::string installed{std::istreambuf_iterator<char>(file), {}};
+    const std::string named = "<arg name=\"";
+    for (auto at = installed.find(named); at != std::string::npos; at = installed.find(named, at))
+      installed.erase(at + 4, installed.find('"', at + named.size()) - at - 3);
+    installed.erase(0, installed.find(" <interface name=\"org.olvara"));
+    ASSERT_NE(installed, "");
+    EXPECT_THAT(live, testing::HasSubstr(installed.substr(0, installed.find("</node>"))));
+  }
 }
 
 } // namespace

@@ -12,6 +12,8 @@ namespace {
 
 constexpr char service_name[] = "org.olvara.tv.system.dravel";
 constexpr char service_path[] = "/org/olvara/tv/system/dravel";
+constexpr char state_name[] = "org.olvara.tv.system.dravel.state";
+constexpr char state_path[] = "/org/olvara/tv/system/dravel/state";
 constexpr char standin_name[] = "org.olvara.tv.standin";
 constexpr char standin_path[] = "/org/olvara/tv/standin";
 constexpr char properties[] = "org.freedesktop.DBus.Properties";
@@ -60,6 +62,8 @@ GDBusMessage *daemon_test::hear(GDBusConnection *, GDBusMessage *message, gboole
     test->answered_.push_back(serial);
   } else if (path == service_path || path == standin_path) {
     test->events_.push_back(g_dbus_message_get_member(message) + text_of(body));
+  } else if (path == state_path) {
+    test->state_signals_.push_back(g_dbus_message_get_member(message) + text_of(body));
   } else if (const std::string what = text_of(body); what.starts_with("('org.olvara")) {
     test->owned_ = !what.ends_with(", '')");
   }
@@ -153,10 +157,18 @@ std::string daemon_test::standin(const char *method, const std::string &argument
   return ask(standin_path, standin_name, method, arguments);
 }
 
-std::string daemon_test::get(const std::string &property) {
-  const std::string text =
-      ask(standin_path, properties, "Get", "('org.olvara.tv.standin', '" + property + "')");
+static std::string value_of(const std::string &text) {
   return text.starts_with("(<") ? text.substr(2, text.size() - 5) : text; // of "(<...>,)"
+}
+
+std::string daemon_test::get(const std::string &property) {
+  return value_of(
+      ask(standin_path, properties, "Get", "('org.olvara.tv.standin', '" + property + "')"));
+}
+
+std::string daemon_test::state(const std::string &property) {
+  return value_of(ask(state_path, properties, "Get",
+                      std::string("('") + state_name + "', '" + property + "')"));
 }
 
 void daemon_test::set(const std::string &property, const std::string &value) {
@@ -220,6 +232,15 @@ strings daemon_test::events() {
   get("SyncDb"); // what was sent before this answer has been heard
   const std::lock_guard guard(mutex_);
   return std::exchange(events_, {});
+}
+
+strings daemon_test::state_signals(const std::string &last) {
+  const auto is_last = [&](const std::string &signal) {
+    return signal.find(last) != std::string::npos;
+  };
+  wait([&] { return std::ranges::any_of(state_signals_, is_last); }, last);
+  const std::lock_guard guard(mutex_);
+  return std::exchange(state_signals_, {});
 }
 
 void daemon_test::wait_event(const std::string &event) {

@@ -48,6 +48,7 @@ protected:
   std::string call(const char *method, const std::string &arguments);
   std::string standin(const char *method, const std::string &arguments);
   std::string get(const std::string &property);
+  std::string state(const std::string &property); // of the state object
   void set(const std::string &property, const std::string &value);
 
   // Whether a call is answered: no answer has come once a later call is answered.
@@ -61,6 +62,8 @@ protected:
 
   // The daemon's signals so far, oldest first, such as "dravel_expired(1,)"; they are forgotten.
   strings events();
+  // Likewise, those of the state object up to the one with `last` in its text.
+  strings state_signals(const std::string &last);
   void wait_event(const std::string &event);
   void wait_log(const std::string &text);
   int times_logged(const std::string &text);
@@ -81,6 +84,7 @@ private:
   std::condition_variable changed_;
   std::string log_;
   strings events_;
+  strings state_signals_;
   std::vector<std::uint32_t> answered_; // serials
   bool ended_ = true;                   // its standard error is closed
   bool owned_ = false;                  // its name has an owner

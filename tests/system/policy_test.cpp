@@ -46,6 +46,7 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
 
   const std::string name = "org.olvara.tv.system.dravel ";
   const std::string service = name + "/org/olvara/tv/system/dravel " + name;
+  const std::string state = name + "/org/olvara/tv/system/dravel/state ";
   const std::string set = name + "/org/olvara/tv/standin ";
   const std::string introspect = "org.freedesktop.DBus.Introspectable Introspect";
   const struct {
@@ -59,6 +60,11 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
       {service + "request_disabled_period_list", " i 0", LOCAL_USER},
       {service + "request_get_timers_halt_effect", " i 0", LOCAL_USER},
       {name + "/org/olvara/tv/system/dravel " + introspect, "", LOCAL_USER},
+      {state + introspect, "", LOCAL_USER},
+      {state + "org.freedesktop.DBus.Properties GetAll", " s org.olvara.tv.system.dravel.state",
+       LOCAL_USER},
+      {state + "org.freedesktop.DBus.Properties Get", " ss org.olvara.tv.system.dravel.state Armed",
+       LOCAL_USER},
       {service + "schedule_timer", " iiiiiiiiiiiiiii 0 0 0 0 99 0 1 0 0 0 0 0 0 0 0", MEMBER},
       {service + "cancel_timer", " i 1", MEMBER},
       {service + "request_halt_ontimers", " i 0", MEMBER},

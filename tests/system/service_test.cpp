@@ -7,6 +7,10 @@ constexpr int daily = 0x7f;
 
 using Service = daemon_test;
 
+std::string properties_changed(const std::string &what) {
+  return "PropertiesChanged('org.olvara.tv.system.dravel.state', " + what + ")";
+}
+
 TEST_F(Service, Timer_IsStoredListedAndProgrammed_UntilItIsCancelled) {
   start();
   EXPECT_EQ(call("request_timer_list", "(0,)"), "(0, [])");
@@ -58,6 +62,36 @@ TEST_F(Service, UnreadableArguments_GetNoAnswer_ButReleaseAHalt) {
   EXPECT_EQ(call("request_halt_ontimers", "('one',)"), "()");
   EXPECT_EQ(call("request_halt_offtimers", "()"), "()");
   EXPECT_EQ(call("request_get_timers_halt_effect", "(0,)"), "(0, 0)");
+}
+
+TEST_F(Service, State_ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
+  start();
+  schedule({.at = noon + 26 * hour, .priority = 2});
+  schedule({.type = 1, .at = noon + 3 * hour, .week_flag = daily});
+  schedule({.type = 10});
+  EXPECT_EQ(state("Armed"), "[(-10, uint32 1732453200), (2, 1732460400), (1, 1732543200)]");
+  EXPECT_EQ(state("Wakeup"), "(1, uint32 1732543200, 0, false)");
+  EXPECT_EQ(state("Stored") + state("Limit"), u32(2) + u32(80));
+  schedule({.type = 13, .at = noon + 4 * hour});
+  state_signals("'Stored': <uint32 3>");
+  schedule({.type = 13, .at = noon + 4 * hour});
+  EXPECT_EQ(
+      state_signals("Wakeup"),
+      (strings{"TimerRemoved(3, 'replaced')", "TimerAdded(4,)",
+               properties_changed("{'Wakeup': <(4, uint32 1732464000, 13, false)>}, ['Armed']")}));
+
+  set("TvClock", u32(noon + hour));
+  EXPECT_EQ(state("Clock"), u32(noon + hour));
+  standin("TimeSet", "()");
+  EXPECT_EQ(state_signals("Wakeup"),
+            (strings{"TimerChanged(1,)", properties_changed("{'Wakeup': <(1, uint32 1732456800, 0, "
+                                                            "false)>}, ['Clock', 'Armed']")}));
+  standin("Standby", "(0,)");
+  EXPECT_EQ(state_signals("Confirmed"),
+            strings{properties_changed("{'ClockConfirmed': <false>}, []")});
+  call("request_halt_ontimers", "(0,)"); // as it was
+  call("request_halt_offtimers", "(5,)");
+  EXPECT_EQ(state_signals("HaltOff"), strings{properties_changed("{'HaltOff': <5>}, []")});
 }
 
 TEST_F(Service, StartWithoutABus_EndsWithStatus255) {

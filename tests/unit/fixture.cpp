@@ -210,6 +210,7 @@ void CleanSet::TearDown() {
   micom_ontimer = {0, 0, 0, TIMER_TYPE_ONTIMER_MAX + 1, 0};
   fini_hash_table();
   close_dravel_db();
+  take_timer_changes();
   system_clock = 0;
 }
 

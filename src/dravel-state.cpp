@@ -1,0 +1,320 @@
+#include "dravel-state.h"
+
+#include "dravel-item.h"
+#include "dravel-list.h"
+#include "dravel-log.h"
+#include "dravel-timer.h"
+
+#include <E_DBus.h>
+#include <Ecore.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+// Sending takes a tenth of the time of a call that adds or cancels a timer. A burst of calls must
+// not pay that each time: what changes this soon after the last signals waits until then.
+static constexpr double kBurstSeconds = 0.02;
+
+static constexpr const char *kAddedSignal = "TimerAdded";
+static constexpr const char *kChangedSignal = "TimerChanged";
+static constexpr const char *kRemovedSignal = "TimerRemoved";
+
+// By removal_reason.
+static constexpr const char *kReasonWords[] = {"fired", "cancelled", "replaced", "evicted",
+                                               "past",  "never",     "lost"};
+
+namespace {
+
+struct armed_timer {
+  int timer_id;
+  time_value expiry;
+
+  bool operator==(const armed_timer &) const = default;
+};
+
+struct programmed_wakeup {
+  int timer_id;
+  time_value ontime;
+  int type;
+  dbus_bool_t is_utc;
+
+  bool operator==(const programmed_wakeup &) const = default;
+};
+
+// What the properties show.
+struct shown_state {
+  const char *version;
+  const char *platform;
+  time_value clock;
+  unsigned clock_settings; // how often the clock was set: it is announced then, not every second
+  dbus_bool_t clock_confirmed;
+  std::vector<armed_timer> armed; // in list order
+  programmed_wakeup wakeup;
+  int halt_on;
+  int halt_off;
+  unsigned stored;
+  unsigned limit;
+};
+
+struct state_property {
+  const char *name;
+  const char *type;
+  E_DBus_Property_Change change;
+  void (*append)(const shown_state &state, DBusMessageIter *out);
+  bool (*differs)(const shown_state &one, const shown_state &other);
+};
+
+} // namespace
+
+static E_DBus_Connection *state_bus;
+static E_DBus_Object *state_object;
+static E_DBus_Interface *state_interface;
+static shown_state announced;
+
+static Ecore_Idle_Enterer *end_of_pass;
+static Ecore_Timer *end_of_burst;
+static double sent_at = -kBurstSeconds;
+static std::vector<timer_change> timer_changes;
+static std::vector<int> fired_timers;
+static unsigned clock_settings;
+
+static std::vector<armed_timer> armed_timers(void) {
+  std::vector<armed_timer> armed;
+  for (const dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
+    const void *record = g_hash_table_lookup(cb_data_table, GINT_TO_POINTER(item->timer_id));
+    if (record != nullptr)
+      armed.push_back({item->timer_id, static_cast<const cb_data *>(record)->expiry});
+  }
+  return armed;
+}
+
+static programmed_wakeup wakeup_of(const micom_ontimer_record &record) {
+  if (record.timer_id == 0)
+    return {};
+  return {record.timer_id, record.ontime, static_cast<int>(record.type), record.is_utc != 0};
+}
+
+static unsigned stored_timers(void) {
+  unsigned count = 0;
+  for (const dravel_item *item : items_of<dravel_item>(get_dravel_list()))
+    count += has_type(item, TIMER_TYPE_TRANSIENT) ? 0U : 1U;
+  return count;
+}
+
+static shown_state current_state(void) {
+  shown_state state{};
+  state.version = DRAVEL_VERSION;
+  state.platform = DRAVEL_PLATFORM_NAME;
+  get_cur_time(&state.clock, TIME_TYPE_BROADCAST);
+  state.clock_settings = clock_settings;
+  state.clock_confirmed = get_kinto_time_updated() != 0;
+  state.armed = armed_timers();
+  state.wakeup = wakeup_of(micom_ontimer);
+  state.halt_on = ontimer_halt;
+  state.halt_off = offtimer_halt;
+  state.stored = stored_timers();
+  state.limit = kMaxTimerNum;
+  return state;
+}
+
+template <auto field, int type>
+static void append_basic(const shown_state &state, DBusMessageIter *out) {
+  dbus_message_iter_append_basic(out, type, &(state.*field));
+}
+
+static void append_struct(DBusMessageIter *out,
+                          std::initializer_list<std::pair<int, const void *>> members) {
+  DBusMessageIter inside;
+  dbus_message_iter_open_container(out, DBUS_TYPE_STRUCT, nullptr, &inside);
+  for (const auto &[type, member] : members)
+    dbus_message_iter_append_basic(&inside, type, member);
+  dbus_message_iter_close_container(out, &inside);
+}
+
+static void append_armed(const shown_state &state, DBusMessageIter *out) {
+  DBusMessageIter timers;
+  dbus_message_iter_open_container(out, DBUS_TYPE_ARRAY, "(iu)", &timers);
+  for (const armed_timer &timer : state.armed)
+    append_struct(&timers, {{DBUS_TYPE_INT32, &timer.timer_id}, {DBUS_TYPE_UINT32, &timer.expiry}});
+  dbus_message_iter_close_container(out, &timers);
+}
+
+static void append_wakeup(const shown_state &state, DBusMessageIter *out) {
+  const programmed_wakeup &wakeup = state.wakeup;
+  append_struct(out, {{DBUS_TYPE_INT32, &wakeup.timer_id},
+                      {DBUS_TYPE_UINT32, &wakeup.ontime},
+                      {DBUS_TYPE_INT32, &wakeup.type},
+                      {DBUS_TYPE_BOOLEAN, &wakeup.is_utc}});
+}
+
+template <auto field> static bool differs(const shown_state &one, const shown_state &other) {
+  return one.*field != other.*field;
+}
+
+// The armed timers may be 80, and the clock's value is old when it arrives: they are named alone.
+static constexpr state_property kProperties[] = {
+    {"Version", "s", E_DBUS_PROPERTY_CONST, append_basic<&shown_state::version, DBUS_TYPE_STRING>,
+     differs<&shown_state::version>},
+    {"Platform", "s", E_DBUS_PROPERTY_CONST, append_basic<&shown_state::platform, DBUS_TYPE_STRING>,
+     differs<&shown_state::platform>},
+    {"Clock", "u", E_DBUS_PROPERTY_NAMED, append_basic<&shown_state::clock, DBUS_TYPE_UINT32>,
+     differs<&shown_state::clock_settings>},
+    {"ClockConfirmed", "b", E_DBUS_PROPERTY_SENT,
+     append_basic<&shown_state::clock_confirmed, DBUS_TYPE_BOOLEAN>,
+     differs<&shown_state::clock_confirmed>},
+    {"Armed", "a(iu)", E_DBUS_PROPERTY_NAMED, append_armed, differs<&shown_state::armed>},
+    {"Wakeup", "(iuib)", E_DBUS_PROPERTY_SENT, append_wakeup, differs<&shown_state::wakeup>},
+    {"HaltOn", "i", E_DBUS_PROPERTY_SENT, append_basic<&shown_state::halt_on, DBUS_TYPE_INT32>,
+     differs<&shown_state::halt_on>},
+    {"HaltOff", "i", E_DBUS_PROPERTY_SENT, append_basic<&shown_state::halt_off, DBUS_TYPE_INT32>,
+     differs<&shown_state::halt_off>},
+    {"Stored", "u", E_DBUS_PROPERTY_SENT, append_basic<&shown_state::stored, DBUS_TYPE_UINT32>,
+     differs<&shown_state::stored>},
+    {"Limit", "u", E_DBUS_PROPERTY_CONST, append_basic<&shown_state::limit, DBUS_TYPE_UINT32>,
+     differs<&shown_state::limit>},
+};
+
+static void get_property(E_DBus_Object *, const char *name, DBusMessageIter *out) {
+  const auto *property =
+      std::ranges::find(kProperties, std::string_view(name), &state_property::name);
+  property->append(current_state(), out);
+}
+
+static void send_change(const timer_change &change) {
+  DBusMessage *signal = dbus_message_new_signal(kStateObjectPath, kStateInterface, change.signal);
+  if (signal == nullptr)
+    return;
+  dbus_message_append_args(signal, DBUS_TYPE_INT32, &change.timer_id, DBUS_TYPE_INVALID);
+  if (change.reason != nullptr)
+    dbus_message_append_args(signal, DBUS_TYPE_STRING, &change.reason, DBUS_TYPE_INVALID);
+  e_dbus_message_send(state_bus, signal, nullptr, -1, nullptr);
+  dbus_message_unref(signal);
+}
+
+// Returns whether anything was sent.
+static bool send_changed_properties(void) {
+  shown_state state = current_state();
+  std::array<const char *, std::size(kProperties) + 1> names{};
+  std::size_t count = 0;
+  for (const state_property &property : kProperties) {
+    if (property.differs(state, announced))
+      names[count++] = property.name;
+  }
+  announced = std::move(state);
+  if (count == 0)
+    return false;
+  e_dbus_properties_changed(state_object, state_interface, names.data());
+  return true;
+}
+
+static void send_gathered(void) {
+  const std::vector<timer_change> changes = take_timer_changes();
+  if (state_object == nullptr)
+    return;
+  for (const timer_change &change : changes)
+    send_change(change);
+  if (send_changed_properties() || !changes.empty())
+    sent_at = ecore_loop_time_get();
+}
+
+static Eina_Bool end_of_burst_cb(void *) {
+  end_of_burst = nullptr;
+  send_gathered();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static Eina_Bool end_of_pass_cb(void *) {
+  end_of_pass = nullptr;
+  const double wait = sent_at + kBurstSeconds - ecore_loop_time_get();
+  if (wait > 0)
+    end_of_burst = ecore_timer_add(wait, end_of_burst_cb, nullptr);
+  if (end_of_burst == nullptr)
+    send_gathered();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void state_touched(void) {
+  if (end_of_pass == nullptr && end_of_burst == nullptr)
+    end_of_pass = ecore_idle_enterer_add(end_of_pass_cb, nullptr);
+}
+
+std::vector<timer_change> take_timer_changes(void) {
+  fired_timers.clear();
+  return std::exchange(timer_changes, {});
+}
+
+void state_timer_added(int timer_id) {
+  timer_changes.push_back({kAddedSignal, timer_id, nullptr});
+  state_touched();
+}
+
+// Once in a pass, and not for a timer that was added in it.
+void state_timer_changed(int timer_id) {
+  const auto last = std::find_if(timer_changes.rbegin(), timer_changes.rend(),
+                                 [=](const auto &change) { return change.timer_id == timer_id; });
+  if (last == timer_changes.rend() || last->reason != nullptr)
+    timer_changes.push_back({kChangedSignal, timer_id, nullptr});
+  state_touched();
+}
+
+void state_timer_removed(int timer_id, removal_reason reason) {
+  timer_changes.push_back({kRemovedSignal, timer_id, kReasonWords[static_cast<int>(reason)]});
+  state_touched();
+}
+
+void state_timer_fired(int timer_id) {
+  fired_timers.push_back(timer_id);
+  state_touched();
+}
+
+void state_clock_set(void) {
+  ++clock_settings;
+  state_touched();
+}
+
+// The seconds of on-timers do not count.
+static bool is_past(const dravel_item *item) {
+  clock_reading clocks{};
+  get_cur_time(&clocks.now, TIME_TYPE_BROADCAST);
+  std::tm date = item->tm;
+  if (is_ontimer_item(item))
+    date.tm_sec = std::min(date.tm_sec, 0);
+  time_value expiry = unsigned_timegm(&date);
+  if (item->time_type == TIME_TYPE_INTERNET && read_clocks(&clocks) == 0)
+    expiry = add_time_offset(expiry, clocks.offset);
+  return expiry <= clocks.now;
+}
+
+removal_reason reason_of_no_expiry(const dravel_item *item) {
+  if (item->week_flag != 0)
+    return removal_reason::kNever;
+  if (std::ranges::find(fired_timers, item->timer_id) != fired_timers.end())
+    return removal_reason::kFired;
+  return is_past(item) ? removal_reason::kPast : removal_reason::kNever;
+}
+
+void fini_state_object(void) {
+  state_bus = nullptr;
+  state_object = nullptr;
+  state_interface = nullptr;
+}
+
+void init_state_object(E_DBus_Connection *bus) {
+  state_bus = bus;
+  state_object = e_dbus_object_add(bus, kStateObjectPath, nullptr);
+  state_interface = e_dbus_interface_new(kStateInterface);
+  if (state_object == nullptr || state_interface == nullptr) {
+    LOGE("the state object could not be added");
+    fini_state_object();
+    return;
+  }
+  for (const state_property &property : kProperties)
+    e_dbus_interface_property_add(state_interface, property.name, property.type, property.change,
+                                  get_property, nullptr);
+  e_dbus_interface_signal_add(state_interface, kAddedSignal, "i");
+  e_dbus_interface_signal_add(state_interface, kChangedSignal, "i");
+  e_dbus_interface_signal_add(state_interface, kRemovedSignal, "is");
+  e_dbus_object_interface_attach(state_object, state_interface);
+  announced = current_state();
+}
