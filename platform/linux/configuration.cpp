@@ -5,6 +5,7 @@
 #include <glib.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <iterator>
 #include <string_view>
 
@@ -79,7 +80,9 @@ static void take_key(GKeyFile *file, const char *path, const char *key) {
 
 const linux_configuration &configuration() { return current; }
 
-void read_configuration(const char *path) {
+void read_configuration() {
+  const char *given = std::getenv("DRAVEL_CONFIGURATION");
+  const char *path = given == nullptr ? "/etc/dravel-manager.conf" : given;
   current = {};
   g_autoptr(GKeyFile) file = g_key_file_new();
   g_autoptr(GError) error = nullptr;

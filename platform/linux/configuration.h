@@ -17,10 +17,8 @@ struct linux_configuration {
   bool keep_timers = true;
 };
 
-inline constexpr const char *kConfigurationPath = "/etc/dravel-manager.conf";
-
 // The values read last, the defaults before.
 const linux_configuration &configuration();
 
 // A file that does not exist means the defaults.
-void read_configuration(const char *path = kConfigurationPath);
+void read_configuration();
