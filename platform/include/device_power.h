@@ -16,6 +16,12 @@ enum device_power_state {
   DEVICE_POWER_STATE_AMBIENT = 4,
 };
 
+// The wake-up reason of an on-timer, by the timer's type.
+constexpr int device_power_reason_of(unsigned type) {
+  constexpr int kReasons[] = {2, 2, 20, 5, 2, 28, 30, 33, 36, 2, 2, 74, 2, 92, 99, 89};
+  return type < sizeof kReasons / sizeof *kReasons ? kReasons[type] : 2;
+}
+
 // What a state-changed callback is handed: the two fields that callers read, at the service's
 // offsets. Its other fields and its length are the service's own.
 struct device_power_event {

@@ -8,6 +8,41 @@
 #include <deque>
 #include <set>
 #include <string>
+#include <string_view>
+
+// What the set can be told to refuse: every operation that has a way to say so.
+inline constexpr std::string_view kStandinOperations[] = {
+    "device_power_get_state",
+    "device_power_get_ambient_mode",
+    "device_power_get_wakeup_reason",
+    "device_power_set_wakeup_reason",
+    "device_power_set_state",
+    "device_power_request_poweroff",
+    "device_power_subscribe_poweroff",
+    "device_power_subscribe_standby",
+    "device_power_subscribe_wakeup",
+    "device_power_subscribe_ambient_poweroff",
+    "device_power_subscribe_state_changed_event",
+    "device_power_unsubscribe_poweroff",
+    "device_power_unsubscribe_standby",
+    "device_power_unsubscribe_wakeup",
+    "device_power_unsubscribe_ambient_poweroff",
+    "device_power_unsubscribe_state_changed_event",
+    "read_rtc",
+    "set_wakeup_time",
+    "clear_wakeup_time",
+    "GetCurrentTime",
+    "GetClockMode",
+    "Unsigned_timegm",
+    "settings_get_int",
+    "settings_notify_key_changed",
+    "system_info_get_custom_bool",
+    "screen_manager_set_ambient_mode",
+    "CreateSignalSubscriber",
+    "DestroySignalSubscriber",
+    "Subscribe",
+    "Unsubscribe",
+};
 
 // One request that the daemon made of the set, in the words of the bus signal
 // "Requested".

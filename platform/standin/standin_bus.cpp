@@ -131,14 +131,6 @@ void standin_export() {
 void standin_send_requested(const standin_request &request) {
   if (!exported)
     return;
-  // A change of clock asks for the same time again with every timer. A signal takes longer to build
-  // than to copy, and a copy gets a serial number of its own.
-  static standin_request last;
-  static Signal built{nullptr, dbus_message_unref};
-  if (!built || request != last) {
-    built = requested_signal(request);
-    last = request;
-  }
-  const Signal signal{dbus_message_copy(built.get()), dbus_message_unref};
+  const Signal signal = requested_signal(request);
   e_dbus_message_send(e_dbus_bus_get(DBUS_BUS_SYSTEM), signal.get(), nullptr, 0, nullptr);
 }

@@ -33,15 +33,14 @@ template <class Callback>
 int subscribe(const char *operation, const char *subscription, Callback callback, void *user_data) {
   if (standin_refuses(operation))
     return kFailed;
-  return standin_add_callback(subscription, reinterpret_cast<standin_callback>(callback),
-                              user_data);
+  return standin_callbacks().add(subscription, callback, user_data);
 }
 
 template <class Callback>
 int unsubscribe(const char *operation, const char *subscription, Callback callback) {
   if (standin_refuses(operation))
     return kFailed;
-  return standin_remove_callback(subscription, reinterpret_cast<standin_callback>(callback));
+  return standin_callbacks().remove(subscription, callback);
 }
 
 class PowerControl final : public IPowerControl {
@@ -209,7 +208,7 @@ int KintoAPI::CreateSignalSubscriber(SignalCallback callback, ISignalSubscriber 
 int KintoAPI::DestroySignalSubscriber(SignalCallback callback) {
   if (standin_refuses(__func__))
     return kFailed;
-  standin_remove_callback("signal", reinterpret_cast<standin_callback>(callback));
+  standin_callbacks().remove("signal", callback);
   const auto destroyed = std::erase_if(signal_subscribers, [callback](const auto &subscriber) {
     return subscriber->callback == callback;
   });

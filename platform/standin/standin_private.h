@@ -3,6 +3,8 @@
 
 #include "standin.h"
 
+#include <callback_list.h>
+
 #include <span>
 #include <string_view>
 
@@ -19,11 +21,8 @@ bool standin_set_refused_list(std::string_view list);
 // Keeps a request and tells the bus of it.
 void standin_note(const char *operation, std::uint32_t first = 0, std::uint32_t second = 0);
 
-// A callback held for a subscription, which must name static memory. Adding
-// answers 0, or -1 for a null callback; removing answers -1 for one not held.
-using standin_callback = void (*)();
-int standin_add_callback(const char *subscription, standin_callback callback, void *user_data);
-int standin_remove_callback(const char *subscription, standin_callback callback);
+// The callbacks held for the set's events.
+callback_list &standin_callbacks();
 
 // Announces a settings key to its watchers.
 void standin_announce(const char *key);

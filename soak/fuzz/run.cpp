@@ -423,27 +423,12 @@ static void middleware_signal(input &in) {
 
 static void run_clocks(input &in) { standin_run_clocks(in.byte() % 2 != 0); }
 
-// What the daemon asks of a set while it runs.
 static void refuse(input &in) {
-  static constexpr const char *kOperations[] = {"device_power_get_state",
-                                                "device_power_get_ambient_mode",
-                                                "device_power_get_wakeup_reason",
-                                                "device_power_set_wakeup_reason",
-                                                "device_power_set_state",
-                                                "device_power_request_poweroff",
-                                                "read_rtc",
-                                                "set_wakeup_time",
-                                                "clear_wakeup_time",
-                                                "GetCurrentTime",
-                                                "GetClockMode",
-                                                "Unsigned_timegm",
-                                                "settings_get_int",
-                                                "screen_manager_set_ambient_mode"};
-  const std::size_t choice = in.below(std::size(kOperations) + 3);
-  if (choice >= std::size(kOperations))
+  const std::size_t choice = in.below(std::size(kStandinOperations) + 3);
+  if (choice >= std::size(kStandinOperations))
     standin().refused.clear();
   else
-    standin().refused.insert(kOperations[choice]);
+    standin().refused.emplace(kStandinOperations[choice]);
 }
 
 void draw_event(input &in) {

@@ -1,0 +1,9 @@
+// What the environment says about the log: DRAVEL_LOG = debug, info or error is the least priority
+// written; DRAVEL_LOG_STDERR=1 copies every line to standard error, as does a terminal there.
+#pragma once
+
+#include <system_log.h>
+
+system_log_priority threshold_from_environment(system_log_priority otherwise);
+
+void copy_to_stderr(const char *tag, const char *text);

@@ -1,0 +1,29 @@
+// Conversions of time values, unsigned 32-bit seconds since 1970-01-01 00:00:00, that hold whatever
+// the C library's time_t is. What lies outside the range is moved to the nearer end of it.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <limits>
+
+#include <glib.h>
+
+inline constexpr std::uint32_t kLastTimeValue = std::numeric_limits<std::uint32_t>::max();
+
+std::uint32_t to_time_value(std::int64_t seconds);
+
+// The seconds of a broken-down time read as UTC. The fields may hold anything: what is out of range
+// is carried over.
+std::int64_t civil_seconds(const std::tm &time);
+
+// Breaks a time value down as UTC.
+std::tm broken_down(std::uint32_t time);
+
+// The seconds by which `zone` is ahead of UTC at the UTC time `utc`.
+std::int64_t zone_offset(GTimeZone *zone, std::int64_t utc);
+
+std::uint32_t utc_to_local(GTimeZone *zone, std::uint32_t utc);
+
+// A time that the clocks skip in spring is moved to the hour's end; one that they show twice in
+// autumn is taken as standard time, the second of the two.
+std::uint32_t local_to_utc(GTimeZone *zone, std::int64_t local);

@@ -1,0 +1,112 @@
+#include "alarm.h"
+
+#include "clock.h"
+#include "configuration.h"
+#include "journal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+// Shorter than any machine needs to fall asleep and notice.
+static constexpr std::uint32_t kLeastAheadSeconds = 5;
+// The two clocks change their second at different moments.
+static constexpr std::uint32_t kClockSlackSeconds = 2;
+
+static rtc_device *device;
+static wake_up programmed;
+static wake_kind kind = wake_kind::resume;
+static std::uint32_t set_at; // when the device took `programmed`; 0: it did not
+
+static std::uint32_t now() { return static_cast<std::uint32_t>(std::time(nullptr)); }
+
+static std::uint32_t lead() {
+  return kind == wake_kind::boot ? configuration().lead_poweroff : configuration().lead_suspend;
+}
+
+static std::uint32_t alarm_for(std::uint32_t on_time) {
+  return std::max(on_time - std::min(on_time, lead()), now() + kLeastAheadSeconds);
+}
+
+static int refused(const char *what) {
+  report("%s: %s: %s; the machine is not woken by it", configuration().rtc.c_str(), what,
+         std::strerror(errno));
+  return -1;
+}
+
+static int switch_off() {
+  set_at = 0;
+  if (!device->exists() || !device->read_alarm() || device->clear_alarm())
+    return 0;
+  return refused("the alarm is not switched off");
+}
+
+// Set by its distance, the alarm is right whatever the device's clock shows.
+static int write_alarm(std::uint32_t alarm) {
+  if (!device->exists())
+    return 0;
+  const auto clock = device->read_clock();
+  if (!clock)
+    return refused("the clock cannot be read");
+  const std::int64_t time = *clock + (std::int64_t{alarm} - now());
+  if (!device->set_alarm(time))
+    return refused("the alarm is not set");
+  errno = EIO;
+  if (device->read_alarm() != time)
+    return refused("the alarm reads back differently");
+  set_at = now();
+  return 0;
+}
+
+static int program(std::uint32_t type, std::uint32_t on_time) {
+  if (on_time <= now()) {
+    programmed = {};
+    keep_wake_up(programmed);
+    return switch_off();
+  }
+  const wake_up asked = {type, on_time, alarm_for(on_time)};
+  const bool is_held = asked == programmed && set_at == now(); // asked once for each off-timer
+  programmed = asked;
+  keep_wake_up(programmed);
+  return is_held ? 0 : write_alarm(programmed.alarm);
+}
+
+wake_up start_alarm(rtc_device &rtc) {
+  device = &rtc;
+  programmed = {};
+  const wake_up left = kept_wake_up();
+  if (!device->exists())
+    report("%s: there is no real-time clock; the machine is not woken for on-timers",
+           configuration().rtc.c_str());
+  clear_alarm();
+  return left;
+}
+
+int set_alarm(std::uint32_t type, std::uint32_t on_time) { return program(type, on_time); }
+
+int clear_alarm() {
+  programmed = {};
+  keep_wake_up(programmed);
+  return switch_off();
+}
+
+void change_alarm_lead(wake_kind new_kind) {
+  kind = new_kind;
+  if (programmed.on_time != 0)
+    program(programmed.type, programmed.on_time);
+}
+
+const wake_up &programmed_wake_up() { return programmed; }
+
+bool explains(const wake_up &wake, std::uint32_t time) {
+  return wake.alarm != 0 && time + kClockSlackSeconds >= wake.alarm &&
+         time <= std::max(wake.alarm, wake.on_time) + kLatestSeconds;
+}
+
+std::optional<std::uint32_t> read_rtc_utc() {
+  const auto clock = device->read_clock();
+  if (!clock)
+    return std::nullopt;
+  return utc_of_rtc(*clock);
+}

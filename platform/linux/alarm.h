@@ -1,0 +1,30 @@
+// The alarm of the real-time clock: it wakes or boots the machine a lead before the on-time.
+#pragma once
+
+#include "rtc.h"
+#include "state.h"
+
+// Which lead counts: that of a sleep or that of a boot.
+enum class wake_kind { resume, boot };
+
+// A late wake-up is credited until this long after its on-time.
+inline constexpr std::uint32_t kLatestSeconds = 300;
+
+// Reads what the last run left, and switches it off.
+wake_up start_alarm(rtc_device &device);
+
+// Programs `on_time`, UTC, for a timer of `type`. Returns 0, also for an on-time that is past,
+// which is not set, and on a machine without the device; -1 when the device refuses.
+int set_alarm(std::uint32_t type, std::uint32_t on_time);
+int clear_alarm();
+
+// Programs again what is programmed, with the lead for `kind` from now on.
+void change_alarm_lead(wake_kind kind);
+
+const wake_up &programmed_wake_up();
+
+// Whether `wake` explains a machine that came up at `time`, UTC.
+bool explains(const wake_up &wake, std::uint32_t time);
+
+// The real-time clock in UTC.
+std::optional<std::uint32_t> read_rtc_utc();

@@ -1,0 +1,108 @@
+#include "bus.h"
+
+#include "journal.h"
+
+#include <Ecore.h>
+
+#include <cstdarg>
+#include <cstring>
+#include <string>
+
+static sd_event *events;
+static sd_bus *bus;
+
+static void run_events() {
+  while (sd_event_run(events, 0) > 0)
+    continue;
+}
+
+static Eina_Bool events_pending(void *, Ecore_Fd_Handler *) {
+  run_events();
+  return ECORE_CALLBACK_RENEW;
+}
+
+// What other callbacks have queued is written before the main loop sleeps.
+static Eina_Bool main_loop_is_idle(void *) {
+  run_events();
+  return ECORE_CALLBACK_RENEW;
+}
+
+sd_event *bus_events() { return events; }
+
+void start_bus() {
+  sd_event_new(&events);
+  ecore_main_fd_handler_add(sd_event_get_fd(events), ECORE_FD_READ, events_pending, nullptr,
+                            nullptr, nullptr);
+  ecore_idle_enterer_add(main_loop_is_idle, nullptr);
+  const int result = sd_bus_open_system(&bus);
+  if (result < 0) {
+    report("no system bus: %s; the machine is neither sent to sleep nor heard going there",
+           std::strerror(-result));
+    return;
+  }
+  sd_bus_attach_event(bus, events, SD_EVENT_PRIORITY_NORMAL);
+}
+
+void bus_call(const bus_service &service, const char *member, sd_bus_message_handler_t answered,
+              const char *types, ...) {
+  if (bus == nullptr)
+    return;
+  va_list arguments;
+  va_start(arguments, types);
+  sd_bus_call_method_asyncv(bus, nullptr, service.name, service.path, service.interface, member,
+                            answered, nullptr, types, arguments);
+  va_end(arguments);
+}
+
+void bus_get_property(const bus_service &service, const char *property,
+                      sd_bus_message_handler_t answered) {
+  const bus_service properties = {service.name, service.path, "org.freedesktop.DBus.Properties"};
+  bus_call(properties, "Get", answered, "ss", service.interface, property);
+}
+
+void bus_watch_signal(const bus_service &service, const char *member,
+                      sd_bus_message_handler_t received) {
+  if (bus != nullptr)
+    sd_bus_match_signal_async(bus, nullptr, service.name, service.path, service.interface, member,
+                              received, nullptr, nullptr);
+}
+
+static int owner_changed(sd_bus_message *message, void *data, sd_bus_error *) {
+  const char *new_owner = "";
+  sd_bus_message_read(message, "sss", nullptr, nullptr, &new_owner);
+  if (*new_owner != '\0')
+    reinterpret_cast<void (*)()>(data)();
+  return 0;
+}
+
+void bus_watch_service(const bus_service &service, void (*appeared)()) {
+  if (bus == nullptr)
+    return;
+  const std::string match = "type='signal',sender='org.freedesktop.DBus',"
+                            "path='/org/freedesktop/DBus',interface='org.freedesktop.DBus',"
+                            "member='NameOwnerChanged',arg0='" +
+                            std::string(service.name) + "'";
+  sd_bus_add_match_async(bus, nullptr, match.c_str(), owner_changed, nullptr,
+                         reinterpret_cast<void *>(appeared));
+  appeared();
+}
+
+void bus_read_properties(sd_bus_message *message, property_reader take) {
+  if (sd_bus_message_enter_container(message, 'a', "{sv}") <= 0)
+    return;
+  while (sd_bus_message_enter_container(message, 'e', "sv") > 0) {
+    const char *name = "";
+    sd_bus_message_read(message, "s", &name);
+    if (!take(name, message))
+      sd_bus_message_skip(message, "v");
+    sd_bus_message_exit_container(message);
+  }
+  sd_bus_message_exit_container(message);
+}
+
+bool bus_refused(sd_bus_message *reply, const bus_service &service, const char *consequence) {
+  const sd_bus_error *error = sd_bus_message_get_error(reply);
+  if (error != nullptr)
+    report("%s: %s; %s", service.name, error->message, consequence);
+  return error != nullptr;
+}

@@ -1,0 +1,43 @@
+// The platform's own connection to the system bus, run from the Ecore main loop. Nothing here waits
+// for an answer. Without a bus every call is left out.
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+struct bus_service {
+  const char *name;
+  const char *path;
+  const char *interface;
+};
+
+inline constexpr bus_service kLogind = {"org.freedesktop.login1", "/org/freedesktop/login1",
+                                        "org.freedesktop.login1.Manager"};
+inline constexpr bus_service kTimedated = {
+    "org.freedesktop.timedate1", "/org/freedesktop/timedate1", "org.freedesktop.timedate1"};
+inline constexpr bus_service kSystemd = {"org.freedesktop.systemd1", "/org/freedesktop/systemd1",
+                                         "org.freedesktop.systemd1.Manager"};
+
+void start_bus();
+
+// The event loop behind the connection, for other files to be watched with.
+sd_event *bus_events();
+
+// `answered` gets the reply or the error; null where neither matters.
+void bus_call(const bus_service &service, const char *member, sd_bus_message_handler_t answered,
+              const char *types, ...);
+void bus_get_property(const bus_service &service, const char *property,
+                      sd_bus_message_handler_t answered);
+void bus_watch_signal(const bus_service &service, const char *member,
+                      sd_bus_message_handler_t received);
+
+// Calls `appeared` now, and again whenever the service gets a new owner.
+void bus_watch_service(const bus_service &service, void (*appeared)());
+
+// Calls `take` for each pair of an array of names and variants. It reads the variant and returns
+// true, or returns false and leaves it.
+using property_reader = bool (*)(const char *name, sd_bus_message *value);
+void bus_read_properties(sd_bus_message *message, property_reader take);
+
+// True for an error, which is logged as "SERVICE: ERROR: consequence".
+bool bus_refused(sd_bus_message *reply, const bus_service &service, const char *consequence);

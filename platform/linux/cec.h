@@ -1,0 +1,29 @@
+// The HDMI-CEC adapter. What the television says arrives at screen_received (screen.h).
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+class cec_adapter {
+public:
+  // Opens what the configuration names, after what was open is closed.
+  virtual void start() = 0;
+
+  // Whether there is a way to the television at all.
+  virtual bool exists() = 0;
+
+  // Its physical address on the HDMI cable, or kNoPhysicalAddress: then only a message without an
+  // address of our own may be sent, as Image View On is.
+  virtual std::uint16_t physical_address() = 0;
+
+  // Queues opcode and operands. Whether they arrived is not told.
+  virtual void send(std::uint8_t destination, std::span<const std::uint8_t> message) = 0;
+
+protected:
+  ~cec_adapter() = default;
+};
+
+inline constexpr std::uint16_t kNoPhysicalAddress = 0xffff;
+
+// The machine's: of several adapters the first that has a television.
+cec_adapter &machine_cec();

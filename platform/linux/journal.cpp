@@ -1,0 +1,68 @@
+#include "journal.h"
+
+#include <log_output.h>
+#include <system_log.h>
+
+#include <glib.h>
+#include <syslog.h>
+#define SD_JOURNAL_SUPPRESS_LOCATION
+#include <systemd/sd-journal.h>
+
+#include <cstdarg>
+#include <cstring>
+#include <string_view>
+
+static constexpr const char *kTag = "DRAVEL_LINUX";
+static constexpr std::string_view kDaemonTag = "DRAVEL_MANAGER";
+
+// A change of clock writes hundreds of lines below error priority.
+system_log_priority system_log_threshold = threshold_from_environment(SYSTEM_LOG_ERROR);
+
+// The daemon gives its progress lines error priority, too. An error is what says that something
+// failed; an item that a caller asked for and that is not there, or a time update that did not
+// come, is none.
+static bool tells_of_failure(const char *format) {
+  return (std::strstr(format, "ailed") != nullptr || std::strstr(format, "Error ") != nullptr) &&
+         std::strstr(format, "failed to get ") == nullptr &&
+         std::strstr(format, "failed auto_time_set") == nullptr;
+}
+
+static int journal_priority(system_log_priority priority, const char *tag, const char *format) {
+  switch (priority) {
+  case SYSTEM_LOG_DEBUG:
+    return LOG_DEBUG;
+  case SYSTEM_LOG_INFO:
+    return LOG_INFO;
+  default:
+    return tag == kDaemonTag && !tells_of_failure(format) ? LOG_NOTICE : LOG_ERR;
+  }
+}
+
+static void write_line(system_log_priority priority, const char *tag, const char *format,
+                       va_list arguments) {
+  g_autofree char *text = g_strchomp(g_strdup_vprintf(format, arguments));
+  sd_journal_send("PRIORITY=%d", journal_priority(priority, tag, format), "SYSLOG_IDENTIFIER=%s",
+                  tag, "MESSAGE=%s", text, nullptr);
+  copy_to_stderr(tag, text);
+}
+
+void system_log_print(system_log_priority priority, const char *tag, const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  write_line(priority, tag, format, arguments);
+  va_end(arguments);
+}
+
+void report(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  write_line(SYSTEM_LOG_ERROR, kTag, format, arguments);
+  va_end(arguments);
+}
+
+void note(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  write_line(SYSTEM_LOG_INFO, kTag, format, arguments);
+  va_end(arguments);
+}

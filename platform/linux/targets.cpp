@@ -1,0 +1,64 @@
+#include "targets.h"
+
+#include "bus.h"
+#include "journal.h"
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+static void (*off_ended)();
+
+static void end_off() {
+  if (const auto ended = std::exchange(off_ended, nullptr))
+    ended();
+}
+
+static int target_answered(sd_bus_message *reply, void *, sd_bus_error *) {
+  bus_refused(reply, kSystemd, "what is hooked to this target does not run");
+  return 0;
+}
+
+static int off_answered(sd_bus_message *reply, void *, sd_bus_error *) {
+  if (bus_refused(reply, kSystemd, "what is hooked to dravel-off.target does not run"))
+    end_off();
+  return 0;
+}
+
+static int job_removed(sd_bus_message *message, void *, sd_bus_error *) {
+  const char *unit = "";
+  sd_bus_message_read(message, "uos", nullptr, nullptr, &unit);
+  if (unit == std::string_view{kOffTarget})
+    end_off();
+  return 0;
+}
+
+static int subscribe_answered(sd_bus_message *reply, void *, sd_bus_error *) {
+  bus_refused(reply, kSystemd, "what is hooked to the dravel targets does not run");
+  return 0;
+}
+
+// Without a subscriber it sends no signals.
+static void systemd_appeared() { bus_call(kSystemd, "Subscribe", subscribe_answered, ""); }
+
+void start_targets() {
+  bus_watch_signal(kSystemd, "JobRemoved", job_removed);
+  bus_watch_service(kSystemd, systemd_appeared);
+}
+
+void start_target(const char *unit) {
+  bus_call(kSystemd, "RestartUnit", target_answered, "ss", unit, "replace");
+}
+
+void stop_target(const char *unit) {
+  bus_call(kSystemd, "StopUnit", target_answered, "ss", unit, "replace");
+}
+
+void start_off_target(void (*ended)()) {
+  off_ended = ended;
+  bus_call(kSystemd, "RestartUnit", off_answered, "ss", kOffTarget, "replace");
+}
+
+void start_wakeup_target(int reason) {
+  start_target(("dravel-wakeup@" + std::to_string(reason) + ".target").c_str());
+}

@@ -1,0 +1,18 @@
+// The targets that are started for what is done to the set; whatever is hooked to them runs.
+#pragma once
+
+inline constexpr const char *kOnTarget = "dravel-on.target";
+inline constexpr const char *kOffTarget = "dravel-off.target";
+inline constexpr const char *kAmbientTarget = "dravel-ambient.target";
+
+void start_targets();
+
+// Starts a target; one that is active already is started again, so that its hooks run every time.
+void start_target(const char *unit);
+void stop_target(const char *unit);
+
+// Starts kOffTarget. `ended` is called once, when all that is hooked to it has run or cannot.
+void start_off_target(void (*ended)());
+
+// Starts dravel-wakeup@REASON.target.
+void start_wakeup_target(int reason);

@@ -1,0 +1,52 @@
+#!/usr/bin/python3
+"""Plays logind, timedated and systemd on the system bus: `services.py NAME...`.
+
+Each answers what the platform asks. Calls are seen by dbusmock's signal MethodCalled; its methods
+EmitSignal, UpdateProperties and AddMethod change what happens. A line is printed when all are there.
+"""
+
+import sys
+
+import dbus
+import dbus.mainloop.glib
+from dbusmock import mockobject
+from gi.repository import GLib
+
+SERVICES = {
+    "login1": (
+        "org.freedesktop.login1.Manager",
+        {"BlockInhibited": "", "IdleHint": False},
+        [
+            # A file whose name tells who holds it.
+            ("Inhibit", "ssss", "h", "ret = dbus.types.UnixFd(open('/tmp/inhibitor', 'w'))"),
+            ("Suspend", "b", "", ""),
+            ("PowerOff", "b", "", ""),
+            ("Hibernate", "b", "", ""),
+        ],
+    ),
+    "timedate1": (
+        "org.freedesktop.timedate1",
+        {"NTP": False, "NTPSynchronized": False, "Timezone": "UTC"},
+        [],
+    ),
+    "systemd1": (
+        "org.freedesktop.systemd1.Manager",
+        {},
+        [
+            ("Subscribe", "", "", ""),
+            ("RestartUnit", "ss", "o", "ret = dbus.ObjectPath('/org/freedesktop/systemd1/job/1')"),
+            ("StopUnit", "ss", "o", "ret = dbus.ObjectPath('/org/freedesktop/systemd1/job/2')"),
+        ],
+    ),
+}
+
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+bus = dbus.SystemBus()
+played = []
+for name in sys.argv[1:]:
+    interface, properties, methods = SERVICES[name]
+    bus_name = dbus.service.BusName("org.freedesktop." + name, bus)
+    played.append(mockobject.DBusMockObject(bus_name, "/org/freedesktop/" + name, interface, properties, "/dev/null"))
+    played[-1].AddMethods(interface, methods)
+print("ready", flush=True)
+GLib.MainLoop().run()
