@@ -50,10 +50,10 @@ struct record_field {
 constexpr int kNoArgument = -1;
 
 // The fields of a record in the order of its table's columns, from the row id on.
-template <typename Record> inline constexpr std::array<record_field, 0> record_fields{};
+template <typename Record> inline constexpr std::array<record_field, 0> kRecordFields{};
 
 template <>
-inline constexpr std::array<record_field, 17> record_fields<dravel_item> = {{
+inline constexpr std::array<record_field, 17> kRecordFields<dravel_item> = {{
     {offsetof(dravel_item, timer_id), TIMER_WORD_ID, kNoArgument},
     {offsetof(dravel_item, type), TIMER_WORD_TYPE, TIMER_ARG_TYPE},
     {offsetof(dravel_item, priority), TIMER_WORD_PRIORITY, TIMER_ARG_PRIORITY},
@@ -75,7 +75,7 @@ inline constexpr std::array<record_field, 17> record_fields<dravel_item> = {{
 }};
 
 template <>
-inline constexpr std::array<record_field, 21> record_fields<disabled_period_item> = {{
+inline constexpr std::array<record_field, 21> kRecordFields<disabled_period_item> = {{
     {offsetof(disabled_period_item, period_id), PERIOD_WORD_ID, kNoArgument},
     {offsetof(disabled_period_item, start_tm.tm_sec), PERIOD_WORD_START_SEC, PERIOD_ARG_START_SEC},
     {offsetof(disabled_period_item, start_tm.tm_min), PERIOD_WORD_START_MIN, PERIOD_ARG_START_MIN},
@@ -108,12 +108,12 @@ inline constexpr std::array<record_field, 21> record_fields<disabled_period_item
 }};
 
 // The words of a record's image, and the arguments of the method that makes one.
-template <typename Record> inline constexpr std::size_t image_words = 0;
-template <> inline constexpr std::size_t image_words<dravel_item> = TIMER_WORDS;
-template <> inline constexpr std::size_t image_words<disabled_period_item> = PERIOD_WORDS;
-template <typename Record> inline constexpr std::size_t argument_count = 0;
-template <> inline constexpr std::size_t argument_count<dravel_item> = TIMER_ARGS;
-template <> inline constexpr std::size_t argument_count<disabled_period_item> = PERIOD_ARGS;
+template <typename Record> inline constexpr std::size_t kImageWords = 0;
+template <> inline constexpr std::size_t kImageWords<dravel_item> = TIMER_WORDS;
+template <> inline constexpr std::size_t kImageWords<disabled_period_item> = PERIOD_WORDS;
+template <typename Record> inline constexpr std::size_t kArgumentCount = 0;
+template <> inline constexpr std::size_t kArgumentCount<dravel_item> = TIMER_ARGS;
+template <> inline constexpr std::size_t kArgumentCount<disabled_period_item> = PERIOD_ARGS;
 
 template <typename Record> int &field_of(Record &record, const record_field &field) {
   return *reinterpret_cast<int *>(reinterpret_cast<char *>(&record) + field.offset);
@@ -125,6 +125,6 @@ template <typename Record> int field_of(const Record &record, const record_field
 
 // Copies every listed field; the zone members keep what they hold.
 template <typename Record> void copy_fields(Record &to, const Record &from) {
-  for (const record_field &field : record_fields<Record>)
+  for (const record_field &field : kRecordFields<Record>)
     field_of(to, field) = field_of(from, field);
 }

@@ -93,7 +93,7 @@ struct sql_result {
 // A statement's text, cut off at the limit of the buffer.
 struct statement {
   char text[1024] = "";
-  static constexpr std::size_t limit = sizeof text - 1;
+  static constexpr std::size_t kLimit = sizeof text - 1;
 };
 
 using open_file = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
@@ -113,7 +113,7 @@ static sql_result execute(sqlite3 *db, const char *sql, row_callback callback = 
 template <typename... Values>
 static sql_result execute_with(sqlite3 *db, const char *format, Values... values) {
   statement sql;
-  std::snprintf(sql.text, statement::limit, format, values...);
+  std::snprintf(sql.text, statement::kLimit, format, values...);
   return execute(db, sql.text);
 }
 
@@ -121,8 +121,8 @@ static sql_result execute_with(sqlite3 *db, const char *format, Values... values
 template <std::size_t First, typename Record, std::size_t... I, typename... Last>
 static void format_fields(char *buf, const char *format, const Record &record,
                           std::index_sequence<I...>, Last... last) {
-  std::snprintf(buf, statement::limit, format,
-                field_of(record, record_fields<Record>[First + I])..., last...);
+  std::snprintf(buf, statement::kLimit, format,
+                field_of(record, kRecordFields<Record>[First + I])..., last...);
 }
 
 // Column values are decimal text. A NULL counts as 0, and a number beyond 32
@@ -140,12 +140,12 @@ static int column_value(const char *text) {
 template <typename Record>
 static void parse_row(Record &record, std::size_t fields, int columns, char **values) {
   for (std::size_t i = 0; i < fields && i < static_cast<std::size_t>(columns); ++i)
-    field_of(record, record_fields<Record>[i]) = column_value(values[i]);
+    field_of(record, kRecordFields<Record>[i]) = column_value(values[i]);
 }
 
 template <typename Record> static void deliver_row(void *fn, int columns, char **values) {
   Record row{};
-  parse_row(row, record_fields<Record>.size(), columns, values);
+  parse_row(row, kRecordFields<Record>.size(), columns, values);
   (*static_cast<int (**)(const Record *)>(fn))(&row);
 }
 
@@ -436,8 +436,8 @@ static void __set_db_version(void) {
 // Version 0 had the columns up to `week_flag` as they are now, and the rest of
 // them in another order.
 static void __load_data_from_db(dravel_item *item, int columns, char **values) {
-  constexpr std::size_t fields_of_version_0 = 15;
-  parse_row(*item, fields_of_version_0, columns, values);
+  constexpr std::size_t kFieldsOfVersion0 = 15;
+  parse_row(*item, kFieldsOfVersion0, columns, values);
   item->time_type = TIME_TYPE_BROADCAST;
 
   const std::tm &tm = item->tm;

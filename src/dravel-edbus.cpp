@@ -85,10 +85,10 @@ private:
 template <typename Record>
 static bool read_record(method_call &call, Record &record,
                         const char *handler = __builtin_FUNCTION()) {
-  std::array<dbus_int32_t, argument_count<Record>> arguments{};
+  std::array<dbus_int32_t, kArgumentCount<Record>> arguments{};
   if (!call.read(arguments, handler))
     return false;
-  for (const record_field &field : record_fields<Record>) {
+  for (const record_field &field : kRecordFields<Record>) {
     if (field.argument != kNoArgument)
       field_of(record, field) = arguments[static_cast<std::size_t>(field.argument)];
   }
@@ -98,12 +98,12 @@ static bool read_record(method_call &call, Record &record,
 // Fills an image: little-endian words at their fixed places, whatever the host's own layout is.
 // Words that no field fills must be 0 already.
 template <typename Record> static void put_image(std::uint32_t *image, const Record &record) {
-  for (const record_field &field : record_fields<Record>)
+  for (const record_field &field : kRecordFields<Record>)
     image[field.word] = htole32(static_cast<std::uint32_t>(field_of(record, field)));
 }
 
 static DBusMessage *reply_item(method_call &call, const dravel_item &item, int result) {
-  std::array<std::uint32_t, image_words<dravel_item>> image{};
+  std::array<std::uint32_t, kImageWords<dravel_item>> image{};
   put_image(image.data(), item);
   return call.reply_image(result, image.data(), image.size());
 }
@@ -124,7 +124,7 @@ template <typename Record>
 static DBusMessage *reply_list(method_call &call, Eina_List *list,
                                const char *handler = __builtin_FUNCTION()) {
   const std::size_t count = eina_list_count(list);
-  const std::size_t words = count * image_words<Record>;
+  const std::size_t words = count * kImageWords<Record>;
   // One word more, so that an empty list has its buffer too.
   g_autofree std::uint32_t *images = g_try_new0(std::uint32_t, words + 1);
   if (images == nullptr) {
@@ -134,7 +134,7 @@ static DBusMessage *reply_list(method_call &call, Eina_List *list,
   std::uint32_t *image = images;
   for (const Record *record : items_of<Record>(list)) {
     put_image(image, *record);
-    image += image_words<Record>;
+    image += kImageWords<Record>;
   }
   return call.reply_image(static_cast<dbus_int32_t>(count), images, words);
 }
@@ -325,9 +325,9 @@ static bool is_same_file(const GStatBuf &source, const char *destination) {
 // cut costs what was there. A pipe would keep the daemon waiting. The store copied over itself
 // stays the file that is open.
 static void copy_file(const char *source, const char *destination, GError **failure) {
-  constexpr auto whole_or_not = static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT |
-                                                                   G_FILE_SET_CONTENTS_DURABLE);
-  constexpr unsigned permissions = 07777;
+  constexpr auto kWholeOrNot = static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT |
+                                                                  G_FILE_SET_CONTENTS_DURABLE);
+  constexpr unsigned kPermissions = 07777;
   GStatBuf status;
   if (g_stat(source, &status) != 0 || !S_ISREG(status.st_mode)) {
     g_set_error(failure, G_FILE_ERROR, G_FILE_ERROR_INVAL, "%s is no regular file", source);
@@ -335,12 +335,12 @@ static void copy_file(const char *source, const char *destination, GError **fail
   }
   if (is_same_file(status, destination))
     return;
-  const mode_t mode = status.st_mode & permissions;
+  const mode_t mode = status.st_mode & kPermissions;
   g_autofree char *contents = nullptr;
   gsize size = 0;
   // A file system without permissions refuses the last step, and loses nothing by it.
   if (g_file_get_contents(source, &contents, &size, failure) &&
-      g_file_set_contents_full(destination, contents, static_cast<gssize>(size), whole_or_not,
+      g_file_set_contents_full(destination, contents, static_cast<gssize>(size), kWholeOrNot,
                                static_cast<int>(mode), failure))
     (void)g_chmod(destination, mode);
 }

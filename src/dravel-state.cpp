@@ -118,9 +118,9 @@ static shown_state current_state(void) {
   return state;
 }
 
-template <auto field, int type>
+template <auto Field, int Type>
 static void append_basic(const shown_state &state, DBusMessageIter *out) {
-  dbus_message_iter_append_basic(out, type, &(state.*field));
+  dbus_message_iter_append_basic(out, Type, &(state.*Field));
 }
 
 static void append_struct(DBusMessageIter *out,
@@ -148,8 +148,8 @@ static void append_wakeup(const shown_state &state, DBusMessageIter *out) {
                       {DBUS_TYPE_BOOLEAN, &wakeup.is_utc}});
 }
 
-template <auto field> static bool differs(const shown_state &one, const shown_state &other) {
-  return one.*field != other.*field;
+template <auto Field> static bool differs(const shown_state &one, const shown_state &other) {
+  return one.*Field != other.*Field;
 }
 
 // The armed timers may be 80, and the clock's value is old when it arrives: they are named alone.
