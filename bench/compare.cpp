@@ -1,7 +1,7 @@
 // The daemon beside a bare service, measured in turn on one bus: medians, and how many times the
 // daemon takes what the bare service takes.
 //
-// Usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY   in scripts/house
+// Usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY   in scripts/sandbox
 
 #include <algorithm>
 #include <cstdio>
@@ -10,10 +10,11 @@
 #include <fstream>
 #include <map>
 #include <optional>
+#include <stdexcept>
 
 #include <unistd.h>
 
-#include "house.h"
+#include "measure.h"
 
 namespace fs = std::filesystem;
 
@@ -31,7 +32,7 @@ struct figures {
   double bare;
 };
 
-// A directory for the store: the house's own, which lies in memory, or one on a disk.
+// A directory for the store: the sandbox's own, which lies in memory, or one on a disk.
 struct place {
   const char *name;
   std::string directory;
@@ -42,16 +43,16 @@ struct place {
 struct pair_of_services {
   pair_of_services(bus_client &bus, int timers, bool repeating) : client(bus) {
     empty_store();
-    ours.emplace(bus, daemon_service, std::vector{daemon_program});
+    ours.emplace(start_service(bus, kDaemon, {daemon_program}));
     for (int i = 0; i < timers; ++i)
-      bus.schedule(daemon_service, household_timer(wall_clock(), i, repeating));
-    fs::copy_file(daemon_store, bare_store);
-    bare.emplace(bus, bare_service, std::vector<std::string>{bare_program, bare_store});
+      bus.schedule(kDaemon, household_timer(wall_clock(), i, repeating));
+    fs::copy_file(kDravelDbPath, kBareStore);
+    bare.emplace(start_service(bus, kBare, {bare_program, kBareStore}));
   }
 
   bus_client &client;
-  std::optional<service> ours;
-  std::optional<service> bare;
+  std::optional<process> ours;
+  std::optional<process> bare;
 };
 
 } // namespace
@@ -103,6 +104,15 @@ static void print_figure(const std::string &what, double value, const char *unit
   std::fflush(stdout);
 }
 
+// Gives the bare service the images of a list.
+static void keep(bus_client &bus, const words &list) {
+  message request = method_call(kBare, "keep");
+  const std::int32_t *images = &list[1];
+  dbus_message_append_args(request.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &images,
+                           static_cast<int>((list.size() - 1) * sizeof list[1]), DBUS_TYPE_INVALID);
+  bus.send(std::move(request));
+}
+
 static void use(const place &where) {
   fs::remove_all("/opt/dbspace");
   if (where.directory.empty()) {
@@ -118,24 +128,24 @@ static void use(const place &where) {
 static void compare_empty_calls(bus_client &bus) {
   const pair_of_services both(bus, 0, true);
   const auto ask = [&](const bus_target &target) {
-    const dbus_int32_t unused = 0;
+    const int unused = 0;
     return timed([&] { bus.call(target, "request_get_timers_halt_effect", {&unused, 1}); });
   };
   print_row("empty round trip",
             in_turn(
-                2000, [&] { return ask(daemon_service); }, [&] { return ask(bare_service); }),
+                2000, [&] { return ask(kDaemon); }, [&] { return ask(kBare); }),
             "us");
 }
 
 static void compare_list(bus_client &bus) {
   const pair_of_services both(bus, full_list, true);
-  bus.keep(bare_service, bus.list(daemon_service));
-  if (bus.list(daemon_service) != bus.list(bare_service))
-    fail("the two lists differ");
+  keep(bus, bus.list(kDaemon));
+  if (bus.list(kDaemon) != bus.list(kBare))
+    throw std::runtime_error("the two lists differ");
   const auto ask = [&](const bus_target &target) { return timed([&] { bus.list(target); }); };
   print_row("list of " + std::to_string(full_list),
             in_turn(
-                2000, [&] { return ask(daemon_service); }, [&] { return ask(bare_service); }),
+                2000, [&] { return ask(kDaemon); }, [&] { return ask(kBare); }),
             "us");
 }
 
@@ -147,11 +157,10 @@ static void compare_schedule_and_cancel(bus_client &bus, const place &where, int
   const auto run = [&](const bus_target &target) {
     return timed([&] { bus.cancel(target, bus.schedule(target, added)); });
   };
-  print_row(
-      "schedule + cancel, " + std::to_string(listed) + " listed",
-      in_turn(
-          where.rounds, [&] { return run(daemon_service); }, [&] { return run(bare_service); }),
-      "us");
+  print_row("schedule + cancel, " + std::to_string(listed) + " listed",
+            in_turn(
+                where.rounds, [&] { return run(kDaemon); }, [&] { return run(kBare); }),
+            "us");
 }
 
 // The clock stands at half a minute, where no timer is due, and goes forth and back. SQLite writes
@@ -162,22 +171,22 @@ static void compare_clock_change(bus_client &bus, const place &where, const char
   const pair_of_services both(bus, full_list - 1, false);
   constexpr std::uint32_t minute = 60;
   const std::uint32_t now = wall_clock() / minute * minute + minute / 2;
-  bus.set_property("ClocksRunning", DBUS_TYPE_BOOLEAN, 0);
+  bus.set_property("ClocksRunning", "false");
   std::vector<double> ours_took;
   std::vector<double> bare_took;
   for (int round = 0; round < where.rounds / 10; ++round) {
-    bus.set_property("TvClock", DBUS_TYPE_UINT32, round % 2 == 0 ? now + distance : now);
-    const double ours = timed([&] { bus.call(daemon_set, "TimeSet"); });
-    bus.keep(bare_service, bus.list(daemon_service));
-    const double bare = timed([&] { bus.call(bare_service, "update_all"); });
+    bus.set_property("TvClock", u32(round % 2 == 0 ? now + distance : now));
+    const double ours = timed([&] { bus.call(kStandin, "TimeSet"); });
+    keep(bus, bus.list(kDaemon));
+    const double bare = timed([&] { bus.call(kBare, "update_all"); });
     if (round < 2) // warming up
       continue;
     ours_took.push_back(ours);
     bare_took.push_back(bare);
   }
-  if (bus.list(daemon_service).size() != 76 * (full_list - 1))
-    fail("the clock change left " + std::to_string(bus.list(daemon_service).size() / 76) +
-         " timers");
+  if (bus.list(kDaemon).size() != 1 + TIMER_WORDS * (full_list - 1))
+    throw std::runtime_error("the clock change left " + std::to_string(bus.list(kDaemon)[0]) +
+                             " timers");
   print_row(what, {median(ours_took), median(bare_took)}, "us");
 }
 
@@ -188,34 +197,34 @@ static double memory_of(pid_t pid, const char *file, const char *field) {
   for (std::string line; std::getline(in, line);)
     if (line.starts_with(field))
       return std::atof(line.c_str() + std::strlen(field) + 1);
-  fail(std::string(file) + " has no " + field);
+  throw std::runtime_error(std::string(file) + " has no " + field);
 }
 
 static void compare_starts(bus_client &bus, int rounds) {
   { const pair_of_services filled(bus, full_list - 1, true); }
   const auto start = [&](const bus_target &target, const std::string &program) {
-    std::optional<service> started;
+    std::optional<process> started;
     return timed([&] {
-             started.emplace(bus, target, std::vector{program});
-             const dbus_int32_t unused = 0;
+             started.emplace(start_service(bus, target, {program}));
+             const int unused = 0;
              bus.call(target, "request_get_timers_halt_effect", {&unused, 1});
            }) /
            1000;
   };
   print_row("start with 79 stored timers, to the first answer",
             in_turn(
-                rounds, [&] { return start(daemon_service, daemon_program); },
-                [&] { return start(bare_service, bare_program); }),
+                rounds, [&] { return start(kDaemon, daemon_program); },
+                [&] { return start(kBare, bare_program); }),
             "ms");
 }
 
 static void compare_memory(bus_client &bus) {
   { const pair_of_services filled(bus, full_list - 1, true); }
-  const service ours(bus, daemon_service, {daemon_program});
-  const service bare(bus, bare_service, {bare_program});
-  if (bus.list(daemon_service).size() != 76 * (full_list - 1))
-    fail("stored timers are missing");
-  bus.list(bare_service);
+  const process ours = start_service(bus, kDaemon, {daemon_program});
+  const process bare = start_service(bus, kBare, {bare_program});
+  if (bus.list(kDaemon).size() != 1 + TIMER_WORDS * (full_list - 1))
+    throw std::runtime_error("stored timers are missing");
+  bus.list(kBare);
   const auto both = [&](const char *file, const char *field) {
     return figures{memory_of(ours.pid(), file, field), memory_of(bare.pid(), file, field)};
   };
@@ -264,18 +273,18 @@ static void measure_lateness(bus_client &bus) {
   constexpr useconds_t apart_us = 1000000 / (ordinary + transient);
 
   empty_store();
-  const service ours(bus, daemon_service, {daemon_program});
+  const process ours = start_service(bus, kDaemon, {daemon_program});
   bus.listen("type='signal',path='/org/olvara/tv/system/dravel',member='dravel_expired'");
   for (int i = 0; i < 40; ++i)
-    bus.schedule(daemon_service, timer_at(wall_clock() + 7200 + 900U * static_cast<unsigned>(i),
-                                          i % 2 == 0 ? 2 : off_timer, 0x7f));
+    bus.schedule(kDaemon, timer_at(wall_clock() + 7200 + 900U * static_cast<unsigned>(i),
+                                   i % 2 == 0 ? 2 : off_timer, 0x7f));
 
   const std::uint32_t start = wall_clock() + 4;
   std::map<int, due_timer> awaited;
   const auto set = [&](int type, std::uint32_t due) {
     const std::uint32_t second = wall_clock();
     const double before = precise_wall_clock();
-    const int id = bus.schedule(daemon_service, timer_at(due, type, 0));
+    const int id = bus.schedule(kDaemon, timer_at(due, type, 0));
     const double armed = (before + precise_wall_clock()) / 2;
     awaited[id] = {static_cast<double>(due), wall_clock() == second ? armed - second : -1};
     usleep(apart_us);
@@ -290,12 +299,12 @@ static void measure_lateness(bus_client &bus) {
   bus.receive([&](DBusMessage *arrived) {
     const double now = precise_wall_clock();
     dbus_int32_t id = 0;
-    if (!dbus_message_is_signal(arrived, daemon_service.interface, "dravel_expired") ||
+    if (!dbus_message_is_signal(arrived, kDaemon.interface, "dravel_expired") ||
         !dbus_message_get_args(arrived, nullptr, DBUS_TYPE_INT32, &id, DBUS_TYPE_INVALID))
       return false;
     const auto found = awaited.find(id);
     if (found == awaited.end())
-      fail("a timer fired that was not due");
+      throw std::runtime_error("a timer fired that was not due");
     const auto [due, into_second] = found->second;
     late.push_back(now - due);
     if (id < 0 && into_second >= 0) // transient ones have kept the arming that the client saw
@@ -308,13 +317,13 @@ static void measure_lateness(bus_client &bus) {
 }
 
 int main(int argc, char **argv) {
-  if (argc != 4)
-    fail("usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY");
-  prepare_house();
+  if (argc != 4) {
+    std::fprintf(stderr, "usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY\n");
+    return 64;
+  }
+  prepare_measuring();
   daemon_program = argv[1];
   bare_program = argv[2];
-  setenv("DRAVEL_STANDIN", "/run/bench/set.ini", 1);
-  std::ofstream("/run/bench/set.ini") << "[set]\nTimeZone=UTC\n";
 
   bus_client bus;
   std::printf("  %-46s %9s %9s %-3s %6s\n", "", "daemon", "bare", "", "ratio");

@@ -1,7 +1,7 @@
 // What single operations of the daemon cost, in this process on its library and the pretend set;
 // and what whole calls cost, on the bus with the real daemon.
 //
-// Run through scripts/bench --single, which sees to the house and to the log.
+// Run through scripts/bench --single, which sees to the sandbox and to the log.
 
 #include <cstdlib>
 #include <filesystem>
@@ -18,7 +18,7 @@
 #include "dravel-item.h"
 #include "dravel-timer.h"
 #include "dravel-util.h"
-#include "house.h"
+#include "measure.h"
 
 // An empty database beside the daemon's own.
 static constexpr const char *sql_store = "/opt/dbspace/sql.db";
@@ -84,38 +84,38 @@ static constexpr const char *daemon_program = DRAVEL_MANAGER;
 
 static void fill(bus_client &bus, int timers) {
   for (int i = 0; i < timers; ++i)
-    bus.schedule(daemon_service, household_timer(wall_clock(), i, true));
+    bus.schedule(kDaemon, household_timer(wall_clock(), i, true));
 }
 
 static void empty_round_trip(benchmark::State &state) {
   empty_store();
   bus_client bus;
-  const service ours(bus, daemon_service, {daemon_program});
-  const dbus_int32_t unused = 0;
+  const process ours = start_service(bus, kDaemon, {daemon_program});
+  const int unused = 0;
   for (auto _ : state)
-    bus.call(daemon_service, "request_get_timers_halt_effect", {&unused, 1});
+    bus.call(kDaemon, "request_get_timers_halt_effect", {&unused, 1});
 }
 BENCHMARK(empty_round_trip)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 static void list_round_trip(benchmark::State &state) {
   empty_store();
   bus_client bus;
-  const service ours(bus, daemon_service, {daemon_program});
+  const process ours = start_service(bus, kDaemon, {daemon_program});
   fill(bus, static_cast<int>(state.range(0)));
   for (auto _ : state)
-    benchmark::DoNotOptimize(bus.list(daemon_service));
+    benchmark::DoNotOptimize(bus.list(kDaemon));
 }
 BENCHMARK(list_round_trip)->Arg(0)->Arg(80)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 static void schedule_and_cancel_round_trips(benchmark::State &state) {
   empty_store();
   bus_client bus;
-  const service ours(bus, daemon_service, {daemon_program});
+  const process ours = start_service(bus, kDaemon, {daemon_program});
   const int listed = static_cast<int>(state.range(0));
   fill(bus, listed);
   const timer_arguments added = household_timer(wall_clock(), listed / 2, false);
   for (auto _ : state)
-    bus.cancel(daemon_service, bus.schedule(daemon_service, added));
+    bus.cancel(kDaemon, bus.schedule(kDaemon, added));
 }
 BENCHMARK(schedule_and_cancel_round_trips)
     ->Arg(0)
@@ -130,7 +130,7 @@ static void bare_insert_and_delete(benchmark::State &state) {
   initialize_dravel_db();
   for (int i = 0; i < static_cast<int>(state.range(0)); ++i)
     add_dravel_item(make(household_timer(wall_clock(), i, true)));
-  std::filesystem::copy_file(daemon_store, sql_store);
+  std::filesystem::copy_file(kDravelDbPath, sql_store);
   remove_all();
   close_dravel_db();
 
@@ -153,9 +153,7 @@ static void bare_insert_and_delete(benchmark::State &state) {
 BENCHMARK(bare_insert_and_delete)->Arg(0)->Arg(40)->Arg(79)->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char **argv) {
-  prepare_house();
-  setenv("DRAVEL_STANDIN", "/run/bench/set.ini", 1);
-  std::ofstream("/run/bench/set.ini") << "[set]\nTimeZone=UTC\n";
+  prepare_measuring();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv))
     return 1;

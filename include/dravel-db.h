@@ -10,8 +10,9 @@
 #include "dravel-api.h"
 #include "dravel-record.h"
 
-// The main database's file.
+// The main and the wake-up database's files.
 constexpr const char *kDravelDbPath = "/opt/dbspace/.dravel.db";
+constexpr const char *kWakeupDbPath = "/opt/dbspace/.wakeup_dravel.db";
 
 typedef int (*dravel_row_fn)(const dravel_item *row);
 typedef int (*disabled_period_row_fn)(const disabled_period_item *row);

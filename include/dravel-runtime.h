@@ -4,6 +4,10 @@
 
 #include "dravel-api.h"
 
+// The start-up markers: the daemon has started in this boot, and has scheduled its timers.
+constexpr const char *kInitMarkerPath = "/tmp/dravel_init";
+constexpr const char *kFinishMarkerPath = "/tmp/dravel_finish";
+
 extern "C" {
 
 // Non-zero: expiring on-timers do not turn the set on.

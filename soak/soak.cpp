@@ -1,7 +1,7 @@
-// Brings faults upon the daemon and prints what was seen, a line for each kind. Seeded: the same
-// seed brings the same faults, but for the moments at which processes are killed.
+// Injects faults into the daemon and prints what was seen, a line for each kind. Seeded: the same
+// seed gives the same faults, but for the moments at which processes are killed.
 //
-// Usage: soak DAEMON SEED ROUNDS-PERCENT [FAULT...]   in scripts/house
+// Usage: soak DAEMON SEED ROUNDS-PERCENT [FAULT...]   in scripts/sandbox
 
 #include "soak.h"
 
@@ -9,202 +9,203 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-#include <iterator>
-#include <memory>
 #include <set>
+#include <stdexcept>
 #include <string_view>
 
-#include <sqlite3.h>
-
-namespace fs = std::filesystem;
-
-struct fault_kind {
-  std::string_view name;
-  std::string (*run)(soak_run &run);
-  int rounds; // of the full run
-};
-
-static constexpr fault_kind kFaults[] = {
-    {"kills", run_kills, 300},      // the daemon killed amid changes
-    {"files", run_files, 2000},     // damaged and foreign database files
-    {"disk", run_disk, 40},         // a full disk, a read-only one, one that fails
-    {"calls", run_calls, 100000},   // random calls
-    {"refusals", run_refusals, 10}, // each operation of the set refused
-    {"clocks", run_clocks, 10000},  // clocks, zones and clock modes that change
-    {"lost-bus", run_lost_bus, 50}, // the bus killed amid changes
-};
-
-static constexpr const char *kMarkers[] = {"/tmp/dravel_init", "/tmp/dravel_finish"};
 static constexpr unsigned kFullLedger = 60; // of 80 that the daemon keeps
+static constexpr std::uint32_t kMinute = 60;
+static constexpr std::uint32_t kDay = 86400;
 
-void write_set(const std::string &keys) {
-  std::ofstream(std::getenv("DRAVEL_STANDIN"))
-      << "[set]\nTimeZone=UTC\nClocksRunning=false\nTvClock=" << kNoon << "\nRtc=" << kNoon << '\n'
-      << keys;
-}
+void fail(const std::string &what) { throw std::runtime_error(what); }
 
-std::unique_ptr<service> start_daemon(soak_run &run, bus_client &bus) {
-  fs::remove(kMarkers[1]); // which says that the timers have been loaded
-  auto started =
-      std::make_unique<service>(bus, daemon_service, std::vector{run.daemon}, kDaemonErrors);
-  const dbus_int32_t unused = 0;
-  const double begun = microseconds();
-  while (!fs::exists(kMarkers[1])) {
-    if (!bus.try_call(daemon_service, "request_get_timers_halt_effect", {&unused, 1}))
-      fail("the daemon does not answer");
-    if (microseconds() - begun > 1e7)
-      fail("the daemon never loads its timers");
-  }
-  return started;
-}
-
-timer_arguments lasting_timer(soak_run &run) {
+// At a minute of the day of its own, not within the hour from noon, up to 300 days ahead, so that
+// it lasts until it is cancelled.
+timer_arguments any_timer(soak_run &run) {
   static constexpr int kTypes[] = {0, 1, 2, 3, 5};
-  const bool repeats = run.below(2) == 0;
-  const std::uint32_t at = kNoon + 3600 + 60 * run.below(300 * 24 * 60);
-  timer_arguments timer =
-      timer_at(at, run.pick(kTypes), repeats ? 1 + static_cast<int>(run.below(127)) : 0);
-  timer[2] = static_cast<int>(run.below(5));
-  timer[3] = static_cast<int>(run.below(1000));
+  std::set<int> taken;
+  for (const auto &[id, timer] : run.book.timers)
+    taken.insert(timer[TIMER_WORD_HOUR] * 60 + timer[TIMER_WORD_MIN]);
+  unsigned minute = 0;
+  do
+    minute = 1 + run.below(kDay / kMinute - 2);
+  while (minute / 60 == 12 || taken.contains(static_cast<int>(minute)));
+  const std::uint32_t midnight = time_of("16 00:00");
+  const std::uint32_t at = midnight + kDay * run.below(300) + kMinute * minute;
+  const int week_flag = run.below(2) == 0 ? 1 + static_cast<int>(run.below(Daily)) : 0;
+  timer_arguments timer = arguments_of({run.pick(kTypes), time_text(at), week_flag});
+  timer[TIMER_ARG_PRIORITY] = static_cast<int>(run.below(5));
+  timer[TIMER_ARG_DELAY] = static_cast<int>(run.below(1000));
   return timer;
 }
 
-timer_arguments distinct_timer(soak_run &run, unsigned index) {
-  const std::uint32_t at = kNoon + kDay * run.below(300) + 60 * (1 + 17 * index);
-  const bool repeats = run.below(2) == 0;
-  return timer_at(at, 1 + static_cast<int>(index % 3),
-                  repeats ? 1 + static_cast<int>(run.below(127)) : 0);
+// --- what was acknowledged ---
+
+static int answer_of(const message &reply) {
+  dbus_int32_t value = -1;
+  dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_INT32, &value, DBUS_TYPE_INVALID);
+  return value;
 }
 
-timer_words words_of(int id, const timer_arguments &timer) {
-  const auto [type, week_flag, priority, delay, year, mon, mday, hour, min, sec, wday, yday, isdst,
-              effect, time_type] = timer;
-  return {id,   type, priority, 0, sec, min,   hour,      mday,   mon,      year,
-          wday, yday, isdst,    0, 0,   delay, week_flag, effect, time_type};
-}
-
-timer_map listed_timers(bus_client &bus) {
-  const std::vector<unsigned char> images = bus.list(daemon_service);
-  timer_map timers;
-  for (std::size_t at = 0; at + sizeof(timer_words) <= images.size(); at += sizeof(timer_words)) {
-    timer_words words{};
-    std::memcpy(words.data(), &images[at], sizeof words);
-    if (!timers.emplace(words[kWordId], words).second)
-      fail(text("timer %d is listed twice", words[kWordId]));
-  }
-  if (timers.size() * sizeof(timer_words) != images.size())
-    fail("the list is not made of whole images");
-  return timers;
-}
-
-std::string read_store(const char *path, const char *sql) {
-  sqlite3 *handle = nullptr;
-  const int opened = sqlite3_open_v2(path, &handle, SQLITE_OPEN_READONLY, nullptr);
-  const std::unique_ptr<sqlite3, int (*)(sqlite3 *)> store(handle, sqlite3_close);
-  std::string result;
-  const auto add_row = [](void *out, int columns, char **values, char **) {
-    auto &rows = *static_cast<std::string *>(out);
-    for (int i = 0; i < columns; ++i)
-      rows.append(i > 0 ? "|" : "").append(values[i] != nullptr ? values[i] : "");
-    rows += '\n';
-    return 0;
-  };
-  if (opened != SQLITE_OK || sqlite3_exec(handle, sql, add_row, &result, nullptr) != SQLITE_OK)
-    fail(std::string(path) + ": " + sqlite3_errmsg(handle));
-  return result;
-}
-
-void check_sound(const char *path) {
-  if (const std::string found = read_store(path, "pragma integrity_check"); found != "ok\n")
-    fail(std::string(path) + " is damaged: " + found);
-}
-
-bool ledger::change(bus_client &bus) {
-  const bool cancel = !timers_.empty() && (timers_.size() >= kFullLedger || run_.below(5) < 2);
-  if (cancel) {
-    const int id =
-        std::next(timers_.begin(), run_.below(static_cast<unsigned>(timers_.size())))->first;
-    unanswered_cancel_ = id;
-    const message reply = bus.try_call(daemon_service, "cancel_timer", {&id, 1});
-    dbus_int32_t result = -1;
-    if (!reply)
-      return false;
-    dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_INT32, &result, DBUS_TYPE_INVALID);
-    if (result != 0)
-      fail(text("the listed timer %d was not cancelled", id));
-    timers_.erase(id);
-    unanswered_cancel_.reset();
-  } else {
-    const timer_arguments timer = lasting_timer(run_);
-    unanswered_add_ = timer;
-    const message reply = bus.try_call(daemon_service, "schedule_timer", timer);
-    dbus_int32_t id = -1;
-    if (!reply)
-      return false;
-    dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_INT32, &id, DBUS_TYPE_INVALID);
-    if (id <= 0 || !timers_.emplace(id, words_of(id, timer)).second)
-      fail(text("a new timer was answered with %d", id));
-    unanswered_add_.reset();
-  }
-  ++acknowledged_;
+static bool cancel_one(soak_run &run) {
+  ledger &book = run.book;
+  const auto count = static_cast<unsigned>(book.timers.size());
+  const int id = std::next(book.timers.begin(), run.below(count))->first;
+  book.unanswered_cancel = id;
+  const message reply = run.bus->try_call(kDaemon, "cancel_timer", {&id, 1});
+  if (reply == nullptr)
+    return false;
+  if (answer_of(reply) != 0)
+    fail("the listed timer " + std::to_string(id) + " was not cancelled");
+  book.timers.erase(id);
+  book.unanswered_cancel.reset();
   return true;
 }
 
-void ledger::compare(const timer_map &listed) {
-  if (unanswered_cancel_ && !listed.contains(*unanswered_cancel_))
-    timers_.erase(*unanswered_cancel_);
-  for (const auto &[id, words] : listed)
-    if (unanswered_add_ && !timers_.contains(id) && words == words_of(id, *unanswered_add_))
-      timers_.emplace(id, words);
-  unanswered_cancel_.reset();
-  unanswered_add_.reset();
-  if (listed != timers_)
-    fail(text("%zu timers are listed, not the %zu that were acknowledged", listed.size(),
-              timers_.size()));
+static bool add_one(soak_run &run) {
+  ledger &book = run.book;
+  const timer_arguments timer = any_timer(run);
+  book.unanswered_add = timer;
+  const message reply = run.bus->try_call(kDaemon, "schedule_timer", timer);
+  if (reply == nullptr)
+    return false;
+  const int id = answer_of(reply);
+  if (id <= 0 || !book.timers.emplace(id, words_of(id, timer)).second)
+    fail("a new timer was answered with " + std::to_string(id));
+  book.unanswered_add.reset();
+  return true;
 }
 
-int ledger::acknowledged() const {
-  if (acknowledged_ == 0)
+bool change(soak_run &run) {
+  const std::size_t listed = run.book.timers.size();
+  const bool cancels = listed > 0 && (listed >= kFullLedger || run.below(5) < 2);
+  const bool answered = cancels ? cancel_one(run) : add_one(run);
+  run.book.acknowledged += answered ? 1 : 0;
+  return answered;
+}
+
+// --- the checks ---
+
+timer_map listed_timers(bus_client &bus) {
+  const words list = bus.list(kDaemon);
+  timer_map timers;
+  for (std::size_t at = 1; at + TIMER_WORDS <= list.size(); at += TIMER_WORDS) {
+    timer_words timer{};
+    std::copy_n(&list[at], timer.size(), timer.begin());
+    timers.emplace(timer[TIMER_WORD_ID], timer);
+  }
+  if (timers.size() * TIMER_WORDS + 1 != list.size() || static_cast<int>(timers.size()) != list[0])
+    fail("the list is not made of so many whole images as it says, each of another timer");
+  return timers;
+}
+
+std::string row_of(const timer_words &timer) {
+  std::string row;
+  for (const record_field &field : record_fields<dravel_item>)
+    row += (row.empty() ? "" : "|") + std::to_string(timer[field.word]);
+  return row;
+}
+
+std::string stored_timers(const char *path) {
+  return rows("SELECT timer_id, type, priority, date_type, tm_sec, tm_min, tm_hour, tm_mday, "
+              "tm_mon, tm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag, "
+              "disable_period_effect, time_type FROM dravel ORDER BY timer_id",
+              path);
+}
+
+static void settle_unanswered(ledger &book, const timer_map &listed) {
+  if (book.unanswered_cancel && !listed.contains(*book.unanswered_cancel))
+    book.timers.erase(*book.unanswered_cancel);
+  for (const auto &[id, timer] : listed)
+    if (book.unanswered_add && !book.timers.contains(id) &&
+        timer == words_of(id, *book.unanswered_add))
+      book.timers.emplace(id, timer);
+  book.unanswered_cancel.reset();
+  book.unanswered_add.reset();
+}
+
+void check_all(soak_run &run) {
+  const timer_map listed = listed_timers(*run.bus);
+  settle_unanswered(run.book, listed);
+  if (listed != run.book.timers)
+    fail("not those timers are listed that were acknowledged");
+  std::string expected;
+  for (const auto &[id, timer] : listed)
+    expected += (expected.empty() ? "" : " ") + row_of(timer);
+  if (stored_timers(kDravelDbPath) != expected)
+    fail("the list and the store differ");
+  for (const char *path : {kDravelDbPath, kWakeupDbPath})
+    if (const std::string found = rows("PRAGMA integrity_check", path); found != "ok")
+      fail(std::string(path) + ": " + found);
+}
+
+// --- the rounds ---
+
+static void start_round(soak_run &run) {
+  if (run.bus == nullptr)
+    run.bus = std::make_unique<bus_client>(run.address);
+  run.daemon.emplace(start_daemon({run.program, run.keys, "error", run.address}, *run.bus));
+}
+
+static void end_round(soak_run &run, int expected) {
+  const int status = expected == 0 ? run.daemon->stop() : run.daemon->wait();
+  if (status != expected)
+    fail("the daemon ended with " + std::to_string(status));
+  run.daemon.reset();
+}
+
+static void run_fault(const fault &fault, soak_run &run, int rounds) {
+  empty_store();
+  for (run.round = 0; run.round < rounds; ++run.round) {
+    if (fault.prepare != nullptr)
+      fault.prepare(run);
+    start_round(run);
+    fault.check(run);
+    fault.disturb(run);
+    end_round(run, fault.status);
+    if (fault.repair != nullptr)
+      fault.repair(run);
+  }
+  if (run.book.acknowledged == 0)
     fail("no change was acknowledged");
-  return acknowledged_;
+  start_round(run);
+  check_all(run);
+  end_round(run, 0);
 }
 
-static void show_daemon_errors() {
-  std::ifstream errors(kDaemonErrors);
-  if (errors.peek() != std::ifstream::traits_type::eof())
-    std::cerr << "the daemon's own errors:\n" << errors.rdbuf();
+static void run_named(const fault &fault, char **argv) {
+  const int rounds =
+      std::max(fault.least, static_cast<int>(fault.rounds * std::strtod(argv[3], nullptr) / 100));
+  const auto seed = static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10));
+  std::printf("%-9s seed %u: ", fault.name, seed);
+  std::fflush(stdout);
+  soak_run run{argv[1], std::mt19937(seed)};
+  const auto begun = std::chrono::steady_clock::now();
+  try {
+    run_fault(fault, run, rounds);
+  } catch (const std::exception &failure) {
+    std::printf("round %d: %s\n%s", run.round, failure.what(), daemon_log().c_str());
+    std::exit(1);
+  }
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
+  std::printf("%d rounds, %d changes acknowledged, none lost, %.0f s\n", rounds,
+              run.book.acknowledged, took.count());
 }
 
 int main(int argc, char **argv) {
-  if (argc < 4)
-    fail("usage: soak DAEMON SEED ROUNDS-PERCENT [FAULT...]");
-  prepare_house();
-  std::atexit(show_daemon_errors);
-  setenv("DRAVEL_STANDIN", "/run/bench/set.ini", 1);
-  const auto seed = static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10));
-  const double percent = std::strtod(argv[3], nullptr);
-  const std::set<std::string_view> wanted(argv + 4, argv + argc);
-  for (const std::string_view name : wanted)
-    if (std::ranges::find(kFaults, name, &fault_kind::name) == std::end(kFaults))
-      fail("there is no fault " + std::string(name));
-
-  for (const fault_kind &fault : kFaults) {
-    if (!wanted.empty() && !wanted.contains(fault.name))
-      continue;
-    empty_store();
-    write_set();
-    const int rounds = std::max(1, static_cast<int>(fault.rounds * percent / 100));
-    soak_run run{argv[1], rounds, std::mt19937(seed)};
-    std::printf("%-9s seed %u: ", fault.name.data(), seed);
-    std::fflush(stdout);
-    const double begun = microseconds();
-    const std::string seen = fault.run(run);
-    std::printf("%s, %.0f s\n", seen.c_str(), (microseconds() - begun) / 1e6);
-    std::fflush(stdout);
+  const std::set<std::string_view> wanted(argv + std::min(argc, 4), argv + argc);
+  std::size_t found = 0;
+  for (const fault &fault : faults())
+    found += wanted.contains(fault.name) ? 1U : 0U;
+  if (argc < 4 || found != wanted.size()) {
+    std::fprintf(stderr, "usage: soak DAEMON SEED ROUNDS-PERCENT [FAULT...], of");
+    for (const fault &fault : faults())
+      std::fprintf(stderr, " %s", fault.name);
+    std::fprintf(stderr, "\n");
+    return 64;
   }
+  for (const fault &fault : faults())
+    if (wanted.empty() || wanted.contains(fault.name))
+      run_named(fault, argv);
   return 0;
 }

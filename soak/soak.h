@@ -1,96 +1,66 @@
-// What the endurance runs share. Each run brings one kind of fault upon the daemon, many times and
-// at random, and ends the program where the daemon lost, invented or refused anything.
+// What the endurance runs share: a daemon, its client, and the changes that it has acknowledged.
 #pragma once
 
-#include <array>
 #include <map>
+#include <memory>
 #include <optional>
 #include <random>
+#include <span>
 #include <string>
 
-#include "house.h"
+#include "process.h"
+#include "store.h"
 
-// A timer's image on the bus, as words.
-using timer_words = std::array<dbus_int32_t, 19>;
 using timer_map = std::map<int, timer_words>; // by id
 
-// The words of an image that the runs look at.
-enum timer_word {
-  kWordId = 0,
-  kWordType = 1,
-  kWordWeekFlag = 16,
-  kWordEffect = 17,
-  kWordClock = 18
+// What a client may rely on while the daemon comes and goes.
+struct ledger {
+  timer_map timers;
+  std::optional<timer_arguments> unanswered_add;
+  std::optional<int> unanswered_cancel;
+  int acknowledged = 0;
 };
 
 struct soak_run {
-  std::string daemon; // the program
-  int rounds;
+  std::string program;
   std::mt19937 random;
+  int round = 0;
+  std::string keys = {};             // of the set, for the next start
+  const char *address = kSandboxBus; // likewise
+  std::unique_ptr<bus_client> bus = {};
+  std::optional<process> daemon = {};
+  ledger book = {};
 
   // From 0 to `limit` - 1.
   unsigned below(unsigned limit) { return static_cast<unsigned>(random()) % limit; }
   template <typename Range> auto &pick(Range &from) { return from[below(std::size(from))]; }
 };
 
-// The runs. Each gives the line that reports what was seen; the first number is its rounds.
-std::string run_kills(soak_run &run);
-std::string run_files(soak_run &run);
-std::string run_disk(soak_run &run);
-std::string run_calls(soak_run &run);
-std::string run_refusals(soak_run &run);
-std::string run_clocks(soak_run &run);
-std::string run_lost_bus(soak_run &run);
-
-// The set's clocks stand still here, a Thursday at noon; `keys` are further start values.
-constexpr std::uint32_t kNoon = 1798718400;
-constexpr std::uint32_t kDay = 86400;
-void write_set(const std::string &keys = "");
-
-// Starts the daemon and returns when it has loaded its timers.
-std::unique_ptr<service> start_daemon(soak_run &run, bus_client &bus);
-
-// What it said on its standard error, where sanitizers report.
-inline constexpr const char *kDaemonErrors = "/tmp/daemon.errors";
-
-// What schedule_timer is given so that the timer is kept until it is cancelled, and what is then
-// listed.
-timer_arguments lasting_timer(soak_run &run);
-
-// A timer at a minute of the day of its own, by `index` up to 83: an off-timer that met an on-timer
-// would take it away.
-timer_arguments distinct_timer(soak_run &run, unsigned index);
-timer_words words_of(int id, const timer_arguments &timer);
-timer_map listed_timers(bus_client &bus);
-
-// The file is a sound database and `sql` gives this text from it: columns apart by '|', rows by
-// newlines.
-std::string read_store(const char *path, const char *sql);
-void check_sound(const char *path);
-
-// What a client may rely on while the daemon comes and goes: the changes that were acknowledged.
-class ledger {
-public:
-  explicit ledger(soak_run &run) : run_(run) {}
-
-  // Sets or cancels a timer; false when that was not answered. A refusal ends the program.
-  bool change(bus_client &bus);
-
-  // Holds the list against the ledger. The change that was not answered may have been made or not.
-  void compare(const timer_map &listed);
-
-  int acknowledged() const; // some, or the run has shown nothing and ends the program
-
-private:
-  soak_run &run_;
-  timer_map timers_;
-  std::optional<timer_arguments> unanswered_add_;
-  std::optional<int> unanswered_cancel_;
-  int acknowledged_ = 0;
+// Each round of a fault: the preparation, a start, the check, the disturbance, the end, the repair.
+// The preparation and the repair may be left out.
+struct fault {
+  const char *name;
+  int rounds; // of the full run
+  int least;  // of any
+  void (*prepare)(soak_run &run);
+  void (*check)(soak_run &run);
+  void (*disturb)(soak_run &run);
+  int status; // with which the daemon ends; by itself, or else by SIGTERM
+  void (*repair)(soak_run &run);
 };
+std::span<const fault> faults();
 
-template <typename... Values> std::string text(const char *format, Values... values) {
-  char line[256];
-  std::snprintf(line, sizeof line, format, values...);
-  return line;
-}
+[[noreturn]] void fail(const std::string &what);
+
+// Sets or cancels a timer, and enters it. False when that was not answered. Fails when a new timer
+// is refused, or a listed one not found.
+bool change(soak_run &run);
+timer_arguments any_timer(soak_run &run); // that no other one's time coincides with
+
+timer_map listed_timers(bus_client &bus);
+std::string row_of(const timer_words &timer); // as stored_timers gives it
+std::string stored_timers(const char *path);  // the rows by their ids
+
+// The list, the rows and the acknowledged changes are the same; the store is sound. The change that
+// was not answered may have been made or not.
+void check_all(soak_run &run);

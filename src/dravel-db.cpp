@@ -16,7 +16,6 @@
 #include <utility>
 #include <vector>
 
-static constexpr const char *kWakeupDravelDbPath = "/opt/dbspace/.wakeup_dravel.db";
 static constexpr mode_t kDbFileMode = 0664;
 static constexpr int kDbVersion = 1;
 static constexpr int kUnmarked = 0;
@@ -512,7 +511,7 @@ static void __migration_0_to_1(void) {
   __get_old_dravel_list(timers, wakeup);
 
   if (recreate_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable) != SQLITE_OK ||
-      recreate_table(wakeup_dravel_db, kWakeupDravelDbPath, "wakeup dravel",
+      recreate_table(wakeup_dravel_db, kWakeupDbPath, "wakeup dravel",
                      kCreateWakeupDravelTable) != SQLITE_OK)
     return;
   for (dravel_item &item : timers)
@@ -535,11 +534,11 @@ static void prepare_db_file(const char *path) {
 
 // Without its wake-up database the daemon still keeps every timer.
 static void open_wakeup_db(void) {
-  prepare_db_file(kWakeupDravelDbPath);
-  if (sqlite3_open(kWakeupDravelDbPath, &wakeup_dravel_db) != SQLITE_OK)
+  prepare_db_file(kWakeupDbPath);
+  if (sqlite3_open(kWakeupDbPath, &wakeup_dravel_db) != SQLITE_OK)
     LOGE_OF(initialize_dravel_db, "failed to open the wakeup_dravel database: %s",
             sqlite3_errmsg(wakeup_dravel_db));
-  create_table(wakeup_dravel_db, kWakeupDravelDbPath, "wakeup dravel", kCreateWakeupDravelTable,
+  create_table(wakeup_dravel_db, kWakeupDbPath, "wakeup dravel", kCreateWakeupDravelTable,
                "initialize_dravel_db");
 }
 
@@ -587,5 +586,5 @@ static void delete_db_file(const char *path, const char *file) {
 
 void reset_dravel_db(void) {
   delete_db_file(kDravelDbPath, "db");
-  delete_db_file(kWakeupDravelDbPath, "wakeup db");
+  delete_db_file(kWakeupDbPath, "wakeup db");
 }

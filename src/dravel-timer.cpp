@@ -16,9 +16,6 @@
 #include <unistd.h>
 #include <vector>
 
-static constexpr const char *kInitMarker = "/tmp/dravel_init";
-static constexpr const char *kFinishMarker = "/tmp/dravel_finish";
-
 static constexpr double kFinishWaitSeconds = 90.0;
 static constexpr double kAdjustWaitSeconds = 60.0;
 static constexpr double kPollSeconds = 0.1;
@@ -115,7 +112,7 @@ static bool leave_marker(const char *path, const char *operation = __builtin_FUN
 
 void create_dravel_finish_file(void) {
   stop_timer(finish_wait_timer);
-  leave_marker(kFinishMarker);
+  leave_marker(kFinishMarkerPath);
 }
 
 Eina_Bool wait_dravel_finish_cb(void *) {
@@ -126,7 +123,7 @@ Eina_Bool wait_dravel_finish_cb(void *) {
 }
 
 void init_dravel(void) {
-  if (leave_marker(kInitMarker))
+  if (leave_marker(kInitMarkerPath))
     set_relaunch_state(1);
 
   time_value now = 0;

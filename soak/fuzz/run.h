@@ -4,12 +4,11 @@
 
 #include <string>
 
+#include "dravel-db.h"
 #include "dravel-item.h"
 #include "dravel-timer.h"
 #include "input.h"
 #include "loop.h"
-
-constexpr const char *kWakeupDbPath = "/opt/dbspace/.wakeup_dravel.db";
 
 // Noon of Tuesday, 15 December 2026: where the clocks stand at first.
 constexpr time_value kNoon = 1797336000;

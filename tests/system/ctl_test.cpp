@@ -2,6 +2,7 @@
 #include "daemon.h"
 
 #include <fstream>
+#include <functional>
 #include <iterator>
 
 #include <gmock/gmock.h>
@@ -25,7 +26,10 @@ outcome dravelctl(const std::string &arguments) {
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out, err};
 }
 
-class Ctl : public daemon_test {};
+class Ctl : public daemon_test {
+protected:
+  void start() { daemon_test::start("TvClock=1732449600\nRtc=1732449600"); } // 2024-11-24 12:00
+};
 
 TEST_F(Ctl, EachCommand_DoesWhatItSays_OrSaysWhatFailed) {
   EXPECT_THAT(dravelctl("list").err, testing::HasSubstr("is not running"));

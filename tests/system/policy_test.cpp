@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr const char *bus = "unix:path=/run/bench/policy-bus";
+constexpr const char *kPolicyBus = "unix:path=/run/bench/policy-bus";
 
 // A caller may do what is open to those before it. Every system has these accounts.
 enum caller { LOCAL_USER, MEMBER, ROOT, callers };
@@ -32,7 +32,7 @@ std::string start_bus() {
       "bwrap --dev-bind / / --ro-bind /run/bench/group /etc/group --tmpfs /etc/dbus-1 "
       "--tmpfs /usr/share/dbus-1/system.d --ro-bind " BUS_POLICY
       " /etc/dbus-1/system.d/dravel.conf dbus-daemon --system --fork --nopidfile --address=" +
-      std::string(bus));
+      std::string(kPolicyBus));
 }
 
 class Policy : public daemon_test {};
@@ -41,7 +41,7 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
   if (getuid() != 0)
     GTEST_SKIP() << "only root can call as other users: run this test as root";
   ASSERT_EQ(start_bus(), "");
-  launch(bus, "");
+  launch(kPolicyBus, "");
   wait_log("end scheduling...");
 
   const std::string name = "org.olvara.tv.system.dravel ";
@@ -88,19 +88,20 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
       // A refused call is one that the daemon could not have read without complaint.
       const bool ours = call.method.find(service) == 0;
       const std::string said =
-          run(as_caller[who] + ("busctl --address=" + std::string(bus)) + " call " + call.method +
-              (allowed || !ours ? call.arguments : " s refused"));
+          run(as_caller[who] + ("busctl --address=" + std::string(kPolicyBus)) + " call " +
+              call.method + (allowed || !ours ? call.arguments : " s refused"));
       EXPECT_EQ(said.find("denied") != std::string::npos, !allowed) << said;
       EXPECT_EQ(said.find("failed") != std::string::npos, !allowed) << said;
     }
   // The checkout may lie below a directory that only its owner may enter.
   ASSERT_EQ(run("install -m 755 " DRAVELCTL " /run/bench/dravelctl"), "");
-  EXPECT_NE(run(as_caller[LOCAL_USER] + ("env DBUS_SYSTEM_BUS_ADDRESS=" + std::string(bus)) +
+  EXPECT_NE(run(as_caller[LOCAL_USER] + ("env DBUS_SYSTEM_BUS_ADDRESS=" + std::string(kPolicyBus)) +
                 " /run/bench/dravelctl cancel 1")
                 .find("Only root and the members of the group dravel may."),
             std::string::npos);
   EXPECT_EQ(times_logged(unreadable), 0);
-  run("busctl --address=" + std::string(bus) + " call " + service + "request_halt_ontimers s x");
+  run("busctl --address=" + std::string(kPolicyBus) + " call " + service +
+      "request_halt_ontimers s x");
   wait_log(unreadable);
   EXPECT_EQ(times_logged(unreadable), 1);
 }

@@ -1,9 +1,13 @@
 // What a client gets from the running daemon, and what of it outlives the process.
 #include "daemon.h"
 
-namespace {
+#include <filesystem>
 
-constexpr int daily = 0x7f;
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+
+namespace {
 
 using Service = daemon_test;
 
@@ -14,31 +18,31 @@ std::string properties_changed(const std::string &what) {
 TEST_F(Service, Timer_IsStoredListedAndProgrammed_UntilItIsCancelled) {
   start();
   EXPECT_EQ(call("request_timer_list", "(0,)"), "(0, [])");
-  EXPECT_EQ(schedule({.type = 2, .at = noon + 2 * hour, .week_flag = daily, .priority = 7}), 1);
-  EXPECT_EQ(schedule({.at = noon + hour}), 2);
-  EXPECT_EQ(schedule({.at = noon - hour}), -1);
-  EXPECT_EQ(schedule({.type = 10}), -10);
-  EXPECT_EQ(schedule({.type = 13, .at = noon + 3 * hour}), 4); // which an equal one replaces
-  EXPECT_EQ(schedule({.type = 13, .at = noon + 3 * hour}), 5);
+  EXPECT_EQ(schedule({2, "15 14:00", Daily, 0, 0, 7}), 1);
+  EXPECT_EQ(schedule({0, "15 13:00"}), 2);
+  EXPECT_EQ(schedule({0, "15 11:00"}), -1);
+  EXPECT_EQ(schedule({10, "15 13:00"}), -10);
+  EXPECT_EQ(schedule({13, "15 15:00"}), 4); // which an equal one replaces
+  EXPECT_EQ(schedule({13, "15 15:00"}), 5);
   EXPECT_EQ(timer_ids(), (words{-10, 2, 1, 5}));
   EXPECT_EQ(call("cancel_timer", "(5,)"), "(0,)");
 
-  EXPECT_EQ(rows("SELECT * FROM dravel"), "1|2|7|0|0|0|14|24|10|124|0|328|0|0|127|0|0|0 "
-                                          "2|0|0|0|0|0|13|24|10|124|0|328|0|0|0|0|0|0");
-  EXPECT_EQ(image("dravel_get_timer_by_id", "(2,)"),
-            (words{0, 2, 0, 0, 0, 0, 0, 13, 24, 10, 124, 0, 328, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(rows("SELECT * FROM dravel"), "1|2|7|0|0|0|14|15|11|126|2|348|0|0|127|0|0|0 "
+                                          "2|0|0|0|0|0|13|15|11|126|2|348|0|0|0|0|0|0");
+  EXPECT_EQ(image("dravel_get_timer_by_id", 2),
+            (words{0, 2, 0, 0, 0, 0, 0, 13, 15, 11, 126, 2, 348, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(timer_ids(), (words{-10, 2, 1}));
-  EXPECT_EQ(get("WakeupTime"), u32(noon + hour));
+  EXPECT_EQ(get("WakeupTime"), u32(time_of("15 13:00")));
 
   EXPECT_EQ(call("cancel_timer", "(2,)"), "(0,)");
   EXPECT_EQ(call("cancel_timer", "(2,)"), "(-1,)");
-  EXPECT_EQ(get("WakeupTime"), u32(noon + 2 * hour));
+  EXPECT_EQ(get("WakeupTime"), u32(time_of("15 14:00")));
   EXPECT_EQ(call("cancel_timer", "(1, 'surplus')"), "(0,)");
   EXPECT_EQ(get("WakeupTime"), u32(0));
   EXPECT_EQ(timer_ids(), words{-10});
   EXPECT_EQ(rows("SELECT * FROM dravel"), "");
   for (const char *method : {"dravel_get_timer_by_id", "request_wakeup_timer"}) {
-    words missing = image(method, "(2,)");
+    words missing = image(method, 2);
     missing.resize(5);
     EXPECT_EQ(missing, words(5, -1)) << method;
   }
@@ -66,25 +70,25 @@ TEST_F(Service, UnreadableArguments_GetNoAnswer_ButReleaseAHalt) {
 
 TEST_F(Service, State_ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
   start();
-  schedule({.at = noon + 26 * hour, .priority = 2});
-  schedule({.type = 1, .at = noon + 3 * hour, .week_flag = daily});
-  schedule({.type = 10});
-  EXPECT_EQ(state("Armed"), "[(-10, uint32 1732453200), (2, 1732460400), (1, 1732543200)]");
-  EXPECT_EQ(state("Wakeup"), "(1, uint32 1732543200, 0, false)");
+  schedule({0, "16 14:00", 0, 0, 0, 2});
+  schedule({1, "15 15:00", Daily});
+  schedule({10, "15 13:00"});
+  EXPECT_EQ(state("Armed"), "[(-10, uint32 1797339600), (2, 1797346800), (1, 1797429600)]");
+  EXPECT_EQ(state("Wakeup"), "(1, uint32 1797429600, 0, false)");
   EXPECT_EQ(state("Stored") + state("Limit"), u32(2) + u32(80));
-  schedule({.type = 13, .at = noon + 4 * hour});
+  schedule({13, "15 16:00"});
   state_signals("'Stored': <uint32 3>");
-  schedule({.type = 13, .at = noon + 4 * hour});
+  schedule({13, "15 16:00"});
   EXPECT_EQ(
       state_signals("Wakeup"),
       (strings{"TimerRemoved(3, 'replaced')", "TimerAdded(4,)",
-               properties_changed("{'Wakeup': <(4, uint32 1732464000, 13, false)>}, ['Armed']")}));
+               properties_changed("{'Wakeup': <(4, uint32 1797350400, 13, false)>}, ['Armed']")}));
 
-  set("TvClock", u32(noon + hour));
-  EXPECT_EQ(state("Clock"), u32(noon + hour));
+  set("TvClock", u32(time_of("15 13:00")));
+  EXPECT_EQ(state("Clock"), u32(time_of("15 13:00")));
   standin("TimeSet", "()");
   EXPECT_EQ(state_signals("Wakeup"),
-            (strings{"TimerChanged(1,)", properties_changed("{'Wakeup': <(1, uint32 1732456800, 0, "
+            (strings{"TimerChanged(1,)", properties_changed("{'Wakeup': <(1, uint32 1797343200, 0, "
                                                             "false)>}, ['Clock', 'Armed']")}));
   standin("Standby", "(0,)");
   EXPECT_EQ(state_signals("Confirmed"),
@@ -98,6 +102,32 @@ TEST_F(Service, StartWithoutABus_EndsWithStatus255) {
   launch("unix:path=/run/bench/nowhere", "");
   wait_log("init_edbus_handler() failed");
   EXPECT_EQ(wait_exit(), 255);
+}
+
+TEST_F(Service, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
+  fs::remove_all("/tmp/copies");
+  fs::create_directories("/tmp/copies/taken/.dravel.db/x");
+  fs::create_directories("/tmp/copies/pipe");
+  ASSERT_EQ(mkfifo("/tmp/copies/pipe/.dravel.db", 0600), 0); // which nobody reads or writes
+  start();
+  EXPECT_EQ(schedule({2, "15 13:00"}), 1);
+  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/tmp/copies')"));
+  wait_log("/tmp/copies/.dravel.db is not exit");
+  EXPECT_FALSE(is_answered("request_copy_db", "(0, '/tmp/copies/taken')"));
+  wait_log("failed to copy file: ");
+  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/tmp/copies/pipe')"));
+  EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies/pipe')"), "(0,)");
+  for (int times = 0; times < 2; ++times) // the second overwrites
+    EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies')"), "(0,)");
+  EXPECT_EQ(rows("SELECT timer_id FROM dravel", "/tmp/copies/.dravel.db"), "1");
+
+  // A copy-in is for the next start: until then reads go on and writes are refused.
+  EXPECT_EQ(call("cancel_timer", "(1,)"), "(0,)");
+  EXPECT_EQ(call("request_copy_db", "(1, '/tmp/copies')"), "(0,)");
+  EXPECT_EQ(schedule({2, "15 13:00"}), -1);
+  EXPECT_EQ(stop(), 0);
+  start();
+  EXPECT_EQ(timer_ids(), words{1});
 }
 
 } // namespace

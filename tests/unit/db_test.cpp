@@ -1,5 +1,7 @@
 #include "fixture.h"
 
+#include <sqlite3.h>
+
 #include <climits>
 #include <filesystem>
 #include <fstream>
@@ -28,8 +30,10 @@ static void overwrite_pages(const char *path, std::streamoff from) {
 }
 
 TEST_F(Store, AUselessFile_IsReplacedByAnEmptySoundStore) {
-  using spoiler = void (*)(const char *);
-  const std::pair<const char *, spoiler> cases[] = {
+  const struct {
+    const char *name;
+    void (*spoil)(const char *path);
+  } cases[] = {
       {"empty", [](const char *path) { fs::resize_file(path, 0); }},
       {"damaged first page", [](const char *path) { overwrite_pages(path, 100); }},
       {"damaged rows", [](const char *path) { overwrite_pages(path, 8192); }},
@@ -38,7 +42,7 @@ TEST_F(Store, AUselessFile_IsReplacedByAnEmptySoundStore) {
               "sqlite_schema SET sql = replace(sql, 'type INTEGER,', 'type INTEGER NOT NULL,')",
               path);
        }}};
-  for (const char *path : {kMainDb, kWakeupDb})
+  for (const char *path : {kDravelDbPath, kWakeupDbPath})
     for (const auto &[name, spoil] : cases) {
       restart(name);
       close_dravel_db();
@@ -53,19 +57,19 @@ TEST_F(Store, AUselessFile_IsReplacedByAnEmptySoundStore) {
 TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
   dravel_item item = counted_item();
   close_dravel_db();
-  std::ofstream(kMainDb) << std::string(4096, 'x');
+  std::ofstream(kDravelDbPath) << std::string(4096, 'x');
   EXPECT_EQ(initialize_dravel_db(), SQLITE_NOTADB);
   EXPECT_NE(insert_dravel_item_db(&item), 0);
   EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
   close_dravel_db();
   EXPECT_EQ(initialize_dravel_db(), 0);
   close_dravel_db();
-  fs::remove(kMainDb);
-  fs::create_directory(kMainDb); // loses nothing that may lie in it
+  fs::remove(kDravelDbPath);
+  fs::create_directory(kDravelDbPath); // loses nothing that may lie in it
   EXPECT_EQ(initialize_dravel_db(), SQLITE_CANTOPEN);
   EXPECT_NE(insert_dravel_item_db(&item), 0);
-  EXPECT_TRUE(fs::is_directory(kMainDb));
-  fs::remove(kMainDb);
+  EXPECT_TRUE(fs::is_directory(kDravelDbPath));
+  fs::remove(kDravelDbPath);
 }
 
 // The layout of version 0: the mark stood before `disable_period_effect`, and there was no
@@ -73,7 +77,10 @@ TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
 TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0) {
   const std::string table =
       "CREATE TABLE dravel(timer_id INTEGER, b, c, d, e, f, g, h, i, j, k, l, m, n, o";
-  const std::pair<std::string, const char *> cases[] = {
+  const struct {
+    std::string main;
+    const char *expected;
+  } cases[] = {
       {", p, q); INSERT INTO dravel VALUES(9,2,3,4,5,6,7,8,9,10,11,12,13,14,15,1,16),"
        "(4,1,0,0,0,0,7,1,0,120,0,0,0,0,127,0,NULL)",
        "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|0|0 2|1|0|0|0|0|7|1|0|120|0|0|0|0|127|0|0|1"},
@@ -82,13 +89,13 @@ TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0
   for (const auto &[main, expected] : cases) {
     restart(expected);
     close_dravel_db();
-    fs::remove(kMainDb);
-    fs::remove(kWakeupDb);
+    fs::remove(kDravelDbPath);
+    fs::remove(kWakeupDbPath);
     rows(table + main);
-    rows(table + "); INSERT INTO dravel VALUES(2,1,0,0,0,0,7,1,0,120,0,0,0,0,127)", kWakeupDb);
+    rows(table + "); INSERT INTO dravel VALUES(2,1,0,0,0,0,7,1,0,120,0,0,0,0,127)", kWakeupDbPath);
     EXPECT_EQ(initialize_dravel_db(), 0);
     EXPECT_EQ(rows("PRAGMA user_version; SELECT * FROM dravel"), std::string("1 ") + expected);
-    EXPECT_EQ(rows("PRAGMA user_version; SELECT * FROM dravel", kWakeupDb),
+    EXPECT_EQ(rows("PRAGMA user_version; SELECT * FROM dravel", kWakeupDbPath),
               "1 2|1|0|0|0|0|7|1|0|120|0|0|0|0|127|0|0");
   }
 }
@@ -102,7 +109,8 @@ TEST_F(Store, ARow_HoldsItsFieldsInColumnOrder_AndReadsBack) {
   EXPECT_EQ(insert_disabled_period_item_db(&period), 0);
   EXPECT_EQ(item.timer_id + period.period_id, 2);
   EXPECT_EQ(rows("SELECT * FROM dravel"), "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|17|0");
-  EXPECT_EQ(rows("SELECT * FROM dravel", kWakeupDb), "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|17");
+  EXPECT_EQ(rows("SELECT * FROM dravel", kWakeupDbPath),
+            "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|17");
   period.end_tm.tm_mon = 44;
   period.start_date_leap_year_f = period.end_date_leap_year_f = 0;
   EXPECT_EQ(update_disable_period_db(&period), 0);
@@ -134,5 +142,5 @@ TEST_F(Store, IdsAreNeverGivenTwice_AndTheMarkStandsOnOneRowAtMost) {
   EXPECT_EQ(rows("SELECT timer_id, type, disable_period_effect, micom_flag FROM dravel"),
             "2|2|88|0 3|99|16|1");
   insert_wakeup_dravel_item_db(&item);
-  EXPECT_EQ(rows("SELECT timer_id, type FROM dravel", kWakeupDb), "3|99");
+  EXPECT_EQ(rows("SELECT timer_id, type FROM dravel", kWakeupDbPath), "3|99");
 }

@@ -27,7 +27,7 @@ TEST_F(StandinTest, TimeValues_BreakDownAndComeBack_OverTheWholeRange) {
     std::tm broken, expected;
     gmtime_r(&value, &expected);
     ASSERT_EQ(CTimeUtil::Unsigned_gmtime_r(time, &broken), &broken);
-    ASSERT_EQ(text(broken), text(expected));
+    ASSERT_EQ(time_text(broken), time_text(expected));
     ASSERT_EQ(std::tuple(broken.tm_wday, broken.tm_yday),
               std::tuple(expected.tm_wday, expected.tm_yday));
     ASSERT_EQ(CTimeUtil::Unsigned_timegm(&broken), time);
@@ -35,9 +35,9 @@ TEST_F(StandinTest, TimeValues_BreakDownAndComeBack_OverTheWholeRange) {
 }
 
 TEST_F(StandinTest, FieldsOutOfTheirRange_AreCarriedOver_AndTimesOutOfItAreInvalid) {
-  for (const auto &[when, expected] : {std::pair{"2024-01-32 07:00", at("2024-02-01 07:00")},
-                                       {"2024-03-00 00:00:-1", at("2024-02-28 23:59:59")},
-                                       {"2022-26-29 12:30", at("2024-02-29 12:30")},
+  for (const auto &[when, expected] : {std::pair{"2024-01-32 07:00", time_of("2024-02-01 07:00")},
+                                       {"2024-03-00 00:00:-1", time_of("2024-02-28 23:59:59")},
+                                       {"2022-26-29 12:30", time_of("2024-02-29 12:30")},
                                        {"2106-02-07 06:28:16", kLast},
                                        {"1970-01-01 00:00:-1", kLast},
                                        {"9999-2147483647-2147483647 00:00", kLast}}) {
@@ -47,20 +47,22 @@ TEST_F(StandinTest, FieldsOutOfTheirRange_AreCarriedOver_AndTimesOutOfItAreInval
 }
 
 TEST_F(StandinTest, ZoneRules_HoldBothWays) {
-  const std::tuple<const char *, const char *, const char *> cases[] = {
-      {"Europe/Berlin", "2024-03-31 00:59:59", "2024-03-31 01:59:59"},
-      {"Europe/Berlin", "2024-03-31 01:00", "2024-03-31 03:00"},
-      {"America/New_York", "2024-03-10 07:00", "2024-03-10 03:00"},
-      {"Australia/Sydney", "2024-10-05 16:00", "2024-10-06 03:00"}};
+  const struct {
+    const char *zone, *utc, *local;
+  } cases[] = {{"Europe/Berlin", "2024-03-31 00:59:59", "2024-03-31 01:59:59"},
+               {"Europe/Berlin", "2024-03-31 01:00", "2024-03-31 03:00"},
+               {"America/New_York", "2024-03-10 07:00", "2024-03-10 03:00"},
+               {"Australia/Sydney", "2024-10-05 16:00", "2024-10-06 03:00"}};
   for (const auto &[zone, utc, local] : cases) {
     ASSERT_TRUE(standin_set_time_zone(zone));
-    EXPECT_EQ(text(CTimeUtil::ConvertToLocalTime(at(utc))), text(at(local))) << zone;
-    EXPECT_EQ(text(to_utc(at(local))), text(at(utc))) << zone;
+    EXPECT_EQ(time_text(CTimeUtil::ConvertToLocalTime(time_of(utc))), time_text(time_of(local)))
+        << zone;
+    EXPECT_EQ(time_text(to_utc(time_of(local))), time_text(time_of(utc))) << zone;
   }
   // An hour that is skipped, one that comes twice, and the ends of the range.
   standin_set_time_zone("Europe/Berlin");
-  EXPECT_EQ(text(to_utc(at("2024-03-31 02:30"))), "2024-03-31 01:00");
-  EXPECT_EQ(text(to_utc(at("2024-10-27 02:30"))), "2024-10-27 01:30");
+  EXPECT_EQ(time_text(to_utc(time_of("2024-03-31 02:30"))), "2024-03-31 01:00");
+  EXPECT_EQ(time_text(to_utc(time_of("2024-10-27 02:30"))), "2024-10-27 01:30");
   EXPECT_EQ(CTimeUtil::ConvertToLocalTime(kLast), kLast);
   EXPECT_EQ(to_utc(0), 0U);
 }

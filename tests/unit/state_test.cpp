@@ -29,9 +29,9 @@ static void reschedule(const char *tv, const char *system) {
   reschedule_all_timers();
 }
 
-static void fire(const char *now) {
+static void fire_at(const char *now) {
   set_now(now);
-  run(ecore_timer_cb);
+  fire(ecore_timer_cb);
 }
 
 static void fill_list() {
@@ -44,7 +44,7 @@ TEST_F(State, ATimerThatGoes_HasItsReason) {
   const new_timer workless{1, "15 11:00", Daily, 1};
   const new_timer system_time{1, "15 11:00", 0, 0, TIME_TYPE_INTERNET};
   const std::pair<std::string, std::function<void()>> cases[] = {
-      {"fired", [=] { arm(tomorrow), fire("16 07:00"); }},
+      {"fired", [=] { arm(tomorrow), fire_at("16 07:00"); }},
       {"cancelled", [=] { cancel_dravel_item(arm(tomorrow)); }},
       {"replaced", [=] { cancel_dravel_item(arm(tomorrow), removal_reason::kReplaced); }},
       {"evicted", [=] { fill_list(), add(tomorrow); }},
@@ -83,7 +83,7 @@ TEST_F(State, AllThatHappensInAPass_IsToldInOrder) {
       {"Added 1", [=] { add_period("18 00:00", "20 00:00"), arm(once); }},
       {"Removed 1 fired, Changed 2, Removed 2 past",
        [=] {
-         arm({1, "16 07:00"}), arm({1, "17 07:00"}), changes(), fire("16 07:00");
+         arm({1, "16 07:00"}), arm({1, "17 07:00"}), changes(), fire_at("16 07:00");
        }},
   };
   for (const auto &[expected, happen] : cases) {

@@ -4,8 +4,6 @@
 
 #include <KintoAPI.h>
 
-#include "kinto-signal-subscribe.h"
-
 namespace fs = std::filesystem;
 
 class Scheduler : public CleanSet {};
@@ -17,22 +15,27 @@ static const std::string kSetTomorrow = "set_wakeup_time 0 16 07:00";
 static const std::string kCleared = "clear_wakeup_time 0 0";
 
 TEST_F(Scheduler, ATimer_IsArmedForItsDistance_OrRefused) {
-  using row = std::tuple<const char *, const char *, int, const char *, int, int, time_value>;
-  const row cases[] = {{kNoon, "", 1, "15 12:00:01", 0, 0, 1},
-                       {kNoon, "", 1, "2027-12-15 12:00", 0, 0, 31536000},
-                       {kNoon, "", 1, "2027-12-15 12:00:01", 0, -1, 0},
-                       {"2099-12-31 23:59", "", 1, "2001-01-01 00:01", 0, 0, 119},
-                       {"", kNoon, 1, "16 12:00", 0, -2, 0},
-                       {"", kNoon, 1, "16 12:00", 1, 0, 86400},
-                       {kNoon, "", 6, "15 22:00", 0, -1, 0},
-                       {kNoon, "", 7, "15 22:00", 0, 0, 36000}};
+  const struct {
+    const char *tv, *rtc;
+    int type;
+    const char *when;
+    int time_type, result;
+    time_value seconds;
+  } cases[] = {{kNoon, "", 1, "15 12:00:01", 0, 0, 1},
+               {kNoon, "", 1, "2027-12-15 12:00", 0, 0, 31536000},
+               {kNoon, "", 1, "2027-12-15 12:00:01", 0, -1, 0},
+               {"2099-12-31 23:59", "", 1, "2001-01-01 00:01", 0, 0, 119},
+               {"", kNoon, 1, "16 12:00", 0, -2, 0},
+               {"", kNoon, 1, "16 12:00", 1, 0, 86400},
+               {kNoon, "", 6, "15 22:00", 0, -1, 0},
+               {kNoon, "", 7, "15 22:00", 0, 0, 36000}};
   for (const auto &[tv, rtc, type, when, time_type, result, seconds] : cases) {
     restart(when);
     add({0, "15 22:05"});
     set_clocks(tv, kNoon, rtc);
     dravel_item *item = add({type, when, 0, 0, time_type});
     EXPECT_EQ(schedule_dravel_item(item, dravel_expire_cb, nullptr), result);
-    EXPECT_EQ(armed(2), result == 0 ? text(at(tv) + seconds) : "");
+    EXPECT_EQ(armed(2), result == 0 ? time_text(time_of(tv) + seconds) : "");
   }
 }
 
@@ -40,35 +43,40 @@ TEST_F(Scheduler, AnExpiredTimer_IsArmedForItsNextDay_AndOthersAreReArmed) {
   arm({1, "16 07:00", Daily});
   arm({10, "18 14:00"});
   set_now("16 07:00");
-  EXPECT_FALSE(run(ecore_timer_cb));
+  EXPECT_FALSE(fire(ecore_timer_cb));
   EXPECT_EQ(armed(1), "17 07:00");
   EXPECT_EQ(pending(ecore_timer_cb), 2);
 }
 
 // The system clock is an hour behind the TV clock. "" stands for a timer that is removed.
 TEST_F(Scheduler, AnAdjustment_MovesArmedOneShotTimers_ByWholeDays) {
-  const std::tuple<const char *, int, const char *, int, int, const char *> cases[] = {
-      {kNoon, 1, "18 14:00", 0, 0, "15 14:00"},
-      {kNoon, 1, "16 12:00:01", 0, 0, "15 12:00:01"},
-      {kNoon, 1, "16 12:00", 0, 0, ""},
-      {kNoon, 9, "18 14:00", 0, 0, "18 14:00"},
-      {kNoon, 1, "18 14:00", Fri, 0, "18 14:00"},
-      {kNoon, 10, "18 14:00", 0, 0, "18 14:00"},
-      {"18 19:00", 1, "18 14:00", 0, 0, "19 14:00"},
-      {"19 14:00", 1, "18 14:00", 0, 0, ""},
-      {"20 14:00:01", 1, "18 14:00", 0, 0, "21 14:00"},
-      {kNoon, 1, "18 11:30", 0, 1, "15 11:30"},
-      {"17 12:00", 1, "16 10:30", 0, 1, "18 10:30"}};
+  const struct {
+    const char *now;
+    int type;
+    const char *when;
+    int week_flag, time_type;
+    const char *expected;
+  } cases[] = {{kNoon, 1, "18 14:00", 0, 0, "15 14:00"},
+               {kNoon, 1, "16 12:00:01", 0, 0, "15 12:00:01"},
+               {kNoon, 1, "16 12:00", 0, 0, ""},
+               {kNoon, 9, "18 14:00", 0, 0, "18 14:00"},
+               {kNoon, 1, "18 14:00", Fri, 0, "18 14:00"},
+               {kNoon, 10, "18 14:00", 0, 0, "18 14:00"},
+               {"18 19:00", 1, "18 14:00", 0, 0, "19 14:00"},
+               {"19 14:00", 1, "18 14:00", 0, 0, ""},
+               {"20 14:00:01", 1, "18 14:00", 0, 0, "21 14:00"},
+               {kNoon, 1, "18 11:30", 0, 1, "15 11:30"},
+               {"17 12:00", 1, "16 10:30", 0, 1, "18 10:30"}};
   for (const auto &[now, type, when, week_flag, time_type, expected] : cases) {
     restart(std::string(now) + " " + when);
     const int id = arm({type, when, week_flag, 0, time_type})->timer_id;
-    set_clocks(now, text(at(now) - 3600).c_str(), "");
+    set_clocks(now, time_text(time_of(now) - 3600), "");
     adjust_dravel_all_items(nullptr, nullptr);
     const dravel_item *item = find_dravel_item(id);
-    EXPECT_EQ(item == nullptr ? "" : text(item->tm), expected);
+    EXPECT_EQ(item == nullptr ? "" : time_text(item->tm), expected);
     EXPECT_EQ(rows("SELECT tm_mday FROM dravel"),
               item == nullptr || id < 0 ? "" : std::to_string(item->tm.tm_mday));
-    EXPECT_EQ(armed(id), time_type == 1 ? text(at(expected) + 3600) : expected);
+    EXPECT_EQ(armed(id), time_type == 1 ? time_text(time_of(expected) + 3600) : expected);
   }
 }
 
@@ -93,34 +101,40 @@ TEST_F(Scheduler, AnAdjustmentWithoutTvClock_DisarmsItsTimers_UntilItIsKnown) {
 
 // From the programmed second on it is still held, and then it has passed.
 TEST_F(WakeupTime, IsTheEarliestOnTime_ChosenAgainOnlyWhenItMatters) {
-  const std::tuple<const char *, int, const char *, int, std::string> cases[] = {
-      {kNoon, 0, "16 06:59", 0, "set_wakeup_time 0 16 06:59"},
-      {kNoon, 0, "16 07:00", 0, ""},
-      {kNoon, 2, "16 07:00", 1, "set_wakeup_time 2 16 07:00"},
-      {kNoon, 1, "20 22:00", 0, kSetTomorrow},
-      {kNoon, 1, "16 07:00", 0, kCleared},
-      {"16 07:00", 0, "16 08:00", 0, ""},
-      {"16 07:00:01", 0, "16 08:00", 0, "set_wakeup_time 0 16 08:00"}};
+  const struct {
+    const char *now;
+    int type;
+    const char *when;
+    int priority;
+    std::string expected;
+  } cases[] = {{kNoon, 0, "16 06:59", 0, "set_wakeup_time 0 16 06:59"},
+               {kNoon, 0, "16 07:00", 0, ""},
+               {kNoon, 2, "16 07:00", 1, "set_wakeup_time 2 16 07:00"},
+               {kNoon, 1, "20 22:00", 0, kSetTomorrow},
+               {kNoon, 1, "16 07:00", 0, kCleared},
+               {"16 07:00", 0, "16 08:00", 0, ""},
+               {"16 07:00:01", 0, "16 08:00", 0, "set_wakeup_time 0 16 08:00"}};
   for (const auto &[now, type, when, priority, expected] : cases) {
     restart(when);
     arm(kTomorrow);
-    EXPECT_EQ(asked(), kSetTomorrow);
+    EXPECT_EQ(requests(), kSetTomorrow);
     set_now(now);
     arm({type, when, 0, 0, 0, priority});
-    EXPECT_EQ(asked(), expected);
+    EXPECT_EQ(requests(), expected);
   }
 }
 
 TEST_F(WakeupTime, IsLeftAlone_ByAnOnTimeWithinTheCurrentMinute) {
-  const std::tuple<const char *, const char *, const char *, const char *> cases[] = {
-      {"15 12:00:15", "15 11:59:45", kNoon, ""},
-      {"15 12:00:40", "15 12:00:30", "15 12:01", "set_wakeup_time 0 15 12:01:10"},
-      {kNoon, "15 11:59:01", kNoon, ""}};
+  const struct {
+    const char *tv, *system, *when, *expected;
+  } cases[] = {{"15 12:00:15", "15 11:59:45", kNoon, ""},
+               {"15 12:00:40", "15 12:00:30", "15 12:01", "set_wakeup_time 0 15 12:01:10"},
+               {kNoon, "15 11:59:01", kNoon, ""}};
   for (const auto &[tv, system, when, expected] : cases) {
     restart(tv);
     set_clocks(tv, system, "");
     arm({0, when, 0, 0, TIME_TYPE_INTERNET});
-    EXPECT_EQ(asked(), expected);
+    EXPECT_EQ(requests(), expected);
   }
 }
 
@@ -128,12 +142,15 @@ TEST_F(WakeupTime, FollowsTheNextOnTimer_WhenItsTimerIsCancelled) {
   arm(kTomorrow);
   arm({2, "17 07:00"});
   arm({3, "18 07:00"});
-  asked();
-  const std::pair<int, std::string> cases[] = {
+  requests();
+  const struct {
+    int id;
+    std::string expected;
+  } cases[] = {
       {3, ""}, {1, kCleared + "; set_wakeup_time 2 17 07:00"}, {2, kCleared + "; " + kCleared}};
   for (const auto &[id, expected] : cases) {
     cancel_dravel_item(find_dravel_item(id));
-    EXPECT_EQ(asked(), expected) << id;
+    EXPECT_EQ(requests(), expected) << id;
   }
   EXPECT_EQ(std::tuple(micom_ontimer.timer_id, micom_ontimer.ontime), std::tuple(0, 0U));
   EXPECT_EQ(std::tuple(micom_ontimer.type, micom_ontimer.priority), std::tuple(2U, -1));
@@ -143,9 +160,9 @@ TEST_F(WakeupTime, ReturnsToTheOnTimer_WhoseOffTimerIsCancelled) {
   arm(kTomorrow);
   dravel_item *off = arm({1, "16 07:00"});
   EXPECT_EQ(armed(1), "");
-  EXPECT_EQ(asked(), kSetTomorrow + "; " + kCleared);
+  EXPECT_EQ(requests(), kSetTomorrow + "; " + kCleared);
   cancel_dravel_item(off);
-  EXPECT_EQ(asked(), kSetTomorrow);
+  EXPECT_EQ(requests(), kSetTomorrow);
   cancel_dravel_item(arm({1, "20 07:00"}));
   EXPECT_EQ(armed(1), "16 07:00");
   EXPECT_EQ(pending(ecore_timer_cb), 1);
@@ -155,24 +172,26 @@ TEST_F(WakeupTime, LeavesOut_WhatAnOffTimerTakesAway) {
   constexpr const char *wed = "16 07:00"; // a Wednesday
   const new_timer once = kTomorrow, off{1, wed}, on_internet{0, "16 06:00", 0, 0, 1};
   const new_timer off_internet{1, "16 06:00", 0, 0, 1};
-  using row = std::tuple<std::vector<new_timer>, const char *, bool, bool>;
-  const row cases[] = {
-      // whether the first on-timer is disarmed, whether the TV clock is known
-      {{once, {1, "16 07:00:01"}}, wed, false, true},
-      {{once, off}, "-1", true, true},
-      {{once, {1, wed, Wed | Fri}}, "-1", true, true},
-      {{{0, wed, Wed | Thu | Fri}, {1, wed, Wed}, {1, wed, Thu}}, "18 07:00", false, true},
-      // A one-shot off-timer flips its weekday, so that a second one gives it back.
-      {{{0, wed, Wed | Thu}, off}, "17 07:00", false, true},
-      {{{0, wed, Mon}, off}, wed, false, true},
-      {{{0, wed, Wed}, off}, "-1", false, true},
-      {{{0, wed, Wed}, off, off}, wed, false, true},
-      // Configured times meet on the TV clock; the system clock is an hour behind.
-      {{once, off_internet}, "-1", true, true},
-      {{on_internet, off}, "-1", true, true},
-      // While the TV clock is unknown, its timers take no part.
-      {{once, off_internet}, "-1", false, false},
-      {{on_internet, off}, wed, false, false}};
+  const struct {
+    std::vector<new_timer> timers;
+    const char *expected;
+    bool disarmed; // the first on-timer
+    bool tv_known;
+  } cases[] = {{{once, {1, "16 07:00:01"}}, wed, false, true},
+               {{once, off}, "-1", true, true},
+               {{once, {1, wed, Wed | Fri}}, "-1", true, true},
+               {{{0, wed, Wed | Thu | Fri}, {1, wed, Wed}, {1, wed, Thu}}, "18 07:00", false, true},
+               // A one-shot off-timer flips its weekday, so that a second one gives it back.
+               {{{0, wed, Wed | Thu}, off}, "17 07:00", false, true},
+               {{{0, wed, Mon}, off}, wed, false, true},
+               {{{0, wed, Wed}, off}, "-1", false, true},
+               {{{0, wed, Wed}, off, off}, wed, false, true},
+               // Configured times meet on the TV clock; the system clock is an hour behind.
+               {{once, off_internet}, "-1", true, true},
+               {{on_internet, off}, "-1", true, true},
+               // While the TV clock is unknown, its timers take no part.
+               {{once, off_internet}, "-1", false, false},
+               {{on_internet, off}, wed, false, false}};
   for (const auto &[timers, expected, disarmed, tv_known] : cases) {
     restart(expected + std::string(" ") + std::to_string(timers.back().week_flag));
     set_clocks(kNoon, "15 11:00", kNoon);
@@ -183,15 +202,14 @@ TEST_F(WakeupTime, LeavesOut_WhatAnOffTimerTakesAway) {
     dravel_item *chosen = nullptr;
     std::tm expire{};
     const int result = get_next_ontimer_not_overlap_with_offtimer(&chosen, &expire);
-    EXPECT_EQ(result == 0 ? text(expire) : "-1", expected);
+    EXPECT_EQ(result == 0 ? time_text(expire) : "-1", expected);
     EXPECT_EQ(armed(1).empty(), disarmed);
   }
 }
 
 TEST_F(WakeupTime, MarksItsRow_WhenTheSetGoesToSleep) {
-  init_power_state_handler();
   arm(kTomorrow);
-  asked();
+  requests();
   standin_ambient_power_off();
   EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "1");
   EXPECT_EQ(get_kinto_time_updated() + get_wakeup_state(), 0);
@@ -199,7 +217,7 @@ TEST_F(WakeupTime, MarksItsRow_WhenTheSetGoesToSleep) {
   standin_ambient_power_off();
   set_wakeup_state(1);
   standin_standby(0);
-  EXPECT_EQ(asked(), "");
+  EXPECT_EQ(requests(), "");
   EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "1");
   EXPECT_EQ(get_wakeup_state(), 0);
 }
@@ -207,13 +225,13 @@ TEST_F(WakeupTime, MarksItsRow_WhenTheSetGoesToSleep) {
 TEST_F(WakeupTime, ThatIsRefused_StaysInTheRecord_AndIsClearedButForItsType) {
   std::tm tm = broken_down("16 08:00");
   EXPECT_EQ(schedule_micom_ontimer(3, &tm, 255, 0), 0);
-  EXPECT_EQ(asked(), "");
+  EXPECT_EQ(requests(), "");
   EXPECT_EQ(micom_ontimer.timer_id, 0);
   standin().refused = {"set_wakeup_time", "clear_wakeup_time"};
   arm(kTomorrow);
-  EXPECT_EQ(text(micom_ontimer.ontime), kTomorrow.when);
+  EXPECT_EQ(time_text(micom_ontimer.ontime), kTomorrow.when);
   EXPECT_EQ(schedule_micom_ontimer(1, &tm, 254, 0), -1);
-  EXPECT_EQ(text(micom_ontimer.ontime), "16 08:00");
+  EXPECT_EQ(time_text(micom_ontimer.ontime), "16 08:00");
   update_micom_ontimer();
   EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "0");
   disable_micom_ontimer();
@@ -224,14 +242,14 @@ TEST_F(WakeupTime, ThatIsRefused_StaysInTheRecord_AndIsClearedButForItsType) {
 }
 
 TEST_F(Events, AWakeup_DisarmsTheProgrammedTimer_AndWaitsForAnUntrustedClock) {
-  const std::tuple<int, const char *, const char *, int> cases[] = {
-      {1, kNoon, "", 0}, {0, kNoon, "16 07:00", 1}, {0, "", "", 1}};
+  const struct {
+    int trusted;
+    const char *tv, *rearmed;
+    int waits;
+  } cases[] = {{1, kNoon, "", 0}, {0, kNoon, "16 07:00", 1}, {0, "", "", 1}};
   for (const bool ambient : {false, true})
     for (const auto &[trusted, tv, rearmed, waits] : cases) {
       restart(tv);
-      init_power_state_handler();
-      register_ambient_mode_cb();
-      register_ambient_mode_cb();
       EXPECT_EQ(standin_subscribers("state_changed_event"), 1);
       arm(kTomorrow);
       set_kinto_time_updated(trusted);
@@ -245,7 +263,7 @@ TEST_F(Events, AWakeup_DisarmsTheProgrammedTimer_AndWaitsForAnUntrustedClock) {
       EXPECT_EQ(pending(adjust_wait_timer_cb), waits);
       EXPECT_EQ(get_wakeup_state(), 1);
       set_now(kNoon);
-      EXPECT_FALSE(waits == 1 && run(adjust_wait_timer_cb)); // and then the clock is trusted
+      EXPECT_FALSE(waits == 1 && fire(adjust_wait_timer_cb)); // and then the clock is trusted
       EXPECT_EQ(get_kinto_time_updated(), 1);
       EXPECT_EQ(armed(1), waits == 1 ? "16 07:00" : "");
     }
@@ -257,6 +275,9 @@ TEST_F(Events, Subscriptions_StopAtTheFirstRefusal_AndAreMadeOnce) {
   int before = 0;
   for (const std::string refused : names) {
     restart(refused);
+    fini_power_state_handler();
+    unregister_ambient_mode_cb();
+    ambient_poweroff_received = false;
     standin().refused = {"device_power_subscribe_" + refused, "device_power_unsubscribe_poweroff"};
     EXPECT_EQ(init_power_state_handler(), before < 4 ? -1 : 0);
     register_ambient_mode_cb();
@@ -275,17 +296,15 @@ TEST_F(Events, Subscriptions_StopAtTheFirstRefusal_AndAreMadeOnce) {
 }
 
 TEST_F(Events, ASwitchToAutomatic_RetriesUntilTheTimeIsUpdated) {
-  init_settings_handler();
-  subscribe_kinto_signal_cb();
   arm({1, "18 14:00"});
   for (const int mode : {CLOCK_MODE_AUTO, CLOCK_MODE_AUTO, CLOCK_MODE_MANUAL, CLOCK_MODE_AUTO}) {
     standin_change_clock_mode(mode);
     EXPECT_EQ(pending(retry_adjust_all_timers), mode == CLOCK_MODE_AUTO);
   }
-  EXPECT_TRUE(run(retry_adjust_all_timers));
+  EXPECT_TRUE(fire(retry_adjust_all_timers));
   standin_middleware_signal(SIGNAL_SYSTEM_TIME_UPDATED);
   EXPECT_EQ(armed(1), "18 14:00");
-  EXPECT_FALSE(run(retry_adjust_all_timers));
+  EXPECT_FALSE(fire(retry_adjust_all_timers));
   EXPECT_EQ(armed(1), "15 14:00");
 
   set_now("15 16:00");
@@ -297,13 +316,13 @@ TEST_F(Events, ASwitchToAutomatic_RetriesUntilTheTimeIsUpdated) {
 }
 
 TEST_F(Events, ATimeUpdate_AnswersTheWait_InTheStatesThatCount) {
-  const std::tuple<int, int, int, bool> cases[] = {{0, 0, 0, true},  {0, 2, 0, true},
-                                                   {0, 4, 2, true},  {0, 4, 1, false},
-                                                   {0, 1, 2, false}, {1, 0, 0, false}};
+  const struct {
+    int trusted, state, ambient;
+    bool answers;
+  } cases[] = {{0, 0, 0, true},  {0, 2, 0, true},  {0, 4, 2, true},
+               {0, 4, 1, false}, {0, 1, 2, false}, {1, 0, 0, false}};
   for (const auto &[trusted, state, ambient, answers] : cases) {
     restart(std::to_string(trusted) + std::to_string(state) + std::to_string(ambient));
-    subscribe_kinto_signal_cb();
-    init_power_state_handler();
     add(kTomorrow);
     set_kinto_time_updated(0);
     standin_wakeup(3);
@@ -316,7 +335,7 @@ TEST_F(Events, ATimeUpdate_AnswersTheWait_InTheStatesThatCount) {
       EXPECT_EQ(armed(1), answers && other == 0 ? "16 07:00" : "");
     }
     EXPECT_EQ(pending(adjust_wait_timer_cb), answers ? 0 : 1);
-    EXPECT_EQ(fs::exists("/tmp/dravel_finish"), answers);
+    EXPECT_EQ(fs::exists(kFinishMarkerPath), answers);
     EXPECT_EQ(get_auto_clock_mode_time_update(), 0); // in manual mode
   }
 }
@@ -328,26 +347,26 @@ TEST_F(Events, TwoTimeUpdatesWithoutAClock_StartTwoPolls_AndBothEnd) {
   auto_time_set();
   auto_time_set();
   EXPECT_EQ(pending(wait_cur_time_cb), 2);
-  EXPECT_TRUE(run(wait_cur_time_cb));
+  EXPECT_TRUE(fire(wait_cur_time_cb));
   EXPECT_EQ(get_kinto_time_updated(), 0);
   set_now(kNoon);
-  EXPECT_FALSE(run(wait_cur_time_cb));
-  EXPECT_FALSE(run(wait_cur_time_cb));
+  EXPECT_FALSE(fire(wait_cur_time_cb));
+  EXPECT_FALSE(fire(wait_cur_time_cb));
   EXPECT_EQ(get_kinto_time_updated(), 1);
   EXPECT_EQ(armed(1), "16 07:00");
-  EXPECT_TRUE(fs::exists("/tmp/dravel_finish"));
+  EXPECT_TRUE(fs::exists(kFinishMarkerPath));
 }
 
 TEST_F(Events, Markers_TellARelaunch_AndEndTheWait) {
-  init_dravel();
-  EXPECT_TRUE(fs::exists("/tmp/dravel_init"));
+  EXPECT_TRUE(fs::exists(kInitMarkerPath));
   EXPECT_EQ(get_relaunch_state(), 0);
-  create_dravel_finish_file();
+  EXPECT_EQ(waits(wait_dravel_finish_cb), std::vector{90.0});
+  run_idle_steps();
   EXPECT_EQ(pending(wait_dravel_finish_cb), 0);
-  EXPECT_EQ(fs::status("/tmp/dravel_finish").permissions(), fs::perms(0644));
+  EXPECT_EQ(fs::status(kFinishMarkerPath).permissions(), fs::perms(0644));
   create_dravel_finish_file();
 
-  fs::remove("/tmp/dravel_finish");
+  fs::remove(kFinishMarkerPath);
   set_clocks("", kNoon, kNoon);
   set_kinto_time_updated(1);
   init_dravel();
@@ -355,6 +374,6 @@ TEST_F(Events, Markers_TellARelaunch_AndEndTheWait) {
   EXPECT_EQ(get_relaunch_state(), 1);
   EXPECT_EQ(get_kinto_time_updated(), 0);
   EXPECT_EQ(pending(wait_dravel_finish_cb), 1);
-  EXPECT_FALSE(run(wait_dravel_finish_cb));
-  EXPECT_TRUE(fs::exists("/tmp/dravel_finish"));
+  EXPECT_FALSE(fire(wait_dravel_finish_cb));
+  EXPECT_TRUE(fs::exists(kFinishMarkerPath));
 }

@@ -10,13 +10,17 @@ TEST_F(TimeBase, EachClock_IsReadByItsTimeType_AndMayBeUnknown) {
   EXPECT_EQ(get_cur_time(&out, 3), -1);
   EXPECT_EQ(out, 7U);
   EXPECT_EQ(get_cur_time(&out, TIME_TYPE_RTC), 0);
-  EXPECT_EQ(text(out), "2024-02-29 12:30");
+  EXPECT_EQ(time_text(out), "2024-02-29 12:30");
   EXPECT_EQ(get_cur_time(&out, TIME_TYPE_BROADCAST), -1);
   EXPECT_EQ(out, 0U);
 }
 
 TEST_F(TimeBase, AnOffset_LosesItsFraction_AndNeverLeavesTheRange) {
-  const std::tuple<time_value, double, time_value> cases[] = {
+  const struct {
+    time_value time;
+    double offset;
+    time_value expected;
+  } cases[] = {
       {1000, 0.9, 1000}, {1000, -2000.0, 0}, {1, 1e300, kInvalidTime}, {1000, std::nan(""), 0}};
   for (const auto &[time, offset, expected] : cases)
     EXPECT_EQ(add_time_offset(time, offset), expected) << time << " + " << offset;

@@ -1,0 +1,394 @@
+// The faults: how each is prepared, does its harm and is repaired.
+
+#include "soak.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <standin.h>
+
+namespace fs = std::filesystem;
+
+// --- SIGKILL for the daemon, or for the bus, while changes are made ---
+
+static void change_until_killed(soak_run &run, pid_t victim, unsigned longest_us) {
+  const std::jthread killer([victim, wait = run.below(longest_us)] {
+    usleep(wait);
+    kill(victim, SIGKILL);
+  });
+  while (change(run))
+    continue;
+}
+
+static void kill_daemon(soak_run &run) { change_until_killed(run, run.daemon->pid(), 30000); }
+
+static constexpr const char *kShortLivedBus = "unix:path=/run/bench/short-lived";
+static std::optional<process> short_lived_bus;
+
+// The bus takes connections once the daemon's forerunner has gone and it has made its socket.
+static void start_bus(soak_run &run) {
+  constexpr const char *file = "/run/bench/short-lived.conf";
+  std::ofstream(file) << "<busconfig><type>session</type><listen>" << kShortLivedBus
+                      << "</listen><auth>EXTERNAL</auth><policy context='default'>"
+                         "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>"
+                         "<allow own='*'/></policy></busconfig>";
+  fs::remove("/run/bench/short-lived");
+  short_lived_bus.emplace(std::vector<std::string>{"/usr/bin/dbus-daemon", "--nofork", "--nosyslog",
+                                                   std::string("--config-file=") + file});
+  while (!fs::exists("/run/bench/short-lived"))
+    usleep(500);
+  run.address = kShortLivedBus;
+  run.bus.reset();
+}
+
+static void kill_bus(soak_run &run) {
+  change_until_killed(run, short_lived_bus->pid(), 50000);
+  if (short_lived_bus->wait() != -SIGKILL)
+    fail("the bus ended before it was killed");
+}
+
+static void use_sandbox_bus(soak_run &run) {
+  short_lived_bus.reset();
+  run.address = kSandboxBus;
+  run.bus.reset();
+}
+
+// --- a disk that is full, read-only or failing ---
+
+static constexpr const char *kDisk = "/opt/dbspace";
+static constexpr const char *kFiller = "/opt/dbspace/filler";
+static constexpr const char *kBackup = "/opt/dbspace/backup";
+static constexpr const char *kAllRows = "SELECT * FROM dravel";
+
+static void write_line(const char *path, const std::string &line) { std::ofstream(path) << line; }
+
+static void mount_disk(const char *source, unsigned long flags) {
+  if (mount(source, kDisk, "tmpfs", flags, "size=160k") != 0)
+    fail(std::string("no small disk: ") + std::strerror(errno));
+}
+
+// An ordinary user makes itself the owner of its own mounts first.
+static void use_small_disk() {
+  if (geteuid() != 0) {
+    const std::string user = std::to_string(geteuid());
+    const std::string group = std::to_string(getegid());
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+      fail("no mounts of its own for this user");
+    write_line("/proc/self/uid_map", user + ' ' + user + " 1");
+    write_line("/proc/self/setgroups", "deny");
+    write_line("/proc/self/gid_map", group + ' ' + group + " 1");
+  }
+  mount_disk("small", 0);
+}
+
+static void fill_disk() {
+  const int file = open(kFiller, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  const std::string block(512, 'x');
+  while (write(file, block.data(), block.size()) > 0)
+    continue;
+  close(file);
+}
+
+static void limit_writes(soak_run &run, rlim_t bytes) {
+  const rlimit limit{bytes, RLIM_INFINITY};
+  if (prlimit(run.daemon->pid(), RLIMIT_FSIZE, &limit, nullptr) != 0)
+    fail("no limit");
+}
+
+enum hindrance { FULL, FULL_AT_START, READ_ONLY, FAILING };
+
+static hindrance hindrance_of(const soak_run &run) {
+  return static_cast<hindrance>(run.round % (FAILING + 1));
+}
+
+static void prepare_disk(soak_run &run) {
+  std::signal(SIGXFSZ, SIG_IGN); // the daemon inherits it: a failing write is then an error alone
+  if (run.round == 0)
+    use_small_disk();
+  else if (hindrance_of(run) == FULL_AT_START)
+    fill_disk();
+  else if (hindrance_of(run) == READ_ONLY)
+    mount_disk(nullptr, MS_REMOUNT | MS_RDONLY);
+}
+
+static bool copies(soak_run &run, const char *direction) {
+  return run.bus->is_answered(kDaemon, "request_copy_db",
+                              std::string("(") + direction + ", '" + kBackup + "')");
+}
+
+// While nothing can be written, new timers and periods are refused, and a cancelled timer whose row
+// cannot be deleted is gone until the next start. The rest stays, in the list and on the disk.
+static void check_refusing(soak_run &run) {
+  timer_map listed = listed_timers(*run.bus);
+  const std::string stored = rows(kAllRows);
+  const auto period = period_arguments("24 00:00", "26 00:00");
+  if (run.bus->call_int(kDaemon, "schedule_timer", any_timer(run)) != -1 ||
+      run.bus->call_int(kDaemon, "request_set_disable_period", period) != -1)
+    fail("what cannot be stored was not refused");
+  if (!listed.empty()) {
+    run.bus->cancel(kDaemon, listed.begin()->first);
+    listed.erase(listed.begin());
+  }
+  if (listed_timers(*run.bus) != listed || rows(kAllRows) != stored)
+    fail("refused changes were made");
+}
+
+// Neither copy has room. The backup stays whole, and so does the store.
+static void check_copies(soak_run &run, const std::string &backup) {
+  const std::string stored = rows(kAllRows);
+  if (copies(run, "0") || copies(run, "1"))
+    fail("a copy without room was answered");
+  if (rows(kAllRows, "/opt/dbspace/backup/.dravel.db") != backup || rows(kAllRows) != stored)
+    fail("a copy without room damaged what was there");
+}
+
+static void hinder_disk(soak_run &run) {
+  if (hindrance_of(run) == FULL) {
+    fs::remove_all(kBackup);
+    fs::create_directory(kBackup);
+    for (unsigned changes = 1 + run.below(20); changes > 0; --changes)
+      change(run);
+    if (!copies(run, "0"))
+      fail("no backup");
+    const std::string backup = rows(kAllRows);
+    fill_disk();
+    check_copies(run, backup);
+  } else if (hindrance_of(run) == FAILING) {
+    limit_writes(run, 0);
+  }
+  check_refusing(run);
+}
+
+// Room again, while the daemon runs but for the read-only disk.
+static void hinder_and_free_disk(soak_run &run) {
+  if (hindrance_of(run) == READ_ONLY)
+    return check_refusing(run);
+  hinder_disk(run);
+  fs::remove(kFiller);
+  limit_writes(run, RLIM_INFINITY);
+  for (unsigned changes = 1 + run.below(5); changes > 0; --changes)
+    if (const int id = run.bus->schedule(kDaemon, any_timer(run));
+        rows("SELECT max(timer_id) FROM dravel") != std::to_string(id))
+      fail("there is room again, and a timer is not stored");
+    else
+      run.bus->cancel(kDaemon, id);
+}
+
+static void repair_disk(soak_run &run) {
+  if (hindrance_of(run) == READ_ONLY)
+    mount_disk(nullptr, MS_REMOUNT);
+}
+
+// --- files that a worn memory or another program has left ---
+
+static constexpr int kStoredTimers = 12;
+static std::string sound_bytes;
+
+static std::string bytes_of(const char *path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+static void write_bytes(const char *path, const std::string &bytes) {
+  for (const char *ending : {"", "-journal", "-wal", "-shm"})
+    fs::remove_all(std::string(path) + ending);
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+static void flip_bits(soak_run &run, std::string &bytes, unsigned within) {
+  for (unsigned i = run.below(8) + 1; i > 0; --i)
+    bytes[run.below(within)] ^= static_cast<char>(1U << run.below(8));
+}
+
+static std::string damaged(soak_run &run, std::string bytes) {
+  static const std::string kForeign[] = {
+      "", "SQLite format 3", std::string("SQLite format 3\0", 16) + std::string(4080, '\0'),
+      std::string(8192, 'U')};
+  const auto size = static_cast<unsigned>(bytes.size());
+  switch (run.below(6)) {
+  case 0:
+    flip_bits(run, bytes, size);
+    return bytes;
+  case 1: // the header and the schema
+    flip_bits(run, bytes, 120);
+    return bytes;
+  case 2:
+    return bytes.substr(0, run.below(size));
+  case 3: // a block of the flash memory
+    return bytes.replace(run.below(size), 512, 512, run.below(2) == 0 ? '\0' : '\xff');
+  case 4:
+    return bytes.append(run.below(9000), static_cast<char>(run.random()));
+  default:
+    return run.pick(kForeign);
+  }
+}
+
+static void damage_files(soak_run &run) {
+  if (run.round == 0)
+    return;
+  const char *path = run.below(8) == 0 ? kWakeupDbPath : kDravelDbPath;
+  write_bytes(path, damaged(run, bytes_of(path)));
+  write_bytes("/tmp/probe.db", bytes_of(kDravelDbPath));
+}
+
+// The rows that SQLite reads unchanged from a file in which it finds no fault.
+static std::set<std::string> readable_rows(const char *path) {
+  try {
+    if (rows("PRAGMA integrity_check; PRAGMA user_version", path) != "ok 1")
+      return {};
+    std::istringstream in(stored_timers(path));
+    return {std::istream_iterator<std::string>(in), {}};
+  } catch (const std::runtime_error &) {
+    return {};
+  }
+}
+
+static void check_kept(soak_run &run) {
+  if (run.round == 0)
+    return check_all(run);
+  const timer_map listed = listed_timers(*run.bus);
+  const std::set<std::string> readable = readable_rows("/tmp/probe.db");
+  for (const auto &[id, timer] : run.book.timers)
+    if (readable.contains(row_of(timer)) && (!listed.contains(id) || listed.at(id) != timer))
+      fail("the readable timer " + std::to_string(id) + " is not listed as it is stored");
+}
+
+static void use_files(soak_run &run) {
+  if (run.round == 0)
+    while (run.book.timers.size() < kStoredTimers)
+      change(run);
+  const int option = 0;
+  run.bus->call(kStandin, "Standby", {&option, 1}); // fills the wake-up database
+  const int id = run.bus->call_int(kDaemon, "schedule_timer", any_timer(run));
+  if (listed_timers(*run.bus).contains(id) != (id != -1))
+    fail("the answer and the list differ");
+  if (id != -1)
+    run.bus->cancel(kDaemon, id);
+}
+
+static void mend_files(soak_run &run) {
+  if (run.round == 0)
+    sound_bytes = bytes_of(kDravelDbPath);
+  write_bytes(kDravelDbPath, sound_bytes);
+}
+
+// --- events of the set ---
+
+static void send_event(soak_run &run, const char *event, std::initializer_list<int> arguments) {
+  run.bus->call(kStandin, event, {arguments.begin(), arguments.size()});
+}
+
+// An adjustment moves one-shot timers by whole days.
+static void accept_moved_dates(soak_run &run) {
+  const timer_map listed = listed_timers(*run.bus);
+  for (auto &[id, timer] : run.book.timers)
+    if (timer[TIMER_WORD_WEEK_FLAG] == 0 && listed.contains(id))
+      std::copy_n(&listed.at(id)[TIMER_WORD_MDAY], TIMER_WORD_YDAY - TIMER_WORD_MDAY + 1,
+                  &timer[TIMER_WORD_MDAY]);
+}
+
+// --- operations of the set that are refused, at the start or later ---
+
+// Without the first a timer has no time, and goes; the others end the start.
+static constexpr std::string_view kIndispensable[] = {"Unsigned_timegm",
+                                                      "device_power_subscribe_poweroff",
+                                                      "device_power_subscribe_standby",
+                                                      "device_power_subscribe_wakeup",
+                                                      "device_power_subscribe_ambient_poweroff",
+                                                      "settings_notify_key_changed"};
+
+static std::string refused_in(const soak_run &run) {
+  const std::size_t index = static_cast<std::size_t>(run.round) / 2 % std::size(kStandinOperations);
+  const std::string_view operation = kStandinOperations[index];
+  const bool left_out = std::ranges::find(kIndispensable, operation) != std::end(kIndispensable);
+  return left_out ? "" : std::string(operation);
+}
+
+static void refuse_at_start(soak_run &run) {
+  run.keys = run.round % 2 == 0 ? "Refuse=" + refused_in(run) : "";
+}
+
+static void send_all_events(soak_run &run) {
+  send_event(run, "Standby", {0});
+  send_event(run, "Wakeup", {20});
+  send_event(run, "AmbientPowerOff", {});
+  send_event(run, "StateChanged", {4, 2});
+  send_event(run, "TimeSet", {});
+  for (const char *mode : {"0", "1"})
+    run.bus->set_property("ClockMode", mode);
+  send_event(run, "MiddlewareSignal", {108});
+}
+
+// Once the set works again and says so, the next on-time is programmed.
+static void refuse_and_recover(soak_run &run) {
+  const std::string refused = "'" + refused_in(run) + "'";
+  run.bus->set_property("Refuse", refused);
+  for (unsigned changes = 1 + run.below(5); changes > 0; --changes)
+    change(run);
+  send_all_events(run);
+  change(run);
+  run.bus->set_property("Refuse", "''");
+  send_event(run, "MiddlewareSignal", {108});
+  send_event(run, "TimeSet", {});
+  const int id = run.bus->schedule(kDaemon, arguments_of({2, "15 12:30"}));
+  if (run.bus->property("WakeupTime") != u32(time_of("15 12:30")))
+    fail(refused + ": the next on-time is not programmed");
+  run.bus->cancel(kDaemon, id);
+  accept_moved_dates(run);
+  run.bus->set_property("Refuse", refused); // for its end
+}
+
+// --- clocks, zones and clock modes that change ---
+
+static void change_clock(soak_run &run) {
+  static constexpr const char *kZones[] = {"'UTC'", "'Europe/Berlin'", "'Asia/Kolkata'",
+                                           "'Pacific/Apia'", "'Australia/Lord_Howe'"};
+  constexpr std::uint32_t minute = 60;
+  const std::uint32_t first = time_of("2001-01-01 00:00");
+  const std::uint32_t span = time_of("2099-12-01 00:00") - first;
+  const unsigned choice = run.below(6);
+  if (choice == 0)
+    return run.bus->set_property("TimeZone", run.pick(kZones));
+  if (choice == 1)
+    return run.bus->set_property("ClockMode", std::to_string(run.below(3)));
+  // Timers stand on whole minutes: a clock that shows no whole minute makes none of them due.
+  run.bus->set_property("TvClock", u32((first + run.below(span)) / minute * minute + minute / 2));
+  send_event(run, "TimeSet", {});
+}
+
+static void change_clocks(soak_run &run) {
+  for (int changes = 0; changes < 40; ++changes)
+    change(run);
+  for (int changes = 0; changes < 50; ++changes)
+    change_clock(run);
+  run.bus->set_property("TvClock", u32(time_of(kNoon)));
+  send_event(run, "TimeSet", {});
+  accept_moved_dates(run);
+}
+
+std::span<const fault> faults() {
+  static constexpr fault kFaults[] = {
+      {"kills", 300, 3, nullptr, check_all, kill_daemon, -SIGKILL, nullptr},
+      {"lost-bus", 50, 1, start_bus, check_all, kill_bus, 0, use_sandbox_bus},
+      {"files", 2000, 20, damage_files, check_kept, use_files, 0, mend_files},
+      {"refusals", 600, 60, refuse_at_start, check_all, refuse_and_recover, 0, nullptr},
+      {"clocks", 200, 2, nullptr, check_all, change_clocks, 0, nullptr},
+      // The last one: the small disk stays.
+      {"disk", 120, 4, prepare_disk, check_all, hinder_and_free_disk, 0, repair_disk},
+  };
+  return kFaults;
+}

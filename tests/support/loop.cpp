@@ -1,0 +1,211 @@
+#include "loop.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+#include <utility>
+
+#include <gtest/gtest.h>
+#include <system_log.h>
+
+#include "dravel-bus.h"
+#include "standin.h"
+
+static std::vector<std::unique_ptr<loop_timer>> timers;
+static std::vector<std::pair<Ecore_Task_Cb, void *>> idle_steps;
+static std::time_t system_clock;
+
+// --- the main loop and the clock ---
+
+static auto find_live(const void *handle) {
+  return std::ranges::find(timers, handle, [](const auto &live) { return live.get(); });
+}
+
+extern "C" {
+
+std::time_t time(std::time_t *out) noexcept {
+  timespec now{system_clock, 0};
+  if (system_clock == 0)
+    clock_gettime(CLOCK_REALTIME, &now);
+  return out == nullptr ? now.tv_sec : *out = now.tv_sec;
+}
+
+Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *data) {
+  EXPECT_TRUE(std::isfinite(seconds) && seconds >= 0) << "a main-loop timer for no time";
+  timers.push_back(
+      std::make_unique<loop_timer>(loop_timer{seconds, callback, const_cast<void *>(data)}));
+  return reinterpret_cast<Ecore_Timer *>(timers.back().get());
+}
+
+void *ecore_timer_del(Ecore_Timer *timer) {
+  const auto found = find_live(timer);
+  if (found == timers.end()) {
+    ADD_FAILURE() << "a main-loop timer is deleted that has ended";
+    return nullptr;
+  }
+  void *data = (*found)->data;
+  if ((*found)->running)
+    (*found)->deleted = true;
+  else
+    timers.erase(found);
+  return data;
+}
+
+void ecore_timer_freeze(Ecore_Timer *timer) {
+  EXPECT_NE(find_live(timer), timers.end()) << "a main-loop timer is stopped that has ended";
+}
+
+// Each reading is later than all bursts before it.
+double ecore_loop_time_get() {
+  static double seconds = 0;
+  return ++seconds;
+}
+
+// Any address will do for a handle.
+Ecore_Idler *ecore_idler_add(Ecore_Task_Cb callback, const void *data) {
+  idle_steps.emplace_back(callback, const_cast<void *>(data));
+  return reinterpret_cast<Ecore_Idler *>(&idle_steps);
+}
+
+Ecore_Idle_Enterer *ecore_idle_enterer_add(Ecore_Task_Cb callback, const void *data) {
+  return reinterpret_cast<Ecore_Idle_Enterer *>(ecore_idler_add(callback, data));
+}
+}
+
+const std::vector<std::unique_ptr<loop_timer>> &live_timers() { return timers; }
+
+const loop_timer *find_timer(const void *handle) {
+  const auto found = find_live(handle);
+  return found == timers.end() ? nullptr : found->get();
+}
+
+std::vector<double> waits(Ecore_Task_Cb callback) {
+  std::vector<double> seconds;
+  for (const auto &timer : timers)
+    if (timer->callback == callback)
+      seconds.push_back(timer->seconds);
+  return seconds;
+}
+
+int pending(Ecore_Task_Cb callback) { return static_cast<int>(waits(callback).size()); }
+
+void pass(double seconds) {
+  for (const auto &timer : timers)
+    timer->seconds -= seconds;
+}
+
+bool fire(const loop_timer &timer) {
+  auto &running = *const_cast<loop_timer *>(&timer);
+  running.running = true;
+  const bool again = running.callback(running.data) != ECORE_CALLBACK_CANCEL;
+  running.running = false;
+  if (!again || running.deleted)
+    timers.erase(find_live(&running));
+  return again;
+}
+
+bool fire(Ecore_Task_Cb callback) {
+  for (const auto &timer : timers)
+    if (timer->callback == callback)
+      return fire(*timer);
+  ADD_FAILURE() << "no such main-loop timer";
+  return false;
+}
+
+void forget_timers() {
+  timers.clear();
+  idle_steps.clear();
+}
+
+void run_idle_steps() {
+  for (const auto &[step, data] : std::exchange(idle_steps, {}))
+    EXPECT_EQ(step(data), ECORE_CALLBACK_CANCEL);
+}
+
+void set_system_clock(std::time_t now) { system_clock = now; }
+
+// --- the bus binding ---
+
+// Nothing stands behind these; the daemon only hands them back.
+struct E_DBus_Connection {};
+struct E_DBus_Object {};
+struct E_DBus_Interface {};
+
+static E_DBus_Connection the_connection;
+static E_DBus_Object the_object;
+static E_DBus_Interface the_interface;
+static std::vector<bound_method> methods;
+
+const std::vector<bound_method> &bound_methods() { return methods; }
+
+int e_dbus_init() { return 1; }
+
+int e_dbus_shutdown() { return 0; }
+
+E_DBus_Connection *e_dbus_bus_get(DBusBusType) { return &the_connection; }
+
+// Any address will do: the daemon only compares it with null.
+DBusPendingCall *e_dbus_request_name(E_DBus_Connection *, const char *, unsigned int,
+                                     E_DBus_Method_Return_Cb, const void *) {
+  return reinterpret_cast<DBusPendingCall *>(&the_connection);
+}
+
+// The stand-in gets no object: it is driven directly.
+E_DBus_Object *e_dbus_object_add(E_DBus_Connection *, const char *path, void *) {
+  return std::string_view(path).starts_with(kDravelObjectPath) ? &the_object : nullptr;
+}
+
+E_DBus_Interface *e_dbus_interface_new(const char *) { return &the_interface; }
+
+int e_dbus_interface_method_add(E_DBus_Interface *, const char *member, const char *signature,
+                                const char *reply_signature, E_DBus_Method_Cb handler) {
+  methods.push_back({member, signature, reply_signature, handler});
+  return 1;
+}
+
+int e_dbus_interface_signal_add(E_DBus_Interface *, const char *, const char *) { return 1; }
+
+int e_dbus_interface_property_add(E_DBus_Interface *, const char *, const char *,
+                                  E_DBus_Property_Change, E_DBus_Property_Get_Cb,
+                                  E_DBus_Property_Set_Cb) {
+  return 1;
+}
+
+void e_dbus_properties_changed(E_DBus_Object *, const E_DBus_Interface *, const char *const *) {}
+
+void e_dbus_object_interface_attach(E_DBus_Object *, E_DBus_Interface *) {}
+
+// The daemon's signals stand among the requests that it makes of the set, in their order.
+DBusPendingCall *e_dbus_message_send(E_DBus_Connection *, DBusMessage *message,
+                                     E_DBus_Method_Return_Cb, int, void *) {
+  const std::string_view member = dbus_message_get_member(message);
+  if (!member.starts_with("dravel_")) // of the state object
+    return nullptr;
+  dbus_int32_t value = 0;
+  dbus_message_get_args(message, nullptr, DBUS_TYPE_INT32, &value, DBUS_TYPE_INVALID);
+  standin().requests.push_back({std::string(member), static_cast<std::uint32_t>(value), 0});
+  return nullptr;
+}
+
+// --- the log ---
+
+system_log_priority system_log_threshold = SYSTEM_LOG_DEBUG;
+static std::string log_lines;
+static const bool copy_to_stderr = std::getenv("DRAVEL_LOG_STDERR") != nullptr;
+
+std::string logged() { return std::exchange(log_lines, {}); }
+
+void system_log_print(system_log_priority, const char *, const char *format, ...) {
+  char line[2048];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(line, sizeof line, format, arguments);
+  va_end(arguments);
+  log_lines += line;
+  log_lines += '\n';
+  if (copy_to_stderr)
+    std::fprintf(stderr, "%s\n", line);
+}

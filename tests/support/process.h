@@ -1,0 +1,44 @@
+// Processes, and the daemon as one.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bus.h"
+
+// A program with its standard error in a file. Ended with SIGTERM at the latest by its destructor,
+// which ends the whole run unless that gives status 0.
+class process {
+public:
+  explicit process(const std::vector<std::string> &command, const char *errors = "/dev/null");
+  ~process();
+  process(process &&other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
+  process &operator=(process &&) = delete;
+
+  pid_t pid() const { return pid_; }
+  void wait_name(bus_client &bus, const bus_target &target); // until it has the target's name
+  int wait(); // the exit status, or the signal that ended it as a negative number
+  int stop(); // SIGTERM, and the same
+
+private:
+  pid_t pid_;
+};
+
+constexpr const char *kKeyFile = "/run/bench/set.ini";
+constexpr const char *kDaemonLog = "/run/bench/daemon.log"; // of the last start
+
+struct daemon_start {
+  std::string program;
+  std::string keys = {};     // further lines of the set's key file
+  const char *log = "error"; // the least priority
+  const char *address = kSandboxBus;
+};
+
+// Starts the daemon on a set whose clocks stand still at kNoon, in UTC. start_daemon returns when
+// it has its name and has loaded its timers; launch_daemon waits for nothing.
+process launch_daemon(const daemon_start &start);
+process start_daemon(const daemon_start &start, bus_client &bus);
+
+std::string daemon_log();
+void wait_log(const std::string &text);

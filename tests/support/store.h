@@ -1,0 +1,16 @@
+// The daemon's files in the sandbox.
+#pragma once
+
+#include <string>
+
+#include "dravel-db.h"
+#include "dravel-runtime.h"
+
+// Throws outside the sandbox, where the files and the bus are the machine's own.
+void require_sandbox();
+
+// Removes what is beside the databases, them, and the markers.
+void empty_store();
+
+// The rows that `sql` gives, as "1|0 2|5"; runs any other statement too.
+std::string rows(const std::string &sql, const char *path = kDravelDbPath);

@@ -1,0 +1,38 @@
+// Times as text, and the timers that tests set.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+#include "dravel-record.h"
+
+// Times are written as "15 12:00", a day of December 2026, or in full as "2027-01-31 12:00"; either
+// may have seconds. "" is a clock that cannot be read.
+constexpr const char *kNoon = "15 12:00"; // a Tuesday: where the clocks stand at first
+std::tm broken_down(const std::string &when);
+std::uint32_t time_of(const std::string &when);
+std::string time_text(const std::tm &time);
+std::string time_text(std::uint32_t time);
+
+enum weekdays { Sun = 1, Mon = 2, Tue = 4, Wed = 8, Thu = 16, Fri = 32, Sat = 64, Daily = 127 };
+
+struct new_timer {
+  int type;
+  std::string when;
+  int week_flag = 0;
+  int effect = 0; // whether disabled periods count
+  int time_type = TIME_TYPE_BROADCAST;
+  int priority = 0;
+};
+
+// The arguments of schedule_timer, and the image of the timer that they make.
+using timer_arguments = std::array<int, TIMER_ARGS>;
+using timer_words = std::array<int, TIMER_WORDS>;
+timer_arguments arguments_of(const new_timer &timer);
+timer_words words_of(int id, const timer_arguments &arguments);
+
+// The 20 arguments of request_set_disable_period.
+std::array<int, PERIOD_ARGS> period_arguments(const std::string &start, const std::string &end,
+                                              int leap = 0);
