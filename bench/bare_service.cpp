@@ -17,7 +17,7 @@
 
 static constexpr const char *bus_name = "org.olvara.tv.bare";
 static constexpr const char *object_path = "/org/olvara/tv/bare";
-static constexpr std::size_t image_words = 19;
+static constexpr std::size_t kImageWords = 19;
 static constexpr std::size_t word_size = 4;
 
 // The daemon's statements, to the letter.
@@ -90,7 +90,7 @@ static DBusMessage *cancel_timer(E_DBus_Object *, DBusMessage *call) {
 
 static DBusMessage *request_timer_list(E_DBus_Object *, DBusMessage *call) {
   ints_of<1>(call);
-  const auto count = static_cast<dbus_int32_t>(kept_images.size() / (image_words * word_size));
+  const auto count = static_cast<dbus_int32_t>(kept_images.size() / (kImageWords * word_size));
   const unsigned char *images = kept_images.data();
   DBusMessage *reply = dbus_message_new_method_return(call);
   dbus_message_append_args(reply, DBUS_TYPE_INT32, &count, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &images,
@@ -125,7 +125,7 @@ static int word_at(const unsigned char *image, std::size_t word) {
 }
 
 static DBusMessage *update_all(E_DBus_Object *, DBusMessage *call) {
-  for (std::size_t at = 0; at < kept_images.size(); at += image_words * word_size) {
+  for (std::size_t at = 0; at < kept_images.size(); at += kImageWords * word_size) {
     const auto word = [image = &kept_images[at]](std::size_t index) {
       return word_at(image, index);
     };

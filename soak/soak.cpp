@@ -101,7 +101,7 @@ timer_map listed_timers(bus_client &bus) {
 
 std::string row_of(const timer_words &timer) {
   std::string row;
-  for (const record_field &field : record_fields<dravel_item>)
+  for (const record_field &field : kRecordFields<dravel_item>)
     row += (row.empty() ? "" : "|") + std::to_string(timer[field.word]);
   return row;
 }

@@ -341,7 +341,7 @@ static void add_period(input &in) {
   const wanted_period wanted = draw_period(in);
   auto *period = static_cast<disabled_period_item *>(std::calloc(1, sizeof(disabled_period_item)));
   for (std::size_t column = 1; column <= 20; ++column)
-    field_of(*period, record_fields<disabled_period_item>[column]) =
+    field_of(*period, kRecordFields<disabled_period_item>[column]) =
         stored_period_value(wanted, column);
   if (add_disabled_period_item(period) == nullptr)
     std::free(period);

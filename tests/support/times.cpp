@@ -48,7 +48,7 @@ timer_arguments arguments_of(const new_timer &timer) {
 timer_words words_of(int id, const timer_arguments &arguments) {
   timer_words words{};
   words[TIMER_WORD_ID] = id;
-  for (const record_field &field : record_fields<dravel_item>)
+  for (const record_field &field : kRecordFields<dravel_item>)
     if (field.argument != kNoArgument)
       words[field.word] = arguments[static_cast<std::size_t>(field.argument)];
   return words;
