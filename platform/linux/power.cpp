@@ -75,12 +75,13 @@ static void set_state(int new_state) {
   if (new_state == state)
     return;
   state = new_state;
-  if (state == DEVICE_POWER_STATE_ON)
-    stop_timer(sleep_timer);
+  if (state != DEVICE_POWER_STATE_ON)
+    return;
+  off_steps_left = 0;
+  stop_timer(sleep_timer);
 }
 
 static void turn_on() {
-  off_steps_left = 0;
   set_state(DEVICE_POWER_STATE_ON);
   turn_screen(true, nullptr);
   start_target(kOnTarget);
@@ -152,6 +153,7 @@ static wake_kind kind_of_sleep() {
 void machine_goes_to_sleep() {
   stop_timer(sleep_timer);
   off_steps_left = 0;
+  leave_screen();
   change_alarm_lead(kind_of_sleep());
   deliver_standby();
   before_sleep = programmed_wake_up();

@@ -44,7 +44,7 @@ public:
 class fake_cec final : public cec_adapter {
 public:
   void start() override {}
-  bool exists() override { return is_there; }
+  bool prepare() override { return is_there; }
   std::uint16_t physical_address() override { return address; }
   void send(std::uint8_t destination, std::span<const std::uint8_t> message) override;
 
