@@ -7,6 +7,7 @@
 #include "journal.h"
 #include "screen.h"
 #include "sleep.h"
+#include "start.h"
 #include "targets.h"
 #include "time_source.h"
 
@@ -208,7 +209,11 @@ int device_power_get_state() { return state; }
 
 int device_power_get_ambient_mode() { return kAmbientModeClosed; }
 
-int device_power_get_wakeup_reason() { return wakeup_reason; }
+// Asked before anything is subscribed.
+int device_power_get_wakeup_reason() {
+  start_platform();
+  return wakeup_reason;
+}
 
 // An expiry: from here the time until the return to sleep counts again.
 int device_power_set_wakeup_reason(int reason) {

@@ -72,6 +72,7 @@ protected:
 
   fake_rtc rtc;
   fake_cec cec;
+  int reason_at_first = 0;
   std::optional<played_services> services;
 };
 
