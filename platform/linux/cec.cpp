@@ -92,7 +92,7 @@ void cec_device::claim() {
   claimed.primary_device_type[0] = CEC_OP_PRIM_DEVTYPE_PLAYBACK;
   claimed.log_addr_type[0] = CEC_LOG_ADDR_TYPE_PLAYBACK;
   std::strcpy(claimed.osd_name, "dravel");
-  is_ours = ioctl(fd, CEC_ADAP_S_LOG_ADDRS, &claimed) == 0;
+  is_configured = is_ours = ioctl(fd, CEC_ADAP_S_LOG_ADDRS, &claimed) == 0;
   if (!is_ours)
     report("%s: %s; no logical address", path.c_str(), std::strerror(errno));
 }

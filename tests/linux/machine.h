@@ -72,6 +72,7 @@ protected:
 
   fake_rtc rtc;
   fake_cec cec;
+  cec_adapter *adapter = &cec; // the one that is used
   int reason_at_first = 0;
   std::optional<played_services> services;
 };
