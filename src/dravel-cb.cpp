@@ -16,38 +16,33 @@ namespace {
 
 enum class expiry_action { kNone, kTurnOn, kTurnOff };
 
-// What the daemon does itself when a timer of a type expires: the reason that it
-// gives the power service for waking the set, or the option of its power-off.
+// What the daemon does itself when a timer of a type expires, and the option of its power-off.
 struct type_row {
   unsigned type;
   expiry_action action;
-  int wakeup_reason;
   unsigned poweroff_option = 0;
 };
 
 } // namespace
 
-// The power service's reason for a timer that has none of its own.
-static constexpr int kPlainReason = 2;
-
 // Every other type is left to its owner.
 static constexpr type_row kTypeRows[] = {
-    {TIMER_TYPE_ON, expiry_action::kTurnOn, kPlainReason},
-    {TIMER_TYPE_OFF, expiry_action::kTurnOff, kPlainReason, POWEROFF_BY_OFF_TIMER},
-    {2, expiry_action::kTurnOn, 20},
-    {3, expiry_action::kTurnOn, 5},
-    {5, expiry_action::kTurnOn, 28},
-    {TIMER_TYPE_STANDBY, expiry_action::kTurnOn, 30},
-    {7, expiry_action::kTurnOn, 33},
-    {8, expiry_action::kTurnOn, 36},
-    {TIMER_TYPE_TRANSIENT, expiry_action::kTurnOff, kPlainReason, POWEROFF_BY_TRANSIENT_TIMER},
-    {11, expiry_action::kTurnOn, 74},
-    {TIMER_TYPE_REPLACING, expiry_action::kTurnOn, 92},
-    {14, expiry_action::kTurnOn, 99},
-    {TIMER_TYPE_AMBIENT_ON, expiry_action::kTurnOn, 89},
-    {TIMER_TYPE_AMBIENT_OFF, expiry_action::kTurnOff, kPlainReason, POWEROFF_AMBIENT_TO_SUSPEND},
+    {TIMER_TYPE_ON, expiry_action::kTurnOn},
+    {TIMER_TYPE_OFF, expiry_action::kTurnOff, POWEROFF_BY_OFF_TIMER},
+    {2, expiry_action::kTurnOn},
+    {3, expiry_action::kTurnOn},
+    {5, expiry_action::kTurnOn},
+    {TIMER_TYPE_STANDBY, expiry_action::kTurnOn},
+    {7, expiry_action::kTurnOn},
+    {8, expiry_action::kTurnOn},
+    {TIMER_TYPE_TRANSIENT, expiry_action::kTurnOff, POWEROFF_BY_TRANSIENT_TIMER},
+    {11, expiry_action::kTurnOn},
+    {TIMER_TYPE_REPLACING, expiry_action::kTurnOn},
+    {14, expiry_action::kTurnOn},
+    {TIMER_TYPE_AMBIENT_ON, expiry_action::kTurnOn},
+    {TIMER_TYPE_AMBIENT_OFF, expiry_action::kTurnOff, POWEROFF_AMBIENT_TO_SUSPEND},
 };
-static constexpr type_row kOtherTypes = {0, expiry_action::kNone, kPlainReason};
+static constexpr type_row kOtherTypes = {0, expiry_action::kNone};
 
 static const type_row &row_of(const dravel_item *item) {
   const auto *row =
@@ -82,7 +77,8 @@ void process_on_timer(const dravel_item *item) {
 
   set_wakeup_timer(item);
   update_micom_flag();
-  const int result = device_power_set_wakeup_reason(row_of(item).wakeup_reason);
+  const int result =
+      device_power_set_wakeup_reason(device_power_reason_of(static_cast<unsigned>(item->type)));
   if (result != 0)
     LOGE("Error in device_power_set_wakeup_reason : %d\n", result);
 

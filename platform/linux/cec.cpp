@@ -33,24 +33,26 @@ struct cec_device {
   cec_device(const cec_device &) = delete;
   cec_device &operator=(const cec_device &) = delete;
 
-  void look(); // reads its addresses, claims a logical one where nobody has
-  bool is_usable() const {
-    return logical != kNoLogicalAddress && physical != CEC_PHYS_ADDR_INVALID &&
-           physical != kTelevisionAddress;
+  void look();  // reads its addresses, and claims a logical one when the physical one is new
+  void claim(); // a logical address, where nobody has one: what another program has is used
+  bool has_television() const {
+    return physical != CEC_PHYS_ADDR_INVALID && physical != kTelevisionAddress;
   }
+  bool is_usable() const { return has_television() && logical != kNoLogicalAddress; }
 
   std::string path;
   int fd;
   std::uint16_t physical = CEC_PHYS_ADDR_INVALID;
   std::uint8_t logical = kNoLogicalAddress;
-  bool is_ours = false; // we have configured it
+  bool is_configured = false; // by anybody
+  bool is_ours = false;       // by us
   sd_event_source *source = nullptr;
 };
 
 class kernel_cec final : public cec_adapter {
 public:
   void start() override;
-  bool exists() override;
+  bool prepare() override;
   std::uint16_t physical_address() override;
   void send(std::uint8_t destination, std::span<const std::uint8_t> message) override;
 };
@@ -80,7 +82,9 @@ cec_device::~cec_device() {
     close(fd);
 }
 
-static void claim(const cec_device &device) {
+void cec_device::claim() {
+  if (!has_television() || is_configured)
+    return;
   cec_log_addrs claimed{};
   claimed.num_log_addrs = 1;
   claimed.cec_version = CEC_OP_CEC_VERSION_1_4;
@@ -88,8 +92,9 @@ static void claim(const cec_device &device) {
   claimed.primary_device_type[0] = CEC_OP_PRIM_DEVTYPE_PLAYBACK;
   claimed.log_addr_type[0] = CEC_LOG_ADDR_TYPE_PLAYBACK;
   std::strcpy(claimed.osd_name, "dravel");
-  if (ioctl(device.fd, CEC_ADAP_S_LOG_ADDRS, &claimed) != 0)
-    report("%s: %s; no logical address", device.path.c_str(), std::strerror(errno));
+  is_configured = is_ours = ioctl(fd, CEC_ADAP_S_LOG_ADDRS, &claimed) == 0;
+  if (!is_ours)
+    report("%s: %s; no logical address", path.c_str(), std::strerror(errno));
 }
 
 void cec_device::look() {
@@ -98,13 +103,11 @@ void cec_device::look() {
   if (ioctl(fd, CEC_ADAP_G_PHYS_ADDR, &physical) != 0 ||
       ioctl(fd, CEC_ADAP_G_LOG_ADDRS, &found) != 0)
     return;
-  const bool is_configured = found.num_log_addrs > 0;
+  is_configured = found.num_log_addrs > 0;
+  is_ours = is_ours && is_configured;
   logical = is_configured && found.log_addr_mask != 0 ? found.log_addr[0] : kNoLogicalAddress;
-  if (is_configured || physical == before || physical == CEC_PHYS_ADDR_INVALID ||
-      physical == kTelevisionAddress)
-    return; // what another program has taken back is not claimed again
-  is_ours = true;
-  claim(*this);
+  if (physical != before) // else another program is about to configure it
+    claim();
 }
 
 static void transmit(const cec_device &device, std::uint8_t destination,
@@ -218,7 +221,13 @@ void kernel_cec::start() {
   open_devices();
 }
 
-bool kernel_cec::exists() { return usable_device() != nullptr || unaddressed_device() != nullptr; }
+bool kernel_cec::prepare() {
+  for (const auto &device : devices)
+    device->claim();
+  return std::ranges::any_of(devices,
+                             [](const auto &device) { return device->has_television(); }) ||
+         unaddressed_device() != nullptr;
+}
 
 std::uint16_t kernel_cec::physical_address() {
   const cec_device *device = usable_device();

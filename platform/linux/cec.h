@@ -9,8 +9,8 @@ public:
   // Opens what the configuration names, after what was open is closed.
   virtual void start() = 0;
 
-  // Whether there is a way to the television at all.
-  virtual bool exists() = 0;
+  // Makes ready for messages. False when there is no way to the television at all.
+  virtual bool prepare() = 0;
 
   // Its physical address on the HDMI cable, or kNoPhysicalAddress: then only a message without an
   // address of our own may be sent, as Image View On is.

@@ -80,7 +80,7 @@ int settings_get_int(const char *key, int *value) {
   return kDone;
 }
 
-// The daemon's first subscription: the main loop is there, and nothing else has been asked.
+// The daemon's first subscription.
 int settings_notify_key_changed(const char *key, settings_changed_cb callback, void *user_data) {
   return start_platform() ? callbacks.add(key, callback, user_data) : kFailed;
 }

@@ -7,6 +7,7 @@
 #include "journal.h"
 #include "screen.h"
 #include "sleep.h"
+#include "start.h"
 #include "targets.h"
 #include "time_source.h"
 
@@ -75,12 +76,13 @@ static void set_state(int new_state) {
   if (new_state == state)
     return;
   state = new_state;
-  if (state == DEVICE_POWER_STATE_ON)
-    stop_timer(sleep_timer);
+  if (state != DEVICE_POWER_STATE_ON)
+    return;
+  off_steps_left = 0;
+  stop_timer(sleep_timer);
 }
 
 static void turn_on() {
-  off_steps_left = 0;
   set_state(DEVICE_POWER_STATE_ON);
   turn_screen(true, nullptr);
   start_target(kOnTarget);
@@ -152,6 +154,7 @@ static wake_kind kind_of_sleep() {
 void machine_goes_to_sleep() {
   stop_timer(sleep_timer);
   off_steps_left = 0;
+  leave_screen();
   change_alarm_lead(kind_of_sleep());
   deliver_standby();
   before_sleep = programmed_wake_up();
@@ -206,7 +209,11 @@ int device_power_get_state() { return state; }
 
 int device_power_get_ambient_mode() { return kAmbientModeClosed; }
 
-int device_power_get_wakeup_reason() { return wakeup_reason; }
+// Asked before anything is subscribed.
+int device_power_get_wakeup_reason() {
+  start_platform();
+  return wakeup_reason;
+}
 
 // An expiry: from here the time until the return to sleep counts again.
 int device_power_set_wakeup_reason(int reason) {

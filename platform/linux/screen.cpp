@@ -95,10 +95,13 @@ static Eina_Bool check_screen(void *) {
   return ECORE_CALLBACK_RENEW;
 }
 
+void leave_screen() { stop_checks(); }
+
 void turn_screen(bool on, void (*settled)()) {
   stop_checks();
   order = {on, 0, settled, false};
-  if (!adapter->exists()) {
+  const bool is_reachable = adapter->prepare() && (on || has_address());
+  if (!is_reachable) {
     settle();
     return;
   }
@@ -130,7 +133,7 @@ void screen_received(std::uint8_t sender, std::span<const std::uint8_t> message)
 void start_screen(cec_adapter &used) {
   adapter = &used;
   adapter->start();
-  if (!adapter->exists() && configuration().cec != "off")
+  if (!adapter->prepare() && configuration().cec != "off")
     report(
         "no CEC adapter with a television (cec = %s); only the targets turn the screen on and off",
         configuration().cec.c_str());

@@ -10,6 +10,9 @@ void start_screen(cec_adapter &adapter);
 // Another order before that takes the place of this one, which is then never settled.
 void turn_screen(bool on, void (*settled)());
 
+// Forgets an order that is pending.
+void leave_screen();
+
 // Asks the television whether it is on; what it says arrives at screen_is (power.h).
 void ask_screen();
 

@@ -1,4 +1,5 @@
-// Brings the platform up when the daemon makes its first subscription.
+// Brings the platform up when the daemon asks for the wake-up reason or makes its first
+// subscription, whichever comes first. The main loop is there by then.
 #pragma once
 
 #include "cec.h"

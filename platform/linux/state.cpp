@@ -5,8 +5,11 @@
 #include <glib.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
+#include <optional>
 #include <string>
 #include <sys/file.h>
 #include <unistd.h>
@@ -41,8 +44,8 @@ bool lock_state() {
 }
 
 void keep_wake_up(const wake_up &wake) {
-  static wake_up kept;
-  if (wake == kept)
+  static std::optional<wake_up> kept;
+  if (kept == wake)
     return;
   kept = wake;
   g_autoptr(GKeyFile) file = g_key_file_new();
@@ -50,11 +53,12 @@ void keep_wake_up(const wake_up &wake) {
   g_key_file_set_uint64(file, kGroup, "on-time", wake.on_time);
   g_key_file_set_uint64(file, kGroup, "alarm", wake.alarm);
   g_autofree char *text = g_key_file_to_data(file, nullptr, nullptr);
-  g_autoptr(GError) error = nullptr;
   // Not synchronised: the disk may take longer than the main loop can wait.
-  if (!g_file_set_contents_full(wake_up_file().c_str(), text, -1, G_FILE_SET_CONTENTS_NONE,
-                                kFileMode, &error))
-    report("%s; a boot by the alarm is not credited", error->message);
+  const std::string path = wake_up_file();
+  const std::string fresh = path + ".new";
+  const bool written = static_cast<bool>((std::ofstream(fresh) << text).flush());
+  if (!written || rename(fresh.c_str(), path.c_str()) != 0)
+    report("%s: %s; a boot by the alarm is not credited", path.c_str(), g_strerror(errno));
 }
 
 wake_up kept_wake_up() {

@@ -343,7 +343,8 @@ void Machine::start(const char *configuration, const char *names) {
   if (*names != '\0')
     services.emplace(names);
   ecore_init();
-  use_devices(rtc, cec);
+  use_devices(rtc, *adapter);
+  reason_at_first = device_power_get_wakeup_reason(); // the daemon asks before it subscribes
   subscribe();
   connect();
   if (std::string_view(names).starts_with("login1"))

@@ -44,7 +44,7 @@ public:
 class fake_cec final : public cec_adapter {
 public:
   void start() override {}
-  bool exists() override { return is_there; }
+  bool prepare() override { return is_there; }
   std::uint16_t physical_address() override { return address; }
   void send(std::uint8_t destination, std::span<const std::uint8_t> message) override;
 
@@ -72,6 +72,8 @@ protected:
 
   fake_rtc rtc;
   fake_cec cec;
+  cec_adapter *adapter = &cec; // the one that is used
+  int reason_at_first = 0;
   std::optional<played_services> services;
 };
 

@@ -1,5 +1,7 @@
 #include "machine.h"
 
+#include "state.h"
+
 #include <screen_manager.h>
 
 #include <algorithm>
@@ -85,7 +87,8 @@ TEST_P(Booting, IsCreditedByWhatTheLastRunLeft) {
   rtc.alarm = on_time - 90;
   start();
   EXPECT_EQ(rtc.alarm, std::nullopt);
-  EXPECT_EQ(device_power_get_wakeup_reason(), row.reason);
+  EXPECT_EQ(kept_wake_up(), wake_up{}) << "it is credited once";
+  EXPECT_EQ(reason_at_first, row.reason);
   EXPECT_EQ(device_power_get_state(), row.state);
   if (row.state == 0)
     return;
