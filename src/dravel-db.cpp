@@ -511,8 +511,8 @@ static void __migration_0_to_1(void) {
   __get_old_dravel_list(timers, wakeup);
 
   if (recreate_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable) != SQLITE_OK ||
-      recreate_table(wakeup_dravel_db, kWakeupDbPath, "wakeup dravel",
-                     kCreateWakeupDravelTable) != SQLITE_OK)
+      recreate_table(wakeup_dravel_db, kWakeupDbPath, "wakeup dravel", kCreateWakeupDravelTable) !=
+          SQLITE_OK)
     return;
   for (dravel_item &item : timers)
     insert_dravel_item_db(&item);

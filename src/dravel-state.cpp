@@ -92,7 +92,8 @@ static std::vector<armed_timer> armed_timers(void) {
 static programmed_wakeup wakeup_of(const micom_ontimer_record &record) {
   if (record.timer_id == 0)
     return {};
-  return {record.timer_id, record.ontime, static_cast<int>(record.type), record.is_utc != 0};
+  return {record.timer_id, record.ontime, static_cast<int>(record.type),
+          record.is_utc != 0 ? 1U : 0U};
 }
 
 static unsigned stored_timers(void) {
@@ -108,7 +109,7 @@ static shown_state current_state(void) {
   state.platform = DRAVEL_PLATFORM_NAME;
   get_cur_time(&state.clock, TIME_TYPE_BROADCAST);
   state.clock_settings = clock_settings;
-  state.clock_confirmed = get_kinto_time_updated() != 0;
+  state.clock_confirmed = get_kinto_time_updated() != 0 ? 1 : 0;
   state.armed = armed_timers();
   state.wakeup = wakeup_of(micom_ontimer);
   state.halt_on = ontimer_halt;

@@ -149,7 +149,7 @@ void fini_hash_table(void) {
 }
 
 static bool is_armed(int timer_id) {
-  return g_hash_table_contains(scheduled_timer_table, GINT_TO_POINTER(timer_id));
+  return g_hash_table_contains(scheduled_timer_table, GINT_TO_POINTER(timer_id)) != 0;
 }
 
 static void forget_armed(int timer_id) {

@@ -13,17 +13,17 @@
 #include <vector>
 
 struct E_DBus_Interface {
-  struct Method {
+  struct method_entry {
     std::string name;
     std::string signature;
     std::string reply_signature;
     E_DBus_Method_Cb handler;
   };
-  struct Signal {
+  struct signal_entry {
     std::string name;
     std::string signature;
   };
-  struct Property {
+  struct property_entry {
     std::string name;
     std::string type;
     E_DBus_Property_Change change;
@@ -32,9 +32,9 @@ struct E_DBus_Interface {
   };
 
   std::string name;
-  std::vector<Method> methods; // in the order in which they were added
-  std::vector<Signal> signals;
-  std::vector<Property> properties;
+  std::vector<method_entry> methods; // in the order in which they were added
+  std::vector<signal_entry> signals;
+  std::vector<property_entry> properties;
 };
 
 struct E_DBus_Object {
@@ -44,7 +44,7 @@ struct E_DBus_Object {
 };
 
 struct E_DBus_Connection {
-  struct Waiting {
+  struct pending_reply {
     E_DBus_Method_Return_Cb callback;
     void *data;
   };
@@ -57,20 +57,20 @@ struct E_DBus_Connection {
   DBusConnection *bus;
   Ecore_Fd_Handler *socket = nullptr;
   Ecore_Job *dispatch = nullptr;
-  bool reading = false; // the socket is read, and one message is dispatched after it
+  bool reading = false;             // the socket is read, and one message is dispatched after it
   std::vector<DBusWatch *> watches; // all on the one socket
-  std::map<DBusPendingCall *, Waiting> waiting;
+  std::map<DBusPendingCall *, pending_reply> waiting;
   std::vector<std::unique_ptr<E_DBus_Object>> objects;
 };
 
+static constexpr double kMillisecondsPerSecond = 1000.0;
+static constexpr const char *kTag = "E_DBUS";
+// By E_DBus_Property_Change.
+static constexpr const char *kChangeWords[] = {"const", "false", "invalidates", "true"};
+
 namespace {
 
-constexpr double kMillisecondsPerSecond = 1000.0;
-constexpr const char *kTag = "E_DBUS";
-// By E_DBus_Property_Change.
-constexpr const char *kChangeWords[] = {"const", "false", "invalidates", "true"};
-
-struct Library {
+struct bus_library {
   int users = 0;
   E_DBus_Interface introspectable;
   E_DBus_Interface properties;
@@ -78,45 +78,47 @@ struct Library {
   std::array<std::unique_ptr<E_DBus_Connection>, 3> connections; // by DBusBusType
 };
 
-struct UnrefMessage {
+struct unref_message {
   void operator()(DBusMessage *message) const { dbus_message_unref(message); }
 };
-using Message = std::unique_ptr<DBusMessage, UnrefMessage>;
+using message_ptr = std::unique_ptr<DBusMessage, unref_message>;
+
+} // namespace
 
 // Plain, so that a process which ends without e_dbus_shutdown closes nothing:
 // Ecore may be gone by then.
-Library *library = nullptr;
+static bus_library *library = nullptr;
 
-void send_reply(DBusConnection *bus, DBusMessage *call, DBusMessage *reply) {
-  if (reply && !dbus_message_get_no_reply(call))
+static void send_reply(DBusConnection *bus, DBusMessage *call, DBusMessage *reply) {
+  if (reply != nullptr && !dbus_message_get_no_reply(call))
     dbus_connection_send(bus, reply, nullptr);
 }
 
 // --- libdbus on the Ecore main loop ---
 
-void dispatch_one(void *data);
+static void dispatch_one(void *data);
 
-void schedule_dispatch(E_DBus_Connection *connection) {
-  if (!connection->dispatch && !connection->reading)
+static void schedule_dispatch(E_DBus_Connection *connection) {
+  if (connection->dispatch == nullptr && !connection->reading)
     connection->dispatch = ecore_job_add(dispatch_one, connection);
 }
 
 // One message a turn, so that a busy client cannot hold up the timers.
-void dispatch_one(void *data) {
+static void dispatch_one(void *data) {
   auto *connection = static_cast<E_DBus_Connection *>(data);
   connection->dispatch = nullptr;
   if (dbus_connection_dispatch(connection->bus) != DBUS_DISPATCH_COMPLETE)
     schedule_dispatch(connection);
 }
 
-void dispatch_status_changed(DBusConnection *, DBusDispatchStatus status, void *data) {
+static void dispatch_status_changed(DBusConnection *, DBusDispatchStatus status, void *data) {
   if (status != DBUS_DISPATCH_COMPLETE)
     schedule_dispatch(static_cast<E_DBus_Connection *>(data));
 }
 
-void wakeup_main(void *data) { schedule_dispatch(static_cast<E_DBus_Connection *>(data)); }
+static void wakeup_main(void *data) { schedule_dispatch(static_cast<E_DBus_Connection *>(data)); }
 
-unsigned int ready_conditions(Ecore_Fd_Handler *handler) {
+static unsigned int ready_conditions(Ecore_Fd_Handler *handler) {
   unsigned int ready = 0;
   if (ecore_main_fd_handler_active_get(handler, ECORE_FD_READ))
     ready |= DBUS_WATCH_READABLE;
@@ -127,13 +129,13 @@ unsigned int ready_conditions(Ecore_Fd_Handler *handler) {
   return ready;
 }
 
-Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
+static Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
   auto *connection = static_cast<E_DBus_Connection *>(data);
   const unsigned int ready = ready_conditions(handler);
 
   // A lost connection takes its watches away while they are handled.
   connection->reading = true;
-  for (std::size_t i = 0; i < connection->watches.size(); ++i) {
+  for (std::size_t i = 0; i < connection->watches.size(); ++i) { // NOLINT(modernize-loop-convert)
     DBusWatch *watch = connection->watches[i];
     const unsigned int conditions =
         ready & (dbus_watch_get_flags(watch) | DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP);
@@ -142,21 +144,21 @@ Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
   }
   connection->reading = false;
   // The first message at once: a job would cost a turn of the loop. A job may wait already.
-  if (!connection->dispatch)
+  if (connection->dispatch == nullptr)
     dispatch_one(connection);
   return ECORE_CALLBACK_RENEW;
 }
 
 // libdbus watches reading and writing apart; Ecore takes a descriptor only
 // once, so one handler serves both.
-void update_socket_handler(E_DBus_Connection *connection) {
+static void update_socket_handler(E_DBus_Connection *connection) {
   unsigned int wanted = 0;
   for (DBusWatch *watch : connection->watches)
     if (dbus_watch_get_enabled(watch))
       wanted |= dbus_watch_get_flags(watch);
 
   if (!wanted) {
-    if (connection->socket)
+    if (connection->socket != nullptr)
       ecore_main_fd_handler_del(connection->socket);
     connection->socket = nullptr;
     return;
@@ -164,7 +166,7 @@ void update_socket_handler(E_DBus_Connection *connection) {
   const int flags = ECORE_FD_ERROR | ((wanted & DBUS_WATCH_READABLE) ? ECORE_FD_READ : 0) |
                     ((wanted & DBUS_WATCH_WRITABLE) ? ECORE_FD_WRITE : 0);
   const auto conditions = static_cast<Ecore_Fd_Handler_Flags>(flags);
-  if (connection->socket)
+  if (connection->socket != nullptr)
     ecore_main_fd_handler_active_set(connection->socket, conditions);
   else
     connection->socket =
@@ -172,55 +174,55 @@ void update_socket_handler(E_DBus_Connection *connection) {
                                   socket_ready, connection, nullptr, nullptr);
 }
 
-dbus_bool_t add_watch(DBusWatch *watch, void *data) {
+static dbus_bool_t add_watch(DBusWatch *watch, void *data) {
   auto *connection = static_cast<E_DBus_Connection *>(data);
   connection->watches.push_back(watch);
   update_socket_handler(connection);
   return TRUE;
 }
 
-void remove_watch(DBusWatch *watch, void *data) {
+static void remove_watch(DBusWatch *watch, void *data) {
   auto *connection = static_cast<E_DBus_Connection *>(data);
   std::erase(connection->watches, watch);
   update_socket_handler(connection);
 }
 
-void toggle_watch(DBusWatch *, void *data) {
+static void toggle_watch(DBusWatch *, void *data) {
   update_socket_handler(static_cast<E_DBus_Connection *>(data));
 }
 
 // libdbus's timeouts on a client are the limits of single replies, so that each
 // elapses once; handling one may release it.
-Eina_Bool timeout_elapsed(void *data) {
+static Eina_Bool timeout_elapsed(void *data) {
   auto *timeout = static_cast<DBusTimeout *>(data);
   dbus_timeout_set_data(timeout, nullptr, nullptr);
   dbus_timeout_handle(timeout);
   return ECORE_CALLBACK_CANCEL;
 }
 
-dbus_bool_t add_timeout(DBusTimeout *timeout, void *) {
+static dbus_bool_t add_timeout(DBusTimeout *timeout, void *) {
   if (!dbus_timeout_get_enabled(timeout))
     return TRUE;
   Ecore_Timer *timer = ecore_timer_add(dbus_timeout_get_interval(timeout) / kMillisecondsPerSecond,
                                        timeout_elapsed, timeout);
   dbus_timeout_set_data(timeout, timer, nullptr);
-  return timer != nullptr;
+  return static_cast<dbus_bool_t>(timer != nullptr);
 }
 
-void remove_timeout(DBusTimeout *timeout, void *) {
+static void remove_timeout(DBusTimeout *timeout, void *) {
   if (auto *timer = static_cast<Ecore_Timer *>(dbus_timeout_get_data(timeout)))
     ecore_timer_del(timer);
   dbus_timeout_set_data(timeout, nullptr, nullptr);
 }
 
-void toggle_timeout(DBusTimeout *timeout, void *data) {
+static void toggle_timeout(DBusTimeout *timeout, void *data) {
   remove_timeout(timeout, data);
   add_timeout(timeout, data);
 }
 
 // Without the bus nobody can set or cancel a timer any more. The loop ends in
 // order, and whoever started the process starts it again.
-DBusHandlerResult watch_for_loss(DBusConnection *, DBusMessage *message, void *) {
+static DBusHandlerResult watch_for_loss(DBusConnection *, DBusMessage *message, void *) {
   if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected")) {
     system_log_print(SYSTEM_LOG_ERROR, kTag, "bus connection lost, leaving the main loop");
     ecore_main_loop_quit();
@@ -230,7 +232,8 @@ DBusHandlerResult watch_for_loss(DBusConnection *, DBusMessage *message, void *)
 
 // --- introspection ---
 
-void append_arguments(Eina_Strbuf *xml, const std::string &signature, const char *attributes) {
+static void append_arguments(Eina_Strbuf *xml, const std::string &signature,
+                             const char *attributes) {
   if (signature.empty())
     return;
   DBusSignatureIter type;
@@ -239,10 +242,10 @@ void append_arguments(Eina_Strbuf *xml, const std::string &signature, const char
     char *complete = dbus_signature_iter_get_signature(&type);
     eina_strbuf_append_printf(xml, "   <arg type=\"%s\"%s/>\n", complete, attributes);
     dbus_free(complete);
-  } while (dbus_signature_iter_next(&type));
+  } while (dbus_signature_iter_next(&type) != 0);
 }
 
-void append_members(Eina_Strbuf *xml, const E_DBus_Interface &interface) {
+static void append_members(Eina_Strbuf *xml, const E_DBus_Interface &interface) {
   for (const auto &method : interface.methods) {
     eina_strbuf_append_printf(xml, "  <method name=\"%s\">\n", method.name.c_str());
     append_arguments(xml, method.signature, " direction=\"in\"");
@@ -265,7 +268,7 @@ void append_members(Eina_Strbuf *xml, const E_DBus_Interface &interface) {
 }
 
 // The objects below `object`, so that a client can find them.
-void append_children(Eina_Strbuf *xml, const E_DBus_Object &object) {
+static void append_children(Eina_Strbuf *xml, const E_DBus_Object &object) {
   char **children = nullptr;
   if (!dbus_connection_list_registered(object.bus, object.path.c_str(), &children))
     return;
@@ -274,7 +277,7 @@ void append_children(Eina_Strbuf *xml, const E_DBus_Object &object) {
   dbus_free_string_array(children);
 }
 
-DBusMessage *introspect(E_DBus_Object *object, DBusMessage *message) {
+static DBusMessage *introspect(E_DBus_Object *object, DBusMessage *message) {
   Eina_Strbuf *xml = eina_strbuf_new();
   eina_strbuf_append(xml, DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE "<node>\n");
   for (const E_DBus_Interface *interface : object->interfaces) {
@@ -287,7 +290,7 @@ DBusMessage *introspect(E_DBus_Object *object, DBusMessage *message) {
 
   const char *text = eina_strbuf_string_get(xml);
   DBusMessage *reply = dbus_message_new_method_return(message);
-  if (reply)
+  if (reply != nullptr)
     dbus_message_append_args(reply, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
   eina_strbuf_free(xml);
   return reply;
@@ -295,22 +298,24 @@ DBusMessage *introspect(E_DBus_Object *object, DBusMessage *message) {
 
 // --- properties ---
 
-DBusMessage *no_interface(DBusMessage *message, const char *wanted) {
+static DBusMessage *no_interface(DBusMessage *message, const char *wanted) {
   return dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_INTERFACE,
                                        "No interface \"%s\" at %s", wanted,
                                        dbus_message_get_path(message));
 }
 
-using Property = E_DBus_Interface::Property;
+using property_entry = E_DBus_Interface::property_entry;
 
-void append_value(DBusMessageIter *out, E_DBus_Object *object, const Property &property) {
+static void append_value(DBusMessageIter *out, E_DBus_Object *object,
+                         const property_entry &property) {
   DBusMessageIter variant;
   dbus_message_iter_open_container(out, DBUS_TYPE_VARIANT, property.type.c_str(), &variant);
   property.get(object, property.name.c_str(), &variant);
   dbus_message_iter_close_container(out, &variant);
 }
 
-void append_entry(DBusMessageIter *values, E_DBus_Object *object, const Property &property) {
+static void append_entry(DBusMessageIter *values, E_DBus_Object *object,
+                         const property_entry &property) {
   const char *name = property.name.c_str();
   DBusMessageIter entry;
   dbus_message_iter_open_container(values, DBUS_TYPE_DICT_ENTRY, nullptr, &entry);
@@ -320,21 +325,22 @@ void append_entry(DBusMessageIter *values, E_DBus_Object *object, const Property
 }
 
 // An empty name stands for every interface.
-bool is_wanted(const E_DBus_Interface *interface, const std::string &wanted) {
+static bool is_wanted(const E_DBus_Interface *interface, const std::string &wanted) {
   return wanted.empty() || interface->name == wanted;
 }
 
-bool has_interface(const E_DBus_Object *object, const std::string &wanted) {
+static bool has_interface(const E_DBus_Object *object, const std::string &wanted) {
   return std::ranges::any_of(object->interfaces,
                              [&](const auto *interface) { return is_wanted(interface, wanted); });
 }
 
-const Property *find_property(const E_DBus_Interface *interface, std::string_view name) {
-  const auto found = std::ranges::find(interface->properties, name, &Property::name);
+static const property_entry *find_property(const E_DBus_Interface *interface,
+                                           std::string_view name) {
+  const auto found = std::ranges::find(interface->properties, name, &property_entry::name);
   return found == interface->properties.end() ? nullptr : &*found;
 }
 
-std::string read_text(DBusMessageIter *in) {
+static std::string read_text(DBusMessageIter *in) {
   const char *text = nullptr;
   dbus_message_iter_get_basic(in, &text);
   dbus_message_iter_next(in);
@@ -343,8 +349,9 @@ std::string read_text(DBusMessageIter *in) {
 
 // Reads the interface and the property that a call of this signature names. Null when there is no
 // such property: `*refusal` is then the answer.
-const Property *named_property(E_DBus_Object *object, DBusMessage *message, const char *signature,
-                               DBusMessageIter *in, DBusMessage **refusal) {
+static const property_entry *named_property(E_DBus_Object *object, DBusMessage *message,
+                                            const char *signature, DBusMessageIter *in,
+                                            DBusMessage **refusal) {
   if (!dbus_message_has_signature(message, signature)) {
     *refusal = dbus_message_new_error_printf(message, DBUS_ERROR_INVALID_ARGS,
                                              "Arguments \"%s\" expected", signature);
@@ -354,7 +361,7 @@ const Property *named_property(E_DBus_Object *object, DBusMessage *message, cons
   const std::string wanted = read_text(in);
   const std::string name = read_text(in);
   for (const E_DBus_Interface *interface : object->interfaces) {
-    const Property *property =
+    const property_entry *property =
         is_wanted(interface, wanted) ? find_property(interface, name) : nullptr;
     if (property != nullptr)
       return property;
@@ -367,10 +374,10 @@ const Property *named_property(E_DBus_Object *object, DBusMessage *message, cons
   return nullptr;
 }
 
-DBusMessage *get_property(E_DBus_Object *object, DBusMessage *message) {
+static DBusMessage *get_property(E_DBus_Object *object, DBusMessage *message) {
   DBusMessageIter in;
   DBusMessage *reply = nullptr;
-  const Property *property = named_property(object, message, "ss", &in, &reply);
+  const property_entry *property = named_property(object, message, "ss", &in, &reply);
   if (property == nullptr)
     return reply;
   reply = dbus_message_new_method_return(message);
@@ -380,10 +387,10 @@ DBusMessage *get_property(E_DBus_Object *object, DBusMessage *message) {
   return reply;
 }
 
-DBusMessage *set_property(E_DBus_Object *object, DBusMessage *message) {
+static DBusMessage *set_property(E_DBus_Object *object, DBusMessage *message) {
   DBusMessageIter in;
   DBusMessage *reply = nullptr;
-  const Property *property = named_property(object, message, "ssv", &in, &reply);
+  const property_entry *property = named_property(object, message, "ssv", &in, &reply);
   if (property == nullptr)
     return reply;
   const char *name = property->name.c_str();
@@ -401,7 +408,7 @@ DBusMessage *set_property(E_DBus_Object *object, DBusMessage *message) {
                                                "No value for property \"%s\"", name);
 }
 
-DBusMessage *get_all_properties(E_DBus_Object *object, DBusMessage *message) {
+static DBusMessage *get_all_properties(E_DBus_Object *object, DBusMessage *message) {
   const char *wanted = nullptr;
   if (!dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &wanted, DBUS_TYPE_INVALID))
     return dbus_message_new_error(message, DBUS_ERROR_INVALID_ARGS, "Interface expected");
@@ -414,7 +421,7 @@ DBusMessage *get_all_properties(E_DBus_Object *object, DBusMessage *message) {
   dbus_message_iter_init_append(reply, &out);
   dbus_message_iter_open_container(&out, DBUS_TYPE_ARRAY, "{sv}", &values);
   for (const E_DBus_Interface *interface : object->interfaces) {
-    for (const Property &property : interface->properties)
+    for (const property_entry &property : interface->properties)
       if (is_wanted(interface, wanted))
         append_entry(&values, object, property);
   }
@@ -424,17 +431,17 @@ DBusMessage *get_all_properties(E_DBus_Object *object, DBusMessage *message) {
 
 // --- method calls ---
 
-DBusMessage *answer(E_DBus_Object *object, DBusMessage *message) {
+static DBusMessage *answer(E_DBus_Object *object, DBusMessage *message) {
   const char *wanted = dbus_message_get_interface(message); // may be left out
   const char *member = dbus_message_get_member(message);
-  bool interface_known = !wanted;
+  bool interface_known = wanted == nullptr;
 
   for (const E_DBus_Interface *interface : object->interfaces) {
-    if (wanted && interface->name != wanted)
+    if (wanted != nullptr && interface->name != wanted)
       continue;
     interface_known = true;
     const auto method =
-        std::ranges::find(interface->methods, member, &E_DBus_Interface::Method::name);
+        std::ranges::find(interface->methods, member, &E_DBus_Interface::method_entry::name);
     if (method != interface->methods.end())
       return method->handler(object, message);
   }
@@ -444,54 +451,54 @@ DBusMessage *answer(E_DBus_Object *object, DBusMessage *message) {
                                        member, dbus_message_get_path(message));
 }
 
-bool leads_to_object(DBusConnection *bus, const char *path) {
+static bool leads_to_object(DBusConnection *bus, const char *path) {
   void *object = nullptr;
   dbus_connection_get_object_path_data(bus, path, &object);
   char **children = nullptr;
-  if (object || !dbus_connection_list_registered(bus, path, &children))
+  if (object != nullptr || !dbus_connection_list_registered(bus, path, &children))
     return true;
   const bool leads = children[0] != nullptr;
   dbus_free_string_array(children);
   return leads;
 }
 
-// Takes the calls that no object takes. libdbus alone would report an unknown method: it takes a path
-// for an object when some other object lies beside it.
-DBusHandlerResult refuse_unknown_object(DBusConnection *bus, DBusMessage *message, void *) {
+// Takes the calls that no object takes. libdbus alone would report an unknown method: it takes a
+// path for an object when some other object lies beside it.
+static DBusHandlerResult refuse_unknown_object(DBusConnection *bus, DBusMessage *message, void *) {
   const char *path = dbus_message_get_path(message);
   if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL || leads_to_object(bus, path))
     return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-  const Message error{
+  const message_ptr error{
       dbus_message_new_error_printf(message, DBUS_ERROR_UNKNOWN_OBJECT, "No object %s", path)};
   send_reply(bus, message, error.get());
   return DBUS_HANDLER_RESULT_HANDLED;
 }
 
-constexpr DBusObjectPathVTable kUnknownObjects = {
+static constexpr DBusObjectPathVTable kUnknownObjects = {
     nullptr, refuse_unknown_object, nullptr, nullptr, nullptr, nullptr};
 
-DBusHandlerResult handle_message(DBusConnection *bus, DBusMessage *message, void *data) {
+static DBusHandlerResult handle_message(DBusConnection *bus, DBusMessage *message, void *data) {
   if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL)
     return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-  const Message reply{answer(static_cast<E_DBus_Object *>(data), message)};
+  const message_ptr reply{answer(static_cast<E_DBus_Object *>(data), message)};
   send_reply(bus, message, reply.get());
   return DBUS_HANDLER_RESULT_HANDLED;
 }
 
-void reply_arrived(DBusPendingCall *pending, void *data) {
+static void reply_arrived(DBusPendingCall *pending, void *data) {
   const auto entry = static_cast<E_DBus_Connection *>(data)->waiting.extract(pending);
-  const Message reply{dbus_pending_call_steal_reply(pending)};
+  const message_ptr reply{dbus_pending_call_steal_reply(pending)};
   dbus_pending_call_unref(pending);
 
   DBusError error = DBUS_ERROR_INIT;
-  const bool failed = dbus_set_error_from_message(&error, reply.get());
+  const bool failed = dbus_set_error_from_message(&error, reply.get()) != 0;
   entry.mapped().callback(entry.mapped().data, failed ? nullptr : reply.get(), &error);
   dbus_error_free(&error);
 }
 
-void ignore_reply(void *, DBusMessage *, DBusError *) {}
+static void ignore_reply(void *, DBusMessage *, DBusError *) {}
 
-bool drive_from_main_loop(E_DBus_Connection *connection) {
+static bool drive_from_main_loop(E_DBus_Connection *connection) {
   DBusConnection *bus = connection->bus;
   dbus_connection_set_exit_on_disconnect(bus, FALSE);
   dbus_connection_set_dispatch_status_function(bus, dispatch_status_changed, connection, nullptr);
@@ -508,8 +515,6 @@ bool drive_from_main_loop(E_DBus_Connection *connection) {
   return true;
 }
 
-} // namespace
-
 E_DBus_Connection::~E_DBus_Connection() {
   for (const auto &[pending, unused] : waiting) {
     dbus_pending_call_cancel(pending);
@@ -521,13 +526,13 @@ E_DBus_Connection::~E_DBus_Connection() {
   dbus_connection_set_watch_functions(bus, nullptr, nullptr, nullptr, nullptr, nullptr);
   dbus_connection_close(bus);
   dbus_connection_unref(bus);
-  if (dispatch)
+  if (dispatch != nullptr)
     ecore_job_del(dispatch);
 }
 
 int e_dbus_init() {
-  if (!library) {
-    library = new Library;
+  if (library == nullptr) {
+    library = new bus_library;
     library->introspectable.name = DBUS_INTERFACE_INTROSPECTABLE;
     e_dbus_interface_method_add(&library->introspectable, "Introspect", "", "s", introspect);
     E_DBus_Interface *properties = &library->properties;
@@ -541,15 +546,15 @@ int e_dbus_init() {
 }
 
 int e_dbus_shutdown() {
-  if (!library || --library->users > 0)
-    return library ? library->users : 0;
+  if (library == nullptr || --library->users > 0)
+    return library != nullptr ? library->users : 0;
   delete library;
   library = nullptr;
   return 0;
 }
 
 E_DBus_Connection *e_dbus_bus_get(DBusBusType type) {
-  if (!library || type < 0 || type >= static_cast<int>(library->connections.size()))
+  if (library == nullptr || type < 0 || type >= static_cast<int>(library->connections.size()))
     return nullptr;
   auto &connection = library->connections[type];
   if (connection)
@@ -557,7 +562,7 @@ E_DBus_Connection *e_dbus_bus_get(DBusBusType type) {
 
   DBusError error = DBUS_ERROR_INIT;
   DBusConnection *bus = dbus_bus_get_private(type, &error);
-  if (!bus) {
+  if (bus == nullptr) {
     system_log_print(SYSTEM_LOG_ERROR, kTag, "no bus: %s", error.message);
     dbus_error_free(&error);
     return nullptr;
@@ -570,14 +575,15 @@ E_DBus_Connection *e_dbus_bus_get(DBusBusType type) {
 
 DBusPendingCall *e_dbus_message_send(E_DBus_Connection *connection, DBusMessage *message,
                                      E_DBus_Method_Return_Cb callback, int timeout, void *data) {
-  if (!connection || !message)
+  if (connection == nullptr || message == nullptr)
     return nullptr;
-  if (!callback) {
+  if (callback == nullptr) {
     dbus_connection_send(connection->bus, message, nullptr);
     return nullptr;
   }
   DBusPendingCall *pending = nullptr;
-  if (!dbus_connection_send_with_reply(connection->bus, message, &pending, timeout) || !pending)
+  if (!dbus_connection_send_with_reply(connection->bus, message, &pending, timeout) ||
+      pending == nullptr)
     return nullptr;
   connection->waiting.insert({pending, {callback, data}});
   dbus_pending_call_set_notify(pending, reply_arrived, connection, nullptr);
@@ -587,21 +593,22 @@ DBusPendingCall *e_dbus_message_send(E_DBus_Connection *connection, DBusMessage 
 DBusPendingCall *e_dbus_request_name(E_DBus_Connection *connection, const char *name,
                                      unsigned int flags, E_DBus_Method_Return_Cb callback,
                                      const void *data) {
-  if (!name || !dbus_validate_bus_name(name, nullptr))
+  if (name == nullptr || !dbus_validate_bus_name(name, nullptr))
     return nullptr;
-  const Message request{dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                     DBUS_INTERFACE_DBUS, "RequestName")};
+  const message_ptr request{dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                         DBUS_INTERFACE_DBUS, "RequestName")};
   if (!request || !dbus_message_append_args(request.get(), DBUS_TYPE_STRING, &name,
                                             DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID))
     return nullptr;
-  return e_dbus_message_send(connection, request.get(), callback ? callback : ignore_reply,
+  return e_dbus_message_send(connection, request.get(),
+                             callback != nullptr ? callback : ignore_reply,
                              DBUS_TIMEOUT_USE_DEFAULT, const_cast<void *>(data));
 }
 
 E_DBus_Object *e_dbus_object_add(E_DBus_Connection *connection, const char *path, void *) {
   static const DBusObjectPathVTable table = {nullptr, handle_message, nullptr,
                                              nullptr, nullptr,        nullptr};
-  if (!connection || !path || !dbus_validate_path(path, nullptr))
+  if (connection == nullptr || path == nullptr || !dbus_validate_path(path, nullptr))
     return nullptr;
   auto object = std::make_unique<E_DBus_Object>();
   object->bus = connection->bus;
@@ -614,7 +621,7 @@ E_DBus_Object *e_dbus_object_add(E_DBus_Connection *connection, const char *path
 }
 
 E_DBus_Interface *e_dbus_interface_new(const char *name) {
-  if (!library || !name || !dbus_validate_interface(name, nullptr))
+  if (library == nullptr || name == nullptr || !dbus_validate_interface(name, nullptr))
     return nullptr;
   auto &interface = library->interfaces.emplace_back(std::make_unique<E_DBus_Interface>());
   interface->name = name;
@@ -624,7 +631,7 @@ E_DBus_Interface *e_dbus_interface_new(const char *name) {
 int e_dbus_interface_method_add(E_DBus_Interface *interface, const char *member,
                                 const char *signature, const char *reply_signature,
                                 E_DBus_Method_Cb handler) {
-  if (!interface || !handler || !dbus_validate_member(member, nullptr) ||
+  if (interface == nullptr || handler == nullptr || !dbus_validate_member(member, nullptr) ||
       !dbus_signature_validate(signature, nullptr) ||
       !dbus_signature_validate(reply_signature, nullptr))
     return 0;
@@ -634,7 +641,7 @@ int e_dbus_interface_method_add(E_DBus_Interface *interface, const char *member,
 
 int e_dbus_interface_signal_add(E_DBus_Interface *interface, const char *member,
                                 const char *signature) {
-  if (!interface || !dbus_validate_member(member, nullptr) ||
+  if (interface == nullptr || !dbus_validate_member(member, nullptr) ||
       !dbus_signature_validate(signature, nullptr))
     return 0;
   interface->signals.push_back({member, signature});
@@ -652,7 +659,7 @@ int e_dbus_interface_property_add(E_DBus_Interface *interface, const char *name,
 }
 
 void e_dbus_object_interface_attach(E_DBus_Object *object, E_DBus_Interface *interface) {
-  if (!object || !interface)
+  if (object == nullptr || interface == nullptr)
     return;
   object->interfaces.push_back(interface);
   if (!interface->properties.empty() && !has_interface(object, DBUS_INTERFACE_PROPERTIES))
@@ -661,8 +668,8 @@ void e_dbus_object_interface_attach(E_DBus_Object *object, E_DBus_Interface *int
 
 void e_dbus_properties_changed(E_DBus_Object *object, const E_DBus_Interface *interface,
                                const char *const *names) {
-  const Message signal{dbus_message_new_signal(object->path.c_str(), DBUS_INTERFACE_PROPERTIES,
-                                               "PropertiesChanged")};
+  const message_ptr signal{dbus_message_new_signal(object->path.c_str(), DBUS_INTERFACE_PROPERTIES,
+                                                   "PropertiesChanged")};
   if (signal == nullptr)
     return;
   const char *owner = interface->name.c_str();
@@ -673,13 +680,13 @@ void e_dbus_properties_changed(E_DBus_Object *object, const E_DBus_Interface *in
   dbus_message_iter_append_basic(&out, DBUS_TYPE_STRING, &owner);
   dbus_message_iter_open_container(&out, DBUS_TYPE_ARRAY, "{sv}", &values);
   for (const char *const *name = names; *name != nullptr; ++name)
-    if (const Property *property = find_property(interface, *name);
+    if (const property_entry *property = find_property(interface, *name);
         property != nullptr && property->change == E_DBUS_PROPERTY_SENT)
       append_entry(&values, object, *property);
   dbus_message_iter_close_container(&out, &values);
   dbus_message_iter_open_container(&out, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING_AS_STRING, &named);
   for (const char *const *name = names; *name != nullptr; ++name)
-    if (const Property *property = find_property(interface, *name);
+    if (const property_entry *property = find_property(interface, *name);
         property != nullptr && property->change == E_DBUS_PROPERTY_NAMED)
       dbus_message_iter_append_basic(&named, DBUS_TYPE_STRING, name);
   dbus_message_iter_close_container(&out, &named);

@@ -14,16 +14,12 @@ struct settings_key {
   const char *name;
 };
 
-namespace {
-
 // A set that runs for weeks keeps what it was asked lately.
-constexpr std::size_t kKeptRequests = 1024;
+static constexpr std::size_t kKeptRequests = 1024;
 
-standin_set the_set;
-bool switched_on = false;
-callback_list held_callbacks;
-
-} // namespace
+static standin_set the_set;
+static bool switched_on = false;
+static callback_list held_callbacks;
 
 standin_set &standin() {
   if (!switched_on) {

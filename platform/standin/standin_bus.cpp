@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <memory>
 
-namespace {
+static constexpr const char *kPath = "/org/olvara/tv/standin";
+static constexpr const char *kInterface = "org.olvara.tv.standin";
 
-constexpr const char *kPath = "/org/olvara/tv/standin";
-constexpr const char *kInterface = "org.olvara.tv.standin";
+namespace {
 
 struct set_event {
   const char *method;
@@ -18,7 +18,9 @@ struct set_event {
   void (*deliver)(int first, int second);
 };
 
-constexpr set_event kEvents[] = {
+} // namespace
+
+static constexpr set_event kEvents[] = {
     {"PowerOff", "i", [](int option, int) { standin_power_off(option); }},
     {"Standby", "i", [](int option, int) { standin_standby(option); }},
     {"Wakeup", "i", [](int reason, int) { standin_wakeup(reason); }},
@@ -28,20 +30,24 @@ constexpr set_event kEvents[] = {
     {"MiddlewareSignal", "i", [](int type, int) { standin_middleware_signal(type); }},
 };
 
-using Signal = std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)>;
+namespace {
 
-bool exported = false;
+using signal_ptr = std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)>;
+
+} // namespace
+
+static bool exported = false;
 
 // --- properties ---
 
-const standin_property *find_property(std::string_view name) {
+static const standin_property *find_property(std::string_view name) {
   const auto properties = standin_properties();
   const auto found = std::ranges::find(properties, name, &standin_property::name);
   return found == properties.end() ? nullptr : &*found;
 }
 
 // The binding asks for no other names than those of the table.
-void get_property(E_DBus_Object *, const char *name, DBusMessageIter *out) {
+static void get_property(E_DBus_Object *, const char *name, DBusMessageIter *out) {
   const standin_property &property = *find_property(name);
   const standin_value value = property.get();
   DBusBasicValue basic = {};
@@ -52,7 +58,7 @@ void get_property(E_DBus_Object *, const char *name, DBusMessageIter *out) {
   dbus_message_iter_append_basic(out, property.type, &basic);
 }
 
-standin_value read_value(DBusMessageIter *in, char type) {
+static standin_value read_value(DBusMessageIter *in, char type) {
   DBusBasicValue basic;
   dbus_message_iter_get_basic(in, &basic);
   switch (type) {
@@ -65,14 +71,14 @@ standin_value read_value(DBusMessageIter *in, char type) {
   }
 }
 
-int set_property(E_DBus_Object *, const char *name, DBusMessageIter *in) {
+static int set_property(E_DBus_Object *, const char *name, DBusMessageIter *in) {
   const standin_property &property = *find_property(name);
   return property.set(read_value(in, property.type)) ? 1 : 0;
 }
 
 // --- events ---
 
-DBusMessage *deliver_event(E_DBus_Object *, DBusMessage *message) {
+static DBusMessage *deliver_event(E_DBus_Object *, DBusMessage *message) {
   const std::string_view method = dbus_message_get_member(message);
   const set_event &event = *std::ranges::find(kEvents, method, &set_event::method);
   if (!dbus_message_has_signature(message, event.signature))
@@ -90,12 +96,12 @@ DBusMessage *deliver_event(E_DBus_Object *, DBusMessage *message) {
   return dbus_message_new_method_return(message);
 }
 
-Eina_Bool wall_clock_stepped(void *, int, void *) {
+static Eina_Bool wall_clock_stepped(void *, int, void *) {
   standin_announce_time_set();
   return ECORE_CALLBACK_PASS_ON;
 }
 
-E_DBus_Interface *set_interface() {
+static E_DBus_Interface *set_interface() {
   E_DBus_Interface *interface = e_dbus_interface_new(kInterface);
   for (const set_event &event : kEvents)
     e_dbus_interface_method_add(interface, event.method, event.signature, "", deliver_event);
@@ -108,20 +114,18 @@ E_DBus_Interface *set_interface() {
   return interface;
 }
 
-Signal requested_signal(const standin_request &request) {
-  Signal signal{dbus_message_new_signal(kPath, kInterface, "Requested"), dbus_message_unref};
+static signal_ptr requested_signal(const standin_request &request) {
+  signal_ptr signal{dbus_message_new_signal(kPath, kInterface, "Requested"), dbus_message_unref};
   const char *operation = request.operation.c_str();
   dbus_message_append_args(signal.get(), DBUS_TYPE_STRING, &operation, DBUS_TYPE_UINT32,
                            &request.first, DBUS_TYPE_UINT32, &request.second, DBUS_TYPE_INVALID);
   return signal;
 }
 
-} // namespace
-
 void standin_export() {
   E_DBus_Connection *bus = e_dbus_bus_get(DBUS_BUS_SYSTEM);
   E_DBus_Object *object = e_dbus_object_add(bus, kPath, nullptr);
-  if (!object) // no bus, or there already
+  if (object == nullptr) // no bus, or there already
     return;
   e_dbus_object_interface_attach(object, set_interface());
   ecore_event_handler_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, wall_clock_stepped, nullptr);
@@ -131,6 +135,6 @@ void standin_export() {
 void standin_send_requested(const standin_request &request) {
   if (!exported)
     return;
-  const Signal signal = requested_signal(request);
+  const signal_ptr signal = requested_signal(request);
   e_dbus_message_send(e_dbus_bus_get(DBUS_BUS_SYSTEM), signal.get(), nullptr, 0, nullptr);
 }

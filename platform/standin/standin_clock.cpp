@@ -11,10 +11,10 @@
 
 namespace {
 
-struct UnrefZone {
+struct unref_zone {
   void operator()(GTimeZone *zone) const { g_time_zone_unref(zone); }
 };
-using Zone = std::unique_ptr<GTimeZone, UnrefZone>;
+using zone_ptr = std::unique_ptr<GTimeZone, unref_zone>;
 
 struct set_clock {
   bool follows_zone; // until it is set by hand
@@ -23,38 +23,38 @@ struct set_clock {
   std::uint32_t stands_at = 0; // while they do not
 };
 
-Zone zone; // null: the system's
-bool running = true;
-set_clock tv_clock{.follows_zone = true};
-set_clock rtc{.follows_zone = false};
+} // namespace
 
-GTimeZone *current_zone() {
+static zone_ptr zone; // null: the system's
+static bool running = true;
+static set_clock tv_clock{.follows_zone = true};
+static set_clock rtc{.follows_zone = false};
+
+static GTimeZone *current_zone() {
   if (!zone)
     zone.reset(g_time_zone_new_local());
   return zone.get();
 }
 
-std::int64_t source_of(const set_clock &clock) {
+static std::int64_t source_of(const set_clock &clock) {
   const std::int64_t now = std::time(nullptr);
   return clock.follows_zone ? now + zone_offset(current_zone(), now) : now;
 }
 
-std::uint32_t reading(const set_clock &clock) {
+static std::uint32_t reading(const set_clock &clock) {
   standin(); // the key file may set the clocks
   if (!clock.known)
     return 0;
   return running ? to_time_value(source_of(clock) + clock.ahead) : clock.stands_at;
 }
 
-void set_by_hand(set_clock &clock, std::uint32_t value) {
+static void set_by_hand(set_clock &clock, std::uint32_t value) {
   standin();
   clock.known = value != 0;
   clock.follows_zone = false;
   clock.ahead = value - source_of(clock);
   clock.stands_at = value;
 }
-
-} // namespace
 
 void standin_reset_clocks() {
   zone.reset();
@@ -96,7 +96,7 @@ std::string standin_time_zone() {
 
 bool standin_set_time_zone(const char *name) {
   standin();
-  Zone found{g_time_zone_new_identifier(name)};
+  zone_ptr found{g_time_zone_new_identifier(name)};
   if (!found)
     return false;
   zone = std::move(found);

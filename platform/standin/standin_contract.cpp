@@ -14,34 +14,36 @@
 #include <memory>
 #include <vector>
 
-namespace {
+static constexpr int kDone = 0;
+static constexpr int kFailed = -1;
+static constexpr int kSubscribed = 1; // the middleware's success is above 0
 
-constexpr int kDone = 0;
-constexpr int kFailed = -1;
-constexpr int kSubscribed = 1; // the middleware's success is above 0
-
-int answer(const char *operation, int value) {
+static int answer(const char *operation, int value) {
   return standin_refuses(operation) ? kFailed : value;
 }
 
-int request(const char *operation, const char *noted, std::uint32_t first, std::uint32_t second) {
+static int request(const char *operation, const char *noted, std::uint32_t first,
+                   std::uint32_t second) {
   standin_note(noted, first, second);
   return answer(operation, kDone);
 }
 
 template <class Callback>
-int subscribe(const char *operation, const char *subscription, Callback callback, void *user_data) {
+static int subscribe(const char *operation, const char *subscription, Callback callback,
+                     void *user_data) {
   if (standin_refuses(operation))
     return kFailed;
   return standin_callbacks().add(subscription, callback, user_data);
 }
 
 template <class Callback>
-int unsubscribe(const char *operation, const char *subscription, Callback callback) {
+static int unsubscribe(const char *operation, const char *subscription, Callback callback) {
   if (standin_refuses(operation))
     return kFailed;
   return standin_callbacks().remove(subscription, callback);
 }
+
+namespace {
 
 class PowerControl final : public IPowerControl {
 public:
@@ -90,9 +92,9 @@ public:
   const SignalCallback callback;
 };
 
-std::vector<std::unique_ptr<SignalSubscriber>> signal_subscribers;
-
 } // namespace
+
+static std::vector<std::unique_ptr<SignalSubscriber>> signal_subscribers;
 
 // --- power service ---
 
@@ -199,7 +201,7 @@ int screen_manager_set_ambient_mode(int mode, int on) {
 
 int KintoAPI::CreateSignalSubscriber(SignalCallback callback, ISignalSubscriber **out) {
   *out = nullptr;
-  if (!callback || standin_refuses(__func__))
+  if (callback == nullptr || standin_refuses(__func__))
     return kFailed;
   *out = signal_subscribers.emplace_back(std::make_unique<SignalSubscriber>(callback)).get();
   return kDone;

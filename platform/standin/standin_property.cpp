@@ -9,10 +9,10 @@
 #include <memory>
 #include <optional>
 
-namespace {
+static constexpr const char *kTag = "STANDIN";
+static constexpr const char *kGroup = "set";
 
-constexpr const char *kTag = "STANDIN";
-constexpr const char *kGroup = "set";
+namespace {
 
 struct FreeKeyFile {
   void operator()(GKeyFile *file) const { g_key_file_unref(file); }
@@ -21,55 +21,59 @@ struct FreeText {
   void operator()(char *text) const { g_free(text); }
 };
 
-template <auto Field> standin_value get_field() { return {standin().*Field, {}}; }
+} // namespace
 
-template <auto Field> bool set_field(const standin_value &value) {
+template <auto Field> static standin_value get_field() { return {standin().*Field, {}}; }
+
+template <auto Field> static bool set_field(const standin_value &value) {
   auto &field = standin().*Field;
   field = static_cast<std::remove_reference_t<decltype(field)>>(value.number);
   return true;
 }
 
-standin_value get_tv_clock() { return {standin_tv_clock(), {}}; }
+static standin_value get_tv_clock() { return {standin_tv_clock(), {}}; }
 
-bool set_tv_clock(const standin_value &value) {
+static bool set_tv_clock(const standin_value &value) {
   standin_set_tv_clock(static_cast<std::uint32_t>(value.number));
   return true;
 }
 
-standin_value get_rtc() { return {standin_rtc(), {}}; }
+static standin_value get_rtc() { return {standin_rtc(), {}}; }
 
-bool set_rtc(const standin_value &value) {
+static bool set_rtc(const standin_value &value) {
   standin_set_rtc(static_cast<std::uint32_t>(value.number));
   return true;
 }
 
-standin_value get_clocks_running() { return {standin_clocks_running(), {}}; }
+static standin_value get_clocks_running() { return {standin_clocks_running() ? 1 : 0, {}}; }
 
-bool set_clocks_running(const standin_value &value) {
+static bool set_clocks_running(const standin_value &value) {
   standin_run_clocks(value.number != 0);
   return true;
 }
 
-standin_value get_time_zone() { return {0, standin_time_zone()}; }
+static standin_value get_time_zone() { return {0, standin_time_zone()}; }
 
-bool set_time_zone(const standin_value &value) { return standin_set_time_zone(value.text.c_str()); }
+static bool set_time_zone(const standin_value &value) {
+  return standin_set_time_zone(value.text.c_str());
+}
 
-bool set_clock_mode(const standin_value &value) {
+static bool set_clock_mode(const standin_value &value) {
   standin_change_clock_mode(static_cast<int>(value.number));
   return true;
 }
 
-bool set_sync_db(const standin_value &value) {
+static bool set_sync_db(const standin_value &value) {
   return value.number >= -1 && value.number <= 1 && set_field<&standin_set::sync_db>(value);
 }
 
-standin_value get_refused() { return {0, standin_refused_list()}; }
+static standin_value get_refused() { return {0, standin_refused_list()}; }
 
-bool set_refused(const standin_value &value) { return standin_set_refused_list(value.text); }
+static bool set_refused(const standin_value &value) { return standin_set_refused_list(value.text); }
 
 // The key file's values are taken in this order: the clock that is to stand
 // still must have its zone by then.
-constexpr standin_property kProperties[] = {
+static constexpr standin_property kProperties[] = {
     {"TimeZone", 's', true, get_time_zone, set_time_zone},
     {"TvClock", 'u', true, get_tv_clock, set_tv_clock},
     {"Rtc", 'u', true, get_rtc, set_rtc},
@@ -89,14 +93,15 @@ constexpr standin_property kProperties[] = {
     {"Refuse", 's', true, get_refused, set_refused},
 };
 
-std::optional<std::int64_t> parse_number(const char *text, std::int64_t least, std::int64_t most) {
+static std::optional<std::int64_t> parse_number(const char *text, std::int64_t least,
+                                                std::int64_t most) {
   gint64 number = 0;
   if (!g_ascii_string_to_signed(text, 10, least, most, &number, nullptr))
     return std::nullopt;
   return number;
 }
 
-std::optional<standin_value> parse_value(char type, const char *text) {
+static std::optional<standin_value> parse_value(char type, const char *text) {
   std::optional<std::int64_t> number;
   switch (type) {
   case 's':
@@ -116,8 +121,6 @@ std::optional<standin_value> parse_value(char type, const char *text) {
     return std::nullopt;
   return standin_value{*number, {}};
 }
-
-} // namespace
 
 std::span<const standin_property> standin_properties() { return kProperties; }
 

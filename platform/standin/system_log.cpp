@@ -12,7 +12,7 @@ system_log_priority system_log_threshold = threshold_from_environment(SYSTEM_LOG
 
 // Without a receiver syslog(3) opens and closes a socket for every line, 8 us; a change of clock
 // with 80 timers writes hundreds.
-static const bool is_received = access(_PATH_LOG, F_OK) == 0;
+static const bool kIsReceived = access(_PATH_LOG, F_OK) == 0;
 
 static int syslog_level(system_log_priority priority) {
   switch (priority) {
@@ -30,7 +30,7 @@ void system_log_print(system_log_priority priority, const char *tag, const char 
   va_start(arguments, format);
   g_autofree char *text = g_strdup_vprintf(format, arguments);
   va_end(arguments);
-  if (is_received) {
+  if (kIsReceived) {
     openlog(tag, 0, LOG_DAEMON);
     syslog(syslog_level(priority), "%s", text);
   }
