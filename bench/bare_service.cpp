@@ -15,18 +15,18 @@
 #include <Ecore.h>
 #include <sqlite3.h>
 
-static constexpr const char *bus_name = "org.olvara.tv.bare";
-static constexpr const char *object_path = "/org/olvara/tv/bare";
+static constexpr const char *kBusName = "org.olvara.tv.bare";
+static constexpr const char *kObjectPath = "/org/olvara/tv/bare";
 static constexpr std::size_t kImageWords = 19;
-static constexpr std::size_t word_size = 4;
+static constexpr std::size_t kWordSize = 4;
 
 // The daemon's statements, to the letter.
-static constexpr const char *insert_dravel =
+static constexpr const char *kInsertDravel =
     "INSERT INTO dravel \t(type, priority, date_type, tm_sec, tm_min, tm_hour, tm_mday, tm_mon,"
     "\ttm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag,\tdisable_period_effect, time_type, "
     "micom_flag) \tVALUES (%d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d, %d)";
 
-static constexpr const char *update_dravel =
+static constexpr const char *kUpdateDravel =
     "UPDATE dravel SET \ttype=%d, priority=%d, date_type=%d, tm_sec=%d, tm_min=%d, tm_hour=%d,"
     "\ttm_mday=%d, tm_mon=%d, tm_year=%d, tm_wday=%d, tm_yday=%d, tm_isdst=%d,"
     "\tdelay=%d, week_flag=%d, disable_period_effect=%d, time_type=%d WHERE timer_id = %d";
@@ -78,7 +78,7 @@ static DBusMessage *reply_int(DBusMessage *call, dbus_int32_t value) {
 static DBusMessage *schedule_timer(E_DBus_Object *, DBusMessage *call) {
   const auto [type, week_flag, priority, delay, year, mon, mday, hour, min, sec, wday, yday, isdst,
               effect, time_type] = ints_of<15>(call);
-  execute_with(insert_dravel, type, priority, 0, sec, min, hour, mday, mon, year, wday, yday, isdst,
+  execute_with(kInsertDravel, type, priority, 0, sec, min, hour, mday, mon, year, wday, yday, isdst,
                delay, week_flag, effect, time_type, 0);
   return reply_int(call, static_cast<dbus_int32_t>(sqlite3_last_insert_rowid(store)));
 }
@@ -90,7 +90,7 @@ static DBusMessage *cancel_timer(E_DBus_Object *, DBusMessage *call) {
 
 static DBusMessage *request_timer_list(E_DBus_Object *, DBusMessage *call) {
   ints_of<1>(call);
-  const auto count = static_cast<dbus_int32_t>(kept_images.size() / (kImageWords * word_size));
+  const auto count = static_cast<dbus_int32_t>(kept_images.size() / (kImageWords * kWordSize));
   const unsigned char *images = kept_images.data();
   DBusMessage *reply = dbus_message_new_method_return(call);
   dbus_message_append_args(reply, DBUS_TYPE_INT32, &count, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &images,
@@ -119,18 +119,18 @@ static DBusMessage *keep(E_DBus_Object *, DBusMessage *call) {
 
 static int word_at(const unsigned char *image, std::size_t word) {
   std::uint32_t bits = 0;
-  for (unsigned byte = 0; byte < word_size; ++byte)
-    bits |= std::uint32_t{image[word * word_size + byte]} << (8 * byte);
+  for (unsigned byte = 0; byte < kWordSize; ++byte)
+    bits |= std::uint32_t{image[word * kWordSize + byte]} << (8 * byte);
   return static_cast<int>(bits);
 }
 
 static DBusMessage *update_all(E_DBus_Object *, DBusMessage *call) {
-  for (std::size_t at = 0; at < kept_images.size(); at += kImageWords * word_size) {
+  for (std::size_t at = 0; at < kept_images.size(); at += kImageWords * kWordSize) {
     const auto word = [image = &kept_images[at]](std::size_t index) {
       return word_at(image, index);
     };
     // Words 13 and 14 have no column.
-    execute_with(update_dravel, word(1), word(2), word(3), word(4), word(5), word(6), word(7),
+    execute_with(kUpdateDravel, word(1), word(2), word(3), word(4), word(5), word(6), word(7),
                  word(8), word(9), word(10), word(11), word(12), word(15), word(16), word(17),
                  word(18), word(0));
   }
@@ -142,7 +142,7 @@ static constexpr struct {
   const char *signature;
   const char *reply_signature;
   E_DBus_Method_Cb handler;
-} methods[] = {
+} kMethods[] = {
     {"schedule_timer", "iiiiiiiiiiiiiii", "i", schedule_timer},
     {"cancel_timer", "i", "i", cancel_timer},
     {"request_timer_list", "i", "iay", request_timer_list},
@@ -160,12 +160,12 @@ int main(int argc, char **argv) {
   E_DBus_Connection *bus = e_dbus_bus_get(DBUS_BUS_SYSTEM);
   if (bus == nullptr)
     return 1;
-  e_dbus_request_name(bus, bus_name, 0, nullptr, nullptr);
-  E_DBus_Interface *interface = e_dbus_interface_new(bus_name);
-  for (const auto &method : methods)
+  e_dbus_request_name(bus, kBusName, 0, nullptr, nullptr);
+  E_DBus_Interface *interface = e_dbus_interface_new(kBusName);
+  for (const auto &method : kMethods)
     e_dbus_interface_method_add(interface, method.name, method.signature, method.reply_signature,
                                 method.handler);
-  e_dbus_object_interface_attach(e_dbus_object_add(bus, object_path, nullptr), interface);
+  e_dbus_object_interface_attach(e_dbus_object_add(bus, kObjectPath, nullptr), interface);
 
   ecore_main_loop_begin();
   sqlite3_close(store);

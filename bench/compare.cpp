@@ -18,8 +18,8 @@
 
 namespace fs = std::filesystem;
 
-static constexpr int full_list = 80;
-static constexpr double highest_ratio = 1.2;
+static constexpr int kFullList = 80;
+static constexpr double kHighestRatio = 1.2;
 
 static std::string daemon_program;
 static std::string bare_program;
@@ -95,7 +95,7 @@ template <typename Ours, typename Bare> static figures in_turn(int rounds, Ours 
 static void print_row(const std::string &what, const figures &took, const char *unit) {
   const double ratio = took.ours / took.bare;
   std::printf("  %-46s %9.1f %9.1f %-3s %6.2f%s\n", what.c_str(), took.ours, took.bare, unit, ratio,
-              ratio > highest_ratio ? "  above" : "");
+              ratio > kHighestRatio ? "  above" : "");
   std::fflush(stdout);
 }
 
@@ -138,12 +138,12 @@ static void compare_empty_calls(bus_client &bus) {
 }
 
 static void compare_list(bus_client &bus) {
-  const pair_of_services both(bus, full_list, true);
+  const pair_of_services both(bus, kFullList, true);
   keep(bus, bus.list(kDaemon));
   if (bus.list(kDaemon) != bus.list(kBare))
     throw std::runtime_error("the two lists differ");
   const auto ask = [&](const bus_target &target) { return timed([&] { bus.list(target); }); };
-  print_row("list of " + std::to_string(full_list),
+  print_row("list of " + std::to_string(kFullList),
             in_turn(
                 2000, [&] { return ask(kDaemon); }, [&] { return ask(kBare); }),
             "us");
@@ -168,9 +168,9 @@ static void compare_schedule_and_cancel(bus_client &bus, const place &where, int
 // just moved, and the daemon always goes first.
 static void compare_clock_change(bus_client &bus, const place &where, const char *what,
                                  std::uint32_t distance) {
-  const pair_of_services both(bus, full_list - 1, false);
-  constexpr std::uint32_t minute = 60;
-  const std::uint32_t now = wall_clock() / minute * minute + minute / 2;
+  const pair_of_services both(bus, kFullList - 1, false);
+  constexpr std::uint32_t kMinute = 60;
+  const std::uint32_t now = wall_clock() / kMinute * kMinute + kMinute / 2;
   bus.set_property("ClocksRunning", "false");
   std::vector<double> ours_took;
   std::vector<double> bare_took;
@@ -184,7 +184,7 @@ static void compare_clock_change(bus_client &bus, const place &where, const char
     ours_took.push_back(ours);
     bare_took.push_back(bare);
   }
-  if (bus.list(kDaemon).size() != 1 + TIMER_WORDS * (full_list - 1))
+  if (bus.list(kDaemon).size() != 1 + TIMER_WORDS * (kFullList - 1))
     throw std::runtime_error("the clock change left " + std::to_string(bus.list(kDaemon)[0]) +
                              " timers");
   print_row(what, {median(ours_took), median(bare_took)}, "us");
@@ -201,7 +201,7 @@ static double memory_of(pid_t pid, const char *file, const char *field) {
 }
 
 static void compare_starts(bus_client &bus, int rounds) {
-  { const pair_of_services filled(bus, full_list - 1, true); }
+  { const pair_of_services filled(bus, kFullList - 1, true); }
   const auto start = [&](const bus_target &target, const std::string &program) {
     std::optional<process> started;
     return timed([&] {
@@ -219,10 +219,10 @@ static void compare_starts(bus_client &bus, int rounds) {
 }
 
 static void compare_memory(bus_client &bus) {
-  { const pair_of_services filled(bus, full_list - 1, true); }
+  { const pair_of_services filled(bus, kFullList - 1, true); }
   const process ours = start_service(bus, kDaemon, {daemon_program});
   const process bare = start_service(bus, kBare, {bare_program});
-  if (bus.list(kDaemon).size() != 1 + TIMER_WORDS * (full_list - 1))
+  if (bus.list(kDaemon).size() != 1 + TIMER_WORDS * (kFullList - 1))
     throw std::runtime_error("stored timers are missing");
   bus.list(kBare);
   const auto both = [&](const char *file, const char *field) {
@@ -235,11 +235,11 @@ static void compare_memory(bus_client &bus) {
 // --- expiries ---
 
 static void measure_wakeups(bus_client &bus) {
-  const pair_of_services both(bus, full_list - 1, true);
-  constexpr unsigned seconds = 5;
+  const pair_of_services both(bus, kFullList - 1, true);
+  constexpr unsigned kSeconds = 5;
   sleep(1);
   const double before = memory_of(both.ours->pid(), "status", "voluntary_ctxt_switches:");
-  sleep(seconds);
+  sleep(kSeconds);
   print_figure("wake-ups in 5 idle seconds, 79 armed",
                memory_of(both.ours->pid(), "status", "voluntary_ctxt_switches:") - before, "");
 }
@@ -265,19 +265,19 @@ static void print_lateness(const char *what, std::vector<double> seconds) {
 // first expiry takes the others for past. Then transient ones, which it leaves alone, 20 a second.
 // They are set over a whole second, because the daemon arms them by whole seconds.
 static void measure_lateness(bus_client &bus) {
-  constexpr int ordinary = 20;
-  constexpr int transient = 180;
-  constexpr int transient_a_second = 20;
-  constexpr int off_timer = 1;
-  constexpr int transient_timer = 10;
-  constexpr useconds_t apart_us = 1000000 / (ordinary + transient);
+  constexpr int kOrdinary = 20;
+  constexpr int kTransient = 180;
+  constexpr int kTransientASecond = 20;
+  constexpr int kOffTimer = 1;
+  constexpr int kTransientTimer = 10;
+  constexpr useconds_t kApartUs = 1000000 / (kOrdinary + kTransient);
 
   empty_store();
   const process ours = start_service(bus, kDaemon, {daemon_program});
   bus.listen("type='signal',path='/org/olvara/tv/system/dravel',member='dravel_expired'");
   for (int i = 0; i < 40; ++i)
     bus.schedule(kDaemon, timer_at(wall_clock() + 7200 + 900U * static_cast<unsigned>(i),
-                                   i % 2 == 0 ? 2 : off_timer, 0x7f));
+                                   i % 2 == 0 ? 2 : kOffTimer, 0x7f));
 
   const std::uint32_t start = wall_clock() + 4;
   std::map<int, due_timer> awaited;
@@ -287,12 +287,12 @@ static void measure_lateness(bus_client &bus) {
     const int id = bus.schedule(kDaemon, timer_at(due, type, 0));
     const double armed = (before + precise_wall_clock()) / 2;
     awaited[id] = {static_cast<double>(due), wall_clock() == second ? armed - second : -1};
-    usleep(apart_us);
+    usleep(kApartUs);
   };
-  for (int i = 0; i < ordinary; ++i)
-    set(off_timer, start + static_cast<unsigned>(i));
-  for (int i = 0; i < transient; ++i)
-    set(transient_timer, start + ordinary + 1 + static_cast<unsigned>(i / transient_a_second));
+  for (int i = 0; i < kOrdinary; ++i)
+    set(kOffTimer, start + static_cast<unsigned>(i));
+  for (int i = 0; i < kTransient; ++i)
+    set(kTransientTimer, start + kOrdinary + 1 + static_cast<unsigned>(i / kTransientASecond));
 
   std::vector<double> late;
   std::vector<double> beyond_arming;
@@ -331,7 +331,7 @@ int main(int argc, char **argv) {
        {place{"store in memory", "", 1000}, place{"store on disk", argv[3], 200}}) {
     std::printf("%s\n", where.name);
     use(where);
-    for (const int listed : {0, 40, full_list - 1})
+    for (const int listed : {0, 40, kFullList - 1})
       compare_schedule_and_cancel(bus, where, listed);
     compare_clock_change(bus, where, "clock change by a day, 79 one-shot timers move", 86400);
     compare_clock_change(bus, where, "clock change by 67 minutes, few of 79 move", 67 * 60);

@@ -21,7 +21,7 @@
 #include "measure.h"
 
 // An empty database beside the daemon's own.
-static constexpr const char *sql_store = "/opt/dbspace/sql.db";
+static constexpr const char *kSqlStore = "/opt/dbspace/sql.db";
 
 static dravel_item *make(const timer_arguments &t, int time_type = TIME_TYPE_BROADCAST) {
   const auto [type, week_flag, priority, delay, year, mon, mday, hour, min, sec, wday, yday, isdst,
@@ -34,7 +34,7 @@ using item = std::unique_ptr<dravel_item, decltype(&std::free)>;
 
 // --- without a store ---
 
-static constexpr int daily = 0x7f;
+static constexpr int kEveryDay = 0x7f;
 
 static void next_expiry(benchmark::State &state, int week_flag, int time_type) {
   const item timer(make(timer_at(wall_clock() + 7200, 2, week_flag), time_type), std::free);
@@ -43,12 +43,12 @@ static void next_expiry(benchmark::State &state, int week_flag, int time_type) {
     benchmark::DoNotOptimize(get_next_expire_date(timer.get(), &expire));
 }
 BENCHMARK_CAPTURE(next_expiry, one_shot, 0, int{TIME_TYPE_BROADCAST});
-BENCHMARK_CAPTURE(next_expiry, weekly, daily, int{TIME_TYPE_BROADCAST});
+BENCHMARK_CAPTURE(next_expiry, weekly, kEveryDay, int{TIME_TYPE_BROADCAST});
 BENCHMARK_CAPTURE(next_expiry, internet_time, 0, int{TIME_TYPE_INTERNET});
 
 static void compare(benchmark::State &state) {
   const item listed(make(timer_at(wall_clock() + 7200, 2, 0)), std::free);
-  const item added(make(timer_at(wall_clock() + 3600, 1, daily)), std::free);
+  const item added(make(timer_at(wall_clock() + 3600, 1, kEveryDay)), std::free);
   for (auto _ : state)
     benchmark::DoNotOptimize(compare_dravel_cb(listed.get(), added.get()));
 }
@@ -80,7 +80,7 @@ BENCHMARK(add_and_remove)->Arg(0)->Arg(40)->Arg(79)->Unit(benchmark::kMicrosecon
 
 // --- on the bus, with the daemon as a process of its own ---
 
-static constexpr const char *daemon_program = DRAVEL_MANAGER;
+static constexpr const char *kDaemonProgram = DRAVEL_MANAGER;
 
 static void fill(bus_client &bus, int timers) {
   for (int i = 0; i < timers; ++i)
@@ -90,7 +90,7 @@ static void fill(bus_client &bus, int timers) {
 static void empty_round_trip(benchmark::State &state) {
   empty_store();
   bus_client bus;
-  const process ours = start_service(bus, kDaemon, {daemon_program});
+  const process ours = start_service(bus, kDaemon, {kDaemonProgram});
   const int unused = 0;
   for (auto _ : state)
     bus.call(kDaemon, "request_get_timers_halt_effect", {&unused, 1});
@@ -100,7 +100,7 @@ BENCHMARK(empty_round_trip)->UseRealTime()->Unit(benchmark::kMicrosecond);
 static void list_round_trip(benchmark::State &state) {
   empty_store();
   bus_client bus;
-  const process ours = start_service(bus, kDaemon, {daemon_program});
+  const process ours = start_service(bus, kDaemon, {kDaemonProgram});
   fill(bus, static_cast<int>(state.range(0)));
   for (auto _ : state)
     benchmark::DoNotOptimize(bus.list(kDaemon));
@@ -110,7 +110,7 @@ BENCHMARK(list_round_trip)->Arg(0)->Arg(80)->UseRealTime()->Unit(benchmark::kMic
 static void schedule_and_cancel_round_trips(benchmark::State &state) {
   empty_store();
   bus_client bus;
-  const process ours = start_service(bus, kDaemon, {daemon_program});
+  const process ours = start_service(bus, kDaemon, {kDaemonProgram});
   const int listed = static_cast<int>(state.range(0));
   fill(bus, listed);
   const timer_arguments added = household_timer(wall_clock(), listed / 2, false);
@@ -130,12 +130,12 @@ static void bare_insert_and_delete(benchmark::State &state) {
   initialize_dravel_db();
   for (int i = 0; i < static_cast<int>(state.range(0)); ++i)
     add_dravel_item(make(household_timer(wall_clock(), i, true)));
-  std::filesystem::copy_file(kDravelDbPath, sql_store);
+  std::filesystem::copy_file(kDravelDbPath, kSqlStore);
   remove_all();
   close_dravel_db();
 
   sqlite3 *db = nullptr;
-  sqlite3_open(sql_store, &db);
+  sqlite3_open(kSqlStore, &db);
   for (auto _ : state) {
     sqlite3_exec(db,
                  "INSERT INTO dravel \t(type, priority, date_type, tm_sec, tm_min, tm_hour, "

@@ -10,12 +10,12 @@ timer_arguments timer_at(std::uint32_t time, int type, int week_flag) {
 }
 
 timer_arguments household_timer(std::uint32_t from, int index, bool repeating) {
-  constexpr int workdays = 0x3e;
-  constexpr std::uint32_t minute = 60;
+  constexpr int kWorkdays = 0x3e;
+  constexpr std::uint32_t kMinute = 60;
   const std::uint32_t time =
-      from / minute * minute + static_cast<unsigned>(index + 4) * 15 * minute;
+      from / kMinute * kMinute + static_cast<unsigned>(index + 4) * 15 * kMinute;
   const int type = index % 2 == 0 ? 2 : 1;
-  return timer_at(time, type, repeating && index % 4 < 2 ? workdays : 0);
+  return timer_at(time, type, repeating && index % 4 < 2 ? kWorkdays : 0);
 }
 
 std::uint32_t wall_clock() { return static_cast<std::uint32_t>(std::time(nullptr)); }
