@@ -32,7 +32,7 @@ timer_arguments any_timer(soak_run &run) {
   while (minute / 60 == 12 || taken.contains(static_cast<int>(minute)));
   const std::uint32_t midnight = time_of("16 00:00");
   const std::uint32_t at = midnight + kDay * run.below(300) + kMinute * minute;
-  const int week_flag = run.below(2) == 0 ? 1 + static_cast<int>(run.below(Daily)) : 0;
+  const int week_flag = run.below(2) == 0 ? 1 + static_cast<int>(run.below(kDaily)) : 0;
   timer_arguments timer = arguments_of({run.pick(kTypes), time_text(at), week_flag});
   timer[TIMER_ARG_PRIORITY] = static_cast<int>(run.below(5));
   timer[TIMER_ARG_DELAY] = static_cast<int>(run.below(1000));
@@ -193,19 +193,16 @@ static void run_named(const fault &fault, char **argv) {
 }
 
 int main(int argc, char **argv) {
-  const std::set<std::string_view> wanted(argv + std::min(argc, 4), argv + argc);
-  std::size_t found = 0;
+  std::set<std::string_view> wanted(argv + std::min(argc, 4), argv + argc);
+  const bool all = wanted.empty();
   for (const fault &fault : faults())
-    found += wanted.contains(fault.name) ? 1U : 0U;
-  if (argc < 4 || found != wanted.size()) {
-    std::fprintf(stderr, "usage: soak DAEMON SEED ROUNDS-PERCENT [FAULT...], of");
-    for (const fault &fault : faults())
-      std::fprintf(stderr, " %s", fault.name);
-    std::fprintf(stderr, "\n");
-    return 64;
-  }
-  for (const fault &fault : faults())
-    if (wanted.empty() || wanted.contains(fault.name))
+    if (argc >= 4 && (all || wanted.erase(fault.name) == 1))
       run_named(fault, argv);
-  return 0;
+  if (argc >= 4 && wanted.empty())
+    return 0;
+  std::fprintf(stderr, "usage: soak DAEMON SEED ROUNDS-PERCENT [FAULT...], of");
+  for (const fault &fault : faults())
+    std::fprintf(stderr, " %s", fault.name);
+  std::fprintf(stderr, "\n");
+  return 64;
 }

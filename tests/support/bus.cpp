@@ -1,5 +1,6 @@
 #include "bus.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -14,8 +15,7 @@ message method_call(const bus_target &target, const char *method) {
   return own(dbus_message_new_method_call(target.name, target.path, target.interface, method));
 }
 
-static message request_with(const bus_target &target, const char *method,
-                            std::span<const int> arguments) {
+message request_with(const bus_target &target, const char *method, std::span<const int> arguments) {
   message request = method_call(target, method);
   DBusMessageIter out;
   dbus_message_iter_init_append(request.get(), &out);
@@ -93,7 +93,7 @@ message bus_client::try_call(const bus_target &target, const char *method,
       bus_, request_with(target, method, arguments).get(), kDeadlineMs, nullptr));
 }
 
-static int int_of(const message &reply) {
+int int_of(const message &reply) {
   dbus_int32_t value = 0;
   if (!dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_INT32, &value, DBUS_TYPE_INVALID))
     throw std::runtime_error("a reply holds no integer");
@@ -125,7 +125,7 @@ words image_of(const message &reply) {
                              DBUS_TYPE_BYTE, &bytes, &size, DBUS_TYPE_INVALID))
     throw std::runtime_error("a reply holds no image");
   result.resize(1 + static_cast<std::size_t>(size) / sizeof(int));
-  std::memcpy(result.data() + 1, bytes, static_cast<std::size_t>(size));
+  std::copy_n(bytes, size, reinterpret_cast<unsigned char *>(result.data() + 1));
   return result;
 }
 
@@ -141,7 +141,7 @@ std::string bus_client::ask(const bus_target &target, const char *method,
       bus_, request_of(target, method, arguments).get(), kDeadlineMs, &error));
   if (reply != nullptr)
     return body_text(reply.get());
-  const std::string name = error.name;
+  std::string name = error.name;
   dbus_error_free(&error);
   return name;
 }
@@ -200,8 +200,8 @@ void bus_client::drain(const std::function<void(DBusMessage *)> &each) {
 }
 
 pid_t bus_client::pid_of(const char *connection) {
-  constexpr bus_target bus = {DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS};
+  constexpr bus_target kBus = {DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS};
   const std::string pid =
-      ask(bus, "GetConnectionUnixProcessID", std::string("('") + connection + "',)");
+      ask(kBus, "GetConnectionUnixProcessID", std::string("('") + connection + "',)");
   return pid.starts_with('(') ? std::atoi(pid.c_str() + 1) : -1;
 }

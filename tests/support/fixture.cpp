@@ -1,6 +1,8 @@
 #include "fixture.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <utility>
 
 #include <glib.h>
@@ -64,6 +66,16 @@ std::string ids(Eina_List *timers) {
   return out;
 }
 
+words call(const char *method, std::span<const int> arguments) {
+  const auto found = std::ranges::find(bound_methods(), method, &bound_method::name);
+  const message request = request_with(kDaemon, method, arguments);
+  dbus_message_set_serial(request.get(), 1);
+  const message reply(found->handler(nullptr, request.get()));
+  if (found->reply_signature == "iay")
+    return image_of(reply);
+  return {int_of(reply)};
+}
+
 static std::string formatted(const standin_request &request) {
   const auto &[operation, first, second] = request;
   if (operation.starts_with("dravel_"))
@@ -89,11 +101,15 @@ void close_and_empty_store() {
   empty_store();
 }
 
-void begin_clean_set() {
+void clear_set() {
   standin_reset();
   standin_run_clocks(false);
   set_now(kNoon);
   empty_store();
+}
+
+void begin_clean_set() {
+  clear_set();
   EXPECT_EQ(start_dravel(), 0);
 }
 
@@ -114,12 +130,24 @@ void end_clean_set() {
   EXPECT_EQ(g_hash_table_size(scheduled_timer_table), 0U);
   run_idle_steps();
   stop_dravel();
+  EXPECT_TRUE(scheduled_timer_table == nullptr && cb_data_table == nullptr);
   reset_runtime_state();
   run_idle_steps();
   EXPECT_EQ(pending(wait_cur_time_cb), static_cast<int>(live_timers().size()));
   forget_timers();
   logged();
   set_system_clock(0);
+}
+
+void start_again(const std::string &tv) {
+  constexpr const char *kKept = "/run/bench/kKept.db";
+  constexpr auto kOverwrite = std::filesystem::copy_options::overwrite_existing;
+  std::filesystem::copy_file(kDravelDbPath, kKept, kOverwrite);
+  end_clean_set();
+  clear_set();
+  std::filesystem::copy_file(kKept, kDravelDbPath, kOverwrite);
+  set_clocks(tv, kNoon, kNoon);
+  EXPECT_EQ(start_dravel(), 0);
 }
 
 void CleanSet::restart(const std::string &row) {

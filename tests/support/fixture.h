@@ -3,10 +3,12 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "bus.h"
 #include "dravel-cb.h"
 #include "dravel-db.h"
 #include "dravel-item.h"
@@ -29,16 +31,22 @@ std::string next(const dravel_item *item); // the next expiry, or the failure's 
 std::string ids(Eina_List *timers);        // "3 1 2"
 std::string armed(int timer_id); // when the item's timer fires on the TV clock, "" for unarmed
 
+// A call of one of the daemon's methods: the reply's first integer, then its image's words.
+words call(const char *method, std::span<const int> arguments);
+
 // What was asked of the set since the last call, as "state 0 1; clear_wakeup_time 0 0"; events are
 // that and the daemon's signals, in their order. Either call forgets both.
 std::string requests();
 std::string events();
 
-// A start of the daemon on a clean set, without its idle step; and its end, with all that it holds
-// removed by its own operations, which is a failure when something is left.
+// The set as it is before a start; the start, without the daemon's idle step; and the end, with all
+// that the daemon holds removed by its own operations, which is a failure when something is left.
+void clear_set();
 void begin_clean_set();
 void end_clean_set();
 void close_and_empty_store();
+// The power is cut, and the daemon starts on what is stored, with the TV clock at `tv`.
+void start_again(const std::string &tv);
 
 class CleanSet : public testing::Test {
 protected:

@@ -26,6 +26,7 @@ static auto find_live(const void *handle) {
 
 extern "C" {
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): reserved in the C library
 std::time_t time(std::time_t *out) noexcept {
   timespec now{system_clock, 0};
   if (system_clock == 0)
@@ -47,6 +48,7 @@ void *ecore_timer_del(Ecore_Timer *timer) {
     return nullptr;
   }
   void *data = (*found)->data;
+  EXPECT_TRUE((*found)->frozen) << "a main-loop timer is deleted that was not frozen";
   if ((*found)->running)
     (*found)->deleted = true;
   else
@@ -55,7 +57,10 @@ void *ecore_timer_del(Ecore_Timer *timer) {
 }
 
 void ecore_timer_freeze(Ecore_Timer *timer) {
-  EXPECT_NE(find_live(timer), timers.end()) << "a main-loop timer is stopped that has ended";
+  const auto found = find_live(timer);
+  EXPECT_NE(found, timers.end()) << "a main-loop timer is frozen that has ended";
+  if (found != timers.end())
+    (*found)->frozen = true;
 }
 
 // Each reading is later than all bursts before it.
@@ -194,7 +199,7 @@ DBusPendingCall *e_dbus_message_send(E_DBus_Connection *, DBusMessage *message,
 
 system_log_priority system_log_threshold = SYSTEM_LOG_DEBUG;
 static std::string log_lines;
-static const bool copy_to_stderr = std::getenv("DRAVEL_LOG_STDERR") != nullptr;
+static const bool kCopyToStderr = std::getenv("DRAVEL_LOG_STDERR") != nullptr;
 
 std::string logged() { return std::exchange(log_lines, {}); }
 
@@ -206,6 +211,6 @@ void system_log_print(system_log_priority, const char *, const char *format, ...
   va_end(arguments);
   log_lines += line;
   log_lines += '\n';
-  if (copy_to_stderr)
+  if (kCopyToStderr)
     std::fprintf(stderr, "%s\n", line);
 }

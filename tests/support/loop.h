@@ -15,6 +15,7 @@ struct loop_timer {
   double seconds;
   Ecore_Task_Cb callback;
   void *data;
+  bool frozen = false;
   bool running = false;
   bool deleted = false; // by its own callback
 };

@@ -31,6 +31,7 @@ static void poll_until(const std::function<bool()> &condition, const std::string
 
 process::process(const std::vector<std::string> &command, const char *errors) {
   std::vector<char *> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string &argument : command)
     arguments.push_back(const_cast<char *>(argument.c_str()));
   arguments.push_back(nullptr);
@@ -48,10 +49,14 @@ process::process(const std::vector<std::string> &command, const char *errors) {
 process::~process() {
   if (pid_ < 0)
     return;
-  const int status = stop();
-  if (status == 0 || std::uncaught_exceptions() > 0)
-    return;
-  std::fprintf(stderr, "a process ended with %d\n%s", status, daemon_log().c_str());
+  try {
+    const int status = stop();
+    if (status == 0 || std::uncaught_exceptions() > 0)
+      return;
+    std::fprintf(stderr, "a process ended with %d\n%s", status, daemon_log().c_str());
+  } catch (const std::exception &failure) {
+    std::fprintf(stderr, "%s\n", failure.what());
+  }
   std::_Exit(1);
 }
 
@@ -60,9 +65,9 @@ void process::wait_name(bus_client &bus, const bus_target &target) {
     const char *name = nullptr;
     const char *before = nullptr;
     const char *after = nullptr;
-    return dbus_message_is_signal(arrived, DBUS_INTERFACE_DBUS, "NameOwnerChanged") &&
+    return dbus_message_is_signal(arrived, DBUS_INTERFACE_DBUS, "NameOwnerChanged") != 0 &&
            dbus_message_get_args(arrived, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING,
-                                 &before, DBUS_TYPE_STRING, &after, DBUS_TYPE_INVALID) &&
+                                 &before, DBUS_TYPE_STRING, &after, DBUS_TYPE_INVALID) != 0 &&
            std::strcmp(name, target.name) == 0 && bus.pid_of(after) == pid_;
   });
 }

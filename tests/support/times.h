@@ -16,7 +16,16 @@ std::uint32_t time_of(const std::string &when);
 std::string time_text(const std::tm &time);
 std::string time_text(std::uint32_t time);
 
-enum weekdays { Sun = 1, Mon = 2, Tue = 4, Wed = 8, Thu = 16, Fri = 32, Sat = 64, Daily = 127 };
+enum weekdays {
+  kSun = 1,
+  kMon = 2,
+  kTue = 4,
+  kWed = 8,
+  kThu = 16,
+  kFri = 32,
+  kSat = 64,
+  kDaily = 127
+};
 
 struct new_timer {
   int type;

@@ -16,7 +16,7 @@ std::string programmed(int type, const char *utc) {
 }
 
 const std::string kCleared = "Requested('clear_wakeup_time', 0, 0)";
-const new_timer kSeven = {2, "2027-03-26 07:00", Daily, 1};
+const new_timer kSeven = {2, "2027-03-26 07:00", kDaily, 1};
 
 class Day : public daemon_test {
 protected:

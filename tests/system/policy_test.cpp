@@ -11,8 +11,8 @@ namespace {
 constexpr const char *kPolicyBus = "unix:path=/run/bench/policy-bus";
 
 // A caller may do what is open to those before it. Every system has these accounts.
-enum caller { LOCAL_USER, MEMBER, ROOT, callers };
-const char *const as_caller[callers] = {"setpriv --reuid=nobody --regid=nogroup --clear-groups ",
+enum caller { LOCAL_USER, MEMBER, ROOT, CALLERS };
+const char *const kAsCaller[CALLERS] = {"setpriv --reuid=nobody --regid=nogroup --clear-groups ",
                                         "setpriv --reuid=daemon --regid=nogroup --groups=65003 ",
                                         ""};
 
@@ -82,20 +82,20 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
   };
   const std::string unreadable = "failed to get dbus message args";
   for (const auto &call : calls)
-    for (int who = LOCAL_USER; who < callers; ++who) {
-      SCOPED_TRACE(as_caller[who] + call.method);
+    for (int who = LOCAL_USER; who < CALLERS; ++who) {
+      SCOPED_TRACE(kAsCaller[who] + call.method);
       const bool allowed = who >= call.least;
       // A refused call is one that the daemon could not have read without complaint.
       const bool ours = call.method.find(service) == 0;
       const std::string said =
-          run(as_caller[who] + ("busctl --address=" + std::string(kPolicyBus)) + " call " +
+          run(kAsCaller[who] + ("busctl --address=" + std::string(kPolicyBus)) + " call " +
               call.method + (allowed || !ours ? call.arguments : " s refused"));
       EXPECT_EQ(said.find("denied") != std::string::npos, !allowed) << said;
       EXPECT_EQ(said.find("failed") != std::string::npos, !allowed) << said;
     }
   // The checkout may lie below a directory that only its owner may enter.
   ASSERT_EQ(run("install -m 755 " DRAVELCTL " /run/bench/dravelctl"), "");
-  EXPECT_NE(run(as_caller[LOCAL_USER] + ("env DBUS_SYSTEM_BUS_ADDRESS=" + std::string(kPolicyBus)) +
+  EXPECT_NE(run(kAsCaller[LOCAL_USER] + ("env DBUS_SYSTEM_BUS_ADDRESS=" + std::string(kPolicyBus)) +
                 " /run/bench/dravelctl cancel 1")
                 .find("Only root and the members of the group dravel may."),
             std::string::npos);

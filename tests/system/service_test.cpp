@@ -9,7 +9,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Service = daemon_test;
+class Service : public daemon_test {};
 
 std::string properties_changed(const std::string &what) {
   return "PropertiesChanged('org.olvara.tv.system.dravel.state', " + what + ")";
@@ -18,7 +18,7 @@ std::string properties_changed(const std::string &what) {
 TEST_F(Service, Timer_IsStoredListedAndProgrammed_UntilItIsCancelled) {
   start();
   EXPECT_EQ(call("request_timer_list", "(0,)"), "(0, [])");
-  EXPECT_EQ(schedule({2, "15 14:00", Daily, 0, 0, 7}), 1);
+  EXPECT_EQ(schedule({2, "15 14:00", kDaily, 0, 0, 7}), 1);
   EXPECT_EQ(schedule({0, "15 13:00"}), 2);
   EXPECT_EQ(schedule({0, "15 11:00"}), -1);
   EXPECT_EQ(schedule({10, "15 13:00"}), -10);
@@ -71,7 +71,7 @@ TEST_F(Service, UnreadableArguments_GetNoAnswer_ButReleaseAHalt) {
 TEST_F(Service, State_ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
   start();
   schedule({0, "16 14:00", 0, 0, 0, 2});
-  schedule({1, "15 15:00", Daily});
+  schedule({1, "15 15:00", kDaily});
   schedule({10, "15 13:00"});
   EXPECT_EQ(state("Armed"), "[(-10, uint32 1797339600), (2, 1797346800), (1, 1797429600)]");
   EXPECT_EQ(state("Wakeup"), "(1, uint32 1797429600, 0, false)");
@@ -98,10 +98,17 @@ TEST_F(Service, State_ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
   EXPECT_EQ(state_signals("HaltOff"), strings{properties_changed("{'HaltOff': <5>}, []")});
 }
 
-TEST_F(Service, StartWithoutABus_EndsWithStatus255) {
-  launch("unix:path=/run/bench/nowhere", "");
-  wait_log("init_edbus_handler() failed");
-  EXPECT_EQ(wait_exit(), 255);
+TEST_F(Service, AStartThatIsRefusedWhatItNeeds_EndsWithStatus255) {
+  const struct {
+    const char *address, *refused, *logged;
+  } cases[] = {{"unix:path=/run/bench/nowhere", "", "init_edbus_handler() failed"},
+               {kSandboxBus, "settings_notify_key_changed", "init_settings_handler() failed"},
+               {kSandboxBus, "device_power_subscribe_wakeup", "init_poweroff_handler() failed"}};
+  for (const auto &[address, refused, logged] : cases) {
+    launch(address, std::string("Refuse=") + refused);
+    wait_log(logged);
+    EXPECT_EQ(wait_exit(), 255);
+  }
 }
 
 TEST_F(Service, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
@@ -120,6 +127,17 @@ TEST_F(Service, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
   for (int times = 0; times < 2; ++times) // the second overwrites
     EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies')"), "(0,)");
   EXPECT_EQ(rows("SELECT timer_id FROM dravel", "/tmp/copies/.dravel.db"), "1");
+
+  // The copy's permissions are the source's. The store may be named in other ways: it stays open.
+  fs::permissions("/tmp/copies/.dravel.db", fs::perms(0600));
+  fs::create_directory_symlink("/opt/dbspace", "/tmp/copies/store");
+  EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies')"), "(0,)");
+  for (const char *same : {"(0, '/opt/dbspace')", "(1, '/opt/dbspace')",
+                           "(0, '/opt/../opt/dbspace/')", "(1, '/tmp/copies/store')"})
+    EXPECT_EQ(call("request_copy_db", same), "(0,)") << same;
+  EXPECT_EQ(fs::status("/tmp/copies/.dravel.db").permissions(), fs::perms(0664));
+  EXPECT_EQ(schedule({2, "15 14:00"}), 2);
+  EXPECT_EQ(call("cancel_timer", "(2,)"), "(0,)");
 
   // A copy-in is for the next start: until then reads go on and writes are refused.
   EXPECT_EQ(call("cancel_timer", "(1,)"), "(0,)");

@@ -135,12 +135,32 @@ TEST_F(Store, IdsAreNeverGivenTwice_AndTheMarkStandsOnOneRowAtMost) {
     EXPECT_EQ(set_micom_flag(marked), 0);
     EXPECT_EQ(rows("SELECT timer_id, micom_flag FROM dravel"), flags);
   }
-  insert_wakeup_dravel_item_db(&item);
-  item.type = 99;
-  update_dravel_item_db(&item);
-  update_disable_period_effect_db(2, 88);
-  EXPECT_EQ(rows("SELECT timer_id, type, disable_period_effect, micom_flag FROM dravel"),
-            "2|2|88|0 3|99|16|1");
-  insert_wakeup_dravel_item_db(&item);
+  for (const int type : {98, 99}) { // the wake-up database keeps the last one
+    item.type = type;
+    EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
+  }
   EXPECT_EQ(rows("SELECT timer_id, type FROM dravel", kWakeupDbPath), "3|99");
+}
+
+// The second of three rows.
+TEST_F(Store, AStatement_TouchesItsOwnRowAlone) {
+  dravel_item item = counted_item();
+  disabled_period_item period{};
+  for (int i = 0; i < 3; ++i) {
+    insert_dravel_item_db(&item);
+    insert_disabled_period_item_db(&period);
+  }
+  set_micom_flag(2);
+  item.timer_id = period.period_id = 2;
+  item.type = 99;
+  period.end_tm.tm_mon = 44;
+  EXPECT_EQ(update_dravel_item_db(&item), 0);
+  EXPECT_EQ(update_disable_period_effect_db(2, 88), 0);
+  EXPECT_EQ(update_disable_period_db(&period), 0);
+  EXPECT_EQ(rows("SELECT timer_id, type, disable_period_effect, micom_flag FROM dravel"),
+            "1|2|16|0 2|99|88|1 3|2|16|0");
+  EXPECT_EQ(rows("SELECT period_id, end_tm_mon FROM disabled_period"), "1|0 2|44 3|0");
+  EXPECT_EQ(delete_dravel_item_db(2), 0);
+  EXPECT_EQ(delete_disabled_period_item_db(2), 0);
+  EXPECT_EQ(rows("SELECT timer_id FROM dravel; SELECT period_id FROM disabled_period"), "1 3 1 3");
 }

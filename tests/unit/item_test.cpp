@@ -1,11 +1,13 @@
 #include "fixture.h"
 
+#include <array>
 #include <cstdlib>
+#include <numeric>
 
 class Items : public CleanSet {};
 class Periods : public CleanSet {};
 
-static constexpr new_timer kTomorrow{0, "16 07:00"};
+static const new_timer kTomorrow{0, "16 07:00"};
 
 // On-timers know no seconds, except on a weekly timer's first day when that is not today. A time
 // that has come is past, unless the TV clock is about to wrap from 2099 to 2001.
@@ -23,13 +25,13 @@ TEST_F(Items, NextExpiry_OnTheTvClock) {
                {kNoon, 1, kNoon, 0, "-1"},
                {"2099-05-01 00:00", 1, "2001-03-01 08:00", 0, "2001-03-01 08:00"},
                {"2099-05-01 00:00", 1, "2002-03-01 08:00", 0, "-1"},
-               {"15 06:59:59", 0, "01 07:00", Daily, "15 07:00"},
-               {"15 07:00", 0, "01 07:00", Daily, "16 07:00"},
-               {"27 12:00", 0, "01 07:00", Sun, "2027-01-03 07:00"},
+               {"15 06:59:59", 0, "01 07:00", kDaily, "15 07:00"},
+               {"15 07:00", 0, "01 07:00", kDaily, "16 07:00"},
+               {"27 12:00", 0, "01 07:00", kSun, "2027-01-03 07:00"},
                {kNoon, 0, "01 07:00", 0x80, "-1"},
-               {kNoon, 0, "01 07:00:45", Wed, "16 07:00:45"},
-               {kNoon, 0, "01 07:00:45", Tue | Wed, "16 07:00"},
-               {kNoon, 1, "01 07:00:45", Tue | Wed, "16 07:00:45"}};
+               {kNoon, 0, "01 07:00:45", kWed, "16 07:00:45"},
+               {kNoon, 0, "01 07:00:45", kTue | kWed, "16 07:00"},
+               {kNoon, 1, "01 07:00:45", kTue | kWed, "16 07:00:45"}};
   for (const auto &[now, type, when, week_flag, expected] : cases) {
     restart(when);
     set_now(now);
@@ -43,12 +45,12 @@ TEST_F(Items, NextExpiry_CarriesInternetTimesOntoTheTvClock_OrElseTheRealTimeClo
     int week_flag, time_type;
     const char *expected;
   } cases[] = {{kNoon, "15 11:00", "", "16 07:00", 0, 1, "16 08:00"},
-               {kNoon, "15 11:00", "", "01 07:00", Wed, 1, "16 08:00"},
-               {"16 00:30", "15 23:30", "", "01 23:45", Tue, 1, "16 00:45"},
+               {kNoon, "15 11:00", "", "01 07:00", kWed, 1, "16 08:00"},
+               {"16 00:30", "15 23:30", "", "01 23:45", kTue, 1, "16 00:45"},
                {"", kNoon, "15 13:00", "16 07:00", 0, 1, "16 08:00"},
                {"", kNoon, "", "16 07:00", 0, 1, "-2"},
                {"", kNoon, kNoon, "16 07:00", 0, 0, "-2"},
-               {"", kNoon, kNoon, "16 07:00", Daily, 2, "-2"},
+               {"", kNoon, kNoon, "16 07:00", kDaily, 2, "-2"},
                {"2104-12-15 13:00", "2104-12-15 12:00", kNoon, "2104-12-15 12:30", 0, 1,
                 "2104-12-15 13:30"}};
   for (const auto &[tv, system, rtc, when, week_flag, time_type, expected] : cases) {
@@ -59,13 +61,14 @@ TEST_F(Items, NextExpiry_CarriesInternetTimesOntoTheTvClock_OrElseTheRealTimeClo
 }
 
 TEST_F(Items, AnInsertion_WalksToTheFirstTimerItGoesAheadOf) {
-  add({0, "01 14:00", Daily}); // 1
-  add({0, "15 15:00"});        // 2
-  set_now("15 16:00");         // 1 fires tomorrow, 2 never
+  add({0, "01 14:00", kDaily}); // 1
+  add({0, "15 15:00"});         // 2
+  set_now("15 16:00");          // 1 fires tomorrow, 2 never
   add({0, "15 18:00"});
   add({0, "01 07:00"});
   add({0, "16 15:00"});
   EXPECT_EQ(ids(get_dravel_list()), "4 3 1 2 5");
+  EXPECT_EQ(ids(get_ontimer_list()), "4 2 3 1 5"); // which is sorted again with each change
 
   restart("equal expiry");
   for (const auto &[type, priority] : {std::pair{0, 0}, {0, 0}, {0, 5}, {1, 0}, {1, 9}, {0, 9}})
@@ -75,7 +78,7 @@ TEST_F(Items, AnInsertion_WalksToTheFirstTimerItGoesAheadOf) {
 
 TEST_F(Items, AFullList_LosesItsOldestTimer_WithItsMainLoopTimer) {
   for (int i = 0; i < 80; i++)
-    arm({4, "01 07:00", Daily});
+    arm({4, "01 07:00", kDaily});
   add({4, "16 07:00"});
   EXPECT_EQ(pending(ecore_timer_cb), 79);
   EXPECT_EQ(rows("SELECT count(*), min(timer_id) FROM dravel"), "80|2");
@@ -159,7 +162,7 @@ TEST_F(Items, TheMarkedTimer_WokeTheSet_WhenTheReasonIsATimers) {
   for (const auto &[reason, woken] : {std::pair{0, false}, {1, false}, {2, true}, {-1, true}}) {
     restart(std::to_string(reason));
     standin().wakeup_reason = reason;
-    dravel_item *item = add({0, "16 07:00", Mon, 0, 2});
+    dravel_item *item = add({0, "16 07:00", kMon, 0, 2});
     EXPECT_EQ(load_wakeup_timer(), 0);
     EXPECT_EQ(get_wakeup_timer(), nullptr);
     set_micom_flag(1);
@@ -200,23 +203,27 @@ TEST_F(Periods, RefuseRepeatingTimers_AndMoveOneShotOnes) {
     int week_flag;
     const char *expected;
   } cases[] = {
-      {"16 00:00", "18 00:00", 0, "01 07:00", Daily, "19 07:00"},
-      {"2020-01-01 00:00", "31 00:00", 0, "01 07:00", Daily, "-1"},
+      {"16 00:00", "18 00:00", 0, "01 07:00", kDaily, "19 07:00"},
+      {"2020-01-01 00:00", "31 00:00", 0, "01 07:00", kDaily, "-1"},
       {"16 00:00", "20 00:00", 0, "18 09:00:30", 0, "21 09:00"},
       {"2020-07-25 00:00", "2020-08-05 00:00", 0, "2027-07-30 09:00", 0, "2027-08-06 09:00"},
       {"2020-09-01 00:00", "2020-09-05 00:00", 0, "2027-08-31 09:00", 0, "2027-08-31 09:00"},
       {"28 00:00", "2021-01-03 00:00", 0, "30 09:00", 0, "30 09:00"},
+      {"15 00:00", "15 00:00", 0, "01 14:00", kDaily, "16 14:00"}, // today, still ahead
+      {"15 00:00", "15 00:00", 0, "15 14:00", 0, "16 14:00"},
+      {"14 00:00", "14 00:00", 0, "01 14:00", kDaily, "15 14:00"},
+      {"2020-02-15 00:00", "2020-03-05 00:00", 0, "2028-02-20 09:00", 0, "2028-03-06 09:00"},
       {"2020-02-20 00:00", "2020-02-29 00:00", 1, "2028-02-29 09:00", 0, "2028-02-29 09:00"},
       {"2020-02-20 00:00", "2020-02-29 00:00", 0, "2028-02-29 09:00", 0, "2028-03-01 09:00"},
       {"2020-02-29 00:00", "2020-02-29 00:00", 1, "2027-02-28 09:00", 0, "2027-03-01 09:00"}};
   for (const auto &[start, end, leap, when, week_flag, expected] : cases) {
     restart(start + std::string(" ") + when);
     const dravel_item *item = add({0, when, week_flag, 1}),
-                      *always = add({9, "16 10:00", Daily, 1});
+                      *always = add({9, "16 10:00", kDaily, 1});
     add_period(start, end, leap, leap);
     for (int i = 0; i < 2; i++)
       EXPECT_EQ(next(item), expected);
-    EXPECT_EQ(next(always) + " " + next(add({0, "16 10:00", Daily, 0})), "16 10:00 16 10:00");
+    EXPECT_EQ(next(always) + " " + next(add({0, "16 10:00", kDaily, 0})), "16 10:00 16 10:00");
   }
 }
 
@@ -234,7 +241,7 @@ TEST_F(Periods, AFlaggedFebruary_EndsOnThe29thInALeapYear) {
     restart(std::string(now) + std::to_string(leap) + std::to_string(time_type));
     set_now(now);
     add_period("2020-02-20 00:00", "2020-02-28 00:00", 0, leap);
-    const dravel_item *item = add({0, "01 07:00", Daily, 1, time_type});
+    const dravel_item *item = add({0, "01 07:00", kDaily, 1, time_type});
     EXPECT_EQ(can_skip_timer(item, time_of("2028-02-29 07:00")), expected);
   }
 }
@@ -252,7 +259,46 @@ TEST_F(Periods, KeepTheirOrder_InListAndStore) {
   reset_dravel_db(); // from now on writes are refused
   EXPECT_EQ(remove_disabled_period_item(second), nullptr);
   EXPECT_EQ(add_disabled_period_item(&refused), nullptr);
-  EXPECT_EQ(eina_list_count(get_disabled_period_list()), 3U);
+  const int unused = 0;
+  const words list = call("request_disabled_period_list", {&unused, 1});
+  EXPECT_EQ((words{list[25], list[50], list[75]}), (words{2, 2, 9}));
+}
+
+// February 2106 has no end among the time values.
+TEST_F(Periods, OfEarly2106_AreCountedOnTheCalendar) {
+  set_now("2106-01-20 12:00");
+  dravel_item *item = add({1, "2106-02-01 09:00", 0, 1});
+  add_period("2020-01-25 00:00", "2020-02-20 00:00");
+  EXPECT_EQ(can_skip_timer(item, time_of("2106-02-01 09:00")), SKIP_MOVED);
+  EXPECT_EQ(item->tm.tm_mday, 21);
+  EXPECT_EQ(rows("SELECT tm_mday FROM dravel"), "21");
+}
+
+// A kept expiry would move it once in a sorting.
+TEST_F(Periods, MoveATimer_WithEachComparisonOfASorting) {
+  add({0, "25 08:00"});
+  add({0, "26 08:00"});
+  const dravel_item *item = add({0, "16 07:00", 0, 1});
+  add_period("16 00:00", "17 00:00");
+  add_period("18 00:00", "25 00:00");
+  rebuild_onoff_timer_lists();
+  EXPECT_EQ(time_text(item->tm), "26 07:00");
+}
+
+// The method's arguments in their places, in the row and in the image.
+TEST_F(Periods, HaveTwentyValues_InTheirPlaces) {
+  std::array<int, PERIOD_ARGS> values{};
+  std::iota(values.begin(), values.end(), 1);
+  EXPECT_EQ(call("request_set_disable_period", values), words{1});
+  EXPECT_EQ(rows("SELECT start_tm_year, start_tm_mon, start_tm_mday, start_tm_hour, start_tm_min, "
+                 "start_tm_sec, start_tm_wday, start_tm_yday, start_tm_isdst, end_tm_year, "
+                 "end_tm_mon, end_tm_mday, end_tm_hour, end_tm_min, end_tm_sec, end_tm_wday, "
+                 "end_tm_yday, end_tm_isdst, start_date_leap_year_f, end_date_leap_year_f "
+                 "FROM disabled_period"),
+            "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|17|18|19|20");
+  EXPECT_EQ(call("request_disabled_period_list", {values.data(), 1}),
+            (words{1,  6,  5,  4,  3,  2,  1,  7,  8, 9, 0,  0,  15,
+                   14, 13, 12, 11, 10, 16, 17, 18, 0, 0, 19, 20, 1}));
 }
 
 TEST_F(Periods, MoveATimer_OneStepForEachComputation_AndWithoutTheOffset) {
@@ -270,5 +316,5 @@ TEST_F(Periods, ASearchForAFreeDay_TakesIn366Days) {
   set_now("2027-12-15 13:00");
   add_period("2020-01-01 00:00", "14 00:00");
   add_period("16 00:00", "31 00:00");
-  EXPECT_EQ(next(add({0, "01 07:00", Daily, 1})), "2028-12-15 07:00");
+  EXPECT_EQ(next(add({0, "01 07:00", kDaily, 1})), "2028-12-15 07:00");
 }

@@ -41,7 +41,7 @@ static void fill_list() {
 
 TEST_F(State, ATimerThatGoes_HasItsReason) {
   const new_timer tomorrow{1, "16 07:00"};
-  const new_timer workless{1, "15 11:00", Daily, 1};
+  const new_timer workless{1, "15 11:00", kDaily, 1};
   const new_timer system_time{1, "15 11:00", 0, 0, TIME_TYPE_INTERNET};
   const std::pair<std::string, std::function<void()>> cases[] = {
       {"fired", [=] { arm(tomorrow), fire_at("16 07:00"); }},

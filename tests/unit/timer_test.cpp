@@ -1,8 +1,10 @@
 #include "fixture.h"
 
 #include <filesystem>
+#include <fstream>
 
 #include <KintoAPI.h>
+#include <settings.h>
 
 namespace fs = std::filesystem;
 
@@ -10,7 +12,7 @@ class Scheduler : public CleanSet {};
 class WakeupTime : public CleanSet {};
 class Events : public CleanSet {};
 
-static constexpr new_timer kTomorrow{0, "16 07:00"};
+static const new_timer kTomorrow{0, "16 07:00"};
 static const std::string kSetTomorrow = "set_wakeup_time 0 16 07:00";
 static const std::string kCleared = "clear_wakeup_time 0 0";
 
@@ -27,6 +29,7 @@ TEST_F(Scheduler, ATimer_IsArmedForItsDistance_OrRefused) {
                {"2099-12-31 23:59", "", 1, "2001-01-01 00:01", 0, 0, 119},
                {"", kNoon, 1, "16 12:00", 0, -2, 0},
                {"", kNoon, 1, "16 12:00", 1, 0, 86400},
+               {"", "", 1, "16 12:00", 1, -2, 0},
                {kNoon, "", 6, "15 22:00", 0, -1, 0},
                {kNoon, "", 7, "15 22:00", 0, 0, 36000}};
   for (const auto &[tv, rtc, type, when, time_type, result, seconds] : cases) {
@@ -40,7 +43,7 @@ TEST_F(Scheduler, ATimer_IsArmedForItsDistance_OrRefused) {
 }
 
 TEST_F(Scheduler, AnExpiredTimer_IsArmedForItsNextDay_AndOthersAreReArmed) {
-  arm({1, "16 07:00", Daily});
+  arm({1, "16 07:00", kDaily});
   arm({10, "18 14:00"});
   set_now("16 07:00");
   EXPECT_FALSE(fire(ecore_timer_cb));
@@ -60,7 +63,7 @@ TEST_F(Scheduler, AnAdjustment_MovesArmedOneShotTimers_ByWholeDays) {
                {kNoon, 1, "16 12:00:01", 0, 0, "15 12:00:01"},
                {kNoon, 1, "16 12:00", 0, 0, ""},
                {kNoon, 9, "18 14:00", 0, 0, "18 14:00"},
-               {kNoon, 1, "18 14:00", Fri, 0, "18 14:00"},
+               {kNoon, 1, "18 14:00", kFri, 0, "18 14:00"},
                {kNoon, 10, "18 14:00", 0, 0, "18 14:00"},
                {"18 19:00", 1, "18 14:00", 0, 0, "19 14:00"},
                {"19 14:00", 1, "18 14:00", 0, 0, ""},
@@ -77,6 +80,44 @@ TEST_F(Scheduler, AnAdjustment_MovesArmedOneShotTimers_ByWholeDays) {
     EXPECT_EQ(rows("SELECT tm_mday FROM dravel"),
               item == nullptr || id < 0 ? "" : std::to_string(item->tm.tm_mday));
     EXPECT_EQ(armed(id), time_type == 1 ? time_text(time_of(expected) + 3600) : expected);
+  }
+}
+
+TEST_F(Scheduler, ASystemClockThatIsAhead_IsCountedBack) {
+  set_clocks(kNoon, "15 13:00", kNoon);
+  arm({0, "16 07:00", 0, 0, TIME_TYPE_INTERNET});
+  arm({4, "18 14:00", 0, 0, TIME_TYPE_INTERNET});
+  EXPECT_EQ(armed(1), "16 06:00");
+  arm({1, "16 06:00"}); // takes the on-time away
+  EXPECT_EQ(armed(1), "");
+  adjust_dravel_all_items(nullptr, nullptr);
+  EXPECT_EQ(armed(2), "15 13:00");
+}
+
+TEST_F(Scheduler, AnAdjustment_HoldsAlsoWhenItCannotBeStored) {
+  arm({1, "18 14:00"});
+  reset_dravel_db(); // from now on writes are refused
+  adjust_dravel_all_items(nullptr, nullptr);
+  EXPECT_EQ(armed(1), "15 14:00");
+}
+
+TEST_F(Scheduler, ATimerThatNeverFires_GoesWithTheNextRearming) {
+  const struct {
+    const char *name;
+    void (*rearm)();
+  } cases[] = {
+      {"cancelled off-timer", [] { cancel_dravel_item(find_dravel_item(2)); }},
+      {"adjustment", [] { adjust_dravel_all_items(nullptr, nullptr); }},
+      {"rescheduling", reschedule_all_timers},
+      {"idle step", run_idle_steps},
+  };
+  for (const auto &[name, rearm] : cases) {
+    restart(name);
+    add({0, "2028-01-01 07:00"}); // more than a year ahead
+    arm({1, "20 07:00", kDaily});
+    rearm();
+    EXPECT_EQ(find_dravel_item(1), nullptr);
+    EXPECT_EQ(rows("SELECT timer_id FROM dravel WHERE timer_id = 1"), "");
   }
 }
 
@@ -99,29 +140,88 @@ TEST_F(Scheduler, AnAdjustmentWithoutTvClock_DisarmsItsTimers_UntilItIsKnown) {
   EXPECT_EQ(pending(ecore_timer_cb), 2);
 }
 
-// From the programmed second on it is still held, and then it has passed.
+// In automatic clock mode the micro-controller is given UTC, in all others local time; in Berlin an
+// hour lies between the two. From the programmed second on the on-time is still held, and then it
+// has passed.
 TEST_F(WakeupTime, IsTheEarliestOnTime_ChosenAgainOnlyWhenItMatters) {
   const struct {
+    int mode;
     const char *now;
-    int type;
-    const char *when;
-    int priority;
+    new_timer added;
     std::string expected;
-  } cases[] = {{kNoon, 0, "16 06:59", 0, "set_wakeup_time 0 16 06:59"},
-               {kNoon, 0, "16 07:00", 0, ""},
-               {kNoon, 2, "16 07:00", 1, "set_wakeup_time 2 16 07:00"},
-               {kNoon, 1, "20 22:00", 0, kSetTomorrow},
-               {kNoon, 1, "16 07:00", 0, kCleared},
-               {"16 07:00", 0, "16 08:00", 0, ""},
-               {"16 07:00:01", 0, "16 08:00", 0, "set_wakeup_time 0 16 08:00"}};
-  for (const auto &[now, type, when, priority, expected] : cases) {
-    restart(when);
-    arm(kTomorrow);
-    EXPECT_EQ(requests(), kSetTomorrow);
+  } cases[] = {{1, kNoon, {0, "16 06:59"}, "set_wakeup_time 0 16 06:59"},
+               {1, kNoon, {0, "16 07:00"}, ""},
+               {1, kNoon, {2, "16 07:00", 0, 0, 0, 4}, ""},
+               {1, kNoon, {2, "16 07:00", 0, 0, 0, 5}, "set_wakeup_time 2 16 07:00"},
+               {1, kNoon, {1, "20 22:00"}, "set_wakeup_time 3 16 07:00"},
+               {1, kNoon, {1, "16 07:00"}, kCleared},
+               {1, kNoon, {10, "16 06:00"}, ""},
+               {1, kNoon, {16, "16 06:00"}, ""},
+               {1, "16 07:00", {0, "16 08:00"}, ""},
+               {1, "16 07:00:01", {0, "16 08:00"}, "set_wakeup_time 0 16 08:00"},
+               {1, "16 07:00:01", {1, "16 08:00"}, ""},
+               {0, kNoon, {0, "16 06:30"}, "set_wakeup_time 0 16 05:30"},
+               {0, kNoon, {0, "16 07:30"}, ""},
+               {0, kNoon, {1, "20 22:00"}, "set_wakeup_time 3 16 06:00"},
+               {0, kNoon, {2, "16 07:00", 0, 0, 0, 5}, "set_wakeup_time 2 16 06:00"},
+               {0, "16 06:30", {0, "16 08:00"}, ""},
+               {0, "16 07:00:01", {1, "16 08:00"}, ""},
+               {2, kNoon, {0, "16 06:30"}, "set_wakeup_time 0 16 06:30"}};
+  for (const auto &[mode, now, added, expected] : cases) {
+    restart(now + expected);
+    standin_set_time_zone("Europe/Berlin");
+    standin().clock_mode = mode;
+    arm({3, "16 07:00", 0, 0, 0, 4});
+    EXPECT_EQ(requests(), mode == 0 ? "set_wakeup_time 3 16 06:00" : "set_wakeup_time 3 16 07:00");
+    EXPECT_EQ(micom_ontimer.is_utc, mode == 0);
     set_now(now);
-    arm({type, when, 0, 0, 0, priority});
+    arm(added);
     EXPECT_EQ(requests(), expected);
   }
+}
+
+// The timer that is armed is not the one that is chosen.
+TEST_F(WakeupTime, HasTheTypeAndPriorityOfItsOwnTimer) {
+  for (const int type : {0, 1}) {
+    restart(std::to_string(type));
+    arm({2, "16 07:00", 0, 0, 0, 4});
+    if (type == 0)
+      disable_micom_ontimer();
+    requests();
+    arm({type, "16 08:00", 0, 0, 0, 1});
+    EXPECT_EQ(requests(), "set_wakeup_time 2 16 07:00");
+    EXPECT_EQ(micom_ontimer.timer_id, 1);
+    EXPECT_EQ(micom_ontimer.priority, 4);
+  }
+}
+
+// An on-timer for which there is no choice leaves what is programmed, an off-timer clears it.
+TEST_F(WakeupTime, ThatIsNoLongerAnyTimers_IsCleared_ByOffTimersAlone) {
+  const struct {
+    new_timer first, second;
+    std::string expected;
+  } cases[] = {{{1, "17 07:00"}, {0, "17 07:00"}, ""},
+               {{4, "16 12:00"}, {1, "16 12:00"}, kCleared}};
+  for (const auto &[first, second, expected] : cases) {
+    restart(expected);
+    const std::tm tm = broken_down("18 07:00");
+    add(first);
+    schedule_micom_ontimer(99, &tm, 0, 0);
+    requests();
+    arm(second);
+    EXPECT_EQ(requests(), expected);
+  }
+}
+
+TEST_F(WakeupTime, FollowsTheNextOnTimer_WhenItsTimerIsEvicted) {
+  for (int i = 0; i < 80; ++i)
+    call("schedule_timer", arguments_of({2, i == 0 ? "15 12:30" : "17 07:00"}));
+  requests();
+  call("schedule_timer", arguments_of({2, "18 07:00"}));
+  EXPECT_EQ(requests(), kCleared + "; set_wakeup_time 2 17 07:00");
+  standin_standby(0);
+  EXPECT_EQ(requests(), "set_wakeup_time 2 17 07:00");
+  EXPECT_EQ(rows("SELECT count(*) FROM dravel WHERE micom_flag = 1"), "1");
 }
 
 TEST_F(WakeupTime, IsLeftAlone_ByAnOnTimeWithinTheCurrentMinute) {
@@ -166,10 +266,13 @@ TEST_F(WakeupTime, ReturnsToTheOnTimer_WhoseOffTimerIsCancelled) {
   cancel_dravel_item(arm({1, "20 07:00"}));
   EXPECT_EQ(armed(1), "16 07:00");
   EXPECT_EQ(pending(ecore_timer_cb), 1);
+  cancel_ecore_timer(1);
+  cancel_dravel_item(arm({10, "20 07:00"})); // which has taken nothing from it
+  EXPECT_EQ(armed(1), "");
 }
 
 TEST_F(WakeupTime, LeavesOut_WhatAnOffTimerTakesAway) {
-  constexpr const char *wed = "16 07:00"; // a Wednesday
+  const char *const wed = "16 07:00"; // a Wednesday
   const new_timer once = kTomorrow, off{1, wed}, on_internet{0, "16 06:00", 0, 0, 1};
   const new_timer off_internet{1, "16 06:00", 0, 0, 1};
   const struct {
@@ -177,21 +280,24 @@ TEST_F(WakeupTime, LeavesOut_WhatAnOffTimerTakesAway) {
     const char *expected;
     bool disarmed; // the first on-timer
     bool tv_known;
-  } cases[] = {{{once, {1, "16 07:00:01"}}, wed, false, true},
-               {{once, off}, "-1", true, true},
-               {{once, {1, wed, Wed | Fri}}, "-1", true, true},
-               {{{0, wed, Wed | Thu | Fri}, {1, wed, Wed}, {1, wed, Thu}}, "18 07:00", false, true},
-               // A one-shot off-timer flips its weekday, so that a second one gives it back.
-               {{{0, wed, Wed | Thu}, off}, "17 07:00", false, true},
-               {{{0, wed, Mon}, off}, wed, false, true},
-               {{{0, wed, Wed}, off}, "-1", false, true},
-               {{{0, wed, Wed}, off, off}, wed, false, true},
-               // Configured times meet on the TV clock; the system clock is an hour behind.
-               {{once, off_internet}, "-1", true, true},
-               {{on_internet, off}, "-1", true, true},
-               // While the TV clock is unknown, its timers take no part.
-               {{once, off_internet}, "-1", false, false},
-               {{on_internet, off}, wed, false, false}};
+  } cases[] = {
+      {{once, {1, "16 07:00:01"}}, wed, false, true},
+      {{once, off}, "-1", true, true},
+      {{once, {1, wed, kWed | kFri}}, "-1", true, true},
+      {{once, {1, wed, kThu | kFri}}, wed, false, true},
+      {{once, {1, "17 07:00", kWed}}, wed, false, true},
+      {{{0, wed, kWed | kThu | kFri}, {1, wed, kWed}, {1, wed, kThu}}, "18 07:00", false, true},
+      // A one-shot off-timer flips its weekday, so that a second one gives it back.
+      {{{0, wed, kWed | kThu}, off}, "17 07:00", false, true},
+      {{{0, wed, kMon}, off}, wed, false, true},
+      {{{0, wed, kWed}, off}, "-1", false, true},
+      {{{0, wed, kWed}, off, off}, wed, false, true},
+      // Configured times meet on the TV clock; the system clock is an hour behind.
+      {{once, off_internet}, "-1", true, true},
+      {{on_internet, off}, "-1", true, true},
+      // While the TV clock is unknown, its timers take no part.
+      {{once, off_internet}, "-1", false, false},
+      {{on_internet, off}, wed, false, false}};
   for (const auto &[timers, expected, disarmed, tv_known] : cases) {
     restart(expected + std::string(" ") + std::to_string(timers.back().week_flag));
     set_clocks(kNoon, "15 11:00", kNoon);
@@ -204,6 +310,39 @@ TEST_F(WakeupTime, LeavesOut_WhatAnOffTimerTakesAway) {
     const int result = get_next_ontimer_not_overlap_with_offtimer(&chosen, &expire);
     EXPECT_EQ(result == 0 ? time_text(expire) : "-1", expected);
     EXPECT_EQ(armed(1).empty(), disarmed);
+  }
+}
+
+TEST_F(WakeupTime, OfAOneShotTimer_IsMovedByAHoliday) {
+  add({0, "16 07:00", 0, 1});
+  add({1, "30 22:00"});
+  add_period("16 00:00", "20 00:00");
+  dravel_item *chosen = nullptr;
+  std::tm expire{};
+  EXPECT_EQ(get_next_ontimer_not_overlap_with_offtimer(&chosen, &expire), 0);
+  EXPECT_EQ(time_text(expire), "21 07:00");
+}
+
+TEST_F(WakeupTime, ADuplicate_IsEqualInTypeWeekdaysClockAndTime) {
+  const struct {
+    new_timer other;
+    int result;
+  } cases[] = {{{2, "16 07:00", kWed, 1, TIME_TYPE_RTC, 7}, 0},
+               {{3, "16 07:00", kWed, 0, TIME_TYPE_RTC}, -1},
+               {{2, "16 07:00:01", kWed, 0, TIME_TYPE_RTC}, -1},
+               {{2, "16 07:00", kThu, 0, TIME_TYPE_RTC}, -1},
+               {{2, "16 07:00", kWed, 0, TIME_TYPE_BROADCAST}, -1}};
+  dravel_item *found = nullptr;
+  dravel_item unlisted{};
+  EXPECT_EQ(find_duplicate_ontimer(nullptr, &found), -1);
+  EXPECT_EQ(find_duplicate_ontimer(&unlisted, &found), -1);
+  const dravel_item *item = add({2, "16 07:00", kWed, 0, TIME_TYPE_RTC, 5});
+  for (const auto &[other, result] : cases) {
+    dravel_item *candidate = make(other);
+    found = nullptr;
+    EXPECT_EQ(find_duplicate_ontimer(candidate, &found), result) << other.when;
+    EXPECT_EQ(found, result == 0 ? item : nullptr);
+    g_free(candidate);
   }
 }
 
@@ -237,6 +376,7 @@ TEST_F(WakeupTime, ThatIsRefused_StaysInTheRecord_AndIsClearedButForItsType) {
   disable_micom_ontimer();
   EXPECT_EQ(micom_ontimer.timer_id, 0);
   EXPECT_EQ(micom_ontimer.ontime, 0U);
+  EXPECT_EQ(micom_ontimer.is_utc, 0);
   EXPECT_EQ(micom_ontimer.type, 254U);
   EXPECT_EQ(micom_ontimer.priority, -1);
 }
@@ -245,10 +385,10 @@ TEST_F(Events, AWakeup_DisarmsTheProgrammedTimer_AndWaitsForAnUntrustedClock) {
   const struct {
     int trusted;
     const char *tv, *rearmed;
-    int waits;
+    int waiting;
   } cases[] = {{1, kNoon, "", 0}, {0, kNoon, "16 07:00", 1}, {0, "", "", 1}};
   for (const bool ambient : {false, true})
-    for (const auto &[trusted, tv, rearmed, waits] : cases) {
+    for (const auto &[trusted, tv, rearmed, waiting] : cases) {
       restart(tv);
       EXPECT_EQ(standin_subscribers("state_changed_event"), 1);
       arm(kTomorrow);
@@ -260,12 +400,13 @@ TEST_F(Events, AWakeup_DisarmsTheProgrammedTimer_AndWaitsForAnUntrustedClock) {
       for (int i = 0; i < 2; i++)
         ambient ? standin_state_changed(4, 2) : standin_wakeup(3);
       EXPECT_EQ(armed(1), rearmed);
-      EXPECT_EQ(pending(adjust_wait_timer_cb), waits);
+      EXPECT_EQ(pending(adjust_wait_timer_cb), waiting);
       EXPECT_EQ(get_wakeup_state(), 1);
       set_now(kNoon);
-      EXPECT_FALSE(waits == 1 && fire(adjust_wait_timer_cb)); // and then the clock is trusted
+      EXPECT_FALSE(waiting == 1 && fire(adjust_wait_timer_cb)); // and then the clock is trusted
       EXPECT_EQ(get_kinto_time_updated(), 1);
-      EXPECT_EQ(armed(1), waits == 1 ? "16 07:00" : "");
+      EXPECT_FALSE(fs::exists(kFinishMarkerPath));
+      EXPECT_EQ(armed(1), waiting == 1 ? "16 07:00" : "");
     }
 }
 
@@ -357,23 +498,110 @@ TEST_F(Events, TwoTimeUpdatesWithoutAClock_StartTwoPolls_AndBothEnd) {
   EXPECT_TRUE(fs::exists(kFinishMarkerPath));
 }
 
+// A second one begins from its full length.
+TEST_F(Events, Waits_HaveTheirLengths_AndASecondReplacesTheFirst) {
+  const struct {
+    void (*start)();
+    Ecore_Task_Cb callback;
+    double seconds;
+  } cases[] = {{init_dravel, wait_dravel_finish_cb, 90},
+               {[] { standin_wakeup(3); }, adjust_wait_timer_cb, 60},
+               {[] { standin_change_clock_mode(CLOCK_MODE_AUTO); }, retry_adjust_all_timers, 0.1}};
+  set_clocks("", kNoon, kNoon);
+  set_kinto_time_updated(0);
+  for (const auto &[start, callback, seconds] : cases)
+    for (int times = 0; times < 2; ++times) {
+      start();
+      EXPECT_EQ(waits(callback), std::vector{seconds});
+      pass(0.05);
+    }
+  auto_time_set();
+  EXPECT_EQ(waits(wait_cur_time_cb), std::vector{0.1});
+}
+
+TEST_F(Events, APowerOff_DistrustsTheClock_AndResetsTheStoreByItsOption) {
+  for (const int option : {-1, 0, 1, 11, 12, 13, 14, 15}) {
+    restart(std::to_string(option));
+    const bool resets = option == 13 || option == 14;
+    standin_power_off(option);
+    EXPECT_EQ(fs::exists(kDravelDbPath), !resets);
+    EXPECT_EQ(fs::exists(kWakeupDbPath), !resets);
+    EXPECT_EQ(get_kinto_time_updated(), 0);
+  }
+}
+
+// Whether the retry goes on, and the flag of a time update stays.
+TEST_F(Events, ASwitchToAnotherMode_EndsTheRetry_AndOnlyManualForgetsTheUpdate) {
+  const struct {
+    int mode;
+    bool readable;
+    int retries, updated;
+  } cases[] = {{1, true, 0, 0}, {2, true, 0, 1}, {1, false, 1, 1}, {-1, true, 0, 1}};
+  for (const auto &[mode, readable, retries, updated] : cases) {
+    restart(std::to_string(mode));
+    standin_change_clock_mode(CLOCK_MODE_AUTO);
+    set_auto_clock_mode_time_update(1);
+    if (!readable)
+      standin().refused = {"settings_get_int"};
+    arm({1, "18 14:00"});
+    standin_change_clock_mode(mode);
+    EXPECT_EQ(pending(retry_adjust_all_timers), retries);
+    EXPECT_EQ(get_auto_clock_mode_time_update(), updated);
+    EXPECT_EQ(armed(1), "18 14:00");
+  }
+}
+
+TEST_F(Events, ATimeUpdate_IsRememberedInAutomaticModeAlone) {
+  for (const int mode : {0, 1, 2}) {
+    standin().clock_mode = mode;
+    set_auto_clock_mode_time_update(0);
+    standin_middleware_signal(SIGNAL_SYSTEM_TIME_UPDATED);
+    EXPECT_EQ(get_auto_clock_mode_time_update(), mode == 0) << mode;
+  }
+}
+
+// Only a marker's existence means something.
 TEST_F(Events, Markers_TellARelaunch_AndEndTheWait) {
   EXPECT_TRUE(fs::exists(kInitMarkerPath));
   EXPECT_EQ(get_relaunch_state(), 0);
-  EXPECT_EQ(waits(wait_dravel_finish_cb), std::vector{90.0});
   run_idle_steps();
   EXPECT_EQ(pending(wait_dravel_finish_cb), 0);
   EXPECT_EQ(fs::status(kFinishMarkerPath).permissions(), fs::perms(0644));
+  EXPECT_EQ(fs::file_size(kInitMarkerPath) + fs::file_size(kFinishMarkerPath), 0U);
+  std::ofstream(kFinishMarkerPath) << "kept";
   create_dravel_finish_file();
+  EXPECT_EQ(fs::file_size(kFinishMarkerPath), 4U);
 
   fs::remove(kFinishMarkerPath);
   set_clocks("", kNoon, kNoon);
   set_kinto_time_updated(1);
   init_dravel();
-  init_dravel();
   EXPECT_EQ(get_relaunch_state(), 1);
   EXPECT_EQ(get_kinto_time_updated(), 0);
-  EXPECT_EQ(pending(wait_dravel_finish_cb), 1);
   EXPECT_FALSE(fire(wait_dravel_finish_cb));
   EXPECT_TRUE(fs::exists(kFinishMarkerPath));
+}
+
+// What the daemon finds when it starts: a past one-shot timer goes, holidays count, and all events
+// of the set arrive. While the clock is not known, nothing is armed and the wait goes on.
+TEST_F(Events, AStart_LoadsTimersAndHolidays_AndSubscribes) {
+  for (const bool known : {true, false}) {
+    restart(known ? "known" : "unknown");
+    add({3, "15 11:00"});
+    add({4, "17 07:00"});
+    add({4, "01 07:00", kWed | kThu, 1});
+    add_period("16 00:00", "16 00:00");
+    start_again(known ? kNoon : "");
+    run_idle_steps();
+    EXPECT_EQ(find_dravel_item(1) == nullptr, known);
+    EXPECT_EQ(get_kinto_time_updated(), known ? 1 : 0);
+    EXPECT_EQ(get_wakeup_state(), 1);
+    EXPECT_EQ(armed(2) + armed(3), known ? "17 07:0017 07:00" : "");
+    EXPECT_EQ(fs::exists(kFinishMarkerPath), known);
+    EXPECT_EQ(pending(wait_dravel_finish_cb), known ? 0 : 1);
+    for (const char *name :
+         {"poweroff", "standby", "wakeup", "ambient_poweroff", "state_changed_event", "signal",
+          kSettingsTimeZone, kSettingsClockMode, kSettingsTimeSet})
+      EXPECT_EQ(standin_subscribers(name), 1) << name;
+  }
 }

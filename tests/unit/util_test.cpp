@@ -34,3 +34,7 @@ TEST_F(TimeBase, ClockModesAndLeapYears) {
   for (const auto &[year, leap] : {std::pair{2000, 1}, {2100, 0}, {2024, 1}, {2023, 0}})
     EXPECT_EQ(is_leap_year(year), leap) << year;
 }
+
+TEST_F(TimeBase, ATimesText_IsOneLine) {
+  EXPECT_STREQ(time_str(1000000000), "Sun Sep  9 01:46:40 2001\n");
+}

@@ -1,0 +1,26 @@
+// A life of the daemon in the fuzzer's process: an input is what it finds at its start, then a
+// sequence of calls, events of the set and expiries, after each of which its state must hold.
+#pragma once
+
+#include "fixture.h"
+#include "input.h"
+
+// The target's part: what the start finds in the store.
+void prepare_store(input &in);
+
+// A call of one of the daemon's methods. Mostly it carries what the method is registered for, now
+// and then more, less or something else. The reply is what it must be.
+void call_any(input &in);
+void call_schedule(input &in); // once, or more often
+
+// How many stored timers may be listed. A full list loses the timer with the lowest id, a transient
+// one where there is one: each that was accepted makes room for one stored timer more. And the id
+// of the last transient timer.
+extern std::size_t most_stored;
+extern int last_transient;
+
+// Any number, with those first at which something changes.
+int draw_number(input &in);
+// A timer, and a disabled period, that somebody could want. Times coincide often.
+timer_arguments draw_timer(input &in);
+std::array<int, PERIOD_ARGS> draw_period(input &in);
