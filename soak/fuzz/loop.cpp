@@ -5,10 +5,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 #include <vector>
 
 static std::vector<std::unique_ptr<loop_timer>> live_timers;
 static std::time_t system_clock;
+static Ecore_Task_Cb end_of_pass;
 
 void breach(const char *what) {
   std::fprintf(stderr, "BREACH: %s\n", what);
@@ -49,6 +51,11 @@ void ecore_timer_freeze(Ecore_Timer *timer) {
   if (find_live(timer) == live_timers.end())
     breach("a main-loop timer is stopped that has ended");
 }
+
+Ecore_Idle_Enterer *ecore_idle_enterer_add(Ecore_Task_Cb callback, const void *) {
+  end_of_pass = callback;
+  return reinterpret_cast<Ecore_Idle_Enterer *>(&end_of_pass);
+}
 }
 
 std::size_t live_timer_count() { return live_timers.size(); }
@@ -62,6 +69,11 @@ void fire_timer(std::size_t index) {
   timer->running = false;
   if (!again || timer->deleted)
     live_timers.erase(find_live(timer));
+}
+
+void end_pass() {
+  if (const Ecore_Task_Cb callback = std::exchange(end_of_pass, nullptr))
+    callback(nullptr);
 }
 
 void set_system_clock(std::time_t now) { system_clock = now; }

@@ -21,6 +21,9 @@ const loop_timer &live_timer(std::size_t index);
 // Lets one fire; it ends unless its callback asks for more.
 void fire_timer(std::size_t index);
 
+// Runs what the daemon does at the end of each pass of the loop.
+void end_pass();
+
 void set_system_clock(std::time_t now);
 
 // Ends the run with a report: the daemon is not in a state that it may be in.

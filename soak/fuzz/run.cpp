@@ -255,6 +255,7 @@ static void check_armed() {
 }
 
 void check_state(std::size_t most) {
+  end_pass();
   check_armed();
   std::set<const dravel_item *> listed;
   std::set<int> ids;
