@@ -12,8 +12,8 @@
 #include <array>
 #include <utility>
 
-// Sending takes a tenth of the time of a call that adds or cancels a timer. A burst of calls must
-// not pay that each time: what changes this soon after the last signals waits until then.
+// Sending adds 15 to 20 % to a call that adds or cancels a timer, with the store in memory. A burst
+// of calls must not pay that each time: what changes this soon after the last signals waits.
 static constexpr double kBurstSeconds = 0.02;
 
 static constexpr const char *kAddedSignal = "TimerAdded";
