@@ -125,7 +125,8 @@ words image_of(const message &reply) {
                              DBUS_TYPE_BYTE, &bytes, &size, DBUS_TYPE_INVALID))
     throw std::runtime_error("a reply holds no image");
   result.resize(1 + static_cast<std::size_t>(size) / sizeof(int));
-  std::memcpy(result.data() + 1, bytes, static_cast<std::size_t>(size));
+  if (size > 0) // libdbus gives no address for an empty array
+    std::memcpy(result.data() + 1, bytes, static_cast<std::size_t>(size));
   return result;
 }
 
