@@ -1,7 +1,7 @@
 // The state object: what the daemon will do, for every local user to read, and its signals. The
 // other modules report here what happens to timers, once they have done it. All that happens in one
 // pass of the main loop is gathered and sent at its end, after the replies and the expiry signals;
-// in a burst of calls every 20 ms.
+// in a burst of calls, every 20 ms.
 #pragma once
 
 #include "dravel-record.h"

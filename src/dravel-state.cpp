@@ -10,10 +10,13 @@
 
 #include <algorithm>
 #include <array>
+#include <initializer_list>
+#include <iterator>
+#include <string_view>
 #include <utility>
 
-// Sending takes a tenth of the time of a call that adds or cancels a timer. A burst of calls must
-// not pay that each time: what changes this soon after the last signals waits until then.
+// Sending adds 15 to 20 % to a call that adds or cancels a timer, with the store in memory. A burst
+// of calls must not pay that each time: what changes this soon after the last signals waits.
 static constexpr double kBurstSeconds = 0.02;
 
 static constexpr const char *kAddedSignal = "TimerAdded";
@@ -279,7 +282,7 @@ static bool is_past(const dravel_item *item) {
   clock_reading clocks{};
   get_cur_time(&clocks.now, TIME_TYPE_BROADCAST);
   std::tm date = item->tm;
-  if (is_ontimer_item(item))
+  if (is_ontimer_item(item) != 0)
     date.tm_sec = std::min(date.tm_sec, 0);
   time_value expiry = unsigned_timegm(&date);
   if (item->time_type == TIME_TYPE_INTERNET && read_clocks(&clocks) == 0)

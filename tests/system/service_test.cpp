@@ -96,6 +96,12 @@ TEST_F(Service, State_ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
   call("request_halt_ontimers", "(0,)"); // as it was
   call("request_halt_offtimers", "(5,)");
   EXPECT_EQ(state_signals("HaltOff"), strings{properties_changed("{'HaltOff': <5>}, []")});
+
+  const gint64 before = g_get_monotonic_time();
+  for (int halt = 1; halt <= 50; ++halt)
+    call("request_halt_ontimers", "(" + std::to_string(halt) + ",)");
+  const std::size_t in_the_burst = state_signals("'HaltOn': <50>").size();
+  EXPECT_LE(in_the_burst, static_cast<std::size_t>(g_get_monotonic_time() - before) / 20000 + 2);
 }
 
 TEST_F(Service, AStartThatIsRefusedWhatItNeeds_EndsWithStatus255) {
