@@ -1,4 +1,4 @@
-# Where things go: cmake --install, and through it the package.
+# Where the files are installed, by cmake --install and in the package.
 
 # The bus reads no policy below /usr/local.
 if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
@@ -26,7 +26,7 @@ install(FILES ${DATA}/dravelctl.bash
 install(FILES ${DATA}/_dravelctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
-# Manual pages and the changelog are compressed as packages have them, without a time stamp.
+# Manual pages and the changelog are compressed as in Debian packages, without a time stamp.
 find_program(GZIP gzip REQUIRED)
 function(install_compressed source name destination)
   set(compressed ${PROJECT_BINARY_DIR}/data/${name}.gz)

@@ -1,5 +1,5 @@
-// Marks what the executable exports under its plain name. Everything else is
-// built hidden.
+// Marks what the executable exports under its plain name; everything else is
+// hidden.
 #pragma once
 
 #define DRAVEL_API __attribute__((visibility("default")))

@@ -1,5 +1,5 @@
-// What happens when a timer expires: three signals, and the daemon's own part
-// for the timer's type.
+// What happens when a timer expires: three signals, then the action of the
+// timer's type.
 #pragma once
 
 #include "dravel-api.h"
@@ -11,9 +11,9 @@ extern "C" {
 // item: the scheduler reads it afterwards.
 DRAVEL_API void dravel_expire_cb(dravel_item *item, void *data);
 
-// Turns the set on for `item`, when on-timers are not halted and the set sleeps.
+// Turns the set on for `item`, unless on-timers are halted or the set is awake.
 DRAVEL_API void process_on_timer(const dravel_item *item);
 
-// Requests a power-off with `option`, when off-timers are not halted.
+// Requests a power-off with `option`, unless off-timers are halted.
 DRAVEL_API void process_off_timer(unsigned int option);
 }

@@ -1,6 +1,6 @@
-// The timer store: two SQLite files, their tables and every row operation. It
-// keeps the two open connections and nothing else; what a failed operation
-// means is for its caller to decide.
+// The timer store: two SQLite files, their tables and every row operation. Its
+// state is the two open connections. What a failed operation means is for its
+// caller to decide.
 //
 // Row operations return 0 or SQLite's result code, and log their failure. A
 // reader hands each row to `fn` in a record that lives only during the call, and
@@ -20,20 +20,21 @@ typedef int (*disabled_period_row_fn)(const disabled_period_item *row);
 extern "C" {
 
 // Opens, checks, creates or migrates both files. Returns 0, or the result code
-// of the main file's failed opening or table creation: the daemon then runs on
-// without a store that outlives it.
+// of the main file's failed opening or table creation: the daemon then runs
+// without a store until its next start.
 DRAVEL_API int initialize_dravel_db(void);
 
 // Closes the main connection, then the wake-up connection; returns the latter's
 // result.
 DRAVEL_API int close_dravel_db(void);
 
-// Deletes both files. The open connections stay: reads go on, writes are
-// refused, and the next start makes new files.
+// Deletes both files. The open connections stay: reads still work, writes are
+// refused, and the next start creates new files.
 DRAVEL_API void reset_dravel_db(void);
 
 // 0 when the file at `path` exists and is sound. Otherwise -1: the file was
-// missing, has been deleted, or is reported corrupt and left to the caller.
+// missing, was damaged and is now deleted, or is reported corrupt and still
+// there.
 DRAVEL_API int integrity_check(const char *path);
 
 // Creates the file where it is missing and gives it the daemon's owner and mode
@@ -44,7 +45,7 @@ DRAVEL_API int make_db_file_manual(const char *path);
 DRAVEL_API int load_dravel_db(dravel_row_fn fn);
 DRAVEL_API int load_wakeup_timer_db(dravel_row_fn fn);   // the rows marked as programmed
 DRAVEL_API int insert_dravel_item_db(dravel_item *item); // sets `timer_id` on success
-DRAVEL_API int undo_insert_dravel_item_db(void);         // takes the last inserted row out again
+DRAVEL_API int undo_insert_dravel_item_db(void);         // deletes the row inserted last
 DRAVEL_API int update_dravel_item_db(const dravel_item *item);
 DRAVEL_API int delete_dravel_item_db(int timer_id);
 DRAVEL_API int update_disable_period_effect_db(int timer_id, int effect);

@@ -16,7 +16,7 @@
 // What can_skip_timer decides about one occurrence.
 enum skip_decision { SKIP_NO = 0, SKIP_REFUSED = 1, SKIP_MOVED = 2 };
 
-// As many timers as are listed before one is evicted for the next.
+// So many timers may be listed before the next one evicts one.
 constexpr unsigned kMaxTimerNum = 80;
 
 extern "C" {
@@ -46,8 +46,7 @@ DRAVEL_API Eina_List *add_dravel_item(dravel_item *item);
 
 // Takes the disarmed `item` out of the lists, deletes its row and releases it.
 // Returns the timer list. When the row cannot be deleted the item leaves the
-// lists all the same and is never released: its row, read again at the next
-// start, brings the timer back.
+// lists, too, but is not released; the next start lists the row again.
 DRAVEL_API Eina_List *remove_dravel_item(dravel_item *item);
 
 // The first listed item with that id, or null.
@@ -56,7 +55,7 @@ DRAVEL_API dravel_item *find_dravel_item(int timer_id);
 // 1 for a type that turns the set on, else 0.
 DRAVEL_API int is_ontimer_item(const dravel_item *item);
 
-// Evicts, disarmed, the item with the smallest id when 80 or more are listed.
+// When 80 or more are listed, disarms and removes the item with the smallest id.
 DRAVEL_API void check_over_max_timer_num(void);
 
 // The order of the lists: below 0 when the listed item stays ahead of the new
@@ -114,5 +113,5 @@ DRAVEL_API int next_disabled_period(disabled_period_item *period);
 DRAVEL_API int can_skip_standby(const std::tm *standby, int timer_id);
 }
 
-// The same, for a timer that does not go because it never fires again.
+// The same, for another reason than that the timer never fires again.
 Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason);

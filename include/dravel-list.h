@@ -5,8 +5,8 @@
 
 #include <Eina.h>
 
-// The next node is taken before an item is handled, so that the item may leave
-// the list meanwhile.
+// The next node is read before an item is handled, so that the loop's body may
+// remove the item.
 template <typename Item> class items_of {
 public:
   explicit items_of(Eina_List *list) : list_(list) {}

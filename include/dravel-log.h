@@ -7,7 +7,7 @@
 #define DRAVEL_LOG_LINE(priority, text, ...)                                                       \
   LOG_FROM(__func__, priority, text __VA_OPT__(, ) __VA_ARGS__)
 
-// The same in a helper, whose lines name the operation that it works for.
+// The same for a helper: `function` is the operation that its line names.
 #define LOG_FROM(function, priority, text, ...)                                                    \
   do {                                                                                             \
     if ((priority) >= system_log_threshold)                                                        \

@@ -1,5 +1,5 @@
-// The daemon's runtime flags, and what the modules below the scheduler need of it. The scheduler
-// defines them; its own header includes this one.
+// The daemon's runtime flags and the one operation of the scheduler that the modules below it call.
+// The scheduler defines them; its own header includes this one.
 #pragma once
 
 #include "dravel-api.h"
@@ -14,7 +14,7 @@ extern "C" {
 DRAVEL_API extern int ontimer_halt;
 // Non-zero: expiring off-timers do not power the set off.
 DRAVEL_API extern int offtimer_halt;
-// True once the subscription to power state changes is in place.
+// True once power state changes are subscribed.
 DRAVEL_API extern bool ambient_poweroff_received;
 
 // Whether the TV clock is known to be valid, so that timers may be armed; 1 at

@@ -58,12 +58,12 @@ DRAVEL_API void create_dravel_finish_file(void);
 DRAVEL_API void init_hash_table(void);
 DRAVEL_API void fini_hash_table(void);
 
-// Arms `item` to call `cb` at its next expiry and sees to the micro-controller's
-// on-time. The item must not be armed. Returns a schedule_result.
+// Arms `item` to call `cb` at its next expiry, and programs the micro-controller
+// again when that changes the on-time. The item must not be armed. Returns a schedule_result.
 DRAVEL_API int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data);
 
-// Disarms and removes `item`, and chooses the on-time afresh where the item had
-// a part in it.
+// Disarms and removes `item`. Chooses the on-time again when the item was the
+// programmed on-timer or an off-timer.
 DRAVEL_API void cancel_dravel_item(dravel_item *item);
 
 // Chooses the on-time again when the item that it belongs to has been evicted.
@@ -136,7 +136,7 @@ Eina_Bool wait_dravel_finish_cb(void *data);
 // initial state. The lists, the tables and the store are left alone.
 void reset_runtime_state(void);
 
-// The same as cancel_dravel_item, for another reason than a client's wish.
+// The same as cancel_dravel_item, for another reason than a client's call.
 void cancel_dravel_item(dravel_item *item, removal_reason reason);
 
 // The scheduler's state, for this module and its tests.

@@ -1,5 +1,5 @@
 // The time base: the three clocks, the conversions, and the text of a time in
-// log lines. Keeps no state.
+// log lines. Has no state.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 // Seconds since 1970-01-01 00:00:00, up to 2106.
 using time_value = std::uint32_t;
 
-// What a conversion that cannot be made gives.
+// The result of a conversion that is not possible.
 constexpr time_value kInvalidTime = 0xffffffffU;
 
 constexpr time_value kSecondsPerDay = 86400;
@@ -66,8 +66,8 @@ DRAVEL_API int is_leap_year(int year);
 // The size of the buffers that hold a time's text.
 constexpr std::size_t kTimeTextSize = 100;
 
-// Formats `time` as asctime_r does, newline included. False when asctime_r refuses it: times from
-// the bus may hold anything.
+// Formats `time` as asctime_r does, newline included. False when asctime_r refuses it: the fields
+// of a time from the bus may have any value.
 bool format_time(const std::tm *time, char (&text)[kTimeTextSize]);
 
 // Logs `text`, which names one %s, with a broken-down time, as a line of `function`; left out when
@@ -81,7 +81,7 @@ bool format_time(const std::tm *time, char (&text)[kTimeTextSize]);
 
 #define LOG_TIME(priority, text, time) LOG_TIME_FROM(__func__, priority, text, time)
 
-// Dates from the bus and the store may hold any 32-bit number.
+// Adds without overflow: dates from the bus and the store may hold any 32-bit number.
 constexpr int add_wrapping(int a, int b) {
   int sum = 0;
   (void)__builtin_add_overflow(a, b, &sum);

@@ -5,8 +5,8 @@
 
 extern "C" {
 
-// Starts and ends listening. A failure to start is logged; the daemon then
-// relies on its own waits.
+// Subscribe and unsubscribe. A failure to subscribe is logged; the daemon then
+// waits 60 seconds after each wake-up.
 DRAVEL_API void subscribe_kinto_signal_cb(void);
 DRAVEL_API void unsubscribe_kinto_signal_cb(void);
 }

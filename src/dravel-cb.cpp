@@ -25,7 +25,7 @@ struct type_row {
 
 } // namespace
 
-// Every other type is left to its owner.
+// A timer of any other type is only announced.
 static constexpr type_row kTypeRows[] = {
     {TIMER_TYPE_ON, expiry_action::kTurnOn},
     {TIMER_TYPE_OFF, expiry_action::kTurnOff, POWEROFF_BY_OFF_TIMER},

@@ -187,7 +187,7 @@ int load_wakeup_timer_db(dravel_row_fn fn) {
   return result.code;
 }
 
-// Takes the row out again that was inserted last.
+// Deletes the row that was inserted last.
 static int undo_insert(const char *table) {
   const sql_result result =
       execute_with(dravel_db, "DELETE FROM %s WHERE rowid = last_insert_rowid()", table);
@@ -196,8 +196,9 @@ static int undo_insert(const char *table) {
   return result.code;
 }
 
-// Runs an insert and takes the new row's id. In a foreign file it may add no row,
-// or be at the end of what an id holds: such a row could not be found again.
+// Runs an insert and takes the new row's id. In a foreign file a trigger may
+// prevent the row, or the id may be outside 1 to 2,147,483,647: such a row could
+// not be found again.
 static sql_result insert_row(const char *table, const char *sql, int *id) {
   const auto refuse = [](int code, const char *reason) -> sql_result {
     return {dravel_db, code, {sqlite3_mprintf("%s", reason), sqlite3_free}};
@@ -337,7 +338,7 @@ static bool is_readable(const char *path) {
   return true;
 }
 
-// A file that cannot be read just now is not taken for an empty one: deleting it
+// A file that cannot be read at the moment does not count as empty: deleting it
 // would lose every timer.
 static bool is_empty(const char *path) {
   const open_file stream(std::fopen(path, "re"), std::fclose);
@@ -522,7 +523,8 @@ static void __migration_0_to_1(void) {
   }
 }
 
-// Leaves a sound file at `path`, an empty one where there was none.
+// Afterwards the file at `path` is sound: a missing or damaged one is replaced by
+// an empty one.
 static void prepare_db_file(const char *path) {
   if (integrity_check(path) == -1) {
     LOGE_OF(initialize_dravel_db, "initialize_dravel_db integrity_check[%s] fail, it will recreate",

@@ -26,7 +26,7 @@ namespace {
 
 using message = std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)>;
 
-// A method call: its arguments, read in order, and its reply, made before anything else.
+// A method call: its arguments, read in order, and its reply, which is made first.
 class method_call {
 public:
   explicit method_call(DBusMessage *call)
@@ -48,7 +48,7 @@ public:
     return read_next(DBUS_TYPE_STRING, text, handler);
   }
 
-  // Ends the call with what `args` append, as for dbus_message_append_args.
+  // Gives the reply, with `args` appended as by dbus_message_append_args.
   template <typename... Args> DBusMessage *reply(Args... args) {
     if (reply_ != nullptr)
       dbus_message_append_args(reply_.get(), args..., DBUS_TYPE_INVALID);
@@ -95,8 +95,8 @@ static bool read_record(method_call &call, Record &record,
   return true;
 }
 
-// Fills an image: little-endian words at their fixed places, whatever the host's own layout is.
-// Words that no field fills must be 0 already.
+// Fills an image: little-endian words at their fixed places, on every host. Words that no field
+// fills must be 0 already.
 template <typename Record> static void put_image(std::uint32_t *image, const Record &record) {
   for (const record_field &field : kRecordFields<Record>)
     image[field.word] = htole32(static_cast<std::uint32_t>(field_of(record, field)));
@@ -108,7 +108,7 @@ static DBusMessage *reply_item(method_call &call, const dravel_item &item, int r
   return call.reply_image(result, image.data(), image.size());
 }
 
-// The image that answers for an unknown timer.
+// The reply for an unknown timer.
 static DBusMessage *reply_no_item(method_call &call) {
   dravel_item filler{};
   filler.timer_id = -1;
@@ -125,7 +125,7 @@ static DBusMessage *reply_list(method_call &call, Eina_List *list,
                                const char *handler = __builtin_FUNCTION()) {
   const std::size_t count = eina_list_count(list);
   const std::size_t words = count * kImageWords<Record>;
-  // One word more, so that an empty list has its buffer too.
+  // One word more, so that an empty list has a buffer, too.
   g_autofree std::uint32_t *images = g_try_new0(std::uint32_t, words + 1);
   if (images == nullptr) {
     LOG_FROM(handler, SYSTEM_LOG_ERROR, "failed to allocate memory\n");
@@ -148,8 +148,8 @@ static void cancel_replaced(const dravel_item *item, const char *handler) {
   cancel_dravel_item(duplicate, removal_reason::kReplaced);
 }
 
-// Lists and arms `item`. Returns its id, or -1 with the item released. A timer that the next start
-// would not know is not accepted.
+// Lists and arms `item`. Returns its id, or -1 with the item released. A timer that cannot be
+// stored is refused, because the next start would not list it.
 static int take_item(dravel_item *item) {
   if (add_dravel_item(item) == nullptr) {
     g_free(item);
@@ -213,8 +213,8 @@ static DBusMessage *edbus_request_wakeup_timer(E_DBus_Object *, DBusMessage *msg
   return reply_no_item(call);
 }
 
-// Gets the value for a halt flag out of a call, and the call's reply. A call that cannot be read
-// releases the halt, so that the set goes on waking and sleeping.
+// Reads the value for a halt flag from a call and makes the reply. A call that cannot be read
+// releases the halt, so that timers turn the set on and off again.
 static int get_halt_onofftimers(DBusMessage *msg, DBusMessage **reply) {
   method_call call(msg);
   std::array<dbus_int32_t, 1> value{};
@@ -320,10 +320,10 @@ static bool is_same_file(const GStatBuf &source, const char *destination) {
          other.st_ino == source.st_ino;
 }
 
-// Copies the whole file at `source` over `destination`, with its permissions: by way of a new file
-// that is on the disk before it takes the place, so that neither a disk without room nor a power
-// cut costs what was there. A pipe would keep the daemon waiting. The store copied over itself
-// stays the file that is open.
+// Copies the whole file at `source` over `destination`, with its permissions. A new file is written
+// to the disk and then renamed, so that the old one survives a full disk and a power cut. Only a
+// regular file is read: a pipe would block the daemon. When both paths name one file nothing is
+// done, because the store must stay the file that is open.
 static void copy_file(const char *source, const char *destination, GError **failure) {
   constexpr auto kWholeOrNot = static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT |
                                                                   G_FILE_SET_CONTENTS_DURABLE);
@@ -338,7 +338,7 @@ static void copy_file(const char *source, const char *destination, GError **fail
   const mode_t mode = status.st_mode & kPermissions;
   g_autofree char *contents = nullptr;
   gsize size = 0;
-  // A file system without permissions refuses the last step, and loses nothing by it.
+  // A file system without permissions refuses the last step; the copy is complete.
   if (g_file_get_contents(source, &contents, &size, failure) &&
       g_file_set_contents_full(destination, contents, static_cast<gssize>(size), kWholeOrNot,
                                static_cast<int>(mode), failure))
@@ -423,7 +423,7 @@ int send_expire_week_flag_signal(int week_flag) {
   return send_signal(kWeekFlagExpiredSignal, week_flag);
 }
 
-// Whether the name was granted shows on the bus, not here.
+// Called for a granted and for a refused name.
 static void edbus_request_name_cb(void *, DBusMessage *, DBusError *) { LOGD("dbus name get!\n"); }
 
 int init_edbus_handler(void) {

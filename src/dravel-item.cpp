@@ -24,8 +24,8 @@ static Eina_List *dravel_list;
 static Eina_List *ontimer_list;
 static Eina_List *offtimer_list;
 static Eina_List *disabled_period_list;
-// Owns the removed items whose rows could not be deleted. Nothing uses them again: the next start
-// reads their rows.
+// Owns the removed items whose rows could not be deleted. Nothing reads it; the next start reads
+// their rows.
 static Eina_List *undeleted_list;
 static dravel_item *wakeup_timer;
 static int next_transient_timer_id = kFirstTransientTimerId;
@@ -55,9 +55,9 @@ static void follow_february_end(std::tm *date, int leap_year_f, int year) {
     date->tm_mday = 28;
 }
 
-// The year that the ends of February follow. An item whose own clock tells no
-// year goes by the year of the occurrence itself; a TV clock that is not yet
-// known counts from 1970.
+// The year that decides about the end of February: the present one on the item's
+// clock. When that clock cannot be read it is the year of the occurrence, but 1970
+// for the TV clock.
 static int february_year(const dravel_item *item, time_value occurrence) {
   time_value now = 0;
   if (get_cur_time(&now, item->time_type) != 0 && item->time_type != TIME_TYPE_BROADCAST)
@@ -91,7 +91,7 @@ static bool find_period_of(const std::tm &when, int year, std::tm *end) {
 }
 
 // The day that `date` names on the calendar when it is read in `year` (since 1900). Months and days
-// beyond their range are carried on, beyond 2106 too.
+// beyond their range are carried over, also beyond 2106.
 static std::int64_t calendar_day(int year, const std::tm &date) {
   using namespace std::chrono;
   const sys_days first((std::chrono::year(1900 + year) / January + months(date.tm_mon)) / 1);
@@ -151,8 +151,8 @@ static bool is_on_internet_time(const dravel_item *item) {
   return item->time_type == TIME_TYPE_INTERNET;
 }
 
-// Only the internet clock needs the others: its times are carried onto the TV
-// clock or, while that is unknown, onto the real-time clock.
+// Only the internet clock needs the others: its times are moved onto the TV clock
+// or, while that is unknown, onto the real-time clock.
 static int read_clocks_of(const dravel_item *item, clock_reading *clocks) {
   if (is_on_internet_time(item))
     return read_clocks(clocks);
@@ -197,8 +197,8 @@ static int holiday_test(const dravel_item *item, time_value expire) {
   return decision;
 }
 
-// The TV clock wraps from the end of 2099 to 2001, so that a past time of 2001
-// still lies ahead.
+// The TV clock wraps from the end of 2099 to 2001: in 2099 a time in 2001 lies
+// ahead.
 static bool lies_after_wrap(const dravel_item *item, const clock_reading &clocks) {
   std::tm today;
   today_of(item, clocks, &today);
@@ -325,7 +325,7 @@ static bool may_be_moved(const dravel_item *item) {
 
 namespace {
 
-// An item and its next expiry, kept over the comparisons of one sorting.
+// An item and its next expiry, for the comparisons of one sorting.
 class sort_key {
 public:
   explicit sort_key(const dravel_item *of) : item(of) {}
@@ -345,7 +345,7 @@ public:
   const dravel_item *item;
 
 private:
-  bool known_ = false; // once it cannot change any more
+  bool known_ = false; // `expiry_` is computed and cannot change
   std::optional<time_value> expiry_;
 };
 
@@ -375,8 +375,7 @@ int compare_dravel_cb(const void *listed, const void *added) {
 }
 
 // The place of `added`: before the first listed item that it goes ahead of. Eina's sorted insertion
-// bisects, and a listed item without a next expiry would mislead it: an earlier item would land at
-// the tail.
+// bisects; with a listed item that has no next expiry it would put an earlier item at the tail.
 static std::size_t place_of(sort_key &added, std::span<sort_key> listed) {
   std::size_t place = 0;
   while (place < listed.size() && compare_keys(listed[place], added) <= 0)
@@ -405,8 +404,8 @@ static Eina_List *list_of(const std::vector<sort_key> &keys) {
   return list;
 }
 
-// Sorting compares every item with most others. One computation serves all
-// comparisons of an item, unless disabled periods may move it meanwhile.
+// Sorting compares every item with most others. The next expiry of an item is
+// computed once, unless disabled periods may move the item during the sorting.
 void rebuild_onoff_timer_lists(void) {
   ontimer_list = eina_list_free(ontimer_list);
   offtimer_list = eina_list_free(offtimer_list);
@@ -494,7 +493,7 @@ void check_over_max_timer_num(void) {
   remove_dravel_item(oldest, removal_reason::kEvicted);
 }
 
-// Rows of a foreign file may have ids below 0, too.
+// A row of a foreign file may have such an id already.
 static int take_transient_timer_id(void) {
   int timer_id = 0;
   do {
@@ -505,8 +504,8 @@ static int take_transient_timer_id(void) {
   return timer_id;
 }
 
-// An id that a listed item has already, as a table without a key of its own may
-// give one, would arm two items as one.
+// A foreign file's table without a primary key may give an id that a listed item
+// has. The two would share one main-loop timer: the new one is refused.
 static int store_new(dravel_item *item) {
   const int result = insert_dravel_item_db(item);
   if (result != 0 || find_dravel_item(item->timer_id) == nullptr)

@@ -94,7 +94,7 @@ void reset_runtime_state(void) {
     stop_timer(*timer);
 }
 
-// Only a marker's existence means something. True when it was there already.
+// Creates an empty file. True when it existed already.
 static bool leave_marker(const char *path, const char *operation = __builtin_FUNCTION()) {
   if (access(path, F_OK) == 0) {
     LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s file exist", path);
@@ -311,9 +311,9 @@ static std::vector<set_time> comparable_offtimers(const clock_reading &clocks) {
   return offtimers;
 }
 
-// Takes the off-timers set for the on-timer's own time out of its `*week_flag`.
-// False when that leaves nothing of the on-timer: a one-shot one, or the last of
-// its days.
+// Removes from `*week_flag` the days on which an off-timer is set for the
+// on-timer's own time. False when no day is left, or when the on-timer is a
+// one-shot one of that time.
 static bool leave_out_offtimers(const set_time &on, std::span<const set_time> offtimers,
                                 int *week_flag) {
   const dravel_item *ontimer = on.item;
@@ -386,8 +386,7 @@ static int program_next_ontimer(void) {
   return result == 0 ? 0 : kOntimerRefused;
 }
 
-// The same where the programmed on-timer may have to go: with none left, nothing
-// stays programmed.
+// The same; when there is none the programmed on-time is cleared.
 static int replace_programmed_ontimer(void) {
   const int result = program_next_ontimer();
   if (result == kNoOntimer)
@@ -431,8 +430,8 @@ static int distance_to(time_value expire_time, const std::tm &expire_tm, time_va
   return 0;
 }
 
-// An on-time within the running minute is not given to the micro-controller: the
-// set is awake and fires it itself, and must not be started again by it.
+// An on-time within the current minute is not given to the micro-controller: the
+// daemon fires it, and the micro-controller must not start the set again.
 static bool fires_in_current_minute(time_value now, const std::tm &expire_tm, time_value timediff) {
   std::tm now_tm;
   unsigned_gmtime_r(now, &now_tm);
@@ -480,8 +479,8 @@ static bool goes_before_programmed(const dravel_item *item, time_value expire_ti
          (expire_time == local_ontime && item->priority > micom_ontimer.priority);
 }
 
-// What arming `item` means for the micro-controller: an earlier on-timer takes
-// the place of the programmed one, an off-timer may take it away.
+// After `item` is armed: an on-timer before the programmed one replaces it, an
+// off-timer may remove it.
 static void reconsider_micom_ontimer(const dravel_item *item, time_value expire_time,
                                      time_value local_ontime, bool avoid_reboot) {
   if (is_ontimer_item(item) && !avoid_reboot) {
@@ -555,7 +554,7 @@ Eina_Bool ecore_timer_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
-// The programmed on-timer is gone: the next one takes its place.
+// The programmed on-timer was removed: programs the next one.
 static void schedule_next_ontimer(void) {
   disable_programmed_ontimer();
   if (get_ontimer_list() == nullptr) {
@@ -576,7 +575,8 @@ void replace_evicted_ontimer(void) {
     schedule_next_ontimer();
 }
 
-// An off-timer is gone: an on-timer that it had kept from firing is armed again.
+// An off-timer was removed: an on-timer of the same time may fire again and is
+// armed.
 static void rearm_next_ontimer(void) {
   dravel_item *chosen = nullptr;
   std::tm expire{};
@@ -606,8 +606,8 @@ void cancel_dravel_item(dravel_item *item, removal_reason reason) {
 
 void cancel_dravel_item(dravel_item *item) { cancel_dravel_item(item, removal_reason::kCancelled); }
 
-// Moves a one-shot item by whole days, so that its time of day comes within the
-// next 24 hours, and stores it.
+// Moves a one-shot item by whole days, so that it is due within the next 24
+// hours, and stores it.
 static void re_anchor(dravel_item *item, const clock_reading &clocks) {
   time_value scheduled = unsigned_timegm(&item->tm);
   LOGI_OF(adjust_dravel_all_items, "scheduled_time[%lu]", as_ulong(scheduled));
@@ -741,8 +741,8 @@ static int ambient_power_off_cb(void *) {
 }
 
 // The clock may have jumped while the set slept. The programmed on-timer is
-// disarmed, so that the next adjustment judges it by the clock; unless the clock
-// is trusted, all timers are adjusted at once where it can be read, and again
+// disarmed, so that the next adjustment does not move it to another day. Unless
+// the clock is trusted, all timers are adjusted now if it can be read, and again
 // when the middleware confirms the time or 60 seconds have passed.
 static void react_to_wakeup(void) {
   if (micom_ontimer.timer_id >= 0)
@@ -757,7 +757,7 @@ static void react_to_wakeup(void) {
   adjust_wait_timer = ecore_timer_add(kAdjustWaitSeconds, adjust_wait_timer_cb, nullptr);
 }
 
-// The two wake events log the programmed on-timer with priorities of their own.
+// The two wake events log the programmed on-timer with different priorities.
 static int power_wakeup_cb(int reason, void *) {
   LOGE("wakeup reason: %d", reason);
   set_wakeup_state(1);
@@ -783,7 +783,7 @@ static int power_state_changed(const void *record, void *) {
   return 0;
 }
 
-// The subscriptions that the daemon cannot do without, in their order.
+// The subscriptions without which the daemon does not start, in their order.
 static constexpr struct {
   const char *name;
   int (*subscribe)();

@@ -1,5 +1,5 @@
 // What the environment says about the log: DRAVEL_LOG = debug, info or error is the least priority
-// written; DRAVEL_LOG_STDERR=1 copies every line to standard error, as does a terminal there.
+// written. Every line is copied to standard error when DRAVEL_LOG_STDERR=1 or that is a terminal.
 #pragma once
 
 #include <system_log.h>

@@ -1,5 +1,5 @@
-// Conversions of time values, unsigned 32-bit seconds since 1970-01-01 00:00:00, that hold whatever
-// the C library's time_t is. What lies outside the range is moved to the nearer end of it.
+// Conversions of time values, unsigned 32-bit seconds since 1970-01-01 00:00:00. They do not depend
+// on the width of the C library's time_t. A time outside the range gives the nearer end of it.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +12,8 @@ inline constexpr std::uint32_t kLastTimeValue = std::numeric_limits<std::uint32_
 
 std::uint32_t to_time_value(std::int64_t seconds);
 
-// The seconds of a broken-down time read as UTC. The fields may hold anything: what is out of range
-// is carried over.
+// The seconds of a broken-down time read as UTC. The fields may have any value: one out of its
+// range is carried over.
 std::int64_t civil_seconds(const std::tm &time);
 
 // Breaks a time value down as UTC.

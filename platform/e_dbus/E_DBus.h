@@ -26,14 +26,14 @@ int e_dbus_shutdown(void);
 // it.
 E_DBus_Connection *e_dbus_bus_get(DBusBusType type);
 
-// Asks for a well-known name; `callback` hears the answer from the main loop.
-// Null when the request could not be sent.
+// Asks for a well-known name; `callback` gets the answer from the main loop. Null
+// when the request could not be sent.
 DBusPendingCall *e_dbus_request_name(E_DBus_Connection *connection, const char *name,
                                      unsigned int flags, E_DBus_Method_Return_Cb callback,
                                      const void *data);
 
-// Exports an object that answers Introspectable by itself. Null on failure. The
-// connection owns it.
+// Exports an object for which the binding answers Introspectable. Null on failure.
+// The connection owns it.
 E_DBus_Object *e_dbus_object_add(E_DBus_Connection *connection, const char *path, void *data);
 
 // A new interface, filled with members and then attached to objects; the
@@ -77,7 +77,7 @@ void e_dbus_properties_changed(E_DBus_Object *object, const E_DBus_Interface *in
                                const char *const *names);
 
 // Sends `message`, which stays the caller's. With a null `callback` no reply is
-// waited for and the result is null; otherwise the callback hears the reply
+// waited for and the result is null; otherwise the callback gets the reply
 // within `timeout` milliseconds (-1: libdbus's default).
 DBusPendingCall *e_dbus_message_send(E_DBus_Connection *connection, DBusMessage *message,
                                      E_DBus_Method_Return_Cb callback, int timeout, void *data);

@@ -85,8 +85,8 @@ using message_ptr = std::unique_ptr<DBusMessage, unref_message>;
 
 } // namespace
 
-// Plain, so that a process which ends without e_dbus_shutdown closes nothing:
-// Ecore may be gone by then.
+// A plain pointer: when the process ends without e_dbus_shutdown no destructor
+// runs, which would use Ecore after its shutdown.
 static bus_library *library = nullptr;
 
 static void send_reply(DBusConnection *bus, DBusMessage *call, DBusMessage *reply) {
@@ -103,7 +103,8 @@ static void schedule_dispatch(E_DBus_Connection *connection) {
     connection->dispatch = ecore_job_add(dispatch_one, connection);
 }
 
-// One message a turn, so that a busy client cannot hold up the timers.
+// One message in each pass of the main loop, so that a busy client does not delay
+// the timers.
 static void dispatch_one(void *data) {
   auto *connection = static_cast<E_DBus_Connection *>(data);
   connection->dispatch = nullptr;
@@ -133,7 +134,7 @@ static Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
   auto *connection = static_cast<E_DBus_Connection *>(data);
   const unsigned int ready = ready_conditions(handler);
 
-  // A lost connection takes its watches away while they are handled.
+  // When the connection is lost, libdbus removes watches while they are handled.
   connection->reading = true;
   for (std::size_t i = 0; i < connection->watches.size(); ++i) { // NOLINT(modernize-loop-convert)
     DBusWatch *watch = connection->watches[i];
@@ -143,14 +144,14 @@ static Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
       dbus_watch_handle(watch, conditions);
   }
   connection->reading = false;
-  // The first message at once: a job would cost a turn of the loop. A job may wait already.
+  // The first message now: a job would wait for the next pass of the loop. One may wait already.
   if (connection->dispatch == nullptr)
     dispatch_one(connection);
   return ECORE_CALLBACK_RENEW;
 }
 
-// libdbus watches reading and writing apart; Ecore takes a descriptor only
-// once, so one handler serves both.
+// libdbus has one watch for reading and one for writing; Ecore takes a descriptor
+// only once, so that one handler serves both.
 static void update_socket_handler(E_DBus_Connection *connection) {
   unsigned int wanted = 0;
   for (DBusWatch *watch : connection->watches)
@@ -191,8 +192,8 @@ static void toggle_watch(DBusWatch *, void *data) {
   update_socket_handler(static_cast<E_DBus_Connection *>(data));
 }
 
-// libdbus's timeouts on a client are the limits of single replies, so that each
-// elapses once; handling one may release it.
+// libdbus uses a timeout for each reply that it waits for, so that it elapses
+// once. Handling it may release it.
 static Eina_Bool timeout_elapsed(void *data) {
   auto *timeout = static_cast<DBusTimeout *>(data);
   dbus_timeout_set_data(timeout, nullptr, nullptr);
@@ -220,8 +221,8 @@ static void toggle_timeout(DBusTimeout *timeout, void *data) {
   add_timeout(timeout, data);
 }
 
-// Without the bus nobody can set or cancel a timer any more. The loop ends in
-// order, and whoever started the process starts it again.
+// Without the bus no client can set or cancel a timer. The main loop ends, and the
+// service manager starts the process again.
 static DBusHandlerResult watch_for_loss(DBusConnection *, DBusMessage *message, void *) {
   if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected")) {
     system_log_print(SYSTEM_LOG_ERROR, kTag, "bus connection lost, leaving the main loop");
@@ -510,7 +511,7 @@ static bool drive_from_main_loop(E_DBus_Connection *connection) {
       !dbus_connection_add_filter(bus, watch_for_loss, nullptr, nullptr) ||
       !dbus_connection_register_fallback(bus, "/", &kUnknownObjects, nullptr))
     return false;
-  // What arrived while the connection was made has been announced to nobody.
+  // Messages may have arrived before the status function was set.
   dispatch_status_changed(bus, dbus_connection_get_dispatch_status(bus), connection);
   return true;
 }

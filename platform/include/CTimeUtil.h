@@ -1,5 +1,5 @@
 // The set's time utility: the TV clock, the clock mode, and conversions that
-// cover every unsigned 32-bit time value whatever the C library's time_t is.
+// cover every unsigned 32-bit time value, also where time_t is narrower.
 //
 // A time value counts seconds since 1970-01-01 00:00:00, up to 2106. The TV
 // clock counts the civil seconds of the set's own time zone, so that breaking

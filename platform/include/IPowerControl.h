@@ -1,4 +1,4 @@
-// The power micro-controller: its real-time clock and the wake-up time it
+// The power micro-controller: its real-time clock, and the wake-up time that it
 // holds while the rest of the set sleeps.
 #pragma once
 
@@ -19,14 +19,14 @@ public:
   // The one power control of the set; never null, never to be released.
   static IPowerControl *getInstance();
 
-  // Fills `out`. Returns 0 on success; otherwise `out` holds nothing of use.
+  // Fills `out`. Returns 0 on success; otherwise `out` is undefined.
   virtual int read_rtc(rtc_time *out) = 0;
 
   // Programs the time at which to wake the set, with the type of the timer it
   // belongs to. It replaces the time programmed before. Returns 0 on success.
   virtual int set_wakeup_time(std::uint32_t type, std::uint32_t time) = 0;
 
-  // Forgets the programmed wake-up time. Returns 0 on success.
+  // Clears the programmed wake-up time. Returns 0 on success.
   virtual int clear_wakeup_time() = 0;
 
 protected:

@@ -6,7 +6,7 @@
 enum ESignalType : std::int32_t { SIGNAL_SYSTEM_TIME_UPDATED = 108 };
 enum EProfile : std::int32_t { PROFILE_MAIN = 0 };
 
-// What a signal carries; nothing of it is of use to the daemon.
+// What a signal carries; the daemon does not read it.
 struct TSSignalData {
   std::uint32_t words[4];
 };

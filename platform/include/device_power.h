@@ -22,8 +22,8 @@ constexpr int device_power_reason_of(unsigned type) {
   return type < sizeof kReasons / sizeof *kReasons ? kReasons[type] : 2;
 }
 
-// What a state-changed callback is handed: the two fields that callers read, at the service's
-// offsets. Its other fields and its length are the service's own.
+// What a state-changed callback gets: the two fields that callers read, at the service's offsets.
+// The service's record has other fields, too, and may be longer.
 struct device_power_event {
   std::int32_t unused[3];
   std::int32_t state;
@@ -38,7 +38,7 @@ extern "C" {
 // Called with the option (power-off, standby) or the reason (wake-up).
 typedef int (*device_power_option_cb)(int option, void *user_data);
 
-// Called when the set falls from ambient mode into suspend.
+// Called when the set goes from ambient mode into suspend.
 typedef int (*device_power_ambient_poweroff_cb)(void *user_data);
 
 // Called with a device_power_event, which lives only during the call and may be unaligned.

@@ -1,7 +1,7 @@
 // The set's system log: tagged, prioritised lines.
 //
 // Callers compare a line's priority with `system_log_threshold` before they
-// form its arguments, so that a line nobody reads costs that one comparison.
+// form its arguments, so that a line below the threshold costs one comparison.
 #pragma once
 
 extern "C" {
@@ -11,7 +11,7 @@ enum system_log_priority { SYSTEM_LOG_DEBUG = 0, SYSTEM_LOG_INFO = 1, SYSTEM_LOG
 // The least priority that is written.
 extern enum system_log_priority system_log_threshold;
 
-// Writes one line under `tag`, which is static text, whatever the threshold is.
+// Writes one line under `tag`, which is static text. Ignores the threshold.
 void system_log_print(enum system_log_priority priority, const char *tag, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 }

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <ctime>
 
-// Shorter than any machine needs to fall asleep and notice.
+// An alarm that is nearer might go off before the machine sleeps.
 static constexpr std::uint32_t kLeastAheadSeconds = 5;
-// The two clocks change their second at different moments.
+// The system clock and the real-time clock change their seconds at different moments.
 static constexpr std::uint32_t kClockSlackSeconds = 2;
 
 static rtc_device *device;
@@ -42,7 +42,7 @@ static int switch_off() {
   return refused("the alarm is not switched off");
 }
 
-// Set by its distance, the alarm is right whatever the device's clock shows.
+// The alarm is set by its distance from now, so that a wrong clock of the device does not matter.
 static int write_alarm(std::uint32_t alarm) {
   if (!device->exists())
     return 0;
@@ -66,7 +66,8 @@ static int program(std::uint32_t type, std::uint32_t on_time) {
     return switch_off();
   }
   const wake_up asked = {type, on_time, alarm_for(on_time)};
-  const bool is_held = asked == programmed && set_at == now(); // asked once for each off-timer
+  const bool is_held =
+      asked == programmed && set_at == now(); // the daemon programs once for each off-timer
   programmed = asked;
   keep_wake_up(programmed);
   return is_held ? 0 : write_alarm(programmed.alarm);

@@ -10,7 +10,7 @@ enum class wake_kind { resume, boot };
 // A late wake-up is credited until this long after its on-time.
 inline constexpr std::uint32_t kLatestSeconds = 300;
 
-// Reads what the last run left, and switches it off.
+// Reads what the last run programmed, and switches the alarm off.
 wake_up start_alarm(rtc_device &device);
 
 // Programs `on_time`, UTC, for a timer of `type`. Returns 0, also for an on-time that is past,

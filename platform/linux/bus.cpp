@@ -21,7 +21,7 @@ static Eina_Bool events_pending(void *, Ecore_Fd_Handler *) {
   return ECORE_CALLBACK_RENEW;
 }
 
-// What other callbacks have queued is written before the main loop sleeps.
+// Messages that other callbacks have queued are written before the main loop sleeps.
 static Eina_Bool main_loop_is_idle(void *) {
   run_events();
   return ECORE_CALLBACK_RENEW;

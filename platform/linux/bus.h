@@ -1,5 +1,5 @@
-// The platform's own connection to the system bus, run from the Ecore main loop. Nothing here waits
-// for an answer. Without a bus every call is left out.
+// The platform's own connection to the system bus, run from the Ecore main loop. No function waits
+// for a reply. Without a bus the functions do nothing.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -23,7 +23,7 @@ void start_bus();
 // The event loop behind the connection, for other files to be watched with.
 sd_event *bus_events();
 
-// `answered` gets the reply or the error; null where neither matters.
+// `answered` gets the reply or the error; null: neither is looked at.
 void bus_call(const bus_service &service, const char *member, sd_bus_message_handler_t answered,
               const char *types, ...);
 void bus_get_property(const bus_service &service, const char *property,
@@ -31,7 +31,7 @@ void bus_get_property(const bus_service &service, const char *property,
 void bus_watch_signal(const bus_service &service, const char *member,
                       sd_bus_message_handler_t received);
 
-// Calls `appeared` now, and again whenever the service gets a new owner.
+// Calls `appeared` now, and again each time the service gets a new owner.
 void bus_watch_service(const bus_service &service, void (*appeared)());
 
 // Calls `take` for each pair of an array of names and variants. It reads the variant and returns

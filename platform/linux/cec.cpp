@@ -34,7 +34,7 @@ struct cec_device {
   cec_device &operator=(const cec_device &) = delete;
 
   void look();  // reads its addresses, and claims a logical one when the physical one is new
-  void claim(); // a logical address, where nobody has one: what another program has is used
+  void claim(); // claims a logical address, unless another program has configured one
   bool has_television() const {
     return physical != CEC_PHYS_ADDR_INVALID && physical != kTelevisionAddress;
   }
@@ -44,8 +44,8 @@ struct cec_device {
   int fd;
   std::uint16_t physical = CEC_PHYS_ADDR_INVALID;
   std::uint8_t logical = kNoLogicalAddress;
-  bool is_configured = false; // by anybody
-  bool is_ours = false;       // by us
+  bool is_configured = false; // the device has a logical address
+  bool is_ours = false;       // and this program claimed it
   sd_event_source *source = nullptr;
 };
 
@@ -69,7 +69,8 @@ cec_device::cec_device(const char *device_path)
     report("%s: %s; the television is not reached by it", device_path, std::strerror(errno));
     return;
   }
-  // Beside others: where one follower wants to be alone we hear only answers.
+  // Not exclusive: other programs may use the device. An exclusive follower among them gets all
+  // messages but the replies to ours.
   std::uint32_t mode = CEC_MODE_INITIATOR | CEC_MODE_FOLLOWER;
   ioctl(fd, CEC_S_MODE, &mode);
   sd_event_add_io(bus_events(), &source, fd, EPOLLIN | EPOLLPRI, device_ready, this);
@@ -124,7 +125,7 @@ static void transmit(const cec_device &device, std::uint8_t destination,
     note("%s: message %#04x: %s", device.path.c_str(), message[0], std::strerror(errno));
 }
 
-// A message to a follower that is alone is his to answer.
+// Called only when the logical address is ours: otherwise its owner answers.
 static void answer(const cec_device &device, const cec_msg &message) {
   const auto sender = static_cast<std::uint8_t>(message.msg[0] >> 4);
   const std::uint8_t opcode = message.msg[1];
@@ -140,7 +141,7 @@ static void answer(const cec_device &device, const cec_msg &message) {
 static void message_received(const cec_device &device, const cec_msg &message) {
   const bool is_sent_one = message.tx_status != 0;
   if ((message.rx_status & CEC_RX_STATUS_OK) == 0 || message.len < 2)
-    return; // what we sent has arrived, or has not
+    return; // the status of a message that was sent
   const auto destination = static_cast<std::uint8_t>(message.msg[0] & 0xf);
   if (device.is_ours && !is_sent_one && destination != CEC_LOG_ADDR_BROADCAST)
     answer(device, message);
@@ -206,7 +207,7 @@ static cec_device *usable_device() {
   return found == devices.end() ? nullptr : found->get();
 }
 
-// The device of a television that takes its power away from the cable while it is off.
+// The device without a physical address: some televisions switch off the cable's power in standby.
 static cec_device *unaddressed_device() {
   const auto found = std::ranges::find_if(
       devices, [](const auto &device) { return device->physical == CEC_PHYS_ADDR_INVALID; });

@@ -1,4 +1,4 @@
-// The HDMI-CEC adapter. What the television says arrives at screen_received (screen.h).
+// The HDMI-CEC adapter. Messages of the television are passed to screen_received (screen.h).
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,7 @@
 
 class cec_adapter {
 public:
-  // Opens what the configuration names, after what was open is closed.
+  // Closes the open devices and opens those that the configuration names.
   virtual void start() = 0;
 
   // Makes ready for messages. False when there is no way to the television at all.
@@ -16,7 +16,7 @@ public:
   // address of our own may be sent, as Image View On is.
   virtual std::uint16_t physical_address() = 0;
 
-  // Queues opcode and operands. Whether they arrived is not told.
+  // Queues opcode and operands. A failed transmission is not reported.
   virtual void send(std::uint8_t destination, std::span<const std::uint8_t> message) = 0;
 
 protected:

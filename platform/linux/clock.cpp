@@ -11,7 +11,7 @@
 #include <fstream>
 #include <string>
 
-// A clock that is behind the day of the build was never set: 00:00 UTC of that day.
+// 00:00 UTC of the day of the build. A clock that is before it was never set.
 static constexpr std::time_t kBuildDay = DRAVEL_BUILD_DAY;
 
 static constexpr const char *kAdjtimePath = "/etc/adjtime";

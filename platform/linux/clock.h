@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-// Takes the zone `name`, or with null the one of /etc/localtime. True when it is another one than
-// before; an unknown name changes nothing.
+// Takes the zone `name`, or with null the one of /etc/localtime. True when the zone has changed; an
+// unknown name changes nothing.
 bool change_zone(const char *name);
 
 std::uint32_t to_utc(std::uint32_t local);

@@ -17,7 +17,7 @@ struct linux_configuration {
   bool keep_timers = true;
 };
 
-// The values read last, the defaults before.
+// The values read last; before the first reading, the defaults.
 const linux_configuration &configuration();
 
 // A file that does not exist means the defaults.

@@ -18,7 +18,7 @@ struct settings_key {
 
 namespace {
 
-// One is enough: the daemon subscribes once.
+// There is one object: the daemon subscribes once.
 class time_subscriber final : public ISignalSubscriber {
 public:
   int Subscribe(int, int, int, int, int) override;

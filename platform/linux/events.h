@@ -1,4 +1,4 @@
-// What the platform tells the daemon: the subscriptions of all interfaces, and their events.
+// The daemon's subscriptions, and the events that the platform delivers to them.
 #pragma once
 
 void announce_setting(const char *key);

@@ -18,9 +18,8 @@ static constexpr std::string_view kDaemonTag = "DRAVEL_MANAGER";
 // A change of clock writes hundreds of lines below error priority.
 system_log_priority system_log_threshold = threshold_from_environment(SYSTEM_LOG_ERROR);
 
-// The daemon gives its progress lines error priority, too. An error is what says that something
-// failed; an item that a caller asked for and that is not there, or a time update that did not
-// come, is none.
+// The daemon gives its progress lines error priority, too. Only a line that reports a failure is an
+// error in the journal. A caller's unknown id and a missing time update are not failures.
 static bool tells_of_failure(const char *format) {
   return (std::strstr(format, "ailed") != nullptr || std::strstr(format, "Error ") != nullptr) &&
          std::strstr(format, "failed to get ") == nullptr &&

@@ -26,7 +26,7 @@ static constexpr int kNoReason = 0;
 static constexpr int kAmbientModeClosed = 0;
 static constexpr std::uint32_t kTypeOn = 0;
 
-// Many televisions do not say that their own remote has turned them on or off.
+// Many televisions do not report that their own remote has turned them on or off.
 static constexpr std::uint32_t kAskBeforeSeconds = 10;
 static constexpr double kBlockedSeconds = 30.0; // until a sleep that was postponed is tried again
 
@@ -101,7 +101,8 @@ static Eina_Bool try_off_action(void *) {
   return ECORE_CALLBACK_CANCEL;
 }
 
-// The screen is off, and so are the hooks of the target: neither is to go on after the sleep.
+// Called when the screen is off and when the hooks of the target have run: the machine sleeps after
+// both.
 static void off_step_ended() {
   if (off_steps_left > 0 && --off_steps_left == 0)
     try_off_action(nullptr);
@@ -209,13 +210,13 @@ int device_power_get_state() { return state; }
 
 int device_power_get_ambient_mode() { return kAmbientModeClosed; }
 
-// Asked before anything is subscribed.
+// The daemon calls it before its first subscription.
 int device_power_get_wakeup_reason() {
   start_platform();
   return wakeup_reason;
 }
 
-// An expiry: from here the time until the return to sleep counts again.
+// Called at an expiry: the time until the return to sleep starts again.
 int device_power_set_wakeup_reason(int reason) {
   start_wakeup_target(reason);
   if (sleep_timer != nullptr)

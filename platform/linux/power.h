@@ -1,5 +1,5 @@
-// The power state of the set: what the daemon asks of it, and what the machine, its alarm, its user
-// and the television do to it.
+// The power state of the set. It changes by the daemon's requests and by events of the machine, its
+// alarm, its user and the television.
 #pragma once
 
 #include "state.h"

@@ -14,7 +14,7 @@
 
 namespace {
 
-// Open for one operation only: the kernel lets one program have the device at a time.
+// Open for one operation only: the kernel lets one program at a time open the device.
 class opened_rtc {
 public:
   opened_rtc() : fd_(open(configuration().rtc.c_str(), O_RDONLY | O_CLOEXEC)) {}
@@ -82,7 +82,7 @@ bool kernel_rtc::set_alarm(std::int64_t time) {
   return opened_rtc().control(RTC_WKALM_SET, &alarm);
 }
 
-// The kernel wants a good time with an alarm that is off, too.
+// The kernel checks the time of an alarm that is off, too.
 bool kernel_rtc::clear_alarm() {
   const opened_rtc device;
   rtc_wkalrm alarm{};

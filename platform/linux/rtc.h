@@ -1,5 +1,5 @@
 // The device of the real-time clock. Its times are seconds as the clock counts them, in UTC or in
-// local time. A failure leaves errno.
+// local time. A failure sets errno.
 #pragma once
 
 #include <cstdint>

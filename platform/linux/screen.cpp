@@ -19,7 +19,7 @@ struct screen_order {
   bool on;
   unsigned seconds; // since it was given
   void (*settled)();
-  bool is_denied; // the television says that it is the other way
+  bool is_denied; // the television reports the other state
 };
 
 } // namespace
@@ -127,7 +127,7 @@ void screen_received(std::uint8_t sender, std::span<const std::uint8_t> message)
   else if (message[0] == CEC_MSG_STANDBY && !is_pending())
     screen_is(false);
   else if (message[0] == CEC_MSG_FEATURE_ABORT && is_pending())
-    settle(); // it does not know the question: it is taken to have obeyed
+    settle(); // it does not know the question: the order counts as carried out
 }
 
 void start_screen(cec_adapter &used) {

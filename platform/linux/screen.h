@@ -1,4 +1,4 @@
-// The screen behind the CEC adapter: turns it on and off and knows which it is.
+// The screen behind the CEC adapter: turns it on and off and asks for its state.
 #pragma once
 
 #include "cec.h"
@@ -6,15 +6,16 @@
 void start_screen(cec_adapter &adapter);
 
 // Turns the screen on or off, with checks and repeats. `settled` is called once: when the
-// television says so, or refuses, or after kGiveUpSeconds; at once where there is no adapter.
-// Another order before that takes the place of this one, which is then never settled.
+// television reports the new state or refuses the question, after 15 seconds without that, or
+// before this function returns when there is no adapter. When a new order replaces a pending one,
+// the pending one's `settled` is not called.
 void turn_screen(bool on, void (*settled)());
 
-// Forgets an order that is pending.
+// Drops a pending order; its `settled` is not called.
 void leave_screen();
 
-// Asks the television whether it is on; what it says arrives at screen_is (power.h).
+// Asks the television whether it is on. Its answer is passed to screen_is (power.h).
 void ask_screen();
 
-// What was received, from the logical address `sender`.
+// Takes a message that was received from the logical address `sender`.
 void screen_received(std::uint8_t sender, std::span<const std::uint8_t> message);

@@ -17,7 +17,7 @@ namespace {
 // Rows in the order of off_action.
 struct sleep_method {
   const char *name;
-  const char *blocked_by; // the lock that keeps it from happening
+  const char *blocked_by; // the inhibitor's type
 };
 
 struct sleep_request {
@@ -61,7 +61,7 @@ static void take_inhibitor() {
            "The next on-time is programmed", "delay");
 }
 
-// A logind that is new knows no inhibitor of ours.
+// A logind that has started again has lost our inhibitor.
 static void logind_appeared() {
   release_inhibitor();
   is_inhibitor_due = false;

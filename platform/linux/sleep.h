@@ -1,10 +1,10 @@
-// logind: the machine's way to sleep and back. What happens there arrives at power.h.
+// logind: sends the machine to sleep, and passes sleep, wake-up and shutdown to power.h.
 #pragma once
 
 #include "configuration.h"
 
 void start_sleep();
 
-// Sends the machine to sleep or off. While somebody else blocks that, `postponed` is called
+// Sends the machine to sleep or off. When another program blocks that, `postponed` is called
 // instead. A refusal is reported.
 void send_to_sleep(off_action action, void (*postponed)());

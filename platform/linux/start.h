@@ -1,12 +1,12 @@
-// Brings the platform up when the daemon asks for the wake-up reason or makes its first
-// subscription, whichever comes first. The main loop is there by then.
+// Starts the platform. Called when the daemon asks for the wake-up reason and at its first
+// subscription; the second call does nothing. Ecore is initialised before.
 #pragma once
 
 #include "cec.h"
 #include "rtc.h"
 
-// True once the platform runs; false when another daemon does on this machine.
+// True when the platform runs; false when another daemon runs on this machine.
 bool start_platform();
 
-// The devices that are used: the machine's, until a test names others before the start.
+// Replaces the machine's devices. For tests, before the start.
 void use_devices(rtc_device &rtc, cec_adapter &cec);

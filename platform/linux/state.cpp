@@ -53,7 +53,7 @@ void keep_wake_up(const wake_up &wake) {
   g_key_file_set_uint64(file, kGroup, "on-time", wake.on_time);
   g_key_file_set_uint64(file, kGroup, "alarm", wake.alarm);
   g_autofree char *text = g_key_file_to_data(file, nullptr, nullptr);
-  // Not synchronised: the disk may take longer than the main loop can wait.
+  // Without fsync: it would block the main loop for as long as the disk takes.
   const std::string path = wake_up_file();
   const std::string fresh = path + ".new";
   const bool written = static_cast<bool>((std::ofstream(fresh) << text).flush());

@@ -38,7 +38,7 @@ static int subscribe_answered(sd_bus_message *reply, void *, sd_bus_error *) {
   return 0;
 }
 
-// Without a subscriber it sends no signals.
+// systemd sends no signals before a client has subscribed.
 static void systemd_appeared() { bus_call(kSystemd, "Subscribe", subscribe_answered, ""); }
 
 void start_targets() {

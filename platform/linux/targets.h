@@ -1,4 +1,5 @@
-// The targets that are started for what is done to the set; whatever is hooked to them runs.
+// The systemd targets that are started when the set is turned on or off. The units that are
+// WantedBy them, the hooks, run with them.
 #pragma once
 
 inline constexpr const char *kOnTarget = "dravel-on.target";
@@ -11,7 +12,7 @@ void start_targets();
 void start_target(const char *unit);
 void stop_target(const char *unit);
 
-// Starts kOffTarget. `ended` is called once, when all that is hooked to it has run or cannot.
+// Starts kOffTarget. `ended` is called once, when its hooks have run or cannot be started.
 void start_off_target(void (*ended)());
 
 // Starts dravel-wakeup@REASON.target.

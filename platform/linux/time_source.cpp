@@ -16,7 +16,7 @@
 #include <cstring>
 #include <string_view>
 
-// A daemon that synchronises the clock tells nobody when it has done so.
+// timedated sends no signal when the clock becomes synchronised: it is asked again and again.
 static constexpr double kAskAgainSeconds = 10.0;
 
 static bool ntp;
@@ -75,7 +75,7 @@ static bool take_property(const char *name, sd_bus_message *value) {
   return true;
 }
 
-// The update goes first: the daemon waits for it after a switch to the automatic mode.
+// The time update is sent first: after a switch to the automatic mode the daemon waits for it.
 static int timedated_answered(sd_bus_message *reply, void *, sd_bus_error *) {
   const int mode = clock_mode();
   if (sd_bus_message_is_method_error(reply, nullptr) <= 0)

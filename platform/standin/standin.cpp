@@ -14,7 +14,7 @@ struct settings_key {
   const char *name;
 };
 
-// A set that runs for weeks keeps what it was asked lately.
+// Only the latest requests are kept, so that memory stays bounded.
 static constexpr std::size_t kKeptRequests = 1024;
 
 static standin_set the_set;

@@ -1,7 +1,6 @@
 // The stand-in set: one pretend television behind the platform's contract. It
-// decides nothing, it answers what it was told and keeps a list of what was
-// asked of it. Tests use it directly; a person reaches the same record over
-// the bus.
+// answers with the values that it was given and keeps a list of the requests. Tests
+// use this record directly; over the bus it is the object /org/olvara/tv/standin.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +9,8 @@
 #include <string>
 #include <string_view>
 
-// What the set can be told to refuse: every operation that has a way to say so.
+// The operations that the set can be told to refuse: those that can report a
+// failure.
 inline constexpr std::string_view kStandinOperations[] = {
     "device_power_get_state",
     "device_power_get_ambient_mode",
@@ -69,8 +69,8 @@ struct standin_set {
 // The one set. The first use reads the key file that DRAVEL_STANDIN names.
 standin_set &standin();
 
-// Takes the values that the key file holds; a malformed one is logged and left
-// alone. False when there is no such file.
+// Takes the values of the key file; a malformed one is logged and ignored. False
+// when the file cannot be read.
 bool standin_read_key_file(const char *path);
 
 // Back to the defaults: running clocks, the system's time zone, no
@@ -95,7 +95,7 @@ void standin_change_clock_mode(int mode);
 // Announces the time-set key.
 void standin_announce_time_set();
 
-// Deliver one event to whoever subscribed to it.
+// Deliver one event to its subscribers.
 void standin_power_off(int option);
 void standin_standby(int option);
 void standin_wakeup(int reason);

@@ -77,7 +77,7 @@ public:
   }
 };
 
-// Whoever listens hears every type, so that a stray signal can be tried too.
+// A subscriber gets signals of every type, so that an unexpected one can be tested.
 class SignalSubscriber final : public ISignalSubscriber {
 public:
   explicit SignalSubscriber(SignalCallback listener) : callback(listener) {}
@@ -117,8 +117,8 @@ int device_power_request_poweroff(unsigned int option) {
   return request(__func__, "poweroff", option, 0);
 }
 
-// The daemon is on the bus and its loop not yet running when it subscribes to
-// power-off: nobody can miss the set's object, and nothing can come before it.
+// Exports the set's object at the first power subscription: the daemon is on the
+// bus then, and its main loop does not run yet, so that no call comes before it.
 int device_power_subscribe_poweroff(device_power_option_cb callback, void *user_data) {
   standin_export();
   return subscribe(__func__, "poweroff", callback, user_data);

@@ -1,4 +1,4 @@
-// What the source files of the stand-in set share; nobody else includes it.
+// What the source files of the stand-in share; no other file includes it.
 #pragma once
 
 #include "standin.h"
@@ -18,7 +18,7 @@ bool standin_refuses(std::string_view operation);
 std::string standin_refused_list();
 bool standin_set_refused_list(std::string_view list);
 
-// Keeps a request and tells the bus of it.
+// Keeps a request and sends it as the signal "Requested".
 void standin_note(const char *operation, std::uint32_t first = 0, std::uint32_t second = 0);
 
 // The callbacks held for the set's events.

@@ -133,7 +133,7 @@ bool standin_read_key_file(const char *path) {
   for (const standin_property &property : kProperties) {
     if (!g_key_file_has_key(file.get(), kGroup, property.name, nullptr))
       continue;
-    // Taken as it stands: an odd byte must be reported, not passed over.
+    // The raw value: invalid UTF-8 must be reported as well.
     const std::unique_ptr<char, FreeText> text{
         g_key_file_get_value(file.get(), kGroup, property.name, nullptr)};
     const auto value = parse_value(property.type, g_strstrip(text.get()));
