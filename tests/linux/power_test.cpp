@@ -32,8 +32,12 @@ TEST_F(Sleep, IsDelayedUntilTheDaemonHasProgrammed_AndHeardTwice) {
   start();
   sleep_and_wake(kOn, -15);
   EXPECT_EQ(events(), "standby in time; wakeup 2; time update");
+  device_power_set_state(0, 1);
+  calls();
   sleep_and_wake(kOn, -1000);
   EXPECT_EQ(events(), "standby in time; wakeup 0; time update");
+  clear_wakeup();
+  EXPECT_EQ(timers(), "") << "the order of before is forgotten";
 }
 
 struct waking {
