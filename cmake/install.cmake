@@ -21,10 +21,12 @@ install(FILES ${DATA}/dravel-manager.tmpfiles.conf
         DESTINATION lib/tmpfiles.d RENAME dravel-manager.conf)
 install(FILES ${DATA}/dravel-manager.sysusers.conf
         DESTINATION lib/sysusers.d RENAME dravel-manager.conf)
-install(FILES ${DATA}/dravelctl.bash
+install(FILES ${PROJECT_BINARY_DIR}/data/dravelctl.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME dravelctl)
-install(FILES ${DATA}/_dravelctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
-install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${PROJECT_BINARY_DIR}/data/_dravelctl
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md ${PROJECT_SOURCE_DIR}/docs/client.md
+        DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # Manual pages and the changelog are compressed as in Debian packages, without a time stamp.
 find_program(GZIP gzip REQUIRED)
@@ -37,10 +39,11 @@ function(install_compressed source name destination)
   install(FILES ${compressed} DESTINATION ${destination})
 endfunction()
 
-foreach(page dravelctl.1 org.olvara.tv.system.dravel.5 dravel-manager.8)
+foreach(page org.olvara.tv.system.dravel.5 dravel-manager.8)
   string(REGEX REPLACE ".*\\." "man" section ${page})
   install_compressed(${DATA}/${page} ${page} ${CMAKE_INSTALL_MANDIR}/${section})
 endforeach()
+install_compressed(${PROJECT_BINARY_DIR}/data/dravelctl.1 dravelctl.1 ${CMAKE_INSTALL_MANDIR}/man1)
 install_compressed(${PROJECT_SOURCE_DIR}/cmake/debian/changelog changelog
                    ${CMAKE_INSTALL_DOCDIR})
 get_property(compressed GLOBAL PROPERTY DRAVEL_COMPRESSED)

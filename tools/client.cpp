@@ -1,32 +1,15 @@
 #include "client.h"
 
-#include "dravel-image.h"
-
 #include <algorithm>
-#include <csignal>
-#include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <utility>
 
-#include <glib-unix.h>
+using std::chrono::seconds;
 
-namespace {
-
-constexpr const char *service = "org.olvara.tv.system.dravel"; // the interface too
-constexpr const char *object = "/org/olvara/tv/system/dravel";
-
-std::string seconds_text(int milliseconds) {
-  std::string text = std::to_string(milliseconds / 1000.0);
-  text.erase(text.find_last_not_of('0') + 1);
-  if (text.back() == '.')
-    text.pop_back();
-  return text + (text == "1" ? " second" : " seconds");
-}
-
-bool is(const GError *error, int code) {
-  return g_error_matches(error, G_DBUS_ERROR, code) != FALSE;
-}
-
-} // namespace
+static constexpr std::size_t kTimerSize = std::size_t{4} * TIMER_WORDS;
+static constexpr std::size_t kPeriodSize = std::size_t{4} * PERIOD_WORDS;
+static constexpr const char *kGetAll = "GetAll";
 
 struct client::image_reply {
   int first = 0;
@@ -34,12 +17,29 @@ struct client::image_reply {
   std::vector<std::uint8_t> images;
 };
 
+failure usage(const std::string &what, const std::string &advice) {
+  return {what, advice.empty() ? "see dravelctl help" : advice, kExitUsage};
+}
+
+static std::string seconds_text(int milliseconds) {
+  std::string text = std::to_string(milliseconds / 1000.0);
+  text.erase(text.find_last_not_of('0') + 1);
+  if (text.back() == '.')
+    text.pop_back();
+  return text + (text == "1" ? " second" : " seconds");
+}
+
+static bool is_one_of(const GError *error, std::initializer_list<int> codes) {
+  return std::ranges::any_of(
+      codes, [&](int code) { return g_error_matches(error, G_DBUS_ERROR, code) != FALSE; });
+}
+
 client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_seconds * 1000)) {
   g_autoptr(GError) error = nullptr;
   bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
   if (bus_ == nullptr)
-    throw failure{"No system bus: " + std::string(error->message),
-                  "Is dbus running, and DBUS_SYSTEM_BUS_ADDRESS unset or right?"};
+    throw failure{"no system bus: " + std::string(error->message),
+                  "start dbus, or correct DBUS_SYSTEM_BUS_ADDRESS"};
   g_dbus_connection_set_exit_on_close(bus_, FALSE);
 }
 
@@ -49,30 +49,30 @@ void client::fail(const char *method, const GError *error, const std::string &wh
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
     throw failure{"dravel-manager did not answer within " + seconds_text(timeout_ms_) +
                       (when_silent.empty() ? "" : ": " + when_silent),
-                  log_hint};
-  if (is(error, G_DBUS_ERROR_SERVICE_UNKNOWN) || is(error, G_DBUS_ERROR_NAME_HAS_NO_OWNER))
+                  kLogHint};
+  if (is_one_of(error, {G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER}))
     throw failure{"dravel-manager is not running",
-                  "Start it: systemctl start dravel-manager.service"};
-  if (is(error, G_DBUS_ERROR_NO_REPLY))
-    throw failure{"dravel-manager ended before it answered", log_hint};
-  if (is(error, G_DBUS_ERROR_ACCESS_DENIED))
-    throw failure{"You may not call " + std::string(method) + ": the bus policy denies it",
+                  "start it: systemctl start dravel-manager.service"};
+  if (is_one_of(error, {G_DBUS_ERROR_NO_REPLY}))
+    throw failure{"dravel-manager ended before it answered", kLogHint};
+  if (is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
+    throw failure{"the bus policy denies you " + std::string(method),
                   std::strcmp(method, "request_copy_db") == 0
-                      ? "Only root may."
-                      : "Only root and the members of the group dravel may."};
+                      ? "only root may call it"
+                      : "only root and the members of the group dravel may call it"};
   g_autofree char *remote = g_dbus_error_get_remote_error(error);
   std::string text = error->message;
   if (remote != nullptr && text.rfind(remote) != std::string::npos)
     text.erase(0, text.rfind(remote) + std::strlen(remote) + 2);
-  throw failure{"The call of " + std::string(method) + " failed: " + text, ""};
+  throw failure{"the call of " + std::string(method) + " failed: " + text, ""};
 }
 
 GVariant *client::call(const char *method, GVariant *arguments, const char *reply_type,
                        const std::string &when_silent) {
   g_autoptr(GError) error = nullptr;
   GVariant *reply = g_dbus_connection_call_sync(
-      bus_, service, object, service, method, arguments, G_VARIANT_TYPE(reply_type),
-      G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms_, nullptr, &error);
+      bus_, kDravelBusName, kDravelObjectPath, kDravelBusName, method, arguments,
+      G_VARIANT_TYPE(reply_type), G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms_, nullptr, &error);
   if (reply == nullptr)
     fail(method, error, when_silent);
   return reply;
@@ -85,6 +85,8 @@ int client::call_int(const char *method, GVariant *arguments, const std::string 
   return value;
 }
 
+// --- records ---
+
 // A number and records of `image_size` bytes back to back.
 client::image_reply client::call_images(const char *method, int argument, std::size_t image_size) {
   g_autoptr(GVariant) reply = call(method, g_variant_new("(i)", argument), "(iay)");
@@ -94,8 +96,8 @@ client::image_reply client::call_images(const char *method, int argument, std::s
   gsize size = 0;
   const auto *data = static_cast<const std::uint8_t *>(g_variant_get_fixed_array(bytes, &size, 1));
   if (size % image_size != 0)
-    throw failure{"The answer to " + std::string(method) + " is not understood",
-                  "Are dravelctl and dravel-manager of the same version?"};
+    throw failure{"the answer to " + std::string(method) + " is not understood",
+                  "dravelctl and dravel-manager are of different versions"};
   result.count = size / image_size;
   result.images.assign(data, data + size);
   return result;
@@ -117,102 +119,115 @@ template <typename Reply> static std::optional<timer_record> only_record(const R
   return timer_from_image(reply.images.data());
 }
 
-constexpr std::size_t timer_size = TIMER_WORDS * word_size;
-constexpr std::size_t period_size = PERIOD_WORDS * word_size;
-
 std::vector<timer_record> client::timers() {
-  return records_of(call_images("request_timer_list", 0, timer_size), timer_from_image, timer_size);
+  return records_of(call_images("request_timer_list", 0, kTimerSize), timer_from_image, kTimerSize);
 }
 
 std::optional<timer_record> client::timer(int id) {
-  return only_record(call_images("dravel_get_timer_by_id", id, timer_size));
+  return only_record(call_images("dravel_get_timer_by_id", id, kTimerSize));
 }
 
 std::optional<timer_record> client::wakeup_timer() {
-  return only_record(call_images("request_wakeup_timer", 0, timer_size));
+  return only_record(call_images("request_wakeup_timer", 0, kTimerSize));
 }
 
 std::vector<holiday> client::holidays() {
-  return records_of(call_images("request_disabled_period_list", 0, period_size), holiday_from_image,
-                    period_size);
+  return records_of(call_images("request_disabled_period_list", 0, kPeriodSize), holiday_from_image,
+                    kPeriodSize);
 }
 
-// --- monitor ---
+// --- the state ---
 
-namespace {
+static civil_time civil(std::uint32_t time) { return civil_time(seconds(time)); }
 
-// The three signals of one expiry arrive in this order: weekdays, id, type.
-struct listener {
-  GMainLoop *loop;
-  int count;
-  const std::function<void(const client::expiry &)> &expired;
-  std::optional<int> week_flag = std::nullopt;
-  std::optional<int> id = std::nullopt;
-  bool bus_lost = false;
-};
+static clocks machine_clocks() {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  const civil_time system{seconds(now)};
+  return {system + seconds(local.tm_gmtoff), system};
+}
 
-void hear(GDBusConnection *, const char *, const char *, const char *, const char *member,
-          GVariant *arguments, void *data) {
-  auto *self = static_cast<listener *>(data);
-  if (!g_variant_is_of_type(arguments, G_VARIANT_TYPE("(i)")))
+static std::string text_of(GVariant *properties, const char *name) {
+  const char *text = "";
+  g_variant_lookup(properties, name, "&s", &text);
+  return text;
+}
+
+static void fill_state(snapshot &view, GVariant *properties) {
+  view.version = text_of(properties, "Version");
+  view.platform = text_of(properties, "Platform");
+  std::uint32_t clock = 0;
+  gboolean confirmed = FALSE;
+  g_variant_lookup(properties, "Clock", "u", &clock);
+  g_variant_lookup(properties, "ClockConfirmed", "b", &confirmed);
+  view.clock_known = clock != 0;
+  view.clock_confirmed = confirmed != FALSE;
+  if (view.clock_known)
+    view.now.set = civil(clock);
+  g_variant_lookup(properties, "HaltOn", "i", &view.halt_on);
+  g_variant_lookup(properties, "HaltOff", "i", &view.halt_off);
+  std::uint32_t limit = 0;
+  if (g_variant_lookup(properties, "Limit", "u", &limit) != FALSE)
+    view.limit = limit;
+
+  std::uint32_t at = 0;
+  gboolean is_utc = FALSE;
+  if (g_variant_lookup(properties, "Wakeup", "(iuib)", &view.wakeup.id, &at, &view.wakeup.type,
+                       &is_utc) != FALSE)
+    view.wakeup = {view.wakeup.id, civil(at), view.wakeup.type, is_utc != FALSE};
+  GVariantIter *armed = nullptr;
+  if (g_variant_lookup(properties, "Armed", "a(iu)", &armed) == FALSE)
     return;
-  int value = 0;
-  g_variant_get(arguments, "(i)", &value);
-  if (std::strcmp(member, "dravel_week_flag_expired") == 0) {
-    self->week_flag = value;
-  } else if (std::strcmp(member, "dravel_expired") == 0) {
-    self->id = value;
-  } else if (std::strcmp(member, "dravel_type_expired") == 0) {
-    // An expiry whose beginning was missed is not told in part.
-    const bool complete = self->id && self->week_flag;
-    if (complete)
-      self->expired({*self->id, value, *self->week_flag});
-    self->id.reset();
-    self->week_flag.reset();
-    if (complete && --self->count == 0)
-      g_main_loop_quit(self->loop);
+  int id = 0;
+  while (g_variant_iter_next(armed, "(iu)", &id, &at) != FALSE)
+    view.armed[id] = civil(at);
+  g_variant_iter_free(armed);
+}
+
+// False when the daemon has no state object, or a policy from before it.
+bool client::read_state(snapshot &view) {
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+      bus_, kDravelBusName, kStateObjectPath, "org.freedesktop.DBus.Properties", kGetAll,
+      g_variant_new("(s)", kStateInterface), G_VARIANT_TYPE("(a{sv})"),
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms_, nullptr, &error);
+  if (reply == nullptr) {
+    if (is_one_of(error, {G_DBUS_ERROR_UNKNOWN_METHOD, G_DBUS_ERROR_UNKNOWN_OBJECT,
+                          G_DBUS_ERROR_UNKNOWN_INTERFACE, G_DBUS_ERROR_ACCESS_DENIED}))
+      return false;
+    fail(kGetAll, error, "");
   }
+  g_autoptr(GVariant) properties = g_variant_get_child_value(reply, 0);
+  fill_state(view, properties);
+  return true;
 }
 
-gboolean end_loop(void *data) {
-  g_main_loop_quit(static_cast<GMainLoop *>(data));
-  return G_SOURCE_CONTINUE;
+void client::read_halts(snapshot &view) {
+  g_autoptr(GVariant) reply =
+      call("request_get_timers_halt_effect", g_variant_new("(i)", 0), "(ii)");
+  g_variant_get(reply, "(ii)", &view.halt_on, &view.halt_off);
 }
 
-void lose_bus(GDBusConnection *, gboolean, GError *, void *data) {
-  auto *self = static_cast<listener *>(data);
-  self->bus_lost = true;
-  g_main_loop_quit(self->loop);
+snapshot client::look() {
+  snapshot view;
+  view.now = machine_clocks();
+  view.has_state = read_state(view);
+  view.timers = timers();
+  view.holidays = holidays();
+  if (view.has_state)
+    return view;
+  read_halts(view);
+  for (timer_record timer : view.timers)
+    if (const auto next = next_firing(timer, view.now, view.holidays))
+      view.armed[timer.id] = *next;
+  return view;
 }
 
-void tell_appeared(GDBusConnection *, const char *, const char *, void *) {
-  std::fputs("dravel-manager is running; Ctrl-C ends the monitor.\n", stderr);
-}
-
-void tell_vanished(GDBusConnection *, const char *, void *) {
-  std::fputs("dravel-manager is not running; waiting for it.\n", stderr);
-}
-
-} // namespace
-
-void client::monitor(int count, const std::function<void(const expiry &)> &expired) {
-  g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
-  listener self{.loop = loop, .count = count, .expired = expired};
-  // First, so that what is announced next is heard from then on.
-  const unsigned signals =
-      g_dbus_connection_signal_subscribe(bus_, service, service, nullptr, object, nullptr,
-                                         G_DBUS_SIGNAL_FLAGS_NONE, hear, &self, nullptr);
-  const unsigned name = g_bus_watch_name_on_connection(
-      bus_, service, G_BUS_NAME_WATCHER_FLAGS_NONE, tell_appeared, tell_vanished, nullptr, nullptr);
-  const unsigned long closed = g_signal_connect(bus_, "closed", G_CALLBACK(lose_bus), &self);
-  const unsigned ends[] = {g_unix_signal_add(SIGINT, end_loop, loop),
-                           g_unix_signal_add(SIGTERM, end_loop, loop)};
-  g_main_loop_run(loop);
-
-  std::ranges::for_each(ends, g_source_remove);
-  g_signal_handler_disconnect(bus_, closed);
-  g_bus_unwatch_name(name);
-  g_dbus_connection_signal_unsubscribe(bus_, signals);
-  if (self.bus_lost)
-    throw failure{"The system bus went away", "Start dravelctl monitor again once it is back."};
+snapshot client::look_at_state() {
+  snapshot view;
+  if (!read_state(view))
+    throw failure{"this dravel-manager is older than dravelctl and does not tell its state",
+                  "list, show, add and cancel work with it"};
+  return look();
 }

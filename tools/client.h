@@ -1,15 +1,15 @@
 // The daemon as a client sees it over the system bus.
 #pragma once
 
-#include <functional>
+#include "timers.h"
+
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <gio/gio.h>
 
-#include "records.h"
-
-constexpr int EXIT_USAGE = 2;
+constexpr int kExitUsage = 2;
 
 // What ends the program: what failed and why, what to do about it, the exit status.
 struct failure {
@@ -18,7 +18,9 @@ struct failure {
   int status = 1;
 };
 
-inline constexpr const char *log_hint = "Its log says why: journalctl -t DRAVEL_MANAGER";
+failure usage(const std::string &what, const std::string &advice = "");
+
+inline constexpr const char *kLogHint = "its log says why: journalctl -t DRAVEL_MANAGER";
 
 class client {
 public:
@@ -41,17 +43,20 @@ public:
   std::optional<timer_record> wakeup_timer();
   std::vector<holiday> holidays();
 
-  // Calls `expired` for each expiry until `count` of them (0: without end) or a signal to end.
-  struct expiry {
-    int id;
-    int type;
-    int week_flag;
-  };
-  void monitor(int count, const std::function<void(const expiry &)> &expired);
+  // Everything at once. From a daemon without the state object: what the tool computes from this
+  // machine's local time.
+  snapshot look();
+
+  // The same for commands that need the state object. Throws a failure when there is none.
+  snapshot look_at_state();
+
+  GDBusConnection *bus() const { return bus_; }
 
 private:
   struct image_reply;
   image_reply call_images(const char *method, int argument, std::size_t image_size);
+  bool read_state(snapshot &view);
+  void read_halts(snapshot &view);
   [[noreturn]] void fail(const char *method, const GError *error, const std::string &when_silent);
 
   GDBusConnection *bus_ = nullptr;

@@ -1,17 +1,13 @@
 #include "output.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include <unistd.h>
 
-namespace {
-
-constexpr const char *bold = "1";
-constexpr const char *bold_red = "1;31";
-
-bool in_colour(std::FILE *out) {
+static bool in_colour(std::FILE *out) {
   const char *no_color = std::getenv("NO_COLOR");
   const char *term = std::getenv("TERM");
   return isatty(fileno(out)) != 0 && (no_color == nullptr || *no_color == '\0') &&
@@ -21,23 +17,6 @@ bool in_colour(std::FILE *out) {
 std::string painted(std::FILE *out, const char *colour, const std::string &text) {
   return in_colour(out) ? std::string("\033[") + colour + "m" + text + "\033[0m" : text;
 }
-
-std::string quoted(const std::string &text) { return '"' + text + '"'; } // nothing to escape
-
-std::string next_text(const timer_record &timer, const clocks &now,
-                      const std::vector<holiday> &holidays) {
-  const auto next = next_firing(timer, now, holidays);
-  return next ? firing_text(*next, now) : "never";
-}
-
-std::string json_date(const holiday_end &end) {
-  char text[80];
-  std::snprintf(text, sizeof text, R"({"month": %u, "day": %u, "end_of_february": %s})", end.month,
-                end.day, end.end_of_february ? "true" : "false");
-  return text;
-}
-
-} // namespace
 
 void print_table(const std::vector<std::string> &titles,
                  const std::vector<std::vector<std::string>> &rows) {
@@ -54,91 +33,94 @@ void print_table(const std::vector<std::string> &titles,
     for (const auto &row : rows)
       widths[i] = std::max(widths[i], row[i].size());
   }
-  std::printf("%s\n", painted(stdout, bold, line_of(titles)).c_str());
+  std::printf("%s\n", painted(stdout, kBold, line_of(titles)).c_str());
   for (const auto &row : rows)
     std::printf("%s\n", line_of(row).c_str());
 }
 
-void print_timers(const std::vector<timer_record> &timers, const clocks &now,
-                  const std::vector<holiday> &holidays) {
-  if (timers.empty()) {
-    std::puts("No timers.");
-    return;
-  }
-  std::vector<std::vector<std::string>> rows;
-  rows.reserve(timers.size());
-  for (const timer_record &timer : timers)
-    rows.push_back({std::to_string(timer.id), type_name(timer.type),
-                    next_text(timer, now, holidays), days_text(timer.week_flag),
-                    std::to_string(timer.priority), timer.holiday_effect != 0 ? "skip" : "ignore",
-                    clock_name(timer.clock)});
-  print_table({"ID", "TYPE", "NEXT FIRING", "DAYS", "PRIORITY", "HOLIDAYS", "CLOCK"}, rows);
+void print_fields(const std::vector<std::pair<std::string, std::string>> &fields) {
+  for (const auto &[title, text] : fields)
+    std::printf("%12s: %s\n", title.c_str(), text.c_str());
 }
 
-void print_timer(const timer_record &timer, const clocks &now,
-                 const std::vector<holiday> &holidays) {
-  const bool skips = timer.holiday_effect != 0;
-  const std::string set_for = time_text(timer.at); // ends with the time of day
-  const struct {
-    const char *title;
-    std::string text;
-  } lines[] = {
-      {"Timer", std::to_string(timer.id)},
-      {"Type", type_name(timer.type) + " (" + std::to_string(timer.type) +
-                   "): " + type_meaning(timer.type)},
-      {"Next firing", next_text(timer, now, holidays)},
-      {"Days", days_text(timer.week_flag)},
-      {"Set for", timer.week_flag == 0 ? set_for : set_for.substr(set_for.size() - 8)},
-      {"Clock", clock_name(timer.clock)},
-      {"Priority", std::to_string(timer.priority)},
-      {"Holidays", skips ? "skip: does not fire on them" : "ignore: fires on them too"},
-  };
-  for (const auto &line : lines)
-    std::printf("%12s: %s\n", line.title, line.text.c_str());
-}
-
-void print_holidays(const std::vector<holiday> &holidays) {
-  if (holidays.empty()) {
-    std::puts("No holidays.");
-    return;
-  }
-  std::vector<std::vector<std::string>> rows;
-  rows.reserve(holidays.size());
-  for (const holiday &holiday : holidays)
-    rows.push_back({std::to_string(holiday.id), date_text(holiday.first), date_text(holiday.last)});
-  print_table({"ID", "FIRST DAY", "LAST DAY"}, rows);
+void say(bool as_json, const json &value, const std::string &text) {
+  std::puts(as_json ? value.dump().c_str() : text.c_str());
 }
 
 void print_failure(const failure &failure) {
   std::fflush(stdout);
-  std::fprintf(stderr, "%s%s\n", painted(stderr, bold_red, "dravelctl: ").c_str(),
-               failure.what.c_str());
-  if (!failure.advice.empty())
-    std::fprintf(stderr, "%s\n", failure.advice.c_str());
+  std::fprintf(stderr, "%s%s%s%s\n", painted(stderr, kBoldRed, "dravelctl: ").c_str(),
+               failure.what.c_str(), failure.advice.empty() ? "" : "; ", failure.advice.c_str());
 }
 
-std::string json_list(const std::vector<std::string> &elements) {
-  std::string text = "[";
-  for (const auto &element : elements)
-    text += (&element == &elements.front() ? "" : ", ") + element;
-  return text + "]";
+void print_note(const std::string &text) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "%s%s\n", painted(stderr, kYellow, "Note: ").c_str(), text.c_str());
 }
 
-std::string json_of(const timer_record &timer, const clocks &now,
-                    const std::vector<holiday> &holidays) {
-  const auto next = next_firing(timer, now, holidays);
-  std::vector<std::string> days = day_names(timer.week_flag);
-  std::ranges::transform(days, days.begin(), quoted);
-  return "{\"id\": " + std::to_string(timer.id) + ", \"type\": " + std::to_string(timer.type) +
-         ", \"type_name\": " + quoted(type_name(timer.type)) +
-         ", \"next\": " + (next ? quoted(iso_text(*next)) : "null") +
-         ", \"at\": " + quoted(iso_text(timer.at)) + ", \"days\": " + json_list(days) +
-         ", \"priority\": " + std::to_string(timer.priority) +
-         ", \"holidays\": " + quoted(timer.holiday_effect != 0 ? "skip" : "ignore") +
-         ", \"clock\": " + quoted(clock_name(timer.clock)) + "}";
+failure flush_output() {
+  errno = 0;
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
+    return {};
+  return {"cannot write the output: " + std::string(g_strerror(errno != 0 ? errno : EIO)), ""};
 }
 
-std::string json_of(const holiday &holiday) {
-  return "{\"id\": " + std::to_string(holiday.id) + ", \"first\": " + json_date(holiday.first) +
-         ", \"last\": " + json_date(holiday.last) + "}";
+// --- timers and holidays ---
+
+bool is_halted(const timer_record &timer, const snapshot &view) {
+  const action acts = type_action(timer.type);
+  return (acts == action::kTurnOn && view.halt_on != 0) ||
+         (acts == action::kPowerOff && view.halt_off != 0);
+}
+
+std::string title_of(const timer_record &timer) {
+  return "timer " + std::to_string(timer.id) + " (" + type_name(timer.type) + ", " +
+         days_text(timer.week_flag) + ")";
+}
+
+std::string next_text(const timer_record &timer, const snapshot &view) {
+  const auto armed = view.armed.find(timer.id);
+  if (armed == view.armed.end())
+    return "not armed";
+  return firing_text(armed->second, view.now.set) + (is_halted(timer, view) ? ", halted" : "");
+}
+
+void add_time(json &to, const std::string &name, std::optional<civil_time> time) {
+  if (time) {
+    const zoned_time zoned = in_zone(*time);
+    to[name] = zoned.iso;
+    to[name + "_seconds"] = zoned.since_1970;
+  } else {
+    to[name] = nullptr;
+    to[name + "_seconds"] = nullptr;
+  }
+}
+
+json json_of(const timer_record &timer, const snapshot &view) {
+  const auto armed = view.armed.find(timer.id);
+  const bool is_armed = armed != view.armed.end();
+  json object = {{"id", timer.id}, {"type", timer.type}, {"type_name", type_name(timer.type)}};
+  add_time(object, "next", is_armed ? std::optional(armed->second) : std::nullopt);
+  object["armed"] = is_armed;
+  object["halted"] = is_halted(timer, view);
+  if (timer.clock == TIME_TYPE_INTERNET) { // counts UTC
+    object["at"] = iso_text(timer.at) + "+00:00";
+    object["at_seconds"] = timer.at.time_since_epoch().count();
+  } else {
+    add_time(object, "at", timer.at);
+  }
+  object["days"] = day_names(timer.week_flag);
+  object["priority"] = timer.priority;
+  object["delay"] = timer.delay;
+  object["holidays"] = timer.holiday_effect != 0 ? "skip" : "ignore";
+  object["clock"] = clock_name(timer.clock);
+  return object;
+}
+
+static json json_of(const holiday_end &end) {
+  return {{"month", end.month}, {"day", end.day}, {"end_of_february", end.end_of_february}};
+}
+
+json json_of(const holiday &holiday) {
+  return {{"id", holiday.id}, {"first", json_of(holiday.first)}, {"last", json_of(holiday.last)}};
 }

@@ -1,25 +1,48 @@
-// What dravelctl prints. Colours go to a terminal only, and to none when NO_COLOR is set.
+// What dravelctl prints: text for people, JSON for programs. Colours go to a terminal only, and to
+// none when NO_COLOR is set.
 #pragma once
+
+#include "client.h"
+#include "words.h"
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "client.h"
+#include <nlohmann/json.hpp>
+
+using json = nlohmann::ordered_json; // keeps the order in which it was built
+
+inline constexpr const char *kBold = "1";
+inline constexpr const char *kBoldRed = "1;31";
+inline constexpr const char *kGreen = "32";
+inline constexpr const char *kYellow = "33";
+inline constexpr const char *kReverse = "7";
+
+std::string painted(std::FILE *out, const char *colour, const std::string &text);
 
 // A line of column titles, then the rows; columns are as wide as their widest cell.
 void print_table(const std::vector<std::string> &titles,
                  const std::vector<std::vector<std::string>> &rows);
 
-void print_timers(const std::vector<timer_record> &timers, const clocks &now,
-                  const std::vector<holiday> &holidays);
-void print_timer(const timer_record &timer, const clocks &now,
-                 const std::vector<holiday> &holidays);
-void print_holidays(const std::vector<holiday> &holidays);
-void print_failure(const failure &failure);
+// Lines of "title: text", the titles right-aligned.
+void print_fields(const std::vector<std::pair<std::string, std::string>> &fields);
 
-// The same as JSON.
-std::string json_of(const timer_record &timer, const clocks &now,
-                    const std::vector<holiday> &holidays);
-std::string json_of(const holiday &holiday);
-std::string json_list(const std::vector<std::string> &elements);
+// One line of JSON or one of text.
+void say(bool as_json, const json &value, const std::string &text);
+
+void print_failure(const failure &failure);
+void print_note(const std::string &text);
+
+// A failure without a text when all output has been written.
+failure flush_output();
+
+bool is_halted(const timer_record &timer, const snapshot &view);
+std::string title_of(const timer_record &timer); // "timer 3 (off, daily)"
+std::string next_text(const timer_record &timer, const snapshot &view);
+
+json json_of(const timer_record &timer, const snapshot &view);
+json json_of(const holiday &holiday);
+
+// `name` and `name`_seconds, the latter since 1970; null for no time.
+void add_time(json &to, const std::string &name, std::optional<civil_time> time);

@@ -1,8 +1,8 @@
-// What a person at the shell gets from dravelctl, held against the daemon's own answers.
+// What a person at the shell gets from dravelctl, and from the clients that docs/client.md gives.
 #include "daemon.h"
 
+#include <csignal>
 #include <fstream>
-#include <functional>
 #include <iterator>
 
 #include <gmock/gmock.h>
@@ -10,140 +10,222 @@
 
 namespace {
 
+using testing::HasSubstr;
+
+constexpr const char *kShell = "PATH=$(dirname " DRAVELCTL "):$PATH TZ=UTC LC_ALL=C.UTF-8\n"
+                               "export PATH TZ LC_ALL\ncd /tmp\nexec 2>&1\n"
+                               "ctl() { dravelctl --timeout 0.5 \"$@\"; }\n"
+                               "daemon_pid() { gdbus call --system -d org.freedesktop.DBus -o / -m "
+                               "org.freedesktop.DBus.GetConnectionUnixProcessID "
+                               "org.olvara.tv.system.dravel | sed 's/.* //; s/,)//'; }\n";
+
 struct outcome {
   int status = -1;
-  std::string out;
-  std::string err;
+  std::string said; // on standard output and error
 };
 
-outcome dravelctl(const std::string &arguments) {
-  g_autofree char *out = nullptr;
-  g_autofree char *err = nullptr;
-  int status = -1;
-  const std::string line = std::string(DRAVELCTL) + " " + arguments;
-  if (!g_spawn_command_line_sync(line.c_str(), &out, &err, &status, nullptr))
-    return {};
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out, err};
+outcome shell(const std::string &script) {
+  std::FILE *pipe = popen((kShell + script).c_str(), "r");
+  outcome result;
+  char piece[4096];
+  while (const std::size_t size = std::fread(piece, 1, sizeof piece, pipe))
+    result.said.append(piece, size);
+  const int status = pclose(pipe);
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
 }
+
+struct step {
+  const char *given; // what went before, in shell
+  const char *line;
+  int status;
+  const char *said;
+  const char *not_said = "\n\n\n";
+};
 
 class Ctl : public daemon_test {
 protected:
-  void start() { daemon_test::start("TvClock=1732449600\nRtc=1732449600"); } // 2024-11-24 12:00
+  // Each step on a daemon of its own.
+  template <std::size_t N> void check(const step (&steps)[N]) {
+    for (const step &step : steps) {
+      SCOPED_TRACE(step.line);
+      ASSERT_EQ(shell("rm -rf /opt/dbspace/.[a-z]* /tmp/[a-z]* /tmp/.[a-z]*").status, 0);
+      start();
+      const outcome given = shell(step.given);
+      EXPECT_EQ(given.status, 0) << given.said;
+      const outcome result = shell(step.line);
+      EXPECT_EQ(result.status, step.status) << result.said;
+      EXPECT_THAT(result.said, HasSubstr(step.said));
+      EXPECT_THAT(result.said, testing::Not(HasSubstr(step.not_said)));
+      EXPECT_EQ(stop(), 0);
+    }
+  }
 };
 
-TEST_F(Ctl, EachCommand_DoesWhatItSays_OrSaysWhatFailed) {
-  EXPECT_THAT(dravelctl("list").err, testing::HasSubstr("is not running"));
-  start();
-  const struct {
-    const char *arguments;
-    int status;
-    const char *said; // in the output, or in the error when the status is not 0
-    std::function<bool()> holds;
-  } steps[] = {
-      {"add --at '2024-11-25 07:00' --type off --priority -3", 0, "Timer 1 is added.",
-       [&] {
-         return rows("SELECT timer_id, type, priority, tm_mday, tm_hour, tm_wday, tm_yday "
-                     "FROM dravel") == "1|1|-3|25|7|1|329";
-       }},
-      {"add --at 13:30 --on mon,fri --type 2 --holidays skip --clock rtc", 0, "Mon,Fri",
-       [&] {
-         return rows("SELECT week_flag, disable_period_effect, time_type, tm_hour FROM dravel "
-                     "WHERE timer_id = 2") == "34|1|2|13";
-       }},
-      {"add --at '2024-11-24 11:59'", 1, "refused the timer", nullptr},
-      {"add --at '2024-11-24 25:00'", 2, "is no time", nullptr},
-      {"add --at 07:00 --on someday", 2, "is not understood", nullptr},
-      {"list", 0, "Mon,Fri", nullptr},
-      {"list --json", 0, "\"id\": 1", nullptr},
-      {"show 1", 0, "powers the set off", nullptr},
-      {"show 9", 1, "There is no timer 9", nullptr},
-      {"halt off", 0, "Off-timers: halted",
-       [&] { return call("request_get_timers_halt_effect", "(0,)") == "(0, 1)"; }},
-      {"halt none", 0, "Off-timers: active",
-       [&] { return call("request_get_timers_halt_effect", "(0,)") == "(0, 0)"; }},
-      {"halt on none", 2, "none stands alone", nullptr},
-      {"wakeup", 0, "No timer woke the set.", nullptr},
-      {"holidays add 12-24 12-26", 0, "24 Dec to 26 Dec",
-       [&] {
-         return rows("SELECT start_tm_mon, start_tm_mday, end_tm_mday, end_tm_hour FROM "
-                     "disabled_period") == "11|24|26|23";
-       }},
-      {"holidays add 12-24 01-02", 2, "run over the new year", nullptr},
-      {"holidays add 02-20 02-28 --end-of-february", 0, "20 Feb to end of Feb", nullptr},
-      {"holidays list", 0, "20 Feb     end of Feb", nullptr},
-      {"holidays remove 1", 0, "",
-       [&] { return rows("SELECT period_id FROM disabled_period") == "2"; }},
-      {"holidays remove 1", 1, "There are no holidays 1", nullptr},
-      {"backup /tmp", 0, "/tmp/.dravel.db",
-       [&] { return rows("SELECT timer_id FROM dravel", "/tmp/.dravel.db") == "1 2"; }},
-      {"backup ''", 2, "is empty", nullptr},
-      {"backup /nowhere", 1, "is no directory", nullptr},
-      {"backup /proc", 1, "could not back its database up to /proc", nullptr},
-      {"cancel 1", 0, "Timer 1 is cancelled.", [&] { return timer_ids() == words{2}; }},
-      {"cancel -10", 1, "There is no timer -10",
-       [&] { // the daemon lists what only makes sense on a week's days
-         return call("schedule_timer", "(10, 127, 0, 0, 2147483647, -2147483648, -2147483648, "
-                                       "1, 2, 3, 0, 0, 0, 0, 0)") == "(-10,)";
-       }},
-      {"show -10", 0, "Set for: 01:02:03", nullptr},
-      {"cancel -10", 0, "", nullptr},
-      {"holidays ignore 2", 0, "",
-       [&] { return rows("SELECT disable_period_effect FROM dravel") == "0"; }},
-      {"holidays skip 2", 0, "",
-       [&] { return rows("SELECT disable_period_effect FROM dravel") == "1"; }},
-      {"restore /tmp", 0, "when the daemon starts next",
-       [&] { return rows("SELECT timer_id FROM dravel") == "1 2"; }},
-      {"juggle", 2, "There is no command juggle", nullptr},
-      {"--timeout 0.0001 list", 2, "from 0.001", nullptr},
-      {"", 2, "command missing", nullptr},
-  };
-  for (const auto &step : steps) {
-    SCOPED_TRACE(step.arguments);
-    const outcome result = dravelctl(std::string("--timeout 0.5 ") + step.arguments);
-    EXPECT_EQ(result.status, step.status);
-    EXPECT_THAT(step.status == 0 ? result.out : result.err, testing::HasSubstr(step.said));
-    EXPECT_TRUE(!step.holds || step.holds());
-  }
+TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) {
+  check({
+      {"", "ctl add --at 7:00", 0, "Next firing: Wed 2026-12-16 07:00:00, in 19 hours", "Note"},
+      {"", "ctl add --at 19:30:15 --type off", 0, "Tue 2026-12-15 19:30:15"},
+      {"", "ctl add --at 'tomorrow 7:00'", 0, "Wed 2026-12-16 07:00:00"},
+      {"", "ctl add --at 'fri 20:00'", 0, "Fri 2026-12-18 20:00:00"},
+      {"", "ctl add --at 'Tuesday 11:00'", 0, "Tue 2026-12-22 11:00:00"},
+      {"", "ctl add --at 'today 13:00'", 0, "Tue 2026-12-15 13:00:00"},
+      {"", "ctl add --at +1h45m", 0, "13:45:00, in 105 minutes"},
+      {"", "ctl add --at 2026-12-24T18:00", 0, "moves this timer to the next 18:00"},
+      {"", "ctl add --at 7:00 --on mon-fri", 0, "Days: weekdays"},
+      {"", "ctl add --at 7:00 --on monday --on sat-sun", 0, "Days: Mon,Sat,Sun"},
+      {"", "ctl add --at 25:00", 2, "--at=25:00 is no time; write 7:00"},
+      {"", "ctl add --at '2026-14-24 18:00'", 2, "is no time"},
+      {"", "ctl add --at 7:00 --on someday", 2, "--on=someday is not understood; write mon"},
+      {"", "ctl add --at 7:00 --type 300", 2, "--type=300 is not understood"},
+      {"", "ctl add --at 7:00 --priority high", 2, "--priority=high is not understood"},
+      {"", "ctl add", 2, "add needs --at"},
+      {"", "ctl holidays add 12-24 01-02", 2, "run over the new year"},
+      {"", "ctl holidays add 02-20 02-28 --end-of-february", 0, "20 Feb to end of Feb"},
+  });
 }
 
-// On-timers, so that the daemon's own computation shows in what it programs.
-TEST_F(Ctl, NextFiring_IsTheOneThatTheDaemonProgrammed) {
-  start();
-  g_setenv("DRAVELCTL_NOW", "2024-11-24 12:00:00", TRUE); // where the clock stands: a Sunday
-  for (const char *days :
-       {"11-25 11-26", "11-29 12-31", "01-01 02-27", "02-28 03-31 --end-of-february"})
-    EXPECT_EQ(dravelctl(std::string("holidays add ") + days).status, 0);
-  for (const char *options :
-       {"--at 12:00", "--at 12:00:30", "--at '2025-11-24 11:59:59'", "--at 11:59 --on sun",
-        "--at 12:01:45 --on sun", "--at 11:00:45 --on wed", "--at 07:00 --on mon,tue,sat",
-        "--at 07:00 --on daily --holidays skip", "--at 07:00 --on fri --holidays skip",
-        "--at 07:00 --on mon --type 9 --holidays skip", "--at '2024-11-26 09:00' --holidays skip",
-        "--at '2025-02-27 09:00' --holidays skip"}) {
-    SCOPED_TRACE(options);
-    const std::string added = dravelctl(std::string("add --json ") + options).out;
-    const std::string programmed = get("WakeupTime");
-    g_autoptr(GDateTime) at = g_date_time_new_from_unix_utc(std::atoll(programmed.c_str() + 7));
-    g_autofree char *next = g_date_time_format(at, "\"next\": \"%Y-%m-%dT%H:%M:%S\"");
-    EXPECT_THAT(added, testing::HasSubstr(next));
-    EXPECT_EQ(dravelctl("cancel " + std::to_string(timer_ids().at(0))).status, 0);
-  }
-  g_unsetenv("DRAVELCTL_NOW");
+TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
+  check({
+      {"", "ctl add --at '2026-12-15 11:59'", 1, "has passed: the set's clock reads Tue"},
+      {"", "ctl add --at '2026-12-15 12:00:30'", 1, "on-timers ignore seconds"},
+      {"", "ctl add --at '2028-01-01 07:00'", 1, "is more than 365 days ahead"},
+      {"ctl holidays add 01-01 12-31", "ctl add --at 7:00 --on daily --holidays skip", 1,
+       "holidays cover every day"},
+      {"ctl add --at 7:05", "ctl add --at 7:00 --type standby", 1, "a standby timer is then left"},
+      {"ctl add --at 7:00", "ctl add --at 7:00", 0, "Timer 1 is for the same second"},
+      {"ctl holidays add 12-16", "ctl add --at 7:00 --holidays skip", 0, "Holidays move it from"},
+      {"ctl add --at '2026-12-24 18:00'", "ctl holidays add 12-26", 0,
+       "Timer 1 has moved from Thu 2026-12-24 18:00:00 to Tue 2026-12-15 18:00:00"},
+      {"for i in $(seq 80); do ctl add --at 7:00 --on mon >&2; done; ctl add --at 8:00 --force",
+       "ctl add --at 8:00", 1, "timer 2 (on, Mon) would be removed"},
+      {"mkdir b; ctl backup b; ctl restore b", "ctl add --at 7:00", 1, "could not be stored"},
+      {"ctl add --at 7:00 --on mon --type off --priority -3", "ctl change 1 --at 8:15 --on tue", 0,
+       "Timer 2 takes the place of timer 1."},
+      {"ctl add --at 7:00 --type off --priority -3; ctl change 1 --on tue", "ctl list -j", 0,
+       R"("at":"2026-12-22T07:00:00+00:00","at_seconds":1797922800,"days":["Tue"],"priority":-3)",
+       R"("id":1)"},
+      {"ctl add --at 7:00", "ctl change 1 --at '2026-12-14 7:00'; ctl show 1", 0, "Set for: Wed"},
+      {"ctl add --at 7:00; ctl add --at 8:00; ctl add --at 9:00", "ctl cancel 1 3; ctl list", 0,
+       "\n2   on", "\n1 "},
+      {"ctl add --at 7:00", "ctl cancel 1 9", 1, "there is no timer 9", "is cancelled"},
+      {"ctl add --at 7:00 --type 10", "ctl cancel -10 --json", 0, R"({"cancelled":-10})"},
+      {"", "ctl -j holidays add -- 12-24 12-26", 0, R"("first":{"month":12,"day":24,)"},
+  });
 }
 
-// In the daemon's place, so that no second has to pass.
-TEST_F(Ctl, Monitor_JoinsTheSignalsOfAnExpiry) {
-  const std::string name = "org.olvara.tv.system.dravel";
-  g_autoptr(GDBusConnection) bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-  const auto own = [&](const char *method, GVariant *arguments) {
-    g_variant_unref(g_dbus_connection_call_sync(bus, "org.freedesktop.DBus", "/",
+TEST_F(Ctl, TheState_IsShownAndExplained) {
+  constexpr const char *kThree = "ctl holidays add 12-17 12-18; ctl add --at 19:00 --type off\n"
+                                 "ctl add --at 7:00 --on mon-fri --holidays skip\n"
+                                 "ctl add --at '2026-12-24 18:00'; ctl halt off";
+  check({
+      {"", "ctl", 0, "Clock: Tue 2026-12-15 12:00:00 (UTC, UTC+00:00), confirmed\n"},
+      {kThree, "ctl status", 0, "in 7 hours, halted: timer 1 (off, once)\n   Wakes for: timer 2, "},
+      {kThree, "ctl status -j", 0, R"("halted":{"on":false,"off":true},"timers":3,"limit":80,)"},
+      {kThree, "ctl list", 0, "in 7 hours, halted  once"},
+      {kThree, "ctl explain 1", 0, "Off-timers are halted: it is announced and does nothing else."},
+      {kThree, "ctl explain 2", 0,
+       "Tue 2026-12-15 is passed over: its time of day has passed.\n"
+       "Thu 2026-12-17 to Fri 2026-12-18 are passed over: holidays 1.\n"
+       "It fires next on Wed 2026-12-16 07:00:00, in 19 hours.\n"
+       "After that it fires on Mon 2026-12-21 07:00:00, Tue"},
+      {kThree, "ctl explain 3", 0,
+       "Timer 1 fires before it, on Tue 2026-12-15 19:00:00, and moves it to Wed 2026-12-16 18:00"},
+      {kThree, "ctl explain", 0, "for timer 2: it is the earliest on-timer."},
+      {"ctl add --at 7:00 --type off; ctl add --at 7:00", "ctl explain 2", 0,
+       "It is not armed: off-timer 1 is set for the same time."},
+      {kThree, "ctl week", 0, "Wed 2026-12-16 ··············▲·····················▲···········\n"},
+      {kThree, "LC_ALL=C ctl week", 0, "Thu 2026-12-17 ##############################"},
+      {kThree, "ctl week --json", 0, R"([{"id":1,"type_name":"off","at":"2026-12-15T19:00:00+00)"},
+      {"", "ctl explain 9", 1, "there is no timer 9"},
+      {"", "ctl wakeup", 0, "No timer woke the set."},
+      {"", "ctl halt on none", 2, "none without on or off"},
+  });
+}
+
+TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
+  constexpr const char *kTwo = "mkdir b; ctl add --at 7:00; ctl backup b; ctl add --at 8:00\n";
+  check({
+      {kTwo, "ctl backup b; sqlite3 b/.dravel.db.1 'SELECT timer_id FROM dravel'", 0,
+       "The backup before is in /tmp/b/.dravel.db.1.\n1\n", "1\n2"},
+      {kTwo, "echo junk >b/.dravel.db; ctl backup b; ls -A b", 0, ".dravel.db\n", ".dravel.db.1"},
+      {kTwo, "echo junk >b/.dravel.db; ctl restore b", 1, "is no SQLite database"},
+      {kTwo, "sqlite3 b/.dravel.db 'DROP TABLE dravel'; ctl restore b", 1, "has no table dravel"},
+      {kTwo, "sqlite3 b/.dravel.db 'PRAGMA user_version=2'; ctl restore b", 1, "newer version 2"},
+      {kTwo, "printf x | dd of=b/.dravel.db bs=1 seek=4096 conv=notrunc; ctl restore b", 1,
+       "is damaged"},
+      {kTwo, "ctl restore b; sqlite3 /opt/dbspace/.dravel.db 'SELECT timer_id FROM dravel'", 0,
+       "when the daemon starts next", "1\n2"},
+      {"mkdir b s; ctl backup b; printf '#!/bin/sh\\necho $* >asked' >s/systemctl; chmod +x s/*",
+       "PATH=$PWD/s:$PATH ctl restore b --restart; cat asked", 0, "restart dravel-manager.service"},
+      {"mkdir b", "ctl restore b", 1, "there is no backup /tmp/b/.dravel.db"},
+      {"", "ctl backup ''", 2, "is empty"},
+      {"", "ctl backup /nowhere", 1, "/nowhere is no directory"},
+      {"", "ctl backup /proc", 1, "cannot write to /proc"},
+      {"ctl add --at 7:00 --on mon; ctl holidays add 12-24 12-26; ctl export >x; ctl cancel 1",
+       "ctl import x && ctl list", 1, "1 added, 1 refused.\nholidays[0]: they are there already"},
+      {"", "echo '{\"timers\":[{\"type\":0,\"at\":\"2026-12-14T07:00:00\"}]}' | ctl import -", 1,
+       "timers[0]: not added: Mon 2026-12-14 07:00:00 has passed"},
+      {"", "echo x | ctl import -", 1, "- is no JSON"},
+  });
+}
+
+TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
+  check({
+      {"", "ctl juggle", 2, "juggle"},
+      {"", "dravelctl --timeout 0 list", 2, "from 0.001"},
+      {"", "ctl list >/dev/full", 1, "No space left on device"},
+      {"", "ctl list >&-", 1, "Bad file descriptor"},
+      {"kill -STOP $(daemon_pid)", "ctl; status=$?; kill -CONT $(daemon_pid); exit $status", 1,
+       "did not answer within 0.5 seconds"},
+  });
+  EXPECT_THAT(shell("ctl list").said, HasSubstr("dravel-manager is not running"));
+}
+
+TEST_F(Ctl, EveryExample_IsUnderstood) {
+  start();
+  shell("mkdir /var/backups /run/backups; ctl export >timers.json; ctl add --at 7:00");
+  const outcome examples =
+      shell("for command in $(dravelctl help | sed -n '/^Subcommands/,$ s/^  \\([a-z]*\\) "
+            ".*/\\1/p'); do\n"
+            "  echo \"$command: $(dravelctl help $command | sed -n 's/^Example: //p')\"; done");
+  std::istringstream lines(examples.said);
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    std::string example = line.substr(line.find(": ") + 2);
+    EXPECT_TRUE(example.starts_with("dravelctl")) << line;
+    if (!example.starts_with("dravelctl monitor")) {
+      EXPECT_NE(shell(example).status, 2) << example;
+    }
+  }
+  EXPECT_EQ(count, 17);
+}
+
+// In the daemon's place: an older one, and one whose signals come at once.
+class CtlWithout : public daemon_test {
+protected:
+  CtlWithout() { own("RequestName", g_variant_new("(su)", kName, 0)); }
+  ~CtlWithout() override { own("ReleaseName", g_variant_new("(s)", kName)); }
+  void own(const char *method, GVariant *arguments) {
+    g_variant_unref(g_dbus_connection_call_sync(bus_, "org.freedesktop.DBus", "/",
                                                 "org.freedesktop.DBus", method, arguments, nullptr,
                                                 G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
-  };
-  const auto emit = [&](const char *signal, int value) {
-    g_dbus_connection_emit_signal(bus, nullptr, "/org/olvara/tv/system/dravel", name.c_str(),
-                                  signal, g_variant_new("(i)", value), nullptr);
-  };
-  own("RequestName", g_variant_new("(su)", name.c_str(), 0));
+  }
+  void emit(const char *signal, int value) {
+    g_dbus_connection_emit_signal(bus_, nullptr, "/org/olvara/tv/system/dravel", kName, signal,
+                                  g_variant_new("(i)", value), nullptr);
+  }
+
+private:
+  static constexpr const char *kName = "org.olvara.tv.system.dravel";
+  GDBusConnection *bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+};
+
+TEST_F(CtlWithout, AnOlderDaemon_IsSaidToBeOlder) {
+  EXPECT_THAT(shell("ctl").said, HasSubstr("this dravel-manager is older than dravelctl"));
+}
+
+TEST_F(CtlWithout, Monitor_JoinsTheSignalsOfAnExpiry) {
   std::FILE *monitor = popen(DRAVELCTL " monitor --count 2 2>&1", "r");
   char line[128] = "";
   EXPECT_STREQ(std::fgets(line, sizeof line, monitor),
@@ -159,7 +241,46 @@ TEST_F(Ctl, Monitor_JoinsTheSignalsOfAnExpiry) {
   EXPECT_THAT(std::fgets(line, sizeof line, monitor),
               testing::EndsWith("timer -10 expired: transient-off, once\n"));
   EXPECT_EQ(pclose(monitor), 0);
-  own("ReleaseName", g_variant_new("(s)", name.c_str()));
+}
+
+TEST_F(Ctl, Monitor_TellsEveryChange) {
+  start();
+  std::FILE *monitor = popen("echo $$; exec " DRAVELCTL " monitor --json 2>&1", "r");
+  char line[1024] = "";
+  EXPECT_NE(std::fgets(line, sizeof line, monitor), nullptr);
+  const int pid = std::atoi(line);
+  EXPECT_NE(std::fgets(line, sizeof line, monitor), nullptr); // it listens
+  shell("ctl add --at 13:00 --on tue; ctl halt on; ctl cancel 1; ctl add --at 14:00");
+  std::string heard;
+  while (heard.find(R"("event":"wakeup","id":2)") == std::string::npos &&
+         std::fgets(line, sizeof line, monitor) != nullptr)
+    heard += line;
+  for (const char *event :
+       {R"("event":"added","id":1,"timer":{"id":1)", R"("event":"added","id":2)",
+        R"("event":"halts","on":true)", R"("event":"removed","id":1,"why":"cancelled")"})
+    EXPECT_THAT(heard, HasSubstr(event));
+  kill(pid, SIGTERM);
+  while (std::fgets(line, sizeof line, monitor) != nullptr) {
+  }
+  EXPECT_EQ(pclose(monitor), 0);
+}
+
+// The code of docs/client.md, as it stands there.
+TEST_F(Ctl, TheDocumentedClients_Work) {
+  start();
+  const std::string code = "sed -n '/^```%/,/^```$/ { /^```/ !p }' " CLIENT_DOC " >client.%\n";
+  const auto extract = [&](const std::string &language) {
+    std::string script = code;
+    for (auto at = script.find('%'); at != std::string::npos; at = script.find('%'))
+      script.replace(at, 1, language);
+    return script;
+  };
+  const outcome python = shell(extract("python") + "/usr/bin/python3 client.python");
+  EXPECT_EQ(python.said, "timer 1, type 1, fires at 1797339600\n");
+  const outcome c = shell(extract("c") + "cc -x c client.c -x none -I" INCLUDE_DIR
+                                         " -o client $(pkg-config --cflags --libs gio-2.0) && "
+                                         "./client");
+  EXPECT_THAT(c.said, HasSubstr("timer 2, fires at 1797339600\n"));
 }
 
 // But for the names of the arguments, which the wire does not know.
@@ -180,7 +301,7 @@ TEST_F(Ctl, Introspection_IsWhatIsInstalled) {
       installed.erase(at + 4, installed.find('"', at + named.size()) - at - 3);
     installed.erase(0, installed.find(" <interface name=\"org.olvara"));
     ASSERT_NE(installed, "");
-    EXPECT_THAT(live, testing::HasSubstr(installed.substr(0, installed.find("</node>"))));
+    EXPECT_THAT(live, HasSubstr(installed.substr(0, installed.find("</node>"))));
   }
 }
 

@@ -96,8 +96,8 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
   // The checkout may lie below a directory that only its owner may enter.
   ASSERT_EQ(run("install -m 755 " DRAVELCTL " /run/bench/dravelctl"), "");
   EXPECT_NE(run(kAsCaller[LOCAL_USER] + ("env DBUS_SYSTEM_BUS_ADDRESS=" + std::string(kPolicyBus)) +
-                " /run/bench/dravelctl cancel 1")
-                .find("Only root and the members of the group dravel may."),
+                " /run/bench/dravelctl halt on")
+                .find("only root and the members of the group dravel may"),
             std::string::npos);
   EXPECT_EQ(times_logged(unreadable), 0);
   run("busctl --address=" + std::string(kPolicyBus) + " call " + service +

@@ -1,0 +1,210 @@
+// status, halt, holidays, wakeup
+#include "commands.h"
+
+#include <algorithm>
+#include <array>
+
+using namespace std::chrono;
+
+// --- status ---
+
+static const char *halt_text(const snapshot &view) {
+  if (view.halt_on != 0)
+    return view.halt_off != 0 ? "on- and off-timers" : "on-timers";
+  return view.halt_off != 0 ? "off-timers" : "nothing";
+}
+
+static std::string clock_state(const snapshot &view) {
+  if (!view.clock_known)
+    return "unknown";
+  const std::string zone = in_zone(view.now.set).zone;
+  return time_text(view.now.set) + " (" + zone + "), " +
+         (view.clock_confirmed ? "confirmed" : "not confirmed since the set woke up");
+}
+
+// The armed timer with the next firing of those that do `acts`.
+static const timer_record *next_of(action acts, const snapshot &view) {
+  const timer_record *next = nullptr;
+  for (const timer_record &timer : view.timers)
+    if (type_action(timer.type) == acts && view.armed.contains(timer.id) &&
+        (next == nullptr || view.armed.at(timer.id) < view.armed.at(next->id)))
+      next = &timer;
+  return next;
+}
+
+static std::string wakeup_text(const snapshot &view) {
+  if (view.wakeup.id == 0)
+    return "nothing";
+  return "timer " + std::to_string(view.wakeup.id) + ", at " + time_text(view.wakeup.at) +
+         (view.wakeup.is_utc ? " UTC" : "");
+}
+
+static json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by) {
+  const auto timer_or_null = [&](const timer_record *timer) {
+    return timer != nullptr ? json_of(*timer, view) : json(nullptr);
+  };
+  json object;
+  add_time(object, "clock", view.clock_known ? std::optional(view.now.set) : std::nullopt);
+  object["clock_confirmed"] = view.clock_confirmed;
+  object["halted"] = {{"on", view.halt_on != 0}, {"off", view.halt_off != 0}};
+  object["timers"] = view.timers.size();
+  object["limit"] = view.limit;
+  object["next_on"] = timer_or_null(next_of(action::kTurnOn, view));
+  object["next_off"] = timer_or_null(next_of(action::kPowerOff, view));
+  object["wakeup"] = nullptr;
+  if (view.wakeup.id != 0)
+    object["wakeup"] = {{"id", view.wakeup.id},
+                        {"at", iso_text(view.wakeup.at) + (view.wakeup.is_utc ? "+00:00" : "")},
+                        {"type", view.wakeup.type}};
+  object["woken_by"] = timer_or_null(woken_by ? &*woken_by : nullptr);
+  object["platform"] = view.platform;
+  object["version"] = {{"dravel-manager", view.version}, {"dravelctl", DRAVEL_VERSION}};
+  return object;
+}
+
+void show_status(client &client, const options &given) {
+  const snapshot view = client.look_at_state();
+  const auto woken_by = client.wakeup_timer();
+  if (given.json)
+    return say(true, json_of_status(view, woken_by), "");
+  const auto next = [&](action acts) {
+    const timer_record *timer = next_of(acts, view);
+    return timer != nullptr ? next_text(*timer, view) + ": " + title_of(*timer) : "none";
+  };
+  print_fields({
+      {"Clock", clock_state(view)},
+      {"Halted", halt_text(view)},
+      {"Timers", std::to_string(view.timers.size()) + " of " + std::to_string(view.limit)},
+      {"Next on", next(action::kTurnOn)},
+      {"Next off", next(action::kPowerOff)},
+      {"Wakes for", wakeup_text(view)},
+      {"Woken by", woken_by ? title_of(*woken_by) : "no timer"},
+      {"Platform", view.platform},
+      {"Version", "dravel-manager " + view.version + ", dravelctl " DRAVEL_VERSION},
+  });
+}
+
+void show_wakeup(client &client, const options &given) {
+  const auto timer = client.wakeup_timer();
+  const snapshot view = client.look();
+  if (given.json || !timer)
+    return say(given.json, timer ? json_of(*timer, view) : json(nullptr), "No timer woke the set.");
+  print_timer(*timer, view);
+}
+
+// --- halt ---
+
+void halt(client &client, const options &given) {
+  struct {
+    const char *word;
+    const char *method;
+    int value;
+  } const orders[] = {{"on", "request_halt_ontimers", 1},
+                      {"off", "request_halt_offtimers", 1},
+                      {"none", "request_halt_ontimers", 0},
+                      {"none", "request_halt_offtimers", 0}};
+  const auto &words = given.words;
+  for (const auto &word : words)
+    if (std::ranges::none_of(orders, [&](const auto &order) { return word == order.word; }))
+      throw usage("halt takes on, off or none, not " + word);
+  if (words.size() > 1 && std::ranges::find(words, "none") != words.end())
+    throw usage("halt takes none without on or off");
+  for (const auto &word : words)
+    for (const auto &order : orders)
+      if (word == order.word)
+        client.call_int(order.method, g_variant_new("(i)", order.value));
+
+  g_autoptr(GVariant) reply =
+      client.call("request_get_timers_halt_effect", g_variant_new("(i)", 0), "(ii)");
+  std::array<int, 2> halted{};
+  g_variant_get(reply, "(ii)", &halted[0], &halted[1]);
+  const auto state = [](int value) { return value != 0 ? "halted" : "active"; };
+  say(given.json, {{"on", halted[0] != 0}, {"off", halted[1] != 0}},
+      std::string(" On-timers: ") + state(halted[0]) + "\nOff-timers: " + state(halted[1]));
+}
+
+// --- holidays ---
+
+void list_holidays(client &client, const options &given) {
+  json list = json::array();
+  std::vector<std::vector<std::string>> rows;
+  for (const holiday &holiday : client.holidays()) {
+    list.push_back(json_of(holiday));
+    rows.push_back({std::to_string(holiday.id), date_text(holiday.first), date_text(holiday.last)});
+  }
+  if (given.json || rows.empty())
+    return say(given.json, list, "No holidays.");
+  print_table({"ID", "FIRST DAY", "LAST DAY"}, rows);
+}
+
+static holiday_end holiday_end_of(const std::string &text, bool end_of_february) {
+  auto end = parse_date(text);
+  if (!end)
+    throw usage(text + " is no date of the year", "write month and day, as in 12-24");
+  end->end_of_february = end_of_february && end->month == 2 && end->day >= 28;
+  return *end;
+}
+
+// A change of holidays arms all timers again, which moves those for one moment.
+static void note_moves(client &client, const std::vector<timer_record> &before) {
+  for (const timer_record &timer : client.timers())
+    if (const timer_record *old = find_timer(before, timer.id);
+        old != nullptr && timer.week_flag == 0 && old->at != timer.at)
+      print_note("Timer " + std::to_string(timer.id) + " has moved from " + time_text(old->at) +
+                 " to " + time_text(timer.at) + ".");
+}
+
+int add_holiday(client &client, const holiday &holiday, civil_time now) {
+  const year this_year = year_month_day(floor<days>(now)).year();
+  return client.call_int("request_set_disable_period", arguments_of(holiday, this_year));
+}
+
+void add_holidays(client &client, const options &given) {
+  const holiday_end first = holiday_end_of(given.first_day, given.end_of_february);
+  const holiday_end last =
+      given.last_day ? holiday_end_of(*given.last_day, given.end_of_february) : first;
+  holiday period{.first = first, .last = last};
+  if (std::pair(period.last.month, period.last.day) <
+      std::pair(period.first.month, period.first.day))
+    throw usage("holidays that run over the new year match no day",
+                "add two: one up to 12-31, one from 01-01");
+  if (given.end_of_february && !period.first.end_of_february && !period.last.end_of_february)
+    throw usage("--end-of-february needs 02-28 or 02-29 as one of the days");
+  const snapshot before = client.look();
+  period.id = add_holiday(client, period, before.now.set);
+  if (period.id == -1)
+    throw failure{"dravel-manager could not store the holidays", kLogHint};
+  say(given.json, json_of(period),
+      "Holidays " + std::to_string(period.id) + " are added: " + date_text(period.first) + " to " +
+          date_text(period.last) + ".");
+  note_moves(client, before.timers);
+}
+
+void remove_holidays(client &client, const options &given) {
+  const auto before = client.timers();
+  for (const auto &word : given.words) {
+    const int id = id_of(word);
+    if (client.call_int("request_remove_disabled_period", g_variant_new("(i)", id)) != 0)
+      throw failure{"there are no holidays " + word,
+                    "dravelctl holidays list shows those there are"};
+    say(given.json, {{"removed", id}}, "Holidays " + word + " are removed.");
+  }
+  note_moves(client, before);
+}
+
+static void set_effect(client &client, const options &given, int effect) {
+  const auto before = client.timers();
+  for (const auto &word : given.words) {
+    const int id = id_of(word);
+    if (client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", id, effect)) !=
+        0)
+      throw no_such_timer(id);
+    say(given.json, {{"id", id}, {"holidays", effect != 0 ? "skip" : "ignore"}},
+        "Timer " + word + (effect != 0 ? " skips" : " ignores") + " holidays.");
+  }
+  note_moves(client, before);
+}
+
+void skip_holidays(client &client, const options &given) { set_effect(client, given, 1); }
+
+void ignore_holidays(client &client, const options &given) { set_effect(client, given, 0); }

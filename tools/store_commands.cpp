@@ -1,0 +1,166 @@
+// backup, restore: a copy is checked before it replaces another.
+#include "commands.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+static constexpr const char *kDbName = ".dravel.db";
+static constexpr const char *kOlderSuffix = ".1";
+static constexpr int kNewestVersion = 1;                   // of the database's layout
+static constexpr char kSqliteHeader[] = "SQLite format 3"; // with the terminating zero: 16 bytes
+
+// --- the check ---
+
+static std::string first_value(sqlite3 *db, const std::string &query) {
+  sqlite3_stmt *found = nullptr;
+  std::string value;
+  if (sqlite3_prepare_v2(db, query.c_str(), -1, &found, nullptr) == SQLITE_OK &&
+      sqlite3_step(found) == SQLITE_ROW && sqlite3_column_text(found, 0) != nullptr)
+    value = reinterpret_cast<const char *>(sqlite3_column_text(found, 0));
+  else
+    value = sqlite3_errmsg(db);
+  sqlite3_finalize(found);
+  return value;
+}
+
+static std::string fault_within(sqlite3 *db) {
+  const std::string check = first_value(db, "PRAGMA quick_check(1)");
+  if (check != "ok")
+    return "is damaged: " + check;
+  for (const char *table : {"dravel", "disabled_period"})
+    if (first_value(db, std::string("SELECT count(*) FROM sqlite_master WHERE type = 'table' AND "
+                                    "name = '") +
+                            table + "'") != "1")
+      return std::string("has no table ") + table;
+  const std::string version = first_value(db, "PRAGMA user_version");
+  if (std::atoi(version.c_str()) > kNewestVersion)
+    return "is of the newer version " + version;
+  return "";
+}
+
+// What makes `file` no store of timers; empty for a good one. Nothing is written.
+static std::string fault_of(const fs::path &file) {
+  char header[sizeof kSqliteHeader] = {};
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream.is_open())
+    return std::string("cannot be read: ") + std::strerror(errno);
+  stream.read(header, sizeof header);
+  if (std::memcmp(header, kSqliteHeader, sizeof header) != 0)
+    return "is no SQLite database";
+  sqlite3 *opened = nullptr;
+  const int result = sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
+  const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(opened, sqlite3_close);
+  return result == SQLITE_OK ? fault_within(db.get())
+                             : std::string("cannot be opened: ") + sqlite3_errmsg(db.get());
+}
+
+// --- the commands ---
+
+// The daemon has its own working directory, so that it gets an absolute path.
+static fs::path directory_of(const std::string &word) {
+  if (word.empty())
+    throw usage("the name of the directory is empty", "give one that exists");
+  g_autofree char *path = g_canonicalize_filename(word.c_str(), nullptr);
+  if (g_utf8_validate(path, -1, nullptr) == FALSE)
+    throw usage("the bus can carry no path that is not UTF-8", "give another directory");
+  if (!fs::is_directory(path))
+    throw failure{std::string(path) + " is no directory", "give one that exists"};
+  return path;
+}
+
+static void copy_db(client &client, int into_the_set, const fs::path &directory,
+                    const std::string &doing) {
+  const std::string what = "it could not " + doing + " " + directory.string();
+  if (client.call_int("request_copy_db", g_variant_new("(is)", into_the_set, directory.c_str()),
+                      what) != 0)
+    throw failure{"dravel-manager: " + what, kLogHint};
+}
+
+static void move_file(const fs::path &from, const fs::path &to) {
+  if (std::rename(from.c_str(), to.c_str()) != 0)
+    throw failure{
+        "cannot rename " + from.string() + " to " + to.string() + ": " + std::strerror(errno), ""};
+}
+
+// Renames count once the directory is on the disk.
+static void sync_directory(const fs::path &directory) {
+  const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor >= 0) {
+    fsync(descriptor);
+    close(descriptor);
+  }
+}
+
+// The daemon copies into a directory of its own, so that the copy is checked before it takes its
+// place.
+static void backup_through(client &client, const fs::path &fresh, const fs::path &file) {
+  copy_db(client, 0, fresh, "back its database up to");
+  if (const std::string fault = fault_of(fresh / kDbName); !fault.empty())
+    throw failure{"the set's database " + fault + "; no backup is made", ""};
+  if (fs::exists(file) && fault_of(file).empty())
+    move_file(file, file.string() + kOlderSuffix);
+  move_file(fresh / kDbName, file);
+  sync_directory(file.parent_path());
+}
+
+void backup(client &client, const options &given) {
+  const fs::path directory = directory_of(given.words.at(0));
+  std::string fresh = directory / ".dravel-XXXXXX";
+  if (mkdtemp(fresh.data()) == nullptr)
+    throw failure{"cannot write to " + directory.string() + ": " + std::strerror(errno), ""};
+  const auto remove = [](const std::string *path) {
+    std::error_code ignored;
+    fs::remove_all(*path, ignored);
+  };
+  const std::unique_ptr<std::string, decltype(remove)> temporary(&fresh, remove);
+  const fs::path file = directory / kDbName;
+  backup_through(client, fresh, file);
+  const fs::path older = file.string() + kOlderSuffix;
+  say(given.json,
+      {{"file", file.string()}, {"before", fs::exists(older) ? json(older.string()) : json()}},
+      "The timers are in " + file.string() + "." +
+          (fs::exists(older) ? "\nThe backup before is in " + older.string() + "." : ""));
+}
+
+static void restart_daemon() {
+  g_autoptr(GError) error = nullptr;
+  int status = 0;
+  g_autofree char *said = nullptr;
+  const char *const arguments[] = {"systemctl", "restart", "dravel-manager.service", nullptr};
+  const bool ran =
+      g_spawn_sync(nullptr, const_cast<char **>(arguments), nullptr, G_SPAWN_SEARCH_PATH, nullptr,
+                   nullptr, nullptr, &said, &status, &error) != FALSE &&
+      g_spawn_check_wait_status(status, &error) != FALSE;
+  if (ran)
+    return;
+  std::string reason = said != nullptr && *said != '\0' ? said : error->message;
+  reason = reason.substr(0, reason.find('\n'));
+  throw failure{"restored, but dravel-manager is not restarted: " + reason,
+                "the timers take effect when it starts next"};
+}
+
+void restore(client &client, const options &given) {
+  const fs::path directory = directory_of(given.words.at(0));
+  const fs::path file = directory / kDbName;
+  if (!fs::exists(file))
+    throw failure{"there is no backup " + file.string(), "dravelctl backup makes one"};
+  if (const std::string fault = fault_of(file); !fault.empty())
+    throw failure{file.string() + " " + fault + "; nothing is restored", ""};
+  copy_db(client, 1, directory, "restore its database from");
+  if (given.restart)
+    restart_daemon();
+  say(given.json, {{"restored", file.string()}, {"restarted", given.restart}},
+      given.restart ? "Restored, and dravel-manager is restarted."
+                    : "Restored. The timers take effect when the daemon starts next; until then it "
+                      "can store no\nchange. Restart it now: systemctl restart "
+                      "dravel-manager.service");
+}

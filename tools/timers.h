@@ -1,0 +1,115 @@
+// Timers and holidays as the bus carries them, and when a timer fires.
+//
+// Times are civil: what the clock on the set's screen reads, without a zone.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <dravel-bus.h>
+#include <gio/gio.h>
+
+using civil_time = std::chrono::sys_seconds;
+
+constexpr int kEveryDay = 0x7f;
+constexpr std::chrono::days kFarthest{365}; // the daemon arms no timer beyond
+
+struct timer_record {
+  int id = 0;
+  int type = TIMER_TYPE_ON;
+  int priority = 0;
+  civil_time at{};
+  int delay = 0;
+  int week_flag = 0; // 0: once; otherwise bit n repeats it on weekday n, Sunday being 0
+  int holiday_effect = 0;
+  int clock = TIME_TYPE_BROADCAST;
+};
+
+struct holiday_end {
+  unsigned month = 1;
+  unsigned day = 1;
+  bool end_of_february = false; // the day follows the length of the year
+};
+
+struct holiday {
+  int id = 0;
+  holiday_end first{};
+  holiday_end last{};
+};
+
+// What the clocks read. An internet timer is set on the system clock; the daemon adds the
+// difference of the two.
+struct clocks {
+  civil_time set;
+  civil_time system;
+
+  civil_time of(int clock) const { return clock == TIME_TYPE_INTERNET ? system : set; }
+};
+
+// What the set is programmed to wake for; id 0 when for nothing.
+struct wakeup_time {
+  int id = 0;
+  civil_time at{};
+  int type = 0;
+  bool is_utc = false;
+};
+
+// What the daemon says of itself, its timers and its holidays at one moment.
+struct snapshot {
+  bool has_state = false; // false: an older daemon, and the tool's own figures
+  std::string version;
+  std::string platform;
+  clocks now{};
+  bool clock_known = true;
+  bool clock_confirmed = true;
+  std::map<int, civil_time> armed; // by timer id
+  wakeup_time wakeup;
+  int halt_on = 0;
+  int halt_off = 0;
+  std::size_t limit = 80;
+  std::vector<timer_record> timers;
+  std::vector<holiday> holidays;
+};
+
+timer_record timer_from_image(const std::uint8_t *image);
+holiday holiday_from_image(const std::uint8_t *image);
+GVariant *arguments_of(const timer_record &timer);                      // of schedule_timer
+GVariant *arguments_of(const holiday &holiday, std::chrono::year year); // of the set method
+
+bool turns_the_set_on(int type); // what the daemon counts as an on-timer
+const timer_record *find_timer(const std::vector<timer_record> &timers, int id);
+
+// A day on which a repeating timer does not fire.
+struct passed_over {
+  std::chrono::sys_days day;
+  int holiday; // 0: the time of day has passed
+};
+
+// The next time at which `timer` fires; nothing when it never will. Like the daemon, it moves a
+// timer for one moment past the holidays on which it falls. `passed` receives the days between.
+std::optional<civil_time> next_firing(timer_record &timer, const clocks &now,
+                                      const std::vector<holiday> &holidays,
+                                      std::vector<passed_over> *passed = nullptr);
+
+// The same from another moment on, for a copy.
+clocks clocks_at(const clocks &now, civil_time set);
+
+// The id of an on-timer that fires within ten minutes after `at`: a standby timer is then skipped.
+std::optional<int> ontimer_soon_after(civil_time at, const snapshot &view, int except);
+
+// The off-timer that is set for the same time as the on-timer `timer`, on a day that both have.
+const timer_record *coinciding_offtimer(const timer_record &timer, const snapshot &view);
+
+struct firing {
+  int id;
+  civil_time at;
+};
+
+// All firings up to `until`, the soonest first. Each of them arms all timers again, which moves
+// timers for one moment to the next such time of day. An on-timer for one moment that coincides
+// with an off-timer stays as it is now, armed or not.
+std::vector<firing> forecast(snapshot view, civil_time until);
