@@ -26,6 +26,17 @@ install(FILES ${DATA}/dravelctl.bash
 install(FILES ${DATA}/_dravelctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
+# What makes this machine the set.
+if(DRAVEL_PLATFORM STREQUAL linux)
+  install(FILES ${DATA}/linux/dravel-manager.conf DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR})
+  install(FILES ${DATA}/linux/dravel-on.target ${DATA}/linux/dravel-off.target
+                ${DATA}/linux/dravel-ambient.target ${DATA}/linux/dravel-wakeup@.target
+          DESTINATION lib/systemd/system)
+  install(FILES ${DATA}/linux/dravel-manager.service.conf
+          DESTINATION lib/systemd/system/dravel-manager.service.d RENAME linux.conf)
+  set(PLATFORM_PAGE dravel-manager.conf.5)
+endif()
+
 # Manual pages and the changelog are compressed as packages have them, without a time stamp.
 find_program(GZIP gzip REQUIRED)
 function(install_compressed source name destination)
@@ -37,7 +48,8 @@ function(install_compressed source name destination)
   install(FILES ${compressed} DESTINATION ${destination})
 endfunction()
 
-foreach(page dravelctl.1 org.olvara.tv.system.dravel.5 dravel-manager.8)
+foreach(page dravelctl.1 org.olvara.tv.system.dravel.5 dravel-manager.8
+             ${PLATFORM_PAGE})
   string(REGEX REPLACE ".*\\." "man" section ${page})
   install_compressed(${DATA}/${page} ${page} ${CMAKE_INSTALL_MANDIR}/${section})
 endforeach()
