@@ -28,6 +28,17 @@ install(FILES ${PROJECT_BINARY_DIR}/data/_dravelctl
 install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md ${PROJECT_SOURCE_DIR}/docs/client.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
+# What makes this machine the set.
+if(DRAVEL_PLATFORM STREQUAL linux)
+  install(FILES ${DATA}/linux/dravel-manager.conf DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR})
+  install(FILES ${DATA}/linux/dravel-on.target ${DATA}/linux/dravel-off.target
+                ${DATA}/linux/dravel-ambient.target ${DATA}/linux/dravel-wakeup@.target
+          DESTINATION lib/systemd/system)
+  install(FILES ${DATA}/linux/dravel-manager.service.conf
+          DESTINATION lib/systemd/system/dravel-manager.service.d RENAME linux.conf)
+  set(PLATFORM_PAGE dravel-manager.conf.5)
+endif()
+
 # Manual pages and the changelog are compressed as in Debian packages, without a time stamp.
 find_program(GZIP gzip REQUIRED)
 function(install_compressed source name destination)
@@ -39,7 +50,7 @@ function(install_compressed source name destination)
   install(FILES ${compressed} DESTINATION ${destination})
 endfunction()
 
-foreach(page org.olvara.tv.system.dravel.5 dravel-manager.8)
+foreach(page org.olvara.tv.system.dravel.5 dravel-manager.8 ${PLATFORM_PAGE})
   string(REGEX REPLACE ".*\\." "man" section ${page})
   install_compressed(${DATA}/${page} ${page} ${CMAKE_INSTALL_MANDIR}/${section})
 endforeach()

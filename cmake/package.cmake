@@ -14,6 +14,7 @@ set(CPACK_PACKAGE_CONTACT "dravel-manager developers <dravel-manager@olvara.org>
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/package-check.cmake)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "dbus")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "on and off timers of a television set")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
@@ -21,18 +22,24 @@ set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 on chosen weekdays, and answers the set's applications over the system bus.
 dravelctl is its command line.
 .")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/cmake/debian/postinst
+    ${PROJECT_SOURCE_DIR}/cmake/debian/prerm
+    ${PROJECT_SOURCE_DIR}/cmake/debian/postrm)
 if(DRAVEL_PLATFORM STREQUAL standin)
   string(APPEND CPACK_DEBIAN_PACKAGE_DESCRIPTION "
 This is a development build: it is linked with a stand-in for the set's
 platform, a pretend television that root drives over the bus. It turns no
 real set on or off.")
+elseif(DRAVEL_PLATFORM STREQUAL linux)
+  string(APPEND CPACK_DEBIAN_PACKAGE_DESCRIPTION "
+The set is this machine: systemd puts it to sleep, its real-time clock wakes
+it, and HDMI-CEC turns the television on its cable on and off.")
+  string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS ", systemd")
+  list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/conffiles)
 else()
   string(APPEND CPACK_DEBIAN_PACKAGE_DESCRIPTION "
 It is linked with the platform ${DRAVEL_PLATFORM}.")
 endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${PROJECT_SOURCE_DIR}/cmake/debian/postinst
-    ${PROJECT_SOURCE_DIR}/cmake/debian/prerm
-    ${PROJECT_SOURCE_DIR}/cmake/debian/postrm)
 include(CPack)

@@ -534,12 +534,17 @@ static void prepare_db_file(const char *path) {
   make_db_file_manual(path);
 }
 
+// A commit ends with the removal of its journal. Unless the directory is synchronised as well, a
+// power cut within the next seconds can bring the journal back, which undoes the commit.
+static void synchronise_journals(sqlite3 *db) { execute(db, "pragma synchronous = extra"); }
+
 // Without its wake-up database the daemon still keeps every timer.
 static void open_wakeup_db(void) {
   prepare_db_file(kWakeupDbPath);
   if (sqlite3_open(kWakeupDbPath, &wakeup_dravel_db) != SQLITE_OK)
     LOGE_OF(initialize_dravel_db, "failed to open the wakeup_dravel database: %s",
             sqlite3_errmsg(wakeup_dravel_db));
+  synchronise_journals(wakeup_dravel_db);
   create_table(wakeup_dravel_db, kWakeupDbPath, "wakeup dravel", kCreateWakeupDravelTable,
                "initialize_dravel_db");
 }
@@ -552,6 +557,7 @@ static int open_main_db(void) {
             sqlite3_errmsg(dravel_db));
     return opened;
   }
+  synchronise_journals(dravel_db);
   const int created =
       create_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable, "initialize_dravel_db");
   if (created != SQLITE_OK)

@@ -17,7 +17,6 @@ static constexpr std::uint32_t kClockSlackSeconds = 2;
 static rtc_device *device;
 static wake_up programmed;
 static wake_kind kind = wake_kind::resume;
-static std::uint32_t set_at; // when the device took `programmed`; 0: it did not
 
 static std::uint32_t now() { return static_cast<std::uint32_t>(std::time(nullptr)); }
 
@@ -36,13 +35,13 @@ static int refused(const char *what) {
 }
 
 static int switch_off() {
-  set_at = 0;
   if (!device->exists() || !device->read_alarm() || device->clear_alarm())
     return 0;
   return refused("the alarm is not switched off");
 }
 
-// The alarm is set by its distance from now, so that a wrong clock of the device does not matter.
+// The alarm is set by its distance from now, so that a wrong clock of the device does not matter. One
+// that the device has already is left: the daemon programs once for each off-timer.
 static int write_alarm(std::uint32_t alarm) {
   if (!device->exists())
     return 0;
@@ -50,12 +49,13 @@ static int write_alarm(std::uint32_t alarm) {
   if (!clock)
     return refused("the clock cannot be read");
   const std::int64_t time = *clock + (std::int64_t{alarm} - now());
+  if (device->read_alarm() == time)
+    return 0;
   if (!device->set_alarm(time))
     return refused("the alarm is not set");
   errno = EIO;
   if (device->read_alarm() != time)
     return refused("the alarm reads back differently");
-  set_at = now();
   return 0;
 }
 
@@ -65,12 +65,9 @@ static int program(std::uint32_t type, std::uint32_t on_time) {
     keep_wake_up(programmed);
     return switch_off();
   }
-  const wake_up asked = {type, on_time, alarm_for(on_time)};
-  const bool is_held =
-      asked == programmed && set_at == now(); // the daemon programs once for each off-timer
-  programmed = asked;
+  programmed = {type, on_time, alarm_for(on_time)};
   keep_wake_up(programmed);
-  return is_held ? 0 : write_alarm(programmed.alarm);
+  return write_alarm(programmed.alarm);
 }
 
 wake_up start_alarm(rtc_device &rtc) {

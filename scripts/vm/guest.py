@@ -1,0 +1,159 @@
+"""What a user, a television remote and a clock do to the machine, and what is seen of it."""
+import datetime
+import json
+import re
+import shlex
+
+from machine import Machine, Trouble
+
+LEAD = 15  # seconds, the default of lead-suspend
+RTC = "/sys/class/rtc/rtc0"
+# Everything on the journal that cases look at: the timers' expiries, the television, the daemon,
+# systemd's targets, the kernel's and logind's way to sleep and back.
+JOURNAL = "journalctl -q -o short-unix --no-hostname"
+
+
+class Guest(Machine):
+    """The machine with the package installed. `day` is what its calendar shows."""
+
+    def __init__(self, *arguments, day, transcript=None, **keywords):
+        super().__init__(*arguments, **keywords)
+        self.payload = arguments[2]
+        self.day = day
+        self.transcript = [] if transcript is None else transcript
+        self.cursor = None
+
+    # --- the user ---
+
+    def type(self, command):
+        """Runs a command that belongs into the transcript."""
+        output = self.run(command)
+        self.note(f"# {command}", *output.splitlines())
+        return output
+
+    def note(self, *lines):
+        self.transcript.extend(lines)
+
+    def add(self, options):
+        """Adds a timer; returns its id."""
+        return int(re.match(r"Timer (-?\d+) is added", self.type(f"dravelctl add {options}"))[1])
+
+    def timers(self):
+        """What the list says, by id."""
+        return {timer["id"]: timer for timer in json.loads(self.run("dravelctl list --json"))}
+
+    def suspend(self):
+        """The user sends the machine to sleep."""
+        self.note("# systemctl suspend")
+        self.cast("systemctl suspend")
+        self.await_sleep(20)
+
+    def await_sleep(self, timeout):
+        self.await_event("SUSPEND", timeout)
+        self.note("(the machine sleeps)")
+
+    def await_wake_up(self, timeout):
+        """Returns the guest's time of the wake-up."""
+        self.await_event("WAKEUP", timeout)
+        woken = self.await_journal(r"System returned from sleep|PM: suspend exit", 20)[0]
+        self.note(f"(awake at {self.text(woken)})")
+        return woken
+
+    # --- what is prepared ---
+
+    def put_package(self):
+        """Puts the package where the README expects it."""
+        self.run(f"mkdir -p build && head -c {self.payload.stat().st_size} /dev/vdb "
+                 f">build/{self.payload.name}")
+
+    def configure(self, *lines):
+        text = shlex.quote("\n".join(["[linux]", *lines]))
+        self.run(f"echo {text} >/etc/dravel-manager.conf && systemctl reload dravel-manager")
+
+    def plug_store(self, path):
+        """Puts the daemon's store on a disk of its own."""
+        self.qmp("blockdev-add", driver="raw", **{"node-name": "store"},
+                 file={"driver": "file", "filename": str(path)})
+        self.qmp("device_add", driver="virtio-blk-pci", drive="store")
+        self.run("timeout 10 sh -c 'until [ -b /dev/vdc ]; do sleep 0.1; done' && "
+                 "mount /dev/vdc /opt/dbspace")
+
+    # --- clocks ---
+
+    def seconds(self, time):
+        """ "07:00" or "07:00:00" of the day, in the guest's zone, as seconds since 1970."""
+        return int(self.run(f"date -d '{self.day} {time}' +%s"))
+
+    def now(self):
+        return float(self.run("date +%s.%N"))
+
+    def set_clock(self, time):
+        """Moves both clocks of the machine, and forgets what the journal holds."""
+        self.run(f"date -s '{self.day} {time}' && hwclock --systohc")
+        self.note(f"# date -s '{self.day} {time}'")
+        self.mark()
+
+    def set_wall_clock(self, time):
+        self.run(f"date -s '{self.day} {time}'")
+        self.mark()
+
+    def rtc_now(self):
+        """What the real-time clock shows, counted as if it were UTC."""
+        return int(self.run(f"cat {RTC}/since_epoch"))
+
+    def alarm(self):
+        """When the alarm goes off, in seconds since 1970 as the real-time clock counts; 0: never."""
+        return int(self.run(f"cat {RTC}/wakealarm") or 0)
+
+    def text(self, seconds):
+        return self.run(f"date -d @{seconds:.2f} +%T.%2N")
+
+    # --- the journal ---
+
+    def mark(self):
+        """From here on the journal is read."""
+        self.run("journalctl --sync")
+        self.cursor = self.run(f"{JOURNAL} -n 1 --show-cursor").split("-- cursor: ")[1]
+
+    def read_command(self):
+        return f"{JOURNAL} -n all --after-cursor={shlex.quote(self.cursor)}"
+
+    def journal(self, pattern):
+        """The lines since the mark that match, as (seconds, text)."""
+        self.run("journalctl --sync")
+        lines = self.run(self.read_command()).splitlines()
+        return [(float(time), text) for time, text in (line.split(" ", 1) for line in lines)
+                if re.search(pattern, text)]
+
+    def await_journal(self, pattern, timeout):
+        """The first line since the mark that matches."""
+        line = self.run(f"timeout {timeout} grep -m 1 -P {shlex.quote(pattern)} "
+                        f"< <({self.read_command()} -f)", timeout + 20, check=False)
+        if not line:
+            raise Trouble(f"the journal has no {pattern!r} within {timeout} s")
+        time, text = line.splitlines()[0].split(" ", 1)
+        return float(time), text
+
+    def await_expiry(self, timer, timeout):
+        """Returns when the timer has expired."""
+        time, text = self.await_journal(rf"listener.*timer {timer} expired", timeout)
+        self.note(f"(dravelctl monitor: {text.split(': ', 1)[1]})")
+        return time
+
+    # --- the television ---
+
+    def television_off(self):
+        """Somebody turns the television off by its remote, which tells nobody."""
+        self.run("echo OPTIONS=--standby >/etc/default/television && systemctl restart television")
+        self.await_journal("television.*CEC adapter state change", 20)
+        self.note("(television: standby)")
+        self.mark()
+
+    def await_television(self, state, timeout=10):
+        """Waits until the television is told "on" or "standby"; returns when."""
+        time, _ = self.await_journal(f"television.*Changing state to {state}", timeout)
+        self.note(f"(television: {state} at {self.text(time)})")
+        return time
+
+    def television_was_told(self):
+        return [text.split(">>> ", 1)[1] for _, text in self.journal("television.*>>> (Ch|New)")]
