@@ -40,8 +40,8 @@ static int switch_off() {
   return refused("the alarm is not switched off");
 }
 
-// The alarm is set by its distance from now, so that a wrong clock of the device does not matter. One
-// that the device has already is left: the daemon programs once for each off-timer.
+// The alarm is set by its distance from now, so that a wrong clock of the device does not matter.
+// One that the device has already is left: the daemon programs once for each off-timer.
 static int write_alarm(std::uint32_t alarm) {
   if (!device->exists())
     return 0;
