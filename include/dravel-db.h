@@ -21,7 +21,7 @@ extern "C" {
 
 // Opens, checks, creates or migrates both files. Returns 0, or the result code
 // of the main file's failed opening or table creation: the daemon then runs
-// without a store until its next start.
+// without a store until its next start and refuses every timer that needs one.
 DRAVEL_API int initialize_dravel_db(void);
 
 // Closes the main connection, then the wake-up connection; returns the latter's

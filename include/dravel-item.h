@@ -65,8 +65,8 @@ DRAVEL_API int compare_dravel_cb(const void *listed, const void *added);
 DRAVEL_API void rebuild_onoff_timer_lists(void);
 
 // Lists all stored timers and returns the timer list; called once, at start-up.
-// After a cold start the on- and off-timers of types 0 and 1 are deleted
-// instead, unless the set's `sync_db` feature keeps them.
+// At the first start in a boot without a wake-up reason, rows of types 0 and 1 are
+// deleted instead, unless the set's `sync_db` feature keeps them.
 DRAVEL_API Eina_List *load_dravel_list(void);
 
 // The timer that woke the set: a copy of its own, kept until the next

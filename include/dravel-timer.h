@@ -70,8 +70,8 @@ DRAVEL_API void cancel_dravel_item(dravel_item *item);
 void replace_evicted_ontimer(void);
 
 // Re-arms every item after an expiry or a change of clock, moving armed
-// one-shot items to their next time of day. Both arguments are ignored: it
-// serves as a settings watcher too.
+// one-shot items to their next time of day. It is a settings watcher too: a key
+// says that the clock may have been set; `data` is ignored.
 DRAVEL_API void adjust_dravel_all_items(struct settings_key *key, void *data);
 
 // Re-arms every item where it stands, once the clock has become valid.

@@ -91,16 +91,17 @@ static bool find_period_of(const std::tm &when, int year, std::tm *end) {
 }
 
 // The day that `date` names on the calendar when it is read in `year` (since 1900). Months and days
-// beyond their range are carried over, also beyond 2106.
+// beyond their range are carried over, also beyond 2106. Months that lead past the year 32767, as a
+// client may send them, give some other day.
 static std::int64_t calendar_day(int year, const std::tm &date) {
   using namespace std::chrono;
   const sys_days first((std::chrono::year(1900 + year) / January + months(date.tm_mon)) / 1);
   return std::int64_t{first.time_since_epoch().count()} + date.tm_mday;
 }
 
-// The days from one date to another, both read in the year of `from`.
-static int days_between(const std::tm &from, const std::tm &to) {
-  return static_cast<int>(calendar_day(from.tm_year, to) - calendar_day(from.tm_year, from));
+// The days from the date `when` to the day after `end`, both read in the year of `when`.
+static int days_until_after(const std::tm &when, const std::tm &end) {
+  return static_cast<int>(calendar_day(when.tm_year, end) + 1 - calendar_day(when.tm_year, when));
 }
 
 int can_skip_timer(const dravel_item *item, time_value occurrence) {
@@ -124,7 +125,7 @@ int can_skip_timer(const dravel_item *item, time_value occurrence) {
     LOGE("The shift timer is disabled\n");
     return SKIP_REFUSED;
   }
-  listed->tm.tm_mday = add_wrapping(listed->tm.tm_mday, days_between(when, end) + 1);
+  listed->tm.tm_mday = add_wrapping(listed->tm.tm_mday, days_until_after(when, end));
   update_dravel_item_db(listed);
   state_timer_changed(listed->timer_id);
   LOG_TIME(SYSTEM_LOG_INFO, "to shift timer as after holiday period: %s", &listed->tm);

@@ -1,6 +1,7 @@
 #include "fixture.h"
 
 #include <array>
+#include <climits>
 #include <cstdlib>
 #include <numeric>
 
@@ -272,6 +273,14 @@ TEST_F(Periods, OfEarly2106_AreCountedOnTheCalendar) {
   EXPECT_EQ(can_skip_timer(item, time_of("2106-02-01 09:00")), SKIP_MOVED);
   EXPECT_EQ(item->tm.tm_mday, 21);
   EXPECT_EQ(rows("SELECT tm_mday FROM dravel"), "21");
+}
+
+// A client may send any day of the month.
+TEST_F(Periods, WithAnEndFarAway_MoveATimerWithoutOverflow) {
+  set_now("2027-01-01 12:00");
+  add({1, "2027-01-02 09:00", 0, 1});
+  add_period("2020-01-01 00:00", "2020-02-01 00:00")->end_tm.tm_mday = INT_MAX - 29;
+  EXPECT_EQ(can_skip_timer(find_dravel_item(1), time_of("2027-01-02 09:00")), SKIP_MOVED);
 }
 
 // A kept expiry would move it once in a sorting.
