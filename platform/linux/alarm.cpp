@@ -16,12 +16,12 @@ static constexpr std::uint32_t kClockSlackSeconds = 2;
 
 static rtc_device *device;
 static wake_up programmed;
-static wake_kind kind = wake_kind::resume;
+static wake_kind kind = wake_kind::kResume;
 
 static std::uint32_t now() { return static_cast<std::uint32_t>(std::time(nullptr)); }
 
 static std::uint32_t lead() {
-  return kind == wake_kind::boot ? configuration().lead_poweroff : configuration().lead_suspend;
+  return kind == wake_kind::kBoot ? configuration().lead_poweroff : configuration().lead_suspend;
 }
 
 static std::uint32_t alarm_for(std::uint32_t on_time) {

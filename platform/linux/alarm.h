@@ -5,13 +5,13 @@
 #include "state.h"
 
 // Which lead counts: that of a sleep or that of a boot.
-enum class wake_kind { resume, boot };
+enum class wake_kind { kResume, kBoot };
 
 // A late wake-up is credited until this long after its on-time.
 inline constexpr std::uint32_t kLatestSeconds = 300;
 
 // Reads what the last run programmed, and switches the alarm off.
-wake_up start_alarm(rtc_device &device);
+wake_up start_alarm(rtc_device &rtc);
 
 // Programs `on_time`, UTC, for a timer of `type`. Returns 0, also for an on-time that is past,
 // which is not set, and on a machine without the device; -1 when the device refuses.

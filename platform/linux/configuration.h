@@ -4,13 +4,13 @@
 
 #include <string>
 
-enum class off_action { suspend, poweroff, hibernate, none };
+enum class off_action { kSuspend, kPoweroff, kHibernate, kNone };
 
 struct linux_configuration {
   std::string rtc = "/dev/rtc0";
   std::string cec = "auto"; // auto, off, or a device
   bool cec_standby_all = false;
-  off_action off = off_action::suspend;
+  off_action off = off_action::kSuspend;
   unsigned lead_suspend = 15;     // seconds
   unsigned lead_poweroff = 90;    // seconds
   unsigned return_to_sleep = 120; // seconds, 0: never

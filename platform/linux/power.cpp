@@ -59,8 +59,8 @@ static void return_is_postponed() { return_to_sleep_after(configuration().return
 
 static off_action sleep_of_before() {
   if (was_booted)
-    return off_action::poweroff;
-  return configuration().off == off_action::hibernate ? off_action::hibernate : off_action::suspend;
+    return off_action::kPoweroff;
+  return configuration().off == off_action::kHibernate ? off_action::kHibernate : off_action::kSuspend;
 }
 
 static Eina_Bool return_to_sleep(void *) {
@@ -149,7 +149,7 @@ static void credit(const wake_up &wake, bool booted) {
 
 // A machine that comes back from the disk takes as long as one that boots.
 static wake_kind kind_of_sleep() {
-  return configuration().off == off_action::hibernate ? wake_kind::boot : wake_kind::resume;
+  return configuration().off == off_action::kHibernate ? wake_kind::kBoot : wake_kind::kResume;
 }
 
 void machine_goes_to_sleep() {
@@ -178,12 +178,12 @@ void machine_woke_up() {
 }
 
 void machine_shuts_down() {
-  change_alarm_lead(wake_kind::boot);
+  change_alarm_lead(wake_kind::kBoot);
   deliver_standby();
 }
 
 void machine_stays_up() {
-  change_alarm_lead(wake_kind::resume);
+  change_alarm_lead(wake_kind::kResume);
   deliver_wakeup(kNoReason);
   confirm_time();
 }

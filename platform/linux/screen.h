@@ -3,7 +3,7 @@
 
 #include "cec.h"
 
-void start_screen(cec_adapter &adapter);
+void start_screen(cec_adapter &used);
 
 // Turns the screen on or off, with checks and repeats. `settled` is called once: when the
 // television reports the new state or refuses the question, after 15 seconds without that, or

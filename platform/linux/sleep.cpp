@@ -142,7 +142,7 @@ static int blockers_answered(sd_bus_message *reply, void *, sd_bus_error *) {
 }
 
 void send_to_sleep(off_action action, void (*postponed)()) {
-  if (action == off_action::none)
+  if (action == off_action::kNone)
     return;
   request = {action, postponed};
   bus_get_property(kLogind, "BlockInhibited", blockers_answered);

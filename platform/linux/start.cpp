@@ -25,7 +25,7 @@ static Eina_Bool user_signal(void *, int, void *data) {
   if (static_cast<const Ecore_Event_Signal_User *>(data)->number == 1) {
     read_configuration();
     start_screen(*cec);
-    change_alarm_lead(wake_kind::resume);
+    change_alarm_lead(wake_kind::kResume);
   }
   return ECORE_CALLBACK_PASS_ON;
 }

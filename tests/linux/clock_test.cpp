@@ -127,7 +127,7 @@ TEST(Configuration, BadValuesAreReported_AndHaveTheirDefaults) {
     EXPECT_EQ(rtc + cec, *row.said == '\0' ? "/dev/rtc1auto" : "/dev/rtc0auto") << row.text;
     EXPECT_EQ(
         std::tuple(all, off, resume, boot, back, keep),
-        std::tuple(false, off_action::suspend, *row.said == '\0' ? 20U : 15U, 90U, 120U, true))
+        std::tuple(false, off_action::kSuspend, *row.said == '\0' ? 20U : 15U, 90U, 120U, true))
         << row.text;
   }
 }
