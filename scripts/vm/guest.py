@@ -1,5 +1,4 @@
 """What a user, a television remote and a clock do to the machine, and what is seen of it."""
-import datetime
 import json
 import re
 import shlex
@@ -8,20 +7,18 @@ from machine import Machine, Trouble
 
 LEAD = 15  # seconds, the default of lead-suspend
 RTC = "/sys/class/rtc/rtc0"
-# Everything on the journal that cases look at: the timers' expiries, the television, the daemon,
-# systemd's targets, the kernel's and logind's way to sleep and back.
 JOURNAL = "journalctl -q -o short-unix --no-hostname"
 
 
 class Guest(Machine):
-    """The machine with the package installed. `day` is what its calendar shows."""
+    """The machine with the package. Its calendar shows `day`; `transcript` gets what happens."""
 
-    def __init__(self, *arguments, day, transcript=None, **keywords):
+    def __init__(self, *arguments, day, transcript, **keywords):
         super().__init__(*arguments, **keywords)
-        self.payload = arguments[2]
         self.day = day
-        self.transcript = [] if transcript is None else transcript
-        self.cursor = None
+        self.transcript = transcript
+        self.cursor = None  # where reading of the journal begins
+        self.wake_ups = 0  # since then
 
     # --- the user ---
 
@@ -55,7 +52,8 @@ class Guest(Machine):
     def await_wake_up(self, timeout):
         """Returns the guest's time of the wake-up."""
         self.await_event("WAKEUP", timeout)
-        woken = self.await_journal(r"System returned from sleep|PM: suspend exit", 20)[0]
+        self.wake_ups += 1
+        woken, _ = self.await_journal("System returned from sleep", 20, self.wake_ups)
         self.note(f"(awake at {self.text(woken)})")
         return woken
 
@@ -102,7 +100,7 @@ class Guest(Machine):
         return int(self.run(f"cat {RTC}/since_epoch"))
 
     def alarm(self):
-        """When the alarm goes off, in seconds since 1970 as the real-time clock counts; 0: never."""
+        """When the alarm goes off, counted as the real-time clock does; 0: never."""
         return int(self.run(f"cat {RTC}/wakealarm") or 0)
 
     def text(self, seconds):
@@ -113,6 +111,7 @@ class Guest(Machine):
     def mark(self):
         """From here on the journal is read."""
         self.run("journalctl --sync")
+        self.wake_ups = 0
         self.cursor = self.run(f"{JOURNAL} -n 1 --show-cursor").split("-- cursor: ")[1]
 
     def read_command(self):
@@ -125,13 +124,13 @@ class Guest(Machine):
         return [(float(time), text) for time, text in (line.split(" ", 1) for line in lines)
                 if re.search(pattern, text)]
 
-    def await_journal(self, pattern, timeout):
-        """The first line since the mark that matches."""
-        line = self.run(f"timeout {timeout} grep -m 1 -P {shlex.quote(pattern)} "
-                        f"< <({self.read_command()} -f)", timeout + 20, check=False)
-        if not line:
+    def await_journal(self, pattern, timeout, count=1):
+        """The line since the mark that matches as the `count`-th."""
+        lines = self.run(f"timeout {timeout} grep -m {count} -P {shlex.quote(pattern)} "
+                         f"< <({self.read_command()} -f)", timeout + 20, check=False).splitlines()
+        if len(lines) < count:
             raise Trouble(f"the journal has no {pattern!r} within {timeout} s")
-        time, text = line.splitlines()[0].split(" ", 1)
+        time, text = lines[-1].split(" ", 1)
         return float(time), text
 
     def await_expiry(self, timer, timeout):

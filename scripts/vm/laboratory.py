@@ -1,4 +1,4 @@
-"""The bench on which cases run: the machine's disk, its snapshot with the package installed, the table."""
+"""Where cases run: the machine's disk, its snapshot with the package installed, the table."""
 import datetime
 import hashlib
 import pathlib
@@ -33,9 +33,12 @@ class Laboratory:
         self.failures += not passed
         if self.quiet and passed:
             return
-        late = "" if late is None else f"{late:.2f} s"
-        print(f"{self.case:<10} {asked:<58} {seen:<44} {late:>8}  {'ok' if passed else 'FAILED'}",
-              flush=True)
+        self.print_row(self.case, asked, seen, "" if late is None else f"{late:.2f} s",
+                       "ok" if passed else "FAILED")
+
+    @staticmethod
+    def print_row(case, asked, seen, late, result):
+        print(f"{case:<9} {asked:<64} {seen:<44} {late:>7}  {result}".rstrip(), flush=True)
 
     def on_time(self, asked, seen, due, limit=ON_SECOND):
         """A row for what was seen at `seen` and was due at `due`, both seconds since 1970."""
@@ -46,8 +49,8 @@ class Laboratory:
     # --- machines ---
 
     def fresh_disk(self):
-        subprocess.run(["qemu-img", "create", "-q", "-f", "qcow2", "-F", "qcow2", "-b", "disk.qcow2",
-                        str(self.disk)], cwd=self.directory, check=True)
+        subprocess.run(["qemu-img", "create", "-q", "-f", "qcow2", "-F", "qcow2", "-b",
+                        "disk.qcow2", str(self.disk)], cwd=self.directory, check=True)
 
     def guest(self, **keywords):
         """Starts the machine; with no `rtc` as it was when the package had just been installed."""
@@ -80,7 +83,7 @@ class Laboratory:
         return hashlib.sha256(b"".join(part.read_bytes() for part in parts)).hexdigest() + self.day
 
     def make_ready(self):
-        """Has a machine with the package installed, the one of an earlier run if nothing changed."""
+        """Installs the package, unless the machine of an earlier run has the same one."""
         kept = self.directory / "ready.key"
         if not kept.exists() or kept.read_text() != self.key():
             guest, _ = self.install()

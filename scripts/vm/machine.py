@@ -1,6 +1,5 @@
-"""A virtual machine: QEMU, its monitor (QMP), and a root shell in the guest on its second serial line."""
+"""A virtual machine: QEMU, its monitor (QMP), and a root shell on its second serial line."""
 import json
-import os
 import pathlib
 import shlex
 import signal
@@ -64,12 +63,13 @@ class Line:
 class Machine:
     """QEMU on `disk`, its real-time clock at `rtc` ("2026-12-21T06:00:00") or the state `snapshot`.
 
-    The guest reads `payload` as a second disk. QEMU's q35 machine sleeps once only, and the clock of a
-    sleeping machine goes on with clock=rt alone.
+    The guest reads `payload` as its second disk. QEMU's q35 machine sleeps a first time only, and
+    clock=rt alone goes on while the machine sleeps and continues with a snapshot.
     """
 
     def __init__(self, directory, disk, payload, rtc=None, snapshot=None):
         self.directory = pathlib.Path(directory)
+        self.payload = payload
         self.commands = 0
         self.events = []
         sockets = {name: self.directory / f"{name}.socket" for name in ("monitor", "shell")}
@@ -78,8 +78,9 @@ class Machine:
         boot = self.directory / "boot"
         kernel = "root=/dev/vda rw console=ttyS0 loglevel=4 quiet systemd.show_status=no"
         command = [
-            "qemu-system-x86_64", "-accel", "tcg", "-cpu", "max", "-machine", "pc,hpet=off", "-m", "512",
-            "-smp", "1", "-display", "none", "-vga", "none", "-no-reboot", "-nodefaults",
+            "qemu-system-x86_64", "-accel", "tcg", "-cpu", "max", "-machine", "pc,hpet=off",
+            "-m", "512", "-smp", "1", "-display", "none", "-vga", "none", "-no-reboot",
+            "-nodefaults",
             "-drive", f"file={disk},format=qcow2,if=virtio,cache=unsafe",
             "-drive", f"file={payload},format=raw,if=virtio,readonly=on",
             "-kernel", boot / "vmlinuz", "-initrd", boot / "initrd.img", "-append", kernel,
@@ -91,7 +92,7 @@ class Machine:
             command += ["-loadvm", snapshot]
         log = open(self.directory / "qemu.log", "ab")
         self.process = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL,
-                                        stdout=log, stderr=log, preexec_fn=lambda: os.nice(5))
+                                        stdout=log, stderr=log)
         self.monitor = Line(sockets["monitor"], self.process)
         self.shell = Line(sockets["shell"], self.process)
         self.qmp("qmp_capabilities")
@@ -118,7 +119,7 @@ class Machine:
             raise Trouble(f"{command}: {answer}")
 
     def await_event(self, name, timeout):
-        """Waits for an event of QEMU's (SUSPEND, WAKEUP, SHUTDOWN) that nobody has waited for yet."""
+        """Waits for an event of QEMU's that nobody has waited for yet: SUSPEND, WAKEUP."""
         deadline = time.monotonic() + timeout
         while name not in self.events:
             left = deadline - time.monotonic()
@@ -139,8 +140,8 @@ class Machine:
         """What the command printed."""
         self.commands += 1
         end = f"=={self.commands}=="
-        self.shell.send(f"echo; echo '=='{self.commands}'+='; eval {shlex.quote(command)} </dev/null "
-                        f"2>&1; echo '=='{self.commands}'==' $?\n".encode())
+        self.shell.send(f"echo; echo '=='{self.commands}'+='; eval {shlex.quote(command)} "
+                        f"</dev/null 2>&1; echo '=='{self.commands}'==' $?\n".encode())
         self.shell.read_until(f"=={self.commands}+=\n".encode(), timeout)
         output = self.shell.read_until(end.encode(), timeout).decode(errors="replace")
         status = int(self.shell.read_until(b"\n", timeout))
