@@ -37,7 +37,7 @@ DRAVEL_API dravel_item *create_dravel_item(int type, int priority, int date_type
 
 // A new item with the fields of `values`, its id included, in no list, the caller's to add or free;
 // null when memory is short.
-dravel_item *copy_dravel_item(const dravel_item *values);
+DRAVEL_API dravel_item *copy_dravel_item(const dravel_item *values);
 
 // Stores `item`, gives it its id and lists it; a full list first loses the item
 // with the smallest id. Returns the timer list. Null when the item could not be
@@ -103,7 +103,7 @@ DRAVEL_API int can_skip_timer(const dravel_item *item, time_value occurrence);
 
 // Whether disabled periods skip or move `item`: it opted in, and its type is not one that never
 // moves.
-bool heeds_disabled_periods(const dravel_item *item);
+DRAVEL_API bool heeds_disabled_periods(const dravel_item *item);
 
 // Moves a period on by one year and stores it; returns the update's result.
 DRAVEL_API int next_disabled_period(disabled_period_item *period);

@@ -67,7 +67,7 @@ DRAVEL_API int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void
 DRAVEL_API void cancel_dravel_item(dravel_item *item);
 
 // Chooses the on-time again when the item that it belongs to has been evicted.
-void replace_evicted_ontimer(void);
+DRAVEL_API void replace_evicted_ontimer(void);
 
 // Re-arms every item after an expiry or a change of clock, moving armed
 // one-shot items to their next time of day. It is a settings watcher too: a key

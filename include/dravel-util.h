@@ -41,7 +41,7 @@ DRAVEL_API int get_cur_time(time_value *out, int time_type);
 // Reads the clock that a timer of `time_type` is measured against: the TV clock or, for the system
 // clock's timers while that is unknown, the real-time clock. Returns 0, also with `*out` 0 for a TV
 // clock that is not known, or -1 when the real-time clock cannot be read either.
-int get_cur_time_or_rtc(time_value *out, int time_type);
+DRAVEL_API int get_cur_time_or_rtc(time_value *out, int time_type);
 
 // Reads the TV clock, or else the real-time clock, and the system clock. Returns
 // 0, or -1 when neither of the first two can be read: `*out` is then all zero.

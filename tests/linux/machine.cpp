@@ -48,7 +48,7 @@ std::time_t time(std::time_t *out) noexcept {
 }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *) {
-  live_timers.push_back(std::make_unique<loop_timer>(seconds, callback));
+  live_timers.push_back(std::make_unique<loop_timer>(loop_timer{seconds, callback}));
   return reinterpret_cast<Ecore_Timer *>(live_timers.back().get());
 }
 

@@ -67,7 +67,7 @@ private:
 
 class Machine : public testing::Test {
 protected:
-  void start(const char *configuration = "", const char *services = "login1 timedate1 systemd1");
+  void start(const char *configuration = "", const char *names = "login1 timedate1 systemd1");
   void TearDown() override;
 
   fake_rtc rtc;

@@ -27,11 +27,11 @@ static auto find_live(const void *handle) {
 extern "C" {
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): reserved in the C library
-std::time_t time(std::time_t *out) noexcept {
+std::time_t time(std::time_t *timer) noexcept {
   timespec now{system_clock, 0};
   if (system_clock == 0)
     clock_gettime(CLOCK_REALTIME, &now);
-  return out == nullptr ? now.tv_sec : *out = now.tv_sec;
+  return timer == nullptr ? now.tv_sec : *timer = now.tv_sec;
 }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *data) {

@@ -71,7 +71,7 @@ TEST_F(Expiry, IsAnnounced_AndActsByItsType_UnlessHalted) {
     std::string after = programmed ? "; clear_wakeup_time 0 0" : "";
     if (programmed && week_flag != 0)
       after.append("; set_wakeup_time ").append(std::to_string(type)).append(" ").append(next_day);
-    EXPECT_EQ(events(), signals + expected + after);
+    EXPECT_EQ(events(), std::string(signals).append(expected).append(after));
     EXPECT_EQ(get_wakeup_timer() != nullptr, expected.starts_with("; wakeup_reason"));
     EXPECT_EQ(find_dravel_item(id) != nullptr, week_flag != 0 || type == TIMER_TYPE_TRANSIENT);
     EXPECT_EQ(armed(id), next_day);
