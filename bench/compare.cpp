@@ -316,19 +316,11 @@ static void measure_lateness(bus_client &bus) {
   print_lateness("of the transient ones past the whole-second arming", beyond_arming);
 }
 
-int main(int argc, char **argv) {
-  if (argc != 4) {
-    std::fprintf(stderr, "usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY\n");
-    return 64;
-  }
-  prepare_measuring();
-  daemon_program = argv[1];
-  bare_program = argv[2];
-
+static void compare_all(const char *disk_directory) {
   bus_client bus;
   std::printf("  %-46s %9s %9s %-3s %6s\n", "", "daemon", "bare", "", "ratio");
   for (const place &where :
-       {place{"store in memory", "", 1000}, place{"store on disk", argv[3], 200}}) {
+       {place{"store in memory", "", 1000}, place{"store on disk", disk_directory, 200}}) {
     std::printf("%s\n", where.name);
     use(where);
     for (const int listed : {0, 40, kFullList - 1})
@@ -344,5 +336,21 @@ int main(int argc, char **argv) {
   compare_memory(bus);
   measure_wakeups(bus);
   measure_lateness(bus);
+}
+
+int main(int argc, char **argv) {
+  if (argc != 4) {
+    std::fprintf(stderr, "usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY\n");
+    return 64;
+  }
+  prepare_measuring();
+  daemon_program = argv[1];
+  bare_program = argv[2];
+  try {
+    compare_all(argv[3]);
+  } catch (const std::exception &trouble) {
+    std::fprintf(stderr, "compare: %s\n", trouble.what());
+    return 1;
+  }
   return 0;
 }

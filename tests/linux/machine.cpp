@@ -43,8 +43,8 @@ static sd_bus *control; // the case's own connection
 
 extern "C" {
 
-std::time_t time(std::time_t *out) noexcept {
-  return out == nullptr ? wall_clock : *out = wall_clock;
+std::time_t time(std::time_t *timer) noexcept {
+  return timer == nullptr ? wall_clock : *timer = wall_clock;
 }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *) {
@@ -73,6 +73,7 @@ std::uint32_t uptime() {
 
 std::string timers() {
   std::vector<int> seconds;
+  seconds.reserve(live_timers.size());
   for (const auto &live : live_timers)
     seconds.push_back(static_cast<int>(live->seconds));
   std::ranges::sort(seconds);

@@ -26,7 +26,6 @@ static auto find_live(const void *handle) {
 
 extern "C" {
 
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): reserved in the C library
 std::time_t time(std::time_t *timer) noexcept {
   timespec now{system_clock, 0};
   if (system_clock == 0)
