@@ -4,16 +4,16 @@
 //
 // Usage: bare_service [DATABASE]   without a database it only takes its name and answers
 
+#include <E_DBus.h>
+#include <Ecore.h>
+#include <sqlite3.h>
+
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <E_DBus.h>
-#include <Ecore.h>
-#include <sqlite3.h>
 
 static constexpr const char *kBusName = "org.olvara.tv.bare";
 static constexpr const char *kObjectPath = "/org/olvara/tv/bare";

@@ -3,6 +3,8 @@
 //
 // Usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY   in scripts/sandbox
 
+#include "measure.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -11,10 +13,7 @@
 #include <map>
 #include <optional>
 #include <stdexcept>
-
 #include <unistd.h>
-
-#include "measure.h"
 
 namespace fs = std::filesystem;
 

@@ -3,22 +3,22 @@
 //
 // Run through scripts/bench --single, which sees to the sandbox and to the log.
 
+#include "dravel-db.h"
+#include "dravel-item.h"
+#include "dravel-timer.h"
+#include "dravel-util.h"
+#include "measure.h"
+
+#include <Ecore.h>
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
 #include <string_view>
-
-#include <Ecore.h>
-#include <benchmark/benchmark.h>
-#include <sqlite3.h>
-
-#include "dravel-db.h"
-#include "dravel-item.h"
-#include "dravel-timer.h"
-#include "dravel-util.h"
-#include "measure.h"
 
 // An empty database beside the daemon's own.
 static constexpr const char *kSqlStore = "/opt/dbspace/sql.db";

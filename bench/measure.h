@@ -1,12 +1,12 @@
 // What the benchmarks share: clocks, the services that they measure and the timers that these hold.
 #pragma once
 
+#include "process.h"
+#include "store.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "process.h"
-#include "store.h"
 
 constexpr bus_target kBare = {"org.olvara.tv.bare", "/org/olvara/tv/bare", "org.olvara.tv.bare"};
 constexpr const char *kBareStore = "/opt/dbspace/bare.db";

@@ -6,12 +6,12 @@
 // load. Positions follow the next expiries at the moment of insertion.
 #pragma once
 
-#include <Eina.h>
-
 #include "dravel-api.h"
 #include "dravel-record.h"
 #include "dravel-state.h"
 #include "dravel-util.h"
+
+#include <Eina.h>
 
 // What can_skip_timer decides about one occurrence.
 enum skip_decision { SKIP_NO = 0, SKIP_REFUSED = 1, SKIP_MOVED = 2 };

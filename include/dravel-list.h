@@ -1,9 +1,9 @@
 // Walks the items of an Eina list in a range-based for.
 #pragma once
 
-#include <iterator>
-
 #include <Eina.h>
+
+#include <iterator>
 
 // The next node is read before an item is handled, so that the loop's body may
 // remove the item.

@@ -6,14 +6,14 @@
 // always disarmed before it is armed again or removed.
 #pragma once
 
-#include <Eina.h>
-#include <glib.h>
-
 #include "dravel-api.h"
 #include "dravel-record.h"
 #include "dravel-runtime.h"
 #include "dravel-state.h"
 #include "dravel-util.h"
+
+#include <Eina.h>
+#include <glib.h>
 
 struct settings_key;
 

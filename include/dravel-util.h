@@ -2,12 +2,12 @@
 // log lines. Has no state.
 #pragma once
 
-#include <cstdint>
-#include <ctime>
-
 #include "dravel-api.h"
 #include "dravel-bus.h"
 #include "dravel-log.h"
+
+#include <cstdint>
+#include <ctime>
 
 // Seconds since 1970-01-01 00:00:00, up to 2106.
 using time_value = std::uint32_t;

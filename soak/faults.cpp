@@ -5,21 +5,19 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sched.h>
 #include <set>
 #include <sstream>
+#include <standin.h>
 #include <stdexcept>
-#include <thread>
-
-#include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
-
-#include <standin.h>
 
 namespace fs = std::filesystem;
 

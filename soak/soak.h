@@ -1,15 +1,15 @@
 // What the endurance runs share: a daemon, its client, and the changes that it has acknowledged.
 #pragma once
 
+#include "process.h"
+#include "store.h"
+
 #include <map>
 #include <memory>
 #include <optional>
 #include <random>
 #include <span>
 #include <string>
-
-#include "process.h"
-#include "store.h"
 
 using timer_map = std::map<int, timer_words>; // by id
 

@@ -3,11 +3,11 @@
 
 #include "timers.h"
 
+#include <gio/gio.h>
+
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <gio/gio.h>
 
 constexpr int kExitUsage = 2;
 

@@ -2,7 +2,6 @@
 #include "command_line.h"
 
 #include <cstdlib>
-
 #include <fcntl.h>
 
 static double timeout_of(const std::string &text) {

@@ -1,11 +1,11 @@
 // monitor: one line for each expiry and each change, as they come.
 #include "commands.h"
 
+#include <glib-unix.h>
+
 #include <algorithm>
 #include <cstring>
 #include <ctime>
-
-#include <glib-unix.h>
 
 namespace {
 

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
 #include <unistd.h>
 
 static bool in_colour(std::FILE *out) {

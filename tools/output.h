@@ -5,11 +5,11 @@
 #include "client.h"
 #include "words.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdio>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 using json = nlohmann::ordered_json; // keeps the order in which it was built
 

@@ -1,14 +1,14 @@
 // backup, restore: a copy is checked before it replaces another.
 #include "commands.h"
 
+#include <sqlite3.h>
+
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-
-#include <fcntl.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;

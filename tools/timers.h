@@ -3,15 +3,15 @@
 // Times are civil: what the clock on the set's screen reads, without a zone.
 #pragma once
 
+#include <gio/gio.h>
+
 #include <chrono>
 #include <cstdint>
+#include <dravel-bus.h>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <dravel-bus.h>
-#include <gio/gio.h>
 
 using civil_time = std::chrono::sys_seconds;
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <clocale>
-
 #include <langinfo.h>
 
 using namespace std::chrono;

@@ -2,11 +2,11 @@
 // on the width of the C library's time_t. A time outside the range gives the nearer end of it.
 #pragma once
 
+#include <glib.h>
+
 #include <cstdint>
 #include <ctime>
 #include <limits>
-
-#include <glib.h>
 
 inline constexpr std::uint32_t kLastTimeValue = std::numeric_limits<std::uint32_t>::max();
 

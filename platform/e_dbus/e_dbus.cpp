@@ -1,8 +1,7 @@
 #include "E_DBus.h"
 
-#include <system_log.h>
-
 #include <Ecore.h>
+#include <system_log.h>
 
 #include <algorithm>
 #include <array>

@@ -5,17 +5,16 @@
 #include "journal.h"
 #include "screen.h"
 
-#include <glob.h>
-#include <linux/cec.h>
-#include <sys/epoll.h>
-#include <sys/inotify.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <glob.h>
+#include <linux/cec.h>
 #include <memory>
 #include <string>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <vector>

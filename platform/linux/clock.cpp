@@ -3,9 +3,8 @@
 #include "time_source.h"
 
 #include <CTimeUtil.h>
-#include <time_values.h>
-
 #include <glib.h>
+#include <time_values.h>
 
 #include <ctime>
 #include <fstream>

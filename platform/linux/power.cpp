@@ -11,12 +11,11 @@
 #include "targets.h"
 #include "time_source.h"
 
+#include <Ecore.h>
 #include <IPowerControl.h>
 #include <device_power.h>
 #include <screen_manager.h>
 #include <time_values.h>
-
-#include <Ecore.h>
 
 #include <ctime>
 
@@ -60,7 +59,8 @@ static void return_is_postponed() { return_to_sleep_after(configuration().return
 static off_action sleep_of_before() {
   if (was_booted)
     return off_action::kPoweroff;
-  return configuration().off == off_action::kHibernate ? off_action::kHibernate : off_action::kSuspend;
+  return configuration().off == off_action::kHibernate ? off_action::kHibernate
+                                                       : off_action::kSuspend;
 }
 
 static Eina_Bool return_to_sleep(void *) {

@@ -5,9 +5,9 @@
 #include "power.h"
 
 #include <Ecore.h>
-#include <linux/cec.h>
 
 #include <array>
+#include <linux/cec.h>
 
 static constexpr unsigned kAgainSeconds[] = {4, 8};
 static constexpr unsigned kGiveUpSeconds = 15;

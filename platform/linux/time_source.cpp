@@ -6,15 +6,14 @@
 #include "journal.h"
 
 #include <CTimeUtil.h>
+#include <Ecore.h>
 #include <KintoAPI.h>
 #include <settings.h>
-
-#include <Ecore.h>
-#include <sys/inotify.h>
 
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <sys/inotify.h>
 
 // timedated sends no signal when the clock becomes synchronised: it is asked again and again.
 static constexpr double kAskAgainSeconds = 10.0;

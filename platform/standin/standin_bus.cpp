@@ -1,7 +1,6 @@
 #include "standin_private.h"
 
 #include <E_DBus.h>
-
 #include <Ecore.h>
 
 #include <algorithm>

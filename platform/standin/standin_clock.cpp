@@ -1,11 +1,9 @@
-#include <CTimeUtil.h>
-#include <settings.h>
-
 #include "standin_private.h"
 
-#include <time_values.h>
-
+#include <CTimeUtil.h>
 #include <glib.h>
+#include <settings.h>
+#include <time_values.h>
 
 #include <memory>
 

@@ -1,15 +1,14 @@
 // The set's interfaces, answered from the record. An operation's own name, as
 // __func__ gives it, is the one by which it is refused.
+#include "standin_private.h"
+
+#include <CTimeUtil.h>
 #include <IPowerControl.h>
 #include <KintoAPI.h>
 #include <device_power.h>
 #include <screen_manager.h>
 #include <settings.h>
 #include <system_info.h>
-
-#include "standin_private.h"
-
-#include <CTimeUtil.h>
 
 #include <memory>
 #include <vector>

@@ -1,8 +1,7 @@
 #include "standin_private.h"
 
-#include <system_log.h>
-
 #include <glib.h>
+#include <system_log.h>
 
 #include <algorithm>
 #include <limits>

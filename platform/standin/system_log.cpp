@@ -1,8 +1,6 @@
-#include <system_log.h>
-
-#include <log_output.h>
-
 #include <glib.h>
+#include <log_output.h>
+#include <system_log.h>
 
 #include <cstdarg>
 #include <syslog.h>

@@ -1,13 +1,11 @@
+#include "bus.h"
 #include "life.h"
 
 #include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string_view>
-
 #include <sys/stat.h>
-
-#include "bus.h"
 
 namespace fs = std::filesystem;
 

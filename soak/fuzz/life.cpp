@@ -1,18 +1,18 @@
 #include "life.h"
 
+#include "dravel-list.h"
+#include "dravel-manager.h"
+
+#include <KintoAPI.h>
+#include <system_log.h>
+
 #include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
-#include <set>
-
-#include <KintoAPI.h>
 #include <sanitizer/lsan_interface.h>
-#include <system_log.h>
+#include <set>
 #include <unistd.h>
-
-#include "dravel-list.h"
-#include "dravel-manager.h"
 
 static constexpr unsigned kInputsPerLeakCheck = 500;
 static constexpr int kMaxSteps = 100;

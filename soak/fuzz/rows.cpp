@@ -2,11 +2,11 @@
 // which columns and rows, and what has damaged the files since.
 #include "life.h"
 
+#include <sqlite3.h>
+
 #include <filesystem>
 #include <fstream>
 #include <memory>
-
-#include <sqlite3.h>
 
 namespace fs = std::filesystem;
 

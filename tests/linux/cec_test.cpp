@@ -2,12 +2,11 @@
 // something to fetch, and the kernel's answers to what is asked of it.
 #include "machine.h"
 
-#include <linux/cec.h>
-
 #include <algorithm>
 #include <cstdarg>
 #include <deque>
 #include <fcntl.h>
+#include <linux/cec.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>

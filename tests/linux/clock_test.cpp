@@ -1,6 +1,5 @@
-#include "machine.h"
-
 #include "configuration.h"
+#include "machine.h"
 
 #include <CTimeUtil.h>
 #include <settings.h>

@@ -5,10 +5,9 @@
 #include "start.h"
 #include "state.h"
 
+#include <Ecore.h>
 #include <KintoAPI.h>
 #include <settings.h>
-
-#include <Ecore.h>
 
 #include <algorithm>
 #include <cstdarg>

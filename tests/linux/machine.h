@@ -9,7 +9,6 @@
 
 #include <IPowerControl.h>
 #include <device_power.h>
-
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 

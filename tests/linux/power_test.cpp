@@ -1,5 +1,4 @@
 #include "machine.h"
-
 #include "state.h"
 
 #include <screen_manager.h>

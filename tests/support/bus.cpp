@@ -1,13 +1,13 @@
 #include "bus.h"
 
+#include <gio/gio.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
-
-#include <gio/gio.h>
 
 static message own(DBusMessage *owned) { return message(owned); }
 

@@ -1,17 +1,17 @@
 // A blocking client on the sandbox's bus. Throws where a call goes wrong.
 #pragma once
 
+#include "times.h"
+
+#include <dbus/dbus.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
 #include <string>
-#include <vector>
-
-#include <dbus/dbus.h>
 #include <sys/types.h>
-
-#include "times.h"
+#include <vector>
 
 constexpr const char *kSandboxBus = "unix:path=/run/bench/bus";
 constexpr int kDeadlineMs = 30000; // only ever reached by a failure

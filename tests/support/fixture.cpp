@@ -1,13 +1,13 @@
 #include "fixture.h"
 
+#include "dravel-manager.h"
+
+#include <glib.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <utility>
-
-#include <glib.h>
-
-#include "dravel-manager.h"
 
 std::string armed(int timer_id) {
   void *handle = g_hash_table_lookup(scheduled_timer_table, GINT_TO_POINTER(timer_id));

@@ -2,12 +2,6 @@
 // store is new, the daemon has started, nothing is listed, armed or programmed.
 #pragma once
 
-#include <optional>
-#include <span>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "bus.h"
 #include "dravel-cb.h"
 #include "dravel-db.h"
@@ -17,6 +11,12 @@
 #include "standin.h"
 #include "store.h"
 #include "times.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <span>
+#include <string>
 
 void set_clocks(const std::string &tv, const std::string &system, const std::string &rtc);
 void set_now(const std::string &when);

@@ -1,5 +1,11 @@
 #include "loop.h"
 
+#include "dravel-bus.h"
+#include "standin.h"
+
+#include <gtest/gtest.h>
+#include <system_log.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdarg>
@@ -7,12 +13,6 @@
 #include <cstdlib>
 #include <string_view>
 #include <utility>
-
-#include <gtest/gtest.h>
-#include <system_log.h>
-
-#include "dravel-bus.h"
-#include "standin.h"
 
 static std::vector<std::unique_ptr<loop_timer>> timers;
 static std::vector<std::pair<Ecore_Task_Cb, void *>> idle_steps;

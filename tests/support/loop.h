@@ -3,13 +3,13 @@
 // is an allocation of its own, so that the sanitizers see what becomes of it.
 #pragma once
 
+#include <E_DBus.h>
+#include <Ecore.h>
+
 #include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <E_DBus.h>
-#include <Ecore.h>
 
 struct loop_timer {
   double seconds;

@@ -6,16 +6,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <stdexcept>
-#include <utility>
-
-#include <fcntl.h>
 #include <spawn.h>
+#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 static constexpr useconds_t kPollUs = 500;
 

@@ -1,11 +1,11 @@
 // Processes, and the daemon as one.
 #pragma once
 
+#include "bus.h"
+
 #include <string>
 #include <utility>
 #include <vector>
-
-#include "bus.h"
 
 // A program with its standard error in a file. Ended with SIGTERM at the latest by its destructor,
 // which ends the whole run unless that gives status 0.

@@ -1,12 +1,12 @@
 #include "store.h"
 
+#include <sqlite3.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
-
-#include <sqlite3.h>
 
 namespace fs = std::filesystem;
 

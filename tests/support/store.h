@@ -1,10 +1,10 @@
 // The daemon's files in the sandbox.
 #pragma once
 
-#include <string>
-
 #include "dravel-db.h"
 #include "dravel-runtime.h"
+
+#include <string>
 
 // Throws outside the sandbox, where the files and the bus are the machine's own.
 void require_sandbox();

@@ -1,12 +1,12 @@
 // Times as text, and the timers that tests set.
 #pragma once
 
+#include "dravel-record.h"
+
 #include <array>
 #include <cstdint>
 #include <ctime>
 #include <string>
-
-#include "dravel-record.h"
 
 // Times are written as "15 12:00", a day of December 2026, or in full as "2027-01-31 12:00"; either
 // may have seconds. "" is a clock that cannot be read.

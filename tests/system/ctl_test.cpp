@@ -1,11 +1,11 @@
 // What a person at the shell gets from dravelctl, and from the clients that docs/client.md gives.
 #include "daemon.h"
 
+#include <gmock/gmock.h>
+
 #include <csignal>
 #include <fstream>
 #include <iterator>
-
-#include <gmock/gmock.h>
 #include <sys/wait.h>
 
 namespace {

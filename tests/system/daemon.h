@@ -1,15 +1,15 @@
 // The real daemon on the private bus, and what a client and a pretend set see of it.
 #pragma once
 
-#include <optional>
-#include <string>
-#include <vector>
+#include "process.h"
+#include "store.h"
 
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-#include "process.h"
-#include "store.h"
+#include <optional>
+#include <string>
+#include <vector>
 
 using strings = std::vector<std::string>;
 

@@ -1,13 +1,12 @@
 #include <E_DBus.h>
-
 #include <Ecore.h>
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <string>
+#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 

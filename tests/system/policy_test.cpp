@@ -3,7 +3,6 @@
 #include "daemon.h"
 
 #include <fstream>
-
 #include <unistd.h>
 
 namespace {

@@ -2,7 +2,6 @@
 #include "daemon.h"
 
 #include <filesystem>
-
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;

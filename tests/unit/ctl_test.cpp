@@ -1,9 +1,8 @@
 // What dravelctl computes by itself, held against the daemon's figures.
 #include "fixture.h"
+#include "timers.h"
 
 #include <random>
-
-#include "timers.h"
 
 class Tool : public CleanSet {
 protected:

@@ -1,8 +1,7 @@
+#include "dravel-state.h"
 #include "fixture.h"
 
 #include <functional>
-
-#include "dravel-state.h"
 
 class State : public CleanSet {};
 

@@ -1,10 +1,10 @@
 #include "fixture.h"
 
-#include <filesystem>
-#include <fstream>
-
 #include <KintoAPI.h>
 #include <settings.h>
+
+#include <filesystem>
+#include <fstream>
 
 namespace fs = std::filesystem;
 
