@@ -243,8 +243,9 @@ class Ledger:
         self.timers, self.begun, self.highest = set(), None, 0
 
     def read(self, output):
-        """Takes in what is acknowledged; returns how many changes. A line may be cut off."""
-        changes = re.findall(r"^([?+-])(\d+)\n", output, re.MULTILINE)
+        """Takes in what is acknowledged; returns how many changes. The last line may be cut off, and
+        the shell's prompt may stand before the first."""
+        changes = re.findall(r"(?:^|\s)([?+-])(\d+)(?=\n)", output)
         for mark, timer in changes:
             if mark == "?":
                 self.begun = int(timer)
@@ -274,6 +275,8 @@ def killed(lab, asked, rounds):
         gone, more = ledger.judge(listed)
         lost += len(gone)
         returned += len(more)
+        if gone or more:
+            lab.tell(f"kill {count}: lost {sorted(gone)}, back {more}, after {output[-200:]!r}")
     lab.row(f"{asked} {count} times during changes",
             f"{changes} acknowledged changes, {lost + returned} lost",
             changes > 3 * count and lost + returned == 0)

@@ -37,6 +37,11 @@ class Laboratory:
                        "ok" if passed else "FAILED")
 
     @staticmethod
+    def tell(text):
+        """Says more about a failure than its row does."""
+        print(f"          {text}", flush=True)
+
+    @staticmethod
     def print_row(case, asked, seen, late, result):
         print(f"{case:<9} {asked:<64} {seen:<44} {late:>7}  {result}".rstrip(), flush=True)
 
