@@ -63,7 +63,7 @@ void keep_wake_up(const wake_up &wake) {
 
 wake_up kept_wake_up() {
   g_autoptr(GKeyFile) file = g_key_file_new();
-  if (!g_key_file_load_from_file(file, wake_up_file().c_str(), G_KEY_FILE_NONE, nullptr))
+  if (g_key_file_load_from_file(file, wake_up_file().c_str(), G_KEY_FILE_NONE, nullptr) == 0)
     return {};
   const auto value = [&](const char *key) {
     return static_cast<std::uint32_t>(g_key_file_get_uint64(file, kGroup, key, nullptr));
