@@ -68,7 +68,7 @@ static std::string zsh_text(const std::string &text) {
 }
 
 static void write_zsh(const entry &entry, const std::vector<const CLI::Option *> &options) {
-  std::cout << "    '" << entry.path << "') specs=(";
+  std::cout << "    '" << entry.path << "') flags=(";
   for (const CLI::Option *option : options) {
     const std::string help = zsh_text(option->get_description());
     if (option->get_positional())

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+#include <syslog.h>
 #include <unistd.h>
 
 static bool stderr_wanted() {
@@ -20,9 +21,24 @@ system_log_priority threshold_from_environment(system_log_priority otherwise) {
   return wanted == "error" ? SYSTEM_LOG_ERROR : otherwise;
 }
 
-void copy_to_stderr(const char *tag, const char *text) {
+int syslog_level(system_log_priority priority) {
+  switch (priority) {
+  case SYSTEM_LOG_DEBUG:
+    return LOG_DEBUG;
+  case SYSTEM_LOG_INFO:
+    return LOG_INFO;
+  default:
+    return LOG_ERR;
+  }
+}
+
+bool is_copied_to_stderr() {
   static const bool wanted = stderr_wanted();
-  if (!wanted)
+  return wanted;
+}
+
+void copy_to_stderr(const char *tag, const char *text) {
+  if (!is_copied_to_stderr())
     return;
   std::string_view line = text;
   while (line.ends_with('\n')) // some texts bring their own

@@ -6,4 +6,8 @@
 
 system_log_priority threshold_from_environment(system_log_priority otherwise);
 
-void copy_to_stderr(const char *tag, const char *text);
+// The syslog level of a line.
+int syslog_level(system_log_priority priority);
+
+bool is_copied_to_stderr();
+void copy_to_stderr(const char *tag, const char *text); // when it is

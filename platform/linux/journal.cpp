@@ -27,14 +27,9 @@ static bool tells_of_failure(const char *format) {
 }
 
 static int journal_priority(system_log_priority priority, const char *tag, const char *format) {
-  switch (priority) {
-  case SYSTEM_LOG_DEBUG:
-    return LOG_DEBUG;
-  case SYSTEM_LOG_INFO:
-    return LOG_INFO;
-  default:
-    return tag == kDaemonTag && !tells_of_failure(format) ? LOG_NOTICE : LOG_ERR;
-  }
+  if (priority == SYSTEM_LOG_ERROR && tag == kDaemonTag && !tells_of_failure(format))
+    return LOG_NOTICE;
+  return syslog_level(priority);
 }
 
 static void write_line(system_log_priority priority, const char *tag, const char *format,

@@ -12,18 +12,9 @@ system_log_priority system_log_threshold = threshold_from_environment(SYSTEM_LOG
 // with 80 timers writes hundreds.
 static const bool kIsReceived = access(_PATH_LOG, F_OK) == 0;
 
-static int syslog_level(system_log_priority priority) {
-  switch (priority) {
-  case SYSTEM_LOG_DEBUG:
-    return LOG_DEBUG;
-  case SYSTEM_LOG_INFO:
-    return LOG_INFO;
-  default:
-    return LOG_ERR;
-  }
-}
-
 void system_log_print(system_log_priority priority, const char *tag, const char *format, ...) {
+  if (!kIsReceived && !is_copied_to_stderr())
+    return;
   va_list arguments;
   va_start(arguments, format);
   g_autofree char *text = g_strdup_vprintf(format, arguments);
