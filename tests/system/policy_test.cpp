@@ -34,6 +34,43 @@ std::string start_bus() {
       std::string(kPolicyBus));
 }
 
+static const std::string kName = "org.olvara.tv.system.dravel ";
+static const std::string kService = kName + "/org/olvara/tv/system/dravel " + kName;
+static const std::string kState = kName + "/org/olvara/tv/system/dravel/state ";
+static const std::string kSet = kName + "/org/olvara/tv/standin ";
+static const std::string kIntrospect = "org.freedesktop.DBus.Introspectable Introspect";
+static const struct {
+  std::string method;
+  const char *arguments;
+  caller least;
+} kCalls[] = {
+    {kService + "request_timer_list", " i 0", LOCAL_USER},
+    {kService + "dravel_get_timer_by_id", " i 1", LOCAL_USER},
+    {kService + "request_wakeup_timer", " i 0", LOCAL_USER},
+    {kService + "request_disabled_period_list", " i 0", LOCAL_USER},
+    {kService + "request_get_timers_halt_effect", " i 0", LOCAL_USER},
+    {kName + "/org/olvara/tv/system/dravel " + kIntrospect, "", LOCAL_USER},
+    {kState + kIntrospect, "", LOCAL_USER},
+    {kState + "org.freedesktop.DBus.Properties GetAll", " s org.olvara.tv.system.dravel.state",
+     LOCAL_USER},
+    {kState + "org.freedesktop.DBus.Properties Get", " ss org.olvara.tv.system.dravel.state Armed",
+     LOCAL_USER},
+    {kService + "schedule_timer", " iiiiiiiiiiiiiii 0 0 0 0 99 0 1 0 0 0 0 0 0 0 0", MEMBER},
+    {kService + "cancel_timer", " i 1", MEMBER},
+    {kService + "request_halt_ontimers", " i 0", MEMBER},
+    {kService + "request_halt_offtimers", " i 0", MEMBER},
+    {kService + "request_set_disable_period",
+     " iiiiiiiiiiiiiiiiiiii 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0", MEMBER},
+    {kService + "request_remove_disabled_period", " i 9", MEMBER},
+    {kService + "request_set_disable_period_effect", " ii 1 1", MEMBER},
+    {kService + "request_copy_db", " is 0 /run/bench", ROOT},
+    {kSet + kIntrospect, "", ROOT},
+    {kSet + "org.olvara.tv.standin TimeSet", "", ROOT},
+    {kSet + "org.freedesktop.DBus.Properties GetAll", " s org.olvara.tv.standin", ROOT},
+    {"org.freedesktop.DBus / org.freedesktop.DBus RequestName", " su org.olvara.tv.system.dravel 0",
+     ROOT},
+};
+
 class Policy : public daemon_test {};
 
 TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
@@ -43,49 +80,13 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
   launch(kPolicyBus, "");
   wait_log("end scheduling...");
 
-  const std::string name = "org.olvara.tv.system.dravel ";
-  const std::string service = name + "/org/olvara/tv/system/dravel " + name;
-  const std::string state = name + "/org/olvara/tv/system/dravel/state ";
-  const std::string set = name + "/org/olvara/tv/standin ";
-  const std::string introspect = "org.freedesktop.DBus.Introspectable Introspect";
-  const struct {
-    std::string method;
-    const char *arguments;
-    caller least;
-  } calls[] = {
-      {service + "request_timer_list", " i 0", LOCAL_USER},
-      {service + "dravel_get_timer_by_id", " i 1", LOCAL_USER},
-      {service + "request_wakeup_timer", " i 0", LOCAL_USER},
-      {service + "request_disabled_period_list", " i 0", LOCAL_USER},
-      {service + "request_get_timers_halt_effect", " i 0", LOCAL_USER},
-      {name + "/org/olvara/tv/system/dravel " + introspect, "", LOCAL_USER},
-      {state + introspect, "", LOCAL_USER},
-      {state + "org.freedesktop.DBus.Properties GetAll", " s org.olvara.tv.system.dravel.state",
-       LOCAL_USER},
-      {state + "org.freedesktop.DBus.Properties Get", " ss org.olvara.tv.system.dravel.state Armed",
-       LOCAL_USER},
-      {service + "schedule_timer", " iiiiiiiiiiiiiii 0 0 0 0 99 0 1 0 0 0 0 0 0 0 0", MEMBER},
-      {service + "cancel_timer", " i 1", MEMBER},
-      {service + "request_halt_ontimers", " i 0", MEMBER},
-      {service + "request_halt_offtimers", " i 0", MEMBER},
-      {service + "request_set_disable_period",
-       " iiiiiiiiiiiiiiiiiiii 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0", MEMBER},
-      {service + "request_remove_disabled_period", " i 9", MEMBER},
-      {service + "request_set_disable_period_effect", " ii 1 1", MEMBER},
-      {service + "request_copy_db", " is 0 /run/bench", ROOT},
-      {set + introspect, "", ROOT},
-      {set + "org.olvara.tv.standin TimeSet", "", ROOT},
-      {set + "org.freedesktop.DBus.Properties GetAll", " s org.olvara.tv.standin", ROOT},
-      {"org.freedesktop.DBus / org.freedesktop.DBus RequestName",
-       " su org.olvara.tv.system.dravel 0", ROOT},
-  };
   const std::string unreadable = "failed to get dbus message args";
-  for (const auto &call : calls)
+  for (const auto &call : kCalls)
     for (int who = LOCAL_USER; who < CALLERS; ++who) {
       SCOPED_TRACE(kAsCaller[who] + call.method);
       const bool allowed = who >= call.least;
       // A refused call is one that the daemon could not have read without complaint.
-      const bool ours = call.method.find(service) == 0;
+      const bool ours = call.method.find(kService) == 0;
       const std::string said =
           run(kAsCaller[who] + ("busctl --address=" + std::string(kPolicyBus)) + " call " +
               call.method + (allowed || !ours ? call.arguments : " s refused"));
@@ -99,7 +100,7 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
                 .find("only root and the members of the group dravel may"),
             std::string::npos);
   EXPECT_EQ(times_logged(unreadable), 0);
-  run("busctl --address=" + std::string(kPolicyBus) + " call " + service +
+  run("busctl --address=" + std::string(kPolicyBus) + " call " + kService +
       "request_halt_ontimers s x");
   wait_log(unreadable);
   EXPECT_EQ(times_logged(unreadable), 1);
