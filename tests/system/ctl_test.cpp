@@ -175,7 +175,7 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
       {"", "ctl juggle", 2, "juggle"},
       {"", "dravelctl --timeout 0 list", 2, "from 0.001"},
       {"", "ctl list >/dev/full", 1, "No space left on device"},
-      {"", "ctl list >&-", 1, "Bad file descriptor"},
+      {"", "ctl list >&-", 1, "cannot write the output"},
       {"kill -STOP $(daemon_pid)", "ctl; status=$?; kill -CONT $(daemon_pid); exit $status", 1,
        "did not answer within 0.5 seconds"},
   });
