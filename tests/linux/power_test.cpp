@@ -102,7 +102,7 @@ TEST_P(Booting, IsCreditedByWhatTheLastRunLeft) {
 INSTANTIATE_TEST_SUITE_P(, Booting,
                          testing::Values(waking{"ByTheAlarm", kOther, -60, 33, 2, "", ""},
                                          waking{"ByTheUser", kOther, -100, 0, 0, "", ""},
-                                         waking{"Later", kOther, 301, 0, 0, "", ""}),
+                                         waking{"Later", kOther, 305, 0, 0, "", ""}),
                          [](const auto &test) { return std::string(test.param.name); });
 
 struct kept_awake {
