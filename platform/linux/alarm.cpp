@@ -4,95 +4,137 @@
 #include "configuration.h"
 #include "journal.h"
 
+#include <Ecore.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 
-// An alarm that is nearer might go off before the machine sleeps.
+// An alarm that is nearer might go off before the machine sleeps, or while it still shuts down.
 static constexpr std::uint32_t kLeastAheadSeconds = 5;
+static constexpr std::uint32_t kLeastAheadOfBootSeconds = 60;
 // The system clock and the real-time clock change their seconds at different moments.
 static constexpr std::uint32_t kClockSlackSeconds = 2;
+static constexpr double kRetrySeconds = 1.0;
 
 static rtc_device *device;
 static wake_up programmed;
 static wake_kind kind = wake_kind::kResume;
+static Ecore_Timer *retry_timer; // after EBUSY
+static bool is_retry;
 
 static std::uint32_t now() { return static_cast<std::uint32_t>(std::time(nullptr)); }
 
-static std::uint32_t lead() {
-  return kind == wake_kind::kBoot ? configuration().lead_poweroff : configuration().lead_suspend;
-}
-
 static std::uint32_t alarm_for(std::uint32_t on_time) {
-  return std::max(on_time - std::min(on_time, lead()), now() + kLeastAheadSeconds);
+  const bool boots = kind == wake_kind::kBoot;
+  const std::uint32_t lead = boots ? configuration().lead_poweroff : configuration().lead_suspend;
+  const std::uint32_t least_ahead = boots ? kLeastAheadOfBootSeconds : kLeastAheadSeconds;
+  return std::max(on_time - std::min(on_time, lead), now() + least_ahead);
 }
 
-static int refused(const char *what) {
-  report("%s: %s: %s; the machine is not woken by it", configuration().rtc.c_str(), what,
-         std::strerror(errno));
-  return -1;
+// --- the device ---
+
+static Eina_Bool try_again(void *);
+
+static void stop_retry() {
+  if (retry_timer != nullptr)
+    ecore_timer_del(retry_timer);
+  retry_timer = nullptr;
 }
 
-static int switch_off() {
-  if (!device->exists() || !device->read_alarm() || device->clear_alarm())
-    return 0;
-  return refused("the alarm is not switched off");
+// Always false. Another program that has the device open usually closes it soon.
+static bool refused(const char *what) {
+  if (errno == EBUSY && !is_retry)
+    retry_timer = ecore_timer_add(kRetrySeconds, try_again, nullptr);
+  else
+    report("%s: %s: %s; the machine is not woken by it", configuration().rtc.c_str(), what,
+           std::strerror(errno));
+  return false;
 }
 
-// The alarm is set by its distance from now, so that a wrong clock of the device does not matter.
-// One that the device has already is left: the daemon programs once for each off-timer.
-static int write_alarm(std::uint32_t alarm) {
-  if (!device->exists())
-    return 0;
+static bool switch_off() {
+  std::optional<std::int64_t> alarm;
+  if (device->read_alarm(alarm) && !alarm)
+    return true;
+  return device->clear_alarm() || refused("the alarm is not switched off");
+}
+
+// The daemon programs the same alarm once for each off-timer: one that the device has is left.
+static bool write_alarm(std::uint32_t alarm) {
   const auto clock = device->read_clock();
   if (!clock)
     return refused("the clock cannot be read");
+  // The device's clock may be wrong: the alarm is as far ahead on it as on the system clock.
   const std::int64_t time = *clock + (std::int64_t{alarm} - now());
-  if (device->read_alarm() == time)
-    return 0;
+  std::optional<std::int64_t> found;
+  if (device->read_alarm(found) && found == time)
+    return true;
   if (!device->set_alarm(time))
     return refused("the alarm is not set");
+  if (!device->read_alarm(found))
+    return refused("the alarm cannot be read back");
   errno = EIO;
-  if (device->read_alarm() != time)
-    return refused("the alarm reads back differently");
-  return 0;
+  return found == time || refused("the alarm reads back differently");
 }
 
-static int program(std::uint32_t type, std::uint32_t on_time) {
-  if (on_time <= now()) {
-    programmed = {};
-    keep_wake_up(programmed);
-    return switch_off();
-  }
-  programmed = {type, on_time, alarm_for(on_time)};
+// --- what is programmed ---
+
+static int program(wake_up wanted) {
+  stop_retry();
+  if (wanted.on_time <= now())
+    wanted = {};
+  else
+    wanted.alarm = alarm_for(wanted.on_time);
+  const bool exists = device->exists();
+  const bool done = exists && (wanted.on_time == 0 ? switch_off() : write_alarm(wanted.alarm));
+  if (!done)
+    wanted.alarm = 0;
+  programmed = wanted;
   keep_wake_up(programmed);
-  return write_alarm(programmed.alarm);
+  return done || !exists || retry_timer != nullptr ? 0 : -1;
+}
+
+static Eina_Bool try_again(void *) {
+  retry_timer = nullptr;
+  is_retry = true;
+  program(programmed);
+  is_retry = false;
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static void look_for_device() {
+  if (!device->exists())
+    report("%s: there is no real-time clock; the machine is not woken for on-timers",
+           configuration().rtc.c_str());
 }
 
 wake_up start_alarm(rtc_device &rtc) {
   device = &rtc;
-  programmed = {};
   const wake_up left = kept_wake_up();
-  if (!device->exists())
-    report("%s: there is no real-time clock; the machine is not woken for on-timers",
-           configuration().rtc.c_str());
+  look_for_device();
   clear_alarm();
   return left;
 }
 
-int set_alarm(std::uint32_t type, std::uint32_t on_time) { return program(type, on_time); }
+int set_alarm(std::uint32_t type, std::uint32_t on_time) { return program({type, on_time, 0}); }
 
-int clear_alarm() {
-  programmed = {};
-  keep_wake_up(programmed);
-  return switch_off();
+int clear_alarm() { return program({}); }
+
+void release_device() {
+  if (device->exists())
+    switch_off();
+}
+
+void take_device() {
+  look_for_device();
+  program(programmed);
 }
 
 void change_alarm_lead(wake_kind new_kind) {
   kind = new_kind;
   if (programmed.on_time != 0)
-    program(programmed.type, programmed.on_time);
+    program(programmed);
 }
 
 const wake_up &programmed_wake_up() { return programmed; }

@@ -14,9 +14,15 @@ inline constexpr std::uint32_t kLatestSeconds = 300;
 wake_up start_alarm(rtc_device &rtc);
 
 // Programs `on_time`, UTC, for a timer of `type`. Returns 0, also for an on-time that is past,
-// which is not set, and on a machine without the device; -1 when the device refuses.
+// which is not set, on a machine without the device, and while the device is busy: then it is tried
+// once more. -1 when the device refuses.
 int set_alarm(std::uint32_t type, std::uint32_t on_time);
 int clear_alarm();
+
+// For a change of the configured device: switches the alarm of the old one off; programs again, on
+// the new one, what was programmed.
+void release_device();
+void take_device();
 
 // Programs again what is programmed, with the lead for `kind` from now on.
 void change_alarm_lead(wake_kind kind);

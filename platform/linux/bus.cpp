@@ -4,6 +4,7 @@
 
 #include <Ecore.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <string>
@@ -29,42 +30,65 @@ static Eina_Bool main_loop_is_idle(void *) {
 
 sd_event *bus_events() { return events; }
 
-void start_bus() {
-  sd_event_new(&events);
+static int open_bus() {
+  int result = sd_event_new(&events);
+  if (result < 0)
+    return result;
   ecore_main_fd_handler_add(sd_event_get_fd(events), ECORE_FD_READ, events_pending, nullptr,
                             nullptr, nullptr);
   ecore_idle_enterer_add(main_loop_is_idle, nullptr);
-  const int result = sd_bus_open_system(&bus);
-  if (result < 0) {
-    report("no system bus: %s; the machine is neither sent to sleep nor heard going there",
-           std::strerror(-result));
+  result = sd_bus_open_system(&bus);
+  return result < 0 ? result : sd_bus_attach_event(bus, events, SD_EVENT_PRIORITY_NORMAL);
+}
+
+void start_bus() {
+  const int result = open_bus();
+  if (result >= 0)
     return;
-  }
-  sd_bus_attach_event(bus, events, SD_EVENT_PRIORITY_NORMAL);
+  report("no system bus: %s; the machine is not sent to sleep, its sleep is not noticed",
+         std::strerror(-result));
+  bus = sd_bus_unref(bus);
 }
 
 void bus_call(const bus_service &service, const char *member, sd_bus_message_handler_t answered,
               const char *types, ...) {
-  if (bus == nullptr)
-    return;
-  va_list arguments;
-  va_start(arguments, types);
-  sd_bus_call_method_asyncv(bus, nullptr, service.name, service.path, service.interface, member,
-                            answered, nullptr, types, arguments);
-  va_end(arguments);
+  int result = -ENOTCONN;
+  if (bus != nullptr) {
+    va_list arguments;
+    va_start(arguments, types);
+    result = sd_bus_call_method_asyncv(bus, nullptr, service.name, service.path, service.interface,
+                                       member, answered, nullptr, types, arguments);
+    va_end(arguments);
+    if (result < 0)
+      report("%s: %s: %s", service.name, member, std::strerror(-result));
+  }
+  if (result < 0)
+    answered(nullptr, nullptr, nullptr);
 }
 
-void bus_get_property(const bus_service &service, const char *property,
-                      sd_bus_message_handler_t answered) {
-  const bus_service properties = {service.name, service.path, "org.freedesktop.DBus.Properties"};
-  bus_call(properties, "Get", answered, "ss", service.interface, property);
+static bus_service properties_of(const bus_service &service) {
+  return {service.name, service.path, "org.freedesktop.DBus.Properties"};
+}
+
+void bus_get_properties(const bus_service &service, sd_bus_message_handler_t answered) {
+  bus_call(properties_of(service), "GetAll", answered, "s", service.interface);
+}
+
+static void check_watch(const bus_service &service, int result) {
+  if (result < 0)
+    report("%s: %s; its signals are not received", service.name, std::strerror(-result));
 }
 
 void bus_watch_signal(const bus_service &service, const char *member,
                       sd_bus_message_handler_t received) {
   if (bus != nullptr)
-    sd_bus_match_signal_async(bus, nullptr, service.name, service.path, service.interface, member,
-                              received, nullptr, nullptr);
+    check_watch(service,
+                sd_bus_match_signal_async(bus, nullptr, service.name, service.path,
+                                          service.interface, member, received, nullptr, nullptr));
+}
+
+void bus_watch_properties(const bus_service &service, sd_bus_message_handler_t changed) {
+  bus_watch_signal(properties_of(service), "PropertiesChanged", changed);
 }
 
 static int owner_changed(sd_bus_message *message, void *data, sd_bus_error *) {
@@ -82,8 +106,8 @@ void bus_watch_service(const bus_service &service, void (*appeared)()) {
                             "path='/org/freedesktop/DBus',interface='org.freedesktop.DBus',"
                             "member='NameOwnerChanged',arg0='" +
                             std::string(service.name) + "'";
-  sd_bus_add_match_async(bus, nullptr, match.c_str(), owner_changed, nullptr,
-                         reinterpret_cast<void *>(appeared));
+  check_watch(service, sd_bus_add_match_async(bus, nullptr, match.c_str(), owner_changed, nullptr,
+                                              reinterpret_cast<void *>(appeared)));
   appeared();
 }
 
@@ -101,6 +125,8 @@ void bus_read_properties(sd_bus_message *message, property_reader take) {
 }
 
 bool bus_refused(sd_bus_message *reply, const bus_service &service, const char *consequence) {
+  if (reply == nullptr)
+    return true;
   const sd_bus_error *error = sd_bus_message_get_error(reply);
   if (error != nullptr)
     report("%s: %s; %s", service.name, error->message, consequence);

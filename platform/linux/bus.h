@@ -1,5 +1,5 @@
 // The platform's own connection to the system bus, run from the Ecore main loop. No function waits
-// for a reply. Without a bus the functions do nothing.
+// for a reply.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -23,21 +23,25 @@ void start_bus();
 // The event loop behind the connection, for other files to be watched with.
 sd_event *bus_events();
 
-// `answered` gets the reply or the error; null: neither is looked at.
+// `answered` gets the reply or the error, or null when the call cannot be sent, which is reported.
 void bus_call(const bus_service &service, const char *member, sd_bus_message_handler_t answered,
               const char *types, ...);
-void bus_get_property(const bus_service &service, const char *property,
-                      sd_bus_message_handler_t answered);
+
+// The reply is for bus_read_properties.
+void bus_get_properties(const bus_service &service, sd_bus_message_handler_t answered);
+
 void bus_watch_signal(const bus_service &service, const char *member,
                       sd_bus_message_handler_t received);
+void bus_watch_properties(const bus_service &service, sd_bus_message_handler_t changed);
 
 // Calls `appeared` now, and again each time the service gets a new owner.
 void bus_watch_service(const bus_service &service, void (*appeared)());
 
-// Calls `take` for each pair of an array of names and variants. It reads the variant and returns
-// true, or returns false and leaves it.
+// Calls `take` for each property in an array of names and values. `take` either reads the value as
+// a variant and returns true, or reads nothing and returns false.
 using property_reader = bool (*)(const char *name, sd_bus_message *value);
 void bus_read_properties(sd_bus_message *message, property_reader take);
 
-// True for an error, which is logged as "SERVICE: ERROR: consequence".
+// True for an error, which is logged as "SERVICE: ERROR; consequence", and for a call that was not
+// sent.
 bool bus_refused(sd_bus_message *reply, const bus_service &service, const char *consequence);

@@ -53,6 +53,7 @@ public:
   void start() override;
   bool prepare() override;
   std::uint16_t physical_address() override;
+  bool is_claiming() override;
   void send(std::uint8_t destination, std::span<const std::uint8_t> message) override;
 };
 
@@ -69,10 +70,14 @@ cec_device::cec_device(const char *device_path)
     return;
   }
   // Not exclusive: other programs may use the device. An exclusive follower among them gets all
-  // messages but the replies to ours.
+  // messages but the replies to ours; the mode is refused then, and that is no failure.
   std::uint32_t mode = CEC_MODE_INITIATOR | CEC_MODE_FOLLOWER;
   ioctl(fd, CEC_S_MODE, &mode);
-  sd_event_add_io(bus_events(), &source, fd, EPOLLIN | EPOLLPRI, device_ready, this);
+  const int result =
+      sd_event_add_io(bus_events(), &source, fd, EPOLLIN | EPOLLPRI, device_ready, this);
+  if (result < 0)
+    report("%s: %s; the television's messages are not received", device_path,
+           std::strerror(-result));
   look();
 }
 
@@ -106,7 +111,9 @@ void cec_device::look() {
   is_configured = found.num_log_addrs > 0;
   is_ours = is_ours && is_configured;
   logical = is_configured && found.log_addr_mask != 0 ? found.log_addr[0] : kNoLogicalAddress;
-  if (physical != before) // else another program is about to configure it
+  // With the same cable, another program has just taken its own configuration away to set a new
+  // one.
+  if (physical != before)
     claim();
 }
 
@@ -124,7 +131,8 @@ static void transmit(const cec_device &device, std::uint8_t destination,
     note("%s: message %#04x: %s", device.path.c_str(), message[0], std::strerror(errno));
 }
 
-// Called only when the logical address is ours: otherwise its owner answers.
+// Called only when the logical address is ours: otherwise its owner answers. A sender without an
+// address of its own cannot be answered.
 static void answer(const cec_device &device, const cec_msg &message) {
   const auto sender = static_cast<std::uint8_t>(message.msg[0] >> 4);
   const std::uint8_t opcode = message.msg[1];
@@ -138,14 +146,15 @@ static void answer(const cec_device &device, const cec_msg &message) {
 }
 
 static void message_received(const cec_device &device, const cec_msg &message) {
-  const bool is_sent_one = message.tx_status != 0;
+  const bool is_reply = message.tx_status != 0; // to a message that was sent
   if ((message.rx_status & CEC_RX_STATUS_OK) == 0 || message.len < 2)
     return; // the status of a message that was sent
+  const auto sender = static_cast<std::uint8_t>(message.msg[0] >> 4);
   const auto destination = static_cast<std::uint8_t>(message.msg[0] & 0xf);
-  if (device.is_ours && !is_sent_one && destination != CEC_LOG_ADDR_BROADCAST)
+  if (device.is_ours && !is_reply && destination != CEC_LOG_ADDR_BROADCAST &&
+      sender != CEC_LOG_ADDR_UNREGISTERED)
     answer(device, message);
-  screen_received(static_cast<std::uint8_t>(message.msg[0] >> 4),
-                  std::span(message.msg + 1, message.len - 1));
+  screen_received(sender, std::span(message.msg + 1, message.len - 1));
 }
 
 static int device_ready(sd_event_source *, int fd, std::uint32_t events, void *data) {
@@ -160,7 +169,7 @@ static int device_ready(sd_event_source *, int fd, std::uint32_t events, void *d
   while (ioctl(fd, CEC_DQEVENT, &event) == 0)
     device->look();
   if (!was_usable && device->is_usable())
-    ask_screen();
+    screen_is_reachable();
   cec_msg message{};
   while (ioctl(fd, CEC_RECEIVE, &message) == 0) {
     message_received(*device, message);
@@ -213,10 +222,18 @@ static cec_device *unaddressed_device() {
   return found == devices.end() ? nullptr : found->get();
 }
 
-void kernel_cec::start() {
+static void watch_dev() {
   static sd_event_source *watch = nullptr;
-  if (watch == nullptr)
-    sd_event_add_inotify(bus_events(), &watch, "/dev", IN_CREATE | IN_ATTRIB, dev_changed, nullptr);
+  if (watch != nullptr)
+    return;
+  const int result = sd_event_add_inotify(bus_events(), &watch, "/dev", IN_CREATE | IN_ATTRIB,
+                                          dev_changed, nullptr);
+  if (result < 0)
+    report("/dev: %s; a CEC adapter that appears later is not used", std::strerror(-result));
+}
+
+void kernel_cec::start() {
+  watch_dev();
   devices.clear();
   open_devices();
 }
@@ -232,6 +249,12 @@ bool kernel_cec::prepare() {
 std::uint16_t kernel_cec::physical_address() {
   const cec_device *device = usable_device();
   return device == nullptr ? kNoPhysicalAddress : device->physical;
+}
+
+bool kernel_cec::is_claiming() {
+  return std::ranges::any_of(devices, [](const auto &device) {
+    return device->has_television() && device->is_configured && !device->is_usable();
+  });
 }
 
 void kernel_cec::send(std::uint8_t destination, std::span<const std::uint8_t> message) {

@@ -16,6 +16,9 @@ public:
   // address of our own may be sent, as Image View On is.
   virtual std::uint16_t physical_address() = 0;
 
+  // True until the kernel has claimed a logical address; screen_is_reachable (screen.h) follows.
+  virtual bool is_claiming() = 0;
+
   // Queues opcode and operands. A failed transmission is not reported.
   virtual void send(std::uint8_t destination, std::span<const std::uint8_t> message) = 0;
 

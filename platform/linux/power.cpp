@@ -1,18 +1,16 @@
 #include "power.h"
 
 #include "alarm.h"
-#include "clock.h"
 #include "configuration.h"
 #include "events.h"
 #include "journal.h"
+#include "off_order.h"
+#include "return_to_sleep.h"
 #include "screen.h"
-#include "sleep.h"
 #include "start.h"
 #include "targets.h"
 #include "time_source.h"
 
-#include <Ecore.h>
-#include <IPowerControl.h>
 #include <device_power.h>
 #include <screen_manager.h>
 #include <time_values.h>
@@ -25,36 +23,25 @@ static constexpr int kNoReason = 0;
 static constexpr int kAmbientModeClosed = 0;
 static constexpr std::uint32_t kTypeOn = 0;
 
-// Many televisions do not report that their own remote has turned them on or off.
-static constexpr std::uint32_t kAskBeforeSeconds = 10;
-static constexpr double kBlockedSeconds = 30.0; // until a sleep that was postponed is tried again
-
 static int state = DEVICE_POWER_STATE_ON;
 static int wakeup_reason = kNoReason;
 static wake_up before_sleep; // what was programmed when the machine went to sleep
 static bool was_booted;      // by the alarm, not resumed
-static Ecore_Timer *ask_timer;
-static Ecore_Timer *sleep_timer; // null: nothing sends the machine back to sleep
-static int off_steps_left;       // of an off order, before its action
 
 static std::uint32_t now() { return to_time_value(std::time(nullptr)); }
 
-static void stop_timer(Ecore_Timer *&timer) {
-  if (timer != nullptr)
-    ecore_timer_del(timer);
-  timer = nullptr;
+static void keep() { keep_power({state, wakeup_reason, was_booted, is_return_due()}); }
+
+// --- the screen ---
+
+static void set_state(int new_state) {
+  state = new_state;
+  if (state == DEVICE_POWER_STATE_ON) {
+    cancel_off_order();
+    stop_return();
+  }
+  keep();
 }
-
-// --- return to sleep ---
-
-static Eina_Bool return_to_sleep(void *);
-
-static void return_to_sleep_after(double seconds) {
-  stop_timer(sleep_timer);
-  sleep_timer = ecore_timer_add(seconds, return_to_sleep, nullptr);
-}
-
-static void return_is_postponed() { return_to_sleep_after(configuration().return_to_sleep); }
 
 static off_action sleep_of_before() {
   if (was_booted)
@@ -63,57 +50,27 @@ static off_action sleep_of_before() {
                                                        : off_action::kSuspend;
 }
 
-static Eina_Bool return_to_sleep(void *) {
-  sleep_timer = nullptr;
-  note("nothing has turned the screen on, the machine goes back to sleep");
-  send_to_sleep(sleep_of_before(), return_is_postponed);
-  return ECORE_CALLBACK_CANCEL;
+static void return_after(std::uint32_t time) {
+  start_return(sleep_of_before(), time);
+  keep();
 }
 
-// --- the screen ---
-
-static void set_state(int new_state) {
-  if (new_state == state)
-    return;
-  state = new_state;
-  if (state != DEVICE_POWER_STATE_ON)
-    return;
-  off_steps_left = 0;
-  stop_timer(sleep_timer);
+// A television that does not obey leaves the wake-up unused.
+static void on_order_ended() {
+  if (state != DEVICE_POWER_STATE_ON && wakeup_reason != kNoReason)
+    return_after(now());
 }
 
 static void turn_on() {
   set_state(DEVICE_POWER_STATE_ON);
-  turn_screen(true, nullptr);
+  turn_screen(true, on_order_ended);
   start_target(kOnTarget);
 }
 
-static Eina_Bool try_off_action(void *);
-
-static void off_action_is_postponed() {
-  stop_timer(sleep_timer);
-  sleep_timer = ecore_timer_add(kBlockedSeconds, try_off_action, nullptr);
-}
-
-static Eina_Bool try_off_action(void *) {
-  sleep_timer = nullptr;
-  send_to_sleep(configuration().off, off_action_is_postponed);
-  return ECORE_CALLBACK_CANCEL;
-}
-
-// Called when the screen is off and when the hooks of the target have run: the machine sleeps after
-// both.
-static void off_step_ended() {
-  if (off_steps_left > 0 && --off_steps_left == 0)
-    try_off_action(nullptr);
-}
-
 static void turn_off() {
-  stop_timer(sleep_timer);
+  stop_return();
   set_state(DEVICE_POWER_STATE_SLEEPING);
-  off_steps_left = 2;
-  turn_screen(false, off_step_ended);
-  start_off_target(off_step_ended);
+  give_off_order();
 }
 
 void screen_is(bool on) {
@@ -141,10 +98,7 @@ static void credit(const wake_up &wake, bool booted) {
   was_booted = booted;
   wakeup_reason = device_power_reason_of(wake.type);
   set_state(DEVICE_POWER_STATE_SLEEPING);
-  if (configuration().return_to_sleep == 0)
-    return;
-  const std::uint32_t until_on_time = wake.on_time > now() ? wake.on_time - now() : 0;
-  return_to_sleep_after(until_on_time + configuration().return_to_sleep);
+  return_after(wake.on_time);
 }
 
 // A machine that comes back from the disk takes as long as one that boots.
@@ -152,16 +106,22 @@ static wake_kind kind_of_sleep() {
   return configuration().off == off_action::kHibernate ? wake_kind::kBoot : wake_kind::kResume;
 }
 
-void machine_goes_to_sleep() {
-  stop_timer(sleep_timer);
-  off_steps_left = 0;
+static void drop_orders() {
+  stop_return();
+  cancel_off_order();
   leave_screen();
+}
+
+void machine_goes_to_sleep() {
+  drop_orders();
+  hold_clock_steps(true);
   change_alarm_lead(kind_of_sleep());
   deliver_standby();
   before_sleep = programmed_wake_up();
 }
 
 void machine_woke_up() {
+  hold_clock_steps(false);
   const bool by_alarm = explains(before_sleep, now());
   note("woken by %s", by_alarm ? "the alarm" : "the user");
   if (by_alarm) {
@@ -178,6 +138,7 @@ void machine_woke_up() {
 }
 
 void machine_shuts_down() {
+  drop_orders();
   change_alarm_lead(wake_kind::kBoot);
   deliver_standby();
 }
@@ -188,7 +149,14 @@ void machine_stays_up() {
   confirm_time();
 }
 
-void user_is_active() { stop_timer(sleep_timer); }
+// After a boot by the alarm the session may be one that starts by itself. The return asks whether
+// its user is active.
+void user_is_active() {
+  if (was_booted)
+    return;
+  stop_return();
+  keep();
+}
 
 static std::uint32_t boot_time() {
   timespec up{};
@@ -196,12 +164,23 @@ static std::uint32_t boot_time() {
   return to_time_value(std::time(nullptr) - up.tv_sec);
 }
 
+static void take_over(const power_record &kept) {
+  state = kept.state;
+  wakeup_reason = kept.wakeup_reason;
+  was_booted = kept.was_booted;
+  if (kept.returns)
+    return_after(now());
+}
+
 void start_power(const wake_up &left) {
-  if (!explains(left, boot_time()))
-    return;
-  note("booted by the alarm");
-  credit(left, true);
-  catch_up_late(left);
+  if (const auto kept = kept_power()) {
+    take_over(*kept);
+  } else if (explains(left, boot_time())) {
+    note("booted by the alarm");
+    credit(left, true);
+    catch_up_late(left);
+  }
+  keep();
 }
 
 // --- power service ---
@@ -219,8 +198,7 @@ int device_power_get_wakeup_reason() {
 // Called at an expiry: the time until the return to sleep starts again.
 int device_power_set_wakeup_reason(int reason) {
   start_wakeup_target(reason);
-  if (sleep_timer != nullptr)
-    return_to_sleep_after(configuration().return_to_sleep);
+  restart_return();
   return kDone;
 }
 
@@ -242,52 +220,4 @@ int screen_manager_set_ambient_mode(int mode, int) {
   else
     stop_target(kAmbientTarget);
   return kDone;
-}
-
-// --- power micro-controller ---
-
-namespace {
-
-class wake_control final : public IPowerControl {
-public:
-  int read_rtc(rtc_time *out) override;
-  int set_wakeup_time(std::uint32_t type, std::uint32_t time) override;
-  int clear_wakeup_time() override;
-};
-
-} // namespace
-
-static Eina_Bool ask_before_on_time(void *) {
-  ask_timer = nullptr;
-  ask_screen();
-  return ECORE_CALLBACK_CANCEL;
-}
-
-int wake_control::read_rtc(rtc_time *out) {
-  const auto utc = read_rtc_utc();
-  if (!utc)
-    return kFailed;
-  const std::tm time = broken_down(*utc);
-  *out = {time.tm_sec,  time.tm_min,     time.tm_hour,
-          time.tm_mday, time.tm_mon + 1, time.tm_year - 100};
-  return kDone;
-}
-
-// The daemon gives UTC in the automatic clock mode, local time otherwise.
-int wake_control::set_wakeup_time(std::uint32_t type, std::uint32_t time) {
-  const std::uint32_t on_time = clock_mode() == kClockModeAutomatic ? time : to_utc(time);
-  stop_timer(ask_timer);
-  if (on_time > now() + kAskBeforeSeconds)
-    ask_timer = ecore_timer_add(on_time - now() - kAskBeforeSeconds, ask_before_on_time, nullptr);
-  return set_alarm(type, on_time);
-}
-
-int wake_control::clear_wakeup_time() {
-  stop_timer(ask_timer);
-  return clear_alarm();
-}
-
-IPowerControl *IPowerControl::getInstance() {
-  static wake_control instance;
-  return &instance;
 }

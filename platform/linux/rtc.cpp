@@ -8,6 +8,7 @@
 #define rtc_time kernel_rtc_time
 #include <linux/rtc.h>
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -37,7 +38,7 @@ class kernel_rtc final : public rtc_device {
 public:
   bool exists() override { return access(configuration().rtc.c_str(), F_OK) == 0; }
   std::optional<std::int64_t> read_clock() override;
-  std::optional<std::int64_t> read_alarm() override;
+  bool read_alarm(std::optional<std::int64_t> &alarm) override;
   bool set_alarm(std::int64_t time) override;
   bool clear_alarm() override;
 };
@@ -70,11 +71,15 @@ std::optional<std::int64_t> kernel_rtc::read_clock() {
   return seconds_of(time);
 }
 
-std::optional<std::int64_t> kernel_rtc::read_alarm() {
-  rtc_wkalrm alarm{};
-  if (!opened_rtc().control(RTC_WKALM_RD, &alarm) || alarm.enabled == 0)
-    return std::nullopt;
-  return seconds_of(alarm.time);
+// A device that cannot have an alarm refuses with EINVAL.
+bool kernel_rtc::read_alarm(std::optional<std::int64_t> &alarm) {
+  rtc_wkalrm read{};
+  alarm.reset();
+  if (!opened_rtc().control(RTC_WKALM_RD, &read))
+    return errno == EINVAL;
+  if (read.enabled != 0)
+    alarm = seconds_of(read.time);
+  return true;
 }
 
 bool kernel_rtc::set_alarm(std::int64_t time) {

@@ -9,7 +9,9 @@ class rtc_device {
 public:
   virtual bool exists() = 0;
   virtual std::optional<std::int64_t> read_clock() = 0;
-  virtual std::optional<std::int64_t> read_alarm() = 0; // nothing while it is off
+
+  // The alarm; nothing while it is off or the device has none. False: it cannot be read.
+  virtual bool read_alarm(std::optional<std::int64_t> &alarm) = 0;
   virtual bool set_alarm(std::int64_t time) = 0;
   virtual bool clear_alarm() = 0;
 

@@ -64,6 +64,13 @@ void ask_screen() {
     adapter->send(CEC_LOG_ADDR_TV, question);
 }
 
+void screen_is_reachable() {
+  if (is_pending())
+    send_order();
+  else
+    ask_screen();
+}
+
 static void stop_checks() {
   if (check_timer != nullptr)
     ecore_timer_del(check_timer);
@@ -83,8 +90,8 @@ static Eina_Bool check_screen(void *) {
            order.is_denied ? "is not" : "does not say it is", order.on ? "on" : "off",
            kGiveUpSeconds);
     check_timer = nullptr;
-    if (order.is_denied)
-      screen_is(!order.on);
+    if (order.is_denied && order.on)
+      screen_is(false);
     settle();
     return ECORE_CALLBACK_CANCEL;
   }
@@ -100,7 +107,7 @@ void leave_screen() { stop_checks(); }
 void turn_screen(bool on, void (*settled)()) {
   stop_checks();
   order = {on, 0, settled, false};
-  const bool is_reachable = adapter->prepare() && (on || has_address());
+  const bool is_reachable = adapter->prepare() && (on || has_address() || adapter->is_claiming());
   if (!is_reachable) {
     settle();
     return;
@@ -119,6 +126,11 @@ static void power_status_received(std::uint8_t status) {
     settle();
 }
 
+static bool belongs_to_order(std::uint8_t opcode) {
+  return opcode == CEC_MSG_GIVE_DEVICE_POWER_STATUS ||
+         opcode == (order.on ? CEC_MSG_IMAGE_VIEW_ON : CEC_MSG_STANDBY);
+}
+
 void screen_received(std::uint8_t sender, std::span<const std::uint8_t> message) {
   if (sender != CEC_LOG_ADDR_TV || message.empty())
     return;
@@ -126,16 +138,18 @@ void screen_received(std::uint8_t sender, std::span<const std::uint8_t> message)
     power_status_received(message[1]);
   else if (message[0] == CEC_MSG_STANDBY && !is_pending())
     screen_is(false);
-  else if (message[0] == CEC_MSG_FEATURE_ABORT && is_pending())
-    settle(); // it does not know the question: the order counts as carried out
+  else if (message[0] == CEC_MSG_FEATURE_ABORT && message.size() > 1 && is_pending() &&
+           belongs_to_order(message[1]))
+    settle(); // it does not know the message: the order counts as carried out
 }
 
 void start_screen(cec_adapter &used) {
   adapter = &used;
   adapter->start();
-  if (!adapter->prepare() && configuration().cec != "off")
-    report(
+  const std::string &cec = configuration().cec;
+  if (!adapter->prepare() && cec != "off") // with auto, a machine may well have none
+    (cec == "auto" ? note : report)(
         "no CEC adapter with a television (cec = %s); only the targets turn the screen on and off",
-        configuration().cec.c_str());
+        cec.c_str());
   ask_screen();
 }

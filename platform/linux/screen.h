@@ -6,13 +6,16 @@
 void start_screen(cec_adapter &used);
 
 // Turns the screen on or off, with checks and repeats. `settled` is called once: when the
-// television reports the new state or refuses the question, after 15 seconds without that, or
+// television reports the new state or does not know the message, after 15 seconds without that, or
 // before this function returns when there is no adapter. When a new order replaces a pending one,
 // the pending one's `settled` is not called.
 void turn_screen(bool on, void (*settled)());
 
 // Drops a pending order; its `settled` is not called.
 void leave_screen();
+
+// The adapter has got its address: a pending order is sent now, otherwise the television is asked.
+void screen_is_reachable();
 
 // Asks the television whether it is on. Its answer is passed to screen_is (power.h).
 void ask_screen();

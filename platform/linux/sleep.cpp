@@ -7,9 +7,11 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <string_view>
 #include <unistd.h>
 
+static constexpr const char *kNoDelay = "a sleep may begin before the on-time is programmed";
 static constexpr const char *kNoSleep = "the machine is not sent to sleep";
 
 namespace {
@@ -22,17 +24,27 @@ struct sleep_method {
 
 struct sleep_request {
   off_action action;
+  std::uint32_t since;
   void (*postponed)();
+};
+
+// At the request.
+struct logind_state {
+  std::string blocked; // the types of the block inhibitors
+  bool is_idle = true;
+  std::uint64_t active_at = 0; // microseconds; while it is not idle
 };
 
 } // namespace
 
+static constexpr std::uint64_t kMicroseconds = 1'000'000; // of a second
 static constexpr sleep_method kMethods[] = {
     {"Suspend", "sleep"}, {"PowerOff", "shutdown"}, {"Hibernate", "sleep"}};
 
 static int inhibitor = -1; // delays sleep and shutdown while it is open
 static bool is_inhibitor_due;
 static sleep_request request;
+static logind_state found;
 
 // --- the delay ---
 
@@ -44,12 +56,14 @@ static void release_inhibitor() {
 
 static int inhibit_answered(sd_bus_message *reply, void *, sd_bus_error *) {
   is_inhibitor_due = false;
-  if (bus_refused(reply, kLogind, "a sleep may begin before the on-time is programmed"))
+  if (bus_refused(reply, kLogind, kNoDelay))
     return 0;
   int fd = -1;
   sd_bus_message_read(reply, "h", &fd);
   release_inhibitor();
   inhibitor = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the message closes its own
+  if (inhibitor < 0)
+    report("the inhibitor: %s; %s", std::strerror(errno), kNoDelay);
   return 0;
 }
 
@@ -126,33 +140,59 @@ static int sleep_answered(sd_bus_message *reply, void *, sd_bus_error *) {
   return 0;
 }
 
-static int blockers_answered(sd_bus_message *reply, void *, sd_bus_error *) {
+static bool take_state(const char *name, sd_bus_message *value) {
+  int idle = 1;
+  const char *blocked = "";
+  if (name == std::string_view{"IdleHint"}) {
+    sd_bus_message_read(value, "v", "b", &idle);
+    found.is_idle = idle != 0;
+  } else if (name == std::string_view{"IdleSinceHint"}) {
+    sd_bus_message_read(value, "v", "t", &found.active_at);
+  } else if (name == std::string_view{"BlockInhibited"}) {
+    sd_bus_message_read(value, "v", "s", &blocked);
+    found.blocked = blocked;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// Null: nothing stands against it.
+static const char *obstacle() {
+  if (found.blocked.find(kMethods[static_cast<int>(request.action)].blocked_by) !=
+      std::string::npos)
+    return "another program blocks it";
+  if (!found.is_idle && found.active_at / kMicroseconds > request.since)
+    return "a user is active";
+  return nullptr;
+}
+
+static int state_answered(sd_bus_message *reply, void *, sd_bus_error *) {
   if (bus_refused(reply, kLogind, kNoSleep))
     return 0;
-  const char *blocked = "";
-  sd_bus_message_read(reply, "v", "s", &blocked);
-  const sleep_method &method = kMethods[static_cast<int>(request.action)];
-  if (std::strstr(blocked, method.blocked_by) == nullptr) {
-    bus_call(kLogind, method.name, sleep_answered, "b", 0);
-    return 0;
+  found = {};
+  bus_read_properties(reply, take_state);
+  const char *method = kMethods[static_cast<int>(request.action)].name;
+  if (const char *why = obstacle()) {
+    note("%s is postponed: %s", method, why);
+    request.postponed();
+  } else {
+    bus_call(kLogind, method, sleep_answered, "b", 0);
   }
-  note("%s is postponed: it is blocked by another program", method.name);
-  request.postponed();
   return 0;
 }
 
-void send_to_sleep(off_action action, void (*postponed)()) {
+void send_to_sleep(off_action action, std::uint32_t since, void (*postponed)()) {
   if (action == off_action::kNone)
     return;
-  request = {action, postponed};
-  bus_get_property(kLogind, "BlockInhibited", blockers_answered);
+  request = {action, since, postponed};
+  bus_get_properties(kLogind, state_answered);
 }
 
 void start_sleep() {
-  const bus_service properties = {kLogind.name, kLogind.path, "org.freedesktop.DBus.Properties"};
   bus_watch_signal(kLogind, "PrepareForSleep", prepare_for_sleep);
   bus_watch_signal(kLogind, "PrepareForShutdown", prepare_for_shutdown);
   bus_watch_signal(kLogind, "SessionNew", session_added);
-  bus_watch_signal(properties, "PropertiesChanged", logind_changed);
+  bus_watch_properties(kLogind, logind_changed);
   bus_watch_service(kLogind, logind_appeared);
 }

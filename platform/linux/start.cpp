@@ -23,9 +23,10 @@ void use_devices(rtc_device &new_rtc, cec_adapter &new_cec) {
 
 static Eina_Bool user_signal(void *, int, void *data) {
   if (static_cast<const Ecore_Event_Signal_User *>(data)->number == 1) {
+    release_device();
     read_configuration();
     start_screen(*cec);
-    change_alarm_lead(wake_kind::kResume);
+    take_device();
   }
   return ECORE_CALLBACK_PASS_ON;
 }

@@ -3,15 +3,36 @@
 #include "bus.h"
 #include "journal.h"
 
+#include <Ecore.h>
+
 #include <string>
 #include <string_view>
 #include <utility>
 
+static constexpr double kLongestHooksSeconds = 90.0;
+
 static void (*off_ended)();
+static Ecore_Timer *off_timer;
+
+static void stop_timer() {
+  if (off_timer != nullptr)
+    ecore_timer_del(off_timer);
+  off_timer = nullptr;
+}
 
 static void end_off() {
+  stop_timer();
   if (const auto ended = std::exchange(off_ended, nullptr))
     ended();
+}
+
+// The machine must not stay on for a hook that hangs.
+static Eina_Bool hooks_take_too_long(void *) {
+  off_timer = nullptr;
+  report("%s has not started within %.0f seconds; the machine does not wait for its hooks",
+         kOffTarget, kLongestHooksSeconds);
+  end_off();
+  return ECORE_CALLBACK_CANCEL;
 }
 
 static int target_answered(sd_bus_message *reply, void *, sd_bus_error *) {
@@ -34,7 +55,8 @@ static int job_removed(sd_bus_message *message, void *, sd_bus_error *) {
 }
 
 static int subscribe_answered(sd_bus_message *reply, void *, sd_bus_error *) {
-  bus_refused(reply, kSystemd, "what is hooked to the dravel targets does not run");
+  bus_refused(reply, kSystemd,
+              "the machine waits the full time for the hooks of dravel-off.target");
   return 0;
 }
 
@@ -56,7 +78,14 @@ void stop_target(const char *unit) {
 
 void start_off_target(void (*ended)()) {
   off_ended = ended;
+  stop_timer();
+  off_timer = ecore_timer_add(kLongestHooksSeconds, hooks_take_too_long, nullptr);
   bus_call(kSystemd, "RestartUnit", off_answered, "ss", kOffTarget, "replace");
+}
+
+void leave_off_target() {
+  off_ended = nullptr;
+  stop_timer();
 }
 
 void start_wakeup_target(int reason) {

@@ -12,8 +12,12 @@ void start_targets();
 void start_target(const char *unit);
 void stop_target(const char *unit);
 
-// Starts kOffTarget. `ended` is called once, when its hooks have run or cannot be started.
+// Starts kOffTarget. `ended` is called once: when its hooks have run, cannot be started, or take
+// more than 90 seconds.
 void start_off_target(void (*ended)());
+
+// Does not wait for the hooks any longer; `ended` is not called.
+void leave_off_target();
 
 // Starts dravel-wakeup@REASON.target.
 void start_wakeup_target(int reason);

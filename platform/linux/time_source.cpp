@@ -23,6 +23,7 @@ static bool synchronised; // since NTP was switched on
 static bool confirmation_due;
 static Ecore_Timer *ask_timer;
 static bool complained;
+static bool steps_are_held;
 
 int clock_mode() { return ntp && synchronised ? kClockModeAutomatic : kClockModeManual; }
 
@@ -77,7 +78,7 @@ static bool take_property(const char *name, sd_bus_message *value) {
 // The time update is sent first: after a switch to the automatic mode the daemon waits for it.
 static int timedated_answered(sd_bus_message *reply, void *, sd_bus_error *) {
   const int mode = clock_mode();
-  if (sd_bus_message_is_method_error(reply, nullptr) <= 0)
+  if (reply != nullptr && sd_bus_message_is_method_error(reply, nullptr) == 0)
     bus_read_properties(reply, take_property);
   else if (!complained)
     complained = bus_refused(reply, kTimedated, "the clock counts as set by hand");
@@ -91,11 +92,7 @@ static int timedated_answered(sd_bus_message *reply, void *, sd_bus_error *) {
   return 0;
 }
 
-static void ask_timedated() {
-  const bus_service properties = {kTimedated.name, kTimedated.path,
-                                  "org.freedesktop.DBus.Properties"};
-  bus_call(properties, "GetAll", timedated_answered, "s", kTimedated.interface);
-}
+static void ask_timedated() { bus_get_properties(kTimedated, timedated_answered); }
 
 static int timedated_changed(sd_bus_message *, void *, sd_bus_error *) {
   ask_timedated();
@@ -108,7 +105,12 @@ static int etc_changed(sd_event_source *, const struct inotify_event *event, voi
   return 0;
 }
 
+void hold_clock_steps(bool held) { steps_are_held = held; }
+
+// The kernel reports the end of a sleep as a step, before logind does.
 static Eina_Bool wall_clock_stepped(void *, int, void *) {
+  if (steps_are_held)
+    return ECORE_CALLBACK_PASS_ON;
   announce_setting(kSettingsTimeSet);
   confirm_if_trusted();
   return ECORE_CALLBACK_PASS_ON;
@@ -117,9 +119,7 @@ static Eina_Bool wall_clock_stepped(void *, int, void *) {
 void start_time_source() {
   confirmation_due = CTimeUtil::GetCurrentTime() == 0;
   ecore_event_handler_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, wall_clock_stepped, nullptr);
-  const bus_service properties = {kTimedated.name, kTimedated.path,
-                                  "org.freedesktop.DBus.Properties"};
-  bus_watch_signal(properties, "PropertiesChanged", timedated_changed);
+  bus_watch_properties(kTimedated, timedated_changed);
   bus_watch_service(kTimedated, ask_timedated);
   const int watched = sd_event_add_inotify(
       bus_events(), nullptr, "/etc", IN_CREATE | IN_MOVED_TO | IN_ONLYDIR, etc_changed, nullptr);

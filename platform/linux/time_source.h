@@ -7,6 +7,10 @@ inline constexpr int kClockModeManual = 1;
 
 void start_time_source();
 
+// While the machine sleeps and until it is known who woke it, a step of the clock is not announced:
+// at the wake-up the daemon arms its timers by the clock in any case.
+void hold_clock_steps(bool held);
+
 // Automatic while timedated's NTP is on and has synchronised the clock since it was switched on;
 // manual otherwise.
 int clock_mode();

@@ -137,6 +137,7 @@ TEST_F(Adapter, ThatNobodyHasConfigured_IsClaimed_AndAnswers) {
   receive({0x04, CEC_MSG_PLAY, 0x24});
   EXPECT_EQ(sent(), "40004100");
   receive({0x04, CEC_MSG_REPORT_POWER_STATUS, CEC_OP_POWER_STATUS_ON});
+  receive({0xf4, CEC_MSG_PLAY, 0x24}); // from a device that cannot be answered
   receive({0x0f, CEC_MSG_STANDBY});
   EXPECT_EQ(sent(), "");
   EXPECT_EQ(device_power_get_state(), 2);
@@ -155,6 +156,9 @@ TEST_F(Adapter, ThatSomebodyElseConfigured_IsUsedAsItIs_AndLeftToAnswer) {
   EXPECT_EQ(device.claims, 0) << "it is about to be configured again";
   device_power_request_poweroff(1);
   EXPECT_EQ(device.claims, 1);
+  EXPECT_EQ(sent(), "");
+  change();
+  EXPECT_EQ(sent(), "4036") << "the order has waited for the address";
 }
 
 TEST_F(Adapter, WithoutATelevision_IsWokenBlindly_AndItsOtherEndNotUsed) {

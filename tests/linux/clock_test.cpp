@@ -1,5 +1,6 @@
 #include "configuration.h"
 #include "machine.h"
+#include "state.h"
 
 #include <CTimeUtil.h>
 #include <settings.h>
@@ -39,15 +40,42 @@ TEST_F(Machine, TheAlarmIsALeadEarlier_AndNeverCloserThanFiveSeconds) {
   EXPECT_FALSE(rtc.alarm) << "one that is past";
 }
 
-TEST_F(Machine, AnAlarmThatIsRefusedOrForgotten_Fails_AndWithoutAClockNothingIsSet) {
+TEST_F(Machine, AnAlarmThatIsForgottenOrHasNoDevice_IsNotCredited) {
   start();
-  rtc.is_busy = true;
-  EXPECT_EQ(set_wakeup(0, kNow + 100), -1);
-  rtc.is_busy = false;
   rtc.forgets = true;
   EXPECT_EQ(set_wakeup(0, kNow + 100), -1);
+  EXPECT_EQ(kept_wake_up(), (wake_up{0, kNow + 100, 0}));
   rtc.is_there = false;
   EXPECT_EQ(set_wakeup(0, kNow + 200), 0);
+  EXPECT_EQ(kept_wake_up(), (wake_up{0, kNow + 200, 0}));
+}
+
+TEST_F(Machine, ABusyDevice_IsTriedOnceMore) {
+  start();
+  rtc.is_busy = true;
+  EXPECT_EQ(set_wakeup(0, kNow + 5), 0);
+  EXPECT_EQ(kept_wake_up().alarm, 0U);
+  rtc.is_busy = false;
+  fire(1);
+  EXPECT_EQ(rtc.alarm, kNow + 5);
+  EXPECT_EQ(kept_wake_up().alarm, kNow + 5);
+  rtc.is_busy = true;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(clear_wakeup(), 0);
+  fire(1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "DRAVEL_LINUX: /dev/rtc0: the alarm is not switched off: Device or resource busy; the "
+            "machine is not woken by it\n");
+  EXPECT_EQ(timers(), "");
+}
+
+TEST_F(Machine, AWakeUpThatCouldNotBeKept_IsKeptTheNextTime) {
+  std::filesystem::create_directories("/tmp/state/wake-up.new");
+  start();
+  set_wakeup(0, kNow + kHour);
+  std::filesystem::remove("/tmp/state/wake-up.new");
+  set_wakeup(0, kNow + kHour);
+  EXPECT_EQ(kept_wake_up(), (wake_up{0, kNow + kHour, kNow + kHour - 15}));
 }
 
 TEST_F(Machine, TheTvClock_IsLocalTime_AndUnknownBeforeTheDayOfTheBuild) {
@@ -134,9 +162,11 @@ TEST(Configuration, BadValuesAreReported_AndHaveTheirDefaults) {
 TEST_F(Machine, TheKeyFileIsReadAgainOnSigusr1) {
   start();
   ASSERT_EQ(set_wakeup(0, kNow + kHour), 0);
-  std::ofstream("/tmp/machine.conf") << "[linux]\nlead-suspend=100\nkeep-timers=false\n";
+  std::ofstream("/tmp/machine.conf")
+      << "[linux]\nrtc=/dev/rtc9\nlead-suspend=100\nkeep-timers=false\n";
   raise(SIGUSR1);
   wait_until([this] { return rtc.alarm == kNow + kHour - 100; });
+  EXPECT_EQ(rtc.cleared, "/dev/rtc0");
   bool kept = true;
   EXPECT_EQ(system_info_get_custom_bool(kFeatureSyncDb, &kept), 0);
   EXPECT_FALSE(kept);
@@ -153,6 +183,17 @@ TEST_F(Machine, ASecondDaemon_IsRefusedItsFirstSubscription) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "DRAVEL_LINUX: another dravel-manager runs on this machine, this one ends\n");
   close(first);
+}
+
+TEST_F(Machine, ADaemonWithoutAccessToTheState_IsRefused) {
+  setenv("STATE_DIRECTORY", "/tmp/state", 1);
+  std::filesystem::create_directory("/tmp/state");
+  std::filesystem::permissions("/tmp/state", std::filesystem::perms::none);
+  const uid_t user = geteuid();
+  ASSERT_TRUE(user != 0 || seteuid(65534) == 0);
+  const auto ignored = [](settings_key *, void *) {};
+  EXPECT_LT(settings_notify_key_changed(kSettingsTimeZone, ignored, nullptr), 0);
+  EXPECT_EQ(seteuid(user), 0);
 }
 
 TEST(Journal, ShowsProgressAsNotices_AndFailuresAsErrors) {

@@ -1,6 +1,7 @@
 #include "machine.h"
 
 #include "bus.h"
+#include "configuration.h"
 #include "screen.h"
 #include "start.h"
 #include "state.h"
@@ -91,11 +92,22 @@ void fire(double seconds) {
     ecore_timer_del(reinterpret_cast<Ecore_Timer *>(timer));
 }
 
+void step_clock() {
+  ecore_event_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, nullptr, nullptr, nullptr);
+  calls();
+}
+
 // --- devices ---
 
 std::optional<std::int64_t> fake_rtc::read_clock() {
   errno = EBUSY;
   return is_busy ? std::nullopt : std::optional(wall_clock + ahead);
+}
+
+bool fake_rtc::read_alarm(std::optional<std::int64_t> &out) {
+  out = forgets ? std::nullopt : alarm;
+  errno = EBUSY;
+  return !is_busy;
 }
 
 bool fake_rtc::set_alarm(std::int64_t time) {
@@ -104,7 +116,11 @@ bool fake_rtc::set_alarm(std::int64_t time) {
 }
 
 bool fake_rtc::clear_alarm() {
+  errno = EBUSY;
+  if (is_busy)
+    return false;
   alarm.reset();
+  cleared = configuration().rtc;
   return true;
 }
 
@@ -195,7 +211,7 @@ static void call_mock(const char *service, const char *method,
   sd_bus_message_unref(message);
 }
 
-static char type_of(const bus_value &value) { return "buso"[value.index()]; }
+static char type_of(const bus_value &value) { return "butso"[value.index()]; }
 
 static void append_variant(sd_bus_message *message, const bus_value &value) {
   const char signature[] = {type_of(value), '\0'};
@@ -240,6 +256,17 @@ void refuse(const char *service, const char *method) {
                           "raise dbus.exceptions.DBusException('no', "
                           "name='org.freedesktop.DBus.Error.AccessDenied')");
   });
+}
+
+void end_bus() {
+  sd_bus_message *reply = nullptr;
+  std::uint32_t pid = 0;
+  sd_bus_call_method(control, "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
+                     "GetConnectionUnixProcessID", nullptr, &reply, "s", "org.freedesktop.DBus");
+  ASSERT_GE(sd_bus_message_read(reply, "u", &pid), 0);
+  sd_bus_message_unref(reply);
+  kill(static_cast<pid_t>(pid), SIGTERM);
+  wait_until([] { return sd_bus_is_open(control) <= 0; });
 }
 
 // --- waiting ---
@@ -337,6 +364,7 @@ static void subscribe() {
 void Machine::start(const char *configuration, const char *names) {
   ASSERT_EQ(bus_events(), nullptr) << "each case needs a process of its own: use ctest";
   setenv("STATE_DIRECTORY", "/tmp/state", 1);
+  setenv("RUNTIME_DIRECTORY", "/tmp/run", 1);
   setenv("DRAVEL_CONFIGURATION", "/tmp/machine.conf", 1);
   setenv("DRAVEL_LOG_STDERR", "1", 1);
   std::ofstream("/tmp/machine.conf") << "[linux]\n" << configuration << '\n';

@@ -29,7 +29,7 @@ class fake_rtc final : public rtc_device {
 public:
   bool exists() override { return is_there; }
   std::optional<std::int64_t> read_clock() override;
-  std::optional<std::int64_t> read_alarm() override { return forgets ? std::nullopt : alarm; }
+  bool read_alarm(std::optional<std::int64_t> &out) override;
   bool set_alarm(std::int64_t time) override;
   bool clear_alarm() override;
 
@@ -38,6 +38,7 @@ public:
   bool forgets = false; // what it is told
   std::int64_t ahead = 0;
   std::optional<std::int64_t> alarm;
+  std::string cleared; // the device whose alarm was switched off last
 };
 
 class fake_cec final : public cec_adapter {
@@ -45,6 +46,7 @@ public:
   void start() override {}
   bool prepare() override { return is_there; }
   std::uint16_t physical_address() override { return address; }
+  bool is_claiming() override { return false; }
   void send(std::uint8_t destination, std::span<const std::uint8_t> message) override;
 
   bool is_there = true;
@@ -88,16 +90,20 @@ std::string calls();
 struct object_path {
   const char *text;
 };
-using bus_value = std::variant<bool, std::uint32_t, const char *, object_path>;
+using bus_value = std::variant<bool, std::uint32_t, std::uint64_t, const char *, object_path>;
 
 // Changes what the services say or answer.
 void emit(const char *service, const char *signal, std::initializer_list<bus_value> values);
 void set_property(const char *service, const char *property, const bus_value &value);
 void refuse(const char *service, const char *method);
 
+void end_bus(); // nothing can be called then
+
 // Lets the timer of so many seconds fire; fails when there is none.
 void fire(double seconds);
 std::string timers(); // the seconds of all, as "1 120"
+
+void step_clock(); // as the kernel reports it
 
 bool inhibitor_is_held();
 std::string events(); // what was delivered since the last time, as "standby in time; wakeup 2"

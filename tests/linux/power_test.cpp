@@ -4,6 +4,7 @@
 #include <screen_manager.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -37,6 +38,18 @@ TEST_F(Sleep, IsDelayedUntilTheDaemonHasProgrammed_AndHeardTwice) {
   EXPECT_EQ(events(), "standby in time; wakeup 0; time update");
   clear_wakeup();
   EXPECT_EQ(timers(), "") << "the order of before is forgotten";
+}
+
+TEST_F(Sleep, HidesStepsOfTheClock_UntilItIsKnownWhoWokeTheMachine) {
+  start();
+  emit("login1", "PrepareForSleep", {true});
+  wait_until([] { return !inhibitor_is_held(); });
+  step_clock();
+  EXPECT_EQ(events(), "standby in time");
+  emit("login1", "PrepareForSleep", {false});
+  wait_until(inhibitor_is_held);
+  step_clock();
+  EXPECT_EQ(events(), "wakeup 0; time update; time_set");
 }
 
 struct waking {
@@ -95,6 +108,8 @@ TEST_P(Booting, IsCreditedByWhatTheLastRunLeft) {
   EXPECT_EQ(device_power_get_state(), row.state);
   if (row.state == 0)
     return;
+  emit("login1", "SessionNew", {"1", object_path{"/1"}}); // by itself
+  calls();
   fire(120 + std::max(0.0, static_cast<double>(on_time) - kNow));
   wait_for_call("PowerOff");
 }
@@ -151,8 +166,53 @@ TEST_F(Sleep, IsReturnedTo_OnceNobodyBlocksIt) {
   fire(60);
   EXPECT_EQ(calls(), "");
   set_property("login1", "BlockInhibited", "shutdown");
+  set_property("login1", "IdleSinceHint", std::uint64_t{kNow + kHour + 5} * 1'000'000);
+  set_now(kNow + kHour + 60);
+  fire(60);
+  EXPECT_EQ(calls(), "") << "a user was active";
   fire(60);
   wait_for_call("Suspend");
+}
+
+TEST_F(Sleep, IsReturnedTo_WhenTheTelevisionStaysOff) {
+  start();
+  sleep_and_wake(kOn, 0);
+  clear_wakeup();
+  device_power_set_state(0, 1);
+  for (int second = 1; second <= 15; ++second) {
+    television_says({0x90, 1});
+    fire(1);
+  }
+  EXPECT_EQ(timers(), "120");
+}
+
+TEST_F(Machine, ARestart_KeepsTheStateAndTheCredit) {
+  std::filesystem::create_directory("/tmp/run");
+  std::ofstream("/tmp/run/power")
+      << "[power]\nstate=2\nwakeup-reason=33\nwas-booted=1\nreturns=1\n";
+  start();
+  EXPECT_EQ(reason_at_first, 33);
+  EXPECT_EQ(device_power_get_state(), 2);
+  fire(120);
+  wait_for_call("PowerOff");
+  device_power_set_state(0, 1);
+  EXPECT_EQ(kept_power(), (power_record{0, 33, true, false}));
+}
+
+TEST_F(Sleep, ThatIsBlocked_IsTriedAgain_WhateverHappensMeanwhile) {
+  start("off-action=poweroff\nreturn-to-sleep=0");
+  set_property("login1", "BlockInhibited", "shutdown");
+  device_power_request_poweroff(1);
+  television_says({0x90, 1});
+  emit("systemd1", "JobRemoved", {1U, object_path{"/1"}, "dravel-off.target", "done"});
+  calls();
+  emit("login1", "SessionNew", {"1", object_path{"/1"}});
+  device_power_set_wakeup_reason(33);
+  calls();
+  EXPECT_EQ(timers(), "30");
+  set_property("login1", "BlockInhibited", "");
+  fire(30);
+  wait_for_call("PowerOff");
 }
 
 struct off_case {
@@ -186,6 +246,34 @@ INSTANTIATE_TEST_SUITE_P(, TurningOff,
                                          off_case{"Hibernate", "off-action=hibernate", "Hibernate"},
                                          off_case{"None", "off-action=none", ""}),
                          [](const auto &test) { return std::string(test.param.name); });
+
+TEST_F(Sleep, FollowsAnOffOrder_ThatTheTelevisionDenies_OrAHookDelays) {
+  start();
+  testing::internal::CaptureStderr();
+  device_power_request_poweroff(1);
+  for (int second = 1; second <= 15; ++second) {
+    television_says({0x90, 0});
+    fire(1);
+  }
+  fire(90);
+  wait_for_call("Suspend");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "DRAVEL_LINUX: the television is not off after 15 seconds\n"
+            "DRAVEL_LINUX: dravel-off.target has not started within 90 seconds; the machine does "
+            "not wait for its hooks\n");
+}
+
+TEST_F(Sleep, WithoutABus_IsOneLineACall) {
+  start();
+  end_bus();
+  testing::internal::CaptureStderr();
+  device_power_set_state(0, 1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "DRAVEL_LINUX: org.freedesktop.systemd1: RestartUnit: Transport endpoint is not "
+            "connected\n");
+  device_power_request_poweroff(1);
+  EXPECT_EQ(timers(), "1") << "no hook is waited for";
+}
 
 TEST_F(Sleep, ThatIsRefused_IsOneLine) {
   start();
@@ -226,10 +314,18 @@ TEST_F(Machine, TargetsFollowTheScreen) {
 TEST_F(Machine, AShutdown_HasTheLeadOfABoot_UntilItIsCalledOff) {
   start();
   ASSERT_EQ(set_wakeup(kOn, kNow + kHour), 0);
+  device_power_request_poweroff(1);
   emit("login1", "PrepareForShutdown", {true});
   wait_until([] { return !inhibitor_is_held(); });
   EXPECT_EQ(rtc.alarm, kNow + kHour - 90);
   EXPECT_EQ(events(), "standby in time");
+  EXPECT_EQ(timers(), "3590") << "the order of before is forgotten";
+  set_wakeup(kOn, kNow + 100);
+  EXPECT_EQ(rtc.alarm, kNow + 60);
+  set_wakeup(kOn, kNow + kHour);
+  raise(SIGUSR1);
+  wait_until([this] { return !rtc.cleared.empty(); });
+  EXPECT_EQ(rtc.alarm, kNow + kHour - 90);
   emit("login1", "PrepareForShutdown", {false});
   wait_until(inhibitor_is_held);
   EXPECT_EQ(rtc.alarm, kNow + kHour - 15);

@@ -15,7 +15,7 @@ from gi.repository import GLib
 SERVICES = {
     "login1": (
         "org.freedesktop.login1.Manager",
-        {"BlockInhibited": "", "IdleHint": False},
+        {"BlockInhibited": "", "IdleHint": False, "IdleSinceHint": dbus.UInt64(0)},
         [
             # A file whose name tells who holds it.
             ("Inhibit", "ssss", "h", "ret = dbus.types.UnixFd(open('/tmp/inhibitor', 'w'))"),

@@ -1,0 +1,73 @@
+// The power micro-controller of the set: the alarm of the real-time clock.
+#include "alarm.h"
+#include "clock.h"
+#include "screen.h"
+#include "time_source.h"
+
+#include <Ecore.h>
+#include <IPowerControl.h>
+#include <time_values.h>
+
+#include <ctime>
+
+static constexpr int kDone = 0;
+static constexpr int kFailed = -1;
+
+// Many televisions do not report that their own remote has turned them on or off.
+static constexpr std::uint32_t kAskBeforeSeconds = 10;
+
+namespace {
+
+class wake_control final : public IPowerControl {
+public:
+  int read_rtc(rtc_time *out) override;
+  int set_wakeup_time(std::uint32_t type, std::uint32_t time) override;
+  int clear_wakeup_time() override;
+};
+
+} // namespace
+
+static Ecore_Timer *ask_timer;
+
+static std::uint32_t now() { return to_time_value(std::time(nullptr)); }
+
+static Eina_Bool ask_before_on_time(void *) {
+  ask_timer = nullptr;
+  ask_screen();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static void stop_asking() {
+  if (ask_timer != nullptr)
+    ecore_timer_del(ask_timer);
+  ask_timer = nullptr;
+}
+
+int wake_control::read_rtc(rtc_time *out) {
+  const auto utc = read_rtc_utc();
+  if (!utc)
+    return kFailed;
+  const std::tm time = broken_down(*utc);
+  *out = {time.tm_sec,  time.tm_min,     time.tm_hour,
+          time.tm_mday, time.tm_mon + 1, time.tm_year - 100};
+  return kDone;
+}
+
+// The daemon gives UTC in the automatic clock mode, local time otherwise.
+int wake_control::set_wakeup_time(std::uint32_t type, std::uint32_t time) {
+  const std::uint32_t on_time = clock_mode() == kClockModeAutomatic ? time : to_utc(time);
+  stop_asking();
+  if (on_time > now() + kAskBeforeSeconds)
+    ask_timer = ecore_timer_add(on_time - now() - kAskBeforeSeconds, ask_before_on_time, nullptr);
+  return set_alarm(type, on_time);
+}
+
+int wake_control::clear_wakeup_time() {
+  stop_asking();
+  return clear_alarm();
+}
+
+IPowerControl *IPowerControl::getInstance() {
+  static wake_control instance;
+  return &instance;
+}
