@@ -92,6 +92,10 @@ void read_configuration() {
     return;
   }
   g_auto(GStrv) keys = g_key_file_get_keys(file, kGroup, nullptr, nullptr);
-  for (char **key = keys; key != nullptr && *key != nullptr; ++key)
+  if (keys == nullptr) {
+    report("%s: there is no group [%s]; the defaults are used", path, kGroup);
+    return;
+  }
+  for (char **key = keys; *key != nullptr; ++key)
     take_key(file, path, *key);
 }

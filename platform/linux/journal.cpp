@@ -8,8 +8,10 @@
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
+#include <span>
 #include <string_view>
 
 static constexpr const char *kTag = "DRAVEL_LINUX";
@@ -19,11 +21,21 @@ static constexpr std::string_view kDaemonTag = "DRAVEL_MANAGER";
 system_log_priority system_log_threshold = threshold_from_environment(SYSTEM_LOG_ERROR);
 
 // The daemon gives its progress lines error priority, too. Only a line that reports a failure is an
-// error in the journal. A caller's unknown id and a missing time update are not failures.
+// error in the journal.
+static constexpr const char *kFailures[] = {"ailed", " fail", "rror ", " error", "out of memory"};
+
+// A caller's unknown id, a missing time update and a timer without a next expiry are not failures.
+static constexpr const char *kNoFailures[] = {"failed to get dravel item",
+                                              "failed to get wakeup item", "failed auto_time_set",
+                                              "get_next_expire_date"};
+
+static bool has_any(const char *format, std::span<const char *const> parts) {
+  return std::ranges::any_of(
+      parts, [=](const char *part) { return std::strstr(format, part) != nullptr; });
+}
+
 static bool tells_of_failure(const char *format) {
-  return (std::strstr(format, "ailed") != nullptr || std::strstr(format, "Error ") != nullptr) &&
-         std::strstr(format, "failed to get ") == nullptr &&
-         std::strstr(format, "failed auto_time_set") == nullptr;
+  return has_any(format, kFailures) && !has_any(format, kNoFailures);
 }
 
 static int journal_priority(system_log_priority priority, const char *tag, const char *format) {

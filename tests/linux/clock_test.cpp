@@ -140,6 +140,7 @@ TEST(Configuration, BadValuesAreReported_AndHaveTheirDefaults) {
       {"[linux]\nkeep-timers=yes", "keep-timers cannot be"},
       {"[linux]\ncolour=red", "there is no key \"colour\""},
       {"linux", "the defaults are used"},
+      {"[Linux]\nrtc=/dev/rtc1", "there is no group [linux]"},
   };
   setenv("DRAVEL_CONFIGURATION", "/tmp/machine.conf", 1);
   setenv("DRAVEL_LOG_STDERR", "1", 1);
@@ -196,6 +197,35 @@ TEST_F(Machine, ADaemonWithoutAccessToTheState_IsRefused) {
   EXPECT_EQ(seteuid(user), 0);
 }
 
+// Receives what is written to the journal.
+class played_journal {
+public:
+  played_journal() {
+    std::filesystem::create_directories("/run/systemd/journal");
+    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
+    EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+  }
+  ~played_journal() { close(socket_); }
+  played_journal(const played_journal &) = delete;
+  played_journal &operator=(const played_journal &) = delete;
+
+  std::string next() const {
+    char line[512] = "";
+    EXPECT_GT(recv(socket_, line, sizeof line - 1, MSG_DONTWAIT), 0);
+    return line;
+  }
+
+  std::string find(const char *part) const {
+    std::string line = next();
+    while (!line.empty() && line.find(part) == std::string::npos)
+      line = next();
+    return line;
+  }
+
+private:
+  int socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+};
+
 TEST(Journal, ShowsProgressAsNotices_AndFailuresAsErrors) {
   static constexpr struct {
     system_log_priority priority;
@@ -209,24 +239,34 @@ TEST(Journal, ShowsProgressAsNotices_AndFailuresAsErrors) {
       {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "failed auto_time_set %d", '5'},
       {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "Failed to set micom flag to db %d", '3'},
       {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "Error in device_power_set_state : %d\n", '3'},
+      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "failed to get rtc time", '3'},
+      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "DB open fail: [%d], remove", '3'},
+      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "device_power_subscribe_standby error : %d \n", '3'},
+      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "CreateSignalSubscriber error", '3'},
+      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "out of memory", '3'},
       {SYSTEM_LOG_ERROR, "E_DBUS", "no bus: %d", '3'},
       {SYSTEM_LOG_INFO, "DRAVEL_MANAGER", "failed %d", '6'},
       {SYSTEM_LOG_DEBUG, "DRAVEL_MANAGER", "%d", '7'},
   };
-  std::filesystem::create_directories("/run/systemd/journal");
-  const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
-  const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ASSERT_EQ(bind(journal, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+  const played_journal journal;
   for (const auto &row : kCases) {
     system_log_print(row.priority, row.tag, row.text, 7);
-    char line[512] = "";
-    ASSERT_GT(recv(journal, line, sizeof line - 1, 0), 0);
-    const std::string_view fields = line;
+    const std::string fields = journal.next();
     EXPECT_EQ(fields.at(fields.find("PRIORITY=") + 9), row.level) << fields;
     EXPECT_NE(fields.find(std::string("SYSLOG_IDENTIFIER=") + row.tag + '\n'), fields.npos);
     EXPECT_NE(fields.find("MESSAGE="), fields.npos);
   }
-  close(journal);
+}
+
+TEST_F(Machine, WithoutAnAdapter_IsNoError_UnlessOneIsNamed) {
+  const played_journal journal;
+  cec.is_there = false;
+  start("", "");
+  EXPECT_NE(journal.find("no CEC adapter").find("PRIORITY=6"), std::string::npos);
+  std::ofstream("/tmp/machine.conf") << "[linux]\ncec=/dev/cec7\n";
+  raise(SIGUSR1);
+  wait_until([] { return configuration().cec == "/dev/cec7"; });
+  EXPECT_NE(journal.find("no CEC adapter").find("PRIORITY=3"), std::string::npos);
 }
 
 } // namespace
