@@ -111,8 +111,7 @@ void cec_device::look() {
   is_configured = found.num_log_addrs > 0;
   is_ours = is_ours && is_configured;
   logical = is_configured && found.log_addr_mask != 0 ? found.log_addr[0] : kNoLogicalAddress;
-  // With the same cable, another program has just taken its own configuration away to set a new
-  // one.
+  // On an unchanged cable, the program that took its logical address away sets another one next.
   if (physical != before)
     claim();
 }
