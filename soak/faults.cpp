@@ -348,11 +348,11 @@ static void change_clocks(soak_run &run) {
 
 std::span<const fault> faults() {
   static constexpr fault kFaults[] = {
-      {"kills", 300, 3, nullptr, check_all, kill_daemon, -SIGKILL, nullptr},
-      {"lost-bus", 50, 1, start_bus, check_all, kill_bus, 0, use_sandbox_bus},
-      {"files", 2000, 20, damage_files, check_kept, use_files, 0, mend_files},
+      {"kills", 1000, 3, nullptr, check_all, kill_daemon, -SIGKILL, nullptr},
+      {"lost-bus", 100, 1, start_bus, check_all, kill_bus, 0, use_sandbox_bus},
+      {"files", 10000, 20, damage_files, check_kept, use_files, 0, mend_files},
       {"refusals", 600, 60, refuse_at_start, check_all, refuse_and_recover, 0, nullptr},
-      {"clocks", 200, 2, nullptr, check_all, change_clocks, 0, nullptr},
+      {"clocks", 2000, 2, nullptr, check_all, change_clocks, 0, nullptr},
       // The last one: the small disk stays.
       {"disk", 120, 3, prepare_disk, check_all, hinder_disk, 0, repair_disk},
   };

@@ -205,7 +205,7 @@ static void call_mock(const char *service, const char *method,
   sd_bus_message_new_method_call(control, &message, name_of(service).c_str(),
                                  path_of(service).c_str(), "org.freedesktop.DBus.Mock", method);
   append(message);
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   EXPECT_GE(sd_bus_call(control, message, 0, &error, nullptr), 0) << method << error.message;
   sd_bus_error_free(&error);
   sd_bus_message_unref(message);

@@ -1,0 +1,275 @@
+// The platform of a Linux machine: an input is its key file, what the last run has left, then
+// readings of the real-time clock, messages of the television, orders of the daemon and events of
+// the machine. There is no bus; no call on it is answered.
+#include "machine.h"
+
+#include "alarm.h"
+#include "configuration.h"
+#include "input.h"
+#include "power.h"
+#include "screen.h"
+#include "start.h"
+
+#include <Ecore.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <vector>
+
+static constexpr int kMaxSteps = 100;
+static constexpr unsigned kLongestSeconds = 86400;
+static constexpr const char *kConfigurationPath = "/tmp/machine.conf";
+static constexpr const char *kStatePath = "/tmp/state/wake-up";
+static constexpr const char *kPowerPath = "/tmp/run/power";
+
+namespace {
+
+// A device that may refuse each operation.
+class unsound_rtc final : public rtc_device {
+public:
+  bool exists() override { return is_there; }
+  std::optional<std::int64_t> read_clock() override {
+    return works(1) ? std::optional(clock) : std::nullopt;
+  }
+  bool read_alarm(std::optional<std::int64_t> &out) override {
+    out = alarm;
+    return works(2);
+  }
+  bool set_alarm(std::int64_t time) override {
+    const bool done = works(4);
+    if (done && !works(16)) // forgets it
+      alarm.reset();
+    else if (done)
+      alarm = time;
+    return done;
+  }
+  bool clear_alarm() override {
+    const bool done = works(8);
+    if (done)
+      alarm.reset();
+    return done;
+  }
+
+  bool is_there = true;
+  unsigned refused = 0;
+  int error = 0;
+  std::int64_t clock = kNow;
+  std::optional<std::int64_t> alarm;
+
+private:
+  bool works(unsigned operation) {
+    errno = error;
+    return (refused & operation) == 0;
+  }
+};
+
+class unsound_cec final : public cec_adapter {
+public:
+  void start() override {}
+  bool prepare() override { return is_there; }
+  std::uint16_t physical_address() override { return address; }
+  bool is_claiming() override { return claims; }
+  void send(std::uint8_t destination, std::span<const std::uint8_t> message) override {
+    EXPECT_TRUE(destination < 16 && !message.empty() && message.size() < 16);
+  }
+
+  bool is_there = true;
+  bool claims = false;
+  std::uint16_t address = 0x1000;
+};
+
+} // namespace
+
+static unsound_rtc rtc;
+static unsound_cec cec;
+static int settled; // orders
+
+static std::uint32_t now() { return static_cast<std::uint32_t>(std::time(nullptr)); }
+
+// --- files ---
+
+static std::string draw_value(input &in) {
+  static const std::string values[] = {"0",
+                                       "15",
+                                       "86400",
+                                       "86401",
+                                       "-1",
+                                       "4294967296",
+                                       "99999999999999999999",
+                                       "auto",
+                                       "off",
+                                       "tv",
+                                       "all",
+                                       "/dev/cec0",
+                                       "poweroff",
+                                       "hibernate",
+                                       "none",
+                                       "suspend",
+                                       "true",
+                                       "false",
+                                       "/dev/null",
+                                       " 7 ",
+                                       "\xff\xfe",
+                                       "",
+                                       "1800000100",
+                                       std::string(5000, '9')};
+  return in.seldom(64) ? in.bytes(40) : in.one_of(values);
+}
+
+static void write_file(const char *path, const char *group, std::span<const char *const> keys,
+                       input &in) {
+  std::ofstream file(path);
+  if (!in.seldom(16))
+    file << '[' << group << "]\n";
+  for (std::size_t lines = in.below(8); lines > 0; --lines)
+    file << (in.seldom(32) ? in.bytes(20) : keys[in.below(keys.size())]) << '=' << draw_value(in)
+         << '\n';
+  if (in.seldom(8))
+    file << in.bytes(200);
+}
+
+static void write_configuration(input &in) {
+  static constexpr const char *kKeys[] = {
+      "rtc",          "cec",           "cec-standby",     "off-action",
+      "lead-suspend", "lead-poweroff", "return-to-sleep", "keep-timers",
+      "rtc[de]"};
+  write_file(kConfigurationPath, "linux", kKeys, in);
+  read_configuration();
+  const linux_configuration &read = configuration();
+  EXPECT_TRUE(read.rtc.starts_with('/'));
+  EXPECT_TRUE(read.cec == "auto" || read.cec == "off" || read.cec.starts_with('/'));
+  EXPECT_LE(read.off, off_action::kNone);
+  EXPECT_LE(std::max({read.lead_suspend, read.lead_poweroff, read.return_to_sleep}),
+            kLongestSeconds);
+}
+
+static void start_after_another_run(input &in) {
+  static constexpr const char *kWakeUpKeys[] = {"type", "on-time", "alarm"};
+  static constexpr const char *kPowerKeys[] = {"state", "wakeup-reason", "was-booted", "returns"};
+  write_file(kStatePath, "wake-up", kWakeUpKeys, in);
+  if (in.byte() % 2 == 0)
+    std::remove(kPowerPath);
+  else
+    write_file(kPowerPath, "power", kPowerKeys, in);
+  start_power(start_alarm(rtc));
+}
+
+// --- steps ---
+
+static void change_clocks(input &in) {
+  static constexpr std::uint32_t kUnits[] = {1, 60, 3600, 86400 * 365};
+  const std::uint32_t step = in.byte() * in.one_of(kUnits);
+  set_now(in.seldom(16) ? in.word() : now() + step);
+  rtc.clock = in.seldom(32) ? static_cast<std::int64_t>(in.word()) << in.below(32) : now();
+}
+
+static void change_devices(input &in) {
+  static constexpr int kErrors[] = {EBUSY, EIO, EINVAL};
+  rtc.is_there = !in.seldom(32);
+  rtc.refused = in.seldom(128) ? in.byte() : 0;
+  rtc.error = in.one_of(kErrors);
+  cec.is_there = !in.seldom(32);
+  cec.claims = in.seldom(32);
+  cec.address = in.seldom(64) ? kNoPhysicalAddress : 0x1000;
+}
+
+// An alarm that counts as set is the device's, as far ahead as it is meant to be.
+static void check_alarm(std::uint32_t on_time) {
+  const wake_up &wake = programmed_wake_up();
+  EXPECT_EQ(wake.on_time, on_time > now() ? on_time : 0);
+  if (wake.alarm == 0)
+    return;
+  EXPECT_TRUE(rtc.is_there && rtc.alarm == rtc.clock + (std::int64_t{wake.alarm} - now()));
+  EXPECT_GE(wake.alarm, now() + 5);
+  EXPECT_LE(wake.alarm, std::max(wake.on_time, now() + 60));
+}
+
+static void order_wake_up(input &in) {
+  const std::uint32_t on_time = in.seldom(32) ? in.word() : now() + in.byte() - 8;
+  const bool refuses = rtc.is_there && rtc.refused != 0;
+  if (in.seldom(16))
+    EXPECT_TRUE(clear_alarm() == 0 || refuses);
+  else if (set_alarm(in.byte() % 16, on_time) == 0 || !refuses)
+    check_alarm(on_time);
+}
+
+static void receive_message(input &in) {
+  static constexpr std::uint8_t kOpcodes[] = {0x90, 0x36, 0x00, 0x04, 0x82, 0x8f};
+  std::vector<std::uint8_t> message;
+  if (!in.seldom(16))
+    message.push_back(in.one_of(kOpcodes));
+  for (std::size_t operands = in.below(4); operands > 0; --operands)
+    message.push_back(in.seldom(128) ? in.one_of(kOpcodes) : in.byte() % 5);
+  screen_received(in.seldom(32) ? 15 : 0, message);
+}
+
+static void order_screen(input &in) {
+  settled = 0;
+  turn_screen(in.byte() % 2 == 0, [] { ++settled; });
+}
+
+static void fire_one(input &in) {
+  std::istringstream text(timers());
+  const std::vector<double> seconds{std::istream_iterator<double>(text), {}};
+  if (!seconds.empty())
+    fire(seconds[in.below(seconds.size())]);
+}
+
+static void change_power(input &in) {
+  static constexpr void (*kEvents[])() = {machine_goes_to_sleep,
+                                          machine_woke_up,
+                                          machine_shuts_down,
+                                          machine_stays_up,
+                                          user_is_active,
+                                          screen_is_reachable,
+                                          ask_screen,
+                                          leave_screen,
+                                          [] { device_power_set_wakeup_reason(20); }};
+  in.one_of(kEvents)();
+}
+
+static void reload(input &in) {
+  release_device();
+  write_configuration(in);
+  start_screen(cec);
+  take_device();
+}
+
+static void read_clock(input &) {
+  rtc_time time{};
+  IPowerControl::getInstance()->read_rtc(&time);
+}
+
+static constexpr void (*kSteps[])(input &) = {
+    order_wake_up, order_wake_up, receive_message, order_screen, fire_one,
+    change_clocks, change_power,  change_devices,  read_clock,   reload};
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+  input in(data, size);
+  rtc = {};
+  cec = {};
+  set_now(kNow);
+  write_configuration(in);
+  start_screen(cec);
+  start_after_another_run(in);
+  for (int step = 0; step < kMaxSteps && !in.empty(); ++step) {
+    in.one_of(kSteps)(in);
+    EXPECT_LE(settled, 1);
+  }
+  machine_goes_to_sleep(); // ends every order
+  return 0;
+}
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  GTEST_FLAG_SET(throw_on_failure, true);
+  setenv("STATE_DIRECTORY", "/tmp/state", 1);
+  setenv("RUNTIME_DIRECTORY", "/tmp/run", 1);
+  setenv("DRAVEL_CONFIGURATION", kConfigurationPath, 1);
+  ecore_init();
+  EXPECT_TRUE(std::system("mkdir -p /tmp/state /tmp/run") == 0);
+  return 0;
+}
