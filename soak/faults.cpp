@@ -16,6 +16,8 @@
 #include <stdexcept>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
@@ -37,15 +39,24 @@ static void kill_daemon(soak_run &run) { change_until_killed(run, run.daemon->pi
 static constexpr const char *kShortLivedBus = "unix:path=/run/bench/short-lived";
 static std::optional<process> short_lived_bus;
 
-// The bus takes connections once it has made its socket.
+static bool takes_connections(const std::string &path) {
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool taken =
+      connect(client, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+  close(client);
+  return taken;
+}
+
 static void start_bus(soak_run &run) {
-  const std::string socket = std::string(kShortLivedBus).substr(std::strlen("unix:path="));
-  fs::remove(socket);
+  const std::string path = std::string(kShortLivedBus).substr(std::strlen("unix:path="));
+  fs::remove(path);
   short_lived_bus.emplace(
       std::vector<std::string>{"/usr/bin/dbus-daemon", "--nofork", "--nosyslog",
                                std::string("--config-file=") + BUS_CONFIGURATION,
                                std::string("--address=") + kShortLivedBus});
-  while (!fs::exists(socket))
+  while (!takes_connections(path))
     usleep(500);
   run.address = kShortLivedBus;
   run.bus.reset();
