@@ -1,4 +1,4 @@
-// The daemon beside a bare service, measured in turn on one bus: medians, and how many times the
+// The daemon and a bare service, measured in turn on one bus: medians, and how many times the
 // daemon takes what the bare service takes.
 //
 // Usage: compare DAEMON BARE-SERVICE DISK-DIRECTORY   in scripts/sandbox
@@ -150,7 +150,7 @@ static void compare_list(bus_client &bus) {
 
 static void compare_schedule_and_cancel(bus_client &bus, const place &where, int listed) {
   const pair_of_services both(bus, listed, true);
-  // In the middle of the list, and in nobody's way.
+  // In the middle of the list; no other timer is set for that time.
   timer_arguments added = household_timer(wall_clock(), listed / 2, false);
   added[9] += 420 / 60;
   const auto run = [&](const bus_target &target) {

@@ -1,4 +1,4 @@
-// What single operations of the daemon cost, in this process on its library and the pretend set;
+// What single operations of the daemon cost, in this process on its library and a simulated set;
 // and what whole calls cost, on the bus with the real daemon.
 //
 // Run through scripts/bench --single, which sees to the sandbox and to the log.

@@ -29,7 +29,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
 if(DRAVEL_PLATFORM STREQUAL standin)
   string(APPEND CPACK_DEBIAN_PACKAGE_DESCRIPTION "
 This is a development build: it is linked with a stand-in for the set's
-platform, a pretend television that root drives over the bus. It turns no
+platform, a simulated television that root drives over the bus. It turns no
 real set on or off.")
 elseif(DRAVEL_PLATFORM STREQUAL linux)
   string(APPEND CPACK_DEBIAN_PACKAGE_DESCRIPTION "

@@ -16,7 +16,7 @@
 // What can_skip_timer decides about one occurrence.
 enum skip_decision { SKIP_NO = 0, SKIP_REFUSED = 1, SKIP_MOVED = 2 };
 
-// So many timers may be listed before the next one evicts one.
+// The number of listed timers at which storing one more evicts one.
 constexpr unsigned kMaxTimerNum = 80;
 
 extern "C" {
@@ -91,8 +91,8 @@ DRAVEL_API Eina_List *remove_disabled_period_item(disabled_period_item *period);
 DRAVEL_API disabled_period_item *find_disabled_period_item(int period_id);
 DRAVEL_API Eina_List *load_disabled_period_list(void);
 
-// When `item` fires next, as UTC on the TV clock's line. 0: `*expire` is set;
-// -1: it never will, or an argument is null; -2: the time is not known. May
+// When `item` fires next, as a time of the TV clock read as UTC. 0: `*expire` is set;
+// -1: it never fires, or an argument is null; -2: the time is not known. May
 // move a one-shot item past a disabled period, see can_skip_timer.
 DRAVEL_API int get_next_expire_date(const dravel_item *item, std::tm *expire);
 
@@ -101,15 +101,15 @@ DRAVEL_API int get_next_expire_date(const dravel_item *item, std::tm *expire);
 // is moved to the day after the period and stored.
 DRAVEL_API int can_skip_timer(const dravel_item *item, time_value occurrence);
 
-// Whether disabled periods skip or move `item`: it opted in, and its type is not one that never
-// moves.
+// Whether disabled periods skip or move `item`: it opted in, and disabled periods apply to its
+// type.
 DRAVEL_API bool heeds_disabled_periods(const dravel_item *item);
 
 // Moves a period on by one year and stores it; returns the update's result.
 DRAVEL_API int next_disabled_period(disabled_period_item *period);
 
 // 1 when an on-timer other than `timer_id` fires 1 to 599 seconds after
-// `standby`, so that going to standby is not worth it; else 0.
+// `standby`, which makes the standby useless; else 0.
 DRAVEL_API int can_skip_standby(const std::tm *standby, int timer_id);
 }
 

@@ -123,7 +123,7 @@ template <typename Record> int field_of(const Record &record, const record_field
   return *reinterpret_cast<const int *>(reinterpret_cast<const char *>(&record) + field.offset);
 }
 
-// Copies every listed field; the zone members keep what they hold.
+// Copies every listed field; the zone members of `to` are not changed.
 template <typename Record> void copy_fields(Record &to, const Record &from) {
   for (const record_field &field : kRecordFields<Record>)
     field_of(to, field) = field_of(from, field);

@@ -20,7 +20,7 @@ struct timer_change {
   const char *reason; // the word for it; null unless the timer was removed
 };
 
-// Adds the object to the daemon's connection. Without it, which is logged, the daemon works on.
+// Adds the object to the daemon's connection. A failure is logged; the daemon continues.
 void init_state_object(E_DBus_Connection *bus);
 void fini_state_object(void); // before the binding shuts down
 

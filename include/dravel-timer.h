@@ -53,8 +53,8 @@ DRAVEL_API void init_dravel(void);
 // Writes the finish marker where it is missing and ends the wait for it.
 DRAVEL_API void create_dravel_finish_file(void);
 
-// Make and release the two scheduled-timer tables. Releasing them ends the
-// records of armed items, but not the main loop's timers.
+// Make and release the two scheduled-timer tables. Releasing them frees the
+// records of armed items, but does not delete the main-loop timers.
 DRAVEL_API void init_hash_table(void);
 DRAVEL_API void fini_hash_table(void);
 
@@ -74,15 +74,15 @@ DRAVEL_API void replace_evicted_ontimer(void);
 // says that the clock may have been set; `data` is ignored.
 DRAVEL_API void adjust_dravel_all_items(struct settings_key *key, void *data);
 
-// Re-arms every item where it stands, once the clock has become valid.
+// Re-arms every item without moving it, once the clock has become valid.
 DRAVEL_API void reschedule_all_timers(void);
 
 // The first on-timer equal to `item` in type, weekdays, clock and time: 0 and
 // `*out`, or -1.
 DRAVEL_API int find_duplicate_ontimer(const dravel_item *item, dravel_item **out);
 
-// The on-timer to wake the set for, and its next expiry, leaving out what an
-// off-timer set for the same time takes away. -1 when there is none. Disarms a
+// The on-timer to wake the set for, and its next expiry; times for which an
+// off-timer is set are left out. -1 when there is none. Disarms a
 // one-shot on-timer that coincides with an off-timer.
 DRAVEL_API int get_next_ontimer_not_overlap_with_offtimer(dravel_item **item, std::tm *expire);
 

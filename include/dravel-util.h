@@ -28,7 +28,7 @@ struct clock_reading {
   time_value now;       // the TV clock or, while that is unknown, the real-time clock
   time_value broadcast; // the TV clock, 0 while it is unknown
   time_value internet;  // the system clock
-  double offset;        // now - internet: carries a system-clock time onto the line of `now`
+  double offset;        // now - internet: converts a system-clock time to the clock of `now`
 };
 
 extern "C" {

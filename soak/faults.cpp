@@ -216,7 +216,9 @@ static std::string damaged(soak_run &run, std::string bytes) {
 static void damage_files(soak_run &run) {
   if (run.round == 0)
     return;
-  const char *path = run.below(8) == 0 ? kWakeupDbPath : kDravelDbPath;
+  // The daemon deletes a wake-up database that it cannot use; the next start makes a new one.
+  const bool wakeup = run.below(8) == 0 && fs::exists(kWakeupDbPath);
+  const char *path = wakeup ? kWakeupDbPath : kDravelDbPath;
   write_bytes(path, damaged(run, bytes_of(path)));
   write_bytes("/tmp/probe.db", bytes_of(kDravelDbPath));
 }
@@ -279,7 +281,7 @@ static void accept_moved_dates(soak_run &run) {
 
 // --- operations of the set that are refused, at the start or later ---
 
-// Without the first a timer has no time, and goes; the others end the start.
+// Without the first a timer has no time and is removed; without another the start fails.
 static constexpr std::string_view kIndispensable[] = {"Unsigned_timegm",
                                                       "device_power_subscribe_poweroff",
                                                       "device_power_subscribe_standby",
@@ -309,7 +311,7 @@ static void send_all_events(soak_run &run) {
   send_event(run, "MiddlewareSignal", {108});
 }
 
-// Once the set works again and says so, the next on-time is programmed.
+// Once the operations work again and the set sends an event, the next on-time is programmed.
 static void refuse_and_recover(soak_run &run) {
   const std::string refused = "'" + refused_in(run) + "'";
   run.bus->set_property("Refuse", refused);

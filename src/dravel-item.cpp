@@ -319,7 +319,7 @@ int can_skip_standby(const std::tm *standby, int timer_id) {
   return 0;
 }
 
-// Computing the next expiry of such an item may move it.
+// Whether computing the next expiry of `item` may move it.
 static bool may_be_moved(const dravel_item *item) {
   return disabled_period_list != nullptr && item->week_flag == 0 && heeds_disabled_periods(item);
 }

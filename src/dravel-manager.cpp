@@ -39,7 +39,7 @@ static int give_up(const char *failed) {
 }
 
 int start_dravel(void) {
-  // The lists live as long as the process: Eina must not go with Ecore.
+  // The lists live as long as the process: ecore_shutdown must not shut Eina down.
   eina_init();
   ecore_init();
   init_dravel();

@@ -277,7 +277,7 @@ namespace {
 struct set_time {
   const dravel_item *item;
   time_value time;        // as its own clock counts
-  time_value on_tv_clock; // on the line of the TV clock
+  time_value on_tv_clock; // as the TV clock counts
 };
 
 } // namespace
@@ -287,7 +287,7 @@ static set_time set_time_of(const dravel_item *item, double offset) {
   return {item, time, item->time_type == TIME_TYPE_INTERNET ? add_time_offset(time, offset) : time};
 }
 
-// The configured time of an on- or off-timer, on the line of the TV clock.
+// The configured time of an on- or off-timer, as the TV clock counts.
 static time_value configured_time(const set_time &timer, const char *name) {
   LOGI_OF(get_next_ontimer_not_overlap_with_offtimer, "%s_time[%lu]", name, as_ulong(timer.time));
   if (timer.item->time_type == TIME_TYPE_INTERNET)

@@ -150,7 +150,7 @@ static Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
 }
 
 // libdbus has one watch for reading and one for writing; Ecore takes a descriptor
-// only once, so that one handler serves both.
+// only once, so one handler serves both.
 static void update_socket_handler(E_DBus_Connection *connection) {
   unsigned int wanted = 0;
   for (DBusWatch *watch : connection->watches)
@@ -191,8 +191,8 @@ static void toggle_watch(DBusWatch *, void *data) {
   update_socket_handler(static_cast<E_DBus_Connection *>(data));
 }
 
-// libdbus uses a timeout for each reply that it waits for, so that it elapses
-// once. Handling it may release it.
+// libdbus adds one timeout for each reply that it waits for: the timeout elapses
+// once. Handling it may release the timeout.
 static Eina_Bool timeout_elapsed(void *data) {
   auto *timeout = static_cast<DBusTimeout *>(data);
   dbus_timeout_set_data(timeout, nullptr, nullptr);

@@ -8,7 +8,7 @@ extern "C" {
 
 enum system_log_priority { SYSTEM_LOG_DEBUG = 0, SYSTEM_LOG_INFO = 1, SYSTEM_LOG_ERROR = 2 };
 
-// The least priority that is written.
+// The lowest priority that is written.
 extern enum system_log_priority system_log_threshold;
 
 // Writes one line under `tag`, which is static text. Ignores the threshold.

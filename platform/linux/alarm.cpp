@@ -60,7 +60,7 @@ static bool switch_off() {
   return device->clear_alarm() || refused("the alarm is not switched off");
 }
 
-// The daemon programs the same alarm once for each off-timer: one that the device has is left.
+// The daemon programs the same alarm once for each off-timer: an unchanged alarm is not written.
 static bool write_alarm(std::uint32_t alarm) {
   const auto clock = device->read_clock();
   if (!clock)

@@ -1,4 +1,4 @@
-// The alarm of the real-time clock: it wakes or boots the machine a lead before the on-time.
+// The alarm of the real-time clock: wakes or boots the machine before the on-time, by the lead.
 #pragma once
 
 #include "rtc.h"
@@ -7,7 +7,7 @@
 // Which lead counts: that of a sleep or that of a boot.
 enum class wake_kind { kResume, kBoot };
 
-// A late wake-up is credited until this long after its on-time.
+// A wake-up later than its on-time by at most this counts as caused by the alarm.
 inline constexpr std::uint32_t kLatestSeconds = 300;
 
 // Reads what the last run programmed, and switches the alarm off.

@@ -55,7 +55,7 @@ static void return_after(std::uint32_t time) {
   keep();
 }
 
-// A television that does not obey leaves the wake-up unused.
+// When a timer has woken the machine and the television stays off, the machine sleeps again.
 static void on_order_ended() {
   if (state != DEVICE_POWER_STATE_ON && wakeup_reason != kNoReason)
     return_after(now());
@@ -149,8 +149,8 @@ void machine_stays_up() {
   confirm_time();
 }
 
-// After a boot by the alarm the session may be one that starts by itself. The return asks whether
-// its user is active.
+// After a boot by the alarm the session may be one that starts by itself. The return to sleep
+// checks whether its user is active.
 void user_is_active() {
   if (was_booted)
     return;

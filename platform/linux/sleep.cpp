@@ -157,7 +157,7 @@ static bool take_state(const char *name, sd_bus_message *value) {
   return true;
 }
 
-// Null: nothing stands against it.
+// Null when nothing prevents the sleep.
 static const char *obstacle() {
   if (found.blocked.find(kMethods[static_cast<int>(request.action)].blocked_by) !=
       std::string::npos)

@@ -1,4 +1,4 @@
-// The stand-in set: one pretend television behind the platform's contract. It
+// The stand-in set: one simulated television behind the platform's contract. It
 // answers with the values that it was given and keeps a list of the requests. Tests
 // use this record directly; over the bus it is the object /org/olvara/tv/standin.
 #pragma once

@@ -142,7 +142,7 @@ class Guest(Machine):
     # --- the television ---
 
     def television_off(self):
-        """Somebody turns the television off by its remote, which tells nobody."""
+        """The television is turned off by its remote and reports nothing on the cable."""
         self.run("echo OPTIONS=--standby >/etc/default/television && systemctl restart television")
         self.await_journal("television.*CEC adapter state change", 20)
         self.note("(television: standby)")

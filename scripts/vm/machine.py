@@ -39,7 +39,7 @@ class Line:
         return self.pending
 
     def receive(self, timeout):
-        """False at the end of all."""
+        """False when QEMU has closed the socket."""
         self.socket.settimeout(timeout)
         try:
             data = self.socket.recv(65536)

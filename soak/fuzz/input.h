@@ -32,7 +32,7 @@ public:
     return table[below(N)];
   }
 
-  // True for `chances` of 256 bytes, not for 0: what is unusual has to be asked for.
+  // True for `chances` of the 256 byte values, never for 0: a used-up input gives false.
   bool seldom(unsigned chances) {
     const unsigned drawn = byte();
     return drawn != 0 && drawn <= chances;

@@ -1,5 +1,5 @@
-// A life of the daemon in the fuzzer's process: an input is what it finds at its start, then a
-// sequence of calls, events of the set and expiries, after each of which its state must hold.
+// One run of the daemon in the fuzzer's process: an input is what the daemon finds at its start,
+// then calls, events of the set and expiries. After each step the state is checked.
 #pragma once
 
 #include "fixture.h"
@@ -8,8 +8,8 @@
 // The target's part: what the start finds in the store.
 void prepare_store(input &in);
 
-// A call of one of the daemon's methods. Mostly it carries what the method is registered for, now
-// and then more, less or something else. The reply is what it must be.
+// A call of one of the daemon's methods, mostly with arguments of its signature, sometimes with
+// more, fewer or other ones. The reply is checked.
 void call_any(input &in);
 void call_schedule(input &in); // once, or more often
 

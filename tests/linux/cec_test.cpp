@@ -1,5 +1,5 @@
-// The machine's adapter on a device that the case plays: a FIFO that is readable when there is
-// something to fetch, and the kernel's answers to what is asked of it.
+// The machine's adapter on a simulated device: a FIFO that is readable when there is something to
+// read, and the kernel's answers to the ioctls.
 #include "machine.h"
 
 #include <algorithm>
@@ -93,7 +93,7 @@ protected:
     device.sent.clear();
   }
 
-  // The kernel tells that the addresses have changed.
+  // The kernel reports that the addresses have changed.
   static void change() {
     device.events.push_back({.ts = 0, .event = CEC_EVENT_STATE_CHANGE, .flags = 0, .raw = {}});
     arrive();

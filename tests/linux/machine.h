@@ -1,7 +1,7 @@
 // A machine for the platform: its clock stands still until a case moves it, its timers fire where a
-// case says so, logind, timedated and systemd are played on the private bus, the real-time clock
-// and the television are records. The platform's state lives as long as the process, so that each
-// case needs one of its own, as ctest gives it.
+// case says so, logind, timedated and systemd are simulated on the private bus, the real-time clock
+// and the television are records. The platform's state lives as long as the process, so each case
+// needs a process of its own, as ctest starts it.
 #pragma once
 
 #include "cec.h"
@@ -35,7 +35,7 @@ public:
 
   bool is_there = true;
   bool is_busy = false; // another program has it open
-  bool forgets = false; // what it is told
+  bool forgets = false; // it reports no alarm after one was set
   std::int64_t ahead = 0;
   std::optional<std::int64_t> alarm;
   std::string cleared; // the device whose alarm was switched off last

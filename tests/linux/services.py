@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Plays logind, timedated and systemd on the system bus: `services.py NAME...`.
+"""Simulates logind, timedated and systemd on the system bus: `services.py NAME...`.
 
-Each answers what the platform asks. Calls are seen by dbusmock's signal MethodCalled; its methods
+Each answers what the platform asks. Calls appear as dbusmock's signal MethodCalled; its methods
 EmitSignal, UpdateProperties and AddMethod change what happens. A line is printed when all are there.
 """
 

@@ -113,8 +113,8 @@ void begin_clean_set() {
   EXPECT_EQ(start_dravel(), 0);
 }
 
-// The store is a new one that lets rows go. The polls for a readable clock end only with one; every
-// other main-loop timer has an owner.
+// A new store, in which rows can be deleted. The polls for a readable clock end only when it is
+// readable; every other main-loop timer has an owner.
 void end_clean_set() {
   standin().refused.clear();
   close_and_empty_store();

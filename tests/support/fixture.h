@@ -39,8 +39,8 @@ words call(const char *method, std::span<const int> arguments);
 std::string requests();
 std::string events();
 
-// The set as it is before a start; the start, without the daemon's idle step; and the end, with all
-// that the daemon holds removed by its own operations, which is a failure when something is left.
+// clear_set: as before a start. begin_clean_set: the start, without the daemon's idle step.
+// end_clean_set: removes all items by the daemon's operations; fails when something is left.
 void clear_set();
 void begin_clean_set();
 void end_clean_set();

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-// A program with its standard error in a file. Ended with SIGTERM at the latest by its destructor,
-// which ends the whole run unless that gives status 0.
+// A program with its standard error in a file. Its destructor ends it with SIGTERM, and ends the
+// whole run when the exit status is not 0.
 class process {
 public:
   explicit process(const std::vector<std::string> &command, const char *errors = "/dev/null");
@@ -31,7 +31,7 @@ constexpr const char *kDaemonLog = "/run/bench/daemon.log"; // of the last start
 struct daemon_start {
   std::string program;
   std::string keys = {};     // further lines of the set's key file
-  const char *log = "error"; // the least priority
+  const char *log = "error"; // the lowest priority
   const char *address = kSandboxBus;
 };
 

@@ -1,4 +1,4 @@
-// The real daemon on the private bus, and what a client and a pretend set see of it.
+// The real daemon on the private bus, and what a client and the simulated set see of it.
 #pragma once
 
 #include "process.h"

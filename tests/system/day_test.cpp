@@ -92,14 +92,14 @@ TEST_F(Day, ZonesModesAndHolidays_MoveTheOnTime) {
   EXPECT_EQ(schedule(kSeven), 1);
   EXPECT_EQ(events(), strings{programmed(2, "2027-03-28 05:00")});
 
-  // Tomorrow's seven o'clock lies behind the change to summer time, in New York it does not.
+  // In Berlin the clocks change before tomorrow's 07:00; in New York they do not.
   set("TimeZone", "'America/New_York'");
   EXPECT_EQ(events(), (strings{kCleared, programmed(2, "2027-03-28 11:00")}));
   set("ClockMode", "1"); // from now on the micro-controller holds local time
   standin("TimeSet", "()");
   EXPECT_EQ(events(), (strings{kCleared, programmed(2, "2027-03-28 07:00")}));
 
-  // A holiday skips the daily timer and moves the one for once.
+  // A disabled period skips the daily timer and moves the one-shot timer.
   EXPECT_EQ(schedule({3, "2027-03-27 09:00", 0, 1}), 2);
   EXPECT_EQ(call("request_set_disable_period", "(127, 2, 27, 0, 0, 0, 6, 85, 0,"
                                                " 127, 2, 29, 23, 59, 59, 1, 87, 0, 0, 0)"),

@@ -121,7 +121,7 @@ TEST(LostBusTest, EndsTheMainLoop) {
   close(next_descriptor);
   ASSERT_TRUE(e_dbus_bus_get(DBUS_BUS_SYSTEM));
   ASSERT_EQ(shutdown(next_descriptor, SHUT_RDWR), 0);
-  ecore_main_loop_begin(); // for ever, were the loss not noticed
+  ecore_main_loop_begin(); // returns only when the loss is detected
   e_dbus_shutdown();
   ecore_shutdown();
 }

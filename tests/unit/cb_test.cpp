@@ -47,8 +47,8 @@ static std::vector<expiry_row> expiry_rows() {
   return rows;
 }
 
-// Every expiry is announced. What comes of it takes nothing else back: a one-shot timer is removed,
-// a transient one stays for its owner, a repeating one is armed for its next day.
+// Every expiry is announced, whatever its action does. Afterwards a one-shot timer is removed,
+// a transient one stays listed, a repeating one is armed for its next day.
 TEST_F(Expiry, IsAnnounced_AndActsByItsType_UnlessHalted) {
   for (const auto &[type, expected, state, ambient, on_halt, off_halt, week_flag] : expiry_rows()) {
     restart(std::to_string(type) + expected + " in state " + std::to_string(state));
