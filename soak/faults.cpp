@@ -217,7 +217,7 @@ static void damage_files(soak_run &run) {
   if (run.round == 0)
     return;
   // The daemon deletes a wake-up database that it cannot use; the next start makes a new one.
-  const bool wakeup = run.below(8) == 0 && fs::exists(kWakeupDbPath);
+  const bool wakeup = run.below(8) == 0 && !bytes_of(kWakeupDbPath).empty();
   const char *path = wakeup ? kWakeupDbPath : kDravelDbPath;
   write_bytes(path, damaged(run, bytes_of(path)));
   write_bytes("/tmp/probe.db", bytes_of(kDravelDbPath));
