@@ -3,13 +3,13 @@
 #include "clock.h"
 #include "configuration.h"
 #include "journal.h"
+#include "loop_timer.h"
 
 #include <Ecore.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 // An alarm that is nearer might go off before the machine sleeps, or while it still shuts down.
 static constexpr std::uint32_t kLeastAheadSeconds = 5;
@@ -24,24 +24,16 @@ static wake_kind kind = wake_kind::kResume;
 static Ecore_Timer *retry_timer; // after EBUSY
 static bool is_retry;
 
-static std::uint32_t now() { return static_cast<std::uint32_t>(std::time(nullptr)); }
-
 static std::uint32_t alarm_for(std::uint32_t on_time) {
   const bool boots = kind == wake_kind::kBoot;
   const std::uint32_t lead = boots ? configuration().lead_poweroff : configuration().lead_suspend;
   const std::uint32_t least_ahead = boots ? kLeastAheadOfBootSeconds : kLeastAheadSeconds;
-  return std::max(on_time - std::min(on_time, lead), now() + least_ahead);
+  return std::max(on_time - std::min(on_time, lead), utc_now() + least_ahead);
 }
 
 // --- the device ---
 
 static Eina_Bool try_again(void *);
-
-static void stop_retry() {
-  if (retry_timer != nullptr)
-    ecore_timer_del(retry_timer);
-  retry_timer = nullptr;
-}
 
 // Always false. Another program that has the device open usually closes it soon.
 static bool refused(const char *what) {
@@ -66,7 +58,7 @@ static bool write_alarm(std::uint32_t alarm) {
   if (!clock)
     return refused("the clock cannot be read");
   // The device's clock may be wrong: the alarm is as far ahead on it as on the system clock.
-  const std::int64_t time = *clock + (std::int64_t{alarm} - now());
+  const std::int64_t time = *clock + (std::int64_t{alarm} - utc_now());
   std::optional<std::int64_t> found;
   if (device->read_alarm(found) && found == time)
     return true;
@@ -81,8 +73,8 @@ static bool write_alarm(std::uint32_t alarm) {
 // --- what is programmed ---
 
 static int program(wake_up wanted) {
-  stop_retry();
-  if (wanted.on_time <= now())
+  end_timer(retry_timer);
+  if (wanted.on_time <= utc_now())
     wanted = {};
   else
     wanted.alarm = alarm_for(wanted.on_time);
@@ -121,9 +113,13 @@ int set_alarm(std::uint32_t type, std::uint32_t on_time) { return program({type,
 
 int clear_alarm() { return program({}); }
 
+// The device is left now: a busy one is not tried again.
 void release_device() {
+  end_timer(retry_timer);
+  is_retry = true;
   if (device->exists())
     switch_off();
+  is_retry = false;
 }
 
 void take_device() {

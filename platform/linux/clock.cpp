@@ -33,6 +33,8 @@ bool change_zone(const char *name) {
   return before != g_time_zone_get_identifier(zone);
 }
 
+std::uint32_t utc_now() { return to_time_value(std::time(nullptr)); }
+
 std::uint32_t to_utc(std::uint32_t local) { return local_to_utc(current_zone(), local); }
 
 static bool rtc_counts_local_time() {

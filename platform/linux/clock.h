@@ -7,6 +7,7 @@
 // unknown name changes nothing.
 bool change_zone(const char *name);
 
+std::uint32_t utc_now();
 std::uint32_t to_utc(std::uint32_t local);
 
 // What the real-time clock shows, in UTC: it counts local time where /etc/adjtime says so.

@@ -1,6 +1,7 @@
 #include "off_order.h"
 
 #include "configuration.h"
+#include "loop_timer.h"
 #include "screen.h"
 #include "sleep.h"
 #include "targets.h"
@@ -44,7 +45,6 @@ void give_off_order() {
 void cancel_off_order() {
   steps_left = 0;
   leave_off_target();
-  if (blocked_timer != nullptr)
-    ecore_timer_del(blocked_timer);
-  blocked_timer = nullptr;
+  end_timer(blocked_timer);
+  cancel_sleep(off_action_is_postponed);
 }

@@ -1,6 +1,7 @@
 #include "power.h"
 
 #include "alarm.h"
+#include "clock.h"
 #include "configuration.h"
 #include "events.h"
 #include "journal.h"
@@ -28,8 +29,6 @@ static int wakeup_reason = kNoReason;
 static wake_up before_sleep; // what was programmed when the machine went to sleep
 static bool was_booted;      // by the alarm, not resumed
 
-static std::uint32_t now() { return to_time_value(std::time(nullptr)); }
-
 static void keep() { keep_power({state, wakeup_reason, was_booted, is_return_due()}); }
 
 // --- the screen ---
@@ -43,7 +42,7 @@ static void set_state(int new_state) {
   keep();
 }
 
-static off_action sleep_of_before() {
+static off_action action_of_return() {
   if (was_booted)
     return off_action::kPoweroff;
   return configuration().off == off_action::kHibernate ? off_action::kHibernate
@@ -51,14 +50,14 @@ static off_action sleep_of_before() {
 }
 
 static void return_after(std::uint32_t time) {
-  start_return(sleep_of_before(), time);
+  start_return(action_of_return(), time);
   keep();
 }
 
 // When a timer has woken the machine and the television stays off, the machine sleeps again.
 static void on_order_ended() {
   if (state != DEVICE_POWER_STATE_ON && wakeup_reason != kNoReason)
-    return_after(now());
+    return_after(utc_now());
 }
 
 static void turn_on() {
@@ -83,11 +82,11 @@ void screen_is(bool on) {
 
 // --- waking up ---
 
-// The daemon never fires a timer that is past.
+// The daemon never fires a timer that is past or due in this second.
 static void catch_up_late(const wake_up &wake) {
-  if (now() <= wake.on_time || now() > wake.on_time + kLatestSeconds)
+  if (utc_now() < wake.on_time || utc_now() > wake.on_time + kLatestSeconds)
     return;
-  note("the machine is %u seconds late", now() - wake.on_time);
+  note("the machine is %u seconds late", utc_now() - wake.on_time);
   if (wake.type == kTypeOn)
     turn_on();
   else
@@ -101,7 +100,8 @@ static void credit(const wake_up &wake, bool booted) {
   return_after(wake.on_time);
 }
 
-// A machine that comes back from the disk takes as long as one that boots.
+// logind does not say which sleep begins: the configured one is assumed. A machine that comes back
+// from the disk takes as long as one that boots.
 static wake_kind kind_of_sleep() {
   return configuration().off == off_action::kHibernate ? wake_kind::kBoot : wake_kind::kResume;
 }
@@ -122,7 +122,7 @@ void machine_goes_to_sleep() {
 
 void machine_woke_up() {
   hold_clock_steps(false);
-  const bool by_alarm = explains(before_sleep, now());
+  const bool by_alarm = explains(before_sleep, utc_now());
   note("woken by %s", by_alarm ? "the alarm" : "the user");
   if (by_alarm) {
     credit(before_sleep, false);
@@ -137,6 +137,7 @@ void machine_woke_up() {
   ask_screen();
 }
 
+// The daemon marks the programmed timer at a standby, and at no other event before the end.
 void machine_shuts_down() {
   drop_orders();
   change_alarm_lead(wake_kind::kBoot);
@@ -149,8 +150,8 @@ void machine_stays_up() {
   confirm_time();
 }
 
-// After a boot by the alarm the session may be one that starts by itself. The return to sleep
-// checks whether its user is active.
+// After a boot by the alarm the session may be one that starts by itself. Before the return to sleep
+// logind is asked whether its user is active.
 void user_is_active() {
   if (was_booted)
     return;
@@ -169,7 +170,7 @@ static void take_over(const power_record &kept) {
   wakeup_reason = kept.wakeup_reason;
   was_booted = kept.was_booted;
   if (kept.returns)
-    return_after(now());
+    return_after(utc_now());
 }
 
 void start_power(const wake_up &left) {

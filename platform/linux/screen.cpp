@@ -2,6 +2,7 @@
 
 #include "configuration.h"
 #include "journal.h"
+#include "loop_timer.h"
 #include "power.h"
 
 #include <Ecore.h>
@@ -71,11 +72,7 @@ void screen_is_reachable() {
     ask_screen();
 }
 
-static void stop_checks() {
-  if (check_timer != nullptr)
-    ecore_timer_del(check_timer);
-  check_timer = nullptr;
-}
+static void stop_checks() { end_timer(check_timer); }
 
 static void settle() {
   stop_checks();

@@ -7,8 +7,8 @@ void start_screen(cec_adapter &used);
 
 // Turns the screen on or off, with checks and repeats. `settled` is called once: when the
 // television reports the new state or does not know the message, after 15 seconds without that, or
-// before this function returns when there is no adapter. When a new order replaces a pending one,
-// the pending one's `settled` is not called.
+// before this function returns when the television cannot be reached. When a new order replaces a
+// pending one, the pending one's `settled` is not called.
 void turn_screen(bool on, void (*settled)());
 
 // Drops a pending order; its `settled` is not called.

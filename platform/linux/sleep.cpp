@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <unistd.h>
+#include <utility>
 
 static constexpr const char *kNoDelay = "a sleep may begin before the on-time is programmed";
 static constexpr const char *kNoSleep = "the machine is not sent to sleep";
@@ -25,7 +26,7 @@ struct sleep_method {
 struct sleep_request {
   off_action action;
   std::uint32_t since;
-  void (*postponed)();
+  void (*postponed)(); // null: answered or taken back
 };
 
 // At the request.
@@ -157,7 +158,8 @@ static bool take_state(const char *name, sd_bus_message *value) {
   return true;
 }
 
-// Null when nothing prevents the sleep.
+// Null when nothing prevents the sleep. A desktop keeps its idle hint for minutes after the last
+// key: only one that has changed since the request's count began shows a user.
 static const char *obstacle() {
   if (found.blocked.find(kMethods[static_cast<int>(request.action)].blocked_by) !=
       std::string::npos)
@@ -168,6 +170,9 @@ static const char *obstacle() {
 }
 
 static int state_answered(sd_bus_message *reply, void *, sd_bus_error *) {
+  const auto postponed = std::exchange(request.postponed, nullptr);
+  if (postponed == nullptr)
+    return 0;
   if (bus_refused(reply, kLogind, kNoSleep))
     return 0;
   found = {};
@@ -175,7 +180,7 @@ static int state_answered(sd_bus_message *reply, void *, sd_bus_error *) {
   const char *method = kMethods[static_cast<int>(request.action)].name;
   if (const char *why = obstacle()) {
     note("%s is postponed: %s", method, why);
-    request.postponed();
+    postponed();
   } else {
     bus_call(kLogind, method, sleep_answered, "b", 0);
   }
@@ -187,6 +192,11 @@ void send_to_sleep(off_action action, std::uint32_t since, void (*postponed)()) 
     return;
   request = {action, since, postponed};
   bus_get_properties(kLogind, state_answered);
+}
+
+void cancel_sleep(void (*postponed)()) {
+  if (request.postponed == postponed)
+    request.postponed = nullptr;
 }
 
 void start_sleep() {

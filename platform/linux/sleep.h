@@ -12,5 +12,9 @@ void start_sleep();
 inline constexpr std::uint32_t kNoUser = std::numeric_limits<std::uint32_t>::max();
 
 // Sends the machine to sleep or off. When another program blocks that, or a user was active later
-// than `since`, UTC, `postponed` is called instead. A refusal is reported.
+// than `since`, UTC, `postponed` is called instead. A refusal is reported. A new request replaces
+// one that logind has not answered yet.
 void send_to_sleep(off_action action, std::uint32_t since, void (*postponed)());
+
+// Takes back the request with this `postponed`, unless logind has already got it.
+void cancel_sleep(void (*postponed)());

@@ -2,6 +2,7 @@
 
 #include "bus.h"
 #include "journal.h"
+#include "loop_timer.h"
 
 #include <Ecore.h>
 
@@ -14,14 +15,8 @@ static constexpr double kLongestHooksSeconds = 90.0;
 static void (*off_ended)();
 static Ecore_Timer *off_timer;
 
-static void stop_timer() {
-  if (off_timer != nullptr)
-    ecore_timer_del(off_timer);
-  off_timer = nullptr;
-}
-
 static void end_off() {
-  stop_timer();
+  end_timer(off_timer);
   if (const auto ended = std::exchange(off_ended, nullptr))
     ended();
 }
@@ -78,14 +73,14 @@ void stop_target(const char *unit) {
 
 void start_off_target(void (*ended)()) {
   off_ended = ended;
-  stop_timer();
+  end_timer(off_timer);
   off_timer = ecore_timer_add(kLongestHooksSeconds, hooks_take_too_long, nullptr);
   bus_call(kSystemd, "RestartUnit", off_answered, "ss", kOffTarget, "replace");
 }
 
 void leave_off_target() {
   off_ended = nullptr;
-  stop_timer();
+  end_timer(off_timer);
 }
 
 void start_wakeup_target(int reason) {

@@ -4,6 +4,7 @@
 #include "clock.h"
 #include "events.h"
 #include "journal.h"
+#include "loop_timer.h"
 
 #include <CTimeUtil.h>
 #include <Ecore.h>
@@ -41,9 +42,7 @@ static void confirm_if_trusted() {
   if (!trusted || !confirmation_due)
     return;
   confirmation_due = false;
-  if (ask_timer != nullptr)
-    ecore_timer_del(ask_timer);
-  ask_timer = nullptr;
+  end_timer(ask_timer);
   send_time_update();
 }
 

@@ -1,14 +1,13 @@
 // The power micro-controller of the set: the alarm of the real-time clock.
 #include "alarm.h"
 #include "clock.h"
+#include "loop_timer.h"
 #include "screen.h"
 #include "time_source.h"
 
 #include <Ecore.h>
 #include <IPowerControl.h>
 #include <time_values.h>
-
-#include <ctime>
 
 static constexpr int kDone = 0;
 static constexpr int kFailed = -1;
@@ -29,18 +28,10 @@ public:
 
 static Ecore_Timer *ask_timer;
 
-static std::uint32_t now() { return to_time_value(std::time(nullptr)); }
-
 static Eina_Bool ask_before_on_time(void *) {
   ask_timer = nullptr;
   ask_screen();
   return ECORE_CALLBACK_CANCEL;
-}
-
-static void stop_asking() {
-  if (ask_timer != nullptr)
-    ecore_timer_del(ask_timer);
-  ask_timer = nullptr;
 }
 
 int wake_control::read_rtc(rtc_time *out) {
@@ -56,14 +47,15 @@ int wake_control::read_rtc(rtc_time *out) {
 // The daemon gives UTC in the automatic clock mode, local time otherwise.
 int wake_control::set_wakeup_time(std::uint32_t type, std::uint32_t time) {
   const std::uint32_t on_time = clock_mode() == kClockModeAutomatic ? time : to_utc(time);
-  stop_asking();
-  if (on_time > now() + kAskBeforeSeconds)
-    ask_timer = ecore_timer_add(on_time - now() - kAskBeforeSeconds, ask_before_on_time, nullptr);
+  end_timer(ask_timer);
+  if (on_time > utc_now() + kAskBeforeSeconds)
+    ask_timer =
+        ecore_timer_add(on_time - utc_now() - kAskBeforeSeconds, ask_before_on_time, nullptr);
   return set_alarm(type, on_time);
 }
 
 int wake_control::clear_wakeup_time() {
-  stop_asking();
+  end_timer(ask_timer);
   return clear_alarm();
 }
 

@@ -82,15 +82,16 @@ TEST_P(Waking, IsCreditedToTheAlarmOrTheUser_AndCaughtUpWhenItIsLate) {
   EXPECT_EQ(timers(), row.timers);
 }
 
-INSTANTIATE_TEST_SUITE_P(, Waking,
-                         testing::Values(waking{"ByTheAlarm", kOn, -15, 2, 2, "", "135"},
-                                         waking{"ByTheUser", kOn, -18, 0, 0, "", ""},
-                                         waking{"Late", kOn, 300, 2, 0,
-                                                "; RestartUnit dravel-on.target", "1"},
-                                         waking{"LateForAnotherType", kOther, 1, 33, 2,
-                                                "; RestartUnit dravel-wakeup@33.target", "120"},
-                                         waking{"TooLate", kOn, 301, 0, 0, "", ""}),
-                         [](const auto &test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    , Waking,
+    testing::Values(waking{"ByTheAlarm", kOn, -15, 2, 2, "", "135"},
+                    waking{"ByTheUser", kOn, -18, 0, 0, "", ""},
+                    waking{"OnTheSecond", kOn, 0, 2, 0, "; RestartUnit dravel-on.target", "1"},
+                    waking{"Late", kOn, 300, 2, 0, "; RestartUnit dravel-on.target", "1"},
+                    waking{"LateForAnotherType", kOther, 1, 33, 2,
+                           "; RestartUnit dravel-wakeup@33.target", "120"},
+                    waking{"TooLate", kOn, 301, 0, 0, "", ""}),
+    [](const auto &test) { return std::string(test.param.name); });
 
 class Booting : public Machine, public testing::WithParamInterface<waking> {};
 
@@ -172,6 +173,15 @@ TEST_F(Sleep, IsReturnedTo_OnceNobodyBlocksIt) {
   EXPECT_EQ(calls(), "") << "a user was active";
   fire(60);
   wait_for_call("Suspend");
+}
+
+TEST_F(Sleep, IsNotReturnedTo_WhenAnOnTimerExpiresBeforeLogindAnswers) {
+  start();
+  sleep_and_wake(kOther, 0);
+  calls();
+  fire(120);
+  device_power_set_state(0, 1);
+  EXPECT_EQ(calls(), "RestartUnit dravel-on.target");
 }
 
 TEST_F(Sleep, IsReturnedTo_WhenTheTelevisionStaysOff) {
