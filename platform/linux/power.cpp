@@ -150,8 +150,8 @@ void machine_stays_up() {
   confirm_time();
 }
 
-// After a boot by the alarm the session may be one that starts by itself. Before the return to sleep
-// logind is asked whether its user is active.
+// After a boot by the alarm the session may be one that starts by itself. Before the return to
+// sleep logind is asked whether its user is active.
 void user_is_active() {
   if (was_booted)
     return;

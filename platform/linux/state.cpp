@@ -111,7 +111,7 @@ void keep_wake_up(const wake_up &wake) {
   if (kept != wake &&
       write_numbers(wake_up_file(),
                     {{"type", wake.type}, {"on-time", wake.on_time}, {"alarm", wake.alarm}},
-                    "a boot by the alarm is not credited"))
+                    "a boot by the alarm counts as one by the user"))
     kept = wake;
 }
 
@@ -131,7 +131,7 @@ void keep_power(const power_record &power) {
                                       {"wakeup-reason", power.wakeup_reason},
                                       {"was-booted", power.was_booted},
                                       {"returns", power.returns}},
-                                     "the next daemon takes the screen for on"))
+                                     "the next daemon assumes that the screen is on"))
     kept = power;
 }
 
