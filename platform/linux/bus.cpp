@@ -10,6 +10,7 @@
 #include <string>
 
 static sd_event *events;
+static Ecore_Fd_Handler *watch; // of `events`, for the whole run
 static sd_bus *bus;
 
 static void run_events() {
@@ -34,8 +35,10 @@ static int open_bus() {
   int result = sd_event_new(&events);
   if (result < 0)
     return result;
-  ecore_main_fd_handler_add(sd_event_get_fd(events), ECORE_FD_READ, events_pending, nullptr,
-                            nullptr, nullptr);
+  watch = ecore_main_fd_handler_add(sd_event_get_fd(events), ECORE_FD_READ, events_pending, nullptr,
+                                    nullptr, nullptr);
+  if (watch == nullptr)
+    return -ENOMEM;
   ecore_idle_enterer_add(main_loop_is_idle, nullptr);
   result = sd_bus_open_system(&bus);
   return result < 0 ? result : sd_bus_attach_event(bus, events, SD_EVENT_PRIORITY_NORMAL);
