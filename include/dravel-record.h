@@ -19,7 +19,7 @@ struct dravel_item {
   int delay;
   int week_flag;             // 0: one-shot; otherwise bit n repeats it on tm_wday n
   int disable_period_effect; // non-zero: disabled periods skip or move it
-  int time_type;             // the clock its time is on, see dravel-util.h
+  int time_type;             // the clock its time is on, see dravel-bus.h
 };
 
 // One yearly date range in which timers that opt in do not act.
@@ -50,10 +50,10 @@ struct record_field {
 constexpr int kNoArgument = -1;
 
 // The fields of a record in the order of its table's columns, from the row id on.
-template <typename Record> inline constexpr std::array<record_field, 0> kRecordFields{};
+template <typename Record> inline constexpr int kRecordFields = 0;
 
 template <>
-inline constexpr std::array<record_field, 17> kRecordFields<dravel_item> = {{
+inline constexpr auto kRecordFields<dravel_item> = std::to_array<record_field>({
     {offsetof(dravel_item, timer_id), TIMER_WORD_ID, kNoArgument},
     {offsetof(dravel_item, type), TIMER_WORD_TYPE, TIMER_ARG_TYPE},
     {offsetof(dravel_item, priority), TIMER_WORD_PRIORITY, TIMER_ARG_PRIORITY},
@@ -72,10 +72,10 @@ inline constexpr std::array<record_field, 17> kRecordFields<dravel_item> = {{
     {offsetof(dravel_item, disable_period_effect), TIMER_WORD_DISABLE_PERIOD_EFFECT,
      TIMER_ARG_DISABLE_PERIOD_EFFECT},
     {offsetof(dravel_item, time_type), TIMER_WORD_TIME_TYPE, TIMER_ARG_TIME_TYPE},
-}};
+});
 
 template <>
-inline constexpr std::array<record_field, 21> kRecordFields<disabled_period_item> = {{
+inline constexpr auto kRecordFields<disabled_period_item> = std::to_array<record_field>({
     {offsetof(disabled_period_item, period_id), PERIOD_WORD_ID, kNoArgument},
     {offsetof(disabled_period_item, start_tm.tm_sec), PERIOD_WORD_START_SEC, PERIOD_ARG_START_SEC},
     {offsetof(disabled_period_item, start_tm.tm_min), PERIOD_WORD_START_MIN, PERIOD_ARG_START_MIN},
@@ -105,7 +105,7 @@ inline constexpr std::array<record_field, 21> kRecordFields<disabled_period_item
      PERIOD_ARG_START_LEAP},
     {offsetof(disabled_period_item, end_date_leap_year_f), PERIOD_WORD_END_LEAP,
      PERIOD_ARG_END_LEAP},
-}};
+});
 
 // The words of a record's image, and the arguments of the method that makes one.
 template <typename Record> inline constexpr std::size_t kImageWords = 0;

@@ -99,6 +99,9 @@ using open_file = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
 using connection = std::unique_ptr<sqlite3, int (*)(sqlite3 *)>;
 using row_callback = int (*)(void *out, int columns, char **values, char **names);
 using old_rows = std::vector<dravel_item>;
+// The numbers of a record's fields, without `LeftOut` of them.
+template <typename Record, std::size_t LeftOut>
+using fields_of = std::make_index_sequence<kRecordFields<Record>.size() - LeftOut>;
 
 } // namespace
 
@@ -163,13 +166,13 @@ static int disabled_period_row_cb(void *fn, int columns, char **values, char **)
 static void query_dravel_db_str(char *buf, const dravel_item *item, const char *format, int last) {
   if (buf == nullptr || item == nullptr || format == nullptr)
     return;
-  format_fields<1>(buf, format, *item, std::make_index_sequence<16>{}, last);
+  format_fields<1>(buf, format, *item, fields_of<dravel_item, 1>{}, last);
 }
 
 static void query_wakeup_dravel_db_str(char *buf, const dravel_item *item, const char *format) {
   if (buf == nullptr || item == nullptr || format == nullptr)
     return;
-  format_fields<0>(buf, format, *item, std::make_index_sequence<17>{});
+  format_fields<0>(buf, format, *item, fields_of<dravel_item, 0>{});
 }
 
 int load_dravel_db(dravel_row_fn fn) {
@@ -292,7 +295,7 @@ int load_disabled_period_db(disabled_period_row_fn fn) {
 
 int insert_disabled_period_item_db(disabled_period_item *period) {
   statement sql;
-  format_fields<1>(sql.text, kInsertDisabledPeriod, *period, std::make_index_sequence<20>{});
+  format_fields<1>(sql.text, kInsertDisabledPeriod, *period, fields_of<disabled_period_item, 1>{});
   const sql_result result = insert_row("disabled_period", sql.text, &period->period_id);
   if (!result.ok())
     LOGE("failed to insert disabled period item: %s\n", result.text());
@@ -301,7 +304,8 @@ int insert_disabled_period_item_db(disabled_period_item *period) {
 
 int update_disable_period_db(const disabled_period_item *period) {
   statement sql;
-  format_fields<1>(sql.text, kUpdateDisabledPeriod, *period, std::make_index_sequence<18>{},
+  // All but the row id and the two leap-year flags.
+  format_fields<1>(sql.text, kUpdateDisabledPeriod, *period, fields_of<disabled_period_item, 3>{},
                    period->period_id);
   const sql_result result = execute(dravel_db, sql.text);
   if (!result.ok())
@@ -503,10 +507,13 @@ static int recreate_table(sqlite3 *db, const char *path, const char *table, cons
   return create_table(db, path, table, sql, caller);
 }
 
-// Rows get new ids. The mark goes to the row whose new id is the id of the old
-// wake-up copy.
+static bool is_in_transaction(sqlite3 *db) { return sqlite3_get_autocommit(db) == 0; }
+
+// Rows get new ids. The mark goes to the row whose new id is the id of the old wake-up copy: that
+// is the same timer only when no earlier row was ever deleted.
 static void __migration_0_to_1(void) {
   LOGE("__migration_0_to_1");
+  const bool in_transaction = is_in_transaction(dravel_db);
   old_rows timers;
   old_rows wakeup;
   __get_old_dravel_list(timers, wakeup);
@@ -515,8 +522,10 @@ static void __migration_0_to_1(void) {
       recreate_table(wakeup_dravel_db, kWakeupDbPath, "wakeup dravel", kCreateWakeupDravelTable) !=
           SQLITE_OK)
     return;
-  for (dravel_item &item : timers)
-    insert_dravel_item_db(&item);
+  for (dravel_item &item : timers) {
+    if (insert_dravel_item_db(&item) != SQLITE_OK && is_in_transaction(dravel_db) != in_transaction)
+      return; // a full disk has undone everything: the old rows are back
+  }
   for (const dravel_item &item : wakeup) {
     set_micom_flag(item.timer_id);
     insert_wakeup_dravel_item_db(&item);
@@ -536,7 +545,10 @@ static void prepare_db_file(const char *path) {
 
 // A commit ends with the removal of its journal. Unless the directory is synchronised as well, a
 // power cut within the next seconds can bring the journal back, which undoes the commit.
-static void synchronise_journals(sqlite3 *db) { execute(db, "pragma synchronous = extra"); }
+// The start waits two seconds for another process that holds the file's lock.
+static void set_up(sqlite3 *db) {
+  execute(db, "pragma busy_timeout = 2000; pragma synchronous = extra");
+}
 
 // Without its wake-up database the daemon still keeps every timer.
 static void open_wakeup_db(void) {
@@ -544,7 +556,7 @@ static void open_wakeup_db(void) {
   if (sqlite3_open(kWakeupDbPath, &wakeup_dravel_db) != SQLITE_OK)
     LOGE_OF(initialize_dravel_db, "failed to open the wakeup_dravel database: %s",
             sqlite3_errmsg(wakeup_dravel_db));
-  synchronise_journals(wakeup_dravel_db);
+  set_up(wakeup_dravel_db);
   create_table(wakeup_dravel_db, kWakeupDbPath, "wakeup dravel", kCreateWakeupDravelTable,
                "initialize_dravel_db");
 }
@@ -557,7 +569,7 @@ static int open_main_db(void) {
             sqlite3_errmsg(dravel_db));
     return opened;
   }
-  synchronise_journals(dravel_db);
+  set_up(dravel_db);
   const int created =
       create_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable, "initialize_dravel_db");
   if (created != SQLITE_OK)
@@ -566,16 +578,37 @@ static int open_main_db(void) {
                       "initialize_dravel_db");
 }
 
+// All or nothing, so that a power cut or a full disk loses no timer: the next start tries it again.
+// The main database, whose version decides about that, is committed last.
+static void migrate(void) {
+  for (sqlite3 *db : {dravel_db, wakeup_dravel_db})
+    execute(db, "BEGIN IMMEDIATE");
+  const bool in_transaction = is_in_transaction(dravel_db);
+  __migration_0_to_1();
+  if (is_in_transaction(dravel_db) == in_transaction)
+    __set_db_version();
+  for (sqlite3 *db : {wakeup_dravel_db, dravel_db}) {
+    const sql_result committed = execute(db, "COMMIT");
+    if (committed.ok())
+      continue;
+    LOGE("failed to commit the migration: %s", committed.text());
+    execute(db, "ROLLBACK");
+  }
+}
+
 int initialize_dravel_db(void) {
   open_wakeup_db();
   const int opened = open_main_db();
-  if (opened != SQLITE_OK)
-    return opened;
-
-  if (__check_need_db_migration())
-    __migration_0_to_1();
-  __set_db_version();
-  return 0;
+  if (opened == SQLITE_OK) {
+    if (__check_need_db_migration())
+      migrate();
+    else
+      __set_db_version();
+  }
+  // From now on a locked file refuses a statement at once: the main loop must not wait.
+  for (sqlite3 *db : {dravel_db, wakeup_dravel_db})
+    execute(db, "pragma busy_timeout = 0");
+  return opened;
 }
 
 int close_dravel_db(void) {

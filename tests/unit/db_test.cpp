@@ -2,9 +2,11 @@
 
 #include <sqlite3.h>
 
+#include <array>
 #include <climits>
 #include <filesystem>
 #include <fstream>
+#include <string_view>
 
 namespace fs = std::filesystem;
 
@@ -72,6 +74,62 @@ TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
   fs::remove(kDravelDbPath);
 }
 
+// How often the file was written; SQLite counts it in the header.
+static int commits(const char *path) {
+  std::array<unsigned char, 28> header{};
+  std::ifstream(path).read(reinterpret_cast<char *>(header.data()), header.size());
+  return header[26] << 8 | header[27];
+}
+
+static sqlite3 *other_process;
+
+static void other(const char *sql) {
+  EXPECT_EQ(sqlite3_exec(other_process, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+}
+
+// While it lives, SQLite calls `instead` where it would sleep to wait for a lock of the other
+// process.
+class no_sleep {
+public:
+  explicit no_sleep(const char *path, void (*instead)()) {
+    asleep_ = instead;
+    vfs_ = *sqlite3_vfs_find(nullptr);
+    sqlite3_open(path, &other_process);
+    vfs_.zName = "no sleep";
+    vfs_.xSleep = [](sqlite3_vfs *, int microseconds) {
+      asleep_();
+      return microseconds;
+    };
+    sqlite3_vfs_register(&vfs_, 1);
+  }
+  ~no_sleep() {
+    sqlite3_vfs_unregister(&vfs_);
+    sqlite3_close(other_process);
+  }
+  no_sleep(const no_sleep &) = delete;
+  no_sleep &operator=(const no_sleep &) = delete;
+
+private:
+  static inline sqlite3_vfs vfs_;
+  static inline void (*asleep_)();
+};
+
+TEST_F(Store, ALockedFile_IsWaitedForAtTheStart_AndRefusesARowLater) {
+  for (const char *path : {kDravelDbPath, kWakeupDbPath}) {
+    restart(path);
+    dravel_item item = counted_item();
+    EXPECT_EQ(insert_dravel_item_db(&item) + insert_wakeup_dravel_item_db(&item), 0);
+    close_dravel_db();
+    const no_sleep released(path, [] { other("COMMIT"); });
+    other("BEGIN EXCLUSIVE");
+    EXPECT_EQ(initialize_dravel_db(), 0);
+    EXPECT_EQ(rows("SELECT count(*) FROM dravel", path), "1");
+    other("BEGIN EXCLUSIVE");
+    EXPECT_NE(insert_dravel_item_db(&item) + insert_wakeup_dravel_item_db(&item), 0);
+    other("COMMIT"); // nothing has slept
+  }
+}
+
 // The layout of version 0: the mark stood before `disable_period_effect`, and there was no
 // `time_type`.
 TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0) {
@@ -93,10 +151,66 @@ TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0
     fs::remove(kWakeupDbPath);
     rows(table + main);
     rows(table + "); INSERT INTO dravel VALUES(2,1,0,0,0,0,7,1,0,120,0,0,0,0,127)", kWakeupDbPath);
+    const int before = commits(kDravelDbPath);
     EXPECT_EQ(initialize_dravel_db(), 0);
+    EXPECT_EQ(commits(kDravelDbPath), before + 2); // the table of periods; all of the migration
     EXPECT_EQ(rows("PRAGMA user_version; SELECT * FROM dravel"), std::string("1 ") + expected);
     EXPECT_EQ(rows("PRAGMA user_version; SELECT * FROM dravel", kWakeupDbPath),
               "1 2|1|0|0|0|0|7|1|0|120|0|0|0|0|127|0|0");
+  }
+}
+
+// Calls a function with the daemon's own connection to the main database, once that is open.
+static void (*when_opened)(sqlite3 *db);
+
+static int opened(sqlite3 *db, const char **, const sqlite3_api_routines *) {
+  if (sqlite3_db_filename(db, "main") == std::string_view(kDravelDbPath))
+    when_opened(db);
+  return SQLITE_OK;
+}
+
+static int refuse_commit(void *) { return 1; }
+
+// A column that was added is in none of the old rows, so that the new rows need more space.
+TEST_F(Store, AMigrationThatFails_IsTriedAgain_AndLosesNothing) {
+  const auto entry = reinterpret_cast<void (*)()>(opened);
+  const struct {
+    const char *name;
+    void (*fail)(sqlite3 *db);
+  } faults[] = {
+      {"the file cannot grow",
+       [](sqlite3 *db) {
+         sqlite3_exec(db, "PRAGMA max_page_count = 1", nullptr, nullptr, nullptr);
+       }},
+      {"refused commit", [](sqlite3 *db) { sqlite3_commit_hook(db, refuse_commit, nullptr); }},
+      {"a reader's lock", [](sqlite3 *) { other("COMMIT; BEGIN; SELECT * FROM dravel"); }}};
+  for (const auto &[name, fail] : faults) {
+    restart(name);
+    rows("DROP TABLE dravel; CREATE TABLE dravel(timer_id INTEGER PRIMARY KEY, type, priority, "
+         "date_type, tm_sec,"
+         "tm_min, tm_hour, tm_mday, tm_mon, tm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag);"
+         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+         "INSERT INTO dravel SELECT i, i, i, i, i, i, i, i, i, i, i, i, i, i, i FROM n;"
+         "ALTER TABLE dravel ADD COLUMN micom_flag; ALTER TABLE dravel ADD COLUMN "
+         "disable_period_effect;"
+         "ALTER TABLE dravel ADD COLUMN time_type; PRAGMA user_version = 0");
+    close_dravel_db();
+    const no_sleep locked(kDravelDbPath, [] {});
+    other("BEGIN");
+    when_opened = fail;
+    sqlite3_auto_extension(entry);
+    initialize_dravel_db();
+    sqlite3_cancel_auto_extension(entry);
+    other("COMMIT");
+    disabled_period_item period{};
+    const std::string periods = insert_disabled_period_item_db(&period) == 0 ? "1" : "0";
+    EXPECT_EQ(rows("SELECT count(*) FROM disabled_period"), periods); // no transaction is left open
+    close_dravel_db();
+    EXPECT_EQ(rows("PRAGMA user_version; SELECT count(*), sum(timer_id) FROM dravel"),
+              "0 2000|2001000");
+    EXPECT_EQ(initialize_dravel_db(), 0);
+    EXPECT_EQ(rows("PRAGMA user_version; SELECT count(*), sum(type) FROM dravel"),
+              "1 2000|2001000");
   }
 }
 
