@@ -174,7 +174,7 @@ static DBusMessage *edbus_schedule_timer_cb(E_DBus_Object *, DBusMessage *msg) {
 
   cancel_replaced(item, __func__);
   const int timer_id = take_item(item);
-  replace_evicted_ontimer();
+  replace_removed_ontimer();
   if (timer_id != -1)
     LOGE("edbus_schedule_timer_cb: [%d]", timer_id);
   return call.reply_int(timer_id);
@@ -305,10 +305,11 @@ static DBusMessage *edbus_request_set_disable_period_effect(E_DBus_Object *, DBu
     LOGE("failed to set disable period effect");
     return call.reply_int(-1);
   }
-  if (item->disable_period_effect != effect)
-    state_timer_changed(timer_id);
+  const bool changed = item->disable_period_effect != effect;
   item->disable_period_effect = effect;
   update_disable_period_effect_db(timer_id, effect);
+  if (changed)
+    state_timer_changed(timer_id);
   adjust_dravel_all_items(nullptr, nullptr);
   return call.reply_int(0);
 }

@@ -25,13 +25,15 @@ static Eina_Bool _schedule_dravel(void *) {
         remove_dravel_item(item);
       }
     }
+    replace_removed_ontimer();
     create_dravel_finish_file();
   }
   LOGE("end scheduling...");
   return ECORE_CALLBACK_CANCEL;
 }
 
-// The lines name `main`, whose start order this is.
+// The lines name `main` and keep the texts that people search for: `init_poweroff_handler` stands
+// for init_power_state_handler.
 static int give_up(const char *failed) {
   LOGE_OF(main, "%s() failed\n", failed);
   ecore_shutdown();

@@ -311,9 +311,9 @@ static std::vector<set_time> comparable_offtimers(const clock_reading &clocks) {
   return offtimers;
 }
 
-// Removes from `*week_flag` the days on which an off-timer is set for the
-// on-timer's own time. False when no day is left, or when the on-timer is a
-// one-shot one of that time.
+// For each off-timer that is set for the on-timer's own time: a repeating one removes its weekdays
+// from `*week_flag`, a one-shot one flips its weekday. False when no day is left, or when the
+// on-timer is a one-shot one of that time.
 static bool leave_out_offtimers(const set_time &on, std::span<const set_time> offtimers,
                                 int *week_flag) {
   const dravel_item *ontimer = on.item;
@@ -330,6 +330,8 @@ static bool leave_out_offtimers(const set_time &on, std::span<const set_time> of
         return false;
       }
     } else if (once_off) {
+      // Flipped, not removed: a second off-timer gives the day back, and a day that is not the
+      // on-timer's is added.
       *week_flag ^= weekday_bit(offtimer->tm.tm_wday);
     } else {
       *week_flag &= ontimer->week_flag & ~offtimer->week_flag;
@@ -554,13 +556,17 @@ Eina_Bool ecore_timer_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
-// The programmed on-timer was removed: programs the next one.
+// The programmed on-timer was removed: programs the next one. The on-time is cleared first, so that
+// the set does not wake for the removed one when there is no next one.
 static void schedule_next_ontimer(void) {
   disable_programmed_ontimer();
   if (get_ontimer_list() == nullptr) {
+    // Cleared again: the first request may have been refused.
     disable_programmed_ontimer();
     return;
   }
+  // An on-timer at the head without a next expiry ends the choice: nothing is programmed until the
+  // next adjustment.
   std::tm expire{};
   const auto *next = static_cast<const dravel_item *>(eina_list_data_get(get_ontimer_list()));
   if (get_next_expire_date(next, &expire) != 0)
@@ -570,9 +576,17 @@ static void schedule_next_ontimer(void) {
     LOGE("Failed to schedule next micom ontimer");
 }
 
-void replace_evicted_ontimer(void) {
+void replace_removed_ontimer(void) {
   if (micom_ontimer.timer_id != 0 && find_dravel_item(micom_ontimer.timer_id) == nullptr)
     schedule_next_ontimer();
+}
+
+// Arms `item`, or removes it when it never fires: `operation` then logs a line.
+static void arm_or_remove(dravel_item *item, const char *operation, system_log_priority priority) {
+  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) != SCHEDULE_NEVER_FIRES)
+    return;
+  LOG_FROM(operation, priority, "timer doesn't have next expire date");
+  remove_dravel_item(item);
 }
 
 // An off-timer was removed: an on-timer of the same time may fire again and is
@@ -583,10 +597,8 @@ static void rearm_next_ontimer(void) {
   if (get_next_ontimer_not_overlap_with_offtimer(&chosen, &expire) != 0)
     return;
   cancel_ecore_timer(chosen->timer_id);
-  if (schedule_dravel_item(chosen, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
-    LOGE_OF(cancel_dravel_item, "timer doesn't have next expire date");
-    remove_dravel_item(chosen);
-  }
+  arm_or_remove(chosen, "cancel_dravel_item", SYSTEM_LOG_ERROR);
+  replace_removed_ontimer();
 }
 
 void cancel_dravel_item(dravel_item *item, removal_reason reason) {
@@ -606,8 +618,9 @@ void cancel_dravel_item(dravel_item *item, removal_reason reason) {
 
 void cancel_dravel_item(dravel_item *item) { cancel_dravel_item(item, removal_reason::kCancelled); }
 
-// Moves a one-shot item by whole days, so that it is due within the next 24
-// hours, and stores it.
+// Moves a one-shot item by whole days, so that it is due within the next 24 hours, and stores it:
+// the clock may have jumped over its day. A time on 1 January 1970 counts as far ahead, because the
+// subtraction wraps.
 static void re_anchor(dravel_item *item, const clock_reading &clocks) {
   time_value scheduled = unsigned_timegm(&item->tm);
   LOGI_OF(adjust_dravel_all_items, "scheduled_time[%lu]", as_ulong(scheduled));
@@ -625,12 +638,13 @@ static void re_anchor(dravel_item *item, const clock_reading &clocks) {
     scheduled += late == kSecondsPerDay * days ? late : kSecondsPerDay * (days + 1);
   }
 
-  if (scheduled != unsigned_timegm(&item->tm))
-    state_timer_changed(item->timer_id);
+  const bool moves = scheduled != unsigned_timegm(&item->tm);
   unsigned_gmtime_r(scheduled, &item->tm);
   const int result = update_dravel_item_db(item);
   if (result != 0)
     LOGD_OF(adjust_dravel_all_items, "update_dravel_item_db error : %d", result);
+  if (moves)
+    state_timer_changed(item->timer_id);
   LOGD_OF(adjust_dravel_all_items, "changed once time : %s", time_str(scheduled));
 }
 
@@ -650,10 +664,7 @@ static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
   LOGD_OF(adjust_dravel_all_items, "adjust timer timer_id: %d, type: %d", item->timer_id,
           item->type);
   LOG_TIME_FROM("adjust_dravel_all_items", SYSTEM_LOG_DEBUG, "time: %s", &item->tm);
-  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
-    LOGD_OF(adjust_dravel_all_items, "timer doesn't have next expire date");
-    remove_dravel_item(item);
-  }
+  arm_or_remove(item, "adjust_dravel_all_items", SYSTEM_LOG_DEBUG);
 }
 
 void adjust_dravel_all_items(struct settings_key *changed, void *) {
@@ -676,6 +687,7 @@ void adjust_dravel_all_items(struct settings_key *changed, void *) {
     else
       adjust_unarmed(item);
   }
+  replace_removed_ontimer();
 }
 
 void reschedule_all_timers(void) {
@@ -684,11 +696,9 @@ void reschedule_all_timers(void) {
   disable_programmed_ontimer();
   for (dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
     cancel_ecore_timer(item->timer_id);
-    if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
-      LOGE("timer doesn't have next expire date");
-      remove_dravel_item(item);
-    }
+    arm_or_remove(item, __func__, SYSTEM_LOG_ERROR);
   }
+  replace_removed_ontimer();
 }
 
 // The TV clock has become valid: timers may be armed from now on.
@@ -740,13 +750,18 @@ static int ambient_power_off_cb(void *) {
   return 0;
 }
 
-// The clock may have jumped while the set slept. The programmed on-timer is
-// disarmed, so that the next adjustment does not move it to another day. Unless
-// the clock is trusted, all timers are adjusted now if it can be read, and again
-// when the middleware confirms the time or 60 seconds have passed.
-static void react_to_wakeup(void) {
-  if (micom_ontimer.timer_id >= 0)
+// The clock may have jumped while the set slept. The programmed on-timer is disarmed, also while
+// the clock is trusted, so that the next adjustment does not move it to another day; it is unarmed
+// until then. Unless the clock is trusted, all timers are adjusted now if it can be read, and again
+// when the middleware confirms the time or 60 seconds have passed. The `event` logs with its own
+// `priority`; id 0 stands for no timer and is logged, too.
+static void react_to_wakeup(system_log_priority priority,
+                            const char *event = __builtin_FUNCTION()) {
+  set_wakeup_state(1);
+  if (micom_ontimer.timer_id >= 0) {
+    LOG_FROM(event, priority, "micom_ontimer id: %d", micom_ontimer.timer_id);
     cancel_ecore_timer(micom_ontimer.timer_id);
+  }
   if (get_kinto_time_updated() != 0)
     return;
 
@@ -757,13 +772,9 @@ static void react_to_wakeup(void) {
   adjust_wait_timer = ecore_timer_add(kAdjustWaitSeconds, adjust_wait_timer_cb, nullptr);
 }
 
-// The two wake events log the programmed on-timer with different priorities.
 static int power_wakeup_cb(int reason, void *) {
   LOGE("wakeup reason: %d", reason);
-  set_wakeup_state(1);
-  if (micom_ontimer.timer_id >= 0)
-    LOGD("micom_ontimer id: %d", micom_ontimer.timer_id);
-  react_to_wakeup();
+  react_to_wakeup(SYSTEM_LOG_DEBUG);
   return 0;
 }
 
@@ -776,10 +787,7 @@ static int power_state_changed(const void *record, void *) {
   if (!is_ambient_low_power(state, ambient_mode))
     return 0;
   LOGI("into the ambient low power mode");
-  set_wakeup_state(1);
-  if (micom_ontimer.timer_id >= 0)
-    LOGI("micom_ontimer id: %d", micom_ontimer.timer_id);
-  react_to_wakeup();
+  react_to_wakeup(SYSTEM_LOG_INFO);
   return 0;
 }
 
@@ -896,7 +904,7 @@ void auto_time_set(void) {
     time_value now = 0;
     if (get_cur_time(&now, TIME_TYPE_BROADCAST) == 0)
       start_with_valid_time();
-    else
+    else // each time update adds a poll; all end when the clock can be read
       ecore_timer_add(kPollSeconds, wait_cur_time_cb, nullptr);
   }
 

@@ -118,6 +118,18 @@ TEST_F(Scheduler, ATimerThatNeverFires_GoesWithTheNextRearming) {
     rearm();
     EXPECT_EQ(find_dravel_item(1), nullptr);
     EXPECT_EQ(rows("SELECT timer_id FROM dravel WHERE timer_id = 1"), "");
+
+    restart(std::string(name) + ": programmed");
+    set_now("15 07:01");
+    arm({0, "01 07:05", kDaily});
+    arm({1, "20 07:00", kDaily});
+    arm({6, "01 07:00", kDaily}); // from tomorrow on the on-timer follows within ten minutes
+    set_now(kNoon);
+    const std::tm tm = broken_down("16 07:00");
+    schedule_micom_ontimer(3, &tm, 6, 0);
+    rearm();
+    EXPECT_EQ(find_dravel_item(3), nullptr);
+    EXPECT_EQ(micom_ontimer.timer_id, 1); // the set does not wake for the one that is gone
   }
 }
 
