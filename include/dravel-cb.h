@@ -11,7 +11,9 @@ extern "C" {
 // item: the scheduler reads it afterwards.
 DRAVEL_API void dravel_expire_cb(dravel_item *item, void *data);
 
-// Turns the set on for `item`, unless on-timers are halted or the set is awake.
+// Tells a sleeping set the wake-up reason of `item`'s type. Type 0 also turns the set on; type 15,
+// or any type in ambient mode 2, switches the ambient mode. Nothing happens while on-timers are
+// halted or the set is awake.
 DRAVEL_API void process_on_timer(const dravel_item *item);
 
 // Requests a power-off with `option`, unless off-timers are halted.

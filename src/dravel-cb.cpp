@@ -14,7 +14,7 @@
 
 namespace {
 
-enum class expiry_action { kNone, kTurnOn, kTurnOff };
+enum class expiry_action { kNone, kWake, kTurnOff };
 
 // What the daemon does itself when a timer of a type expires, and the option of its power-off.
 struct type_row {
@@ -27,19 +27,19 @@ struct type_row {
 
 // A timer of any other type is only announced.
 static constexpr type_row kTypeRows[] = {
-    {TIMER_TYPE_ON, expiry_action::kTurnOn},
+    {TIMER_TYPE_ON, expiry_action::kWake},
     {TIMER_TYPE_OFF, expiry_action::kTurnOff, POWEROFF_BY_OFF_TIMER},
-    {2, expiry_action::kTurnOn},
-    {3, expiry_action::kTurnOn},
-    {5, expiry_action::kTurnOn},
-    {TIMER_TYPE_STANDBY, expiry_action::kTurnOn},
-    {7, expiry_action::kTurnOn},
-    {8, expiry_action::kTurnOn},
+    {2, expiry_action::kWake},
+    {3, expiry_action::kWake},
+    {5, expiry_action::kWake},
+    {TIMER_TYPE_STANDBY, expiry_action::kWake},
+    {7, expiry_action::kWake},
+    {8, expiry_action::kWake},
     {TIMER_TYPE_TRANSIENT, expiry_action::kTurnOff, POWEROFF_BY_TRANSIENT_TIMER},
-    {11, expiry_action::kTurnOn},
-    {TIMER_TYPE_REPLACING, expiry_action::kTurnOn},
-    {14, expiry_action::kTurnOn},
-    {TIMER_TYPE_AMBIENT_ON, expiry_action::kTurnOn},
+    {11, expiry_action::kWake},
+    {TIMER_TYPE_REPLACING, expiry_action::kWake},
+    {14, expiry_action::kWake},
+    {TIMER_TYPE_AMBIENT_ON, expiry_action::kWake},
     {TIMER_TYPE_AMBIENT_OFF, expiry_action::kTurnOff, POWEROFF_AMBIENT_TO_SUSPEND},
 };
 static constexpr type_row kOtherTypes = {0, expiry_action::kNone};
@@ -108,6 +108,8 @@ static time_value occurrence_of(const dravel_item *item) {
   return now;
 }
 
+// A one-shot timer that one period has moved into the next one fires there all the same. The test
+// moves it past that period, too, where it fires once more.
 static bool is_skipped(const dravel_item *item, time_value now) {
   return heeds_disabled_periods(item) && can_skip_timer(item, now) == SKIP_REFUSED;
 }
@@ -124,7 +126,7 @@ static void turn_off(const dravel_item *item, unsigned option, int ambient_mode)
 
 static void act_by_type(const dravel_item *item, int ambient_mode) {
   const type_row &row = row_of(item);
-  if (row.action == expiry_action::kTurnOn)
+  if (row.action == expiry_action::kWake)
     process_on_timer(item);
   else if (row.action == expiry_action::kTurnOff)
     turn_off(item, row.poweroff_option, ambient_mode);

@@ -55,9 +55,9 @@ static void follow_february_end(std::tm *date, int leap_year_f, int year) {
     date->tm_mday = 28;
 }
 
-// The year that decides about the end of February: the present one on the item's
-// clock. When that clock cannot be read it is the year of the occurrence, but 1970
-// for the TV clock.
+// The year that decides about the end of February: the present one on the item's clock. Periods
+// have no year of their own, and all of them follow one calendar, whatever year an occurrence is
+// in. When that clock cannot be read it is the year of the occurrence, but 1970 for the TV clock.
 static int february_year(const dravel_item *item, time_value occurrence) {
   time_value now = 0;
   if (get_cur_time(&now, item->time_type) != 0 && item->time_type != TIME_TYPE_BROADCAST)
@@ -229,6 +229,7 @@ static int next_one_shot(const dravel_item *item, const clock_reading &clocks, t
   if (decision == SKIP_REFUSED)
     return -1;
   if (decision == SKIP_MOVED) {
+    // On its own clock, also for a system-clock timer: the next computation adds the offset.
     date = item->tm;
     clear_seconds(item, &date);
     *expire = unsigned_timegm(&date);
@@ -249,6 +250,7 @@ static int next_repeating(const dravel_item *item, const clock_reading &clocks,
   date.tm_mon = today.tm_mon;
   date.tm_year = today.tm_year;
 
+  // An on-timer keeps its seconds for the following days unless today is one of its days.
   if (repeats_on(item, today.tm_wday)) {
     clear_seconds(item, &date);
     *expire = add_offset_of(item, clocks, unsigned_timegm(&date));
@@ -467,7 +469,9 @@ Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason) {
   if (delete_dravel_item_db(item->timer_id) != 0) {
     LOGE("failed to save dravel item to the DB\n");
     undeleted_list = eina_list_append(undeleted_list, item);
-    state_timer_removed(item->timer_id, removal_reason::kLost);
+    // A transient timer has no row that brings it back.
+    state_timer_removed(item->timer_id,
+                        has_type(item, TIMER_TYPE_TRANSIENT) ? reason : removal_reason::kLost);
     return dravel_list;
   }
   state_timer_removed(item->timer_id, reason);
@@ -542,6 +546,7 @@ static bool is_db_synchronised(void) {
   return sync_db;
 }
 
+// The feature is asked for first, so that the log shows a failure for each row that is read.
 static bool is_dropped_by_cold_start(const dravel_item *row) {
   return !is_db_synchronised() && load_wakeup_reason == 0 && get_relaunch_state() == 0 &&
          (has_type(row, TIMER_TYPE_ON) || has_type(row, TIMER_TYPE_OFF));

@@ -277,13 +277,13 @@ void state_clock_set(void) {
   state_touched();
 }
 
-// The seconds of on-timers do not count.
+// Seconds above 0 of an on-timer do not count.
 static bool is_past(const dravel_item *item) {
   clock_reading clocks{};
   get_cur_time(&clocks.now, TIME_TYPE_BROADCAST);
   std::tm date = item->tm;
-  if (is_ontimer_item(item) != 0)
-    date.tm_sec = std::min(date.tm_sec, 0);
+  if (is_ontimer_item(item) != 0 && date.tm_sec > 0)
+    date.tm_sec = 0;
   time_value expiry = unsigned_timegm(&date);
   if (item->time_type == TIME_TYPE_INTERNET && read_clocks(&clocks) == 0)
     expiry = add_time_offset(expiry, clocks.offset);

@@ -77,4 +77,11 @@ TEST_F(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseThat
     happen();
     EXPECT_EQ(changes(), expected);
   }
+  restart("a transient timer does not come back");
+  dravel_item *item = add({10, "16 07:00"});
+  const std::string id = std::to_string(item->timer_id);
+  changes();
+  close_dravel_db();
+  cancel_dravel_item(item);
+  EXPECT_EQ(changes(), "Removed " + id + " cancelled");
 }
