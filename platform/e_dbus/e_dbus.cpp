@@ -381,6 +381,8 @@ static DBusMessage *get_property(E_DBus_Object *object, DBusMessage *message) {
   if (property == nullptr)
     return reply;
   reply = dbus_message_new_method_return(message);
+  if (reply == nullptr)
+    return nullptr;
   DBusMessageIter out;
   dbus_message_iter_init_append(reply, &out);
   append_value(&out, object, *property);
@@ -416,6 +418,8 @@ static DBusMessage *get_all_properties(E_DBus_Object *object, DBusMessage *messa
     return no_interface(message, wanted);
 
   DBusMessage *reply = dbus_message_new_method_return(message);
+  if (reply == nullptr)
+    return nullptr;
   DBusMessageIter out;
   DBusMessageIter values;
   dbus_message_iter_init_append(reply, &out);
