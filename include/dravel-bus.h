@@ -122,5 +122,5 @@ enum dravel_timer_type {
 enum dravel_time_type {
   TIME_TYPE_BROADCAST = 0, // the TV clock
   TIME_TYPE_INTERNET = 1,  // the system clock
-  TIME_TYPE_RTC = 2        // the micro-controller's real-time clock
+  TIME_TYPE_RTC = 2        // as 0; only the end of February is taken from the real-time clock
 };

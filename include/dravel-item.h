@@ -81,11 +81,10 @@ DRAVEL_API int load_wakeup_timer(void);
 // Disabled periods, in the order in which they were loaded or added. The list
 // owns the records.
 //
-// add: stores and lists the caller's heap record; null when it could not be
-// stored, the record is then still the caller's.
-// remove: deletes the row and releases the record; returns the list, which is
-// null when it became empty, and null with the record still listed when the row
-// could not be deleted.
+// add: stores and lists the caller's heap record and returns the list. Null when it could not be
+// stored: the record is then still the caller's.
+// remove: deletes the row, releases the record and returns the list, null when it is then empty.
+// Null also when the row could not be deleted: the record is then still listed.
 DRAVEL_API Eina_List *add_disabled_period_item(disabled_period_item *period);
 DRAVEL_API Eina_List *remove_disabled_period_item(disabled_period_item *period);
 DRAVEL_API disabled_period_item *find_disabled_period_item(int period_id);

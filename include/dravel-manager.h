@@ -6,5 +6,7 @@
 // the main-loop library is then shut down, and the process must end.
 int start_dravel(void);
 
-// Stops what start_dravel started. Called after the main loop has returned.
+// Called after the main loop has returned: ends the subscriptions to the middleware's signal, the
+// ambient mode and the power events, releases the tables, closes the store and shuts Ecore down.
+// The settings watchers, the bus service and the lists end with the process.
 void stop_dravel(void);

@@ -190,7 +190,7 @@ int device_power_get_state() { return state; }
 
 int device_power_get_ambient_mode() { return kAmbientModeClosed; }
 
-// The daemon calls it before its first subscription.
+// The daemon may call it before any other operation: the platform then starts here.
 int device_power_get_wakeup_reason() {
   start_platform();
   return wakeup_reason;

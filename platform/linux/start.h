@@ -1,5 +1,6 @@
-// Starts the platform. Called when the daemon asks for the wake-up reason and at its first
-// subscription; the second call does nothing. Ecore is initialised before.
+// Starts the platform. Called at the first settings_notify_key_changed, or at the daemon's question
+// for the wake-up reason if that comes earlier; further calls do nothing. Ecore is initialised
+// before.
 #pragma once
 
 #include "cec.h"

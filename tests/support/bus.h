@@ -22,7 +22,8 @@ struct unref_message {
 using message = std::unique_ptr<DBusMessage, unref_message>;
 using words = std::vector<std::int32_t>;
 
-// Where a call goes. The interface of all but the set's properties is the object's own.
+// Where a call goes. The interface is the object's own, except for the calls of the set's
+// properties.
 struct bus_target {
   const char *name;
   const char *path;

@@ -140,7 +140,7 @@ void end_clean_set() {
 }
 
 void start_again(const std::string &tv) {
-  constexpr const char *kKept = "/run/bench/kKept.db";
+  constexpr const char *kKept = "/run/bench/kept.db";
   constexpr auto kOverwrite = std::filesystem::copy_options::overwrite_existing;
   std::filesystem::copy_file(kDravelDbPath, kKept, kOverwrite);
   end_clean_set();

@@ -9,7 +9,7 @@
 // Throws outside the sandbox, where the files and the bus are the machine's own.
 void require_sandbox();
 
-// Removes what is beside the databases, them, and the markers.
+// Removes the markers and all files beside and including the databases.
 void empty_store();
 
 // The rows that `sql` gives, as "1|0 2|5"; runs any other statement too.
