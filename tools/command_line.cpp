@@ -183,6 +183,8 @@ command_function command_line::parse(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     throw usage(error.what());
   }
+  if (app_.get_subcommands().empty() && !app_.remaining().empty())
+    throw usage("what follows -- is no command", "write the command before --");
   if (!helped_)
     return chosen_;
   print_help_of_command();

@@ -1,6 +1,7 @@
 // dravelctl: the command line of dravel-manager.
 #include "command_line.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 
@@ -20,18 +21,24 @@ static void occupy_descriptors() {
 }
 
 int main(int argc, char **argv) {
+  std::signal(SIGPIPE, SIG_IGN); // a write then fails, which is reported
   occupy_descriptors();
+  std::string what_is_done;
   try {
     command_line line;
     if (const command_function run = line.parse(argc, argv)) {
       client client(timeout_of(line.given().timeout));
       run(client, line.given());
+      what_is_done = "the command is carried out, but dravelctl ";
     }
     if (const failure unwritten = flush_output(); !unwritten.what.empty())
-      throw unwritten;
+      throw failure{what_is_done + unwritten.what, ""};
   } catch (const failure &failure) {
     print_failure(failure);
     return failure.status;
+  } catch (const std::exception &error) {
+    print_failure({error.what(), ""});
+    return 1;
   }
   return 0;
 }

@@ -9,14 +9,23 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 
 static constexpr const char *kDbName = ".dravel.db";
 static constexpr const char *kOlderSuffix = ".1";
-static constexpr int kNewestVersion = 1;                   // of the database's layout
-static constexpr char kSqliteHeader[] = "SQLite format 3"; // with the terminating zero: 16 bytes
+static constexpr const char *kFreshName = ".dravel.db.new"; // a directory
+static constexpr int kNewestVersion = 1;                    // of the database's layout
+static constexpr char kSqliteHeader[] = "SQLite format 3";  // with the terminating zero: 16 bytes
+
+// What every version of the layout has.
+static constexpr const char *kReadings[] = {
+    "SELECT timer_id, type, priority, tm_sec, tm_min, tm_hour, tm_mday, tm_mon, tm_year, week_flag "
+    "FROM dravel LIMIT 0",
+    "SELECT period_id, start_tm_mday, start_tm_mon, end_tm_mday, end_tm_mon FROM disabled_period "
+    "LIMIT 0"};
 
 // --- the check ---
 
@@ -36,11 +45,9 @@ static std::string fault_within(sqlite3 *db) {
   const std::string check = first_value(db, "PRAGMA quick_check(1)");
   if (check != "ok")
     return "is damaged: " + check;
-  for (const char *table : {"dravel", "disabled_period"})
-    if (first_value(db, std::string("SELECT count(*) FROM sqlite_master WHERE type = 'table' AND "
-                                    "name = '") +
-                            table + "'") != "1")
-      return std::string("has no table ") + table;
+  for (const char *query : kReadings)
+    if (sqlite3_exec(db, query, nullptr, nullptr, nullptr) != SQLITE_OK)
+      return std::string("holds no timers: ") + sqlite3_errmsg(db);
   const std::string version = first_value(db, "PRAGMA user_version");
   if (std::atoi(version.c_str()) > kNewestVersion)
     return "is of the newer version " + version;
@@ -49,6 +56,10 @@ static std::string fault_within(sqlite3 *db) {
 
 // What makes `file` no store of timers; empty for a good one. Nothing is written.
 static std::string fault_of(const fs::path &file) {
+  std::error_code error;
+  const fs::file_status status = fs::status(file, error);
+  if (fs::exists(status) && !fs::is_regular_file(status)) // opening a FIFO would wait for a writer
+    return "is no regular file";
   char header[sizeof kSqliteHeader] = {};
   std::ifstream stream(file, std::ios::binary);
   if (!stream.is_open())
@@ -72,14 +83,16 @@ static fs::path directory_of(const std::string &word) {
   g_autofree char *path = g_canonicalize_filename(word.c_str(), nullptr);
   if (g_utf8_validate(path, -1, nullptr) == FALSE)
     throw usage("the bus can carry no path that is not UTF-8", "give another directory");
-  if (!fs::is_directory(path))
-    throw failure{std::string(path) + " is no directory", "give one that exists"};
+  std::error_code error;
+  if (!fs::is_directory(path, error))
+    throw failure{std::string(path) + " is no directory" + (error ? ": " + error.message() : ""),
+                  "give one that exists"};
   return path;
 }
 
+// `what` is the failure when the daemon gives no answer.
 static void copy_db(client &client, int into_the_set, const fs::path &directory,
-                    const std::string &doing) {
-  const std::string what = "it could not " + doing + " " + directory.string();
+                    const std::string &what) {
   if (client.call_int("request_copy_db", g_variant_new("(is)", into_the_set, directory.c_str()),
                       what) != 0)
     throw failure{"dravel-manager: " + what, kLogHint};
@@ -103,10 +116,13 @@ static void sync_directory(const fs::path &directory) {
 // The daemon copies into a directory of its own, so that the copy is checked before it takes its
 // place.
 static void backup_through(client &client, const fs::path &fresh, const fs::path &file) {
-  copy_db(client, 0, fresh, "back its database up to");
+  std::error_code error;
+  copy_db(client, 0, fresh,
+          "it could not back its database up to " + file.parent_path().string() + ", where " +
+              std::to_string(fs::space(fresh, error).available / 1024) + " kB are free");
   if (const std::string fault = fault_of(fresh / kDbName); !fault.empty())
     throw failure{"the set's database " + fault + "; no backup is made", ""};
-  if (fs::exists(file) && fault_of(file).empty())
+  if (fault_of(file).empty())
     move_file(file, file.string() + kOlderSuffix);
   move_file(fresh / kDbName, file);
   sync_directory(file.parent_path());
@@ -114,14 +130,15 @@ static void backup_through(client &client, const fs::path &fresh, const fs::path
 
 void backup(client &client, const options &given) {
   const fs::path directory = directory_of(given.words.at(0));
-  std::string fresh = directory / ".dravel-XXXXXX";
-  if (mkdtemp(fresh.data()) == nullptr)
-    throw failure{"cannot write to " + directory.string() + ": " + std::strerror(errno), ""};
-  const auto remove = [](const std::string *path) {
+  const fs::path fresh = directory / kFreshName;
+  const auto remove = [](const fs::path *path) {
     std::error_code ignored;
     fs::remove_all(*path, ignored);
   };
-  const std::unique_ptr<std::string, decltype(remove)> temporary(&fresh, remove);
+  remove(&fresh); // an interrupted backup left it
+  if (mkdir(fresh.c_str(), S_IRWXU) != 0)
+    throw failure{"cannot write to " + directory.string() + ": " + std::strerror(errno), ""};
+  const std::unique_ptr<const fs::path, decltype(remove)> temporary(&fresh, remove);
   const fs::path file = directory / kDbName;
   backup_through(client, fresh, file);
   const fs::path older = file.string() + kOlderSuffix;
@@ -151,11 +168,10 @@ static void restart_daemon() {
 void restore(client &client, const options &given) {
   const fs::path directory = directory_of(given.words.at(0));
   const fs::path file = directory / kDbName;
-  if (!fs::exists(file))
-    throw failure{"there is no backup " + file.string(), "dravelctl backup makes one"};
   if (const std::string fault = fault_of(file); !fault.empty())
-    throw failure{file.string() + " " + fault + "; nothing is restored", ""};
-  copy_db(client, 1, directory, "restore its database from");
+    throw failure{file.string() + " " + fault + "; nothing is restored",
+                  "dravelctl backup makes a good one"};
+  copy_db(client, 1, directory, "it could not restore its database from " + directory.string());
   if (given.restart)
     restart_daemon();
   say(given.json, {{"restored", file.string()}, {"restarted", given.restart}},

@@ -69,6 +69,8 @@ static json read_file(const std::string &name) {
   } catch (const json::exception &error) {
     throw failure{name + " is no JSON: " + reason_of(error),
                   "dravelctl export writes what is wanted"};
+  } catch (const std::ios_base::failure &error) { // a directory opens but cannot be read
+    throw failure{"cannot read " + name + ": " + error.code().message(), ""};
   }
 }
 
