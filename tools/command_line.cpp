@@ -34,8 +34,6 @@ void command_line::define_timer_options(CLI::App *command, const char *at_help) 
       ->add_option("--clock", given_.clock,
                    "The clock that TIME is on: broadcast (default), internet (UTC), rtc")
       ->type_name("CLOCK");
-  command->add_flag("--force", given_.force,
-                    "Let the timer with the smallest id go when there is no room");
 }
 
 void command_line::define_timer_commands() {
@@ -50,6 +48,8 @@ void command_line::define_timer_commands() {
   define_timer_options(add,
                        "7:00, \"tomorrow 7:00\", \"fri 20:00\", +45m, \"2026-12-24 18:00\"; on "
                        "the set's clock");
+  add->add_flag("--force", given_.force,
+                "Let the timer with the smallest id go when there is no room");
   std::string types = "Types:";
   for (const timer_type &type : kTimerTypes) {
     std::string name = type.name;

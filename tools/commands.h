@@ -53,12 +53,15 @@ void monitor(client &client, const options &given);
 int id_of(const std::string &text);
 failure no_such_timer(int id);
 void print_timer(const timer_record &timer, const snapshot &view);
-int add_holiday(client &client, const holiday &holiday, civil_time now); // the id, -1 when refused
+int add_holiday(client &client, const holiday &holiday, civil_time now); // the id
 
 // Why the daemon would refuse `timer`; empty when nothing speaks against it.
 std::string refusal_of(timer_record timer, const snapshot &view);
 
-std::string same_second_text(int other);
+std::string same_second_text(const std::vector<int> &others, civil_time at);
+
+// Forecasts go as far: five weeks, and to the last timer that is armed.
+civil_time forecast_end(const snapshot &view);
 
 // What the user should know of a timer that is added to those in `view`.
 std::vector<std::string> warnings_of(timer_record timer, const snapshot &view);

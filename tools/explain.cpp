@@ -5,7 +5,7 @@
 
 using namespace std::chrono;
 
-static constexpr int kFollowing = 4; // firings after the next
+static constexpr std::size_t kFollowing = 4; // firings after the next
 static constexpr seconds kTooSoonToProgram{59};
 
 namespace {
@@ -39,8 +39,10 @@ static std::string reason_unarmed(const timer_record &timer, const snapshot &vie
 // --- when it fires ---
 
 static std::string name_of(const passed_over &day) {
-  return day.holiday == 0 ? "its time of day has passed"
-                          : "holidays " + std::to_string(day.holiday);
+  if (day.holiday != 0)
+    return "holidays " + std::to_string(day.holiday);
+  return day.timer != 0 ? "timer " + std::to_string(day.timer) + " at the same time goes first"
+                        : "its time of day has passed";
 }
 
 // Days that follow each other and have the same reason make one sentence.
@@ -52,7 +54,7 @@ static void tell_passed(explanation &told, int week_flag) {
     sys_days next = a.day + days(1);
     while (!has_day(next) && next < b.day)
       next += days(1);
-    return a.holiday == b.holiday && next == b.day;
+    return a.holiday == b.holiday && a.timer == b.timer && next == b.day;
   };
   for (std::size_t first = 0; first < told.passed.size();) {
     std::size_t last = first;
@@ -66,44 +68,42 @@ static void tell_passed(explanation &told, int week_flag) {
   }
 }
 
-// The days passed over, the next firing as the daemon has it, and those after it.
-static void compute_firings(explanation &told, const timer_record &timer, const snapshot &view) {
+// The firings that come, and the days passed over between them.
+static void compute_firings(explanation &told, const timer_record &timer, const snapshot &view,
+                            const std::vector<firing> &firings) {
   timer_record copy = timer;
-  const auto armed = view.armed.find(timer.id);
   next_firing(copy, view.now, view.holidays, &told.passed);
-  if (armed == view.armed.end())
-    return;
-  told.firings.push_back(armed->second);
-  for (int i = 0; i < kFollowing && timer.week_flag != 0; ++i) {
+  for (const firing &firing : firings) {
+    if (firing.id == timer.id)
+      told.firings.push_back(firing.at);
+    else if (std::ranges::find(firing.passed, timer.id) != firing.passed.end())
+      told.passed.push_back({floor<days>(firing.at), 0, firing.id});
+    else
+      continue;
+    if (timer.week_flag == 0 || told.firings.size() > kFollowing)
+      return;
     std::vector<passed_over> passed;
-    const auto next =
-        next_firing(copy, clocks_at(view.now, told.firings.back()), view.holidays, &passed);
-    if (!next)
-      break;
+    next_firing(copy, clocks_at(view.now, firing.at), view.holidays, &passed);
     std::ranges::copy_if(passed, std::back_inserter(told.passed),
                          [](const passed_over &day) { return day.holiday != 0; });
-    told.firings.push_back(*next);
   }
 }
 
-// Where the expiries of other timers move a timer for one moment; nothing when they remove it.
-static std::optional<civil_time> moved_to(const timer_record &timer,
-                                          const std::vector<firing> &firings) {
-  const auto own = std::ranges::find(firings, timer.id, &firing::id);
-  return own != firings.end() ? std::optional(own->at) : std::nullopt;
-}
-
-static void tell_once(explanation &told, const timer_record &timer, const snapshot &view) {
-  const civil_time armed = told.firings[0];
-  const auto firings = forecast(view, armed);
-  const auto moved = moved_to(timer, firings);
-  told.sentences.push_back((moved == armed ? "It fires once, on " : "It is armed for ") +
-                           firing_text(armed, view.now.set) + ".");
-  if (moved == armed || firings.empty() || firings[0].at == armed)
-    return;
-  told.sentences.push_back("Timer " + std::to_string(firings[0].id) + " fires before it, on " +
-                           time_text(firings[0].at) + ", and " +
-                           (moved ? "moves it to " + time_text(*moved) : "removes it") + ".");
+// How the firings of others change what `timer` is armed for.
+static std::string fate_of(const timer_record &timer, const explanation &told,
+                           const std::vector<firing> &firings) {
+  const auto before = [](const firing &other) {
+    return "Timer " + std::to_string(other.id) + " fires before it, on " + time_text(other.at) +
+           ", and ";
+  };
+  if (!told.firings.empty())
+    return timer.week_flag == 0
+               ? before(firings[0]) + "moves it to " + time_text(told.firings[0]) + "."
+               : "";
+  for (const firing &other : firings)
+    if (std::ranges::find(other.removed, timer.id) != other.removed.end())
+      return before(other) + "removes it.";
+  return "It does not fire in the coming five weeks.";
 }
 
 static void tell_repeating(explanation &told, const snapshot &view) {
@@ -115,18 +115,30 @@ static void tell_repeating(explanation &told, const snapshot &view) {
     told.sentences.push_back(after + ".");
 }
 
-static void tell_when(explanation &told, const timer_record &timer, const snapshot &view) {
-  if (told.firings.empty()) {
+static void tell_when(explanation &told, const timer_record &timer, const snapshot &view,
+                      const std::vector<firing> &firings) {
+  const auto armed = view.armed.find(timer.id);
+  if (armed == view.armed.end()) {
     told.sentences.push_back("It is not armed: " + reason_unarmed(timer, view) + ".");
     return;
   }
-  if (timer.week_flag == 0)
-    tell_once(told, timer, view);
-  else
+  const bool fires_then = !told.firings.empty() && told.firings[0] == armed->second;
+  const std::string when = firing_text(armed->second, view.now.set) + ".";
+  if (!fires_then) {
+    told.sentences.push_back("It is armed for " + when);
+    if (const std::string fate = fate_of(timer, told, firings); !fate.empty())
+      told.sentences.push_back(fate);
+  } else if (timer.week_flag == 0) {
+    told.sentences.push_back("It fires once, on " + when);
+  }
+  if (timer.week_flag != 0 && !told.firings.empty())
     tell_repeating(told, view);
+  std::vector<int> others;
   for (const auto &[id, at] : view.armed)
-    if (id != timer.id && at == told.firings[0])
-      told.sentences.push_back(same_second_text(id));
+    if (id != timer.id && at == armed->second)
+      others.push_back(id);
+  if (fires_then && !others.empty())
+    told.sentences.push_back(same_second_text(others, armed->second));
 }
 
 // --- what it does ---
@@ -189,16 +201,17 @@ static std::vector<std::string> tell_wakeup(const snapshot &view) {
 
 // --- the command ---
 
-static explanation explain_timer(const timer_record &timer, const snapshot &view) {
+static explanation explain_timer(const timer_record &timer, const snapshot &view,
+                                 const std::vector<firing> &firings) {
   explanation told;
   std::string title = title_of(timer) + " is set for " +
                       (timer.week_flag == 0 ? time_text(timer.at) : time_of_day_text(timer.at)) +
                       (timer.holiday_effect != 0 ? " and skips holidays." : ".");
   title[0] = 'T';
   told.sentences.push_back(title);
-  compute_firings(told, timer, view);
+  compute_firings(told, timer, view, firings);
   tell_passed(told, timer.week_flag);
-  tell_when(told, timer, view);
+  tell_when(told, timer, view, firings);
   tell_action(told, timer, view);
   return told;
 }
@@ -206,10 +219,12 @@ static explanation explain_timer(const timer_record &timer, const snapshot &view
 static json json_of(const explanation &told, const timer_record &timer, const snapshot &view) {
   json object = json_of(timer, view);
   object["following"] = json::array();
-  for (std::size_t i = 1; i < told.firings.size(); ++i) {
+  const auto armed = view.armed.find(timer.id);
+  for (const civil_time at : told.firings) {
     json firing;
-    add_time(firing, "at", told.firings[i]);
-    object["following"].push_back(firing);
+    add_time(firing, "at", at);
+    if (armed == view.armed.end() || at != armed->second)
+      object["following"].push_back(firing);
   }
   object["passed_over"] = json::array();
   for (const passed_over &passed : told.passed)
@@ -230,8 +245,9 @@ void explain(client &client, const options &given) {
   }
   json list = json::array();
   const auto wakeup = tell_wakeup(view);
+  const auto firings = forecast(view, forecast_end(view));
   for (const timer_record &timer : timers) {
-    const explanation told = explain_timer(timer, view);
+    const explanation told = explain_timer(timer, view, firings);
     list.push_back(json_of(told, timer, view));
     for (const auto &sentence : told.sentences)
       if (!given.json)

@@ -111,7 +111,9 @@ static void tell_state(listener &self) {
     return;
   const std::string at = time_text(now.wakeup.at) + (now.wakeup.is_utc ? " UTC" : "");
   tell(self, now.now.set, "wakeup",
-       {{"id", now.wakeup.id}, {"at", iso_text(now.wakeup.at)}, {"utc", now.wakeup.is_utc}},
+       {{"id", now.wakeup.id},
+        {"at", now.wakeup.id != 0 ? json(iso_text(now.wakeup.at)) : json()},
+        {"utc", now.wakeup.is_utc}},
        now.wakeup.id == 0 ? "the set is programmed to wake for nothing"
                           : "the set is programmed to wake on " + at + " for timer " +
                                 std::to_string(now.wakeup.id));

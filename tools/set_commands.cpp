@@ -145,18 +145,28 @@ static holiday_end holiday_end_of(const std::string &text, bool end_of_february)
   return *end;
 }
 
-// A change of holidays arms all timers again, which moves those for one moment.
-static void note_moves(client &client, const std::vector<timer_record> &before) {
-  for (const timer_record &timer : client.timers())
-    if (const timer_record *old = find_timer(before, timer.id);
-        old != nullptr && timer.week_flag == 0 && old->at != timer.at)
-      print_note("Timer " + std::to_string(timer.id) + " has moved from " + time_text(old->at) +
-                 " to " + time_text(timer.at) + ".");
+static std::string armed_text(int id, const snapshot &view) {
+  if (find_timer(view.timers, id) == nullptr)
+    return "removed";
+  const auto armed = view.armed.find(id);
+  return armed != view.armed.end() ? "armed for " + time_text(armed->second) : "not armed";
+}
+
+// A change of holidays arms all timers again, which moves and removes some.
+static void note_changes(client &client, const snapshot &before) {
+  const snapshot after = client.look();
+  for (const timer_record &timer : before.timers)
+    if (const std::string was = armed_text(timer.id, before), is = armed_text(timer.id, after);
+        was != is)
+      print_note("Timer " + std::to_string(timer.id) + " is now " + is + "; it was " + was + ".");
 }
 
 int add_holiday(client &client, const holiday &holiday, civil_time now) {
   const year this_year = year_month_day(floor<days>(now)).year();
-  return client.call_int("request_set_disable_period", arguments_of(holiday, this_year));
+  const int id = client.call_int("request_set_disable_period", arguments_of(holiday, this_year));
+  if (id == -1)
+    throw failure{"dravel-manager refused the holidays", kLogHint};
+  return id;
 }
 
 void add_holidays(client &client, const options &given) {
@@ -172,16 +182,14 @@ void add_holidays(client &client, const options &given) {
     throw usage("--end-of-february needs 02-28 or 02-29 as one of the days");
   const snapshot before = client.look();
   period.id = add_holiday(client, period, before.now.set);
-  if (period.id == -1)
-    throw failure{"dravel-manager could not store the holidays", kLogHint};
   say(given.json, json_of(period),
       "Holidays " + std::to_string(period.id) + " are added: " + date_text(period.first) + " to " +
           date_text(period.last) + ".");
-  note_moves(client, before.timers);
+  note_changes(client, before);
 }
 
 void remove_holidays(client &client, const options &given) {
-  const auto before = client.timers();
+  const snapshot before = client.look();
   for (const auto &word : given.words) {
     const int id = id_of(word);
     if (client.call_int("request_remove_disabled_period", g_variant_new("(i)", id)) != 0)
@@ -189,11 +197,11 @@ void remove_holidays(client &client, const options &given) {
                     "dravelctl holidays list shows those there are"};
     say(given.json, {{"removed", id}}, "Holidays " + word + " are removed.");
   }
-  note_moves(client, before);
+  note_changes(client, before);
 }
 
 static void set_effect(client &client, const options &given, int effect) {
-  const auto before = client.timers();
+  const snapshot before = client.look();
   for (const auto &word : given.words) {
     const int id = id_of(word);
     if (client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", id, effect)) !=
@@ -202,7 +210,7 @@ static void set_effect(client &client, const options &given, int effect) {
     say(given.json, {{"id", id}, {"holidays", effect != 0 ? "skip" : "ignore"}},
         "Timer " + word + (effect != 0 ? " skips" : " ignores") + " holidays.");
   }
-  note_moves(client, before);
+  note_changes(client, before);
 }
 
 void skip_holidays(client &client, const options &given) { set_effect(client, given, 1); }

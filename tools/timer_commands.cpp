@@ -2,6 +2,7 @@
 #include "commands.h"
 
 #include <algorithm>
+#include <set>
 
 using namespace std::chrono;
 
@@ -19,7 +20,11 @@ failure no_such_timer(int id) {
 // --- list, show ---
 
 void list_timers(client &client, const options &given) {
-  const snapshot view = client.look();
+  snapshot view = client.look();
+  std::ranges::stable_sort(view.timers, {}, [&](const timer_record &timer) {
+    const auto armed = view.armed.find(timer.id);
+    return armed != view.armed.end() ? armed->second : civil_time::max();
+  });
   json list = json::array();
   std::vector<std::vector<std::string>> rows;
   for (const timer_record &timer : view.timers) {
@@ -88,9 +93,39 @@ std::string refusal_of(timer_record timer, const snapshot &view) {
   return "";
 }
 
-std::string same_second_text(int other) {
-  return "Timer " + std::to_string(other) +
-         " is for the same second: only the first of the two to expire will fire.";
+std::string same_second_text(const std::vector<int> &others, civil_time at) {
+  std::string ids;
+  for (const int id : others)
+    ids += (ids.empty() ? "" : ", ") + std::to_string(id);
+  return (others.size() == 1 ? "Timer " + ids + " is" : "Timers " + ids + " are") +
+         " for the same second, " + time_text(at) + ": only the first to expire will fire.";
+}
+
+civil_time forecast_end(const snapshot &view) {
+  civil_time end = view.now.set + days(35);
+  for (const auto &[id, at] : view.armed)
+    end = std::max(end, at);
+  return end;
+}
+
+// The other timers that are for the same second as `timer`, by the time of the first such firing.
+static std::map<civil_time, std::vector<int>> clashes_of(timer_record timer, civil_time next,
+                                                         snapshot view) {
+  timer.id = 0; // none has it
+  view.timers.push_back(timer);
+  view.armed[0] = next;
+  std::map<civil_time, std::vector<int>> clashes;
+  std::set<int> known{0};
+  for (const firing &firing : forecast(view, forecast_end(view))) {
+    if (firing.id != 0 && std::ranges::find(firing.passed, 0) == firing.passed.end())
+      continue;
+    auto others = firing.passed;
+    others.push_back(firing.id);
+    for (const int other : others)
+      if (known.insert(other).second)
+        clashes[firing.at].push_back(other);
+  }
+  return clashes;
 }
 
 std::vector<std::string> warnings_of(timer_record timer, const snapshot &view) {
@@ -100,8 +135,8 @@ std::vector<std::string> warnings_of(timer_record timer, const snapshot &view) {
   const civil_time wanted = timer.at;
   const auto next = next_firing(timer, view.now, view.holidays);
   if (timer.at != wanted)
-    warnings.push_back("Holidays move it from " + time_text(wanted) + " to " + time_text(timer.at) +
-                       ".");
+    warnings.push_back("Holidays move it from " + time_text(wanted) + " to " +
+                       time_text(next.value_or(timer.at)) + ".");
   const bool is_moved = timer.type != TIMER_TYPE_ALWAYS && timer.type != TIMER_TYPE_TRANSIENT;
   if (next && timer.week_flag == 0 && is_moved && *next - view.now.set > days(1))
     warnings.push_back("A change of the clock, the zone or the holidays, or the expiry of another "
@@ -109,9 +144,9 @@ std::vector<std::string> warnings_of(timer_record timer, const snapshot &view) {
                        time_of_day_text(*next) +
                        ". To keep its day, add it less than 24 hours ahead, or repeat it on its "
                        "weekday (--on) and cancel it afterwards.");
-  for (const auto &[id, at] : view.armed)
-    if (id != timer.id && next && at == *next)
-      warnings.push_back(same_second_text(id));
+  if (next)
+    for (const auto &[at, others] : clashes_of(timer, *next, view))
+      warnings.push_back(same_second_text(others, at));
   return warnings;
 }
 
@@ -131,11 +166,12 @@ int add_checked(client &client, const timer_record &timer, const snapshot &view,
   if (evicted != nullptr && evicted->id != replaced && !force)
     throw failure{"not added: there are " + plural(view.timers.size(), "timer") + ", and " +
                       title_of(*evicted) + " would be removed to make room",
-                  "cancel one, or give --force"};
+                  replaced == 0 ? "cancel one, or give --force"
+                                : "cancel timer " + std::to_string(replaced) +
+                                      " first, and add it with the other options"};
   const int id = client.call_int("schedule_timer", arguments_of(timer));
   if (id == -1)
-    throw failure{"dravel-manager refused the timer: " +
-                      (refusal.empty() ? "it could not be stored" : refusal),
+    throw failure{"dravel-manager refused the timer" + (refusal.empty() ? "" : ": " + refusal),
                   kLogHint};
   return id;
 }
@@ -249,7 +285,8 @@ void change_timer(client &client, const options &given) {
     throw no_such_timer(old_id);
   const timer_record timer = requested(given, view, *old);
   view.armed.erase(old_id); // it stands in nobody's way
-  const int id = add_checked(client, timer, view, given.force, old_id);
+  const int id = add_checked(client, timer, view, false, old_id);
+  std::erase_if(view.timers, [old_id](const auto &other) { return other.id == old_id; });
   // Making room or replacing an equal timer may have removed the old one already.
   if (client.call_int("cancel_timer", g_variant_new("(i)", old_id)) != 0 && client.timer(old_id))
     throw failure{"timer " + std::to_string(id) + " is added, but timer " + std::to_string(old_id) +

@@ -276,20 +276,35 @@ static std::optional<firing> soonest(const snapshot &view) {
       const auto armed = view.armed.find(timer.id);
       if (armed != view.armed.end() && (timer.type == TIMER_TYPE_TRANSIENT) == transient &&
           (!found || armed->second < found->at))
-        found = {timer.id, armed->second};
+        found = firing{timer.id, armed->second};
     }
   return found;
+}
+
+static std::vector<int> passed_by(const firing &first, const snapshot &view) {
+  std::vector<int> passed;
+  for (const timer_record &timer : view.timers)
+    if (const auto armed = view.armed.find(timer.id);
+        armed != view.armed.end() && armed->second == first.at && timer.id != first.id &&
+        timer.type != TIMER_TYPE_TRANSIENT) // stays armed, and fires next
+      passed.push_back(timer.id);
+  return passed;
 }
 
 std::vector<firing> forecast(snapshot view, civil_time until) {
   std::vector<firing> firings;
   for (;;) {
-    const auto next = soonest(view);
+    auto next = soonest(view);
     if (!next || next->at > until || next->at < view.now.set)
       return firings;
-    firings.push_back(*next);
+    next->passed = passed_by(*next, view);
+    const auto before = view.timers;
     view.armed.erase(next->id);
     view.now = clocks_at(view.now, next->at);
     arm_all(view, next->id);
+    for (const timer_record &timer : before)
+      if (find_timer(view.timers, timer.id) == nullptr)
+        next->removed.push_back(timer.id);
+    firings.push_back(*next);
   }
 }

@@ -86,7 +86,8 @@ const timer_record *find_timer(const std::vector<timer_record> &timers, int id);
 // A day on which a repeating timer does not fire.
 struct passed_over {
   std::chrono::sys_days day;
-  int holiday; // 0: the time of day has passed
+  int holiday;   // 0: for another reason
+  int timer = 0; // goes first at the same second; 0: the time of day has passed
 };
 
 // The next time at which `timer` fires; nothing when it never will. Like the daemon, it moves a
@@ -107,6 +108,8 @@ const timer_record *coinciding_offtimer(const timer_record &timer, const snapsho
 struct firing {
   int id;
   civil_time at;
+  std::vector<int> passed{};  // timers at the same second, which it keeps from firing
+  std::vector<int> removed{}; // timers that are gone after it
 };
 
 // All firings up to `until`, the soonest first. Each of them arms all timers again, which moves

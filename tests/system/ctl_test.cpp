@@ -94,12 +94,20 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
        "holidays cover every day"},
       {"ctl add --at 7:05", "ctl add --at 7:00 --type standby", 1, "a standby timer is then left"},
       {"ctl add --at 7:00", "ctl add --at 7:00", 0, "Timer 1 is for the same second"},
-      {"ctl holidays add 12-16", "ctl add --at 7:00 --holidays skip", 0, "Holidays move it from"},
+      {"ctl holidays add 12-16", "ctl add --at 7:00:30 --holidays skip", 0,
+       "Holidays move it from Wed 2026-12-16 07:00:30 to Thu 2026-12-17 07:00:00."},
       {"ctl add --at '2026-12-24 18:00'", "ctl holidays add 12-26", 0,
-       "Timer 1 has moved from Thu 2026-12-24 18:00:00 to Tue 2026-12-15 18:00:00"},
+       "Timer 1 is now armed for Tue 2026-12-15 18:00:00; it was armed for Thu 2026-12-24 18"},
       {"for i in $(seq 80); do ctl add --at 7:00 --on mon >&2; done; ctl add --at 8:00 --force",
        "ctl add --at 8:00", 1, "timer 2 (on, Mon) would be removed"},
-      {"mkdir b; ctl backup b; ctl restore b", "ctl add --at 7:00", 1, "could not be stored"},
+      {"mkdir b; ctl backup b; ctl restore b", "ctl add --at 7:00", 1,
+       "refused the timer; its log"},
+      {"for i in $(seq 80); do ctl add --at 7:00 --on mon >&2; done", "ctl change 50 --on tue", 1,
+       "would be removed to make room; cancel timer 50 first"},
+      {"ctl add --at 7:00 --on daily", "ctl holidays add 01-01 12-31 && ctl holidays skip 1", 0,
+       "Timer 1 is now removed; it was armed for Wed 2026-12-16 07:00:00."},
+      {"ctl add --at 7:00 --on mon", "ctl add --at 7:00 --on daily", 0,
+       "Timer 1 is for the same second, Mon 2026-12-21 07:00:00"},
       {"ctl add --at 7:00 --on mon --type off --priority -3", "ctl change 1 --at 8:15 --on tue", 0,
        "Timer 2 takes the place of timer 1."},
       {"ctl add --at 7:00 --type off --priority -3; ctl change 1 --on tue", "ctl list -j", 0,
@@ -131,6 +139,17 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
        "After that it fires on Mon 2026-12-21 07:00:00, Tue"},
       {kThree, "ctl explain 3", 0,
        "Timer 1 fires before it, on Tue 2026-12-15 19:00:00, and moves it to Wed 2026-12-16 18:00"},
+      {"ctl add --at 7:00 --on mon; ctl add --at 7:00 --on sat-mon", "ctl explain 1", 0,
+       "Mon 2026-12-21 to Mon 2027-01-18 are passed over: timer 2 at the same time goes first.\n"
+       "It is armed for Mon 2026-12-21 07:00:00, in 5 days.\n"
+       "It does not fire in the coming five weeks."},
+      {"ctl add --at 7:00 --on mon; ctl add --at 7:00 --on sat-mon", "ctl explain -j 2", 0,
+       R"("following":[{"at":"2026-12-20T07:00:00+00:00")"},
+      {"ctl add --at 13:00; ctl add --at 14:00; ctl add --at '2026-12-17 14:00'", "ctl explain 3",
+       0, "Timer 2 fires before it, on Tue 2026-12-15 14:00:00, and removes it."},
+      {"ctl add --at 7:00 --on daily --holidays skip; ctl add --at 8:00; ctl holidays add 12-16 "
+       "12-18",
+       "ctl list", 0, "ignore    broadcast\n1 "},
       {kThree, "ctl explain", 0, "for timer 2: it is the earliest on-timer."},
       {"ctl add --at 7:00 --type off; ctl add --at 7:00", "ctl explain 2", 0,
        "It is not armed: off-timer 1 is set for the same time."},
@@ -264,14 +283,21 @@ TEST_F(Ctl, Monitor_TellsEveryChange) {
   EXPECT_NE(std::fgets(line, sizeof line, monitor), nullptr);
   const int pid = std::atoi(line);
   EXPECT_NE(std::fgets(line, sizeof line, monitor), nullptr); // it listens
-  shell("ctl add --at 13:00 --on tue; ctl halt on; ctl cancel 1; ctl add --at 14:00");
   std::string heard;
-  while (heard.find(R"("event":"wakeup","id":2)") == std::string::npos &&
-         std::fgets(line, sizeof line, monitor) != nullptr)
-    heard += line;
+  const auto hear = [&](const char *last) {
+    const std::size_t before = heard.size();
+    do
+      heard += std::fgets(line, sizeof line, monitor) != nullptr ? line : last;
+    while (heard.find(last, before) == std::string::npos);
+  };
+  shell("ctl add --at 13:00 --on tue; ctl halt on; ctl cancel 1; ctl add --at 14:00");
+  hear(R"("event":"wakeup","id":2)");
+  shell("ctl cancel 2");
+  hear(R"("event":"wakeup","id":0)");
   for (const char *event :
        {R"("event":"added","id":1,"timer":{"id":1)", R"("event":"added","id":2)",
-        R"("event":"halts","on":true)", R"("event":"removed","id":1,"why":"cancelled")"})
+        R"("event":"halts","on":true)", R"("event":"removed","id":1,"why":"cancelled")",
+        R"("event":"wakeup","id":0,"at":null)"})
     EXPECT_THAT(heard, HasSubstr(event));
   kill(pid, SIGTERM);
   while (std::fgets(line, sizeof line, monitor) != nullptr) {
