@@ -1,11 +1,12 @@
 #include "command_line.h"
 
 static constexpr const char *kJsonFile = "FILE";
+static constexpr std::string_view kExample = "Example: ";
 
 CLI::App *command_line::command(CLI::App *above, const char *name, const char *summary,
                                 const char *example, command_function run) {
   CLI::App *command = above->add_subcommand(name, summary);
-  command->footer(std::string("Example: ") + example);
+  command->footer(std::string(kExample) + example);
   command->fallthrough(); // --json and --timeout may follow
   command->callback([this, command, run] {
     if (command->get_subcommands().empty()) // one of them has its own
@@ -15,8 +16,12 @@ CLI::App *command_line::command(CLI::App *above, const char *name, const char *s
 }
 
 // The names of values (TIME, DAYS, ...) tell the completions what fits.
-void command_line::define_timer_options(CLI::App *command, const char *at_help) {
-  command->add_option("--at", given_.at, at_help)->type_name("TIME");
+void command_line::define_timer_options(CLI::App *command) {
+  command
+      ->add_option("--at", given_.at,
+                   "7:00, \"tomorrow 7:00\", \"fri 20:00\", +45m, \"2026-12-24 18:00\"; on "
+                   "the set's clock")
+      ->type_name("TIME");
   command
       ->add_option("--on", given_.days,
                    "Repeat on these days: mon,wed,fri or mon-fri, daily, weekdays, weekend; once")
@@ -45,9 +50,7 @@ void command_line::define_timer_commands() {
       ->expected(1);
   CLI::App *add = command(&app_, "add", "Add a timer",
                           "dravelctl add --at 6:55 --on mon-fri --holidays skip", add_timer);
-  define_timer_options(add,
-                       "7:00, \"tomorrow 7:00\", \"fri 20:00\", +45m, \"2026-12-24 18:00\"; on "
-                       "the set's clock");
+  define_timer_options(add);
   add->add_flag("--force", given_.force,
                 "Let the timer with the smallest id go when there is no room");
   std::string types = "Types:";
@@ -60,7 +63,7 @@ void command_line::define_timer_commands() {
   CLI::App *change = command(&app_, "change", "Replace a timer by one with other options",
                              "dravelctl change 3 --at 7:15", change_timer);
   change->add_option("ID", given_.words, "The timer")->required()->expected(1);
-  define_timer_options(change, "As with add");
+  define_timer_options(change);
   command(&app_, "cancel", "Cancel timers", "dravelctl cancel 3 5", cancel_timers)
       ->add_option("ID", given_.words, "The timers")
       ->required();
@@ -74,9 +77,9 @@ void command_line::define_set_commands() {
       ->add_option("ID", given_.words, "The timer; all unless it is given")
       ->expected(0, 1);
   command(&app_, "week", "Show the coming seven days as a chart", "dravelctl week", show_week);
-  command(&app_, "halt", "Keep on- or off-timers from acting, or none; show what is halted",
+  command(&app_, "halt", "Keep on- or off-timers from acting; show what is halted",
           "dravelctl halt off", ::halt)
-      ->add_option("WHAT", given_.words, "on, off or both; none");
+      ->add_option("WHAT", given_.words, "on, off, both or none");
   command(&app_, "wakeup", "Show the timer that woke the set", "dravelctl wakeup", show_wakeup);
   command(&app_, "monitor", "Tell each expiry and each change as it comes",
           "dravelctl monitor --count 1", ::monitor)
@@ -147,6 +150,77 @@ void command_line::print_help_of_command() {
   std::fputs(text.c_str(), stdout);
 }
 
+// --- what is wrong with a line ---
+
+static const CLI::App *parsed_command(const CLI::App &app) {
+  const CLI::App *command = &app;
+  while (!command->get_subcommands().empty())
+    command = command->get_subcommands().back();
+  return command;
+}
+
+// "holidays add"; empty for the program itself.
+static std::string path_of(const CLI::App *command) {
+  std::string path;
+  for (; command->get_parent() != nullptr; command = command->get_parent())
+    path = command->get_name() + (path.empty() ? "" : " ") + path;
+  return path;
+}
+
+static std::string example_of(const CLI::App *command) {
+  const std::string footer = command->get_footer();
+  return "write it as in " + footer.substr(kExample.size(), footer.find('\n') - kExample.size());
+}
+
+static failure unexpected(const CLI::App *command, const std::string &word) {
+  const std::string path = path_of(command);
+  const std::string help = "dravelctl help" + (path.empty() ? "" : " " + path);
+  const std::string name = word.empty() ? "''" : word.substr(0, word.find('='));
+  if (word.starts_with('-') && command->get_option_no_throw(name) != nullptr)
+    return usage(name + " stands before " + path, "write it behind " + path);
+  if (word.starts_with('-'))
+    return usage("there is no option " + name + (path.empty() ? "" : " of " + path),
+                 help + " lists those there are");
+  if (command->get_subcommands({}).empty())
+    return usage(path + " does not take " + (word.empty() ? name : word), example_of(command));
+  return usage("there is no command " + (path.empty() ? "" : path + " ") + name,
+               help + " lists those there are");
+}
+
+// `text` begins with the name of the option that has too few values or too many.
+static failure mismatch(const CLI::App *command, const std::string &text) {
+  const bool is_flag = text.ends_with("override"); // which is named without its dashes
+  const std::string name = (is_flag ? "--" : "") + text.substr(0, text.find_first_of(": "));
+  const CLI::Option *option = nullptr;
+  for (const CLI::App *app = command; option == nullptr && app != nullptr; app = app->get_parent())
+    option = app->get_option_no_throw(name);
+  if (option == nullptr)
+    return usage(text);
+  std::string forms = option->get_description();
+  forms[0] = static_cast<char>(std::tolower(forms[0]));
+  if (text.ends_with("missing"))
+    return usage(name + " needs " + option->get_type_name(), forms);
+  if (is_flag)
+    return usage(name + " takes no value", "write " + name + " alone");
+  const std::string word = option->results().back();
+  return option->get_positional()
+             ? unexpected(command, word)
+             : usage(name + "=" + word + " is one too many", "give one " + name);
+}
+
+failure command_line::fault_of_line(const CLI::ParseError &error) const {
+  const CLI::App *command = parsed_command(app_);
+  auto rest = app_.remaining(true);
+  std::erase(rest, "--");
+  const std::string text = error.what();
+  if (!rest.empty())
+    return unexpected(command, rest.front());
+  if (dynamic_cast<const CLI::RequiredError *>(&error) != nullptr)
+    return usage(path_of(command) + " needs " + text.substr(0, text.find(' ')),
+                 example_of(command));
+  return mismatch(command, text);
+}
+
 command_line::command_line()
     : app_("Lists, sets and watches the timers of a television set.", "dravelctl") {
   app_.set_version_flag("--version", "dravelctl " DRAVEL_VERSION, "Print the version");
@@ -156,6 +230,8 @@ command_line::command_line()
   app_.footer("Without a command it prints the status. dravelctl help COMMAND says more;\n"
               "--json and --timeout may stand anywhere.");
   app_.require_subcommand(0, 1);
+  app_.get_option("--json")->disable_flag_override();
+  app_.option_defaults()->disable_flag_override();
   app_.get_formatter()->column_width(28);
   app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
   app_.get_formatter()->label("Positionals", "Arguments");
@@ -181,7 +257,7 @@ command_function command_line::parse(int argc, char **argv) {
     std::puts(version.what());
     return nullptr;
   } catch (const CLI::ParseError &error) {
-    throw usage(error.what());
+    throw fault_of_line(error);
   }
   if (app_.get_subcommands().empty() && !app_.remaining().empty())
     throw usage("what follows -- is no command", "write the command before --");

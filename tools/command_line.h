@@ -24,12 +24,13 @@ public:
 private:
   CLI::App *command(CLI::App *above, const char *name, const char *summary, const char *example,
                     command_function run);
-  void define_timer_options(CLI::App *command, const char *at_help);
+  void define_timer_options(CLI::App *command);
   void define_timer_commands();
   void define_set_commands();
   void define_holiday_commands();
   void define_store_commands();
   void print_help_of_command();
+  failure fault_of_line(const CLI::ParseError &error) const;
 
   CLI::App app_;
   options given_;

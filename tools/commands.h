@@ -50,21 +50,26 @@ void monitor(client &client, const options &given);
 
 // --- shared by them ---
 
-int id_of(const std::string &text);
+int id_of(const std::string &text, const std::string &list = "dravelctl list");
+// Each id once.
+std::vector<int> ids_of(const std::vector<std::string> &words, const std::string &list);
 failure no_such_timer(int id);
+// The ids of timers; a failure when one of them is not there.
+std::vector<int> timers_of(client &client, const std::vector<std::string> &words);
 void print_timer(const timer_record &timer, const snapshot &view);
 int add_holiday(client &client, const holiday &holiday, civil_time now); // the id
+bool runs_over_new_year(const holiday &holiday);
 
 // Why the daemon would refuse `timer`; empty when nothing speaks against it.
 std::string refusal_of(timer_record timer, const snapshot &view);
+
+// Why it is not armed.
+std::string reason_unarmed(const timer_record &timer, const snapshot &view);
 
 std::string same_second_text(const std::vector<int> &others, civil_time at);
 
 // Forecasts go as far: five weeks, and to the last timer that is armed.
 civil_time forecast_end(const snapshot &view);
-
-// What the user should know of a timer that is added to those in `view`.
-std::vector<std::string> warnings_of(timer_record timer, const snapshot &view);
 
 // Adds a timer that has passed these checks. Returns its id; throws a failure when it is refused.
 // `replaced` is the id of the timer whose place it takes, 0 for none.

@@ -21,7 +21,7 @@ struct explanation {
 
 // --- why it is not armed ---
 
-static std::string reason_unarmed(const timer_record &timer, const snapshot &view) {
+std::string reason_unarmed(const timer_record &timer, const snapshot &view) {
   if (!view.clock_known)
     return "the set's clock is unknown";
   if (!view.clock_confirmed)
@@ -71,6 +71,8 @@ static void tell_passed(explanation &told, int week_flag) {
 // The firings that come, and the days passed over between them.
 static void compute_firings(explanation &told, const timer_record &timer, const snapshot &view,
                             const std::vector<firing> &firings) {
+  if (!view.clock_known)
+    return;
   timer_record copy = timer;
   next_firing(copy, view.now, view.holidays, &told.passed);
   for (const firing &firing : firings) {

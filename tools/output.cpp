@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -47,9 +48,12 @@ void say(bool as_json, const json &value, const std::string &text) {
 }
 
 void print_failure(const failure &failure) {
+  std::string line = failure.what + (failure.advice.empty() ? "" : "; ") + failure.advice;
+  // A word of the user's may hold what would end the line or steer the terminal.
+  std::ranges::replace_if(
+      line, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
   std::fflush(stdout);
-  std::fprintf(stderr, "%s%s%s%s\n", painted(stderr, kBoldRed, "dravelctl: ").c_str(),
-               failure.what.c_str(), failure.advice.empty() ? "" : "; ", failure.advice.c_str());
+  std::fprintf(stderr, "%s%s\n", painted(stderr, kBoldRed, "dravelctl: ").c_str(), line.c_str());
 }
 
 void print_note(const std::string &text) {

@@ -99,16 +99,15 @@ void halt(client &client, const options &given) {
     const char *word;
     const char *method;
     int value;
-  } const orders[] = {{"on", "request_halt_ontimers", 1},
-                      {"off", "request_halt_offtimers", 1},
-                      {"none", "request_halt_ontimers", 0},
-                      {"none", "request_halt_offtimers", 0}};
+  } const orders[] = {{"on", "request_halt_ontimers", 1},   {"off", "request_halt_offtimers", 1},
+                      {"both", "request_halt_ontimers", 1}, {"both", "request_halt_offtimers", 1},
+                      {"none", "request_halt_ontimers", 0}, {"none", "request_halt_offtimers", 0}};
   const auto &words = given.words;
   for (const auto &word : words)
     if (std::ranges::none_of(orders, [&](const auto &order) { return word == order.word; }))
-      throw usage("halt takes on, off or none, not " + word);
+      throw usage("halt takes no " + word, "give on, off, both or none");
   if (words.size() > 1 && std::ranges::find(words, "none") != words.end())
-    throw usage("halt takes none without on or off");
+    throw usage("halt takes none without on or off", "give none alone, or what to halt");
   for (const auto &word : words)
     for (const auto &order : orders)
       if (word == order.word)
@@ -161,6 +160,11 @@ static void note_changes(client &client, const snapshot &before) {
       print_note("Timer " + std::to_string(timer.id) + " is now " + is + "; it was " + was + ".");
 }
 
+bool runs_over_new_year(const holiday &holiday) {
+  return std::pair(holiday.last.month, holiday.last.day) <
+         std::pair(holiday.first.month, holiday.first.day);
+}
+
 int add_holiday(client &client, const holiday &holiday, civil_time now) {
   const year this_year = year_month_day(floor<days>(now)).year();
   const int id = client.call_int("request_set_disable_period", arguments_of(holiday, this_year));
@@ -174,8 +178,7 @@ void add_holidays(client &client, const options &given) {
   const holiday_end last =
       given.last_day ? holiday_end_of(*given.last_day, given.end_of_february) : first;
   holiday period{.first = first, .last = last};
-  if (std::pair(period.last.month, period.last.day) <
-      std::pair(period.first.month, period.first.day))
+  if (runs_over_new_year(period))
     throw usage("holidays that run over the new year match no day",
                 "add two: one up to 12-31, one from 01-01");
   if (given.end_of_february && !period.first.end_of_february && !period.last.end_of_february)
@@ -189,26 +192,29 @@ void add_holidays(client &client, const options &given) {
 }
 
 void remove_holidays(client &client, const options &given) {
+  const auto ids = ids_of(given.words, "dravelctl holidays list");
   const snapshot before = client.look();
-  for (const auto &word : given.words) {
-    const int id = id_of(word);
-    if (client.call_int("request_remove_disabled_period", g_variant_new("(i)", id)) != 0)
-      throw failure{"there are no holidays " + word,
+  for (const int id : ids)
+    if (std::ranges::find(before.holidays, id, &holiday::id) == before.holidays.end())
+      throw failure{"there are no holidays " + std::to_string(id),
                     "dravelctl holidays list shows those there are"};
-    say(given.json, {{"removed", id}}, "Holidays " + word + " are removed.");
+  for (const int id : ids) {
+    if (client.call_int("request_remove_disabled_period", g_variant_new("(i)", id)) != 0)
+      throw failure{"dravel-manager did not remove holidays " + std::to_string(id), kLogHint};
+    say(given.json, {{"removed", id}}, "Holidays " + std::to_string(id) + " are removed.");
   }
   note_changes(client, before);
 }
 
 static void set_effect(client &client, const options &given, int effect) {
+  const auto ids = timers_of(client, given.words);
   const snapshot before = client.look();
-  for (const auto &word : given.words) {
-    const int id = id_of(word);
+  for (const int id : ids) {
     if (client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", id, effect)) !=
         0)
       throw no_such_timer(id);
     say(given.json, {{"id", id}, {"holidays", effect != 0 ? "skip" : "ignore"}},
-        "Timer " + word + (effect != 0 ? " skips" : " ignores") + " holidays.");
+        "Timer " + std::to_string(id) + (effect != 0 ? " skips" : " ignores") + " holidays.");
   }
   note_changes(client, before);
 }

@@ -6,15 +6,32 @@
 
 using namespace std::chrono;
 
-int id_of(const std::string &text) {
+int id_of(const std::string &text, const std::string &list) {
   const auto id = parse_int(text);
   if (!id)
-    throw usage(text + " is no id", "dravelctl list shows the ids");
+    throw usage((text.empty() ? "''" : text) + " is no id", list + " shows the ids");
   return *id;
+}
+
+std::vector<int> ids_of(const std::vector<std::string> &words, const std::string &list) {
+  std::vector<int> ids;
+  for (const auto &word : words)
+    if (const int id = id_of(word, list); std::ranges::find(ids, id) == ids.end())
+      ids.push_back(id);
+  return ids;
 }
 
 failure no_such_timer(int id) {
   return {"there is no timer " + std::to_string(id), "dravelctl list shows those there are"};
+}
+
+std::vector<int> timers_of(client &client, const std::vector<std::string> &words) {
+  const auto ids = ids_of(words, "dravelctl list");
+  const auto timers = client.timers();
+  for (const int id : ids)
+    if (find_timer(timers, id) == nullptr)
+      throw no_such_timer(id);
+  return ids;
 }
 
 // --- list, show ---
@@ -121,6 +138,7 @@ static std::map<civil_time, std::vector<int>> clashes_of(timer_record timer, civ
       continue;
     auto others = firing.passed;
     others.push_back(firing.id);
+    std::ranges::sort(others);
     for (const int other : others)
       if (known.insert(other).second)
         clashes[firing.at].push_back(other);
@@ -128,10 +146,18 @@ static std::map<civil_time, std::vector<int>> clashes_of(timer_record timer, civ
   return clashes;
 }
 
-std::vector<std::string> warnings_of(timer_record timer, const snapshot &view) {
-  if (!view.clock_known)
-    return {"The set's clock is unknown: the timer is armed once it is known."};
+// What the user should know of a timer that is added to those in `view`.
+static std::vector<std::string> warnings_of(const options &given, timer_record timer,
+                                            const snapshot &view) {
   std::vector<std::string> warnings;
+  if (!view.clock_known) {
+    warnings.emplace_back("The set's clock is unknown: the timer is armed once it is known.");
+    const bool is_dated = !given.at || given.at->find('-') != std::string::npos;
+    if (timer.week_flag == 0 && !is_dated)
+      warnings.push_back(*given.at + " is counted from this machine's clock, " +
+                         time_text(view.now.of(timer.clock)) + ".");
+    return warnings;
+  }
   const civil_time wanted = timer.at;
   const auto next = next_firing(timer, view.now, view.holidays);
   if (timer.at != wanted)
@@ -189,16 +215,12 @@ static int option_value(const char *name, const std::optional<std::string> &text
   return *value;
 }
 
-static std::optional<int> parse_effect(const std::string &text) {
-  if (text == "skip")
-    return 1;
-  return text == "ignore" ? std::optional(0) : std::nullopt;
-}
-
 static int week_flag_of(const options &given, int otherwise) {
   if (given.days.empty())
     return otherwise;
   int week_flag = 0;
+  if (given.days.size() > 1 && std::ranges::find(given.days, "once") != given.days.end())
+    throw usage("--on=once goes with no other --on", "give once alone, or days alone");
   for (const auto &text : given.days)
     week_flag |= text == "once" ? 0 : option_value("--on", text, 0, parse_days, kDayForms);
   return week_flag;
@@ -225,8 +247,8 @@ static timer_record requested(const options &given, const snapshot &view, timer_
   timer.type = option_value("--type", given.type, base.type, parse_type,
                             "dravelctl help add lists the types; numbers go from 0 to 254");
   timer.week_flag = week_flag_of(given, base.week_flag);
-  timer.priority =
-      option_value("--priority", given.priority, base.priority, parse_int, "give a whole number");
+  timer.priority = option_value("--priority", given.priority, base.priority, parse_int,
+                                "give a whole number from -2147483648 to 2147483647");
   timer.holiday_effect = option_value("--holidays", given.holidays, base.holiday_effect,
                                       parse_effect, "give skip or ignore");
   timer.clock = option_value("--clock", given.clock, base.clock, parse_clock,
@@ -248,11 +270,13 @@ static timer_record requested(const options &given, const snapshot &view, timer_
 
 // Shows the timer that was added, where holidays may have moved it, with the warnings.
 static void tell_added(client &client, const options &given, int id, const std::string &text,
-                       const std::vector<std::string> &warnings) {
+                       std::vector<std::string> warnings) {
   const snapshot view = client.look();
   const timer_record *timer = find_timer(view.timers, id);
   if (timer == nullptr)
     throw failure{"timer " + std::to_string(id) + " was added and is gone already", kLogHint};
+  if (view.clock_known && !view.armed.contains(id))
+    warnings = {"It is not armed: " + reason_unarmed(*timer, view) + "."};
   if (given.json) {
     json object = json_of(*timer, view);
     object["warnings"] = warnings;
@@ -271,7 +295,7 @@ void add_timer(client &client, const options &given) {
   const timer_record timer = requested(given, view, {});
   const int id = add_checked(client, timer, view, given.force);
   tell_added(client, given, id, "Timer " + std::to_string(id) + " is added.",
-             warnings_of(timer, view));
+             warnings_of(given, timer, view));
 }
 
 void change_timer(client &client, const options &given) {
@@ -295,22 +319,13 @@ void change_timer(client &client, const options &given) {
   tell_added(client, given, id,
              "Timer " + std::to_string(id) + " takes the place of timer " + std::to_string(old_id) +
                  ".",
-             warnings_of(timer, view));
+             warnings_of(given, timer, view));
 }
 
 // --- cancel ---
 
-// All ids are looked up before the first timer is cancelled.
 void cancel_timers(client &client, const options &given) {
-  std::vector<int> ids;
-  for (const auto &word : given.words)
-    if (const int id = id_of(word); std::ranges::find(ids, id) == ids.end())
-      ids.push_back(id);
-  const auto timers = client.timers();
-  for (const int id : ids)
-    if (find_timer(timers, id) == nullptr)
-      throw no_such_timer(id);
-  for (const int id : ids) {
+  for (const int id : timers_of(client, given.words)) {
     if (client.call_int("cancel_timer", g_variant_new("(i)", id)) != 0)
       throw no_such_timer(id); // it expired in between
     say(given.json, {{"cancelled", id}}, "Timer " + std::to_string(id) + " is cancelled.");

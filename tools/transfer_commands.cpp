@@ -2,6 +2,7 @@
 #include "commands.h"
 
 #include <algorithm>
+#include <climits>
 #include <fstream>
 #include <iostream>
 
@@ -16,41 +17,126 @@ void export_timers(client &client, const options &) {
   std::puts(json{{"timers", timers}, {"holidays", holidays}}.dump(1).c_str());
 }
 
-// --- reading; a json::exception says what is missing or of the wrong kind ---
+// --- reading: a failure names the entry and the field ---
 
-static int number_of(const json &word, std::optional<int> (*parse)(const std::string &),
-                     const char *name) {
-  const auto number = parse(word.get<std::string>());
-  if (!number)
-    throw failure{std::string(name) + " " + word.dump() + " is not understood", ""};
+namespace {
+
+// A value and its place in the file: "timers.json: timers[0]".
+struct element {
+  const json &value;
+  std::string where;
+};
+
+struct contents {
+  std::vector<holiday> holidays;
+  std::vector<timer_record> timers;
+};
+
+} // namespace
+
+static constexpr const char *kNothing = "nothing is imported";
+static constexpr const char *kWanted = "dravelctl export writes what is wanted";
+
+// Lists and objects are not printed: they may be nested deeply.
+[[noreturn]] static void reject(const element &element, const std::string &wanted) {
+  const json &value = element.value;
+  const std::string text = value.is_object()  ? "an object"
+                           : value.is_array() ? "a list"
+                                              : value.dump(-1, ' ', true).substr(0, 40);
+  throw failure{element.where + " is " + text + "; it must be " + wanted, kNothing};
+}
+
+static element field_of(const element &of, const char *name) {
+  if (!of.value.contains(name))
+    throw failure{of.where + " has no " + name, kNothing};
+  return {of.value.at(name), of.where + "." + name};
+}
+
+// A misspelt name would leave the field at its default.
+static void check_names(const element &of, const json &like) {
+  if (!of.value.is_object())
+    reject(of, "an object");
+  for (const auto &[name, value] : of.value.items())
+    if (!like.contains(name))
+      throw failure{of.where + " has a field " + name + ", which dravelctl export does not write",
+                    kNothing};
+}
+
+static int number_of(const element &of, int least, int most) {
+  const auto number = of.value.is_number() ? parse_int(of.value.dump()) : std::nullopt;
+  if (!number || *number < least || *number > most)
+    reject(of, "a whole number from " + std::to_string(least) + " to " + std::to_string(most));
   return *number;
 }
 
-static timer_record timer_of(const json &from) {
-  timer_record timer{.type = from.at("type").get<int>(),
-                     .priority = from.value("priority", 0),
-                     .delay = from.value("delay", 0),
-                     .holiday_effect = from.value("holidays", "ignore") == "skip" ? 1 : 0,
-                     .clock =
-                         number_of(from.value("clock", json("broadcast")), parse_clock, "clock")};
-  if (!parse_type(std::to_string(timer.type)))
-    throw failure{"type " + std::to_string(timer.type) + " is none from 0 to 254", ""};
-  const auto at = parse_iso(from.at("at").get<std::string>());
-  if (!at)
-    throw failure{"at " + from.at("at").dump() + " is no time such as 2026-12-24T07:00:00", ""};
-  timer.at = *at;
-  for (const json &day : from.value("days", json::array()))
-    timer.week_flag |= number_of(day, parse_days, "day");
+template <typename Parse> static auto word_of(const element &of, Parse parse, const char *wanted) {
+  const auto value = of.value.is_string() ? parse(of.value.get<std::string>()) : std::nullopt;
+  if (!value)
+    reject(of, wanted);
+  return *value;
+}
+
+static bool flag_of(const element &of) {
+  if (!of.value.is_boolean())
+    reject(of, "true or false");
+  return of.value.get<bool>();
+}
+
+static timer_record timer_of(const element &of) {
+  check_names(of, json_of(timer_record(), snapshot()));
+  const auto given = [&](const char *name) { return of.value.contains(name); };
+  timer_record timer{.type = number_of(field_of(of, "type"), 0, TIMER_TYPE_ONTIMER_MAX),
+                     .at = word_of(field_of(of, "at"), parse_iso, "such as 2026-12-24T07:00:00")};
+  for (const auto &[name, field] :
+       {std::pair{"priority", &timer.priority}, std::pair{"delay", &timer.delay}})
+    if (given(name))
+      *field = number_of(field_of(of, name), INT_MIN, INT_MAX);
+  if (given("holidays"))
+    timer.holiday_effect = word_of(field_of(of, "holidays"), parse_effect, "skip or ignore");
+  if (given("clock"))
+    timer.clock = word_of(field_of(of, "clock"), parse_clock, "broadcast, internet or rtc");
+  if (!given("days"))
+    return timer;
+  const element days = field_of(of, "days");
+  if (!days.value.is_array())
+    reject(days, "a list of days");
+  for (const json &day : days.value)
+    timer.week_flag |= word_of({day, days.where}, parse_days, "a list such as [\"Mon\",\"Fri\"]");
   return timer;
 }
 
-static holiday_end end_of(const json &from) {
-  const auto month = from.at("month").get<unsigned>();
-  const auto day = from.at("day").get<unsigned>();
-  if (!parse_date(std::to_string(month) + "-" + std::to_string(day)))
-    throw failure{"month " + std::to_string(month) + ", day " + std::to_string(day) + " is no date",
-                  ""};
-  return {month, day, from.value("end_of_february", false)};
+static holiday_end end_of(const element &of) {
+  check_names(of, json_of(holiday())["first"]);
+  holiday_end end{.month = static_cast<unsigned>(number_of(field_of(of, "month"), 1, 12)),
+                  .day = static_cast<unsigned>(number_of(field_of(of, "day"), 1, 31))};
+  if (!parse_date(std::to_string(end.month) + "-" + std::to_string(end.day)))
+    reject(field_of(of, "day"), "a day of that month");
+  if (of.value.contains("end_of_february"))
+    end.end_of_february = flag_of(field_of(of, "end_of_february"));
+  return end;
+}
+
+static holiday holiday_of(const element &of) {
+  check_names(of, json_of(holiday()));
+  const holiday period{.first = end_of(field_of(of, "first")),
+                       .last = end_of(field_of(of, "last"))};
+  if (runs_over_new_year(period))
+    throw failure{of.where + " runs over the new year and matches no day", kNothing};
+  return period;
+}
+
+template <typename Record>
+static std::vector<Record> list_of(const element &all, const char *name,
+                                   Record (*record_of)(const element &)) {
+  std::vector<Record> records;
+  if (!all.value.contains(name))
+    return records;
+  const element list{all.value.at(name), all.where + ": " + name};
+  if (!list.value.is_array())
+    reject(list, "a list");
+  for (const json &entry : list.value)
+    records.push_back(record_of({entry, list.where + "[" + std::to_string(records.size()) + "]"}));
+  return records;
 }
 
 static std::string reason_of(const json::exception &error) {
@@ -58,20 +144,32 @@ static std::string reason_of(const json::exception &error) {
   return text.substr(text.find("] ") + 2); // after the library's own number
 }
 
-static json read_file(const std::string &name) {
+static json parse(std::istream &stream, const std::string &name) {
   try {
-    if (name == "-")
-      return json::parse(std::cin);
-    std::ifstream file(name);
-    if (!file.is_open())
-      throw failure{"cannot read " + name + ": " + g_strerror(errno), ""};
-    return json::parse(file);
+    return json::parse(stream);
   } catch (const json::exception &error) {
-    throw failure{name + " is no JSON: " + reason_of(error),
-                  "dravelctl export writes what is wanted"};
+    throw failure{name + " is no JSON: " + reason_of(error), kWanted};
   } catch (const std::ios_base::failure &error) { // a directory opens but cannot be read
     throw failure{"cannot read " + name + ": " + error.code().message(), ""};
   }
+}
+
+static contents read(std::istream &stream, const std::string &name) {
+  const json all = parse(stream, name);
+  if (!all.is_object() || !(all.contains("timers") || all.contains("holidays")))
+    throw failure{name + " holds neither timers nor holidays", kWanted};
+  const element whole{all, name};
+  check_names(whole, {{"timers", nullptr}, {"holidays", nullptr}});
+  return {list_of(whole, "holidays", holiday_of), list_of(whole, "timers", timer_of)};
+}
+
+static contents read_file(const std::string &name) {
+  if (name == "-")
+    return read(std::cin, "standard input");
+  std::ifstream file(name);
+  if (!file.is_open())
+    throw failure{"cannot read " + name + ": " + g_strerror(errno), ""};
+  return read(file, name);
 }
 
 // --- adding ---
@@ -86,8 +184,7 @@ static bool is_same(const timer_record &a, const timer_record &b) {
          moment(a) == moment(b);
 }
 
-static void import_timer(client &client, const json &from, bool force) {
-  const timer_record timer = timer_of(from);
+static void import_timer(client &client, const timer_record &timer, bool force) {
   const snapshot view = client.look();
   const auto same = std::ranges::find_if(
       view.timers, [&](const timer_record &other) { return is_same(timer, other); });
@@ -96,8 +193,7 @@ static void import_timer(client &client, const json &from, bool force) {
   add_checked(client, timer, view, force);
 }
 
-static void import_holiday(client &client, const json &from) {
-  const holiday period{.first = end_of(from.at("first")), .last = end_of(from.at("last"))};
+static void import_holiday(client &client, const holiday &period) {
   const auto text = [](const holiday &any) { return date_text(any.first) + date_text(any.last); };
   const snapshot view = client.look();
   for (const holiday &other : view.holidays)
@@ -115,36 +211,29 @@ struct summary {
 
 } // namespace
 
-// Hands each element of the list `name` to `add` and keeps account.
-template <typename Add>
-static void import_each(const json &all, const char *name, summary &summary, Add add) {
-  const json list = all.value(name, json::array());
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    std::string why;
+// Hands each record to `add` and keeps account.
+template <typename Record, typename Add>
+static void import_each(const std::vector<Record> &records, const char *name, summary &summary,
+                        Add add) {
+  for (std::size_t i = 0; i < records.size(); ++i) {
     try {
-      add(list[i]);
+      add(records[i]);
       ++summary.added;
     } catch (const failure &failure) {
-      why = failure.what;
-    } catch (const json::exception &error) {
-      why = reason_of(error);
-    }
-    if (!why.empty())
       summary.refused.push_back(
-          {{"what", std::string(name) + "[" + std::to_string(i) + "]"}, {"why", why}});
+          {{"what", std::string(name) + "[" + std::to_string(i) + "]"}, {"why", failure.what}});
+    }
   }
 }
 
 // Holidays go first, because they move timers.
 void import_timers(client &client, const options &given) {
-  const json all = read_file(given.words.at(0));
-  if (!all.is_object() || !(all.contains("timers") || all.contains("holidays")))
-    throw failure{given.words[0] + " holds neither timers nor holidays",
-                  "dravelctl export writes what is wanted"};
+  const contents wanted = read_file(given.words.at(0));
   summary done;
-  import_each(all, "holidays", done, [&](const json &from) { import_holiday(client, from); });
-  import_each(all, "timers", done,
-              [&](const json &from) { import_timer(client, from, given.force); });
+  import_each(wanted.holidays, "holidays", done,
+              [&](const holiday &period) { import_holiday(client, period); });
+  import_each(wanted.timers, "timers", done,
+              [&](const timer_record &timer) { import_timer(client, timer, given.force); });
   std::string text =
       std::to_string(done.added) + " added, " + std::to_string(done.refused.size()) + " refused.";
   for (const json &refused : done.refused)

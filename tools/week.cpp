@@ -13,15 +13,15 @@ static constexpr seconds kCell = 30min;
 
 namespace {
 
-enum cell { kEmpty, kHoliday, kNow, kOther, kOff, kOn, kBoth, kCellKinds };
+enum cell { kEmpty, kHoliday, kNow, kHalted, kOther, kOff, kOn, kBoth, kCellKinds };
 
 using day_cells = std::array<cell, kCells>;
 
 } // namespace
 
-static constexpr const char *kUtf8Signs[kCellKinds] = {"·", "░", "│", "●", "▼", "▲", "◆"};
-static constexpr const char *kAsciiSigns[kCellKinds] = {".", "#", "|", "o", "-", "+", "*"};
-static constexpr const char *kColours[kCellKinds] = {"2", "33", "7", "36", "31", "32", "35"};
+static constexpr const char *kUtf8Signs[kCellKinds] = {"·", "░", "│", "○", "●", "▼", "▲", "◆"};
+static constexpr const char *kAsciiSigns[kCellKinds] = {".", "#", "|", "x", "o", "-", "+", "*"};
+static constexpr const char *kColours[kCellKinds] = {"2", "33", "7", "2", "36", "31", "32", "35"};
 
 static bool in_utf8() {
   std::setlocale(LC_CTYPE, "");
@@ -36,7 +36,9 @@ static bool rests(sys_days day, const snapshot &view) {
   return !next || floor<days>(*next) != day;
 }
 
-static cell cell_of(const timer_record &timer) {
+static cell cell_of(const timer_record &timer, const snapshot &view) {
+  if (is_halted(timer, view))
+    return kHalted;
   switch (type_action(timer.type)) {
   case action::kTurnOn:
     return kOn;
@@ -51,7 +53,7 @@ static void mark(cell &cell, enum cell with) {
   const bool is_action = cell == kOn || cell == kOff || cell == kBoth;
   if (cell < kOther || (cell == kOther && with > kOther))
     cell = with;
-  else if (is_action && with != kOther && cell != with)
+  else if (is_action && with > kOther && cell != with)
     cell = kBoth;
 }
 
@@ -64,10 +66,9 @@ static std::vector<day_cells> chart_of(const std::vector<firing> &firings, const
     const auto index = static_cast<std::size_t>((at - today) / kCell);
     return chart[index / kCells][index % kCells];
   };
-  cell_at(view.now.set) = kNow;
   for (const firing &firing : firings)
     if (const timer_record *timer = find_timer(view.timers, firing.id))
-      mark(cell_at(firing.at), cell_of(*timer));
+      mark(cell_at(firing.at), cell_of(*timer, view));
   return chart;
 }
 
@@ -79,17 +80,18 @@ static void print_chart(const std::vector<day_cells> &chart, const snapshot &vie
     hours += (hour < 10 ? "0" : "") + std::to_string(hour) + "    ";
   hours.erase(hours.find_last_not_of(' ') + 1);
   std::puts(hours.c_str());
-  sys_days day = floor<days>(view.now.set);
-  for (const day_cells &cells : chart) {
-    std::string line = day_text(day) + " ";
-    for (const cell cell : cells)
-      line += sign(cell);
+  const sys_days today = floor<days>(view.now.set);
+  // The mark stands before the half hour that now is in, where no firing can be.
+  const auto now = static_cast<std::size_t>((view.now.set - today) / kCell);
+  for (std::size_t k = 0; k < chart.size(); ++k) {
+    std::string line = day_text(today + days(k)) + (k == 0 && now == 0 ? sign(kNow) : " ");
+    for (std::size_t i = 0; i < kCells; ++i)
+      line += sign(k == 0 && i + 1 == now ? kNow : chart[k][i]);
     std::puts(line.c_str());
-    day += days(1);
   }
-  std::printf("%15s%s on  %s off  %s on and off  %s other  %s holidays  %s now\n", "",
+  std::printf("%15s%s on  %s off  %s on and off  %s other  %s halted  %s holidays  %s now\n", "",
               sign(kOn).c_str(), sign(kOff).c_str(), sign(kBoth).c_str(), sign(kOther).c_str(),
-              sign(kHoliday).c_str(), sign(kNow).c_str());
+              sign(kHalted).c_str(), sign(kHoliday).c_str(), sign(kNow).c_str());
 }
 
 static json json_of(const std::vector<firing> &firings, const snapshot &view) {

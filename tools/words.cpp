@@ -195,8 +195,9 @@ zoned_time in_zone(civil_time time) {
 
 std::optional<int> parse_int(const std::string &text) {
   int value = 0;
+  const bool has_plus = text.starts_with('+') && !text.starts_with("+-");
   const char *end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, value);
+  const auto result = std::from_chars(text.data() + (has_plus ? 1 : 0), end, value);
   return result.ec == std::errc() && result.ptr == end ? std::optional(value) : std::nullopt;
 }
 
@@ -315,7 +316,12 @@ std::optional<civil_time> parse_iso(const std::string &text) {
   std::string_view rest = text;
   const auto day = take_date(rest);
   const auto time_of_day = take(rest, 'T') ? take_clock(rest) : std::nullopt;
-  return day && time_of_day ? std::optional<civil_time>(*day + *time_of_day) : std::nullopt;
+  int zone = 0;
+  const bool is_whole =
+      rest.empty() || ((take(rest, '+') || take(rest, '-')) && take_number(rest, 2, 2, zone) &&
+                       take(rest, ':') && take_number(rest, 2, 2, zone) && rest.empty());
+  return day && time_of_day && is_whole ? std::optional<civil_time>(*day + *time_of_day)
+                                        : std::nullopt;
 }
 
 // A number is taken when the daemon gives it a meaning.
@@ -331,6 +337,12 @@ std::optional<int> parse_clock(const std::string &text) {
   const auto found = std::ranges::find(kClockNames, lower(text));
   return found != kClockNames.end() ? std::optional(int(found - kClockNames.begin()))
                                     : std::nullopt;
+}
+
+std::optional<int> parse_effect(const std::string &text) {
+  if (text == "skip")
+    return 1;
+  return text == "ignore" ? std::optional(0) : std::nullopt;
 }
 
 // "mon", "mon-fri", "fri-mon", "daily"

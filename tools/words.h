@@ -57,8 +57,8 @@ inline constexpr const char *kDayForms = "write mon,wed or mon-fri, daily, weekd
 std::optional<time_request> parse_time(const std::string &text, civil_time now);
 std::optional<int> parse_type(const std::string &text);
 std::optional<int> parse_clock(const std::string &text);
+std::optional<int> parse_effect(const std::string &text); // of holidays
 std::optional<int> parse_days(const std::string &text);
 std::optional<holiday_end> parse_date(const std::string &text); // "12-24"
 std::optional<int> parse_int(const std::string &text);
-std::optional<civil_time>
-parse_iso(const std::string &text); // what follows the seconds is passed over
+std::optional<civil_time> parse_iso(const std::string &text); // the offset of a zone is passed over

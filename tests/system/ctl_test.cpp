@@ -14,7 +14,9 @@ using testing::HasSubstr;
 
 constexpr const char *kShell = "PATH=$(dirname " DRAVELCTL "):$PATH TZ=UTC LC_ALL=C.UTF-8\n"
                                "export PATH TZ LC_ALL\ncd /tmp\nexec 2>&1\n"
-                               "ctl() { dravelctl --timeout 0.5 \"$@\"; }\n"
+                               "ctl() { dravelctl --timeout ${wait:-9} \"$@\"; }\n"
+                               "lose_clock() { busctl set-property org.olvara.tv.system.dravel "
+                               "/org/olvara/tv/standin org.olvara.tv.standin TvClock u 0; }\n"
                                "daemon_pid() { gdbus call --system -d org.freedesktop.DBus -o / -m "
                                "org.freedesktop.DBus.GetConnectionUnixProcessID "
                                "org.olvara.tv.system.dravel | sed 's/.* //; s/,)//'; }\n";
@@ -79,6 +81,10 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
       {"", "ctl add --at 7:00 --on someday", 2, "--on=someday is not understood; write mon"},
       {"", "ctl add --at 7:00 --type 300", 2, "--type=300 is not understood"},
       {"", "ctl add --at 7:00 --priority high", 2, "--priority=high is not understood"},
+      {"", "ctl add --at 7:00 --priority +5", 0, "Priority: 5"},
+      {"", "ctl add --at 7:00 --on once --on mon", 2, "--on=once goes with no other --on"},
+      {"", "ctl add --at \"$(printf '7:00\\n\\033[m')\"", 2, "--at=7:00??[m is no time"},
+      {"lose_clock", "ctl add --at +45m", 0, "+45m is counted from this machine's clock, "},
       {"", "ctl add", 2, "add needs --at"},
       {"", "ctl holidays add 12-24 01-02", 2, "run over the new year"},
       {"", "ctl holidays add 02-20 02-28 --end-of-february", 0, "20 Feb to end of Feb"},
@@ -106,6 +112,8 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
        "would be removed to make room; cancel timer 50 first"},
       {"ctl add --at 7:00 --on daily", "ctl holidays add 01-01 12-31 && ctl holidays skip 1", 0,
        "Timer 1 is now removed; it was armed for Wed 2026-12-16 07:00:00."},
+      {"ctl add --at 7:00 --type off", "ctl add --at 7:00", 0,
+       "Note: It is not armed: off-timer 1 is set for the same time."},
       {"ctl add --at 7:00 --on mon", "ctl add --at 7:00 --on daily", 0,
        "Timer 1 is for the same second, Mon 2026-12-21 07:00:00"},
       {"ctl add --at 7:00 --on mon --type off --priority -3", "ctl change 1 --at 8:15 --on tue", 0,
@@ -117,6 +125,9 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
       {"ctl add --at 7:00; ctl add --at 8:00; ctl add --at 9:00", "ctl cancel 1 3; ctl list", 0,
        "\n2   on", "\n1 "},
       {"ctl add --at 7:00", "ctl cancel 1 9", 1, "there is no timer 9", "is cancelled"},
+      {"ctl add --at 7:00", "ctl holidays skip 1 9", 1, "there is no timer 9", "skips"},
+      {"ctl holidays add 12-24", "ctl holidays remove 1 9", 1, "no holidays 9", "are removed"},
+      {"", "ctl holidays remove x", 2, "x is no id; dravelctl holidays list shows the ids"},
       {"ctl add --at 7:00 --type 10", "ctl cancel -10 --json", 0, R"({"cancelled":-10})"},
       {"", "ctl -j holidays add -- 12-24 12-26", 0, R"("first":{"month":12,"day":24,)"},
   });
@@ -143,17 +154,21 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
        "Mon 2026-12-21 to Mon 2027-01-18 are passed over: timer 2 at the same time goes first.\n"
        "It is armed for Mon 2026-12-21 07:00:00, in 5 days.\n"
        "It does not fire in the coming five weeks."},
-      {"ctl add --at 7:00 --on mon; ctl add --at 7:00 --on sat-mon", "ctl explain -j 2", 0,
-       R"("following":[{"at":"2026-12-20T07:00:00+00:00")"},
+      {"ctl add --at 7:00 --on daily; ctl add --at 7:00 --priority 1", "ctl explain -j 1", 0,
+       R"("following":[{"at":"2026-12-17T07:00:00+00:00")"},
       {"ctl add --at 13:00; ctl add --at 14:00; ctl add --at '2026-12-17 14:00'", "ctl explain 3",
        0, "Timer 2 fires before it, on Tue 2026-12-15 14:00:00, and removes it."},
       {"ctl add --at 7:00 --on daily --holidays skip; ctl add --at 8:00; ctl holidays add 12-16 "
        "12-18",
        "ctl list", 0, "ignore    broadcast\n1 "},
       {kThree, "ctl explain", 0, "for timer 2: it is the earliest on-timer."},
+      {"lose_clock; ctl add --at 0:00 --on daily", "ctl explain 1", 0,
+       " is set for 00:00.\nIt is not armed: the set's clock is unknown."},
       {"ctl add --at 7:00 --type off; ctl add --at 7:00", "ctl explain 2", 0,
        "It is not armed: off-timer 1 is set for the same time."},
       {kThree, "ctl week", 0, "Wed 2026-12-16 ··············▲·····················▲···········\n"},
+      {"ctl add --at 12:10", "ctl halt both; ctl week", 0,
+       "Tue 2026-12-15 ·······················│○···"},
       {kThree, "LC_ALL=C ctl week", 0, "Thu 2026-12-17 ##############################"},
       {kThree, "ctl week --json", 0, R"([{"id":1,"type_name":"off","at":"2026-12-15T19:00:00+00)"},
       {"", "ctl explain 9", 1, "there is no timer 9"},
@@ -176,7 +191,8 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
       {"mkdir b; mkfifo b/.dravel.db", "timeout 5 dravelctl backup b", 0, "The timers are in"},
       {"mkdir -p b/.dravel.db.new; touch b/.dravel.db.new/x", "ctl backup b; ls -A b", 0,
        "\n.dravel.db\n", ".new"},
-      {"mkdir b; rm /opt/dbspace/.dravel.db", "ctl backup b", 1, "database up to /tmp/b, where "},
+      {"mkdir b; rm /opt/dbspace/.dravel.db", "wait=0.5; ctl backup b", 1,
+       "database up to /tmp/b, where "},
       {kTwo, "sqlite3 b/.dravel.db 'PRAGMA user_version=2'; ctl restore b", 1, "newer version 2"},
       {kTwo, "printf x | dd of=b/.dravel.db bs=1 seek=4096 conv=notrunc; ctl restore b", 1,
        "is damaged"},
@@ -195,13 +211,53 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
        "ctl import x && ctl list", 1, "1 added, 1 refused.\nholidays[0]: they are there already"},
       {"", "echo '{\"timers\":[{\"type\":0,\"at\":\"2026-12-14T07:00:00\"}]}' | ctl import -", 1,
        "timers[0]: not added: Mon 2026-12-14 07:00:00 has passed"},
-      {"", "echo x | ctl import -", 1, "- is no JSON"},
+      {"", "echo x | ctl import -", 1, "standard input is no JSON"},
+      {"", "echo '{\"timers\":5}' | ctl import -", 1, "timers is 5; it must be a list"},
   });
+  start();
+  shell("ctl add --at 7:00 --on mon; ctl holidays add 12-24; ctl export >x\n"
+        "ctl cancel 1; ctl holidays remove 1");
+  constexpr std::pair<const char *, const char *> kFaults[] = {
+      {"s/\"priority\": 0/\"priority\": \"high\"/",
+       "timers[0].priority is \"high\"; it must be a whole number from -2147483648 to 2147483647"},
+      {"s/\"type\": 0/\"type\": 255/",
+       "timers[0].type is 255; it must be a whole number from 0 to 254"},
+      {"s/\"delay\": 0/\"delay\": 1.5/", "timers[0].delay is 1.5; it must be a whole number from "
+                                         "-2147483648 to 2147483647"},
+      {"s/\"Mon\"/7/", "timers[0].days is 7; it must be a list such as [\"Mon\",\"Fri\"]"},
+      {"s/\"at\": \"/&1/", "timers[0].at is \"12026-12-21T07:00:00+00:00\"; it must be such as "
+                           "2026-12-24T07:00:00"},
+      {"s/0+00:00/0x/",
+       "timers[0].at is \"2026-12-21T07:00:00x\"; it must be such as 2026-12-24T07:00:00"},
+      {"s/ignore/ignored/", "timers[0].holidays is \"ignored\"; it must be skip or ignore"},
+      {"s/\"priority\"/\"prio\"/",
+       "timers[0] has a field prio, which dravelctl export does not write"},
+      {"s/\"type\": 0,//", "timers[0] has no type"},
+      {"s/\"month\": 12/\"month\": 11/; s/\"day\": 24/\"day\": 31/",
+       "holidays[0].first.day is 31; it must be a day of that month"},
+      {"s/\"day\": 24/\"day\": {}/",
+       "holidays[0].first.day is an object; it must be a whole number from 1 to 31"},
+      {"s/february\": false/february\": 0/",
+       "holidays[0].first.end_of_february is 0; it must be true or false"},
+      {"0,/24/s//25/", "holidays[0] runs over the new year and matches no day"},
+  };
+  for (const auto &[edit, said] : kFaults)
+    EXPECT_EQ(shell(std::string("sed '") + edit + "' x | ctl import -; ctl holidays").said,
+              std::string("dravelctl: standard input: ") + said +
+                  "; nothing is imported\nNo holidays.\n");
 }
 
 TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
   check({
-      {"", "ctl juggle", 2, "juggle"},
+      {"", "ctl juggle", 2, "there is no command juggle; dravelctl help lists"},
+      {"", "ctl list foo", 2, "list does not take foo; write it as in dravelctl list --json"},
+      {"", "ctl holidays add --foo=5", 2, "no option --foo of holidays add; dravelctl help holi"},
+      {"", "ctl --on mon add", 2, "--on stands before add; write it behind add"},
+      {"", "ctl show", 2, "show needs ID; write it as in dravelctl show 3"},
+      {"", "ctl show 1 2", 2, "show does not take 2; write it as in"},
+      {"", "ctl add --at", 2, "--at needs TIME; 7:00, "},
+      {"", "ctl add --at 7:00 --at 8:00", 2, "--at=8:00 is one too many; give one --at"},
+      {"", "ctl list --json=5", 2, "--json takes no value; write --json alone"},
       {"", "dravelctl --timeout 0 list", 2, "from 0.001"},
       {"", "ctl list >/dev/full", 1, "No space left on device"},
       {"", "ctl list >&-", 1, "cannot write the output"},
@@ -209,7 +265,8 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
        "is carried out, but dravelctl cannot write"},
       {"mkfifo p", "exec 3<>p 4>p 3>&-; ctl help >&4", 1, "Broken pipe"},
       {"", "ctl -- show 1", 2, "write the command before --"},
-      {"kill -STOP $(daemon_pid)", "ctl; status=$?; kill -CONT $(daemon_pid); exit $status", 1,
+      {"kill -STOP $(daemon_pid)",
+       "wait=0.5; ctl; status=$?; kill -CONT $(daemon_pid); exit $status", 1,
        "did not answer within 0.5 seconds"},
   });
   EXPECT_THAT(shell("ctl list").said, HasSubstr("dravel-manager is not running"));
