@@ -103,9 +103,12 @@ static const loop_timer *first_to_fire() {
 
 static std::string text_of(const std::vector<firing> &firings) {
   std::string text;
-  for (const firing &firing : firings)
-    text += std::to_string(firing.id) + "@" + std::to_string(firing.at.time_since_epoch().count()) +
-            " ";
+  for (const firing &firing : firings) {
+    text += std::to_string(firing.id) + "@" + std::to_string(firing.at.time_since_epoch().count());
+    for (const int id : firing.removed)
+      text += " -" + std::to_string(id);
+    text += "\n";
+  }
   return text;
 }
 
@@ -135,7 +138,11 @@ TEST_F(Tool, Forecast_IsWhatTheDaemonDoes) {
       fired.push_back({static_cast<cb_data *>(next->data)->timer_item->timer_id, civil(now)});
       pass(next->seconds);
       set_clocks(iso(now), iso(now), iso(now));
+      const snapshot before = snapshot_of({}, {});
       fire(*next);
+      for (const timer_record &timer : before.timers)
+        if (find_dravel_item(timer.id) == nullptr)
+          fired.back().removed.push_back(timer.id);
     }
     ASSERT_EQ(text_of(forecast(view, until)), text_of(fired));
   }
