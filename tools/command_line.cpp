@@ -161,10 +161,10 @@ static const CLI::App *parsed_command(const CLI::App &app) {
 
 // "holidays add"; empty for the program itself.
 static std::string path_of(const CLI::App *command) {
-  std::string path;
-  for (; command->get_parent() != nullptr; command = command->get_parent())
-    path = command->get_name() + (path.empty() ? "" : " ") + path;
-  return path;
+  if (command->get_parent() == nullptr)
+    return "";
+  const std::string above = path_of(command->get_parent());
+  return above + (above.empty() ? "" : " ") + command->get_name();
 }
 
 static std::string example_of(const CLI::App *command) {

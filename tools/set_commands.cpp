@@ -151,13 +151,18 @@ static std::string armed_text(int id, const snapshot &view) {
   return armed != view.armed.end() ? "armed for " + time_text(armed->second) : "not armed";
 }
 
+static void note_change(int id, const snapshot &before, const snapshot &after) {
+  const std::string was = armed_text(id, before);
+  const std::string is = armed_text(id, after);
+  if (was != is)
+    print_note("Timer " + std::to_string(id) + " is now " + is + "; it was " + was + ".");
+}
+
 // A change of holidays arms all timers again, which moves and removes some.
 static void note_changes(client &client, const snapshot &before) {
   const snapshot after = client.look();
   for (const timer_record &timer : before.timers)
-    if (const std::string was = armed_text(timer.id, before), is = armed_text(timer.id, after);
-        was != is)
-      print_note("Timer " + std::to_string(timer.id) + " is now " + is + "; it was " + was + ".");
+    note_change(timer.id, before, after);
 }
 
 bool runs_over_new_year(const holiday &holiday) {

@@ -26,7 +26,7 @@ failure no_such_timer(int id) {
 }
 
 std::vector<int> timers_of(client &client, const std::vector<std::string> &words) {
-  const auto ids = ids_of(words, "dravelctl list");
+  auto ids = ids_of(words, "dravelctl list");
   const auto timers = client.timers();
   for (const int id : ids)
     if (find_timer(timers, id) == nullptr)
