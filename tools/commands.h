@@ -4,6 +4,7 @@
 #include "client.h"
 #include "output.h"
 
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
@@ -59,6 +60,14 @@ std::vector<int> timers_of(client &client, const std::vector<std::string> &words
 void print_timer(const timer_record &timer, const snapshot &view);
 int add_holiday(client &client, const holiday &holiday, civil_time now); // the id
 bool runs_over_new_year(const holiday &holiday);
+
+struct import_contents {
+  std::vector<holiday> holidays;
+  std::vector<timer_record> timers;
+};
+
+// What an exported file holds; a failure names the first wrong entry of the file `name`.
+import_contents read_import(std::istream &stream, const std::string &name);
 
 // Why the daemon would refuse `timer`; empty when nothing speaks against it.
 std::string refusal_of(timer_record timer, const snapshot &view);

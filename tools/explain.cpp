@@ -57,14 +57,14 @@ static void tell_passed(explanation &told, int week_flag) {
     return a.holiday == b.holiday && a.timer == b.timer && next == b.day;
   };
   for (std::size_t first = 0; first < told.passed.size();) {
-    std::size_t last = first;
-    while (last + 1 < told.passed.size() && follows(told.passed[last], told.passed[last + 1]))
-      ++last;
+    std::size_t end = first;
+    while (end + 1 < told.passed.size() && follows(told.passed[end], told.passed[end + 1]))
+      ++end;
     const std::string from = day_text(told.passed[first].day);
     told.sentences.push_back(
-        from + (last > first ? " to " + day_text(told.passed[last].day) + " are" : " is") +
+        from + (end > first ? " to " + day_text(told.passed[end].day) + " are" : " is") +
         " passed over: " + name_of(told.passed[first]) + ".");
-    first = last + 1;
+    first = end + 1;
   }
 }
 

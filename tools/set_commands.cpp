@@ -179,10 +179,9 @@ int add_holiday(client &client, const holiday &holiday, civil_time now) {
 }
 
 void add_holidays(client &client, const options &given) {
-  const holiday_end first = holiday_end_of(given.first_day, given.end_of_february);
-  const holiday_end last =
-      given.last_day ? holiday_end_of(*given.last_day, given.end_of_february) : first;
-  holiday period{.first = first, .last = last};
+  holiday period{.first = holiday_end_of(given.first_day, given.end_of_february)};
+  period.last =
+      given.last_day ? holiday_end_of(*given.last_day, given.end_of_february) : period.first;
   if (runs_over_new_year(period))
     throw usage("holidays that run over the new year match no day",
                 "add two: one up to 12-31, one from 01-01");

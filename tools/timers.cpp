@@ -160,9 +160,9 @@ static std::optional<civil_time> next_once(timer_record &timer, const clocks &no
   const holiday *rest = holiday_at(timer, at, now, holidays);
   if (rest == nullptr)
     return at;
-  const sys_days last = sys_days(year_of(at) / month(rest->last.month) / 1) +
-                        days(day_in(rest->last, year_of(own_now)) - 1);
-  timer.at += last - floor<days>(at) + days(1);
+  const sys_days last_day = sys_days(year_of(at) / month(rest->last.month) / 1) +
+                            days(day_in(rest->last, year_of(own_now)) - 1);
+  timer.at += last_day - floor<days>(at) + days(1);
   return without_seconds(timer);
 }
 

@@ -27,11 +27,6 @@ struct element {
   std::string where;
 };
 
-struct contents {
-  std::vector<holiday> holidays;
-  std::vector<timer_record> timers;
-};
-
 } // namespace
 
 static constexpr const char *kNothing = "nothing is imported";
@@ -154,7 +149,7 @@ static json parse(std::istream &stream, const std::string &name) {
   }
 }
 
-static contents read(std::istream &stream, const std::string &name) {
+import_contents read_import(std::istream &stream, const std::string &name) {
   const json all = parse(stream, name);
   if (!all.is_object() || !(all.contains("timers") || all.contains("holidays")))
     throw failure{name + " holds neither timers nor holidays", kWanted};
@@ -163,13 +158,13 @@ static contents read(std::istream &stream, const std::string &name) {
   return {list_of(whole, "holidays", holiday_of), list_of(whole, "timers", timer_of)};
 }
 
-static contents read_file(const std::string &name) {
+static import_contents read_file(const std::string &name) {
   if (name == "-")
-    return read(std::cin, "standard input");
+    return read_import(std::cin, "standard input");
   std::ifstream file(name);
   if (!file.is_open())
     throw failure{"cannot read " + name + ": " + g_strerror(errno), ""};
-  return read(file, name);
+  return read_import(file, name);
 }
 
 // --- adding ---
@@ -228,7 +223,7 @@ static void import_each(const std::vector<Record> &records, const char *name, su
 
 // Holidays go first, because they move timers.
 void import_timers(client &client, const options &given) {
-  const contents wanted = read_file(given.words.at(0));
+  const import_contents wanted = read_file(given.words.at(0));
   summary done;
   import_each(wanted.holidays, "holidays", done,
               [&](const holiday &period) { import_holiday(client, period); });

@@ -352,11 +352,11 @@ static std::optional<int> parse_day_range(const std::string &text) {
       return group.week_flag;
   const std::size_t dash = text.find('-');
   const auto first = parse_weekday(text.substr(0, dash));
-  const auto last = dash == std::string::npos ? first : parse_weekday(text.substr(dash + 1));
-  if (!first || !last)
+  const auto until = dash == std::string::npos ? first : parse_weekday(text.substr(dash + 1));
+  if (!first || !until)
     return std::nullopt;
-  int week_flag = kSundayBit << *last;
-  for (unsigned day = *first; day != *last; day = (day + 1) % 7)
+  int week_flag = kSundayBit << *until;
+  for (unsigned day = *first; day != *until; day = (day + 1) % 7)
     week_flag |= kSundayBit << day;
   return week_flag;
 }
