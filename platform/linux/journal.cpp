@@ -22,12 +22,14 @@ system_log_priority system_log_threshold = threshold_from_environment(SYSTEM_LOG
 
 // The daemon gives its progress lines error priority, too. Only a line that reports a failure is an
 // error in the journal.
-static constexpr const char *kFailures[] = {"ailed", " fail", "rror ", " error", "out of memory"};
+static constexpr const char *kFailures[] = {"ailed",         " fail",          "rror ",    " error",
+                                            "out of memory", "SQLITE_CORRUPT", "] deleted"};
 
-// A caller's unknown id, a missing time update and a timer without a next expiry are not failures.
+// A caller's unknown id, a missing time update, a timer without a next expiry and a file that the
+// first start makes are not failures.
 static constexpr const char *kNoFailures[] = {"failed to get dravel item",
                                               "failed to get wakeup item", "failed auto_time_set",
-                                              "get_next_expire_date"};
+                                              "get_next_expire_date", "fail, it will recreate"};
 
 static bool has_any(const char *format, std::span<const char *const> parts) {
   return std::ranges::any_of(
