@@ -52,10 +52,22 @@ class Guest(Machine):
     def await_wake_up(self, timeout):
         """Returns the guest's time of the wake-up."""
         self.await_event("WAKEUP", timeout)
+        self.await_shell_again()
         self.wake_ups += 1
         woken, _ = self.await_journal("System returned from sleep", 20, self.wake_ups)
         self.note(f"(awake at {self.text(woken)})")
         return woken
+
+    def memory(self):
+        """What the daemon uses, in kB."""
+        lines = self.run("cat /proc/$(pidof dravel-manager)/{status,smaps_rollup}")
+        return {name: int(count)
+                for name, count in re.findall(r"^(VmRSS|VmData|Pss):\s+(\d+) kB", lines, re.M)}
+
+    def switches(self):
+        """How often the daemon has been given the processor."""
+        lines = self.run("cat /proc/$(pidof dravel-manager)/task/*/status")
+        return sum(int(count) for count in re.findall(r"voluntary_ctxt_switches:\s+(\d+)", lines))
 
     # --- what is prepared ---
 
@@ -87,7 +99,8 @@ class Guest(Machine):
 
     def set_clock(self, time):
         """Moves both clocks of the machine, and forgets what the journal holds."""
-        self.run(f"date -s '{self.day} {time}' && hwclock --systohc")
+        # The daemon, which the step wakes, has the real-time clock open for a moment.
+        self.run(f"date -s '{self.day} {time}' && (hwclock --systohc || hwclock --systohc)")
         self.note(f"# date -s '{self.day} {time}'")
         self.mark()
 
@@ -102,6 +115,9 @@ class Guest(Machine):
     def alarm(self):
         """When the alarm goes off, counted as the real-time clock does; 0: never."""
         return int(self.run(f"cat {RTC}/wakealarm") or 0)
+
+    def clock_time(self, seconds):
+        return self.run(f"date -d @{seconds} +%T")
 
     def text(self, seconds):
         return self.run(f"date -d @{seconds:.2f} +%T.%2N")
@@ -119,10 +135,18 @@ class Guest(Machine):
 
     def journal(self, pattern):
         """The lines since the mark that match, as (seconds, text)."""
+        return self.lines_of(self.read_command(), pattern)
+
+    def lines_of(self, command, pattern=""):
         self.run("journalctl --sync")
-        lines = self.run(self.read_command()).splitlines()
+        lines = self.run(command, 120).splitlines()
         return [(float(time), text) for time, text in (line.split(" ", 1) for line in lines)
                 if re.search(pattern, text)]
+
+    def all_expiries(self):
+        """(seconds, id) of each, in the daemon's words, since the package was installed."""
+        lines = self.lines_of(f"{JOURNAL} -t DRAVEL_MANAGER -g 'dravel expired'")
+        return [(time, int(re.search(r"\[(\d+)\]$", text)[1])) for time, text in lines]
 
     def await_journal(self, pattern, timeout, count=1):
         """The line since the mark that matches as the `count`-th."""

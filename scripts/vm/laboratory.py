@@ -18,8 +18,9 @@ def next_monday():
 
 
 class Laboratory:
-    def __init__(self, package, directory, root, quiet):
+    def __init__(self, package, directory, root, quiet, rounds=None):
         self.package, self.directory, self.root, self.quiet = package, directory, root, quiet
+        self.rounds = rounds  # None: as many as each case has
         self.disk = directory / "work.qcow2"
         self.day = str(next_monday())
         self.transcript = []

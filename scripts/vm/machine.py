@@ -153,6 +153,18 @@ class Machine:
         """Waits until the guest has booted."""
         self.shell.read_until(b"==ready==\n", timeout)
 
+    def await_shell_again(self):
+        """The serial line may lose what is sent to it while the guest wakes up."""
+        for _ in range(10):
+            self.commands += 1
+            self.cast(f"\necho; echo awake{self.commands}")
+            try:
+                self.shell.read_until(f"\nawake{self.commands}\n".encode(), 3)
+                return
+            except Trouble:
+                continue
+        raise Trouble("the shell does not answer after the wake-up")
+
     # --- its end ---
 
     def await_end(self, timeout):
