@@ -25,8 +25,7 @@ message request_with(const bus_target &target, const char *method, std::span<con
 }
 
 // GLib reads and prints the text form; libdbus sends what GLib has marshalled.
-static message request_of(const bus_target &target, const char *method,
-                          const std::string &arguments) {
+message request_of(const bus_target &target, const char *method, const std::string &arguments) {
   g_autoptr(GError) error = nullptr;
   GVariant *body = g_variant_parse(nullptr, arguments.c_str(), nullptr, nullptr, &error);
   if (body == nullptr)

@@ -68,6 +68,7 @@ private:
 
 message method_call(const bus_target &target, const char *method);
 message request_with(const bus_target &target, const char *method, std::span<const int> arguments);
+message request_of(const bus_target &target, const char *method, const std::string &arguments);
 int int_of(const message &reply);
 words image_of(const message &reply);     // the integer of an "iay" reply, then its bytes as words
 std::string body_text(DBusMessage *sent); // in that text form
