@@ -15,77 +15,18 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <span>
 #include <sstream>
 #include <vector>
 
 static constexpr int kMaxSteps = 100;
 static constexpr unsigned kLongestSeconds = 86400;
-static constexpr const char *kConfigurationPath = "/tmp/machine.conf";
-static constexpr const char *kStatePath = "/tmp/state/wake-up";
-static constexpr const char *kPowerPath = "/tmp/run/power";
 
-namespace {
-
-// A device that may refuse each operation.
-class unsound_rtc final : public rtc_device {
-public:
-  bool exists() override { return is_there; }
-  std::optional<std::int64_t> read_clock() override {
-    return works(1) ? std::optional(clock) : std::nullopt;
-  }
-  bool read_alarm(std::optional<std::int64_t> &out) override {
-    out = alarm;
-    return works(2);
-  }
-  bool set_alarm(std::int64_t time) override {
-    const bool done = works(4);
-    if (done && !works(16)) // forgets it
-      alarm.reset();
-    else if (done)
-      alarm = time;
-    return done;
-  }
-  bool clear_alarm() override {
-    const bool done = works(8);
-    if (done)
-      alarm.reset();
-    return done;
-  }
-
-  bool is_there = true;
-  unsigned refused = 0;
-  int error = 0;
-  std::int64_t clock = kNow;
-  std::optional<std::int64_t> alarm;
-
-private:
-  bool works(unsigned operation) {
-    errno = error;
-    return (refused & operation) == 0;
-  }
-};
-
-class unsound_cec final : public cec_adapter {
-public:
-  void start() override {}
-  bool prepare() override { return is_there; }
-  std::uint16_t physical_address() override { return address; }
-  bool is_claiming() override { return claims; }
-  void send(std::uint8_t destination, std::span<const std::uint8_t> message) override {
-    EXPECT_TRUE(destination < 16 && !message.empty() && message.size() < 16);
-  }
-
-  bool is_there = true;
-  bool claims = false;
-  std::uint16_t address = 0x1000;
-};
-
-} // namespace
-
-static unsound_rtc rtc;
-static unsound_cec cec;
+static fake_rtc rtc;
+static fake_cec cec;
 static int settled; // orders
 
 static std::uint32_t now() { return static_cast<std::uint32_t>(std::time(nullptr)); }
@@ -93,31 +34,14 @@ static std::uint32_t now() { return static_cast<std::uint32_t>(std::time(nullptr
 // --- files ---
 
 static std::string draw_value(input &in) {
-  static const std::string values[] = {"0",
-                                       "15",
-                                       "86400",
-                                       "86401",
-                                       "-1",
-                                       "4294967296",
-                                       "99999999999999999999",
-                                       "auto",
-                                       "off",
-                                       "tv",
-                                       "all",
-                                       "/dev/cec0",
-                                       "poweroff",
-                                       "hibernate",
-                                       "none",
-                                       "suspend",
-                                       "true",
-                                       "false",
-                                       "/dev/null",
-                                       " 7 ",
-                                       "\xff\xfe",
-                                       "",
-                                       "1800000100",
-                                       std::string(5000, '9')};
-  return in.seldom(64) ? in.bytes(40) : in.one_of(values);
+  static constexpr const char *kValues[] = {
+      "0",    "15",   "86400",     "86401",   "-1",        "4294967296", "99999999999999999999",
+      "auto", "off",  "tv",        "all",     "/dev/cec0", "poweroff",   "hibernate",
+      "none", "true", "/dev/null", "suspend", "false",     "1800000100", "\xff\xfe",
+      "",     " 7 "};
+  if (in.seldom(64))
+    return in.bytes(40);
+  return in.seldom(8) ? std::string(5000, '9') : in.one_of(kValues);
 }
 
 static void write_file(const char *path, const char *group, std::span<const char *const> keys,
@@ -150,11 +74,10 @@ static void write_configuration(input &in) {
 static void start_after_another_run(input &in) {
   static constexpr const char *kWakeUpKeys[] = {"type", "on-time", "alarm"};
   static constexpr const char *kPowerKeys[] = {"state", "wakeup-reason", "was-booted", "returns"};
-  write_file(kStatePath, "wake-up", kWakeUpKeys, in);
+  write_file("/tmp/state/wake-up", "wake-up", kWakeUpKeys, in);
+  write_file("/tmp/run/power", "power", kPowerKeys, in);
   if (in.byte() % 2 == 0)
-    std::remove(kPowerPath);
-  else
-    write_file(kPowerPath, "power", kPowerKeys, in);
+    std::remove("/tmp/run/power");
   start_power(start_alarm(rtc));
 }
 
@@ -162,9 +85,8 @@ static void start_after_another_run(input &in) {
 
 static void change_clocks(input &in) {
   static constexpr std::uint32_t kUnits[] = {1, 60, 3600, 86400 * 365};
-  const std::uint32_t step = in.byte() * in.one_of(kUnits);
-  set_now(in.seldom(16) ? in.word() : now() + step);
-  rtc.clock = in.seldom(32) ? static_cast<std::int64_t>(in.word()) << in.below(32) : now();
+  set_now(in.seldom(16) ? in.word() : now() + in.byte() * in.one_of(kUnits));
+  rtc.ahead = in.seldom(32) ? (std::int64_t{in.word()} << in.below(32)) - now() : 0;
 }
 
 static void change_devices(input &in) {
@@ -183,7 +105,7 @@ static void check_alarm(std::uint32_t on_time) {
   EXPECT_EQ(wake.on_time, on_time > now() ? on_time : 0);
   if (wake.alarm == 0)
     return;
-  EXPECT_TRUE(rtc.is_there && rtc.alarm == rtc.clock + (std::int64_t{wake.alarm} - now()));
+  EXPECT_TRUE(rtc.is_there && rtc.alarm == rtc.ahead + wake.alarm);
   EXPECT_GE(wake.alarm, now() + 5);
   EXPECT_LE(wake.alarm, std::max(wake.on_time, now() + 60));
 }
@@ -199,12 +121,12 @@ static void order_wake_up(input &in) {
 
 static void receive_message(input &in) {
   static constexpr std::uint8_t kOpcodes[] = {0x90, 0x36, 0x00, 0x04, 0x82, 0x8f};
-  std::vector<std::uint8_t> message;
+  std::vector<std::uint8_t> bytes;
   if (!in.seldom(16))
-    message.push_back(in.one_of(kOpcodes));
+    bytes.push_back(in.one_of(kOpcodes));
   for (std::size_t operands = in.below(4); operands > 0; --operands)
-    message.push_back(in.seldom(128) ? in.one_of(kOpcodes) : in.byte() % 5);
-  screen_received(in.seldom(32) ? 15 : 0, message);
+    bytes.push_back(in.seldom(128) ? in.one_of(kOpcodes) : in.byte() % 5);
+  screen_received(in.seldom(32) ? 15 : 0, bytes);
 }
 
 static void order_screen(input &in) {
@@ -232,7 +154,7 @@ static void change_power(input &in) {
   in.one_of(kEvents)();
 }
 
-static void reload(input &in) {
+static void start_again(input &in) {
   release_device();
   write_configuration(in);
   start_screen(cec);
@@ -246,7 +168,7 @@ static void read_clock(input &) {
 
 static constexpr void (*kSteps[])(input &) = {
     order_wake_up, order_wake_up, receive_message, order_screen, fire_one,
-    change_clocks, change_power,  change_devices,  read_clock,   reload};
+    change_clocks, change_power,  change_devices,  read_clock,   start_again};
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   input in(data, size);
@@ -266,10 +188,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   GTEST_FLAG_SET(throw_on_failure, true);
-  setenv("STATE_DIRECTORY", "/tmp/state", 1);
-  setenv("RUNTIME_DIRECTORY", "/tmp/run", 1);
-  setenv("DRAVEL_CONFIGURATION", kConfigurationPath, 1);
+  set_environment();
+  unsetenv("DRAVEL_LOG_STDERR");
   ecore_init();
-  EXPECT_TRUE(std::system("mkdir -p /tmp/state /tmp/run") == 0);
+  for (const char *directory : {"/tmp/state", "/tmp/run"})
+    std::filesystem::create_directory(directory);
   return 0;
 }

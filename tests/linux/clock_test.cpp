@@ -7,12 +7,11 @@
 #include <system_info.h>
 #include <system_log.h>
 
-#include <csignal>
-#include <cstdlib>
+#include <algorithm>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <string_view>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -41,8 +40,12 @@ TEST_F(Machine, TheAlarmIsALeadEarlier_AndNeverCloserThanFiveSeconds) {
 }
 
 TEST_F(Machine, AnAlarmThatIsForgottenOrHasNoDevice_IsNotCredited) {
+  std::filesystem::create_directories("/tmp/state/wake-up.new");
   start();
-  rtc.forgets = true;
+  rtc.refused = KEEP_ALARM;
+  EXPECT_EQ(set_wakeup(0, kNow + 100), -1);
+  EXPECT_EQ(kept_wake_up(), wake_up{}) << "it could not be written";
+  std::filesystem::remove("/tmp/state/wake-up.new");
   EXPECT_EQ(set_wakeup(0, kNow + 100), -1);
   EXPECT_EQ(kept_wake_up(), (wake_up{0, kNow + 100, 0}));
   rtc.is_there = false;
@@ -52,76 +55,63 @@ TEST_F(Machine, AnAlarmThatIsForgottenOrHasNoDevice_IsNotCredited) {
 
 TEST_F(Machine, ABusyDevice_IsTriedOnceMore) {
   start();
-  rtc.is_busy = true;
+  rtc.refused = ALL_OPERATIONS;
   EXPECT_EQ(set_wakeup(0, kNow + 5), 0);
   EXPECT_EQ(kept_wake_up().alarm, 0U);
-  rtc.is_busy = false;
+  rtc.refused = 0;
   fire(1);
   EXPECT_EQ(rtc.alarm, kNow + 5);
   EXPECT_EQ(kept_wake_up().alarm, kNow + 5);
-  rtc.is_busy = true;
-  testing::internal::CaptureStderr();
+  rtc.refused = ALL_OPERATIONS;
   EXPECT_EQ(clear_wakeup(), 0);
-  fire(1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(stderr_of([] { fire(1); }),
             "DRAVEL_LINUX: /dev/rtc0: the alarm is not switched off: Device or resource busy; the "
             "machine is not woken by it\n");
   EXPECT_EQ(timers(), "");
 }
 
-TEST_F(Machine, AWakeUpThatCouldNotBeKept_IsKeptTheNextTime) {
-  std::filesystem::create_directories("/tmp/state/wake-up.new");
+TEST_F(Machine, TheTvClock_IsLocalTime_AndAutomaticFromTheFirstSynchronisationOn) {
+  static constexpr struct {
+    const char *property;
+    const char *value;
+    const char *events;
+    int mode;
+    std::uint32_t ahead; // of UTC
+  } kCases[] = {{"Timezone", "'Europe/Berlin'", "time_zone", 1, kHour},
+                {"NTP", "true", "", 1, kHour},
+                {"NTPSynchronized", "true", "time update; clock_mode", 0, kHour},
+                {"Timezone", "'Asia/Tokyo'", "time_zone", 0, 9 * kHour},
+                {"NTPSynchronized", "false", "", 0, 9 * kHour},
+                {"NTP", "false", "time update; clock_mode", 1, 9 * kHour}};
   start();
-  set_wakeup(0, kNow + kHour);
-  std::filesystem::remove("/tmp/state/wake-up.new");
-  set_wakeup(0, kNow + kHour);
-  EXPECT_EQ(kept_wake_up(), (wake_up{0, kNow + kHour, kNow + kHour - 15}));
+  for (const auto &row : kCases) {
+    set_property(kTimedated, row.property, row.value);
+    EXPECT_EQ(events(), row.events);
+    int mode = 7;
+    EXPECT_EQ(settings_get_int(kSettingsClockMode, &mode), 0);
+    EXPECT_EQ(mode, row.mode);
+    EXPECT_EQ(CTimeUtil::GetClockMode(), row.mode);
+    EXPECT_EQ(CTimeUtil::GetCurrentTime(), kNow + row.ahead);
+    // The daemon gives UTC in the automatic mode only.
+    EXPECT_EQ(set_wakeup(0, kNow + kHour + (row.mode == 0 ? 0 : row.ahead)), 0);
+    EXPECT_EQ(rtc.alarm, kNow + kHour - 15);
+    clear_wakeup();
+  }
 }
 
-TEST_F(Machine, TheTvClock_IsLocalTime_AndUnknownBeforeTheDayOfTheBuild) {
-  start();
-  set_property("timedate1", "Timezone", "Europe/Berlin");
-  wait_until([] { return CTimeUtil::GetCurrentTime() == kNow + kHour; });
-  EXPECT_EQ(events(), "time_zone");
-  EXPECT_EQ(set_wakeup(0, kNow + 2 * kHour), 0); // local time, in the manual clock mode
-  EXPECT_EQ(rtc.alarm, kNow + kHour - 15);
+TEST_F(Machine, AClockBeforeTheDayOfTheBuild_IsConfirmedOnceItIsSynchronised) {
   set_now(1'700'000'000);
+  start();
   EXPECT_EQ(CTimeUtil::GetCurrentTime(), 0U);
-}
-
-TEST_F(Machine, TheClockModeIsAutomatic_FromTheFirstSynchronisationOn) {
-  start();
-  int mode = 7;
-  set_property("timedate1", "NTP", true);
-  calls();
-  EXPECT_EQ(settings_get_int(kSettingsClockMode, &mode), 0);
-  EXPECT_EQ(mode, 1);
-  set_property("timedate1", "NTPSynchronized", true);
-  wait_until([] { return CTimeUtil::GetClockMode() == 0; });
-  EXPECT_EQ(events(), "time update; clock_mode");
-  set_property("timedate1", "Timezone", "Europe/Berlin");
-  wait_until([] { return events() == "time_zone"; });
-  EXPECT_EQ(set_wakeup(0, kNow + kHour), 0); // UTC
-  EXPECT_EQ(rtc.alarm, kNow + kHour - 15);
-  set_property("timedate1", "NTP", false);
-  wait_until([] { return CTimeUtil::GetClockMode() == 1; });
-  EXPECT_EQ(events(), "time update; clock_mode");
-}
-
-TEST_F(Machine, AnUnknownClock_IsConfirmedOnceItIsSynchronised) {
-  set_now(1'700'000'000);
-  start();
   EXPECT_EQ(timers(), "10");
   fire(10);
-  EXPECT_EQ(calls(), "");
   EXPECT_EQ(events(), "");
-  set_property("timedate1", "NTP", true);
+  set_property(kTimedated, "NTP", "true");
   set_now(kNow);
   fire(10);
-  EXPECT_EQ(calls(), "");
   EXPECT_EQ(events(), "") << "the network has not given it";
-  set_property("timedate1", "NTPSynchronized", true);
-  wait_until([] { return events() == "time update; clock_mode"; });
+  set_property(kTimedated, "NTPSynchronized", "true");
+  EXPECT_EQ(events(), "time update; clock_mode");
   EXPECT_EQ(timers(), "");
 }
 
@@ -142,13 +132,10 @@ TEST(Configuration, BadValuesAreReported_AndHaveTheirDefaults) {
       {"linux", "the defaults are used"},
       {"[Linux]\nrtc=/dev/rtc1", "there is no group [linux]"},
   };
-  setenv("DRAVEL_CONFIGURATION", "/tmp/machine.conf", 1);
-  setenv("DRAVEL_LOG_STDERR", "1", 1);
+  set_environment();
   for (const auto &row : kCases) {
-    std::ofstream("/tmp/machine.conf") << row.text << '\n';
-    testing::internal::CaptureStderr();
-    read_configuration();
-    const std::string said = testing::internal::GetCapturedStderr();
+    std::ofstream(kConfigurationPath) << row.text << '\n';
+    const std::string said = stderr_of(read_configuration);
     EXPECT_EQ(said.empty(), *row.said == '\0') << said;
     EXPECT_NE(said.find(row.said), std::string::npos) << said;
     const auto &[rtc, cec, all, off, resume, boot, back, keep] = configuration();
@@ -163,68 +150,58 @@ TEST(Configuration, BadValuesAreReported_AndHaveTheirDefaults) {
 TEST_F(Machine, TheKeyFileIsReadAgainOnSigusr1) {
   start();
   ASSERT_EQ(set_wakeup(0, kNow + kHour), 0);
-  std::ofstream("/tmp/machine.conf")
-      << "[linux]\nrtc=/dev/rtc9\nlead-suspend=100\nkeep-timers=false\n";
-  raise(SIGUSR1);
-  wait_until([this] { return rtc.alarm == kNow + kHour - 100; });
+  reload("rtc=/dev/rtc9\nlead-suspend=100\nkeep-timers=false");
+  EXPECT_EQ(rtc.alarm, kNow + kHour - 100);
   EXPECT_EQ(rtc.cleared, "/dev/rtc0");
   bool kept = true;
   EXPECT_EQ(system_info_get_custom_bool(kFeatureSyncDb, &kept), 0);
   EXPECT_FALSE(kept);
 }
 
-TEST_F(Machine, ASecondDaemon_IsRefusedItsFirstSubscription) {
-  setenv("STATE_DIRECTORY", "/tmp", 1);
-  setenv("DRAVEL_LOG_STDERR", "1", 1);
-  const int first = open("/tmp/lock", O_CREAT | O_RDWR | O_CLOEXEC, 0644);
+static int subscribe() {
+  return settings_notify_key_changed(
+      kSettingsTimeZone, [](settings_key *, void *) {}, nullptr);
+}
+
+TEST(SecondDaemon, IsRefusedItsFirstSubscription) {
+  set_environment();
+  std::filesystem::create_directory("/tmp/state");
+  const int first = open("/tmp/state/lock", O_CREAT | O_RDWR | O_CLOEXEC, 0644);
   ASSERT_EQ(flock(first, LOCK_EX), 0);
-  testing::internal::CaptureStderr();
-  const auto ignored = [](settings_key *, void *) {};
-  EXPECT_LT(settings_notify_key_changed(kSettingsTimeZone, ignored, nullptr), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(stderr_of([] { EXPECT_LT(subscribe(), 0); }),
             "DRAVEL_LINUX: another dravel-manager runs on this machine, this one ends\n");
   close(first);
 }
 
-TEST_F(Machine, ADaemonWithoutAccessToTheState_IsRefused) {
-  setenv("STATE_DIRECTORY", "/tmp/state", 1);
+TEST(DaemonWithoutAccessToTheState, IsRefusedItsFirstSubscription) {
+  set_environment();
   std::filesystem::create_directory("/tmp/state");
   std::filesystem::permissions("/tmp/state", std::filesystem::perms::none);
   const uid_t user = geteuid();
   ASSERT_TRUE(user != 0 || seteuid(65534) == 0);
-  const auto ignored = [](settings_key *, void *) {};
-  EXPECT_LT(settings_notify_key_changed(kSettingsTimeZone, ignored, nullptr), 0);
+  EXPECT_LT(subscribe(), 0);
   EXPECT_EQ(seteuid(user), 0);
 }
 
-// Receives what is written to the journal.
-class played_journal {
-public:
-  played_journal() {
-    std::filesystem::create_directories("/run/systemd/journal");
-    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
-    EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-  }
-  ~played_journal() { close(socket_); }
-  played_journal(const played_journal &) = delete;
-  played_journal &operator=(const played_journal &) = delete;
+// A socket that receives what is written to the journal.
+static int open_journal() {
+  std::filesystem::create_directories("/run/systemd/journal");
+  const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
+  const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(bind(journal, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+  return journal;
+}
 
-  std::string next() const {
-    char line[512] = "";
-    EXPECT_GT(recv(socket_, line, sizeof line - 1, MSG_DONTWAIT), 0);
-    return line;
+// The next entry with this part, "" when there is none.
+static std::string next_entry(int journal, const char *part) {
+  char entry[512] = "";
+  while (recv(journal, entry, sizeof entry - 1, MSG_DONTWAIT) > 0) {
+    if (std::strstr(entry, part) != nullptr)
+      return entry;
+    std::ranges::fill(entry, '\0');
   }
-
-  std::string find(const char *part) const {
-    std::string line = next();
-    while (!line.empty() && line.find(part) == std::string::npos)
-      line = next();
-    return line;
-  }
-
-private:
-  int socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-};
+  return "";
+}
 
 TEST(Journal, ShowsProgressAsNotices_AndFailuresAsErrors) {
   static constexpr struct {
@@ -251,25 +228,22 @@ TEST(Journal, ShowsProgressAsNotices_AndFailuresAsErrors) {
       {SYSTEM_LOG_INFO, "DRAVEL_MANAGER", "failed %d", '6'},
       {SYSTEM_LOG_DEBUG, "DRAVEL_MANAGER", "%d", '7'},
   };
-  const played_journal journal;
+  const int journal = open_journal();
   for (const auto &row : kCases) {
     system_log_print(row.priority, row.tag, row.text, 7);
-    const std::string fields = journal.next();
-    EXPECT_EQ(fields.at(fields.find("PRIORITY=") + 9), row.level) << fields;
-    EXPECT_NE(fields.find(std::string("SYSLOG_IDENTIFIER=") + row.tag + '\n'), fields.npos);
-    EXPECT_NE(fields.find("MESSAGE="), fields.npos);
+    const std::string entry = next_entry(journal, "MESSAGE=");
+    EXPECT_NE(entry.find(std::string("PRIORITY=") + row.level), entry.npos) << entry;
+    EXPECT_NE(entry.find(std::string("SYSLOG_IDENTIFIER=") + row.tag + '\n'), entry.npos);
   }
 }
 
 TEST_F(Machine, WithoutAnAdapter_IsNoError_UnlessOneIsNamed) {
-  const played_journal journal;
+  const int journal = open_journal();
   cec.is_there = false;
-  start("", "");
-  EXPECT_NE(journal.find("no CEC adapter").find("PRIORITY=6"), std::string::npos);
-  std::ofstream("/tmp/machine.conf") << "[linux]\ncec=/dev/cec7\n";
-  raise(SIGUSR1);
-  wait_until([] { return configuration().cec == "/dev/cec7"; });
-  EXPECT_NE(journal.find("no CEC adapter").find("PRIORITY=3"), std::string::npos);
+  start("", false);
+  EXPECT_NE(next_entry(journal, "no CEC adapter").find("PRIORITY=6"), std::string::npos);
+  reload("cec=/dev/cec7");
+  EXPECT_NE(next_entry(journal, "no CEC adapter").find("PRIORITY=3"), std::string::npos);
 }
 
 } // namespace

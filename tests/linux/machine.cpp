@@ -1,24 +1,23 @@
 #include "machine.h"
 
-#include "bus.h"
 #include "configuration.h"
 #include "screen.h"
 #include "start.h"
-#include "state.h"
 
 #include <Ecore.h>
 #include <KintoAPI.h>
 #include <settings.h>
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
-#include <fcntl.h>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <list>
+#include <set>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -31,13 +30,19 @@ struct loop_timer {
 
 } // namespace
 
-static constexpr std::uint64_t kLongestWait = 10'000'000; // us
+static constexpr auto kLongestWait = std::chrono::seconds(10);
+static constexpr int kTurnsOfAnOrder = 6; // until what it leads to has been called and is known
+static constexpr const char *kMock = "org.freedesktop.DBus.Mock";
 
 static std::time_t wall_clock = kNow;
-static std::vector<std::unique_ptr<loop_timer>> live_timers;
-static std::vector<std::string> called;
+static std::list<loop_timer> live_timers;
+static std::optional<bus_client> client; // the case's own connection
+static std::string called;
 static std::string delivered;
-static sd_bus *control; // the case's own connection
+
+static void append(std::string &list, const std::string &entry, const char *separator = "; ") {
+  list += (list.empty() ? "" : separator) + entry;
+}
 
 // --- time ---
 
@@ -48,16 +53,15 @@ std::time_t time(std::time_t *timer) noexcept {
 }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *) {
-  live_timers.push_back(std::make_unique<loop_timer>(loop_timer{seconds, callback}));
-  return reinterpret_cast<Ecore_Timer *>(live_timers.back().get());
+  live_timers.push_back({seconds, callback});
+  return reinterpret_cast<Ecore_Timer *>(&live_timers.back());
 }
 
 void *ecore_timer_del(Ecore_Timer *timer) {
-  EXPECT_EQ(std::erase_if(live_timers,
-                          [=](const auto &live) {
-                            return reinterpret_cast<Ecore_Timer *>(live.get()) == timer;
-                          }),
-            1U)
+  const auto is_same = [=](loop_timer &live) {
+    return reinterpret_cast<Ecore_Timer *>(&live) == timer;
+  };
+  EXPECT_EQ(std::erase_if(live_timers, is_same), 1U)
       << "a main-loop timer is deleted that has already ended";
   return nullptr;
 }
@@ -65,31 +69,21 @@ void *ecore_timer_del(Ecore_Timer *timer) {
 
 void set_now(std::uint32_t time) { wall_clock = time; }
 
-std::uint32_t uptime() {
-  timespec up{};
-  clock_gettime(CLOCK_BOOTTIME, &up);
-  return static_cast<std::uint32_t>(up.tv_sec);
-}
-
 std::string timers() {
-  std::vector<int> seconds;
-  seconds.reserve(live_timers.size());
-  for (const auto &live : live_timers)
-    seconds.push_back(static_cast<int>(live->seconds));
-  std::ranges::sort(seconds);
+  std::multiset<int> seconds;
+  for (const loop_timer &live : live_timers)
+    seconds.insert(static_cast<int>(live.seconds));
   std::string out;
   for (const int each : seconds)
-    out += (out.empty() ? "" : " ") + std::to_string(each);
+    append(out, std::to_string(each), " ");
   return out;
 }
 
 void fire(double seconds) {
-  const auto found =
-      std::ranges::find_if(live_timers, [=](const auto &live) { return live->seconds == seconds; });
+  const auto found = std::ranges::find(live_timers, seconds, &loop_timer::seconds);
   ASSERT_NE(found, live_timers.end()) << "no timer of " << seconds << " s among " << timers();
-  loop_timer *timer = found->get();
-  if (!timer->callback(nullptr))
-    ecore_timer_del(reinterpret_cast<Ecore_Timer *>(timer));
+  if (!found->callback(nullptr))
+    ecore_timer_del(reinterpret_cast<Ecore_Timer *>(&*found));
 }
 
 void step_clock() {
@@ -99,223 +93,159 @@ void step_clock() {
 
 // --- devices ---
 
+bool fake_rtc::does(unsigned operation) const {
+  errno = error;
+  return (refused & operation) == 0;
+}
+
 std::optional<std::int64_t> fake_rtc::read_clock() {
-  errno = EBUSY;
-  return is_busy ? std::nullopt : std::optional(wall_clock + ahead);
+  return does(READ_CLOCK) ? std::optional(wall_clock + ahead) : std::nullopt;
 }
 
 bool fake_rtc::read_alarm(std::optional<std::int64_t> &out) {
-  out = forgets ? std::nullopt : alarm;
-  errno = EBUSY;
-  return !is_busy;
+  out = alarm;
+  return does(READ_ALARM);
 }
 
 bool fake_rtc::set_alarm(std::int64_t time) {
-  alarm = time;
+  if (!does(SET_ALARM))
+    return false;
+  alarm = does(KEEP_ALARM) ? std::optional(time) : std::nullopt;
   return true;
 }
 
 bool fake_rtc::clear_alarm() {
-  errno = EBUSY;
-  if (is_busy)
+  if (!does(CLEAR_ALARM))
     return false;
   alarm.reset();
   cleared = configuration().rtc;
   return true;
 }
 
-void fake_cec::send(std::uint8_t destination, std::span<const std::uint8_t> message) {
-  char text[8];
-  std::snprintf(text, sizeof text, "%s%x:", sent.empty() ? "" : " ", destination);
-  sent += text;
-  for (const std::uint8_t byte : message) {
-    std::snprintf(text, sizeof text, "%02x", byte);
-    sent += text;
-  }
+std::string hex_of(std::span<const std::uint8_t> bytes) {
+  std::string text;
+  for (const std::uint8_t byte : bytes)
+    text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 0xf]};
+  return text;
 }
 
-void television_says(std::initializer_list<std::uint8_t> message) {
-  screen_received(0, std::span(message.begin(), message.size()));
+void fake_cec::send(std::uint8_t destination, std::span<const std::uint8_t> bytes) {
+  EXPECT_TRUE(destination < 16 && !bytes.empty() && bytes.size() < 16);
+  append(sent, hex_of({&destination, 1}).substr(1) + ":" + hex_of(bytes), " ");
+}
+
+void television_says(std::initializer_list<std::uint8_t> bytes) {
+  screen_received(0, std::span(bytes.begin(), bytes.size()));
+}
+
+void television_stays(std::uint8_t status) {
+  for (int second = 1; second <= 15; ++second) {
+    television_says({0x90, status});
+    fire(1);
+  }
 }
 
 // --- services ---
 
-played_services::played_services(const char *names) {
-  const std::string command = std::string("exec " SERVICES " ") + names;
-  std::string shell = "sh", option = "-c", text = command;
-  char *const arguments[] = {shell.data(), option.data(), text.data(), nullptr};
-  int ready[2];
-  EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, ready[1], STDOUT_FILENO);
-  EXPECT_EQ(posix_spawnp(&pid_, "sh", &actions, nullptr, arguments, environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  close(ready[1]);
-  char last = '\0';
-  while (last != '\n' && read(ready[0], &last, 1) == 1)
-    continue;
-  EXPECT_EQ(last, '\n') << "python3-dbusmock does not start";
-  close(ready[0]);
+static bus_target mock_of(const bus_service &service, const char *interface) {
+  return {service.name, service.path, interface};
 }
 
-played_services::~played_services() {
-  kill(pid_, SIGTERM);
-  waitpid(pid_, nullptr, 0);
+// Calls dbusmock's own method.
+static void tell(const bus_service &service, const char *method, const std::string &arguments) {
+  EXPECT_EQ(client->ask(mock_of(service, kMock), method,
+                        std::string("('") + service.interface + "', " + arguments + ")"),
+            "()");
 }
 
-static std::string name_of(const char *service) {
-  return std::string("org.freedesktop.") + service;
-}
-static std::string path_of(const char *service) {
-  return std::string("/org/freedesktop/") + service;
-}
-static std::string interface_of(const char *service) {
-  return name_of(service) + (service == std::string_view{"timedate1"} ? "" : ".Manager");
+static std::string quoted(const std::string &text) { return "'" + text + "'"; }
+
+void emit(const bus_service &service, const std::string &signal, const char *signature,
+          const std::string &values) {
+  tell(service, "EmitSignal", quoted(signal) + ", " + quoted(signature) + ", [" + values + "]");
 }
 
-static int method_called(sd_bus_message *message, void *, sd_bus_error *) {
-  const char *method = "";
-  sd_bus_message_read(message, "s", &method);
-  std::string call = method;
-  sd_bus_message_enter_container(message, 'a', "v");
-  const char *type = nullptr;
-  if (sd_bus_message_peek_type(message, nullptr, &type) > 0 && *type == 's') {
-    const char *text = "";
-    sd_bus_message_read(message, "v", "s", &text);
-    call += std::string(" ") + text;
-  }
-  if (call != "Subscribe")
-    called.push_back(call);
-  return 0;
+void set_property(const bus_service &service, const char *property, const std::string &value) {
+  tell(service, "UpdateProperties", "{" + quoted(property) + ": <" + value + ">}");
 }
 
-static void connect() {
-  ASSERT_GE(sd_bus_open_system(&control), 0);
-  ASSERT_GE(sd_bus_match_signal(control, nullptr, nullptr, nullptr, "org.freedesktop.DBus.Mock",
-                                "MethodCalled", method_called, nullptr),
-            0);
-  sd_bus_attach_event(control, bus_events(), SD_EVENT_PRIORITY_NORMAL);
+void refuse(const bus_service &service, const char *method) {
+  tell(service, "AddMethod",
+       quoted(method) + ", 'b', '', \"raise dbus.exceptions.DBusException('no', "
+                        "name='org.freedesktop.DBus.Error.AccessDenied')\"");
 }
 
-// Calls dbusmock's own method with the arguments that are appended.
-static void call_mock(const char *service, const char *method,
-                      const std::function<void(sd_bus_message *)> &append) {
-  sd_bus_message *message = nullptr;
-  sd_bus_message_new_method_call(control, &message, name_of(service).c_str(),
-                                 path_of(service).c_str(), "org.freedesktop.DBus.Mock", method);
-  append(message);
-  sd_bus_error error{};
-  EXPECT_GE(sd_bus_call(control, message, 0, &error, nullptr), 0) << method << error.message;
-  sd_bus_error_free(&error);
-  sd_bus_message_unref(message);
+void prepare_for(const std::string &what, bool begins) {
+  emit(kLogind, "PrepareFor" + what, "b", begins ? "<true>" : "<false>");
+  wait_until([=] { return inhibitor_is_held() != begins; });
 }
 
-static char type_of(const bus_value &value) { return "butso"[value.index()]; }
+void begin_session() { emit(kLogind, "SessionNew", "so", "<'1'>, <objectpath '/1'>"); }
 
-static void append_variant(sd_bus_message *message, const bus_value &value) {
-  const char signature[] = {type_of(value), '\0'};
-  std::visit(
-      [&](auto plain) {
-        if constexpr (std::is_same_v<decltype(plain), object_path>)
-          sd_bus_message_append(message, "v", signature, plain.text);
-        else
-          sd_bus_message_append(message, "v", signature, plain);
-      },
-      value);
-}
-
-void emit(const char *service, const char *signal, std::initializer_list<bus_value> values) {
-  std::string signature;
-  for (const bus_value &value : values)
-    signature += type_of(value);
-  call_mock(service, "EmitSignal", [&](sd_bus_message *message) {
-    sd_bus_message_append(message, "sss", interface_of(service).c_str(), signal, signature.c_str());
-    sd_bus_message_open_container(message, 'a', "v");
-    for (const bus_value &value : values)
-      append_variant(message, value);
-    sd_bus_message_close_container(message);
-  });
-}
-
-void set_property(const char *service, const char *property, const bus_value &value) {
-  call_mock(service, "UpdateProperties", [&](sd_bus_message *message) {
-    sd_bus_message_append(message, "s", interface_of(service).c_str());
-    sd_bus_message_open_container(message, 'a', "{sv}");
-    sd_bus_message_open_container(message, 'e', "sv");
-    sd_bus_message_append(message, "s", property);
-    append_variant(message, value);
-    sd_bus_message_close_container(message);
-    sd_bus_message_close_container(message);
-  });
-}
-
-void refuse(const char *service, const char *method) {
-  call_mock(service, "AddMethod", [&](sd_bus_message *message) {
-    sd_bus_message_append(message, "sssss", interface_of(service).c_str(), method, "b", "",
-                          "raise dbus.exceptions.DBusException('no', "
-                          "name='org.freedesktop.DBus.Error.AccessDenied')");
-  });
+void end_hooks() {
+  emit(kSystemd, "JobRemoved", "uoss",
+       "<uint32 1>, <objectpath '/1'>, <'dravel-off.target'>, <'done'>");
 }
 
 void end_bus() {
-  sd_bus_message *reply = nullptr;
-  std::uint32_t pid = 0;
-  sd_bus_call_method(control, "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
-                     "GetConnectionUnixProcessID", nullptr, &reply, "s", "org.freedesktop.DBus");
-  ASSERT_GE(sd_bus_message_read(reply, "u", &pid), 0);
-  sd_bus_message_unref(reply);
-  kill(static_cast<pid_t>(pid), SIGTERM);
-  wait_until([] { return sd_bus_is_open(control) <= 0; });
+  const pid_t bus = client->pid_of(DBUS_SERVICE_DBUS);
+  kill(bus, SIGTERM);
+  wait_until([=] { return kill(bus, 0) != 0; });
+  calls(); // the platform's connection is closed then
+}
+
+void Machine::start_services() {
+  services.emplace(std::vector<std::string>{SERVICES});
+  services->wait_name(*client, mock_of(kSystemd, kMock)); // the last one of them
 }
 
 // --- waiting ---
 
-static int wait_is_over(sd_event_source *, std::uint64_t, void *) {
-  std::fflush(stdout);
-  std::abort();
+static void take_call(DBusMessage *arrived) {
+  const char *method = "";
+  if (dbus_message_is_signal(arrived, kMock, "MethodCalled") == 0)
+    return;
+  dbus_message_get_args(arrived, nullptr, DBUS_TYPE_STRING, &method, DBUS_TYPE_INVALID);
+  std::string call = method;
+  const std::string text = body_text(arrived); // as "('StopUnit', [<'x.target'>, <'replace'>])"
+  if (const std::size_t at = text.find("[<'"); at != std::string::npos)
+    call += " " + text.substr(at + 3, text.find('\'', at + 3) - at - 3);
+  if (call != "Subscribe")
+    append(called, call);
+}
+
+// The platform runs; then everything has arrived that was sent before.
+static void take_turn() {
+  ecore_main_loop_iterate();
+  client->ask(mock_of(kLogind, DBUS_INTERFACE_PEER), "Ping", "()");
 }
 
 void wait_until(const std::function<bool()> &happened) {
-  sd_event_source *limit = nullptr;
-  sd_event_add_time_relative(bus_events(), &limit, CLOCK_MONOTONIC, kLongestWait, 0, wait_is_over,
-                             nullptr);
-  for (ecore_main_loop_iterate(); !happened(); ecore_main_loop_iterate())
-    sd_event_run(bus_events(), kLongestWait);
-  sd_event_source_disable_unref(limit);
+  const auto deadline = std::chrono::steady_clock::now() + kLongestWait;
+  for (take_turn(); !happened(); take_turn())
+    if (std::chrono::steady_clock::now() > deadline)
+      throw std::runtime_error("what is waited for does not happen");
 }
 
-void wait_for_call(const std::string &call) {
-  SCOPED_TRACE(call);
-  wait_until([&] { return std::ranges::find(called, call) != called.end(); });
-  called.erase(std::ranges::find(called, call));
-}
-
-// As often as an answer can lead to another call.
-static void let_everything_happen() {
-  for (int hop = 0; hop < 4; ++hop) {
-    ecore_main_loop_iterate();
-    sd_bus_call_method(control, "org.freedesktop.login1", "/org/freedesktop/login1",
-                       "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "");
-  }
+static std::string taken(std::string &list) {
+  for (int turn = 0; turn < kTurnsOfAnOrder; ++turn)
+    take_turn();
   ecore_main_loop_iterate();
+  client->drain(take_call);
+  return std::exchange(list, "");
 }
 
-std::string calls() {
-  let_everything_happen();
-  std::string out;
-  for (const std::string &call : std::exchange(called, {}))
-    out += (out.empty() ? "" : "; ") + call;
-  return out;
+std::string calls() { return taken(called); }
+
+std::string events() { return taken(delivered); }
+
+std::string stderr_of(const std::function<void()> &action) {
+  testing::internal::CaptureStderr();
+  action();
+  return testing::internal::GetCapturedStderr();
 }
 
 // --- the daemon's side ---
-
-static void deliver(const std::string &event) {
-  delivered += (delivered.empty() ? "" : "; ") + event;
-}
-
-std::string events() { return std::exchange(delivered, ""); }
 
 bool inhibitor_is_held() {
   for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -326,62 +256,71 @@ bool inhibitor_is_held() {
   return false;
 }
 
-static int standby_event(int, void *) {
-  deliver(inhibitor_is_held() ? "standby in time" : "standby");
-  return 0;
-}
-
-static int wakeup_event(int reason, void *) {
-  deliver("wakeup " + std::to_string(reason));
-  return 0;
-}
-
-static int state_event(const void *event, void *) {
-  deliver("state " + std::to_string(static_cast<const device_power_event *>(event)->state));
-  return 0;
-}
-
-static int time_event(ESignalType, EProfile, std::uint16_t, TSSignalData, void *) {
-  deliver("time update");
-  return 0;
-}
-
-static void setting_event(settings_key *, void *key) {
-  deliver(std::string_view(static_cast<const char *>(key)).substr(26).data());
-}
-
 static void subscribe() {
+  const auto setting_changed = [](settings_key *, void *key) {
+    const std::string path = static_cast<const char *>(key);
+    append(delivered, path.substr(path.rfind('/') + 1));
+  };
+  const auto standby = [](int, void *) {
+    append(delivered, inhibitor_is_held() ? "standby in time" : "standby");
+    return 0;
+  };
+  const auto wakeup = [](int reason, void *) {
+    append(delivered, "wakeup " + std::to_string(reason));
+    return 0;
+  };
+  const auto state_changed = [](const void *event, void *) {
+    const int state = static_cast<const device_power_event *>(event)->state;
+    append(delivered, "state " + std::to_string(state));
+    return 0;
+  };
+  const auto time_update = [](ESignalType, EProfile, std::uint16_t, TSSignalData, void *) {
+    append(delivered, "time update");
+    return 0;
+  };
   for (const char *key : {kSettingsTimeZone, kSettingsClockMode, kSettingsTimeSet})
-    ASSERT_EQ(settings_notify_key_changed(key, setting_event, const_cast<char *>(key)), 0);
-  device_power_subscribe_standby(standby_event, nullptr);
-  device_power_subscribe_wakeup(wakeup_event, nullptr);
-  device_power_subscribe_state_changed_event(state_event, nullptr);
+    ASSERT_EQ(settings_notify_key_changed(key, setting_changed, const_cast<char *>(key)), 0);
+  device_power_subscribe_standby(standby, nullptr);
+  device_power_subscribe_wakeup(wakeup, nullptr);
+  device_power_subscribe_state_changed_event(state_changed, nullptr);
   ISignalSubscriber *subscriber = nullptr;
-  KintoAPI::CreateSignalSubscriber(time_event, &subscriber);
+  KintoAPI::CreateSignalSubscriber(time_update, &subscriber);
   subscriber->Subscribe(SIGNAL_SYSTEM_TIME_UPDATED, 0, 1, 0, 0);
 }
 
-void Machine::start(const char *configuration, const char *names) {
-  ASSERT_EQ(bus_events(), nullptr) << "each case needs a process of its own: use ctest";
+void set_environment() {
   setenv("STATE_DIRECTORY", "/tmp/state", 1);
   setenv("RUNTIME_DIRECTORY", "/tmp/run", 1);
-  setenv("DRAVEL_CONFIGURATION", "/tmp/machine.conf", 1);
+  setenv("DRAVEL_CONFIGURATION", kConfigurationPath, 1);
   setenv("DRAVEL_LOG_STDERR", "1", 1);
-  std::ofstream("/tmp/machine.conf") << "[linux]\n" << configuration << '\n';
-  if (*names != '\0')
-    services.emplace(names);
+}
+
+static void configure(const std::string &lines) {
+  std::ofstream(kConfigurationPath) << "[linux]\n" << lines << '\n';
+}
+
+void reload(const std::string &lines) {
+  configure(lines);
+  raise(SIGUSR1);
+  calls();
+}
+
+void Machine::start(const char *configuration, bool with_services) {
+  ASSERT_EQ(bus_events(), nullptr) << "each case needs a process of its own: use ctest";
+  set_environment();
+  configure(configuration);
+  client.emplace();
+  client->listen("type='signal',interface='org.freedesktop.DBus.Mock'");
+  if (with_services)
+    start_services();
   ecore_init();
   use_devices(rtc, *adapter);
   reason_at_first = device_power_get_wakeup_reason(); // the daemon asks before it subscribes
   subscribe();
-  connect();
-  if (std::string_view(names).starts_with("login1"))
+  if (with_services)
     wait_until(inhibitor_is_held);
   calls();
   events();
 }
 
-void Machine::TearDown() {
-  sd_bus_unref(control);
-  ecore_shutdown();
-}
+void Machine::TearDown() { ecore_shutdown(); }

@@ -4,7 +4,7 @@
 #include <screen_manager.h>
 
 #include <algorithm>
-#include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -14,186 +14,124 @@ namespace {
 constexpr std::uint32_t kOn = 0;
 constexpr std::uint32_t kOther = 7;
 
+constexpr std::uint8_t kIsOn = 0, kIsOff = 1;
+
 class Sleep : public Machine {
 protected:
-  // Sleeps with a timer programmed for an hour ahead and comes back at that time plus `late`.
-  void sleep_and_wake(std::uint32_t type, int late) {
-    ASSERT_EQ(set_wakeup(type, kNow + kHour), 0);
-    emit("login1", "PrepareForSleep", {true});
-    wait_until([] { return !inhibitor_is_held(); });
+  // Sleeps with a timer programmed for an hour ahead and comes back at that time plus `late`, when
+  // the daemon has another one. Returns what was called then.
+  static std::string sleep_and_wake(std::uint32_t type, int late) {
+    set_now(kNow);
+    EXPECT_EQ(set_wakeup(type, kNow + kHour), 0);
+    prepare_for("Sleep", true);
+    calls();
     set_now(kNow + kHour + static_cast<std::uint32_t>(late));
-    emit("login1", "PrepareForSleep", {false});
-    wait_until(inhibitor_is_held);
-    EXPECT_EQ(calls().substr(0, 22), "Inhibit sleep:shutdown");
+    clear_wakeup();
+    step_clock(); // the kernel is earlier than logind
+    prepare_for("Sleep", false);
+    return calls();
   }
 };
 
-TEST_F(Sleep, IsDelayedUntilTheDaemonHasProgrammed_AndHeardTwice) {
+TEST_F(Sleep, EndsByTheAlarmOrTheUser_AndIsCaughtUpWhenItEndsLate) {
+  static constexpr struct {
+    std::uint32_t type;
+    int late; // after the on-time
+    int reason;
+    int state;
+    const char *called;
+    const char *timers;
+  } kCases[] = {{kOn, -15, 2, 2, "", "135"},
+                {kOn, -18, 0, 0, "", ""},
+                {kOn, 0, 2, 0, "; RestartUnit dravel-on.target", "1"},
+                {kOn, 301, 0, 0, "", ""}, // the order of before is forgotten
+                {kOn, 300, 2, 0, "; RestartUnit dravel-on.target", "1"},
+                {kOther, 1, 33, 2, "; RestartUnit dravel-wakeup@33.target", "120"}};
   start();
-  sleep_and_wake(kOn, -15);
-  EXPECT_EQ(events(), "standby in time; wakeup 2; time update");
-  device_power_set_state(0, 1);
-  calls();
-  sleep_and_wake(kOn, -1000);
-  EXPECT_EQ(events(), "standby in time; wakeup 0; time update");
-  clear_wakeup();
-  EXPECT_EQ(timers(), "") << "the order of before is forgotten";
+  for (const auto &row : kCases) {
+    SCOPED_TRACE(row.late);
+    EXPECT_EQ(sleep_and_wake(row.type, row.late),
+              std::string("Inhibit sleep:shutdown") + row.called);
+    step_clock();
+    EXPECT_EQ(events(),
+              "standby in time; wakeup " + std::to_string(row.reason) + "; time update; time_set");
+    EXPECT_EQ(device_power_get_wakeup_reason(), row.reason);
+    EXPECT_EQ(device_power_get_state(), row.state);
+    EXPECT_EQ(timers(), row.timers);
+  }
 }
 
-TEST_F(Sleep, HidesStepsOfTheClock_UntilItIsKnownWhoWokeTheMachine) {
-  start();
-  emit("login1", "PrepareForSleep", {true});
-  wait_until([] { return !inhibitor_is_held(); });
-  step_clock();
-  EXPECT_EQ(events(), "standby in time");
-  emit("login1", "PrepareForSleep", {false});
-  wait_until(inhibitor_is_held);
-  step_clock();
-  EXPECT_EQ(events(), "wakeup 0; time update; time_set");
-}
-
-struct waking {
-  const char *name;
-  std::uint32_t type;
-  int late; // after the on-time
-  int reason;
-  int state;
-  const char *called;
-  const char *timers;
-
-  friend void PrintTo(const waking &row, std::ostream *out) { *out << row.name; }
-};
-
-class Waking : public Sleep, public testing::WithParamInterface<waking> {};
-
-TEST_P(Waking, IsCreditedToTheAlarmOrTheUser_AndCaughtUpWhenItIsLate) {
-  const waking &row = GetParam();
-  start();
-  ASSERT_EQ(set_wakeup(row.type, kNow + kHour), 0);
-  emit("login1", "PrepareForSleep", {true});
-  wait_until([] { return !inhibitor_is_held(); });
-  set_now(kNow + kHour + static_cast<std::uint32_t>(row.late));
-  clear_wakeup(); // the daemon has another one by then
-  emit("login1", "PrepareForSleep", {false});
-  wait_until(inhibitor_is_held);
-  EXPECT_EQ(calls(), std::string("Inhibit sleep:shutdown") + row.called);
-  EXPECT_EQ(device_power_get_wakeup_reason(), row.reason);
-  EXPECT_EQ(device_power_get_state(), row.state);
-  EXPECT_EQ(timers(), row.timers);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    , Waking,
-    testing::Values(waking{"ByTheAlarm", kOn, -15, 2, 2, "", "135"},
-                    waking{"ByTheUser", kOn, -18, 0, 0, "", ""},
-                    waking{"OnTheSecond", kOn, 0, 2, 0, "; RestartUnit dravel-on.target", "1"},
-                    waking{"Late", kOn, 300, 2, 0, "; RestartUnit dravel-on.target", "1"},
-                    waking{"LateForAnotherType", kOther, 1, 33, 2,
-                           "; RestartUnit dravel-wakeup@33.target", "120"},
-                    waking{"TooLate", kOn, 301, 0, 0, "", ""}),
-    [](const auto &test) { return std::string(test.param.name); });
-
-class Booting : public Machine, public testing::WithParamInterface<waking> {};
+class Booting : public Machine, public testing::WithParamInterface<int> {};
 
 TEST_P(Booting, IsCreditedByWhatTheLastRunLeft) {
-  const waking &row = GetParam();
-  const std::uint32_t on_time = kNow - uptime() - static_cast<std::uint32_t>(row.late);
+  const bool by_alarm = GetParam() == -60;
+  timespec up{};
+  clock_gettime(CLOCK_BOOTTIME, &up);
+  const auto on_time = static_cast<std::uint32_t>(kNow - up.tv_sec - GetParam());
   std::filesystem::create_directory("/tmp/state");
-  std::ofstream("/tmp/state/wake-up") << "[wake-up]\ntype=" << row.type << "\non-time=" << on_time
+  std::ofstream("/tmp/state/wake-up") << "[wake-up]\ntype=" << kOther << "\non-time=" << on_time
                                       << "\nalarm=" << on_time - 90 << '\n';
   rtc.alarm = on_time - 90;
   start();
   EXPECT_EQ(rtc.alarm, std::nullopt);
   EXPECT_EQ(kept_wake_up(), wake_up{}) << "it is credited once";
-  EXPECT_EQ(reason_at_first, row.reason);
-  EXPECT_EQ(device_power_get_state(), row.state);
-  if (row.state == 0)
+  EXPECT_EQ(reason_at_first, by_alarm ? 33 : 0);
+  EXPECT_EQ(device_power_get_state(), by_alarm ? 2 : 0);
+  if (!by_alarm)
     return;
-  emit("login1", "SessionNew", {"1", object_path{"/1"}}); // by itself
+  begin_session(); // by itself
   calls();
   fire(120 + std::max(0.0, static_cast<double>(on_time) - kNow));
-  wait_for_call("PowerOff");
+  EXPECT_EQ(calls(), "PowerOff");
 }
 
-INSTANTIATE_TEST_SUITE_P(, Booting,
-                         testing::Values(waking{"ByTheAlarm", kOther, -60, 33, 2, "", ""},
-                                         waking{"ByTheUser", kOther, -100, 0, 0, "", ""},
-                                         waking{"Later", kOther, 305, 0, 0, "", ""}),
-                         [](const auto &test) { return std::string(test.param.name); });
+// The seconds from the on-time, for an alarm 90 seconds before it, to the boot.
+INSTANTIATE_TEST_SUITE_P(, Booting, testing::Values(-60, -100, 305));
 
-struct kept_awake {
-  const char *name;
-  void (*by)();
-  const char *timers;
-
-  friend void PrintTo(const kept_awake &row, std::ostream *out) { *out << row.name; }
-};
-
-class ReturnToSleep : public Sleep, public testing::WithParamInterface<kept_awake> {};
-
-TEST_P(ReturnToSleep, IsPutOffByUsersAndTheScreen) {
+TEST_F(Sleep, IsReturnedTo_UnlessAUserOrTheScreenIsActive) {
+  static constexpr struct {
+    void (*activity)();
+    const char *called;
+    const char *timers;
+  } kCases[] = {
+      {[] {}, "", "135"},
+      {begin_session, "", ""},
+      {[] { set_property(kLogind, "IdleHint", "false"); }, "", ""},
+      {[] { set_property(kLogind, "IdleHint", "true"); }, "", "135"},
+      {[] {
+         television_says({0x90, kIsOn});
+       },
+       "", ""},
+      {[] { screen_manager_set_ambient_mode(1, 1); }, "RestartUnit dravel-ambient.target", "135"},
+      {[] { screen_manager_set_ambient_mode(0, 0); }, "StopUnit dravel-ambient.target", "135"},
+      {[] { device_power_set_wakeup_reason(20); }, "RestartUnit dravel-wakeup@20.target", "120"},
+      {[] { device_power_set_state(0, 1); }, "RestartUnit dravel-on.target", "1"},
+      {[] { fire(135), device_power_set_state(0, 1); }, "RestartUnit dravel-on.target", "1"},
+      {[] { device_power_set_state(0, 1), television_stays(kIsOff); },
+       "RestartUnit dravel-on.target", "120"}};
   start();
-  sleep_and_wake(kOther, -15);
-  clear_wakeup();
-  GetParam().by();
-  calls();
-  EXPECT_EQ(timers(), GetParam().timers);
+  for (const auto &row : kCases) {
+    SCOPED_TRACE(&row - kCases);
+    sleep_and_wake(kOther, -15);
+    row.activity();
+    EXPECT_EQ(calls(), row.called);
+    EXPECT_EQ(timers(), row.timers);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    , ReturnToSleep,
-    testing::Values(kept_awake{"Nothing", [] {}, "135"},
-                    kept_awake{"Login",
-                               [] {
-                                 emit("login1", "SessionNew", {"1", object_path{"/1"}});
-                               },
-                               ""},
-                    kept_awake{"Activity", [] { set_property("login1", "IdleHint", false); }, ""},
-                    kept_awake{"Idleness", [] { set_property("login1", "IdleHint", true); }, "135"},
-                    kept_awake{"Television",
-                               [] {
-                                 television_says({0x90, 0});
-                               },
-                               ""},
-                    kept_awake{"OnTimer", [] { device_power_set_state(0, 1); }, "1"},
-                    kept_awake{"Expiry", [] { device_power_set_wakeup_reason(33); }, "120"}),
-    [](const auto &test) { return std::string(test.param.name); });
 
 TEST_F(Sleep, IsReturnedTo_OnceNobodyBlocksIt) {
   start("return-to-sleep=60");
   sleep_and_wake(kOther, 0);
-  clear_wakeup();
-  set_property("login1", "BlockInhibited", "handle-power-key:sleep");
+  set_property(kLogind, "BlockInhibited", "'handle-power-key:sleep'");
   fire(60);
   EXPECT_EQ(calls(), "");
-  set_property("login1", "BlockInhibited", "shutdown");
-  set_property("login1", "IdleSinceHint", std::uint64_t{kNow + kHour + 5} * 1'000'000);
+  set_property(kLogind, "BlockInhibited", "'shutdown'");
+  set_property(kLogind, "IdleSinceHint", "uint64 " + std::to_string(kNow + kHour + 5) + "000000");
   set_now(kNow + kHour + 60);
   fire(60);
   EXPECT_EQ(calls(), "") << "a user was active";
   fire(60);
-  wait_for_call("Suspend");
-}
-
-TEST_F(Sleep, IsNotReturnedTo_WhenAnOnTimerExpiresBeforeLogindAnswers) {
-  start();
-  sleep_and_wake(kOther, 0);
-  calls();
-  fire(120);
-  device_power_set_state(0, 1);
-  EXPECT_EQ(calls(), "RestartUnit dravel-on.target");
-}
-
-TEST_F(Sleep, IsReturnedTo_WhenTheTelevisionStaysOff) {
-  start();
-  sleep_and_wake(kOn, 0);
-  clear_wakeup();
-  device_power_set_state(0, 1);
-  for (int second = 1; second <= 15; ++second) {
-    television_says({0x90, 1});
-    fire(1);
-  }
-  EXPECT_EQ(timers(), "120");
+  EXPECT_EQ(calls(), "Suspend");
 }
 
 TEST_F(Machine, ARestart_KeepsTheStateAndTheCredit) {
@@ -204,70 +142,59 @@ TEST_F(Machine, ARestart_KeepsTheStateAndTheCredit) {
   EXPECT_EQ(reason_at_first, 33);
   EXPECT_EQ(device_power_get_state(), 2);
   fire(120);
-  wait_for_call("PowerOff");
+  EXPECT_EQ(calls(), "PowerOff");
   device_power_set_state(0, 1);
   EXPECT_EQ(kept_power(), (power_record{0, 33, true, false}));
 }
 
 TEST_F(Sleep, ThatIsBlocked_IsTriedAgain_WhateverHappensMeanwhile) {
   start("off-action=poweroff\nreturn-to-sleep=0");
-  set_property("login1", "BlockInhibited", "shutdown");
+  set_property(kLogind, "BlockInhibited", "'shutdown'");
   device_power_request_poweroff(1);
-  television_says({0x90, 1});
-  emit("systemd1", "JobRemoved", {1U, object_path{"/1"}, "dravel-off.target", "done"});
+  television_says({0x90, kIsOff});
+  end_hooks();
   calls();
-  emit("login1", "SessionNew", {"1", object_path{"/1"}});
+  begin_session();
   device_power_set_wakeup_reason(33);
   calls();
   EXPECT_EQ(timers(), "30");
-  set_property("login1", "BlockInhibited", "");
+  set_property(kLogind, "BlockInhibited", "''");
   fire(30);
-  wait_for_call("PowerOff");
+  EXPECT_EQ(calls(), "PowerOff");
 }
 
-struct off_case {
-  const char *name;
-  const char *configuration;
-  const char *call;
-
-  friend void PrintTo(const off_case &row, std::ostream *out) { *out << row.name; }
-};
-
-class TurningOff : public Machine, public testing::WithParamInterface<off_case> {};
-
-TEST_P(TurningOff, DoesTheOffAction_AfterTheScreenAndTheHooks) {
-  start(GetParam().configuration);
-  EXPECT_EQ(device_power_request_poweroff(1), 0);
-  EXPECT_EQ(device_power_get_state(), 2);
-  EXPECT_EQ(cec.sent, "0:8f 0:36"); // asked at the start
-  EXPECT_EQ(calls(), "RestartUnit dravel-off.target");
-  television_says({0x90, 1});
-  EXPECT_EQ(calls(), "");
-  emit("systemd1", "JobRemoved", {1U, object_path{"/1"}, "dravel-off.target", "done"});
-  if (*GetParam().call == '\0')
+TEST_F(Sleep, IsTheOffAction_AfterTheScreenAndTheHooks) {
+  static constexpr struct {
+    const char *configuration;
+    const char *called;
+  } kCases[] = {{"", "Suspend"},
+                {"off-action=poweroff", "PowerOff"},
+                {"off-action=hibernate", "Hibernate"},
+                {"off-action=none", ""}};
+  start();
+  for (const auto &row : kCases) {
+    device_power_set_state(0, 1);
+    reload(row.configuration);
+    cec.sent.clear();
+    EXPECT_EQ(device_power_request_poweroff(1), 0);
+    EXPECT_EQ(device_power_get_state(), 2);
+    EXPECT_EQ(cec.sent, "0:36");
+    EXPECT_EQ(calls(), "RestartUnit dravel-off.target");
+    television_says({0x90, kIsOff});
     EXPECT_EQ(calls(), "");
-  else
-    wait_for_call(GetParam().call);
+    end_hooks();
+    EXPECT_EQ(calls(), row.called);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(, TurningOff,
-                         testing::Values(off_case{"Default", "", "Suspend"},
-                                         off_case{"Poweroff", "off-action=poweroff", "PowerOff"},
-                                         off_case{"Hibernate", "off-action=hibernate", "Hibernate"},
-                                         off_case{"None", "off-action=none", ""}),
-                         [](const auto &test) { return std::string(test.param.name); });
 
 TEST_F(Sleep, FollowsAnOffOrder_ThatTheTelevisionDenies_OrAHookDelays) {
   start();
-  testing::internal::CaptureStderr();
-  device_power_request_poweroff(1);
-  for (int second = 1; second <= 15; ++second) {
-    television_says({0x90, 0});
-    fire(1);
-  }
-  fire(90);
-  wait_for_call("Suspend");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(stderr_of([] {
+              device_power_request_poweroff(1);
+              television_stays(kIsOn);
+              fire(90);
+              EXPECT_EQ(calls(), "RestartUnit dravel-off.target; Suspend");
+            }),
             "DRAVEL_LINUX: the television is not off after 15 seconds\n"
             "DRAVEL_LINUX: dravel-off.target has not started within 90 seconds; the machine does "
             "not wait for its hooks\n");
@@ -276,9 +203,8 @@ TEST_F(Sleep, FollowsAnOffOrder_ThatTheTelevisionDenies_OrAHookDelays) {
 TEST_F(Sleep, WithoutABus_IsOneLineACall) {
   start();
   end_bus();
-  testing::internal::CaptureStderr();
-  device_power_set_state(0, 1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  services->wait();
+  EXPECT_EQ(stderr_of([] { device_power_set_state(0, 1); }),
             "DRAVEL_LINUX: org.freedesktop.systemd1: RestartUnit: Transport endpoint is not "
             "connected\n");
   device_power_request_poweroff(1);
@@ -287,57 +213,42 @@ TEST_F(Sleep, WithoutABus_IsOneLineACall) {
 
 TEST_F(Sleep, ThatIsRefused_IsOneLine) {
   start();
-  refuse("login1", "Suspend");
+  refuse(kLogind, "Suspend");
   cec.is_there = false;
-  testing::internal::CaptureStderr();
-  device_power_request_poweroff(1);
-  emit("systemd1", "JobRemoved", {1U, object_path{"/1"}, "dravel-off.target", "failed"});
-  wait_for_call("Suspend");
-  calls();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(stderr_of([] {
+              device_power_request_poweroff(1);
+              end_hooks();
+              EXPECT_EQ(calls(), "RestartUnit dravel-off.target; Suspend");
+            }),
             "DRAVEL_LINUX: org.freedesktop.login1: no; the machine is not sent to sleep\n");
 }
 
 TEST_F(Machine, ServicesMayAppearLater_AndStartAgain) {
-  testing::internal::CaptureStderr();
-  start("", "");
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("a sleep may begin before"),
+  EXPECT_NE(stderr_of([this] { start("", false); }).find("a sleep may begin before"),
             std::string::npos);
   for (int run = 0; run < 2; ++run) {
-    services.emplace("login1 timedate1 systemd1");
-    wait_for_call("Inhibit sleep:shutdown");
+    start_services();
     wait_until(inhibitor_is_held);
+    EXPECT_EQ(calls(), "Inhibit sleep:shutdown");
     services.reset();
   }
 }
 
-TEST_F(Machine, TargetsFollowTheScreen) {
-  start();
-  device_power_set_state(0, 1);
-  device_power_set_wakeup_reason(20);
-  screen_manager_set_ambient_mode(1, 1);
-  screen_manager_set_ambient_mode(0, 0);
-  EXPECT_EQ(calls(), "RestartUnit dravel-on.target; RestartUnit dravel-wakeup@20.target; "
-                     "RestartUnit dravel-ambient.target; StopUnit dravel-ambient.target");
-}
-
-TEST_F(Machine, AShutdown_HasTheLeadOfABoot_UntilItIsCalledOff) {
+TEST_F(Sleep, ThatIsAShutdown_HasTheLeadOfABoot_UntilItIsCalledOff) {
   start();
   ASSERT_EQ(set_wakeup(kOn, kNow + kHour), 0);
   device_power_request_poweroff(1);
-  emit("login1", "PrepareForShutdown", {true});
-  wait_until([] { return !inhibitor_is_held(); });
+  prepare_for("Shutdown", true);
   EXPECT_EQ(rtc.alarm, kNow + kHour - 90);
   EXPECT_EQ(events(), "standby in time");
   EXPECT_EQ(timers(), "3590") << "the order of before is forgotten";
   set_wakeup(kOn, kNow + 100);
   EXPECT_EQ(rtc.alarm, kNow + 60);
   set_wakeup(kOn, kNow + kHour);
-  raise(SIGUSR1);
-  wait_until([this] { return !rtc.cleared.empty(); });
+  rtc.alarm.reset();
+  reload("");
   EXPECT_EQ(rtc.alarm, kNow + kHour - 90);
-  emit("login1", "PrepareForShutdown", {false});
-  wait_until(inhibitor_is_held);
+  prepare_for("Shutdown", false);
   EXPECT_EQ(rtc.alarm, kNow + kHour - 15);
 }
 

@@ -13,27 +13,24 @@ constexpr const char *kAsk = "0:8f";
 class Screen : public Machine {
 protected:
   void start_with(const char *configuration) {
-    start(configuration, "");
-    cec.sent.clear();
+    start(configuration, false);
+    EXPECT_EQ(sent(), kAsk);
   }
+  std::string sent() { return std::exchange(cec.sent, ""); }
 };
 
 TEST_F(Screen, IsTurnedOn_AskedEverySecond_ToldAgainTwice_AndGivenUpWithOneLine) {
   start_with("");
   EXPECT_EQ(device_power_set_state(0, 1), 0);
-  EXPECT_EQ(std::exchange(cec.sent, ""), kView);
-  testing::internal::CaptureStderr();
+  EXPECT_EQ(sent(), kView);
   for (int second = 1; second < 15; ++second) {
     const bool again = second == 4 || second == 8;
-    fire(1);
-    EXPECT_EQ(std::exchange(cec.sent, ""), (again ? std::string(kView) + " " : "") + kAsk);
+    EXPECT_EQ(stderr_of([] { fire(1); }), "");
+    EXPECT_EQ(sent(), (again ? std::string(kView) + " " : "") + kAsk);
     if (second == 5)
       television_says({kReport, kTurnsOn});
   }
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  testing::internal::CaptureStderr();
-  fire(1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(stderr_of([] { fire(1); }),
             "DRAVEL_LINUX: the television does not say it is on after 15 seconds\n");
   EXPECT_EQ(timers(), "");
   EXPECT_EQ(device_power_get_state(), 0);
@@ -42,11 +39,7 @@ TEST_F(Screen, IsTurnedOn_AskedEverySecond_ToldAgainTwice_AndGivenUpWithOneLine)
 TEST_F(Screen, ThatStaysOff_IsOff) {
   start_with("");
   device_power_set_state(0, 1);
-  for (int second = 1; second <= 15; ++second) {
-    television_says({kReport, kIsOff});
-    EXPECT_EQ(device_power_get_state(), 0);
-    fire(1);
-  }
+  television_stays(kIsOff);
   EXPECT_EQ(device_power_get_state(), 2);
   EXPECT_EQ(events(), "state 2");
 }
@@ -64,9 +57,8 @@ TEST_F(Screen, HasObeyed_WhenItSaysSo_OrDoesNotKnowTheQuestion) {
                 {false, {kReport}, false},        {true, {kAbort, 0x36, 4}, false},
                 {false, {kAbort, 0x04, 0}, false}};
   for (const auto &row : kCases) {
-    cec.sent.clear();
     row.on ? device_power_set_state(0, 1) : device_power_request_poweroff(1);
-    EXPECT_EQ(cec.sent, row.on ? kView : "f:36");
+    EXPECT_EQ(sent(), row.on ? kView : "f:36");
     television_says(row.said);
     calls(); // there are no hooks to wait for
     EXPECT_EQ(timers(), row.settled ? "" : "1");
@@ -86,29 +78,17 @@ TEST_F(Screen, ChangesByItsOwnRemote) {
 }
 
 TEST_F(Screen, IsAskedAtTheStart_AndTenSecondsBeforeTheOnTime) {
-  start("", "");
-  EXPECT_EQ(std::exchange(cec.sent, ""), kAsk);
+  start_with("");
   set_wakeup(0, kNow + kHour);
   set_wakeup(0, kNow + 100);
   EXPECT_EQ(timers(), "90");
   fire(90);
-  EXPECT_EQ(cec.sent, kAsk);
+  EXPECT_EQ(sent(), kAsk);
+  set_wakeup(0, kNow + 100);
+  clear_wakeup();
+  EXPECT_EQ(timers(), "");
   set_wakeup(0, kNow + 10);
   EXPECT_EQ(timers(), "");
-}
-
-TEST_F(Screen, WithoutAnAddress_IsWokenBlindly_AndWithoutAnAdapterLeftAlone) {
-  start_with("");
-  cec.address = kNoPhysicalAddress;
-  device_power_set_state(0, 1);
-  fire(1);
-  EXPECT_EQ(std::exchange(cec.sent, ""), "0:04");
-  device_power_request_poweroff(1);
-  cec.is_there = false;
-  device_power_set_state(0, 1);
-  EXPECT_EQ(cec.sent, "");
-  EXPECT_EQ(timers(), "");
-  EXPECT_EQ(device_power_get_state(), 0);
 }
 
 } // namespace

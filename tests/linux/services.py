@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Simulates logind, timedated and systemd on the system bus: `services.py NAME...`.
+"""Simulates logind, timedated and systemd on the system bus, which get their names in this order.
 
 Each answers what the platform asks. Calls appear as dbusmock's signal MethodCalled; its methods
-EmitSignal, UpdateProperties and AddMethod change what happens. A line is printed when all are there.
+EmitSignal, UpdateProperties and AddMethod change what happens. SIGTERM ends it.
 """
 
-import sys
+import signal
 
 import dbus
 import dbus.mainloop.glib
@@ -43,10 +43,10 @@ SERVICES = {
 dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
 bus = dbus.SystemBus()
 played = []
-for name in sys.argv[1:]:
-    interface, properties, methods = SERVICES[name]
+for name, (interface, properties, methods) in SERVICES.items():
     bus_name = dbus.service.BusName("org.freedesktop." + name, bus)
     played.append(mockobject.DBusMockObject(bus_name, "/org/freedesktop/" + name, interface, properties, "/dev/null"))
     played[-1].AddMethods(interface, methods)
-print("ready", flush=True)
-GLib.MainLoop().run()
+loop = GLib.MainLoop()
+GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, loop.quit)
+loop.run()
