@@ -5,20 +5,15 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <sched.h>
-#include <set>
-#include <sstream>
 #include <standin.h>
 #include <stdexcept>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -26,53 +21,37 @@ namespace fs = std::filesystem;
 // --- SIGKILL for the daemon, or for the bus, while changes are made ---
 
 static void change_until_killed(soak_run &run, pid_t victim, unsigned longest_us) {
-  const std::jthread killer([victim, wait = run.below(longest_us)] {
+  auto killed = std::async(std::launch::async, [victim, wait = run.below(longest_us)] {
     usleep(wait);
-    kill(victim, SIGKILL);
+    return kill(victim, SIGKILL);
   });
   while (change(run))
     continue;
+  if (killed.get() != 0)
+    fail("a process ended before it was killed");
 }
 
 static void kill_daemon(soak_run &run) { change_until_killed(run, run.daemon->pid(), 30000); }
 
-static constexpr const char *kShortLivedBus = "unix:path=/run/bench/short-lived";
-static std::optional<process> short_lived_bus;
-
-static bool takes_connections(const std::string &path) {
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const bool taken =
-      connect(client, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-  close(client);
-  return taken;
+static void use_bus(soak_run &run, const char *address) {
+  run.address = address;
+  run.bus.reset();
 }
 
+// dbus-daemon takes connections once --fork returns.
 static void start_bus(soak_run &run) {
-  const std::string path = std::string(kShortLivedBus).substr(std::strlen("unix:path="));
-  fs::remove(path);
-  short_lived_bus.emplace(
-      std::vector<std::string>{"/usr/bin/dbus-daemon", "--nofork", "--nosyslog",
-                               std::string("--config-file=") + BUS_CONFIGURATION,
-                               std::string("--address=") + kShortLivedBus});
-  while (!takes_connections(path))
-    usleep(500);
-  run.address = kShortLivedBus;
-  run.bus.reset();
+  static constexpr const char *kAddress = "unix:path=/run/bench/short-lived";
+  process({"/usr/bin/dbus-daemon", "--fork", "--nosyslog",
+           std::string("--config-file=") + BUS_CONFIGURATION, std::string("--address=") + kAddress})
+      .wait();
+  use_bus(run, kAddress);
 }
 
 static void kill_bus(soak_run &run) {
-  change_until_killed(run, short_lived_bus->pid(), 50000);
-  if (short_lived_bus->wait() != -SIGKILL)
-    fail("the bus ended before it was killed");
+  change_until_killed(run, run.bus->pid_of(DBUS_SERVICE_DBUS), 50000);
 }
 
-static void use_sandbox_bus(soak_run &run) {
-  short_lived_bus.reset();
-  run.address = kSandboxBus;
-  run.bus.reset();
-}
+static void use_sandbox_bus(soak_run &run) { use_bus(run, kSandboxBus); }
 
 // --- a disk that is full, read-only or failing ---
 
@@ -102,15 +81,9 @@ static void use_small_disk() {
   mount_disk("small", 0);
 }
 
-static void fill_disk() {
-  const int file = open(kFiller, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  const std::string block(512, 'x');
-  while (write(file, block.data(), block.size()) > 0)
-    continue;
-  close(file);
-}
+static void fill_disk() { std::ofstream(kFiller) << std::string(1 << 20, 'x'); }
 
-static void limit_writes(soak_run &run, rlim_t bytes) {
+static void limit_writes(const soak_run &run, rlim_t bytes) {
   const rlimit limit{bytes, RLIM_INFINITY};
   if (prlimit(run.daemon->pid(), RLIMIT_FSIZE, &limit, nullptr) != 0)
     fail("no limit");
@@ -200,17 +173,21 @@ static std::string damaged(soak_run &run, std::string bytes) {
   static const std::string foreign[] = {
       "", "SQLite format 3", std::string("SQLite format 3\0", 16) + std::string(4080, '\0')};
   const auto size = static_cast<unsigned>(bytes.size());
-  const unsigned kind = run.below(6);
-  if (kind < 2) { // anywhere, or in the header and the schema
-    for (unsigned i = run.below(8) + 1; i > 0; --i)
-      bytes[run.below(kind == 0 ? size : 120)] ^= static_cast<char>(1U << run.below(8));
+  switch (run.below(5)) {
+  case 0: // in the header and the schema, or anywhere
+    for (unsigned flips = run.below(8) + 1, end = run.below(2) == 0 ? 120 : size; flips > 0;
+         --flips)
+      bytes[run.below(end)] ^= static_cast<char>(1U << run.below(8));
     return bytes;
-  }
-  if (kind == 2)
+  case 1:
     return bytes.substr(0, run.below(size));
-  if (kind == 3) // a block of the flash memory
+  case 2: // a block of the flash memory
     return bytes.replace(run.below(size), 512, 512, run.below(2) == 0 ? '\0' : '\xff');
-  return kind == 4 ? bytes.append(run.below(9000), 'x') : run.pick(foreign);
+  case 3:
+    return bytes.append(run.below(9000), 'x');
+  default:
+    return run.pick(foreign);
+  }
 }
 
 static void damage_files(soak_run &run) {
@@ -224,24 +201,23 @@ static void damage_files(soak_run &run) {
 }
 
 // The rows that SQLite reads unchanged from a file in which it finds no fault.
-static std::set<std::string> readable_rows(const char *path) {
+static std::vector<std::string> readable_rows(const char *path) {
   try {
-    if (rows("PRAGMA integrity_check; PRAGMA user_version", path) != "ok 1")
-      return {};
-    std::istringstream in(stored_timers(path));
-    return {std::istream_iterator<std::string>(in), {}};
-  } catch (const std::runtime_error &) {
-    return {};
+    if (rows("PRAGMA integrity_check; PRAGMA user_version", path) == "ok 1")
+      return stored_timers(path);
+  } catch (const std::runtime_error &) { // nothing is readable
   }
+  return {};
 }
 
 static void check_kept(soak_run &run) {
   if (run.round == 0)
     return check_all(run);
   const timer_map listed = listed_timers(*run.bus);
-  const std::set<std::string> readable = readable_rows("/tmp/probe.db");
+  const std::vector<std::string> readable = readable_rows("/tmp/probe.db");
   for (const auto &[id, timer] : run.book.timers)
-    if (readable.contains(row_of(timer)) && (!listed.contains(id) || listed.at(id) != timer))
+    if (std::ranges::count(readable, row_of(timer)) > 0 &&
+        (!listed.contains(id) || listed.at(id) != timer))
       fail("the readable timer " + std::to_string(id) + " is not listed as it is stored");
 }
 

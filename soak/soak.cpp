@@ -9,13 +9,17 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 
 static constexpr unsigned kFullLedger = 60; // of 80 that the daemon keeps
 static constexpr std::uint32_t kMinute = 60;
 static constexpr std::uint32_t kDay = 86400;
+static constexpr std::uint32_t kMinutesOutsideTheHour = 23 * 60;
+static constexpr std::uint32_t kStepMinutes = 101; // has no factor in common with that
 
 void fail(const std::string &what) { throw std::runtime_error(what); }
 
@@ -23,15 +27,8 @@ void fail(const std::string &what) { throw std::runtime_error(what); }
 // it lasts until it is cancelled.
 timer_arguments any_timer(soak_run &run) {
   static constexpr int kTypes[] = {0, 1, 2, 3, 5};
-  std::set<int> taken;
-  for (const auto &[id, timer] : run.book.timers)
-    taken.insert(timer[TIMER_WORD_HOUR] * 60 + timer[TIMER_WORD_MIN]);
-  unsigned minute = 0;
-  do
-    minute = 1 + run.below(kDay / kMinute - 2);
-  while (minute / 60 == 12 || taken.contains(static_cast<int>(minute)));
-  const std::uint32_t midnight = time_of("16 00:00");
-  const std::uint32_t at = midnight + kDay * run.below(300) + kMinute * minute;
+  const std::uint32_t minute = run.timers_made++ * kStepMinutes % kMinutesOutsideTheHour;
+  const std::uint32_t at = time_of("16 13:00") + kDay * run.below(300) + kMinute * minute;
   const int week_flag = run.below(2) == 0 ? 1 + static_cast<int>(run.below(kDaily)) : 0;
   timer_arguments timer = arguments_of({run.pick(kTypes), time_text(at), week_flag});
   timer[TIMER_ARG_PRIORITY] = static_cast<int>(run.below(5));
@@ -41,10 +38,11 @@ timer_arguments any_timer(soak_run &run) {
 
 // --- what was acknowledged ---
 
-static int answer_of(const message &reply) {
-  dbus_int32_t value = -1;
-  dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_INT32, &value, DBUS_TYPE_INVALID);
-  return value;
+// Nothing when there was no answer.
+static std::optional<int> answer_to(soak_run &run, const char *method,
+                                    std::span<const int> arguments) {
+  const message reply = run.bus->try_call(kDaemon, method, arguments);
+  return reply == nullptr ? std::nullopt : std::optional(int_of(reply));
 }
 
 static bool cancel_one(soak_run &run) {
@@ -52,10 +50,10 @@ static bool cancel_one(soak_run &run) {
   const auto count = static_cast<unsigned>(book.timers.size());
   const int id = std::next(book.timers.begin(), run.below(count))->first;
   book.unanswered_cancel = id;
-  const message reply = run.bus->try_call(kDaemon, "cancel_timer", {&id, 1});
-  if (reply == nullptr)
+  const auto answer = answer_to(run, "cancel_timer", {&id, 1});
+  if (!answer)
     return false;
-  if (answer_of(reply) != 0)
+  if (*answer != 0)
     fail("the listed timer " + std::to_string(id) + " was not cancelled");
   book.timers.erase(id);
   book.unanswered_cancel.reset();
@@ -66,12 +64,11 @@ static bool add_one(soak_run &run) {
   ledger &book = run.book;
   const timer_arguments timer = any_timer(run);
   book.unanswered_add = timer;
-  const message reply = run.bus->try_call(kDaemon, "schedule_timer", timer);
-  if (reply == nullptr)
+  const auto id = answer_to(run, "schedule_timer", timer);
+  if (!id)
     return false;
-  const int id = answer_of(reply);
-  if (id <= 0 || !book.timers.emplace(id, words_of(id, timer)).second)
-    fail("a new timer was answered with " + std::to_string(id));
+  if (*id <= 0 || !book.timers.emplace(*id, words_of(*id, timer)).second)
+    fail("a new timer was answered with " + std::to_string(*id));
   book.unanswered_add.reset();
   return true;
 }
@@ -106,11 +103,13 @@ std::string row_of(const timer_words &timer) {
   return row;
 }
 
-std::string stored_timers(const char *path) {
-  return rows("SELECT timer_id, type, priority, date_type, tm_sec, tm_min, tm_hour, tm_mday, "
-              "tm_mon, tm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag, "
-              "disable_period_effect, time_type FROM dravel ORDER BY timer_id",
-              path);
+std::vector<std::string> stored_timers(const char *path) {
+  std::istringstream in(
+      rows("SELECT timer_id, type, priority, date_type, tm_sec, tm_min, tm_hour, tm_mday, "
+           "tm_mon, tm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag, "
+           "disable_period_effect, time_type FROM dravel ORDER BY timer_id",
+           path));
+  return {std::istream_iterator<std::string>(in), {}};
 }
 
 static void settle_unanswered(ledger &book, const timer_map &listed) {
@@ -129,9 +128,9 @@ void check_all(soak_run &run) {
   settle_unanswered(run.book, listed);
   if (listed != run.book.timers)
     fail("not those timers are listed that were acknowledged");
-  std::string expected;
+  std::vector<std::string> expected;
   for (const auto &[id, timer] : listed)
-    expected += (expected.empty() ? "" : " ") + row_of(timer);
+    expected.push_back(row_of(timer));
   if (stored_timers(kDravelDbPath) != expected)
     fail("the list and the store differ");
   for (const char *path : {kDravelDbPath, kWakeupDbPath})

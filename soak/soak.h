@@ -10,6 +10,7 @@
 #include <random>
 #include <span>
 #include <string>
+#include <vector>
 
 using timer_map = std::map<int, timer_words>; // by id
 
@@ -25,6 +26,7 @@ struct soak_run {
   std::string program;
   std::mt19937 random;
   int round = 0;
+  unsigned timers_made = 0;
   std::string keys = {};             // of the set, for the next start
   const char *address = kSandboxBus; // likewise
   std::unique_ptr<bus_client> bus = {};
@@ -58,8 +60,8 @@ bool change(soak_run &run);
 timer_arguments any_timer(soak_run &run); // that no other one's time coincides with
 
 timer_map listed_timers(bus_client &bus);
-std::string row_of(const timer_words &timer); // as stored_timers gives it
-std::string stored_timers(const char *path);  // the rows by their ids
+std::string row_of(const timer_words &timer);             // as stored_timers gives it
+std::vector<std::string> stored_timers(const char *path); // the rows by their ids
 
 // The list, the rows and the acknowledged changes are the same; the store is sound. The change that
 // was not answered may have been made or not.
