@@ -80,45 +80,54 @@ int draw_number(input &in) {
   return choice < std::size(kNumbers) ? kNumbers[choice] : static_cast<int>(in.word());
 }
 
+std::string joined(const std::vector<std::string> &values) {
+  std::string text;
+  for (const std::string &value : values)
+    text += (text.empty() ? "" : ",") + value;
+  return text;
+}
+
+// Mostly near the clock, so that times coincide often.
+static time_value near(time_value anchor, input &in) {
+  static constexpr time_value kUnits[] = {60, 60, 3600, 86400, 1, 86400 * 30};
+  const time_value steps = in.seldom(32) ? in.byte() : static_cast<time_value>(in.below(24)) - 4;
+  return anchor + steps * in.one_of(kUnits);
+}
+
 static time_value draw_clock(input &in) {
-  static const time_value anchors[] = {time_of(kNoon),
-                                       0x7fffffff,
-                                       time_of("2099-12-31 23:59:59"),
-                                       kInvalidTime,
-                                       1,
-                                       time_of("2028-02-29 00:00"),
-                                       time_of("2100-03-01 00:00")};
-  static constexpr int kUnits[] = {1, 60, 3600, 86400, 86400 * 30};
-  const std::size_t choice = in.below(24);
-  if (choice >= 22)
-    return choice == 22 ? 0 : in.word();
-  const time_value anchor = choice < std::size(anchors) ? anchors[choice] : standin_tv_clock();
-  const int steps = in.byte() - 128;
-  return anchor + static_cast<time_value>(steps * in.one_of(kUnits));
+  static constexpr const char *kAnchors[] = {"",
+                                             kNoon,
+                                             "1970-01-01 00:00:01",
+                                             "2028-02-29 00:00",
+                                             "2038-01-19 03:14:07",
+                                             "2099-12-31 23:59:59",
+                                             "2100-03-01 00:00",
+                                             "2106-02-07 06:28:15"};
+  if (in.seldom(10))
+    return in.word();
+  return near(in.seldom(80) ? time_of(in.one_of(kAnchors)) : standin_tv_clock(), in);
 }
 
 static std::string draw_moment(input &in) {
-  static constexpr int kUnits[] = {60, 60, 3600, 86400, 1, 86400 * 30};
   const time_value clock = standin_tv_clock();
-  const time_value minute = (clock == 0 ? time_of(kNoon) : clock) / 60 * 60;
-  const int steps = static_cast<int>(in.below(24)) - 4;
-  return time_text(minute + static_cast<time_value>(steps * in.one_of(kUnits)));
+  return time_text(near((clock == 0 ? time_of(kNoon) : clock) / 60 * 60, in));
 }
 
-timer_arguments draw_timer(input &in) {
+std::vector<int> draw_timer(input &in) {
   static constexpr int kTypes[] = {0, 1, 2, 6, 10, 9, 13, 15, 16, 3, 4, 5, 7, 8, 11, 12, 14, 254};
   static constexpr int kWeekdays[] = {0, 0, 0, kDaily, 62, 65, kTue, kWed, kMon, kSun};
-  static constexpr int kTimeTypes[] = {0, 0, 1, 2};
   const int type = in.one_of(kTypes);
   const int week_flag = in.one_of(kWeekdays);
-  const unsigned flags = in.byte();
-  return arguments_of({type, draw_moment(in), week_flag, static_cast<int>(flags >> 2 & 1),
-                       kTimeTypes[flags & 3], static_cast<int>(flags >> 6)});
+  const int flags = in.byte();
+  const auto timer =
+      arguments_of({type, draw_moment(in), week_flag, flags & 1, (flags >> 1 & 3) % 3, flags >> 6});
+  return {timer.begin(), timer.end()};
 }
 
-std::array<int, PERIOD_ARGS> draw_period(input &in) {
+std::vector<int> draw_period(input &in) {
   const std::string start = draw_moment(in);
-  return period_arguments(start, draw_moment(in), in.byte() % 2);
+  const auto period = period_arguments(start, draw_moment(in), in.byte() % 2);
+  return {period.begin(), period.end()};
 }
 
 // --- what happens on the set ---
@@ -144,11 +153,10 @@ static void change_power_state(input &in) {
 }
 
 static void refuse(input &in) {
-  const std::size_t choice = in.below(std::size(kStandinOperations) + 3);
-  if (choice >= std::size(kStandinOperations))
+  if (in.seldom(32))
     standin().refused.clear();
   else
-    standin().refused.emplace(kStandinOperations[choice]);
+    standin().refused.emplace(in.one_of(kStandinOperations));
 }
 
 static void draw_event(input &in) {
@@ -193,10 +201,8 @@ static void prepare_set(input &in) {
   clear_set();
   standin().wakeup_reason = in.one_of(kReasons);
   standin().sync_db = in.byte() % 3 - 1;
-  if (in.seldom(32))
-    standin_set_tv_clock(draw_clock(in));
-  if (in.seldom(16))
-    standin_set_tv_clock(0);
+  if (in.seldom(48))
+    standin_set_tv_clock(in.seldom(80) ? 0 : draw_clock(in));
 }
 
 static constexpr void (*kSteps[])(input &) = {call_schedule, call_schedule, call_any,  call_any,

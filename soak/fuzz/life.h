@@ -21,6 +21,8 @@ extern int last_transient;
 
 // Any number, with those first at which something changes.
 int draw_number(input &in);
-// A timer, and a disabled period, that somebody could want. Times coincide often.
-timer_arguments draw_timer(input &in);
-std::array<int, PERIOD_ARGS> draw_period(input &in);
+std::string joined(const std::vector<std::string> &values); // by commas
+// The arguments of a timer, and of a disabled period, that somebody could want. Times coincide
+// often.
+std::vector<int> draw_timer(input &in);
+std::vector<int> draw_period(input &in);
