@@ -5,12 +5,14 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <span>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -91,11 +93,9 @@ struct sql_result {
 
 // A statement's text, cut off at the limit of the buffer.
 struct statement {
-  char text[1024] = "";
-  static constexpr std::size_t kLimit = sizeof text - 1;
+  char text[1024];
 };
 
-using open_file = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
 using connection = std::unique_ptr<sqlite3, int (*)(sqlite3 *)>;
 using row_callback = int (*)(void *out, int columns, char **values, char **names);
 using old_rows = std::vector<dravel_item>;
@@ -115,15 +115,15 @@ static sql_result execute(sqlite3 *db, const char *sql, row_callback callback = 
 template <typename... Values>
 static sql_result execute_with(sqlite3 *db, const char *format, Values... values) {
   statement sql;
-  std::snprintf(sql.text, statement::kLimit, format, values...);
+  std::snprintf(sql.text, sizeof sql.text, format, values...);
   return execute(db, sql.text);
 }
 
 // Fills `format` with the fields from column `First` on, then `last`.
 template <std::size_t First, typename Record, std::size_t... I, typename... Last>
-static void format_fields(char *buf, const char *format, const Record &record,
+static void format_fields(statement &sql, const char *format, const Record &record,
                           std::index_sequence<I...>, Last... last) {
-  std::snprintf(buf, statement::kLimit, format,
+  std::snprintf(sql.text, sizeof sql.text, format,
                 field_of(record, kRecordFields<Record>[First + I])..., last...);
 }
 
@@ -132,17 +132,15 @@ static void format_fields(char *buf, const char *format, const Record &record,
 static int column_value(const char *text) {
   if (text == nullptr)
     return 0;
-  const long value = std::strtol(text, nullptr, 10);
-  if (value > INT_MAX)
-    return INT_MAX;
-  return value < INT_MIN ? INT_MIN : static_cast<int>(value);
+  return static_cast<int>(std::clamp<long>(std::strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
 // Fills the first `fields` fields; those that the row does not have stay.
 template <typename Record>
 static void parse_row(Record &record, std::size_t fields, int columns, char **values) {
-  for (std::size_t i = 0; i < fields && i < static_cast<std::size_t>(columns); ++i)
-    field_of(record, kRecordFields<Record>[i]) = column_value(values[i]);
+  const std::size_t count = std::min(fields, static_cast<std::size_t>(columns));
+  for (const record_field &field : std::span(kRecordFields<Record>).first(count))
+    field_of(record, field) = column_value(*values++);
 }
 
 template <typename Record> static void deliver_row(void *fn, int columns, char **values) {
@@ -159,20 +157,6 @@ static int dravel_row_cb(void *fn, int columns, char **values, char **) {
 static int disabled_period_row_cb(void *fn, int columns, char **values, char **) {
   deliver_row<disabled_period_item>(fn, columns, values);
   return 0;
-}
-
-// One builder for the insert, which ends with the mark of a new row, and the
-// update, which ends with the row's id.
-static void query_dravel_db_str(char *buf, const dravel_item *item, const char *format, int last) {
-  if (buf == nullptr || item == nullptr || format == nullptr)
-    return;
-  format_fields<1>(buf, format, *item, fields_of<dravel_item, 1>{}, last);
-}
-
-static void query_wakeup_dravel_db_str(char *buf, const dravel_item *item, const char *format) {
-  if (buf == nullptr || item == nullptr || format == nullptr)
-    return;
-  format_fields<0>(buf, format, *item, fields_of<dravel_item, 0>{});
 }
 
 int load_dravel_db(dravel_row_fn fn) {
@@ -222,7 +206,7 @@ static sql_result insert_row(const char *table, const char *sql, int *id) {
 
 int insert_dravel_item_db(dravel_item *item) {
   statement sql;
-  query_dravel_db_str(sql.text, item, kInsertDravel, kUnmarked);
+  format_fields<1>(sql, kInsertDravel, *item, fields_of<dravel_item, 1>{}, kUnmarked);
   const sql_result result = insert_row("dravel", sql.text, &item->timer_id);
   if (!result.ok())
     LOGE("failed to insert dravel item: %s\n", result.text());
@@ -233,7 +217,7 @@ int undo_insert_dravel_item_db(void) { return undo_insert("dravel"); }
 
 int update_dravel_item_db(const dravel_item *item) {
   statement sql;
-  query_dravel_db_str(sql.text, item, kUpdateDravel, item->timer_id);
+  format_fields<1>(sql, kUpdateDravel, *item, fields_of<dravel_item, 1>{}, item->timer_id);
   const sql_result result = execute(dravel_db, sql.text);
   if (!result.ok())
     LOGE("failed to update dravel item[id:%d]: %s\n", item->timer_id, result.text());
@@ -278,7 +262,7 @@ int insert_wakeup_dravel_item_db(const dravel_item *item) {
   }
 
   statement sql;
-  query_wakeup_dravel_db_str(sql.text, item, kInsertWakeupDravel);
+  format_fields<0>(sql, kInsertWakeupDravel, *item, fields_of<dravel_item, 0>{});
   const sql_result inserted = execute(wakeup_dravel_db, sql.text);
   if (!inserted.ok())
     LOGE("failed to insert wakeup dravel item: %s\n", inserted.text());
@@ -295,7 +279,7 @@ int load_disabled_period_db(disabled_period_row_fn fn) {
 
 int insert_disabled_period_item_db(disabled_period_item *period) {
   statement sql;
-  format_fields<1>(sql.text, kInsertDisabledPeriod, *period, fields_of<disabled_period_item, 1>{});
+  format_fields<1>(sql, kInsertDisabledPeriod, *period, fields_of<disabled_period_item, 1>{});
   const sql_result result = insert_row("disabled_period", sql.text, &period->period_id);
   if (!result.ok())
     LOGE("failed to insert disabled period item: %s\n", result.text());
@@ -305,7 +289,7 @@ int insert_disabled_period_item_db(disabled_period_item *period) {
 int update_disable_period_db(const disabled_period_item *period) {
   statement sql;
   // All but the row id and the two leap-year flags.
-  format_fields<1>(sql.text, kUpdateDisabledPeriod, *period, fields_of<disabled_period_item, 3>{},
+  format_fields<1>(sql, kUpdateDisabledPeriod, *period, fields_of<disabled_period_item, 3>{},
                    period->period_id);
   const sql_result result = execute(dravel_db, sql.text);
   if (!result.ok())
@@ -324,7 +308,7 @@ int delete_disabled_period_item_db(int period_id) {
 
 static int check_callback(void *failed, int columns, char **values, char **) {
   LOGI("check_callback begin");
-  const char *report = columns > 0 && values[0] != nullptr ? values[0] : "";
+  const char *report = values[0];
   if (std::strcmp(report, "ok") == 0) {
     LOGD("db integrity check done - no error");
   } else {
@@ -334,24 +318,14 @@ static int check_callback(void *failed, int columns, char **values, char **) {
   return 0;
 }
 
-static bool is_readable(const char *path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
-    return false;
-  close(fd);
-  return true;
-}
-
-// A file that cannot be read at the moment does not count as empty: deleting it
-// would lose every timer.
 static bool is_empty(const char *path) {
-  const open_file stream(std::fopen(path, "re"), std::fclose);
-  return stream && std::fgetc(stream.get()) == EOF && std::feof(stream.get()) != 0;
+  struct stat status;
+  return stat(path, &status) == 0 && status.st_size == 0;
 }
 
 int integrity_check(const char *path) {
   LOGE("integrity_check [%s] begin", path);
-  if (!is_readable(path)) {
+  if (access(path, R_OK) != 0) {
     LOGE("DBFILE [%s] is not exist, it will be created", path);
     return -1;
   }
@@ -391,7 +365,7 @@ int integrity_check(const char *path) {
 
 int make_db_file_manual(const char *path) {
   const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, kDbFileMode);
-  if (fd < 0) {
+  if (fd == -1) {
     LOGE("open(%s) Failed", path);
     return -1;
   }
@@ -408,9 +382,9 @@ int make_db_file_manual(const char *path) {
   return opened_up;
 }
 
-static int __check_db_version_to_migration_cb(void *need_db_migration, int columns, char **values,
+static int __check_db_version_to_migration_cb(void *need_db_migration, int, char **values,
                                               char **) {
-  const char *version = columns > 0 && values[0] != nullptr ? values[0] : "";
+  const char *version = values[0];
   LOGI("db version[%s]", version);
   if (std::strcmp(version, "0") == 0) {
     LOGI("need db migration. 0 -> 1");
@@ -457,9 +431,9 @@ static int __add_old_dravel_to_migration_cb(void *rows, int columns, char **valu
   dravel_item item{};
   __load_data_from_db(&item, columns, values);
 
-  const int micom_flag = columns > 15 ? column_value(values[15]) : 0;
   item.disable_period_effect = columns > 16 ? column_value(values[16]) : 0;
-  LOGD("disable_period_effect[%d], micom_flag[%d]", item.disable_period_effect, micom_flag);
+  LOGD("disable_period_effect[%d], micom_flag[%d]", item.disable_period_effect,
+       columns > 15 ? column_value(values[15]) : 0);
   static_cast<old_rows *>(rows)->push_back(item);
   return 0;
 }

@@ -170,7 +170,6 @@ static DBusMessage *edbus_schedule_timer_cb(E_DBus_Object *, DBusMessage *msg) {
   dravel_item *item = copy_dravel_item(&fields);
   if (item == nullptr)
     return nullptr;
-  item->timer_id = kUnstoredTimerId;
 
   cancel_replaced(item, __func__);
   const int timer_id = take_item(item);

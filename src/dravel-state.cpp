@@ -9,7 +9,6 @@
 #include <Ecore.h>
 
 #include <algorithm>
-#include <array>
 #include <initializer_list>
 #include <iterator>
 #include <string_view>
@@ -199,15 +198,15 @@ static void send_change(const timer_change &change) {
 // Returns whether anything was sent.
 static bool send_changed_properties(void) {
   shown_state state = current_state();
-  std::array<const char *, std::size(kProperties) + 1> names{};
-  std::size_t count = 0;
+  std::vector<const char *> names;
   for (const state_property &property : kProperties) {
     if (property.differs(state, announced))
-      names[count++] = property.name;
+      names.push_back(property.name);
   }
   announced = std::move(state);
-  if (count == 0)
+  if (names.empty())
     return false;
+  names.push_back(nullptr);
   e_dbus_properties_changed(state_object, state_interface, names.data());
   return true;
 }
@@ -255,9 +254,7 @@ void state_timer_added(int timer_id) {
 
 // Once in a pass, and not for a timer that was added in it.
 void state_timer_changed(int timer_id) {
-  const auto last = std::find_if(timer_changes.rbegin(), timer_changes.rend(),
-                                 [=](const auto &change) { return change.timer_id == timer_id; });
-  if (last == timer_changes.rend() || last->reason != nullptr)
+  if (std::ranges::find(timer_changes, timer_id, &timer_change::timer_id) == timer_changes.end())
     timer_changes.push_back({kChangedSignal, timer_id, nullptr});
   state_touched();
 }

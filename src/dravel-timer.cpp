@@ -74,7 +74,8 @@ const char *time_str(time_value time) {
   static char text[kTimeTextSize];
   std::tm tm;
   unsigned_gmtime_r(time, &tm);
-  return format_time(&tm, text) ? text : "asctime_r error";
+  format_time(&tm, text);
+  return text;
 }
 
 static void stop_timer(Ecore_Timer *&timer) {
@@ -94,14 +95,19 @@ void reset_runtime_state(void) {
     stop_timer(*timer);
 }
 
+static bool is_tv_clock_known(void) {
+  time_value now = 0;
+  return get_cur_time(&now, TIME_TYPE_BROADCAST) == 0;
+}
+
 // Creates an empty file. True when it existed already.
 static bool leave_marker(const char *path, const char *operation = __builtin_FUNCTION()) {
   if (access(path, F_OK) == 0) {
     LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s file exist", path);
     return true;
   }
-  const int fd = open(path, O_CREAT | O_RDONLY | O_CLOEXEC, 0644);
-  if (fd < 0) {
+  const int fd = creat(path, 0644);
+  if (fd == -1) {
     LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s create failed", path);
     return false;
   }
@@ -125,9 +131,7 @@ Eina_Bool wait_dravel_finish_cb(void *) {
 void init_dravel(void) {
   if (leave_marker(kInitMarkerPath))
     set_relaunch_state(1);
-
-  time_value now = 0;
-  if (get_cur_time(&now, TIME_TYPE_BROADCAST) != 0)
+  if (!is_tv_clock_known())
     set_kinto_time_updated(0);
 
   stop_timer(finish_wait_timer);
@@ -268,7 +272,7 @@ int find_duplicate_ontimer(const dravel_item *item, dravel_item **out) {
 
 // A weekday's bit of a week flag; none for a number that a flag has no bit for.
 static int weekday_bit(int wday) {
-  return wday >= 0 && wday < 32 ? static_cast<int>(1U << wday) : 0;
+  return static_cast<unsigned>(wday) < 32U ? static_cast<int>(1U << wday) : 0;
 }
 
 namespace {
@@ -717,8 +721,7 @@ Eina_Bool adjust_wait_timer_cb(void *) {
 }
 
 Eina_Bool wait_cur_time_cb(void *) {
-  time_value now = 0;
-  if (get_cur_time(&now, TIME_TYPE_BROADCAST) != 0)
+  if (!is_tv_clock_known())
     return ECORE_CALLBACK_RENEW;
   start_with_valid_time();
   return ECORE_CALLBACK_CANCEL;
@@ -765,8 +768,7 @@ static void react_to_wakeup(system_log_priority priority,
   if (get_kinto_time_updated() != 0)
     return;
 
-  time_value now = 0;
-  if (get_cur_time(&now, TIME_TYPE_BROADCAST) == 0)
+  if (is_tv_clock_known())
     adjust_dravel_all_items(nullptr, nullptr);
   stop_timer(adjust_wait_timer);
   adjust_wait_timer = ecore_timer_add(kAdjustWaitSeconds, adjust_wait_timer_cb, nullptr);
@@ -901,8 +903,7 @@ void auto_time_set(void) {
       (state == DEVICE_POWER_STATE_ON || state == DEVICE_POWER_STATE_SLEEPING ||
        is_ambient_low_power(state, ambient_mode))) {
     stop_timer(adjust_wait_timer);
-    time_value now = 0;
-    if (get_cur_time(&now, TIME_TYPE_BROADCAST) == 0)
+    if (is_tv_clock_known())
       start_with_valid_time();
     else // each time update adds a poll; all end when the clock can be read
       ecore_timer_add(kPollSeconds, wait_cur_time_cb, nullptr);

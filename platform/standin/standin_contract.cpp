@@ -11,6 +11,7 @@
 #include <system_info.h>
 
 #include <memory>
+#include <tuple>
 #include <vector>
 
 static constexpr int kDone = 0;
@@ -81,12 +82,19 @@ class SignalSubscriber final : public ISignalSubscriber {
 public:
   explicit SignalSubscriber(SignalCallback listener) : callback(listener) {}
 
-  int Subscribe(int, int, int, int, int) override {
+  // The middleware names no parameter but the first: other values than these are refused.
+  int Subscribe(int type, int a, int b, int c, int d) override {
+    if (std::tuple(type, a, b, c, d) != std::tuple(SIGNAL_SYSTEM_TIME_UPDATED, 0, 1, 0, 0))
+      return kFailed;
     const int result = subscribe(__func__, "signal", callback, nullptr);
     return result == kDone ? kSubscribed : result;
   }
 
-  int Unsubscribe(int, int, int, int) override { return unsubscribe(__func__, "signal", callback); }
+  int Unsubscribe(int type, int a, int b, int c) override {
+    if (std::tuple(type, a, b, c) != std::tuple(SIGNAL_SYSTEM_TIME_UPDATED, 1, 0, 0))
+      return kFailed;
+    return unsubscribe(__func__, "signal", callback);
+  }
 
   const SignalCallback callback;
 };
