@@ -28,8 +28,8 @@ void set_now(const std::string &when) { set_clocks(when, when, when); }
 dravel_item *make(const new_timer &timer) {
   const std::tm tm = broken_down(timer.when);
   return create_dravel_item(timer.type, timer.priority, 0, tm.tm_year, tm.tm_mon, tm.tm_mday,
-                            tm.tm_hour, tm.tm_min, tm.tm_sec, tm.tm_wday, tm.tm_yday, 0, 0,
-                            timer.week_flag, timer.effect, timer.time_type);
+                            tm.tm_hour, tm.tm_min, tm.tm_sec, timer.wday.value_or(tm.tm_wday),
+                            tm.tm_yday, 0, 0, timer.week_flag, timer.effect, timer.time_type);
 }
 
 dravel_item *add(const new_timer &timer) {
@@ -97,11 +97,19 @@ std::string requests() { return taken(false); }
 std::string events() { return taken(true); }
 
 void close_and_empty_store() {
-  close_dravel_db();
+  EXPECT_EQ(close_dravel_db(), 0);
   empty_store();
 }
 
+// What is open besides is closed by those who open it.
+static long open_files() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+static long files_before;
+
 void clear_set() {
+  files_before = open_files();
   standin_reset();
   standin_run_clocks(false);
   set_now(kNoon);
@@ -131,6 +139,7 @@ void end_clean_set() {
   run_idle_steps();
   stop_dravel();
   EXPECT_TRUE(scheduled_timer_table == nullptr && cb_data_table == nullptr);
+  EXPECT_EQ(open_files(), files_before);
   reset_runtime_state();
   run_idle_steps();
   EXPECT_EQ(pending(wait_cur_time_cb), static_cast<int>(live_timers().size()));

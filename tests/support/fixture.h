@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <optional>
 #include <span>
 #include <string>
@@ -33,6 +34,9 @@ std::string armed(int timer_id); // when the item's timer fires on the TV clock,
 
 // A call of one of the daemon's methods: the reply's first integer, then its image's words.
 words call(const char *method, std::span<const int> arguments);
+template <typename... Ints> words call(const char *method, int first, Ints... others) {
+  return call(method, std::array{first, others...});
+}
 
 // What was asked of the set since the last call, as "state 0 1; clear_wakeup_time 0 0"; events are
 // that and the daemon's signals, in their order. Either call forgets both.

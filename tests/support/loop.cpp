@@ -16,6 +16,7 @@
 
 static std::vector<std::unique_ptr<loop_timer>> timers;
 static std::vector<std::pair<Ecore_Task_Cb, void *>> idle_steps;
+static double loop_time;
 static std::time_t system_clock;
 
 // --- the main loop and the clock ---
@@ -48,10 +49,8 @@ void *ecore_timer_del(Ecore_Timer *timer) {
   }
   void *data = (*found)->data;
   EXPECT_TRUE((*found)->frozen) << "a main-loop timer is deleted that was not frozen";
-  if ((*found)->running)
-    (*found)->deleted = true;
-  else
-    timers.erase(found);
+  EXPECT_FALSE((*found)->running) << "a main-loop timer is deleted by its own callback";
+  timers.erase(found);
   return data;
 }
 
@@ -62,11 +61,7 @@ void ecore_timer_freeze(Ecore_Timer *timer) {
     (*found)->frozen = true;
 }
 
-// Each reading is later than all bursts before it.
-double ecore_loop_time_get() {
-  static double seconds = 0;
-  return ++seconds;
-}
+double ecore_loop_time_get() { return loop_time; }
 
 // Any address will do for a handle.
 Ecore_Idler *ecore_idler_add(Ecore_Task_Cb callback, const void *data) {
@@ -106,7 +101,7 @@ bool fire(const loop_timer &timer) {
   running.running = true;
   const bool again = running.callback(running.data) != ECORE_CALLBACK_CANCEL;
   running.running = false;
-  if (!again || running.deleted)
+  if (!again)
     timers.erase(find_live(&running));
   return again;
 }
@@ -124,7 +119,8 @@ void forget_timers() {
   idle_steps.clear();
 }
 
-void run_idle_steps() {
+void run_idle_steps(double later) {
+  loop_time += later;
   for (const auto &[step, data] : std::exchange(idle_steps, {}))
     EXPECT_EQ(step(data), ECORE_CALLBACK_CANCEL);
 }
@@ -145,24 +141,32 @@ static std::vector<bound_method> methods;
 
 const std::vector<bound_method> &bound_methods() { return methods; }
 
-int e_dbus_init() { return 1; }
+static bool refuses(const char *step) { return standin().refused.contains(step); }
+
+int e_dbus_init() { return refuses(__func__) ? 0 : 1; }
 
 int e_dbus_shutdown() { return 0; }
 
-E_DBus_Connection *e_dbus_bus_get(DBusBusType) { return &the_connection; }
+E_DBus_Connection *e_dbus_bus_get(DBusBusType) {
+  return refuses(__func__) ? nullptr : &the_connection;
+}
 
 // Any address will do: the daemon only compares it with null.
-DBusPendingCall *e_dbus_request_name(E_DBus_Connection *, const char *, unsigned int,
+DBusPendingCall *e_dbus_request_name(E_DBus_Connection *, const char *, unsigned int flags,
                                      E_DBus_Method_Return_Cb, const void *) {
-  return reinterpret_cast<DBusPendingCall *>(&the_connection);
+  EXPECT_EQ(flags, 0U) << "the name could be taken away";
+  return refuses(__func__) ? nullptr : reinterpret_cast<DBusPendingCall *>(&the_connection);
 }
 
 // The stand-in gets no object: it is driven directly.
 E_DBus_Object *e_dbus_object_add(E_DBus_Connection *, const char *path, void *) {
-  return std::string_view(path).starts_with(kDravelObjectPath) ? &the_object : nullptr;
+  const bool is_daemons = std::string_view(path).starts_with(kDravelObjectPath);
+  return is_daemons && !refuses(__func__) ? &the_object : nullptr;
 }
 
-E_DBus_Interface *e_dbus_interface_new(const char *) { return &the_interface; }
+E_DBus_Interface *e_dbus_interface_new(const char *) {
+  return refuses(__func__) ? nullptr : &the_interface;
+}
 
 int e_dbus_interface_method_add(E_DBus_Interface *, const char *member, const char *signature,
                                 const char *reply_signature, E_DBus_Method_Cb handler) {
@@ -178,19 +182,39 @@ int e_dbus_interface_property_add(E_DBus_Interface *, const char *, const char *
   return 1;
 }
 
-void e_dbus_properties_changed(E_DBus_Object *, const E_DBus_Interface *, const char *const *) {}
+static std::string state_sent;
+
+static void add_state_sent(const std::string &text) {
+  state_sent += (state_sent.empty() ? "" : ", ") + text;
+}
+
+std::string state_changes() {
+  run_idle_steps();
+  return std::exchange(state_sent, {});
+}
+
+void e_dbus_properties_changed(E_DBus_Object *, const E_DBus_Interface *,
+                               const char *const *names) {
+  for (; *names != nullptr; ++names)
+    add_state_sent(*names);
+}
 
 void e_dbus_object_interface_attach(E_DBus_Object *, E_DBus_Interface *) {}
 
 // The daemon's signals stand among the requests that it makes of the set, in their order.
-DBusPendingCall *e_dbus_message_send(E_DBus_Connection *, DBusMessage *message,
+DBusPendingCall *e_dbus_message_send(E_DBus_Connection *bus, DBusMessage *message,
                                      E_DBus_Method_Return_Cb, int, void *) {
-  const std::string_view member = dbus_message_get_member(message);
-  if (!member.starts_with("dravel_")) // of the state object
-    return nullptr;
+  EXPECT_NE(bus, nullptr);
+  const std::string member = dbus_message_get_member(message);
   dbus_int32_t value = 0;
-  dbus_message_get_args(message, nullptr, DBUS_TYPE_INT32, &value, DBUS_TYPE_INVALID);
-  standin().requests.push_back({std::string(member), static_cast<std::uint32_t>(value), 0});
+  const char *reason = "";
+  dbus_message_get_args(message, nullptr, DBUS_TYPE_INT32, &value, DBUS_TYPE_STRING, &reason,
+                        DBUS_TYPE_INVALID);
+  if (member.starts_with("dravel_"))
+    standin().requests.push_back({member, static_cast<std::uint32_t>(value), 0});
+  else
+    add_state_sent(member.substr(5) + " " + std::to_string(value) +
+                   (*reason == '\0' ? "" : " " + std::string(reason)));
   return nullptr;
 }
 
@@ -208,8 +232,10 @@ void system_log_print(system_log_priority, const char *, const char *format, ...
   va_start(arguments, format);
   std::vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
-  log_lines += line;
-  log_lines += '\n';
   if (kCopyToStderr)
     std::fprintf(stderr, "%s\n", line);
+  std::string entry = line;
+  if (std::string_view(format).starts_with("%s: %s(%d) > "))
+    entry.erase(entry.find('('), entry.find(" > ") - entry.find('(')).erase(0, entry.find(' ') + 1);
+  log_lines += entry + (entry.ends_with('\n') ? "" : "\n");
 }

@@ -17,7 +17,6 @@ struct loop_timer {
   void *data;
   bool frozen = false;
   bool running = false;
-  bool deleted = false; // by its own callback
 };
 
 const std::vector<std::unique_ptr<loop_timer>> &live_timers();
@@ -28,7 +27,7 @@ void pass(double seconds);                         // without any of them firing
 bool fire(const loop_timer &timer);                // true when it goes on
 bool fire(Ecore_Task_Cb callback);                 // the first of them
 void forget_timers();                              // ends all of them
-void run_idle_steps();
+void run_idle_steps(double later = 1);             // so much later, in seconds
 
 void set_system_clock(std::time_t now); // 0: the machine's own
 
@@ -40,6 +39,8 @@ struct bound_method {
   E_DBus_Method_Cb handler;
 };
 const std::vector<bound_method> &bound_methods();
+// What the state object has sent at the end of this pass, as "Added 1, Removed 2 fired, Armed".
+std::string state_changes();
 
-// The log since the last call, a line for each entry.
+// The log since the last call, as "init_dravel > text", a line for each entry.
 std::string logged();

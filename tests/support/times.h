@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string>
 
 // Times are written as "15 12:00", a day of December 2026, or in full as "2027-01-31 12:00"; either
@@ -34,6 +35,7 @@ struct new_timer {
   int effect = 0; // whether disabled periods count
   int time_type = TIME_TYPE_BROADCAST;
   int priority = 0;
+  std::optional<int> wday = {}; // another one than the date's
 };
 
 // The arguments of schedule_timer, and the image of the timer that they make.

@@ -40,11 +40,10 @@ TEST_F(Service, Timer_IsStoredListedAndProgrammed_UntilItIsCancelled) {
   EXPECT_EQ(get("WakeupTime"), u32(0));
   EXPECT_EQ(timer_ids(), words{-10});
   EXPECT_EQ(rows("SELECT * FROM dravel"), "");
-  for (const char *method : {"dravel_get_timer_by_id", "request_wakeup_timer"}) {
-    words missing = image(method, 2);
-    missing.resize(5);
-    EXPECT_EQ(missing, words(5, -1)) << method;
-  }
+  for (const char *method : {"dravel_get_timer_by_id", "request_wakeup_timer"})
+    EXPECT_EQ(image(method, 2),
+              (words{-1, -1, -1, -1, -1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, -1, -1, 0, 0}))
+        << method;
 }
 
 TEST_F(Service, UnreadableArguments_GetNoAnswer_ButReleaseAHalt) {
@@ -54,7 +53,7 @@ TEST_F(Service, UnreadableArguments_GetNoAnswer_ButReleaseAHalt) {
         "request_get_timers_halt_effect", "request_set_disable_period",
         "request_remove_disabled_period", "request_disabled_period_list",
         "request_set_disable_period_effect", "request_copy_db", "dravel_get_timer_by_id"}) {
-    EXPECT_FALSE(is_answered(method, "('one',)")) << method;
+    EXPECT_FALSE(is_answered(method, "('/tmp',)")) << method;
     EXPECT_FALSE(is_answered(method, "()")) << method;
   }
   EXPECT_TRUE(is_answered("cancel_timer", "(1,)"));
@@ -95,12 +94,6 @@ TEST_F(Service, State_ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
   call("request_halt_ontimers", "(0,)"); // as it was
   call("request_halt_offtimers", "(5,)");
   EXPECT_EQ(state_signals("HaltOff"), strings{properties_changed("{'HaltOff': <5>}, []")});
-
-  const gint64 before = g_get_monotonic_time();
-  for (int halt = 1; halt <= 50; ++halt)
-    call("request_halt_ontimers", "(" + std::to_string(halt) + ",)");
-  const std::size_t in_the_burst = state_signals("'HaltOn': <50>").size();
-  EXPECT_LE(in_the_burst, static_cast<std::size_t>(g_get_monotonic_time() - before) / 20000 + 2);
 }
 
 TEST_F(Service, AStartThatIsRefusedWhatItNeeds_EndsWithStatus255) {
@@ -117,36 +110,36 @@ TEST_F(Service, AStartThatIsRefusedWhatItNeeds_EndsWithStatus255) {
 }
 
 TEST_F(Service, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
-  fs::remove_all("/tmp/copies");
-  fs::create_directories("/tmp/copies/taken/.dravel.db/x");
-  fs::create_directories("/tmp/copies/pipe");
-  ASSERT_EQ(mkfifo("/tmp/copies/pipe/.dravel.db", 0600), 0); // which nobody reads or writes
+  fs::remove_all("/opt/copies");
+  fs::create_directories("/opt/copies/taken/.dravel.db/x");
+  fs::create_directories("/opt/copies/pipe");
+  ASSERT_EQ(mkfifo("/opt/copies/pipe/.dravel.db", 0600), 0); // which nobody reads or writes
   start();
   EXPECT_EQ(schedule({2, "15 13:00"}), 1);
-  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/tmp/copies')"));
-  wait_log("/tmp/copies/.dravel.db is not exit");
-  EXPECT_FALSE(is_answered("request_copy_db", "(0, '/tmp/copies/taken')"));
+  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/opt/copies')"));
+  wait_log("/opt/copies/.dravel.db is not exit");
+  EXPECT_FALSE(is_answered("request_copy_db", "(0, '/opt/copies/taken')"));
   wait_log("failed to copy file: ");
-  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/tmp/copies/pipe')"));
-  EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies/pipe')"), "(0,)");
-  for (int times = 0; times < 2; ++times) // the second overwrites
-    EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies')"), "(0,)");
-  EXPECT_EQ(rows("SELECT timer_id FROM dravel", "/tmp/copies/.dravel.db"), "1");
+  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/opt/copies/pipe')"));
+  EXPECT_EQ(call("request_copy_db", "(0, '/opt/copies/pipe')"), "(0,)");
+  EXPECT_EQ(call("request_copy_db", "(0, '/opt/copies')"), "(0,)");
+  EXPECT_EQ(rows("SELECT timer_id FROM dravel", "/opt/copies/.dravel.db"), "1");
 
   // The copy's permissions are the source's. The store may be named in other ways: it stays open.
-  fs::permissions("/tmp/copies/.dravel.db", fs::perms(0600));
-  fs::create_directory_symlink("/opt/dbspace", "/tmp/copies/store");
-  EXPECT_EQ(call("request_copy_db", "(0, '/tmp/copies')"), "(0,)");
+  fs::resize_file("/opt/copies/.dravel.db", 0);
+  fs::permissions("/opt/copies/.dravel.db", fs::perms(0600));
+  fs::create_directory_symlink("/opt/dbspace", "/opt/copies/store");
+  EXPECT_EQ(call("request_copy_db", "(0, '/opt/copies')"), "(0,)");
   for (const char *same : {"(0, '/opt/dbspace')", "(1, '/opt/dbspace')",
-                           "(0, '/opt/../opt/dbspace/')", "(1, '/tmp/copies/store')"})
+                           "(0, '/opt/../opt/dbspace/')", "(1, '/opt/copies/store')"})
     EXPECT_EQ(call("request_copy_db", same), "(0,)") << same;
-  EXPECT_EQ(fs::status("/tmp/copies/.dravel.db").permissions(), fs::perms(0664));
+  EXPECT_EQ(fs::status("/opt/copies/.dravel.db").permissions(), fs::perms(0664));
   EXPECT_EQ(schedule({2, "15 14:00"}), 2);
   EXPECT_EQ(call("cancel_timer", "(2,)"), "(0,)");
 
   // A copy-in is for the next start: until then reads go on and writes are refused.
   EXPECT_EQ(call("cancel_timer", "(1,)"), "(0,)");
-  EXPECT_EQ(call("request_copy_db", "(1, '/tmp/copies')"), "(0,)");
+  EXPECT_EQ(call("request_copy_db", "(1, '/opt/copies')"), "(0,)");
   EXPECT_EQ(schedule({2, "15 13:00"}), -1);
   EXPECT_EQ(stop(), 0);
   start();

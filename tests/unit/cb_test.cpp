@@ -101,6 +101,7 @@ TEST_F(Expiry, InADisabledPeriod_OnlyRepeatingTimersThatOptIn_AreSkipped) {
                {kNoon, 1, 0, 1, 0, once + "1; poweroff 1 0", "21"}, // moved past the period
                {kNoon, 9, 0, 1, 0, once + "9", "15"},
                {"21 12:00", 1, kDaily, 1, 0, announced, "15"},
+               {"09 23:59:59", 1, kDaily, 1, 0, announced, "15"},
                {"", 1, kDaily, 1, TIME_TYPE_INTERNET, "", "15"},
                {"", 1, kDaily, 1, TIME_TYPE_RTC, announced, "15"}};
   for (const auto &[tv, type, week_flag, effect, time_type, expected, day] : cases) {

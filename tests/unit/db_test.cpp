@@ -19,6 +19,8 @@ static int keep_row(const dravel_item *row) {
   return 1; // does not end the reading
 }
 
+static int load_period(const disabled_period_item *) { return 0; }
+
 static dravel_item counted_item() {
   return {0, 2, 3, 4, {5, 6, 7, 8, 9, 10, 11, 12, 13, 0, nullptr}, 14, 15, 16, 17};
 }
@@ -33,22 +35,28 @@ static void overwrite_pages(const char *path, std::streamoff from) {
 
 TEST_F(Store, AUselessFile_IsReplacedByAnEmptySoundStore) {
   const struct {
-    const char *name;
+    const char *logged_line;
+    bool left;
     void (*spoil)(const char *path);
   } cases[] = {
-      {"empty", [](const char *path) { fs::resize_file(path, 0); }},
-      {"damaged first page", [](const char *path) { overwrite_pages(path, 100); }},
-      {"damaged rows", [](const char *path) { overwrite_pages(path, 8192); }},
-      {"reported faults", [](const char *path) {
+      {"file size = 0, remove\n", false, [](const char *path) { fs::resize_file(path, 0); }},
+      {"SQLITE_CORRUPT = 11\n", true, [](const char *path) { overwrite_pages(path, 100); }},
+      {"SQLITE_CORRUPT = 11\n", true, [](const char *path) { overwrite_pages(path, 8192); }},
+      {"NULL value in dravel.date_type\n", false, [](const char *path) {
          rows("INSERT INTO dravel(type) VALUES(NULL); PRAGMA writable_schema = ON; UPDATE "
               "sqlite_schema SET sql = replace(sql, 'type INTEGER,', 'type INTEGER NOT NULL,')",
               path);
        }}};
   for (const char *path : {kDravelDbPath, kWakeupDbPath})
-    for (const auto &[name, spoil] : cases) {
-      restart(name);
+    for (const auto &[line, left, spoil] : cases) {
+      restart(line);
       close_dravel_db();
       spoil(path);
+      fs::copy_file(path, "/tmp/useless", fs::copy_options::overwrite_existing);
+      logged();
+      EXPECT_EQ(integrity_check("/tmp/useless"), -1);
+      EXPECT_NE(logged().find(line), std::string::npos);
+      EXPECT_EQ(fs::exists("/tmp/useless"), left);
       EXPECT_EQ(initialize_dravel_db(), 0);
       EXPECT_EQ(rows("PRAGMA user_version; PRAGMA integrity_check", path), "1 ok");
       EXPECT_EQ(rows("SELECT count(*) FROM dravel", path), "0");
@@ -60,7 +68,11 @@ TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
   dravel_item item = counted_item();
   close_dravel_db();
   std::ofstream(kDravelDbPath) << std::string(4096, 'x');
+  logged();
   EXPECT_EQ(initialize_dravel_db(), SQLITE_NOTADB);
+  EXPECT_TRUE(
+      logged().ends_with("initialize_dravel_db > failed to create table for dravel: file is "
+                         "not a database\n"));
   EXPECT_NE(insert_dravel_item_db(&item), 0);
   EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
   close_dravel_db();
@@ -69,8 +81,13 @@ TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
   fs::remove(kDravelDbPath);
   fs::create_directory(kDravelDbPath); // loses nothing that may lie in it
   EXPECT_EQ(initialize_dravel_db(), SQLITE_CANTOPEN);
-  EXPECT_NE(insert_dravel_item_db(&item), 0);
+  EXPECT_EQ(make_db_file_manual(kDravelDbPath), -1);
   EXPECT_TRUE(fs::is_directory(kDravelDbPath));
+  EXPECT_EQ(close_dravel_db(), 0);
+  logged();
+  EXPECT_EQ(delete_dravel_item_db(1), SQLITE_MISUSE);
+  EXPECT_EQ(logged(), "delete_dravel_item_db > failed to delete dravel item: out of memory\n");
+  EXPECT_EQ(insert_wakeup_dravel_item_db(&item), SQLITE_MISUSE);
   fs::remove(kDravelDbPath);
 }
 
@@ -130,6 +147,19 @@ TEST_F(Store, ALockedFile_IsWaitedForAtTheStart_AndRefusesARowLater) {
   }
 }
 
+// A foreign file in which no table can be dropped.
+TEST_F(Store, AStoreThatCannotBeMigrated_IsDeleted) {
+  for (const char *path : {kDravelDbPath, kWakeupDbPath}) {
+    restart(path);
+    close_dravel_db();
+    fs::remove(path);
+    rows("CREATE VIEW dravel AS SELECT 1", path);
+    rows("PRAGMA user_version = 0");
+    EXPECT_EQ(initialize_dravel_db(), 0);
+    EXPECT_FALSE(fs::exists(path));
+  }
+}
+
 // The layout of version 0: the mark stood before `disable_period_effect`, and there was no
 // `time_type`.
 TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0) {
@@ -150,7 +180,8 @@ TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0
     fs::remove(kDravelDbPath);
     fs::remove(kWakeupDbPath);
     rows(table + main);
-    rows(table + "); INSERT INTO dravel VALUES(2,1,0,0,0,0,7,1,0,120,0,0,0,0,127)", kWakeupDbPath);
+    rows(table + ", p); INSERT INTO dravel VALUES(2,1,0,0,0,0,7,1,0,120,0,0,0,0,127,9)",
+         kWakeupDbPath);
     const int before = commits(kDravelDbPath);
     EXPECT_EQ(initialize_dravel_db(), 0);
     EXPECT_EQ(commits(kDravelDbPath), before + 2); // the table of periods; all of the migration
@@ -233,7 +264,7 @@ TEST_F(Store, ARow_HoldsItsFieldsInColumnOrder_AndReadsBack) {
 
   rows("UPDATE dravel SET type = -2147483648, priority = 99999999999, delay = NULL");
   read_timers.clear();
-  EXPECT_EQ(load_dravel_db(keep_row), 0);
+  EXPECT_EQ(load_dravel_db(keep_row) + load_disabled_period_db(load_period), 0);
   const dravel_item &read = read_timers.at(0);
   EXPECT_EQ(std::tuple(read.type, read.priority, read.delay), std::tuple(INT_MIN, INT_MAX, 0));
   EXPECT_EQ(std::tuple(read.tm.tm_isdst, read.time_type), std::tuple(13, 17));
@@ -254,6 +285,10 @@ TEST_F(Store, IdsAreNeverGivenTwice_AndTheMarkStandsOnOneRowAtMost) {
     EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
   }
   EXPECT_EQ(rows("SELECT timer_id, type FROM dravel", kWakeupDbPath), "3|99");
+  rows("UPDATE sqlite_sequence SET seq = 2147483646");
+  EXPECT_EQ(insert_dravel_item_db(&item), 0);
+  EXPECT_EQ(item.timer_id, INT_MAX);
+  EXPECT_EQ(undo_insert_dravel_item_db(), 0);
 }
 
 // The second of three rows.

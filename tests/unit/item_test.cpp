@@ -92,13 +92,12 @@ TEST_F(Items, AFullList_LosesItsOldestTimer_WithItsMainLoopTimer) {
 }
 
 TEST_F(Items, AFailedStore_KeepsATimerOut_AndAFailedDeleteStillTakesItOut) {
-  dravel_item *listed = add(kTomorrow), *unstored = make(kTomorrow);
+  dravel_item *listed = add(kTomorrow);
   reset_dravel_db(); // from now on writes are refused
-  EXPECT_EQ(add_dravel_item(unstored), nullptr);
+  EXPECT_EQ(call("schedule_timer", arguments_of(kTomorrow)), words{-1});
   EXPECT_EQ(ids(get_ontimer_list()), "1");
   remove_dravel_item(listed);
   EXPECT_EQ(ids(get_ontimer_list()), "");
-  std::free(unstored);
   std::free(listed); // the daemon never does
 }
 
@@ -120,9 +119,7 @@ TEST_F(Items, AForeignStore_MakesNoTwoTimersOne) {
     rows(foreign);
     load_dravel_list();
     const std::string stored = rows("SELECT timer_id FROM dravel");
-    dravel_item *unstored = make(kTomorrow);
-    EXPECT_EQ(add_dravel_item(unstored), nullptr);
-    std::free(unstored);
+    EXPECT_EQ(call("schedule_timer", arguments_of(kTomorrow)), words{-1});
     EXPECT_EQ(rows("SELECT timer_id FROM dravel"), stored);
   }
 }
@@ -144,11 +141,6 @@ TEST_F(Items, AColdStart_DropsOnAndOffTimers_UnlessTheyAreKept) {
     EXPECT_EQ(ids(load_dravel_list()), kept ? "6 5 4 3 2 1" : "6 5 4 3");
     EXPECT_EQ(rows("SELECT timer_id FROM dravel"), kept ? "1 2 3 4 5 6" : "3 4 5 6");
     EXPECT_EQ(ids(get_ontimer_list()), kept ? "3 1" : "3");
-    load_wakeup_timer(); // no row is marked
-    EXPECT_EQ(get_wakeup_timer(), nullptr);
-    set_micom_flag(3);
-    load_wakeup_timer();
-    EXPECT_EQ(get_wakeup_timer() != nullptr, wakeup_reason == -1);
   }
 }
 
@@ -249,7 +241,7 @@ TEST_F(Periods, AFlaggedFebruary_EndsOnThe29thInALeapYear) {
 
 TEST_F(Periods, KeepTheirOrder_InListAndStore) {
   disabled_period_item *first = add_period("24 00:00", "26 00:00");
-  disabled_period_item *second = add_period("24 00:00", "26 00:00"), refused{};
+  disabled_period_item *second = add_period("24 00:00", "26 00:00");
   EXPECT_EQ(find_disabled_period_item(2), second);
   EXPECT_NE(remove_disabled_period_item(first), nullptr);
   EXPECT_EQ(rows("SELECT period_id FROM disabled_period"), "2");
@@ -259,28 +251,26 @@ TEST_F(Periods, KeepTheirOrder_InListAndStore) {
   EXPECT_EQ(find_disabled_period_item(1), nullptr);
   reset_dravel_db(); // from now on writes are refused
   EXPECT_EQ(remove_disabled_period_item(second), nullptr);
-  EXPECT_EQ(add_disabled_period_item(&refused), nullptr);
-  const int unused = 0;
-  const words list = call("request_disabled_period_list", {&unused, 1});
+  EXPECT_EQ(call("request_set_disable_period", period_arguments("24 00:00", "26 00:00")),
+            words{-1});
+  const words list = call("request_disabled_period_list", 0);
   EXPECT_EQ((words{list[25], list[50], list[75]}), (words{2, 2, 9}));
 }
 
-// February 2106 has no end among the time values.
-TEST_F(Periods, OfEarly2106_AreCountedOnTheCalendar) {
-  set_now("2106-01-20 12:00");
-  dravel_item *item = add({1, "2106-02-01 09:00", 0, 1});
-  add_period("2020-01-25 00:00", "2020-02-20 00:00");
-  EXPECT_EQ(can_skip_timer(item, time_of("2106-02-01 09:00")), SKIP_MOVED);
-  EXPECT_EQ(item->tm.tm_mday, 21);
-  EXPECT_EQ(rows("SELECT tm_mday FROM dravel"), "21");
-}
-
-// A client may send any day of the month.
-TEST_F(Periods, WithAnEndFarAway_MoveATimerWithoutOverflow) {
-  set_now("2027-01-01 12:00");
-  add({1, "2027-01-02 09:00", 0, 1});
-  add_period("2020-01-01 00:00", "2020-02-01 00:00")->end_tm.tm_mday = INT_MAX - 29;
-  EXPECT_EQ(can_skip_timer(find_dravel_item(1), time_of("2027-01-02 09:00")), SKIP_MOVED);
+// February 2106 has no end among the time values; a client may send any day of the month.
+TEST_F(Periods, WithAnEndFarAway_AreCountedOnTheCalendar) {
+  const struct {
+    const char *when;
+    int end_day, moved_to;
+  } cases[] = {{"2106-02-01 09:00", 20, 21}, {"2027-02-02 09:00", INT_MAX - 29, INT_MAX - 28}};
+  for (const auto &[when, end_day, moved_to] : cases) {
+    restart(when);
+    set_now("2027-01-01 12:00");
+    const dravel_item *item = add({1, when, 0, 1});
+    add_period("2020-01-25 00:00", "2020-02-20 00:00")->end_tm.tm_mday = end_day;
+    EXPECT_EQ(can_skip_timer(item, time_of(when)), SKIP_MOVED);
+    EXPECT_EQ(item->tm.tm_mday, moved_to);
+  }
 }
 
 // A kept expiry would move it once in a sorting.
@@ -305,7 +295,7 @@ TEST_F(Periods, HaveTwentyValues_InTheirPlaces) {
                  "end_tm_yday, end_tm_isdst, start_date_leap_year_f, end_date_leap_year_f "
                  "FROM disabled_period"),
             "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|17|18|19|20");
-  EXPECT_EQ(call("request_disabled_period_list", {values.data(), 1}),
+  EXPECT_EQ(call("request_disabled_period_list", 0),
             (words{1,  6,  5,  4,  3,  2,  1,  7,  8, 9, 0,  0,  15,
                    14, 13, 12, 11, 10, 16, 17, 18, 0, 0, 19, 20, 1}));
 }
