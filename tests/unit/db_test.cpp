@@ -165,10 +165,7 @@ TEST_F(Store, AStoreThatCannotBeMigrated_IsDeleted) {
 TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0) {
   const std::string table =
       "CREATE TABLE dravel(timer_id INTEGER, b, c, d, e, f, g, h, i, j, k, l, m, n, o";
-  const struct {
-    std::string main;
-    const char *expected;
-  } cases[] = {
+  const std::tuple<std::string, const char *> cases[] = {
       {", p, q); INSERT INTO dravel VALUES(9,2,3,4,5,6,7,8,9,10,11,12,13,14,15,1,16),"
        "(4,1,0,0,0,0,7,1,0,120,0,0,0,0,127,0,NULL)",
        "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|0|0 2|1|0|0|0|0|7|1|0|120|0|0|0|0|127|0|0|1"},
