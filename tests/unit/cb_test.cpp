@@ -109,4 +109,10 @@ TEST_F(Expiry, InADisabledPeriod_OnlyRepeatingTimersThatOptIn_AreSkipped) {
     EXPECT_EQ(events(), expected);
     EXPECT_EQ(rows("SELECT tm_mday FROM dravel"), day);
   }
+  dravel_expire_cb(nullptr, nullptr);
+  standin().refused = {"Unsigned_timegm"}; // the real-time clock shows no date
+  standin_set_tv_clock(0);
+  logged();
+  dravel_expire_cb(add({4, kNoon, 0, 0, TIME_TYPE_INTERNET}), nullptr);
+  EXPECT_NE(logged().find("dravel_expire_cb > cur time:[0]\n"), std::string::npos);
 }

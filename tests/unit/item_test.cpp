@@ -12,44 +12,43 @@ static const new_timer kTomorrow{0, "16 07:00"};
 
 // On-timers know no seconds, except on a weekly timer's first day when that is not today. A time
 // that has come is past, unless the TV clock is about to wrap from 2099 to 2001.
-TEST_F(Items, NextExpiry_OnTheTvClock) {
-  const std::tuple<const char *, int, const char *, int, const char *> cases[] = {
-      {kNoon, 0, "16 08:00:30", 0, "16 08:00"},
-      {kNoon, 1, "16 08:00:30", 0, "16 08:00:30"},
-      {kNoon, 255, "16 08:00:30", 0, "16 08:00:30"},
-      {kNoon, 0, "16 08:00:-5", 0, "16 07:59:55"},
-      {kNoon, 1, kNoon, 0, "-1"},
-      {"2099-05-01 00:00", 1, "2001-03-01 08:00", 0, "2001-03-01 08:00"},
-      {"2099-05-01 00:00", 1, "2002-03-01 08:00", 0, "-1"},
-      {"15 06:59:59", 0, "01 07:00", kDaily, "15 07:00"},
-      {"15 07:00", 0, "01 07:00", kDaily, "16 07:00"},
-      {"27 12:00", 0, "01 07:00", kSun, "2027-01-03 07:00"},
-      {kNoon, 0, "01 07:00", 0x80, "-1"},
-      {kNoon, 0, "01 07:00:45", kWed, "16 07:00:45"},
-      {kNoon, 0, "01 07:00:45", kTue | kWed, "16 07:00"},
-      {kNoon, 1, "01 07:00:45", kTue | kWed, "16 07:00:45"}};
-  for (const auto &[now, type, when, week_flag, expected] : cases) {
-    restart(when);
-    set_now(now);
-    EXPECT_EQ(next(add({type, when, week_flag})), expected);
-  }
-}
-
-TEST_F(Items, NextExpiry_CarriesInternetTimesOntoTheTvClock_OrElseTheRealTimeClock) {
-  const std::tuple<const char *, const char *, const char *, const char *, int, int, const char *>
-      cases[] = {{kNoon, "15 11:00", "", "16 07:00", 0, 1, "16 08:00"},
-                 {kNoon, "15 11:00", "", "01 07:00", kWed, 1, "16 08:00"},
-                 {"16 00:30", "15 23:30", "", "01 23:45", kTue, 1, "16 00:45"},
-                 {"", kNoon, "15 13:00", "16 07:00", 0, 1, "16 08:00"},
-                 {"", kNoon, "", "16 07:00", 0, 1, "-2"},
-                 {"", kNoon, kNoon, "16 07:00", 0, 0, "-2"},
-                 {"", kNoon, kNoon, "16 07:00", kDaily, 2, "-2"},
-                 {"2104-12-15 13:00", "2104-12-15 12:00", kNoon, "2104-12-15 12:30", 0, 1,
-                  "2104-12-15 13:30"}};
-  for (const auto &[tv, system, rtc, when, week_flag, time_type, expected] : cases) {
-    restart(when);
+TEST_F(Items, NextExpiry_IsOnTheTvClock_OrElseOnTheRealTimeClock) {
+  const std::tuple<std::string, std::string, std::string, new_timer, std::string> cases[] = {
+      {kNoon, kNoon, kNoon, {0, "16 08:00:30"}, "16 08:00"},
+      {kNoon, kNoon, kNoon, {1, "16 08:00:30"}, "16 08:00:30"},
+      {kNoon, kNoon, kNoon, {255, "16 08:00:30"}, "16 08:00:30"},
+      {kNoon, kNoon, kNoon, {0, "16 08:00:-5"}, "16 07:59:55"},
+      {kNoon, kNoon, kNoon, {1, kNoon}, "-1"},
+      {"2099-05-01 00:00",
+       "2099-05-01 00:00",
+       "2099-05-01 00:00",
+       {1, "2001-03-01 08:00"},
+       "2001-03-01 08:00"},
+      {"2099-05-01 00:00", "2099-05-01 00:00", "2099-05-01 00:00", {1, "2002-03-01 08:00"}, "-1"},
+      {"15 06:59:59", "15 06:59:59", "15 06:59:59", {0, "01 07:00", kDaily}, "15 07:00"},
+      {"15 07:00", "15 07:00", "15 07:00", {0, "01 07:00", kDaily}, "16 07:00"},
+      {"27 12:00", "27 12:00", "27 12:00", {0, "01 07:00", kSun}, "2027-01-03 07:00"},
+      {kNoon, kNoon, kNoon, {0, "01 07:00", 0x80}, "-1"},
+      {kNoon, kNoon, kNoon, {0, "01 07:00:45", kWed}, "16 07:00:45"},
+      {kNoon, kNoon, kNoon, {0, "01 07:00:45", kTue | kWed}, "16 07:00"},
+      {kNoon, kNoon, kNoon, {1, "01 07:00:45", kTue | kWed}, "16 07:00:45"},
+      // The system clock's times are carried over.
+      {kNoon, "15 11:00", "", {0, "16 07:00", 0, 0, 1}, "16 08:00"},
+      {kNoon, "15 11:00", "", {0, "01 07:00", kWed, 0, 1}, "16 08:00"},
+      {"16 00:30", "15 23:30", "", {0, "01 23:45", kTue, 0, 1}, "16 00:45"},
+      {"", kNoon, "15 13:00", {0, "16 07:00", 0, 0, 1}, "16 08:00"},
+      {"", kNoon, "", {0, "16 07:00", 0, 0, 1}, "-2"},
+      {"", kNoon, kNoon, {0, "16 07:00"}, "-2"},
+      {"", kNoon, kNoon, {0, "16 07:00", kDaily, 0, 2}, "-2"},
+      {"2104-12-15 13:00",
+       "2104-12-15 12:00",
+       "",
+       {0, "2104-12-15 12:30", 0, 0, 1},
+       "2104-12-15 13:30"}};
+  for (const auto &[tv, system, rtc, timer, expected] : cases) {
+    restart(timer.when);
     set_clocks(tv, system, rtc);
-    EXPECT_EQ(next(add({0, when, week_flag, 0, time_type})), expected);
+    EXPECT_EQ(next(add(timer)), expected);
   }
 }
 
