@@ -99,11 +99,12 @@ void pass(double seconds) {
 bool fire(const loop_timer &timer) {
   auto &running = *const_cast<loop_timer *>(&timer);
   running.running = true;
-  const bool again = running.callback(running.data) != ECORE_CALLBACK_CANCEL;
+  const Eina_Bool again = running.callback(running.data);
+  EXPECT_LE(again, ECORE_CALLBACK_RENEW);
   running.running = false;
-  if (!again)
+  if (again == ECORE_CALLBACK_CANCEL)
     timers.erase(find_live(&running));
-  return again;
+  return again != ECORE_CALLBACK_CANCEL;
 }
 
 bool fire(Ecore_Task_Cb callback) {
