@@ -19,6 +19,9 @@ static std::vector<std::pair<Ecore_Task_Cb, void *>> idle_steps;
 static double loop_time;
 static std::time_t system_clock;
 
+// Operations fail where the stand-in's record names them.
+static bool refuses(const char *operation) { return standin().refused.contains(operation); }
+
 // --- the main loop and the clock ---
 
 static auto find_live(const void *handle) {
@@ -36,6 +39,8 @@ std::time_t time(std::time_t *timer) noexcept {
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *data) {
   EXPECT_TRUE(std::isfinite(seconds) && seconds >= 0) << "a main-loop timer for no time";
+  if (refuses(__func__))
+    return nullptr;
   timers.push_back(
       std::make_unique<loop_timer>(loop_timer{seconds, callback, const_cast<void *>(data)}));
   return reinterpret_cast<Ecore_Timer *>(timers.back().get());
@@ -141,8 +146,6 @@ static E_DBus_Interface the_interface;
 static std::vector<bound_method> methods;
 
 const std::vector<bound_method> &bound_methods() { return methods; }
-
-static bool refuses(const char *step) { return standin().refused.contains(step); }
 
 int e_dbus_init() { return refuses(__func__) ? 0 : 1; }
 

@@ -44,6 +44,8 @@ TEST_F(Scheduler, ATimer_IsArmedForItsDistance_OrRefused) {
               timer.when == "2027-12-15 12:00:01");
     EXPECT_EQ(armed(2), result == 0 ? time_text(time_of(tv) + seconds) : "");
   }
+  standin().refused = {"ecore_timer_add"};
+  EXPECT_EQ(schedule_dravel_item(find_dravel_item(1), dravel_expire_cb, nullptr), -1);
 }
 
 // The system clock is an hour behind the TV clock. "" stands for a timer that is removed.
@@ -159,6 +161,7 @@ TEST_F(WakeupTime, IsTheEarliestOnTime_ChosenAgainOnlyWhenItMatters) {
     arm(added);
     EXPECT_EQ(requests(), expected);
     EXPECT_TRUE(micom_ontimer.timer_id != 1 || micom_ontimer.priority == 4);
+    EXPECT_EQ(logged().find("Failed"), std::string::npos);
   }
 }
 
