@@ -332,23 +332,20 @@ int integrity_check(const char *path) {
 
   sqlite3 *handle = nullptr;
   const int opened = sqlite3_open(path, &handle);
-  connection db(handle, sqlite3_close);
+  const connection db(handle, sqlite3_close);
   if (opened != SQLITE_OK) {
     LOGE("DB open fail: [%s], remove", sqlite3_errmsg(handle));
-    db.reset();
     unlink(path);
     return -1;
   }
   if (is_empty(path)) {
     LOGE("integrity_check file size = 0, remove");
-    db.reset();
     unlink(path);
     return -1;
   }
 
   bool failed = false;
   const int checked = execute(handle, "pragma integrity_check", check_callback, &failed).code;
-  db.reset();
   if (checked == SQLITE_CORRUPT) {
     LOGE("integrity_check [%s] SQLITE_CORRUPT, r = %d , SQLITE_CORRUPT = %d", path, checked,
          SQLITE_CORRUPT);
