@@ -140,8 +140,11 @@ void end_clean_set() {
   stop_dravel();
   EXPECT_TRUE(scheduled_timer_table == nullptr && cb_data_table == nullptr);
   EXPECT_EQ(open_files(), files_before);
+  for (const char *subscription :
+       {"poweroff", "standby", "wakeup", "ambient_poweroff", "state_changed_event", "signal"})
+    EXPECT_EQ(standin_subscribers(subscription), 0) << subscription;
   reset_runtime_state();
-  run_idle_steps();
+  state_changes();
   EXPECT_EQ(pending(wait_cur_time_cb), static_cast<int>(live_timers().size()));
   forget_timers();
   logged();

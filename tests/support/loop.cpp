@@ -165,11 +165,11 @@ DBusPendingCall *e_dbus_request_name(E_DBus_Connection *, const char *, unsigned
 // The stand-in gets no object: it is driven directly.
 E_DBus_Object *e_dbus_object_add(E_DBus_Connection *, const char *path, void *) {
   const bool is_daemons = std::string_view(path).starts_with(kDravelObjectPath);
-  return is_daemons && !refuses(__func__) ? &the_object : nullptr;
+  return is_daemons && !refuses(__func__) && !refuses(path) ? &the_object : nullptr;
 }
 
-E_DBus_Interface *e_dbus_interface_new(const char *) {
-  return refuses(__func__) ? nullptr : &the_interface;
+E_DBus_Interface *e_dbus_interface_new(const char *name) {
+  return refuses(__func__) || refuses(name) ? nullptr : &the_interface;
 }
 
 int e_dbus_interface_method_add(E_DBus_Interface *, const char *member, const char *signature,

@@ -81,7 +81,8 @@ TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
   fs::remove(kDravelDbPath);
   fs::create_directory(kDravelDbPath); // loses nothing that may lie in it
   EXPECT_EQ(initialize_dravel_db(), SQLITE_CANTOPEN);
-  EXPECT_EQ(make_db_file_manual(kDravelDbPath), -1);
+  EXPECT_EQ(make_db_file_manual(kDravelDbPath) + integrity_check(kDravelDbPath), -2);
+  EXPECT_EQ(integrity_check("/no/where"), -1);
   EXPECT_TRUE(fs::is_directory(kDravelDbPath));
   EXPECT_EQ(close_dravel_db(), 0);
   logged();
