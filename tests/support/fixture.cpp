@@ -140,8 +140,7 @@ void end_clean_set() {
   stop_dravel();
   EXPECT_TRUE(scheduled_timer_table == nullptr && cb_data_table == nullptr);
   EXPECT_EQ(open_files(), files_before);
-  for (const char *subscription :
-       {"poweroff", "standby", "wakeup", "ambient_poweroff", "state_changed_event", "signal"})
+  for (const char *subscription : kSubscriptions)
     EXPECT_EQ(standin_subscribers(subscription), 0) << subscription;
   reset_runtime_state();
   state_changes();

@@ -43,6 +43,9 @@ template <typename... Ints> words call(const char *method, int first, Ints... ot
 std::string requests();
 std::string events();
 
+inline constexpr const char *kSubscriptions[] = {
+    "poweroff", "standby", "wakeup", "ambient_poweroff", "state_changed_event", "signal"};
+
 // clear_set: as before a start. begin_clean_set: the start, without the daemon's idle step.
 // end_clean_set: removes all items by the daemon's operations; fails when something is left.
 void clear_set();

@@ -355,8 +355,7 @@ TEST_F(Events, AWakeup_DisarmsTheProgrammedTimer_AndWaitsForAnUntrustedClock) {
 }
 
 TEST_F(Events, Subscriptions_StopAtTheFirstRefusal_AndAreMadeOnce) {
-  const char *names[] = {"poweroff", "standby", "wakeup", "ambient_poweroff",
-                         "state_changed_event"};
+  const std::span names = std::span(kSubscriptions).first(5);
   int before = 0;
   for (const std::string refused : names) {
     restart(refused);
@@ -541,9 +540,9 @@ TEST_F(Events, AStart_LoadsTimersAndHolidays_AndSubscribes) {
     EXPECT_EQ(armed(2) + armed(3), known ? "17 07:0017 07:00" : "");
     EXPECT_EQ(fs::exists(kFinishMarkerPath), known);
     EXPECT_EQ(pending(wait_dravel_finish_cb), known ? 0 : 1);
-    for (const char *name :
-         {"poweroff", "standby", "wakeup", "ambient_poweroff", "state_changed_event", "signal",
-          kSettingsTimeZone, kSettingsClockMode, kSettingsTimeSet})
+    for (const char *name : kSubscriptions)
+      EXPECT_EQ(standin_subscribers(name), 1) << name;
+    for (const char *name : {kSettingsTimeZone, kSettingsClockMode, kSettingsTimeSet})
       EXPECT_EQ(standin_subscribers(name), 1) << name;
   }
 }
