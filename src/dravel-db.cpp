@@ -93,7 +93,8 @@ struct sql_result {
 
 // A statement's text, cut off at the limit of the buffer.
 struct statement {
-  char text[1024];
+  char text[1024] = "";
+  static constexpr std::size_t kLimit = sizeof text - 1;
 };
 
 using connection = std::unique_ptr<sqlite3, int (*)(sqlite3 *)>;
@@ -115,15 +116,15 @@ static sql_result execute(sqlite3 *db, const char *sql, row_callback callback = 
 template <typename... Values>
 static sql_result execute_with(sqlite3 *db, const char *format, Values... values) {
   statement sql;
-  std::snprintf(sql.text, sizeof sql.text, format, values...);
+  std::snprintf(sql.text, statement::kLimit, format, values...);
   return execute(db, sql.text);
 }
 
 // Fills `format` with the fields from column `First` on, then `last`.
 template <std::size_t First, typename Record, std::size_t... I, typename... Last>
-static void format_fields(statement &sql, const char *format, const Record &record,
+static void format_fields(char *buf, const char *format, const Record &record,
                           std::index_sequence<I...>, Last... last) {
-  std::snprintf(sql.text, sizeof sql.text, format,
+  std::snprintf(buf, statement::kLimit, format,
                 field_of(record, kRecordFields<Record>[First + I])..., last...);
 }
 
@@ -157,6 +158,20 @@ static int dravel_row_cb(void *fn, int columns, char **values, char **) {
 static int disabled_period_row_cb(void *fn, int columns, char **values, char **) {
   deliver_row<disabled_period_item>(fn, columns, values);
   return 0;
+}
+
+// One builder for the insert, which ends with the mark of a new row, and the
+// update, which ends with the row's id.
+static void query_dravel_db_str(char *buf, const dravel_item *item, const char *format, int last) {
+  if (buf == nullptr || item == nullptr || format == nullptr)
+    return;
+  format_fields<1>(buf, format, *item, fields_of<dravel_item, 1>{}, last);
+}
+
+static void query_wakeup_dravel_db_str(char *buf, const dravel_item *item, const char *format) {
+  if (buf == nullptr || item == nullptr || format == nullptr)
+    return;
+  format_fields<0>(buf, format, *item, fields_of<dravel_item, 0>{});
 }
 
 int load_dravel_db(dravel_row_fn fn) {
@@ -206,7 +221,7 @@ static sql_result insert_row(const char *table, const char *sql, int *id) {
 
 int insert_dravel_item_db(dravel_item *item) {
   statement sql;
-  format_fields<1>(sql, kInsertDravel, *item, fields_of<dravel_item, 1>{}, kUnmarked);
+  query_dravel_db_str(sql.text, item, kInsertDravel, kUnmarked);
   const sql_result result = insert_row("dravel", sql.text, &item->timer_id);
   if (!result.ok())
     LOGE("failed to insert dravel item: %s\n", result.text());
@@ -217,7 +232,7 @@ int undo_insert_dravel_item_db(void) { return undo_insert("dravel"); }
 
 int update_dravel_item_db(const dravel_item *item) {
   statement sql;
-  format_fields<1>(sql, kUpdateDravel, *item, fields_of<dravel_item, 1>{}, item->timer_id);
+  query_dravel_db_str(sql.text, item, kUpdateDravel, item->timer_id);
   const sql_result result = execute(dravel_db, sql.text);
   if (!result.ok())
     LOGE("failed to update dravel item[id:%d]: %s\n", item->timer_id, result.text());
@@ -262,7 +277,7 @@ int insert_wakeup_dravel_item_db(const dravel_item *item) {
   }
 
   statement sql;
-  format_fields<0>(sql, kInsertWakeupDravel, *item, fields_of<dravel_item, 0>{});
+  query_wakeup_dravel_db_str(sql.text, item, kInsertWakeupDravel);
   const sql_result inserted = execute(wakeup_dravel_db, sql.text);
   if (!inserted.ok())
     LOGE("failed to insert wakeup dravel item: %s\n", inserted.text());
@@ -279,7 +294,7 @@ int load_disabled_period_db(disabled_period_row_fn fn) {
 
 int insert_disabled_period_item_db(disabled_period_item *period) {
   statement sql;
-  format_fields<1>(sql, kInsertDisabledPeriod, *period, fields_of<disabled_period_item, 1>{});
+  format_fields<1>(sql.text, kInsertDisabledPeriod, *period, fields_of<disabled_period_item, 1>{});
   const sql_result result = insert_row("disabled_period", sql.text, &period->period_id);
   if (!result.ok())
     LOGE("failed to insert disabled period item: %s\n", result.text());
@@ -289,7 +304,7 @@ int insert_disabled_period_item_db(disabled_period_item *period) {
 int update_disable_period_db(const disabled_period_item *period) {
   statement sql;
   // All but the row id and the two leap-year flags.
-  format_fields<1>(sql, kUpdateDisabledPeriod, *period, fields_of<disabled_period_item, 3>{},
+  format_fields<1>(sql.text, kUpdateDisabledPeriod, *period, fields_of<disabled_period_item, 3>{},
                    period->period_id);
   const sql_result result = execute(dravel_db, sql.text);
   if (!result.ok())

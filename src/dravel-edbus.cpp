@@ -165,6 +165,7 @@ static int take_item(dravel_item *item) {
 static DBusMessage *edbus_schedule_timer_cb(E_DBus_Object *, DBusMessage *msg) {
   method_call call(msg);
   dravel_item fields{};
+  fields.timer_id = kUnstoredTimerId;
   if (!read_record(call, fields))
     return nullptr;
   dravel_item *item = copy_dravel_item(&fields);
