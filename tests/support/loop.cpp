@@ -206,9 +206,9 @@ void e_dbus_properties_changed(E_DBus_Object *, const E_DBus_Interface *,
 void e_dbus_object_interface_attach(E_DBus_Object *, E_DBus_Interface *) {}
 
 // The daemon's signals stand among the requests that it makes of the set, in their order.
-DBusPendingCall *e_dbus_message_send(E_DBus_Connection *bus, DBusMessage *message,
+DBusPendingCall *e_dbus_message_send(E_DBus_Connection *connection, DBusMessage *message,
                                      E_DBus_Method_Return_Cb, int, void *) {
-  EXPECT_NE(bus, nullptr);
+  EXPECT_NE(connection, nullptr);
   const std::string member = dbus_message_get_member(message);
   dbus_int32_t value = 0;
   const char *reason = "";

@@ -106,26 +106,26 @@ static void other(const char *sql) {
 class no_sleep {
 public:
   explicit no_sleep(const char *path, void (*instead)()) {
-    asleep_ = instead;
-    vfs_ = *sqlite3_vfs_find(nullptr);
+    asleep = instead;
+    vfs = *sqlite3_vfs_find(nullptr);
     sqlite3_open(path, &other_process);
-    vfs_.zName = "no sleep";
-    vfs_.xSleep = [](sqlite3_vfs *, int microseconds) {
-      asleep_();
+    vfs.zName = "no sleep";
+    vfs.xSleep = [](sqlite3_vfs *, int microseconds) {
+      asleep();
       return microseconds;
     };
-    sqlite3_vfs_register(&vfs_, 1);
+    sqlite3_vfs_register(&vfs, 1);
   }
   ~no_sleep() {
-    sqlite3_vfs_unregister(&vfs_);
+    sqlite3_vfs_unregister(&vfs);
     sqlite3_close(other_process);
   }
   no_sleep(const no_sleep &) = delete;
   no_sleep &operator=(const no_sleep &) = delete;
 
 private:
-  static inline sqlite3_vfs vfs_;
-  static inline void (*asleep_)();
+  static inline sqlite3_vfs vfs;
+  static inline void (*asleep)();
 };
 
 TEST_F(Store, ALockedFile_IsWaitedForAtTheStart_AndRefusesARowLater) {
