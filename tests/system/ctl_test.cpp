@@ -217,7 +217,9 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
   start();
   shell("ctl add --at 7:00 --on mon; ctl holidays add 12-24; ctl export >x\n"
         "ctl cancel 1; ctl holidays remove 1");
-  constexpr std::pair<const char *, const char *> kFaults[] = {
+  static constexpr struct {
+    const char *edit, *said;
+  } kFaults[] = {
       {"s/\"priority\": 0/\"priority\": \"high\"/",
        "timers[0].priority is \"high\"; it must be a whole number from -2147483648 to 2147483647"},
       {"s/\"type\": 0/\"type\": 255/",

@@ -96,19 +96,21 @@ TEST_F(BusTest, UnknownTargets_GetTheStandardErrors) {
 }
 
 TEST_F(BusTest, Properties_AreReadAndWritten_OrRefusedWithTheStandardErrors) {
-  const std::pair<std::string, const char *> calls[] = {
-      {"Get org.olvara.test Volume", "(<7>,)"},
-      {"Get '' Heard", "(<7>,)"},
-      {"Get org.olvara.test Colour", DBUS_ERROR_UNKNOWN_PROPERTY},
-      {"Get org.olvara.other Volume", DBUS_ERROR_UNKNOWN_INTERFACE},
-      {"Get org.olvara.test", DBUS_ERROR_INVALID_ARGS},
-      {"Set org.olvara.test Volume '<8>'", "()"},
-      {"Set org.olvara.test Volume '<12>'", DBUS_ERROR_INVALID_ARGS},
-      {"Set org.olvara.test Volume '<true>'", DBUS_ERROR_INVALID_ARGS},
-      {"Set org.olvara.test Heard '<8>'", DBUS_ERROR_PROPERTY_READ_ONLY},
-      {"GetAll org.olvara.test", "({'Volume': <8>, 'Heard': <8>},)"},
-      {"GetAll org.freedesktop.DBus.Introspectable", "(@a{sv} {},)"},
-      {"GetAll org.olvara.other", DBUS_ERROR_UNKNOWN_INTERFACE}};
+  const struct {
+    std::string method;
+    const char *answer;
+  } calls[] = {{"Get org.olvara.test Volume", "(<7>,)"},
+               {"Get '' Heard", "(<7>,)"},
+               {"Get org.olvara.test Colour", DBUS_ERROR_UNKNOWN_PROPERTY},
+               {"Get org.olvara.other Volume", DBUS_ERROR_UNKNOWN_INTERFACE},
+               {"Get org.olvara.test", DBUS_ERROR_INVALID_ARGS},
+               {"Set org.olvara.test Volume '<8>'", "()"},
+               {"Set org.olvara.test Volume '<12>'", DBUS_ERROR_INVALID_ARGS},
+               {"Set org.olvara.test Volume '<true>'", DBUS_ERROR_INVALID_ARGS},
+               {"Set org.olvara.test Heard '<8>'", DBUS_ERROR_PROPERTY_READ_ONLY},
+               {"GetAll org.olvara.test", "({'Volume': <8>, 'Heard': <8>},)"},
+               {"GetAll org.freedesktop.DBus.Introspectable", "(@a{sv} {},)"},
+               {"GetAll org.olvara.other", DBUS_ERROR_UNKNOWN_INTERFACE}};
   for (const auto &[method, answer] : calls)
     EXPECT_THAT(call(kPath, "org.freedesktop.DBus.Properties." + method), HasSubstr(answer))
         << method;

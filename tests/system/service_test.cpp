@@ -93,10 +93,11 @@ TEST_F(Service, State_ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
 }
 
 TEST_F(Service, AStartThatIsRefusedWhatItNeeds_EndsWithStatus255) {
-  const std::tuple<const char *, const char *, const char *> cases[] = {
-      {"unix:path=/run/bench/nowhere", "", "init_edbus_handler() failed"},
-      {kSandboxBus, "settings_notify_key_changed", "init_settings_handler() failed"},
-      {kSandboxBus, "device_power_subscribe_wakeup", "init_poweroff_handler() failed"}};
+  const struct {
+    const char *address, *refused, *logged;
+  } cases[] = {{"unix:path=/run/bench/nowhere", "", "init_edbus_handler() failed"},
+               {kSandboxBus, "settings_notify_key_changed", "init_settings_handler() failed"},
+               {kSandboxBus, "device_power_subscribe_wakeup", "init_poweroff_handler() failed"}};
   for (const auto &[address, refused, logged] : cases) {
     launch(address, std::string("Refuse=") + refused);
     wait_log(logged);

@@ -85,15 +85,19 @@ TEST_F(Expiry, InADisabledPeriod_OnlyRepeatingTimersThatOptIn_AreSkipped) {
   const std::string announced = "dravel_week_flag_expired 127; dravel_expired 1; "
                                 "dravel_type_expired 1; poweroff 1 0";
   const std::string once = "dravel_week_flag_expired 0; dravel_expired 1; dravel_type_expired ";
-  const std::tuple<const char *, int, int, int, int, std::string, const char *> cases[] = {
-      {kNoon, 1, kDaily, 1, 0, "", "15"},
-      {kNoon, 1, kDaily, 0, 0, announced, "15"},
-      {kNoon, 1, 0, 1, 0, once + "1; poweroff 1 0", "21"}, // moved past the period
-      {kNoon, 9, 0, 1, 0, once + "9", "15"},
-      {"21 12:00", 1, kDaily, 1, 0, announced, "15"},
-      {"09 23:59:59", 1, kDaily, 1, 0, announced, "15"},
-      {"", 1, kDaily, 1, TIME_TYPE_INTERNET, "", "15"},
-      {"", 1, kDaily, 1, TIME_TYPE_RTC, announced, "15"}};
+  const struct {
+    const char *tv;
+    int type, week_flag, effect, time_type;
+    std::string expected;
+    const char *day;
+  } cases[] = {{kNoon, 1, kDaily, 1, 0, "", "15"},
+               {kNoon, 1, kDaily, 0, 0, announced, "15"},
+               {kNoon, 1, 0, 1, 0, once + "1; poweroff 1 0", "21"}, // moved past the period
+               {kNoon, 9, 0, 1, 0, once + "9", "15"},
+               {"21 12:00", 1, kDaily, 1, 0, announced, "15"},
+               {"09 23:59:59", 1, kDaily, 1, 0, announced, "15"},
+               {"", 1, kDaily, 1, TIME_TYPE_INTERNET, "", "15"},
+               {"", 1, kDaily, 1, TIME_TYPE_RTC, announced, "15"}};
   for (const auto &[tv, type, week_flag, effect, time_type, expected, day] : cases) {
     restart(std::to_string(type) + expected + tv);
     dravel_item *item = add({type, kNoon, week_flag, effect, time_type});

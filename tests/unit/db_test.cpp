@@ -34,7 +34,11 @@ static void overwrite_pages(const char *path, std::streamoff from) {
 }
 
 TEST_F(Store, AUselessFile_IsReplacedByAnEmptySoundStore) {
-  const std::tuple<const char *, bool, void (*)(const char *path)> cases[] = {
+  const struct {
+    const char *line;
+    bool left;
+    void (*spoil)(const char *path);
+  } cases[] = {
       {"file size = 0, remove\n", false, [](const char *path) { fs::resize_file(path, 0); }},
       {"SQLITE_CORRUPT = 11\n", true, [](const char *path) { overwrite_pages(path, 100); }},
       {"SQLITE_CORRUPT = 11\n", true, [](const char *path) { overwrite_pages(path, 8192); }},
@@ -162,7 +166,10 @@ TEST_F(Store, AStoreThatCannotBeMigrated_IsDeleted) {
 TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0) {
   const std::string table =
       "CREATE TABLE dravel(timer_id INTEGER, b, c, d, e, f, g, h, i, j, k, l, m, n, o";
-  const std::tuple<std::string, const char *> cases[] = {
+  const struct {
+    std::string main;
+    const char *expected;
+  } cases[] = {
       {", p, q); INSERT INTO dravel VALUES(9,2,3,4,5,6,7,8,9,10,11,12,13,14,15,1,16),"
        "(4,1,0,0,0,0,7,1,0,120,0,0,0,0,127,0,NULL)",
        "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|0|0 2|1|0|0|0|0|7|1|0|120|0|0|0|0|127|0|0|1"},
@@ -199,7 +206,10 @@ static int refuse_commit(void *) { return 1; }
 // A column that was added is in none of the old rows, so that the new rows need more space.
 TEST_F(Store, AMigrationThatFails_IsTriedAgain_AndLosesNothing) {
   const auto entry = reinterpret_cast<void (*)()>(opened);
-  const std::pair<const char *, void (*)(sqlite3 * db)> faults[] = {
+  const struct {
+    const char *name;
+    void (*fail)(sqlite3 *db);
+  } faults[] = {
       {"the file cannot grow",
        [](sqlite3 *db) {
          sqlite3_exec(db, "PRAGMA max_page_count = 1", nullptr, nullptr, nullptr);

@@ -13,7 +13,11 @@ static const new_timer kTomorrow{0, "16 07:00"};
 // On-timers know no seconds, except on a weekly timer's first day when that is not today. A time
 // that has come is past, unless the TV clock is about to wrap from 2099 to 2001.
 TEST_F(Items, NextExpiry_IsOnTheTvClock_OrElseOnTheRealTimeClock) {
-  const std::tuple<std::string, std::string, std::string, new_timer, std::string> cases[] = {
+  const struct {
+    std::string tv, system, rtc;
+    new_timer timer;
+    std::string expected;
+  } cases[] = {
       {kNoon, kNoon, kNoon, {0, "16 08:00:30"}, "16 08:00"},
       {kNoon, kNoon, kNoon, {1, "16 08:00:30"}, "16 08:00:30"},
       {kNoon, kNoon, kNoon, {255, "16 08:00:30"}, "16 08:00:30"},
@@ -116,9 +120,11 @@ TEST_F(Items, AForeignStore_MakesNoTwoTimersOne) {
 }
 
 TEST_F(Items, AColdStart_DropsOnAndOffTimers_UnlessTheyAreKept) {
-  const std::tuple<int, int, int, bool> cases[] = {{0, 0, 0, false}, {-1, 0, 0, false},
-                                                   {1, 0, 0, true},  {0, 1, 0, true},
-                                                   {0, -1, 0, true}, {0, 0, 1, true}};
+  const struct {
+    int sync_db, wakeup_reason, relaunch;
+    bool kept;
+  } cases[] = {{0, 0, 0, false}, {-1, 0, 0, false}, {1, 0, 0, true},
+               {0, 1, 0, true},  {0, -1, 0, true},  {0, 0, 1, true}};
   for (const auto &[sync_db, wakeup_reason, relaunch, kept] : cases) {
     restart(std::to_string(sync_db) + std::to_string(wakeup_reason) + std::to_string(relaunch));
     rows("WITH t(type, hour) AS (VALUES(0,9),(1,8),(2,7),(-1,6),(300,5),(16,4))"
@@ -158,11 +164,13 @@ TEST_F(Items, TheMarkedTimer_WokeTheSet_WhenTheReasonIsATimers) {
 }
 
 TEST_F(Items, Standby_IsSkipped_WhenAnOnTimerFollowsWithin599Seconds) {
-  const std::tuple<const char *, const char *, const char *, int> cases[] = {
-      {kNoon, "15 22:00:01", "15 22:10", 1},
-      {kNoon, "15 22:00", "15 22:10", 0},
-      {kNoon, "15 22:00", "15 22:00", 0},
-      {"1970-01-01 00:01", "2106-02-07 06:28", "1970-01-01 00:05", 1}};
+  const struct {
+    const char *now, *standby, *ontimer;
+    int expected;
+  } cases[] = {{kNoon, "15 22:00:01", "15 22:10", 1},
+               {kNoon, "15 22:00", "15 22:10", 0},
+               {kNoon, "15 22:00", "15 22:00", 0},
+               {"1970-01-01 00:01", "2106-02-07 06:28", "1970-01-01 00:05", 1}};
   for (const auto &[now, standby, ontimer, expected] : cases) {
     restart(standby);
     set_now(now);
@@ -176,7 +184,13 @@ TEST_F(Items, Standby_IsSkipped_WhenAnOnTimerFollowsWithin599Seconds) {
 
 // A period over the new year holds nothing; a flagged end of February follows the present year.
 TEST_F(Periods, RefuseRepeatingTimers_AndMoveOneShotOnes) {
-  const std::tuple<const char *, const char *, int, const char *, int, const char *> cases[] = {
+  const struct {
+    const char *start, *end;
+    int leap;
+    const char *when;
+    int week_flag;
+    const char *expected;
+  } cases[] = {
       {"16 00:00", "18 00:00", 0, "01 07:00", kDaily, "19 07:00"},
       {"2020-01-01 00:00", "31 00:00", 0, "01 07:00", kDaily, "-1"},
       {"16 00:00", "20 00:00", 0, "18 09:00:30", 0, "21 09:00"},
@@ -203,11 +217,14 @@ TEST_F(Periods, RefuseRepeatingTimers_AndMoveOneShotOnes) {
 
 // An unknown TV clock counts from 1970; no clock at all leaves the occurrence's year.
 TEST_F(Periods, AFlaggedFebruary_EndsOnThe29thInALeapYear) {
-  const std::tuple<const char *, int, int, int> cases[] = {{"2028-02-01 00:00", 1, 0, SKIP_REFUSED},
-                                                           {"2028-02-01 00:00", 0, 0, SKIP_NO},
-                                                           {"2027-02-01 00:00", 1, 0, SKIP_NO},
-                                                           {"", 1, 0, SKIP_NO},
-                                                           {"", 1, 2, SKIP_REFUSED}};
+  const struct {
+    const char *now;
+    int leap, time_type, expected;
+  } cases[] = {{"2028-02-01 00:00", 1, 0, SKIP_REFUSED},
+               {"2028-02-01 00:00", 0, 0, SKIP_NO},
+               {"2027-02-01 00:00", 1, 0, SKIP_NO},
+               {"", 1, 0, SKIP_NO},
+               {"", 1, 2, SKIP_REFUSED}};
   for (const auto &[now, leap, time_type, expected] : cases) {
     restart(std::string(now) + std::to_string(leap) + std::to_string(time_type));
     set_now(now);
@@ -237,8 +254,10 @@ TEST_F(Periods, KeepTheirOrder_InListAndStore) {
 
 // February 2106 has no end among the time values; a client may send any day of the month.
 TEST_F(Periods, WithAnEndFarAway_AreCountedOnTheCalendar) {
-  const std::tuple<const char *, int, int> cases[] = {
-      {"2106-02-01 09:00", 20, 21}, {"2027-02-02 09:00", INT_MAX - 29, INT_MAX - 28}};
+  const struct {
+    const char *when;
+    int end_day, moved_to;
+  } cases[] = {{"2106-02-01 09:00", 20, 21}, {"2027-02-02 09:00", INT_MAX - 29, INT_MAX - 28}};
   for (const auto &[when, end_day, moved_to] : cases) {
     restart(when);
     set_now("2027-01-01 12:00");

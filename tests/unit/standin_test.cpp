@@ -47,11 +47,12 @@ TEST_F(StandinTest, FieldsOutOfTheirRange_AreCarriedOver_AndTimesOutOfItAreInval
 }
 
 TEST_F(StandinTest, ZoneRules_HoldBothWays) {
-  const std::tuple<const char *, const char *, const char *> cases[] = {
-      {"Europe/Berlin", "2024-03-31 00:59:59", "2024-03-31 01:59:59"},
-      {"Europe/Berlin", "2024-03-31 01:00", "2024-03-31 03:00"},
-      {"America/New_York", "2024-03-10 07:00", "2024-03-10 03:00"},
-      {"Australia/Sydney", "2024-10-05 16:00", "2024-10-06 03:00"}};
+  const struct {
+    const char *zone, *utc, *local;
+  } cases[] = {{"Europe/Berlin", "2024-03-31 00:59:59", "2024-03-31 01:59:59"},
+               {"Europe/Berlin", "2024-03-31 01:00", "2024-03-31 03:00"},
+               {"America/New_York", "2024-03-10 07:00", "2024-03-10 03:00"},
+               {"Australia/Sydney", "2024-10-05 16:00", "2024-10-06 03:00"}};
   for (const auto &[zone, utc, local] : cases) {
     ASSERT_TRUE(standin_set_time_zone(zone));
     EXPECT_EQ(time_text(CTimeUtil::ConvertToLocalTime(time_of(utc))), time_text(time_of(local)))

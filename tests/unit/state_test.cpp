@@ -35,7 +35,11 @@ TEST_F(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseThat
   const new_timer on_workdays{1, "15 11:00", kDaily, 1};
   const new_timer in_a_year{0, "2027-12-15 12:01"};
   const new_timer wakes{0, "16 07:00"};
-  const std::tuple<std::vector<new_timer>, std::function<void()>, std::string> cases[] = {
+  const struct {
+    std::vector<new_timer> listed;
+    std::function<void()> happen;
+    std::string expected;
+  } cases[] = {
       {{tomorrow}, [] { fire_at("16 07:00"); }, "Removed 1 fired, Armed, Stored"},
       {{tomorrow},
        [] { cancel_dravel_item(find_dravel_item(1)); },

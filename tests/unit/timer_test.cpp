@@ -18,21 +18,25 @@ static const std::string kSetTomorrow = "set_wakeup_time 0 16 07:00";
 static const std::string kCleared = "clear_wakeup_time 0 0";
 
 TEST_F(Scheduler, ATimer_IsArmedForItsDistance_OrRefused) {
-  const std::tuple<const char *, const char *, new_timer, int, time_value> cases[] = {
-      {kNoon, "", {1, "15 12:00:01"}, 0, 1},
-      {kNoon, "", {1, "2027-12-15 12:00"}, 0, 31536000},
-      {kNoon, "", {1, "2027-12-15 12:00:01"}, -1, 0},
-      {"2099-12-31 23:59", "", {1, "2001-01-01 00:01"}, 0, 119},
-      {"", kNoon, {1, "16 12:00"}, -2, 0},
-      {"", kNoon, {1, "16 12:00", 0, 0, 1}, 0, 86400},
-      {"", "", {1, "16 12:00", 0, 0, 1}, -2, 0},
-      {kNoon, "", {6, "15 22:00"}, -1, 0},
-      {kNoon, "", {7, "15 22:00"}, 0, 36000},
-      // A time of day that lies days before its date, as a client may send it.
-      {kNoon, "", {1, "01 -12:00", kDaily}, 0, 0},
-      {kNoon, "", {1, "01 -12:00:-1", kDaily}, -1, 0},
-      {"2099-05-01 12:00", "", {1, "01 -12:00:-1", kDaily}, -1, 0},
-      {"2001-05-01 12:00", "", {1, "01 -12:00:-1", kDaily}, -1, 0}};
+  const struct {
+    const char *tv, *rtc;
+    new_timer timer;
+    int result;
+    time_value seconds;
+  } cases[] = {{kNoon, "", {1, "15 12:00:01"}, 0, 1},
+               {kNoon, "", {1, "2027-12-15 12:00"}, 0, 31536000},
+               {kNoon, "", {1, "2027-12-15 12:00:01"}, -1, 0},
+               {"2099-12-31 23:59", "", {1, "2001-01-01 00:01"}, 0, 119},
+               {"", kNoon, {1, "16 12:00"}, -2, 0},
+               {"", kNoon, {1, "16 12:00", 0, 0, 1}, 0, 86400},
+               {"", "", {1, "16 12:00", 0, 0, 1}, -2, 0},
+               {kNoon, "", {6, "15 22:00"}, -1, 0},
+               {kNoon, "", {7, "15 22:00"}, 0, 36000},
+               // A time of day that lies days before its date, as a client may send it.
+               {kNoon, "", {1, "01 -12:00", kDaily}, 0, 0},
+               {kNoon, "", {1, "01 -12:00:-1", kDaily}, -1, 0},
+               {"2099-05-01 12:00", "", {1, "01 -12:00:-1", kDaily}, -1, 0},
+               {"2001-05-01 12:00", "", {1, "01 -12:00:-1", kDaily}, -1, 0}};
   for (const auto &[tv, rtc, timer, result, seconds] : cases) {
     restart(timer.when);
     add({0, "15 22:05"});
@@ -50,18 +54,23 @@ TEST_F(Scheduler, ATimer_IsArmedForItsDistance_OrRefused) {
 
 // The system clock is an hour behind the TV clock. "" stands for a timer that is removed.
 TEST_F(Scheduler, AnAdjustment_MovesArmedOneShotTimers_ByWholeDays) {
-  const std::tuple<const char *, int, const char *, int, int, const char *> cases[] = {
-      {kNoon, 1, "18 14:00", 0, 0, "15 14:00"},
-      {kNoon, 1, "16 12:00:01", 0, 0, "15 12:00:01"},
-      {kNoon, 1, "16 12:00", 0, 0, ""},
-      {kNoon, 9, "18 14:00", 0, 0, "18 14:00"},
-      {kNoon, 1, "18 14:00", kFri, 0, "18 14:00"},
-      {kNoon, 10, "18 14:00", 0, 0, "18 14:00"},
-      {"18 19:00", 1, "18 14:00", 0, 0, "19 14:00"},
-      {"19 14:00", 1, "18 14:00", 0, 0, ""},
-      {"20 14:00:01", 1, "18 14:00", 0, 0, "21 14:00"},
-      {kNoon, 1, "18 11:30", 0, 1, "15 11:30"},
-      {"17 12:00", 1, "16 10:30", 0, 1, "18 10:30"}};
+  const struct {
+    const char *now;
+    int type;
+    const char *when;
+    int week_flag, time_type;
+    const char *expected;
+  } cases[] = {{kNoon, 1, "18 14:00", 0, 0, "15 14:00"},
+               {kNoon, 1, "16 12:00:01", 0, 0, "15 12:00:01"},
+               {kNoon, 1, "16 12:00", 0, 0, ""},
+               {kNoon, 9, "18 14:00", 0, 0, "18 14:00"},
+               {kNoon, 1, "18 14:00", kFri, 0, "18 14:00"},
+               {kNoon, 10, "18 14:00", 0, 0, "18 14:00"},
+               {"18 19:00", 1, "18 14:00", 0, 0, "19 14:00"},
+               {"19 14:00", 1, "18 14:00", 0, 0, ""},
+               {"20 14:00:01", 1, "18 14:00", 0, 0, "21 14:00"},
+               {kNoon, 1, "18 11:30", 0, 1, "15 11:30"},
+               {"17 12:00", 1, "16 10:30", 0, 1, "18 10:30"}};
   for (const auto &[now, type, when, week_flag, time_type, expected] : cases) {
     restart(std::string(now) + " " + when);
     const int id = arm({type, when, week_flag, 0, time_type})->timer_id;
@@ -77,11 +86,13 @@ TEST_F(Scheduler, AnAdjustment_MovesArmedOneShotTimers_ByWholeDays) {
 
 // From tomorrow on the on-timer follows the one of standby within ten minutes.
 TEST_F(Scheduler, ATimerThatNeverFires_GoesWithTheNextRearming_AndIsNotWokenFor) {
-  const std::pair<const char *, void (*)()> cases[] = {
-      {"cancelled off-timer", [] { cancel_dravel_item(find_dravel_item(2)); }},
-      {"adjustment", [] { adjust_dravel_all_items(nullptr, nullptr); }},
-      {"rescheduling", reschedule_all_timers},
-      {"idle step", [] { run_idle_steps(); }}};
+  const struct {
+    const char *name;
+    void (*rearm)();
+  } cases[] = {{"cancelled off-timer", [] { cancel_dravel_item(find_dravel_item(2)); }},
+               {"adjustment", [] { adjust_dravel_all_items(nullptr, nullptr); }},
+               {"rescheduling", reschedule_all_timers},
+               {"idle step", [] { run_idle_steps(); }}};
   for (const auto &[name, rearm] : cases) {
     restart(name);
     set_now("15 07:01");
@@ -120,25 +131,29 @@ TEST_F(Scheduler, AnAdjustmentWithoutTvClock_DisarmsItsTimers_UntilItIsKnown) {
 // hour lies between the two. From the programmed second on the on-time is still held, and then it
 // has passed.
 TEST_F(WakeupTime, IsTheEarliestOnTime_ChosenAgainOnlyWhenItMatters) {
-  const std::tuple<int, const char *, new_timer, std::string> cases[] = {
-      {1, kNoon, {0, "16 06:59"}, "set_wakeup_time 0 16 06:59"},
-      {1, kNoon, {0, "16 07:00"}, ""},
-      {1, kNoon, {2, "16 07:00", 0, 0, 0, 4}, ""},
-      {1, kNoon, {2, "16 07:00", 0, 0, 0, 5}, "set_wakeup_time 2 16 07:00"},
-      {1, kNoon, {1, "20 22:00"}, "set_wakeup_time 3 16 07:00"},
-      {1, kNoon, {1, "16 07:00"}, kCleared},
-      {1, kNoon, {10, "16 06:00"}, ""},
-      {1, kNoon, {16, "16 06:00"}, ""},
-      {1, "16 07:00", {0, "16 08:00"}, ""},
-      {1, "16 07:00:01", {0, "16 08:00"}, "set_wakeup_time 0 16 08:00"},
-      {1, "16 07:00:01", {1, "16 08:00"}, ""},
-      {0, kNoon, {0, "16 06:30"}, "set_wakeup_time 0 16 05:30"},
-      {0, kNoon, {0, "16 07:30"}, ""},
-      {0, kNoon, {1, "20 22:00"}, "set_wakeup_time 3 16 06:00"},
-      {0, kNoon, {2, "16 07:00", 0, 0, 0, 5}, "set_wakeup_time 2 16 06:00"},
-      {0, "16 06:30", {0, "16 08:00"}, ""},
-      {0, "16 07:00:01", {1, "16 08:00"}, ""},
-      {2, kNoon, {0, "16 06:30"}, "set_wakeup_time 0 16 06:30"}};
+  const struct {
+    int mode;
+    const char *now;
+    new_timer added;
+    std::string expected;
+  } cases[] = {{1, kNoon, {0, "16 06:59"}, "set_wakeup_time 0 16 06:59"},
+               {1, kNoon, {0, "16 07:00"}, ""},
+               {1, kNoon, {2, "16 07:00", 0, 0, 0, 4}, ""},
+               {1, kNoon, {2, "16 07:00", 0, 0, 0, 5}, "set_wakeup_time 2 16 07:00"},
+               {1, kNoon, {1, "20 22:00"}, "set_wakeup_time 3 16 07:00"},
+               {1, kNoon, {1, "16 07:00"}, kCleared},
+               {1, kNoon, {10, "16 06:00"}, ""},
+               {1, kNoon, {16, "16 06:00"}, ""},
+               {1, "16 07:00", {0, "16 08:00"}, ""},
+               {1, "16 07:00:01", {0, "16 08:00"}, "set_wakeup_time 0 16 08:00"},
+               {1, "16 07:00:01", {1, "16 08:00"}, ""},
+               {0, kNoon, {0, "16 06:30"}, "set_wakeup_time 0 16 05:30"},
+               {0, kNoon, {0, "16 07:30"}, ""},
+               {0, kNoon, {1, "20 22:00"}, "set_wakeup_time 3 16 06:00"},
+               {0, kNoon, {2, "16 07:00", 0, 0, 0, 5}, "set_wakeup_time 2 16 06:00"},
+               {0, "16 06:30", {0, "16 08:00"}, ""},
+               {0, "16 07:00:01", {1, "16 08:00"}, ""},
+               {2, kNoon, {0, "16 06:30"}, "set_wakeup_time 0 16 06:30"}};
   for (const auto &[mode, now, added, expected] : cases) {
     restart(now + expected);
     standin_set_time_zone("Europe/Berlin");
@@ -176,10 +191,11 @@ TEST_F(WakeupTime, FollowsTheNextOnTimer_WhenItsTimerIsEvicted) {
 }
 
 TEST_F(WakeupTime, IsLeftAlone_ByAnOnTimeWithinTheCurrentMinute) {
-  const std::tuple<const char *, const char *, const char *, const char *> cases[] = {
-      {"15 12:00:15", "15 11:59:45", kNoon, ""},
-      {"15 12:00:40", "15 12:00:30", "15 12:01", "set_wakeup_time 0 15 12:01:10"},
-      {kNoon, "15 11:59:01", kNoon, ""}};
+  const struct {
+    const char *tv, *system, *when, *expected;
+  } cases[] = {{"15 12:00:15", "15 11:59:45", kNoon, ""},
+               {"15 12:00:40", "15 12:00:30", "15 12:01", "set_wakeup_time 0 15 12:01:10"},
+               {kNoon, "15 11:59:01", kNoon, ""}};
   for (const auto &[tv, system, when, expected] : cases) {
     restart(tv);
     set_clocks(tv, system, "");
@@ -193,7 +209,10 @@ TEST_F(WakeupTime, FollowsTheNextOnTimer_WhenItsTimerIsCancelled) {
   arm({2, "17 07:00"});
   arm({3, "18 07:00"});
   requests();
-  const std::tuple<int, std::string> cases[] = {
+  const struct {
+    int id;
+    std::string expected;
+  } cases[] = {
       {3, ""}, {1, kCleared + "; set_wakeup_time 2 17 07:00"}, {2, kCleared + "; " + kCleared}};
   for (const auto &[id, expected] : cases) {
     cancel_dravel_item(find_dravel_item(id));
@@ -276,11 +295,14 @@ TEST_F(WakeupTime, OfAOneShotTimer_IsMovedByAHoliday) {
 }
 
 TEST_F(WakeupTime, ADuplicate_IsEqualInTypeWeekdaysClockAndTime) {
-  const std::tuple<new_timer, int> cases[] = {{{2, "16 07:00", kWed, 1, TIME_TYPE_RTC, 7}, 0},
-                                              {{3, "16 07:00", kWed, 0, TIME_TYPE_RTC}, -1},
-                                              {{2, "16 07:00:01", kWed, 0, TIME_TYPE_RTC}, -1},
-                                              {{2, "16 07:00", kThu, 0, TIME_TYPE_RTC}, -1},
-                                              {{2, "16 07:00", kWed, 0, TIME_TYPE_BROADCAST}, -1}};
+  const struct {
+    new_timer other;
+    int result;
+  } cases[] = {{{2, "16 07:00", kWed, 1, TIME_TYPE_RTC, 7}, 0},
+               {{3, "16 07:00", kWed, 0, TIME_TYPE_RTC}, -1},
+               {{2, "16 07:00:01", kWed, 0, TIME_TYPE_RTC}, -1},
+               {{2, "16 07:00", kThu, 0, TIME_TYPE_RTC}, -1},
+               {{2, "16 07:00", kWed, 0, TIME_TYPE_BROADCAST}, -1}};
   dravel_item *found = nullptr;
   dravel_item unlisted{};
   EXPECT_EQ(find_duplicate_ontimer(nullptr, &found), -1);
@@ -329,8 +351,11 @@ TEST_F(WakeupTime, ThatIsRefused_StaysInTheRecord_AndIsClearedButForItsType) {
 }
 
 TEST_F(Events, AWakeup_DisarmsTheProgrammedTimer_AndWaitsForAnUntrustedClock) {
-  const std::tuple<int, const char *, const char *, int> cases[] = {
-      {1, kNoon, "", 0}, {0, kNoon, "16 07:00", 1}, {0, "", "", 1}};
+  const struct {
+    int trusted;
+    const char *tv, *rearmed;
+    int waiting;
+  } cases[] = {{1, kNoon, "", 0}, {0, kNoon, "16 07:00", 1}, {0, "", "", 1}};
   for (const bool ambient : {false, true})
     for (const auto &[trusted, tv, rearmed, waiting] : cases) {
       restart(tv);
@@ -399,9 +424,11 @@ TEST_F(Events, ASwitchToAutomatic_RetriesUntilTheTimeIsUpdated) {
 }
 
 TEST_F(Events, ATimeUpdate_AnswersTheWait_InTheStatesThatCount) {
-  const std::tuple<int, int, int, bool> cases[] = {{0, 0, 0, true},  {0, 2, 0, true},
-                                                   {0, 4, 2, true},  {0, 4, 1, false},
-                                                   {0, 1, 2, false}, {1, 0, 0, false}};
+  const struct {
+    int trusted, state, ambient;
+    bool answers;
+  } cases[] = {{0, 0, 0, true},  {0, 2, 0, true},  {0, 4, 2, true},
+               {0, 4, 1, false}, {0, 1, 2, false}, {1, 0, 0, false}};
   for (const auto &[trusted, state, ambient, answers] : cases) {
     restart(std::to_string(trusted) + std::to_string(state) + std::to_string(ambient));
     add(kTomorrow);
@@ -438,10 +465,13 @@ TEST_F(Events, TwoTimeUpdatesWithoutAClock_StartTwoPolls_AndBothEnd) {
 
 // A second one begins from its full length.
 TEST_F(Events, Waits_HaveTheirLengths_AndASecondReplacesTheFirst) {
-  const std::tuple<void (*)(), Ecore_Task_Cb, double> cases[] = {
-      {init_dravel, wait_dravel_finish_cb, 90},
-      {[] { standin_wakeup(3); }, adjust_wait_timer_cb, 60},
-      {[] { standin_change_clock_mode(CLOCK_MODE_AUTO); }, retry_adjust_all_timers, 0.1}};
+  const struct {
+    void (*start)();
+    Ecore_Task_Cb callback;
+    double seconds;
+  } cases[] = {{init_dravel, wait_dravel_finish_cb, 90},
+               {[] { standin_wakeup(3); }, adjust_wait_timer_cb, 60},
+               {[] { standin_change_clock_mode(CLOCK_MODE_AUTO); }, retry_adjust_all_timers, 0.1}};
   set_clocks("", kNoon, kNoon);
   set_kinto_time_updated(0);
   for (const auto &[start, callback, seconds] : cases)
@@ -472,8 +502,11 @@ TEST_F(Events, APowerOff_DistrustsTheClock_AndResetsTheStoreByItsOption) {
 
 // Whether the retry goes on, and the flag of a time update stays.
 TEST_F(Events, ASwitchToAnotherMode_EndsTheRetry_AndOnlyManualForgetsTheUpdate) {
-  const std::tuple<int, bool, int, int> cases[] = {
-      {1, true, 0, 0}, {2, true, 0, 1}, {1, false, 1, 1}, {-1, true, 0, 1}};
+  const struct {
+    int mode;
+    bool readable;
+    int retries, updated;
+  } cases[] = {{1, true, 0, 0}, {2, true, 0, 1}, {1, false, 1, 1}, {-1, true, 0, 1}};
   for (const auto &[mode, readable, retries, updated] : cases) {
     restart(std::to_string(mode));
     standin_change_clock_mode(CLOCK_MODE_AUTO);
