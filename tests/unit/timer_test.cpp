@@ -84,6 +84,24 @@ TEST_F(Scheduler, AnAdjustment_MovesArmedOneShotTimers_ByWholeDays) {
   }
 }
 
+TEST_F(Scheduler, ASystemClockThatIsAhead_IsCountedBack) {
+  set_clocks(kNoon, "15 13:00", kNoon);
+  arm({0, "16 07:00", 0, 0, TIME_TYPE_INTERNET});
+  arm({4, "18 14:00", 0, 0, TIME_TYPE_INTERNET});
+  EXPECT_EQ(armed(1), "16 06:00");
+  arm({1, "16 06:00"}); // takes the on-time away
+  EXPECT_EQ(armed(1), "");
+  adjust_dravel_all_items(nullptr, nullptr);
+  EXPECT_EQ(armed(2), "15 13:00");
+}
+
+TEST_F(Scheduler, AnAdjustment_HoldsAlsoWhenItCannotBeStored) {
+  arm({1, "18 14:00"});
+  reset_dravel_db(); // from now on writes are refused
+  adjust_dravel_all_items(nullptr, nullptr);
+  EXPECT_EQ(armed(1), "15 14:00");
+}
+
 // From tomorrow on the on-timer follows the one of standby within ten minutes.
 TEST_F(Scheduler, ATimerThatNeverFires_GoesWithTheNextRearming_AndIsNotWokenFor) {
   const struct {
