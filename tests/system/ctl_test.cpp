@@ -214,6 +214,9 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
       {"", "echo x | ctl import -", 1, "standard input is no JSON"},
       {"", "echo '{\"timers\":5}' | ctl import -", 1, "timers is 5; it must be a list"},
   });
+}
+
+TEST_F(Ctl, AFileWithAFault_IsNotImported) {
   start();
   shell("ctl add --at 7:00 --on mon; ctl holidays add 12-24; ctl export >x\n"
         "ctl cancel 1; ctl holidays remove 1");
