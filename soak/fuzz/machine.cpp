@@ -83,10 +83,11 @@ static void start_after_another_run(input &in) {
 
 // --- steps ---
 
+// The kernel's year has 32 bits: a device shows at most 2^56 seconds.
 static void change_clocks(input &in) {
   static constexpr std::uint32_t kUnits[] = {1, 60, 3600, 86400 * 365};
   set_now(in.seldom(16) ? in.word() : now() + in.byte() * in.one_of(kUnits));
-  rtc.ahead = in.seldom(32) ? (std::int64_t{in.word()} << in.below(32)) - now() : 0;
+  rtc.ahead = in.seldom(32) ? (std::int64_t{in.word()} << in.below(25)) - now() : 0;
 }
 
 static void change_devices(input &in) {
