@@ -42,11 +42,11 @@ SERVICES = {
 
 dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
 bus = dbus.SystemBus()
-played = []
+simulated = []
 for name, (interface, properties, methods) in SERVICES.items():
     bus_name = dbus.service.BusName("org.freedesktop." + name, bus)
-    played.append(mockobject.DBusMockObject(bus_name, "/org/freedesktop/" + name, interface, properties, "/dev/null"))
-    played[-1].AddMethods(interface, methods)
+    simulated.append(mockobject.DBusMockObject(bus_name, "/org/freedesktop/" + name, interface, properties, "/dev/null"))
+    simulated[-1].AddMethods(interface, methods)
 loop = GLib.MainLoop()
 GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, loop.quit)
 loop.run()

@@ -93,7 +93,10 @@ TEST_F(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseThat
     happen();
     EXPECT_EQ(state_changes(), expected);
   }
-  restart("a transient timer does not come back");
+}
+
+// It has no row that brings it back.
+TEST_F(State, ACancelledTransientTimer_IsNeverLost) {
   state_changes();
   dravel_item *item = add({10, "16 07:00"});
   state_changes();
