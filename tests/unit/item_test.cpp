@@ -220,15 +220,16 @@ TEST_F(Periods, AFlaggedFebruary_EndsOnThe29thInALeapYear) {
   const struct {
     const char *now;
     int leap, time_type, expected;
-  } cases[] = {{"2028-02-01 00:00", 1, 0, SKIP_REFUSED},
+  } cases[] = {{"2000-02-01 00:00", 1, 0, SKIP_REFUSED},
                {"2028-02-01 00:00", 0, 0, SKIP_NO},
                {"2027-02-01 00:00", 1, 0, SKIP_NO},
+               {"2027-02-01 00:00", 1, 2, SKIP_NO},
                {"", 1, 0, SKIP_NO},
                {"", 1, 2, SKIP_REFUSED}};
   for (const auto &[now, leap, time_type, expected] : cases) {
     restart(std::string(now) + std::to_string(leap) + std::to_string(time_type));
     set_now(now);
-    add_period("2020-02-20 00:00", "2020-02-28 00:00", 0, leap);
+    add_period("2020-02-28 00:00", "2020-02-28 00:00", leap, leap);
     const dravel_item *item = add({0, "01 07:00", kDaily, 1, time_type});
     EXPECT_EQ(can_skip_timer(item, time_of("2028-02-29 07:00")), expected);
   }
@@ -252,17 +253,30 @@ TEST_F(Periods, KeepTheirOrder_InListAndStore) {
   EXPECT_EQ((words{list[25], list[50], list[75]}), (words{2, 2, 9}));
 }
 
-// February 2106 has no end among the time values; a client may send any day of the month.
+TEST_F(Periods, OfTheNextYear_FollowTheEndOfFebruary) {
+  disabled_period_item *period = add_period("1999-02-28 00:00", "1999-02-28 00:00", 1, 1);
+  for (const char *expected : {"100|29|100|29", "101|28|101|28"}) {
+    EXPECT_EQ(next_disabled_period(period), 0);
+    EXPECT_EQ(rows("SELECT start_tm_year, start_tm_mday, end_tm_year, end_tm_mday "
+                   "FROM disabled_period"),
+              expected);
+  }
+}
+
+// March 2106 is not among the time values; a client may send any day of the month.
 TEST_F(Periods, WithAnEndFarAway_AreCountedOnTheCalendar) {
   const struct {
     const char *when;
     int end_day, moved_to;
-  } cases[] = {{"2106-02-01 09:00", 20, 21}, {"2027-02-02 09:00", INT_MAX - 29, INT_MAX - 28}};
+  } cases[] = {{"2106-02-01 09:00", 20, 49},
+               {"2000-02-01 09:00", 20, 50},
+               {"2027-02-02 09:00", INT_MAX - 59, INT_MAX - 30},
+               {"2027-04-15 09:00", 115, 85}};
   for (const auto &[when, end_day, moved_to] : cases) {
     restart(when);
-    set_now("2027-01-01 12:00");
+    set_now("2000-01-01 12:00");
     const dravel_item *item = add({1, when, 0, 1});
-    add_period("2020-01-25 00:00", "2020-02-20 00:00")->end_tm.tm_mday = end_day;
+    add_period("2020-01-25 00:00", "2020-03-20 00:00")->end_tm.tm_mday = end_day;
     EXPECT_EQ(can_skip_timer(item, time_of(when)), SKIP_MOVED);
     EXPECT_EQ(item->tm.tm_mday, moved_to);
   }
@@ -293,16 +307,24 @@ TEST_F(Periods, MoveATimer_OneStepForEachComputation_AndWithoutTheOffset) {
   set_clocks(kNoon, "15 11:00", kNoon);
   add_period("16 00:00", "17 00:00");
   add_period("18 00:00", "19 00:00");
-  dravel_item *item = add({2, "16 07:00", 0, 1, TIME_TYPE_INTERNET});
+  const new_timer timer{2, "16 07:00", 0, 1, TIME_TYPE_INTERNET};
+  dravel_item *unlisted = make(timer);
+  EXPECT_EQ(next(unlisted), "-1");
+  g_free(unlisted);
+  dravel_item *item = add(timer);
   EXPECT_EQ(item->tm.tm_mday, 16); // alone in its list, it was compared with nothing
   EXPECT_EQ(next(item), "18 07:00");
   EXPECT_EQ(next(item), "20 07:00");
   EXPECT_EQ(next(item), "20 08:00");
 }
 
+// The only free day, a Friday, is 366 or 367 days ahead.
 TEST_F(Periods, ASearchForAFreeDay_TakesIn366Days) {
-  set_now("2027-12-15 13:00");
   add_period("2020-01-01 00:00", "14 00:00");
   add_period("16 00:00", "31 00:00");
-  EXPECT_EQ(next(add({0, "01 07:00", kDaily, 1})), "2028-12-15 07:00");
+  const dravel_item *item = add({0, "01 07:00", kFri, 1});
+  set_now("2027-12-15 13:00");
+  EXPECT_EQ(next(item), "2028-12-15 07:00");
+  set_now("2027-12-14 13:00");
+  EXPECT_EQ(next(item), "-1");
 }
