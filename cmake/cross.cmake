@@ -1,4 +1,4 @@
-# A build for a 32-bit processor, run here under qemu-user: DRAVEL_TRIPLE names the
+# A build for a 32-bit processor: DRAVEL_TRIPLE names the
 # compiler's and DRAVEL_SYSROOT the directory with the target's libraries.
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES DRAVEL_TRIPLE DRAVEL_SYSROOT)
 string(REGEX MATCH "^[^-]+" CMAKE_SYSTEM_PROCESSOR "${DRAVEL_TRIPLE}")
