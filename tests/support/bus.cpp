@@ -27,7 +27,7 @@ message request_with(const bus_target &target, const char *method, std::span<con
 // GLib reads and prints the text form; libdbus sends what GLib has marshalled.
 message request_of(const bus_target &target, const char *method, const std::string &arguments) {
   g_autoptr(GError) error = nullptr;
-  GVariant *body = g_variant_parse(nullptr, arguments.c_str(), nullptr, nullptr, &error);
+  g_autoptr(GVariant) body = g_variant_parse(nullptr, arguments.c_str(), nullptr, nullptr, &error);
   if (body == nullptr)
     throw std::runtime_error(arguments + ": " + error->message);
   g_autoptr(GDBusMessage) built =
