@@ -18,7 +18,7 @@ TEST_F(Items, NextExpiry_IsOnTheTvClock_OrElseOnTheRealTimeClock) {
     new_timer timer;
     std::string expected;
   } cases[] = {
-      {kNoon, kNoon, kNoon, {0, "16 08:00:30"}, "16 08:00"},
+      {kNoon, kNoon, kNoon, {254, "16 08:00:30"}, "16 08:00"},
       {kNoon, kNoon, kNoon, {1, "16 08:00:30"}, "16 08:00:30"},
       {kNoon, kNoon, kNoon, {255, "16 08:00:30"}, "16 08:00:30"},
       {kNoon, kNoon, kNoon, {0, "16 08:00:-5"}, "16 07:59:55"},
