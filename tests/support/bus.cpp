@@ -5,14 +5,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
-#include <utility>
-
-static message own(DBusMessage *owned) { return message(owned); }
 
 message method_call(const bus_target &target, const char *method) {
-  return own(dbus_message_new_method_call(target.name, target.path, target.interface, method));
+  return message(dbus_message_new_method_call(target.name, target.path, target.interface, method));
 }
 
 message request_with(const bus_target &target, const char *method, std::span<const int> arguments) {
@@ -37,9 +33,9 @@ message request_of(const bus_target &target, const char *method, const std::stri
   gsize size = 0;
   g_autofree guchar *bytes =
       g_dbus_message_to_blob(built, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
-  const message read = own(dbus_message_demarshal(reinterpret_cast<const char *>(bytes),
-                                                  static_cast<int>(size), nullptr));
-  return own(dbus_message_copy(read.get())); // which gets a serial number of its own
+  const message read(
+      dbus_message_demarshal(reinterpret_cast<char *>(bytes), static_cast<int>(size), nullptr));
+  return message(dbus_message_copy(read.get())); // which gets a serial number of its own
 }
 
 std::string body_text(DBusMessage *sent) {
@@ -71,10 +67,13 @@ bus_client::~bus_client() {
   dbus_connection_unref(bus_);
 }
 
-message bus_client::send(message request) {
+static message roundtrip(DBusConnection *bus, const message &request, DBusError *error = nullptr) {
+  return message(dbus_connection_send_with_reply_and_block(bus, request.get(), kDeadlineMs, error));
+}
+
+message bus_client::send(const message &request) {
   DBusError error = DBUS_ERROR_INIT;
-  message reply =
-      own(dbus_connection_send_with_reply_and_block(bus_, request.get(), kDeadlineMs, &error));
+  message reply = roundtrip(bus_, request, &error);
   if (reply == nullptr)
     throw std::runtime_error(std::string(dbus_message_get_member(request.get())) + ": " +
                              error.message);
@@ -88,8 +87,7 @@ message bus_client::call(const bus_target &target, const char *method,
 
 message bus_client::try_call(const bus_target &target, const char *method,
                              std::span<const int> arguments) {
-  return own(dbus_connection_send_with_reply_and_block(
-      bus_, request_with(target, method, arguments).get(), kDeadlineMs, nullptr));
+  return roundtrip(bus_, request_with(target, method, arguments));
 }
 
 int int_of(const message &reply) {
@@ -136,8 +134,7 @@ words bus_client::list(const bus_target &target) {
 std::string bus_client::ask(const bus_target &target, const char *method,
                             const std::string &arguments) {
   DBusError error = DBUS_ERROR_INIT;
-  const message reply = own(dbus_connection_send_with_reply_and_block(
-      bus_, request_of(target, method, arguments).get(), kDeadlineMs, &error));
+  const message reply = roundtrip(bus_, request_of(target, method, arguments), &error);
   if (reply != nullptr)
     return body_text(reply.get());
   std::string name = error.name;
@@ -145,19 +142,15 @@ std::string bus_client::ask(const bus_target &target, const char *method,
   return name;
 }
 
-static bus_target properties_of(const bus_target &object) {
-  return {object.name, object.path, DBUS_INTERFACE_PROPERTIES};
-}
-
 std::string bus_client::property(const char *name, const bus_target &object) {
-  const std::string text = ask(properties_of(object), "Get",
+  const std::string text = ask({object.name, object.path, DBUS_INTERFACE_PROPERTIES}, "Get",
                                std::string("('") + object.interface + "', '" + name + "')");
   return text.starts_with("(<") ? text.substr(2, text.size() - 5) : text; // of "(<...>,)"
 }
 
 void bus_client::set_property(const char *name, const std::string &value) {
   const std::string reply =
-      ask(properties_of(kStandin), "Set",
+      ask({kStandin.name, kStandin.path, DBUS_INTERFACE_PROPERTIES}, "Set",
           std::string("('") + kStandin.interface + "', '" + name + "', <" + value + ">)");
   if (reply != "()")
     throw std::runtime_error(std::string(name) + " " + value + ": " + reply);
@@ -165,15 +158,11 @@ void bus_client::set_property(const char *name, const std::string &value) {
 
 bool bus_client::is_answered(const bus_target &target, const char *method,
                              const std::string &arguments) {
-  DBusPendingCall *pending = nullptr;
-  dbus_connection_send_with_reply(bus_, request_of(target, method, arguments).get(), &pending,
-                                  kDeadlineMs);
+  dbus_uint32_t serial = 0;
+  dbus_connection_send(bus_, request_of(target, method, arguments).get(), &serial);
   property("SyncDb");
-  while (dbus_connection_dispatch(bus_) == DBUS_DISPATCH_DATA_REMAINS)
-    continue;
-  const bool answered = dbus_pending_call_get_completed(pending) != 0;
-  dbus_pending_call_cancel(pending);
-  dbus_pending_call_unref(pending);
+  bool answered = false;
+  drain([&](DBusMessage *sent) { answered |= dbus_message_get_reply_serial(sent) == serial; });
   return answered;
 }
 
@@ -182,7 +171,7 @@ void bus_client::listen(const char *rule) { dbus_bus_add_match(bus_, rule, nullp
 void bus_client::receive(const std::function<bool(DBusMessage *)> &done) {
   using std::chrono::steady_clock;
   for (;;) {
-    while (const message arrived = own(dbus_connection_pop_message(bus_)))
+    while (const auto arrived = message(dbus_connection_pop_message(bus_)))
       if (done(arrived.get()))
         return;
     const auto begun = steady_clock::now();
@@ -194,13 +183,12 @@ void bus_client::receive(const std::function<bool(DBusMessage *)> &done) {
 }
 
 void bus_client::drain(const std::function<void(DBusMessage *)> &each) {
-  while (const message arrived = own(dbus_connection_pop_message(bus_)))
+  while (const auto arrived = message(dbus_connection_pop_message(bus_)))
     each(arrived.get());
 }
 
 pid_t bus_client::pid_of(const char *connection) {
-  constexpr bus_target kBus = {DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS};
-  const std::string pid =
-      ask(kBus, "GetConnectionUnixProcessID", std::string("('") + connection + "',)");
+  const std::string pid = ask({DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS},
+                              "GetConnectionUnixProcessID", std::string("('") + connection + "',)");
   return pid.starts_with('(') ? std::atoi(pid.c_str() + 1) : -1;
 }

@@ -40,7 +40,7 @@ public:
   bus_client(const bus_client &) = delete;
   bus_client &operator=(const bus_client &) = delete;
 
-  message send(message request);
+  message send(const message &request);
   message call(const bus_target &target, const char *method, std::span<const int> arguments = {});
   // Null when the answer is an error or none comes.
   message try_call(const bus_target &target, const char *method, std::span<const int> arguments);

@@ -1,84 +1,66 @@
 #include "process.h"
 
-#include <cerrno>
+#include <gio/gio.h>
+
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <spawn.h>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 
 static constexpr useconds_t kPollUs = 500;
 
-static void poll_until(const std::function<bool()> &condition, const std::string &what) {
+// False when it does not become true in time.
+static bool poll_until(const std::function<bool()> &condition) {
   using std::chrono::steady_clock;
   const auto deadline = steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
   while (!condition()) {
     if (steady_clock::now() > deadline)
-      throw std::runtime_error(what + " does not come");
+      return false;
     usleep(kPollUs);
   }
+  return true;
 }
 
-process::process(const std::vector<std::string> &command, const char *errors) {
+process::process(std::vector<std::string> command, const char *errors) {
   std::vector<char *> arguments;
   arguments.reserve(command.size() + 1);
-  for (const std::string &argument : command)
-    arguments.push_back(const_cast<char *>(argument.c_str()));
+  for (std::string &argument : command)
+    arguments.push_back(argument.data());
   arguments.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors, O_WRONLY | O_CREAT | O_TRUNC,
-                                   0644);
-  const int failure =
-      posix_spawn(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (failure != 0)
-    throw std::runtime_error(command[0] + ": " + std::strerror(failure));
+  const int out = creat(errors, 0644);
+  g_autoptr(GError) failure = nullptr;
+  g_spawn_async_with_fds(nullptr, arguments.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr,
+                         nullptr, &pid_, -1, -1, out, &failure);
+  close(out);
+  if (failure != nullptr)
+    throw std::runtime_error(failure->message);
 }
 
 process::~process() {
-  if (pid_ < 0)
+  const int status = pid_ < 0 ? 0 : stop();
+  if (status == 0 || std::uncaught_exceptions() > 0)
     return;
-  try {
-    const int status = stop();
-    if (status == 0 || std::uncaught_exceptions() > 0)
-      return;
-    std::fprintf(stderr, "a process ended with %d\n%s", status, daemon_log().c_str());
-  } catch (const std::exception &failure) {
-    std::fprintf(stderr, "%s\n", failure.what());
-  }
+  std::fprintf(stderr, "a process ended with %d\n%s", status, daemon_log().c_str());
   std::_Exit(1);
 }
 
 void process::wait_name(bus_client &bus, const bus_target &target) {
-  bus.receive([&](DBusMessage *arrived) {
-    const char *name = nullptr;
-    const char *before = nullptr;
-    const char *after = nullptr;
-    return dbus_message_is_signal(arrived, DBUS_INTERFACE_DBUS, "NameOwnerChanged") != 0 &&
-           dbus_message_get_args(arrived, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING,
-                                 &before, DBUS_TYPE_STRING, &after, DBUS_TYPE_INVALID) != 0 &&
-           std::strcmp(name, target.name) == 0 && bus.pid_of(after) == pid_;
-  });
+  bus.receive([&](DBusMessage *) { return bus.pid_of(target.name) == pid_; });
 }
 
 int process::wait() {
   int status = 0;
   const pid_t pid = std::exchange(pid_, -1);
-  try {
-    poll_until([&] { return waitpid(pid, &status, WNOHANG) != 0; }, "the end of a process");
-  } catch (...) {
+  if (!poll_until([&] { return waitpid(pid, &status, WNOHANG) != 0; })) {
     kill(pid, SIGKILL);
-    throw;
+    waitpid(pid, &status, 0);
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
@@ -89,10 +71,9 @@ int process::stop() {
 }
 
 process launch_daemon(const daemon_start &start) {
-  const std::uint32_t noon = time_of(kNoon);
-  std::ofstream(kKeyFile) << "[set]\nTimeZone=UTC\nClocksRunning=false\nRtc=" << noon
-                          << "\nTvClock=" << noon << '\n'
-                          << start.keys << '\n';
+  const std::string noon = std::to_string(time_of(kNoon));
+  std::ofstream(kKeyFile) << "[set]\nTimeZone=UTC\nClocksRunning=false\nRtc=" + noon +
+                                 "\nTvClock=" + noon + "\n" + start.keys + "\n";
   return process({"/usr/bin/env", std::string("DBUS_SYSTEM_BUS_ADDRESS=") + start.address,
                   std::string("DRAVEL_STANDIN=") + kKeyFile, std::string("DRAVEL_LOG=") + start.log,
                   "DRAVEL_LOG_STDERR=1", start.program},
@@ -112,5 +93,6 @@ std::string daemon_log() {
 }
 
 void wait_log(const std::string &text) {
-  poll_until([&] { return daemon_log().find(text) != std::string::npos; }, text);
+  if (!poll_until([&] { return daemon_log().find(text) != std::string::npos; }))
+    throw std::runtime_error(text + " does not come");
 }

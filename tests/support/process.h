@@ -11,14 +11,15 @@
 // whole run when the exit status is not 0.
 class process {
 public:
-  explicit process(const std::vector<std::string> &command, const char *errors = "/dev/null");
+  explicit process(std::vector<std::string> command, const char *errors = "/dev/null");
   ~process();
   process(process &&other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
   process &operator=(process &&) = delete;
 
   pid_t pid() const { return pid_; }
   void wait_name(bus_client &bus, const bus_target &target); // until it has the target's name
-  int wait(); // the exit status, or the signal that ended it as a negative number
+  int wait(); // the exit status, or the signal that ended it as a negative number; killed in the
+              // end
   int stop(); // SIGTERM, and the same
 
 private:

@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <string_view>
 
@@ -24,21 +23,23 @@ void empty_store() {
     fs::remove(marker);
 }
 
+static int append_row(void *out, int columns, char **values, char **) {
+  std::string row;
+  for (int i = 0; i < columns; i++)
+    row += std::string(i > 0 ? "|" : "") + (values[i] != nullptr ? values[i] : "NULL");
+  auto &text = *static_cast<std::string *>(out);
+  text += (text.empty() ? "" : " ") + row;
+  return 0;
+}
+
 std::string rows(const std::string &sql, const char *path) {
-  const auto append = [](void *data, int columns, char **values, char **) {
-    auto &out = *static_cast<std::string *>(data);
-    for (int i = 0; i < columns; i++)
-      out += (i > 0         ? "|"
-              : out.empty() ? ""
-                            : " ") +
-             std::string(values[i] != nullptr ? values[i] : "NULL");
-    return 0;
-  };
-  sqlite3 *opened = nullptr;
+  sqlite3 *db = nullptr;
   std::string out;
-  sqlite3_open(path, &opened);
-  const std::unique_ptr<sqlite3, int (*)(sqlite3 *)> db(opened, sqlite3_close);
-  if (sqlite3_exec(opened, sql.c_str(), append, &out, nullptr) != SQLITE_OK)
-    throw std::runtime_error(sql + ": " + sqlite3_errmsg(opened));
+  sqlite3_open(path, &db);
+  const int result = sqlite3_exec(db, sql.c_str(), append_row, &out, nullptr);
+  const std::string failure = sqlite3_errmsg(db);
+  sqlite3_close(db);
+  if (result != SQLITE_OK)
+    throw std::runtime_error(sql + ": " + failure);
   return out;
 }

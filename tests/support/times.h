@@ -17,16 +17,7 @@ std::uint32_t time_of(const std::string &when);
 std::string time_text(const std::tm &time);
 std::string time_text(std::uint32_t time);
 
-enum weekdays {
-  kSun = 1,
-  kMon = 2,
-  kTue = 4,
-  kWed = 8,
-  kThu = 16,
-  kFri = 32,
-  kSat = 64,
-  kDaily = 127
-};
+enum { kSun = 1, kMon = 2, kTue = 4, kWed = 8, kThu = 16, kFri = 32, kSat = 64, kDaily = 127 };
 
 struct new_timer {
   int type;

@@ -1,14 +1,16 @@
 #include "daemon.h"
 
-#include <algorithm>
+#include <glib.h>
+
 #include <cstdlib>
 #include <string_view>
+#include <sys/wait.h>
 #include <utility>
 
-daemon_test::daemon_test() {
+daemon_test::daemon_test(std::initializer_list<bus_target> heard) {
   empty_store();
-  for (const bus_target &sender : {kDaemon, kStandin, kState})
-    bus_.listen((std::string("type='signal',path='") + sender.path + "'").c_str());
+  for (const bus_target &sender : heard)
+    bus.listen((std::string("type='signal',path='") + sender.path + "'").c_str());
 }
 
 daemon_test::~daemon_test() {
@@ -28,7 +30,7 @@ void daemon_test::launch(const char *bus_address, const std::string &set) {
 }
 
 void daemon_test::start(const std::string &set) {
-  daemon_.emplace(start_daemon(start_with(kSandboxBus, set), bus_));
+  daemon_.emplace(start_daemon(start_with(kSandboxBus, set), bus));
 }
 
 int daemon_test::wait_exit() {
@@ -38,33 +40,20 @@ int daemon_test::wait_exit() {
 }
 
 int daemon_test::stop() {
-  const int status = daemon_->stop();
-  daemon_.reset();
-  return status;
-}
-
-std::string daemon_test::call(const char *method, const std::string &arguments) {
-  return bus_.ask(kDaemon, method, arguments);
-}
-
-std::string daemon_test::standin(const char *method, const std::string &arguments) {
-  return bus_.ask(kStandin, method, arguments);
-}
-
-bool daemon_test::is_answered(const char *method, const std::string &arguments) {
-  return bus_.is_answered(kDaemon, method, arguments);
+  kill(daemon_->pid(), SIGTERM);
+  return wait_exit();
 }
 
 int daemon_test::schedule(const new_timer &timer) {
-  return bus_.call_int(kDaemon, "schedule_timer", arguments_of(timer));
+  return bus.call_int(kDaemon, "schedule_timer", arguments_of(timer));
 }
 
 words daemon_test::image(const char *method, int argument) {
-  return image_of(bus_.call(kDaemon, method, {&argument, 1}));
+  return image_of(bus.call(kDaemon, method, {&argument, 1}));
 }
 
 words daemon_test::timer_ids() {
-  const words list = bus_.list(kDaemon);
+  const words list = bus.list(kDaemon);
   words ids;
   for (std::size_t i = 1; i < list.size(); i += TIMER_WORDS)
     ids.push_back(list[i]);
@@ -77,34 +66,28 @@ bool daemon_test::keep_event(DBusMessage *arrived, const std::string &awaited) {
   const char *path = dbus_message_get_path(arrived);
   if (path == nullptr || path == std::string_view(DBUS_PATH_DBUS))
     return false;
-  strings &kept = path == std::string_view(kState.path) ? state_signals_ : events_;
-  kept.push_back(dbus_message_get_member(arrived) + body_text(arrived));
-  return kept.back().find(awaited) != std::string::npos;
+  events_.push_back(dbus_message_get_member(arrived) + body_text(arrived));
+  return events_.back().find(awaited) != std::string::npos;
 }
 
 strings daemon_test::events() {
   get("SyncDb"); // what was sent before this answer has arrived
-  bus_.drain([this](DBusMessage *arrived) { keep_event(arrived, ""); });
+  bus.drain([this](DBusMessage *arrived) { keep_event(arrived, ""); });
   return std::exchange(events_, {});
 }
 
-strings daemon_test::state_signals(const std::string &last) {
-  const auto is_last = [&](const std::string &signal) {
-    return signal.find(last) != std::string::npos;
-  };
-  if (std::ranges::none_of(state_signals_, is_last))
-    wait_event(last);
-  return std::exchange(state_signals_, {});
-}
-
 void daemon_test::wait_event(const std::string &event) {
-  bus_.receive([&](DBusMessage *arrived) { return keep_event(arrived, event); });
+  bus.receive([&](DBusMessage *arrived) { return keep_event(arrived, event); });
 }
 
-int times_logged(const std::string &text) {
-  const std::string log = daemon_log();
-  int times = 0;
-  for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
-    ++times;
-  return times;
+outcome shell(const std::string &script) {
+  const std::string whole = "PATH=$(dirname " DRAVELCTL "):$PATH TZ=UTC LC_ALL=C.UTF-8\n"
+                            "export PATH TZ LC_ALL\ncd /tmp\nexec 2>&1\n" +
+                            script;
+  const char *command[] = {"/bin/sh", "-c", whole.c_str(), nullptr};
+  g_autofree char *said = nullptr;
+  int status = -1;
+  g_spawn_sync(nullptr, const_cast<char **>(command), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr,
+               &said, nullptr, &status, nullptr);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, said};
 }

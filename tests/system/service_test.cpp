@@ -1,6 +1,7 @@
 // What a client gets from the running daemon, and what of it outlives the process.
 #include "daemon.h"
 
+#include <csignal>
 #include <filesystem>
 #include <sys/stat.h>
 
@@ -9,10 +10,6 @@ namespace fs = std::filesystem;
 namespace {
 
 class Service : public daemon_test {};
-
-std::string properties_changed(const std::string &what) {
-  return "PropertiesChanged('org.olvara.tv.system.dravel.state', " + what + ")";
-}
 
 TEST_F(Service, Timer_IsStoredListedAndProgrammed_UntilItIsCancelled) {
   start();
@@ -53,10 +50,10 @@ TEST_F(Service, UnreadableArguments_GetNoAnswer_ButReleaseAHalt) {
         "request_get_timers_halt_effect", "request_set_disable_period",
         "request_remove_disabled_period", "request_disabled_period_list",
         "request_set_disable_period_effect", "request_copy_db", "dravel_get_timer_by_id"}) {
-    EXPECT_FALSE(is_answered(method, "('/tmp',)")) << method;
-    EXPECT_FALSE(is_answered(method, "()")) << method;
+    EXPECT_FALSE(bus.is_answered(kDaemon, method, "('/tmp',)")) << method;
+    EXPECT_FALSE(bus.is_answered(kDaemon, method, "()")) << method;
   }
-  EXPECT_TRUE(is_answered("cancel_timer", "(1,)"));
+  EXPECT_TRUE(bus.is_answered(kDaemon, "cancel_timer", "(1,)"));
 
   EXPECT_EQ(call("request_halt_ontimers", "(1,)"), "(0,)");
   EXPECT_EQ(call("request_halt_offtimers", "(5,)"), "(0,)");
@@ -66,30 +63,40 @@ TEST_F(Service, UnreadableArguments_GetNoAnswer_ButReleaseAHalt) {
   EXPECT_EQ(call("request_get_timers_halt_effect", "(0,)"), "(0, 0)");
 }
 
-TEST_F(Service, State_ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
+// On the simulated set's object, whose properties can be written.
+TEST_F(Service, WhatIsUnknownOrReadOnly_IsRefusedWithTheStandardErrors) {
   start();
-  schedule({0, "16 14:00", 0, 0, 0, 2});
-  schedule({1, "15 15:00", kDaily});
-  schedule({10, "15 13:00"});
-  EXPECT_EQ(state("Armed"), "[(-10, uint32 1797339600), (2, 1797346800), (1, 1797429600)]");
-  EXPECT_EQ(state("Wakeup"), "(1, uint32 1797429600, 0, false)");
-  EXPECT_EQ(state("Stored") + state("Limit"), u32(2) + u32(80));
-  schedule({13, "15 16:00"});
-  state_signals("'Stored': <uint32 3>");
-  schedule({13, "15 16:00"});
-  EXPECT_EQ(
-      state_signals("Wakeup"),
-      (strings{"TimerRemoved(3, 'replaced')", "TimerAdded(4,)",
-               properties_changed("{'Wakeup': <(4, uint32 1797350400, 13, false)>}, ['Armed']")}));
+  const bus_target properties = {kStandin.name, kStandin.path, DBUS_INTERFACE_PROPERTIES};
+  const struct {
+    bus_target target;
+    const char *method, *arguments, *answer;
+  } calls[] = {
+      {properties, "Get", "('', 'SyncDb')", "(<0>,)"},
+      {properties, "Get", "('org.olvara.tv.standin', 'Colour')", DBUS_ERROR_UNKNOWN_PROPERTY},
+      {properties, "Get", "('org.olvara.other', 'SyncDb')", DBUS_ERROR_UNKNOWN_INTERFACE},
+      {properties, "Get", "('org.olvara.tv.standin',)", DBUS_ERROR_INVALID_ARGS},
+      {properties, "Set", "('', 'SyncDb', <1>)", "()"},
+      {properties, "Set", "('', 'SyncDb', <7>)", DBUS_ERROR_INVALID_ARGS},
+      {properties, "Set", "('', 'SyncDb', <true>)", DBUS_ERROR_INVALID_ARGS},
+      {properties, "Set", "('', 'WakeupTime', <uint32 1>)", DBUS_ERROR_PROPERTY_READ_ONLY},
+      {properties, "Get", "('org.olvara.tv.standin', 'SyncDb')", "(<1>,)"},
+      {properties, "GetAll", "('org.freedesktop.DBus.Introspectable',)", "({},)"},
+      {properties, "GetAll", "('org.olvara.other',)", DBUS_ERROR_UNKNOWN_INTERFACE},
+      {kDaemon, "nothing", "()", DBUS_ERROR_UNKNOWN_METHOD},
+      {{kDravelBusName, kDravelObjectPath, "a.b"}, "c", "()", DBUS_ERROR_UNKNOWN_INTERFACE},
+      {{kDravelBusName, "/no", kDravelBusName}, "c", "()", DBUS_ERROR_UNKNOWN_OBJECT}};
+  for (const auto &[target, method, arguments, answer] : calls)
+    EXPECT_EQ(bus.ask(target, method, arguments), answer) << method << arguments;
+}
 
-  set("TvClock", u32(time_of("15 13:00")));
-  EXPECT_EQ(state("Clock"), u32(time_of("15 13:00")));
-  standin("TimeSet", "()");
-  EXPECT_EQ(state_signals("Wakeup"),
-            (strings{"TimerChanged(1,)", properties_changed("{'Wakeup': <(1, uint32 1797343200, 0, "
-                                                            "false)>}, ['Clock', 'Armed']")}));
-  call("request_halt_offtimers", "(5,)");
-  EXPECT_EQ(state("ClockConfirmed") + state("HaltOn") + state("HaltOff"), "true05");
+TEST_F(Service, ALostBus_EndsTheDaemon) {
+  constexpr const char *kOtherBus = "unix:path=/run/bench/other-bus";
+  const outcome other =
+      shell(std::string("dbus-daemon --session --fork --print-pid --address=") + kOtherBus);
+  launch(kOtherBus);
+  wait_log("end scheduling...");
+  kill(std::stoi(other.said), SIGTERM);
+  EXPECT_EQ(wait_exit(), 0);
 }
 
 TEST_F(Service, AStartThatIsRefusedWhatItNeeds_EndsWithStatus255) {
@@ -100,8 +107,8 @@ TEST_F(Service, AStartThatIsRefusedWhatItNeeds_EndsWithStatus255) {
                {kSandboxBus, "device_power_subscribe_wakeup", "init_poweroff_handler() failed"}};
   for (const auto &[address, refused, logged] : cases) {
     launch(address, std::string("Refuse=") + refused);
-    wait_log(logged);
     EXPECT_EQ(wait_exit(), 255);
+    EXPECT_THAT(daemon_log(), HasSubstr(logged));
   }
 }
 
@@ -112,11 +119,11 @@ TEST_F(Service, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
   ASSERT_EQ(mkfifo("/opt/copies/pipe/.dravel.db", 0600), 0); // which nobody reads or writes
   start();
   EXPECT_EQ(schedule({2, "15 13:00"}), 1);
-  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/opt/copies')"));
+  EXPECT_FALSE(bus.is_answered(kDaemon, "request_copy_db", "(1, '/opt/copies')"));
   wait_log("/opt/copies/.dravel.db is not exit");
-  EXPECT_FALSE(is_answered("request_copy_db", "(0, '/opt/copies/taken')"));
+  EXPECT_FALSE(bus.is_answered(kDaemon, "request_copy_db", "(0, '/opt/copies/taken')"));
   wait_log("failed to copy file: ");
-  EXPECT_FALSE(is_answered("request_copy_db", "(1, '/opt/copies/pipe')"));
+  EXPECT_FALSE(bus.is_answered(kDaemon, "request_copy_db", "(1, '/opt/copies/pipe')"));
   EXPECT_EQ(call("request_copy_db", "(0, '/opt/copies/pipe')"), "(0,)");
   EXPECT_EQ(call("request_copy_db", "(0, '/opt/copies')"), "(0,)");
   EXPECT_EQ(rows("SELECT timer_id FROM dravel", "/opt/copies/.dravel.db"), "1");
@@ -140,6 +147,45 @@ TEST_F(Service, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
   EXPECT_EQ(stop(), 0);
   start();
   EXPECT_EQ(timer_ids(), words{1});
+}
+
+class State : public daemon_test {
+protected:
+  State() : daemon_test({kState}) {}
+  strings signals_to(const std::string &last) {
+    wait_event(last);
+    return events();
+  }
+};
+
+std::string changed(const std::string &what) {
+  return "PropertiesChanged('org.olvara.tv.system.dravel.state', " + what + ")";
+}
+
+TEST_F(State, ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
+  start();
+  schedule({0, "16 14:00", 0, 0, 0, 2});
+  schedule({1, "15 15:00", kDaily});
+  schedule({10, "15 13:00"});
+  EXPECT_EQ(state("Armed"), "[(-10, uint32 1797339600), (2, 1797346800), (1, 1797429600)]");
+  EXPECT_EQ(state("Wakeup"), "(1, uint32 1797429600, 0, false)");
+  EXPECT_EQ(state("Stored") + state("Limit"), u32(2) + u32(80));
+  schedule({13, "15 16:00"});
+  signals_to("'Stored': <uint32 3>");
+  schedule({13, "15 16:00"});
+  EXPECT_EQ(signals_to("Wakeup"),
+            (strings{"TimerRemoved(3, 'replaced')", "TimerAdded(4,)",
+                     changed("{'Wakeup': <(4, uint32 1797350400, 13, false)>}, ['Armed']")}));
+
+  set("TvClock", u32(time_of("15 13:00")));
+  EXPECT_EQ(state("Clock"), u32(time_of("15 13:00")));
+  standin("TimeSet", "()");
+  EXPECT_EQ(
+      signals_to("Wakeup"),
+      (strings{"TimerChanged(1,)",
+               changed("{'Wakeup': <(1, uint32 1797343200, 0, false)>}, ['Clock', 'Armed']")}));
+  call("request_halt_offtimers", "(5,)");
+  EXPECT_EQ(state("ClockConfirmed") + state("HaltOn") + state("HaltOff"), "true05");
 }
 
 } // namespace
