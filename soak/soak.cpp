@@ -1,207 +1,515 @@
-// Injects faults into the daemon and prints what was seen, a line for each kind. Seeded: the same
-// seed gives the same faults, but for the moments at which processes are killed.
+// Injects faults into the daemon and prints what was seen. Seeded: the same seed gives the same
+// faults, but for the moments at which processes are killed.
 //
-// Usage: soak DAEMON SEED ROUNDS-PERCENT [FAULT...]   in scripts/sandbox
+// Usage: soak DAEMON SEED ROUNDS-PERCENT FAULT   in scripts/sandbox
 
-#include "soak.h"
+#include "process.h"
+#include "store.h"
+
+#include <standin.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
 #include <iterator>
-#include <set>
+#include <map>
+#include <optional>
+#include <random>
+#include <sched.h>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <utility>
 
-static constexpr unsigned kFullLedger = 60; // of 80 that the daemon keeps
+namespace fs = std::filesystem;
+
+static constexpr std::size_t kFullBook = 60; // of 80 timers that the daemon keeps
 static constexpr std::uint32_t kMinute = 60;
 static constexpr std::uint32_t kDay = 86400;
 static constexpr std::uint32_t kMinutesOutsideTheHour = 23 * 60;
 static constexpr std::uint32_t kStepMinutes = 101; // has no factor in common with that
 
-void fail(const std::string &what) { throw std::runtime_error(what); }
+using timer_map = std::map<int, timer_words>; // by id
+
+static std::string program;
+static std::mt19937 generator;
+static int current_round;
+static std::optional<bus_client> bus;
+
+// What a client may rely on while the daemon comes and goes.
+static timer_map book;
+static int acknowledged;
+static timer_arguments unanswered_add;
+static int unanswered_cancel;
+
+[[noreturn]] static void fail(const std::string &what) { throw std::runtime_error(what); }
+
+// From 0 to `limit` - 1.
+template <typename T> static T below(T limit) {
+  return static_cast<T>(generator() % static_cast<std::mt19937::result_type>(limit));
+}
+
+template <typename T, std::size_t N> static const T &pick(const T (&from)[N]) {
+  return from[below(N)];
+}
+
+// --- the daemon and its timers ---
+
+static process begin(const std::string &keys = "", const char *address = kSandboxBus) {
+  bus.emplace(address);
+  return start_daemon({program, keys, "error", address}, *bus);
+}
+
+static void check_end(int status, int expected = 0) {
+  if (status != expected)
+    fail("the daemon ended with " + std::to_string(status));
+}
 
 // At a minute of the day of its own, not within the hour from noon, up to 300 days ahead, so that
 // it lasts until it is cancelled.
-timer_arguments any_timer(soak_run &run) {
+static timer_arguments any_timer() {
   static constexpr int kTypes[] = {0, 1, 2, 3, 5};
-  const std::uint32_t minute = run.timers_made++ * kStepMinutes % kMinutesOutsideTheHour;
-  const std::uint32_t at = time_of("16 13:00") + kDay * run.below(300) + kMinute * minute;
-  const int week_flag = run.below(2) == 0 ? 1 + static_cast<int>(run.below(kDaily)) : 0;
-  timer_arguments timer = arguments_of({run.pick(kTypes), time_text(at), week_flag});
-  timer[TIMER_ARG_PRIORITY] = static_cast<int>(run.below(5));
-  timer[TIMER_ARG_DELAY] = static_cast<int>(run.below(1000));
+  static std::uint32_t minute;
+  minute = (minute + kStepMinutes) % kMinutesOutsideTheHour;
+  const std::uint32_t at = time_of("16 13:00") + kDay * below(300U) + kMinute * minute;
+  const int week_flag = below(2) == 0 ? 0 : 1 + below(int{kDaily});
+  timer_arguments timer = arguments_of({pick(kTypes), time_text(at), week_flag});
+  timer[TIMER_ARG_PRIORITY] = below(5);
+  timer[TIMER_ARG_DELAY] = below(1000);
   return timer;
 }
 
-// --- what was acknowledged ---
-
 // Nothing when there was no answer.
-static std::optional<int> answer_to(soak_run &run, const char *method,
-                                    std::span<const int> arguments) {
-  const message reply = run.bus->try_call(kDaemon, method, arguments);
+static std::optional<int> answer_to(const char *method, std::span<const int> arguments) {
+  const message reply = bus->try_call(kDaemon, method, arguments);
+  acknowledged += reply == nullptr ? 0 : 1;
   return reply == nullptr ? std::nullopt : std::optional(int_of(reply));
 }
 
-static bool cancel_one(soak_run &run) {
-  ledger &book = run.book;
-  const auto count = static_cast<unsigned>(book.timers.size());
-  const int id = std::next(book.timers.begin(), run.below(count))->first;
-  book.unanswered_cancel = id;
-  const auto answer = answer_to(run, "cancel_timer", {&id, 1});
-  if (!answer)
-    return false;
-  if (*answer != 0)
-    fail("the listed timer " + std::to_string(id) + " was not cancelled");
-  book.timers.erase(id);
-  book.unanswered_cancel.reset();
-  return true;
+static bool cancel_one() {
+  unanswered_cancel = std::next(book.begin(), below(static_cast<long>(book.size())))->first;
+  const auto answer = answer_to("cancel_timer", {&unanswered_cancel, 1});
+  if (answer && *answer != 0)
+    fail("the listed timer " + std::to_string(unanswered_cancel) + " was not cancelled");
+  if (answer)
+    book.erase(std::exchange(unanswered_cancel, 0));
+  return answer.has_value();
 }
 
-static bool add_one(soak_run &run) {
-  ledger &book = run.book;
-  const timer_arguments timer = any_timer(run);
-  book.unanswered_add = timer;
-  const auto id = answer_to(run, "schedule_timer", timer);
-  if (!id)
-    return false;
-  if (*id <= 0 || !book.timers.emplace(*id, words_of(*id, timer)).second)
+static bool add_one() {
+  unanswered_add = any_timer();
+  const auto id = answer_to("schedule_timer", unanswered_add);
+  if (id && (*id <= 0 || !book.emplace(*id, words_of(*id, unanswered_add)).second))
     fail("a new timer was answered with " + std::to_string(*id));
-  book.unanswered_add.reset();
-  return true;
+  if (id)
+    unanswered_add = {};
+  return id.has_value();
 }
 
-bool change(soak_run &run) {
-  const std::size_t listed = run.book.timers.size();
-  const bool cancels = listed > 0 && (listed >= kFullLedger || run.below(5) < 2);
-  const bool answered = cancels ? cancel_one(run) : add_one(run);
-  run.book.acknowledged += answered ? 1 : 0;
-  return answered;
+// False when it was not answered.
+static bool change() {
+  const bool cancels = book.size() >= kFullBook || (!book.empty() && below(5) < 2);
+  return cancels ? cancel_one() : add_one();
+}
+
+static void make_changes(int count) {
+  for (; count > 0; --count)
+    change();
 }
 
 // --- the checks ---
 
-timer_map listed_timers(bus_client &bus) {
-  const words list = bus.list(kDaemon);
+// Of whole images, one after the other.
+static timer_map timers_in(std::span<const int> images) {
   timer_map timers;
-  for (std::size_t at = 1; at + TIMER_WORDS <= list.size(); at += TIMER_WORDS) {
-    timer_words timer{};
-    std::copy_n(&list[at], timer.size(), timer.begin());
-    timers.emplace(timer[TIMER_WORD_ID], timer);
+  for (; images.size() >= TIMER_WORDS; images = images.subspan(TIMER_WORDS)) {
+    timer_words &timer = timers[images[TIMER_WORD_ID]];
+    std::copy_n(images.begin(), timer.size(), timer.begin());
   }
+  return timers;
+}
+
+static timer_map listed_timers() {
+  const words list = bus->list(kDaemon);
+  timer_map timers = timers_in(std::span(list).subspan(1));
   if (timers.size() * TIMER_WORDS + 1 != list.size() || static_cast<int>(timers.size()) != list[0])
     fail("the list is not made of so many whole images as it says, each of another timer");
   return timers;
 }
 
-std::string row_of(const timer_words &timer) {
-  std::string row;
-  for (const record_field &field : kRecordFields<dravel_item>)
-    row += (row.empty() ? "" : "|") + std::to_string(timer[field.word]);
-  return row;
+// Up to the first row that holds anything but whole numbers.
+static timer_map stored_timers(const char *path = kDravelDbPath) {
+  std::string text =
+      rows("SELECT timer_id, type, priority, date_type, tm_sec, tm_min, tm_hour, tm_mday, tm_mon, "
+           "tm_year, tm_wday, tm_yday, tm_isdst, 0, 0, delay, week_flag, disable_period_effect, "
+           "time_type FROM dravel",
+           path);
+  std::ranges::replace(text, '|', ' ');
+  std::istringstream in(text);
+  return timers_in(words{std::istream_iterator<int>(in), {}});
 }
 
-std::vector<std::string> stored_timers(const char *path) {
-  std::istringstream in(
-      rows("SELECT timer_id, type, priority, date_type, tm_sec, tm_min, tm_hour, tm_mday, "
-           "tm_mon, tm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag, "
-           "disable_period_effect, time_type FROM dravel ORDER BY timer_id",
-           path));
-  return {std::istream_iterator<std::string>(in), {}};
-}
-
-static void settle_unanswered(ledger &book, const timer_map &listed) {
-  if (book.unanswered_cancel && !listed.contains(*book.unanswered_cancel))
-    book.timers.erase(*book.unanswered_cancel);
+// The change that was not answered may have been made or not.
+static void settle_unanswered(const timer_map &listed) {
+  if (!listed.contains(unanswered_cancel))
+    book.erase(unanswered_cancel);
   for (const auto &[id, timer] : listed)
-    if (book.unanswered_add && !book.timers.contains(id) &&
-        timer == words_of(id, *book.unanswered_add))
-      book.timers.emplace(id, timer);
-  book.unanswered_cancel.reset();
-  book.unanswered_add.reset();
+    if (!book.contains(id) && timer == words_of(id, unanswered_add))
+      book.emplace(id, timer);
+  unanswered_cancel = 0;
+  unanswered_add = {};
 }
 
-void check_all(soak_run &run) {
-  const timer_map listed = listed_timers(*run.bus);
-  settle_unanswered(run.book, listed);
-  if (listed != run.book.timers)
+// The list, the rows and the acknowledged changes are the same; the store is sound.
+static void check_all() {
+  const timer_map listed = listed_timers();
+  settle_unanswered(listed);
+  if (listed != book)
     fail("not those timers are listed that were acknowledged");
-  std::vector<std::string> expected;
-  for (const auto &[id, timer] : listed)
-    expected.push_back(row_of(timer));
-  if (stored_timers(kDravelDbPath) != expected)
+  if (stored_timers() != listed)
     fail("the list and the store differ");
   for (const char *path : {kDravelDbPath, kWakeupDbPath})
     if (const std::string found = rows("PRAGMA integrity_check", path); found != "ok")
       fail(std::string(path) + ": " + found);
 }
 
-// --- the rounds ---
+// --- SIGKILL for the daemon, or for the bus, while changes are made ---
 
-static void start_round(soak_run &run) {
-  if (run.bus == nullptr)
-    run.bus = std::make_unique<bus_client>(run.address);
-  run.daemon.emplace(start_daemon({run.program, run.keys, "error", run.address}, *run.bus));
+static void change_until_killed(pid_t victim, unsigned longest_us) {
+  auto killed = std::async(std::launch::async, [victim, wait = below(longest_us)] {
+    usleep(wait);
+    return kill(victim, SIGKILL);
+  });
+  while (change())
+    continue;
+  if (killed.get() != 0)
+    fail("a process ended before it was killed");
 }
 
-static void end_round(soak_run &run, int expected) {
-  const int status = expected == 0 ? run.daemon->stop() : run.daemon->wait();
-  if (status != expected)
-    fail("the daemon ended with " + std::to_string(status));
-  run.daemon.reset();
+static void kill_daemon() {
+  process daemon = begin();
+  check_all();
+  change_until_killed(daemon.pid(), 30000);
+  check_end(daemon.wait(), -SIGKILL);
 }
 
-static void run_fault(const fault &fault, soak_run &run, int rounds) {
-  empty_store();
-  for (run.round = 0; run.round < rounds; ++run.round) {
-    if (fault.prepare != nullptr)
-      fault.prepare(run);
-    start_round(run);
-    fault.check(run);
-    fault.disturb(run);
-    end_round(run, fault.status);
-    if (fault.repair != nullptr)
-      fault.repair(run);
+// dbus-daemon takes connections once --fork returns.
+static void kill_bus() {
+  static constexpr const char *kAddress = "unix:path=/run/bench/short-lived";
+  process({"/usr/bin/dbus-daemon", "--fork", "--nosyslog",
+           std::string("--config-file=") + BUS_CONFIGURATION, std::string("--address=") + kAddress})
+      .wait();
+  process daemon = begin("", kAddress);
+  check_all();
+  change_until_killed(bus->pid_of(DBUS_SERVICE_DBUS), 50000);
+  check_end(daemon.wait());
+}
+
+// --- a disk that is full, read-only or failing ---
+
+static constexpr const char *kDisk = "/opt/dbspace";
+static constexpr const char *kFiller = "/opt/dbspace/filler";
+static constexpr const char *kBackup = "/opt/dbspace/backup";
+static constexpr const char *kAllRows = "SELECT * FROM dravel";
+
+enum hindrance { FULL, READ_ONLY, FAILING, kHindrances };
+
+static void mount_disk(const char *source, unsigned long flags) {
+  if (mount(source, kDisk, "tmpfs", flags, "size=160k") != 0)
+    fail("no small disk");
+}
+
+// An ordinary user makes itself the owner of its own mounts first.
+static void use_small_disk() {
+  if (geteuid() != 0) {
+    const std::string user = std::to_string(geteuid());
+    const std::string group = std::to_string(getegid());
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+      fail("no mounts of its own for this user");
+    std::ofstream("/proc/self/uid_map") << user + ' ' + user + " 1";
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/gid_map") << group + ' ' + group + " 1";
   }
-  if (run.book.acknowledged == 0)
-    fail("no change was acknowledged");
-  start_round(run);
-  check_all(run);
-  end_round(run, 0);
+  mount_disk("small", 0);
+  std::signal(SIGXFSZ, SIG_IGN); // the daemon inherits it: a failing write is then an error alone
 }
 
-static void run_named(const fault &fault, char **argv) {
-  const int rounds =
-      std::max(fault.least, static_cast<int>(fault.rounds * std::strtod(argv[3], nullptr) / 100));
-  const auto seed = static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10));
-  std::printf("%-9s seed %u: ", fault.name, seed);
-  std::fflush(stdout);
-  soak_run run{argv[1], std::mt19937(seed)};
-  const auto begun = std::chrono::steady_clock::now();
+static void fill_disk() { std::ofstream(kFiller) << std::string(1 << 20, 'x'); }
+
+static void limit_writes(const process &daemon, rlim_t bytes) {
+  const rlimit limit{bytes, RLIM_INFINITY};
+  if (prlimit(daemon.pid(), RLIMIT_FSIZE, &limit, nullptr) != 0)
+    fail("no limit");
+}
+
+static bool copies(const char *direction) {
+  return bus->is_answered(kDaemon, "request_copy_db",
+                          std::string("(") + direction + ", '" + kBackup + "')");
+}
+
+// While nothing can be written, new timers and periods are refused, and a cancelled timer whose row
+// cannot be deleted is gone until the next start. No copy has room, and none damages what is there.
+static void check_refusing(hindrance by) {
+  timer_map listed = listed_timers();
+  const std::string stored = rows(kAllRows);
+  const auto period = period_arguments("24 00:00", "26 00:00");
+  if (bus->call_int(kDaemon, "schedule_timer", any_timer()) != -1 ||
+      bus->call_int(kDaemon, "request_set_disable_period", period) != -1)
+    fail("what cannot be stored was not refused");
+  if (by == FULL && (copies("0") || copies("1")))
+    fail("a copy without room was answered");
+  if (!listed.empty()) {
+    bus->cancel(kDaemon, listed.begin()->first);
+    listed.erase(listed.begin());
+  }
+  if (listed_timers() != listed || rows(kAllRows) != stored)
+    fail("refused changes were made");
+}
+
+static void check_hindered(const process &daemon, hindrance by) {
+  fs::remove(kFiller);
+  make_changes(1 + below(20));
+  fs::create_directory(kBackup);
+  if (!copies("0"))
+    fail("no backup");
+  const std::string backup = rows(kAllRows);
+  if (by == FULL)
+    fill_disk();
+  else
+    limit_writes(daemon, 0);
+  check_refusing(by);
+  if (rows(kAllRows, "/opt/dbspace/backup/.dravel.db") != backup)
+    fail("a copy without room damaged the backup");
+  fs::remove(kFiller);
+  limit_writes(daemon, RLIM_INFINITY);
+  bus->cancel(kDaemon, bus->schedule(kDaemon, any_timer()));
+}
+
+static void hinder_disk() {
+  const auto by = static_cast<hindrance>(current_round % kHindrances);
+  if (current_round == 0)
+    use_small_disk();
+  else if (by == READ_ONLY)
+    mount_disk(nullptr, MS_REMOUNT | MS_RDONLY);
+  else if (below(2) == 0)
+    fill_disk(); // a start without room
+  process daemon = begin();
+  check_all();
+  if (by == READ_ONLY)
+    check_refusing(by);
+  else
+    check_hindered(daemon, by); // with room again while the daemon runs
+  check_end(daemon.stop());
+  mount_disk(nullptr, MS_REMOUNT);
+}
+
+// --- files that a worn memory or another program has left ---
+
+static std::string bytes_of(const char *path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+static void write_bytes(const std::string &path, const std::string &bytes) {
+  for (const char *ending : {"", "-journal", "-wal", "-shm"})
+    fs::remove_all(path + ending);
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+static std::string damaged(std::string bytes) {
+  const std::size_t size = bytes.size();
+  switch (below(5)) {
+  case 0: // in the header and the schema, or anywhere
+    for (std::size_t flips = 1 + below(8U), end = below(2) == 0 ? 120 : size; flips > 0; --flips)
+      bytes[below(end)] ^= static_cast<char>(1U << below(8));
+    return bytes;
+  case 1:
+    return bytes.substr(0, below(size));
+  case 2: // a block of the flash memory
+    return bytes.replace(below(size), 512, 512, below(2) == 0 ? '\0' : '\xff');
+  case 3:
+    return bytes.append(below(9000U), 'x');
+  default: // a file without tables, or none of SQLite's
+    return std::string("SQLite format 3", below(2U) * 16UL) + std::string(below(2U) * 4080UL, '\0');
+  }
+}
+
+// The timers that SQLite reads from a file in which it finds no fault.
+static timer_map readable_timers(const std::string &bytes) {
+  static constexpr const char *kProbe = "/tmp/probe.db";
+  write_bytes(kProbe, bytes);
   try {
-    run_fault(fault, run, rounds);
-  } catch (const std::exception &failure) {
-    std::printf("round %d: %s\n%s", run.round, failure.what(), daemon_log().c_str());
-    std::exit(1);
+    if (rows("PRAGMA integrity_check; PRAGMA user_version", kProbe) == "ok 1")
+      return stored_timers(kProbe);
+  } catch (const std::runtime_error &) { // nothing is readable
   }
-  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
-  std::printf("%d rounds, %d changes acknowledged, none lost, %.0f s\n", rounds,
-              run.book.acknowledged, took.count());
+  return {};
+}
+
+static std::string store_some() {
+  process daemon = begin();
+  make_changes(30);
+  check_all();
+  check_end(daemon.stop());
+  return bytes_of(kDravelDbPath);
+}
+
+// The daemon deletes a wake-up database that it cannot use; the next start makes a new one.
+static void damage_files() {
+  static const std::string sound = store_some();
+  const bool wakeup = below(8) == 0 && !bytes_of(kWakeupDbPath).empty();
+  const char *path = wakeup ? kWakeupDbPath : kDravelDbPath;
+  write_bytes(path, damaged(bytes_of(path)));
+  const timer_map readable = readable_timers(bytes_of(kDravelDbPath));
+  process daemon = begin();
+  const timer_map listed = listed_timers();
+  for (const auto &[id, timer] : book)
+    if (readable.contains(id) && readable.at(id) == timer &&
+        (!listed.contains(id) || listed.at(id) != timer))
+      fail("the readable timer " + std::to_string(id) + " is not listed as it is stored");
+  const int option = 0;
+  bus->call(kStandin, "Standby", {&option, 1}); // fills the wake-up database
+  const int id = bus->call_int(kDaemon, "schedule_timer", any_timer());
+  if (listed_timers().contains(id) != (id != -1))
+    fail("the answer and the list differ");
+  check_end(daemon.stop());
+  write_bytes(kDravelDbPath, sound);
+}
+
+// --- operations of the set that are refused, at the start or later ---
+
+static void send_event(const char *event, std::initializer_list<int> arguments = {}) {
+  bus->call(kStandin, event, {arguments.begin(), arguments.size()});
+}
+
+// An adjustment moves one-shot timers by whole days.
+static void accept_moved_dates() {
+  const timer_map listed = listed_timers();
+  for (auto &[id, timer] : book)
+    if (timer[TIMER_WORD_WEEK_FLAG] == 0 && listed.contains(id))
+      std::copy_n(&listed.at(id)[TIMER_WORD_MDAY], TIMER_WORD_YDAY - TIMER_WORD_MDAY + 1,
+                  &timer[TIMER_WORD_MDAY]);
+}
+
+// Without the first a timer has no time and is removed; without another the start fails.
+static constexpr std::string_view kIndispensable =
+    "Unsigned_timegm settings_notify_key_changed device_power_subscribe_poweroff "
+    "device_power_subscribe_standby device_power_subscribe_wakeup "
+    "device_power_subscribe_ambient_poweroff";
+
+// Once the operation works again and the set sends an event, the next on-time is programmed.
+static void refuse_operation() {
+  const auto index = static_cast<std::size_t>(current_round) / 2 % std::size(kStandinOperations);
+  std::string refused(kStandinOperations[index]);
+  if (kIndispensable.find(refused) != std::string_view::npos)
+    refused.clear();
+  process daemon = begin(current_round % 2 == 0 ? "Refuse=" + refused : "");
+  check_all();
+  bus->set_property("Refuse", "'" + refused + "'");
+  make_changes(1 + below(5));
+  send_event("Standby", {0});
+  send_event("Wakeup", {20});
+  send_event("AmbientPowerOff");
+  send_event("StateChanged", {4, 2});
+  send_event("TimeSet");
+  for (const char *mode : {"0", "1"})
+    bus->set_property("ClockMode", mode);
+  send_event("MiddlewareSignal", {108});
+  change();
+  bus->set_property("Refuse", "''");
+  send_event("MiddlewareSignal", {108});
+  send_event("TimeSet");
+  const int id = bus->schedule(kDaemon, arguments_of({2, "15 12:30"}));
+  if (bus->property("WakeupTime") != u32(time_of("15 12:30")))
+    fail("after " + refused + " the next on-time is not programmed");
+  bus->cancel(kDaemon, id);
+  accept_moved_dates();
+  bus->set_property("Refuse", "'" + refused + "'"); // for its end
+  check_end(daemon.stop());
+}
+
+// --- clocks, zones and clock modes that change ---
+
+static void change_clock() {
+  static constexpr const char *kZones[] = {"'UTC'", "'Europe/Berlin'", "'Asia/Kolkata'",
+                                           "'Pacific/Apia'", "'Australia/Lord_Howe'"};
+  const std::uint32_t first = time_of("2001-01-01 00:00");
+  const std::uint32_t span = time_of("2099-12-01 00:00") - first;
+  const int choice = below(6);
+  if (choice == 0)
+    return bus->set_property("TimeZone", pick(kZones));
+  if (choice == 1)
+    return bus->set_property("ClockMode", std::to_string(below(3)));
+  // Timers stand on whole minutes: a clock that shows no whole minute makes none of them due.
+  bus->set_property("TvClock", u32((first + below(span)) / kMinute * kMinute + kMinute / 2));
+  send_event("TimeSet");
+}
+
+static void change_clocks() {
+  process daemon = begin();
+  check_all();
+  make_changes(40);
+  for (int changes = 0; changes < 50; ++changes)
+    change_clock();
+  bus->set_property("TvClock", u32(time_of(kNoon)));
+  send_event("TimeSet");
+  accept_moved_dates();
+  check_end(daemon.stop());
+}
+
+// --- the run ---
+
+static constexpr struct {
+  std::string_view name;
+  int rounds; // of the full run
+  int least;  // of any
+  void (*round)();
+} kFaults[] = {
+    {"kills", 1000, 3, kill_daemon},    {"lost-bus", 100, 1, kill_bus},
+    {"files", 10000, 20, damage_files}, {"refusals", 600, 60, refuse_operation},
+    {"clocks", 2000, 2, change_clocks}, {"disk", 120, 3, hinder_disk},
+};
+
+static void run(void (*round)(), int rounds) {
+  empty_store();
+  for (; current_round < rounds; ++current_round)
+    round();
+  if (acknowledged == 0)
+    fail("no change was acknowledged");
+  process daemon = begin();
+  check_all();
+  check_end(daemon.stop());
 }
 
 int main(int argc, char **argv) {
-  std::set<std::string_view> wanted(argv + std::min(argc, 4), argv + argc);
-  const bool all = wanted.empty();
-  for (const fault &fault : faults())
-    if (argc >= 4 && (all || wanted.erase(fault.name) == 1))
-      run_named(fault, argv);
-  if (argc >= 4 && wanted.empty())
-    return 0;
-  std::fprintf(stderr, "usage: soak DAEMON SEED ROUNDS-PERCENT [FAULT...], of");
-  for (const fault &fault : faults())
-    std::fprintf(stderr, " %s", fault.name);
-  std::fprintf(stderr, "\n");
-  return 64;
+  const std::string_view wanted = argc == 5 ? argv[4] : "";
+  const auto *fault = std::ranges::find(kFaults, wanted, [](const auto &row) { return row.name; });
+  if (fault == std::end(kFaults)) {
+    std::fprintf(stderr, "usage: soak DAEMON SEED ROUNDS-PERCENT FAULT, see CONTRIBUTING.md\n");
+    return 64;
+  }
+  program = argv[1];
+  generator.seed(static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)));
+  const int rounds =
+      std::max(fault->least, static_cast<int>(fault->rounds * std::strtod(argv[3], nullptr) / 100));
+  std::printf("%-9s seed %s: ", argv[4], argv[2]);
+  std::fflush(stdout);
+  const auto begun = std::chrono::steady_clock::now();
+  try {
+    run(fault->round, rounds);
+  } catch (const std::exception &failure) {
+    std::printf("round %d: %s\n%s", current_round, failure.what(), daemon_log().c_str());
+    return 1;
+  }
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
+  std::printf("%d rounds, %d changes acknowledged, none lost, %.0f s\n", rounds, acknowledged,
+              took.count());
 }
