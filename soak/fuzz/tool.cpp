@@ -10,39 +10,24 @@
 
 using namespace std::chrono;
 
-static constexpr std::size_t kMostEntries = 8;
+static constexpr int kMostEntries = 8;
 static constexpr sys_seconds kNoon = sys_days(2026y / December / 15) + 12h;
 
 static std::string draw_text(input &in) {
-  static const std::string texts[] = {"7:00",
-                                      "tomorrow 7:00",
-                                      "fri 20:00",
-                                      "+45m",
-                                      "2026-12-24 18:00",
-                                      "24:00",
-                                      "2026-12-24T07:00:00",
-                                      "mon-fri,sun",
-                                      "daily",
-                                      "2028-02-29T23:59:59Z",
-                                      "skip",
-                                      "ignore",
-                                      "broadcast",
-                                      "rtc",
-                                      "+99999999999h",
-                                      "9999-12-31 1:",
-                                      "-1",
-                                      "\xff\xfe 7:00",
-                                      "",
-                                      "0000-00-00T00:00:00"};
-  std::string text = in.one_of(texts);
+  if (in.seldom(32))
+    return in.ConsumeRandomLengthString(40);
+  std::string text = in.PickValueInArray(
+      {"7:00", "tomorrow 7:00", "fri 20:00", "+45m", "2026-12-24 18:00", "24:00", "mon-fri,sun",
+       "2026-12-24T07:00:05", "daily", "2028-02-29T23:59:59Z", "skip", "broadcast", "rtc",
+       "+99999999999h", "9999-12-31 1:", "-1", "\xff\xfe 7:00", "", "0000-00-00T00:00:00"});
   if (in.seldom(96) && !text.empty())
-    text[in.below(text.size())] = static_cast<char>(in.byte());
-  return in.seldom(32) ? in.bytes(40) : text;
+    text[in.below(text.size())] = static_cast<char>(in.below(256));
+  return text;
 }
 
 static void read_words(input &in) {
   const std::string text = draw_text(in);
-  const auto now = kNoon + hours(in.word() % 600'000);
+  const auto now = kNoon + hours(in.below(600'000));
   if (const auto time = parse_time(text, now))
     EXPECT_TRUE(time->time_of_day >= 0s && time->time_of_day < days(1));
   EXPECT_TRUE(parse_days(text).value_or(0) <= kEveryDay && parse_days(text).value_or(0) >= 0);
@@ -59,55 +44,46 @@ static void read_words(input &in) {
 // --- files ---
 
 static json draw_value(input &in) {
-  static constexpr long long kNumbers[] = {0, 1, 2, 6, 10, 12, 16, 24, 31, 254, 255, -1, 1LL << 40};
-  switch (in.byte() % 8) {
-  case 0:
-    return nullptr;
-  case 1:
-    return in.byte() % 2 == 0;
-  case 2:
-    return 0.5;
-  case 3:
-    return json::array({draw_text(in), draw_text(in)});
-  case 4:
-  case 5:
-    return draw_text(in);
-  default:
-    return in.one_of(kNumbers);
-  }
+  const std::string text = draw_text(in);
+  return in.PickValueInArray<json>({nullptr, true, 0.5, json::array({text, draw_text(in)}), text,
+                                    text, 0, 1, 2, 6, 10, 16, 24, 31, 254, 255, -1, 1LL << 40});
 }
 
 // As it is exported, with some fields changed, added or left out.
 static json draw_entry(input &in, json entry) {
-  for (std::size_t odd = in.seldom(128) ? in.below(3) + 1 : 0; odd > 0; --odd) {
-    const auto field = std::next(entry.begin(), static_cast<long>(in.below(entry.size())));
+  for (int odd = in.seldom(128) ? in.below(3) + 1 : 0; odd > 0 && !entry.empty(); --odd) {
+    const auto field = std::next(entry.begin(), in.below(static_cast<long>(entry.size())));
     if (in.seldom(32))
       entry.erase(field);
     else
       entry[in.seldom(32) ? draw_text(in) : field.key()] = draw_value(in);
-    if (entry.empty())
-      break;
   }
   return entry;
 }
 
 static std::string draw_file(input &in) {
-  json timers = json::array(), holidays = json::array();
-  for (std::size_t left = in.below(kMostEntries); left > 0; --left)
-    timers.push_back(draw_entry(in, json_of(timer_record{.type = in.byte() % 17,
-                                                         .at = kNoon + minutes(in.word() % 600'000),
-                                                         .week_flag = in.byte() & kEveryDay,
-                                                         .holiday_effect = in.byte() % 2,
-                                                         .clock = in.byte() % 3},
-                                            snapshot())));
-  for (std::size_t left = in.below(3); left > 0; --left)
-    holidays.push_back(draw_entry(in, json_of(holiday{.first = {in.byte() % 12 + 1U, 1, false},
-                                                      .last = {12, in.byte() % 31 + 1U, false}})));
+  if (in.seldom(16))
+    return in.ConsumeRandomLengthString(100);
+  json timers = json::array();
+  for (int left = in.below(kMostEntries); left > 0; --left) {
+    const timer_record timer{.type = in.below(17),
+                             .at = kNoon + minutes(in.below(600'000)),
+                             .week_flag = in.below(kEveryDay + 1),
+                             .holiday_effect = in.below(2),
+                             .clock = in.below(3)};
+    timers.push_back(draw_entry(in, json_of(timer, snapshot())));
+  }
+  json holidays = json::array();
+  for (int left = in.below(3); left > 0; --left) {
+    const holiday period{.first = {1 + in.below(12U), 1, false},
+                         .last = {12, 1 + in.below(31U), false}};
+    holidays.push_back(draw_entry(in, json_of(period)));
+  }
   std::string text = json{{"timers", timers}, {"holidays", holidays}}.dump(
       -1, ' ', false, json::error_handler_t::replace);
-  for (std::size_t flips = in.seldom(32) ? in.below(4) : 0; flips > 0; --flips)
-    text[in.word() % text.size()] = static_cast<char>(in.byte());
-  return in.seldom(16) ? in.bytes(100) : text;
+  for (int flips = in.seldom(32) ? in.below(4) : 0; flips > 0; --flips)
+    text[in.below(text.size())] = static_cast<char>(in.below(256));
+  return text;
 }
 
 // Firings come in order, none before now, each of a timer that is there.
@@ -131,7 +107,7 @@ static void check_forecast(const import_contents &read) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   input in(data, size);
-  for (std::size_t words = in.below(8); words > 0; --words)
+  for (int words = in.below(8); words > 0; --words)
     read_words(in);
   std::istringstream file(draw_file(in));
   try {

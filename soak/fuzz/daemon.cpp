@@ -1,0 +1,320 @@
+#include "daemon.h"
+
+#include "dravel-list.h"
+#include "dravel-manager.h"
+
+#include <KintoAPI.h>
+#include <system_log.h>
+
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <sanitizer/lsan_interface.h>
+#include <set>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+static constexpr unsigned kInputsPerLeakCheck = 500;
+static constexpr int kMaxSteps = 100;
+static constexpr std::size_t kMaxStoredTimers = 80;
+
+// How many stored timers may be listed. A full list loses the timer with the lowest id, a transient
+// one where there is one: each that was accepted makes room for one stored timer more.
+static std::size_t most_stored;
+int last_transient = kUnstoredTimerId;
+
+[[gnu::weak]] void prepare_store(input &) {}
+
+// --- what must hold ---
+
+// Returns how many stored timers are listed.
+static std::size_t check_state() {
+  std::set<int> ids;
+  std::size_t stored = 0;
+  unsigned armed = 0;
+  for (const dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
+    const void *key = GINT_TO_POINTER(item->timer_id);
+    const auto *record = static_cast<const cb_data *>(g_hash_table_lookup(cb_data_table, key));
+    EXPECT_TRUE(ids.insert(item->timer_id).second);
+    EXPECT_TRUE(record == nullptr || record->timer_item == item);
+    EXPECT_EQ(g_hash_table_contains(scheduled_timer_table, key) != 0, record != nullptr);
+    armed += record != nullptr ? 1 : 0;
+    stored += has_type(item, TIMER_TYPE_TRANSIENT) ? 0 : 1;
+  }
+  for (Eina_List *derived : {get_ontimer_list(), get_offtimer_list()})
+    for (const dravel_item *item : items_of<dravel_item>(derived))
+      EXPECT_EQ(find_dravel_item(item->timer_id), item);
+  EXPECT_EQ(g_hash_table_size(scheduled_timer_table), armed);
+  EXPECT_EQ(g_hash_table_size(cb_data_table), armed);
+  EXPECT_EQ(pending(ecore_timer_cb), static_cast<int>(armed));
+  return stored;
+}
+
+// Too slow for every input. libFuzzer itself looks for leaks only until it has seen a thousand
+// inputs that leave more allocated than before, as a timer whose row cannot be deleted does.
+static void check_leaks() {
+  static unsigned inputs = 0;
+  if (++inputs % kInputsPerLeakCheck == 0)
+    EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0) << "by this input or one before it";
+}
+
+// --- numbers, timers, periods ---
+
+int draw_number(input &in) {
+  if (in.seldom(160))
+    return static_cast<int>(in.word());
+  return in.PickValueInArray({0, -1, 1, 2, 6, 7, 13, 31, 60, 127, 254, 255, 366, 65535, INT_MAX,
+                              -10, 206, -1900, INT_MIN});
+}
+
+std::string joined(const std::vector<std::string> &values) {
+  std::string text;
+  for (const std::string &value : values)
+    text += (text.empty() ? "" : ",") + value;
+  return text;
+}
+
+// Mostly near the clock, so that times coincide often.
+static time_value near(time_value anchor, input &in) {
+  const int steps = in.seldom(32) ? in.below(256) : in.below(24) - 4;
+  return anchor + static_cast<time_value>(steps) *
+                      in.PickValueInArray<time_value>({60, 60, 3600, 86400, 1, 86400 * 30});
+}
+
+static time_value draw_clock(input &in) {
+  if (in.seldom(10))
+    return in.word();
+  if (!in.seldom(80))
+    return near(standin_tv_clock(), in);
+  return near(time_of(in.PickValueInArray({"", kNoon, "1970-01-01 00:00:01", "2028-02-29 00:00",
+                                           "2038-01-19 03:14:07", "2099-12-31 23:59:59",
+                                           "2100-03-01 00:00", "2106-02-07 06:28:15"})),
+              in);
+}
+
+static std::string draw_moment(input &in) {
+  const time_value clock = standin_tv_clock();
+  return time_text(near((clock == 0 ? time_of(kNoon) : clock) / 60 * 60, in));
+}
+
+std::vector<int> draw_timer(input &in) {
+  static constexpr int kTypes[] = {0, 1, 2, 6, 10, 9, 13, 15, 16, 3, 4, 5, 7, 8, 11, 12, 14, 254};
+  static constexpr int kWeekdays[] = {0, 0, 0, kDaily, 62, 65, kTue, kWed, kMon, kSun};
+  const int type = in.PickValueInArray(kTypes);
+  const int week_flag = in.PickValueInArray(kWeekdays);
+  const auto timer =
+      arguments_of({type, draw_moment(in), week_flag, in.below(2), in.below(3), in.below(4)});
+  return {timer.begin(), timer.end()};
+}
+
+std::vector<int> draw_period(input &in) {
+  const std::string start = draw_moment(in);
+  const auto period = period_arguments(start, draw_moment(in), in.below(2));
+  return {period.begin(), period.end()};
+}
+
+// --- calls ---
+
+// Places to copy to and from. Some hold something else at the name of the copy.
+static const char *draw_directory(input &in) {
+  for (const char *path : {"/tmp/copies", "/tmp/directory/.dravel.db", "/tmp/link"})
+    fs::create_directories(path);
+  std::error_code exists;
+  fs::create_symlink("/tmp/copies/.dravel.db", "/tmp/link/.dravel.db", exists);
+  return in.PickValueInArray({"/tmp/copies", "/tmp/directory", "/tmp/link", "/tmp/missing",
+                              "/opt/dbspace", "", "/proc/self", "/dev/null"});
+}
+
+template <typename Record> static int draw_id(input &in, Eina_List *list, int Record::*id) {
+  const auto *record =
+      static_cast<const Record *>(eina_list_nth(list, in.below(eina_list_count(list))));
+  return record == nullptr ? -1 : record->*id;
+}
+
+static std::vector<int> draw_numbers(const std::string &method, input &in) {
+  if (method == "schedule_timer")
+    return draw_timer(in);
+  if (method == "request_set_disable_period")
+    return draw_period(in);
+  if (method == "request_remove_disabled_period")
+    return {draw_id(in, get_disabled_period_list(), &disabled_period_item::period_id)};
+  if (method == "request_copy_db" || method.starts_with("request_halt_"))
+    return {in.below(2)};
+  return {draw_id(in, get_dravel_list(), &dravel_item::timer_id), in.below(3)};
+}
+
+// In GVariant's text form; mostly of the method's signature, sometimes more, fewer or other ones.
+static std::string draw_arguments(const bound_method &method, input &in) {
+  std::vector<int> numbers = draw_numbers(method.name, in);
+  for (int odd = in.seldom(64) ? in.below(4) + 1 : 0; odd > 0; --odd)
+    numbers[in.below(numbers.size())] = draw_number(in);
+  std::vector<std::string> values;
+  for (const char type : method.signature)
+    values.push_back(type == DBUS_TYPE_STRING
+                         ? std::string("'") + draw_directory(in) + "'"
+                         : std::to_string(numbers[values.size() % numbers.size()]));
+  if (in.seldom(32)) {
+    values.resize(in.below(values.size() + 1));
+    if (in.ConsumeBool())
+      values.emplace_back(in.PickValueInArray({"uint32 1", "'/other'", "byte 7", "1.5", "[1]"}));
+  }
+  return "(" + joined(values) + (values.size() == 1 ? ",)" : ")");
+}
+
+// A halt whose arguments cannot be read is released, with an empty answer. A copy that fails is not
+// answered.
+static void check_reply(const bound_method &method, bool readable, const message &reply) {
+  static constexpr const char *kNone = "no answer";
+  const bool is_halt = method.name.starts_with("request_halt_");
+  const std::string wanted = readable ? method.reply_signature : is_halt ? "" : kNone;
+  const std::string answer = reply == nullptr ? kNone : dbus_message_get_signature(reply.get());
+  EXPECT_TRUE(answer == wanted || (answer == kNone && method.name == "request_copy_db"))
+      << method.name << ": " << answer;
+  const int id = answer == "i" ? int_of(reply) : -1;
+  if (id == -1)
+    return;
+  if (method.name == "request_set_disable_period")
+    EXPECT_NE(find_disabled_period_item(id), nullptr);
+  if (method.name != "schedule_timer")
+    return;
+  EXPECT_NE(find_dravel_item(id), nullptr);
+  if (id <= kUnstoredTimerId) {
+    ++most_stored;
+    last_transient = id;
+  }
+}
+
+static void call(const bound_method &method, const std::string &arguments) {
+  const message request = request_of(kDaemon, method.name.c_str(), arguments);
+  dbus_message_set_serial(request.get(), 1);
+  const std::string_view given = dbus_message_get_signature(request.get());
+  const message reply(method.handler(nullptr, request.get()));
+  check_reply(method, given.starts_with(method.signature), reply);
+}
+
+static void call_any(input &in) {
+  const bound_method &method = bound_methods()[in.below(bound_methods().size())];
+  call(method, draw_arguments(method, in));
+}
+
+// Some equal ones; seldom more than are kept, because they make all else slow.
+static void call_schedule(input &in) {
+  const auto method = std::ranges::find(bound_methods(), "schedule_timer", &bound_method::name);
+  const std::string timer = draw_arguments(*method, in);
+  for (int more = in.seldom(16) ? in.below(in.seldom(64) ? 90 : 4) : 0; more >= 0; --more)
+    call(*method, timer);
+}
+
+// --- what happens on the set ---
+
+static void change_clocks(input &in) {
+  const time_value reading = draw_clock(in);
+  if (in.ConsumeBool())
+    standin_set_tv_clock(reading);
+  if (in.ConsumeBool())
+    standin_set_rtc(reading);
+  if (in.ConsumeBool())
+    set_system_clock(reading);
+  if (in.ConsumeBool())
+    standin_announce_time_set();
+}
+
+static void change_power_state(input &in) {
+  standin().power_state = in.below(6) - 1;
+  standin().ambient_mode = in.below(4);
+  if (in.ConsumeBool())
+    standin_state_changed(standin().power_state, standin().ambient_mode);
+}
+
+static void refuse(input &in) {
+  if (in.seldom(32))
+    standin().refused.clear();
+  else
+    standin().refused.emplace(in.PickValueInArray(kStandinOperations));
+}
+
+static void draw_event(input &in) {
+  static constexpr const char *kZones[] = {"UTC", "Europe/Berlin", "Pacific/Apia", "Not/AZone"};
+  static constexpr void (*kEvents[])(input &) = {
+      change_clocks,
+      change_clocks,
+      change_power_state,
+      refuse,
+      [](input &from) { standin_wakeup(standin().wakeup_reason = from.below(32)); },
+      [](input &from) { standin_power_off(from.below(16)); },
+      [](input &from) { standin_standby(from.below(4)); },
+      [](input &from) { standin_middleware_signal(from.seldom(32) ? 0 : 108); },
+      [](input &from) { standin_change_clock_mode(from.below(4) - 1); },
+      [](input &from) { standin_set_time_zone(from.PickValueInArray(kZones)); },
+      [](input &from) { standin_run_clocks(from.ConsumeBool()); },
+      [](input &) { standin_ambient_power_off(); }};
+  in.PickValueInArray(kEvents)(in);
+}
+
+// With the clocks moved to the timer's time, or not.
+static void draw_expiry(input &in) {
+  run_idle_steps();
+  if (live_timers().empty())
+    return;
+  const loop_timer &timer = *live_timers()[in.below(live_timers().size())];
+  if (!in.seldom(64)) {
+    const auto passed = static_cast<time_value>(timer.seconds);
+    if (standin_tv_clock() != 0)
+      standin_set_tv_clock(standin_tv_clock() + passed);
+    set_system_clock(time(nullptr) + passed);
+  }
+  fire(timer);
+}
+
+// --- a life ---
+
+static void prepare_set(input &in) {
+  system_log_threshold = in.seldom(32) ? SYSTEM_LOG_DEBUG : SYSTEM_LOG_ERROR;
+  clear_set();
+  standin().wakeup_reason = in.PickValueInArray({0, 20, 1, 2, -1});
+  standin().sync_db = in.below(3) - 1;
+  if (in.seldom(48))
+    standin_set_tv_clock(in.seldom(80) ? 0 : draw_clock(in));
+}
+
+static constexpr void (*kSteps[])(input &) = {call_schedule, call_schedule, call_any,  call_any,
+                                              call_any,      draw_expiry,   draw_event};
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+  input in(data, size);
+  prepare_set(in);
+  prepare_store(in);
+  EXPECT_EQ(start_dravel(), 0);
+  run_idle_steps();
+  most_stored = std::max(kMaxStoredTimers, check_state());
+  for (int step = 0; step < kMaxSteps && !in.empty(); ++step) {
+    in.PickValueInArray(kSteps)(in);
+    EXPECT_LE(check_state(), most_stored);
+  }
+  while (get_dravel_list() != nullptr)
+    cancel_dravel_item(static_cast<dravel_item *>(eina_list_data_get(get_dravel_list())));
+  check_state();
+  end_clean_set();
+  check_leaks();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  GTEST_FLAG_SET(throw_on_failure, true);
+  // List nodes are allocations of their own, which the sanitizers watch.
+  setenv("EINA_MEMPOOL", "pass_through", 1);
+  {
+    const __lsan::ScopedDisabler made_once; // and hidden where the sanitizer does not look
+    eina_init();
+    ecore_init();
+  }
+  // libFuzzer leaves a signal alone that has a handler: without this an input that hangs is never
+  // noticed.
+  for (const int taken_by_the_loop : {SIGALRM, SIGINT, SIGTERM, SIGUSR1, SIGUSR2})
+    std::signal(taken_by_the_loop, SIG_DFL);
+  require_sandbox();
+  return chdir("/tmp"); // for a client's relative paths
+}
