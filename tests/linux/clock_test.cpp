@@ -7,29 +7,26 @@
 #include <system_info.h>
 #include <system_log.h>
 
-#include <algorithm>
-#include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <sys/file.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
+using Configuration = Machine;
+using Journal = Machine;
+
 TEST_F(Machine, TheAlarmIsALeadEarlier_AndNeverCloserThanFiveSeconds) {
+  static constexpr std::pair<std::uint32_t, int> kCases[] = {
+      {3600, 3585}, {21, 6}, {19, 5}, {3, 5}}; // from now: the on-time, the alarm
   start();
-  static constexpr struct {
-    std::int64_t on_time, alarm; // from now
-  } kCases[] = {{3600, 3585}, {21, 6}, {19, 5}, {3, 5}};
   for (const std::int64_t ahead : {0, 3600, -1'000'000}) { // of the device's clock
     rtc.ahead = ahead;
-    for (const auto &row : kCases) {
-      EXPECT_EQ(set_wakeup(0, static_cast<std::uint32_t>(kNow + row.on_time)), 0);
-      EXPECT_EQ(rtc.alarm.value_or(0) - kNow - ahead, row.alarm) << row.on_time;
+    for (const auto &[on_time, alarm] : kCases) {
+      EXPECT_EQ(set_wakeup(0, kNow + on_time), 0);
+      EXPECT_EQ(rtc.alarm, kNow + ahead + alarm) << on_time;
       EXPECT_EQ(clear_wakeup(), 0);
       EXPECT_FALSE(rtc.alarm);
     }
@@ -64,17 +61,15 @@ TEST_F(Machine, ABusyDevice_IsTriedOnceMore) {
   EXPECT_EQ(kept_wake_up().alarm, kNow + 5);
   rtc.refused = ALL_OPERATIONS;
   EXPECT_EQ(clear_wakeup(), 0);
-  EXPECT_EQ(stderr_of([] { fire(1); }),
-            "DRAVEL_LINUX: /dev/rtc0: the alarm is not switched off: Device or resource busy; the "
-            "machine is not woken by it\n");
-  EXPECT_EQ(timers(), "");
+  EXPECT_EQ(seen_after(1), "/dev/rtc0: the alarm is not switched off: Device or resource busy; "
+                           "the machine is not woken by it");
 }
 
 TEST_F(Machine, TheTvClock_IsLocalTime_AndAutomaticFromTheFirstSynchronisationOn) {
   static constexpr struct {
     const char *property;
     const char *value;
-    const char *events;
+    const char *seen;
     int mode;
     std::uint32_t ahead; // of UTC
   } kCases[] = {{"Timezone", "'Europe/Berlin'", "time_zone", 1, kHour},
@@ -85,9 +80,9 @@ TEST_F(Machine, TheTvClock_IsLocalTime_AndAutomaticFromTheFirstSynchronisationOn
                 {"NTP", "false", "time update; clock_mode", 1, 9 * kHour}};
   start();
   for (const auto &row : kCases) {
-    set_property(kTimedated, row.property, row.value);
-    EXPECT_EQ(events(), row.events);
     int mode = 7;
+    set_property(kTimedated, row.property, row.value);
+    EXPECT_EQ(seen(), row.seen);
     EXPECT_EQ(settings_get_int(kSettingsClockMode, &mode), 0);
     EXPECT_EQ(mode, row.mode);
     EXPECT_EQ(CTimeUtil::GetClockMode(), row.mode);
@@ -103,23 +98,16 @@ TEST_F(Machine, AClockBeforeTheDayOfTheBuild_IsConfirmedOnceItIsSynchronised) {
   set_now(1'700'000'000);
   start();
   EXPECT_EQ(CTimeUtil::GetCurrentTime(), 0U);
-  EXPECT_EQ(timers(), "10");
-  fire(10);
-  EXPECT_EQ(events(), "");
+  EXPECT_EQ(seen_after(10), "10");
   set_property(kTimedated, "NTP", "true");
   set_now(kNow);
-  fire(10);
-  EXPECT_EQ(events(), "") << "the network has not given it";
+  EXPECT_EQ(seen_after(10), "10") << "the network has not given it";
   set_property(kTimedated, "NTPSynchronized", "true");
-  EXPECT_EQ(events(), "time update; clock_mode");
-  EXPECT_EQ(timers(), "");
+  EXPECT_EQ(seen(), "time update; clock_mode");
 }
 
-TEST(Configuration, BadValuesAreReported_AndHaveTheirDefaults) {
-  static constexpr struct {
-    const char *text;
-    const char *said;
-  } kCases[] = {
+TEST_F(Configuration, BadValuesAreReported_AndHaveTheirDefaults) {
+  static constexpr const char *kCases[][2] = {
       {"[linux]\nrtc=/dev/rtc1\nlead-suspend=20", ""},
       {"[linux]\nlead-suspend=soon", "lead-suspend cannot be \"soon\""},
       {"[linux]\nlead-poweroff=-1", "lead-poweroff cannot be"},
@@ -130,27 +118,30 @@ TEST(Configuration, BadValuesAreReported_AndHaveTheirDefaults) {
       {"[linux]\nkeep-timers=yes", "keep-timers cannot be"},
       {"[linux]\ncolour=red", "there is no key \"colour\""},
       {"linux", "the defaults are used"},
-      {"[Linux]\nrtc=/dev/rtc1", "there is no group [linux]"},
-  };
-  set_environment();
-  for (const auto &row : kCases) {
-    std::ofstream(kConfigurationPath) << row.text << '\n';
-    const std::string said = stderr_of(read_configuration);
-    EXPECT_EQ(said.empty(), *row.said == '\0') << said;
-    EXPECT_NE(said.find(row.said), std::string::npos) << said;
-    const auto &[rtc, cec, all, off, resume, boot, back, keep] = configuration();
-    EXPECT_EQ(rtc + cec, *row.said == '\0' ? "/dev/rtc1auto" : "/dev/rtc0auto") << row.text;
-    EXPECT_EQ(
-        std::tuple(all, off, resume, boot, back, keep),
-        std::tuple(false, off_action::kSuspend, *row.said == '\0' ? 20U : 15U, 90U, 120U, true))
-        << row.text;
+      {"[Linux]\nrtc=/dev/rtc1", "there is no group [linux]"}};
+  for (const auto &[text, reported] : kCases) {
+    std::ofstream(kConfigurationPath) << text << '\n';
+    read_configuration();
+    const bool is_good = *reported == '\0';
+    const std::string entry = next_entry();
+    EXPECT_TRUE(entry.empty() == is_good && entry.find(reported) != entry.npos) << entry;
+    const auto &[device, television, all, off, resume, boot, back, keep] = configuration();
+    EXPECT_EQ(std::tuple(device + television, all, off, resume, boot, back, keep),
+              std::tuple(is_good ? "/dev/rtc1auto" : "/dev/rtc0auto", false, off_action::kSuspend,
+                         is_good ? 20U : 15U, 90U, 120U, true));
   }
 }
 
-TEST_F(Machine, TheKeyFileIsReadAgainOnSigusr1) {
+TEST_F(Configuration, IsReadAgainOnSigusr1) {
   start();
+  cec.is_there = false;
   ASSERT_EQ(set_wakeup(0, kNow + kHour), 0);
-  reload("rtc=/dev/rtc9\nlead-suspend=100\nkeep-timers=false");
+  reload("");
+  EXPECT_TRUE(
+      next_entry().starts_with("PRIORITY=6\nSYSLOG_IDENTIFIER=DRAVEL_LINUX\nMESSAGE=no CEC"));
+  reload("rtc=/dev/rtc9\ncec=/dev/cec9\nlead-suspend=100\nkeep-timers=false");
+  EXPECT_EQ(seen(), "no CEC adapter with a television (cec = /dev/cec9); only the targets turn the "
+                    "screen on and off | 3590");
   EXPECT_EQ(rtc.alarm, kNow + kHour - 100);
   EXPECT_EQ(rtc.cleared, "/dev/rtc0");
   bool kept = true;
@@ -158,92 +149,45 @@ TEST_F(Machine, TheKeyFileIsReadAgainOnSigusr1) {
   EXPECT_FALSE(kept);
 }
 
-static int subscribe() {
-  return settings_notify_key_changed(
-      kSettingsTimeZone, [](settings_key *, void *) {}, nullptr);
-}
-
-TEST(SecondDaemon, IsRefusedItsFirstSubscription) {
-  set_environment();
-  std::filesystem::create_directory("/tmp/state");
-  const int first = open("/tmp/state/lock", O_CREAT | O_RDWR | O_CLOEXEC, 0644);
-  ASSERT_EQ(flock(first, LOCK_EX), 0);
-  EXPECT_EQ(stderr_of([] { EXPECT_LT(subscribe(), 0); }),
-            "DRAVEL_LINUX: another dravel-manager runs on this machine, this one ends\n");
-  close(first);
-}
-
-TEST(DaemonWithoutAccessToTheState, IsRefusedItsFirstSubscription) {
-  set_environment();
-  std::filesystem::create_directory("/tmp/state");
+TEST_F(Machine, HasOneDaemon_ThatHasAccessToTheState) {
+  const auto ignore = [](settings_key *, void *) {};
+  EXPECT_TRUE(lock_state());
+  EXPECT_LT(settings_notify_key_changed(kSettingsTimeZone, ignore, nullptr), 0);
+  EXPECT_TRUE(
+      next_entry().ends_with("another dravel-manager runs on this machine, this one ends\n"));
   std::filesystem::permissions("/tmp/state", std::filesystem::perms::none);
   const uid_t user = geteuid();
   ASSERT_TRUE(user != 0 || seteuid(65534) == 0);
-  EXPECT_LT(subscribe(), 0);
+  EXPECT_FALSE(lock_state());
   EXPECT_EQ(seteuid(user), 0);
 }
 
-// A socket that receives what is written to the journal.
-static int open_journal() {
-  std::filesystem::create_directories("/run/systemd/journal");
-  const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
-  const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  EXPECT_EQ(bind(journal, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-  return journal;
+// Prints one line, and returns the level that it has in the journal.
+static char level_of(system_log_priority priority, const std::string &tag, const char *text) {
+  system_log_print(priority, tag.c_str(), text, 7);
+  const std::string entry = next_entry(); // begins with "PRIORITY="
+  EXPECT_TRUE(entry.ends_with("\nSYSLOG_IDENTIFIER=" + tag + "\nMESSAGE=" + text + "\n")) << entry;
+  return entry.at(9);
 }
 
-// The next entry with this part, "" when there is none.
-static std::string next_entry(int journal, const char *part) {
-  char entry[512] = "";
-  while (recv(journal, entry, sizeof entry - 1, MSG_DONTWAIT) > 0) {
-    if (std::strstr(entry, part) != nullptr)
-      return entry;
-    std::ranges::fill(entry, '\0');
-  }
-  return "";
-}
-
-TEST(Journal, ShowsProgressAsNotices_AndFailuresAsErrors) {
-  static constexpr struct {
-    system_log_priority priority;
-    const char *tag;
-    const char *text;
-    char level;
-  } kCases[] = {
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "dravel expired: [%d]", '5'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "get_next_expire_date~~~error code : %d\n", '5'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "failed to get dravel item %d\n", '5'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "failed auto_time_set %d", '5'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "Failed to set micom flag to db %d", '3'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "Error in device_power_set_state : %d\n", '3'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "failed to get rtc time", '3'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "DB open fail: [%d], remove", '3'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "integrity_check[%d] fail, it will recreate", '5'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "integrity_check [%d] SQLITE_CORRUPT", '3'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "db [%d] deleted", '3'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "device_power_subscribe_standby error : %d \n", '3'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "CreateSignalSubscriber error", '3'},
-      {SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "out of memory", '3'},
-      {SYSTEM_LOG_ERROR, "E_DBUS", "no bus: %d", '3'},
-      {SYSTEM_LOG_INFO, "DRAVEL_MANAGER", "failed %d", '6'},
-      {SYSTEM_LOG_DEBUG, "DRAVEL_MANAGER", "%d", '7'},
-  };
-  const int journal = open_journal();
-  for (const auto &row : kCases) {
-    system_log_print(row.priority, row.tag, row.text, 7);
-    const std::string entry = next_entry(journal, "MESSAGE=");
-    EXPECT_NE(entry.find(std::string("PRIORITY=") + row.level), entry.npos) << entry;
-    EXPECT_NE(entry.find(std::string("SYSLOG_IDENTIFIER=") + row.tag + '\n'), entry.npos);
-  }
-}
-
-TEST_F(Machine, WithoutAnAdapter_IsNoError_UnlessOneIsNamed) {
-  const int journal = open_journal();
-  cec.is_there = false;
-  start("", false);
-  EXPECT_NE(next_entry(journal, "no CEC adapter").find("PRIORITY=6"), std::string::npos);
-  reload("cec=/dev/cec7");
-  EXPECT_NE(next_entry(journal, "no CEC adapter").find("PRIORITY=3"), std::string::npos);
+TEST_F(Journal, ShowsProgressAsNotices_AndFailuresAsErrors) {
+  static constexpr const char *kNotices[] = {"dravel expired", "get_next_expire_date~~~error code",
+                                             "failed to get dravel item", "failed auto_time_set",
+                                             "integrity_check fail, it will recreate"};
+  static constexpr const char *kErrors[] = {
+      "Failed to set flag", "Error in device",  "failed to get rtc time",
+      "DB open fail: []",   "SQLITE_CORRUPT",   "db [] deleted",
+      "standby error",      "Subscriber error", "out of memory"};
+  for (const char *text : kNotices)
+    EXPECT_EQ(level_of(SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", text), '5') << text;
+  for (const char *text : kErrors)
+    EXPECT_EQ(level_of(SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", text), '3') << text;
+  EXPECT_EQ(level_of(SYSTEM_LOG_ERROR, "E_DBUS", "no bus"), '3');
+  EXPECT_EQ(level_of(SYSTEM_LOG_INFO, "DRAVEL_MANAGER", "failed"), '6');
+  EXPECT_EQ(level_of(SYSTEM_LOG_DEBUG, "DRAVEL_MANAGER", "loaded"), '7');
+  testing::internal::CaptureStderr();
+  system_log_print(SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "%d timers\n", 7);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "DRAVEL_MANAGER: 7 timers\n");
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 #include "machine.h"
 
-#include "configuration.h"
 #include "screen.h"
 #include "start.h"
 
@@ -9,39 +8,36 @@
 #include <settings.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <list>
-#include <set>
+#include <map>
 #include <stdexcept>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <utility>
-#include <vector>
-
-namespace {
-
-struct loop_timer {
-  double seconds;
-  Ecore_Task_Cb callback;
-};
-
-} // namespace
 
 static constexpr auto kLongestWait = std::chrono::seconds(10);
 static constexpr int kTurnsOfAnOrder = 6; // until what it leads to has been called and is known
+static constexpr std::string_view kError = "PRIORITY=3\nSYSLOG_IDENTIFIER=DRAVEL_LINUX\nMESSAGE=";
 static constexpr const char *kMock = "org.freedesktop.DBus.Mock";
 
 static std::time_t wall_clock = kNow;
-static std::list<loop_timer> live_timers;
-static std::optional<bus_client> client; // the case's own connection
-static std::string called;
-static std::string delivered;
+static std::multimap<double, Ecore_Task_Cb> live_timers; // by their seconds
+static std::optional<bus_client> client;                 // the case's own connection
+static std::string happened;
+static int journal = -1;
 
-static void append(std::string &list, const std::string &entry, const char *separator = "; ") {
+void append(std::string &list, const std::string &entry, const char *separator) {
   list += (list.empty() ? "" : separator) + entry;
+}
+
+static int happens(const std::string &what) {
+  append(happened, what);
+  return 0;
 }
 
 // --- time ---
@@ -53,14 +49,11 @@ std::time_t time(std::time_t *timer) noexcept {
 }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *) {
-  live_timers.push_back({seconds, callback});
-  return reinterpret_cast<Ecore_Timer *>(&live_timers.back());
+  return reinterpret_cast<Ecore_Timer *>(&*live_timers.emplace(seconds, callback));
 }
 
 void *ecore_timer_del(Ecore_Timer *timer) {
-  const auto is_same = [=](loop_timer &live) {
-    return reinterpret_cast<Ecore_Timer *>(&live) == timer;
-  };
+  const auto is_same = [=](const auto &live) { return static_cast<const void *>(&live) == timer; };
   EXPECT_EQ(std::erase_if(live_timers, is_same), 1U)
       << "a main-loop timer is deleted that has already ended";
   return nullptr;
@@ -70,57 +63,21 @@ void *ecore_timer_del(Ecore_Timer *timer) {
 void set_now(std::uint32_t time) { wall_clock = time; }
 
 std::string timers() {
-  std::multiset<int> seconds;
-  for (const loop_timer &live : live_timers)
-    seconds.insert(static_cast<int>(live.seconds));
   std::string out;
-  for (const int each : seconds)
-    append(out, std::to_string(each), " ");
+  for (const auto &[seconds, callback] : live_timers)
+    append(out, std::to_string(static_cast<int>(seconds)), " ");
   return out;
 }
 
 void fire(double seconds) {
-  const auto found = std::ranges::find(live_timers, seconds, &loop_timer::seconds);
+  const auto found = live_timers.find(seconds);
   ASSERT_NE(found, live_timers.end()) << "no timer of " << seconds << " s among " << timers();
-  if (!found->callback(nullptr))
-    ecore_timer_del(reinterpret_cast<Ecore_Timer *>(&*found));
-}
-
-void step_clock() {
-  ecore_event_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, nullptr, nullptr, nullptr);
-  calls();
+  auto *timer = reinterpret_cast<Ecore_Timer *>(&*found);
+  if (!found->second(nullptr))
+    ecore_timer_del(timer);
 }
 
 // --- devices ---
-
-bool fake_rtc::does(unsigned operation) const {
-  errno = error;
-  return (refused & operation) == 0;
-}
-
-std::optional<std::int64_t> fake_rtc::read_clock() {
-  return does(READ_CLOCK) ? std::optional(wall_clock + ahead) : std::nullopt;
-}
-
-bool fake_rtc::read_alarm(std::optional<std::int64_t> &out) {
-  out = alarm;
-  return does(READ_ALARM);
-}
-
-bool fake_rtc::set_alarm(std::int64_t time) {
-  if (!does(SET_ALARM))
-    return false;
-  alarm = does(KEEP_ALARM) ? std::optional(time) : std::nullopt;
-  return true;
-}
-
-bool fake_rtc::clear_alarm() {
-  if (!does(CLEAR_ALARM))
-    return false;
-  alarm.reset();
-  cleared = configuration().rtc;
-  return true;
-}
 
 std::string hex_of(std::span<const std::uint8_t> bytes) {
   std::string text;
@@ -138,9 +95,9 @@ void television_says(std::initializer_list<std::uint8_t> bytes) {
   screen_received(0, std::span(bytes.begin(), bytes.size()));
 }
 
-void television_stays(std::uint8_t status) {
+void television_stays(power_status status) {
   for (int second = 1; second <= 15; ++second) {
-    television_says({0x90, status});
+    television_reports(status);
     fire(1);
   }
 }
@@ -151,47 +108,14 @@ static bus_target mock_of(const bus_service &service, const char *interface) {
   return {service.name, service.path, interface};
 }
 
-// Calls dbusmock's own method.
-static void tell(const bus_service &service, const char *method, const std::string &arguments) {
+void tell(const bus_service &service, const char *method, const std::string &arguments) {
   EXPECT_EQ(client->ask(mock_of(service, kMock), method,
                         std::string("('") + service.interface + "', " + arguments + ")"),
             "()");
 }
 
-static std::string quoted(const std::string &text) { return "'" + text + "'"; }
-
-void emit(const bus_service &service, const std::string &signal, const char *signature,
-          const std::string &values) {
-  tell(service, "EmitSignal", quoted(signal) + ", " + quoted(signature) + ", [" + values + "]");
-}
-
 void set_property(const bus_service &service, const char *property, const std::string &value) {
-  tell(service, "UpdateProperties", "{" + quoted(property) + ": <" + value + ">}");
-}
-
-void refuse(const bus_service &service, const char *method) {
-  tell(service, "AddMethod",
-       quoted(method) + ", 'b', '', \"raise dbus.exceptions.DBusException('no', "
-                        "name='org.freedesktop.DBus.Error.AccessDenied')\"");
-}
-
-void prepare_for(const std::string &what, bool begins) {
-  emit(kLogind, "PrepareFor" + what, "b", begins ? "<true>" : "<false>");
-  wait_until([=] { return inhibitor_is_held() != begins; });
-}
-
-void begin_session() { emit(kLogind, "SessionNew", "so", "<'1'>, <objectpath '/1'>"); }
-
-void end_hooks() {
-  emit(kSystemd, "JobRemoved", "uoss",
-       "<uint32 1>, <objectpath '/1'>, <'dravel-off.target'>, <'done'>");
-}
-
-void end_bus() {
-  const pid_t bus = client->pid_of(DBUS_SERVICE_DBUS);
-  kill(bus, SIGTERM);
-  wait_until([=] { return kill(bus, 0) != 0; });
-  calls(); // the platform's connection is closed then
+  tell(service, "UpdateProperties", std::string("{'") + property + "': <" + value + ">}");
 }
 
 void Machine::start_services() {
@@ -201,89 +125,105 @@ void Machine::start_services() {
 
 // --- waiting ---
 
-static void take_call(DBusMessage *arrived) {
-  const char *method = "";
-  if (dbus_message_is_signal(arrived, kMock, "MethodCalled") == 0)
-    return;
-  dbus_message_get_args(arrived, nullptr, DBUS_TYPE_STRING, &method, DBUS_TYPE_INVALID);
-  std::string call = method;
-  const std::string text = body_text(arrived); // as "('StopUnit', [<'x.target'>, <'replace'>])"
-  if (const std::size_t at = text.find("[<'"); at != std::string::npos)
-    call += " " + text.substr(at + 3, text.find('\'', at + 3) - at - 3);
-  if (call != "Subscribe")
-    append(called, call);
-}
-
 // The platform runs; then everything has arrived that was sent before.
 static void take_turn() {
   ecore_main_loop_iterate();
   client->ask(mock_of(kLogind, DBUS_INTERFACE_PEER), "Ping", "()");
 }
 
-void wait_until(const std::function<bool()> &happened) {
+static void take_turns() {
+  for (int turn = 0; turn < kTurnsOfAnOrder; ++turn)
+    take_turn();
+  ecore_main_loop_iterate();
+}
+
+void wait_until(const std::function<bool()> &is_done) {
   const auto deadline = std::chrono::steady_clock::now() + kLongestWait;
-  for (take_turn(); !happened(); take_turn())
+  for (take_turn(); !is_done(); take_turn())
     if (std::chrono::steady_clock::now() > deadline)
       throw std::runtime_error("what is waited for does not happen");
 }
 
-static std::string taken(std::string &list) {
-  for (int turn = 0; turn < kTurnsOfAnOrder; ++turn)
-    take_turn();
-  ecore_main_loop_iterate();
-  client->drain(take_call);
-  return std::exchange(list, "");
+std::string next_entry() {
+  char entry[1024];
+  const ssize_t size = recv(journal, entry, sizeof entry, MSG_DONTWAIT);
+  return {entry, static_cast<std::size_t>(std::max(size, ssize_t{0}))};
 }
 
-std::string calls() { return taken(called); }
+static void take_call(DBusMessage *arrived) {
+  char method[32] = "";
+  char argument[64] = "";
+  if (dbus_message_is_signal(arrived, kMock, "MethodCalled") == 0)
+    return;
+  const std::string call = body_text(arrived); // as "('StopUnit', [<'x.target'>, <'replace'>])"
+  std::sscanf(call.c_str(), "('%31[^']', [<'%63[^']", method, argument);
+  if (method != std::string_view{"Subscribe"})
+    happens(method + (*argument == '\0' ? "" : std::string(" ") + argument));
+}
 
-std::string events() { return taken(delivered); }
+std::string seen() {
+  take_turns();
+  for (std::string entry = next_entry(); !entry.empty(); entry = next_entry())
+    if (entry.starts_with(kError))
+      happens(entry.substr(kError.size(), entry.size() - kError.size() - 1));
+  client->drain(take_call);
+  if (!live_timers.empty())
+    append(happened, timers(), " | ");
+  return std::exchange(happened, "");
+}
 
-std::string stderr_of(const std::function<void()> &action) {
-  testing::internal::CaptureStderr();
-  action();
-  return testing::internal::GetCapturedStderr();
+std::string seen_after(double seconds) {
+  fire(seconds);
+  return seen();
+}
+
+void step_clock() {
+  ecore_event_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, nullptr, nullptr, nullptr);
+  take_turns();
+}
+
+void end_bus() {
+  const pid_t bus = client->pid_of(DBUS_SERVICE_DBUS);
+  kill(bus, SIGTERM);
+  wait_until([=] { return kill(bus, 0) != 0; });
+  take_turns(); // the platform's connection is closed then
 }
 
 // --- the daemon's side ---
 
 bool inhibitor_is_held() {
-  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    if (std::filesystem::read_symlink(entry, gone) == "/tmp/inhibitor")
-      return true;
-  }
-  return false;
+  const std::filesystem::directory_iterator open_files("/proc/self/fd");
+  return std::ranges::any_of(open_files, [](const std::filesystem::path &file) {
+    std::error_code closed;
+    return std::filesystem::read_symlink(file, closed) == "/tmp/inhibitor";
+  });
+}
+
+static int standby(int, void *) {
+  return happens(inhibitor_is_held() ? "standby in time" : "standby");
+}
+
+static int wakeup(int reason, void *) { return happens("wakeup " + std::to_string(reason)); }
+
+static int state_changed(const void *event, void *) {
+  return happens("state " + std::to_string(static_cast<const device_power_event *>(event)->state));
+}
+
+static void setting_changed(settings_key *, void *key) {
+  happens(std::filesystem::path(static_cast<const char *>(key)).filename());
+}
+
+static int time_update(ESignalType, EProfile, std::uint16_t, TSSignalData, void *) {
+  return happens("time update");
 }
 
 static void subscribe() {
-  const auto setting_changed = [](settings_key *, void *key) {
-    const std::string path = static_cast<const char *>(key);
-    append(delivered, path.substr(path.rfind('/') + 1));
-  };
-  const auto standby = [](int, void *) {
-    append(delivered, inhibitor_is_held() ? "standby in time" : "standby");
-    return 0;
-  };
-  const auto wakeup = [](int reason, void *) {
-    append(delivered, "wakeup " + std::to_string(reason));
-    return 0;
-  };
-  const auto state_changed = [](const void *event, void *) {
-    const int state = static_cast<const device_power_event *>(event)->state;
-    append(delivered, "state " + std::to_string(state));
-    return 0;
-  };
-  const auto time_update = [](ESignalType, EProfile, std::uint16_t, TSSignalData, void *) {
-    append(delivered, "time update");
-    return 0;
-  };
+  ISignalSubscriber *subscriber = nullptr;
   for (const char *key : {kSettingsTimeZone, kSettingsClockMode, kSettingsTimeSet})
     ASSERT_EQ(settings_notify_key_changed(key, setting_changed, const_cast<char *>(key)), 0);
   device_power_subscribe_standby(standby, nullptr);
   device_power_subscribe_wakeup(wakeup, nullptr);
   device_power_subscribe_state_changed_event(state_changed, nullptr);
-  ISignalSubscriber *subscriber = nullptr;
   KintoAPI::CreateSignalSubscriber(time_update, &subscriber);
   subscriber->Subscribe(SIGNAL_SYSTEM_TIME_UPDATED, 0, 1, 0, 0);
 }
@@ -302,25 +242,31 @@ static void configure(const std::string &lines) {
 void reload(const std::string &lines) {
   configure(lines);
   raise(SIGUSR1);
-  calls();
+  take_turns();
 }
 
-void Machine::start(const char *configuration, bool with_services) {
-  ASSERT_EQ(bus_events(), nullptr) << "each case needs a process of its own: use ctest";
+Machine::Machine() {
+  const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
+  EXPECT_EQ(bus_events(), nullptr) << "each case needs a process of its own: use ctest";
+  std::filesystem::create_directories("/run/systemd/journal");
+  journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(bind(journal, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
   set_environment();
+  ecore_init();
+}
+
+Machine::~Machine() { ecore_shutdown(); }
+
+std::string Machine::start(const char *configuration, bool with_services) {
   configure(configuration);
   client.emplace();
   client->listen("type='signal',interface='org.freedesktop.DBus.Mock'");
   if (with_services)
     start_services();
-  ecore_init();
   use_devices(rtc, *adapter);
   reason_at_first = device_power_get_wakeup_reason(); // the daemon asks before it subscribes
   subscribe();
   if (with_services)
     wait_until(inhibitor_is_held);
-  calls();
-  events();
+  return seen();
 }
-
-void Machine::TearDown() { ecore_shutdown(); }

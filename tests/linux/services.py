@@ -12,40 +12,25 @@ import dbus.mainloop.glib
 from dbusmock import mockobject
 from gi.repository import GLib
 
-SERVICES = {
-    "login1": (
-        "org.freedesktop.login1.Manager",
-        {"BlockInhibited": "", "IdleHint": False, "IdleSinceHint": dbus.UInt64(0)},
-        [
-            # A file whose name tells who holds it.
-            ("Inhibit", "ssss", "h", "ret = dbus.types.UnixFd(open('/tmp/inhibitor', 'w'))"),
-            ("Suspend", "b", "", ""),
-            ("PowerOff", "b", "", ""),
-            ("Hibernate", "b", "", ""),
-        ],
-    ),
-    "timedate1": (
-        "org.freedesktop.timedate1",
-        {"NTP": False, "NTPSynchronized": False, "Timezone": "UTC"},
-        [],
-    ),
-    "systemd1": (
-        "org.freedesktop.systemd1.Manager",
-        {},
-        [
-            ("Subscribe", "", "", ""),
-            ("RestartUnit", "ss", "o", "ret = dbus.ObjectPath('/org/freedesktop/systemd1/job/1')"),
-            ("StopUnit", "ss", "o", "ret = dbus.ObjectPath('/org/freedesktop/systemd1/job/2')"),
-        ],
-    ),
-}
+# A file whose name tells who holds it.
+INHIBITOR = "ret = dbus.types.UnixFd(open('/tmp/inhibitor', 'w'))"
+JOB = "ret = dbus.ObjectPath('/org/freedesktop/systemd1/job/1')"
+SLEEPS = [(name, "b", "", "") for name in ("Suspend", "PowerOff", "Hibernate")]
+UNITS = [(name, "ss", "o", JOB) for name in ("RestartUnit", "StopUnit")]
+SERVICES = [
+    ("login1", ".Manager", {"BlockInhibited": "", "IdleHint": False, "IdleSinceHint": dbus.UInt64(0)},
+     [("Inhibit", "ssss", "h", INHIBITOR)] + SLEEPS),
+    ("timedate1", "", {"NTP": False, "NTPSynchronized": False, "Timezone": "UTC"}, []),
+    ("systemd1", ".Manager", {}, [("Subscribe", "", "", "")] + UNITS),
+]
 
-dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
-bus = dbus.SystemBus()
+bus = dbus.SystemBus(mainloop=dbus.mainloop.glib.DBusGMainLoop())
 simulated = []
-for name, (interface, properties, methods) in SERVICES.items():
-    bus_name = dbus.service.BusName("org.freedesktop." + name, bus)
-    simulated.append(mockobject.DBusMockObject(bus_name, "/org/freedesktop/" + name, interface, properties, "/dev/null"))
+for name, interface, properties, methods in SERVICES:
+    owned = dbus.service.BusName("org.freedesktop." + name, bus)
+    interface = "org.freedesktop." + name + interface
+    path = "/org/freedesktop/" + name
+    simulated.append(mockobject.DBusMockObject(owned, path, interface, properties, "/dev/null"))
     simulated[-1].AddMethods(interface, methods)
 loop = GLib.MainLoop()
 GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, loop.quit)
