@@ -130,7 +130,8 @@ void end_clean_set() {
   while (get_dravel_list() != nullptr) {
     auto *item = static_cast<dravel_item *>(get_dravel_list()->data);
     cancel_ecore_timer(item->timer_id);
-    remove_dravel_item(item);
+    const Eina_List *left = remove_dravel_item(item);
+    EXPECT_EQ(left, get_dravel_list());
   }
   while (get_disabled_period_list() != nullptr)
     remove_disabled_period_item(

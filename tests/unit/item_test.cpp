@@ -56,6 +56,32 @@ TEST_F(Items, NextExpiry_IsOnTheTvClock_OrElseOnTheRealTimeClock) {
   }
 }
 
+TEST_F(Items, AnItem_HasItsValuesInTheirPlaces) {
+  add_dravel_item(create_dravel_item(1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16));
+  EXPECT_EQ(rows("SELECT * FROM dravel"), "1|1|2|3|9|8|7|6|5|4|10|11|12|13|14|15|16|0");
+}
+
+TEST_F(Items, AComparison_IsByExpiry_ThenByPriority_AndAListedOffTimerKeepsItsPlace) {
+  const struct {
+    new_timer listed, added;
+    int order;
+  } cases[] = {
+      {{1, "16 07:00"}, {1, "16 08:00"}, -1}, {{1, "16 08:00"}, {1, "16 07:00"}, 1},
+      {{1, "14 07:00"}, {1, "16 07:00"}, -1}, // which never fires
+      {{1, "16 07:00"}, {1, "14 07:00"}, 1},  {{0, "16 07:00", 0, 0, 0, 1}, {0, "16 07:00"}, -1},
+      {{0, "16 07:00"}, {0, "16 07:00"}, 1},  {{1, "16 07:00"}, {0, "16 07:00"}, -1}};
+  for (const auto &[first, second, order] : cases) {
+    dravel_item *listed = make(first), *added = make(second);
+    EXPECT_EQ(compare_dravel_cb(listed, added), order) << first.when << " " << second.when;
+    EXPECT_EQ(compare_dravel_cb(nullptr, added) | compare_dravel_cb(listed, nullptr), 0);
+    EXPECT_EQ(get_next_expire_date(listed, nullptr), -1);
+    g_free(listed);
+    g_free(added);
+  }
+  std::tm expire;
+  EXPECT_EQ(get_next_expire_date(nullptr, &expire), -1);
+}
+
 TEST_F(Items, AnInsertion_WalksToTheFirstTimerItGoesAheadOf) {
   add({0, "01 14:00", kDaily}); // 1
   add({0, "15 15:00"});         // 2
@@ -88,11 +114,12 @@ TEST_F(Items, AFullList_LosesItsOldestTimer_WithItsMainLoopTimer) {
 
 TEST_F(Items, AFailedStore_KeepsATimerOut_AndAFailedDeleteStillTakesItOut) {
   dravel_item *listed = add(kTomorrow);
+  add(kTomorrow);
   reset_dravel_db(); // from now on writes are refused
   EXPECT_EQ(call("schedule_timer", arguments_of(kTomorrow)), words{-1});
-  EXPECT_EQ(ids(get_ontimer_list()), "1");
-  remove_dravel_item(listed);
-  EXPECT_EQ(ids(get_ontimer_list()), "");
+  EXPECT_EQ(ids(get_ontimer_list()), "1 2");
+  EXPECT_EQ(ids(remove_dravel_item(listed)), "2");
+  EXPECT_EQ(ids(get_ontimer_list()), "2");
   std::free(listed); // the daemon never does
 }
 
@@ -168,6 +195,7 @@ TEST_F(Items, Standby_IsSkipped_WhenAnOnTimerFollowsWithin599Seconds) {
     const char *now, *standby, *ontimer;
     int expected;
   } cases[] = {{kNoon, "15 22:00:01", "15 22:10", 1},
+               {kNoon, "15 22:09:59", "15 22:10", 1},
                {kNoon, "15 22:00", "15 22:10", 0},
                {kNoon, "15 22:00", "15 22:00", 0},
                {"1970-01-01 00:01", "2106-02-07 06:28", "1970-01-01 00:05", 1}};
@@ -175,6 +203,7 @@ TEST_F(Items, Standby_IsSkipped_WhenAnOnTimerFollowsWithin599Seconds) {
     restart(standby);
     set_now(now);
     const std::tm time = broken_down(standby);
+    EXPECT_EQ(can_skip_standby(&time, 99), 0);
     add({0, "2030-01-01 00:00"});
     add({0, ontimer});
     EXPECT_EQ(can_skip_standby(&time, 99), expected);
