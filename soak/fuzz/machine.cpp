@@ -85,7 +85,7 @@ static void change_clocks(input &in) {
 
 static void change_devices(input &in) {
   rtc.is_there = !in.seldom(32);
-  rtc.refused = in.seldom(128) ? in.below(ALL_OPERATIONS + 1U) : 0;
+  rtc.refused = in.seldom(128) ? in.below(kAllOperations + 1U) : 0;
   rtc.error = in.PickValueInArray({EBUSY, EIO, EINVAL});
   cec.is_there = !in.seldom(32);
   cec.claims = in.seldom(32);

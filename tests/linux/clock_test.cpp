@@ -15,8 +15,8 @@
 
 namespace {
 
-using Configuration = Machine;
-using Journal = Machine;
+class Configuration : public Machine {};
+class Journal : public Machine {};
 
 TEST_F(Machine, TheAlarmIsALeadEarlier_AndNeverCloserThanFiveSeconds) {
   static constexpr std::pair<std::uint32_t, int> kCases[] = {
@@ -52,14 +52,14 @@ TEST_F(Machine, AnAlarmThatIsForgottenOrHasNoDevice_IsNotCredited) {
 
 TEST_F(Machine, ABusyDevice_IsTriedOnceMore) {
   start();
-  rtc.refused = ALL_OPERATIONS;
+  rtc.refused = kAllOperations;
   EXPECT_EQ(set_wakeup(0, kNow + 5), 0);
   EXPECT_EQ(kept_wake_up().alarm, 0U);
   rtc.refused = 0;
   fire(1);
   EXPECT_EQ(rtc.alarm, kNow + 5);
   EXPECT_EQ(kept_wake_up().alarm, kNow + 5);
-  rtc.refused = ALL_OPERATIONS;
+  rtc.refused = kAllOperations;
   EXPECT_EQ(clear_wakeup(), 0);
   EXPECT_EQ(seen_after(1), "/dev/rtc0: the alarm is not switched off: Device or resource busy; "
                            "the machine is not woken by it");

@@ -30,7 +30,7 @@ enum power_status : std::uint8_t { IS_ON, IS_OFF, TURNS_ON };
 
 // Operations that a device can refuse; one that refuses to keep its alarm forgets it.
 enum refusal { READ_CLOCK = 1, READ_ALARM = 2, SET_ALARM = 4, CLEAR_ALARM = 8, KEEP_ALARM = 16 };
-constexpr unsigned ALL_OPERATIONS = 31;
+constexpr unsigned kAllOperations = 31;
 
 struct fake_rtc final : rtc_device {
   bool exists() override { return is_there; }

@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint32_t kOn = 0;
 constexpr std::uint32_t kOther = 7;
 
-using Sleep = Machine;
+class Sleep : public Machine {};
 
 // "Sleep" or "Shutdown", as logind announces it; waits for what becomes of the inhibitor.
 static void prepare_for(const std::string &what, bool begins) {

@@ -144,7 +144,7 @@ constexpr std::uint8_t kAbort = 0x00, kStandby = 0x36, kReport = 0x90;
 constexpr const char *kView = "0:04 f:821000"; // Image View On, Active Source
 constexpr const char *kAsk = "0:8f";
 
-using Screen = Machine;
+class Screen : public Machine {};
 
 TEST_F(Screen, IsTurnedOn_AskedEverySecond_ToldAgainTwice_AndGivenUpWithOneLine) {
   start();
