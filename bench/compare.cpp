@@ -109,7 +109,7 @@ static void keep(bus_client &bus, const words &list) {
   const std::int32_t *images = &list[1];
   dbus_message_append_args(request.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &images,
                            static_cast<int>((list.size() - 1) * sizeof list[1]), DBUS_TYPE_INVALID);
-  bus.send(std::move(request));
+  bus.send(request);
 }
 
 static void use(const place &where) {
