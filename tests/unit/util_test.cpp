@@ -1,18 +1,25 @@
 #include "fixture.h"
 
+#include <climits>
 #include <cmath>
 
 class TimeBase : public CleanSet {};
 
 TEST_F(TimeBase, EachClock_IsReadByItsTimeType_AndMayBeUnknown) {
-  set_clocks("", kNoon, "2024-02-29 12:30");
+  set_clocks("", kNoon, "2024-02-29 12:30:07");
   time_value out = 7;
   EXPECT_EQ(get_cur_time(&out, 3), -1);
   EXPECT_EQ(out, 7U);
   EXPECT_EQ(get_cur_time(&out, TIME_TYPE_RTC), 0);
-  EXPECT_EQ(time_text(out), "2024-02-29 12:30");
+  EXPECT_EQ(time_text(out), "2024-02-29 12:30:07");
+  EXPECT_EQ(get_cur_time(&out, TIME_TYPE_INTERNET), 0);
+  EXPECT_EQ(time_text(out), kNoon);
   EXPECT_EQ(get_cur_time(&out, TIME_TYPE_BROADCAST), -1);
   EXPECT_EQ(out, 0U);
+  standin_set_rtc(0);
+  clock_reading clocks{7, 7, 7, 7};
+  EXPECT_EQ(read_clocks(&clocks), -1);
+  EXPECT_EQ(clocks.now + clocks.broadcast + clocks.internet, 0U);
 }
 
 TEST_F(TimeBase, AnOffset_LosesItsFraction_AndNeverLeavesTheRange) {
@@ -20,8 +27,12 @@ TEST_F(TimeBase, AnOffset_LosesItsFraction_AndNeverLeavesTheRange) {
     time_value time;
     double offset;
     time_value expected;
-  } cases[] = {
-      {1000, 0.9, 1000}, {1000, -2000.0, 0}, {1, 1e300, kInvalidTime}, {1000, std::nan(""), 0}};
+  } cases[] = {{1000, 0.9, 1000},
+               {1000, -2000.0, 0},
+               {0, 1, 1},
+               {kInvalidTime, 1, kInvalidTime},
+               {1, 1e300, kInvalidTime},
+               {1000, std::nan(""), 0}};
   for (const auto &[time, offset, expected] : cases)
     EXPECT_EQ(add_time_offset(time, offset), expected) << time << " + " << offset;
 }
@@ -37,4 +48,9 @@ TEST_F(TimeBase, ClockModesAndLeapYears) {
 
 TEST_F(TimeBase, ATimesText_IsOneLine) {
   EXPECT_STREQ(time_str(1000000000), "Sun Sep  9 01:46:40 2001\n");
+  std::tm tm = broken_down(kNoon);
+  char text[kTimeTextSize];
+  EXPECT_TRUE(format_time(&tm, text));
+  tm.tm_year = INT_MAX;
+  EXPECT_FALSE(format_time(&tm, text));
 }
