@@ -27,12 +27,9 @@ TEST_F(TimeBase, AnOffset_LosesItsFraction_AndNeverLeavesTheRange) {
     time_value time;
     double offset;
     time_value expected;
-  } cases[] = {{1000, 0.9, 1000},
-               {1000, -2000.0, 0},
-               {0, 1, 1},
-               {kInvalidTime, 1, kInvalidTime},
-               {1, 1e300, kInvalidTime},
-               {1000, std::nan(""), 0}};
+  } cases[] = {
+      {1000, 0.9, 1000},        {1000, -2000.0, 0},     {0, 1, 1}, {kInvalidTime, 1, kInvalidTime},
+      {1, 1e300, kInvalidTime}, {1000, std::nan(""), 0}};
   for (const auto &[time, offset, expected] : cases)
     EXPECT_EQ(add_time_offset(time, offset), expected) << time << " + " << offset;
 }
