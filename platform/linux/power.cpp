@@ -5,6 +5,7 @@
 #include "configuration.h"
 #include "events.h"
 #include "journal.h"
+#include "loop_timer.h"
 #include "off_order.h"
 #include "return_to_sleep.h"
 #include "screen.h"
@@ -23,11 +24,14 @@ static constexpr int kFailed = -1;
 static constexpr int kNoReason = 0;
 static constexpr int kAmbientModeClosed = 0;
 static constexpr std::uint32_t kTypeOn = 0;
+static constexpr std::uint32_t kStartSeconds = 5;     // until the daemon has armed its timers
+static constexpr std::uint32_t kArmedLateSeconds = 2; // by which an armed timer has fired
 
 static int state = DEVICE_POWER_STATE_ON;
 static int wakeup_reason = kNoReason;
-static wake_up before_sleep; // what was programmed when the machine went to sleep
-static bool was_booted;      // by the alarm, not resumed
+static wake_up before_sleep;     // what was programmed when the machine went to sleep
+static bool was_booted;          // by the alarm, not resumed
+static Ecore_Timer *start_timer; // of a start that may end after the on-time
 
 static void keep() { keep_power({state, wakeup_reason, was_booted, is_return_due()}); }
 
@@ -93,6 +97,21 @@ static void catch_up_late(const wake_up &wake) {
     start_wakeup_target(device_power_reason_of(wake.type));
 }
 
+static Eina_Bool start_ended(void *) {
+  start_timer = nullptr;
+  catch_up_late(before_sleep);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+// An on-time that passes while the daemon starts is past when it arms its timers.
+static void catch_up_after_start(const wake_up &wake) {
+  before_sleep = wake;
+  catch_up_late(wake);
+  const std::uint32_t ahead = wake.on_time - utc_now();
+  if (ahead >= 1 && ahead <= kStartSeconds)
+    start_timer = ecore_timer_add(ahead + kArmedLateSeconds, start_ended, nullptr);
+}
+
 static void credit(const wake_up &wake, bool booted) {
   was_booted = booted;
   wakeup_reason = device_power_reason_of(wake.type);
@@ -107,6 +126,7 @@ static wake_kind kind_of_sleep() {
 }
 
 static void drop_orders() {
+  end_timer(start_timer);
   stop_return();
   cancel_off_order();
   leave_screen();
@@ -179,7 +199,7 @@ void start_power(const wake_up &left) {
   } else if (explains(left, boot_time())) {
     note("booted by the alarm");
     credit(left, true);
-    catch_up_late(left);
+    catch_up_after_start(left);
   }
   keep();
 }
@@ -198,6 +218,7 @@ int device_power_get_wakeup_reason() {
 
 // Called at an expiry: the time until the return to sleep starts again.
 int device_power_set_wakeup_reason(int reason) {
+  end_timer(start_timer);
   start_wakeup_target(reason);
   restart_return();
   return kDone;

@@ -71,16 +71,26 @@ TEST_F(Sleep, EndsByTheAlarmOrTheUser_AndIsCaughtUpWhenItEndsLate) {
   EXPECT_EQ(seen(), "time_set | 120");
 }
 
-class Booting : public Machine, public testing::WithParamInterface<int> {};
+class Boot : public Machine {
+protected:
+  static std::uint32_t boot() {
+    timespec up{};
+    clock_gettime(CLOCK_BOOTTIME, &up);
+    return kNow - static_cast<std::uint32_t>(up.tv_sec);
+  }
+  static void leave_wake_up(int type, std::uint32_t on_time, std::uint32_t alarm) {
+    std::filesystem::create_directory("/tmp/state");
+    std::ofstream("/tmp/state/wake-up")
+        << "[wake-up]\ntype=" << type << "\non-time=" << on_time << "\nalarm=" << alarm << '\n';
+  }
+};
+
+class Booting : public Boot, public testing::WithParamInterface<int> {};
 
 TEST_P(Booting, IsCreditedByWhatTheLastRunLeft) {
   const bool by_alarm = GetParam() < 0;
-  timespec up{};
-  clock_gettime(CLOCK_BOOTTIME, &up);
-  const auto on_time = static_cast<std::uint32_t>(kNow - up.tv_sec - GetParam());
-  std::filesystem::create_directory("/tmp/state");
-  std::ofstream("/tmp/state/wake-up")
-      << "[wake-up]\ntype=7\non-time=" << on_time << "\nalarm=" << on_time - 90 << '\n';
+  const std::uint32_t on_time = boot() - static_cast<std::uint32_t>(GetParam());
+  leave_wake_up(7, on_time, on_time - 90);
   rtc.alarm = on_time - 90;
   start();
   EXPECT_EQ(rtc.alarm, std::nullopt);
@@ -96,6 +106,22 @@ TEST_P(Booting, IsCreditedByWhatTheLastRunLeft) {
 
 // The seconds from the on-time, for an alarm 90 seconds before it, to the boot.
 INSTANTIATE_TEST_SUITE_P(, Booting, testing::Values(-60, 305));
+
+TEST_F(Boot, JustBeforeTheOnTime_ActsWhenTheDaemonWasTooLateToArmIt) {
+  leave_wake_up(0, kNow + 5, boot());
+  start();
+  EXPECT_EQ(timers(), "7 125");
+  set_now(kNow + 7);
+  EXPECT_EQ(seen_after(7), "RestartUnit dravel-on.target | 1");
+}
+
+TEST_F(Boot, JustBeforeTheOnTime_LeavesItToTheDaemonThatWasInTime) {
+  leave_wake_up(0, kNow + 1, boot());
+  start();
+  EXPECT_EQ(timers(), "3 121");
+  device_power_set_wakeup_reason(2);
+  EXPECT_EQ(timers(), "120");
+}
 
 TEST_F(Sleep, IsReturnedTo_UnlessAUserOrTheScreenIsActive) {
   static constexpr struct {
