@@ -1,4 +1,5 @@
 #include "fixture.h"
+#include "kinto-signal-subscribe.h"
 
 #include <KintoAPI.h>
 #include <settings.h>
@@ -48,6 +49,7 @@ TEST_F(Scheduler, ATimer_IsArmedForItsDistance_OrRefused) {
               timer.when == "2027-12-15 12:00:01");
     EXPECT_EQ(armed(2), result == 0 ? time_text(time_of(tv) + seconds) : "");
   }
+  set_now(kNoon);
   standin().refused = {"ecore_timer_add"};
   EXPECT_EQ(schedule_dravel_item(find_dravel_item(1), dravel_expire_cb, nullptr), -1);
 }
@@ -236,6 +238,13 @@ TEST_F(WakeupTime, FollowsTheNextOnTimer_WhenItsTimerIsCancelled) {
     cancel_dravel_item(find_dravel_item(id));
     EXPECT_EQ(requests(), expected) << id;
   }
+  add({0, "14 07:00"}); // it never fires and stands first
+  cancel_dravel_item(arm({1, "20 22:00"}));
+  dravel_item *first = arm({0, "17 07:00"});
+  arm({0, "18 07:00"});
+  EXPECT_EQ(requests(), "set_wakeup_time 0 17 07:00");
+  cancel_dravel_item(first);
+  EXPECT_EQ(requests(), kCleared) << "until the next adjustment";
 }
 
 TEST_F(WakeupTime, ReturnsToTheOnTimer_WhoseOffTimerIsCancelled) {
@@ -337,17 +346,19 @@ TEST_F(WakeupTime, ADuplicate_IsEqualInTypeWeekdaysClockAndTime) {
 
 TEST_F(WakeupTime, MarksItsRow_WhenTheSetGoesToSleep) {
   arm(kTomorrow);
-  requests();
+  reschedule_all_timers();
+  EXPECT_EQ(requests(), kSetTomorrow + "; " + kCleared + "; " + kSetTomorrow);
   standin_ambient_power_off();
   EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "1");
   EXPECT_EQ(get_kinto_time_updated() + get_wakeup_state(), 0);
   micom_ontimer.timer_id = 0;
   standin_ambient_power_off();
   set_wakeup_state(1);
+  set_kinto_time_updated(1);
   standin_standby(0);
   EXPECT_EQ(requests(), "");
   EXPECT_EQ(rows("SELECT micom_flag FROM dravel"), "1");
-  EXPECT_EQ(get_wakeup_state(), 0);
+  EXPECT_EQ(get_kinto_time_updated() + get_wakeup_state(), 0);
 }
 
 TEST_F(WakeupTime, ThatIsRefused_StaysInTheRecord_AndIsClearedButForItsType) {
@@ -358,6 +369,7 @@ TEST_F(WakeupTime, ThatIsRefused_StaysInTheRecord_AndIsClearedButForItsType) {
   standin().refused = {"set_wakeup_time", "clear_wakeup_time"};
   arm(kTomorrow);
   arm({1, "20 22:00"});
+  EXPECT_NE(logged().find("Failed to schedule micom offtimer"), std::string::npos);
   EXPECT_EQ(time_text(micom_ontimer.ontime), kTomorrow.when);
   EXPECT_EQ(schedule_micom_ontimer(1, &tm, 254, 0), -1);
   EXPECT_EQ(time_text(micom_ontimer.ontime), "16 08:00");
@@ -420,6 +432,18 @@ TEST_F(Events, Subscriptions_StopAtTheFirstRefusal_AndAreMadeOnce) {
     for (const char *name : names)
       EXPECT_EQ(standin_subscribers(name), name == names[0] && before > 0) << name;
     before++;
+  }
+}
+
+TEST_F(Events, TheTimeSignal_IsLeftOnce_AndDoneWithoutWhenItIsRefused) {
+  for (const char *refused : {"Unsubscribe", "DestroySignalSubscriber"}) { // either is enough
+    standin().refused = {refused, "CreateSignalSubscriber"};
+    unsubscribe_kinto_signal_cb();
+    EXPECT_EQ(standin_subscribers("signal"), 0) << refused;
+    unsubscribe_kinto_signal_cb();
+    subscribe_kinto_signal_cb();
+    standin().refused.clear();
+    subscribe_kinto_signal_cb();
   }
 }
 
