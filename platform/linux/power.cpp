@@ -40,6 +40,7 @@ static void keep() { keep_power({state, wakeup_reason, was_booted, is_return_due
 static void set_state(int new_state) {
   state = new_state;
   if (state == DEVICE_POWER_STATE_ON) {
+    end_timer(start_timer);
     cancel_off_order();
     stop_return();
   }

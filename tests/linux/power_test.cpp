@@ -115,13 +115,21 @@ TEST_F(Boot, JustBeforeTheOnTime_ActsWhenTheDaemonWasTooLateToArmIt) {
   EXPECT_EQ(seen_after(7), "RestartUnit dravel-on.target | 1");
 }
 
-TEST_F(Boot, JustBeforeTheOnTime_LeavesItToTheDaemonThatWasInTime) {
+class BootInTime : public Boot, public testing::WithParamInterface<int> {};
+
+TEST_P(BootInTime, IsLeftToTheDaemon) {
+  static constexpr void (*kEnds[])() = {[] { device_power_set_wakeup_reason(2); },
+                                        [] { television_reports(IS_ON); },
+                                        [] { prepare_for("Shutdown", true); }};
   leave_wake_up(0, kNow + 1, boot());
   start();
   EXPECT_EQ(timers(), "3 121");
-  device_power_set_wakeup_reason(2);
-  EXPECT_EQ(timers(), "120");
+  kEnds[GetParam()]();
+  seen();
+  EXPECT_FALSE(timers().starts_with("3")) << timers();
 }
+
+INSTANTIATE_TEST_SUITE_P(, BootInTime, testing::Values(0, 1, 2));
 
 TEST_F(Sleep, IsReturnedTo_UnlessAUserOrTheScreenIsActive) {
   static constexpr struct {
