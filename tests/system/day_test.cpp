@@ -75,7 +75,7 @@ TEST_F(Day, ATimer_WakesTheSet_WithItsRowMarked) {
 
   cut_power();
   boot("PowerState=2\nWakeupReason=20", "2027-03-27 06:59:59");
-  EXPECT_EQ(image("request_wakeup_timer", 0)[1], 1);
+  EXPECT_THAT(call("request_wakeup_timer", "(0,)"), testing::StartsWith("(0, [0x01, "));
   EXPECT_EQ(timer_ids(), (words{1, 2}));
   events();
   tv_shows("2027-03-27 07:00");
@@ -108,6 +108,7 @@ TEST_F(Day, ZonesModesAndHolidays_MoveTheOnTime) {
   EXPECT_EQ(rows("SELECT timer_id, tm_mday FROM dravel"), "1|26 2|30");
   EXPECT_EQ(image("request_disabled_period_list", 0)[25], 1);
   EXPECT_EQ(call("request_set_disable_period_effect", "(1, 0)"), "(0,)");
+  EXPECT_EQ(call("request_set_disable_period_effect", "(9, 0)"), "(-1,)");
   EXPECT_EQ(get("WakeupTime"), u32(time_of("2027-03-28 07:00")));
   EXPECT_EQ(rows("SELECT timer_id, disable_period_effect FROM dravel"), "1|0 2|1");
   EXPECT_EQ(call("request_remove_disabled_period", "(1,)"), "(0,)");
