@@ -124,6 +124,7 @@ TEST_F(Service, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
   EXPECT_FALSE(bus.is_answered(kDaemon, "request_copy_db", "(0, '/opt/copies/taken')"));
   wait_log("failed to copy file: ");
   EXPECT_FALSE(bus.is_answered(kDaemon, "request_copy_db", "(1, '/opt/copies/pipe')"));
+  wait_log("failed to copy file: /opt/copies/pipe/.dravel.db is no regular file");
   EXPECT_EQ(call("request_copy_db", "(0, '/opt/copies/pipe')"), "(0,)");
   EXPECT_EQ(call("request_copy_db", "(0, '/opt/copies')"), "(0,)");
   EXPECT_EQ(rows("SELECT timer_id FROM dravel", "/opt/copies/.dravel.db"), "1");
