@@ -25,11 +25,11 @@ static constexpr int kNoReason = 0;
 static constexpr int kAmbientModeClosed = 0;
 static constexpr std::uint32_t kTypeOn = 0;
 static constexpr std::uint32_t kStartSeconds = 5;     // until the daemon has armed its timers
-static constexpr std::uint32_t kArmedLateSeconds = 2; // by which an armed timer has fired
+static constexpr std::uint32_t kArmedLateSeconds = 2; // an armed timer has fired by then
 
 static int state = DEVICE_POWER_STATE_ON;
 static int wakeup_reason = kNoReason;
-static wake_up before_sleep;     // what was programmed when the machine went to sleep
+static wake_up before_sleep;     // what was programmed before a sleep or a boot
 static bool was_booted;          // by the alarm, not resumed
 static Ecore_Timer *start_timer; // of a start that may end after the on-time
 
@@ -104,12 +104,18 @@ static Eina_Bool start_ended(void *) {
   return ECORE_CALLBACK_CANCEL;
 }
 
-// An on-time that passes while the daemon starts is past when it arms its timers.
+// Whether the daemon gives a wake-up reason when a timer of this type expires.
+static bool has_reason(std::uint32_t type) {
+  return type == kTypeOn || device_power_reason_of(type) != device_power_reason_of(kTypeOn);
+}
+
+// An on-time that passes while the daemon starts is past when it arms its timers. Only the wake-up
+// reason of an expiry shows that it was in time.
 static void catch_up_after_start(const wake_up &wake) {
   before_sleep = wake;
   catch_up_late(wake);
   const std::uint32_t ahead = wake.on_time - utc_now();
-  if (ahead >= 1 && ahead <= kStartSeconds)
+  if (ahead >= 1 && ahead <= kStartSeconds && has_reason(wake.type))
     start_timer = ecore_timer_add(ahead + kArmedLateSeconds, start_ended, nullptr);
 }
 

@@ -131,6 +131,12 @@ TEST_P(BootInTime, IsLeftToTheDaemon) {
 
 INSTANTIATE_TEST_SUITE_P(, BootInTime, testing::Values(0, 1, 2));
 
+TEST_F(Boot, JustBeforeTheTimeOfATimerThatIsOnlyAnnounced_IsNotLookedAtAgain) {
+  leave_wake_up(4, kNow + 1, boot());
+  start();
+  EXPECT_EQ(timers(), "121");
+}
+
 TEST_F(Sleep, IsReturnedTo_UnlessAUserOrTheScreenIsActive) {
   static constexpr struct {
     void (*activity)();
