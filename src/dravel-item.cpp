@@ -39,12 +39,7 @@ Eina_List *get_offtimer_list(void) { return offtimer_list; }
 
 Eina_List *get_disabled_period_list(void) { return disabled_period_list; }
 
-int is_ontimer_item(const dravel_item *item) {
-  const bool turns_on = static_cast<unsigned>(item->type) <= TIMER_TYPE_ONTIMER_MAX &&
-                        !has_type(item, TIMER_TYPE_OFF) && !has_type(item, TIMER_TYPE_TRANSIENT) &&
-                        !has_type(item, TIMER_TYPE_AMBIENT_OFF);
-  return turns_on ? 1 : 0;
-}
+int is_ontimer_item(const dravel_item *item) { return is_ontimer_type(item->type) ? 1 : 0; }
 
 static void follow_february_end(std::tm *date, int leap_year_f, int year) {
   if (leap_year_f != 1 || date->tm_mon != kFebruary)

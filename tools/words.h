@@ -9,15 +9,8 @@
 
 // --- words for numbers ---
 
-enum class action { kNone, kTurnOn, kPowerOff };
+enum class action { kNone, kTurnOn, kPowerOff }; // what a halt keeps a timer from
 
-struct timer_type {
-  int number;
-  const char *name;
-  action acts; // what a halt keeps it from
-  const char *meaning;
-};
-extern const std::vector<timer_type> kTimerTypes;
 extern const std::vector<std::string> kClockNames;
 extern const std::vector<std::string> kDayNames; // in full, from Sunday on
 

@@ -14,6 +14,7 @@
 #include "time_source.h"
 
 #include <device_power.h>
+#include <dravel-timer-types.h>
 #include <screen_manager.h>
 #include <time_values.h>
 
@@ -23,7 +24,6 @@ static constexpr int kDone = 0;
 static constexpr int kFailed = -1;
 static constexpr int kNoReason = 0;
 static constexpr int kAmbientModeClosed = 0;
-static constexpr std::uint32_t kTypeOn = 0;
 static constexpr std::uint32_t kStartSeconds = 5;     // until the daemon has armed its timers
 static constexpr std::uint32_t kArmedLateSeconds = 2; // an armed timer has fired by then
 
@@ -92,10 +92,11 @@ static void catch_up_late(const wake_up &wake) {
   if (utc_now() < wake.on_time || utc_now() > wake.on_time + kLatestSeconds)
     return;
   note("the machine is %u seconds late", utc_now() - wake.on_time);
-  if (wake.type == kTypeOn)
+  const timer_type &type = timer_type_of(wake.type);
+  if (type.action == timer_action::kTurnOn)
     turn_on();
-  else
-    start_wakeup_target(device_power_reason_of(wake.type));
+  else if (type.action == timer_action::kWake)
+    start_wakeup_target(type.reason);
 }
 
 static Eina_Bool start_ended(void *) {
@@ -106,7 +107,7 @@ static Eina_Bool start_ended(void *) {
 
 // Whether the daemon gives a wake-up reason when a timer of this type expires.
 static bool has_reason(std::uint32_t type) {
-  return type == kTypeOn || device_power_reason_of(type) != device_power_reason_of(kTypeOn);
+  return timer_type_of(type).action != timer_action::kNone;
 }
 
 // An on-time that passes while the daemon starts is past when it arms its timers. Only the wake-up
@@ -121,7 +122,7 @@ static void catch_up_after_start(const wake_up &wake) {
 
 static void credit(const wake_up &wake, bool booted) {
   was_booted = booted;
-  wakeup_reason = device_power_reason_of(wake.type);
+  wakeup_reason = timer_type_of(wake.type).reason;
   set_state(DEVICE_POWER_STATE_SLEEPING);
   return_after(wake.on_time);
 }

@@ -305,7 +305,7 @@ TEST_F(Ctl, TheDocumentedClients_Work) {
   start();
   EXPECT_THAT(shell("code() { sed -n '/^```'$1'$/,/^```$/ { /^```/ !p }' " CLIENT_DOC "; }\n"
                     "code python >client.py; /usr/bin/python3 client.py\n"
-                    "code c >client.c; cc client.c -I" INCLUDE_DIR
+                    "code c >client.c; cc client.c " INCLUDES
                     " -o client $(pkg-config --cflags --libs gio-2.0) && ./client")
                   .said,
               testing::AllOf(HasSubstr("timer 1, type 1, fires at 1797339600\n"),
