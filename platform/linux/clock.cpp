@@ -63,10 +63,7 @@ std::tm CTimeUtil::ConvertToUTCTime(std::tm local) {
   return broken_down(local_to_utc(current_zone(), civil_seconds(local)));
 }
 
-std::uint32_t CTimeUtil::Unsigned_timegm(const std::tm *time) {
-  const std::int64_t seconds = civil_seconds(*time);
-  return seconds < 0 || seconds > kLastTimeValue ? kLastTimeValue : to_time_value(seconds);
-}
+std::uint32_t CTimeUtil::Unsigned_timegm(const std::tm *time) { return time_value_of(*time); }
 
 std::tm *CTimeUtil::Unsigned_gmtime_r(std::uint32_t time, std::tm *out) {
   *out = broken_down(time);

@@ -3,7 +3,6 @@
 #include "alarm.h"
 #include "clock.h"
 #include "configuration.h"
-#include "events.h"
 #include "journal.h"
 #include "loop_timer.h"
 #include "off_order.h"
@@ -13,15 +12,13 @@
 #include "targets.h"
 #include "time_source.h"
 
-#include <device_power.h>
+#include <daemon_callbacks.h>
 #include <dravel-timer-types.h>
 #include <screen_manager.h>
 #include <time_values.h>
 
 #include <ctime>
 
-static constexpr int kDone = 0;
-static constexpr int kFailed = -1;
 static constexpr int kNoReason = 0;
 static constexpr int kAmbientModeClosed = 0;
 static constexpr std::uint32_t kStartSeconds = 5;     // until the daemon has armed its timers
@@ -144,7 +141,7 @@ void machine_goes_to_sleep() {
   drop_orders();
   hold_clock_steps(true);
   change_alarm_lead(kind_of_sleep());
-  deliver_standby();
+  deliver_standby(0);
   before_sleep = programmed_wake_up();
 }
 
@@ -169,7 +166,7 @@ void machine_woke_up() {
 void machine_shuts_down() {
   drop_orders();
   change_alarm_lead(wake_kind::kBoot);
-  deliver_standby();
+  deliver_standby(0);
 }
 
 void machine_stays_up() {

@@ -2,14 +2,12 @@
 
 #include "bus.h"
 #include "clock.h"
-#include "events.h"
 #include "journal.h"
 #include "loop_timer.h"
 
 #include <CTimeUtil.h>
 #include <Ecore.h>
-#include <KintoAPI.h>
-#include <settings.h>
+#include <daemon_callbacks.h>
 
 #include <cerrno>
 #include <cstring>
@@ -43,7 +41,7 @@ static void confirm_if_trusted() {
     return;
   confirmation_due = false;
   end_timer(ask_timer);
-  send_time_update();
+  deliver_signal(SIGNAL_SYSTEM_TIME_UPDATED);
 }
 
 void confirm_time() {
@@ -53,7 +51,7 @@ void confirm_time() {
 
 static void zone_may_have_changed(const char *name) {
   if (change_zone(name))
-    announce_setting(kSettingsTimeZone);
+    deliver_setting(kSettingsTimeZone);
 }
 
 static bool take_property(const char *name, sd_bus_message *value) {
@@ -87,7 +85,7 @@ static int timedated_answered(sd_bus_message *reply, void *, sd_bus_error *) {
     confirmation_due = true;
   confirm_if_trusted();
   if (clock_mode() != mode)
-    announce_setting(kSettingsClockMode);
+    deliver_setting(kSettingsClockMode);
   return 0;
 }
 
@@ -110,7 +108,7 @@ void hold_clock_steps(bool held) { steps_are_held = held; }
 static Eina_Bool wall_clock_stepped(void *, int, void *) {
   if (steps_are_held)
     return ECORE_CALLBACK_PASS_ON;
-  announce_setting(kSettingsTimeSet);
+  deliver_setting(kSettingsTimeSet);
   confirm_if_trusted();
   return ECORE_CALLBACK_PASS_ON;
 }

@@ -7,10 +7,8 @@
 
 #include <Ecore.h>
 #include <IPowerControl.h>
+#include <daemon_callbacks.h>
 #include <time_values.h>
-
-static constexpr int kDone = 0;
-static constexpr int kFailed = -1;
 
 // Many televisions do not report that their own remote has turned them on or off.
 static constexpr std::uint32_t kAskBeforeSeconds = 10;
@@ -38,9 +36,7 @@ int wake_control::read_rtc(rtc_time *out) {
   const auto utc = read_rtc_utc();
   if (!utc)
     return kFailed;
-  const std::tm time = broken_down(*utc);
-  *out = {time.tm_sec,  time.tm_min,     time.tm_hour,
-          time.tm_mday, time.tm_mon + 1, time.tm_year - 100};
+  *out = rtc_reading(*utc);
   return kDone;
 }
 
