@@ -50,7 +50,7 @@ void process_on_timer(const dravel_item *item) {
 }
 
 void process_off_timer(unsigned int option) {
-  LOGE("off timer halted : %d\n", offtimer_halt);
+  LOGP("off timer halted : %d\n", offtimer_halt);
   if (offtimer_halt != 0)
     return;
   const int result = device_power_request_poweroff(option);
@@ -103,7 +103,7 @@ void dravel_expire_cb(dravel_item *item, void *) {
     LOGE("timer is NULL");
     return;
   }
-  LOGE("dravel expired: [%d]", item->timer_id);
+  LOGP("dravel expired: [%d]", item->timer_id);
   if (is_skipped(item, occurrence_of(item))) {
     LOGD("skip timer %d", item->timer_id);
     return;

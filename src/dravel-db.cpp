@@ -339,9 +339,9 @@ static bool is_empty(const char *path) {
 }
 
 int integrity_check(const char *path) {
-  LOGE("integrity_check [%s] begin", path);
+  LOGP("integrity_check [%s] begin", path);
   if (access(path, R_OK) != 0) {
-    LOGE("DBFILE [%s] is not exist, it will be created", path);
+    LOGP("DBFILE [%s] is not exist, it will be created", path);
     return -1;
   }
 
@@ -354,7 +354,7 @@ int integrity_check(const char *path) {
     return -1;
   }
   if (is_empty(path)) {
-    LOGE("integrity_check file size = 0, remove");
+    LOGP("integrity_check file size = 0, remove");
     unlink(path);
     return -1;
   }
@@ -371,7 +371,7 @@ int integrity_check(const char *path) {
     LOGE("db [%s] deleted", path);
     return -1;
   }
-  LOGE("DBFILE [%s] pragma intergrity check OK", path);
+  LOGP("DBFILE [%s] pragma intergrity check OK", path);
   return 0;
 }
 
@@ -390,7 +390,7 @@ int make_db_file_manual(const char *path) {
     LOGE("fchmod(%s) Failed(%d)", path, opened_up);
 
   close(fd);
-  LOGE("make_db_file_manual [%s] ", path);
+  LOGP("make_db_file_manual [%s] ", path);
   return opened_up;
 }
 
@@ -498,7 +498,7 @@ static bool is_in_transaction(sqlite3 *db) { return sqlite3_get_autocommit(db) =
 // Rows get new ids. The mark goes to the row whose new id is the id of the old wake-up copy: that
 // is the same timer only when no earlier row was ever deleted.
 static void __migration_0_to_1(void) {
-  LOGE("__migration_0_to_1");
+  LOGP("__migration_0_to_1");
   const bool in_transaction = is_in_transaction(dravel_db);
   old_rows timers;
   old_rows wakeup;
@@ -522,7 +522,7 @@ static void __migration_0_to_1(void) {
 // an empty one.
 static void prepare_db_file(const char *path) {
   if (integrity_check(path) == -1) {
-    LOGE_OF(initialize_dravel_db, "initialize_dravel_db integrity_check[%s] fail, it will recreate",
+    LOGP_OF(initialize_dravel_db, "initialize_dravel_db integrity_check[%s] fail, it will recreate",
             path);
     unlink(path);
   }
