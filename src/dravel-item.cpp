@@ -616,6 +616,7 @@ Eina_List *add_disabled_period_item(disabled_period_item *period) {
     return nullptr;
   }
   disabled_period_list = eina_list_append(disabled_period_list, period);
+  state_touched();
   return disabled_period_list;
 }
 
@@ -625,6 +626,7 @@ Eina_List *remove_disabled_period_item(disabled_period_item *period) {
     return nullptr;
   }
   disabled_period_list = eina_list_remove(disabled_period_list, period);
+  state_touched();
   g_free(period);
   return disabled_period_list;
 }

@@ -57,6 +57,7 @@ struct shown_state {
   int halt_off;
   unsigned stored;
   unsigned limit;
+  std::vector<int> periods; // the ids of the disabled periods
 };
 
 struct state_property {
@@ -106,6 +107,14 @@ static unsigned stored_timers(void) {
   return count;
 }
 
+static std::vector<int> period_ids(void) {
+  std::vector<int> ids;
+  for (const disabled_period_item *period :
+       items_of<disabled_period_item>(get_disabled_period_list()))
+    ids.push_back(period->period_id);
+  return ids;
+}
+
 static shown_state current_state(void) {
   shown_state state{};
   state.version = DRAVEL_VERSION;
@@ -119,6 +128,7 @@ static shown_state current_state(void) {
   state.halt_off = offtimer_halt;
   state.stored = stored_timers();
   state.limit = kMaxTimerNum;
+  state.periods = period_ids();
   return state;
 }
 
@@ -142,6 +152,14 @@ static void append_armed(const shown_state &state, DBusMessageIter *out) {
   for (const armed_timer &timer : state.armed)
     append_struct(&timers, {{DBUS_TYPE_INT32, &timer.timer_id}, {DBUS_TYPE_UINT32, &timer.expiry}});
   dbus_message_iter_close_container(out, &timers);
+}
+
+static void append_periods(const shown_state &state, DBusMessageIter *out) {
+  DBusMessageIter ids;
+  dbus_message_iter_open_container(out, DBUS_TYPE_ARRAY, DBUS_TYPE_INT32_AS_STRING, &ids);
+  for (const int id : state.periods)
+    dbus_message_iter_append_basic(&ids, DBUS_TYPE_INT32, &id);
+  dbus_message_iter_close_container(out, &ids);
 }
 
 static void append_wakeup(const shown_state &state, DBusMessageIter *out) {
@@ -177,6 +195,7 @@ static constexpr state_property kProperties[] = {
      differs<&shown_state::stored>},
     {"Limit", "u", E_DBUS_PROPERTY_CONST, append_basic<&shown_state::limit, DBUS_TYPE_UINT32>,
      differs<&shown_state::limit>},
+    {"DisabledPeriods", "ai", E_DBUS_PROPERTY_SENT, append_periods, differs<&shown_state::periods>},
 };
 
 static void get_property(E_DBus_Object *, const char *name, DBusMessageIter *out) {

@@ -145,17 +145,35 @@ std::string firing_text(civil_time firing, civil_time now) {
   return time_text(firing) + ", in " + span_text(firing - now);
 }
 
+static zoned_time zoned(civil_time time, std::time_t since_1970, const char *name) {
+  const auto offset = duration_cast<minutes>(time.time_since_epoch() - seconds(since_1970)).count();
+  const std::string zone =
+      print("%c%02ld:%02ld", offset < 0 ? '-' : '+', std::abs(offset) / 60, std::abs(offset) % 60);
+  return {iso_text(time) + zone, since_1970, std::string(name) + ", UTC" + zone};
+}
+
+// An hour that the clock shows twice is the first of the two, because the daemon counts the seconds
+// that the clock shows. So is a time that it leaves out the moment so long after the change.
 zoned_time in_zone(civil_time time) {
   const std::time_t civil = time.time_since_epoch().count();
   std::tm fields{};
-  gmtime_r(&civil, &fields);
-  fields.tm_isdst = -1;
-  const std::time_t since_1970 = std::mktime(&fields);
-  const long offset = fields.tm_gmtoff;
-  const long minutes = std::abs(offset) / 60;
-  const std::string zone =
-      print("%c%02ld:%02ld", offset < 0 ? '-' : '+', minutes / 60, minutes % 60);
-  return {iso_text(time) + zone, since_1970, std::string(fields.tm_zone) + ", UTC" + zone};
+  std::time_t since_1970 = 0;
+  for (const int is_dst : {1, 0}) {
+    gmtime_r(&civil, &fields);
+    fields.tm_isdst = is_dst;
+    since_1970 = std::mktime(&fields);
+    std::tm shown = fields;
+    if (timegm(&shown) == civil)
+      break;
+  }
+  return zoned(time, since_1970, fields.tm_zone);
+}
+
+zoned_time from_utc(civil_time time) {
+  const std::time_t since_1970 = time.time_since_epoch().count();
+  std::tm fields{};
+  localtime_r(&since_1970, &fields);
+  return zoned(time + seconds(fields.tm_gmtoff), since_1970, fields.tm_zone);
 }
 
 // --- numbers from words ---

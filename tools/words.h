@@ -35,6 +35,7 @@ struct zoned_time {
   std::string zone;     // "CET, UTC+01:00"
 };
 zoned_time in_zone(civil_time time);
+zoned_time from_utc(civil_time time);  // of a time in UTC, what that zone's clock then reads
 std::string iso_text(civil_time time); // without a zone
 
 // --- numbers from words: nothing when the text is not understood ---
