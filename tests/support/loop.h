@@ -17,6 +17,8 @@ struct loop_timer {
   void *data;
   bool frozen = false;
   bool running = false;
+  std::string made_while =
+      {}; // the daemon's flags and the finish marker, as "trusted 1 awake 1 finish"
 };
 
 const std::vector<std::unique_ptr<loop_timer>> &live_timers();
