@@ -7,8 +7,8 @@
 #pragma once
 
 #include "dravel-api.h"
+#include "dravel-changes.h"
 #include "dravel-record.h"
-#include "dravel-state.h"
 #include "dravel-util.h"
 
 #include <Eina.h>
@@ -112,5 +112,11 @@ DRAVEL_API int next_disabled_period(disabled_period_item *period);
 DRAVEL_API int can_skip_standby(const std::tm *standby, int timer_id);
 }
 
-// The same, for another reason than that the timer never fires again.
+// The same, with the reason that is told. Without one it is kCancelled.
 Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason);
+
+// Whether `item` fires again, and if not, why.
+enum class next_expiry { kDue, kPast, kNever, kUnknown };
+
+// The same as get_next_expire_date, with a time value; kUnknown while the time is not known.
+next_expiry find_next_expiry(const dravel_item *item, time_value *expire);

@@ -7,13 +7,15 @@
 #pragma once
 
 #include "dravel-api.h"
+#include "dravel-changes.h"
 #include "dravel-record.h"
 #include "dravel-runtime.h"
-#include "dravel-state.h"
 #include "dravel-util.h"
 
 #include <Eina.h>
 #include <glib.h>
+
+#include <optional>
 
 struct settings_key;
 
@@ -139,6 +141,14 @@ void reset_runtime_state(void);
 
 // The same as cancel_dravel_item, for another reason than a client's call.
 void cancel_dravel_item(dravel_item *item, removal_reason reason);
+
+// Arms `item` for its expiry. The reason for which the caller must remove it when it never fires;
+// none when it is armed, or stays unarmed because the time is not known.
+std::optional<removal_reason> schedule_item(dravel_item *item);
+
+// When an armed item expires, on the TV clock.
+std::optional<time_value> armed_expiry(int timer_id);
+const micom_ontimer_record &programmed_ontimer(void);
 
 // The scheduler's state, for this module and its tests.
 extern micom_ontimer_record micom_ontimer;

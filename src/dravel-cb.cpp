@@ -1,5 +1,6 @@
 #include "dravel-cb.h"
 
+#include "dravel-changes.h"
 #include "dravel-edbus.h"
 #include "dravel-item.h"
 #include "dravel-log.h"
@@ -109,7 +110,7 @@ void dravel_expire_cb(dravel_item *item, void *) {
     return;
   }
 
-  state_timer_fired(item->timer_id);
+  timer_fired(item->timer_id);
   LOGI("[dravel_expire_cb] send_expire_week_flag_signal week_flag = %d, timer_id = %d",
        item->week_flag, item->timer_id);
   send_expire_week_flag_signal(item->week_flag);

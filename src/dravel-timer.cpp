@@ -1,6 +1,5 @@
 #include "dravel-timer.h"
 
-#include "dravel-cb.h"
 #include "dravel-db.h"
 #include "dravel-item.h"
 #include "dravel-list.h"
@@ -170,6 +169,8 @@ void cancel_ecore_timer(int timer_id) {
   g_free(g_hash_table_lookup(cb_data_table, key));
   forget_armed(timer_id);
 }
+
+const micom_ontimer_record &programmed_ontimer(void) { return micom_ontimer; }
 
 int set_power_control_wakeup_timer(unsigned int type, time_value time) {
   return IPowerControl::getInstance()->set_wakeup_time(type, time);
@@ -458,12 +459,26 @@ static time_value pending_local_ontime(time_value now) {
   return 0;
 }
 
-static int arm(dravel_item *item, dravel_expire_fn cb, void *data, time_value timediff,
-               time_value expiry) {
+std::optional<time_value> armed_expiry(int timer_id) {
+  const auto *record =
+      static_cast<const cb_data *>(g_hash_table_lookup(cb_data_table, GINT_TO_POINTER(timer_id)));
+  return record == nullptr ? std::nullopt : std::optional(record->expiry);
+}
+
+namespace {
+
+struct expiry_call {
+  dravel_expire_fn cb;
+  void *data;
+};
+
+} // namespace
+
+static int arm(dravel_item *item, const expiry_call &call, time_value timediff, time_value expiry) {
   auto *record = g_try_new(cb_data, 1);
   Ecore_Timer *timer = nullptr;
   if (record != nullptr) {
-    *record = {cb, item, data, timediff, expiry};
+    *record = {call.cb, item, call.data, timediff, expiry};
     timer = ecore_timer_add(static_cast<double>(timediff), ecore_timer_cb, record);
   }
   if (timer == nullptr) {
@@ -501,28 +516,41 @@ static void reconsider_micom_ontimer(const dravel_item *item, time_value expire_
     LOGE_OF(schedule_dravel_item, "Failed to schedule micom offtimer");
 }
 
-int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
+static int result_of(next_expiry found) {
+  switch (found) {
+  case next_expiry::kDue:
+    return SCHEDULE_ARMED;
+  case next_expiry::kUnknown:
+    return SCHEDULE_TIME_UNKNOWN;
+  default:
+    return SCHEDULE_NEVER_FIRES;
+  }
+}
+
+static next_expiry schedule_dravel_item(dravel_item *item, const expiry_call &call) {
   LOGP("start schedule timer_id[%d] week_flag[0x%x] disable_effect[%d] time_type[%d]",
        item->timer_id, static_cast<unsigned>(item->week_flag), item->disable_period_effect,
        item->time_type);
   time_value now = 0;
   if (get_cur_time_or_rtc(&now, item->time_type) != 0)
-    return SCHEDULE_TIME_UNKNOWN;
+    return next_expiry::kUnknown;
   LOGP("curtime : %s", time_str(now));
 
-  std::tm expire_tm{};
-  const int result = get_next_expire_date(item, &expire_tm);
-  if (result != 0) {
-    LOGP("get_next_expire_date~~~error code : %d\n", result);
-    return result;
+  time_value next = 0;
+  const next_expiry found = find_next_expiry(item, &next);
+  if (found != next_expiry::kDue) {
+    LOGP("get_next_expire_date~~~error code : %d\n", result_of(found));
+    return found;
   }
+  std::tm expire_tm;
+  unsigned_gmtime_r(next, &expire_tm);
   if (has_type(item, TIMER_TYPE_STANDBY) && can_skip_standby(&expire_tm, item->timer_id) != 0)
-    return SCHEDULE_NEVER_FIRES;
+    return next_expiry::kNever;
 
   const time_value expire_time = unsigned_timegm(&expire_tm);
   time_value timediff = 0;
   if (distance_to(expire_time, expire_tm, now, &timediff) != 0)
-    return SCHEDULE_NEVER_FIRES;
+    return next_expiry::kPast;
   const bool avoid_reboot = fires_in_current_minute(now, expire_tm, timediff);
   const time_value local_ontime = pending_local_ontime(now);
 
@@ -537,14 +565,29 @@ int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
        static_cast<int>(eina_list_count(get_offtimer_list())));
   if (timediff > kMaxDistanceSeconds) {
     LOGP("!!!timediff couldn't be greater than one year~~~\n");
-    return SCHEDULE_NEVER_FIRES;
+    return next_expiry::kNever;
   }
 
   LOGP("scheduled item id: %d, type: %d", item->timer_id, item->type);
-  if (arm(item, cb, data, timediff, expire_time) != 0)
-    return SCHEDULE_NEVER_FIRES;
+  if (arm(item, call, timediff, expire_time) != 0)
+    return next_expiry::kNever;
   reconsider_micom_ontimer(item, expire_time, local_ontime, avoid_reboot);
-  return SCHEDULE_ARMED;
+  return next_expiry::kDue;
+}
+
+int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
+  return result_of(schedule_dravel_item(item, {cb, data}));
+}
+
+std::optional<removal_reason> schedule_item(dravel_item *item) {
+  switch (schedule_dravel_item(item, {dravel_expire_cb, nullptr})) {
+  case next_expiry::kPast:
+    return removal_reason::kPast;
+  case next_expiry::kNever:
+    return removal_reason::kNever;
+  default:
+    return std::nullopt;
+  }
 }
 
 Eina_Bool ecore_timer_cb(void *data) {
@@ -587,10 +630,11 @@ void replace_removed_ontimer(void) {
 
 // Arms `item`, or removes it when it never fires: `operation` then logs a line.
 static void arm_or_remove(dravel_item *item, const char *operation, system_log_priority priority) {
-  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) != SCHEDULE_NEVER_FIRES)
+  const auto reason = schedule_item(item);
+  if (!reason)
     return;
   LOG_FROM(operation, priority, "timer doesn't have next expire date");
-  remove_dravel_item(item);
+  remove_dravel_item(item, *reason);
 }
 
 // An off-timer was removed: an on-timer of the same time may fire again and is
@@ -648,14 +692,14 @@ static void re_anchor(dravel_item *item, const clock_reading &clocks) {
   if (result != 0)
     LOGD_OF(adjust_dravel_all_items, "update_dravel_item_db error : %d", result);
   if (moves)
-    state_timer_changed(item->timer_id);
+    timer_changed(item->timer_id);
   LOGD_OF(adjust_dravel_all_items, "changed once time : %s", time_str(scheduled));
 }
 
 static void adjust_unarmed(dravel_item *item) {
   LOG_TIME_FROM("adjust_dravel_all_items", SYSTEM_LOG_DEBUG, "time: %s", &item->tm);
-  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES)
-    remove_dravel_item(item);
+  if (const auto reason = schedule_item(item))
+    remove_dravel_item(item, *reason);
 }
 
 static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
@@ -674,7 +718,7 @@ static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
 void adjust_dravel_all_items(struct settings_key *changed, void *) {
   LOGP("adjust_all_timers");
   if (changed != nullptr)
-    state_clock_set();
+    clock_set();
   disable_programmed_ontimer();
   LOGP("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
 
@@ -695,7 +739,7 @@ void adjust_dravel_all_items(struct settings_key *changed, void *) {
 }
 
 void reschedule_all_timers(void) {
-  state_clock_set();
+  clock_set();
   LOGP("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
   disable_programmed_ontimer();
   for (dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
@@ -892,7 +936,7 @@ int init_settings_handler(void) {
 }
 
 void auto_time_set(void) {
-  state_clock_set();
+  clock_set();
   const int time_updated = get_kinto_time_updated();
   const int state = device_power_get_state();
   const int ambient_mode = device_power_get_ambient_mode();

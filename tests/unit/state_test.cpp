@@ -17,7 +17,7 @@ SCENARIOS(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseT
   add 0 '2027-12-15 12:01'; arm 1 '20 07:00' | cancel 2 |
     Removed 2 cancelled, Removed 1 never, Armed, Stored
   arm 1 '15 11:00' daily holidays | period '2026-01-01 00:00' '31 00:00'; adjust |
-    Removed 1 never, Armed, Stored
+    Removed 1 never, Armed, Stored, DisabledPeriods
   arm 1 '16 07:00' | close_store; cancel 1 | Removed 1 lost, Armed, Stored
   # It has no row that brings it back.
   add 10 '16 07:00' | close_store; cancel @ | Removed @ cancelled
