@@ -68,13 +68,13 @@ DRAVEL_API int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void
 // programmed on-timer or an off-timer.
 DRAVEL_API void cancel_dravel_item(dravel_item *item);
 
-// Chooses the on-time again when the item that it belongs to is no longer listed, because it was
-// evicted or never fires.
+// Chooses the on-time again, over all on-timers, when the item that it belongs to is no longer
+// listed, because it was evicted or never fires.
 DRAVEL_API void replace_removed_ontimer(void);
 
 // Re-arms every item after an expiry or a change of the clock or the disabled periods, and moves
-// armed one-shot items to their next time of day. It is a settings watcher too: a key says that the
-// clock may have been set; `data` is ignored.
+// armed one-shot items to their next time of day. In the form of a settings watcher, whose
+// arguments it ignores.
 DRAVEL_API void adjust_dravel_all_items(struct settings_key *key, void *data);
 
 // Re-arms every item without moving it, once the clock has become valid.

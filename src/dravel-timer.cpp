@@ -603,29 +603,32 @@ Eina_Bool ecore_timer_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
+static bool is_head_due(void) {
+  const auto *head = static_cast<const dravel_item *>(eina_list_data_get(get_ontimer_list()));
+  std::tm expire{};
+  return get_next_expire_date(head, &expire) == 0;
+}
+
 // The programmed on-timer was removed: programs the next one. The on-time is cleared first, so that
-// the set does not wake for the removed one when there is no next one.
-static void schedule_next_ontimer(void) {
+// the set does not wake for the removed one when there is no next one. After a cancellation an
+// on-timer at the head without a next expiry ends the choice: nothing is programmed until the next
+// adjustment.
+static void schedule_next_ontimer(bool was_cancelled) {
   disable_programmed_ontimer();
   if (get_ontimer_list() == nullptr) {
     // Cleared again: the first request may have been refused.
     disable_programmed_ontimer();
     return;
   }
-  // An on-timer at the head without a next expiry ends the choice: nothing is programmed until the
-  // next adjustment.
-  std::tm expire{};
-  const auto *next = static_cast<const dravel_item *>(eina_list_data_get(get_ontimer_list()));
-  if (get_next_expire_date(next, &expire) != 0)
+  if (was_cancelled && !is_head_due())
     return;
-
   if (replace_programmed_ontimer() == kOntimerRefused)
     LOGE("Failed to schedule next micom ontimer");
 }
 
 void replace_removed_ontimer(void) {
   if (micom_ontimer.timer_id != 0 && find_dravel_item(micom_ontimer.timer_id) == nullptr)
-    schedule_next_ontimer();
+    schedule_next_ontimer(false);
 }
 
 // Arms `item`, or removes it when it never fires: `operation` then logs a line.
@@ -659,7 +662,7 @@ void cancel_dravel_item(dravel_item *item, removal_reason reason) {
   cancel_ecore_timer(timer_id);
   remove_dravel_item(item, reason);
   if (micom_ontimer.timer_id == timer_id)
-    schedule_next_ontimer();
+    schedule_next_ontimer(true);
   if (is_offtimer && had_ontimers)
     rearm_next_ontimer();
 }
@@ -715,10 +718,9 @@ static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
   arm_or_remove(item, "adjust_dravel_all_items", SYSTEM_LOG_DEBUG);
 }
 
-void adjust_dravel_all_items(struct settings_key *changed, void *) {
+void adjust_dravel_all_items(struct settings_key *, void *) {
   LOGP("adjust_all_timers");
-  if (changed != nullptr)
-    clock_set();
+  clock_set();
   disable_programmed_ontimer();
   LOGP("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
 

@@ -6,10 +6,10 @@ class State : public CleanSet {};
 // once.
 SCENARIOS(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseThatGo,
           "idle; $1; pass; $2 => told '$3'", R"(
-  arm 1 '16 07:00' | fire_at '16 07:00' | Removed 1 fired, Armed, Stored
+  arm 1 '16 07:00' | fire_at '16 07:00' | Removed 1 fired, Clock, Armed, Stored
   arm 1 '16 07:00' | cancel 1 | Removed 1 cancelled, Armed, Stored
   times 80 add 0 '16 07:00' | add 1 '16 07:00' | Removed 1 evicted, Added 81
-  arm 1 '16 07:00' | now '16 07:00'; adjust | Removed 1 past, Armed, Stored
+  arm 1 '16 07:00' | now '16 07:00'; adjust | Removed 1 past, Clock, Armed, Stored
   arm 0 '16 07:00:01' | now '16 07:00'; reschedule | Removed 1 past, Clock, Armed, Wakeup, Stored
   add 1 '15 11:00' system | clocks '15 10:00' '15 12:00' ''; reschedule |
     Removed 1 past, Clock, Stored
@@ -17,27 +17,29 @@ SCENARIOS(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseT
   add 0 '2027-12-15 12:01'; arm 1 '20 07:00' | cancel 2 |
     Removed 2 cancelled, Removed 1 never, Armed, Stored
   arm 1 '15 11:00' daily holidays | period '2026-01-01 00:00' '31 00:00'; adjust |
-    Removed 1 never, Armed, Stored, DisabledPeriods
+    Removed 1 never, Clock, Armed, Stored, DisabledPeriods
   arm 1 '16 07:00' | close_store; cancel 1 | Removed 1 lost, Armed, Stored
-  # It has no row that brings it back.
+  # It has no row that brings it back, and stays listed when it has fired.
   add 10 '16 07:00' | close_store; cancel @ | Removed @ cancelled
+  arm 10 '16 07:00'; fire_at '16 07:00' | reschedule | Removed @ fired, Clock
   arm 1 '15 14:00' holidays; arm 1 '16 07:00' | cancel 2; add 1 '16 07:00' |
     Removed 2 cancelled, Added 3, Armed
-  arm 1 '18 14:00' holidays | adjust | Changed 1, Armed
-  arm 1 '15 14:00' holidays | adjust |
-  arm 1 '15 14:00' holidays | period '15 00:00' '17 00:00'; adjust | Changed 1, Armed, DisabledPeriods
-  arm 1 '18 14:00' holidays | period '15 00:00' '17 00:00'; adjust | Changed 1, DisabledPeriods
+  arm 1 '18 14:00' holidays | adjust | Changed 1, Clock, Armed
+  arm 1 '15 14:00' holidays | adjust | Clock
+  arm 1 '15 14:00' holidays | period '15 00:00' '17 00:00'; adjust |
+    Changed 1, Clock, Armed, DisabledPeriods
+  arm 1 '18 14:00' holidays | period '15 00:00' '17 00:00'; adjust | Changed 1, Clock, DisabledPeriods
   times 0 | period '18 00:00' '20 00:00'; add 1 '18 14:00' holidays |
     Added 1, Stored, DisabledPeriods
-  period '18 00:00' '20 00:00' | call request_remove_disabled_period 1 | DisabledPeriods
-  times 2 arm 1 '16 07:00' | fire_at '16 07:00' | Removed 1 fired, Removed 2 past, Armed, Stored
+  period '18 00:00' '20 00:00' | call request_remove_disabled_period 1 | Clock, DisabledPeriods
+  times 2 arm 1 '16 07:00' | fire_at '16 07:00' | Removed 1 fired, Removed 2 past, Clock, Armed, Stored
   times 0 | off 0 | ClockConfirmed
   times 0 | time_set | Clock
   times 0 | now '16 07:00'; idle |
   times 0 | call request_halt_ontimers 1 | HaltOn
   times 0 | call request_halt_offtimers 1 | HaltOff
-  arm 1 '15 14:00' holidays | call request_set_disable_period_effect 1 1 |
-  arm 1 '15 14:00' holidays | call request_set_disable_period_effect 1 0 | Changed 1
+  arm 1 '15 14:00' holidays | call request_set_disable_period_effect 1 1 | Clock
+  arm 1 '15 14:00' holidays | call request_set_disable_period_effect 1 0 | Changed 1, Clock
   times 0 | call request_set_disable_period_effect 1 0 |
   times 0 | sql 'INSERT INTO dravel(type) VALUES(2)'; load | Stored
   arm 0 '16 07:00' | disarm 1 | Armed
