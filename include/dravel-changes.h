@@ -13,6 +13,14 @@ void timer_removed(int timer_id, removal_reason reason);
 // kFired.
 void timer_fired(int timer_id);
 
+// The timer is due, but its action is halted.
+void timer_halted(int timer_id);
+// The timer is due on a day of a disabled period: it does not fire.
+void timer_skipped(int timer_id);
+
+// The power control was asked to wake the set at the programmed on-time.
+void ontime_requested(bool is_accepted);
+
 // The TV clock may have been set.
 void clock_set(void);
 // Something else may have changed that the state object shows.

@@ -26,6 +26,7 @@ void process_on_timer(const dravel_item *item) {
   LOGD("process on timer\n");
   if (ontimer_halt != 0) {
     LOGD("on timer halted");
+    timer_halted(item->timer_id);
     return;
   }
 
@@ -81,6 +82,8 @@ static void turn_off(const dravel_item *item, unsigned option, int ambient_mode)
   }
   if (has_type(item, TIMER_TYPE_AMBIENT_OFF))
     LOGI_OF(dravel_expire_cb, "power off from ambient mode to suspend");
+  if (offtimer_halt != 0)
+    timer_halted(item->timer_id);
   process_off_timer(option);
 }
 
@@ -107,6 +110,7 @@ void dravel_expire_cb(dravel_item *item, void *) {
   LOGP("dravel expired: [%d]", item->timer_id);
   if (is_skipped(item, occurrence_of(item))) {
     LOGD("skip timer %d", item->timer_id);
+    timer_skipped(item->timer_id);
     return;
   }
 

@@ -8,8 +8,10 @@
 
 #include <E_DBus.h>
 #include <Ecore.h>
+#include <glib.h>
 
 #include <algorithm>
+#include <cstdarg>
 #include <initializer_list>
 #include <iterator>
 #include <string_view>
@@ -91,6 +93,7 @@ static std::vector<timer_change> timer_changes;
 static std::vector<const char *> changed_properties;
 static std::vector<int> fired_timers; // and listed still
 static unsigned clock_settings;
+static bool ontime_accepted = true;
 
 static std::vector<armed_timer> armed_timers(void) {
   std::vector<armed_timer> armed;
@@ -100,6 +103,45 @@ static std::vector<armed_timer> armed_timers(void) {
   }
   return armed;
 }
+
+// --- the set's log ---
+
+static void log_event(const char *event, int timer_id, const char *reason, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+static void log_event(const char *event, int timer_id, const char *reason, const char *format,
+                      ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  g_autofree char *text = g_strdup_vprintf(format, arguments);
+  va_end(arguments);
+  system_log_event(event, timer_id, reason, text);
+}
+
+// A change of the clock programs many on-times in a pass: only the last one counts.
+static void log_ontime(void) {
+  static micom_ontimer_record logged;
+  static bool logged_accepted = true;
+  const micom_ontimer_record &record = programmed_ontimer();
+  if (record.timer_id == logged.timer_id && record.ontime == logged.ontime &&
+      ontime_accepted == logged_accepted)
+    return;
+  logged = record;
+  logged_accepted = ontime_accepted;
+  if (record.timer_id == 0) {
+    log_event("programmed", 0, "", "no timer is programmed to wake the set");
+    return;
+  }
+  std::tm at;
+  unsigned_gmtime_r(record.ontime, &at);
+  log_event(ontime_accepted ? "programmed" : "refused", record.timer_id, "",
+            "the set %s wake for timer %d at %04d-%02d-%02d %02d:%02d:%02d%s",
+            ontime_accepted ? "will" : "refused to", record.timer_id, at.tm_year + 1900,
+            at.tm_mon + 1, at.tm_mday, at.tm_hour, at.tm_min, at.tm_sec,
+            record.is_utc != 0 ? " UTC" : "");
+}
+
+// --- the properties ---
 
 static programmed_wakeup wakeup_of(const micom_ontimer_record &record) {
   if (record.timer_id == 0)
@@ -246,6 +288,7 @@ static bool send_changed_properties(void) {
 }
 
 static void send_gathered(void) {
+  log_ontime();
   const std::vector<timer_change> changes = std::exchange(timer_changes, {});
   if (state_object == nullptr)
     return;
@@ -295,13 +338,30 @@ void timer_removed(int timer_id, removal_reason reason) {
   const bool has_fired = std::erase(fired_timers, timer_id) != 0;
   if (has_fired && reason == removal_reason::kPast)
     reason = removal_reason::kFired;
-  timer_changes.push_back({kRemovedSignal, timer_id, kReasonWords[static_cast<int>(reason)]});
+  const char *word = kReasonWords[static_cast<int>(reason)];
+  timer_changes.push_back({kRemovedSignal, timer_id, word});
+  log_event("removed", timer_id, word, "timer %d is removed: %s", timer_id, word);
   state_touched();
 }
 
 void timer_fired(int timer_id) {
   std::erase(fired_timers, timer_id);
   fired_timers.push_back(timer_id);
+  log_event("fired", timer_id, "", "timer %d has fired", timer_id);
+  state_touched();
+}
+
+void timer_halted(int timer_id) {
+  log_event("halted", timer_id, "", "timer %d does not act: timers of its kind are halted",
+            timer_id);
+}
+
+void timer_skipped(int timer_id) {
+  log_event("skipped", timer_id, "", "timer %d does not fire: it skips this holiday", timer_id);
+}
+
+void ontime_requested(bool is_accepted) {
+  ontime_accepted = is_accepted;
   state_touched();
 }
 

@@ -193,10 +193,11 @@ int schedule_micom_ontimer(int timer_id, const std::tm *expire, unsigned int typ
     ontime = convert_to_utc(ontime);
   }
   micom_ontimer = {timer_id, is_utc ? 1 : 0, unsigned_timegm(&ontime), type, priority};
-  state_touched();
   LOGP("[micom ontime] : %s", time_str(micom_ontimer.ontime));
 
-  if (set_power_control_wakeup_timer(type, micom_ontimer.ontime) != 0) {
+  const int result = set_power_control_wakeup_timer(type, micom_ontimer.ontime);
+  ontime_requested(result == 0);
+  if (result != 0) {
     LOGE("Failed to set_power_control_wakeup_timer\n");
     return -1;
   }

@@ -34,6 +34,12 @@ void system_log_print(system_log_priority priority, const char *tag, const char 
   va_end(arguments);
 }
 
+void system_log_event(const char *event, int timer_id, const char *reason, const char *text) {
+  sd_journal_send("MESSAGE_ID=%s", kEventId, "PRIORITY=%d", LOG_NOTICE, "SYSLOG_IDENTIFIER=%s",
+                  kTag, "DRAVEL_EVENT=%s", event, "DRAVEL_TIMER=%d", timer_id, "DRAVEL_REASON=%s",
+                  reason, "MESSAGE=%s", text, nullptr);
+}
+
 void report(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);

@@ -241,6 +241,15 @@ std::string logged() {
 
 std::string logged_levels() { return log_levels; }
 
+static std::string log_events;
+
+std::string logged_events() { return std::exchange(log_events, {}); }
+
+void system_log_event(const char *event, int timer_id, const char *reason, const char *) {
+  log_events += (log_events.empty() ? "" : ", ") + std::string(event) + " " +
+                std::to_string(timer_id) + (*reason == '\0' ? "" : " " + std::string(reason));
+}
+
 void system_log_print(system_log_priority priority, const char *, const char *format, ...) {
   char line[2048];
   va_list arguments;

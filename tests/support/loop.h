@@ -48,3 +48,5 @@ std::string state_changes();
 std::string logged();
 // Their priorities, a letter for each: Debug, Info, Error, Progress.
 std::string logged_levels();
+// What was kept as an event since the last call, as "fired 1, removed 1 fired".
+std::string logged_events();
