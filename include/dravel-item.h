@@ -13,6 +13,8 @@
 
 #include <Eina.h>
 
+#include <optional>
+
 // What can_skip_timer decides about one occurrence.
 enum skip_decision { SKIP_NO = 0, SKIP_REFUSED = 1, SKIP_MOVED = 2 };
 
@@ -120,3 +122,6 @@ enum class next_expiry { kDue, kPast, kNever, kUnknown };
 
 // The same as get_next_expire_date, with a time value; kUnknown while the time is not known.
 next_expiry find_next_expiry(const dravel_item *item, time_value *expire);
+
+// The occurrence of a repeating item that follows the one at `fired`; none for a one-shot item.
+std::optional<time_value> occurrence_after(const dravel_item *item, time_value fired);

@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <climits>
-#include <optional>
 #include <span>
 #include <vector>
 
@@ -281,6 +280,17 @@ next_expiry find_next_expiry(const dravel_item *item, time_value *expire) {
     LOG_TIME_FROM("get_next_expire_date", SYSTEM_LOG_DEBUG, "time: %s",
                   unsigned_gmtime_r(*expire, &tm));
   return found;
+}
+
+std::optional<time_value> occurrence_after(const dravel_item *item, time_value fired) {
+  clock_reading clocks{};
+  if (item->week_flag == 0 || read_clocks_of(item, &clocks) != 0)
+    return std::nullopt;
+  clocks.now = clocks.broadcast = fired;
+  clocks.internet = add_time_offset(fired, -clocks.offset);
+  time_value next = 0;
+  return next_repeating(item, clocks, &next) == next_expiry::kDue ? std::optional(next)
+                                                                  : std::nullopt;
 }
 
 int get_next_expire_date(const dravel_item *item, std::tm *expire) {

@@ -7,8 +7,10 @@
 
 #include <Ecore.h>
 #include <IPowerControl.h>
+#include <due_timers.h>
 #include <settings.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <span>
@@ -515,6 +517,40 @@ static void reconsider_micom_ontimer(const dravel_item *item, time_value expire_
     return;
   if (replace_programmed_ontimer() == kOntimerRefused)
     LOGE_OF(schedule_dravel_item, "Failed to schedule micom offtimer");
+}
+
+static bool is_halted(int type) {
+  switch (timer_type_of(type).action) {
+  case timer_action::kTurnOn:
+  case timer_action::kWake:
+    return ontimer_halt != 0;
+  case timer_action::kTurnOff:
+    return offtimer_halt != 0;
+  default:
+    return false;
+  }
+}
+
+// Each occurrence of an armed item as the main loop would have come to it.
+static void add_due(const dravel_item *item, time_value from, time_value until,
+                    std::vector<due_timer> &due) {
+  for (auto time = armed_expiry(item->timer_id); time && *time <= until;
+       time = occurrence_after(item, *time)) {
+    if (*time > from)
+      due.push_back({item->timer_id, item->type, *time});
+  }
+}
+
+std::size_t dravel_due_timers(time_value from, time_value until, due_timer *out, std::size_t room) {
+  std::vector<due_timer> due;
+  for (const dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
+    if (!is_halted(item->type))
+      add_due(item, from, until, due);
+  }
+  std::ranges::stable_sort(due, {}, &due_timer::time);
+  const std::size_t count = std::min(due.size(), room);
+  std::ranges::copy(std::span(due).last(count), out);
+  return count;
 }
 
 static int result_of(next_expiry found) {
