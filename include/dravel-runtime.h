@@ -30,7 +30,7 @@ DRAVEL_API int get_relaunch_state(void);
 
 // Whether the set is awake; 1 at start.
 DRAVEL_API void set_wakeup_state(int value);
-DRAVEL_API int get_wakeup_state(void);
+DRAVEL_API int get_wakeup_state(void); // no caller here
 
 // Whether the middleware updated the time in automatic clock mode; 0 at start.
 DRAVEL_API void set_auto_clock_mode_time_update(int value);

@@ -61,7 +61,8 @@ DRAVEL_API void init_hash_table(void);
 DRAVEL_API void fini_hash_table(void);
 
 // Arms `item` to call `cb` at its next expiry, and programs the micro-controller
-// again when that changes the on-time. The item must not be armed. Returns a schedule_result.
+// again when that changes the on-time. The item must not be armed. Returns a schedule_result. No
+// caller here: the daemon calls schedule_item, see below.
 DRAVEL_API int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data);
 
 // Disarms and removes `item`. Chooses the on-time again when the item was the

@@ -69,8 +69,8 @@ static time_value occurrence_of(const dravel_item *item) {
   return now;
 }
 
-// A one-shot timer that one period has moved into the next one fires there all the same. The test
-// moves it past that period, too, where it fires once more.
+// A one-shot timer is never skipped. The test may move it past the period: it fires now and, on the
+// day after the period, once more.
 static bool is_skipped(const dravel_item *item, time_value now) {
   return heeds_disabled_periods(item) && can_skip_timer(item, now) == SKIP_REFUSED;
 }

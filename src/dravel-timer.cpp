@@ -836,11 +836,16 @@ static int ambient_power_off_cb(void *) {
   return 0;
 }
 
-// The clock may have jumped while the set slept. The programmed on-timer is disarmed, also while
-// the clock is trusted, so that the next adjustment does not move it to another day; it is unarmed
-// until then. Unless the clock is trusted, all timers are adjusted now if it can be read, and again
-// when the middleware confirms the time or 60 seconds have passed. The `event` logs with its own
-// `priority`; id 0 stands for no timer and is logged, too.
+// The clock may have jumped while the set slept.
+//
+// The programmed on-timer is disarmed first: an adjustment moves armed one-shot timers to another
+// day, and this one may just have woken the set. Unarmed it keeps its day. The next adjustment arms
+// it or, when its time has passed, removes it.
+//
+// A clock that is trusted needs nothing else. Otherwise all timers are adjusted now, when the clock
+// can be read, and rescheduled when the middleware confirms the time or 60 seconds have passed.
+//
+// The line has the `event`'s priority. It is logged for id 0, which stands for no timer, too.
 static void react_to_wakeup(system_log_priority priority,
                             const char *event = __builtin_FUNCTION()) {
   set_wakeup_state(1);
@@ -988,7 +993,7 @@ void auto_time_set(void) {
     stop_timer(adjust_wait_timer);
     if (is_tv_clock_known())
       start_with_valid_time();
-    else // each time update adds a poll; all end when the clock can be read
+    else // one more poll with each time update; all end once the clock can be read
       ecore_timer_add(kPollSeconds, wait_cur_time_cb, nullptr);
   }
 
