@@ -8,7 +8,7 @@ static const std::string kExpiry =
     "arm $1 '16 07:00'; times 2 pass; now '16 07:00'; power $2; ambient $3;"
     "refuse device_power_set_wakeup_reason device_power_set_state; $4;"
     "expire => events 'dravel_week_flag_expired 0; dravel_expired @; dravel_type_expired $1$5'"
-    " woke $6";
+    " woken_by $6";
 
 // Only a set that sleeps is woken: in the state 2, or in 4 while its ambient mode is 2.
 SCENARIOS(Expiry, OfAnOnTimer_WakesASleepingSet, kExpiry, R"(
@@ -84,7 +84,7 @@ SCENARIOS(Expiry, InADisabledPeriod_OnlyRepeatingTimersThatOptIn_AreSkipped,
           "expire => events '$4' row $5",
           R"(
   15 12:00    | 1 | daily holidays        |                       | 15
-  15 12:00    | 1 | daily                 | ~127; dravel_expired 1; dravel_type_expired 1; poweroff |
+  15 12:00    | 1 | daily                | ~127; dravel_expired 1; dravel_type_expired 1; poweroff |
     15
   # moved past the period
   15 12:00    | 1 | holidays              | ~dravel_type_expired 1; poweroff 1 0 | 21

@@ -36,6 +36,10 @@ SCENARIOS(Bus, ATimerOfType13_ReplacesOnlyItsEqual,
   13 '16 07:00' daily | 13 '17 07:00' daily     | 2 1 | Added 2, Armed, Stored
   13 '16 07:00' daily | 13 '16 07:00' mon       | 1 2 | Added 2, Armed, Stored
   13 '16 07:00' daily | 13 '16 07:00'           | 2 1 | Added 2, Armed, Stored
+  13 '16 07:00' wed rtc holidays priority=7 | 13 '16 07:00' wed rtc | 2 |
+    Removed 1 replaced, Added 2, Armed, Wakeup
+  13 '16 07:00' | 13 '16 07:00:01' | 2 1 | Added 2, Armed, Stored
+  13 '16 07:00' | 13 '16 07:00' rtc | 2 1 | Added 2, Armed, Stored
   2 '16 07:00' daily  | 13 '16 07:00' daily     | 2 1 | Added 2, Armed, Stored
   13 '16 07:00' daily | 2 '16 07:00' daily      | 2 1 | Added 2, Armed, Stored
 )")

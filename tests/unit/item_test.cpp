@@ -1,10 +1,5 @@
 #include "scenario.h"
 
-#include <array>
-#include <climits>
-#include <cstdlib>
-#include <numeric>
-
 class Items : public CleanSet {};
 class Periods : public CleanSet {};
 
@@ -46,24 +41,25 @@ TEST_F(Items, AnItem_HasItsValuesInTheirPlaces) {
   EXPECT_EQ(rows("SELECT * FROM dravel"), "1|1|2|3|9|8|7|6|5|4|10|11|12|13|14|15|16|0");
 }
 
-TEST_F(Items, AComparison_IsByExpiry_ThenByPriority_AndAListedOffTimerKeepsItsPlace) {
-  const struct {
-    new_timer listed, added;
-    int order;
-  } cases[] = {
-      {{1, "16 07:00"}, {1, "16 08:00"}, -1}, {{1, "16 08:00"}, {1, "16 07:00"}, 1},
-      {{1, "14 07:00"}, {1, "16 07:00"}, -1}, // which never fires
-      {{1, "16 07:00"}, {1, "14 07:00"}, 1},  {{0, "16 07:00", 0, 0, 0, 1}, {0, "16 07:00"}, -1},
-      {{0, "16 07:00"}, {0, "16 07:00"}, 1},  {{1, "16 07:00"}, {0, "16 07:00"}, -1}};
-  for (const auto &[first, second, order] : cases) {
-    dravel_item *listed = make(first), *added = make(second);
-    EXPECT_EQ(compare_dravel_cb(listed, added), order) << first.when << " " << second.when;
-    EXPECT_EQ(compare_dravel_cb(nullptr, added) | compare_dravel_cb(listed, nullptr), 0);
-    EXPECT_EQ(get_next_expire_date(listed, nullptr), -1);
-    g_free(listed);
-    g_free(added);
-  }
+SCENARIOS(Items, AreListed_ByExpiry_ThenByPriority_AndAListedOffTimerKeepsItsPlace,
+          "now '13 12:00'; add $1; now '15 12:00'; add $2 => listed '$3'", R"(
+  1 '16 07:00'            | 1 '16 08:00'            | 1 2
+  1 '16 08:00'            | 1 '16 07:00'            | 2 1
+  # which never fires
+  1 '14 07:00'            | 1 '16 07:00'            | 1 2
+  1 '16 07:00'            | 1 '14 07:00'            | 2 1
+  0 '16 07:00' priority=1 | 0 '16 07:00'            | 1 2
+  0 '16 07:00'            | 0 '16 07:00'            | 2 1
+  1 '16 07:00'            | 0 '16 07:00'            | 1 2
+)")
+
+TEST_F(Items, ThatAreNone_AreEqual_AndNeverFire) {
   std::tm expire;
+  dravel_item *item = add(kTomorrow), *later = add({0, "17 07:00"});
+  EXPECT_EQ(compare_dravel_cb(item, later), -1);
+  EXPECT_EQ(compare_dravel_cb(later, item), 1);
+  EXPECT_EQ(compare_dravel_cb(nullptr, item) | compare_dravel_cb(item, nullptr), 0);
+  EXPECT_EQ(get_next_expire_date(item, nullptr), -1);
   EXPECT_EQ(get_next_expire_date(nullptr, &expire), -1);
 }
 
@@ -83,48 +79,31 @@ SCENARIOS(Items, AFullList_LosesItsOldestTimer_WithItsMainLoopTimer, R"(
     sql 'SELECT count(*) FROM dravel' => is 81
 )")
 
-TEST_F(Items, TransientIds_CountDown_AndTheLastOneIsTheOldest) {
+TEST_F(Items, TransientIds_CountDown_PastOnesOfAForeignStore_AndTheLastOneIsTheOldest) {
   const int transient = add({10, "16 07:00"})->timer_id;
   EXPECT_EQ(add({10, "16 07:00"})->timer_id, transient - 1);
-  for (int i = 0; i < 79; ++i)
-    add({4, "16 07:00"});
-  EXPECT_EQ(find_dravel_item(transient - 1), nullptr);
-  EXPECT_NE(find_dravel_item(transient), nullptr);
-}
-
-TEST_F(Items, AFailedStore_KeepsATimerOut_AndAFailedDeleteStillTakesItOut) {
-  dravel_item *listed = add(kTomorrow);
-  add(kTomorrow);
-  reset_dravel_db(); // from now on writes are refused
-  EXPECT_EQ(call("schedule_timer", arguments_of(kTomorrow)), words{-1});
-  EXPECT_EQ(ids(get_ontimer_list()), "1 2");
-  EXPECT_EQ(ids(remove_dravel_item(listed)), "2");
-  EXPECT_EQ(ids(get_ontimer_list()), "2");
-  std::free(listed); // the daemon never does
-}
-
-TEST_F(Items, AForeignStore_MakesNoTwoTimersOne) {
-  const int transient = add({10, "16 07:00"})->timer_id;
-  rows("INSERT INTO dravel(timer_id, type, week_flag) VALUES(" + std::to_string(transient - 1) +
+  rows("INSERT INTO dravel(timer_id, type, week_flag) VALUES(" + std::to_string(transient - 2) +
        ", 2, 127)");
   load_dravel_list();
-  EXPECT_EQ(add({10, "16 07:00"})->timer_id, transient - 2);
-
-  for (const std::string foreign :
-       {"CREATE TRIGGER no BEFORE INSERT ON dravel BEGIN SELECT raise(IGNORE); END",
-        "INSERT INTO dravel(timer_id, type) VALUES(3, 2);"
-        "UPDATE sqlite_sequence SET seq = 4294967302",
-        "ALTER TABLE dravel RENAME TO old; CREATE TABLE dravel AS SELECT * FROM old;"
-        "INSERT INTO dravel(timer_id, type, week_flag) VALUES(3, 2, 127)"}) {
-    restart(foreign);
-    add(kTomorrow);
-    rows(foreign);
-    load_dravel_list();
-    const std::string stored = rows("SELECT timer_id FROM dravel");
-    EXPECT_EQ(call("schedule_timer", arguments_of(kTomorrow)), words{-1});
-    EXPECT_EQ(rows("SELECT timer_id FROM dravel"), stored);
-  }
+  EXPECT_EQ(add({10, "16 07:00"})->timer_id, transient - 3);
+  for (int i = 0; i < 77; ++i)
+    add({4, "16 07:00"});
+  EXPECT_EQ(find_dravel_item(transient - 3), nullptr);
+  EXPECT_NE(find_dravel_item(transient - 2), nullptr);
 }
+
+SCENARIOS(Items, AFailedStore_KeepsATimerOut_AndAFailedDeleteStillTakesItOut, R"(
+  times 2 add 0 '16 07:00'; read_only; take 0 '16 07:00' => is -1 on '1 2';
+    cancel 1 => listed 2 on 2
+)")
+
+SCENARIOS(Items, AForeignStore_MakesNoTwoTimersOne,
+          "add 0 '16 07:00'; sql '$1'; load; take 0 '16 07:00' => is -1 stored '$2'", R"(
+  CREATE TRIGGER no BEFORE INSERT ON dravel BEGIN SELECT raise(IGNORE); END | 1
+  INSERT INTO dravel(timer_id, type) VALUES(3, 2); UPDATE sqlite_sequence SET seq = 4294967302 | 1 3
+  ALTER TABLE dravel RENAME TO old; CREATE TABLE dravel AS SELECT * FROM old;
+    INSERT INTO dravel(timer_id, type, week_flag) VALUES(3, 2, 127) | 1 3
+)")
 
 SCENARIOS(Items, AColdStart_DropsOnAndOffTimers_UnlessTheyAreKept,
           "sql 'WITH t(type, hour) AS (VALUES(0,9),(1,8),(2,7),(-1,6),(300,5),(16,4))"
@@ -145,22 +124,15 @@ SCENARIOS(Items, ATimerSetBeforeTheLoading_IsListedOnce_AndKept, R"(
     load => is '2 1' stored '1 2'
 )")
 
-TEST_F(Items, TheMarkedTimer_WokeTheSet_WhenTheReasonIsATimers) {
-  for (const auto &[reason, woken] : {std::pair{0, false}, {1, false}, {2, true}, {-1, true}}) {
-    restart(std::to_string(reason));
-    standin().wakeup_reason = reason;
-    dravel_item *item = add({0, "16 07:00", kMon, 0, 2});
-    EXPECT_EQ(load_wakeup_timer(), 0);
-    EXPECT_EQ(get_wakeup_timer(), nullptr);
-    set_micom_flag(1);
-    EXPECT_EQ(load_wakeup_timer(), 0);
-    remove_dravel_item(item);
-    ASSERT_EQ(get_wakeup_timer() != nullptr, woken);
-    EXPECT_TRUE(!woken || get_wakeup_timer()->time_type == 2);
-    set_wakeup_timer(add(kTomorrow));
-    EXPECT_EQ(get_wakeup_timer()->timer_id, 2);
-  }
-}
+SCENARIOS(Items, TheMarkedTimer_WokeTheSet_WhenTheReasonIsATimers,
+          "reason $1; add 0 '16 07:00' mon rtc; load_wakeup => woken_by -; mark 1; load_wakeup;"
+          "cancel 1 => woken_by '$2'; add 0 '16 07:00'; woken_by 2 => woken_by 2",
+          R"(
+  0  | -
+  1  | -
+  2  | 1
+  -1 | 1
+)")
 
 SCENARIOS(Items, Standby_IsSkipped_WhenAnOnTimerFollowsWithin599Seconds,
           "now '$1'; skip '$2' 99 => is 0; add 0 '2030-01-01 00:00'; add 0 '$3';"
@@ -200,7 +172,7 @@ SCENARIOS(Periods, RefuseRepeatingTimers_AndMoveOneShotOnes,
 // holiday, 1: the timer is refused.
 SCENARIOS(Periods, AFlaggedFebruary_EndsOnThe29thInALeapYear,
           "now '$1'; period '2020-02-28 00:00' '2020-02-28 00:00' $2; add 0 '01 07:00' daily $3;"
-          "holiday_test '2028-02-29 07:00' => is $4",
+          "holiday '2028-02-29 07:00' => is $4",
           R"(
   2000-02-01 00:00 | 1 | holidays     | 1
   2028-02-01 00:00 | 0 | holidays     | 0
@@ -210,23 +182,16 @@ SCENARIOS(Periods, AFlaggedFebruary_EndsOnThe29thInALeapYear,
                    | 1 | holidays rtc | 1
 )")
 
-TEST_F(Periods, KeepTheirOrder_InListAndStore) {
-  disabled_period_item *first = add_period("24 00:00", "26 00:00");
-  disabled_period_item *second = add_period("24 00:00", "26 00:00");
-  EXPECT_EQ(find_disabled_period_item(2), second);
-  EXPECT_NE(remove_disabled_period_item(first), nullptr);
-  EXPECT_EQ(rows("SELECT period_id FROM disabled_period"), "2");
-  rows("INSERT INTO disabled_period VALUES(9,1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20)");
-  load_disabled_period_list();
-  EXPECT_EQ(find_disabled_period_item(9)->end_date_leap_year_f, 20);
-  EXPECT_EQ(find_disabled_period_item(1), nullptr);
-  reset_dravel_db(); // from now on writes are refused
-  EXPECT_EQ(remove_disabled_period_item(second), nullptr);
-  EXPECT_EQ(call("request_set_disable_period", period_arguments("24 00:00", "26 00:00")),
-            words{-1});
-  const words list = call("request_disabled_period_list", 0);
-  EXPECT_EQ((words{list[25], list[50], list[75]}), (words{2, 2, 9}));
-}
+SCENARIOS(Periods, KeepTheirOrder_InListAndStore, R"(
+  period '24 00:00' '26 00:00'; period '24 00:00' '26 00:00'; call request_remove_disabled_period 1;
+    sql 'SELECT period_id FROM disabled_period' => is 2;
+    sql 'INSERT INTO disabled_period VALUES(9,1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20)';
+    load_periods; call request_disabled_period_list 0 => is '~16 17 18 0 0 19 20 9';
+    # one that cannot be deleted stays
+    read_only; call request_remove_disabled_period 2 => is 0;
+    call request_set_disable_period 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 => is -1;
+    call request_disabled_period_list 0 => is '~3 '
+)")
 
 TEST_F(Periods, OfTheNextYear_FollowTheEndOfFebruary) {
   disabled_period_item *period = add_period("1999-02-28 00:00", "1999-02-28 00:00", 1, 1);
@@ -239,33 +204,23 @@ TEST_F(Periods, OfTheNextYear_FollowTheEndOfFebruary) {
 }
 
 // March 2106 is not among the time values; a client may send any day of the month.
-TEST_F(Periods, WithAnEndFarAway_AreCountedOnTheCalendar) {
-  const struct {
-    const char *when;
-    int end_day, moved_to;
-  } cases[] = {{"2106-02-01 09:00", 20, 49},
-               {"2000-02-01 09:00", 20, 50},
-               {"2027-02-02 09:00", INT_MAX - 59, INT_MAX - 30},
-               {"2027-04-15 09:00", 115, 85}};
-  for (const auto &[when, end_day, moved_to] : cases) {
-    restart(when);
-    set_now("2000-01-01 12:00");
-    const dravel_item *item = add({1, when, 0, 1});
-    add_period("2020-01-25 00:00", "2020-03-20 00:00")->end_tm.tm_mday = end_day;
-    EXPECT_EQ(can_skip_timer(item, time_of(when)), SKIP_MOVED);
-    EXPECT_EQ(item->tm.tm_mday, moved_to);
-  }
-}
+SCENARIOS(
+    Periods, WithAnEndFarAway_AreCountedOnTheCalendar,
+    "now '2000-01-01 12:00'; add 1 '$1' holidays; period '2020-01-25 00:00' '2020-03-$2 00:00';"
+    "holiday '$1' => is 2 row '$3'",
+    R"(
+  2106-02-01 09:00 | 20         | 49
+  2000-02-01 09:00 | 20         | 50
+  2027-02-02 09:00 | 2147483588 | 2147483617
+  2027-04-15 09:00 | 115        | 85
+)")
 
 // The method's arguments in their places in the image.
-TEST_F(Periods, HaveTwentyValues_InTheirPlaces) {
-  std::array<int, PERIOD_ARGS> values{};
-  std::iota(values.begin(), values.end(), 1);
-  EXPECT_EQ(call("request_set_disable_period", values), words{1});
-  EXPECT_EQ(call("request_disabled_period_list", 0),
-            (words{1,  6,  5,  4,  3,  2,  1,  7,  8, 9, 0,  0,  15,
-                   14, 13, 12, 11, 10, 16, 17, 18, 0, 0, 19, 20, 1}));
-}
+SCENARIOS(Periods, HaveTwentyValues_InTheirPlaces, R"(
+  call request_set_disable_period 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 => is 1;
+    call request_disabled_period_list 0 =>
+    is '1 6 5 4 3 2 1 7 8 9 0 0 15 14 13 12 11 10 16 17 18 0 0 19 20 1'
+)")
 
 SCENARIOS(Periods, MoveATimer_OneStepForEachComputation, R"(
   # and without the offset; alone in its list, it was compared with nothing

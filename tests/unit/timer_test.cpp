@@ -196,27 +196,11 @@ SCENARIOS(WakeupTime, LeavesOut_WhatAnOffTimerTakesAway,
   0 '16 06:00' system      | add 1 '16 07:00'                           | 1 16 07:00 | 1 |
 )")
 
-TEST_F(WakeupTime, ADuplicate_IsEqualInTypeWeekdaysClockAndTime) {
-  const struct {
-    new_timer other;
-    int result;
-  } cases[] = {{{2, "16 07:00", kWed, 1, TIME_TYPE_RTC, 7}, 0},
-               {{3, "16 07:00", kWed, 0, TIME_TYPE_RTC}, -1},
-               {{2, "16 07:00:01", kWed, 0, TIME_TYPE_RTC}, -1},
-               {{2, "16 07:00", kThu, 0, TIME_TYPE_RTC}, -1},
-               {{2, "16 07:00", kWed, 0, TIME_TYPE_BROADCAST}, -1}};
+TEST_F(WakeupTime, NoTimer_HasNoDuplicate) {
   dravel_item *found = nullptr;
-  dravel_item unlisted{};
-  EXPECT_EQ(find_duplicate_ontimer(nullptr, &found), -1);
-  EXPECT_EQ(find_duplicate_ontimer(&unlisted, &found), -1);
-  const dravel_item *item = add({2, "16 07:00", kWed, 0, TIME_TYPE_RTC, 5});
-  for (const auto &[other, result] : cases) {
-    dravel_item *candidate = make(other);
-    found = nullptr;
-    EXPECT_EQ(find_duplicate_ontimer(candidate, &found), result) << other.when;
-    EXPECT_EQ(found, result == 0 ? item : nullptr);
-    g_free(candidate);
-  }
+  const dravel_item unlisted{};
+  for (const dravel_item *item : {static_cast<const dravel_item *>(nullptr), &unlisted})
+    EXPECT_EQ(find_duplicate_ontimer(item, &found), -1);
 }
 
 SCENARIOS(WakeupTime, MarksItsRow_WhenTheSetGoesToSleep, R"(
@@ -242,7 +226,7 @@ SCENARIOS(WakeupTime, ThatIsRefused_StaysInTheRecord_AndIsClearedButForItsType, 
 SCENARIOS(Events, AWakeup_DisarmsTheProgrammedTimer_AndWaitsForAnUntrustedClock,
           "arm 0 '16 07:00'; trusted $2; awake 0; clocks '$3' '15 12:00' '15 12:00';"
           "state 4 1 => awake 0; times 2 $1 => armed '$4' waits '$5' awake 1;"
-          "now '15 12:00'; $6 => trusted 1 markers init armed '$7'",
+          "now '15 12:00'; $6 => trusted 1 files '!finish' armed '$7'",
           R"(
   wake      | 1 | 15 12:00 | -        | finish 90            | times 0     | -
   wake      | 0 | 15 12:00 | 16 07:00 | adjust 60, finish 90 | fire adjust | 16 07:00
@@ -293,12 +277,12 @@ TEST_F(Events, TheTimeSignal_IsLeftOnce_AndDoneWithoutWhenItIsRefused) {
 
 // What a client sees when the first timer is armed: the flags are set before, the marker after it.
 SCENARIOS(Events, FlagsComeBeforeArming_AndTheMarkerAfterIt, R"(
-  add 1 '16 07:00'; idle => armed_while 'trusted 1 awake 1' markers 'init finish'
-  add 1 '16 07:00'; trusted 0; signal 108 => armed_while 'trusted 1 awake 1' markers 'init finish'
-  add 1 '16 07:00'; trusted 0; awake 0; wake => armed_while 'trusted 0 awake 1' markers init;
-    fire adjust => armed_while 'trusted 1 awake 1' markers init waits 'finish 90'
+  add 1 '16 07:00'; idle => armed_while 'trusted 1 awake 1' files '~finish'
+  add 1 '16 07:00'; trusted 0; signal 108 => armed_while 'trusted 1 awake 1' files '~finish'
+  add 1 '16 07:00'; trusted 0; awake 0; wake => armed_while 'trusted 0 awake 1' files '!finish';
+    fire adjust => armed_while 'trusted 1 awake 1' files '!finish' waits 'finish 90'
   add 1 '16 07:00'; trusted 0; tv ''; signal 108; now '15 12:00';
-    fire clock => armed_while 'trusted 1 awake 1' markers 'init finish'
+    fire clock => armed_while 'trusted 1 awake 1' files '~finish'
 )")
 
 SCENARIOS(Events, ASwitchOfTheClockMode_RetriesUntilTheTimeIsUpdated, R"(
@@ -321,14 +305,14 @@ SCENARIOS(Events, ASwitchOfTheClockMode_RetriesUntilTheTimeIsUpdated, R"(
 
 SCENARIOS(Events, ATimeUpdate_AnswersTheWait_InTheStatesThatCount,
           "add 0 '16 07:00'; trusted 0; wake; disarm 1; power $2; ambient $3; trusted $1;"
-          "signal 109 => armed '-'; signal 108 => armed '$4' waits '$5' markers '$6' updated 0",
+          "signal 109 => armed '-'; signal 108 => armed '$4' waits '$5' files '$6finish' updated 0",
           R"(
-  0 | 0 | 0 | 16 07:00 |                      | init finish
-  0 | 2 | 0 | 16 07:00 |                      | init finish
-  0 | 4 | 2 | 16 07:00 |                      | init finish
-  0 | 4 | 1 | -        | adjust 60, finish 90 | init
-  0 | 1 | 2 | -        | adjust 60, finish 90 | init
-  1 | 0 | 0 | -        | adjust 60, finish 90 | init
+  0 | 0 | 0 | 16 07:00 |                      | ~
+  0 | 2 | 0 | 16 07:00 |                      | ~
+  0 | 4 | 2 | 16 07:00 |                      | ~
+  0 | 4 | 1 | -        | adjust 60, finish 90 | !
+  0 | 1 | 2 | -        | adjust 60, finish 90 | !
+  1 | 0 | 0 | -        | adjust 60, finish 90 | !
 )")
 
 SCENARIOS(Events, TwoTimeUpdatesWithoutAClock_StartTwoPolls_AndBothEnd, R"(
@@ -339,66 +323,42 @@ SCENARIOS(Events, TwoTimeUpdatesWithoutAClock_StartTwoPolls_AndBothEnd, R"(
 )")
 
 // A second one begins from its full length.
-TEST_F(Events, Waits_HaveTheirLengths_AndASecondReplacesTheFirst) {
-  const struct {
-    void (*start)();
-    Ecore_Task_Cb callback;
-    double seconds;
-  } cases[] = {{init_dravel, wait_dravel_finish_cb, 90},
-               {[] { standin_wakeup(3); }, adjust_wait_timer_cb, 60},
-               {[] { standin_change_clock_mode(CLOCK_MODE_AUTO); }, retry_adjust_all_timers, 0.1}};
-  set_clocks("", kNoon, kNoon);
-  set_kinto_time_updated(0);
-  for (const auto &[start, callback, seconds] : cases)
-    for (int times = 0; times < 2; ++times) {
-      start();
-      EXPECT_EQ(waits(callback), std::vector{seconds});
-      pass(0.05);
-    }
-}
+SCENARIOS(Events, Waits_HaveTheirLengths_AndASecondReplacesTheFirst, R"(
+  elapse 0.05; init => waits 'finish 90'
+  trusted 0; tv ''; wake; elapse 0.05; wake => waits 'adjust 60, finish 89.95'
+  switch_mode 0; elapse 0.05; switch_mode 0 => waits 'finish 89.95, retry 0.1'
+)")
 
-TEST_F(Events, APowerOff_DistrustsTheClock_AndResetsTheStoreByItsOption) {
-  for (const int option : {-1, 0, 1, 11, 12, 13, 14, 15}) {
-    restart(std::to_string(option));
-    const bool resets = option == 13 || option == 14;
-    logged();
-    standin_power_off(option);
-    EXPECT_EQ(logged(), "power_poweroff_cb > poweroff option: " + std::to_string(option) + "\n" +
-                            (resets ? "power_poweroff_cb > reset dravel db\n"
-                                      "reset_dravel_db > success delete db file\n"
-                                      "reset_dravel_db > success delete wakeup db file\n"
-                                    : ""));
-    EXPECT_EQ(fs::exists(kDravelDbPath) + fs::exists(kWakeupDbPath), resets ? 0 : 2);
-    reset_dravel_db();
-    EXPECT_EQ(logged().empty(), resets);
-    EXPECT_EQ(get_kinto_time_updated(), 0);
-  }
-}
+SCENARIOS(Events, APowerOff_DistrustsTheClock_AndResetsTheStoreByItsOption,
+          "forget; off $1 => log '~power_poweroff_cb > poweroff option: $1' files '$2db' trusted 0;"
+          "read_only => log '$3success delete'",
+          R"(
+  -1 | ~ | ~
+  0  | ~ | ~
+  1  | ~ | ~
+  11 | ~ | ~
+  12 | ~ | ~
+  13 | ! | !
+  14 | ! | !
+  15 | ~ | ~
+)")
+
+SCENARIOS(Events, Markers_TellARelaunch_AndEndTheWait, R"(
+  idle => waits '' files '~dravel_init dravel_finish' relaunched 0; remove /tmp/dravel_finish;
+    tv ''; trusted 1; init => relaunched 1 trusted 0 files '!finish';
+    fire finish => is ended files '~finish'
+)")
 
 // Only a marker's existence means something.
-TEST_F(Events, Markers_TellARelaunch_AndEndTheWait) {
-  EXPECT_TRUE(fs::exists(kInitMarkerPath));
-  EXPECT_EQ(get_relaunch_state(), 0);
+TEST_F(Events, Markers_AreEmptyFiles_AndStayAsTheyAre) {
   run_idle_steps();
-  EXPECT_EQ(pending(wait_dravel_finish_cb), 0);
   EXPECT_EQ(fs::status(kFinishMarkerPath).permissions(), fs::perms(0644));
   EXPECT_EQ(fs::file_size(kInitMarkerPath) + fs::file_size(kFinishMarkerPath), 0U);
   std::ofstream(kFinishMarkerPath) << "kept";
   create_dravel_finish_file();
   EXPECT_EQ(fs::file_size(kFinishMarkerPath), 4U);
-
-  fs::remove(kFinishMarkerPath);
-  set_clocks("", kNoon, kNoon);
-  set_kinto_time_updated(1);
-  init_dravel();
-  EXPECT_EQ(get_relaunch_state(), 1);
-  EXPECT_EQ(get_kinto_time_updated(), 0);
-  EXPECT_FALSE(fire(wait_dravel_finish_cb));
-  EXPECT_TRUE(fs::exists(kFinishMarkerPath));
-
   fs::remove(kInitMarkerPath);
   fs::create_symlink("/no/where", kInitMarkerPath);
-  set_relaunch_state(0);
   logged();
   init_dravel();
   EXPECT_EQ(logged(), "init_dravel > /tmp/dravel_init create failed\n");
@@ -410,10 +370,10 @@ TEST_F(Events, Markers_TellARelaunch_AndEndTheWait) {
 SCENARIOS(Events, AStart_LoadsTimersAndHolidays,
           "add 3 '15 11:00'; add 4 '17 07:00'; add 4 '01 07:00' wed thu holidays;"
           "period '16 00:00' '16 00:00'; start_again '$1'; idle => armed '$2' trusted $3 awake 1"
-          " markers '$4' waits '$5'",
+          " files '$4finish' waits '$5'",
           R"(
-  15 12:00 | 17 07:00, 17 07:00 | 1 | init finish |
-           | -, -, -            | 0 | init        | finish 90
+  15 12:00 | 17 07:00, 17 07:00 | 1 | ~ |
+           | -, -, -            | 0 | ! | finish 90
 )")
 
 TEST_F(Events, AStart_SubscribesToEverything) {
