@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <memory>
 #include <span>
 #include <string>
@@ -110,12 +111,33 @@ struct statement {
   static constexpr std::size_t kLimit = sizeof text - 1;
 };
 
+// The text of a statement with %d for each of `Values` numbers. Does not compile when that is not
+// so, or when the longest numbers do not fit.
+template <std::size_t Values> struct sql_format {
+  consteval sql_format(const char *format) : text(format) {
+    std::size_t values = 0;
+    std::size_t length = 0;
+    for (; *format != '\0'; ++format, ++length)
+      if (*format == '%') {
+        ++values;
+        length += std::numeric_limits<int>::digits10 + 1; // and the sign
+        if (*++format != 'd')
+          throw "not a conversion of a number";
+      }
+    if (values != Values || length >= statement::kLimit)
+      throw "another count of values, or too long";
+  }
+
+  const char *text;
+};
+
 using connection = std::unique_ptr<sqlite3, int (*)(sqlite3 *)>;
 using row_callback = int (*)(void *out, int columns, char **values, char **names);
 using old_rows = std::vector<dravel_item>;
 // The numbers of a record's fields, without `LeftOut` of them.
 template <typename Record, std::size_t LeftOut>
 using fields_of = std::make_index_sequence<kRecordFields<Record>.size() - LeftOut>;
+using timer_format = sql_format<kRecordFields<dravel_item>.size()>;
 
 } // namespace
 
@@ -147,17 +169,18 @@ static sql_result execute(database &db, const char *sql, row_callback callback =
 }
 
 template <typename... Values>
-static sql_result execute_with(database &db, const char *format, Values... values) {
+static sql_result execute_with(database &db, sql_format<sizeof...(Values)> format,
+                               Values... values) {
   statement sql;
-  std::snprintf(sql.text, statement::kLimit, format, values...);
+  std::snprintf(sql.text, statement::kLimit, format.text, values...);
   return execute(db, sql.text);
 }
 
 // Fills `format` with the fields from column `First` on, then `last`.
 template <std::size_t First, typename Record, std::size_t... I, typename... Last>
-static void format_fields(char *buf, const char *format, const Record &record,
-                          std::index_sequence<I...>, Last... last) {
-  std::snprintf(buf, statement::kLimit, format,
+static void format_fields(char *buf, sql_format<sizeof...(I) + sizeof...(Last)> format,
+                          const Record &record, std::index_sequence<I...>, Last... last) {
+  std::snprintf(buf, statement::kLimit, format.text,
                 field_of(record, kRecordFields<Record>[First + I])..., last...);
 }
 
@@ -195,14 +218,14 @@ static int disabled_period_row_cb(void *fn, int columns, char **values, char **)
 
 // One builder for the insert, which ends with the mark of a new row, and the
 // update, which ends with the row's id.
-static void query_dravel_db_str(char *buf, const dravel_item *item, const char *format, int last) {
-  if (buf == nullptr || item == nullptr || format == nullptr)
+static void query_dravel_db_str(char *buf, const dravel_item *item, timer_format format, int last) {
+  if (buf == nullptr || item == nullptr)
     return;
   format_fields<1>(buf, format, *item, fields_of<dravel_item, 1>{}, last);
 }
 
-static void query_wakeup_dravel_db_str(char *buf, const dravel_item *item, const char *format) {
-  if (buf == nullptr || item == nullptr || format == nullptr)
+static void query_wakeup_dravel_db_str(char *buf, const dravel_item *item, timer_format format) {
+  if (buf == nullptr || item == nullptr)
     return;
   format_fields<0>(buf, format, *item, fields_of<dravel_item, 0>{});
 }
@@ -224,8 +247,9 @@ int load_wakeup_timer_db(dravel_row_fn fn) {
 
 // Deletes the row that was inserted last.
 static int undo_insert(const char *table) {
-  const sql_result result =
-      execute_with(dravel_db, "DELETE FROM %s WHERE rowid = last_insert_rowid()", table);
+  const std::string sql =
+      std::string("DELETE FROM ") + table + " WHERE rowid = last_insert_rowid()";
+  const sql_result result = execute(dravel_db, sql.c_str());
   if (!result.ok())
     LOGE("failed to undo an insert: %s\n", result.text());
   return result.code;
