@@ -107,6 +107,9 @@ enum dravel_period_argument {
   PERIOD_ARGS
 };
 
+// The newest layout of the database that request_copy_db copies: its `PRAGMA user_version`.
+static const int kDravelDbVersion = 1;
+
 // The clock that a timer's time is on.
 enum dravel_time_type {
   TIME_TYPE_BROADCAST = 0, // the TV clock

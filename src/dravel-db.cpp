@@ -23,9 +23,7 @@
 #include <vector>
 
 static constexpr mode_t kDbFileMode = 0664;
-static constexpr int kDbVersion = 1;
 static constexpr int kUnmarked = 0;
-static constexpr const char *kCopyEnding = ".0"; // of a file of version 0 while it is migrated
 
 static constexpr const char *kCreateDravelTable =
     "CREATE TABLE IF NOT EXISTS dravel \t(timer_id INTEGER PRIMARY KEY AUTOINCREMENT,"
@@ -451,32 +449,32 @@ int make_db_file_manual(const char *path) {
   return opened_up;
 }
 
-static int __check_db_version_to_migration_cb(void *need_db_migration, int, char **values,
-                                              char **) {
-  const char *version = values[0];
-  LOGI("db version[%s]", version);
-  if (std::strcmp(version, "0") == 0) {
-    LOGI("need db migration. 0 -> 1");
-    *static_cast<bool *>(need_db_migration) = true;
+static int __check_db_version_to_migration_cb(void *old_version, int, char **values, char **) {
+  LOGI("db version[%s]", values[0]);
+  const int version = column_value(values[0]);
+  if (version >= 0 && version < kDravelDbVersion) {
+    LOGI("need db migration. %d -> %d", version, kDravelDbVersion);
+    *static_cast<int *>(old_version) = version;
   }
   return 0;
 }
 
-static bool __check_need_db_migration(void) {
-  bool need_db_migration = false;
-  const sql_result result = execute(dravel_db, "pragma user_version",
-                                    __check_db_version_to_migration_cb, &need_db_migration);
+// Gives the version to migrate from, or the present one.
+static int __check_need_db_migration(void) {
+  int old_version = kDravelDbVersion;
+  const sql_result result =
+      execute(dravel_db, "pragma user_version", __check_db_version_to_migration_cb, &old_version);
   if (!result.ok())
     LOGE("failed to get db version. ret[%d], error[%s]", result.code, "");
-  return result.ok() && need_db_migration;
+  return old_version;
 }
 
 // Whether the main database, whose version decides about the migration, has it.
 static bool __set_db_version(void) {
-  LOGI("new db version[%d]", kDbVersion);
+  LOGI("new db version[%d]", kDravelDbVersion);
   bool is_set = true;
   for (database *db : {&dravel_db, &wakeup_dravel_db}) {
-    const sql_result result = execute_with(*db, "pragma user_version = %d", kDbVersion);
+    const sql_result result = execute_with(*db, "pragma user_version = %d", kDravelDbVersion);
     if (result.ok())
       continue;
     LOGE("failed to set db version. ret[%d], error[%s]", result.code, result.text());
@@ -575,6 +573,10 @@ static bool __migration_0_to_1(void) {
   return complete;
 }
 
+// The one at its index carries a store of that version over to the next.
+static constexpr bool (*kMigrations[])(void) = {__migration_0_to_1};
+static_assert(std::size(kMigrations) == kDravelDbVersion, "a migration to each version");
+
 // Afterwards the file is sound: a missing or damaged one is replaced by an empty one.
 static void prepare_db_file(database &db) {
   db.is_older = integrity_check(db.path) == 0;
@@ -614,13 +616,15 @@ static int open_db(database &db, const char *name) {
   return opened;
 }
 
-// --- copies of version 0, beside the files while these are migrated ---
+// --- copies of an older version, beside the files while these are migrated ---
 //
-// A copy of the main file beside one that is missing or of version 0 means that the start before
-// was interrupted; beside one of the new version, that only the removal of the copies was. The copy
-// of the wake-up file alone means nothing: it is put back first.
+// A copy of the main file beside one that is missing or of the copy's version means that the start
+// before was interrupted; beside one of the new version, that only the removal of the copies was.
+// The copy of the wake-up file alone means nothing: it is put back first.
 
-static std::string copy_of(const database &db) { return db.path + std::string(kCopyEnding); }
+static std::string copy_of(const database &db, int version) {
+  return db.path + std::string(".") + std::to_string(version);
+}
 
 static bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
@@ -629,9 +633,9 @@ static void remove_with_journals(const std::string &path) {
     unlink((path + ending).c_str());
 }
 
-static void remove_copies(void) {
+static void remove_copies(int version) {
   for (const database *db : {&dravel_db, &wakeup_dravel_db})
-    unlink(copy_of(*db).c_str());
+    unlink(copy_of(*db, version).c_str());
 }
 
 static int sync_file(const std::string &path, int flags) {
@@ -664,11 +668,11 @@ static int backup_into(const std::string &path, const database &from) {
   return copied == SQLITE_DONE ? SQLITE_OK : copied;
 }
 
-static int copy_database(const database &from) {
-  const std::string unfinished = copy_of(from) + ".new";
+static int copy_database(const database &from, const std::string &copy) {
+  const std::string unfinished = copy + ".new";
   remove_with_journals(unfinished);
   int copied = backup_into(unfinished, from);
-  if (copied == SQLITE_OK && replace_file(unfinished, copy_of(from)) != 0)
+  if (copied == SQLITE_OK && replace_file(unfinished, copy) != 0)
     copied = SQLITE_IOERR;
   if (copied != SQLITE_OK)
     remove_with_journals(unfinished);
@@ -676,9 +680,9 @@ static int copy_database(const database &from) {
 }
 
 // A file that is new has nothing to lose.
-static int make_copies(void) {
+static int make_copies(int version) {
   for (const database *db : {&wakeup_dravel_db, &dravel_db}) {
-    const int copied = db->is_older ? copy_database(*db) : SQLITE_OK;
+    const int copied = db->is_older ? copy_database(*db, copy_of(*db, version)) : SQLITE_OK;
     if (copied != SQLITE_OK) {
       LOGE("failed to copy [%s], its migration waits for the next start: %s", db->path,
            sqlite3_errstr(copied));
@@ -702,9 +706,10 @@ static bool set_aside(const database &db, const std::string &path) {
 }
 
 // After a migration that failed. False when a copy is still where the next start puts it back.
-static bool keep_copies(void) {
-  return std::ranges::all_of(std::array{&wakeup_dravel_db, &dravel_db}, [](const database *db) {
-    return !exists(copy_of(*db)) || set_aside(*db, copy_of(*db));
+static bool keep_copies(int version) {
+  return std::ranges::all_of(std::array{&wakeup_dravel_db, &dravel_db}, [=](const database *db) {
+    const std::string copy = copy_of(*db, version);
+    return !exists(copy) || set_aside(*db, copy);
   });
 }
 
@@ -720,18 +725,19 @@ static int stored_version(const char *path) {
 }
 
 // The journals belong to the files that are replaced.
-static bool put_back_copies(void) {
-  if (!exists(copy_of(dravel_db)) || stored_version(dravel_db.path) > 0) {
-    remove_copies();
+static bool put_back_copies(int version) {
+  if (!exists(copy_of(dravel_db, version)) || stored_version(dravel_db.path) > version) {
+    remove_copies(version);
     return true;
   }
   LOGE("the migration was interrupted, the old databases are put back");
   for (const database *db : {&wakeup_dravel_db, &dravel_db}) {
-    if (!exists(copy_of(*db)))
+    const std::string copy = copy_of(*db, version);
+    if (!exists(copy))
       continue;
     remove_with_journals(db->path);
-    if (replace_file(copy_of(*db), db->path) != 0) {
-      LOGE("failed to put [%s] back", copy_of(*db).c_str());
+    if (replace_file(copy, db->path) != 0) {
+      LOGE("failed to put [%s] back", copy.c_str());
       return false;
     }
   }
@@ -780,31 +786,38 @@ static int open_main_db(void) {
   return SQLITE_OK;
 }
 
+static bool run_migrations(int version) {
+  return std::ranges::all_of(std::span(kMigrations).subspan(static_cast<std::size_t>(version)),
+                             [](bool (*migration)(void)) { return migration(); });
+}
+
 // The copies are out of the way before the version says that the migration is over.
-static void migrate(void) {
-  if (!__migration_0_to_1() && !keep_copies())
+static void migrate(int version) {
+  if (!run_migrations(version) && !keep_copies(version))
     return;
   if (__set_db_version())
-    remove_copies();
+    remove_copies(version);
   else
-    keep_copies();
+    keep_copies(version);
 }
 
 static int open_and_migrate(void) {
-  if (!put_back_copies())
-    return SQLITE_CANTOPEN;
+  for (int version = 0; version < kDravelDbVersion; ++version)
+    if (!put_back_copies(version))
+      return SQLITE_CANTOPEN;
   open_wakeup_db();
   if (const int opened = open_main_db(); opened != SQLITE_OK)
     return opened;
-  if (!__check_need_db_migration()) {
+  const int version = __check_need_db_migration();
+  if (version == kDravelDbVersion) {
     __set_db_version();
     return SQLITE_OK;
   }
-  if (const int copied = make_copies(); copied != SQLITE_OK) {
+  if (const int copied = make_copies(version); copied != SQLITE_OK) {
     close_db(dravel_db);
     return copied;
   }
-  migrate();
+  migrate(version);
   return SQLITE_OK;
 }
 
@@ -834,5 +847,6 @@ static void delete_db_file(const char *path, const char *file) {
 void reset_dravel_db(void) {
   delete_db_file(kDravelDbPath, "db");
   delete_db_file(kWakeupDbPath, "wakeup db");
-  remove_copies();
+  for (int version = 0; version < kDravelDbVersion; ++version)
+    remove_copies(version);
 }

@@ -17,7 +17,6 @@ namespace fs = std::filesystem;
 static constexpr const char *kDbName = ".dravel.db";
 static constexpr const char *kOlderSuffix = ".1";
 static constexpr const char *kFreshName = ".dravel.db.new"; // a directory
-static constexpr int kNewestVersion = 1;                    // of the database's layout
 static constexpr char kSqliteHeader[] = "SQLite format 3";  // with the terminating zero: 16 bytes
 
 // What every version of the layout has.
@@ -49,7 +48,7 @@ static std::string fault_within(sqlite3 *db) {
     if (sqlite3_exec(db, query, nullptr, nullptr, nullptr) != SQLITE_OK)
       return std::string("holds no timers: ") + sqlite3_errmsg(db);
   const std::string version = first_value(db, "PRAGMA user_version");
-  if (std::atoi(version.c_str()) > kNewestVersion)
+  if (std::atoi(version.c_str()) > kDravelDbVersion)
     return "is of the newer version " + version;
   return "";
 }

@@ -311,6 +311,20 @@ static int start_refused(std::string path, int action, int nth) {
   return result;
 }
 
+TEST_F(Store, AStoreOfAnotherVersion_IsTakenAsItIs) {
+  for (const char *version : {"1", "7", "-1"}) {
+    close_and_empty_store();
+    initialize_dravel_db();
+    rows(std::string("INSERT INTO dravel(timer_id, type, micom_flag) VALUES(9, 5, 1); "
+                     "PRAGMA user_version = ") +
+         version);
+    close_dravel_db();
+    EXPECT_EQ(initialize_dravel_db(), 0);
+    EXPECT_EQ(rows("PRAGMA user_version; SELECT timer_id, type, micom_flag FROM dravel"),
+              "1 9|5|1");
+  }
+}
+
 TEST_F(Store, AnInterruptedMigration_IsPutBackAndStartedAgain) {
   int change = 0;
   for (bool ended = false; !ended; ++change) {
