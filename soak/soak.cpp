@@ -281,6 +281,9 @@ static void check_hindered(const process &daemon, hindrance by) {
   check_refusing(by);
   if (rows(kAllRows, "/opt/dbspace/backup/.dravel.db") != backup)
     fail("a copy without room damaged the backup");
+  for (const auto &entry : fs::recursive_directory_iterator(kDisk))
+    if (entry.path().filename().string().starts_with(".dravel.db."))
+      fail("a copy without room left " + entry.path().string());
   fs::remove(kFiller);
   limit_writes(daemon, RLIM_INFINITY);
   bus->cancel(kDaemon, bus->schedule(kDaemon, any_timer()));

@@ -10,14 +10,16 @@
 #include "dravel-timer.h"
 
 #include <E_DBus.h>
-#include <glib.h>
+#include <gio/gio.h>
 #include <glib/gstdio.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <endian.h>
 #include <memory>
 #include <span>
+#include <unistd.h>
 
 static constexpr const char *kCopiedDbName = ".dravel.db";
 
@@ -322,29 +324,33 @@ static bool is_same_file(const GStatBuf &source, const char *destination) {
          other.st_ino == source.st_ino;
 }
 
-// Copies the whole file at `source` over `destination`, with its permissions. A new file is written
-// to the disk and then renamed, so that the old one survives a full disk and a power cut. Only a
-// regular file is read: a pipe would block the daemon. When both paths name one file nothing is
-// done, because the store must stay the file that is open.
+static void set_failure(GError **failure, const char *path, const char *reason) {
+  g_set_error(failure, G_FILE_ERROR, G_FILE_ERROR_FAILED, "%s %s", path, reason);
+}
+
+// Copies the whole file at `source` over `destination`, with its permissions. The new file is
+// written beside the old one, so that this survives a full disk and a power cut. Only a regular
+// file is read: a pipe would block the daemon. When both paths name one file nothing is done,
+// because the store must stay the file that is open.
 static void copy_file(const char *source, const char *destination, GError **failure) {
-  constexpr auto kWholeOrNot = static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT |
-                                                                  G_FILE_SET_CONTENTS_DURABLE);
-  constexpr unsigned kPermissions = 07777;
   GStatBuf status;
-  if (g_stat(source, &status) != 0 || !S_ISREG(status.st_mode)) {
-    g_set_error(failure, G_FILE_ERROR, G_FILE_ERROR_INVAL, "%s is no regular file", source);
-    return;
-  }
+  if (g_stat(source, &status) != 0 || !S_ISREG(status.st_mode))
+    return set_failure(failure, source, "is no regular file");
   if (is_same_file(status, destination))
     return;
-  const mode_t mode = status.st_mode & kPermissions;
-  g_autofree char *contents = nullptr;
-  gsize size = 0;
-  // A file system without permissions refuses the last step; the copy is complete.
-  if (g_file_get_contents(source, &contents, &size, failure) &&
-      g_file_set_contents_full(destination, contents, static_cast<gssize>(size), kWholeOrNot,
-                               static_cast<int>(mode), failure))
-    (void)g_chmod(destination, mode);
+  g_autofree char *beside = g_strconcat(destination, ".XXXXXX", nullptr);
+  const int fd = g_mkstemp(beside);
+  if (fd == -1)
+    return set_failure(failure, destination, g_strerror(errno));
+  close(fd);
+
+  g_autoptr(GFile) from = g_file_new_for_path(source);
+  g_autoptr(GFile) to = g_file_new_for_path(beside);
+  if (g_file_copy(from, to, G_FILE_COPY_OVERWRITE, nullptr, nullptr, nullptr, failure) != FALSE &&
+      replace_file(beside, destination) != 0)
+    set_failure(failure, destination, g_strerror(errno));
+  if (*failure != nullptr)
+    g_unlink(beside);
 }
 
 static DBusMessage *edbus_request_copy_db(E_DBus_Object *, DBusMessage *msg) {
