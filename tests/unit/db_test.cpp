@@ -484,12 +484,32 @@ TEST_F(Store, IdsAreNeverGivenTwice_AndTheMarkStandsOnOneRowAtMost) {
     EXPECT_EQ(set_micom_flag(marked), 0);
     EXPECT_EQ(rows("SELECT timer_id, micom_flag FROM dravel"), flags);
   }
+  const struct {
+    const char *mark, *flags;
+    int result;
+  } faults[] = {{"1", "2|0 3|0", SQLITE_CONSTRAINT}, {"0", "2|1 3|1", 0}};
+  for (const auto &[mark, flags, result] : faults) {
+    rows(std::string(
+             "UPDATE dravel SET micom_flag = timer_id = 3; CREATE TRIGGER refuse BEFORE UPDATE "
+             "ON dravel WHEN NEW.micom_flag = ") +
+         mark + " BEGIN SELECT RAISE(ABORT, 'refused'); END");
+    logged();
+    EXPECT_EQ(set_micom_flag(2), result);
+    EXPECT_EQ(logged(), "set_micom_flag > failed to update wakeup item: refused\n");
+    EXPECT_EQ(rows("DROP TRIGGER refuse; SELECT timer_id, micom_flag FROM dravel"), flags);
+  }
   for (const int type : {98, 99}) { // the wake-up database keeps the last one
     item.type = type;
     EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
   }
   EXPECT_EQ(rows("SELECT timer_id, type FROM dravel", kWakeupDbPath), "3|99");
-  rows("UPDATE sqlite_sequence SET seq = 2147483646");
+  disabled_period_item period{};
+  for (const int id : {1, 2}) {
+    insert_disabled_period_item_db(&period);
+    EXPECT_EQ(period.period_id, id);
+    delete_disabled_period_item_db(id);
+  }
+  rows("UPDATE sqlite_sequence SET seq = 2147483646 WHERE name = 'dravel'");
   EXPECT_EQ(insert_dravel_item_db(&item), 0);
   EXPECT_EQ(item.timer_id, INT_MAX);
   EXPECT_EQ(undo_insert_dravel_item_db(), 0);
