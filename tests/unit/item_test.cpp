@@ -149,7 +149,7 @@ SCENARIOS(Items, Standby_IsSkipped_WhenAnOnTimerFollowsWithin599Seconds,
 // Neither a timer of the type that knows no holidays nor one that does not heed them is moved.
 SCENARIOS(Periods, RefuseRepeatingTimers_AndMoveOneShotOnes,
           "add $4 holidays; add 9 '16 10:00' daily holidays; add 0 '16 10:00' daily;"
-          "period '$1' '$2' $3; times 2 next 1 => is '$5'; next 2 => is '16 10:00';"
+          "period '$1' '$2' $3; next 1 => is '$5'; next 1 => is '$5'; next 2 => is '16 10:00';"
           "next 3 => is '16 10:00'",
           R"(
   16 00:00         | 18 00:00         | 0 | 0 '01 07:00' daily   | 19 07:00
@@ -190,7 +190,8 @@ SCENARIOS(Periods, KeepTheirOrder_InListAndStore, R"(
     # one that cannot be deleted stays
     read_only; call request_remove_disabled_period 2 => is 0;
     call request_set_disable_period 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 => is -1;
-    call request_disabled_period_list 0 => is '~3 '
+    call request_disabled_period_list 0 => is '~3 0 0 0 24'
+    is '~359 0 0 0 0 0 2 0 0 0 24' is '~359 0 0 0 0 0 2 1 2 3'
 )")
 
 TEST_F(Periods, OfTheNextYear_FollowTheEndOfFebruary) {

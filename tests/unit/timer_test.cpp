@@ -77,7 +77,7 @@ SCENARIOS(Scheduler, ATimerThatNeverFires_GoesWithTheNextRearming_AndIsNotWokenF
 SCENARIOS(Scheduler, ATimer_IsArmedByTheClockThatIsKnown, R"(
   # what is not armed is not moved
   arm 1 '18 14:00'; arm 1 '15 14:00' system; clocks '' '15 12:00' '15 12:00';
-    times 2 adjust => armed '-, 1970-01-01 02:00'; now '15 12:00';
+    adjust => armed '-, 1970-01-01 02:00'; adjust => armed '-, 1970-01-01 02:00'; now '15 12:00';
     adjust => armed '18 14:00, 15 14:00'; adjust => armed '15 14:00, 15 14:00' row '15 15' timers 2
   clocks '' '15 12:00' '15 12:00'; add 1 '15 14:00' system; add 1 '15 14:00'; adjust =>
     armed '1970-01-01 02:00, -'
@@ -87,6 +87,9 @@ SCENARIOS(Scheduler, ARescheduling_ArmsAgain_AndMovesNothing, R"(
   arm 1 '18 14:00'; arm 10 '18 14:00'; times 2 reschedule =>
     armed '18 14:00, 18 14:00' row 18 timers 2
   arm 10 '18 14:00'; disarm @; reschedule => armed '18 14:00'
+  # nor does the clock's becoming known after a sleep
+  arm 1 '18 14:00'; trusted 0; tv ''; wake; now '15 12:00'; fire adjust => armed '18 14:00' row 18
+  arm 1 '18 14:00'; trusted 0; tv ''; wake; now '15 12:00'; signal 108 => armed '18 14:00' row 18
 )")
 
 SCENARIOS(Scheduler, WhatIsNotArmed_CanBeCancelled, R"(
@@ -99,26 +102,27 @@ SCENARIOS(Scheduler, WhatIsNotArmed_CanBeCancelled, R"(
 // has passed.
 SCENARIOS(WakeupTime, IsTheEarliestOnTime_ChosenAgainOnlyWhenItMatters,
           "zone Europe/Berlin; mode $1; arm 3 '16 07:00' priority=4;"
-          "now '$2' => asked '~set_wakeup_time 3 16 0'; arm $3 => asked '$4' programmed '~$5'",
+          "now '$2' => asked '~set_wakeup_time 3 16 0'; arm $3 => asked '$4' programmed '~$5'"
+          " log '!Failed'",
           R"(
   1 | 15 12:00    | 0 '16 06:59'            | set_wakeup_time 0 16 06:59 | type 0 priority 0
   1 | 15 12:00    | 0 '16 07:00'            |                            | type 3 priority 4
-  1 | 15 12:00    | 2 '16 07:00' priority=4 |                            | 1
-  1 | 15 12:00    | 2 '16 07:00' priority=5 | set_wakeup_time 2 16 07:00 | 2
-  1 | 15 12:00    | 1 '20 22:00'            | set_wakeup_time 3 16 07:00 | 1
-  1 | 15 12:00    | 1 '16 07:00'            | clear_wakeup_time 0 0      | 0
-  1 | 15 12:00    | 10 '16 06:00'           |                            | 1
-  1 | 15 12:00    | 16 '16 06:00'           |                            | 1
-  1 | 16 07:00    | 0 '16 08:00'            |                            | 1
-  1 | 16 07:00:01 | 0 '16 08:00'            | set_wakeup_time 0 16 08:00 | 2
-  1 | 16 07:00:01 | 1 '16 08:00'            |                            | 1
+  1 | 15 12:00    | 2 '16 07:00' priority=4 |                            | 1 16
+  1 | 15 12:00    | 2 '16 07:00' priority=5 | set_wakeup_time 2 16 07:00 | 2 16
+  1 | 15 12:00    | 1 '20 22:00'            | set_wakeup_time 3 16 07:00 | 1 16
+  1 | 15 12:00    | 1 '16 07:00'            | clear_wakeup_time 0 0      | 0 1970
+  1 | 15 12:00    | 10 '16 06:00'           |                            | 1 16
+  1 | 15 12:00    | 16 '16 06:00'           |                            | 1 16
+  1 | 16 07:00    | 0 '16 08:00'            |                            | 1 16
+  1 | 16 07:00:01 | 0 '16 08:00'            | set_wakeup_time 0 16 08:00 | 2 16
+  1 | 16 07:00:01 | 1 '16 08:00'            |                            | 1 16
   0 | 15 12:00    | 0 '16 06:30'            | set_wakeup_time 0 16 05:30 | 2 16 05:30 utc
   0 | 15 12:00    | 0 '16 07:30'            |                            | 1 16 06:00 utc
-  0 | 15 12:00    | 1 '20 22:00'            | set_wakeup_time 3 16 06:00 | 1
-  0 | 15 12:00    | 2 '16 07:00' priority=5 | set_wakeup_time 2 16 06:00 | 2
-  0 | 16 06:30    | 0 '16 08:00'            |                            | 1
-  0 | 16 07:00:01 | 1 '16 08:00'            |                            | 1
-  2 | 15 12:00    | 0 '16 06:30'            | set_wakeup_time 0 16 06:30 | 2
+  0 | 15 12:00    | 1 '20 22:00'            | set_wakeup_time 3 16 06:00 | 1 16
+  0 | 15 12:00    | 2 '16 07:00' priority=5 | set_wakeup_time 2 16 06:00 | 2 16
+  0 | 16 06:30    | 0 '16 08:00'            |                            | 1 16
+  0 | 16 07:00:01 | 1 '16 08:00'            |                            | 1 16
+  2 | 15 12:00    | 0 '16 06:30'            | set_wakeup_time 0 16 06:30 | 2 16
 )")
 
 SCENARIOS(WakeupTime, IsLeft_OrTaken, R"(
@@ -215,7 +219,7 @@ SCENARIOS(WakeupTime, MarksItsRow_WhenTheSetGoesToSleep, R"(
 )")
 
 SCENARIOS(WakeupTime, ThatIsRefused_StaysInTheRecord_AndIsClearedButForItsType, R"(
-  program 3 '16 08:00' 255 0 => is 0 asked '' programmed '~0 '
+  program 3 '16 08:00' 255 0 => is 0 asked '' programmed '~0 1970'
   refuse set_wakeup_time clear_wakeup_time; arm 0 '16 07:00'; arm 1 '20 22:00'
     => log '~Failed to schedule micom offtimer' programmed '~1 16 07:00 type 0';
     program 1 '16 08:00' 254 0 => is -1 programmed '~1 16 08:00'; update_ontime => marked '';
@@ -330,17 +334,17 @@ SCENARIOS(Events, Waits_HaveTheirLengths_AndASecondReplacesTheFirst, R"(
 )")
 
 SCENARIOS(Events, APowerOff_DistrustsTheClock_AndResetsTheStoreByItsOption,
-          "forget; off $1 => log '~power_poweroff_cb > poweroff option: $1' files '$2db' trusted 0;"
+          "forget; off $1 => log '~power_poweroff_cb > poweroff option: $1' files '$2' trusted 0;"
           "read_only => log '$3success delete'",
           R"(
-  -1 | ~ | ~
-  0  | ~ | ~
-  1  | ~ | ~
-  11 | ~ | ~
-  12 | ~ | ~
-  13 | ! | !
-  14 | ! | !
-  15 | ~ | ~
+  -1 | ~.dravel.db .wakeup_dravel.db | ~
+  0  | ~.dravel.db .wakeup_dravel.db | ~
+  1  | ~.dravel.db .wakeup_dravel.db | ~
+  11 | ~.dravel.db .wakeup_dravel.db | ~
+  12 | ~.dravel.db .wakeup_dravel.db | ~
+  13 | !db | !
+  14 | !db | !
+  15 | ~.dravel.db .wakeup_dravel.db | ~
 )")
 
 SCENARIOS(Events, Markers_TellARelaunch_AndEndTheWait, R"(
