@@ -286,7 +286,8 @@ static void run_clause(const text_list &clause) {
   const auto arrow = std::ranges::find(clause, "=>");
   text_list done(clause.begin(), arrow);
   std::ranges::transform(done, done.begin(), with_last_id);
-  step(done);
+  if (!done.empty())
+    step(done);
   const arguments expected(arrow, clause.end());
   if (!expected.empty() && expected.size() % 2 == 0)
     throw std::runtime_error("nothing is expected of " + clause.back());

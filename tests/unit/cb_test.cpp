@@ -12,57 +12,57 @@ static const std::string kExpiry =
 
 // Only a set that sleeps is woken: in the state 2, or in 4 while its ambient mode is 2.
 SCENARIOS(Expiry, OfAnOnTimer_WakesASleepingSet, kExpiry, R"(
-  0  | 2  | 0 | times 0                            | ; wakeup_reason 2 0; state 0 1          | 1
-  0  | 2  | 1 | call request_halt_offtimers 5      | ; wakeup_reason 2 0; state 0 1          | 1
-  0  | 2  | 0 | refuse device_power_get_ambient_mode | ; wakeup_reason 2 0; state 0 1        | 1
-  0  | 2  | 2 | times 0                            | ; wakeup_reason 2 0; ambient_mode 0 0   | 1
-  0  | 4  | 2 | times 0                            | ; wakeup_reason 2 0; ambient_mode 0 0   | 1
-  2  | 4  | 2 | times 0                            | ; wakeup_reason 20 0; ambient_mode 0 0  | 1
-  2  | 2  | 0 | times 0                            | ; wakeup_reason 20 0                    | 1
-  3  | 2  | 0 | times 0                            | ; wakeup_reason 5 0                     | 1
-  5  | 2  | 0 | times 0                            | ; wakeup_reason 28 0                    | 1
-  6  | 2  | 0 | times 0                            | ; wakeup_reason 30 0                    | 1
-  7  | 2  | 0 | times 0                            | ; wakeup_reason 33 0                    | 1
-  8  | 2  | 0 | times 0                            | ; wakeup_reason 36 0                    | 1
-  11 | 2  | 0 | times 0                            | ; wakeup_reason 74 0                    | 1
-  13 | 2  | 0 | times 0                            | ; wakeup_reason 92 0                    | 1
-  14 | 2  | 0 | times 0                            | ; wakeup_reason 99 0                    | 1
-  15 | 2  | 0 | times 0                            | ; wakeup_reason 89 0; ambient_mode 1 1  | 1
-  15 | 4  | 2 | times 0                            | ; wakeup_reason 89 0; ambient_mode 1 1  | 1
-  0  | -1 | 2 | times 0                            |                                         | -
-  0  | 0  | 2 | times 0                            |                                         | -
-  2  | 1  | 2 | times 0                            |                                         | -
-  15 | 3  | 2 | times 0                            |                                         | -
-  0  | 4  | 1 | times 0                            |                                         | -
-  15 | 4  | 1 | times 0                            |                                         | -
-  0  | 4  | 2 | refuse device_power_get_ambient_mode |                                       | -
-  0  | 5  | 2 | times 0                            |                                         | -
-  0  | 2  | 0 | call request_halt_ontimers -1      |                                         | -
-  2  | 2  | 0 | call request_halt_ontimers -1      |                                         | -
-  15 | 2  | 0 | call request_halt_ontimers -1      |                                         | -
+  0  | 2  | 0 |                                      | ; wakeup_reason 2 0; state 0 1         | 1
+  0  | 2  | 1 | call request_halt_offtimers 5        | ; wakeup_reason 2 0; state 0 1         | 1
+  0  | 2  | 0 | refuse device_power_get_ambient_mode | ; wakeup_reason 2 0; state 0 1         | 1
+  0  | 2  | 2 |                                      | ; wakeup_reason 2 0; ambient_mode 0 0  | 1
+  0  | 4  | 2 |                                      | ; wakeup_reason 2 0; ambient_mode 0 0  | 1
+  2  | 4  | 2 |                                      | ; wakeup_reason 20 0; ambient_mode 0 0 | 1
+  2  | 2  | 0 |                                      | ; wakeup_reason 20 0                   | 1
+  3  | 2  | 0 |                                      | ; wakeup_reason 5 0                    | 1
+  5  | 2  | 0 |                                      | ; wakeup_reason 28 0                   | 1
+  6  | 2  | 0 |                                      | ; wakeup_reason 30 0                   | 1
+  7  | 2  | 0 |                                      | ; wakeup_reason 33 0                   | 1
+  8  | 2  | 0 |                                      | ; wakeup_reason 36 0                   | 1
+  11 | 2  | 0 |                                      | ; wakeup_reason 74 0                   | 1
+  13 | 2  | 0 |                                      | ; wakeup_reason 92 0                   | 1
+  14 | 2  | 0 |                                      | ; wakeup_reason 99 0                   | 1
+  15 | 2  | 0 |                                      | ; wakeup_reason 89 0; ambient_mode 1 1 | 1
+  15 | 4  | 2 |                                      | ; wakeup_reason 89 0; ambient_mode 1 1 | 1
+  0  | -1 | 2 |                                      |                                        | -
+  0  | 0  | 2 |                                      |                                        | -
+  2  | 1  | 2 |                                      |                                        | -
+  15 | 3  | 2 |                                      |                                        | -
+  0  | 4  | 1 |                                      |                                        | -
+  15 | 4  | 1 |                                      |                                        | -
+  0  | 4  | 2 | refuse device_power_get_ambient_mode |                                        | -
+  0  | 5  | 2 |                                      |                                        | -
+  0  | 2  | 0 | call request_halt_ontimers -1        |                                        | -
+  2  | 2  | 0 | call request_halt_ontimers -1        |                                        | -
+  15 | 2  | 0 | call request_halt_ontimers -1        |                                        | -
 )")
 
 // One of type 1 leaves the set alone while its ambient mode shows, or cannot be read.
 SCENARIOS(Expiry, OfAnOffTimer_PowersTheSetOff_AndOfOtherTypesDoesNothing, kExpiry, R"(
-  1   | 0  | 0 | call request_halt_ontimers 5         | ; poweroff 1 0          | -
-  1   | 4  | 1 | times 0                              |                         | -
-  1   | 4  | 2 | times 0                              |                         | -
-  1   | 0  | 0 | refuse device_power_get_ambient_mode |                         | -
-  10  | 0  | 0 | times 0                              | ; poweroff 2 0          | -
-  10  | 4  | 2 | call request_halt_ontimers 1         | ; poweroff 2 0          | -
-  10  | 0  | 0 | refuse device_power_get_ambient_mode | ; poweroff 2 0          | -
-  16  | 0  | 0 | times 0                              | ; poweroff 1073741850 0 | -
-  16  | 4  | 2 | times 0                              | ; poweroff 1073741850 0 | -
-  16  | 0  | 0 | refuse device_power_get_ambient_mode | ; poweroff 1073741850 0 | -
-  1   | 0  | 0 | call request_halt_offtimers 5        |                         | -
-  10  | 0  | 0 | call request_halt_offtimers 5        |                         | -
-  16  | 0  | 0 | call request_halt_offtimers 5        |                         | -
-  4   | 2  | 0 | times 0                              |                         | -
-  9   | 2  | 0 | times 0                              |                         | -
-  12  | 2  | 0 | times 0                              |                         | -
-  17  | 2  | 0 | times 0                              |                         | -
-  254 | 2  | 0 | times 0                              |                         | -
-  -1  | 2  | 0 | times 0                              |                         | -
+  1   | 0 | 0 | call request_halt_ontimers 5         | ; poweroff 1 0          | -
+  1   | 4 | 1 |                                      |                         | -
+  1   | 4 | 2 |                                      |                         | -
+  1   | 0 | 0 | refuse device_power_get_ambient_mode |                         | -
+  10  | 0 | 0 |                                      | ; poweroff 2 0          | -
+  10  | 4 | 2 | call request_halt_ontimers 1         | ; poweroff 2 0          | -
+  10  | 0 | 0 | refuse device_power_get_ambient_mode | ; poweroff 2 0          | -
+  16  | 0 | 0 |                                      | ; poweroff 1073741850 0 | -
+  16  | 4 | 2 |                                      | ; poweroff 1073741850 0 | -
+  16  | 0 | 0 | refuse device_power_get_ambient_mode | ; poweroff 1073741850 0 | -
+  1   | 0 | 0 | call request_halt_offtimers 5        |                         | -
+  10  | 0 | 0 | call request_halt_offtimers 5        |                         | -
+  16  | 0 | 0 | call request_halt_offtimers 5        |                         | -
+  4   | 2 | 0 |                                      |                         | -
+  9   | 2 | 0 |                                      |                         | -
+  12  | 2 | 0 |                                      |                         | -
+  17  | 2 | 0 |                                      |                         | -
+  254 | 2 | 0 |                                      |                         | -
+  -1  | 2 | 0 |                                      |                         | -
 )")
 
 // A one-shot timer is removed, a transient one stays listed, a repeating one is armed for its next

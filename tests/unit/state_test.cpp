@@ -29,19 +29,19 @@ SCENARIOS(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseT
   arm 1 '15 14:00' holidays | period '15 00:00' '17 00:00'; adjust |
     Changed 1, Clock, Armed, DisabledPeriods
   arm 1 '18 14:00' holidays | period '15 00:00' '17 00:00'; adjust | Changed 1, Clock, DisabledPeriods
-  times 0 | period '18 00:00' '20 00:00'; add 1 '18 14:00' holidays |
+  | period '18 00:00' '20 00:00'; add 1 '18 14:00' holidays |
     Added 1, Stored, DisabledPeriods
   period '18 00:00' '20 00:00' | call request_remove_disabled_period 1 | Clock, DisabledPeriods
   times 2 arm 1 '16 07:00' | fire_at '16 07:00' | Removed 1 fired, Removed 2 past, Clock, Armed, Stored
-  times 0 | off 0 | ClockConfirmed
-  times 0 | time_set | Clock
-  times 0 | now '16 07:00'; idle |
-  times 0 | call request_halt_ontimers 1 | HaltOn
-  times 0 | call request_halt_offtimers 1 | HaltOff
+  | off 0 | ClockConfirmed
+  | time_set | Clock
+  | now '16 07:00'; idle |
+  | call request_halt_ontimers 1 | HaltOn
+  | call request_halt_offtimers 1 | HaltOff
   arm 1 '15 14:00' holidays | call request_set_disable_period_effect 1 1 | Clock
   arm 1 '15 14:00' holidays | call request_set_disable_period_effect 1 0 | Changed 1, Clock
-  times 0 | call request_set_disable_period_effect 1 0 |
-  times 0 | sql 'INSERT INTO dravel(type) VALUES(2)'; load | Stored
+  | call request_set_disable_period_effect 1 0 |
+  | sql 'INSERT INTO dravel(type) VALUES(2)'; load | Stored
   arm 0 '16 07:00' | disarm 1 | Armed
   arm 0 '16 07:00' | unprogram | Wakeup
   arm 0 '16 07:00' | mode 0; update_ontime | Wakeup
