@@ -288,7 +288,6 @@ static bool send_changed_properties(void) {
 }
 
 static void send_gathered(void) {
-  log_ontime();
   const std::vector<timer_change> changes = std::exchange(timer_changes, {});
   if (state_object == nullptr)
     return;
@@ -307,6 +306,7 @@ static Eina_Bool end_of_burst_cb(void *) {
 
 static Eina_Bool end_of_pass_cb(void *) {
   end_of_pass = nullptr;
+  log_ontime();
   note_changed_properties();
   const double wait = sent_at + kBurstSeconds - ecore_loop_time_get();
   if (wait > 0 && end_of_burst == nullptr)
