@@ -2,6 +2,8 @@
 
 #include "dravel-list.h"
 
+#include <due_timers.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <map>
@@ -88,6 +90,17 @@ static void can_skip(arguments a) {
   result = std::to_string(can_skip_standby(&standby, number(a, 1)));
 }
 
+// The timers due between two times, at most the given number, as "id/type time".
+static void due(arguments a) {
+  std::array<due_timer, 8> timers{};
+  const std::size_t room = a.size() > 2 ? std::stoul(a[2]) : timers.size();
+  const std::size_t count = dravel_due_timers(time_of(a[0]), time_of(a[1]), timers.data(), room);
+  text_list texts;
+  for (const auto &[id, type, time] : std::span(timers).first(count))
+    texts.push_back(std::to_string(id) + "/" + std::to_string(type) + " " + time_text(time));
+  result = joined(texts, ", ");
+}
+
 static const std::map<std::string_view, Ecore_Task_Cb> kWaits = {{"finish", wait_dravel_finish_cb},
                                                                  {"adjust", adjust_wait_timer_cb},
                                                                  {"retry", retry_adjust_all_timers},
@@ -138,6 +151,7 @@ static const std::map<std::string_view, step_fn> kSteps = {
     {"holiday",
      [](arguments a) { result = std::to_string(can_skip_timer(item_of({}), time_of(a[0]))); }},
     {"take", [](arguments a) { call_method("schedule_timer", arguments_of(timer_of(a))); }},
+    {"due", due},
     {"call",
      [](arguments a) {
        std::vector<int> values;
@@ -172,7 +186,7 @@ static const std::map<std::string_view, step_fn> kSteps = {
     {"fire_at", [](arguments a) { set_now(a[0]), fire(ecore_timer_cb); }},
     {"elapse", [](arguments a) { pass(std::stod(a[0])); }},
     {"idle", [](arguments) { run_idle_steps(); }},
-    {"forget", [](arguments) { events(), logged(); }},
+    {"forget", [](arguments) { events(), logged(), logged_events(); }},
     {"pass", [](arguments) { state_changes(), events(), logged(); }},
     {"times",
      [](arguments a) {
@@ -257,6 +271,8 @@ static const std::map<std::string_view, std::string (*)()> kSeen = {
     {"events", events},
     {"told", state_changes},
     {"log", logged},
+    {"levels", logged_levels},
+    {"kept", logged_events},
     {"waits", all_waits},
     {"files", files},
     {"trusted", [] { return std::to_string(get_kinto_time_updated()); }},
