@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <ranges>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -19,7 +18,7 @@ using text_list = std::vector<std::string>;
 static int last_id;        // of the timer listed last
 static std::string result; // of the last step that has one
 
-template <typename Texts> static std::string joined(const Texts &texts, const char *separator) {
+static std::string joined(const text_list &texts, const char *separator) {
   std::string all;
   for (const std::string &text : texts)
     all += (all.empty() ? "" : separator) + text;
@@ -204,7 +203,10 @@ static std::string all_armed() {
     const std::string when = armed(item->timer_id);
     all[std::abs(item->timer_id)] = when.empty() ? "-" : when;
   }
-  return joined(std::views::values(all), ", ");
+  text_list texts;
+  for (const auto &[id, when] : all)
+    texts.push_back(when);
+  return joined(texts, ", ");
 }
 
 // The state in which the last timer was armed.
@@ -312,9 +314,10 @@ static void run_clause(const text_list &clause) {
 }
 
 static std::vector<text_list> clauses_of(const std::string &scenario) {
-  static const std::regex kWord("'([^']*)'|;|[^ ;']+");
+  static const std::regex word_or_end("'([^']*)'|;|[^ ;']+");
   std::vector<text_list> clauses(1);
-  for (std::sregex_iterator word(scenario.begin(), scenario.end(), kWord), end; word != end; ++word)
+  for (std::sregex_iterator word(scenario.begin(), scenario.end(), word_or_end), end; word != end;
+       ++word)
     if (word->str() == ";")
       clauses.emplace_back();
     else
@@ -348,9 +351,9 @@ void run_scenarios(const std::string &lines) {
 }
 
 void run_scenarios(const std::string &pattern, const std::string &rows) {
-  static const std::regex kBar(" *\\|( +|$)");
+  static const std::regex bar(" *\\|( +|$)");
   for (const std::string &row : lines_of(rows)) {
-    std::sregex_token_iterator column(row.begin(), row.end(), kBar, -1), end;
+    std::sregex_token_iterator column(row.begin(), row.end(), bar, -1), end;
     std::string scenario = pattern;
     for (int number = 1; number < 10; ++number)
       scenario = std::regex_replace(scenario, std::regex("\\$" + std::to_string(number)),
