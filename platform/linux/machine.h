@@ -1,0 +1,300 @@
+// All that decisions depend on: one record, copied freely, without pointers. Only decide changes
+// it. `unknown` is a value of its own wherever something may be so.
+//
+// Units: `utc` and the device's counts are seconds; everything named boot, slept, _at or _ms, and
+// every entry of `due`, is milliseconds of CLOCK_BOOTTIME (or a length in milliseconds).
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr std::int64_t kNever = INT64_MAX; // a time that does not come
+inline constexpr std::int64_t kSecondMs = 1000;
+
+// When an event is decided.
+struct moment {
+  std::int64_t utc = 0;     // seconds since 1970
+  std::int64_t boot = 0;    // ms of CLOCK_BOOTTIME
+  std::int64_t slept = 0;   // ms by which CLOCK_BOOTTIME is ahead of CLOCK_MONOTONIC
+  std::uint32_t sleeps = 0; // suspend_stats/success
+
+  bool operator==(const moment &) const = default;
+};
+
+enum class phase : std::uint8_t { kAwake, kSleepAsked, kGoing, kShuttingDown };
+enum class cause : std::uint8_t { kNothing, kUser, kTimer, kHop, kForeign, kTest };
+enum class screen_state : std::uint8_t { kUnknown, kOn, kOff };
+enum class screen_order : std::uint8_t { kNone, kOn, kOff };
+enum class alarm_owner : std::uint8_t { kNone, kTimer, kHop, kTest, kForeign };
+enum class clock_state : std::uint8_t { kUnknown, kByHand, kSynchronised };
+enum class off_action : std::uint8_t { kSuspend, kPoweroff, kHibernate, kNone };
+
+// Why the machine sleeps when it is we who send it.
+enum class sleep_wish : std::uint8_t { kNone, kOffTimer, kReturn, kScreen, kTest };
+// How far a wish has come: counted down, its conditions asked for, handed to logind.
+enum class wish_stage : std::uint8_t { kWaiting, kAsking, kAsked };
+
+// Bits of `use.blocked` and `use.can`.
+enum use_bits : std::uint8_t {
+  kSleepBit = 1,    // blocked: sleep; can: suspend
+  kShutdownBit = 2, // blocked: shutdown; can: power off
+  kIdleBit = 4,     // blocked: idle
+  kHibernateBit = 8 // can: hibernate
+};
+
+// The units that are started, and their jobs.
+enum class unit : std::uint8_t { kOn, kOff, kAmbient, kWakeup };
+
+// What the daemon is told through its callbacks; in the order in which they are delivered when
+// several are due.
+enum class delivery : std::uint8_t {
+  kNone,
+  kStandby,
+  kWakeup,
+  kState,
+  kZone,
+  kClockMode,
+  kTimeSet,
+  kTimeUpdate
+};
+
+// What is missing or refuses, one sentence of the machine object's Problems for each.
+enum class problem : std::uint8_t {
+  kNoDevice,     // no real-time clock, or one without an alarm (for good)
+  kAlarmRefused, // it refuses; error: errno
+  kAlarmRead,    // its alarm cannot be read; error: errno
+  kInhibitor,    // no delay inhibitor: a sleep may begin before the alarm is set
+  kUse,          // logind does not say who uses the machine: it is not sent to sleep
+  kSleep,        // the sleep was refused or failed
+  kInput,        // input devices cannot be watched
+  kScreen,       // the configured CEC adapter is missing or cannot be used
+  kTelevision,   // the television did not follow an order
+  kOnUnit,       // a target cannot be started
+  kOffUnit,
+  kAmbientUnit,
+  kWakeupUnit,
+  kClock,     // timedated does not answer: the clock counts as set by hand
+  kZone,      // changes of the zone are not noticed
+  kState,     // the record cannot be kept
+  kWakesLoop, // the machine wakes again and again, by nothing known
+  kCount
+};
+
+// Why a wanted sleep waits: the machine object's Postponed.
+enum class postponed : std::uint8_t {
+  kNot,
+  kBlocked,      // a block inhibitor
+  kSession,      // a user is logged in
+  kInput,        // somebody uses the machine
+  kJob,          // a unit of a dravel-wakeup@ target runs
+  kHook,         // a unit of dravel-off.target runs
+  kOnTimeNear,   // an on-time is about to come
+  kNoAlarm,      // nothing stands that would wake the machine
+  kScreenOn,     // the television is on
+  kScreenSilent, // it must say that it is off, and does not answer
+  kUseUnknown,   // logind does not answer
+  kFailed,       // the sleep was ordered and failed
+  kOften,        // it was woken too often by nothing known
+  kDelivering,   // the daemon is being told something
+};
+
+enum class due_kind : std::uint8_t {
+  kReturn,      // the return to sleep
+  kSleepAgain,  // a postponed or failed sleep
+  kAsked,       // what was asked before a sleep has not been answered
+  kAlarmAgain,  // a refused alarm
+  kAlarmPasses, // the alarm that stands
+  kAskScreen,   // before the on-time
+  kScreenStep,  // of an order to the television
+  kHook,        // the limit of the first job
+  kTransition,  // to or from daylight saving time
+  kAskClock,
+  kCount
+};
+
+inline constexpr std::size_t kDueKinds = static_cast<std::size_t>(due_kind::kCount);
+inline constexpr std::size_t kProblems = static_cast<std::size_t>(problem::kCount);
+inline constexpr std::size_t kJobs = 8;
+inline constexpr std::size_t kLateTimers = 8;
+
+// The keys of the configuration that decisions depend on.
+struct settings {
+  off_action off = off_action::kSuspend;
+  std::int64_t lead_suspend = 15;     // seconds
+  std::int64_t lead_poweroff = 90;    // seconds
+  std::int64_t return_to_sleep = 120; // seconds, 0: never
+  bool hop_boots = true;
+  bool follow_screen = false;  // a television switched off by its remote sends the machine to sleep
+  bool screen_follows = false; // the television follows the machine and its user
+
+  bool operator==(const settings &) const = default;
+};
+
+// An on-time that the daemon has programmed; 0: none.
+struct wanted_alarm {
+  std::uint32_t type = 0;
+  std::int64_t on_time = 0;
+
+  bool operator==(const wanted_alarm &) const = default;
+};
+
+// An alarm of the device. `count` is by the device's own clock, `utc` what that is worth.
+struct device_alarm {
+  alarm_owner owner = alarm_owner::kNone;
+  std::int64_t count = 0;
+  std::int64_t utc = 0;
+
+  bool operator==(const device_alarm &) const = default;
+};
+
+// A reading of the device.
+struct device_reading {
+  int error = 0;          // errno; nothing else is valid then
+  bool for_good = false;  // no device, or none with an alarm
+  bool minutes = false;   // its alarm counts minutes
+  std::int64_t clock = 0; // its clock's count now
+  std::int64_t alarm = 0; // the count of the alarm that is enabled; 0: none
+};
+
+// A timer of the daemon that became due while the machine slept.
+struct late_timer {
+  std::uint32_t id = 0;
+  std::uint32_t type = 0;
+  std::int64_t utc = 0;
+
+  bool operator==(const late_timer &) const = default;
+};
+
+struct job {
+  std::uint32_t id = 0; // 0: no job
+  unit of = unit::kOn;
+  std::int64_t limit_at = kNever; // it is not waited for any longer
+
+  bool operator==(const job &) const = default;
+};
+
+struct machine {
+  bool started = false; // false: no event has been decided yet
+  bool armed = false;   // the daemon's first pass after its start has ended
+  settings set;
+
+  struct {
+    phase now = phase::kAwake;
+    moment went; // when the last sleep was announced or noticed
+    moment seen; // slept and sleeps, as known: a growth is a sleep
+    bool standby_delivered = false;
+    bool released = false;      // the inhibitor, for this sleep
+    bool clock_stepped = false; // between standby and wake-up
+    std::uint32_t short_sleeps = 0;
+  } power;
+
+  struct {
+    cause by = cause::kUser; // who woke or booted the machine
+    bool booted = false;
+    bool credited = false;  // a timer was given as the reason
+    std::uint32_t type = 0; // that timer's type
+    std::int64_t utc = 0;   // when
+    std::int64_t at = 0;
+    std::int64_t used_at = 0; // the return is counted from here
+  } woken;
+
+  struct {
+    screen_state believed = screen_state::kUnknown;
+    screen_order ordered = screen_order::kNone; // the last order; it stays when it is carried out
+    std::int64_t ordered_at = 0;
+    std::uint8_t step = 0; // seconds of the pending order
+    bool pending = false;  // the television is still asked whether it follows
+    bool denied = false;   // it reports the other state
+    bool said_on = false;  // for the pending order
+    bool has_cec = false;
+    bool has_address = false;
+    bool off_by_us = false;       // switched off by our order
+    bool targets_off = false;     // before the sleep: turned off, without CEC
+    std::int64_t answered_at = 0; // the television's last report
+    screen_state answered = screen_state::kUnknown;
+  } screen;
+
+  struct {
+    wanted_alarm wanted;
+    device_alarm stands;
+    device_alarm foreign; // the last foreign write that is ahead
+    int refused = 0;      // errno; 0: nothing was refused
+    bool for_good = false;
+    std::uint8_t tries = 0;
+    std::int64_t range = 0; // seconds that the device takes; 0: not known
+    bool minutes = false;
+    bool dirty = false;     // not yet written
+    std::uint8_t stage = 0; // of a write in progress: decide's own
+    wanted_alarm before_sleep_wanted;
+    device_alarm before_sleep;
+  } alarm;
+
+  struct {
+    clock_state state = clock_state::kByHand;
+    bool ntp = false;
+    bool synchronised = false;
+    bool answered = false; // timedated has answered
+    bool rtc_valid = false;
+    bool update_due = false; // the daemon waits for a time update
+    std::int64_t build_day = 0;
+    std::int64_t next_transition = 0; // utc; 0: none
+    std::uint8_t asked = 0;           // times, since the last step
+  } clock;
+
+  struct {
+    std::int64_t input_at = 0;   // 0: none since the wake-up
+    std::int64_t session_at = 0; // when the newest user session began; 0: none
+    std::int64_t active_at = 0;  // when a user became active; 0: all are idle
+    std::uint8_t blocked = 0;
+    std::uint8_t can = 0;
+    std::int64_t delay_max_ms = 5 * kSecondMs;
+    bool known = false;
+    bool watched = false; // input
+  } use;
+
+  struct {
+    sleep_wish wish = sleep_wish::kNone;
+    wish_stage stage = wish_stage::kWaiting;
+    off_action method = off_action::kNone;
+    postponed why = postponed::kNot;
+    std::uint8_t failures = 0;
+    bool use_answered = false;
+    bool screen_answered = false;
+    std::int64_t since_at = 0;
+  } sleep;
+
+  struct {
+    bool running = false;
+    std::uint64_t call = 0;
+    std::int64_t seconds = 0;
+    std::int64_t slept = 0; // ms slept before
+    screen_state believed = screen_state::kUnknown;
+  } test;
+
+  struct {
+    delivery now = delivery::kNone;
+    std::uint32_t pending = 0; // bits of delivery
+  } told;
+
+  std::array<job, kJobs> jobs;
+  std::array<late_timer, kLateTimers> late;
+  std::uint8_t late_count = 0;
+  std::array<int, kProblems> problems{}; // 0: none; otherwise an errno or 1
+  std::array<std::int64_t, kDueKinds> due = [] {
+    std::array<std::int64_t, kDueKinds> never{};
+    never.fill(kNever);
+    return never;
+  }();
+  bool wants_idle = false; // the event `idle` is wanted when the loop has nothing left
+};
+
+inline std::int64_t &due_at(machine &m, due_kind kind) {
+  return m.due[static_cast<std::size_t>(kind)];
+}
+inline std::int64_t due_at(const machine &m, due_kind kind) {
+  return m.due[static_cast<std::size_t>(kind)];
+}
+
+// The time at which the event `due` is wanted; kNever: not at all.
+std::int64_t next_due(const machine &m);
