@@ -86,9 +86,10 @@ struct shutdown_ends {};
 struct sleep_answered {
   int error = 0; // errno; 0 does not show that the machine sleeps
 };
-// PreparingForSleep, asked for with ask_preparing.
+// PreparingForSleep and PreparingForShutdown, asked for with ask_preparing.
 struct preparing {
   bool sleep = false;
+  bool shutdown = false;
 };
 struct use_changed {
   std::int64_t session_at = 0; // see machine.use

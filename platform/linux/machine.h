@@ -18,6 +18,7 @@ struct moment {
   std::int64_t boot = 0;    // ms of CLOCK_BOOTTIME
   std::int64_t slept = 0;   // ms by which CLOCK_BOOTTIME is ahead of CLOCK_MONOTONIC
   std::uint32_t sleeps = 0; // suspend_stats/success
+  std::int32_t utc_ms = 0;  // 0 to 999, since the last full second of `utc`
 
   bool operator==(const moment &) const = default;
 };
@@ -110,6 +111,8 @@ enum class due_kind : std::uint8_t {
   kHook,        // the limit of the first job
   kTransition,  // to or from daylight saving time
   kAskClock,
+  kUserWindow,   // input until then shows that a user has woken the machine
+  kInhibitAgain, // a refused inhibitor
   kCount
 };
 
@@ -117,6 +120,7 @@ inline constexpr std::size_t kDueKinds = static_cast<std::size_t>(due_kind::kCou
 inline constexpr std::size_t kProblems = static_cast<std::size_t>(problem::kCount);
 inline constexpr std::size_t kJobs = 8;
 inline constexpr std::size_t kLateTimers = 8;
+inline constexpr std::size_t kSleepsAnHour = 6; // that we order without an on-time among them
 
 // The keys of the configuration that decisions depend on.
 struct settings {
@@ -166,8 +170,10 @@ struct late_timer {
   bool operator==(const late_timer &) const = default;
 };
 
+inline constexpr std::uint32_t kStarting = UINT32_MAX;
+
 struct job {
-  std::uint32_t id = 0; // 0: no job
+  std::uint32_t id = 0; // 0: no job; kStarting: asked for, not yet begun
   unit of = unit::kOn;
   std::int64_t limit_at = kNever; // it is not waited for any longer
 
@@ -175,18 +181,22 @@ struct job {
 };
 
 struct machine {
-  bool started = false; // false: no event has been decided yet
-  bool armed = false;   // the daemon's first pass after its start has ended
+  bool started = false;         // false: no event has been decided yet
+  bool armed = false;           // the daemon's first pass after its start has ended
+  std::int64_t started_utc = 0; // this run
   settings set;
 
   struct {
     phase now = phase::kAwake;
-    moment went; // when the last sleep was announced or noticed
-    moment seen; // slept and sleeps, as known: a growth is a sleep
-    bool standby_delivered = false;
-    bool released = false;      // the inhibitor, for this sleep
-    bool clock_stepped = false; // between standby and wake-up
+    moment went;             // when the last sleep or shutdown was announced or noticed
+    moment seen;             // slept and sleeps, as known: a growth is a sleep
+    bool count_owed = false; // the last sleep was noticed before `sleeps` counted it
+    bool standby_told = false;
+    bool released = false;  // the inhibitor, for this sleep
+    bool step_held = false; // the clock was stepped between standby and wake-up
+    bool preparing_open = false;
     std::uint32_t short_sleeps = 0;
+    std::array<std::int64_t, kSleepsAnHour> sent_at{}; // our own sleeps of the last hour, 0: none
   } power;
 
   struct {
@@ -196,36 +206,42 @@ struct machine {
     std::uint32_t type = 0; // that timer's type
     std::int64_t utc = 0;   // when
     std::int64_t at = 0;
-    std::int64_t used_at = 0; // the return is counted from here
+    std::int64_t counted_at = 0; // the return is counted from here
+    bool fired = false;          // a timer has expired or somebody has used it since
+    bool cause_open = false;     // the device is still to be read
+    bool late_open = false;      // the daemon is still to be asked for late timers
+    std::int64_t late_from = 0;  // UTC
+    bool said = false;           // the cause is in the journal
   } woken;
 
   struct {
     screen_state believed = screen_state::kUnknown;
     screen_order ordered = screen_order::kNone; // the last order; it stays when it is carried out
-    std::int64_t ordered_at = 0;
-    std::uint8_t step = 0; // seconds of the pending order
-    bool pending = false;  // the television is still asked whether it follows
-    bool denied = false;   // it reports the other state
-    bool said_on = false;  // for the pending order
-    bool has_cec = false;
+    bool pending = false;                       // the television is still asked whether it follows
+    std::uint8_t step = 0;                      // seconds of the pending order
+    bool said_on = false;                       // for the pending order
+    bool has_cec = false;                       // there is an adapter with a television
     bool has_address = false;
-    bool off_by_us = false;       // switched off by our order
-    bool targets_off = false;     // before the sleep: turned off, without CEC
-    std::int64_t answered_at = 0; // the television's last report
-    screen_state answered = screen_state::kUnknown;
+    bool ordered_on = false;                        // since the wake-up
+    screen_state answered = screen_state::kUnknown; // by a television since the wake-up or order
   } screen;
 
   struct {
     wanted_alarm wanted;
     device_alarm stands;
-    device_alarm foreign; // the last foreign write that is ahead
+    device_alarm foreign; // the last foreign write, while it is ahead
     int refused = 0;      // errno; 0: nothing was refused
     bool for_good = false;
     std::uint8_t tries = 0;
     std::int64_t range = 0; // seconds that the device takes; 0: not known
     bool minutes = false;
+    std::int64_t clock = 0; // the device's, at the last reading
     bool dirty = false;     // not yet written
-    std::uint8_t stage = 0; // of a write in progress: decide's own
+    bool stale = false;     // wanted by the last run; this one has not said yet
+    bool check = false;     // the device is to be read and what must stand to be written
+    bool changes = false;   // a write is decided: `next` is to be written
+    device_alarm next;
+    std::uint8_t failed = 0; // what was refused since the reading: bits of 1 << owner
     wanted_alarm before_sleep_wanted;
     device_alarm before_sleep;
   } alarm;
@@ -234,9 +250,10 @@ struct machine {
     clock_state state = clock_state::kByHand;
     bool ntp = false;
     bool synchronised = false;
-    bool answered = false; // timedated has answered
     bool rtc_valid = false;
+    bool stepped = false;    // by somebody, in this boot
     bool update_due = false; // the daemon waits for a time update
+    bool zone_open = false;  // the next transition is to be asked for
     std::int64_t build_day = 0;
     std::int64_t next_transition = 0; // utc; 0: none
     std::uint8_t asked = 0;           // times, since the last step
@@ -249,36 +266,34 @@ struct machine {
     std::uint8_t blocked = 0;
     std::uint8_t can = 0;
     std::int64_t delay_max_ms = 5 * kSecondMs;
-    bool known = false;
     bool watched = false; // input
+    std::uint8_t inhibit_tries = 0;
   } use;
 
   struct {
     sleep_wish wish = sleep_wish::kNone;
     wish_stage stage = wish_stage::kWaiting;
     off_action method = off_action::kNone;
+    off_action last_method = off_action::kSuspend; // of the last sleep or power-off
     postponed why = postponed::kNot;
     std::uint8_t failures = 0;
     bool use_answered = false;
     bool screen_answered = false;
-    std::int64_t since_at = 0;
   } sleep;
 
   struct {
     bool running = false;
     std::uint64_t call = 0;
-    std::int64_t seconds = 0;
-    std::int64_t slept = 0; // ms slept before
-    screen_state believed = screen_state::kUnknown;
+    std::int64_t until = 0; // utc
   } test;
 
   struct {
     delivery now = delivery::kNone;
-    std::uint32_t pending = 0; // bits of delivery
+    std::uint32_t pending = 0; // bits of 1 << delivery
   } told;
 
   std::array<job, kJobs> jobs;
-  std::array<late_timer, kLateTimers> late;
+  std::array<late_timer, kLateTimers> late; // to be made up for
   std::uint8_t late_count = 0;
   std::array<int, kProblems> problems{}; // 0: none; otherwise an errno or 1
   std::array<std::int64_t, kDueKinds> due = [] {
