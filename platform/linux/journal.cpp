@@ -1,5 +1,7 @@
 #include "journal.h"
 
+#include "sentences.h"
+
 #include <log_output.h>
 #include <system_log.h>
 
@@ -12,10 +14,16 @@
 #include <cstdarg>
 #include <cstring>
 #include <span>
+#include <string>
 #include <string_view>
+#include <sys/uio.h>
+#include <vector>
 
 static constexpr const char *kTag = "DRAVEL_LINUX";
 static constexpr std::string_view kDaemonTag = "DRAVEL_MANAGER";
+
+// Of the entries that tell what happened to a timer or to the machine.
+static constexpr const char *kEventId = "4b6f0e5a9d4c4f0f8e3b7c2d1a905e68";
 
 // A change of clock writes hundreds of lines below error priority.
 system_log_priority system_log_threshold = threshold_from_environment(SYSTEM_LOG_ERROR);
@@ -73,4 +81,29 @@ void note(const char *format, ...) {
   va_start(arguments, format);
   write_line(SYSTEM_LOG_INFO, kTag, format, arguments);
   va_end(arguments);
+}
+
+static bool is_failure(order::saying what) {
+  return what == order::saying::kProblem || what == order::saying::kTelevisionLate;
+}
+
+void write_saying(const order::say &said) {
+  const sentence told = sentence_of(said);
+  const std::string timer = said.timer == 0 ? "" : "DRAVEL_TIMER=" + std::to_string(said.timer);
+  const std::string reason = told.reason.empty() ? "" : "DRAVEL_REASON=" + told.reason;
+  const auto priority = "PRIORITY=" + std::to_string(is_failure(said.what) ? LOG_ERR : LOG_NOTICE);
+  std::vector<iovec> fields;
+  const std::string all[] = {priority,
+                             std::string("SYSLOG_IDENTIFIER=") + kTag,
+                             "MESSAGE=" + told.text,
+                             std::string("MESSAGE_ID=") + kEventId,
+                             std::string("DRAVEL_EVENT=") + told.event,
+                             timer,
+                             reason};
+  for (const std::string &field : all)
+    if (!field.empty())
+      fields.push_back({const_cast<char *>(field.data()), field.size()});
+  sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));
+  if (is_copied_to_stderr())
+    copy_to_stderr(kTag, told.text.c_str());
 }
