@@ -15,7 +15,9 @@ install(FILES ${DATA}/org.olvara.tv.system.dravel.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d)
 install(FILES ${DATA}/org.olvara.tv.system.dravel.xml ${DATA}/org.olvara.tv.system.dravel.state.xml
         DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces)
-install(FILES ${PROJECT_SOURCE_DIR}/include/dravel-bus.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/dravel-bus.h
+              ${PROJECT_SOURCE_DIR}/platform/include/dravel-timer-types.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${PROJECT_BINARY_DIR}/dravel-manager.service DESTINATION lib/systemd/system)
 install(FILES ${DATA}/dravel-manager.tmpfiles.conf
         DESTINATION lib/tmpfiles.d RENAME dravel-manager.conf)

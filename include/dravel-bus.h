@@ -7,6 +7,8 @@
 // from Sunday, which is 0.
 #pragma once
 
+#include "dravel-timer-types.h"
+
 static const char kDravelBusName[] = "org.olvara.tv.system.dravel"; // also the interface's name
 static const char kDravelObjectPath[] = "/org/olvara/tv/system/dravel";
 static const char kStateObjectPath[] = "/org/olvara/tv/system/dravel/state";
@@ -103,19 +105,6 @@ enum dravel_period_argument {
   PERIOD_ARG_START_LEAP,
   PERIOD_ARG_END_LEAP,
   PERIOD_ARGS
-};
-
-// The types of timers whose numbers the daemon itself acts on.
-enum dravel_timer_type {
-  TIMER_TYPE_ON = 0,
-  TIMER_TYPE_OFF = 1,
-  TIMER_TYPE_STANDBY = 6,    // not armed when an on-timer follows within ten minutes
-  TIMER_TYPE_ALWAYS = 9,     // neither disabled periods nor clock changes move it
-  TIMER_TYPE_TRANSIENT = 10, // never stored; its id is below 0
-  TIMER_TYPE_REPLACING = 13, // takes the place of an equal one
-  TIMER_TYPE_AMBIENT_ON = 15,
-  TIMER_TYPE_AMBIENT_OFF = 16,
-  TIMER_TYPE_ONTIMER_MAX = 254
 };
 
 // The clock that a timer's time is on.

@@ -1,5 +1,8 @@
 // Log lines of the daemon. The text must be a literal; the arguments are not
 // evaluated when the line's priority is below the threshold.
+//
+// LOGP is for what the daemon does and for calls that ask for something unknown, LOGE for what
+// failed.
 #pragma once
 
 #include <system_log.h>
@@ -17,11 +20,14 @@
 
 #define LOGD(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_DEBUG, text __VA_OPT__(, ) __VA_ARGS__)
 #define LOGI(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_INFO, text __VA_OPT__(, ) __VA_ARGS__)
+#define LOGP(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_PROGRESS, text __VA_OPT__(, ) __VA_ARGS__)
 #define LOGE(text, ...) DRAVEL_LOG_LINE(SYSTEM_LOG_ERROR, text __VA_OPT__(, ) __VA_ARGS__)
 
 #define LOGD_OF(operation, text, ...)                                                              \
   LOG_FROM(#operation, SYSTEM_LOG_DEBUG, text __VA_OPT__(, ) __VA_ARGS__)
 #define LOGI_OF(operation, text, ...)                                                              \
   LOG_FROM(#operation, SYSTEM_LOG_INFO, text __VA_OPT__(, ) __VA_ARGS__)
+#define LOGP_OF(operation, text, ...)                                                              \
+  LOG_FROM(#operation, SYSTEM_LOG_PROGRESS, text __VA_OPT__(, ) __VA_ARGS__)
 #define LOGE_OF(operation, text, ...)                                                              \
   LOG_FROM(#operation, SYSTEM_LOG_ERROR, text __VA_OPT__(, ) __VA_ARGS__)

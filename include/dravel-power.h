@@ -8,17 +8,8 @@ enum ambient_mode { AMBIENT_MODE_CLOSED = 0, AMBIENT_MODE_LOW_POWER = 2 };
 // Wake-up reasons 0 and 1 stand for no reason and for the user.
 constexpr bool is_woken_by_timer(int reason) { return reason < 0 || reason > 1; }
 
-enum poweroff_option : unsigned {
-  POWEROFF_BY_OFF_TIMER = 1,
-  POWEROFF_BY_TRANSIENT_TIMER = 2,
-  POWEROFF_RESET_FIRST = 13, // the options that delete the store
-  POWEROFF_RESET_LAST = 14,
-  POWEROFF_AMBIENT_TO_SUSPEND = 0x4000001A,
-};
-
-constexpr bool is_resetting_poweroff(int option) {
-  return option >= int{POWEROFF_RESET_FIRST} && option <= int{POWEROFF_RESET_LAST};
-}
+// Power-off events with the options 13 and 14 delete the store.
+constexpr bool is_resetting_poweroff(int option) { return option == 13 || option == 14; }
 
 // The screen shows its ambient mode, the set sleeps.
 constexpr bool is_ambient_low_power(int state, int mode) {

@@ -9,47 +9,6 @@
 
 #include <screen_manager.h>
 
-#include <algorithm>
-#include <iterator>
-
-namespace {
-
-enum class expiry_action { kNone, kWake, kTurnOff };
-
-// What the daemon does itself when a timer of a type expires, and the option of its power-off.
-struct type_row {
-  unsigned type;
-  expiry_action action;
-  unsigned poweroff_option = 0;
-};
-
-} // namespace
-
-// A timer of any other type is only announced.
-static constexpr type_row kTypeRows[] = {
-    {TIMER_TYPE_ON, expiry_action::kWake},
-    {TIMER_TYPE_OFF, expiry_action::kTurnOff, POWEROFF_BY_OFF_TIMER},
-    {2, expiry_action::kWake},
-    {3, expiry_action::kWake},
-    {5, expiry_action::kWake},
-    {TIMER_TYPE_STANDBY, expiry_action::kWake},
-    {7, expiry_action::kWake},
-    {8, expiry_action::kWake},
-    {TIMER_TYPE_TRANSIENT, expiry_action::kTurnOff, POWEROFF_BY_TRANSIENT_TIMER},
-    {11, expiry_action::kWake},
-    {TIMER_TYPE_REPLACING, expiry_action::kWake},
-    {14, expiry_action::kWake},
-    {TIMER_TYPE_AMBIENT_ON, expiry_action::kWake},
-    {TIMER_TYPE_AMBIENT_OFF, expiry_action::kTurnOff, POWEROFF_AMBIENT_TO_SUSPEND},
-};
-static constexpr type_row kOtherTypes = {0, expiry_action::kNone};
-
-static const type_row &row_of(const dravel_item *item) {
-  const auto *row =
-      std::ranges::find(kTypeRows, static_cast<unsigned>(item->type), &type_row::type);
-  return row != std::end(kTypeRows) ? *row : kOtherTypes;
-}
-
 static void switch_ambient_mode(int on) {
   const int result = screen_manager_set_ambient_mode(on, on);
   if (result < 0)
@@ -77,8 +36,8 @@ void process_on_timer(const dravel_item *item) {
 
   set_wakeup_timer(item);
   update_micom_flag();
-  const int result =
-      device_power_set_wakeup_reason(device_power_reason_of(static_cast<unsigned>(item->type)));
+  const timer_type &type = timer_type_of(item->type);
+  const int result = device_power_set_wakeup_reason(type.reason);
   if (result != 0)
     LOGE("Error in device_power_set_wakeup_reason : %d\n", result);
 
@@ -86,12 +45,12 @@ void process_on_timer(const dravel_item *item) {
     switch_ambient_mode(1);
   else if (ambient_mode == AMBIENT_MODE_LOW_POWER)
     switch_ambient_mode(0);
-  else if (has_type(item, TIMER_TYPE_ON))
+  else if (type.action == timer_action::kTurnOn)
     request_power_on();
 }
 
 void process_off_timer(unsigned int option) {
-  LOGE("off timer halted : %d\n", offtimer_halt);
+  LOGP("off timer halted : %d\n", offtimer_halt);
   if (offtimer_halt != 0)
     return;
   const int result = device_power_request_poweroff(option);
@@ -125,11 +84,18 @@ static void turn_off(const dravel_item *item, unsigned option, int ambient_mode)
 }
 
 static void act_by_type(const dravel_item *item, int ambient_mode) {
-  const type_row &row = row_of(item);
-  if (row.action == expiry_action::kWake)
+  const timer_type &type = timer_type_of(item->type);
+  switch (type.action) {
+  case timer_action::kTurnOn:
+  case timer_action::kWake:
     process_on_timer(item);
-  else if (row.action == expiry_action::kTurnOff)
-    turn_off(item, row.poweroff_option, ambient_mode);
+    break;
+  case timer_action::kTurnOff:
+    turn_off(item, type.option, ambient_mode);
+    break;
+  case timer_action::kNone:
+    break;
+  }
 }
 
 void dravel_expire_cb(dravel_item *item, void *) {
@@ -137,7 +103,7 @@ void dravel_expire_cb(dravel_item *item, void *) {
     LOGE("timer is NULL");
     return;
   }
-  LOGE("dravel expired: [%d]", item->timer_id);
+  LOGP("dravel expired: [%d]", item->timer_id);
   if (is_skipped(item, occurrence_of(item))) {
     LOGD("skip timer %d", item->timer_id);
     return;

@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -75,10 +76,18 @@ static constexpr const char *kUpdateDisabledPeriod =
     "\tend_tm_mday=%d, end_tm_mon=%d, end_tm_year=%d,"
     "\tend_tm_wday=%d, end_tm_yday=%d, end_tm_isdst=%d WHERE rowid=%d";
 
-static sqlite3 *dravel_db;
-static sqlite3 *wakeup_dravel_db;
+// How long a start waits for other processes that hold the locks of one file.
+static constexpr std::chrono::milliseconds kLongestWait{2000};
+static constexpr int kSynchronousExtra = 3;
 
 namespace {
+
+// One of the two files and its connection.
+struct database {
+  const char *path;
+  sqlite3 *handle = nullptr;
+  std::chrono::milliseconds wait_left{}; // of kLongestWait; 0 once the daemon has started
+};
 
 // The outcome of one statement.
 struct sql_result {
@@ -106,15 +115,35 @@ using fields_of = std::make_index_sequence<kRecordFields<Record>.size() - LeftOu
 
 } // namespace
 
-static sql_result execute(sqlite3 *db, const char *sql, row_callback callback = nullptr,
-                          void *out = nullptr) {
+static database dravel_db = {kDravelDbPath};
+static database wakeup_dravel_db = {kWakeupDbPath};
+
+static sql_result execute(sqlite3 *handle, const char *sql, row_callback callback, void *out) {
   char *error = nullptr;
-  const int code = sqlite3_exec(db, sql, callback, out, &error);
-  return {db, code, {error, sqlite3_free}};
+  const int code = sqlite3_exec(handle, sql, callback, out, &error);
+  return {handle, code, {error, sqlite3_free}};
+}
+
+static void set_wait(database &db, std::chrono::milliseconds wait) {
+  db.wait_left = wait;
+  sqlite3_busy_timeout(db.handle, static_cast<int>(wait.count()));
+}
+
+// All statements of a start together wait no longer than one may.
+static sql_result execute(database &db, const char *sql, row_callback callback = nullptr,
+                          void *out = nullptr) {
+  using std::chrono::steady_clock;
+  const auto begun = steady_clock::now();
+  sql_result result = execute(db.handle, sql, callback, out);
+  const auto took = std::chrono::ceil<std::chrono::milliseconds>(steady_clock::now() - begun);
+  if (db.wait_left.count() > 0)
+    set_wait(db, db.wait_left -
+                     (result.code == SQLITE_BUSY ? db.wait_left : std::min(took, db.wait_left)));
+  return result;
 }
 
 template <typename... Values>
-static sql_result execute_with(sqlite3 *db, const char *format, Values... values) {
+static sql_result execute_with(database &db, const char *format, Values... values) {
   statement sql;
   std::snprintf(sql.text, statement::kLimit, format, values...);
   return execute(db, sql.text);
@@ -203,14 +232,14 @@ static int undo_insert(const char *table) {
 // not be found again.
 static sql_result insert_row(const char *table, const char *sql, int *id) {
   const auto refuse = [](int code, const char *reason) -> sql_result {
-    return {dravel_db, code, {sqlite3_mprintf("%s", reason), sqlite3_free}};
+    return {dravel_db.handle, code, {sqlite3_mprintf("%s", reason), sqlite3_free}};
   };
   sql_result result = execute(dravel_db, sql);
   if (!result.ok())
     return result;
-  if (sqlite3_changes(dravel_db) != 1)
+  if (sqlite3_changes(dravel_db.handle) != 1)
     return refuse(SQLITE_ERROR, "no row added");
-  const sqlite3_int64 row = sqlite3_last_insert_rowid(dravel_db);
+  const sqlite3_int64 row = sqlite3_last_insert_rowid(dravel_db.handle);
   if (row < 1 || row > INT_MAX) {
     undo_insert(table);
     return refuse(SQLITE_FULL, "no id left");
@@ -339,9 +368,9 @@ static bool is_empty(const char *path) {
 }
 
 int integrity_check(const char *path) {
-  LOGE("integrity_check [%s] begin", path);
+  LOGP("integrity_check [%s] begin", path);
   if (access(path, R_OK) != 0) {
-    LOGE("DBFILE [%s] is not exist, it will be created", path);
+    LOGP("DBFILE [%s] is not exist, it will be created", path);
     return -1;
   }
 
@@ -354,7 +383,7 @@ int integrity_check(const char *path) {
     return -1;
   }
   if (is_empty(path)) {
-    LOGE("integrity_check file size = 0, remove");
+    LOGP("integrity_check file size = 0, remove");
     unlink(path);
     return -1;
   }
@@ -371,7 +400,7 @@ int integrity_check(const char *path) {
     LOGE("db [%s] deleted", path);
     return -1;
   }
-  LOGE("DBFILE [%s] pragma intergrity check OK", path);
+  LOGP("DBFILE [%s] pragma intergrity check OK", path);
   return 0;
 }
 
@@ -390,7 +419,7 @@ int make_db_file_manual(const char *path) {
     LOGE("fchmod(%s) Failed(%d)", path, opened_up);
 
   close(fd);
-  LOGE("make_db_file_manual [%s] ", path);
+  LOGP("make_db_file_manual [%s] ", path);
   return opened_up;
 }
 
@@ -416,8 +445,8 @@ static bool __check_need_db_migration(void) {
 
 static void __set_db_version(void) {
   LOGI("new db version[%d]", kDbVersion);
-  for (sqlite3 *db : {dravel_db, wakeup_dravel_db}) {
-    const sql_result result = execute_with(db, "pragma user_version = %d", kDbVersion);
+  for (database *db : {&dravel_db, &wakeup_dravel_db}) {
+    const sql_result result = execute_with(*db, "pragma user_version = %d", kDbVersion);
     if (!result.ok())
       LOGE("failed to set db version. ret[%d], error[%s]", result.code, result.text());
   }
@@ -472,41 +501,40 @@ static void __get_old_dravel_list(old_rows &timers, old_rows &wakeup) {
 }
 
 // The lines of both name the caller.
-static int create_table(sqlite3 *db, const char *path, const char *table, const char *sql,
+static int create_table(database &db, const char *table, const char *sql,
                         const char *caller = __builtin_FUNCTION()) {
   const sql_result created = execute(db, sql);
   if (!created.ok()) {
     LOG_FROM(caller, SYSTEM_LOG_ERROR, "failed to create table for %s: %s", table, created.text());
-    unlink(path);
+    unlink(db.path);
   }
   return created.code;
 }
 
-static int recreate_table(sqlite3 *db, const char *path, const char *table, const char *sql,
+static int recreate_table(database &db, const char *table, const char *sql,
                           const char *caller = __builtin_FUNCTION()) {
   const sql_result dropped = execute(db, "DROP TABLE dravel");
   if (!dropped.ok()) {
     LOG_FROM(caller, SYSTEM_LOG_ERROR, "failed to drop table for %s: %s", table, dropped.text());
-    unlink(path);
+    unlink(db.path);
     return dropped.code;
   }
-  return create_table(db, path, table, sql, caller);
+  return create_table(db, table, sql, caller);
 }
 
-static bool is_in_transaction(sqlite3 *db) { return sqlite3_get_autocommit(db) == 0; }
+static bool is_in_transaction(const database &db) { return sqlite3_get_autocommit(db.handle) == 0; }
 
 // Rows get new ids. The mark goes to the row whose new id is the id of the old wake-up copy: that
 // is the same timer only when no earlier row was ever deleted.
 static void __migration_0_to_1(void) {
-  LOGE("__migration_0_to_1");
+  LOGP("__migration_0_to_1");
   const bool in_transaction = is_in_transaction(dravel_db);
   old_rows timers;
   old_rows wakeup;
   __get_old_dravel_list(timers, wakeup);
 
-  if (recreate_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable) != SQLITE_OK ||
-      recreate_table(wakeup_dravel_db, kWakeupDbPath, "wakeup dravel", kCreateWakeupDravelTable) !=
-          SQLITE_OK)
+  if (recreate_table(dravel_db, "dravel", kCreateDravelTable) != SQLITE_OK ||
+      recreate_table(wakeup_dravel_db, "wakeup dravel", kCreateWakeupDravelTable) != SQLITE_OK)
     return;
   for (dravel_item &item : timers) {
     if (insert_dravel_item_db(&item) != SQLITE_OK && is_in_transaction(dravel_db) != in_transaction)
@@ -522,63 +550,76 @@ static void __migration_0_to_1(void) {
 // an empty one.
 static void prepare_db_file(const char *path) {
   if (integrity_check(path) == -1) {
-    LOGE_OF(initialize_dravel_db, "initialize_dravel_db integrity_check[%s] fail, it will recreate",
+    LOGP_OF(initialize_dravel_db, "initialize_dravel_db integrity_check[%s] fail, it will recreate",
             path);
     unlink(path);
   }
   make_db_file_manual(path);
 }
 
+static int take_number(void *number, int, char **values, char **) {
+  *static_cast<int *>(number) = column_value(values[0]);
+  return 0;
+}
+
 // A commit ends with the removal of its journal. Unless the directory is synchronised as well, a
-// power cut within the next seconds can bring the journal back, which undoes the commit.
-// The start waits two seconds for another process that holds the file's lock.
-static void set_up(sqlite3 *db) {
-  execute(db, "pragma busy_timeout = 2000; pragma synchronous = extra");
+// power cut within the next seconds can bring the journal back, which undoes the commit. Called
+// once the schema is read: no lock of another process can refuse the setting then.
+static void synchronise_directory_too(database &db) {
+  int level = -1;
+  const sql_result result =
+      execute(db, "pragma synchronous = extra; pragma synchronous", take_number, &level);
+  if (level != kSynchronousExtra)
+    LOGE_OF(initialize_dravel_db, "failed to set synchronous of [%s]. level[%d], error[%s]",
+            db.path, level, result.text());
+}
+
+static int open_db(database &db, const char *name) {
+  prepare_db_file(db.path);
+  const int opened = sqlite3_open(db.path, &db.handle);
+  if (opened == SQLITE_OK)
+    set_wait(db, kLongestWait);
+  else
+    LOGE_OF(initialize_dravel_db, "failed to open the %s database: %s", name,
+            sqlite3_errmsg(db.handle));
+  return opened;
 }
 
 // Without its wake-up database the daemon still keeps every timer.
 static void open_wakeup_db(void) {
-  prepare_db_file(kWakeupDbPath);
-  if (sqlite3_open(kWakeupDbPath, &wakeup_dravel_db) != SQLITE_OK)
-    LOGE_OF(initialize_dravel_db, "failed to open the wakeup_dravel database: %s",
-            sqlite3_errmsg(wakeup_dravel_db));
-  set_up(wakeup_dravel_db);
-  create_table(wakeup_dravel_db, kWakeupDbPath, "wakeup dravel", kCreateWakeupDravelTable,
-               "initialize_dravel_db");
+  open_db(wakeup_dravel_db, "wakeup_dravel");
+  if (create_table(wakeup_dravel_db, "wakeup dravel", kCreateWakeupDravelTable,
+                   "initialize_dravel_db") == SQLITE_OK)
+    synchronise_directory_too(wakeup_dravel_db);
 }
 
 static int open_main_db(void) {
-  prepare_db_file(kDravelDbPath);
-  const int opened = sqlite3_open(kDravelDbPath, &dravel_db);
-  if (opened != SQLITE_OK) {
-    LOGE_OF(initialize_dravel_db, "failed to open the dravel database: %s",
-            sqlite3_errmsg(dravel_db));
+  if (const int opened = open_db(dravel_db, "dravel"); opened != SQLITE_OK)
     return opened;
-  }
-  set_up(dravel_db);
-  const int created =
-      create_table(dravel_db, kDravelDbPath, "dravel", kCreateDravelTable, "initialize_dravel_db");
-  if (created != SQLITE_OK)
-    return created;
-  return create_table(dravel_db, kDravelDbPath, "disabled_period", kCreateDisabledPeriodTable,
-                      "initialize_dravel_db");
+  for (const auto &[table, sql] : {std::pair{"dravel", kCreateDravelTable},
+                                   std::pair{"disabled_period", kCreateDisabledPeriodTable}})
+    if (const int created = create_table(dravel_db, table, sql, "initialize_dravel_db");
+        created != SQLITE_OK)
+      return created;
+  synchronise_directory_too(dravel_db);
+  return SQLITE_OK;
 }
 
 // All or nothing, so that a power cut or a full disk loses no timer: the next start tries it again.
 // The main database, whose version decides about that, is committed last.
 static void migrate(void) {
-  for (sqlite3 *db : {dravel_db, wakeup_dravel_db})
-    execute(db, "BEGIN IMMEDIATE");
+  for (database *db : {&dravel_db, &wakeup_dravel_db})
+    execute(*db, "BEGIN IMMEDIATE");
   const bool in_transaction = is_in_transaction(dravel_db);
   __migration_0_to_1();
   if (is_in_transaction(dravel_db) == in_transaction)
     __set_db_version();
-  for (sqlite3 *db : {wakeup_dravel_db, dravel_db}) {
-    const sql_result committed = execute(db, "COMMIT");
+  for (database *db : {&wakeup_dravel_db, &dravel_db}) {
+    const sql_result committed = execute(*db, "COMMIT");
     if (committed.ok())
       continue;
     LOGE("failed to commit the migration: %s", committed.text());
-    execute(db, "ROLLBACK");
+    execute(*db, "ROLLBACK");
   }
 }
 
@@ -592,14 +633,15 @@ int initialize_dravel_db(void) {
       __set_db_version();
   }
   // From now on a locked file refuses a statement at once: the main loop must not wait.
-  for (sqlite3 *db : {dravel_db, wakeup_dravel_db})
-    execute(db, "pragma busy_timeout = 0");
+  for (database *db : {&dravel_db, &wakeup_dravel_db})
+    if (db->wait_left.count() > 0)
+      set_wait(*db, {});
   return opened;
 }
 
 int close_dravel_db(void) {
-  sqlite3_close(std::exchange(dravel_db, nullptr));
-  return sqlite3_close(std::exchange(wakeup_dravel_db, nullptr));
+  sqlite3_close(std::exchange(dravel_db.handle, nullptr));
+  return sqlite3_close(std::exchange(wakeup_dravel_db.handle, nullptr));
 }
 
 static void delete_db_file(const char *path, const char *file) {

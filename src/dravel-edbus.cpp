@@ -176,7 +176,7 @@ static DBusMessage *edbus_schedule_timer_cb(E_DBus_Object *, DBusMessage *msg) {
   const int timer_id = take_item(item);
   replace_removed_ontimer();
   if (timer_id != -1)
-    LOGE("edbus_schedule_timer_cb: [%d]", timer_id);
+    LOGP("edbus_schedule_timer_cb: [%d]", timer_id);
   return call.reply_int(timer_id);
 }
 
@@ -189,7 +189,7 @@ static DBusMessage *edbus_cancel_timer_cb(E_DBus_Object *, DBusMessage *msg) {
   if (item == nullptr)
     return call.reply_int(-1);
   cancel_dravel_item(item);
-  LOGE("cancel_dravel_item: [%d]", timer_id[0]);
+  LOGP("cancel_dravel_item: [%d]", timer_id[0]);
   return call.reply_int(0);
 }
 
@@ -209,7 +209,7 @@ static DBusMessage *edbus_request_wakeup_timer(E_DBus_Object *, DBusMessage *msg
   const dravel_item *item = get_wakeup_timer();
   if (item != nullptr)
     return reply_item(call, *item, 0);
-  LOGE("failed to get wakeup item\n");
+  LOGP("failed to get wakeup item\n");
   return reply_no_item(call);
 }
 
@@ -258,8 +258,8 @@ static DBusMessage *edbus_request_set_disable_period(E_DBus_Object *, DBusMessag
   }
   if (!read_record(call, *period))
     return nullptr;
-  LOG_TIME(SYSTEM_LOG_ERROR, "start_date : %s", &period->start_tm);
-  LOG_TIME(SYSTEM_LOG_ERROR, "end_date: %s", &period->end_tm);
+  LOG_TIME(SYSTEM_LOG_PROGRESS, "start_date : %s", &period->start_tm);
+  LOG_TIME(SYSTEM_LOG_PROGRESS, "end_date: %s", &period->end_tm);
   LOGD("start_date_leap_year_f : %d", period->start_date_leap_year_f);
   LOGD("end_date_leap_year_f : %d", period->end_date_leap_year_f);
 
@@ -299,10 +299,10 @@ static DBusMessage *edbus_request_set_disable_period_effect(E_DBus_Object *, DBu
   if (!call.read(args))
     return nullptr;
   const auto [timer_id, effect] = args;
-  LOGE("timer_id: %d, disable_period_effect: %d", timer_id, effect);
+  LOGP("timer_id: %d, disable_period_effect: %d", timer_id, effect);
   dravel_item *item = find_dravel_item(timer_id);
   if (item == nullptr) {
-    LOGE("failed to set disable period effect");
+    LOGP("failed to set disable period effect");
     return call.reply_int(-1);
   }
   const bool changed = item->disable_period_effect != effect;
@@ -357,7 +357,7 @@ static DBusMessage *edbus_request_copy_db(E_DBus_Object *, DBusMessage *msg) {
   const char *source = copy_in[0] != 0 ? outside : kDravelDbPath;
   const char *destination = copy_in[0] != 0 ? kDravelDbPath : outside;
   if (!g_file_test(source, G_FILE_TEST_EXISTS)) {
-    LOGE("%s is not exit", source);
+    LOGP("%s is not exit", source);
     return nullptr;
   }
   g_autoptr(GError) failure = nullptr;
@@ -377,7 +377,7 @@ static DBusMessage *edbus_dravel_get_timer_by_id_cb(E_DBus_Object *, DBusMessage
   const dravel_item *item = find_dravel_item(timer_id[0]);
   if (item != nullptr)
     return reply_item(call, *item, 0);
-  LOGE("failed to get dravel item\n");
+  LOGP("failed to get dravel item\n");
   return reply_no_item(call);
 }
 

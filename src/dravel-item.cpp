@@ -39,12 +39,7 @@ Eina_List *get_offtimer_list(void) { return offtimer_list; }
 
 Eina_List *get_disabled_period_list(void) { return disabled_period_list; }
 
-int is_ontimer_item(const dravel_item *item) {
-  const bool turns_on = static_cast<unsigned>(item->type) <= TIMER_TYPE_ONTIMER_MAX &&
-                        !has_type(item, TIMER_TYPE_OFF) && !has_type(item, TIMER_TYPE_TRANSIENT) &&
-                        !has_type(item, TIMER_TYPE_AMBIENT_OFF);
-  return turns_on ? 1 : 0;
-}
+int is_ontimer_item(const dravel_item *item) { return is_ontimer_type(item->type) ? 1 : 0; }
 
 static void follow_february_end(std::tm *date, int leap_year_f, int year) {
   if (leap_year_f != 1 || date->tm_mon != kFebruary)
@@ -107,7 +102,7 @@ static int days_until_after(const std::tm &when, const std::tm &end) {
 int can_skip_timer(const dravel_item *item, time_value occurrence) {
   if (disabled_period_list == nullptr)
     return SKIP_NO;
-  LOGE("disabled_period list : %d", static_cast<int>(eina_list_count(disabled_period_list)));
+  LOGP("disabled_period list : %d", static_cast<int>(eina_list_count(disabled_period_list)));
 
   std::tm when;
   std::tm end;
@@ -122,7 +117,7 @@ int can_skip_timer(const dravel_item *item, time_value occurrence) {
 
   dravel_item *listed = find_dravel_item(item->timer_id);
   if (listed == nullptr) {
-    LOGE("The shift timer is disabled\n");
+    LOGP("The shift timer is disabled\n");
     return SKIP_REFUSED;
   }
   listed->tm.tm_mday = add_wrapping(listed->tm.tm_mday, days_until_after(when, end));
@@ -135,16 +130,16 @@ int can_skip_timer(const dravel_item *item, time_value occurrence) {
 int next_disabled_period(disabled_period_item *period) {
   std::tm &start = period->start_tm;
   std::tm &end = period->end_tm;
-  LOG_TIME(SYSTEM_LOG_ERROR, "current start_date : %s", &start);
-  LOG_TIME(SYSTEM_LOG_ERROR, "current end_date : %s", &end);
+  LOG_TIME(SYSTEM_LOG_PROGRESS, "current start_date : %s", &start);
+  LOG_TIME(SYSTEM_LOG_PROGRESS, "current end_date : %s", &end);
 
   start.tm_year = add_wrapping(start.tm_year, 1);
   end.tm_year = add_wrapping(end.tm_year, 1);
   follow_february_end(&start, period->start_date_leap_year_f, add_wrapping(start.tm_year, 1900));
   follow_february_end(&end, period->end_date_leap_year_f, add_wrapping(end.tm_year, 1900));
 
-  LOG_TIME(SYSTEM_LOG_ERROR, "next start_date : %s", &start);
-  LOG_TIME(SYSTEM_LOG_ERROR, "next end_date : %s", &end);
+  LOG_TIME(SYSTEM_LOG_PROGRESS, "next start_date : %s", &start);
+  LOG_TIME(SYSTEM_LOG_PROGRESS, "next end_date : %s", &end);
   return update_disable_period_db(period);
 }
 
@@ -194,7 +189,7 @@ static int holiday_test(const dravel_item *item, time_value expire) {
     return SKIP_NO;
   const int decision = can_skip_timer(item, expire);
   if (decision == SKIP_REFUSED)
-    LOGE_OF(get_next_expire_date, "timer is disabled\n");
+    LOGP_OF(get_next_expire_date, "timer is disabled\n");
   return decision;
 }
 
@@ -301,7 +296,7 @@ int get_next_expire_date(const dravel_item *item, std::tm *expire) {
 int can_skip_standby(const std::tm *standby, int timer_id) {
   const time_value standby_time = unsigned_timegm(standby);
   if (ontimer_list == nullptr) {
-    LOGE("ontimer list is null");
+    LOGP("ontimer list is null");
     return 0;
   }
   LOG_TIME(SYSTEM_LOG_DEBUG, "check on timer to skip standby timer: %s", standby);
@@ -462,7 +457,7 @@ dravel_item *find_dravel_item(int timer_id) {
 }
 
 Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason) {
-  LOGE("remove_dravel_item: [%d]", item->timer_id);
+  LOGP("remove_dravel_item: [%d]", item->timer_id);
   dravel_list = eina_list_remove(dravel_list, item);
   rebuild_onoff_timer_lists();
 
@@ -476,7 +471,7 @@ Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason) {
   }
   state_timer_removed(item->timer_id, reason);
   g_free(item);
-  LOGE("complate remove_dravel_item");
+  LOGP("complate remove_dravel_item");
   return dravel_list;
 }
 
@@ -493,7 +488,7 @@ void check_over_max_timer_num(void) {
     if (oldest == nullptr || item->timer_id < oldest->timer_id)
       oldest = item;
   }
-  LOGE("over the max timer num, remove: %d", oldest->timer_id);
+  LOGP("over the max timer num, remove: %d", oldest->timer_id);
   cancel_ecore_timer(oldest->timer_id);
   remove_dravel_item(oldest, removal_reason::kEvicted);
 }
@@ -520,10 +515,10 @@ static int store_new(dravel_item *item) {
 }
 
 Eina_List *add_dravel_item(dravel_item *item) {
-  LOGE("add_dravel_item");
+  LOGP("add_dravel_item");
   if (has_type(item, TIMER_TYPE_TRANSIENT)) {
     item->timer_id = take_transient_timer_id();
-    LOGE("timer_id: %d", item->timer_id);
+    LOGP("timer_id: %d", item->timer_id);
   } else {
     check_over_max_timer_num();
     if (store_new(item) != 0) {
@@ -557,7 +552,7 @@ static int dravel_item_db_cb(const dravel_item *row) {
   if (find_dravel_item(row->timer_id) != nullptr)
     return 0;
   if (is_dropped_by_cold_start(row)) {
-    LOGE("On/Off timers are removed\n");
+    LOGP("On/Off timers are removed\n");
     if (delete_dravel_item_db(row->timer_id) != 0)
       LOGE("failed to save dravel item to the DB\n");
     return 0;
@@ -574,7 +569,7 @@ static int dravel_item_db_cb(const dravel_item *row) {
 
 Eina_List *load_dravel_list(void) {
   load_wakeup_reason = device_power_get_wakeup_reason();
-  LOGE("wakeup reason : %d\n", load_wakeup_reason);
+  LOGP("wakeup reason : %d\n", load_wakeup_reason);
   load_dravel_db(dravel_item_db_cb);
   rebuild_onoff_timer_lists();
   state_touched();
@@ -621,6 +616,7 @@ Eina_List *add_disabled_period_item(disabled_period_item *period) {
     return nullptr;
   }
   disabled_period_list = eina_list_append(disabled_period_list, period);
+  state_touched();
   return disabled_period_list;
 }
 
@@ -630,6 +626,7 @@ Eina_List *remove_disabled_period_item(disabled_period_item *period) {
     return nullptr;
   }
   disabled_period_list = eina_list_remove(disabled_period_list, period);
+  state_touched();
   g_free(period);
   return disabled_period_list;
 }

@@ -15,20 +15,20 @@
 // the clock is not known the timers stay unarmed.
 static Eina_Bool _schedule_dravel(void *) {
   Eina_List *timers = load_dravel_list();
-  LOGE("start scheduling...");
-  LOGE("is time update [%d]", get_kinto_time_updated());
+  LOGP("start scheduling...");
+  LOGP("is time update [%d]", get_kinto_time_updated());
   if (get_kinto_time_updated() != 0) {
     for (dravel_item *item : items_of<dravel_item>(timers)) {
       cancel_ecore_timer(item->timer_id); // an earlier bus call may have armed it
       if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
-        LOGE("timer doesn't have next expire date (%s)", "_schedule_dravel");
+        LOGP("timer doesn't have next expire date (%s)", "_schedule_dravel");
         remove_dravel_item(item);
       }
     }
     replace_removed_ontimer();
     create_dravel_finish_file();
   }
-  LOGE("end scheduling...");
+  LOGP("end scheduling...");
   return ECORE_CALLBACK_CANCEL;
 }
 

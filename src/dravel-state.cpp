@@ -57,6 +57,7 @@ struct shown_state {
   int halt_off;
   unsigned stored;
   unsigned limit;
+  std::vector<int> periods; // the ids of the disabled periods
 };
 
 struct state_property {
@@ -72,12 +73,13 @@ struct state_property {
 static E_DBus_Connection *state_bus;
 static E_DBus_Object *state_object;
 static E_DBus_Interface *state_interface;
-static shown_state announced;
+static shown_state seen; // at the end of the last pass
 
 static Ecore_Idle_Enterer *end_of_pass;
 static Ecore_Timer *end_of_burst;
 static double sent_at = -kBurstSeconds;
 static std::vector<timer_change> timer_changes;
+static std::vector<const char *> changed_properties;
 static std::vector<int> fired_timers;
 static unsigned clock_settings;
 
@@ -105,6 +107,14 @@ static unsigned stored_timers(void) {
   return count;
 }
 
+static std::vector<int> period_ids(void) {
+  std::vector<int> ids;
+  for (const disabled_period_item *period :
+       items_of<disabled_period_item>(get_disabled_period_list()))
+    ids.push_back(period->period_id);
+  return ids;
+}
+
 static shown_state current_state(void) {
   shown_state state{};
   state.version = DRAVEL_VERSION;
@@ -118,6 +128,7 @@ static shown_state current_state(void) {
   state.halt_off = offtimer_halt;
   state.stored = stored_timers();
   state.limit = kMaxTimerNum;
+  state.periods = period_ids();
   return state;
 }
 
@@ -141,6 +152,14 @@ static void append_armed(const shown_state &state, DBusMessageIter *out) {
   for (const armed_timer &timer : state.armed)
     append_struct(&timers, {{DBUS_TYPE_INT32, &timer.timer_id}, {DBUS_TYPE_UINT32, &timer.expiry}});
   dbus_message_iter_close_container(out, &timers);
+}
+
+static void append_periods(const shown_state &state, DBusMessageIter *out) {
+  DBusMessageIter ids;
+  dbus_message_iter_open_container(out, DBUS_TYPE_ARRAY, DBUS_TYPE_INT32_AS_STRING, &ids);
+  for (const int id : state.periods)
+    dbus_message_iter_append_basic(&ids, DBUS_TYPE_INT32, &id);
+  dbus_message_iter_close_container(out, &ids);
 }
 
 static void append_wakeup(const shown_state &state, DBusMessageIter *out) {
@@ -176,6 +195,7 @@ static constexpr state_property kProperties[] = {
      differs<&shown_state::stored>},
     {"Limit", "u", E_DBUS_PROPERTY_CONST, append_basic<&shown_state::limit, DBUS_TYPE_UINT32>,
      differs<&shown_state::limit>},
+    {"DisabledPeriods", "ai", E_DBUS_PROPERTY_SENT, append_periods, differs<&shown_state::periods>},
 };
 
 static void get_property(E_DBus_Object *, const char *name, DBusMessageIter *out) {
@@ -195,19 +215,25 @@ static void send_change(const timer_change &change) {
   dbus_message_unref(signal);
 }
 
+// What changes and changes back before the next signals is announced too: a client may have read it
+// in between.
+static void note_changed_properties(void) {
+  shown_state state = current_state();
+  for (const state_property &property : kProperties) {
+    if (property.differs(state, seen) &&
+        std::ranges::find(changed_properties, property.name) == changed_properties.end())
+      changed_properties.push_back(property.name);
+  }
+  seen = std::move(state);
+}
+
 // Returns whether anything was sent.
 static bool send_changed_properties(void) {
-  shown_state state = current_state();
-  std::vector<const char *> names;
-  for (const state_property &property : kProperties) {
-    if (property.differs(state, announced))
-      names.push_back(property.name);
-  }
-  announced = std::move(state);
-  if (names.empty())
+  if (changed_properties.empty())
     return false;
-  names.push_back(nullptr);
-  e_dbus_properties_changed(state_object, state_interface, names.data());
+  changed_properties.push_back(nullptr);
+  e_dbus_properties_changed(state_object, state_interface, changed_properties.data());
+  changed_properties.clear();
   return true;
 }
 
@@ -223,14 +249,16 @@ static void send_gathered(void) {
 
 static Eina_Bool end_of_burst_cb(void *) {
   end_of_burst = nullptr;
+  note_changed_properties();
   send_gathered();
   return ECORE_CALLBACK_CANCEL;
 }
 
 static Eina_Bool end_of_pass_cb(void *) {
   end_of_pass = nullptr;
+  note_changed_properties();
   const double wait = sent_at + kBurstSeconds - ecore_loop_time_get();
-  if (wait > 0)
+  if (wait > 0 && end_of_burst == nullptr)
     end_of_burst = ecore_timer_add(wait, end_of_burst_cb, nullptr);
   if (end_of_burst == nullptr)
     send_gathered();
@@ -238,7 +266,7 @@ static Eina_Bool end_of_pass_cb(void *) {
 }
 
 void state_touched(void) {
-  if (end_of_pass == nullptr && end_of_burst == nullptr)
+  if (end_of_pass == nullptr)
     end_of_pass = ecore_idle_enterer_add(end_of_pass_cb, nullptr);
 }
 
@@ -317,5 +345,5 @@ void init_state_object(E_DBus_Connection *bus) {
   e_dbus_interface_signal_add(state_interface, kChangedSignal, "i");
   e_dbus_interface_signal_add(state_interface, kRemovedSignal, "is");
   e_dbus_object_interface_attach(state_object, state_interface);
-  announced = current_state();
+  seen = current_state();
 }

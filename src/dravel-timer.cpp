@@ -103,7 +103,7 @@ static bool is_tv_clock_known(void) {
 // Creates an empty file. True when it existed already.
 static bool leave_marker(const char *path, const char *operation = __builtin_FUNCTION()) {
   if (access(path, F_OK) == 0) {
-    LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s file exist", path);
+    LOG_FROM(operation, SYSTEM_LOG_PROGRESS, "%s file exist", path);
     return true;
   }
   const int fd = open(path, O_CREAT | O_RDONLY | O_CLOEXEC, 0644);
@@ -111,7 +111,7 @@ static bool leave_marker(const char *path, const char *operation = __builtin_FUN
     LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s create failed", path);
     return false;
   }
-  LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s file create", path);
+  LOG_FROM(operation, SYSTEM_LOG_PROGRESS, "%s file create", path);
   close(fd);
   return false;
 }
@@ -122,7 +122,7 @@ void create_dravel_finish_file(void) {
 }
 
 Eina_Bool wait_dravel_finish_cb(void *) {
-  LOGE("time is not set");
+  LOGP("time is not set");
   finish_wait_timer = nullptr;
   create_dravel_finish_file();
   return ECORE_CALLBACK_CANCEL;
@@ -193,7 +193,7 @@ int schedule_micom_ontimer(int timer_id, const std::tm *expire, unsigned int typ
   }
   micom_ontimer = {timer_id, is_utc ? 1 : 0, unsigned_timegm(&ontime), type, priority};
   state_touched();
-  LOGE("[micom ontime] : %s", time_str(micom_ontimer.ontime));
+  LOGP("[micom ontime] : %s", time_str(micom_ontimer.ontime));
 
   if (set_power_control_wakeup_timer(type, micom_ontimer.ontime) != 0) {
     LOGE("Failed to set_power_control_wakeup_timer\n");
@@ -254,7 +254,7 @@ int find_duplicate_ontimer(const dravel_item *item, dravel_item **out) {
     return -1;
   }
   if (get_ontimer_list() == nullptr) {
-    LOGE("ontimerlist is null");
+    LOGP("ontimerlist is null");
     return -1;
   }
 
@@ -346,7 +346,7 @@ static bool leave_out_offtimers(const set_time &on, std::span<const set_time> of
 
 int get_next_ontimer_not_overlap_with_offtimer(dravel_item **item, std::tm *expire) {
   if (get_ontimer_list() == nullptr) {
-    LOGE("ontimerlist is null");
+    LOGP("ontimerlist is null");
     return -1;
   }
 
@@ -423,7 +423,7 @@ static int distance_to(time_value expire_time, const std::tm &expire_tm, time_va
   if (expire_time >= now)
     return 0;
 
-  LOGE_OF(schedule_dravel_item, "invalied time : %s", time_str(expire_time));
+  LOGP_OF(schedule_dravel_item, "invalied time : %s", time_str(expire_time));
   std::tm now_tm;
   unsigned_gmtime_r(now, &now_tm);
   LOGI_OF(schedule_dravel_item, "schedule_dravel_item, expired_timer_year: %d, curtime_year: %d \n",
@@ -502,18 +502,18 @@ static void reconsider_micom_ontimer(const dravel_item *item, time_value expire_
 }
 
 int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
-  LOGE("start schedule timer_id[%d] week_flag[0x%x] disable_effect[%d] time_type[%d]",
+  LOGP("start schedule timer_id[%d] week_flag[0x%x] disable_effect[%d] time_type[%d]",
        item->timer_id, static_cast<unsigned>(item->week_flag), item->disable_period_effect,
        item->time_type);
   time_value now = 0;
   if (get_cur_time_or_rtc(&now, item->time_type) != 0)
     return SCHEDULE_TIME_UNKNOWN;
-  LOGE("curtime : %s", time_str(now));
+  LOGP("curtime : %s", time_str(now));
 
   std::tm expire_tm{};
   const int result = get_next_expire_date(item, &expire_tm);
   if (result != 0) {
-    LOGE("get_next_expire_date~~~error code : %d\n", result);
+    LOGP("get_next_expire_date~~~error code : %d\n", result);
     return result;
   }
   if (has_type(item, TIMER_TYPE_STANDBY) && can_skip_standby(&expire_tm, item->timer_id) != 0)
@@ -526,21 +526,21 @@ int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
   const bool avoid_reboot = fires_in_current_minute(now, expire_tm, timediff);
   const time_value local_ontime = pending_local_ontime(now);
 
-  LOGE("expire_time : %s", time_str(expire_time));
+  LOGP("expire_time : %s", time_str(expire_time));
   LOGI("timediff : %lu", as_ulong(timediff));
   LOGI("micom_ontime : %s", time_str(micom_ontimer.ontime));
   LOGI("local_ontime : %s", time_str(local_ontime));
   LOGD("expire_time : %lu", as_ulong(expire_time));
   LOGD("micom_ontime : %lu", as_ulong(micom_ontimer.ontime));
-  LOGE("ontimer_list_count %d, offtimer_list_count %d",
+  LOGP("ontimer_list_count %d, offtimer_list_count %d",
        static_cast<int>(eina_list_count(get_ontimer_list())),
        static_cast<int>(eina_list_count(get_offtimer_list())));
   if (timediff > kMaxDistanceSeconds) {
-    LOGE("!!!timediff couldn't be greater than one year~~~\n");
+    LOGP("!!!timediff couldn't be greater than one year~~~\n");
     return SCHEDULE_NEVER_FIRES;
   }
 
-  LOGE("scheduled item id: %d, type: %d", item->timer_id, item->type);
+  LOGP("scheduled item id: %d, type: %d", item->timer_id, item->type);
   if (arm(item, cb, data, timediff, expire_time) != 0)
     return SCHEDULE_NEVER_FIRES;
   reconsider_micom_ontimer(item, expire_time, local_ontime, avoid_reboot);
@@ -601,13 +601,13 @@ static void rearm_next_ontimer(void) {
   if (get_next_ontimer_not_overlap_with_offtimer(&chosen, &expire) != 0)
     return;
   cancel_ecore_timer(chosen->timer_id);
-  arm_or_remove(chosen, "cancel_dravel_item", SYSTEM_LOG_ERROR);
+  arm_or_remove(chosen, "cancel_dravel_item", SYSTEM_LOG_PROGRESS);
   replace_removed_ontimer();
 }
 
 void cancel_dravel_item(dravel_item *item, removal_reason reason) {
   LOGD("timer:%d canceled\n", item->timer_id);
-  LOGE("timer_item %p", static_cast<void *>(item));
+  LOGP("timer_item %p", static_cast<void *>(item));
   const int timer_id = item->timer_id;
   const bool is_offtimer = has_type(item, TIMER_TYPE_OFF);
   const bool had_ontimers = get_ontimer_list() != nullptr;
@@ -672,11 +672,11 @@ static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
 }
 
 void adjust_dravel_all_items(struct settings_key *changed, void *) {
-  LOGE("adjust_all_timers");
+  LOGP("adjust_all_timers");
   if (changed != nullptr)
     state_clock_set();
   disable_programmed_ontimer();
-  LOGE("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
+  LOGP("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
 
   clock_reading clocks;
   read_clocks(&clocks);
@@ -696,11 +696,11 @@ void adjust_dravel_all_items(struct settings_key *changed, void *) {
 
 void reschedule_all_timers(void) {
   state_clock_set();
-  LOGE("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
+  LOGP("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
   disable_programmed_ontimer();
   for (dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
     cancel_ecore_timer(item->timer_id);
-    arm_or_remove(item, __func__, SYSTEM_LOG_ERROR);
+    arm_or_remove(item, __func__, SYSTEM_LOG_PROGRESS);
   }
   replace_removed_ontimer();
 }
@@ -713,7 +713,7 @@ static void start_with_valid_time(void) {
 }
 
 Eina_Bool adjust_wait_timer_cb(void *) {
-  LOGE("failed auto_time_set");
+  LOGP("failed auto_time_set");
   adjust_wait_timer = nullptr;
   set_kinto_time_updated(1);
   reschedule_all_timers();
@@ -728,7 +728,7 @@ Eina_Bool wait_cur_time_cb(void *) {
 }
 
 static int power_poweroff_cb(int option, void *) {
-  LOGE("poweroff option: %d", option);
+  LOGP("poweroff option: %d", option);
   if (is_resetting_poweroff(option)) {
     LOGI("reset dravel db");
     reset_dravel_db();
@@ -738,7 +738,7 @@ static int power_poweroff_cb(int option, void *) {
 }
 
 static int power_standby_cb(int option, void *) {
-  LOGE("standby option: %d", option);
+  LOGP("standby option: %d", option);
   set_kinto_time_updated(0);
   set_wakeup_state(0);
   update_micom_ontimer();
@@ -746,7 +746,7 @@ static int power_standby_cb(int option, void *) {
 }
 
 static int ambient_power_off_cb(void *) {
-  LOGE("into the ambient suspend mode");
+  LOGP("into the ambient suspend mode");
   set_kinto_time_updated(0);
   set_wakeup_state(0);
   update_micom_flag();
@@ -775,7 +775,7 @@ static void react_to_wakeup(system_log_priority priority,
 }
 
 static int power_wakeup_cb(int reason, void *) {
-  LOGE("wakeup reason: %d", reason);
+  LOGP("wakeup reason: %d", reason);
   react_to_wakeup(SYSTEM_LOG_DEBUG);
   return 0;
 }
@@ -785,7 +785,7 @@ static int power_state_changed(const void *record, void *) {
   std::memcpy(&event, record, sizeof event);
   const int state = event.state;
   const int ambient_mode = event.ambient_mode;
-  LOGE("power_state_changed, [%d], [%d]", state, ambient_mode);
+  LOGP("power_state_changed, [%d], [%d]", state, ambient_mode);
   if (!is_ambient_low_power(state, ambient_mode))
     return 0;
   LOGI("into the ambient low power mode");
@@ -847,7 +847,7 @@ void unregister_ambient_mode_cb(void) {
 
 Eina_Bool retry_adjust_all_timers(void *) {
   if (get_auto_clock_mode_time_update() == 0) {
-    LOGE("retry_adjust_all_timers, clock mode change but time not update.");
+    LOGP("retry_adjust_all_timers, clock mode change but time not update.");
     return ECORE_CALLBACK_RENEW;
   }
   adjust_dravel_all_items(nullptr, nullptr);
@@ -856,7 +856,7 @@ Eina_Bool retry_adjust_all_timers(void *) {
 }
 
 static void clock_mode_changed(struct settings_key *, void *) {
-  LOGE("clock_mode_changed");
+  LOGP("clock_mode_changed");
   int mode = 0;
   if (settings_get_int(kSettingsClockMode, &mode) != 0)
     return;

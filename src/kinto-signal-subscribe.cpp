@@ -13,7 +13,7 @@ static int SystemTimeUpdatedEvent(ESignalType type, EProfile, std::uint16_t, TSS
     LOGI("unexpected event");
     return 0;
   }
-  LOGE("SIGNAL_SYSTEM_TIME_UPDATED event");
+  LOGP("SIGNAL_SYSTEM_TIME_UPDATED event");
   auto_time_set();
   return 0;
 }

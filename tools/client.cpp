@@ -154,6 +154,17 @@ static std::string text_of(GVariant *properties, const char *name) {
   return text;
 }
 
+bool read_wakeup(GVariant *properties, wakeup_time &wakeup) {
+  std::uint32_t at = 0;
+  gboolean is_utc = FALSE;
+  if (g_variant_lookup(properties, "Wakeup", "(iuib)", &wakeup.id, &at, &wakeup.type, &is_utc) ==
+      FALSE)
+    return false;
+  wakeup.at = civil(at);
+  wakeup.is_utc = is_utc != FALSE;
+  return true;
+}
+
 static void fill_state(snapshot &view, GVariant *properties) {
   view.version = text_of(properties, "Version");
   view.platform = text_of(properties, "Platform");
@@ -171,15 +182,12 @@ static void fill_state(snapshot &view, GVariant *properties) {
   if (g_variant_lookup(properties, "Limit", "u", &limit) != FALSE)
     view.limit = limit;
 
-  std::uint32_t at = 0;
-  gboolean is_utc = FALSE;
-  if (g_variant_lookup(properties, "Wakeup", "(iuib)", &view.wakeup.id, &at, &view.wakeup.type,
-                       &is_utc) != FALSE)
-    view.wakeup = {view.wakeup.id, civil(at), view.wakeup.type, is_utc != FALSE};
+  read_wakeup(properties, view.wakeup);
   GVariantIter *armed = nullptr;
   if (g_variant_lookup(properties, "Armed", "a(iu)", &armed) == FALSE)
     return;
   int id = 0;
+  std::uint32_t at = 0;
   while (g_variant_iter_next(armed, "(iu)", &id, &at) != FALSE)
     view.armed[id] = civil(at);
   g_variant_iter_free(armed);

@@ -22,6 +22,9 @@ failure usage(const std::string &what, const std::string &advice = "");
 
 inline constexpr const char *kLogHint = "its log says why: journalctl -t DRAVEL_MANAGER";
 
+// False when the property is not among them.
+bool read_wakeup(GVariant *properties, wakeup_time &wakeup);
+
 class client {
 public:
   // Throws a failure when there is no bus.

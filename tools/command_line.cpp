@@ -55,7 +55,7 @@ void command_line::define_timer_commands() {
                 "Let the timer with the smallest id go when there is no room");
   std::string types = "Types:";
   for (const timer_type &type : kTimerTypes) {
-    std::string name = type.name;
+    std::string name = type.word;
     name.resize(15, ' ');
     types += "\n  " + name + type.meaning;
   }

@@ -148,7 +148,7 @@ static void tell_when(explanation &told, const timer_record &timer, const snapsh
 static void tell_action(explanation &told, const timer_record &timer, const snapshot &view) {
   told.sentences.push_back("It then " + type_meaning(timer.type) + ".");
   const action acts = type_action(timer.type);
-  if (is_halted(timer, view))
+  if (is_halted(timer.type, view))
     told.sentences.push_back(std::string(acts == action::kTurnOn ? "On" : "Off") +
                              "-timers are halted: it is announced and does nothing else.");
   else if (acts == action::kTurnOn)

@@ -122,9 +122,9 @@ static void write_man(const entry &entry, const std::vector<const CLI::Option *>
 static void write_types(const std::string &format) {
   for (const timer_type &type : kTimerTypes) {
     if (format == "man")
-      std::cout << ".It " << type.name << " Ta " << type.number << " Ta " << type.meaning << '\n';
+      std::cout << ".It " << type.word << " Ta " << type.number << " Ta " << type.meaning << '\n';
     else
-      std::cout << type.name << ' ';
+      std::cout << type.word << ' ';
   }
 }
 

@@ -7,14 +7,25 @@
 #include <cstring>
 #include <ctime>
 
+using namespace std::chrono;
+
+// A step of the clock is larger than reading it late, or slewing it, explains.
+static constexpr seconds kNoStep{1};
+static constexpr int kSlewed = 1000;
+
 namespace {
 
+// The monitor reads signals: what it tells of the halts, the wake-up time, the clock and the armed
+// timers is what changed from what it told before. The daemon is asked for what the signals leave
+// out.
 struct listener {
   client &daemon;
   const options &given;
   GMainLoop *loop;
   int left;           // expiries until the end, 0 for no end
-  snapshot view{};    // as it was last told
+  snapshot view{};    // as it was last read
+  snapshot told{};    // its halts, clock, armed timers and holidays were told or need not be
+  seconds told_at{};  // since the machine's start, when told.now was read
   failure ended_by{}; // without a text: by a signal or the count
   // The three signals of one expiry arrive in this order: weekdays, id, type.
   std::optional<int> week_flag{};
@@ -31,21 +42,26 @@ static void end_with(listener &self, const failure &failure) {
 // --- telling ---
 
 // No exception passes the main loop.
-static snapshot look(listener &self) {
+static void look(listener &self) {
   try {
-    return self.daemon.look();
+    self.view = self.daemon.look();
   } catch (const failure &) { // it ended; the bus says so next
-    return self.view;
   }
 }
 
-static void tell(listener &self, civil_time now, const std::string &event, const json &about,
+static seconds since_boot() {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now); // goes on while the machine sleeps
+  return seconds(now.tv_sec);
+}
+
+static void tell(listener &self, const std::string &event, const json &about,
                  const std::string &text) {
   json line;
-  add_time(line, "time", now);
+  add_time(line, "time", self.view.now.set);
   line["event"] = event;
   line.update(about);
-  say(self.given.json, line, time_text(now) + "  " + text);
+  say(self.given.json, line, time_text(self.view.now.set) + "  " + text);
   if (const failure unwritten = flush_output(); !unwritten.what.empty())
     end_with(self, unwritten);
 }
@@ -53,14 +69,16 @@ static void tell(listener &self, civil_time now, const std::string &event, const
 static void tell_expiry(listener &self, int type) {
   // An expiry whose beginning was missed is not told in part.
   if (self.id && self.week_flag) {
-    self.view = look(self);
-    tell(self, self.view.now.set, "expired",
+    look(self);
+    const bool halted = is_halted(type, self.view);
+    tell(self, "expired",
          {{"id", *self.id},
           {"type", type},
           {"type_name", type_name(type)},
-          {"days", day_names(*self.week_flag)}},
+          {"days", day_names(*self.week_flag)},
+          {"halted", halted}},
          "timer " + std::to_string(*self.id) + " expired: " + type_name(type) + ", " +
-             days_text(*self.week_flag));
+             days_text(*self.week_flag) + (halted ? ", halted" : ""));
     if (self.left > 0 && --self.left == 0)
       g_main_loop_quit(self.loop);
   }
@@ -83,62 +101,149 @@ static void hear_expiry(GDBusConnection *, const char *, const char *, const cha
     tell_expiry(self, value);
 }
 
+// --- timers ---
+
+static std::optional<civil_time> armed_for(int id, const snapshot &view) {
+  const auto armed = view.armed.find(id);
+  return armed != view.armed.end() ? std::optional(armed->second) : std::nullopt;
+}
+
+static void keep_armed(listener &self, int id) {
+  self.told.armed.erase(id);
+  if (const auto at = armed_for(id, self.view))
+    self.told.armed.emplace(id, *at);
+}
+
 static void tell_timer(listener &self, const std::string &event, int id) {
   const timer_record *timer = find_timer(self.view.timers, id);
-  json about = {{"id", id}, {"timer", timer != nullptr ? json_of(*timer, self.view) : json()}};
-  tell(self, self.view.now.set, event, about,
+  keep_armed(self, id);
+  tell(self, event, {{"id", id}, {"timer", timer != nullptr ? json_of(*timer, self.view) : json()}},
        "timer " + std::to_string(id) + " " + event +
            (timer != nullptr ? ": " + type_name(timer->type) + ", " + days_text(timer->week_flag) +
                                    ", " + next_text(*timer, self.view)
                              : ""));
 }
 
-// What changed of the halts, the clock and the wake-up time.
-static void tell_state(listener &self) {
-  const snapshot before = self.view;
-  self.view = look(self);
-  const snapshot &now = self.view;
-  if (now.halt_on != before.halt_on || now.halt_off != before.halt_off)
-    tell(self, now.now.set, "halts", {{"on", now.halt_on != 0}, {"off", now.halt_off != 0}},
-         std::string("on-timers ") + (now.halt_on != 0 ? "halted" : "active") + ", off-timers " +
-             (now.halt_off != 0 ? "halted" : "active"));
-  if (now.clock_confirmed != before.clock_confirmed || now.clock_known != before.clock_known)
-    tell(self, now.now.set, "clock",
-         {{"known", now.clock_known}, {"confirmed", now.clock_confirmed}},
-         std::string("the clock is ") + (now.clock_known ? "" : "not ") + "known, " +
-             (now.clock_confirmed ? "" : "not ") + "confirmed");
-  if (now.wakeup.id == before.wakeup.id && now.wakeup.at == before.wakeup.at)
-    return;
-  const std::string at = time_text(now.wakeup.at) + (now.wakeup.is_utc ? " UTC" : "");
-  tell(self, now.now.set, "wakeup",
-       {{"id", now.wakeup.id},
-        {"at", now.wakeup.id != 0 ? json(iso_text(now.wakeup.at)) : json()},
-        {"utc", now.wakeup.is_utc}},
-       now.wakeup.id == 0 ? "the set is programmed to wake for nothing"
-                          : "the set is programmed to wake on " + at + " for timer " +
-                                std::to_string(now.wakeup.id));
-}
-
-static void hear_state(GDBusConnection *, const char *, const char *, const char *,
+static void hear_timer(GDBusConnection *, const char *, const char *, const char *,
                        const char *member, GVariant *arguments, void *data) {
   auto &self = *static_cast<listener *>(data);
   int id = 0;
   const char *why = "";
-  if (std::strcmp(member, "PropertiesChanged") == 0)
-    return tell_state(self);
+  look(self);
   if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(is)")) != FALSE) {
     g_variant_get(arguments, "(i&s)", &id, &why);
-    tell(self, self.view.now.set, "removed", {{"id", id}, {"why", why}},
+    self.told.armed.erase(id);
+    tell(self, "removed", {{"id", id}, {"why", why}},
          "timer " + std::to_string(id) + " removed: " + why);
   } else if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(i)")) != FALSE) {
     g_variant_get(arguments, "(i)", &id);
-    const snapshot before = self.view; // tell_state() is to find what else changed
-    self.view = look(self);
     tell_timer(self, std::strcmp(member, "TimerAdded") == 0 ? "added" : "changed", id);
-    self.view.wakeup = before.wakeup;
-    self.view.halt_on = before.halt_on;
-    self.view.halt_off = before.halt_off;
   }
+}
+
+// Of the timers that stay; signals of their own tell of those that come and go.
+static void tell_armed(listener &self) {
+  for (const timer_record &timer : self.view.timers) {
+    const auto at = armed_for(timer.id, self.view);
+    const auto was = armed_for(timer.id, self.told);
+    if (at == was || find_timer(self.told.timers, timer.id) == nullptr)
+      continue;
+    json about{{"id", timer.id}};
+    add_time(about, "at", at);
+    add_time(about, "was", was);
+    tell(self, "armed", about,
+         "timer " + std::to_string(timer.id) + " is now " +
+             (at ? "armed for " + time_text(*at) : "not armed"));
+    keep_armed(self, timer.id);
+  }
+  self.told.timers = self.view.timers;
+}
+
+// --- the set ---
+
+static void tell_halts(listener &self) {
+  const bool on = self.told.halt_on != 0;
+  const bool off = self.told.halt_off != 0;
+  tell(self, "halts", {{"on", on}, {"off", off}},
+       std::string("on-timers ") + (on ? "halted" : "active") + ", off-timers " +
+           (off ? "halted" : "active"));
+}
+
+static void tell_wakeup(listener &self, const wakeup_time &wakeup) {
+  json about{{"id", wakeup.id}};
+  add_time(about, "at", wakeup.id != 0 ? std::optional(wakeup.at) : std::nullopt, wakeup.is_utc);
+  tell(self, "wakeup", about,
+       wakeup.id == 0
+           ? "the set is programmed to wake for nothing"
+           : "the set is programmed to wake on " + time_text(wakeup.at) +
+                 (wakeup.is_utc ? " UTC" : "") + " for timer " + std::to_string(wakeup.id));
+}
+
+static void tell_clock(listener &self, bool confirmed) {
+  const bool known = self.view.clock_known;
+  if (known != self.told.clock_known || confirmed != self.told.clock_confirmed)
+    tell(self, "clock", {{"known", known}, {"confirmed", confirmed}},
+         std::string("the clock is ") + (known ? "" : "not ") + "known, " +
+             (confirmed ? "" : "not ") + "confirmed");
+  self.told.clock_known = known;
+  self.told.clock_confirmed = confirmed;
+}
+
+// The daemon announces each setting of the clock; most leave it as it was.
+static void tell_step(listener &self) {
+  const seconds passed = since_boot() - self.told_at;
+  const seconds step = self.view.now.set - (self.told.now.set + passed);
+  self.told.now = self.view.now;
+  self.told_at += passed;
+  if (!self.view.clock_known || abs(step) <= kNoStep + passed / kSlewed)
+    return;
+  tell(self, "clock-set", {{"by", step.count()}},
+       "the clock was set " + std::string(step > 0s ? "forward" : "back") + " by " +
+           span_text(abs(step)));
+}
+
+static void tell_holiday(listener &self, const char *event, const holiday &period) {
+  tell(self, std::string("holidays-") + event, {{"holidays", json_of(period)}},
+       "holidays " + std::to_string(period.id) + " " + event + ": " + date_text(period.first) +
+           " to " + date_text(period.last));
+}
+
+static void tell_holidays(listener &self) {
+  const auto has = [](const snapshot &view, const holiday &period) {
+    return std::ranges::find(view.holidays, period.id, &holiday::id) != view.holidays.end();
+  };
+  for (const holiday &period : self.view.holidays)
+    if (!has(self.told, period))
+      tell_holiday(self, "added", period);
+  for (const holiday &period : self.told.holidays)
+    if (!has(self.view, period))
+      tell_holiday(self, "removed", period);
+  self.told.holidays = self.view.holidays;
+}
+
+static void hear_properties(GDBusConnection *, const char *, const char *, const char *,
+                            const char *, GVariant *arguments, void *data) {
+  auto &self = *static_cast<listener *>(data);
+  if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(sa{sv}as)")) == FALSE)
+    return;
+  look(self);
+  g_autoptr(GVariant) values = g_variant_get_child_value(arguments, 1);
+  const bool halted_on = g_variant_lookup(values, "HaltOn", "i", &self.told.halt_on) != FALSE;
+  if (g_variant_lookup(values, "HaltOff", "i", &self.told.halt_off) != FALSE || halted_on)
+    tell_halts(self);
+  gboolean confirmed = self.told.clock_confirmed ? TRUE : FALSE;
+  g_variant_lookup(values, "ClockConfirmed", "b", &confirmed);
+  tell_clock(self, confirmed != FALSE);
+  if (wakeup_time wakeup; read_wakeup(values, wakeup))
+    tell_wakeup(self, wakeup);
+  tell_holidays(self);
+  const char **names = nullptr;
+  g_variant_get_child(arguments, 2, "^a&s", &names);
+  if (g_strv_contains(names, "Clock") != FALSE)
+    tell_step(self);
+  if (g_strv_contains(names, "Armed") != FALSE)
+    tell_armed(self);
+  g_free(static_cast<void *>(names));
 }
 
 // --- the loop ---
@@ -155,7 +260,9 @@ static void lose_bus(GDBusConnection *, gboolean, GError *, void *data) {
 
 static void tell_appeared(GDBusConnection *, const char *, const char *, void *data) {
   auto &self = *static_cast<listener *>(data);
-  self.view = look(self);
+  look(self);
+  self.told = self.view;
+  self.told_at = since_boot();
   std::fputs("dravel-manager is running; Ctrl-C ends the monitor.\n", stderr);
 }
 
@@ -178,8 +285,8 @@ void monitor(client &client, const options &given) {
   // Before the name is watched, so that nothing is missed once the daemon is said to run.
   const unsigned signals[] = {
       subscribe(kDravelBusName, kDravelObjectPath, hear_expiry),
-      subscribe(kStateInterface, kStateObjectPath, hear_state),
-      subscribe("org.freedesktop.DBus.Properties", kStateObjectPath, hear_state)};
+      subscribe(kStateInterface, kStateObjectPath, hear_timer),
+      subscribe("org.freedesktop.DBus.Properties", kStateObjectPath, hear_properties)};
   const unsigned name =
       g_bus_watch_name_on_connection(bus, kDravelBusName, G_BUS_NAME_WATCHER_FLAGS_NONE,
                                      tell_appeared, tell_vanished, &self, nullptr);

@@ -70,8 +70,8 @@ failure flush_output() {
 
 // --- timers and holidays ---
 
-bool is_halted(const timer_record &timer, const snapshot &view) {
-  const action acts = type_action(timer.type);
+bool is_halted(int type, const snapshot &view) {
+  const action acts = type_action(type);
   return (acts == action::kTurnOn && view.halt_on != 0) ||
          (acts == action::kPowerOff && view.halt_off != 0);
 }
@@ -85,12 +85,12 @@ std::string next_text(const timer_record &timer, const snapshot &view) {
   const auto armed = view.armed.find(timer.id);
   if (armed == view.armed.end())
     return "not armed";
-  return firing_text(armed->second, view.now.set) + (is_halted(timer, view) ? ", halted" : "");
+  return firing_text(armed->second, view.now.set) + (is_halted(timer.type, view) ? ", halted" : "");
 }
 
-void add_time(json &to, const std::string &name, std::optional<civil_time> time) {
+void add_time(json &to, const std::string &name, std::optional<civil_time> time, bool is_utc) {
   if (time) {
-    const zoned_time zoned = in_zone(*time);
+    const zoned_time zoned = is_utc ? from_utc(*time) : in_zone(*time);
     to[name] = zoned.iso;
     to[name + "_seconds"] = zoned.since_1970;
   } else {
@@ -105,13 +105,8 @@ json json_of(const timer_record &timer, const snapshot &view) {
   json object = {{"id", timer.id}, {"type", timer.type}, {"type_name", type_name(timer.type)}};
   add_time(object, "next", is_armed ? std::optional(armed->second) : std::nullopt);
   object["armed"] = is_armed;
-  object["halted"] = is_halted(timer, view);
-  if (timer.clock == TIME_TYPE_INTERNET) { // counts UTC
-    object["at"] = iso_text(timer.at) + "+00:00";
-    object["at_seconds"] = timer.at.time_since_epoch().count();
-  } else {
-    add_time(object, "at", timer.at);
-  }
+  object["halted"] = is_halted(timer.type, view);
+  add_time(object, "at", timer.at, timer.clock == TIME_TYPE_INTERNET);
   object["days"] = day_names(timer.week_flag);
   object["priority"] = timer.priority;
   object["delay"] = timer.delay;

@@ -37,7 +37,7 @@ void print_note(const std::string &text);
 // A failure without a text when all output has been written.
 failure flush_output();
 
-bool is_halted(const timer_record &timer, const snapshot &view);
+bool is_halted(int type, const snapshot &view);
 std::string title_of(const timer_record &timer); // "timer 3 (off, daily)"
 std::string next_text(const timer_record &timer, const snapshot &view);
 
@@ -45,4 +45,5 @@ json json_of(const timer_record &timer, const snapshot &view);
 json json_of(const holiday &holiday);
 
 // `name` and `name`_seconds, the latter since 1970; null for no time.
-void add_time(json &to, const std::string &name, std::optional<civil_time> time);
+void add_time(json &to, const std::string &name, std::optional<civil_time> time,
+              bool is_utc = false);

@@ -52,10 +52,10 @@ static json json_of_status(const snapshot &view, const std::optional<timer_recor
   object["next_on"] = timer_or_null(next_of(action::kTurnOn, view));
   object["next_off"] = timer_or_null(next_of(action::kPowerOff, view));
   object["wakeup"] = nullptr;
-  if (view.wakeup.id != 0)
-    object["wakeup"] = {{"id", view.wakeup.id},
-                        {"at", iso_text(view.wakeup.at) + (view.wakeup.is_utc ? "+00:00" : "")},
-                        {"type", view.wakeup.type}};
+  if (view.wakeup.id != 0) {
+    object["wakeup"] = {{"id", view.wakeup.id}, {"type", view.wakeup.type}};
+    add_time(object["wakeup"], "at", view.wakeup.at, view.wakeup.is_utc);
+  }
   object["woken_by"] = timer_or_null(woken_by ? &*woken_by : nullptr);
   object["platform"] = view.platform;
   object["version"] = {{"dravel-manager", view.version}, {"dravelctl", DRAVEL_VERSION}};

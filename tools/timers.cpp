@@ -109,10 +109,7 @@ GVariant *arguments_of(const holiday &holiday, year year) {
 
 // --- the next firing ---
 
-bool turns_the_set_on(int type) {
-  return type >= 0 && type <= TIMER_TYPE_ONTIMER_MAX && type != TIMER_TYPE_OFF &&
-         type != TIMER_TYPE_TRANSIENT && type != TIMER_TYPE_AMBIENT_OFF;
-}
+bool turns_the_set_on(int type) { return is_ontimer_type(type); }
 
 const timer_record *find_timer(const std::vector<timer_record> &timers, int id) {
   const auto found = std::ranges::find(timers, id, &timer_record::id);

@@ -37,7 +37,7 @@ static bool rests(sys_days day, const snapshot &view) {
 }
 
 static cell cell_of(const timer_record &timer, const snapshot &view) {
-  if (is_halted(timer, view))
+  if (is_halted(timer.type, view))
     return kHalted;
   switch (type_action(timer.type)) {
   case action::kTurnOn:
@@ -102,7 +102,7 @@ static json json_of(const std::vector<firing> &firings, const snapshot &view) {
     if (timer != nullptr)
       object["type_name"] = type_name(timer->type);
     add_time(object, "at", firing.at);
-    object["halted"] = timer != nullptr && is_halted(*timer, view);
+    object["halted"] = timer != nullptr && is_halted(timer->type, view);
     list.push_back(object);
   }
   return list;

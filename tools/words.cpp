@@ -19,36 +19,6 @@ static constexpr struct {
   int week_flag;
 } kDayGroups[] = {{"daily", kEveryDay}, {"weekdays", kWorkingDays}, {"weekend", kWeekend}};
 
-// The micro-controller is programmed for such a timer, but the daemon does not turn the set on.
-static constexpr const char *kWakesAndIsAnnounced = "wakes a sleeping set and is announced";
-
-// Named after what the daemon does; what the reasons stand for is the set's own business.
-const std::vector<timer_type> kTimerTypes = {
-    {TIMER_TYPE_ON, "on", action::kTurnOn, "turns the set on"},
-    {TIMER_TYPE_OFF, "off", action::kPowerOff, "powers the set off"},
-    {2, "wake-20", action::kTurnOn, "wakes the set, reason 20"},
-    {3, "wake-5", action::kTurnOn, "wakes the set, reason 5"},
-    {4, "announce", action::kNone, kWakesAndIsAnnounced},
-    {5, "wake-28", action::kTurnOn, "wakes the set, reason 28"},
-    {TIMER_TYPE_STANDBY, "standby", action::kTurnOn,
-     "wakes the set, reason 30, unless an on-timer follows within ten minutes"},
-    {7, "wake-33", action::kTurnOn, "wakes the set, reason 33"},
-    {8, "wake-36", action::kTurnOn, "wakes the set, reason 36"},
-    {TIMER_TYPE_ALWAYS, "always", action::kNone,
-     "wakes a sleeping set and is announced, on holidays too"},
-    {TIMER_TYPE_TRANSIENT, "transient-off", action::kPowerOff,
-     "powers the set off; lost when the daemon ends"},
-    {11, "wake-74", action::kTurnOn, "wakes the set, reason 74"},
-    {12, "announce-12", action::kNone, kWakesAndIsAnnounced},
-    {TIMER_TYPE_REPLACING, "replacing", action::kTurnOn,
-     "wakes the set, reason 92; replaces an equal timer"},
-    {14, "wake-99", action::kTurnOn, "wakes the set, reason 99"},
-    {TIMER_TYPE_AMBIENT_ON, "ambient-on", action::kTurnOn,
-     "wakes the set into ambient mode, reason 89"},
-    {TIMER_TYPE_AMBIENT_OFF, "ambient-off", action::kPowerOff,
-     "powers the set off from ambient mode"},
-};
-
 const std::vector<std::string> kClockNames = {"broadcast", "internet", "rtc"};
 const std::vector<std::string> kDayNames = {"sunday",   "monday", "tuesday", "wednesday",
                                             "thursday", "friday", "saturday"};
@@ -67,26 +37,23 @@ static std::string lower(std::string text) {
 
 // --- words for numbers ---
 
-static const timer_type *find_type(int number) {
-  const auto found = std::ranges::find(kTimerTypes, number, &timer_type::number);
-  return found != kTimerTypes.end() ? &*found : nullptr;
-}
-
 std::string type_name(int type) {
-  const timer_type *known = find_type(type);
-  return known != nullptr ? known->name : std::to_string(type);
+  const std::string word = timer_type_of(type).word;
+  return word.empty() ? std::to_string(type) : word;
 }
 
-std::string type_meaning(int type) {
-  const timer_type *known = find_type(type);
-  if (known != nullptr)
-    return known->meaning;
-  return turns_the_set_on(type) ? kWakesAndIsAnnounced : "is announced";
-}
+std::string type_meaning(int type) { return timer_type_of(type).meaning; }
 
 action type_action(int type) {
-  const timer_type *known = find_type(type);
-  return known != nullptr ? known->acts : action::kNone;
+  switch (timer_type_of(type).action) {
+  case timer_action::kTurnOn:
+  case timer_action::kWake:
+    return action::kTurnOn;
+  case timer_action::kTurnOff:
+    return action::kPowerOff;
+  default:
+    return action::kNone;
+  }
 }
 
 std::string clock_name(int clock) {
@@ -178,17 +145,35 @@ std::string firing_text(civil_time firing, civil_time now) {
   return time_text(firing) + ", in " + span_text(firing - now);
 }
 
+static zoned_time zoned(civil_time time, std::time_t since_1970, const char *name) {
+  const auto offset = duration_cast<minutes>(time.time_since_epoch() - seconds(since_1970)).count();
+  const std::string zone =
+      print("%c%02ld:%02ld", offset < 0 ? '-' : '+', std::abs(offset) / 60, std::abs(offset) % 60);
+  return {iso_text(time) + zone, since_1970, std::string(name) + ", UTC" + zone};
+}
+
+// An hour that the clock shows twice is the first of the two, because the daemon counts the seconds
+// that the clock shows. So is a time that it leaves out the moment so long after the change.
 zoned_time in_zone(civil_time time) {
   const std::time_t civil = time.time_since_epoch().count();
   std::tm fields{};
-  gmtime_r(&civil, &fields);
-  fields.tm_isdst = -1;
-  const std::time_t since_1970 = std::mktime(&fields);
-  const long offset = fields.tm_gmtoff;
-  const long minutes = std::abs(offset) / 60;
-  const std::string zone =
-      print("%c%02ld:%02ld", offset < 0 ? '-' : '+', minutes / 60, minutes % 60);
-  return {iso_text(time) + zone, since_1970, std::string(fields.tm_zone) + ", UTC" + zone};
+  std::time_t since_1970 = 0;
+  for (const int is_dst : {1, 0}) {
+    gmtime_r(&civil, &fields);
+    fields.tm_isdst = is_dst;
+    since_1970 = std::mktime(&fields);
+    std::tm shown = fields;
+    if (timegm(&shown) == civil)
+      break;
+  }
+  return zoned(time, since_1970, fields.tm_zone);
+}
+
+zoned_time from_utc(civil_time time) {
+  const std::time_t since_1970 = time.time_since_epoch().count();
+  std::tm fields{};
+  localtime_r(&since_1970, &fields);
+  return zoned(time + seconds(fields.tm_gmtoff), since_1970, fields.tm_zone);
 }
 
 // --- numbers from words ---
@@ -326,8 +311,8 @@ std::optional<civil_time> parse_iso(const std::string &text) {
 
 // A number is taken when the daemon gives it a meaning.
 std::optional<int> parse_type(const std::string &text) {
-  const auto found = std::ranges::find(kTimerTypes, lower(text), &timer_type::name);
-  if (found != kTimerTypes.end())
+  const auto *found = std::ranges::find(kTimerTypes, lower(text), &timer_type::word);
+  if (found != std::end(kTimerTypes))
     return found->number;
   const auto number = parse_int(text);
   return number && *number >= 0 && *number <= TIMER_TYPE_ONTIMER_MAX ? number : std::nullopt;

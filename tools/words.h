@@ -9,15 +9,8 @@
 
 // --- words for numbers ---
 
-enum class action { kNone, kTurnOn, kPowerOff };
+enum class action { kNone, kTurnOn, kPowerOff }; // what a halt keeps a timer from
 
-struct timer_type {
-  int number;
-  const char *name;
-  action acts; // what a halt keeps it from
-  const char *meaning;
-};
-extern const std::vector<timer_type> kTimerTypes;
 extern const std::vector<std::string> kClockNames;
 extern const std::vector<std::string> kDayNames; // in full, from Sunday on
 
@@ -42,6 +35,7 @@ struct zoned_time {
   std::string zone;     // "CET, UTC+01:00"
 };
 zoned_time in_zone(civil_time time);
+zoned_time from_utc(civil_time time);  // of a time in UTC, what that zone's clock then reads
 std::string iso_text(civil_time time); // without a zone
 
 // --- numbers from words: nothing when the text is not understood ---

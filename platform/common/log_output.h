@@ -6,7 +6,7 @@
 
 system_log_priority threshold_from_environment(system_log_priority otherwise);
 
-// The syslog level of a line.
+// The syslog level of a line; a progress line counts as an error.
 int syslog_level(system_log_priority priority);
 
 bool is_copied_to_stderr();

@@ -45,6 +45,16 @@ std::tm broken_down(std::uint32_t time) {
   return out;
 }
 
+std::uint32_t time_value_of(const std::tm &time) {
+  const std::int64_t seconds = civil_seconds(time);
+  return seconds < 0 ? kLastTimeValue : to_time_value(seconds);
+}
+
+rtc_time rtc_reading(std::uint32_t time) {
+  const std::tm tm = broken_down(time);
+  return {tm.tm_sec, tm.tm_min, tm.tm_hour, tm.tm_mday, tm.tm_mon + 1, tm.tm_year - 100};
+}
+
 std::int64_t zone_offset(GTimeZone *zone, std::int64_t utc) {
   const int interval = g_time_zone_find_interval(zone, G_TIME_TYPE_UNIVERSAL, utc);
   return g_time_zone_get_offset(zone, interval);

@@ -2,6 +2,7 @@
 // on the width of the C library's time_t. A time outside the range gives the nearer end of it.
 #pragma once
 
+#include <IPowerControl.h>
 #include <glib.h>
 
 #include <cstdint>
@@ -15,6 +16,12 @@ std::uint32_t to_time_value(std::int64_t seconds);
 // The seconds of a broken-down time read as UTC. The fields may have any value: one out of its
 // range is carried over.
 std::int64_t civil_seconds(const std::tm &time);
+
+// The time value of a broken-down time read as UTC; kLastTimeValue when it has none.
+std::uint32_t time_value_of(const std::tm &time);
+
+// What the real-time clock shows at a time value.
+rtc_time rtc_reading(std::uint32_t time);
 
 // Breaks a time value down as UTC.
 std::tm broken_down(std::uint32_t time);

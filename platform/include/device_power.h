@@ -3,8 +3,8 @@
 //
 // States, modes, reasons and options are the service's own numbers. Operations
 // that return int answer 0 on success and a non-zero code on failure, unless
-// said otherwise. Notifications arrive on the main-loop thread, one at a time and
-// never from within a request.
+// said otherwise. dravel-timer-types.h has the reasons and options that timers give. Notifications
+// arrive on the main-loop thread, one at a time and never from within a request.
 #pragma once
 
 #include <cstddef>
@@ -15,12 +15,6 @@ enum device_power_state {
   DEVICE_POWER_STATE_SLEEPING = 2, // the screen is off, the processor runs
   DEVICE_POWER_STATE_AMBIENT = 4,
 };
-
-// The wake-up reason of an on-timer, by the timer's type.
-constexpr int device_power_reason_of(unsigned type) {
-  constexpr int kReasons[] = {2, 2, 20, 5, 2, 28, 30, 33, 36, 2, 2, 74, 2, 92, 99, 89};
-  return type < sizeof kReasons / sizeof *kReasons ? kReasons[type] : 2;
-}
 
 // What a state-changed callback gets: the two fields that callers read, at the service's offsets.
 // The service's record has other fields, too, and may be longer.

@@ -6,7 +6,15 @@
 
 extern "C" {
 
-enum system_log_priority { SYSTEM_LOG_DEBUG = 0, SYSTEM_LOG_INFO = 1, SYSTEM_LOG_ERROR = 2 };
+// Lines that tell what the daemon does have SYSTEM_LOG_PROGRESS. They are as urgent as errors: a
+// log that knows three priorities writes them as errors. Lines with SYSTEM_LOG_ERROR report a
+// failure.
+enum system_log_priority {
+  SYSTEM_LOG_DEBUG = 0,
+  SYSTEM_LOG_INFO = 1,
+  SYSTEM_LOG_ERROR = 2,
+  SYSTEM_LOG_PROGRESS = 3
+};
 
 // The lowest priority that is written.
 extern enum system_log_priority system_log_threshold;

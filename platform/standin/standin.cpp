@@ -2,24 +2,16 @@
 
 #include "standin_private.h"
 
-#include <KintoAPI.h>
-#include <device_power.h>
-#include <settings.h>
-#include <system_log.h>
+#include <daemon_callbacks.h>
 
 #include <algorithm>
 #include <cstdlib>
-
-struct settings_key {
-  const char *name;
-};
 
 // Only the latest requests are kept, so that memory stays bounded.
 static constexpr std::size_t kKeptRequests = 1024;
 
 static standin_set the_set;
 static bool switched_on = false;
-static callback_list held_callbacks;
 
 standin_set &standin() {
   if (!switched_on) {
@@ -33,7 +25,7 @@ standin_set &standin() {
 void standin_reset() {
   switched_on = true;
   the_set = {};
-  held_callbacks.clear();
+  daemon_callbacks().clear();
   standin_reset_clocks();
 }
 
@@ -73,44 +65,25 @@ void standin_note(const char *operation, std::uint32_t first, std::uint32_t seco
   standin_send_requested(requests.emplace_back(standin_request{operation, first, second}));
 }
 
-callback_list &standin_callbacks() { return held_callbacks; }
-
-int standin_subscribers(const char *subscription) { return held_callbacks.count(subscription); }
-
-void standin_announce(const char *key) {
-  settings_key changed{key};
-  held_callbacks.deliver<settings_changed_cb>(key, &changed);
-}
+int standin_subscribers(const char *subscription) { return daemon_callbacks().count(subscription); }
 
 void standin_change_clock_mode(int mode) {
   standin().clock_mode = mode;
-  standin_announce(kSettingsClockMode);
+  deliver_setting(kSettingsClockMode);
 }
 
-void standin_announce_time_set() { standin_announce(kSettingsTimeSet); }
+void standin_announce_time_set() { deliver_setting(kSettingsTimeSet); }
 
-void standin_power_off(int option) {
-  held_callbacks.deliver<device_power_option_cb>("poweroff", option);
-}
+void standin_power_off(int option) { deliver_poweroff(option); }
 
-void standin_standby(int option) {
-  held_callbacks.deliver<device_power_option_cb>("standby", option);
-}
+void standin_standby(int option) { deliver_standby(option); }
 
-void standin_wakeup(int reason) {
-  held_callbacks.deliver<device_power_option_cb>("wakeup", reason);
-}
+void standin_wakeup(int reason) { deliver_wakeup(reason); }
 
-void standin_ambient_power_off() {
-  held_callbacks.deliver<device_power_ambient_poweroff_cb>("ambient_poweroff");
-}
+void standin_ambient_power_off() { deliver_ambient_poweroff(); }
 
 void standin_state_changed(int state, int ambient_mode) {
-  const device_power_event event = {{}, state, 0, ambient_mode};
-  held_callbacks.deliver<device_power_state_changed_cb>("state_changed_event", &event);
+  deliver_state_changed(state, ambient_mode);
 }
 
-void standin_middleware_signal(int type) {
-  held_callbacks.deliver<SignalCallback>("signal", static_cast<ESignalType>(type), PROFILE_MAIN,
-                                         std::uint16_t{0}, TSSignalData{});
-}
+void standin_middleware_signal(int type) { deliver_signal(type); }

@@ -1,8 +1,8 @@
 #include "standin_private.h"
 
 #include <CTimeUtil.h>
+#include <daemon_callbacks.h>
 #include <glib.h>
-#include <settings.h>
 #include <time_values.h>
 
 #include <memory>
@@ -98,7 +98,7 @@ bool standin_set_time_zone(const char *name) {
   if (!found)
     return false;
   zone = std::move(found);
-  standin_announce(kSettingsTimeZone);
+  deliver_setting(kSettingsTimeZone);
   return true;
 }
 
@@ -119,9 +119,7 @@ std::tm CTimeUtil::ConvertToUTCTime(std::tm local) {
 }
 
 std::uint32_t CTimeUtil::Unsigned_timegm(const std::tm *time) {
-  const std::int64_t seconds = civil_seconds(*time);
-  const bool convertible = seconds >= 0 && seconds <= kLastTimeValue;
-  return convertible && !standin_refuses(__func__) ? to_time_value(seconds) : kLastTimeValue;
+  return standin_refuses(__func__) ? kLastTimeValue : time_value_of(*time);
 }
 
 std::tm *CTimeUtil::Unsigned_gmtime_r(std::uint32_t time, std::tm *out) {

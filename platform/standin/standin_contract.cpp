@@ -4,19 +4,10 @@
 
 #include <CTimeUtil.h>
 #include <IPowerControl.h>
-#include <KintoAPI.h>
-#include <device_power.h>
+#include <daemon_callbacks.h>
 #include <screen_manager.h>
-#include <settings.h>
 #include <system_info.h>
-
-#include <memory>
-#include <tuple>
-#include <vector>
-
-static constexpr int kDone = 0;
-static constexpr int kFailed = -1;
-static constexpr int kSubscribed = 1; // the middleware's success is above 0
+#include <time_values.h>
 
 static int answer(const char *operation, int value) {
   return standin_refuses(operation) ? kFailed : value;
@@ -33,14 +24,14 @@ static int subscribe(const char *operation, const char *subscription, Callback c
                      void *user_data) {
   if (standin_refuses(operation))
     return kFailed;
-  return standin_callbacks().add(subscription, callback, user_data);
+  return daemon_callbacks().add(subscription, callback, user_data);
 }
 
 template <class Callback>
 static int unsubscribe(const char *operation, const char *subscription, Callback callback) {
   if (standin_refuses(operation))
     return kFailed;
-  return standin_callbacks().remove(subscription, callback);
+  return daemon_callbacks().remove(subscription, callback);
 }
 
 namespace {
@@ -51,10 +42,7 @@ public:
     const std::uint32_t now = standin_rtc();
     if (!now || standin_refuses(__func__))
       return kFailed;
-    std::tm time;
-    CTimeUtil::Unsigned_gmtime_r(now, &time);
-    *out = {time.tm_sec,  time.tm_min,     time.tm_hour,
-            time.tm_mday, time.tm_mon + 1, time.tm_year - 100};
+    *out = rtc_reading(now);
     return kDone;
   }
 
@@ -77,31 +65,7 @@ public:
   }
 };
 
-// A subscriber gets signals of every type, so that an unexpected one can be tested.
-class SignalSubscriber final : public ISignalSubscriber {
-public:
-  explicit SignalSubscriber(SignalCallback listener) : callback(listener) {}
-
-  // The middleware names no parameter but the first: other values than these are refused.
-  int Subscribe(int type, int a, int b, int c, int d) override {
-    if (std::tuple(type, a, b, c, d) != std::tuple(SIGNAL_SYSTEM_TIME_UPDATED, 0, 1, 0, 0))
-      return kFailed;
-    const int result = subscribe(__func__, "signal", callback, nullptr);
-    return result == kDone ? kSubscribed : result;
-  }
-
-  int Unsubscribe(int type, int a, int b, int c) override {
-    if (std::tuple(type, a, b, c) != std::tuple(SIGNAL_SYSTEM_TIME_UPDATED, 1, 0, 0))
-      return kFailed;
-    return unsubscribe(__func__, "signal", callback);
-  }
-
-  const SignalCallback callback;
-};
-
 } // namespace
-
-static std::vector<std::unique_ptr<SignalSubscriber>> signal_subscribers;
 
 // --- power service ---
 
@@ -126,48 +90,14 @@ int device_power_request_poweroff(unsigned int option) {
 
 // Exports the set's object at the first power subscription: the daemon is on the
 // bus then, and its main loop does not run yet, so that no call comes before it.
-int device_power_subscribe_poweroff(device_power_option_cb callback, void *user_data) {
+template <class Callback>
+static int subscribe_power(const char *operation, const char *event, Callback callback,
+                           void *user_data) {
   standin_export();
-  return subscribe(__func__, "poweroff", callback, user_data);
+  return subscribe(operation, event, callback, user_data);
 }
 
-int device_power_subscribe_standby(device_power_option_cb callback, void *user_data) {
-  return subscribe(__func__, "standby", callback, user_data);
-}
-
-int device_power_subscribe_wakeup(device_power_option_cb callback, void *user_data) {
-  return subscribe(__func__, "wakeup", callback, user_data);
-}
-
-int device_power_subscribe_ambient_poweroff(device_power_ambient_poweroff_cb callback,
-                                            void *user_data) {
-  return subscribe(__func__, "ambient_poweroff", callback, user_data);
-}
-
-int device_power_subscribe_state_changed_event(device_power_state_changed_cb callback,
-                                               void *user_data) {
-  return subscribe(__func__, "state_changed_event", callback, user_data);
-}
-
-int device_power_unsubscribe_poweroff(device_power_option_cb callback) {
-  return unsubscribe(__func__, "poweroff", callback);
-}
-
-int device_power_unsubscribe_standby(device_power_option_cb callback) {
-  return unsubscribe(__func__, "standby", callback);
-}
-
-int device_power_unsubscribe_wakeup(device_power_option_cb callback) {
-  return unsubscribe(__func__, "wakeup", callback);
-}
-
-int device_power_unsubscribe_ambient_poweroff(device_power_ambient_poweroff_cb callback) {
-  return unsubscribe(__func__, "ambient_poweroff", callback);
-}
-
-int device_power_unsubscribe_state_changed_event(device_power_state_changed_cb callback) {
-  return unsubscribe(__func__, "state_changed_event", callback);
-}
+DEFINE_POWER_SUBSCRIPTIONS(subscribe_power, unsubscribe)
 
 // --- power micro-controller ---
 
@@ -208,18 +138,9 @@ int screen_manager_set_ambient_mode(int mode, int on) {
 
 int KintoAPI::CreateSignalSubscriber(SignalCallback callback, ISignalSubscriber **out) {
   *out = nullptr;
-  if (callback == nullptr || standin_refuses(__func__))
-    return kFailed;
-  *out = signal_subscribers.emplace_back(std::make_unique<SignalSubscriber>(callback)).get();
-  return kDone;
+  return standin_refuses(__func__) ? kFailed : create_subscriber(callback, out, standin_refuses);
 }
 
 int KintoAPI::DestroySignalSubscriber(SignalCallback callback) {
-  if (standin_refuses(__func__))
-    return kFailed;
-  standin_callbacks().remove("signal", callback);
-  const auto destroyed = std::erase_if(signal_subscribers, [callback](const auto &subscriber) {
-    return subscriber->callback == callback;
-  });
-  return destroyed ? kDone : kFailed;
+  return standin_refuses(__func__) ? kFailed : destroy_subscriber(callback);
 }

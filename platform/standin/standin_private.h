@@ -3,8 +3,6 @@
 
 #include "standin.h"
 
-#include <callback_list.h>
-
 #include <span>
 #include <string_view>
 
@@ -20,12 +18,6 @@ bool standin_set_refused_list(std::string_view list);
 
 // Keeps a request and sends it as the signal "Requested".
 void standin_note(const char *operation, std::uint32_t first = 0, std::uint32_t second = 0);
-
-// The callbacks held for the set's events.
-callback_list &standin_callbacks();
-
-// Announces a settings key to its watchers.
-void standin_announce(const char *key);
 
 // --- standin_clock.cpp ---
 

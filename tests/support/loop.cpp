@@ -226,11 +226,17 @@ DBusPendingCall *e_dbus_message_send(E_DBus_Connection *connection, DBusMessage 
 
 system_log_priority system_log_threshold = SYSTEM_LOG_DEBUG;
 static std::string log_lines;
+static std::string log_levels;
 static const bool kCopyToStderr = std::getenv("DRAVEL_LOG_STDERR") != nullptr;
 
-std::string logged() { return std::exchange(log_lines, {}); }
+std::string logged() {
+  log_levels.clear();
+  return std::exchange(log_lines, {});
+}
 
-void system_log_print(system_log_priority, const char *, const char *format, ...) {
+std::string logged_levels() { return log_levels; }
+
+void system_log_print(system_log_priority priority, const char *, const char *format, ...) {
   char line[2048];
   va_list arguments;
   va_start(arguments, format);
@@ -241,5 +247,6 @@ void system_log_print(system_log_priority, const char *, const char *format, ...
   std::string entry = line;
   if (std::string_view(format).starts_with("%s: %s(%d) > "))
     entry.erase(entry.find('('), entry.find(" > ") - entry.find('(')).erase(0, entry.find(' ') + 1);
+  log_levels += "DIEP"[priority];
   log_lines += entry + (entry.ends_with('\n') ? "" : "\n");
 }

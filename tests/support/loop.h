@@ -44,3 +44,5 @@ std::string state_changes();
 
 // The log since the last call, as "init_dravel > text", a line for each entry.
 std::string logged();
+// Their priorities, a letter for each: Debug, Info, Error, Progress.
+std::string logged_levels();

@@ -13,9 +13,10 @@ ctl() { dravelctl --timeout ${wait:-9} "$@"; }
 add() { ctl add --at "$@"; }
 holidays() { ctl holidays "$@"; }
 ids() { sqlite3 $1 'SELECT timer_id FROM dravel'; }
-lose_clock() {
-  busctl set-property $daemon /org/olvara/tv/standin org.olvara.tv.standin TvClock u 0
-}
+standin="/org/olvara/tv/standin org.olvara.tv.standin"
+noon=1797336000 # 2026-12-15 12:00
+lose_clock() { busctl set-property $daemon $standin TvClock u 0; }
+set_clock() { busctl set-property $daemon $standin TvClock u $1; busctl call $daemon $standin TimeSet; }
 signal() { kill -$1 $(busctl status $daemon | sed -n s/^PID=//p); }
 three() {
   ctl holidays add 12-17 12-18; add 19:00 --type off; add 7:00 --on mon-fri --holidays skip
@@ -289,14 +290,19 @@ TEST_F(Ctl, Monitor_TellsEveryChange) {
   start();
   const outcome told = shell(kHelpers + std::string(R"(
 start_monitor --json
-add 13:00 --on tue; ctl halt on; ctl cancel 1; add 14:00; until_told '"wakeup","id":2'
-ctl cancel 2; until_told '"wakeup","id":0'
+ctl halt off; add +1s --type off; until_told '"expired"'; ctl cancel 1
+add 13:00 --on tue; ctl halt on; ctl cancel 2; add 14:00; until_told '"wakeup","id":3'
+ctl cancel 3; until_told '"wakeup","id":0'
+holidays add 12-24; ctl holidays remove 1; until_told '"holidays-removed"'
+add 12:30 --on daily; set_clock $((noon + 7200)); until_told '"event":"armed"'
 kill $!; wait $!)"));
   EXPECT_EQ(told.status, 0);
   for (const char *event :
-       {R"("event":"added","id":1,"timer":{"id":1)", R"("event":"added","id":2)",
-        R"("event":"halts","on":true)", R"("event":"removed","id":1,"why":"cancelled")",
-        R"("event":"wakeup","id":0,"at":null)"})
+       {R"("event":"expired","id":1,"type":1,"type_name":"off","days":[],"halted":true)",
+        R"("event":"added","id":2,"timer":{"id":2)", R"("event":"halts","on":true,"off":true)",
+        R"("event":"removed","id":2,"why":"cancelled")", R"("event":"wakeup","id":0,"at":null)",
+        R"("event":"holidays-added","holidays":{"id":1,)", R"("event":"clock-set","by":7)",
+        R"("event":"armed","id":4,"at":"2026-12-16T12:30:00+00:00")"})
     EXPECT_THAT(told.said, HasSubstr(event));
 }
 
@@ -305,7 +311,7 @@ TEST_F(Ctl, TheDocumentedClients_Work) {
   start();
   EXPECT_THAT(shell("code() { sed -n '/^```'$1'$/,/^```$/ { /^```/ !p }' " CLIENT_DOC "; }\n"
                     "code python >client.py; /usr/bin/python3 client.py\n"
-                    "code c >client.c; cc client.c -I" INCLUDE_DIR
+                    "code c >client.c; cc client.c " INCLUDES
                     " -o client $(pkg-config --cflags --libs gio-2.0) && ./client")
                   .said,
               testing::AllOf(HasSubstr("timer 1, type 1, fires at 1797339600\n"),

@@ -6,6 +6,7 @@
 #include <climits>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string_view>
 
 namespace fs = std::filesystem;
@@ -112,10 +113,12 @@ class no_sleep {
 public:
   explicit no_sleep(const char *path, void (*instead)()) {
     asleep = instead;
+    slept = 0;
     vfs = *sqlite3_vfs_find(nullptr);
     sqlite3_open(path, &other_process);
     vfs.zName = "no sleep";
     vfs.xSleep = [](sqlite3_vfs *, int microseconds) {
+      slept += microseconds;
       asleep();
       return microseconds;
     };
@@ -128,6 +131,7 @@ public:
   no_sleep(const no_sleep &) = delete;
   no_sleep &operator=(const no_sleep &) = delete;
 
+  static inline int slept; // microseconds
 private:
   static inline sqlite3_vfs vfs;
   static inline void (*asleep)();
@@ -147,6 +151,44 @@ TEST_F(Store, ALockedFile_IsWaitedForAtTheStart_AndRefusesARowLater) {
     EXPECT_NE(insert_dravel_item_db(&item) + insert_wakeup_dravel_item_db(&item), 0);
     other("COMMIT"); // nothing has slept
   }
+}
+
+static std::map<std::string, sqlite3 *> connections; // the last ones to each file
+
+static int note_connection(sqlite3 *db, const char **, const sqlite3_api_routines *) {
+  connections[sqlite3_db_filename(db, "main")] = db;
+  return SQLITE_OK;
+}
+
+static int levels(const char *path) {
+  int level = 0;
+  const auto take = [](void *out, int, char **values, char **) {
+    return *static_cast<int *>(out) = std::atoi(values[0]), 0;
+  };
+  sqlite3_exec(connections.at(path), "PRAGMA synchronous", take, &level, nullptr);
+  return level;
+}
+
+TEST_F(Store, AStart_WaitsForALock_TwoSecondsInAll_AndSynchronisesDirectories) {
+  static constexpr int kLongest = 2000000;
+  static int released_after;
+  for (const char *path : {kDravelDbPath, kWakeupDbPath})
+    for (const int after : {kLongest / 2, kLongest * 2}) {
+      restart(path);
+      close_dravel_db();
+      released_after = after;
+      const no_sleep locked(path, [] {
+        if (no_sleep::slept > released_after)
+          other(std::exchange(released_after, INT_MAX) == INT_MAX ? "" : "COMMIT");
+      });
+      other("BEGIN EXCLUSIVE");
+      sqlite3_auto_extension(reinterpret_cast<void (*)()>(note_connection));
+      initialize_dravel_db();
+      sqlite3_reset_auto_extension();
+      EXPECT_LE(no_sleep::slept, kLongest);
+      EXPECT_GT(no_sleep::slept, std::min(after, kLongest * 9 / 10));
+      EXPECT_TRUE(after > kLongest || levels(kDravelDbPath) + levels(kWakeupDbPath) == 6); // extra
+    }
 }
 
 // A foreign file in which no table can be dropped.

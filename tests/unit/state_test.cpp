@@ -54,7 +54,7 @@ static const struct {
      "Removed 2 cancelled, Removed 1 never, Armed, Stored"},
     {{kOnWorkdays},
      [] { add_period("2026-01-01 00:00", "31 00:00"), adjust(kNoon); },
-     "Removed 1 never, Armed, Stored"},
+     "Removed 1 never, Armed, Stored, DisabledPeriods"},
     {{kTomorrow},
      [] { close_dravel_db(), cancel_dravel_item(find_dravel_item(1)); },
      "Removed 1 lost, Armed, Stored"},
@@ -63,9 +63,22 @@ static const struct {
      "Removed 2 cancelled, Added 3, Armed"},
     {{kInDays}, [] { adjust(kNoon); }, "Changed 1, Armed"},
     {{kToday}, [] { adjust(kNoon); }, ""},
-    {{kToday}, [] { add_period("15 00:00", "17 00:00"), adjust(kNoon); }, "Changed 1, Armed"},
-    {{kInDays}, [] { add_period("15 00:00", "17 00:00"), adjust(kNoon); }, "Changed 1"},
-    {{}, [] { add_period("18 00:00", "20 00:00"), add(kInDays); }, "Added 1, Stored"},
+    {{kToday},
+     [] { add_period("15 00:00", "17 00:00"), adjust(kNoon); },
+     "Changed 1, Armed, DisabledPeriods"},
+    {{kInDays},
+     [] { add_period("15 00:00", "17 00:00"), adjust(kNoon); },
+     "Changed 1, DisabledPeriods"},
+    {{},
+     [] { add_period("18 00:00", "20 00:00"), add(kInDays); },
+     "Added 1, Stored, DisabledPeriods"},
+    {{},
+     [] {
+       disabled_period_item *period = add_period("18 00:00", "20 00:00");
+       state_changes();
+       remove_disabled_period_item(period);
+     },
+     "DisabledPeriods"},
     {{kTomorrow, kTomorrow},
      [] { fire_at("16 07:00"); },
      "Removed 1 fired, Removed 2 past, Armed, Stored"},
@@ -106,7 +119,7 @@ TEST_F(State, ACancelledTransientTimer_IsNeverLost) {
   EXPECT_EQ(state_changes(), "Removed " + id + " cancelled");
 }
 
-// Every 20 ms. What changes nothing begins no burst.
+// Every 20 ms. What changes nothing begins no burst; what changes back within one is told.
 TEST_F(State, ABurst_IsGathered) {
   const auto halt = [](int value, double later) {
     call("request_halt_ontimers", value);
@@ -123,5 +136,8 @@ TEST_F(State, ABurst_IsGathered) {
   EXPECT_EQ(state_changes(), "HaltOn, HaltOn");
   halt(3, 1);
   halt(4, 0);
-  EXPECT_EQ(state_changes(), "HaltOn");
+  halt(5, 0.005);
+  halt(4, 0.005);
+  fire(*live_timers().back());
+  EXPECT_EQ(state_changes(), "HaltOn, HaltOn");
 }
