@@ -127,9 +127,8 @@ struct tv_denies {
 };
 struct tv_standby {};     // it sends the devices on its cable to standby
 struct tv_asks_source {}; // Set Stream Path to us, or Request Active Source
-struct tv_reachable {     // at the start and at each change
+struct tv_reachable {     // at the start and at each change, of its physical address, too
   bool adapter = false;   // there is one with a television, and it can be used
-  bool address = false;   // it has a physical address
 };
 
 // --- clock ---
@@ -202,9 +201,7 @@ struct ask_preparing {};
 struct watch_input {
   bool on = false;
 };
-struct tv_on {
-  bool with_source = true; // Image View On and Active Source
-};
+struct tv_on {}; // Image View On and Active Source
 struct tv_off {};
 struct tv_ask {};    // tv_reports, tv_silent or tv_denies
 struct tv_answer {}; // Active Source
@@ -231,20 +228,14 @@ struct deliver {
 enum class saying : std::uint8_t {
   kWoken,          // number: cause
   kBooted,         // number: cause
-  kSlept,          // number: seconds
-  kProgrammed,     // type; number: utc of the on-time
-  kAlarmRefused,   // type; number: errno
   kHopWillNotBoot, // number: utc of the on-time; nothing wakes the machine for it
-  kForeignKept,    // number: utc; another program's alarm comes first
+  kForeignFound,   // number: utc; another program's alarm
   kForeignPutBack, // number: utc
-  kScreenOn,       // number: cause
-  kScreenOff,      // number: 0 by order, 1 by its remote
+  kScreenOn,
+  kScreenOff,
   kTelevisionLate, // number: 0 does not say that it is on, 1 says it is not
   kGoesToSleep,    // number: off_action
   kPostponed,      // number: enum postponed
-  kSleepFailed,    // number: times
-  kSleepRefused,   // number: errno
-  kWakesLoop,      // by nothing known, again and again: the next sleep in 15 minutes
   kLate,           // type; number: seconds
   kTestBegins,     // number: seconds
   kProblem,        // number: enum problem, error
@@ -258,7 +249,9 @@ struct say {
   std::uint32_t timer = 0; // its id; 0: none
 };
 
-// Ends the call of test_wake. `error` is an errno; 0: it slept.
+// Ends the call of test_wake. `error` is an errno; 0: it slept. ERANGE: the seconds; EALREADY:
+// another one runs, or a sleep; EBUSY: an on-time, a foreign alarm, an inhibitor or a job is in the
+// way; ECANCELED: the sleep did not come about; otherwise the alarm's or logind's.
 struct answer {
   std::uint64_t call = 0;
   std::int64_t seconds = 0;

@@ -68,6 +68,7 @@ enum class problem : std::uint8_t {
   kInhibitor,    // no delay inhibitor: a sleep may begin before the alarm is set
   kUse,          // logind does not say who uses the machine: it is not sent to sleep
   kSleep,        // the sleep was refused or failed
+  kCannotSleep,  // the machine cannot do the off-action
   kInput,        // input devices cannot be watched
   kScreen,       // the configured CEC adapter is missing or cannot be used
   kTelevision,   // the television did not follow an order
@@ -85,19 +86,15 @@ enum class problem : std::uint8_t {
 // Why a wanted sleep waits: the machine object's Postponed.
 enum class postponed : std::uint8_t {
   kNot,
-  kBlocked,      // a block inhibitor
-  kSession,      // a user is logged in
-  kInput,        // somebody uses the machine
-  kJob,          // a unit of a dravel-wakeup@ target runs
-  kHook,         // a unit of dravel-off.target runs
-  kOnTimeNear,   // an on-time is about to come
-  kNoAlarm,      // nothing stands that would wake the machine
-  kScreenOn,     // the television is on
-  kScreenSilent, // it must say that it is off, and does not answer
-  kUseUnknown,   // logind does not answer
-  kFailed,       // the sleep was ordered and failed
-  kOften,        // it was woken too often by nothing known
-  kDelivering,   // the daemon is being told something
+  kBlocked,    // a block inhibitor
+  kSession,    // a user is logged in
+  kJob,        // a unit of a dravel-wakeup@ target runs
+  kHook,       // a unit of dravel-off.target runs
+  kOnTimeNear, // an on-time is about to come
+  kNoAlarm,    // nothing stands that would wake the machine
+  kUseUnknown, // logind does not answer
+  kFailed,     // the sleep was ordered and failed
+  kOften,      // it was woken too often by nothing known
 };
 
 enum class due_kind : std::uint8_t {
@@ -194,8 +191,9 @@ struct machine {
     bool standby_told = false;
     bool released = false;  // the inhibitor, for this sleep
     bool step_held = false; // the clock was stepped between standby and wake-up
-    bool preparing_open = false;
+    bool ending = false;    // this process ends
     std::uint32_t short_sleeps = 0;
+    std::int64_t pause_until = 0; // after too many of them we send it to sleep no earlier
     std::array<std::int64_t, kSleepsAnHour> sent_at{}; // our own sleeps of the last hour, 0: none
   } power;
 
@@ -203,6 +201,7 @@ struct machine {
     cause by = cause::kUser; // who woke or booted the machine
     bool booted = false;
     bool credited = false;  // a timer was given as the reason
+    bool told = false;      // the daemon has been told so
     std::uint32_t type = 0; // that timer's type
     std::int64_t utc = 0;   // when
     std::int64_t at = 0;
@@ -212,6 +211,7 @@ struct machine {
     bool late_open = false;      // the daemon is still to be asked for late timers
     std::int64_t late_from = 0;  // UTC
     bool said = false;           // the cause is in the journal
+    bool stays = false;          // an off-timer has turned the screen off, and only that
   } woken;
 
   struct {
@@ -221,8 +221,7 @@ struct machine {
     std::uint8_t step = 0;                      // seconds of the pending order
     bool said_on = false;                       // for the pending order
     bool has_cec = false;                       // there is an adapter with a television
-    bool has_address = false;
-    bool ordered_on = false;                        // since the wake-up
+    bool ordered_on = false;                    // since the wake-up
     screen_state answered = screen_state::kUnknown; // by a television since the wake-up or order
   } screen;
 
@@ -251,7 +250,7 @@ struct machine {
     bool ntp = false;
     bool synchronised = false;
     bool rtc_valid = false;
-    bool stepped = false;    // by somebody, in this boot
+    bool was_set = false;    // by NTP or by somebody, in this boot
     bool update_due = false; // the daemon waits for a time update
     bool zone_open = false;  // the next transition is to be asked for
     std::int64_t build_day = 0;
@@ -277,6 +276,7 @@ struct machine {
     off_action last_method = off_action::kSuspend; // of the last sleep or power-off
     postponed why = postponed::kNot;
     std::uint8_t failures = 0;
+    bool held = false; // until due kSleepAgain
     bool use_answered = false;
     bool screen_answered = false;
   } sleep;
@@ -293,8 +293,6 @@ struct machine {
   } told;
 
   std::array<job, kJobs> jobs;
-  std::array<late_timer, kLateTimers> late; // to be made up for
-  std::uint8_t late_count = 0;
   std::array<int, kProblems> problems{}; // 0: none; otherwise an errno or 1
   std::array<std::int64_t, kDueKinds> due = [] {
     std::array<std::int64_t, kDueKinds> never{};
