@@ -128,7 +128,6 @@ bool alarm_leads(const machine &m, const moment &now, off_action method) {
   return false;
 }
 
-// UTC: the first of what the machine must be awake for, or must be asleep before.
 std::int64_t next_wake_utc(const machine &m, const moment &now) {
   std::int64_t next = kNever;
   const auto consider = [&](std::int64_t utc) {
@@ -137,6 +136,5 @@ std::int64_t next_wake_utc(const machine &m, const moment &now) {
   };
   consider(m.alarm.wanted.on_time);
   consider(m.alarm.foreign.utc);
-  consider(m.alarm.stands.utc);
   return next;
 }

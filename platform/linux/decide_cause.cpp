@@ -51,7 +51,6 @@ void credit(decision &d) {
 }
 
 void say_cause(decision &d) {
-  d.m.woken.said = true;
   say(d, d.m.woken.booted ? order::saying::kBooted : order::saying::kWoken,
       static_cast<std::int64_t>(d.m.woken.by), d.m.woken.type);
 }
@@ -117,8 +116,8 @@ void decide_cause(decision &d, bool switched_off_by_others) {
 }
 
 void user_window_ends(decision &d) {
-  if (!d.m.woken.said)
-    say_cause(d);
+  d.never(due_kind::kUserWindow);
+  say_cause(d);
 }
 
 void on(decision &d, const event::input &) {

@@ -34,6 +34,16 @@ void wish_sleep(decision &d, sleep_wish wish, off_action method) {
   set_wish(d, wish, method);
 }
 
+// The configuration has changed.
+void change_off_action(decision &d) {
+  if (d.m.sleep.wish != sleep_wish::kOffTimer)
+    return;
+  if (d.m.set.off == off_action::kNone)
+    drop_wish(d);
+  else if (!is_ordered(d.m))
+    d.m.sleep.method = d.m.set.off;
+}
+
 // What has been handed to logind cannot be taken back.
 void drop_wish(decision &d) { wish_sleep(d, sleep_wish::kNone, off_action::kNone); }
 
@@ -41,10 +51,16 @@ void forget_wish(decision &d) { set_wish(d, sleep_wish::kNone, off_action::kNone
 
 // --- what is in the way ---
 
-static bool is_near(const machine &m, const moment &now) {
+// UTC: until then the machine waits for something near; 0: nothing is near. An alarm may go off
+// before the machine sleeps, and does not wake it then.
+static std::int64_t near_until(const machine &m, const moment &now) {
+  const std::int64_t nearness = nearness_seconds(m, m.sleep.method);
   const std::int64_t next = next_wake_utc(m, now);
-  const off_action method = m.sleep.method;
-  return next != kNever && next - now.utc < lead_seconds(m, method) + nearness_seconds(m, method);
+  const device_alarm &stands = m.alarm.stands;
+  const bool is_hop = stands.owner == alarm_owner::kHop && stands.utc > now.utc;
+  if (next != kNever && next - now.utc < lead_seconds(m, m.sleep.method) + nearness)
+    return next;
+  return is_hop && stands.utc - now.utc < nearness ? stands.utc : 0;
 }
 
 // boot; 0: at any time. Woken again and again, the machine is not sent to sleep again and again.
@@ -74,7 +90,7 @@ static postponed obstacle(const machine &m, const moment &now) {
     return postponed::kSession;
   if (often_until(m) > now.boot)
     return postponed::kOften;
-  if (is_near(m, now))
+  if (near_until(m, now) != 0)
     return postponed::kOnTimeNear;
   return alarm_leads(m, now, m.sleep.method) ? postponed::kNot : postponed::kNoAlarm;
 }
@@ -88,7 +104,7 @@ static void postpone(decision &d, postponed why) {
   sleep.stage = wish_stage::kWaiting;
   d.never(due_kind::kAsked);
   if (why == postponed::kOnTimeNear)
-    d.due_at_utc(due_kind::kSleepAgain, next_wake_utc(d.m, d.now) + 1);
+    d.due_at_utc(due_kind::kSleepAgain, near_until(d.m, d.now) + 1);
   else if (why == postponed::kOften)
     d.due(due_kind::kSleepAgain) = often_until(d.m);
   else if (!sleep.held)

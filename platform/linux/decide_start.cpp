@@ -68,6 +68,8 @@ void on(decision &d, const event::started &e) {
 // Another device may have been chosen.
 void on(decision &d, const event::configured &e) {
   d.m.set = e.set;
+  check_off_action(d);
+  change_off_action(d);
   d.m.alarm.range = 0;
   d.m.alarm.check = true;
 }

@@ -106,6 +106,7 @@ void on(decision &d, const event::tv_reachable &e) {
   if (!e.adapter) {
     screen.pending = false;
     d.never(due_kind::kScreenStep);
+    is_over(d, problem::kTelevision);
   } else if (screen.pending) {
     send_screen_order(d);
   } else {

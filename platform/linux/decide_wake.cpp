@@ -45,7 +45,8 @@ static void leave(decision &d, phase next) {
   d.m.screen.pending = false;
   d.m.alarm.tries = 0;
   d.never(due_kind::kAlarmAgain);
-  d.never(due_kind::kUserWindow);
+  if (due_at(d.m, due_kind::kUserWindow) != kNever)
+    user_window_ends(d);
   take_back(d, delivery::kWakeup);
   tell(d, delivery::kStandby);
 }

@@ -210,7 +210,6 @@ struct machine {
     bool cause_open = false;     // the device is still to be read
     bool late_open = false;      // the daemon is still to be asked for late timers
     std::int64_t late_from = 0;  // UTC
-    bool said = false;           // the cause is in the journal
     bool stays = false;          // an off-timer has turned the screen off, and only that
   } woken;
 

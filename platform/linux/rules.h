@@ -89,7 +89,7 @@ std::int64_t lead_seconds(const machine &m, off_action method);
 std::int64_t nearness_seconds(const machine &m, off_action method);
 // False while an on-time is wanted and nothing stands that leads to it.
 bool alarm_leads(const machine &m, const moment &now, off_action method);
-// The first of what goes off or is due; kNever: nothing.
+// UTC: the first of what the machine must be awake for; kNever: nothing.
 std::int64_t next_wake_utc(const machine &m, const moment &now);
 bool is_ahead(const device_alarm &alarm, std::int64_t clock);
 // A machine that is off is not woken for the on-time, because it must not boot for hops.
@@ -126,6 +126,7 @@ bool by_alarm_of_ours(const machine &m);
 void wish_sleep(decision &d, sleep_wish wish, off_action method);
 void drop_wish(decision &d);
 void forget_wish(decision &d); // also one that has been handed to logind
+void change_off_action(decision &d);
 void count_sleep(decision &d);
 void sleep_failed(decision &d, int error);
 void sleep_again(decision &d);
