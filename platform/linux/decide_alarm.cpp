@@ -37,33 +37,21 @@ bool is_ahead(const device_alarm &alarm, std::int64_t clock) {
   return alarm.owner != alarm_owner::kNone && alarm.count > clock;
 }
 
-// UTC; kNever: nothing of ours is to go off. Once it has gone off, another program's stands again,
-// and ours follows only when the machine sleeps before the on-time after all.
+// UTC, without regard to what is possible; kNever: nothing of ours is to go off.
 static std::int64_t alarm_time(const machine &m, const moment &now) {
   if (m.test.running)
     return m.test.until;
-  const off_action method = coming_sleep(m);
-  const std::int64_t time = m.alarm.wanted.on_time - lead_seconds(m, method);
-  if (m.alarm.wanted.on_time <= now.utc || (!is_last_write(m) && time <= now.utc))
+  if (m.alarm.wanted.on_time <= now.utc)
     return kNever;
-  return std::max(time, now.utc + nearness_seconds(m, method));
-}
-
-// The device would round by itself, and its alarm would read back as it was written.
-static std::int64_t rounded(const machine &m, std::int64_t count) {
-  if (!m.alarm.minutes)
-    return count;
-  const std::int64_t down = count - count % kMinute;
-  const std::int64_t least = m.alarm.clock + nearness_seconds(m, coming_sleep(m));
-  return down < least ? down + kMinute : down;
-}
-
-static bool boots_for_hops(const machine &m) {
-  return m.set.hop_boots || m.power.now != phase::kShuttingDown;
+  return m.alarm.wanted.on_time - lead_seconds(m, coming_sleep(m));
 }
 
 static bool is_hop(const machine &m, std::int64_t time, const moment &now) {
   return m.alarm.range != 0 && time - now.utc > m.alarm.range;
+}
+
+static bool boots_for_hops(const machine &m) {
+  return m.set.hop_boots || m.power.now != phase::kShuttingDown;
 }
 
 bool is_hop_left_out(const machine &m, const moment &now) {
@@ -71,19 +59,33 @@ bool is_hop_left_out(const machine &m, const moment &now) {
   return time != kNever && is_hop(m, time, now) && !boots_for_hops(m);
 }
 
+// A device whose alarm counts minutes would round by itself, and read back as it was written.
+static std::int64_t rounded_down(const machine &m, std::int64_t count) {
+  return m.alarm.minutes ? count - count % kMinute : count;
+}
+
+static std::int64_t rounded_up(const machine &m, std::int64_t count) {
+  const std::int64_t down = rounded_down(m, count);
+  return down == count ? down : down + kMinute;
+}
+
+// Once ours has gone off, another program's stands again; ours follows only when the machine sleeps
+// before the on-time after all.
 static device_alarm our_alarm(const decision &d) {
   const machine &m = d.m;
-  std::int64_t time = alarm_time(m, d.now);
-  if (time == kNever)
+  const std::int64_t time = alarm_time(m, d.now);
+  const bool hops = is_hop(m, time, d.now);
+  if (time == kNever || (hops && !boots_for_hops(m)))
     return {};
-  alarm_owner owner = m.test.running ? alarm_owner::kTest : alarm_owner::kTimer;
-  if (is_hop(m, time, d.now)) {
-    if (!boots_for_hops(m))
-      return {};
-    time = d.now.utc + m.alarm.range;
-    owner = alarm_owner::kHop;
-  }
-  const std::int64_t count = rounded(m, m.alarm.clock + time - d.now.utc);
+  const alarm_owner owner = m.test.running ? alarm_owner::kTest
+                            : hops         ? alarm_owner::kHop
+                                           : alarm_owner::kTimer;
+  const std::int64_t wanted = m.alarm.clock + (hops ? m.alarm.range : time - d.now.utc);
+  if (!is_last_write(m) && rounded_down(m, wanted) <= m.alarm.clock)
+    return {};
+  const std::int64_t least = m.alarm.clock + nearness_seconds(m, coming_sleep(m));
+  const std::int64_t down = rounded_down(m, wanted);
+  const std::int64_t count = down >= least ? down : rounded_up(m, least);
   return {owner, count, d.now.utc + count - m.alarm.clock};
 }
 
