@@ -18,9 +18,13 @@ static bool has_gone_off(const device_alarm &alarm, const wanted_alarm &wanted,
   return alarm.count <= clock + kSlackSeconds && clock <= alarm.count + lead + kLatestSeconds;
 }
 
-cause cause_by_alarm(const machine &m, std::int64_t clock) {
+// One that took the place of ours and is not there any longer has gone off itself; one that still
+// is ahead has kept ours from going off.
+cause cause_by_alarm(const machine &m, others_did others, std::int64_t clock) {
   const device_alarm &stood = m.alarm.before_sleep;
-  if (!has_gone_off(stood, m.alarm.before_sleep_wanted, clock))
+  if (others == others_did::kSwitchedOff)
+    return cause::kForeign;
+  if (others == others_did::kReplaced || !has_gone_off(stood, m.alarm.before_sleep_wanted, clock))
     return cause::kNothing;
   switch (stood.owner) {
   case alarm_owner::kTest:
@@ -41,13 +45,15 @@ bool by_alarm_of_ours(const machine &m) {
   return m.woken.by == cause::kTimer || m.woken.by == cause::kHop || m.woken.by == cause::kTest;
 }
 
-// A timer's on-time is still ahead: the return is counted from there.
+// The return is counted from the on-time, unless a step of the clock has moved that far ahead.
 void credit(decision &d) {
   auto &woken = d.m.woken;
   const wanted_alarm &wanted = d.m.alarm.before_sleep_wanted;
+  const std::int64_t ahead = wanted.on_time - d.now.utc;
   woken.credited = true;
   woken.type = wanted.type;
-  woken.counted_at = d.now.boot + std::max<std::int64_t>(wanted.on_time - d.now.utc, 0) * kSecondMs;
+  if (ahead > 0 && ahead <= kLatestSeconds)
+    woken.counted_at = d.now.boot + ahead * kSecondMs;
 }
 
 void say_cause(decision &d) {
@@ -94,12 +100,10 @@ static void was_woken_by_user(decision &d) {
   welcome_user(d);
 }
 
-void decide_cause(decision &d, bool switched_off_by_others) {
+void decide_cause(decision &d, others_did others) {
   auto &woken = d.m.woken;
   woken.cause_open = false;
-  woken.by = cause_by_alarm(d.m, d.m.alarm.clock);
-  if (woken.by == cause::kNothing && switched_off_by_others)
-    woken.by = cause::kForeign; // its own alarm took the place of ours, and has gone off
+  woken.by = cause_by_alarm(d.m, others, d.m.alarm.clock);
   if (woken.by == cause::kTimer)
     credit(d);
   if (woken.by == cause::kTimer || woken.by == cause::kHop)

@@ -35,27 +35,31 @@ static alarm_owner owner_of(const machine &m, std::int64_t count) {
                                                         : alarm_owner::kForeign;
 }
 
-bool take_reading(decision &d, const device_reading &reading) {
+others_did what_others_did(const machine &m, const device_reading &reading) {
+  const device_alarm &stands = m.alarm.stands;
+  if (stands.owner == alarm_owner::kNone || m.alarm.changes)
+    return others_did::kNothing;
+  if (reading.alarm <= reading.clock) // one in the past counts as none
+    return is_ahead(stands, reading.clock) ? others_did::kSwitchedOff : others_did::kNothing;
+  return reading.alarm == stands.count ? others_did::kNothing : others_did::kReplaced;
+}
+
+static void take_reading(decision &d, const device_reading &reading) {
   auto &alarm = d.m.alarm;
   const std::int64_t clock = reading.clock;
-  const bool was_ahead = is_ahead(alarm.stands, clock) && !alarm.changes;
-  const bool found = reading.alarm > clock; // one in the past counts as none
-  alarm.clock = clock;
-  alarm.minutes = reading.minutes;
-  if (found) {
-    const alarm_owner owner = owner_of(d.m, reading.alarm);
-    alarm.stands = valued({owner, reading.alarm, 0}, clock, d.now);
-    if (owner == alarm_owner::kForeign)
-      alarm.foreign = alarm.stands;
-  } else {
-    alarm.stands = {};
-    if (was_ahead) // whoever switched it off did not want the one before, either
-      alarm.foreign = {};
-  }
+  const bool found = reading.alarm > clock;
+  // Whoever has switched it off did not want the one before, either.
+  if (what_others_did(d.m, reading) == others_did::kSwitchedOff)
+    alarm.foreign = {};
+  const alarm_owner owner = found ? owner_of(d.m, reading.alarm) : alarm_owner::kNone;
+  alarm.stands = found ? valued({owner, reading.alarm, 0}, clock, d.now) : device_alarm{};
+  if (owner == alarm_owner::kForeign)
+    alarm.foreign = alarm.stands;
   alarm.foreign =
       is_ahead(alarm.foreign, clock) ? valued(alarm.foreign, clock, d.now) : device_alarm{};
+  alarm.clock = clock;
+  alarm.minutes = reading.minutes;
   alarm.changes = false;
-  return was_ahead && !found;
 }
 
 // --- what is refused ---
@@ -191,18 +195,19 @@ void on(decision &d, const event::alarm_read &e) {
   if (e.device.error != 0 || e.device.for_good) {
     guess_clock(d);
     if (d.m.woken.cause_open)
-      decide_cause(d, false);
+      decide_cause(d, others_did::kNothing);
     give_up(d, e.device.for_good ? problem::kNoDevice : problem::kAlarmRead, e.device.error);
     return;
   }
   is_over(d, problem::kNoDevice);
   is_over(d, problem::kAlarmRead);
   const device_alarm before = alarm.foreign;
-  const bool switched_off = take_reading(d, e.device);
+  const others_did others = what_others_did(d.m, e.device);
+  take_reading(d, e.device);
   if (alarm.foreign.owner != alarm_owner::kNone && alarm.foreign.count != before.count)
     say(d, order::saying::kForeignFound, alarm.foreign.utc);
   if (d.m.woken.cause_open)
-    decide_cause(d, switched_off);
+    decide_cause(d, others);
   settle_alarm(d);
 }
 
@@ -218,7 +223,10 @@ void on(decision &d, const event::program &e) {
   alarm.check = true;
 }
 
+// A daemon that has not armed its timers yet does not know what it wants.
 void on(decision &d, const event::unprogram &) {
+  if (d.m.alarm.stale && !d.m.armed)
+    return;
   d.m.alarm.wanted = {};
   d.m.alarm.stale = false;
   d.m.alarm.dirty = true;

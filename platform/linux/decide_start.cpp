@@ -13,7 +13,10 @@ static void boot_was(decision &d, const event::started &e) {
   woken.at = woken.counted_at = d.now.boot;
   woken.utc = d.now.utc;
   const std::int64_t since_boot = d.now.boot / kSecondMs;
-  woken.by = cause_by_alarm(d.m, e.device.clock - since_boot);
+  // Firmware switches an alarm off, too.
+  const bool replaced = what_others_did(d.m, e.device) == others_did::kReplaced;
+  woken.by = cause_by_alarm(d.m, replaced ? others_did::kReplaced : others_did::kNothing,
+                            e.device.clock - since_boot);
   if (woken.by == cause::kNothing)
     woken.by = cause::kUser;
   if (woken.by == cause::kTimer)
@@ -28,12 +31,12 @@ static void take_over(decision &d, const event::started &e) {
   if (e.has_kept && e.same_boot) {
     d.m = e.kept;
     d.m.told = {};
-    d.m.jobs = {}; // those that still run are found again
     d.m.power.ending = false;
     d.m.use.watched = false;
     d.m.armed = false;
     if (!d.m.woken.late_open)
       d.m.woken.late_from = d.now.utc;
+    doubt_jobs(d);
     notice_sleep(d);
     return;
   }

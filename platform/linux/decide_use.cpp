@@ -5,6 +5,7 @@
 
 static constexpr std::int64_t kHookMs = 90 * kSecondMs;
 static constexpr std::int64_t kBeginMs = 30 * kSecondMs; // until a unit's job is known
+static constexpr std::int64_t kFoundMs = 2 * kSecondMs;
 // A session that starts by itself has started by then, after a boot.
 static constexpr std::int64_t kBootMs = 120 * kSecondMs;
 
@@ -73,8 +74,6 @@ static problem problem_of(unit of) {
   return problem::kWakeupUnit;
 }
 
-static bool is_waited_for(unit of) { return of == unit::kOff || of == unit::kWakeup; }
-
 static bool runs(const machine &m, unit of) {
   return std::ranges::any_of(m.jobs, [=](const job &j) { return j.id != 0 && j.of == of; });
 }
@@ -93,23 +92,40 @@ static job *starting_job(decision &d, unit of) {
   return found == d.m.jobs.end() ? nullptr : found;
 }
 
+static std::int64_t limit_of(const decision &d, unit of) {
+  return d.now.boot + (of == unit::kOff ? kHookMs : kBeginMs);
+}
+
 void begin_unit(decision &d, unit of, std::int32_t reason) {
   d.give(order::start_unit{of, reason});
-  job *place = is_waited_for(of) ? find_job(d, 0) : nullptr;
-  if (place != nullptr)
-    *place = {kStarting, of, d.now.boot + (of == unit::kOff ? kHookMs : kBeginMs)};
+  if (job *place = find_job(d, 0); place != nullptr)
+    *place = {kStarting, of, reason, false, limit_of(d, of)};
+}
+
+// The jobs that run are found again within this time. One that was asked for and is not among them
+// may not have been started at all.
+void doubt_jobs(decision &d) {
+  for (job &j : d.m.jobs) {
+    j.may_be_lost = j.id == kStarting;
+    if (j.may_be_lost)
+      j.limit_at = d.now.boot + kFoundMs;
+    else
+      j = {};
+  }
 }
 
 void on(decision &d, const event::job_began &e) {
   is_over(d, problem_of(e.of));
-  if (!is_waited_for(e.of) || find_job(d, e.id) != nullptr)
+  if (find_job(d, e.id) != nullptr)
     return;
   job *place = starting_job(d, e.of);
-  const std::int64_t limit = place != nullptr ? place->limit_at : d.now.boot + kHookMs;
   if (place == nullptr)
     place = find_job(d, 0);
-  if (place != nullptr)
-    *place = {e.id, e.of, e.of == unit::kOff ? limit : kNever};
+  if (place == nullptr)
+    return;
+  if (place->id == 0)
+    place->limit_at = limit_of(d, e.of);
+  *place = {e.id, e.of, 0, false, e.of == unit::kOff ? place->limit_at : kNever};
 }
 
 static void end_job(decision &d, job *ended) {
@@ -131,9 +147,14 @@ void on(decision &d, const event::unit_refused &e) {
 }
 
 void forget_overdue_jobs(decision &d) {
-  for (job &j : d.m.jobs)
-    if (j.id != 0 && j.limit_at <= d.now.boot)
-      j = {};
+  for (job &j : d.m.jobs) {
+    if (j.id == 0 || j.limit_at > d.now.boot)
+      continue;
+    const job overdue = j;
+    j = {};
+    if (overdue.may_be_lost)
+      begin_unit(d, overdue.of, overdue.reason);
+  }
 }
 
 void count_jobs(decision &d) {
@@ -153,7 +174,7 @@ void on(decision &d, const event::fired &e) {
 
 void on(decision &d, const event::ambient &e) {
   if (e.on)
-    d.give(order::start_unit{unit::kAmbient, 0});
+    begin_unit(d, unit::kAmbient);
   else
     d.give(order::stop_unit{unit::kAmbient});
 }

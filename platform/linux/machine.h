@@ -172,6 +172,8 @@ inline constexpr std::uint32_t kStarting = UINT32_MAX;
 struct job {
   std::uint32_t id = 0; // 0: no job; kStarting: asked for, not yet begun
   unit of = unit::kOn;
+  std::int32_t reason = 0;        // of kWakeup
+  bool may_be_lost = false;       // asked for by a run that ended before it began
   std::int64_t limit_at = kNever; // it is not waited for any longer
 
   bool operator==(const job &) const = default;

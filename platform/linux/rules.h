@@ -98,6 +98,9 @@ unsigned refusal_bit(alarm_owner owner);
 
 // --- decide_device.cpp: reading and writing it ---
 
+// To the alarm that stood, since it was read last.
+enum class others_did : std::uint8_t { kNothing, kSwitchedOff, kReplaced };
+others_did what_others_did(const machine &m, const device_reading &reading);
 void check_alarm(decision &d);
 void write_next_alarm(decision &d);
 // False while it is still to be read or written; what was refused counts as settled.
@@ -114,8 +117,8 @@ void notice_sleep(decision &d);
 void take_inhibitor(decision &d);
 void inhibitor_refused(decision &d);
 void release_if_ready(decision &d);
-cause cause_by_alarm(const machine &m, std::int64_t clock);
-void decide_cause(decision &d, bool switched_off_by_others);
+cause cause_by_alarm(const machine &m, others_did others, std::int64_t clock);
+void decide_cause(decision &d, others_did others);
 void credit(decision &d);
 void say_cause(decision &d);
 void user_window_ends(decision &d);
@@ -144,6 +147,7 @@ bool is_session_in_use(const machine &m);
 bool wakeup_job_runs(const machine &m);
 bool off_job_runs(const machine &m);
 void begin_unit(decision &d, unit of, std::int32_t reason = 0);
+void doubt_jobs(decision &d); // after a start
 void forget_overdue_jobs(decision &d);
 void count_jobs(decision &d);
 void check_off_action(decision &d);
