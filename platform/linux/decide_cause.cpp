@@ -4,18 +4,25 @@
 #include <algorithm>
 
 static constexpr std::int64_t kUserWindowMs = 10 * kSecondMs;
+static constexpr std::int64_t kResumeSeconds = 60;
 static constexpr std::int64_t kShortSleepMs = 60 * kSecondMs;
 static constexpr std::uint32_t kShortSleeps = 3;
 static constexpr std::int64_t kPauseMs = 15 * 60 * kSecondMs;
 
+// After an alarm. A machine that boots or comes back from the disk is late by as much as a timer
+// may be late.
+static std::int64_t longest_way(const machine &m) {
+  if (!m.woken.booted && m.sleep.last_method != off_action::kHibernate)
+    return kResumeSeconds;
+  const std::int64_t lead = m.alarm.before_sleep_wanted.on_time - m.alarm.before_sleep.utc;
+  return std::max<std::int64_t>(lead, 0) + kLatestSeconds;
+}
+
 // `clock` is the device's at the wake-up: the system clock may be wrong after a boot.
-static bool has_gone_off(const device_alarm &alarm, const wanted_alarm &wanted,
-                         std::int64_t clock) {
-  if (alarm.owner == alarm_owner::kNone)
-    return false;
-  const bool is_timer = alarm.owner == alarm_owner::kTimer;
-  const std::int64_t lead = is_timer ? std::max<std::int64_t>(wanted.on_time - alarm.utc, 0) : 0;
-  return alarm.count <= clock + kSlackSeconds && clock <= alarm.count + lead + kLatestSeconds;
+static bool has_gone_off(const machine &m, std::int64_t clock) {
+  const device_alarm &stood = m.alarm.before_sleep;
+  return stood.owner != alarm_owner::kNone && stood.count <= clock + kSlackSeconds &&
+         clock <= stood.count + longest_way(m);
 }
 
 // One that took the place of ours and is not there any longer has gone off itself; one that still
@@ -24,7 +31,7 @@ cause cause_by_alarm(const machine &m, others_did others, std::int64_t clock) {
   const device_alarm &stood = m.alarm.before_sleep;
   if (others == others_did::kSwitchedOff)
     return cause::kForeign;
-  if (others == others_did::kReplaced || !has_gone_off(stood, m.alarm.before_sleep_wanted, clock))
+  if (others == others_did::kReplaced || !has_gone_off(m, clock))
     return cause::kNothing;
   switch (stood.owner) {
   case alarm_owner::kTest:

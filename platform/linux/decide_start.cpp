@@ -33,9 +33,9 @@ static void take_over(decision &d, const event::started &e) {
     d.m.told = {};
     d.m.power.ending = false;
     d.m.use.watched = false;
-    d.m.armed = false;
-    if (!d.m.woken.late_open)
+    if (d.m.armed && !d.m.woken.late_open)
       d.m.woken.late_from = d.now.utc;
+    d.m.armed = false;
     doubt_jobs(d);
     notice_sleep(d);
     return;
@@ -83,5 +83,4 @@ void on(decision &d, const event::armed &) {
   d.m.wants_idle = true;
   woken.late_open = true;
   woken.late_from = std::max(woken.late_from, d.now.utc - kLatestSeconds);
-  woken.counted_at = std::max(woken.counted_at, d.now.boot);
 }

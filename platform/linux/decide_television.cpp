@@ -26,9 +26,9 @@ static void follow_off(decision &d) {
 static void remote_turned(decision &d, bool on) {
   const bool was_on = is_on(d.m);
   believe(d, on ? screen_state::kOn : screen_state::kOff);
-  if (on)
+  if (on && !was_on)
     drop_wish(d);
-  else if (was_on)
+  else if (!on && was_on)
     follow_off(d);
 }
 

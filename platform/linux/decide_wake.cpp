@@ -59,6 +59,7 @@ void on(decision &d, const event::sleep_begins &) {
   d.m.sleep.last_method = coming_sleep(d.m);
   if (by_user && d.m.set.screen_follows && d.m.screen.has_cec) {
     d.m.screen.ordered = screen_order::kOff;
+    d.m.screen.ordered_on = false;
     d.m.screen.believed = screen_state::kUnknown;
     d.give(order::tv_off{});
   }
@@ -88,6 +89,7 @@ static void stayed_up(decision &d) {
   d.m.clock.update_due = true;
   if (d.m.power.step_held)
     tell(d, delivery::kTimeSet);
+  ask_television(d);
   if (ours)
     sleep_failed(d, 0);
 }
@@ -119,7 +121,11 @@ static void forget_orders(decision &d) {
   is_over(d, problem::kSleep);
 }
 
-static void woke_up(decision &d, std::int64_t slept_seconds) {
+static std::int64_t utc_before(const moment &now, std::int64_t ms) {
+  return (now.utc * kSecondMs + now.utc_ms - ms) / kSecondMs;
+}
+
+static void woke_up(decision &d, std::int64_t slept_ms) {
   auto &power = d.m.power;
   auto &woken = d.m.woken;
   const bool was_announced = is_leaving(d.m);
@@ -129,10 +135,10 @@ static void woke_up(decision &d, std::int64_t slept_seconds) {
   if (power.released)
     take_inhibitor(d);
   // A sleep that the clocks do not show has lasted since it was announced.
-  const std::int64_t began =
-      slept_seconds == 0 && was_announced ? power.went.utc : d.now.utc - slept_seconds;
+  const bool is_shown = slept_ms >= kLeastSleepMs || !was_announced;
+  const std::int64_t began = is_shown ? utc_before(d.now, slept_ms) : power.went.utc;
   if (!was_announced)
-    power.went = {began, d.now.boot - slept_seconds * kSecondMs, 0, 0, 0};
+    power.went = {began, d.now.boot - slept_ms, 0, 0, 0};
   woken = {};
   woken.by = cause::kNothing;
   woken.at = woken.counted_at = d.now.boot;
@@ -155,13 +161,13 @@ static void woke_up(decision &d, std::int64_t slept_seconds) {
 // The clocks show a sleep at once, the count of sleeps only after all processes go on.
 void notice_sleep(decision &d) {
   auto &power = d.m.power;
-  const bool is_longer = d.now.slept - power.seen.slept >= kLeastSleepMs;
+  const std::int64_t slept_ms = d.now.slept - power.seen.slept;
+  const bool is_longer = slept_ms >= kLeastSleepMs;
   const bool is_counted = d.now.sleeps != power.seen.sleeps;
   const bool slept = is_longer || (is_counted && !power.count_owed);
-  const std::int64_t slept_seconds = (d.now.slept - power.seen.slept) / kSecondMs;
   if (is_longer || is_counted)
     power.count_owed = is_longer && !is_counted;
   power.seen = {0, 0, d.now.slept, d.now.sleeps, 0};
   if (slept)
-    woke_up(d, slept_seconds);
+    woke_up(d, slept_ms);
 }
