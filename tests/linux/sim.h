@@ -18,6 +18,9 @@
 inline constexpr std::int64_t kDay = 86400;
 inline constexpr millis kHourMs = 3600 * kSecondMs;
 
+// At a restart answers are lost and asked for again: an order may come some seconds later.
+inline constexpr millis kRestartMs = 15 * kSecondMs;
+
 // One thing that happens; `what` is a row of the table of acts.
 struct step {
   millis at = 0;
@@ -159,6 +162,7 @@ struct sim {
   void deliver(delivery callback);
   event::late_timers late_timers(std::int64_t from, std::int64_t to) const;
   void add_timer(std::uint32_t type, std::int64_t local, bool daily);
+  bool is_clock_known() const { return m.clock.state != clock_state::kUnknown; }
   void arm_timers();
   void program_alarm();
   const sim_timer *next_on_timer() const; // null: none
@@ -169,7 +173,7 @@ struct sim {
   std::string finding; // "3: a block inhibitor at a sleep"; "" while all holds
   std::vector<std::string> *trace = nullptr;
   std::vector<std::pair<millis, std::string>> given; // orders that reach the outside
-  int restart_at_event = -1;
+  int restart_at_event = INT32_MAX;                  // or later, when it may
   int events = 0;
 
   std::string run(const night &what);
@@ -179,6 +183,8 @@ struct sim {
 private:
   using queue = std::multimap<millis, action>;
   void carry_out(const order::any &what);
+  bool may_restart() const;
+  void keep_order(const std::string &text);
   void fire(std::uint32_t id);
   void pass_to(millis next);
   bool run_next(millis end);

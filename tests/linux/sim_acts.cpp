@@ -76,7 +76,7 @@ static void change_idle(sim &w, std::int64_t active, std::int64_t) {
 }
 
 static void block(sim &w, std::int64_t bits, std::int64_t seconds) {
-  w.blocked = static_cast<std::uint8_t>(bits);
+  w.blocked = runs(w) ? static_cast<std::uint8_t>(bits) : 0;
   w.change_use();
   if (bits != 0)
     later(w, seconds, [&w] { block(w, 0, 0); });
@@ -111,7 +111,7 @@ static void synchronise(sim &w, std::int64_t, std::int64_t) {
 // --- the process ---
 
 static void kill_now(sim &w, std::int64_t for_ms, std::int64_t) {
-  if (!w.is_alive)
+  if (!w.is_alive || !runs(w))
     return;
   w.end_process();
   w.checks.tampered();
@@ -195,12 +195,12 @@ static const act kActs[] = {
      [](sim &w, auto a, auto) { w.step_clock(a * kSecondMs); }},
     {"synchronised", 2, {}, {}, synchronise},
     {"killed", 3, {1, 3000}, {}, kill_now},
-    {"killed soon", 2, {0, 12}, {}, kill_soon},
+    {"killed soon", 2, {0, 12}, {}, kill_soon, true},
     {"alarm refused", 2, {0, 1}, {1, 200}, refuse_alarm},
     {"order refused", 3, {0, kLastOrder}, {1, 400}, refuse_order},
     {"TurnScreen", 2, {0, 1}, {}, call_screen},
-    {"TestWake", 2, {10, 300}, {}, test_wake},
-    {"halted", 1, {0, 1}, {}, [](sim &w, auto a, auto) { w.is_halted = a != 0; }},
+    {"TestWake", 2, {10, 300}, {}, test_wake, true},
+    {"halted", 1, {0, 1}, {}, [](sim &w, auto a, auto) { w.is_halted = runs(w) ? a != 0 : w.is_halted; }},
 };
 
 std::span<const act> acts() { return kActs; }

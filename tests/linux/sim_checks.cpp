@@ -7,6 +7,7 @@
 static constexpr millis kOnTimeMs = 2 * kSecondMs;
 static constexpr millis kOrderMs = 20 * kSecondMs; // an order to a television is repeated so long
 static constexpr millis kBootMs = 35 * kSecondMs;
+static constexpr millis kAnswerMs = 3 * kSecondMs; // waited for
 static constexpr millis kAskedMs = 5 * kSecondMs;
 static constexpr millis kUnseenMs = kSecondMs;
 static constexpr millis kBeliefMs = 15 * kSecondMs; // a television is asked 10 s before an on-time
@@ -19,6 +20,7 @@ static constexpr std::size_t kMostSleepsAnHour = 6;
 static constexpr std::int64_t kLateSeconds = 300;
 static constexpr std::int64_t kShutdownSeconds = 120;
 static constexpr std::int64_t kSleepSeconds = 15;
+static constexpr std::int64_t kHopSeconds = 23 * 3600;
 static constexpr std::int64_t kNearSeconds = 3;
 static constexpr std::int64_t kMinuteSeconds = 60;
 static constexpr int kMostDues = 10; // a day
@@ -46,12 +48,13 @@ millis sim_checks::now() const { return world_.now; }
 
 void sim_checks::miss() {
   const sim_television &tv = world_.tv;
+  const bool is_on = tv.has_cec ? tv.on : world_.plain_on;
+  const bool may_err = tv.lies || tv.answers_after > kAnswerMs || (tv.has_cec && !tv.answers());
+  if (tv.changed_at > now() - kBeliefMs)
+    return;
   if (world_.m.screen.believed != screen_state::kOn)
     world_.broken(1, "an on-timer has not turned the screen on");
-  const bool is_on = tv.has_cec ? tv.on : world_.plain_on;
-  const bool may_err = tv.lies || tv.changed_at > now() - kBeliefMs ||
-                       tv.answers_after > 3 * kSecondMs || (tv.has_cec && !tv.answers());
-  if (!is_on && !may_err)
+  else if (!is_on && !may_err)
     world_.broken(1, "the screen is believed on");
 }
 
@@ -74,7 +77,7 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
     return;
   slept_through_.push_back(due);
   const millis least = (nearness_of(world, world.method) + kMinuteSeconds) * kSecondMs;
-  if (world.alarm.stands() != 0 && !world.foreign_stands && stepped_at_ < world.down_at &&
+  if (world.alarm.stands() != 0 && !world.foreign_stands && was_right_ &&
       due_at_ > world.down_at + least)
     world_.broken(1, "the alarm is later than the on-time");
 }
@@ -107,7 +110,12 @@ void sim_checks::clock_stepped() {
 
 // --- 2: the screen ---
 
-void sim_checks::screen_called(bool on) { on_until_ = on ? now() + kOrderMs : on_until_; }
+void sim_checks::screen_called(bool on) {
+  if (on)
+    on_until_ = now() + kOrderMs;
+  else
+    off_called_at_ = now();
+}
 
 static bool is_user_cause(const sim &world, millis kOrder) {
   const bool follows = world.set.screen_follows || !world.tv.has_cec;
@@ -130,11 +138,14 @@ void sim_checks::check_return() {
   const sim_television &tv = world_.tv;
   if (world_.m.screen.believed == screen_state::kOn)
     world_.broken(3, "the screen is on at a return");
-  if (tv.answers() && !tv.lies && tv.on && tv.changed_at < now() - kAskedMs)
+  if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on &&
+      tv.changed_at < now() - kAskedMs)
     world_.broken(3, "somebody watches at a return");
   if (tv.has_cec && asked_at_ < now() - kAskedMs)
     world_.broken(3, "the television is not asked before a return");
-  if (world_.watches_input && world_.input_at > world_.up_at && world_.input_at < now() - kUnseenMs)
+  const millis quiet = now() - world_.seen_at;
+  if (world_.seen_at > world_.up_at && quiet > kUnseenMs &&
+      quiet < world_.set.return_to_sleep * kSecondMs)
     world_.broken(3, "somebody presses keys at a return");
 }
 
@@ -178,8 +189,7 @@ void sim_checks::ordered(const order::any &what) {
     check_sleep(*sleep);
     quiet_since_.reset();
     ++failed_;
-    if (is_loop(sleeps_, now()))
-      world_.broken(10, "more than 6 sleeps in an hour");
+    sent_at_ = now();
   }
 }
 
@@ -190,7 +200,8 @@ bool sim_checks::wants_return() const {
   const sim_television &tv = world.tv;
   if (world.state != life::kRunning || !world.is_alive || !world.m.armed || world.sleeps_now ||
       world.stops_now || world.set.return_to_sleep == 0 || world.refused != 0 ||
-      world.m.clock.state == clock_state::kUnknown)
+      world.m.clock.state == clock_state::kUnknown ||
+      (world.set.off == off_action::kNone && off_called_at_ >= world.up_at))
     return false;
   const cause by = world.m.woken.by;
   const bool says_off = tv.answers() && !tv.on && !tv.lies && tv.answers_after < kSecondMs;
@@ -200,8 +211,7 @@ bool sim_checks::wants_return() const {
     return false;
   if (world.m.screen.believed == screen_state::kOn || (tv.on && tv.answers()) || tv.lies)
     return false;
-  const bool is_used = world.input_at >= world.up_at || world.blocked != 0 ||
-                       world.session_at > world.up_at - world.booted_at ||
+  const bool is_used = world.blocked != 0 || world.session_at > world.up_at - world.booted_at ||
                        world.active_at > world.up_at - world.booted_at;
   if (is_used || !world.jobs.empty() || world.m.told.now != delivery::kNone)
     return false;
@@ -227,8 +237,8 @@ void sim_checks::follow_return(millis next) {
     quiet_since_.reset();
     return;
   }
-  if (!quiet_since_)
-    quiet_since_ = now();
+  const millis since = quiet_since_.value_or(now());
+  quiet_since_ = std::max({since, world_.input_at, stepped_at_ + kTamperMs});
   if (next > *quiet_since_ + return_limit())
     world_.broken(4, "the machine does not go back to sleep");
 }
@@ -259,7 +269,7 @@ void sim_checks::check_alarm(bool has_begun) {
     return;
   if (stands == 0 || stands - count > ours + (alarm.counts_minutes ? kMinuteSeconds : 1))
     world_.broken(5, stands == 0 ? "no alarm stands" : "the alarm is too late");
-  const bool is_hop = alarm.range && ours > *alarm.range;
+  const bool is_hop = alarm.range && ours > std::min(*alarm.range, kHopSeconds);
   // Which sleep an announced one is, is not known: that of the off-action is assumed.
   const std::int64_t slack = (alarm.counts_minutes ? kMinuteSeconds + 3 : 3) + world_.delay_max +
                              world_.set.lead_poweroff - world_.set.lead_suspend;
@@ -269,13 +279,16 @@ void sim_checks::check_alarm(bool has_begun) {
 
 void sim_checks::went_down(bool is_ready) {
   process_ended();
+  if (sent_at_ >= 0 && is_loop(sleeps_, std::exchange(sent_at_, -1)))
+    world_.broken(10, "more than 6 sleeps in an hour");
   quiet_since_.reset();
   wanted_at_down_ = wanted_;
-  timer_went_off_ = false;
+  timer_went_off_ = timer_went_off_ && !is_ready;
   const bool is_excused = !is_ready || world_.m.test.running || tampered_at_ > now() - kTamperMs ||
                           world_.alarm.refuses != 0 || world_.refused != 0 ||
                           !world_.alarm.is_there || !world_.m.power.released;
-  if (!is_excused)
+  was_right_ = !is_excused;
+  if (was_right_)
     check_alarm(true);
 }
 
@@ -312,7 +325,7 @@ void sim_checks::check_credit() {
   if (credited_at_ >= 0)
     world_.broken(6, "a second credit");
   credited_at_ = woken.at;
-  if (!timer_went_off_ && !is_alarm_near())
+  if (!timer_went_off_ && !is_alarm_near() && tampered_at_ < world_.down_at - kTamperMs)
     world_.broken(6, "a credit without the alarm of a timer");
   if (woken.type != wanted_at_down_.type)
     world_.broken(6, "a credit for another timer");

@@ -181,7 +181,8 @@ void sim::start_job(unit of, millis runs) {
 event::late_timers sim::late_timers(std::int64_t from, std::int64_t to) const {
   event::late_timers late;
   for (const sim_timer &timer : timers)
-    for (std::int64_t day = timer.daily ? -3 : 0; day <= 0 && !is_halted; ++day) {
+    for (std::int64_t day = timer.daily ? -3 : 0; day <= 0 && !is_halted && is_clock_known();
+         ++day) {
       const std::int64_t due = to_utc(timer.local + day * kDay);
       if (due > from && due <= to && late.count < kLateTimers)
         late.timers[late.count++] = {timer.id, timer.type, due};

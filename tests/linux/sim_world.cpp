@@ -68,6 +68,7 @@ void sim::begin_shutdown(bool is_called_off) {
   if (is_called_off_)
     world_at(now + kSecondMs, [this] {
       is_called_off_ = stops_now = false;
+      ++sleep_;
       answer(event::shutdown_ends{});
     });
 }
@@ -115,6 +116,8 @@ void sim::wake(cause by) {
   note("- up");
   checks.came_up();
   process_at(now + 3, [this] { send(event::clock_stepped{}); });
+  if (!is_alive) // the service manager did not get to it before
+    world_at(now + kSecondMs, [this] { start_process(true); });
   if (!was_announced_)
     return;
   sleeps_now = false;
@@ -243,7 +246,7 @@ bool sim::run_next(millis end) {
     const action what = std::move(from.begin()->second);
     from.erase(from.begin());
     what();
-  } else {
+  } else if (from_timer == next) {
     send(event::due{});
   }
   return true;
