@@ -9,13 +9,10 @@ static constexpr std::int64_t kShortSleepMs = 60 * kSecondMs;
 static constexpr std::uint32_t kShortSleeps = 3;
 static constexpr std::int64_t kPauseMs = 15 * 60 * kSecondMs;
 
-// After an alarm. A machine that boots or comes back from the disk is late by as much as a timer
-// may be late.
+// From an alarm to the wake-up, or to the boot of the kernel.
 static std::int64_t longest_way(const machine &m) {
-  if (!m.woken.booted && m.sleep.last_method != off_action::kHibernate)
-    return kResumeSeconds;
-  const std::int64_t lead = m.alarm.before_sleep_wanted.on_time - m.alarm.before_sleep.utc;
-  return std::max<std::int64_t>(lead, 0) + kLatestSeconds;
+  const bool is_slow = m.woken.booted || m.sleep.last_method == off_action::kHibernate;
+  return is_slow ? kLatestSeconds : kResumeSeconds;
 }
 
 // `clock` is the device's at the wake-up: the system clock may be wrong after a boot.
