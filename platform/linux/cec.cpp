@@ -42,9 +42,8 @@ std::string cec_description() {
 }
 
 static void tell_reachable() {
-  const bool address = usable_device() != nullptr;
-  const bool adapter = address || first(&cec_device::is_unaddressed) != nullptr;
-  happens(event::tv_reachable{adapter, address});
+  const bool adapter = usable_device() != nullptr || first(&cec_device::is_unaddressed) != nullptr;
+  happens(event::tv_reachable{adapter});
 }
 
 // --- messages to the television ---
@@ -83,13 +82,13 @@ static bool send_standby() {
               CEC_MSG_STANDBY);
 }
 
-void turn_television(bool on, bool with_source) {
+void turn_television(bool on) {
   prepare();
   is_off_due = !on && first(&cec_device::is_claiming) != nullptr;
   const bool sent = on ? send(CEC_LOG_ADDR_TV, CEC_MSG_IMAGE_VIEW_ON) : send_standby();
   if (!sent && !is_off_due)
     happens(event::tv_silent{});
-  if (on && with_source)
+  if (on)
     answer_television();
 }
 
@@ -135,7 +134,7 @@ static void answer(const cec_device &device, std::uint8_t sender, std::uint8_t o
 
 // What became of a message of ours: only those for the television show whether it is there.
 static void sent_message_ended(const cec_msg &message) {
-  const bool failed = (message.tx_status & CEC_TX_STATUS_OK) == 0;
+  const bool failed = message.tx_status != 0 && (message.tx_status & CEC_TX_STATUS_OK) == 0;
   const bool unanswered = (message.rx_status & CEC_RX_STATUS_TIMEOUT) != 0;
   if ((failed || unanswered) && (message.msg[0] & 0xf) == CEC_LOG_ADDR_TV)
     happens(event::tv_silent{});

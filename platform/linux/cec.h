@@ -10,7 +10,8 @@ void start_cec(event_sink sink);
 // Closes the adapters and opens those that the configuration names.
 void open_cec();
 
-void turn_television(bool on, bool with_source);
+// On: it also shows this machine then.
+void turn_television(bool on);
 void ask_television();
 void answer_television(); // that this machine is the active source
 

@@ -85,18 +85,22 @@ static int prepare_for_shutdown(sd_bus_message *message, void *, sd_bus_error *)
   return 0;
 }
 
-static bool take_preparing(const char *name, sd_bus_message *value, void *sleeping) {
-  if (name != std::string_view{"PreparingForSleep"})
+static bool take_preparing(const char *name, sd_bus_message *value, void *data) {
+  auto &found = *static_cast<event::preparing *>(data);
+  const bool is_sleep = name == std::string_view{"PreparingForSleep"};
+  if (!is_sleep && name != std::string_view{"PreparingForShutdown"})
     return false;
-  sd_bus_message_read(value, "v", "b", sleeping);
+  int on = 0;
+  sd_bus_message_read(value, "v", "b", &on);
+  (is_sleep ? found.sleep : found.shutdown) = on != 0;
   return true;
 }
 
 static int preparing_answered(sd_bus_message *reply, void *, sd_bus_error *) {
-  int sleeping = 0; // also when logind does not answer: this program runs
+  event::preparing found; // neither, also when logind does not answer: this program runs
   if (bus_error_of(reply) == 0)
-    bus_read_properties(reply, take_preparing, &sleeping);
-  happens(event::preparing{sleeping != 0});
+    bus_read_properties(reply, take_preparing, &found);
+  happens(found);
   return 0;
 }
 

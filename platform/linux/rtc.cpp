@@ -117,8 +117,8 @@ device_reading read_rtc() {
     return reading;
   }
   const auto clock = number(device, "since_epoch");
-  const auto alarm = number(device, "wakealarm");
-  if (!clock || !alarm) {
+  const auto alarm = clock ? number(device, "wakealarm") : std::nullopt;
+  if (!alarm) {
     reading.error = errno == 0 ? EIO : errno;
     return reading;
   }

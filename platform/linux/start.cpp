@@ -50,10 +50,8 @@ struct carrier {
   result operator()(const order::watch_input &ordered) const {
     return done(watch_input, ordered.on);
   }
-  result operator()(const order::tv_on &ordered) const {
-    return done(turn_television, true, ordered.with_source);
-  }
-  result operator()(const order::tv_off &) const { return done(turn_television, false, false); }
+  result operator()(const order::tv_on &) const { return done(turn_television, true); }
+  result operator()(const order::tv_off &) const { return done(turn_television, false); }
   result operator()(const order::tv_ask &) const { return done(ask_television); }
   result operator()(const order::tv_answer &) const { return done(answer_television); }
   result operator()(const order::start_unit &ordered) const {
@@ -119,8 +117,10 @@ static Eina_Bool user_signal(void *, int, void *data) {
   return ECORE_CALLBACK_PASS_ON;
 }
 
+// Ecore ends the main loop by itself only where nobody handles the signal.
 static Eina_Bool process_ends(void *, int, void *) {
   post(event::ended{});
+  ecore_main_loop_quit();
   return ECORE_CALLBACK_PASS_ON;
 }
 
