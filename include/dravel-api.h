@@ -1,5 +1,6 @@
 // Marks what the executable exports under its plain name, for programs that link the daemon's
-// modules: some operations have no caller here. Everything else is hidden.
+// modules: the operations marked "no caller here" are called by such programs only. Everything else
+// is hidden.
 #pragma once
 
 #define DRAVEL_API __attribute__((visibility("default")))

@@ -1,15 +1,12 @@
-// What happens when a timer expires: three signals, then the action of the
+// What happens when a timer expires (dravel_expire_cb): three signals, then the action of the
 // timer's type.
 #pragma once
 
 #include "dravel-api.h"
 #include "dravel-record.h"
+#include "dravel-runtime.h"
 
 extern "C" {
-
-// The expiry callback of every armed item. It must not disarm or remove the
-// item: the scheduler reads it afterwards.
-DRAVEL_API void dravel_expire_cb(dravel_item *item, void *data);
 
 // Tells a sleeping set the wake-up reason of `item`'s type. Type 0 also turns the set on; type 15,
 // or any type in ambient mode 2, switches the ambient mode. Nothing happens while on-timers are

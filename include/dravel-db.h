@@ -10,6 +10,8 @@
 #include "dravel-api.h"
 #include "dravel-record.h"
 
+#include <string>
+
 // The main and the wake-up database's files.
 constexpr const char *kDravelDbPath = "/opt/dbspace/.dravel.db";
 constexpr const char *kWakeupDbPath = "/opt/dbspace/.wakeup_dravel.db";
@@ -17,11 +19,15 @@ constexpr const char *kWakeupDbPath = "/opt/dbspace/.wakeup_dravel.db";
 typedef int (*dravel_row_fn)(const dravel_item *row);
 typedef int (*disabled_period_row_fn)(const disabled_period_item *row);
 
+// Puts the finished file `from` in the place of `to`, and on the disk: after a power cut either the
+// old or the new one is there. Returns 0, or -1 with errno.
+int replace_file(const std::string &from, const std::string &to);
+
 extern "C" {
 
-// Opens, checks, creates or migrates both files. Returns 0, or the result code
-// of the main file's failed opening or table creation: the daemon then runs
-// without a store until its next start and refuses every timer that needs one.
+// Opens, checks, creates or migrates both files. Returns 0, or the result code of the main file's
+// failed opening, table creation, or copy before its migration: the daemon then runs without a
+// store until its next start and refuses every timer that needs one.
 DRAVEL_API int initialize_dravel_db(void);
 
 // Closes the main connection, then the wake-up connection; returns the latter's

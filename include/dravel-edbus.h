@@ -9,8 +9,8 @@ extern "C" {
 // service exists already, or -1.
 DRAVEL_API int init_edbus_handler(void);
 
-// Shuts the bus library down; returns 0. The daemon itself keeps the service
-// until it ends.
+// Shuts the bus library down; returns 0. No caller here: the daemon keeps the
+// service until it ends.
 DRAVEL_API int shutdown_edbus_handler(void);
 
 // Send one expiry signal each. Return 0, also when it could not be sent.

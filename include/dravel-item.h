@@ -7,11 +7,13 @@
 #pragma once
 
 #include "dravel-api.h"
+#include "dravel-changes.h"
 #include "dravel-record.h"
-#include "dravel-state.h"
 #include "dravel-util.h"
 
 #include <Eina.h>
+
+#include <optional>
 
 // What can_skip_timer decides about one occurrence.
 enum skip_decision { SKIP_NO = 0, SKIP_REFUSED = 1, SKIP_MOVED = 2 };
@@ -28,7 +30,7 @@ DRAVEL_API Eina_List *get_offtimer_list(void);
 DRAVEL_API Eina_List *get_disabled_period_list(void);
 
 // A new unstored item in no list, the caller's to add or free; null when memory
-// is short. The date runs from the year (since 1900) down to the second.
+// is short. The date runs from the year (since 1900) down to the second. No caller here.
 DRAVEL_API dravel_item *create_dravel_item(int type, int priority, int date_type, int tm_year,
                                            int tm_mon, int tm_mday, int tm_hour, int tm_min,
                                            int tm_sec, int tm_wday, int tm_yday, int tm_isdst,
@@ -46,7 +48,8 @@ DRAVEL_API Eina_List *add_dravel_item(dravel_item *item);
 
 // Takes the disarmed `item` out of the lists, deletes its row and releases it.
 // Returns the timer list. When the row cannot be deleted the item leaves the
-// lists, too, but is not released; the next start lists the row again.
+// lists, too, but is not released; the next start lists the row again. No caller here: the daemon
+// gives the reason, see below.
 DRAVEL_API Eina_List *remove_dravel_item(dravel_item *item);
 
 // The first listed item with that id, or null.
@@ -59,7 +62,7 @@ DRAVEL_API int is_ontimer_item(const dravel_item *item);
 DRAVEL_API void check_over_max_timer_num(void);
 
 // The order of the lists: below 0 when the listed item stays ahead of the new
-// one, above 0 when the new one goes ahead of it, 0 when either is null.
+// one, above 0 when the new one goes ahead of it, 0 when either is null. No caller here.
 DRAVEL_API int compare_dravel_cb(const void *listed, const void *added);
 
 DRAVEL_API void rebuild_onoff_timer_lists(void);
@@ -104,7 +107,7 @@ DRAVEL_API int can_skip_timer(const dravel_item *item, time_value occurrence);
 // type.
 DRAVEL_API bool heeds_disabled_periods(const dravel_item *item);
 
-// Moves a period on by one year and stores it; returns the update's result.
+// Moves a period on by one year and stores it; returns the update's result. No caller here.
 DRAVEL_API int next_disabled_period(disabled_period_item *period);
 
 // 1 when an on-timer other than `timer_id` fires 1 to 599 seconds after
@@ -112,5 +115,14 @@ DRAVEL_API int next_disabled_period(disabled_period_item *period);
 DRAVEL_API int can_skip_standby(const std::tm *standby, int timer_id);
 }
 
-// The same, for another reason than that the timer never fires again.
+// The same, with the reason that is told. Without one it is kCancelled.
 Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason);
+
+// Whether `item` fires again, and if not, why.
+enum class next_expiry { kDue, kPast, kNever, kUnknown };
+
+// The same as get_next_expire_date, with a time value; kUnknown while the time is not known.
+next_expiry find_next_expiry(const dravel_item *item, time_value *expire);
+
+// The occurrence of a repeating item that follows the one at `fired`; none for a one-shot item.
+std::optional<time_value> occurrence_after(const dravel_item *item, time_value fired);

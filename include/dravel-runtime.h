@@ -1,8 +1,10 @@
-// The daemon's runtime flags and the one operation of the scheduler that the modules below it call.
-// The scheduler defines them; its own header includes this one.
+// The daemon's runtime flags, and the two operations that modules below their own call: disarming,
+// for an eviction, and the expiry, which the scheduler arms timers with.
 #pragma once
 
 #include "dravel-api.h"
+
+struct dravel_item;
 
 // The start-up markers: the daemon has started in this boot, and has scheduled its timers.
 constexpr const char *kInitMarkerPath = "/tmp/dravel_init";
@@ -28,7 +30,7 @@ DRAVEL_API int get_relaunch_state(void);
 
 // Whether the set is awake; 1 at start.
 DRAVEL_API void set_wakeup_state(int value);
-DRAVEL_API int get_wakeup_state(void);
+DRAVEL_API int get_wakeup_state(void); // no caller here
 
 // Whether the middleware updated the time in automatic clock mode; 0 at start.
 DRAVEL_API void set_auto_clock_mode_time_update(int value);
@@ -36,4 +38,8 @@ DRAVEL_API int get_auto_clock_mode_time_update(void);
 
 // Disarms the item `timer_id`, if it is armed.
 DRAVEL_API void cancel_ecore_timer(int timer_id);
+
+// The expiry callback of every armed item. It must not disarm or remove the
+// item: the scheduler reads it afterwards.
+DRAVEL_API void dravel_expire_cb(dravel_item *item, void *data);
 }

@@ -7,13 +7,15 @@
 #pragma once
 
 #include "dravel-api.h"
+#include "dravel-changes.h"
 #include "dravel-record.h"
 #include "dravel-runtime.h"
-#include "dravel-state.h"
 #include "dravel-util.h"
 
 #include <Eina.h>
 #include <glib.h>
+
+#include <optional>
 
 struct settings_key;
 
@@ -59,20 +61,21 @@ DRAVEL_API void init_hash_table(void);
 DRAVEL_API void fini_hash_table(void);
 
 // Arms `item` to call `cb` at its next expiry, and programs the micro-controller
-// again when that changes the on-time. The item must not be armed. Returns a schedule_result.
+// again when that changes the on-time. The item must not be armed. Returns a schedule_result. No
+// caller here: the daemon calls schedule_item, see below.
 DRAVEL_API int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data);
 
 // Disarms and removes `item`. Chooses the on-time again when the item was the
 // programmed on-timer or an off-timer.
 DRAVEL_API void cancel_dravel_item(dravel_item *item);
 
-// Chooses the on-time again when the item that it belongs to is no longer listed, because it was
-// evicted or never fires.
+// Chooses the on-time again, over all on-timers, when the item that it belongs to is no longer
+// listed, because it was evicted or never fires.
 DRAVEL_API void replace_removed_ontimer(void);
 
 // Re-arms every item after an expiry or a change of the clock or the disabled periods, and moves
-// armed one-shot items to their next time of day. It is a settings watcher too: a key says that the
-// clock may have been set; `data` is ignored.
+// armed one-shot items to their next time of day. In the form of a settings watcher, whose
+// arguments it ignores.
 DRAVEL_API void adjust_dravel_all_items(struct settings_key *key, void *data);
 
 // Re-arms every item without moving it, once the clock has become valid.
@@ -139,6 +142,14 @@ void reset_runtime_state(void);
 
 // The same as cancel_dravel_item, for another reason than a client's call.
 void cancel_dravel_item(dravel_item *item, removal_reason reason);
+
+// Arms `item` for its expiry. The reason for which the caller must remove it when it never fires;
+// none when it is armed, or stays unarmed because the time is not known.
+std::optional<removal_reason> schedule_item(dravel_item *item);
+
+// When an armed item expires, on the TV clock.
+std::optional<time_value> armed_expiry(int timer_id);
+const micom_ontimer_record &programmed_ontimer(void);
 
 // The scheduler's state, for this module and its tests.
 extern micom_ontimer_record micom_ontimer;

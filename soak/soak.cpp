@@ -6,8 +6,6 @@
 #include "process.h"
 #include "store.h"
 
-#include <standin.h>
-
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -32,7 +30,6 @@
 namespace fs = std::filesystem;
 
 static constexpr std::size_t kFullBook = 60; // of 80 timers that the daemon keeps
-static constexpr std::uint32_t kMinute = 60;
 static constexpr std::uint32_t kDay = 86400;
 static constexpr std::uint32_t kMinutesOutsideTheHour = 23 * 60;
 static constexpr std::uint32_t kStepMinutes = 101; // has no factor in common with that
@@ -57,15 +54,11 @@ template <typename T> static T below(T limit) {
   return static_cast<T>(generator() % static_cast<std::mt19937::result_type>(limit));
 }
 
-template <typename T, std::size_t N> static const T &pick(const T (&from)[N]) {
-  return from[below(N)];
-}
-
 // --- the daemon and its timers ---
 
-static process begin(const std::string &keys = "", const char *address = kSandboxBus) {
+static process begin(const char *address = kSandboxBus) {
   bus.emplace(address);
-  return start_daemon({program, keys, "error", address}, *bus);
+  return start_daemon({program, "", "error", address}, *bus);
 }
 
 static void check_end(int status, int expected = 0) {
@@ -79,9 +72,10 @@ static timer_arguments any_timer() {
   static constexpr int kTypes[] = {0, 1, 2, 3, 5};
   static std::uint32_t minute;
   minute = (minute + kStepMinutes) % kMinutesOutsideTheHour;
-  const std::uint32_t at = time_of("16 13:00") + kDay * below(300U) + kMinute * minute;
+  const std::uint32_t at = time_of("16 13:00") + kDay * below(300U) + 60 * minute;
   const int week_flag = below(2) == 0 ? 0 : 1 + below(int{kDaily});
-  timer_arguments timer = arguments_of({pick(kTypes), time_text(at), week_flag});
+  timer_arguments timer =
+      arguments_of({kTypes[below(std::size(kTypes))], time_text(at), week_flag});
   timer[TIMER_ARG_PRIORITY] = below(5);
   timer[TIMER_ARG_DELAY] = below(1000);
   return timer;
@@ -146,12 +140,11 @@ static timer_map listed_timers() {
 }
 
 // Up to the first row that holds anything but whole numbers.
-static timer_map stored_timers(const char *path = kDravelDbPath) {
+static timer_map stored_timers() {
   std::string text =
       rows("SELECT timer_id, type, priority, date_type, tm_sec, tm_min, tm_hour, tm_mday, tm_mon, "
            "tm_year, tm_wday, tm_yday, tm_isdst, 0, 0, delay, week_flag, disable_period_effect, "
-           "time_type FROM dravel",
-           path);
+           "time_type FROM dravel");
   std::ranges::replace(text, '|', ' ');
   std::istringstream in(text);
   return timers_in(words{std::istream_iterator<int>(in), {}});
@@ -207,7 +200,7 @@ static void kill_bus() {
   process({"/usr/bin/dbus-daemon", "--fork", "--nosyslog",
            std::string("--config-file=") + BUS_CONFIGURATION, std::string("--address=") + kAddress})
       .wait();
-  process daemon = begin("", kAddress);
+  process daemon = begin(kAddress);
   check_all();
   change_until_killed(bus->pid_of(DBUS_SERVICE_DBUS), 50000);
   check_end(daemon.wait());
@@ -311,160 +304,6 @@ static void hinder_disk() {
   mount_disk(nullptr, MS_REMOUNT);
 }
 
-// --- files that a worn memory or another program has left ---
-
-static std::string bytes_of(const char *path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-static void write_bytes(const std::string &path, const std::string &bytes) {
-  for (const char *ending : {"", "-journal", "-wal", "-shm"})
-    fs::remove_all(path + ending);
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-static std::string damaged(std::string bytes) {
-  const std::size_t size = bytes.size();
-  switch (below(5)) {
-  case 0: // in the header and the schema, or anywhere
-    for (std::size_t flips = 1 + below(8U), end = below(2) == 0 ? 120 : size; flips > 0; --flips)
-      bytes[below(end)] ^= static_cast<char>(1U << below(8));
-    return bytes;
-  case 1:
-    return bytes.substr(0, below(size));
-  case 2: // a block of the flash memory
-    return bytes.replace(below(size), 512, 512, below(2) == 0 ? '\0' : '\xff');
-  case 3:
-    return bytes.append(below(9000U), 'x');
-  default: // a file without tables, or none of SQLite's
-    return std::string("SQLite format 3", below(2U) * 16UL) + std::string(below(2U) * 4080UL, '\0');
-  }
-}
-
-// The timers that SQLite reads from a file in which it finds no fault.
-static timer_map readable_timers(const std::string &bytes) {
-  static constexpr const char *kProbe = "/tmp/probe.db";
-  write_bytes(kProbe, bytes);
-  try {
-    if (rows("PRAGMA integrity_check; PRAGMA user_version", kProbe) == "ok 1")
-      return stored_timers(kProbe);
-  } catch (const std::runtime_error &) { // nothing is readable
-  }
-  return {};
-}
-
-static std::string store_some() {
-  process daemon = begin();
-  make_changes(30);
-  check_all();
-  check_end(daemon.stop());
-  return bytes_of(kDravelDbPath);
-}
-
-// The daemon deletes a wake-up database that it cannot use; the next start makes a new one.
-static void damage_files() {
-  static const std::string sound = store_some();
-  const bool wakeup = below(8) == 0 && !bytes_of(kWakeupDbPath).empty();
-  const char *path = wakeup ? kWakeupDbPath : kDravelDbPath;
-  write_bytes(path, damaged(bytes_of(path)));
-  const timer_map readable = readable_timers(bytes_of(kDravelDbPath));
-  process daemon = begin();
-  const timer_map listed = listed_timers();
-  for (const auto &[id, timer] : book)
-    if (readable.contains(id) && readable.at(id) == timer &&
-        (!listed.contains(id) || listed.at(id) != timer))
-      fail("the readable timer " + std::to_string(id) + " is not listed as it is stored");
-  const int option = 0;
-  bus->call(kStandin, "Standby", {&option, 1}); // fills the wake-up database
-  const int id = bus->call_int(kDaemon, "schedule_timer", any_timer());
-  if (listed_timers().contains(id) != (id != -1))
-    fail("the answer and the list differ");
-  check_end(daemon.stop());
-  write_bytes(kDravelDbPath, sound);
-}
-
-// --- operations of the set that are refused, at the start or later ---
-
-static void send_event(const char *event, std::initializer_list<int> arguments = {}) {
-  bus->call(kStandin, event, {arguments.begin(), arguments.size()});
-}
-
-// An adjustment moves one-shot timers by whole days.
-static void accept_moved_dates() {
-  const timer_map listed = listed_timers();
-  for (auto &[id, timer] : book)
-    if (timer[TIMER_WORD_WEEK_FLAG] == 0 && listed.contains(id))
-      std::copy_n(&listed.at(id)[TIMER_WORD_MDAY], TIMER_WORD_YDAY - TIMER_WORD_MDAY + 1,
-                  &timer[TIMER_WORD_MDAY]);
-}
-
-// Without the first a timer has no time and is removed; without another the start fails.
-static constexpr std::string_view kIndispensable =
-    "Unsigned_timegm settings_notify_key_changed device_power_subscribe_poweroff "
-    "device_power_subscribe_standby device_power_subscribe_wakeup "
-    "device_power_subscribe_ambient_poweroff";
-
-// Once the operation works again and the set sends an event, the next on-time is programmed.
-static void refuse_operation() {
-  const auto index = static_cast<std::size_t>(current_round) / 2 % std::size(kStandinOperations);
-  std::string refused(kStandinOperations[index]);
-  if (kIndispensable.find(refused) != std::string_view::npos)
-    refused.clear();
-  process daemon = begin(current_round % 2 == 0 ? "Refuse=" + refused : "");
-  check_all();
-  bus->set_property("Refuse", "'" + refused + "'");
-  make_changes(1 + below(5));
-  send_event("Standby", {0});
-  send_event("Wakeup", {20});
-  send_event("AmbientPowerOff");
-  send_event("StateChanged", {4, 2});
-  send_event("TimeSet");
-  for (const char *mode : {"0", "1"})
-    bus->set_property("ClockMode", mode);
-  send_event("MiddlewareSignal", {108});
-  change();
-  bus->set_property("Refuse", "''");
-  send_event("MiddlewareSignal", {108});
-  send_event("TimeSet");
-  const int id = bus->schedule(kDaemon, arguments_of({2, "15 12:30"}));
-  if (bus->property("WakeupTime") != u32(time_of("15 12:30")))
-    fail("after " + refused + " the next on-time is not programmed");
-  bus->cancel(kDaemon, id);
-  accept_moved_dates();
-  bus->set_property("Refuse", "'" + refused + "'"); // for its end
-  check_end(daemon.stop());
-}
-
-// --- clocks, zones and clock modes that change ---
-
-static void change_clock() {
-  static constexpr const char *kZones[] = {"'UTC'", "'Europe/Berlin'", "'Asia/Kolkata'",
-                                           "'Pacific/Apia'", "'Australia/Lord_Howe'"};
-  const std::uint32_t first = time_of("2001-01-01 00:00");
-  const std::uint32_t span = time_of("2099-12-01 00:00") - first;
-  const int choice = below(6);
-  if (choice == 0)
-    return bus->set_property("TimeZone", pick(kZones));
-  if (choice == 1)
-    return bus->set_property("ClockMode", std::to_string(below(3)));
-  // Timers stand on whole minutes: a clock that shows no whole minute makes none of them due.
-  bus->set_property("TvClock", u32((first + below(span)) / kMinute * kMinute + kMinute / 2));
-  send_event("TimeSet");
-}
-
-static void change_clocks() {
-  process daemon = begin();
-  check_all();
-  make_changes(40);
-  for (int changes = 0; changes < 50; ++changes)
-    change_clock();
-  bus->set_property("TvClock", u32(time_of(kNoon)));
-  send_event("TimeSet");
-  accept_moved_dates();
-  check_end(daemon.stop());
-}
-
 // --- the run ---
 
 static constexpr struct {
@@ -473,9 +312,9 @@ static constexpr struct {
   int least;  // of any
   void (*round)();
 } kFaults[] = {
-    {"kills", 1000, 3, kill_daemon},    {"lost-bus", 100, 1, kill_bus},
-    {"files", 10000, 20, damage_files}, {"refusals", 600, 60, refuse_operation},
-    {"clocks", 2000, 2, change_clocks}, {"disk", 120, 3, hinder_disk},
+    {"kills", 1000, 3, kill_daemon},
+    {"lost-bus", 100, 1, kill_bus},
+    {"disk", 120, 3, hinder_disk},
 };
 
 static void run(void (*round)(), int rounds) {

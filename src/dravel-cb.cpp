@@ -1,5 +1,6 @@
 #include "dravel-cb.h"
 
+#include "dravel-changes.h"
 #include "dravel-edbus.h"
 #include "dravel-item.h"
 #include "dravel-log.h"
@@ -25,6 +26,7 @@ void process_on_timer(const dravel_item *item) {
   LOGD("process on timer\n");
   if (ontimer_halt != 0) {
     LOGD("on timer halted");
+    timer_halted(item->timer_id);
     return;
   }
 
@@ -67,8 +69,8 @@ static time_value occurrence_of(const dravel_item *item) {
   return now;
 }
 
-// A one-shot timer that one period has moved into the next one fires there all the same. The test
-// moves it past that period, too, where it fires once more.
+// A one-shot timer is never skipped. The test may move it past the period: it fires now and, on the
+// day after the period, once more.
 static bool is_skipped(const dravel_item *item, time_value now) {
   return heeds_disabled_periods(item) && can_skip_timer(item, now) == SKIP_REFUSED;
 }
@@ -80,6 +82,8 @@ static void turn_off(const dravel_item *item, unsigned option, int ambient_mode)
   }
   if (has_type(item, TIMER_TYPE_AMBIENT_OFF))
     LOGI_OF(dravel_expire_cb, "power off from ambient mode to suspend");
+  if (offtimer_halt != 0)
+    timer_halted(item->timer_id);
   process_off_timer(option);
 }
 
@@ -106,10 +110,11 @@ void dravel_expire_cb(dravel_item *item, void *) {
   LOGP("dravel expired: [%d]", item->timer_id);
   if (is_skipped(item, occurrence_of(item))) {
     LOGD("skip timer %d", item->timer_id);
+    timer_skipped(item->timer_id);
     return;
   }
 
-  state_timer_fired(item->timer_id);
+  timer_fired(item->timer_id);
   LOGI("[dravel_expire_cb] send_expire_week_flag_signal week_flag = %d, timer_id = %d",
        item->week_flag, item->timer_id);
   send_expire_week_flag_signal(item->week_flag);

@@ -6,14 +6,17 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <memory>
 #include <span>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -22,6 +25,7 @@
 static constexpr mode_t kDbFileMode = 0664;
 static constexpr int kDbVersion = 1;
 static constexpr int kUnmarked = 0;
+static constexpr const char *kCopyEnding = ".0"; // of a file of version 0 while it is migrated
 
 static constexpr const char *kCreateDravelTable =
     "CREATE TABLE IF NOT EXISTS dravel \t(timer_id INTEGER PRIMARY KEY AUTOINCREMENT,"
@@ -87,6 +91,7 @@ struct database {
   const char *path;
   sqlite3 *handle = nullptr;
   std::chrono::milliseconds wait_left{}; // of kLongestWait; 0 once the daemon has started
+  bool is_older = false;                 // this start found it and can read it
 };
 
 // The outcome of one statement.
@@ -106,12 +111,33 @@ struct statement {
   static constexpr std::size_t kLimit = sizeof text - 1;
 };
 
+// The text of a statement with %d for each of `Values` numbers. Does not compile when that is not
+// so, or when the longest numbers do not fit.
+template <std::size_t Values> struct sql_format {
+  consteval sql_format(const char *format) : text(format) {
+    std::size_t values = 0;
+    std::size_t length = 0;
+    for (; *format != '\0'; ++format, ++length)
+      if (*format == '%') {
+        ++values;
+        length += std::numeric_limits<int>::digits10 + 1; // and the sign
+        if (*++format != 'd')
+          throw "not a conversion of a number";
+      }
+    if (values != Values || length >= statement::kLimit)
+      throw "another count of values, or too long";
+  }
+
+  const char *text;
+};
+
 using connection = std::unique_ptr<sqlite3, int (*)(sqlite3 *)>;
 using row_callback = int (*)(void *out, int columns, char **values, char **names);
 using old_rows = std::vector<dravel_item>;
 // The numbers of a record's fields, without `LeftOut` of them.
 template <typename Record, std::size_t LeftOut>
 using fields_of = std::make_index_sequence<kRecordFields<Record>.size() - LeftOut>;
+using timer_format = sql_format<kRecordFields<dravel_item>.size()>;
 
 } // namespace
 
@@ -143,17 +169,18 @@ static sql_result execute(database &db, const char *sql, row_callback callback =
 }
 
 template <typename... Values>
-static sql_result execute_with(database &db, const char *format, Values... values) {
+static sql_result execute_with(database &db, sql_format<sizeof...(Values)> format,
+                               Values... values) {
   statement sql;
-  std::snprintf(sql.text, statement::kLimit, format, values...);
+  std::snprintf(sql.text, statement::kLimit, format.text, values...);
   return execute(db, sql.text);
 }
 
 // Fills `format` with the fields from column `First` on, then `last`.
 template <std::size_t First, typename Record, std::size_t... I, typename... Last>
-static void format_fields(char *buf, const char *format, const Record &record,
-                          std::index_sequence<I...>, Last... last) {
-  std::snprintf(buf, statement::kLimit, format,
+static void format_fields(char *buf, sql_format<sizeof...(I) + sizeof...(Last)> format,
+                          const Record &record, std::index_sequence<I...>, Last... last) {
+  std::snprintf(buf, statement::kLimit, format.text,
                 field_of(record, kRecordFields<Record>[First + I])..., last...);
 }
 
@@ -191,14 +218,14 @@ static int disabled_period_row_cb(void *fn, int columns, char **values, char **)
 
 // One builder for the insert, which ends with the mark of a new row, and the
 // update, which ends with the row's id.
-static void query_dravel_db_str(char *buf, const dravel_item *item, const char *format, int last) {
-  if (buf == nullptr || item == nullptr || format == nullptr)
+static void query_dravel_db_str(char *buf, const dravel_item *item, timer_format format, int last) {
+  if (buf == nullptr || item == nullptr)
     return;
   format_fields<1>(buf, format, *item, fields_of<dravel_item, 1>{}, last);
 }
 
-static void query_wakeup_dravel_db_str(char *buf, const dravel_item *item, const char *format) {
-  if (buf == nullptr || item == nullptr || format == nullptr)
+static void query_wakeup_dravel_db_str(char *buf, const dravel_item *item, timer_format format) {
+  if (buf == nullptr || item == nullptr)
     return;
   format_fields<0>(buf, format, *item, fields_of<dravel_item, 0>{});
 }
@@ -220,8 +247,9 @@ int load_wakeup_timer_db(dravel_row_fn fn) {
 
 // Deletes the row that was inserted last.
 static int undo_insert(const char *table) {
-  const sql_result result =
-      execute_with(dravel_db, "DELETE FROM %s WHERE rowid = last_insert_rowid()", table);
+  const std::string sql =
+      std::string("DELETE FROM ") + table + " WHERE rowid = last_insert_rowid()";
+  const sql_result result = execute(dravel_db, sql.c_str());
   if (!result.ok())
     LOGE("failed to undo an insert: %s\n", result.text());
   return result.code;
@@ -443,13 +471,18 @@ static bool __check_need_db_migration(void) {
   return result.ok() && need_db_migration;
 }
 
-static void __set_db_version(void) {
+// Whether the main database, whose version decides about the migration, has it.
+static bool __set_db_version(void) {
   LOGI("new db version[%d]", kDbVersion);
+  bool is_set = true;
   for (database *db : {&dravel_db, &wakeup_dravel_db}) {
     const sql_result result = execute_with(*db, "pragma user_version = %d", kDbVersion);
-    if (!result.ok())
-      LOGE("failed to set db version. ret[%d], error[%s]", result.code, result.text());
+    if (result.ok())
+      continue;
+    LOGE("failed to set db version. ret[%d], error[%s]", result.code, result.text());
+    is_set &= db == &wakeup_dravel_db;
   }
+  return is_set;
 }
 
 // Version 0 had the columns up to `week_flag` as they are now, and the rest of
@@ -488,7 +521,7 @@ static int __add_old_wakeup_dravel_to_migration_cb(void *rows, int columns, char
   return 0;
 }
 
-static void __get_old_dravel_list(old_rows &timers, old_rows &wakeup) {
+static bool __get_old_dravel_list(old_rows &timers, old_rows &wakeup) {
   const sql_result read =
       execute(dravel_db, "SELECT * FROM dravel", __add_old_dravel_to_migration_cb, &timers);
   if (!read.ok())
@@ -498,63 +531,59 @@ static void __get_old_dravel_list(old_rows &timers, old_rows &wakeup) {
                                          __add_old_wakeup_dravel_to_migration_cb, &wakeup);
   if (!read_wakeup.ok())
     LOGE("failed to load table for wakeup dravel: %s", read_wakeup.text());
+  return read.ok() && read_wakeup.ok();
 }
 
 // The lines of both name the caller.
 static int create_table(database &db, const char *table, const char *sql,
                         const char *caller = __builtin_FUNCTION()) {
   const sql_result created = execute(db, sql);
-  if (!created.ok()) {
+  if (!created.ok())
     LOG_FROM(caller, SYSTEM_LOG_ERROR, "failed to create table for %s: %s", table, created.text());
-    unlink(db.path);
-  }
   return created.code;
 }
 
+// Deletes the file when that fails.
 static int recreate_table(database &db, const char *table, const char *sql,
                           const char *caller = __builtin_FUNCTION()) {
   const sql_result dropped = execute(db, "DROP TABLE dravel");
-  if (!dropped.ok()) {
+  if (!dropped.ok())
     LOG_FROM(caller, SYSTEM_LOG_ERROR, "failed to drop table for %s: %s", table, dropped.text());
+  const int code = dropped.ok() ? create_table(db, table, sql, caller) : dropped.code;
+  if (code != SQLITE_OK)
     unlink(db.path);
-    return dropped.code;
-  }
-  return create_table(db, table, sql, caller);
+  return code;
 }
-
-static bool is_in_transaction(const database &db) { return sqlite3_get_autocommit(db.handle) == 0; }
 
 // Rows get new ids. The mark goes to the row whose new id is the id of the old wake-up copy: that
 // is the same timer only when no earlier row was ever deleted.
-static void __migration_0_to_1(void) {
+static bool __migration_0_to_1(void) {
   LOGP("__migration_0_to_1");
-  const bool in_transaction = is_in_transaction(dravel_db);
   old_rows timers;
   old_rows wakeup;
-  __get_old_dravel_list(timers, wakeup);
+  bool complete = __get_old_dravel_list(timers, wakeup);
 
   if (recreate_table(dravel_db, "dravel", kCreateDravelTable) != SQLITE_OK ||
       recreate_table(wakeup_dravel_db, "wakeup dravel", kCreateWakeupDravelTable) != SQLITE_OK)
-    return;
-  for (dravel_item &item : timers) {
-    if (insert_dravel_item_db(&item) != SQLITE_OK && is_in_transaction(dravel_db) != in_transaction)
-      return; // a full disk has undone everything: the old rows are back
-  }
+    return false;
+  for (dravel_item &item : timers)
+    complete &= insert_dravel_item_db(&item) == SQLITE_OK;
   for (const dravel_item &item : wakeup) {
-    set_micom_flag(item.timer_id);
-    insert_wakeup_dravel_item_db(&item);
+    complete &= set_micom_flag(item.timer_id) == SQLITE_OK;
+    complete &= insert_wakeup_dravel_item_db(&item) == SQLITE_OK;
   }
+  return complete;
 }
 
-// Afterwards the file at `path` is sound: a missing or damaged one is replaced by
-// an empty one.
-static void prepare_db_file(const char *path) {
-  if (integrity_check(path) == -1) {
+// Afterwards the file is sound: a missing or damaged one is replaced by an empty one.
+static void prepare_db_file(database &db) {
+  db.is_older = integrity_check(db.path) == 0;
+  if (!db.is_older) {
     LOGP_OF(initialize_dravel_db, "initialize_dravel_db integrity_check[%s] fail, it will recreate",
-            path);
-    unlink(path);
+            db.path);
+    unlink(db.path);
   }
-  make_db_file_manual(path);
+  make_db_file_manual(db.path);
 }
 
 static int take_number(void *number, int, char **values, char **) {
@@ -575,7 +604,7 @@ static void synchronise_directory_too(database &db) {
 }
 
 static int open_db(database &db, const char *name) {
-  prepare_db_file(db.path);
+  prepare_db_file(db);
   const int opened = sqlite3_open(db.path, &db.handle);
   if (opened == SQLITE_OK)
     set_wait(db, kLongestWait);
@@ -585,12 +614,156 @@ static int open_db(database &db, const char *name) {
   return opened;
 }
 
+// --- copies of version 0, beside the files while these are migrated ---
+//
+// A copy of the main file beside one that is missing or of version 0 means that the start before
+// was interrupted; beside one of the new version, that only the removal of the copies was. The copy
+// of the wake-up file alone means nothing: it is put back first.
+
+static std::string copy_of(const database &db) { return db.path + std::string(kCopyEnding); }
+
+static bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
+static void remove_with_journals(const std::string &path) {
+  for (const char *ending : {"-journal", "-wal", "-shm", ""})
+    unlink((path + ending).c_str());
+}
+
+static void remove_copies(void) {
+  for (const database *db : {&dravel_db, &wakeup_dravel_db})
+    unlink(copy_of(*db).c_str());
+}
+
+static int sync_file(const std::string &path, int flags) {
+  const int fd = open(path.c_str(), flags | O_CLOEXEC);
+  if (fd == -1)
+    return -1;
+  const int synced = fsync(fd);
+  close(fd);
+  return synced;
+}
+
+int replace_file(const std::string &from, const std::string &to) {
+  if (sync_file(from, O_RDONLY) != 0 || std::rename(from.c_str(), to.c_str()) != 0)
+    return -1;
+  // Some file systems cannot synchronise a directory; the file is replaced on them, too.
+  (void)sync_file(to.substr(0, to.rfind('/') + 1), O_RDONLY | O_DIRECTORY);
+  return 0;
+}
+
+// Through the connection, so that what a journal undoes is undone in the copy.
+static int backup_into(const std::string &path, const database &from) {
+  sqlite3 *handle = nullptr;
+  const int opened = sqlite3_open(path.c_str(), &handle);
+  const connection db(handle, sqlite3_close);
+  if (opened != SQLITE_OK)
+    return opened;
+  sqlite3_backup *backup = sqlite3_backup_init(handle, "main", from.handle, "main");
+  const int copied = sqlite3_backup_step(backup, -1);
+  sqlite3_backup_finish(backup);
+  return copied == SQLITE_DONE ? SQLITE_OK : copied;
+}
+
+static int copy_database(const database &from) {
+  const std::string unfinished = copy_of(from) + ".new";
+  remove_with_journals(unfinished);
+  int copied = backup_into(unfinished, from);
+  if (copied == SQLITE_OK && replace_file(unfinished, copy_of(from)) != 0)
+    copied = SQLITE_IOERR;
+  if (copied != SQLITE_OK)
+    remove_with_journals(unfinished);
+  return copied;
+}
+
+// A file that is new has nothing to lose.
+static int make_copies(void) {
+  for (const database *db : {&wakeup_dravel_db, &dravel_db}) {
+    const int copied = db->is_older ? copy_database(*db) : SQLITE_OK;
+    if (copied != SQLITE_OK) {
+      LOGE("failed to copy [%s], its migration waits for the next start: %s", db->path,
+           sqlite3_errstr(copied));
+      return copied;
+    }
+  }
+  return SQLITE_OK;
+}
+
+// Renames a database's file or copy that is of no use now; an older one of that name stays.
+static bool set_aside(const database &db, const std::string &path) {
+  const std::string failed = path + ".failed";
+  std::string unused = failed;
+  for (int number = 2; exists(unused); ++number)
+    unused = failed + "." + std::to_string(number);
+  if (replace_file(path, unused) != 0)
+    return false;
+  if (&db == &dravel_db)
+    LOGE("the old timers are in [%s]", unused.c_str());
+  return true;
+}
+
+// After a migration that failed. False when a copy is still where the next start puts it back.
+static bool keep_copies(void) {
+  return std::ranges::all_of(std::array{&wakeup_dravel_db, &dravel_db}, [](const database *db) {
+    return !exists(copy_of(*db)) || set_aside(*db, copy_of(*db));
+  });
+}
+
+// -1 when the file is missing or cannot be read.
+static int stored_version(const char *path) {
+  sqlite3 *handle = nullptr;
+  int version = -1;
+  const int opened = sqlite3_open_v2(path, &handle, SQLITE_OPEN_READWRITE, nullptr);
+  const connection db(handle, sqlite3_close);
+  if (opened == SQLITE_OK)
+    execute(handle, "pragma user_version", take_number, &version);
+  return version;
+}
+
+// The journals belong to the files that are replaced.
+static bool put_back_copies(void) {
+  if (!exists(copy_of(dravel_db)) || stored_version(dravel_db.path) > 0) {
+    remove_copies();
+    return true;
+  }
+  LOGE("the migration was interrupted, the old databases are put back");
+  for (const database *db : {&wakeup_dravel_db, &dravel_db}) {
+    if (!exists(copy_of(*db)))
+      continue;
+    remove_with_journals(db->path);
+    if (replace_file(copy_of(*db), db->path) != 0) {
+      LOGE("failed to put [%s] back", copy_of(*db).c_str());
+      return false;
+    }
+  }
+  return true;
+}
+
+// --- the start ---
+
+static int close_db(database &db) {
+  db.wait_left = {};
+  return sqlite3_close(std::exchange(db.handle, nullptr));
+}
+
 // Without its wake-up database the daemon still keeps every timer.
 static void open_wakeup_db(void) {
   open_db(wakeup_dravel_db, "wakeup_dravel");
   if (create_table(wakeup_dravel_db, "wakeup dravel", kCreateWakeupDravelTable,
-                   "initialize_dravel_db") == SQLITE_OK)
+                   "initialize_dravel_db") == SQLITE_OK) {
     synchronise_directory_too(wakeup_dravel_db);
+    return;
+  }
+  wakeup_dravel_db.is_older = false;
+  unlink(kWakeupDbPath);
+}
+
+// The next start makes a new main file. One with timers that a lock or the disk made useless is
+// renamed: it may be put back by hand.
+static void remove_main_file(int failure) {
+  const bool is_file_at_fault =
+      failure == SQLITE_ERROR || failure == SQLITE_CORRUPT || failure == SQLITE_NOTADB;
+  if (!dravel_db.is_older || is_file_at_fault || !set_aside(dravel_db, kDravelDbPath))
+    unlink(kDravelDbPath);
 }
 
 static int open_main_db(void) {
@@ -599,39 +772,44 @@ static int open_main_db(void) {
   for (const auto &[table, sql] : {std::pair{"dravel", kCreateDravelTable},
                                    std::pair{"disabled_period", kCreateDisabledPeriodTable}})
     if (const int created = create_table(dravel_db, table, sql, "initialize_dravel_db");
-        created != SQLITE_OK)
+        created != SQLITE_OK) {
+      remove_main_file(created);
       return created;
+    }
   synchronise_directory_too(dravel_db);
   return SQLITE_OK;
 }
 
-// All or nothing, so that a power cut or a full disk loses no timer: the next start tries it again.
-// The main database, whose version decides about that, is committed last.
+// The copies are out of the way before the version says that the migration is over.
 static void migrate(void) {
-  for (database *db : {&dravel_db, &wakeup_dravel_db})
-    execute(*db, "BEGIN IMMEDIATE");
-  const bool in_transaction = is_in_transaction(dravel_db);
-  __migration_0_to_1();
-  if (is_in_transaction(dravel_db) == in_transaction)
+  if (!__migration_0_to_1() && !keep_copies())
+    return;
+  if (__set_db_version())
+    remove_copies();
+  else
+    keep_copies();
+}
+
+static int open_and_migrate(void) {
+  if (!put_back_copies())
+    return SQLITE_CANTOPEN;
+  open_wakeup_db();
+  if (const int opened = open_main_db(); opened != SQLITE_OK)
+    return opened;
+  if (!__check_need_db_migration()) {
     __set_db_version();
-  for (database *db : {&wakeup_dravel_db, &dravel_db}) {
-    const sql_result committed = execute(*db, "COMMIT");
-    if (committed.ok())
-      continue;
-    LOGE("failed to commit the migration: %s", committed.text());
-    execute(*db, "ROLLBACK");
+    return SQLITE_OK;
   }
+  if (const int copied = make_copies(); copied != SQLITE_OK) {
+    close_db(dravel_db);
+    return copied;
+  }
+  migrate();
+  return SQLITE_OK;
 }
 
 int initialize_dravel_db(void) {
-  open_wakeup_db();
-  const int opened = open_main_db();
-  if (opened == SQLITE_OK) {
-    if (__check_need_db_migration())
-      migrate();
-    else
-      __set_db_version();
-  }
+  const int opened = open_and_migrate();
   // From now on a locked file refuses a statement at once: the main loop must not wait.
   for (database *db : {&dravel_db, &wakeup_dravel_db})
     if (db->wait_left.count() > 0)
@@ -640,8 +818,8 @@ int initialize_dravel_db(void) {
 }
 
 int close_dravel_db(void) {
-  sqlite3_close(std::exchange(dravel_db.handle, nullptr));
-  return sqlite3_close(std::exchange(wakeup_dravel_db.handle, nullptr));
+  close_db(dravel_db);
+  return close_db(wakeup_dravel_db);
 }
 
 static void delete_db_file(const char *path, const char *file) {
@@ -656,4 +834,5 @@ static void delete_db_file(const char *path, const char *file) {
 void reset_dravel_db(void) {
   delete_db_file(kDravelDbPath, "db");
   delete_db_file(kWakeupDbPath, "wakeup db");
+  remove_copies();
 }

@@ -1,11 +1,12 @@
 #include "dravel-edbus.h"
 
 #include "dravel-bus.h"
-#include "dravel-cb.h"
+#include "dravel-changes.h"
 #include "dravel-db.h"
 #include "dravel-item.h"
 #include "dravel-list.h"
 #include "dravel-log.h"
+#include "dravel-state.h"
 #include "dravel-timer.h"
 
 #include <E_DBus.h>
@@ -155,8 +156,8 @@ static int take_item(dravel_item *item) {
     g_free(item);
     return -1;
   }
-  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
-    remove_dravel_item(item);
+  if (const auto reason = schedule_item(item)) {
+    remove_dravel_item(item, *reason);
     return -1;
   }
   return item->timer_id;
@@ -309,7 +310,7 @@ static DBusMessage *edbus_request_set_disable_period_effect(E_DBus_Object *, DBu
   item->disable_period_effect = effect;
   update_disable_period_effect_db(timer_id, effect);
   if (changed)
-    state_timer_changed(timer_id);
+    timer_changed(timer_id);
   adjust_dravel_all_items(nullptr, nullptr);
   return call.reply_int(0);
 }

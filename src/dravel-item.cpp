@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <climits>
-#include <optional>
 #include <span>
 #include <vector>
 
@@ -122,7 +121,7 @@ int can_skip_timer(const dravel_item *item, time_value occurrence) {
   }
   listed->tm.tm_mday = add_wrapping(listed->tm.tm_mday, days_until_after(when, end));
   update_dravel_item_db(listed);
-  state_timer_changed(listed->timer_id);
+  timer_changed(listed->timer_id);
   LOG_TIME(SYSTEM_LOG_INFO, "to shift timer as after holiday period: %s", &listed->tm);
   return SKIP_MOVED;
 }
@@ -206,7 +205,8 @@ static bool lies_after_wrap(const dravel_item *item, const clock_reading &clocks
   return true;
 }
 
-static int next_one_shot(const dravel_item *item, const clock_reading &clocks, time_value *expire) {
+static next_expiry next_one_shot(const dravel_item *item, const clock_reading &clocks,
+                                 time_value *expire) {
   std::tm date = item->tm;
   clear_seconds(item, &date);
   *expire = unsigned_timegm(&date);
@@ -217,27 +217,27 @@ static int next_one_shot(const dravel_item *item, const clock_reading &clocks, t
     LOGI_OF(get_next_expire_date, "get_next_expire_date, timer_time: %lu, curtime: %lu \n",
             as_ulong(*expire), as_ulong(clocks.now));
     if (!lies_after_wrap(item, clocks))
-      return -1;
+      return next_expiry::kPast;
   }
 
   const int decision = holiday_test(item, *expire);
   if (decision == SKIP_REFUSED)
-    return -1;
+    return next_expiry::kNever;
   if (decision == SKIP_MOVED) {
     // On its own clock, also for a system-clock timer: the next computation adds the offset.
     date = item->tm;
     clear_seconds(item, &date);
     *expire = unsigned_timegm(&date);
   }
-  return 0;
+  return next_expiry::kDue;
 }
 
 static bool repeats_on(const dravel_item *item, int wday) {
   return (static_cast<unsigned>(item->week_flag) >> wday & 1U) != 0;
 }
 
-static int next_repeating(const dravel_item *item, const clock_reading &clocks,
-                          time_value *expire) {
+static next_expiry next_repeating(const dravel_item *item, const clock_reading &clocks,
+                                  time_value *expire) {
   std::tm today;
   today_of(item, clocks, &today);
   std::tm date = item->tm;
@@ -250,7 +250,7 @@ static int next_repeating(const dravel_item *item, const clock_reading &clocks,
     clear_seconds(item, &date);
     *expire = add_offset_of(item, clocks, unsigned_timegm(&date));
     if (*expire > clocks.now && holiday_test(item, *expire) != SKIP_REFUSED)
-      return 0;
+      return next_expiry::kDue;
   }
   for (int day = 1; day <= kMaxSearchDays; ++day) {
     ++date.tm_mday;
@@ -258,27 +258,39 @@ static int next_repeating(const dravel_item *item, const clock_reading &clocks,
       continue;
     *expire = add_offset_of(item, clocks, unsigned_timegm(&date));
     if (holiday_test(item, *expire) != SKIP_REFUSED)
-      return 0;
+      return next_expiry::kDue;
   }
-  return -1;
+  return next_expiry::kNever;
 }
 
-// The same as get_next_expire_date of the header, as a time value.
-static int get_next_expire_date(const dravel_item *item, time_value *expire) {
+next_expiry find_next_expiry(const dravel_item *item, time_value *expire) {
   clock_reading clocks;
   if (read_clocks_of(item, &clocks) != 0)
-    return -2;
-  LOGI("timer_id[%d], crt_time[%lu], broadcast time[%lu], internet time[%lu], internet time "
-       "offset[%lf]",
-       item->timer_id, as_ulong(clocks.now), as_ulong(clocks.broadcast), as_ulong(clocks.internet),
-       clocks.offset);
+    return next_expiry::kUnknown;
+  LOGI_OF(get_next_expire_date,
+          "timer_id[%d], crt_time[%lu], broadcast time[%lu], internet time[%lu], internet time "
+          "offset[%lf]",
+          item->timer_id, as_ulong(clocks.now), as_ulong(clocks.broadcast),
+          as_ulong(clocks.internet), clocks.offset);
 
-  const int result = item->week_flag == 0 ? next_one_shot(item, clocks, expire)
-                                          : next_repeating(item, clocks, expire);
+  const next_expiry found = item->week_flag == 0 ? next_one_shot(item, clocks, expire)
+                                                 : next_repeating(item, clocks, expire);
   std::tm tm;
-  if (result == 0)
-    LOG_TIME(SYSTEM_LOG_DEBUG, "time: %s", unsigned_gmtime_r(*expire, &tm));
-  return result;
+  if (found == next_expiry::kDue)
+    LOG_TIME_FROM("get_next_expire_date", SYSTEM_LOG_DEBUG, "time: %s",
+                  unsigned_gmtime_r(*expire, &tm));
+  return found;
+}
+
+std::optional<time_value> occurrence_after(const dravel_item *item, time_value fired) {
+  clock_reading clocks{};
+  if (item->week_flag == 0 || read_clocks_of(item, &clocks) != 0)
+    return std::nullopt;
+  clocks.now = clocks.broadcast = fired;
+  clocks.internet = add_time_offset(fired, -clocks.offset);
+  time_value next = 0;
+  return next_repeating(item, clocks, &next) == next_expiry::kDue ? std::optional(next)
+                                                                  : std::nullopt;
 }
 
 int get_next_expire_date(const dravel_item *item, std::tm *expire) {
@@ -287,10 +299,15 @@ int get_next_expire_date(const dravel_item *item, std::tm *expire) {
     return -1;
   }
   time_value next = 0;
-  const int result = get_next_expire_date(item, &next);
-  if (result == 0)
+  switch (find_next_expiry(item, &next)) {
+  case next_expiry::kDue:
     unsigned_gmtime_r(next, expire);
-  return result;
+    return 0;
+  case next_expiry::kUnknown:
+    return -2;
+  default:
+    return -1;
+  }
 }
 
 int can_skip_standby(const std::tm *standby, int timer_id) {
@@ -303,7 +320,7 @@ int can_skip_standby(const std::tm *standby, int timer_id) {
 
   for (const dravel_item *ontimer : items_of<dravel_item>(ontimer_list)) {
     time_value expire = 0;
-    if (ontimer->timer_id == timer_id || get_next_expire_date(ontimer, &expire) != 0)
+    if (ontimer->timer_id == timer_id || find_next_expiry(ontimer, &expire) != next_expiry::kDue)
       continue;
     const time_value distance = expire - standby_time;
     if (distance >= 1 && distance <= kMaxSkipSeconds) {
@@ -333,7 +350,7 @@ public:
     if (!known_) {
       time_value next = 0;
       expiry_.reset();
-      if (get_next_expire_date(item, &next) == 0)
+      if (find_next_expiry(item, &next) == next_expiry::kDue)
         expiry_ = next;
       known_ = !may_be_moved(item);
     }
@@ -465,18 +482,18 @@ Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason) {
     LOGE("failed to save dravel item to the DB\n");
     undeleted_list = eina_list_append(undeleted_list, item);
     // A transient timer has no row that brings it back.
-    state_timer_removed(item->timer_id,
-                        has_type(item, TIMER_TYPE_TRANSIENT) ? reason : removal_reason::kLost);
+    timer_removed(item->timer_id,
+                  has_type(item, TIMER_TYPE_TRANSIENT) ? reason : removal_reason::kLost);
     return dravel_list;
   }
-  state_timer_removed(item->timer_id, reason);
+  timer_removed(item->timer_id, reason);
   g_free(item);
   LOGP("complate remove_dravel_item");
   return dravel_list;
 }
 
 Eina_List *remove_dravel_item(dravel_item *item) {
-  return remove_dravel_item(item, reason_of_no_expiry(item));
+  return remove_dravel_item(item, removal_reason::kCancelled);
 }
 
 void check_over_max_timer_num(void) {
@@ -528,7 +545,7 @@ Eina_List *add_dravel_item(dravel_item *item) {
   }
   insert_in_order(item);
   rebuild_onoff_timer_lists();
-  state_timer_added(item->timer_id);
+  timer_added(item->timer_id);
   return dravel_list;
 }
 

@@ -1,6 +1,5 @@
 #include "dravel-manager.h"
 
-#include "dravel-cb.h"
 #include "dravel-db.h"
 #include "dravel-edbus.h"
 #include "dravel-item.h"
@@ -20,9 +19,9 @@ static Eina_Bool _schedule_dravel(void *) {
   if (get_kinto_time_updated() != 0) {
     for (dravel_item *item : items_of<dravel_item>(timers)) {
       cancel_ecore_timer(item->timer_id); // an earlier bus call may have armed it
-      if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES) {
+      if (const auto reason = schedule_item(item)) {
         LOGP("timer doesn't have next expire date (%s)", "_schedule_dravel");
-        remove_dravel_item(item);
+        remove_dravel_item(item, *reason);
       }
     }
     replace_removed_ontimer();

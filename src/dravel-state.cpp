@@ -1,5 +1,6 @@
 #include "dravel-state.h"
 
+#include "dravel-changes.h"
 #include "dravel-item.h"
 #include "dravel-list.h"
 #include "dravel-log.h"
@@ -7,12 +8,15 @@
 
 #include <E_DBus.h>
 #include <Ecore.h>
+#include <glib.h>
 
 #include <algorithm>
+#include <cstdarg>
 #include <initializer_list>
 #include <iterator>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 // Sending adds 15 to 20 % to a call that adds or cancels a timer, with the store in memory. A burst
 // of calls must not pay that each time: what changes this soon after the last signals waits.
@@ -27,6 +31,13 @@ static constexpr const char *kReasonWords[] = {"fired", "cancelled", "replaced",
                                                "past",  "never",     "lost"};
 
 namespace {
+
+// One signal to be sent.
+struct timer_change {
+  const char *signal;
+  int timer_id;
+  const char *reason; // the word for it; null unless the timer was removed
+};
 
 struct armed_timer {
   int timer_id;
@@ -80,18 +91,57 @@ static Ecore_Timer *end_of_burst;
 static double sent_at = -kBurstSeconds;
 static std::vector<timer_change> timer_changes;
 static std::vector<const char *> changed_properties;
-static std::vector<int> fired_timers;
+static std::vector<int> fired_timers; // and listed still
 static unsigned clock_settings;
+static bool ontime_accepted = true;
 
 static std::vector<armed_timer> armed_timers(void) {
   std::vector<armed_timer> armed;
   for (const dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
-    const void *record = g_hash_table_lookup(cb_data_table, GINT_TO_POINTER(item->timer_id));
-    if (record != nullptr)
-      armed.push_back({item->timer_id, static_cast<const cb_data *>(record)->expiry});
+    if (const auto expiry = armed_expiry(item->timer_id))
+      armed.push_back({item->timer_id, *expiry});
   }
   return armed;
 }
+
+// --- the set's log ---
+
+static void log_event(const char *event, int timer_id, const char *reason, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+static void log_event(const char *event, int timer_id, const char *reason, const char *format,
+                      ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  g_autofree char *text = g_strdup_vprintf(format, arguments);
+  va_end(arguments);
+  system_log_event(event, timer_id, reason, text);
+}
+
+// A change of the clock programs many on-times in a pass: only the last one counts.
+static void log_ontime(void) {
+  static micom_ontimer_record logged;
+  static bool logged_accepted = true;
+  const micom_ontimer_record &record = programmed_ontimer();
+  if (record.timer_id == logged.timer_id && record.ontime == logged.ontime &&
+      ontime_accepted == logged_accepted)
+    return;
+  logged = record;
+  logged_accepted = ontime_accepted;
+  if (record.timer_id == 0) {
+    log_event("programmed", 0, "", "no timer is programmed to wake the set");
+    return;
+  }
+  std::tm at;
+  unsigned_gmtime_r(record.ontime, &at);
+  log_event(ontime_accepted ? "programmed" : "refused", record.timer_id, "",
+            "the set %s wake for timer %d at %04d-%02d-%02d %02d:%02d:%02d%s",
+            ontime_accepted ? "will" : "refused to", record.timer_id, at.tm_year + 1900,
+            at.tm_mon + 1, at.tm_mday, at.tm_hour, at.tm_min, at.tm_sec,
+            record.is_utc != 0 ? " UTC" : "");
+}
+
+// --- the properties ---
 
 static programmed_wakeup wakeup_of(const micom_ontimer_record &record) {
   if (record.timer_id == 0)
@@ -123,7 +173,7 @@ static shown_state current_state(void) {
   state.clock_settings = clock_settings;
   state.clock_confirmed = get_kinto_time_updated() != 0 ? 1 : 0;
   state.armed = armed_timers();
-  state.wakeup = wakeup_of(micom_ontimer);
+  state.wakeup = wakeup_of(programmed_ontimer());
   state.halt_on = ontimer_halt;
   state.halt_off = offtimer_halt;
   state.stored = stored_timers();
@@ -238,7 +288,8 @@ static bool send_changed_properties(void) {
 }
 
 static void send_gathered(void) {
-  const std::vector<timer_change> changes = take_timer_changes();
+  log_ontime();
+  const std::vector<timer_change> changes = std::exchange(timer_changes, {});
   if (state_object == nullptr)
     return;
   for (const timer_change &change : changes)
@@ -270,57 +321,53 @@ void state_touched(void) {
     end_of_pass = ecore_idle_enterer_add(end_of_pass_cb, nullptr);
 }
 
-std::vector<timer_change> take_timer_changes(void) {
-  fired_timers.clear();
-  return std::exchange(timer_changes, {});
-}
-
-void state_timer_added(int timer_id) {
+void timer_added(int timer_id) {
   timer_changes.push_back({kAddedSignal, timer_id, nullptr});
   state_touched();
 }
 
 // Once in a pass, and not for a timer that was added in it.
-void state_timer_changed(int timer_id) {
+void timer_changed(int timer_id) {
   if (std::ranges::find(timer_changes, timer_id, &timer_change::timer_id) == timer_changes.end())
     timer_changes.push_back({kChangedSignal, timer_id, nullptr});
   state_touched();
 }
 
-void state_timer_removed(int timer_id, removal_reason reason) {
-  timer_changes.push_back({kRemovedSignal, timer_id, kReasonWords[static_cast<int>(reason)]});
+// A transient timer that has fired stays listed until somebody finds that its time has passed.
+void timer_removed(int timer_id, removal_reason reason) {
+  const bool has_fired = std::erase(fired_timers, timer_id) != 0;
+  if (has_fired && reason == removal_reason::kPast)
+    reason = removal_reason::kFired;
+  const char *word = kReasonWords[static_cast<int>(reason)];
+  timer_changes.push_back({kRemovedSignal, timer_id, word});
+  log_event("removed", timer_id, word, "timer %d is removed: %s", timer_id, word);
   state_touched();
 }
 
-void state_timer_fired(int timer_id) {
+void timer_fired(int timer_id) {
+  std::erase(fired_timers, timer_id);
   fired_timers.push_back(timer_id);
+  log_event("fired", timer_id, "", "timer %d has fired", timer_id);
   state_touched();
 }
 
-void state_clock_set(void) {
+void timer_halted(int timer_id) {
+  log_event("halted", timer_id, "", "timer %d does not act: timers of its kind are halted",
+            timer_id);
+}
+
+void timer_skipped(int timer_id) {
+  log_event("skipped", timer_id, "", "timer %d does not fire: it skips this holiday", timer_id);
+}
+
+void ontime_requested(bool is_accepted) {
+  ontime_accepted = is_accepted;
+  state_touched();
+}
+
+void clock_set(void) {
   ++clock_settings;
   state_touched();
-}
-
-// Seconds above 0 of an on-timer do not count.
-static bool is_past(const dravel_item *item) {
-  clock_reading clocks{};
-  get_cur_time(&clocks.now, TIME_TYPE_BROADCAST);
-  std::tm date = item->tm;
-  if (is_ontimer_item(item) != 0 && date.tm_sec > 0)
-    date.tm_sec = 0;
-  time_value expiry = unsigned_timegm(&date);
-  if (item->time_type == TIME_TYPE_INTERNET && read_clocks(&clocks) == 0)
-    expiry = add_time_offset(expiry, clocks.offset);
-  return expiry <= clocks.now;
-}
-
-removal_reason reason_of_no_expiry(const dravel_item *item) {
-  if (item->week_flag != 0)
-    return removal_reason::kNever;
-  if (std::ranges::find(fired_timers, item->timer_id) != fired_timers.end())
-    return removal_reason::kFired;
-  return is_past(item) ? removal_reason::kPast : removal_reason::kNever;
 }
 
 void fini_state_object(void) {

@@ -1,6 +1,5 @@
 #include "dravel-timer.h"
 
-#include "dravel-cb.h"
 #include "dravel-db.h"
 #include "dravel-item.h"
 #include "dravel-list.h"
@@ -8,8 +7,10 @@
 
 #include <Ecore.h>
 #include <IPowerControl.h>
+#include <due_timers.h>
 #include <settings.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <span>
@@ -171,6 +172,8 @@ void cancel_ecore_timer(int timer_id) {
   forget_armed(timer_id);
 }
 
+const micom_ontimer_record &programmed_ontimer(void) { return micom_ontimer; }
+
 int set_power_control_wakeup_timer(unsigned int type, time_value time) {
   return IPowerControl::getInstance()->set_wakeup_time(type, time);
 }
@@ -192,10 +195,11 @@ int schedule_micom_ontimer(int timer_id, const std::tm *expire, unsigned int typ
     ontime = convert_to_utc(ontime);
   }
   micom_ontimer = {timer_id, is_utc ? 1 : 0, unsigned_timegm(&ontime), type, priority};
-  state_touched();
   LOGP("[micom ontime] : %s", time_str(micom_ontimer.ontime));
 
-  if (set_power_control_wakeup_timer(type, micom_ontimer.ontime) != 0) {
+  const int result = set_power_control_wakeup_timer(type, micom_ontimer.ontime);
+  ontime_requested(result == 0);
+  if (result != 0) {
     LOGE("Failed to set_power_control_wakeup_timer\n");
     return -1;
   }
@@ -458,12 +462,26 @@ static time_value pending_local_ontime(time_value now) {
   return 0;
 }
 
-static int arm(dravel_item *item, dravel_expire_fn cb, void *data, time_value timediff,
-               time_value expiry) {
+std::optional<time_value> armed_expiry(int timer_id) {
+  const auto *record =
+      static_cast<const cb_data *>(g_hash_table_lookup(cb_data_table, GINT_TO_POINTER(timer_id)));
+  return record == nullptr ? std::nullopt : std::optional(record->expiry);
+}
+
+namespace {
+
+struct expiry_call {
+  dravel_expire_fn cb;
+  void *data;
+};
+
+} // namespace
+
+static int arm(dravel_item *item, const expiry_call &call, time_value timediff, time_value expiry) {
   auto *record = g_try_new(cb_data, 1);
   Ecore_Timer *timer = nullptr;
   if (record != nullptr) {
-    *record = {cb, item, data, timediff, expiry};
+    *record = {call.cb, item, call.data, timediff, expiry};
     timer = ecore_timer_add(static_cast<double>(timediff), ecore_timer_cb, record);
   }
   if (timer == nullptr) {
@@ -501,28 +519,75 @@ static void reconsider_micom_ontimer(const dravel_item *item, time_value expire_
     LOGE_OF(schedule_dravel_item, "Failed to schedule micom offtimer");
 }
 
-int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
+static bool is_halted(int type) {
+  switch (timer_type_of(type).action) {
+  case timer_action::kTurnOn:
+  case timer_action::kWake:
+    return ontimer_halt != 0;
+  case timer_action::kTurnOff:
+    return offtimer_halt != 0;
+  default:
+    return false;
+  }
+}
+
+// Each occurrence of an armed item as the main loop would have come to it.
+static void add_due(const dravel_item *item, time_value from, time_value until,
+                    std::vector<due_timer> &due) {
+  for (auto time = armed_expiry(item->timer_id); time && *time <= until;
+       time = occurrence_after(item, *time)) {
+    if (*time > from)
+      due.push_back({item->timer_id, item->type, *time});
+  }
+}
+
+std::size_t dravel_due_timers(time_value from, time_value until, due_timer *out, std::size_t room) {
+  std::vector<due_timer> due;
+  for (const dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
+    if (!is_halted(item->type))
+      add_due(item, from, until, due);
+  }
+  std::ranges::stable_sort(due, {}, &due_timer::time);
+  const std::size_t count = std::min(due.size(), room);
+  std::ranges::copy(std::span(due).last(count), out);
+  return count;
+}
+
+static int result_of(next_expiry found) {
+  switch (found) {
+  case next_expiry::kDue:
+    return SCHEDULE_ARMED;
+  case next_expiry::kUnknown:
+    return SCHEDULE_TIME_UNKNOWN;
+  default:
+    return SCHEDULE_NEVER_FIRES;
+  }
+}
+
+static next_expiry schedule_dravel_item(dravel_item *item, const expiry_call &call) {
   LOGP("start schedule timer_id[%d] week_flag[0x%x] disable_effect[%d] time_type[%d]",
        item->timer_id, static_cast<unsigned>(item->week_flag), item->disable_period_effect,
        item->time_type);
   time_value now = 0;
   if (get_cur_time_or_rtc(&now, item->time_type) != 0)
-    return SCHEDULE_TIME_UNKNOWN;
+    return next_expiry::kUnknown;
   LOGP("curtime : %s", time_str(now));
 
-  std::tm expire_tm{};
-  const int result = get_next_expire_date(item, &expire_tm);
-  if (result != 0) {
-    LOGP("get_next_expire_date~~~error code : %d\n", result);
-    return result;
+  time_value next = 0;
+  const next_expiry found = find_next_expiry(item, &next);
+  if (found != next_expiry::kDue) {
+    LOGP("get_next_expire_date~~~error code : %d\n", result_of(found));
+    return found;
   }
+  std::tm expire_tm;
+  unsigned_gmtime_r(next, &expire_tm);
   if (has_type(item, TIMER_TYPE_STANDBY) && can_skip_standby(&expire_tm, item->timer_id) != 0)
-    return SCHEDULE_NEVER_FIRES;
+    return next_expiry::kNever;
 
   const time_value expire_time = unsigned_timegm(&expire_tm);
   time_value timediff = 0;
   if (distance_to(expire_time, expire_tm, now, &timediff) != 0)
-    return SCHEDULE_NEVER_FIRES;
+    return next_expiry::kPast;
   const bool avoid_reboot = fires_in_current_minute(now, expire_tm, timediff);
   const time_value local_ontime = pending_local_ontime(now);
 
@@ -537,14 +602,29 @@ int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
        static_cast<int>(eina_list_count(get_offtimer_list())));
   if (timediff > kMaxDistanceSeconds) {
     LOGP("!!!timediff couldn't be greater than one year~~~\n");
-    return SCHEDULE_NEVER_FIRES;
+    return next_expiry::kNever;
   }
 
   LOGP("scheduled item id: %d, type: %d", item->timer_id, item->type);
-  if (arm(item, cb, data, timediff, expire_time) != 0)
-    return SCHEDULE_NEVER_FIRES;
+  if (arm(item, call, timediff, expire_time) != 0)
+    return next_expiry::kNever;
   reconsider_micom_ontimer(item, expire_time, local_ontime, avoid_reboot);
-  return SCHEDULE_ARMED;
+  return next_expiry::kDue;
+}
+
+int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
+  return result_of(schedule_dravel_item(item, {cb, data}));
+}
+
+std::optional<removal_reason> schedule_item(dravel_item *item) {
+  switch (schedule_dravel_item(item, {dravel_expire_cb, nullptr})) {
+  case next_expiry::kPast:
+    return removal_reason::kPast;
+  case next_expiry::kNever:
+    return removal_reason::kNever;
+  default:
+    return std::nullopt;
+  }
 }
 
 Eina_Bool ecore_timer_cb(void *data) {
@@ -560,37 +640,41 @@ Eina_Bool ecore_timer_cb(void *data) {
   return ECORE_CALLBACK_CANCEL;
 }
 
+static bool is_head_due(void) {
+  const auto *head = static_cast<const dravel_item *>(eina_list_data_get(get_ontimer_list()));
+  std::tm expire{};
+  return get_next_expire_date(head, &expire) == 0;
+}
+
 // The programmed on-timer was removed: programs the next one. The on-time is cleared first, so that
-// the set does not wake for the removed one when there is no next one.
-static void schedule_next_ontimer(void) {
+// the set does not wake for the removed one when there is no next one. After a cancellation an
+// on-timer at the head without a next expiry ends the choice: nothing is programmed until the next
+// adjustment.
+static void schedule_next_ontimer(bool was_cancelled) {
   disable_programmed_ontimer();
   if (get_ontimer_list() == nullptr) {
     // Cleared again: the first request may have been refused.
     disable_programmed_ontimer();
     return;
   }
-  // An on-timer at the head without a next expiry ends the choice: nothing is programmed until the
-  // next adjustment.
-  std::tm expire{};
-  const auto *next = static_cast<const dravel_item *>(eina_list_data_get(get_ontimer_list()));
-  if (get_next_expire_date(next, &expire) != 0)
+  if (was_cancelled && !is_head_due())
     return;
-
   if (replace_programmed_ontimer() == kOntimerRefused)
     LOGE("Failed to schedule next micom ontimer");
 }
 
 void replace_removed_ontimer(void) {
   if (micom_ontimer.timer_id != 0 && find_dravel_item(micom_ontimer.timer_id) == nullptr)
-    schedule_next_ontimer();
+    schedule_next_ontimer(false);
 }
 
 // Arms `item`, or removes it when it never fires: `operation` then logs a line.
 static void arm_or_remove(dravel_item *item, const char *operation, system_log_priority priority) {
-  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) != SCHEDULE_NEVER_FIRES)
+  const auto reason = schedule_item(item);
+  if (!reason)
     return;
   LOG_FROM(operation, priority, "timer doesn't have next expire date");
-  remove_dravel_item(item);
+  remove_dravel_item(item, *reason);
 }
 
 // An off-timer was removed: an on-timer of the same time may fire again and is
@@ -615,7 +699,7 @@ void cancel_dravel_item(dravel_item *item, removal_reason reason) {
   cancel_ecore_timer(timer_id);
   remove_dravel_item(item, reason);
   if (micom_ontimer.timer_id == timer_id)
-    schedule_next_ontimer();
+    schedule_next_ontimer(true);
   if (is_offtimer && had_ontimers)
     rearm_next_ontimer();
 }
@@ -648,14 +732,14 @@ static void re_anchor(dravel_item *item, const clock_reading &clocks) {
   if (result != 0)
     LOGD_OF(adjust_dravel_all_items, "update_dravel_item_db error : %d", result);
   if (moves)
-    state_timer_changed(item->timer_id);
+    timer_changed(item->timer_id);
   LOGD_OF(adjust_dravel_all_items, "changed once time : %s", time_str(scheduled));
 }
 
 static void adjust_unarmed(dravel_item *item) {
   LOG_TIME_FROM("adjust_dravel_all_items", SYSTEM_LOG_DEBUG, "time: %s", &item->tm);
-  if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == SCHEDULE_NEVER_FIRES)
-    remove_dravel_item(item);
+  if (const auto reason = schedule_item(item))
+    remove_dravel_item(item, *reason);
 }
 
 static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
@@ -671,10 +755,9 @@ static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
   arm_or_remove(item, "adjust_dravel_all_items", SYSTEM_LOG_DEBUG);
 }
 
-void adjust_dravel_all_items(struct settings_key *changed, void *) {
+void adjust_dravel_all_items(struct settings_key *, void *) {
   LOGP("adjust_all_timers");
-  if (changed != nullptr)
-    state_clock_set();
+  clock_set();
   disable_programmed_ontimer();
   LOGP("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
 
@@ -695,7 +778,7 @@ void adjust_dravel_all_items(struct settings_key *changed, void *) {
 }
 
 void reschedule_all_timers(void) {
-  state_clock_set();
+  clock_set();
   LOGP("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
   disable_programmed_ontimer();
   for (dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
@@ -753,11 +836,16 @@ static int ambient_power_off_cb(void *) {
   return 0;
 }
 
-// The clock may have jumped while the set slept. The programmed on-timer is disarmed, also while
-// the clock is trusted, so that the next adjustment does not move it to another day; it is unarmed
-// until then. Unless the clock is trusted, all timers are adjusted now if it can be read, and again
-// when the middleware confirms the time or 60 seconds have passed. The `event` logs with its own
-// `priority`; id 0 stands for no timer and is logged, too.
+// The clock may have jumped while the set slept.
+//
+// The programmed on-timer is disarmed first: an adjustment moves armed one-shot timers to another
+// day, and this one may just have woken the set. Unarmed it keeps its day. The next adjustment arms
+// it or, when its time has passed, removes it.
+//
+// A clock that is trusted needs nothing else. Otherwise all timers are adjusted now, when the clock
+// can be read, and rescheduled when the middleware confirms the time or 60 seconds have passed.
+//
+// The line has the `event`'s priority. It is logged for id 0, which stands for no timer, too.
 static void react_to_wakeup(system_log_priority priority,
                             const char *event = __builtin_FUNCTION()) {
   set_wakeup_state(1);
@@ -892,7 +980,7 @@ int init_settings_handler(void) {
 }
 
 void auto_time_set(void) {
-  state_clock_set();
+  clock_set();
   const int time_updated = get_kinto_time_updated();
   const int state = device_power_get_state();
   const int ambient_mode = device_power_get_ambient_mode();
@@ -905,7 +993,7 @@ void auto_time_set(void) {
     stop_timer(adjust_wait_timer);
     if (is_tv_clock_known())
       start_with_valid_time();
-    else // each time update adds a poll; all end when the clock can be read
+    else // one more poll with each time update; all end once the clock can be read
       ecore_timer_add(kPollSeconds, wait_cur_time_cb, nullptr);
   }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ranges>
 
 static constexpr std::int64_t kDaySeconds = 86400;
 
@@ -58,6 +59,19 @@ rtc_time rtc_reading(std::uint32_t time) {
 std::int64_t zone_offset(GTimeZone *zone, std::int64_t utc) {
   const int interval = g_time_zone_find_interval(zone, G_TIME_TYPE_UNIVERSAL, utc);
   return g_time_zone_get_offset(zone, interval);
+}
+
+std::optional<std::int64_t> next_transition(GTimeZone *zone, std::int64_t utc) {
+  constexpr int kLongestDays = 400;
+  const std::int64_t offset = zone_offset(zone, utc);
+  const auto is_before = [&](std::int64_t time) { return zone_offset(zone, time) == offset; };
+  for (int day = 0; day < kLongestDays; ++day) {
+    const auto seconds =
+        std::views::iota(utc + day * kDaySeconds, utc + (day + 1) * kDaySeconds + 1);
+    if (!is_before(seconds.back()))
+      return *std::ranges::partition_point(seconds, is_before);
+  }
+  return std::nullopt;
 }
 
 std::uint32_t utc_to_local(GTimeZone *zone, std::uint32_t utc) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <ctime>
 #include <limits>
+#include <optional>
 
 inline constexpr std::uint32_t kLastTimeValue = std::numeric_limits<std::uint32_t>::max();
 
@@ -28,6 +29,10 @@ std::tm broken_down(std::uint32_t time);
 
 // The seconds by which `zone` is ahead of UTC at the UTC time `utc`.
 std::int64_t zone_offset(GTimeZone *zone, std::int64_t utc);
+
+// The next second, UTC, at which the offset of `zone` changes; none within 400 days. Two changes
+// within a day that undo each other are not seen.
+std::optional<std::int64_t> next_transition(GTimeZone *zone, std::int64_t utc);
 
 std::uint32_t utc_to_local(GTimeZone *zone, std::uint32_t utc);
 

@@ -550,8 +550,10 @@ int e_dbus_init() {
 }
 
 int e_dbus_shutdown() {
-  if (library == nullptr || --library->users > 0)
-    return library != nullptr ? library->users : 0;
+  if (library == nullptr)
+    return 0;
+  if (--library->users > 0)
+    return library->users;
   delete library;
   library = nullptr;
   return 0;

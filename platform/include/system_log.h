@@ -22,4 +22,9 @@ extern enum system_log_priority system_log_threshold;
 // Writes one line under `tag`, which is static text. Ignores the threshold.
 void system_log_print(enum system_log_priority priority, const char *tag, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
+
+// Keeps one thing that happened to a timer or to the set, for a log that has such entries beside
+// its lines: `event` in one word, the timer's id or 0, a word that says why or "", and one
+// sentence. Ignores the threshold. A log without such entries does nothing.
+void system_log_event(const char *event, int timer_id, const char *reason, const char *text);
 }

@@ -18,9 +18,6 @@
 
 static constexpr const char *kTag = "DRAVEL_LINUX";
 
-// Of the entries that tell what happened to a timer or to the machine.
-static constexpr const char *kEventId = "4b6f0e5a9d4c4f0f8e3b7c2d1a905e68";
-
 // A change of clock writes hundreds of lines below error priority.
 system_log_priority system_log_threshold = threshold_from_environment(SYSTEM_LOG_ERROR);
 
@@ -80,6 +77,10 @@ static void write_event(int level, const std::string &event, const std::string &
     fields.push_back({field.data(), field.size()});
   sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));
   copy_to_stderr(kTag, text.c_str());
+}
+
+void system_log_event(const char *event, int timer_id, const char *reason, const char *text) {
+  write_event(LOG_NOTICE, event, timer_id == 0 ? "" : std::to_string(timer_id), reason, text);
 }
 
 void write_saying(const order::say &said) {

@@ -89,6 +89,10 @@ std::uint32_t standin_rtc(); // 0 when unreadable
 // no change, for a zone that does not exist.
 bool standin_set_time_zone(const char *name);
 
+// From now on announces the time-set key when the clock of the set's zone jumps to or from daylight
+// saving time, unless the TV clock stands still or was set by hand. Needs the main loop.
+void standin_follow_transitions();
+
 // Changes the clock mode and announces the clock-mode key.
 void standin_change_clock_mode(int mode);
 

@@ -96,6 +96,7 @@ static DBusMessage *deliver_event(E_DBus_Object *, DBusMessage *message) {
 }
 
 static Eina_Bool wall_clock_stepped(void *, int, void *) {
+  standin_follow_transitions();
   standin_announce_time_set();
   return ECORE_CALLBACK_PASS_ON;
 }
@@ -128,6 +129,7 @@ void standin_export() {
     return;
   e_dbus_object_interface_attach(object, set_interface());
   ecore_event_handler_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, wall_clock_stepped, nullptr);
+  standin_follow_transitions();
   exported = true;
 }
 

@@ -1,6 +1,7 @@
 #include "standin_private.h"
 
 #include <CTimeUtil.h>
+#include <Ecore.h>
 #include <daemon_callbacks.h>
 #include <glib.h>
 #include <time_values.h>
@@ -27,6 +28,9 @@ static zone_ptr zone; // null: the system's
 static bool running = true;
 static set_clock tv_clock{.follows_zone = true};
 static set_clock rtc{.follows_zone = false};
+static bool follows_transitions = false;
+static Ecore_Timer *transition_timer;
+static std::int64_t transition;
 
 static GTimeZone *current_zone() {
   if (!zone)
@@ -54,7 +58,42 @@ static void set_by_hand(set_clock &clock, std::uint32_t value) {
   clock.stands_at = value;
 }
 
+// --- daylight saving time ---
+
+static void end_transition_timer() {
+  if (transition_timer == nullptr)
+    return;
+  ecore_timer_freeze(transition_timer);
+  ecore_timer_del(transition_timer);
+  transition_timer = nullptr;
+}
+
+static Eina_Bool transition_reached(void *) {
+  transition_timer = nullptr;
+  const bool is_reached = std::time(nullptr) >= transition; // the two clocks may drift apart
+  standin_follow_transitions();
+  if (is_reached && running && tv_clock.known && tv_clock.follows_zone)
+    standin_announce_time_set();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void standin_follow_transitions() {
+  follows_transitions = true;
+  end_transition_timer();
+  const std::int64_t now = std::time(nullptr);
+  const auto next = next_transition(current_zone(), now);
+  if (!next)
+    return;
+  transition = *next;
+  transition_timer =
+      ecore_timer_add(static_cast<double>(transition - now), transition_reached, nullptr);
+}
+
+// --- the clocks ---
+
 void standin_reset_clocks() {
+  end_transition_timer();
+  follows_transitions = false;
   zone.reset();
   running = true;
   tv_clock = {.follows_zone = true};
@@ -98,6 +137,8 @@ bool standin_set_time_zone(const char *name) {
   if (!found)
     return false;
   zone = std::move(found);
+  if (follows_transitions)
+    standin_follow_transitions();
   deliver_setting(kSettingsTimeZone);
   return true;
 }

@@ -11,8 +11,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <sanitizer/lsan_interface.h>
-#include <set>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -26,19 +26,31 @@ static constexpr std::size_t kMaxStoredTimers = 80;
 static std::size_t most_stored;
 int last_transient = kUnstoredTimerId;
 
+// Of each listed timer, in seconds: its date moves, this never does.
+static std::map<int, std::int64_t> times_of_day;
+
 [[gnu::weak]] void prepare_store(input &) {}
 
 // --- what must hold ---
 
+static std::int64_t time_of_day(const std::tm &time) {
+  constexpr int kDay = 86400;
+  const auto seconds = (time.tm_hour * std::int64_t{60} + time.tm_min) * 60 + time.tm_sec;
+  return (seconds % kDay + kDay) % kDay; // some clients give hours that no day has
+}
+
 // Returns how many stored timers are listed.
 static std::size_t check_state() {
-  std::set<int> ids;
+  const auto before = std::exchange(times_of_day, {});
   std::size_t stored = 0;
   unsigned armed = 0;
   for (const dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
     const void *key = GINT_TO_POINTER(item->timer_id);
     const auto *record = static_cast<const cb_data *>(g_hash_table_lookup(cb_data_table, key));
-    EXPECT_TRUE(ids.insert(item->timer_id).second);
+    const std::int64_t shown = time_of_day(item->tm);
+    EXPECT_TRUE(times_of_day.emplace(item->timer_id, shown).second);
+    if (before.contains(item->timer_id) && item->tm.tm_year > 70) // not counted past 2106
+      EXPECT_EQ(before.at(item->timer_id), shown);
     EXPECT_TRUE(record == nullptr || record->timer_item == item);
     EXPECT_EQ(g_hash_table_contains(scheduled_timer_table, key) != 0, record != nullptr);
     armed += record != nullptr ? 1 : 0;
@@ -51,6 +63,18 @@ static std::size_t check_state() {
   EXPECT_EQ(g_hash_table_size(cb_data_table), armed);
   EXPECT_EQ(pending(ecore_timer_cb), static_cast<int>(armed));
   return stored;
+}
+
+// Whatever has happened: once the operations of the set work and its clock is told, the next
+// on-time is programmed. A damaged store may refuse the timer.
+static void check_recovery() {
+  standin().refused.clear();
+  set_now(kNoon);
+  standin_change_clock_mode(1); // local time
+  standin_middleware_signal(108);
+  standin_announce_time_set();
+  const auto next = call("schedule_timer", arguments_of({2, "15 12:30"}));
+  EXPECT_TRUE(next == words{-1} || standin().wakeup_time == time_of("15 12:30"));
 }
 
 // Too slow for every input. libFuzzer itself looks for leaks only until it has seen a thousand
@@ -296,7 +320,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   }
   while (get_dravel_list() != nullptr)
     cancel_dravel_item(static_cast<dravel_item *>(eina_list_data_get(get_dravel_list())));
+  check_recovery();
   check_state();
+  times_of_day.clear();
   end_clean_set();
   check_leaks();
   return 0;

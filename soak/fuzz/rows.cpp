@@ -1,9 +1,10 @@
 // A start of the daemon on whatever is found in the store: an input says which tables there are, of
-// which columns and rows. The endurance run damages the files themselves.
+// which columns and rows, and how the files are damaged.
 #include "daemon.h"
 
 #include <sqlite3.h>
 
+#include <filesystem>
 #include <fstream>
 
 static constexpr int kMostRows = 100;
@@ -91,12 +92,27 @@ static void write_file(const char *path, input &in) {
   sqlite3_close(db);
 }
 
+// As a worn memory leaves it: with other bytes, or cut off.
+static void damage(const char *path, input &in) {
+  const auto size = std::filesystem::file_size(path);
+  std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
+  for (int left = in.below(9); left > 0; --left) {
+    file.seekp(static_cast<std::streamoff>(in.below(in.ConsumeBool() ? size : 120)));
+    file.put(static_cast<char>(in.below(256)));
+  }
+  if (in.seldom(64))
+    std::filesystem::resize_file(path, in.below(size));
+}
+
 void prepare_store(input &in) {
   initialize_dravel_db();
   close_dravel_db();
   write_file(kDravelDbPath, in);
   if (in.seldom(80))
     write_file(kWakeupDbPath, in);
+  for (const char *path : {kDravelDbPath, kWakeupDbPath})
+    if (in.seldom(32))
+      damage(path, in);
   if (in.ConsumeBool())
     std::ofstream{kInitMarkerPath};
 }

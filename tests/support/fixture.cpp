@@ -28,8 +28,9 @@ void set_now(const std::string &when) { set_clocks(when, when, when); }
 dravel_item *make(const new_timer &timer) {
   const std::tm tm = broken_down(timer.when);
   return create_dravel_item(timer.type, timer.priority, 0, tm.tm_year, tm.tm_mon, tm.tm_mday,
-                            tm.tm_hour, tm.tm_min, tm.tm_sec, timer.wday.value_or(tm.tm_wday),
-                            tm.tm_yday, 0, 0, timer.week_flag, timer.effect, timer.time_type);
+                            tm.tm_hour, tm.tm_min, tm.tm_sec,
+                            timer.wday == kDatesOwn ? tm.tm_wday : timer.wday, tm.tm_yday, 0, 0,
+                            timer.week_flag, timer.effect, timer.time_type);
 }
 
 dravel_item *add(const new_timer &timer) {

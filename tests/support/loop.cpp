@@ -1,6 +1,7 @@
 #include "loop.h"
 
 #include "dravel-bus.h"
+#include "dravel-runtime.h"
 #include "standin.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+#include <unistd.h>
 #include <utility>
 
 static std::vector<std::unique_ptr<loop_timer>> timers;
@@ -43,6 +45,9 @@ Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void 
     return nullptr;
   timers.push_back(
       std::make_unique<loop_timer>(loop_timer{seconds, callback, const_cast<void *>(data)}));
+  timers.back()->made_while = "trusted " + std::to_string(get_kinto_time_updated()) + " awake " +
+                              std::to_string(get_wakeup_state()) +
+                              (access(kFinishMarkerPath, F_OK) == 0 ? " finish" : "");
   return reinterpret_cast<Ecore_Timer *>(timers.back().get());
 }
 
@@ -235,6 +240,15 @@ std::string logged() {
 }
 
 std::string logged_levels() { return log_levels; }
+
+static std::string log_events;
+
+std::string logged_events() { return std::exchange(log_events, {}); }
+
+void system_log_event(const char *event, int timer_id, const char *reason, const char *) {
+  log_events += (log_events.empty() ? "" : ", ") + std::string(event) + " " +
+                std::to_string(timer_id) + (*reason == '\0' ? "" : " " + std::string(reason));
+}
 
 void system_log_print(system_log_priority priority, const char *, const char *format, ...) {
   char line[2048];

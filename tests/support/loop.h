@@ -17,6 +17,8 @@ struct loop_timer {
   void *data;
   bool frozen = false;
   bool running = false;
+  std::string made_while =
+      {}; // the daemon's flags and the finish marker, as "trusted 1 awake 1 finish"
 };
 
 const std::vector<std::unique_ptr<loop_timer>> &live_timers();
@@ -46,3 +48,5 @@ std::string state_changes();
 std::string logged();
 // Their priorities, a letter for each: Debug, Info, Error, Progress.
 std::string logged_levels();
+// What was kept as an event since the last call, as "fired 1, removed 1 fired".
+std::string logged_events();

@@ -4,9 +4,9 @@
 #include "dravel-record.h"
 
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <ctime>
-#include <optional>
 #include <string>
 
 // Times are written as "15 12:00", a day of December 2026, or in full as "2027-01-31 12:00"; either
@@ -19,6 +19,8 @@ std::string time_text(std::uint32_t time);
 
 enum { kSun = 1, kMon = 2, kTue = 4, kWed = 8, kThu = 16, kFri = 32, kSat = 64, kDaily = 127 };
 
+constexpr int kDatesOwn = INT_MIN; // weekday
+
 struct new_timer {
   int type;
   std::string when;
@@ -26,7 +28,7 @@ struct new_timer {
   int effect = 0; // whether disabled periods count
   int time_type = TIME_TYPE_BROADCAST;
   int priority = 0;
-  std::optional<int> wday = {}; // another one than the date's
+  int wday = kDatesOwn;
 };
 
 // The arguments of schedule_timer, and the image of the timer that they make.

@@ -85,46 +85,9 @@ TEST_F(Day, ATimer_WakesTheSet_WithItsRowMarked) {
                                kCleared, programmed(3, "2027-03-27 08:00")}));
   EXPECT_EQ(call("cancel_timer", "(2,)"), "(0,)");
   EXPECT_EQ(events(), (strings{kCleared, programmed(2, "2027-03-28 05:00")}));
-}
-
-TEST_F(Day, ZonesModesAndHolidays_MoveTheOnTime) {
-  boot("", "2027-03-27 08:00");
-  EXPECT_EQ(schedule(kSeven), 1);
-  EXPECT_EQ(events(), strings{programmed(2, "2027-03-28 05:00")});
-
-  // In Berlin the clocks change before tomorrow's 07:00; in New York they do not.
+  // In New York the clocks do not change before tomorrow's 07:00.
   set("TimeZone", "'America/New_York'");
   EXPECT_EQ(events(), (strings{kCleared, programmed(2, "2027-03-28 11:00")}));
-  set("ClockMode", "1"); // from now on the micro-controller holds local time
-  standin("TimeSet", "()");
-  EXPECT_EQ(events(), (strings{kCleared, programmed(2, "2027-03-28 07:00")}));
-
-  // A disabled period skips the daily timer and moves the one-shot timer.
-  EXPECT_EQ(schedule({3, "2027-03-27 09:00", 0, 1}), 2);
-  EXPECT_EQ(call("request_set_disable_period", "(127, 2, 27, 0, 0, 0, 6, 85, 0,"
-                                               " 127, 2, 29, 23, 59, 59, 1, 87, 0, 0, 0)"),
-            "(1,)");
-  EXPECT_EQ(get("WakeupTime"), u32(time_of("2027-03-30 07:00")));
-  EXPECT_EQ(rows("SELECT timer_id, tm_mday FROM dravel"), "1|26 2|30");
-  EXPECT_EQ(image("request_disabled_period_list", 0)[25], 1);
-  EXPECT_EQ(call("request_set_disable_period_effect", "(1, 0)"), "(0,)");
-  EXPECT_EQ(call("request_set_disable_period_effect", "(9, 0)"), "(-1,)");
-  EXPECT_EQ(get("WakeupTime"), u32(time_of("2027-03-28 07:00")));
-  EXPECT_EQ(rows("SELECT timer_id, disable_period_effect FROM dravel"), "1|0 2|1");
-  EXPECT_EQ(call("request_remove_disabled_period", "(1,)"), "(0,)");
-  EXPECT_EQ(call("request_remove_disabled_period", "(1,)"), "(-1,)");
-  EXPECT_EQ(get("WakeupTime"), u32(time_of("2027-03-27 09:00")));
-}
-
-TEST_F(Day, AFactoryReset_TakesTheFiles_AndTheNextStartHasNoTimers) {
-  boot("", "2027-03-27 08:00");
-  EXPECT_EQ(schedule(kSeven), 1);
-  standin("PowerOff", "(14,)");
-  EXPECT_EQ(timer_ids(), words{1}); // listed until the next start
-  EXPECT_EQ(schedule({2, "2027-03-28 10:00"}), -1);
-  EXPECT_EQ(stop(), 0);
-  boot("", "2027-03-27 08:00");
-  EXPECT_EQ(timer_ids(), words{});
 }
 
 } // namespace

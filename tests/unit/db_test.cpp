@@ -1,15 +1,22 @@
 #include "fixture.h"
 
+#include <gmock/gmock.h>
 #include <sqlite3.h>
 
-#include <array>
 #include <climits>
+#include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
 #include <string_view>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
+using testing::HasSubstr;
 
 class Store : public CleanSet {};
 
@@ -92,13 +99,6 @@ TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
   EXPECT_EQ(logged(), "delete_dravel_item_db > failed to delete dravel item: out of memory\n");
   EXPECT_EQ(insert_wakeup_dravel_item_db(&item), SQLITE_MISUSE);
   fs::remove(kDravelDbPath);
-}
-
-// How often the file was written; SQLite counts it in the header.
-static int commits(const char *path) {
-  std::array<unsigned char, 28> header{};
-  std::ifstream(path).read(reinterpret_cast<char *>(header.data()), header.size());
-  return header[26] << 8 | header[27];
 }
 
 static sqlite3 *other_process;
@@ -191,19 +191,6 @@ TEST_F(Store, AStart_WaitsForALock_TwoSecondsInAll_AndSynchronisesDirectories) {
     }
 }
 
-// A foreign file in which no table can be dropped.
-TEST_F(Store, AStoreThatCannotBeMigrated_IsDeleted) {
-  for (const char *path : {kDravelDbPath, kWakeupDbPath}) {
-    restart(path);
-    close_dravel_db();
-    fs::remove(path);
-    rows("CREATE VIEW dravel AS SELECT 1", path);
-    rows("PRAGMA user_version = 0");
-    EXPECT_EQ(initialize_dravel_db(), 0);
-    EXPECT_FALSE(fs::exists(path));
-  }
-}
-
 // The layout of version 0: the mark stood before `disable_period_effect`, and there was no
 // `time_type`.
 TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0) {
@@ -227,9 +214,7 @@ TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0
     rows(table + ", p); INSERT INTO dravel VALUES(1,1,0,0,0,0,7,1,0,120,0,0,0,0,127,9),"
                  "(2,1,0,0,0,0,7,1,0,120,0,0,0,0,127,9)",
          kWakeupDbPath);
-    const int before = commits(kDravelDbPath);
     EXPECT_EQ(initialize_dravel_db(), 0);
-    EXPECT_EQ(commits(kDravelDbPath), before + 2); // the table of periods; all of the migration
     EXPECT_EQ(rows("PRAGMA user_version; SELECT * FROM dravel"), std::string("1 ") + expected);
     EXPECT_EQ(rows("PRAGMA user_version; SELECT * FROM dravel", kWakeupDbPath),
               "1 2|1|0|0|0|0|7|1|0|120|0|0|0|0|127|0|0");
@@ -237,58 +222,217 @@ TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0
   }
 }
 
-// Calls a function with the daemon's own connection to the main database, once that is open.
-static void (*when_opened)(sqlite3 *db);
+static constexpr int kNever = INT_MAX;
+static int changes_left = kNever; // of names in a directory, until the process ends
 
-static int opened(sqlite3 *db, const char **, const sqlite3_api_routines *) {
-  if (sqlite3_db_filename(db, "main") == std::string_view(kDravelDbPath))
-    when_opened(db);
-  return SQLITE_OK;
+static void count_change() {
+  if (--changes_left == 0)
+    _exit(0);
 }
 
-static int refuse_commit(void *) { return 1; }
+extern "C" {
+DRAVEL_API int unlink(const char *path) noexcept {
+  count_change();
+  return unlinkat(AT_FDCWD, path, 0);
+}
+DRAVEL_API int rename(const char *from, const char *to) noexcept {
+  count_change();
+  return renameat(AT_FDCWD, from, AT_FDCWD, to);
+}
+}
 
-// A column that was added is in none of the old rows, so that the new rows need more space.
-TEST_F(Store, AMigrationThatFails_IsTriedAgain_AndLosesNothing) {
-  const auto entry = reinterpret_cast<void (*)()>(opened);
-  const struct {
-    const char *name;
-    void (*fail)(sqlite3 *db);
-  } faults[] = {
-      {"the file cannot grow",
-       [](sqlite3 *db) {
-         sqlite3_exec(db, "PRAGMA max_page_count = 1", nullptr, nullptr, nullptr);
-       }},
-      {"refused commit", [](sqlite3 *db) { sqlite3_commit_hook(db, refuse_commit, nullptr); }},
-      {"a reader's lock", [](sqlite3 *) { other("COMMIT; BEGIN; SELECT * FROM dravel"); }}};
-  for (const auto &[name, fail] : faults) {
-    restart(name);
-    rows("DROP TABLE dravel; CREATE TABLE dravel(timer_id INTEGER PRIMARY KEY, type, priority, "
-         "date_type, tm_sec,"
-         "tm_min, tm_hour, tm_mday, tm_mon, tm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag);"
-         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
-         "INSERT INTO dravel SELECT i, i, i, i, i, i, i, i, i, i, i, i, i, i, i FROM n;"
-         "ALTER TABLE dravel ADD COLUMN micom_flag; ALTER TABLE dravel ADD COLUMN "
-         "disable_period_effect;"
-         "ALTER TABLE dravel ADD COLUMN time_type; PRAGMA user_version = 0");
-    close_dravel_db();
-    const no_sleep locked(kDravelDbPath, [] {});
-    other("BEGIN");
-    when_opened = fail;
-    sqlite3_auto_extension(entry);
-    initialize_dravel_db();
-    sqlite3_cancel_auto_extension(entry);
-    other("COMMIT");
-    disabled_period_item period{};
-    const std::string periods = insert_disabled_period_item_db(&period) == 0 ? "1" : "0";
-    EXPECT_EQ(rows("SELECT count(*) FROM disabled_period"), periods); // no transaction is left open
-    close_dravel_db();
-    EXPECT_EQ(rows("PRAGMA user_version; SELECT count(*), sum(timer_id) FROM dravel"),
-              "0 2000|2001000");
-    EXPECT_EQ(initialize_dravel_db(), 0);
-    EXPECT_EQ(rows("PRAGMA user_version; SELECT count(*), sum(type) FROM dravel"),
-              "1 2000|2001000");
+// True when `what` ended before the power was cut.
+template <typename What> static bool ends_before(int change, What what) {
+  const pid_t child = fork();
+  if (child == 0) {
+    changes_left = change;
+    what();
+    _exit(1);
   }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WEXITSTATUS(status) == 1;
+}
+
+static std::string files() {
+  std::set<std::string> names;
+  for (const auto &entry : fs::directory_iterator(fs::path(kDravelDbPath).parent_path()))
+    names.insert(entry.path().filename());
+  return testing::PrintToString(names);
+}
+
+static constexpr const char *kBothFiles = "{ \".dravel.db\", \".wakeup_dravel.db\" }";
+static constexpr const char *kCopy = "/opt/dbspace/.dravel.db.0";
+static constexpr const char *kContents =
+    "PRAGMA user_version; SELECT type, micom_flag FROM dravel; "
+    "SELECT end_tm_mon FROM disabled_period";
+static constexpr const char *kMigrated = "1 4|0 5|1 6|0 7";
+
+// Three timers, of which the second is programmed, and a period.
+static void use_version_0() {
+  close_and_empty_store();
+  initialize_dravel_db();
+  disabled_period_item period{};
+  period.end_tm.tm_mon = 7;
+  insert_disabled_period_item_db(&period);
+  close_dravel_db();
+  rows(
+      "DROP TABLE dravel; CREATE TABLE dravel(timer_id, type, priority, date_type, tm_sec, tm_min, "
+      "tm_hour, tm_mday, tm_mon, tm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag, "
+      "micom_flag); INSERT INTO dravel(timer_id, type) VALUES(1, 4), (2, 5), (3, 6); "
+      "PRAGMA user_version = 0");
+  rows("INSERT INTO dravel(timer_id) VALUES(2); PRAGMA user_version = 0", kWakeupDbPath);
+}
+
+// Refuses one of the daemon's own statements: the `nth` that does `action` to a table, or a pragma.
+static struct {
+  std::string path;
+  int action, nth;
+} refused;
+
+static int authorize(void *, int action, const char *name, const char *, const char *,
+                     const char *) {
+  const bool is_it = action == refused.action && (name == std::string_view("dravel") ||
+                                                  name == std::string_view("user_version"));
+  return is_it && --refused.nth == 0 ? SQLITE_DENY : SQLITE_OK;
+}
+
+static int watch_connection(sqlite3 *db, const char **, const sqlite3_api_routines *) {
+  return sqlite3_db_filename(db, "main") == refused.path
+             ? sqlite3_set_authorizer(db, authorize, nullptr)
+             : SQLITE_OK;
+}
+
+static int start_refused(std::string path, int action, int nth) {
+  refused = {std::move(path), action, nth};
+  sqlite3_auto_extension(reinterpret_cast<void (*)()>(watch_connection));
+  const int result = initialize_dravel_db();
+  sqlite3_reset_auto_extension();
+  return result;
+}
+
+TEST_F(Store, AnInterruptedMigration_IsPutBackAndStartedAgain) {
+  int change = 0;
+  for (bool ended = false; !ended; ++change) {
+    SCOPED_TRACE(change);
+    use_version_0();
+    ended = ends_before(change + 1, initialize_dravel_db);
+    ends_before(change % 7 + 1, initialize_dravel_db);
+    EXPECT_EQ(initialize_dravel_db(), 0);
+    EXPECT_EQ(rows(kContents), kMigrated);
+    EXPECT_EQ(rows("PRAGMA user_version; SELECT timer_id FROM dravel", kWakeupDbPath), "1 2");
+    EXPECT_EQ(files(), kBothFiles);
+    close_dravel_db();
+  }
+  EXPECT_GT(change, 20);
+  EXPECT_EQ(logged().find("failed"), std::string::npos);
+  initialize_dravel_db();
+}
+
+TEST_F(Store, AMigrationThatFailsAndIsInterrupted_LosesNothing) {
+  int change = 0;
+  for (bool ended = false; !ended; ++change) {
+    use_version_0();
+    ended = ends_before(change + 1, [] { start_refused(kWakeupDbPath, SQLITE_DROP_TABLE, 1); });
+    EXPECT_EQ(initialize_dravel_db(), 0);
+    EXPECT_NE(fs::exists(std::string(kCopy) + ".failed"),
+              rows("SELECT type FROM dravel") == "4 5 6")
+        << change;
+  }
+  EXPECT_GT(change, 10);
+}
+
+TEST_F(Store, AJournalBesideVersion0_IsUndoneInTheMigration) {
+  use_version_0();
+  EXPECT_FALSE(ends_before(1, [] { rows("UPDATE dravel SET type = 99"); }));
+  EXPECT_TRUE(fs::exists("/opt/dbspace/.dravel.db-journal"));
+  EXPECT_EQ(initialize_dravel_db(), 0);
+  EXPECT_EQ(rows(kContents), kMigrated);
+}
+
+TEST_F(Store, AStoreThatCannotBeCopiedOrPutBack_WaitsForTheNextStart) {
+  use_version_0();
+  dravel_item item = counted_item();
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const auto start_in_vain = [&item](const char *line) {
+    logged();
+    EXPECT_EQ(initialize_dravel_db() == 0 || insert_dravel_item_db(&item) == 0, false);
+    EXPECT_THAT(logged(), HasSubstr(line));
+    close_dravel_db();
+  };
+  const rlimit small{4096, limit.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small); // a disk that becomes full
+  start_in_vain(
+      "failed to copy [/opt/dbspace/.wakeup_dravel.db], its migration waits for the next");
+  setrlimit(RLIMIT_FSIZE, &limit);
+  EXPECT_EQ(files(), kBothFiles);
+
+  fs::rename(kDravelDbPath, kCopy);
+  fs::create_directories(std::string(kDravelDbPath) + "/x");
+  start_in_vain("failed to put [/opt/dbspace/.dravel.db.0] back");
+  fs::remove_all(kDravelDbPath);
+  std::ofstream(std::string(kCopy) + ".new") << std::string(4096, 'x'); // a power cut left it
+  EXPECT_EQ(initialize_dravel_db(), 0);
+  EXPECT_EQ(rows(kContents) + files(), std::string(kMigrated) + kBothFiles);
+  std::ofstream{kCopy};
+  reset_dravel_db(); // nothing is put back after it
+  EXPECT_EQ(files(), "{}");
+}
+
+TEST_F(Store, AMigrationThatFails_SaysWhereTheOldTimersAre) {
+  enum { READERS_LOCK = -3, WRITERS_LOCK, DIRECTORY };
+  constexpr const char *kMain = kDravelDbPath, *kWakeup = kWakeupDbPath, *kEmpty = "1";
+  constexpr const char *kPeriodLeft = "1 7", *kUnmarked = "1 4|0 5|0 6|0 7";
+  const struct {
+    const char *line, *left, *path;
+    int fault, nth;
+    const char *kept = kCopy;
+  } faults[] = {
+      {"load table for dravel: acc", kPeriodLeft, kMain, SQLITE_READ, 1},
+      {"load table for wakeup dravel: acc", kUnmarked, kWakeup, SQLITE_READ, 1},
+      {"drop table for dravel: not", kEmpty, kMain, SQLITE_DROP_TABLE, 1},
+      {"drop table for dravel: database is locked", kEmpty, kMain, READERS_LOCK, 0},
+      {"create table for dravel: not", kEmpty, kMain, SQLITE_CREATE_TABLE, 2},
+      {"drop table for wakeup dravel: not", kPeriodLeft, kWakeup, SQLITE_DROP_TABLE, 1},
+      {"drop table for wakeup dravel: database is", kPeriodLeft, kWakeup, READERS_LOCK, 0},
+      {"drop table for wakeup dravel: database is", kPeriodLeft, kWakeup, WRITERS_LOCK, 0},
+      {"open the wakeup_dravel database", kPeriodLeft, kWakeup, DIRECTORY, 0},
+      {"create table for wakeup dravel: not", kPeriodLeft, kWakeup, SQLITE_CREATE_TABLE, 2},
+      {"insert dravel item: not", "1 4|0 6|1 7", kMain, SQLITE_INSERT, 2},
+      {"update wakeup item: not", kUnmarked, kMain, SQLITE_UPDATE, 2},
+      {"insert wakeup dravel item: not", kMigrated, kWakeup, SQLITE_INSERT, 1},
+      {"set db version. ret[23], error[not", kMigrated, kMain, SQLITE_PRAGMA, 2},
+      {"create table for dravel: database is", kEmpty, kMain, WRITERS_LOCK, 0, kMain},
+  };
+  for (const auto &[line, left, path, fault, nth, kept] : faults) {
+    SCOPED_TRACE(line);
+    use_version_0();
+    if (fault == DIRECTORY)
+      fs::remove(path), fs::create_directories(path);
+    const std::string failed = std::string(kept) + ".failed";
+    std::ofstream(failed) << "of an earlier failure";
+    const no_sleep waiting(path, [] {});
+    if (fault == READERS_LOCK || fault == WRITERS_LOCK)
+      other(fault == READERS_LOCK ? "BEGIN; SELECT * FROM dravel" : "BEGIN EXCLUSIVE");
+    logged();
+    EXPECT_EQ(start_refused(path, fault, nth) == 0, kept == kCopy);
+    const std::string log = logged();
+    EXPECT_THAT(log, HasSubstr(std::string("failed to ") + line));
+    EXPECT_THAT(log, HasSubstr("the old timers are in [" + failed + ".2]"));
+    EXPECT_EQ(fs::file_size(failed), 21U);
+    if (fault == WRITERS_LOCK)
+      other("COMMIT");
+    EXPECT_EQ(rows("PRAGMA user_version; SELECT type FROM dravel", (failed + ".2").c_str()),
+              "0 4 5 6");
+    close_dravel_db();
+    EXPECT_EQ(initialize_dravel_db(), 0);
+    EXPECT_EQ(rows(kContents), left);
+  }
+  close_and_empty_store();
+  EXPECT_EQ(start_refused(kWakeup, SQLITE_DROP_TABLE, 1), 0);
+  EXPECT_EQ(files(), "{ \".dravel.db\" }"); // a new file has no old timers
 }
 
 TEST_F(Store, ARow_HoldsItsFieldsInColumnOrder_AndReadsBack) {

@@ -1,8 +1,10 @@
 #include "fixture.h"
 
 #include <CTimeUtil.h>
+#include <settings.h>
 
 #include <fstream>
+#include <utility>
 
 namespace {
 
@@ -65,6 +67,43 @@ TEST_F(StandinTest, ZoneRules_HoldBothWays) {
   EXPECT_EQ(time_text(to_utc(time_of("2024-10-27 02:30"))), "2024-10-27 01:30");
   EXPECT_EQ(CTimeUtil::ConvertToLocalTime(kLast), kLast);
   EXPECT_EQ(to_utc(0), 0U);
+}
+
+// At its second, and in each zone that the set is moved to.
+TEST_F(StandinTest, ChangesToAndFromSummerTime_AreAnnounced) {
+  static int announced;
+  settings_notify_key_changed(
+      kSettingsTimeSet, [](settings_key *, void *) { ++announced; }, nullptr);
+  set_system_clock(time_of("2026-03-28 12:00"));
+  standin_follow_transitions();
+  const struct {
+    const char *zone, *now, *transition;
+    bool is_announced;
+    void (*before)();
+  } cases[] = {
+      {"Europe/Berlin", "2026-03-28 12:00", "2026-03-29 01:00", true, [] {}},
+      {"Europe/Berlin", "2026-03-29 01:00", "2026-10-25 01:00", true, [] {}},
+      {"Australia/Sydney", "2026-03-28 12:00", "2026-04-04 16:00", true, [] {}},
+      {"Europe/Berlin", "2026-03-28 12:00", "2026-03-29 01:00", false,
+       [] { standin_run_clocks(false); }},
+      {"Europe/Berlin", "2026-03-28 12:00", "2026-03-29 01:00", false,
+       [] { standin_set_tv_clock(1); }},
+  };
+  for (const auto &[zone, now, transition, is_announced, before] : cases) {
+    before();
+    set_system_clock(time_of(now));
+    standin_set_time_zone(zone);
+    ASSERT_EQ(live_timers().size(), 1U);
+    EXPECT_EQ(live_timers().back()->seconds, time_of(transition) - time_of(now)) << zone;
+    fire(*live_timers().back()); // too early
+    EXPECT_EQ(std::exchange(announced, 0), 0);
+    set_system_clock(time_of(transition));
+    fire(*live_timers().back());
+    EXPECT_EQ(std::exchange(announced, 0), is_announced ? 1 : 0) << zone << now;
+  }
+  standin_set_time_zone("UTC");
+  EXPECT_EQ(live_timers().size(), 0U);
+  set_system_clock(0);
 }
 
 TEST_F(StandinTest, KeyFile_GivesTheGoodValues_AndLeavesTheMalformedAtTheirDefaults) {

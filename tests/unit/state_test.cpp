@@ -1,123 +1,51 @@
-#include "fixture.h"
+#include "scenario.h"
 
 class State : public CleanSet {};
 
-static void adjust(const char *now) {
-  set_now(now);
-  adjust_dravel_all_items(nullptr, nullptr);
-}
-
-static void reschedule(const char *tv, const char *system) {
-  set_clocks(tv, system, tv);
-  reschedule_all_timers();
-}
-
-static void fire_at(const char *now) {
-  set_now(now);
-  fire(ecore_timer_cb);
-}
-
-static void fill_list() {
-  for (int i = 0; i < 80; ++i)
-    add({0, "16 07:00"});
-  state_changes();
-}
-
-static const new_timer kToday{1, "15 14:00", 0, 1};
-static const new_timer kTomorrow{1, "16 07:00"};
-static const new_timer kInDays{1, "18 14:00", 0, 1};
-static const new_timer kWithSeconds{0, "16 07:00:01"};
-static const new_timer kSystemTime{1, "15 11:00", 0, 0, TIME_TYPE_INTERNET};
-static const new_timer kOnWorkdays{1, "15 11:00", kDaily, 1};
-static const new_timer kInAYear{0, "2027-12-15 12:01"};
-static const new_timer kWakes{0, "16 07:00"};
-
-// The timers of a row are listed in a pass before. A move counts once in a pass.
-static const struct {
-  std::vector<new_timer> listed;
-  void (*happen)();
-  std::string expected;
-} kPasses[] = {
-    {{kTomorrow}, [] { fire_at("16 07:00"); }, "Removed 1 fired, Armed, Stored"},
-    {{kTomorrow},
-     [] { cancel_dravel_item(find_dravel_item(1)); },
-     "Removed 1 cancelled, Armed, Stored"},
-    {{}, [] { fill_list(), add(kTomorrow); }, "Removed 1 evicted, Added 81"},
-    {{kTomorrow}, [] { adjust("16 07:00"); }, "Removed 1 past, Armed, Stored"},
-    {{kWithSeconds},
-     [] { reschedule("16 07:00", kNoon); },
-     "Removed 1 past, Clock, Armed, Wakeup, Stored"},
-    {{kSystemTime}, [] { reschedule("15 10:00", "15 12:00"); }, "Removed 1 past, Clock, Stored"},
-    {{kInAYear}, [] { reschedule(kNoon, kNoon); }, "Removed 1 never, Clock, Stored"},
-    {{kInAYear, {1, "20 07:00"}},
-     [] { cancel_dravel_item(find_dravel_item(2)); },
-     "Removed 2 cancelled, Removed 1 never, Armed, Stored"},
-    {{kOnWorkdays},
-     [] { add_period("2026-01-01 00:00", "31 00:00"), adjust(kNoon); },
-     "Removed 1 never, Armed, Stored, DisabledPeriods"},
-    {{kTomorrow},
-     [] { close_dravel_db(), cancel_dravel_item(find_dravel_item(1)); },
-     "Removed 1 lost, Armed, Stored"},
-    {{kToday, kTomorrow},
-     [] { cancel_dravel_item(find_dravel_item(2)), add(kTomorrow); },
-     "Removed 2 cancelled, Added 3, Armed"},
-    {{kInDays}, [] { adjust(kNoon); }, "Changed 1, Armed"},
-    {{kToday}, [] { adjust(kNoon); }, ""},
-    {{kToday},
-     [] { add_period("15 00:00", "17 00:00"), adjust(kNoon); },
-     "Changed 1, Armed, DisabledPeriods"},
-    {{kInDays},
-     [] { add_period("15 00:00", "17 00:00"), adjust(kNoon); },
-     "Changed 1, DisabledPeriods"},
-    {{},
-     [] { add_period("18 00:00", "20 00:00"), add(kInDays); },
-     "Added 1, Stored, DisabledPeriods"},
-    {{},
-     [] {
-       disabled_period_item *period = add_period("18 00:00", "20 00:00");
-       state_changes();
-       remove_disabled_period_item(period);
-     },
-     "DisabledPeriods"},
-    {{kTomorrow, kTomorrow},
-     [] { fire_at("16 07:00"); },
-     "Removed 1 fired, Removed 2 past, Armed, Stored"},
-    {{}, [] { standin_power_off(0); }, "ClockConfirmed"},
-    {{}, standin_announce_time_set, "Clock"},
-    {{}, [] { set_now("16 07:00"), run_idle_steps(); }, ""},
-    {{}, [] { call("request_halt_ontimers", 1); }, "HaltOn"},
-    {{}, [] { call("request_halt_offtimers", 1); }, "HaltOff"},
-    {{kToday}, [] { call("request_set_disable_period_effect", 1, 1); }, ""},
-    {{kToday}, [] { call("request_set_disable_period_effect", 1, 0); }, "Changed 1"},
-    {{}, [] { call("request_set_disable_period_effect", 1, 0); }, ""},
-    {{}, [] { rows("INSERT INTO dravel(type) VALUES(2)"), load_dravel_list(); }, "Stored"},
-    {{kWakes}, [] { cancel_ecore_timer(1); }, "Armed"},
-    {{kWakes}, disable_micom_ontimer, "Wakeup"},
-    {{kWakes}, [] { standin().clock_mode = 0, update_micom_ontimer(); }, "Wakeup"},
-};
-
-TEST_F(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseThatGo) {
-  for (const auto &[listed, happen, expected] : kPasses) {
-    restart(expected);
-    state_changes();
-    for (const new_timer &timer : listed)
-      schedule_dravel_item(add(timer), dravel_expire_cb, nullptr);
-    state_changes();
-    happen();
-    EXPECT_EQ(state_changes(), expected);
-  }
-}
-
-// It has no row that brings it back.
-TEST_F(State, ACancelledTransientTimer_IsNeverLost) {
-  state_changes();
-  dravel_item *item = add({10, "16 07:00"});
-  state_changes();
-  const std::string id = std::to_string(item->timer_id);
-  close_dravel_db();
-  cancel_dravel_item(item);
-  EXPECT_EQ(state_changes(), "Removed " + id + " cancelled");
-}
+// What happens in one pass of the main loop to timers that were there before it. A move counts
+// once.
+SCENARIOS(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseThatGo,
+          "idle; $1; pass; $2 => told '$3'", R"(
+  arm 1 '16 07:00' | fire_at '16 07:00' | Removed 1 fired, Clock, Armed, Stored
+  arm 1 '16 07:00' | cancel 1 | Removed 1 cancelled, Armed, Stored
+  times 80 add 0 '16 07:00' | add 1 '16 07:00' | Removed 1 evicted, Added 81
+  arm 1 '16 07:00' | now '16 07:00'; adjust | Removed 1 past, Clock, Armed, Stored
+  arm 0 '16 07:00:01' | now '16 07:00'; reschedule | Removed 1 past, Clock, Armed, Wakeup, Stored
+  add 1 '15 11:00' system | clocks '15 10:00' '15 12:00' ''; reschedule |
+    Removed 1 past, Clock, Stored
+  add 0 '2027-12-15 12:01' | reschedule | Removed 1 never, Clock, Stored
+  add 0 '2027-12-15 12:01'; arm 1 '20 07:00' | cancel 2 |
+    Removed 2 cancelled, Removed 1 never, Armed, Stored
+  arm 1 '15 11:00' daily holidays | period '2026-01-01 00:00' '31 00:00'; adjust |
+    Removed 1 never, Clock, Armed, Stored, DisabledPeriods
+  arm 1 '16 07:00' | close_store; cancel 1 | Removed 1 lost, Armed, Stored
+  # It has no row that brings it back, and stays listed when it has fired.
+  add 10 '16 07:00' | close_store; cancel @ | Removed @ cancelled
+  arm 10 '16 07:00'; fire_at '16 07:00' | reschedule | Removed @ fired, Clock
+  arm 1 '15 14:00' holidays; arm 1 '16 07:00' | cancel 2; add 1 '16 07:00' |
+    Removed 2 cancelled, Added 3, Armed
+  arm 1 '18 14:00' holidays | adjust | Changed 1, Clock, Armed
+  arm 1 '15 14:00' holidays | adjust | Clock
+  arm 1 '15 14:00' holidays | period '15 00:00' '17 00:00'; adjust |
+    Changed 1, Clock, Armed, DisabledPeriods
+  arm 1 '18 14:00' holidays | period '15 00:00' '17 00:00'; adjust | Changed 1, Clock, DisabledPeriods
+  times 0 | period '18 00:00' '20 00:00'; add 1 '18 14:00' holidays |
+    Added 1, Stored, DisabledPeriods
+  period '18 00:00' '20 00:00' | call request_remove_disabled_period 1 | Clock, DisabledPeriods
+  times 2 arm 1 '16 07:00' | fire_at '16 07:00' | Removed 1 fired, Removed 2 past, Clock, Armed, Stored
+  times 0 | off 0 | ClockConfirmed
+  times 0 | time_set | Clock
+  times 0 | now '16 07:00'; idle |
+  times 0 | call request_halt_ontimers 1 | HaltOn
+  times 0 | call request_halt_offtimers 1 | HaltOff
+  arm 1 '15 14:00' holidays | call request_set_disable_period_effect 1 1 | Clock
+  arm 1 '15 14:00' holidays | call request_set_disable_period_effect 1 0 | Changed 1, Clock
+  times 0 | call request_set_disable_period_effect 1 0 |
+  times 0 | sql 'INSERT INTO dravel(type) VALUES(2)'; load | Stored
+  arm 0 '16 07:00' | disarm 1 | Armed
+  arm 0 '16 07:00' | unprogram | Wakeup
+  arm 0 '16 07:00' | mode 0; update_ontime | Wakeup
+)")
 
 // Every 20 ms. What changes nothing begins no burst; what changes back within one is told.
 TEST_F(State, ABurst_IsGathered) {

@@ -1,0 +1,23 @@
+// What the daemon offers to the set it runs on: which timers became due while the set slept and no
+// main loop ran. The daemon defines the operation; a platform calls it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+struct due_timer {
+  int timer_id;
+  int type;
+  std::uint32_t time; // of the TV clock
+};
+
+extern "C" {
+
+// Finds the timers that became due after `from` and up to `until`, times of the TV clock, and would
+// have fired: armed timers without their occurrences in disabled periods, and without on- or
+// off-timers while these are halted. Writes the last `room` of them into `out`, by time, and
+// returns how many. It changes nothing. At the wake-up event the daemon arms all timers again: ask
+// before.
+std::size_t dravel_due_timers(std::uint32_t from, std::uint32_t until, struct due_timer *out,
+                              std::size_t room);
+}

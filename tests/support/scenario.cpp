@@ -1,0 +1,343 @@
+#include "scenario.h"
+
+#include "dravel-list.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <ranges>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+
+using arguments = std::span<const std::string>;
+using text_list = std::vector<std::string>;
+
+static int last_id;        // of the timer listed last
+static std::string result; // of the last step that has one
+
+template <typename Texts> static std::string joined(const Texts &texts, const char *separator) {
+  std::string all;
+  for (const std::string &text : texts)
+    all += (all.empty() ? "" : separator) + text;
+  return all;
+}
+
+template <typename Table> static auto find(const Table &table, const std::string &name) {
+  const auto found = table.find(name);
+  return found != table.end() ? found->second : throw std::runtime_error("no such word: " + name);
+}
+
+// --- steps ---
+
+static int number(arguments a, std::size_t index) {
+  return index < a.size() ? std::stoi(a[index]) : 0;
+}
+
+static constexpr auto kDays = &new_timer::week_flag;
+
+static const std::map<std::string_view, std::pair<int new_timer::*, int>> kFields = {
+    {"sun", {kDays, kSun}},
+    {"mon", {kDays, kMon}},
+    {"tue", {kDays, kTue}},
+    {"wed", {kDays, kWed}},
+    {"thu", {kDays, kThu}},
+    {"fri", {kDays, kFri}},
+    {"daily", {kDays, kDaily}},
+    {"days", {kDays, 0}},
+    {"holidays", {&new_timer::effect, 1}},
+    {"system", {&new_timer::time_type, TIME_TYPE_INTERNET}},
+    {"rtc", {&new_timer::time_type, TIME_TYPE_RTC}},
+    {"priority", {&new_timer::priority, 0}},
+    {"wday", {&new_timer::wday, 0}}};
+
+// As in "0 '16 07:00' tue wed holidays priority=4".
+static new_timer timer_of(arguments a) {
+  new_timer timer{number(a, 0), a[1]};
+  for (const std::string &word : a.subspan(2)) {
+    const std::string name = word.substr(0, word.find('='));
+    const auto [field, value] = find(kFields, name);
+    timer.*field = name == word ? timer.*field | value : std::stoi(word.substr(name.size() + 1));
+  }
+  return timer;
+}
+
+static dravel_item *item_of(arguments a) {
+  dravel_item *item = find_dravel_item(a.empty() ? last_id : number(a, 0));
+  return item != nullptr ? item : throw std::runtime_error("no such timer is listed");
+}
+
+static void call_method(const std::string &method, std::span<const int> values) {
+  text_list reply;
+  for (const int word : call(method.c_str(), values))
+    reply.push_back(std::to_string(word));
+  result = joined(reply, " ");
+  if (method == "schedule_timer")
+    last_id = std::stoi(result);
+}
+
+static void program(arguments a) {
+  const std::tm ontime = broken_down(a[1]);
+  result = std::to_string(schedule_micom_ontimer(
+      number(a, 0), &ontime, static_cast<unsigned>(number(a, 2)), number(a, 3)));
+}
+
+static void can_skip(arguments a) {
+  const std::tm standby = broken_down(a[0]);
+  result = std::to_string(can_skip_standby(&standby, number(a, 1)));
+}
+
+static const std::map<std::string_view, Ecore_Task_Cb> kWaits = {{"finish", wait_dravel_finish_cb},
+                                                                 {"adjust", adjust_wait_timer_cb},
+                                                                 {"retry", retry_adjust_all_timers},
+                                                                 {"clock", wait_cur_time_cb}};
+
+static void step(arguments a);
+
+using step_fn = void (*)(arguments a);
+
+static const std::map<std::string_view, step_fn> kSteps = {
+    // the set's clocks
+    {"now", [](arguments a) { set_now(a[0]); }},
+    {"tv", [](arguments a) { standin_set_tv_clock(time_of(a[0])); }},
+    {"clocks", [](arguments a) { set_clocks(a[0], a[1], a[2]); }},
+    {"zone", [](arguments a) { standin_set_time_zone(a[0].c_str()); }},
+    {"time_set", [](arguments) { standin_announce_time_set(); }},
+    {"switch_mode", [](arguments a) { standin_change_clock_mode(number(a, 0)); }},
+    {"signal", [](arguments a) { standin_middleware_signal(number(a, 0)); }},
+    // its record, what it refuses, what it tells
+    {"mode", [](arguments a) { standin().clock_mode = number(a, 0); }},
+    {"power", [](arguments a) { standin().power_state = number(a, 0); }},
+    {"ambient", [](arguments a) { standin().ambient_mode = number(a, 0); }},
+    {"reason", [](arguments a) { standin().wakeup_reason = number(a, 0); }},
+    {"sync", [](arguments a) { standin().sync_db = number(a, 0); }},
+    {"refuse",
+     [](arguments a) {
+       standin().refused = {a.begin(), a.end()};
+     }},
+    {"off", [](arguments a) { standin_power_off(number(a, 0)); }},
+    {"standby", [](arguments) { standin_standby(0); }},
+    {"ambient_off", [](arguments) { standin_ambient_power_off(); }},
+    {"wake", [](arguments) { standin_wakeup(3); }},
+    {"state", [](arguments a) { standin_state_changed(number(a, 0), number(a, 1)); }},
+    // timers and periods
+    {"add", [](arguments a) { last_id = add(timer_of(a))->timer_id; }},
+    {"arm", [](arguments a) { last_id = arm(timer_of(a))->timer_id; }},
+    {"schedule",
+     [](arguments a) {
+       result = std::to_string(schedule_dravel_item(item_of(a), dravel_expire_cb, nullptr));
+     }},
+    {"cancel", [](arguments a) { cancel_dravel_item(item_of(a)); }},
+    {"disarm", [](arguments a) { cancel_ecore_timer(number(a, 0)); }},
+    {"mark", [](arguments a) { set_micom_flag(number(a, 0)); }},
+    {"woken_by", [](arguments a) { set_wakeup_timer(item_of(a)); }},
+    {"period", [](arguments a) { add_period(a[0], a[1], number(a, 2), number(a, 2)); }},
+    {"next", [](arguments a) { result = next(item_of(a)); }},
+    {"skip", can_skip},
+    {"holiday",
+     [](arguments a) { result = std::to_string(can_skip_timer(item_of({}), time_of(a[0]))); }},
+    {"take", [](arguments a) { call_method("schedule_timer", arguments_of(timer_of(a))); }},
+    {"call",
+     [](arguments a) {
+       std::vector<int> values;
+       for (std::size_t i = 1; i < a.size(); ++i)
+         values.push_back(number(a, i));
+       call_method(a[0], values);
+     }},
+    // what the daemon does with them
+    {"init", [](arguments) { init_dravel(); }},
+    {"load", [](arguments) { result = ids(load_dravel_list()); }},
+    {"load_periods", [](arguments) { load_disabled_period_list(); }},
+    {"load_wakeup", [](arguments) { load_wakeup_timer(); }},
+    {"start_again", [](arguments a) { start_again(a[0]); }},
+    {"adjust", [](arguments) { adjust_dravel_all_items(nullptr, nullptr); }},
+    {"reschedule", [](arguments) { reschedule_all_timers(); }},
+    {"sort", [](arguments) { rebuild_onoff_timer_lists(); }},
+    {"program", program},
+    {"unprogram", [](arguments) { disable_micom_ontimer(); }},
+    {"update_ontime", [](arguments) { update_micom_ontimer(); }},
+    {"expire", [](arguments a) { dravel_expire_cb(item_of(a), nullptr); }},
+    {"trusted", [](arguments a) { set_kinto_time_updated(number(a, 0)); }},
+    {"awake", [](arguments a) { set_wakeup_state(number(a, 0)); }},
+    {"updated", [](arguments a) { set_auto_clock_mode_time_update(number(a, 0)); }},
+    {"relaunched", [](arguments a) { set_relaunch_state(number(a, 0)); }},
+    // the store; "read_only": from now on writes are refused
+    {"sql", [](arguments a) { result = rows(a[0]); }},
+    {"read_only", [](arguments) { reset_dravel_db(); }},
+    {"close_store", [](arguments) { close_dravel_db(); }},
+    {"remove", [](arguments a) { std::filesystem::remove(a[0]); }},
+    // the main loop; "pass": its next pass, whose signals are forgotten, too
+    {"fire", [](arguments a) { result = fire(find(kWaits, a[0])) ? "goes on" : "ended"; }},
+    {"fire_at", [](arguments a) { set_now(a[0]), fire(ecore_timer_cb); }},
+    {"elapse", [](arguments a) { pass(std::stod(a[0])); }},
+    {"idle", [](arguments) { run_idle_steps(); }},
+    {"forget", [](arguments) { events(), logged(); }},
+    {"pass", [](arguments) { state_changes(), events(), logged(); }},
+    {"times",
+     [](arguments a) {
+       for (int left = number(a, 0); left > 0; --left)
+         step(a.subspan(1));
+     }},
+};
+
+// --- what is seen ---
+
+// Of the timers in the order in which they were made; "-" for one that is not armed.
+static std::string all_armed() {
+  std::map<int, std::string> all;
+  for (const dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
+    const std::string when = armed(item->timer_id);
+    all[std::abs(item->timer_id)] = when.empty() ? "-" : when;
+  }
+  return joined(std::views::values(all), ", ");
+}
+
+// The state in which the last timer was armed.
+static std::string armed_while() {
+  std::string state;
+  for (const auto &timer : live_timers())
+    state = timer->callback == ecore_timer_cb ? timer->made_while : state;
+  return state;
+}
+
+static std::string all_waits() {
+  text_list texts;
+  for (const auto &[name, callback] : kWaits)
+    for (const double seconds : waits(callback)) {
+      std::ostringstream text;
+      text << name << " " << seconds;
+      texts.push_back(text.str());
+    }
+  return joined(texts, ", ");
+}
+
+static std::string chosen() {
+  dravel_item *item = nullptr;
+  std::tm expire{};
+  const bool found = get_next_ontimer_not_overlap_with_offtimer(&item, &expire) == 0;
+  return found ? std::to_string(item->timer_id) + " " + time_text(expire) : "-";
+}
+
+static std::string programmed() {
+  const auto &[id, is_utc, ontime, type, priority] = micom_ontimer;
+  return std::to_string(id) + " " + time_text(ontime) + (is_utc != 0 ? " utc" : "") + " type " +
+         std::to_string(type) + " priority " + std::to_string(priority);
+}
+
+static std::string woken_by() {
+  const dravel_item *item = get_wakeup_timer();
+  return item == nullptr ? "-" : std::to_string(item->timer_id);
+}
+
+static std::string files() {
+  text_list names;
+  for (const char *path : {kInitMarkerPath, kFinishMarkerPath, kDravelDbPath, kWakeupDbPath})
+    if (std::filesystem::exists(path))
+      names.push_back(std::filesystem::path(path).filename());
+  return joined(names, " ");
+}
+
+static const std::map<std::string_view, std::string (*)()> kSeen = {
+    {"is", [] { return result; }},
+    {"armed", all_armed},
+    {"timers", [] { return std::to_string(pending(ecore_timer_cb)); }},
+    {"armed_while", armed_while},
+    {"row", [] { return rows("SELECT tm_mday FROM dravel"); }},
+    {"stored", [] { return rows("SELECT timer_id FROM dravel"); }},
+    {"marked", [] { return rows("SELECT timer_id FROM dravel WHERE micom_flag = 1"); }},
+    {"listed", [] { return ids(get_dravel_list()); }},
+    {"on", [] { return ids(get_ontimer_list()); }},
+    {"next", [] { return next(item_of({})); }},
+    {"set", [] { return time_text(item_of({})->tm); }},
+    {"chosen", chosen},
+    {"programmed", programmed},
+    {"woken_by", woken_by},
+    {"asked", requests},
+    {"events", events},
+    {"told", state_changes},
+    {"log", logged},
+    {"waits", all_waits},
+    {"files", files},
+    {"trusted", [] { return std::to_string(get_kinto_time_updated()); }},
+    {"awake", [] { return std::to_string(get_wakeup_state()); }},
+    {"updated", [] { return std::to_string(get_auto_clock_mode_time_update()); }},
+    {"relaunched", [] { return std::to_string(get_relaunch_state()); }},
+};
+
+static void expect(const std::string &name, const std::string &expected, const std::string &after) {
+  const std::string seen = find(kSeen, name)();
+  const bool is_part = expected.starts_with('~') || expected.starts_with('!');
+  const bool has_part = is_part && seen.find(expected.substr(1)) != std::string::npos;
+  if (is_part ? has_part != expected.starts_with('~') : seen != expected)
+    ADD_FAILURE() << "after \"" << after << "\" \"" << name << "\" should be \"" << expected
+                  << "\" and is \"" << seen << "\"";
+}
+
+// --- running ---
+
+static void step(arguments a) { find(kSteps, a[0])(a.subspan(1)); }
+
+static std::string with_last_id(const std::string &word) {
+  return std::regex_replace(word, std::regex("@"), std::to_string(last_id));
+}
+
+static void run_clause(const text_list &clause) {
+  const auto arrow = std::ranges::find(clause, "=>");
+  text_list done(clause.begin(), arrow);
+  std::ranges::transform(done, done.begin(), with_last_id);
+  step(done);
+  const arguments expected(arrow, clause.end());
+  if (!expected.empty() && expected.size() % 2 == 0)
+    throw std::runtime_error("nothing is expected of " + clause.back());
+  for (std::size_t i = 1; i < expected.size(); i += 2)
+    expect(expected[i], with_last_id(expected[i + 1]), joined(done, " "));
+}
+
+static std::vector<text_list> clauses_of(const std::string &scenario) {
+  static const std::regex kWord("'([^']*)'|;|[^ ;']+");
+  std::vector<text_list> clauses(1);
+  for (std::sregex_iterator word(scenario.begin(), scenario.end(), kWord), end; word != end; ++word)
+    if (word->str() == ";")
+      clauses.emplace_back();
+    else
+      clauses.back().push_back((*word)[(*word)[1].matched ? 1 : 0]);
+  return clauses;
+}
+
+// Without comments. A line that is indented further, other than by an empty column, goes on.
+static text_list lines_of(std::string text) {
+  text = std::regex_replace(text, std::regex("\n *#[^\n]*"), "");
+  text = std::regex_replace(text, std::regex("\n {3,}([^ |])"), " $1");
+  text_list lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in >> std::ws, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+void run_scenarios(const std::string &lines) {
+  for (const std::string &scenario : lines_of(lines)) {
+    end_clean_set();
+    begin_clean_set();
+    const testing::ScopedTrace trace(__FILE__, __LINE__, scenario);
+    EXPECT_NE(scenario.find("=>"), std::string::npos) << "nothing is expected";
+    try {
+      std::ranges::for_each(clauses_of(scenario), run_clause);
+    } catch (const std::exception &error) {
+      ADD_FAILURE() << error.what();
+    }
+  }
+}
+
+void run_scenarios(const std::string &pattern, const std::string &rows) {
+  static const std::regex kBar(" *\\|( +|$)");
+  for (const std::string &row : lines_of(rows)) {
+    std::sregex_token_iterator column(row.begin(), row.end(), kBar, -1), end;
+    std::string scenario = pattern;
+    for (int number = 1; number < 10; ++number)
+      scenario = std::regex_replace(scenario, std::regex("\\$" + std::to_string(number)),
+                                    column == end ? "" : (column++)->str());
+    run_scenarios(scenario);
+  }
+}
