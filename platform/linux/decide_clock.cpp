@@ -95,12 +95,18 @@ static bool is_resume(const decision &d) {
   return d.m.woken.at != 0 && !d.m.woken.booted && d.now.boot - d.m.woken.at < kResumeMs;
 }
 
+// The on-time that the return is counted from may be far away now.
+static void somebody_stepped(decision &d) {
+  auto &clock = d.m.clock;
+  clock.update_due = clock.update_due || !is_clock_known(d.m, d.now);
+  clock.was_set = true;
+  d.m.woken.counted_at = std::min(d.m.woken.counted_at, d.now.boot);
+}
+
 void on(decision &d, const event::clock_stepped &) {
   auto &clock = d.m.clock;
-  if (!is_resume(d) && !clock.was_set) {
-    clock.was_set = true;
-    clock.update_due = clock.update_due || !clock.rtc_valid;
-  }
+  if (!is_resume(d))
+    somebody_stepped(d);
   if (is_leaving(d.m))
     d.m.power.step_held = true;
   else
