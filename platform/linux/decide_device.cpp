@@ -37,7 +37,7 @@ static alarm_owner owner_of(const machine &m, std::int64_t count) {
 
 others_did what_others_did(const machine &m, const device_reading &reading) {
   const device_alarm &stands = m.alarm.stands;
-  if (stands.owner == alarm_owner::kNone || m.alarm.changes)
+  if (stands.owner == alarm_owner::kNone || m.alarm.changes || m.alarm.doubt)
     return others_did::kNothing;
   if (reading.alarm <= reading.clock) // one in the past counts as none
     return is_ahead(stands, reading.clock) ? others_did::kSwitchedOff : others_did::kNothing;
@@ -60,6 +60,7 @@ static void take_reading(decision &d, const device_reading &reading) {
   alarm.clock = clock;
   alarm.minutes = reading.minutes;
   alarm.changes = false;
+  alarm.doubt = false;
 }
 
 // --- what is refused ---
@@ -159,8 +160,8 @@ void write_next_alarm(decision &d) {
 static void was_refused(decision &d, const device_alarm &next, int error) {
   auto &alarm = d.m.alarm;
   const bool ours = next.owner == alarm_owner::kTimer || next.owner == alarm_owner::kHop;
-  if (next.owner != alarm_owner::kNone)
-    alarm.stands = {}; // a refused write switches off what stood
+  alarm.doubt = true; // most refusals switch off what stood
+  alarm.check = true;
   if (ours && is_range_error(error) && learn_range(d.m, next, d.now))
     return;
   alarm.failed |= refusal_bit(next.owner);
@@ -173,11 +174,11 @@ void on(decision &d, const event::alarm_written &e) {
   alarm.changes = false;
   if (e.error != 0) {
     was_refused(d, next, e.error);
-  } else {
-    alarm.stands = next;
-    if (next.owner == alarm_owner::kForeign)
-      say(d, order::saying::kForeignPutBack, next.utc);
+    return;
   }
+  alarm.stands = next;
+  if (next.owner == alarm_owner::kForeign)
+    say(d, order::saying::kForeignPutBack, next.utc);
   settle_alarm(d);
 }
 
@@ -191,7 +192,8 @@ void on(decision &d, const event::alarm_read &e) {
   auto &alarm = d.m.alarm;
   alarm.check = false;
   alarm.for_good = e.device.for_good;
-  alarm.failed = 0;
+  if (!alarm.doubt)
+    alarm.failed = 0;
   if (e.device.error != 0 || e.device.for_good) {
     guess_clock(d);
     if (d.m.woken.cause_open)

@@ -12,20 +12,19 @@ off_action sleep_as_before(const machine &m) {
                                                        : off_action::kSuspend;
 }
 
-// Who was to watch what we have turned on may sit before a television that does not answer.
-static bool may_be_watched(const machine &m) {
-  return is_on(m) || (m.screen.ordered_on && m.screen.answered != screen_state::kOff);
-}
+// Whoever was to watch what we have turned on may sit before a television that does not answer, and
+// nobody knows who else has woken the machine.
+bool must_say_off(const machine &m) { return m.screen.ordered_on || m.woken.by == cause::kNothing; }
 
 static bool is_user_window_open(const machine &m) {
   return due_at(m, due_kind::kUserWindow) != kNever;
 }
 
 static bool may_return(const machine &m) {
-  if (may_be_watched(m) || m.woken.stays)
+  if (is_on(m) || m.woken.stays || (must_say_off(m) && !m.screen.has_cec))
     return false;
   if (m.woken.by == cause::kNothing)
-    return m.screen.answered == screen_state::kOff && !is_user_window_open(m);
+    return !is_user_window_open(m);
   return by_alarm_of_ours(m);
 }
 

@@ -79,7 +79,10 @@ void order_is_settled(decision &d) {
 }
 
 static void give_screen_up(decision &d) {
-  const bool is_denied = d.m.screen.answered != screen_state::kUnknown;
+  const screen_state answered = d.m.screen.answered;
+  const bool is_denied = answered != screen_state::kUnknown;
+  if (wants_on(d.m)) // it may boot for longer than this
+    d.m.screen.believed = answered;
   has_problem(d, problem::kTelevision, 0);
   say(d, order::saying::kTelevisionLate, is_denied ? 1 : 0);
   order_is_settled(d);

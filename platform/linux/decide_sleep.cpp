@@ -88,6 +88,8 @@ static postponed obstacle(const machine &m, const moment &now) {
     return m.alarm.stands.owner == alarm_owner::kTest ? postponed::kNot : postponed::kNoAlarm;
   if (wish == sleep_wish::kReturn && is_session_in_use(m))
     return postponed::kSession;
+  if (m.sleep.is_silent)
+    return postponed::kScreenSilent;
   if (often_until(m) > now.boot)
     return postponed::kOften;
   if (near_until(m, now) != 0)
@@ -197,6 +199,12 @@ static bool has_all_answers(const machine &m) {
   return m.sleep.use_answered && m.sleep.screen_answered && is_alarm_settled(m);
 }
 
+// Asked once; then until it says anything.
+static bool lacks_answer(const machine &m) {
+  return m.sleep.wish == sleep_wish::kReturn && must_say_off(m) &&
+         m.screen.answered != screen_state::kOff;
+}
+
 static bool is_settled(const machine &m) {
   return m.armed && m.power.now == phase::kAwake && !m.woken.cause_open && !m.woken.late_open;
 }
@@ -209,6 +217,8 @@ void pursue_sleep(decision &d) {
   const bool asks = sleep.stage == wish_stage::kAsking;
   if (sleep.wish == sleep_wish::kNone || sleep.held || (asks && !has_all_answers(d.m)))
     return;
+  if (asks)
+    sleep.is_silent = lacks_answer(d.m);
   if (d.m.test.running && !is_alarm_settled(d.m))
     return;
   const postponed why = obstacle(d.m, d.now);

@@ -63,6 +63,7 @@ void on(decision &d, const event::tv_reports &e) {
   const bool on = means_on(e.state);
   screen.answered = on ? screen_state::kOn : screen_state::kOff;
   d.m.sleep.screen_answered = true;
+  d.m.sleep.is_silent = false;
   if (!screen.pending)
     remote_turned(d, on);
   else if (wants_on(d.m))

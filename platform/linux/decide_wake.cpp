@@ -95,7 +95,9 @@ static void stayed_up(decision &d) {
 }
 
 void on(decision &d, const event::sleep_ends &) {
-  if (d.m.power.now == phase::kGoing)
+  // A run that started in between has missed its beginning.
+  const bool was_asked = d.m.power.now == phase::kSleepAsked;
+  if (d.m.power.now == phase::kGoing || was_asked)
     stayed_up(d);
 }
 

@@ -86,15 +86,16 @@ enum class problem : std::uint8_t {
 // Why a wanted sleep waits: the machine object's Postponed.
 enum class postponed : std::uint8_t {
   kNot,
-  kBlocked,    // a block inhibitor
-  kSession,    // a user is logged in
-  kJob,        // a unit of a dravel-wakeup@ target runs
-  kHook,       // a unit of dravel-off.target runs
-  kOnTimeNear, // an on-time is about to come
-  kNoAlarm,    // nothing stands that would wake the machine
-  kUseUnknown, // logind does not answer
-  kFailed,     // the sleep was ordered and failed
-  kOften,      // it was woken too often by nothing known
+  kBlocked,      // a block inhibitor
+  kSession,      // a user is logged in
+  kJob,          // a unit of a dravel-wakeup@ target runs
+  kHook,         // a unit of dravel-off.target runs
+  kOnTimeNear,   // an on-time is about to come
+  kNoAlarm,      // nothing stands that would wake the machine
+  kScreenSilent, // the television must say that it is off, and does not
+  kUseUnknown,   // logind does not answer
+  kFailed,       // the sleep was ordered and failed
+  kOften,        // it was woken too often by nothing known
 };
 
 enum class due_kind : std::uint8_t {
@@ -241,6 +242,7 @@ struct machine {
     bool check = false;     // the device is to be read and what must stand to be written
     bool changes = false;   // a write is decided: `next` is to be written
     device_alarm next;
+    bool doubt = false;      // a write was refused: what stands is to be read
     std::uint8_t failed = 0; // what was refused since the reading: bits of 1 << owner
     wanted_alarm before_sleep_wanted;
     device_alarm before_sleep;
@@ -277,7 +279,8 @@ struct machine {
     off_action last_method = off_action::kSuspend; // of the last sleep or power-off
     postponed why = postponed::kNot;
     std::uint8_t failures = 0;
-    bool held = false; // until due kSleepAgain
+    bool held = false;      // until due kSleepAgain
+    bool is_silent = false; // the television has not said what it must say
     bool use_answered = false;
     bool screen_answered = false;
   } sleep;

@@ -135,6 +135,7 @@ void sleep_failed(decision &d, int error);
 void sleep_again(decision &d);
 void answers_end(decision &d);
 void pursue_sleep(decision &d);
+bool must_say_off(const machine &m); // the television, before a return
 void wish_return(decision &d);
 void count_return(decision &d);
 // An expiry, or somebody: the return is counted from now.
