@@ -82,8 +82,9 @@ static void block(sim &w, std::int64_t bits, std::int64_t seconds) {
     later(w, seconds, [&w] { block(w, 0, 0); });
 }
 
+// One at a time: of two, nobody can tell afterwards which the last was.
 static void set_foreign(sim &w, std::int64_t ahead, std::int64_t) {
-  if (!runs(w))
+  if (!runs(w) || (w.foreign && ahead != 0))
     return;
   if (w.sleeps_now || w.stops_now)
     w.checks.tampered();
@@ -91,11 +92,12 @@ static void set_foreign(sim &w, std::int64_t ahead, std::int64_t) {
 }
 
 static void rtcwake(sim &w, std::int64_t seconds, std::int64_t) {
-  if (!runs(w) || w.sleeps_now || w.stops_now)
+  if (!runs(w) || w.sleeps_now || w.stops_now || w.foreign)
     return;
   w.checks.tampered();
   w.write_foreign(seconds);
-  w.go_down(off_action::kSuspend, false);
+  if (w.foreign_stands)
+    w.go_down(off_action::kSuspend, false);
 }
 
 static void cut_power(sim &w, std::int64_t, std::int64_t) {
@@ -183,11 +185,11 @@ static const act kActs[] = {
     {"menu: off", 2, {}, {}, [](sim &w, auto, auto) { w.begin_shutdown(false); }},
     {"called off", 1, {}, {}, [](sim &w, auto, auto) { w.begin_shutdown(true); }},
     {"power cut", 1, {}, {}, cut_power},
-    {"foreign alarm", 4, {0, 30000}, {}, set_foreign},
+    {"foreign alarm", 4, {0, 30000}, {}, set_foreign, true},
     {"slow foreign", 2, {1, 60}, {}, [](sim &w, auto a, auto) { w.foreign_delay = a * kSecondMs; }},
     {"block", 4, {0, 7}, {1, 4000}, block},
     {"sleep fails", 2, {1, 5}, {}, [](sim &w, auto a, auto) { w.fails = static_cast<int>(a); }},
-    {"rtcwake", 2, {5, 3000}, {}, rtcwake},
+    {"rtcwake", 2, {5, 3000}, {}, rtcwake, true},
     {"clock steps",
      2,
      {-4000, 4000},
@@ -200,7 +202,11 @@ static const act kActs[] = {
     {"order refused", 3, {0, kLastOrder}, {1, 400}, refuse_order},
     {"TurnScreen", 2, {0, 1}, {}, call_screen},
     {"TestWake", 2, {10, 300}, {}, test_wake, true},
-    {"halted", 1, {0, 1}, {}, [](sim &w, auto a, auto) { w.is_halted = runs(w) ? a != 0 : w.is_halted; }},
+    {"halted",
+     1,
+     {0, 1},
+     {},
+     [](sim &w, auto a, auto) { w.is_halted = runs(w) ? a != 0 : w.is_halted; }},
 };
 
 std::span<const act> acts() { return kActs; }

@@ -12,7 +12,7 @@ struct act {
   int weight; // how often it is drawn; below 0: only at the start, in one of so many nights
   act_range a, b;
   void (*does)(sim &, std::int64_t a, std::int64_t b);
-  bool is_of_process = false; // a night with it is not compared with one with a restart
+  bool is_noticed = false; // by a restart: a night with it is not compared with one with a restart
 };
 
 inline constexpr int kAddTimer = 0;       // its row

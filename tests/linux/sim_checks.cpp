@@ -106,6 +106,8 @@ void sim_checks::clock_stepped() {
   tampered();
   slept_through_.clear();
   expected_.clear();
+  if (!world_.is_alive) // what it goes past is made up for
+    on_until_ = now() + kLateSeconds * kSecondMs;
 }
 
 // --- 2: the screen ---
@@ -138,7 +140,7 @@ void sim_checks::check_return() {
   const sim_television &tv = world_.tv;
   if (world_.m.screen.believed == screen_state::kOn)
     world_.broken(3, "the screen is on at a return");
-  if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on &&
+  if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on && world_.refused == 0 &&
       tv.changed_at < now() - kAskedMs)
     world_.broken(3, "somebody watches at a return");
   if (tv.has_cec && asked_at_ < now() - kAskedMs)
@@ -207,7 +209,8 @@ bool sim_checks::wants_return() const {
   const bool says_off = tv.answers() && !tv.on && !tv.lies && tv.answers_after < kSecondMs;
   // One that was turned on and does not answer may well be watched.
   const bool must_say = by == cause::kNothing || (tv.has_cec && ordered_on_at_ >= world.up_at);
-  if ((must_say && !says_off) || by == cause::kForeign || by == cause::kUser)
+  if ((must_say && (!says_off || tv.changed_at >= asked_at_)) || by == cause::kForeign ||
+      by == cause::kUser)
     return false;
   if (world.m.screen.believed == screen_state::kOn || (tv.on && tv.answers()) || tv.lies)
     return false;
@@ -220,7 +223,8 @@ bool sim_checks::wants_return() const {
   const std::int64_t near = lead_of(world, method) + nearness_of(world, method) +
                             world.set.return_to_sleep + kReturnSlackMs / kSecondMs;
   if (wanted_.on_time != 0 && ahead > 0)
-    return ahead > near && world.alarm.stands() != 0 && world.m.problems[1] == 0;
+    return ahead > near && world.alarm.stands() != 0 && world.m.problems[1] == 0 &&
+           world.m.problems[2] == 0;
   return tampered_at_ < now() - kTamperMs;
 }
 
@@ -267,6 +271,9 @@ void sim_checks::check_alarm(bool has_begun) {
   }
   if (foreign != 0 && std::abs(foreign - count - ours) <= 62)
     return;
+  const bool is_left_out = world_.state == life::kOff && !world_.set.hop_boots && alarm.range;
+  if (is_left_out)
+    return;
   if (stands == 0 || stands - count > ours + (alarm.counts_minutes ? kMinuteSeconds : 1))
     world_.broken(5, stands == 0 ? "no alarm stands" : "the alarm is too late");
   const bool is_hop = alarm.range && ours > std::min(*alarm.range, kHopSeconds);
@@ -309,7 +316,7 @@ void sim_checks::came_up() {
   if (last == 0 || world_.utc() - last > kLateSeconds || off_due_ >= last)
     return;
   on_until_ = now() + kOrderMs + kBootMs;
-  if (world_.is_alive && world_.tv.changed_at < world_.down_at)
+  if (world_.is_alive && world_.tv.changed_at < asked_at_)
     expected_.push_back(now() + kOnTimeMs + 3 * world_.bus_ms);
 }
 
@@ -393,8 +400,10 @@ void sim_checks::decided(const machine &before, const event::any &what, const or
     world_.broken(11, "an order after the call of the daemon");
   if (const auto *program = std::get_if<event::program>(&what))
     wanted_ = {program->type, program->on_time};
-  if (std::holds_alternative<event::unprogram>(what))
+  if (std::holds_alternative<event::unprogram>(what) && world_.m.armed)
     wanted_ = {};
+  if (world_.sleeps_now || world_.stops_now)
+    expected_.clear();
   if (std::holds_alternative<event::sleep_ends>(what) && before.woken.at != world_.m.woken.at)
     check_cause();
   check_credit();

@@ -66,10 +66,13 @@ void sim::keep_order(const std::string &text) {
     given.emplace_back(now, text);
 }
 
-// What a new process asks must not tell it more than the old one knew. A test ends with its caller.
+// What a new process asks must not tell it more than the old one knew, and what nobody has seen
+// meanwhile must not count: a key at a sleep. A test ends with its caller.
 bool sim::may_restart() const {
   const screen_state truth = tv.on ? screen_state::kOn : screen_state::kOff;
-  return !m.test.running && m.armed && !set.follow_screen && (!tv.has_cec || (!tv.lies && m.screen.believed == truth));
+  const bool is_known = !tv.has_cec || (!tv.lies && m.screen.believed == truth);
+  return is_known && m.armed && !m.test.running && !set.follow_screen && counts_sleep &&
+         !sleeps_now;
 }
 
 void sim::send(const event::any &what) {

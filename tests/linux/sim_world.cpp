@@ -54,7 +54,7 @@ void sim::begin_sleep(off_action by) {
 }
 
 void sim::release_checked() {
-  if ((!sleeps_now && !stops_now) || holds_inhibitor)
+  if ((!sleeps_now && !stops_now) || holds_inhibitor || may_go_at_ == kNever)
     return;
   world_at(std::max(now + 1, may_go_at_), [this, number = sleep_] {
     if (number == sleep_ && !holds_inhibitor)
@@ -81,6 +81,7 @@ void sim::go_down(off_action by, bool is_announced) {
   method = by;
   if (fails > 0 && method != off_action::kPoweroff) {
     --fails;
+    may_go_at_ = kNever;
     world_at(now + kFailsAfterMs, [this] {
       sleeps_now = false;
       answer(event::sleep_ends{});
@@ -143,10 +144,11 @@ void sim::boot(cause by) {
 
 // Others write 0 first, which erases ours without notice.
 void sim::write_foreign(std::int64_t ahead) {
+  if (!alarm.is_there || alarm.switch_off() != 0)
+    return;
   foreign.reset();
   foreign_stands = false;
-  if (alarm.switch_off() != 0 || ahead == 0 || alarm.write(now, alarm.count(now) + ahead) != 0 ||
-      alarm.stands() == 0)
+  if (ahead == 0 || alarm.write(now, alarm.count(now) + ahead) != 0 || alarm.stands() == 0)
     return;
   foreign = alarm.stands();
   foreign_stands = true;
