@@ -34,6 +34,7 @@ static constexpr struct {
     {due_kind::kAskClock, ask_clock_again},
     {due_kind::kUserWindow, user_window_ends},
     {due_kind::kInhibitAgain, take_inhibitor},
+    {due_kind::kLeaving, ask_whether_leaving},
 };
 static_assert(std::size(kDueRows) == kDueKinds);
 

@@ -21,7 +21,7 @@ static bool is_user_window_open(const machine &m) {
 }
 
 static bool may_return(const machine &m) {
-  if (is_on(m) || m.woken.stays || (must_say_off(m) && !m.screen.has_cec))
+  if (is_on(m) || m.screen.pending || m.woken.stays || (must_say_off(m) && !m.screen.has_cec))
     return false;
   if (m.woken.by == cause::kNothing)
     return !is_user_window_open(m);

@@ -46,8 +46,10 @@ void order_screen(decision &d, bool on) {
 }
 
 void turn_screen(decision &d, bool on) {
-  if (on)
+  if (on) {
     drop_wish(d);
+    d.m.woken.stays = false;
+  }
   order_screen(d, on);
   begin_unit(d, on ? unit::kOn : unit::kOff);
   say(d, on ? order::saying::kScreenOn : order::saying::kScreenOff);

@@ -8,7 +8,8 @@
 
 static constexpr std::int64_t kAnswerMs = 3 * kSecondMs;    // of logind and the television
 static constexpr std::int64_t kUseAgainMs = 30 * kSecondMs; // when logind has not answered
-static constexpr std::int64_t kOrderMs = 90 * kSecondMs;    // until an ordered sleep begins
+static constexpr std::int64_t kAlarmAgainMs = 900 * kSecondMs;
+static constexpr std::int64_t kOrderMs = 90 * kSecondMs; // until an ordered sleep begins
 static constexpr std::int64_t kHourMs = 3600 * kSecondMs;
 static constexpr std::int64_t kFailedAgainMs[] = {30 * kSecondMs, 60 * kSecondMs, 300 * kSecondMs,
                                                   900 * kSecondMs};
@@ -97,6 +98,12 @@ static postponed obstacle(const machine &m, const moment &now) {
   return alarm_leads(m, now, m.sleep.method) ? postponed::kNot : postponed::kNoAlarm;
 }
 
+// The device is read again when nothing else tries it any longer.
+static void alarm_again(decision &d) {
+  if (due_at(d.m, due_kind::kSleepAgain) == kNever)
+    d.due_after(due_kind::kSleepAgain, kAlarmAgainMs);
+}
+
 // One line for each reason.
 static void postpone(decision &d, postponed why) {
   auto &sleep = d.m.sleep;
@@ -109,6 +116,8 @@ static void postpone(decision &d, postponed why) {
     d.due_at_utc(due_kind::kSleepAgain, near_until(d.m, d.now) + 1);
   else if (why == postponed::kOften)
     d.due(due_kind::kSleepAgain) = often_until(d.m);
+  else if (why == postponed::kNoAlarm)
+    alarm_again(d);
   else if (!sleep.held)
     d.never(due_kind::kSleepAgain);
 }
@@ -173,6 +182,12 @@ void sleep_failed(decision &d, int error) {
   hold(d, postponed::kFailed, kFailedAgainMs[row]);
 }
 
+void order_was_lost(decision &d) {
+  d.m.power.now = phase::kAwake;
+  d.m.sleep.stage = wish_stage::kWaiting;
+  d.never(due_kind::kSleepAgain);
+}
+
 void on(decision &d, const event::sleep_answered &e) {
   if (e.error != 0 && is_ordered(d.m))
     sleep_failed(d, e.error);
@@ -180,6 +195,8 @@ void on(decision &d, const event::sleep_answered &e) {
 
 void sleep_again(decision &d) {
   d.m.sleep.held = false;
+  if (d.m.sleep.why == postponed::kNoAlarm)
+    check_alarm(d);
   if (is_ordered(d.m) && d.m.power.now == phase::kSleepAsked)
     sleep_failed(d, ETIMEDOUT);
 }

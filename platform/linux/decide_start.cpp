@@ -50,8 +50,7 @@ static void find_out(decision &d) {
   take_inhibitor(d);
   d.give(order::ask_use{});
   d.give(order::ask_clock{});
-  if (d.m.power.now == phase::kGoing || d.m.power.now == phase::kShuttingDown)
-    d.give(order::ask_preparing{});
+  d.give(order::ask_preparing{});
 }
 
 void on(decision &d, const event::started &e) {

@@ -114,6 +114,12 @@ void doubt_jobs(decision &d) {
   }
 }
 
+void forget_lost_jobs(decision &d) {
+  for (job &j : d.m.jobs)
+    if (j.may_be_lost)
+      j = {};
+}
+
 void on(decision &d, const event::job_began &e) {
   is_over(d, problem_of(e.of));
   if (find_job(d, e.id) != nullptr)

@@ -7,6 +7,7 @@
 
 // A sleep is as long as the boot clock has left the monotonic one.
 static constexpr std::int64_t kLeastSleepMs = kSecondMs;
+static constexpr std::int64_t kLeavingMs = 60 * kSecondMs;
 static constexpr std::int64_t kInhibitAgainMs[] = {1 * kSecondMs, 10 * kSecondMs, 60 * kSecondMs};
 
 // --- the delay ---
@@ -36,6 +37,14 @@ void release_if_ready(decision &d) {
 
 // --- before ---
 
+// Its end may have been told while logind or this process was away.
+void ask_whether_leaving(decision &d) {
+  if (!is_leaving(d.m))
+    return;
+  d.give(order::ask_preparing{});
+  d.due_after(due_kind::kLeaving, kLeavingMs);
+}
+
 static void leave(decision &d, phase next) {
   auto &power = d.m.power;
   power.now = next;
@@ -45,6 +54,7 @@ static void leave(decision &d, phase next) {
   d.m.screen.pending = false;
   d.m.alarm.tries = 0;
   d.never(due_kind::kAlarmAgain);
+  d.due_after(due_kind::kLeaving, kLeavingMs);
   if (due_at(d.m, due_kind::kUserWindow) != kNever)
     user_window_ends(d);
   take_back(d, delivery::kWakeup);
@@ -83,6 +93,7 @@ static void stayed_up(decision &d) {
     take_inhibitor(d);
   d.m.alarm.tries = 0;
   d.never(due_kind::kAlarmAgain);
+  d.never(due_kind::kLeaving);
   d.m.alarm.check = true;
   take_back(d, delivery::kStandby);
   tell(d, delivery::kWakeup);
@@ -95,9 +106,7 @@ static void stayed_up(decision &d) {
 }
 
 void on(decision &d, const event::sleep_ends &) {
-  // A run that started in between has missed its beginning.
-  const bool was_asked = d.m.power.now == phase::kSleepAsked;
-  if (d.m.power.now == phase::kGoing || was_asked)
+  if (d.m.power.now == phase::kGoing)
     stayed_up(d);
 }
 
@@ -106,11 +115,17 @@ void on(decision &d, const event::shutdown_ends &) {
     stayed_up(d);
 }
 
+// What a run that started in between has missed. An order to sleep may have been lost with the last
+// run: it is given again when nothing prevents it.
 void on(decision &d, const event::preparing &e) {
-  if (!e.sleep)
-    on(d, event::sleep_ends{});
-  if (!e.shutdown)
-    on(d, event::shutdown_ends{});
+  if (e.sleep)
+    on(d, event::sleep_begins{});
+  else if (e.shutdown)
+    on(d, event::shutdown_begins{});
+  else if (is_leaving(d.m))
+    stayed_up(d);
+  else if (d.m.power.now == phase::kSleepAsked)
+    order_was_lost(d);
 }
 
 static void forget_orders(decision &d) {
@@ -121,6 +136,9 @@ static void forget_orders(decision &d) {
   d.m.use.input_at = 0;
   forget_wish(d);
   is_over(d, problem::kSleep);
+  d.never(due_kind::kLeaving);
+  d.never(due_kind::kUserWindow);
+  forget_lost_jobs(d);
 }
 
 static std::int64_t utc_before(const moment &now, std::int64_t ms) {

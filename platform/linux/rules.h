@@ -96,11 +96,12 @@ bool is_ahead(const device_alarm &alarm, std::int64_t clock);
 bool is_hop_left_out(const machine &m, const moment &now);
 unsigned refusal_bit(alarm_owner owner);
 
-// --- decide_device.cpp: reading and writing it ---
+// --- decide_reading.cpp, decide_device.cpp: reading and writing it ---
 
 // To the alarm that stood, since it was read last.
 enum class others_did : std::uint8_t { kNothing, kSwitchedOff, kReplaced };
 others_did what_others_did(const machine &m, const device_reading &reading);
+void take_reading(decision &d, const device_reading &reading);
 void check_alarm(decision &d);
 void write_next_alarm(decision &d);
 // False while it is still to be read or written; what was refused counts as settled.
@@ -117,6 +118,7 @@ void notice_sleep(decision &d);
 void take_inhibitor(decision &d);
 void inhibitor_refused(decision &d);
 void release_if_ready(decision &d);
+void ask_whether_leaving(decision &d);
 cause cause_by_alarm(const machine &m, others_did others, std::int64_t clock);
 void decide_cause(decision &d, others_did others);
 void credit(decision &d);
@@ -133,6 +135,7 @@ void change_off_action(decision &d);
 void count_sleep(decision &d);
 void sleep_failed(decision &d, int error);
 void sleep_again(decision &d);
+void order_was_lost(decision &d);
 void answers_end(decision &d);
 void pursue_sleep(decision &d);
 bool must_say_off(const machine &m); // the television, before a return
@@ -148,7 +151,8 @@ bool is_session_in_use(const machine &m);
 bool wakeup_job_runs(const machine &m);
 bool off_job_runs(const machine &m);
 void begin_unit(decision &d, unit of, std::int32_t reason = 0);
-void doubt_jobs(decision &d); // after a start
+void doubt_jobs(decision &d);       // after a start
+void forget_lost_jobs(decision &d); // after a sleep
 void forget_overdue_jobs(decision &d);
 void count_jobs(decision &d);
 void check_off_action(decision &d);
