@@ -127,6 +127,7 @@ struct sim {
   void world_at(millis when, action what);
   void process_at(millis when, action what); // dropped when the process ends
   void answer(const event::any &what);       // over the bus
+  void signal(const event::any &what);
   void begin_sleep(off_action method);
   void begin_shutdown(bool is_called_off);
   void release_checked(); // of the inhibitor
@@ -146,7 +147,7 @@ struct sim {
 
   machine m;
   machine stored;
-  bool has_stored = false;
+  bool has_stored = false, has_run = false; // has_run: in this boot
   bool is_alive = false;
   millis alive_at = 0;
   bool is_delivering = false;
@@ -155,7 +156,7 @@ struct sim {
   bool is_halted = false;
   std::vector<sim_timer> timers;
 
-  void start_process(bool same_boot);
+  void start_process();
   void end_process();
   void send(const event::any &what);
   void call(const event::any &what);
@@ -194,7 +195,8 @@ private:
   int run_ = 0;           // of the process
   int sleep_ = 0;         // announced ones
   int depth_ = 0;         // of send
-  millis may_go_at_ = 0;
+  millis may_go_at_ = 0, signal_at_ = 0;
+  millis begun_at_ = 0; // boot: the last sleep or shutdown that was announced
   bool was_announced_ = false, is_called_off_ = false;
   std::uint32_t next_id_ = 1, next_job_ = 1, answers_ = 0;
 };

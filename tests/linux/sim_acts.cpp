@@ -106,6 +106,8 @@ static void cut_power(sim &w, std::int64_t, std::int64_t) {
 }
 
 static void synchronise(sim &w, std::int64_t, std::int64_t) {
+  if (!runs(w))
+    return;
   w.ntp_synchronised = true;
   w.answer(event::ntp{w.ntp_on, true, true});
 }
@@ -119,7 +121,7 @@ static void kill_now(sim &w, std::int64_t for_ms, std::int64_t) {
   w.checks.tampered();
   w.world_at(w.now + for_ms, [&w] {
     w.checks.tampered();
-    w.start_process(true);
+    w.start_process();
   });
 }
 

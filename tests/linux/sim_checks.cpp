@@ -116,7 +116,7 @@ void sim_checks::screen_called(bool on) {
   if (on)
     on_until_ = now() + kOrderMs;
   else
-    off_called_at_ = now();
+    expected_.clear();
 }
 
 static bool is_user_cause(const sim &world, millis kOrder) {
@@ -202,8 +202,7 @@ bool sim_checks::wants_return() const {
   const sim_television &tv = world.tv;
   if (world.state != life::kRunning || !world.is_alive || !world.m.armed || world.sleeps_now ||
       world.stops_now || world.set.return_to_sleep == 0 || world.refused != 0 ||
-      world.m.clock.state == clock_state::kUnknown ||
-      (world.set.off == off_action::kNone && off_called_at_ >= world.up_at))
+      world.m.clock.state == clock_state::kUnknown || world.m.woken.stays)
     return false;
   const cause by = world.m.woken.by;
   const bool says_off = tv.answers() && !tv.on && !tv.lies && tv.answers_after < kSecondMs;
@@ -316,7 +315,8 @@ void sim_checks::came_up() {
   if (last == 0 || world_.utc() - last > kLateSeconds || off_due_ >= last)
     return;
   on_until_ = now() + kOrderMs + kBootMs;
-  if (world_.is_alive && world_.tv.changed_at < asked_at_)
+  // Without a slept time the daemon's own timers end at the wake-up, before anything is known.
+  if (world_.is_alive && world_.counts_sleep && world_.tv.changed_at < asked_at_)
     expected_.push_back(now() + kOnTimeMs + 3 * world_.bus_ms);
 }
 

@@ -66,6 +66,7 @@ public:
     return now + (left > 0 ? left : 0);
   }
   void go_off() {
+    shown_ = alarm_;
     enabled_ = false;
     went_off_ = true;
   }

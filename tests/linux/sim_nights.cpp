@@ -23,7 +23,7 @@ std::string sim::run(const night &what) {
              std::to_string(one.b));
         act_of(one).does(*this, one.a, one.b);
       });
-  start_process(false);
+  start_process();
   while (finding.empty() && run_next(what.length)) {
   }
   return finding;

@@ -81,7 +81,7 @@ void sim::send(const event::any &what) {
   if (depth_ == 0 && calls == 0 && events++ >= restart_at_event && may_restart()) {
     restart_at_event = INT32_MAX;
     end_process();
-    start_process(true);
+    start_process();
   }
   if (trace != nullptr)
     note(name_of(what));
@@ -107,7 +107,7 @@ void sim::send(const event::any &what) {
   if (orders_to_live == 0) {
     orders_to_live = -1;
     end_process();
-    world_at(now + kDaemonStartsMs, [this] { start_process(true); });
+    world_at(now + kDaemonStartsMs, [this] { start_process(); });
   }
   if (run != run_)
     return;
@@ -141,15 +141,16 @@ static machine kept_of(const machine &stored, bool same_boot) {
   return kept;
 }
 
-void sim::start_process(bool same_boot) {
+void sim::start_process() {
   if (is_alive || state != life::kRunning)
     return;
   is_alive = true;
   alive_at = now;
   event::started start;
   start.has_kept = has_stored;
-  start.same_boot = same_boot;
-  start.kept = kept_of(stored, same_boot);
+  start.same_boot = has_run;
+  start.kept = kept_of(stored, has_run);
+  has_run = true;
   start.device = read_device();
   start.rtc_valid = rtc_valid;
   start.booted_at = utc() - seconds_of(boot_ms());
@@ -161,6 +162,8 @@ void sim::start_process(bool same_boot) {
     timer.fires_at = kNever;
   ++calls;
   send(start);
+  if (!is_alive)
+    return;
   --calls;
   tell_reachable();
   for (const auto &[id, running] : jobs)

@@ -31,6 +31,12 @@ void sim::answer(const event::any &what) {
   process_at(now + bus_ms * (1 + answers_++ % 3), [this, what] { send(what); });
 }
 
+// Signals of logind stay in their order.
+void sim::signal(const event::any &what) {
+  signal_at_ = std::max(signal_at_, now + bus_ms * (1 + answers_++ % 3));
+  process_at(signal_at_, [this, what] { send(what); });
+}
+
 // --- sleep and shutdown ---
 
 // Nothing says that a delay is over its limit.
@@ -39,11 +45,12 @@ void sim::begin_sleep(off_action by) {
     return;
   (by == off_action::kPoweroff ? stops_now : sleeps_now) = true;
   method = by;
+  begun_at_ = boot_ms();
   const int number = ++sleep_;
   if (stops_now)
-    answer(event::shutdown_begins{});
+    signal(event::shutdown_begins{});
   else
-    answer(event::sleep_begins{});
+    signal(event::sleep_begins{});
   const millis limit = now + delay_max * kSecondMs;
   may_go_at_ = now + std::min(foreign_delay, delay_max * kSecondMs);
   world_at(limit, [this, number] {
@@ -69,7 +76,7 @@ void sim::begin_shutdown(bool is_called_off) {
     world_at(now + kSecondMs, [this] {
       is_called_off_ = stops_now = false;
       ++sleep_;
-      answer(event::shutdown_ends{});
+      signal(event::shutdown_ends{});
     });
 }
 
@@ -77,14 +84,14 @@ void sim::go_down(off_action by, bool is_announced) {
   if (state != life::kRunning || is_called_off_)
     return;
   ++sleep_;
-  const bool is_ready = is_alive && m.armed && m.power.released;
+  const bool is_ready = is_alive && m.armed && m.power.released && m.power.went.boot >= begun_at_;
   method = by;
   if (fails > 0 && method != off_action::kPoweroff) {
     --fails;
     may_go_at_ = kNever;
     world_at(now + kFailsAfterMs, [this] {
       sleeps_now = false;
-      answer(event::sleep_ends{});
+      signal(event::sleep_ends{});
     });
     return;
   }
@@ -109,6 +116,7 @@ void sim::wake(cause by) {
   for (auto &[when, what] : process_)
     later.emplace(std::max(now, when + shift), std::move(what));
   process_ = std::move(later);
+  signal_at_ += shift;
   slept += shift;
   ++sleeps;
   state = life::kRunning;
@@ -118,17 +126,18 @@ void sim::wake(cause by) {
   checks.came_up();
   process_at(now + 3, [this] { send(event::clock_stepped{}); });
   if (!is_alive) // the service manager did not get to it before
-    world_at(now + kSecondMs, [this] { start_process(true); });
+    world_at(now + kSecondMs, [this] { start_process(); });
   if (!was_announced_)
     return;
   sleeps_now = false;
   for (int times = doubles_end ? 2 : 1; times > 0; --times)
-    answer(event::sleep_ends{});
+    signal(event::sleep_ends{});
 }
 
 void sim::boot(cause by) {
   state = life::kRunning;
   booted_at = now;
+  has_run = false;
   slept = 0;
   sleeps = 0;
   sleeps_now = stops_now = false;
@@ -137,7 +146,7 @@ void sim::boot(cause by) {
   up_by = by;
   note("- up");
   checks.came_up();
-  world_at(now + kBootMs, [this] { start_process(false); });
+  world_at(now + kBootMs, [this] { start_process(); });
 }
 
 // --- devices ---
