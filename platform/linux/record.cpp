@@ -129,6 +129,26 @@ static bool read_alarm_file(machine &record) {
   return true;
 }
 
+// Version 1.1 kept the alarm by UTC. `device_alarm` is what the device has: it counted a second
+// more or less.
+static bool read_older_file(machine &record, std::int64_t device_alarm) {
+  static constexpr const char *kGroup = "wake-up";
+  const std::string path = state_directory() + "/wake-up";
+  g_autoptr(GKeyFile) file = g_key_file_new();
+  if (!g_key_file_load_from_file(file, path.c_str(), G_KEY_FILE_NONE, nullptr))
+    return false;
+  const auto number = [&](const char *key) {
+    return g_key_file_get_int64(file, kGroup, key, nullptr);
+  };
+  const std::int64_t alarm = number("alarm");
+  record.alarm.wanted = {static_cast<std::uint32_t>(number("type")), number("on-time")};
+  if (alarm != 0)
+    record.alarm.stands = {alarm_owner::kTimer,
+                           std::abs(device_alarm - alarm) <= 1 ? device_alarm : alarm, alarm};
+  unlink(path.c_str());
+  return true;
+}
+
 // --- the whole record, for the next run of the same build ---
 
 static_assert(std::is_trivially_copyable_v<machine>);
@@ -150,10 +170,11 @@ static bool read_record_file(machine &record) {
   return true;
 }
 
-kept_record load_record() {
+kept_record load_record(std::int64_t device_alarm) {
   kept_record kept;
   kept.same_boot = read_record_file(kept.record);
-  kept.exists = kept.same_boot || read_alarm_file(kept.record);
+  kept.exists =
+      kept.same_boot || read_alarm_file(kept.record) || read_older_file(kept.record, device_alarm);
   return kept;
 }
 

@@ -14,7 +14,9 @@ struct kept_record {
   bool exists = false;
   bool same_boot = false; // false: only the alarm
 };
-kept_record load_record();
+
+// `device_alarm`: the count of the alarm that the device has.
+kept_record load_record(std::int64_t device_alarm);
 
 // Writes what has changed since the last call. Returns an errno, 0 when all is written.
 int store_record(const machine &record);

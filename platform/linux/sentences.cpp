@@ -43,6 +43,7 @@ static constexpr named<postponed> kReasons[] = {
     {postponed::kHook, "a unit of dravel-off.target runs"},
     {postponed::kOnTimeNear, "an on-time is near"},
     {postponed::kNoAlarm, "nothing would wake the machine for the next on-time"},
+    {postponed::kScreenSilent, "the television does not say that it is off"},
     {postponed::kUseUnknown, "logind does not say who uses the machine"},
     {postponed::kFailed, "the last attempt failed"},
     {postponed::kOften, "the machine was woken too often by nothing known"},

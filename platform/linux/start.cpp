@@ -17,8 +17,11 @@
 
 #include <Ecore.h>
 #include <daemon_callbacks.h>
+#include <due_timers.h>
+#include <time_values.h>
 
 #include <ctime>
+#include <span>
 
 // 00:00 UTC of the day of the build.
 static constexpr std::int64_t kBuildDay = DRAVEL_BUILD_DAY;
@@ -27,6 +30,22 @@ static constexpr int kReload = 1; // SIGUSR1
 static constexpr int kAmbientModeClosed = 0;
 
 // --- orders ---
+
+static std::uint32_t tv_clock_at(std::int64_t utc) { return to_time_value(utc_to_local(utc)); }
+
+static event::late_timers timers_due(std::int64_t from, std::int64_t until) {
+  due_timer found[kLateTimers];
+  event::late_timers late;
+  const std::size_t count =
+      dravel_due_timers(tv_clock_at(from), tv_clock_at(until), found, kLateTimers);
+  for (const due_timer &timer : std::span(found, count)) {
+    const utc_times at = utc_of_local(timer.time);
+    late.timers[late.count++] = {static_cast<std::uint32_t>(timer.timer_id),
+                                 static_cast<std::uint32_t>(timer.type),
+                                 at.second != 0 && at.first <= from ? at.second : at.first};
+  }
+  return late;
+}
 
 namespace {
 
@@ -38,7 +57,9 @@ struct carrier {
     return write_rtc_alarm(ordered.count);
   }
   result operator()(const order::switch_off_alarm &) const { return switch_off_rtc_alarm(); }
-  result operator()(const order::ask_late &) const { return event::late_timers{}; }
+  result operator()(const order::ask_late &ordered) const {
+    return timers_due(ordered.from, ordered.to);
+  }
   result operator()(const order::ask_zone &) const { return present_zone(); }
   result operator()(const order::take_inhibitor &) const { return done(take_inhibitor); }
   result operator()(const order::release_inhibitor &) const { return done(release_inhibitor); }
@@ -134,12 +155,12 @@ static std::int64_t booted_at() {
 
 // From files, /sys and clocks alone: the daemon asks for the wake-up reason before anything else.
 static event::started first_event() {
-  const kept_record kept = load_record();
   event::started first;
+  first.device = read_rtc();
+  const kept_record kept = load_record(first.device.alarm);
   first.kept = kept.record;
   first.has_kept = kept.exists;
   first.same_boot = kept.same_boot;
-  first.device = read_rtc();
   first.rtc_valid = rtc_gave_time(kBuildDay);
   first.booted_at = booted_at();
   first.build_day = kBuildDay;

@@ -59,11 +59,11 @@ static void read_record(input &in) {
              in);
   if (in.ConsumeBool())
     std::ofstream("/tmp/run/machine") << in.ConsumeRandomLengthString(200);
-  const kept_record kept = load_record();
+  const kept_record kept = load_record(0);
   EXPECT_FALSE(kept.same_boot) << "a damaged record is read";
   EXPECT_LE(kept.record.alarm.stands.owner, alarm_owner::kForeign);
   EXPECT_EQ(store_record(kept.record), 0);
-  EXPECT_EQ(load_record().record.alarm.wanted, kept.record.alarm.wanted);
+  EXPECT_EQ(load_record(0).record.alarm.wanted, kept.record.alarm.wanted);
   std::filesystem::remove("/tmp/run/machine");
 }
 

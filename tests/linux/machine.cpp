@@ -5,6 +5,7 @@
 #define rtc_time kernel_rtc_time
 #include <linux/rtc.h>
 #undef rtc_time
+#include <due_timers.h>
 #include <time_values.h>
 
 #include <algorithm>
@@ -56,6 +57,19 @@ std::string read_file(const std::string &path) {
   content << std::ifstream(path).rdbuf();
   std::string text = content.str();
   return text.ends_with('\n') ? text.substr(0, text.size() - 1) : text;
+}
+
+// --- the daemon ---
+
+std::vector<due_timer> late_timers;
+
+std::size_t dravel_due_timers(std::uint32_t from, std::uint32_t until, due_timer *out,
+                              std::size_t room) {
+  if (!late_timers.empty())
+    happened("due " + std::to_string(from) + " " + std::to_string(until));
+  std::ranges::copy(late_timers, out);
+  EXPECT_LE(late_timers.size(), room);
+  return late_timers.size();
 }
 
 // --- the kernel ---
@@ -220,6 +234,16 @@ void Machine::start_services() {
 }
 
 // --- waiting ---
+
+static Eina_Bool is_idle(void *) {
+  ecore_main_loop_quit();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void run_until_idle() {
+  ecore_idler_add(is_idle, nullptr);
+  ecore_main_loop_begin();
+}
 
 // The platform runs; then everything has arrived that was sent before.
 static void take_turn() {

@@ -11,6 +11,7 @@
 
 #include "process.h"
 
+#include <due_timers.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -18,6 +19,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 constexpr std::int64_t kNow = 1'800'000'000; // 2027-01-15 08:00:00 UTC
 constexpr const char *kConfigurationPath = "/tmp/machine.conf";
@@ -43,6 +45,9 @@ struct fake_cec {
 };
 extern fake_cec cec;
 
+// What the daemon says has become due during a sleep.
+extern std::vector<due_timer> late_timers;
+
 class Machine : public testing::Test {
 protected:
   Machine();
@@ -67,6 +72,7 @@ void happened(const std::string &what);
 // What happened, what is an error in the journal and what was called since the last time, once
 // everything has happened that follows.
 std::string seen();
+void run_until_idle(); // the daemon's first pass ends
 void wait_until(const std::function<bool()> &is_done);
 std::string next_entry(); // of the journal, "" when there is none; `seen` takes all
 
