@@ -36,6 +36,15 @@ if(DRAVEL_PLATFORM STREQUAL linux)
   install(FILES ${DATA}/linux/dravel-on.target ${DATA}/linux/dravel-off.target
                 ${DATA}/linux/dravel-ambient.target ${DATA}/linux/dravel-wakeup@.target
           DESTINATION lib/systemd/system)
+  file(GLOB screens CONFIGURE_DEPENDS ${DATA}/linux/dravel-screen-*.service.in)
+  foreach(unit ${screens})
+    get_filename_component(name ${unit} NAME_WLE)
+    configure_file(${unit} data/${name} @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/data/${name} DESTINATION lib/systemd/system)
+  endforeach()
+  install(PROGRAMS ${DATA}/linux/dravel-screen DESTINATION lib/dravel-manager)
+  install(FILES ${DATA}/org.olvara.tv.system.dravel.machine.xml
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces)
   install(FILES ${DATA}/linux/dravel-manager.service.conf
           DESTINATION lib/systemd/system/dravel-manager.service.d RENAME linux.conf)
   set(PLATFORM_PAGE dravel-manager.conf.5)

@@ -48,33 +48,31 @@ void start_bus() {
   const int result = open_bus();
   if (result >= 0)
     return;
-  report("no system bus: %s; the machine is not sent to sleep, its sleep is not noticed",
+  report("no system bus: %s; the machine is not sent to sleep, and nothing runs before its sleep",
          std::strerror(-result));
   bus = sd_bus_unref(bus);
 }
 
 void bus_call(const bus_service &service, const char *member, sd_bus_message_handler_t answered,
-              const char *types, ...) {
+              void *data, const char *types, ...) {
   int result = -ENOTCONN;
   if (bus != nullptr) {
     va_list arguments;
     va_start(arguments, types);
     result = sd_bus_call_method_asyncv(bus, nullptr, service.name, service.path, service.interface,
-                                       member, answered, nullptr, types, arguments);
+                                       member, answered, data, types, arguments);
     va_end(arguments);
-    if (result < 0)
-      report("%s: %s: %s", service.name, member, std::strerror(-result));
   }
   if (result < 0)
-    answered(nullptr, nullptr, nullptr);
+    answered(nullptr, data, nullptr);
 }
 
 static bus_service properties_of(const bus_service &service) {
   return {service.name, service.path, "org.freedesktop.DBus.Properties"};
 }
 
-void bus_get_properties(const bus_service &service, sd_bus_message_handler_t answered) {
-  bus_call(properties_of(service), "GetAll", answered, "s", service.interface);
+void bus_get_properties(const bus_service &service, sd_bus_message_handler_t answered, void *data) {
+  bus_call(properties_of(service), "GetAll", answered, data, "s", service.interface);
 }
 
 static void check_watch(const bus_service &service, int result) {
@@ -114,24 +112,21 @@ void bus_watch_service(const bus_service &service, void (*appeared)()) {
   appeared();
 }
 
-void bus_read_properties(sd_bus_message *message, property_reader take) {
+void bus_read_properties(sd_bus_message *message, property_reader take, void *data) {
   if (sd_bus_message_enter_container(message, 'a', "{sv}") <= 0)
     return;
   while (sd_bus_message_enter_container(message, 'e', "sv") > 0) {
     const char *name = "";
     sd_bus_message_read(message, "s", &name);
-    if (!take(name, message))
+    if (!take(name, message, data))
       sd_bus_message_skip(message, "v");
     sd_bus_message_exit_container(message);
   }
   sd_bus_message_exit_container(message);
 }
 
-bool bus_refused(sd_bus_message *reply, const bus_service &service, const char *consequence) {
+int bus_error_of(sd_bus_message *reply) {
   if (reply == nullptr)
-    return true;
-  const sd_bus_error *error = sd_bus_message_get_error(reply);
-  if (error != nullptr)
-    report("%s: %s; %s", service.name, error->message, consequence);
-  return error != nullptr;
+    return ENOTCONN;
+  return sd_bus_message_is_method_error(reply, nullptr) > 0 ? sd_bus_message_get_errno(reply) : 0;
 }

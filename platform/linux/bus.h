@@ -23,12 +23,13 @@ void start_bus();
 // The event loop behind the connection, for other files to be watched with.
 sd_event *bus_events();
 
-// `answered` gets the reply or the error, or null when the call cannot be sent, which is reported.
+// `answered` gets the reply or the error, or null when the call cannot be sent, and `data`.
 void bus_call(const bus_service &service, const char *member, sd_bus_message_handler_t answered,
-              const char *types, ...);
+              void *data, const char *types, ...);
 
 // The reply is for bus_read_properties.
-void bus_get_properties(const bus_service &service, sd_bus_message_handler_t answered);
+void bus_get_properties(const bus_service &service, sd_bus_message_handler_t answered,
+                        void *data = nullptr);
 
 void bus_watch_signal(const bus_service &service, const char *member,
                       sd_bus_message_handler_t received);
@@ -39,9 +40,8 @@ void bus_watch_service(const bus_service &service, void (*appeared)());
 
 // Calls `take` for each property in an array of names and values. `take` either reads the value as
 // a variant and returns true, or reads nothing and returns false.
-using property_reader = bool (*)(const char *name, sd_bus_message *value);
-void bus_read_properties(sd_bus_message *message, property_reader take);
+using property_reader = bool (*)(const char *name, sd_bus_message *value, void *data);
+void bus_read_properties(sd_bus_message *message, property_reader take, void *data = nullptr);
 
-// True for an error, which is logged as "SERVICE: ERROR; consequence", and for a call that was not
-// sent.
-bool bus_refused(sd_bus_message *reply, const bus_service &service, const char *consequence);
+// 0 for a reply, otherwise the errno of the error or of a call that was not sent.
+int bus_error_of(sd_bus_message *reply);

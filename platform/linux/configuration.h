@@ -1,24 +1,25 @@
-// The key file of the platform, /etc/dravel-manager.conf, group [linux]. A key that is absent or
-// has a bad value keeps its default; a bad one is reported.
+// The key file of the platform, /etc/dravel-manager.conf, group [linux].
 #pragma once
 
+#include "machine.h"
+
+#include <cstdint>
+#include <optional>
 #include <string>
 
-enum class off_action { kSuspend, kPoweroff, kHibernate, kNone };
-
 struct linux_configuration {
-  std::string rtc = "/dev/rtc0";
+  settings decisions;
+  std::string rtc = "auto"; // auto, or a device
   std::string cec = "auto"; // auto, off, or a device
   bool cec_standby_all = false;
-  off_action off = off_action::kSuspend;
-  unsigned lead_suspend = 15;     // seconds
-  unsigned lead_poweroff = 90;    // seconds
-  unsigned return_to_sleep = 120; // seconds, 0: never
+  std::optional<std::uint16_t> cec_physical_address; // nothing: the output's EDID has it
   bool keep_timers = true;
 };
 
-// The values read last; before the first reading, the defaults.
+// The values in force; before the first reading, the defaults.
 const linux_configuration &configuration();
 
-// A file that does not exist means the defaults.
+// What is bad is one line in the journal each. At the first reading the default takes its place,
+// later the value in force stays. A key that is absent has its default, as has every key of a file
+// that does not exist.
 void read_configuration();

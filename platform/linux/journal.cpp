@@ -1,5 +1,7 @@
 #include "journal.h"
 
+#include "sentences.h"
+
 #include <log_output.h>
 #include <system_log.h>
 
@@ -9,6 +11,10 @@
 #include <systemd/sd-journal.h>
 
 #include <cstdarg>
+#include <string>
+#include <sys/uio.h>
+#include <utility>
+#include <vector>
 
 static constexpr const char *kTag = "DRAVEL_LINUX";
 
@@ -34,12 +40,6 @@ void system_log_print(system_log_priority priority, const char *tag, const char 
   va_end(arguments);
 }
 
-void system_log_event(const char *event, int timer_id, const char *reason, const char *text) {
-  sd_journal_send("MESSAGE_ID=%s", kEventId, "PRIORITY=%d", LOG_NOTICE, "SYSLOG_IDENTIFIER=%s",
-                  kTag, "DRAVEL_EVENT=%s", event, "DRAVEL_TIMER=%d", timer_id, "DRAVEL_REASON=%s",
-                  reason, "MESSAGE=%s", text, nullptr);
-}
-
 void report(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
@@ -52,4 +52,39 @@ void note(const char *format, ...) {
   va_start(arguments, format);
   write_line(SYSTEM_LOG_INFO, kTag, format, arguments);
   va_end(arguments);
+}
+
+static bool is_failure(order::saying what) {
+  return what == order::saying::kProblem || what == order::saying::kTelevisionLate;
+}
+
+// One entry; a field without a value is left out.
+static void write_event(int level, const std::string &event, const std::string &timer,
+                        const std::string &reason, const std::string &text) {
+  const std::pair<const char *, std::string> all[] = {{"PRIORITY=", std::to_string(level)},
+                                                      {"SYSLOG_IDENTIFIER=", kTag},
+                                                      {"MESSAGE=", text},
+                                                      {"MESSAGE_ID=", kEventId},
+                                                      {"DRAVEL_EVENT=", event},
+                                                      {"DRAVEL_TIMER=", timer},
+                                                      {"DRAVEL_REASON=", reason}};
+  std::vector<std::string> entry;
+  for (const auto &[name, value] : all)
+    if (!value.empty())
+      entry.push_back(name + value);
+  std::vector<iovec> fields;
+  for (std::string &field : entry)
+    fields.push_back({field.data(), field.size()});
+  sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));
+  copy_to_stderr(kTag, text.c_str());
+}
+
+void system_log_event(const char *event, int timer_id, const char *reason, const char *text) {
+  write_event(LOG_NOTICE, event, timer_id == 0 ? "" : std::to_string(timer_id), reason, text);
+}
+
+void write_saying(const order::say &said) {
+  const sentence told = sentence_of(said);
+  write_event(is_failure(said.what) ? LOG_ERR : LOG_NOTICE, told.event,
+              said.timer == 0 ? "" : std::to_string(said.timer), told.reason, told.text);
 }

@@ -1,11 +1,17 @@
-// The platform's own lines in the journal.
+// What goes into the journal: the daemon's lines, the platform's own, and the events of timers and
+// of the machine, which have a fixed MESSAGE_ID and fields to ask for.
 #pragma once
+
+#include "event.h"
 
 // The MESSAGE_ID of all events; DRAVEL_EVENT, DRAVEL_TIMER and DRAVEL_REASON say which.
 inline constexpr const char *kEventId = "b9e79bcbc9524559903a405a6561a87d";
 
-// An error: what failed, and what does not work because of it.
+// An error of a part of the platform that has no sentence of its own: what failed, and what does
+// not work because of it.
 void report(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // What the platform does, at information priority.
 void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+void write_saying(const order::say &said);

@@ -1,6 +1,6 @@
 #include "rtc.h"
 
-#include "configuration.h"
+#include "zone.h"
 
 #include <time_values.h>
 
@@ -8,17 +8,30 @@
 #define rtc_time kernel_rtc_time
 #include <linux/rtc.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+static constexpr const char *kDevices = "/sys/class/rtc";
+static constexpr const char *kAdjtimePath = "/etc/adjtime";
+
+static std::string device; // as "rtc0"; "" when there is none
+static std::string path;
 
 namespace {
 
 // Open for one operation only: the kernel lets one program at a time open the device.
 class opened_rtc {
 public:
-  opened_rtc() : fd_(open(configuration().rtc.c_str(), O_RDONLY | O_CLOEXEC)) {}
+  opened_rtc() : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
   ~opened_rtc() {
     if (fd_ >= 0)
       close(fd_);
@@ -34,67 +47,141 @@ private:
   int fd_;
 };
 
-class kernel_rtc final : public rtc_device {
-public:
-  bool exists() override { return access(configuration().rtc.c_str(), F_OK) == 0; }
-  std::optional<std::int64_t> read_clock() override;
-  bool read_alarm(std::optional<std::int64_t> &alarm) override;
-  bool set_alarm(std::int64_t time) override;
-  bool clear_alarm() override;
-};
-
 } // namespace
 
-// The kernel's record begins with the fields of a broken-down time.
-static std::int64_t seconds_of(const kernel_rtc_time &time) {
-  std::tm fields{};
-  fields.tm_sec = time.tm_sec;
-  fields.tm_min = time.tm_min;
-  fields.tm_hour = time.tm_hour;
-  fields.tm_mday = time.tm_mday;
-  fields.tm_mon = time.tm_mon;
-  fields.tm_year = time.tm_year;
-  return civil_seconds(fields);
-}
+// --- attributes in /sys ---
 
-static kernel_rtc_time kernel_time_of(std::int64_t seconds) {
-  const std::tm fields = broken_down(to_time_value(seconds));
-  return {fields.tm_sec,  fields.tm_min,  fields.tm_hour,
-          fields.tm_mday, fields.tm_mon,  fields.tm_year,
-          fields.tm_wday, fields.tm_yday, 0};
-}
-
-std::optional<std::int64_t> kernel_rtc::read_clock() {
-  kernel_rtc_time time{};
-  if (!opened_rtc().control(RTC_RD_TIME, &time))
+// The first word; "" for an empty file. Nothing, with errno, when it cannot be read.
+static std::optional<std::string> attribute(const std::string &of, const char *name) {
+  errno = 0;
+  std::ifstream file(fs::path(kDevices) / of / name);
+  std::string word;
+  if (!file.is_open())
     return std::nullopt;
-  return seconds_of(time);
+  file >> word;
+  return file.bad() ? std::nullopt : std::optional(word);
 }
 
-// A device that cannot have an alarm refuses with EINVAL.
-bool kernel_rtc::read_alarm(std::optional<std::int64_t> &alarm) {
-  rtc_wkalrm read{};
-  alarm.reset();
-  if (!opened_rtc().control(RTC_WKALM_RD, &read))
-    return errno == EINVAL;
-  if (read.enabled != 0)
-    alarm = seconds_of(read.time);
-  return true;
+static std::optional<std::int64_t> number(const std::string &of, const char *name) {
+  const auto word = attribute(of, name);
+  if (!word)
+    return std::nullopt;
+  return std::strtoll(word->c_str(), nullptr, 10);
 }
 
-bool kernel_rtc::set_alarm(std::int64_t time) {
-  rtc_wkalrm alarm{1, 0, kernel_time_of(time)};
+static std::vector<std::string> all_devices() {
+  std::vector<std::string> found;
+  std::error_code none;
+  for (const auto &entry : fs::directory_iterator(kDevices, none))
+    found.push_back(entry.path().filename());
+  std::ranges::sort(found, [](const std::string &one, const std::string &other) {
+    return one.size() == other.size() ? one < other : one.size() < other.size();
+  });
+  return found;
+}
+
+static bool has_alarm(const std::string &of) { return attribute(of, "wakealarm").has_value(); }
+
+static bool can_wake(const std::string &of) {
+  return has_alarm(of) && attribute(of, "device/power/wakeup") != "disabled";
+}
+
+// --- the device ---
+
+void choose_rtc(const std::string &configured) {
+  const auto found = all_devices();
+  const auto first = std::ranges::find_if(found, can_wake);
+  std::error_code missing;
+  if (configured != "auto")
+    device = fs::canonical(configured, missing).filename();
+  else
+    device = first == found.end() ? "" : *first;
+  path = device.empty() ? "" : "/dev/" + device;
+}
+
+const std::string &rtc_path() { return path; }
+
+// An older kernel does not know the question: the alarm then counts seconds, as far as we know.
+static bool counts_minutes() {
+  rtc_param asked{};
+  asked.param = RTC_PARAM_FEATURES;
+  return opened_rtc().control(RTC_PARAM_GET, &asked) &&
+         (asked.uvalue >> RTC_FEATURE_ALARM_RES_MINUTE & 1) != 0;
+}
+
+device_reading read_rtc() {
+  device_reading reading;
+  reading.for_good = device.empty() || !has_alarm(device);
+  if (reading.for_good) {
+    reading.error = ENODEV;
+    return reading;
+  }
+  const auto clock = number(device, "since_epoch");
+  const auto alarm = clock ? number(device, "wakealarm") : std::nullopt;
+  if (!alarm) {
+    reading.error = errno == 0 ? EIO : errno;
+    return reading;
+  }
+  reading.clock = *clock;
+  reading.alarm = *alarm;
+  reading.minutes = counts_minutes();
+  return reading;
+}
+
+static event::alarm_written failed(int error) { return {0, error == 0 ? EIO : error}; }
+
+static event::alarm_written read_back(std::int64_t wanted) {
+  const auto found = number(device, "wakealarm");
+  if (!found)
+    return failed(errno);
+  return *found == wanted ? event::alarm_written{wanted, 0} : failed(EIO);
+}
+
+static bool set_alarm(bool enabled, std::int64_t count) {
+  const std::tm fields = broken_down(to_time_value(count));
+  rtc_wkalrm alarm{};
+  alarm.enabled = enabled ? 1 : 0;
+  alarm.time = {fields.tm_sec,  fields.tm_min,  fields.tm_hour,
+                fields.tm_mday, fields.tm_mon,  fields.tm_year,
+                fields.tm_wday, fields.tm_yday, 0};
   return opened_rtc().control(RTC_WKALM_SET, &alarm);
 }
 
-// The kernel checks the time of an alarm that is off, too.
-bool kernel_rtc::clear_alarm() {
-  const opened_rtc device;
-  rtc_wkalrm alarm{};
-  return device.control(RTC_RD_TIME, &alarm.time) && device.control(RTC_WKALM_SET, &alarm);
+event::alarm_written write_rtc_alarm(std::int64_t count) {
+  if (device.empty())
+    return failed(ENODEV);
+  return set_alarm(true, count) ? read_back(count) : failed(errno);
 }
 
-rtc_device &machine_rtc() {
-  static kernel_rtc device;
-  return device;
+// The kernel checks the time of an alarm that is off, too.
+event::alarm_written switch_off_rtc_alarm() {
+  if (device.empty() || number(device, "wakealarm") == 0)
+    return {};
+  const auto clock = number(device, "since_epoch");
+  return clock && set_alarm(false, *clock) ? read_back(0) : failed(errno);
+}
+
+// --- its clock ---
+
+static bool counts_local_time() {
+  std::ifstream file(kAdjtimePath);
+  std::string drift, adjusted, counts;
+  return std::getline(file, drift) && std::getline(file, adjusted) && std::getline(file, counts) &&
+         counts == "LOCAL";
+}
+
+static std::int64_t utc_of(std::int64_t count) {
+  return counts_local_time() ? utc_of_local(count).first : count;
+}
+
+std::optional<std::int64_t> read_rtc_utc() {
+  const auto clock = number(device, "since_epoch");
+  return !device.empty() && clock ? std::optional(utc_of(*clock)) : std::nullopt;
+}
+
+bool rtc_gave_time(std::int64_t least) {
+  return std::ranges::any_of(all_devices(), [=](const std::string &of) {
+    const auto clock = number(of, "since_epoch");
+    return number(of, "hctosys") == 1 && clock && utc_of(*clock) >= least;
+  });
 }

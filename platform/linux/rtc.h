@@ -1,23 +1,27 @@
-// The device of the real-time clock. Its times are seconds as the clock counts them, in UTC or in
-// local time. A failure sets errno.
+// The real-time clock and its alarm. Its counts are seconds as the device counts them: in UTC, or
+// in local time where /etc/adjtime says so.
 #pragma once
 
-#include <cstdint>
+#include "event.h"
+
 #include <optional>
+#include <string>
 
-class rtc_device {
-public:
-  virtual bool exists() = 0;
-  virtual std::optional<std::int64_t> read_clock() = 0;
+// Takes the device at that path; "auto": the first whose alarm can wake the machine.
+void choose_rtc(const std::string &configured);
 
-  // The alarm; nothing while it is off or the device has none. False: it cannot be read.
-  virtual bool read_alarm(std::optional<std::int64_t> &alarm) = 0;
-  virtual bool set_alarm(std::int64_t time) = 0;
-  virtual bool clear_alarm() = 0;
+const std::string &rtc_path(); // "" when there is none
 
-protected:
-  ~rtc_device() = default;
-};
+// All of it, or an errno. Reading is never refused because another program has the device open.
+device_reading read_rtc();
 
-// The machine's, at the path of the configuration.
-rtc_device &machine_rtc();
+// The alarm is read back. On an error `count` is 0.
+event::alarm_written write_rtc_alarm(std::int64_t count);
+event::alarm_written switch_off_rtc_alarm();
+
+// The clock in UTC.
+std::optional<std::int64_t> read_rtc_utc();
+
+// Whether the kernel has set the system clock at the boot from a real-time clock that shows a time
+// of at least `least`, UTC.
+bool rtc_gave_time(std::int64_t least);

@@ -1,45 +1,194 @@
 #include "start.h"
 
-#include "alarm.h"
 #include "bus.h"
+#include "cec.h"
 #include "configuration.h"
-#include "power.h"
-#include "screen.h"
-#include "sleep.h"
+#include "input.h"
+#include "journal.h"
+#include "logind.h"
+#include "machine_object.h"
+#include "record.h"
+#include "rtc.h"
+#include "shell.h"
 #include "targets.h"
-#include "time_source.h"
+#include "timedated.h"
+#include "use.h"
+#include "zone.h"
 
 #include <Ecore.h>
+#include <daemon_callbacks.h>
+#include <due_timers.h>
+#include <time_values.h>
 
-#include <csignal>
+#include <ctime>
+#include <span>
 
-static rtc_device *rtc = &machine_rtc();
-static cec_adapter *cec = &machine_cec();
+// 00:00 UTC of the day of the build.
+static constexpr std::int64_t kBuildDay = DRAVEL_BUILD_DAY;
 
-void use_devices(rtc_device &new_rtc, cec_adapter &new_cec) {
-  rtc = &new_rtc;
-  cec = &new_cec;
+static constexpr int kReload = 1; // SIGUSR1
+static constexpr int kAmbientModeClosed = 0;
+
+// --- orders ---
+
+static std::uint32_t tv_clock_at(std::int64_t utc) { return to_time_value(utc_to_local(utc)); }
+
+static event::late_timers timers_due(std::int64_t from, std::int64_t until) {
+  due_timer found[kLateTimers];
+  event::late_timers late;
+  const std::size_t count =
+      dravel_due_timers(tv_clock_at(from), tv_clock_at(until), found, kLateTimers);
+  for (const due_timer &timer : std::span(found, count)) {
+    const utc_times at = utc_of_local(timer.time);
+    late.timers[late.count++] = {static_cast<std::uint32_t>(timer.timer_id),
+                                 static_cast<std::uint32_t>(timer.type),
+                                 at.second != 0 && at.first <= from ? at.second : at.first};
+  }
+  return late;
 }
 
+namespace {
+
+using result = std::optional<event::any>;
+
+struct carrier {
+  result operator()(const order::read_alarm &) const { return event::alarm_read{read_rtc()}; }
+  result operator()(const order::write_alarm &ordered) const {
+    return write_rtc_alarm(ordered.count);
+  }
+  result operator()(const order::switch_off_alarm &) const { return switch_off_rtc_alarm(); }
+  result operator()(const order::ask_late &ordered) const {
+    return timers_due(ordered.from, ordered.to);
+  }
+  result operator()(const order::ask_zone &) const { return present_zone(); }
+  result operator()(const order::take_inhibitor &) const { return done(take_inhibitor); }
+  result operator()(const order::release_inhibitor &) const { return done(release_inhibitor); }
+  result operator()(const order::sleep &ordered) const {
+    return done(send_to_sleep, ordered.method);
+  }
+  result operator()(const order::ask_use &) const { return done(ask_use); }
+  result operator()(const order::ask_preparing &) const { return done(ask_preparing); }
+  result operator()(const order::watch_input &ordered) const {
+    return done(watch_input, ordered.on);
+  }
+  result operator()(const order::tv_on &) const { return done(turn_television, true); }
+  result operator()(const order::tv_off &) const { return done(turn_television, false); }
+  result operator()(const order::tv_ask &) const { return done(ask_television); }
+  result operator()(const order::tv_answer &) const { return done(answer_television); }
+  result operator()(const order::start_unit &ordered) const {
+    return done(start_unit, ordered.name, ordered.reason);
+  }
+  result operator()(const order::stop_unit &ordered) const { return done(stop_unit, ordered.name); }
+  result operator()(const order::ask_clock &) const { return done(ask_clock); }
+  result operator()(const order::deliver &) const { return std::nullopt; } // the shell's own
+  result operator()(const order::say &ordered) const { return done(write_saying, ordered); }
+  result operator()(const order::answer &ordered) const { return done(answer_test_wake, ordered); }
+
+private:
+  template <class... Given, class... Arguments>
+  static result done(void (*carry_out)(Given...), const Arguments &...arguments) {
+    carry_out(arguments...);
+    return std::nullopt;
+  }
+};
+
+} // namespace
+
+static result carry_out(const order::any &ordered) { return std::visit(carrier{}, ordered); }
+
+static void deliver(const order::deliver &told) {
+  switch (told.callback) {
+  case delivery::kNone:
+    break;
+  case delivery::kStandby:
+    deliver_standby(0);
+    break;
+  case delivery::kWakeup:
+    deliver_wakeup(told.value);
+    break;
+  case delivery::kState:
+    deliver_state_changed(told.value, kAmbientModeClosed);
+    break;
+  case delivery::kZone:
+    deliver_setting(kSettingsTimeZone);
+    break;
+  case delivery::kClockMode:
+    deliver_setting(kSettingsClockMode);
+    break;
+  case delivery::kTimeSet:
+    deliver_setting(kSettingsTimeSet);
+    break;
+  case delivery::kTimeUpdate:
+    deliver_signal(SIGNAL_SYSTEM_TIME_UPDATED);
+    break;
+  }
+}
+
+static void changed(const machine &record) { show_machine(record, cec_description()); }
+
+// --- reload and end ---
+
 static Eina_Bool user_signal(void *, int, void *data) {
-  if (static_cast<const Ecore_Event_Signal_User *>(data)->number == 1) {
-    release_device();
+  if (static_cast<const Ecore_Event_Signal_User *>(data)->number == kReload) {
     read_configuration();
-    start_screen(*cec);
-    take_device();
+    choose_rtc(configuration().rtc);
+    post(event::configured{configuration().decisions});
+    open_cec();
   }
   return ECORE_CALLBACK_PASS_ON;
 }
 
+// Ecore ends the main loop by itself only where nobody handles the signal.
+static Eina_Bool process_ends(void *, int, void *) {
+  post(event::ended{});
+  ecore_main_loop_quit();
+  return ECORE_CALLBACK_PASS_ON;
+}
+
+// --- start ---
+
+static std::int64_t booted_at() {
+  timespec up{};
+  clock_gettime(CLOCK_BOOTTIME, &up);
+  return utc_now() - up.tv_sec;
+}
+
+// From files, /sys and clocks alone: the daemon asks for the wake-up reason before anything else.
+static event::started first_event() {
+  event::started first;
+  first.device = read_rtc();
+  const kept_record kept = load_record(first.device.alarm);
+  first.kept = kept.record;
+  first.has_kept = kept.exists;
+  first.same_boot = kept.same_boot;
+  first.rtc_valid = rtc_gave_time(kBuildDay);
+  first.booted_at = booted_at();
+  first.build_day = kBuildDay;
+  first.next_transition = transition_after(utc_now());
+  first.set = configuration().decisions;
+  return first;
+}
+
+static void start_adapters() {
+  start_bus();
+  start_logind(post);
+  start_use(post);
+  start_input(post);
+  start_targets(post);
+  start_timedated(post);
+  start_cec(post);
+  open_cec();
+  start_machine_object(post);
+}
+
 static void start_parts() {
   read_configuration();
-  start_bus();
+  read_zone();
+  choose_rtc(configuration().rtc);
+  start_adapters();
   ecore_event_handler_add(ECORE_EVENT_SIGNAL_USER, user_signal, nullptr);
-  start_time_source();
-  start_screen(*cec);
-  start_targets();
-  start_sleep();
-  start_power(start_alarm(*rtc));
+  ecore_event_handler_add(ECORE_EVENT_SIGNAL_EXIT, process_ends, nullptr);
+  start_shell(first_event(), {carry_out, deliver, changed});
 }
 
 bool start_platform() {

@@ -1,88 +1,107 @@
 #include "targets.h"
 
 #include "bus.h"
-#include "journal.h"
-#include "loop_timer.h"
 
-#include <Ecore.h>
-
+#include <cstdlib>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
-static constexpr double kLongestHooksSeconds = 90.0;
+static constexpr std::string_view kWakeupPrefix = "dravel-wakeup@";
+static constexpr const char *kNames[] = {"dravel-on.target", "dravel-off.target",
+                                         "dravel-ambient.target"}; // by unit
 
-static void (*off_ended)();
-static Ecore_Timer *off_timer;
+static event_sink happens;
 
-static void end_off() {
-  end_timer(off_timer);
-  if (const auto ended = std::exchange(off_ended, nullptr))
-    ended();
+static std::string name_of(unit of, std::int32_t reason) {
+  if (of == unit::kWakeup)
+    return std::string(kWakeupPrefix) + std::to_string(reason) + ".target";
+  return kNames[static_cast<int>(of)];
 }
 
-// The machine must not stay on for a hook that hangs.
-static Eina_Bool hooks_take_too_long(void *) {
-  off_timer = nullptr;
-  report("%s has not started within %.0f seconds; the machine does not wait for its hooks",
-         kOffTarget, kLongestHooksSeconds);
-  end_off();
-  return ECORE_CALLBACK_CANCEL;
+static std::optional<unit> unit_of(std::string_view name) {
+  for (const unit of : {unit::kOn, unit::kOff, unit::kAmbient})
+    if (name == kNames[static_cast<int>(of)])
+      return of;
+  return name.starts_with(kWakeupPrefix) ? std::optional(unit::kWakeup) : std::nullopt;
 }
 
-static int target_answered(sd_bus_message *reply, void *, sd_bus_error *) {
-  bus_refused(reply, kSystemd, "what is hooked to this target does not run");
+// As "/org/freedesktop/systemd1/job/17".
+static std::uint32_t job_of(std::string_view path) {
+  const std::string last(path.substr(path.rfind('/') + 1));
+  return static_cast<std::uint32_t>(std::strtoul(last.c_str(), nullptr, 10));
+}
+
+static int answered(unit of, sd_bus_message *reply) {
+  const int error = bus_error_of(reply);
+  const char *path = "";
+  if (error == 0)
+    sd_bus_message_read(reply, "o", &path);
+  if (error != 0)
+    happens(event::unit_refused{of, error});
+  else
+    happens(event::job_began{job_of(path), of});
   return 0;
 }
 
-static int off_answered(sd_bus_message *reply, void *, sd_bus_error *) {
-  if (bus_refused(reply, kSystemd, "what is hooked to dravel-off.target does not run"))
-    end_off();
+static int unit_answered(sd_bus_message *reply, void *data, sd_bus_error *) {
+  return answered(static_cast<unit>(reinterpret_cast<std::uintptr_t>(data)), reply);
+}
+
+static void order_unit(const char *method, unit of, std::int32_t reason) {
+  bus_call(kSystemd, method, unit_answered,
+           reinterpret_cast<void *>(static_cast<std::uintptr_t>(of)), "ss",
+           name_of(of, reason).c_str(), "replace");
+}
+
+void start_unit(unit of, std::int32_t reason) { order_unit("RestartUnit", of, reason); }
+
+void stop_unit(unit of) { order_unit("StopUnit", of, 0); }
+
+// --- jobs ---
+
+// Somebody else may start a target as well.
+static int job_new(sd_bus_message *message, void *, sd_bus_error *) {
+  std::uint32_t id = 0;
+  const char *name = "";
+  sd_bus_message_read(message, "uos", &id, nullptr, &name);
+  if (const auto of = unit_of(name))
+    happens(event::job_began{id, *of});
   return 0;
 }
 
 static int job_removed(sd_bus_message *message, void *, sd_bus_error *) {
-  const char *unit = "";
-  sd_bus_message_read(message, "uos", nullptr, nullptr, &unit);
-  if (unit == std::string_view{kOffTarget})
-    end_off();
+  std::uint32_t id = 0;
+  const char *name = "";
+  sd_bus_message_read(message, "uos", &id, nullptr, &name);
+  if (unit_of(name))
+    happens(event::job_ended{id});
   return 0;
 }
 
-static int subscribe_answered(sd_bus_message *reply, void *, sd_bus_error *) {
-  bus_refused(reply, kSystemd,
-              "the machine waits the full time for the hooks of dravel-off.target");
+static int jobs_answered(sd_bus_message *reply, void *, sd_bus_error *) {
+  std::uint32_t id = 0;
+  const char *name = "";
+  if (bus_error_of(reply) != 0 || sd_bus_message_enter_container(reply, 'a', "(usssoo)") <= 0)
+    return 0;
+  while (sd_bus_message_read(reply, "(usssoo)", &id, &name, nullptr, nullptr, nullptr, nullptr) > 0)
+    if (const auto of = unit_of(name))
+      happens(event::job_began{id, *of});
   return 0;
 }
 
-// systemd sends no signals before a client has subscribed.
-static void systemd_appeared() { bus_call(kSystemd, "Subscribe", subscribe_answered, ""); }
+static int ignore_answer(sd_bus_message *, void *, sd_bus_error *) { return 0; }
 
-void start_targets() {
+// systemd sends no signals before a client has subscribed. Jobs of an earlier run of this daemon go
+// on.
+static void systemd_appeared() {
+  bus_call(kSystemd, "Subscribe", ignore_answer, nullptr, "");
+  bus_call(kSystemd, "ListJobs", jobs_answered, nullptr, "");
+}
+
+void start_targets(event_sink sink) {
+  happens = sink;
+  bus_watch_signal(kSystemd, "JobNew", job_new);
   bus_watch_signal(kSystemd, "JobRemoved", job_removed);
   bus_watch_service(kSystemd, systemd_appeared);
-}
-
-void start_target(const char *unit) {
-  bus_call(kSystemd, "RestartUnit", target_answered, "ss", unit, "replace");
-}
-
-void stop_target(const char *unit) {
-  bus_call(kSystemd, "StopUnit", target_answered, "ss", unit, "replace");
-}
-
-void start_off_target(void (*ended)()) {
-  off_ended = ended;
-  end_timer(off_timer);
-  off_timer = ecore_timer_add(kLongestHooksSeconds, hooks_take_too_long, nullptr);
-  bus_call(kSystemd, "RestartUnit", off_answered, "ss", kOffTarget, "replace");
-}
-
-void leave_off_target() {
-  off_ended = nullptr;
-  end_timer(off_timer);
-}
-
-void start_wakeup_target(int reason) {
-  start_target(("dravel-wakeup@" + std::to_string(reason) + ".target").c_str());
 }

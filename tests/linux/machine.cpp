@@ -1,23 +1,30 @@
 #include "machine.h"
 
-#include "screen.h"
-#include "start.h"
-
 #include <Ecore.h>
-#include <KintoAPI.h>
-#include <settings.h>
+// The contract has another record of this name.
+#define rtc_time kernel_rtc_time
+#include <linux/rtc.h>
+#undef rtc_time
+#include <due_timers.h>
+#include <time_values.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
-#include <csignal>
+#include <cstdarg>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
+#include <unistd.h>
 #include <utility>
 
 static constexpr auto kLongestWait = std::chrono::seconds(10);
@@ -25,27 +32,138 @@ static constexpr int kTurnsOfAnOrder = 6; // until what it leads to has been cal
 static constexpr std::string_view kError = "PRIORITY=3\nSYSLOG_IDENTIFIER=DRAVEL_LINUX\nMESSAGE=";
 static constexpr const char *kMock = "org.freedesktop.DBus.Mock";
 
-static std::time_t wall_clock = kNow;
+fake_rtc rtc;
+fake_cec cec;
+
+static std::int64_t wall_clock = kNow;
+static std::int64_t slept;                               // seconds
 static std::multimap<double, Ecore_Task_Cb> live_timers; // by their seconds
-static std::optional<bus_client> client;                 // the case's own connection
-static std::string happened;
+static std::string record_of_events;
 static int journal = -1;
 
 void append(std::string &list, const std::string &entry, const char *separator) {
   list += (list.empty() ? "" : separator) + entry;
 }
 
-static int happens(const std::string &what) {
-  append(happened, what);
+void happened(const std::string &what) { append(record_of_events, what); }
+
+void write_file(const std::string &path, const std::string &content) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream(path) << content;
+}
+
+std::string read_file(const std::string &path) {
+  std::stringstream content;
+  content << std::ifstream(path).rdbuf();
+  std::string text = content.str();
+  return text.ends_with('\n') ? text.substr(0, text.size() - 1) : text;
+}
+
+// --- the daemon ---
+
+std::vector<due_timer> late_timers;
+
+std::size_t dravel_due_timers(std::uint32_t from, std::uint32_t until, due_timer *out,
+                              std::size_t room) {
+  if (!late_timers.empty())
+    happened("due " + std::to_string(from) + " " + std::to_string(until));
+  std::ranges::copy(late_timers, out);
+  EXPECT_LE(late_timers.size(), room);
+  return late_timers.size();
+}
+
+// --- the kernel ---
+
+static int refuse(int error) {
+  errno = error;
+  return -1;
+}
+
+static int set_alarm(const rtc_wkalrm &alarm) {
+  std::tm fields{};
+  fields.tm_sec = alarm.time.tm_sec;
+  fields.tm_min = alarm.time.tm_min;
+  fields.tm_hour = alarm.time.tm_hour;
+  fields.tm_mday = alarm.time.tm_mday;
+  fields.tm_mon = alarm.time.tm_mon;
+  fields.tm_year = alarm.time.tm_year;
+  const bool stands = alarm.enabled != 0 && rtc.refuses == 0 && !rtc.forgets;
+  write_file(kAlarmPath, stands ? std::to_string(civil_seconds(fields)) : "");
+  return rtc.refuses == 0 ? 0 : refuse(rtc.refuses);
+}
+
+static int transmit(const cec_msg &sent) {
+  const std::span<const std::uint8_t> bytes(sent.msg, sent.len);
+  std::string text;
+  for (const std::uint8_t byte : bytes)
+    text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 0xf]};
+  append(cec.sent, text, " ");
+  return cec.refuses == 0 ? 0 : refuse(cec.refuses);
+}
+
+static int claim(const cec_log_addrs &wanted) {
+  ++cec.claims;
+  cec.addresses = wanted;
+  cec.addresses.log_addr[0] = CEC_LOG_ADDR_PLAYBACK_1;
+  cec.addresses.log_addr_mask = 1 << CEC_LOG_ADDR_PLAYBACK_1;
   return 0;
+}
+
+extern "C" {
+
+// A CEC mode is refused, as where another program follows the device exclusively.
+int ioctl(int fd, unsigned long request, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, request);
+  void *argument = va_arg(arguments, void *);
+  va_end(arguments);
+  switch (request) {
+  case RTC_WKALM_SET:
+    return set_alarm(*static_cast<rtc_wkalrm *>(argument));
+  case RTC_PARAM_GET:
+    static_cast<rtc_param *>(argument)->uvalue =
+        rtc.minutes ? 1 << RTC_FEATURE_ALARM_RES_MINUTE : 0;
+    return 0;
+  case CEC_ADAP_G_CAPS:
+    static_cast<cec_caps *>(argument)->capabilities = cec.needs_address ? CEC_CAP_PHYS_ADDR : 0;
+    return 0;
+  case CEC_ADAP_G_PHYS_ADDR:
+    *static_cast<std::uint16_t *>(argument) = cec.physical;
+    return 0;
+  case CEC_ADAP_S_PHYS_ADDR:
+    cec.physical = *static_cast<std::uint16_t *>(argument);
+    return 0;
+  case CEC_ADAP_G_LOG_ADDRS:
+    *static_cast<cec_log_addrs *>(argument) = cec.addresses;
+    return 0;
+  case CEC_ADAP_S_LOG_ADDRS:
+    return claim(*static_cast<cec_log_addrs *>(argument));
+  case CEC_S_MODE:
+    return refuse(EBUSY);
+  case CEC_DQEVENT:
+    return std::exchange(cec.has_event, false) ? 0 : -1;
+  case CEC_RECEIVE:
+    return read(fd, argument, sizeof(cec_msg)) > 0 ? 0 : -1;
+  case CEC_TRANSMIT:
+    return transmit(*static_cast<cec_msg *>(argument));
+  default:
+    return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+  }
 }
 
 // --- time ---
 
-extern "C" {
-
 std::time_t time(std::time_t *timer) noexcept {
   return timer == nullptr ? wall_clock : *timer = wall_clock;
+}
+
+int clock_gettime(clockid_t clock, timespec *out) noexcept {
+  const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, out));
+  if (clock == CLOCK_REALTIME)
+    *out = {wall_clock, 0};
+  else if (clock == CLOCK_BOOTTIME)
+    out->tv_sec += slept;
+  return result;
 }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *) {
@@ -60,57 +178,43 @@ void *ecore_timer_del(Ecore_Timer *timer) {
 }
 }
 
-void set_now(std::uint32_t time) { wall_clock = time; }
+void set_now(std::int64_t utc) { wall_clock = utc; }
+
+void sleep_for(std::int64_t seconds) {
+  wall_clock += seconds;
+  slept += seconds;
+  write_file("/sys/class/rtc/rtc0/since_epoch", std::to_string(wall_clock));
+  write_file("/sys/power/suspend_stats/success", "1");
+}
 
 std::string timers() {
   std::string out;
   for (const auto &[seconds, callback] : live_timers)
-    append(out, std::to_string(static_cast<int>(seconds)), " ");
+    append(out, std::to_string(static_cast<int>(seconds + 0.5)), " ");
   return out;
 }
 
-void fire(double seconds) {
-  const auto found = live_timers.find(seconds);
-  ASSERT_NE(found, live_timers.end()) << "no timer of " << seconds << " s among " << timers();
-  auto *timer = reinterpret_cast<Ecore_Timer *>(&*found);
-  if (!found->second(nullptr))
-    ecore_timer_del(timer);
-}
-
-// --- devices ---
-
-std::string hex_of(std::span<const std::uint8_t> bytes) {
-  std::string text;
-  for (const std::uint8_t byte : bytes)
-    text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 0xf]};
-  return text;
-}
-
-void fake_cec::send(std::uint8_t destination, std::span<const std::uint8_t> bytes) {
-  EXPECT_TRUE(destination < 16 && !bytes.empty() && bytes.size() < 16);
-  append(sent, hex_of({&destination, 1}).substr(1) + ":" + hex_of(bytes), " ");
-}
-
-void television_says(std::initializer_list<std::uint8_t> bytes) {
-  screen_received(0, std::span(bytes.begin(), bytes.size()));
-}
-
-void television_stays(power_status status) {
-  for (int second = 1; second <= 15; ++second) {
-    television_reports(status);
-    fire(1);
-  }
+void fire() {
+  ASSERT_EQ(live_timers.size(), 1U);
+  const auto callback = live_timers.begin()->second;
+  live_timers.clear();
+  callback(nullptr);
 }
 
 // --- services ---
+
+bus_client &client() {
+  static bus_client connection;
+  return connection;
+}
 
 static bus_target mock_of(const bus_service &service, const char *interface) {
   return {service.name, service.path, interface};
 }
 
 void tell(const bus_service &service, const char *method, const std::string &arguments) {
-  EXPECT_EQ(client->ask(mock_of(service, kMock), method,
-                        std::string("('") + service.interface + "', " + arguments + ")"),
+  EXPECT_EQ(client().ask(mock_of(service, kMock), method,
+                         std::string("('") + service.interface + "', " + arguments + ")"),
             "()");
 }
 
@@ -118,23 +222,33 @@ void set_property(const bus_service &service, const char *property, const std::s
   tell(service, "UpdateProperties", std::string("{'") + property + "': <" + value + ">}");
 }
 
+void emit(const bus_service &service, const char *signal, const char *types,
+          const std::string &values) {
+  tell(service, "EmitSignal", std::string("'") + signal + "', '" + types + "', [" + values + "]");
+}
+
 void Machine::start_services() {
+  client().listen("type='signal',interface='org.freedesktop.DBus.Mock'");
   services.emplace(std::vector<std::string>{SERVICES});
-  services->wait_name(*client, mock_of(kSystemd, kMock)); // the last one of them
+  services->wait_name(client(), mock_of(kSystemd, kMock)); // the last one of them
 }
 
 // --- waiting ---
 
+static Eina_Bool is_idle(void *) {
+  ecore_main_loop_quit();
+  return ECORE_CALLBACK_CANCEL;
+}
+
+void run_until_idle() {
+  ecore_idler_add(is_idle, nullptr);
+  ecore_main_loop_begin();
+}
+
 // The platform runs; then everything has arrived that was sent before.
 static void take_turn() {
   ecore_main_loop_iterate();
-  client->ask(mock_of(kLogind, DBUS_INTERFACE_PEER), "Ping", "()");
-}
-
-static void take_turns() {
-  for (int turn = 0; turn < kTurnsOfAnOrder; ++turn)
-    take_turn();
-  ecore_main_loop_iterate();
+  client().ask({DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_PEER}, "Ping", "()");
 }
 
 void wait_until(const std::function<bool()> &is_done) {
@@ -151,45 +265,85 @@ std::string next_entry() {
 }
 
 static void take_call(DBusMessage *arrived) {
-  char method[32] = "";
-  char argument[64] = "";
   if (dbus_message_is_signal(arrived, kMock, "MethodCalled") == 0)
     return;
   const std::string call = body_text(arrived); // as "('StopUnit', [<'x.target'>, <'replace'>])"
-  std::sscanf(call.c_str(), "('%31[^']', [<'%63[^']", method, argument);
-  if (method != std::string_view{"Subscribe"})
-    happens(method + (*argument == '\0' ? "" : std::string(" ") + argument));
+  char method[32] = "";
+  char argument[64] = "";
+  std::sscanf(call.c_str(), "('%31[^']', [<%63[^>]", method, argument);
+  static constexpr std::string_view kQuestions[] = {"Subscribe",  "ListJobs",    "ListSessions",
+                                                    "CanSuspend", "CanPowerOff", "CanHibernate"};
+  if (std::ranges::find(kQuestions, method) == std::end(kQuestions))
+    happened(method + (*argument == '\0' ? "" : std::string(" ") + argument));
 }
 
 std::string seen() {
-  take_turns();
+  for (int turn = 0; turn < kTurnsOfAnOrder; ++turn) {
+    take_turn();
+    if (client().pid_of(kLogind.name) >= 0)
+      client().ask(mock_of(kLogind, DBUS_INTERFACE_PEER), "Ping", "()");
+  }
+  ecore_main_loop_iterate();
   for (std::string entry = next_entry(); !entry.empty(); entry = next_entry())
     if (entry.starts_with(kError))
-      happens(entry.substr(kError.size(), entry.size() - kError.size() - 1));
-  client->drain(take_call);
-  if (!live_timers.empty())
-    append(happened, timers(), " | ");
-  return std::exchange(happened, "");
+      happened(entry.substr(kError.size(), entry.find('\n', kError.size()) - kError.size()));
+  client().drain(take_call);
+  return std::exchange(record_of_events, "");
 }
 
-std::string seen_after(double seconds) {
-  fire(seconds);
-  return seen();
-}
+// --- what has happened ---
 
-void step_clock() {
-  ecore_event_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, nullptr, nullptr, nullptr);
-  take_turns();
-}
+namespace {
 
-void end_bus() {
-  const pid_t bus = client->pid_of(DBUS_SERVICE_DBUS);
-  kill(bus, SIGTERM);
-  wait_until([=] { return kill(bus, 0) != 0; });
-  take_turns(); // the platform's connection is closed then
-}
+struct event_words {
+  using text = std::string;
+  text operator()(const event::sleep_begins &) const { return "sleep begins"; }
+  text operator()(const event::sleep_ends &) const { return "sleep ends"; }
+  text operator()(const event::shutdown_begins &) const { return "shutdown begins"; }
+  text operator()(const event::shutdown_ends &) const { return "shutdown ends"; }
+  text operator()(const event::sleep_answered &e) const { return with("answered", e.error); }
+  text operator()(const event::preparing &e) const {
+    return with("preparing", e.sleep, e.shutdown);
+  }
+  text operator()(const event::use_changed &e) const {
+    return with(e.is_answer ? "use answered" : "use", e.session_at != 0, e.active_at != 0,
+                e.blocked, e.can, e.delay_max_ms);
+  }
+  text operator()(const event::input &) const { return "input"; }
+  text operator()(const event::job_began &e) const { return with("job", e.id, int(e.of)); }
+  text operator()(const event::job_ended &e) const { return with("job ended", e.id); }
+  text operator()(const event::unit_refused &e) const {
+    return with("unit refused", int(e.of), e.error);
+  }
+  text operator()(const event::tv_reports &e) const { return with("tv", int(e.state)); }
+  text operator()(const event::tv_silent &) const { return "silent"; }
+  text operator()(const event::tv_denies &e) const { return with("denies", e.opcode); }
+  text operator()(const event::tv_standby &) const { return "standby"; }
+  text operator()(const event::tv_asks_source &) const { return "source?"; }
+  text operator()(const event::tv_reachable &e) const { return with("reachable", e.adapter); }
+  text operator()(const event::clock_stepped &) const { return "step"; }
+  text operator()(const event::zone_changed &e) const {
+    return with("zone", e.next_transition, e.changed);
+  }
+  text operator()(const event::ntp &e) const {
+    return with("ntp", e.on, e.synchronised, e.answered);
+  }
+  text operator()(const event::refused &e) const { return with("refused", int(e.part), e.error); }
+  text operator()(const event::works &e) const { return with("works", int(e.part)); }
+  template <class Other> text operator()(const Other &) const { return "?"; }
 
-// --- the daemon's side ---
+private:
+  template <class... Numbers> static text with(text name, Numbers... numbers) {
+    ((name += ' ' + std::to_string(numbers)), ...);
+    return name;
+  }
+};
+
+} // namespace
+
+void hear(const event::any &what) { happened(std::visit(event_words{}, what)); }
+
+// --- the sandbox ---
 
 bool inhibitor_is_held() {
   const std::filesystem::directory_iterator open_files("/proc/self/fd");
@@ -199,74 +353,37 @@ bool inhibitor_is_held() {
   });
 }
 
-static int standby(int, void *) {
-  return happens(inhibitor_is_held() ? "standby in time" : "standby");
+void configure(const std::string &lines) {
+  std::ofstream(kConfigurationPath) << "[linux]\n" << lines << '\n';
 }
 
-static int wakeup(int reason, void *) { return happens("wakeup " + std::to_string(reason)); }
-
-static int state_changed(const void *event, void *) {
-  return happens("state " + std::to_string(static_cast<const device_power_event *>(event)->state));
+static void make_files() {
+  write_file(kAlarmPath, "");
+  write_file("/sys/class/rtc/rtc0/since_epoch", std::to_string(kNow));
+  write_file("/sys/class/rtc/rtc0/hctosys", "1");
+  write_file("/sys/power/suspend_stats/success", "0");
+  write_file("/dev/rtc0", "");
+  std::filesystem::create_directories("/dev/input");
+  std::filesystem::create_directories("/run/systemd/journal");
+  configure("");
 }
 
-static void setting_changed(settings_key *, void *key) {
-  happens(std::filesystem::path(static_cast<const char *>(key)).filename());
-}
-
-static int time_update(ESignalType, EProfile, std::uint16_t, TSSignalData, void *) {
-  return happens("time update");
-}
-
-static void subscribe() {
-  ISignalSubscriber *subscriber = nullptr;
-  for (const char *key : {kSettingsTimeZone, kSettingsClockMode, kSettingsTimeSet})
-    ASSERT_EQ(settings_notify_key_changed(key, setting_changed, const_cast<char *>(key)), 0);
-  device_power_subscribe_standby(standby, nullptr);
-  device_power_subscribe_wakeup(wakeup, nullptr);
-  device_power_subscribe_state_changed_event(state_changed, nullptr);
-  KintoAPI::CreateSignalSubscriber(time_update, &subscriber);
-  subscriber->Subscribe(SIGNAL_SYSTEM_TIME_UPDATED, 0, 1, 0, 0);
-}
-
-void set_environment() {
+static void set_environment() {
   setenv("STATE_DIRECTORY", "/tmp/state", 1);
   setenv("RUNTIME_DIRECTORY", "/tmp/run", 1);
   setenv("DRAVEL_CONFIGURATION", kConfigurationPath, 1);
   setenv("DRAVEL_LOG_STDERR", "1", 1);
-}
-
-static void configure(const std::string &lines) {
-  std::ofstream(kConfigurationPath) << "[linux]\n" << lines << '\n';
-}
-
-void reload(const std::string &lines) {
-  configure(lines);
-  raise(SIGUSR1);
-  take_turns();
+  setenv("TZ", "UTC", 1);
 }
 
 Machine::Machine() {
-  const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
   EXPECT_EQ(bus_events(), nullptr) << "each case needs a process of its own: use ctest";
-  std::filesystem::create_directories("/run/systemd/journal");
+  make_files();
+  set_environment();
+  const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
   journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   EXPECT_EQ(bind(journal, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-  set_environment();
   ecore_init();
 }
 
 Machine::~Machine() { ecore_shutdown(); }
-
-std::string Machine::start(const char *configuration, bool with_services) {
-  configure(configuration);
-  client.emplace();
-  client->listen("type='signal',interface='org.freedesktop.DBus.Mock'");
-  if (with_services)
-    start_services();
-  use_devices(rtc, *adapter);
-  reason_at_first = device_power_get_wakeup_reason(); // the daemon asks before it subscribes
-  subscribe();
-  if (with_services)
-    wait_until(inhibitor_is_held);
-  return seen();
-}

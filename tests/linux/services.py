@@ -14,14 +14,22 @@ from gi.repository import GLib
 
 # A file whose name tells who holds it.
 INHIBITOR = "ret = dbus.types.UnixFd(open('/tmp/inhibitor', 'w'))"
-JOB = "ret = dbus.ObjectPath('/org/freedesktop/systemd1/job/1')"
-SLEEPS = [(name, "b", "", "") for name in ("Suspend", "PowerOff", "Hibernate")]
+JOB = "ret = dbus.ObjectPath('/org/freedesktop/systemd1/job/7')"
+NO_JOBS = "ret = dbus.Array([], signature='(usssoo)')"
+SESSION = "/org/freedesktop/login1/session/_31"
+SESSIONS = f"ret = [('1', dbus.UInt32(1000), 'viewer', 'seat0', dbus.ObjectPath('{SESSION}'))]"
+LOGIND = {"BlockInhibited": "", "InhibitDelayMaxUSec": dbus.UInt64(5000000),
+          "PreparingForSleep": False, "PreparingForShutdown": False}
+SLEEPS = [(name + "WithFlags", "t", "", "") for name in ("Suspend", "PowerOff", "Hibernate")]
+ABILITIES = [("Can" + name, "", "s", "ret = 'yes'") for name in ("Suspend", "PowerOff", "Hibernate")]
 UNITS = [(name, "ss", "o", JOB) for name in ("RestartUnit", "StopUnit")]
 SERVICES = [
-    ("login1", ".Manager", {"BlockInhibited": "", "IdleHint": False, "IdleSinceHint": dbus.UInt64(0)},
-     [("Inhibit", "ssss", "h", INHIBITOR)] + SLEEPS),
+    ("login1", ".Manager", LOGIND,
+     [("Inhibit", "ssss", "h", INHIBITOR), ("ListSessions", "", "a(susso)", SESSIONS)]
+     + SLEEPS + ABILITIES),
     ("timedate1", "", {"NTP": False, "NTPSynchronized": False, "Timezone": "UTC"}, []),
-    ("systemd1", ".Manager", {}, [("Subscribe", "", "", "")] + UNITS),
+    ("systemd1", ".Manager", {},
+     [("Subscribe", "", "", ""), ("ListJobs", "", "a(usssoo)", NO_JOBS)] + UNITS),
 ]
 
 bus = dbus.SystemBus(mainloop=dbus.mainloop.glib.DBusGMainLoop())
@@ -32,6 +40,11 @@ for name, interface, properties, methods in SERVICES:
     path = "/org/freedesktop/" + name
     simulated.append(mockobject.DBusMockObject(owned, path, interface, properties, "/dev/null"))
     simulated[-1].AddMethods(interface, methods)
+    if name == "login1":
+        simulated[-1].AddObject(SESSION, "org.freedesktop.login1.Session",
+                                {"Class": "user", "IdleHint": True,
+                                 "TimestampMonotonic": dbus.UInt64(1000000),
+                                 "IdleSinceHintMonotonic": dbus.UInt64(2000000)}, [])
 loop = GLib.MainLoop()
 GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, loop.quit)
 loop.run()

@@ -1,0 +1,136 @@
+// Who woke or booted the machine. Decided once for each sleep.
+#include "rules.h"
+
+#include <algorithm>
+
+static constexpr std::int64_t kUserWindowMs = 10 * kSecondMs;
+static constexpr std::int64_t kResumeSeconds = 60;
+static constexpr std::int64_t kShortSleepMs = 60 * kSecondMs;
+static constexpr std::uint32_t kShortSleeps = 3;
+static constexpr std::int64_t kPauseMs = 15 * 60 * kSecondMs;
+
+// From an alarm to the wake-up, or to the boot of the kernel.
+static std::int64_t longest_way(const machine &m) {
+  const bool is_slow = m.woken.booted || m.sleep.last_method == off_action::kHibernate;
+  return is_slow ? kLatestSeconds : kResumeSeconds;
+}
+
+// `clock` is the device's at the wake-up: the system clock may be wrong after a boot.
+static bool has_gone_off(const machine &m, std::int64_t clock) {
+  const device_alarm &stood = m.alarm.before_sleep;
+  return stood.owner != alarm_owner::kNone && stood.count <= clock + kSlackSeconds &&
+         clock <= stood.count + longest_way(m);
+}
+
+// One that took the place of ours and is not there any longer has gone off itself; one that still
+// is ahead has kept ours from going off.
+cause cause_by_alarm(const machine &m, others_did others, std::int64_t clock) {
+  const device_alarm &stood = m.alarm.before_sleep;
+  if (others == others_did::kSwitchedOff)
+    return cause::kForeign;
+  if (others == others_did::kReplaced || !has_gone_off(m, clock))
+    return cause::kNothing;
+  switch (stood.owner) {
+  case alarm_owner::kTest:
+    return cause::kTest;
+  case alarm_owner::kTimer: // one that nobody wants any longer credits nobody
+    return m.alarm.before_sleep_wanted.on_time != 0 ? cause::kTimer : cause::kHop;
+  case alarm_owner::kHop:
+    return cause::kHop;
+  case alarm_owner::kForeign:
+    return cause::kForeign;
+  case alarm_owner::kNone:
+    break;
+  }
+  return cause::kNothing;
+}
+
+bool by_alarm_of_ours(const machine &m) {
+  return m.woken.by == cause::kTimer || m.woken.by == cause::kHop || m.woken.by == cause::kTest;
+}
+
+// The return is counted from the on-time, unless a step of the clock has moved that far ahead.
+void credit(decision &d) {
+  auto &woken = d.m.woken;
+  const wanted_alarm &wanted = d.m.alarm.before_sleep_wanted;
+  const std::int64_t ahead = wanted.on_time - d.now.utc;
+  woken.credited = true;
+  woken.type = wanted.type;
+  if (ahead > 0 && ahead <= kLatestSeconds)
+    woken.counted_at = d.now.boot + ahead * kSecondMs;
+}
+
+void say_cause(decision &d) {
+  say(d, d.m.woken.booted ? order::saying::kBooted : order::saying::kWoken,
+      static_cast<std::int64_t>(d.m.woken.by), d.m.woken.type);
+}
+
+// Without a signal for as long as the sleep lasted, a screen that was on may well be off.
+static void doubt_screen(decision &d) {
+  if (d.m.screen.believed == screen_state::kOn)
+    d.m.screen.believed = screen_state::kUnknown;
+}
+
+static void count_short_sleep(decision &d) {
+  auto &power = d.m.power;
+  const bool is_short = d.now.boot - power.went.boot < kShortSleepMs;
+  const bool is_unknown = d.m.woken.by == cause::kNothing;
+  power.short_sleeps = is_short && is_unknown ? power.short_sleeps + 1 : 0;
+  if (power.short_sleeps > kShortSleeps) {
+    has_problem(d, problem::kWakesLoop, 0);
+    power.pause_until = d.now.boot + kPauseMs;
+  } else if (!is_unknown || !is_short) {
+    is_over(d, problem::kWakesLoop);
+  }
+  if (by_alarm_of_ours(d.m))
+    power.sent_at = {};
+}
+
+// The television follows its user; a screen without CEC that we had switched off comes back, too.
+static void welcome_user(decision &d) {
+  const auto &screen = d.m.screen;
+  const bool was_ours = !screen.has_cec && screen.ordered == screen_order::kOff;
+  if (was_ours || (screen.has_cec && d.m.set.screen_follows))
+    turn_screen(d, true);
+}
+
+static void was_woken_by_user(decision &d) {
+  d.never(due_kind::kUserWindow);
+  d.m.woken.by = cause::kUser;
+  d.m.power.short_sleeps = 0;
+  d.m.power.pause_until = 0;
+  is_over(d, problem::kWakesLoop);
+  say_cause(d);
+  welcome_user(d);
+}
+
+void decide_cause(decision &d, others_did others) {
+  auto &woken = d.m.woken;
+  woken.cause_open = false;
+  woken.by = cause_by_alarm(d.m, others, d.m.alarm.clock);
+  if (woken.by == cause::kTimer)
+    credit(d);
+  if (woken.by == cause::kTimer || woken.by == cause::kHop)
+    doubt_screen(d);
+  count_short_sleep(d);
+  if (d.m.test.running)
+    trial_ends(d, 0);
+  if (woken.by != cause::kNothing)
+    say_cause(d);
+  else if (d.m.use.input_at != 0)
+    was_woken_by_user(d);
+  else
+    d.due_after(due_kind::kUserWindow, kUserWindowMs);
+}
+
+void user_window_ends(decision &d) {
+  d.never(due_kind::kUserWindow);
+  say_cause(d);
+}
+
+void on(decision &d, const event::input &) {
+  d.m.use.input_at = d.now.boot;
+  used(d);
+  if (due_at(d.m, due_kind::kUserWindow) != kNever)
+    was_woken_by_user(d);
+}

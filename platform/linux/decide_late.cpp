@@ -1,0 +1,55 @@
+// Timers that became due while the machine slept, or while the daemon started. The daemon never
+// fires a timer whose second has passed.
+#include "rules.h"
+
+#include <dravel-timer-types.h>
+
+#include <algorithm>
+#include <span>
+
+static timer_action action_of(const late_timer &timer) { return timer_type_of(timer.type).action; }
+
+static bool switches(const late_timer &timer) {
+  return action_of(timer) == timer_action::kTurnOn || action_of(timer) == timer_action::kTurnOff;
+}
+
+// Whoever has woken the machine after an off-time wants it on.
+static bool may_turn_off(const machine &m) { return by_alarm_of_ours(m); }
+
+// As at an expiry: nothing is woken while the screen is on.
+static void wake_for(decision &d, const late_timer &timer) {
+  if (is_on(d.m))
+    return;
+  d.give(order::say{order::saying::kLate, timer.type, d.now.utc - timer.utc, 0, timer.id});
+  begin_unit(d, unit::kWakeup, timer_type_of(timer.type).reason);
+  used(d);
+  if (action_of(timer) == timer_action::kTurnOn)
+    turn_screen(d, true);
+}
+
+static void make_up(decision &d, const late_timer &timer) {
+  switch (action_of(timer)) {
+  case timer_action::kTurnOn:
+  case timer_action::kWake:
+    wake_for(d, timer);
+    break;
+  case timer_action::kTurnOff:
+    if (may_turn_off(d.m))
+      turn_off_by_timer(d);
+    break;
+  case timer_action::kNone:
+    break;
+  }
+}
+
+// Of those that turn the screen on or off, the last one counts.
+void on(decision &d, const event::late_timers &e) {
+  d.m.woken.late_open = false;
+  const std::span timers{e.timers.data(), std::min<std::size_t>(e.count, kLateTimers)};
+  const late_timer *last = nullptr;
+  for (const late_timer &timer : timers)
+    last = switches(timer) ? &timer : last;
+  for (const late_timer &timer : timers)
+    if (!switches(timer) || &timer == last)
+      make_up(d, timer);
+}

@@ -1,0 +1,250 @@
+// Sleeps that we order: wished for, asked for, ordered, failed. The wish is looked at after every
+// event.
+#include "rules.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+static constexpr std::int64_t kAnswerMs = 3 * kSecondMs;    // of logind and the television
+static constexpr std::int64_t kUseAgainMs = 30 * kSecondMs; // when logind has not answered
+static constexpr std::int64_t kAlarmAgainMs = 900 * kSecondMs;
+static constexpr std::int64_t kOrderMs = 90 * kSecondMs; // until an ordered sleep begins
+static constexpr std::int64_t kHourMs = 3600 * kSecondMs;
+static constexpr std::int64_t kFailedAgainMs[] = {30 * kSecondMs, 60 * kSecondMs, 300 * kSecondMs,
+                                                  900 * kSecondMs};
+
+// --- the wish ---
+
+static bool is_ordered(const machine &m) { return m.sleep.stage == wish_stage::kAsked; }
+
+static void set_wish(decision &d, sleep_wish wish, off_action method) {
+  auto &sleep = d.m.sleep;
+  sleep = {.last_method = sleep.last_method};
+  sleep.wish = wish;
+  sleep.method = method;
+  d.never(due_kind::kSleepAgain);
+  d.never(due_kind::kAsked);
+}
+
+void wish_sleep(decision &d, sleep_wish wish, off_action method) {
+  if (is_ordered(d.m))
+    return;
+  if (d.m.test.running && d.m.sleep.wish == sleep_wish::kTest)
+    trial_ends(d, ECANCELED);
+  set_wish(d, wish, method);
+}
+
+// The configuration has changed.
+void change_off_action(decision &d) {
+  if (d.m.sleep.wish != sleep_wish::kOffTimer)
+    return;
+  if (d.m.set.off == off_action::kNone)
+    drop_wish(d);
+  else if (!is_ordered(d.m))
+    d.m.sleep.method = d.m.set.off;
+}
+
+// What has been handed to logind cannot be taken back.
+void drop_wish(decision &d) { wish_sleep(d, sleep_wish::kNone, off_action::kNone); }
+
+void forget_wish(decision &d) { set_wish(d, sleep_wish::kNone, off_action::kNone); }
+
+// --- what is in the way ---
+
+// UTC: until then the machine waits for something near; 0: nothing is near. An alarm may go off
+// before the machine sleeps, and does not wake it then.
+static std::int64_t near_until(const machine &m, const moment &now) {
+  const std::int64_t nearness = nearness_seconds(m, m.sleep.method);
+  const std::int64_t next = next_wake_utc(m, now);
+  const device_alarm &stands = m.alarm.stands;
+  const bool is_hop = stands.owner == alarm_owner::kHop && stands.utc > now.utc;
+  if (next != kNever && next - now.utc < lead_seconds(m, m.sleep.method) + nearness)
+    return next;
+  return is_hop && stands.utc - now.utc < nearness ? stands.utc : 0;
+}
+
+// boot; 0: at any time. Woken again and again, the machine is not sent to sleep again and again.
+static std::int64_t often_until(const machine &m) {
+  const std::int64_t oldest = m.power.sent_at.back();
+  return std::max(m.power.pause_until, oldest == 0 ? 0 : oldest + kHourMs);
+}
+
+// A user does not stop an off-timer, only who has asked for it.
+static std::uint8_t blocking_bits(const machine &m) {
+  if (m.sleep.wish == sleep_wish::kReturn || m.sleep.wish == sleep_wish::kTest)
+    return kSleepBit | kShutdownBit | kIdleBit;
+  return m.sleep.method == off_action::kPoweroff ? kShutdownBit : kSleepBit;
+}
+
+static postponed obstacle(const machine &m, const moment &now) {
+  const sleep_wish wish = m.sleep.wish;
+  if (wish == sleep_wish::kOffTimer && (m.screen.pending || off_job_runs(m)))
+    return postponed::kHook;
+  if (wakeup_job_runs(m))
+    return postponed::kJob;
+  if ((m.use.blocked & blocking_bits(m)) != 0)
+    return postponed::kBlocked;
+  if (wish == sleep_wish::kTest)
+    return m.alarm.stands.owner == alarm_owner::kTest ? postponed::kNot : postponed::kNoAlarm;
+  if (wish == sleep_wish::kReturn && is_session_in_use(m))
+    return postponed::kSession;
+  if (m.sleep.is_silent)
+    return postponed::kScreenSilent;
+  if (often_until(m) > now.boot)
+    return postponed::kOften;
+  if (near_until(m, now) != 0)
+    return postponed::kOnTimeNear;
+  return alarm_leads(m, now, m.sleep.method) ? postponed::kNot : postponed::kNoAlarm;
+}
+
+// The device is read again when nothing else tries it any longer.
+static void alarm_again(decision &d) {
+  if (due_at(d.m, due_kind::kSleepAgain) == kNever)
+    d.due_after(due_kind::kSleepAgain, kAlarmAgainMs);
+}
+
+// One line for each reason.
+static void postpone(decision &d, postponed why) {
+  auto &sleep = d.m.sleep;
+  if (why != sleep.why)
+    say(d, order::saying::kPostponed, static_cast<std::int64_t>(why));
+  sleep.why = why;
+  sleep.stage = wish_stage::kWaiting;
+  d.never(due_kind::kAsked);
+  if (why == postponed::kOnTimeNear)
+    d.due_at_utc(due_kind::kSleepAgain, near_until(d.m, d.now) + 1);
+  else if (why == postponed::kOften)
+    d.due(due_kind::kSleepAgain) = often_until(d.m);
+  else if (why == postponed::kNoAlarm)
+    alarm_again(d);
+  else if (!sleep.held)
+    d.never(due_kind::kSleepAgain);
+}
+
+static void hold(decision &d, postponed why, std::int64_t ms) {
+  d.m.sleep.held = true;
+  d.due_after(due_kind::kSleepAgain, ms);
+  postpone(d, why);
+}
+
+// --- asked ---
+
+// Inhibitors, users, the television and the alarm as they are now.
+static void start_asking(decision &d) {
+  auto &sleep = d.m.sleep;
+  const bool asks_screen = sleep.wish == sleep_wish::kReturn && d.m.screen.has_cec;
+  sleep.stage = wish_stage::kAsking;
+  sleep.use_answered = false;
+  sleep.screen_answered = !asks_screen;
+  d.due_after(due_kind::kAsked, kAnswerMs);
+  d.m.alarm.check = true;
+  d.give(order::ask_use{});
+  if (asks_screen)
+    ask_television(d);
+}
+
+// A television that does not answer is unknown.
+void answers_end(decision &d) {
+  if (d.m.sleep.stage != wish_stage::kAsking)
+    return;
+  d.m.sleep.screen_answered = true;
+  if (d.m.sleep.use_answered)
+    return;
+  has_problem(d, problem::kUse, ETIMEDOUT);
+  hold(d, postponed::kUseUnknown, kUseAgainMs);
+}
+
+static void order_sleep(decision &d) {
+  auto &sleep = d.m.sleep;
+  sleep.stage = wish_stage::kAsked;
+  sleep.why = postponed::kNot;
+  d.m.power.now = phase::kSleepAsked;
+  d.never(due_kind::kAsked);
+  d.due_after(due_kind::kSleepAgain, kOrderMs);
+  say(d, order::saying::kGoesToSleep, static_cast<std::int64_t>(sleep.method));
+  d.give(order::sleep{sleep.method});
+}
+
+// --- ordered ---
+
+void sleep_failed(decision &d, int error) {
+  auto &sleep = d.m.sleep;
+  d.m.power.now = phase::kAwake;
+  has_problem(d, problem::kSleep, error);
+  if (sleep.wish == sleep_wish::kTest) {
+    trial_ends(d, error == 0 ? ECANCELED : error);
+    return;
+  }
+  const std::size_t row = std::min<std::size_t>(sleep.failures, std::size(kFailedAgainMs) - 1);
+  if (sleep.failures < UINT8_MAX)
+    ++sleep.failures;
+  hold(d, postponed::kFailed, kFailedAgainMs[row]);
+}
+
+void order_was_lost(decision &d) {
+  d.m.power.now = phase::kAwake;
+  d.m.sleep.stage = wish_stage::kWaiting;
+  d.never(due_kind::kSleepAgain);
+}
+
+void on(decision &d, const event::sleep_answered &e) {
+  if (e.error != 0 && is_ordered(d.m))
+    sleep_failed(d, e.error);
+}
+
+void sleep_again(decision &d) {
+  d.m.sleep.held = false;
+  if (d.m.sleep.why == postponed::kNoAlarm)
+    check_alarm(d);
+  if (is_ordered(d.m) && d.m.power.now == phase::kSleepAsked)
+    sleep_failed(d, ETIMEDOUT);
+}
+
+// A sleep of ours has taken place.
+void count_sleep(decision &d) {
+  auto &sent = d.m.power.sent_at;
+  if (!is_ordered(d.m))
+    return;
+  std::shift_right(sent.begin(), sent.end(), 1);
+  sent.front() = d.m.power.went.boot;
+}
+
+// --- after every event ---
+
+static bool has_all_answers(const machine &m) {
+  return m.sleep.use_answered && m.sleep.screen_answered && is_alarm_settled(m);
+}
+
+// Asked once; then until it says anything.
+static bool lacks_answer(const machine &m) {
+  return m.sleep.wish == sleep_wish::kReturn && must_say_off(m) &&
+         m.screen.answered != screen_state::kOff;
+}
+
+static bool is_settled(const machine &m) {
+  return m.armed && m.power.now == phase::kAwake && !m.woken.cause_open && !m.woken.late_open;
+}
+
+void pursue_sleep(decision &d) {
+  auto &sleep = d.m.sleep;
+  if (!is_settled(d.m))
+    return;
+  wish_return(d);
+  const bool asks = sleep.stage == wish_stage::kAsking;
+  if (sleep.wish == sleep_wish::kNone || sleep.held || (asks && !has_all_answers(d.m)))
+    return;
+  if (asks)
+    sleep.is_silent = lacks_answer(d.m);
+  if (d.m.test.running && !is_alarm_settled(d.m))
+    return;
+  const postponed why = obstacle(d.m, d.now);
+  if (why != postponed::kNot && sleep.wish == sleep_wish::kTest)
+    trial_ends(d, why == postponed::kNoAlarm ? d.m.alarm.refused : EBUSY);
+  else if (why != postponed::kNot)
+    postpone(d, why);
+  else if (asks)
+    order_sleep(d);
+  else
+    start_asking(d);
+}

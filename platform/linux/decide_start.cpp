@@ -1,0 +1,85 @@
+// The start of this process: after a boot, or after another run of the same boot.
+#include "rules.h"
+
+#include <algorithm>
+
+static void boot_was(decision &d, const event::started &e) {
+  auto &woken = d.m.woken;
+  auto &alarm = d.m.alarm;
+  const phase left = e.kept.power.now;
+  alarm.before_sleep_wanted = alarm.wanted;
+  alarm.before_sleep = alarm.stands;
+  woken.booted = true;
+  woken.at = woken.counted_at = d.now.boot;
+  woken.utc = d.now.utc;
+  const std::int64_t since_boot = d.now.boot / kSecondMs;
+  // Firmware switches an alarm off, too.
+  const bool replaced = what_others_did(d.m, e.device) == others_did::kReplaced;
+  woken.by = cause_by_alarm(d.m, replaced ? others_did::kReplaced : others_did::kNothing,
+                            e.device.clock - since_boot);
+  if (woken.by == cause::kNothing)
+    woken.by = cause::kUser;
+  if (woken.by == cause::kTimer)
+    credit(d);
+  say_cause(d);
+  const bool went_in_order = left == phase::kShuttingDown;
+  woken.late_from = went_in_order ? e.kept.power.went.utc : e.booted_at;
+}
+
+// The daemon of this run knows nothing of what the last one was told.
+static void take_over(decision &d, const event::started &e) {
+  if (e.has_kept && e.same_boot) {
+    d.m = e.kept;
+    d.m.told = {};
+    d.m.power.ending = false;
+    d.m.use.watched = false;
+    if (d.m.armed && !d.m.woken.late_open)
+      d.m.woken.late_from = d.now.utc;
+    d.m.armed = false;
+    doubt_jobs(d);
+    notice_sleep(d);
+    return;
+  }
+  d.m = {};
+  d.m.alarm = e.has_kept ? e.kept.alarm : machine{}.alarm;
+  d.m.power.seen = {0, 0, d.now.slept, d.now.sleeps, 0};
+  boot_was(d, e);
+}
+
+static void find_out(decision &d) {
+  take_inhibitor(d);
+  d.give(order::ask_use{});
+  d.give(order::ask_clock{});
+  d.give(order::ask_preparing{});
+}
+
+void on(decision &d, const event::started &e) {
+  take_over(d, e);
+  d.m.started = true;
+  d.m.set = e.set;
+  d.m.clock.rtc_valid = e.rtc_valid;
+  d.m.clock.build_day = e.build_day;
+  d.m.clock.next_transition = e.next_transition;
+  d.m.alarm.stale = d.m.alarm.wanted.on_time != 0;
+  d.m.wants_idle = true;
+  start_clock(d);
+  find_out(d);
+  on(d, event::alarm_read{e.device});
+}
+
+// Another device may have been chosen.
+void on(decision &d, const event::configured &e) {
+  d.m.set = e.set;
+  check_off_action(d);
+  change_off_action(d);
+  d.m.alarm.range = 0;
+  d.m.alarm.check = true;
+}
+
+void on(decision &d, const event::armed &) {
+  auto &woken = d.m.woken;
+  d.m.armed = true;
+  d.m.wants_idle = true;
+  woken.late_open = true;
+  woken.late_from = std::max(woken.late_from, d.now.utc - kLatestSeconds);
+}

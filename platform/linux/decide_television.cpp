@@ -1,0 +1,116 @@
+// What a television says, and what it does not say.
+#include "rules.h"
+
+#include <linux/cec.h>
+
+// The daemon hears of a change that is not its own.
+static void believe(decision &d, screen_state state) {
+  const bool was_on = is_on(d.m);
+  d.m.screen.believed = state;
+  if (is_on(d.m) == was_on)
+    return;
+  used(d);
+  tell(d, delivery::kState);
+}
+
+static bool wants_on(const machine &m) { return m.screen.ordered == screen_order::kOn; }
+
+// The machine follows a television that its remote has switched off.
+static void follow_off(decision &d) {
+  if (!d.m.set.follow_screen)
+    return;
+  const bool hibernates = d.m.set.off == off_action::kHibernate;
+  wish_sleep(d, sleep_wish::kScreen, hibernates ? off_action::kHibernate : off_action::kSuspend);
+}
+
+static void remote_turned(decision &d, bool on) {
+  const bool was_on = is_on(d.m);
+  believe(d, on ? screen_state::kOn : screen_state::kOff);
+  if (on && !was_on)
+    drop_wish(d);
+  else if (!on && was_on)
+    follow_off(d);
+}
+
+// It ignores Active Source while it boots: once more when it first says that it is on.
+static void answered_on_order(decision &d, event::tv_state state) {
+  auto &screen = d.m.screen;
+  if (state == event::tv_state::kOn && !screen.said_on) {
+    screen.said_on = true;
+    send_screen_order(d);
+  }
+  if (state == event::tv_state::kOn) {
+    believe(d, screen_state::kOn);
+    order_is_settled(d);
+    is_over(d, problem::kTelevision);
+  }
+}
+
+static void answered_off_order(decision &d, bool on) {
+  if (on)
+    return;
+  believe(d, screen_state::kOff);
+  order_is_settled(d);
+  is_over(d, problem::kTelevision);
+}
+
+static bool means_on(event::tv_state state) {
+  return state == event::tv_state::kOn || state == event::tv_state::kTurningOn;
+}
+
+void on(decision &d, const event::tv_reports &e) {
+  auto &screen = d.m.screen;
+  const bool on = means_on(e.state);
+  screen.answered = on ? screen_state::kOn : screen_state::kOff;
+  d.m.sleep.screen_answered = true;
+  d.m.sleep.is_silent = false;
+  if (!screen.pending)
+    remote_turned(d, on);
+  else if (wants_on(d.m))
+    answered_on_order(d, e.state);
+  else
+    answered_off_order(d, on);
+}
+
+// No answer says nothing; while an order is pending, the next second asks again.
+static void is_unknown(decision &d) {
+  d.m.screen.answered = screen_state::kUnknown;
+  d.m.sleep.screen_answered = true;
+  if (d.m.screen.has_cec)
+    believe(d, screen_state::kUnknown);
+}
+
+void on(decision &d, const event::tv_silent &) { is_unknown(d); }
+
+// It does not know the message: asking again would not help.
+void on(decision &d, const event::tv_denies &e) {
+  const bool is_order = e.opcode == CEC_MSG_STANDBY && !wants_on(d.m);
+  const bool is_question = e.opcode == CEC_MSG_GIVE_DEVICE_POWER_STATUS;
+  if (!is_order && !is_question)
+    return;
+  is_unknown(d);
+  if (d.m.screen.pending)
+    order_is_settled(d);
+}
+
+// Its own standby, which it sends to all devices on its cable.
+void on(decision &d, const event::tv_standby &) { on(d, event::tv_reports{event::tv_state::kOff}); }
+
+void on(decision &d, const event::tv_asks_source &) {
+  if (wants_on(d.m))
+    d.give(order::tv_answer{});
+}
+
+void on(decision &d, const event::tv_reachable &e) {
+  auto &screen = d.m.screen;
+  screen.has_cec = e.adapter;
+  if (!e.adapter) {
+    screen.pending = false;
+    d.never(due_kind::kScreenStep);
+    is_over(d, problem::kTelevision);
+  } else if (screen.pending) {
+    send_screen_order(d);
+  } else {
+    ask_television(d);
+  }
+}

@@ -1,0 +1,193 @@
+// Sleeps and shutdowns: announced, begun, refused, over.
+#include "rules.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+// A sleep is as long as the boot clock has left the monotonic one.
+static constexpr std::int64_t kLeastSleepMs = kSecondMs;
+static constexpr std::int64_t kLeavingMs = 60 * kSecondMs;
+static constexpr std::int64_t kInhibitAgainMs[] = {1 * kSecondMs, 10 * kSecondMs, 60 * kSecondMs};
+
+// --- the delay ---
+
+void take_inhibitor(decision &d) {
+  d.m.power.released = false;
+  d.give(order::take_inhibitor{});
+}
+
+void inhibitor_refused(decision &d) {
+  std::uint8_t &tries = d.m.use.inhibit_tries;
+  if (tries < std::size(kInhibitAgainMs))
+    d.due_after(due_kind::kInhibitAgain, kInhibitAgainMs[tries++]);
+}
+
+void release_if_ready(decision &d) {
+  auto &power = d.m.power;
+  const bool is_tried_again = due_at(d.m, due_kind::kAlarmAgain) != kNever;
+  if (!is_leaving(d.m) || !power.standby_told || power.released || is_tried_again ||
+      !is_alarm_settled(d.m))
+    return;
+  if (power.now == phase::kShuttingDown && is_hop_left_out(d.m, d.now))
+    say(d, order::saying::kHopWillNotBoot, d.m.alarm.wanted.on_time);
+  power.released = true;
+  d.give(order::release_inhibitor{});
+}
+
+// --- before ---
+
+// Its end may have been told while logind or this process was away.
+void ask_whether_leaving(decision &d) {
+  if (!is_leaving(d.m))
+    return;
+  d.give(order::ask_preparing{});
+  d.due_after(due_kind::kLeaving, kLeavingMs);
+}
+
+static void leave(decision &d, phase next) {
+  auto &power = d.m.power;
+  power.now = next;
+  power.went = d.now;
+  power.standby_told = false;
+  power.step_held = false;
+  d.m.screen.pending = false;
+  d.m.alarm.tries = 0;
+  d.never(due_kind::kAlarmAgain);
+  d.due_after(due_kind::kLeaving, kLeavingMs);
+  if (due_at(d.m, due_kind::kUserWindow) != kNever)
+    user_window_ends(d);
+  take_back(d, delivery::kWakeup);
+  tell(d, delivery::kStandby);
+}
+
+void on(decision &d, const event::sleep_begins &) {
+  if (is_leaving(d.m))
+    return;
+  const bool by_user = d.m.sleep.stage != wish_stage::kAsked;
+  leave(d, phase::kGoing);
+  d.m.sleep.last_method = coming_sleep(d.m);
+  if (by_user && d.m.set.screen_follows && d.m.screen.has_cec) {
+    d.m.screen.ordered = screen_order::kOff;
+    d.m.screen.ordered_on = false;
+    d.m.screen.believed = screen_state::kUnknown;
+    d.give(order::tv_off{});
+  }
+}
+
+void on(decision &d, const event::shutdown_begins &) {
+  if (d.m.power.now == phase::kShuttingDown)
+    return;
+  if (d.m.test.running)
+    trial_ends(d, ECANCELED);
+  leave(d, phase::kShuttingDown);
+}
+
+// --- after ---
+
+// Nothing has changed but that the daemon was told of a standby.
+static void stayed_up(decision &d) {
+  const bool ours = d.m.sleep.stage == wish_stage::kAsked;
+  d.m.power.now = phase::kAwake;
+  if (d.m.power.released)
+    take_inhibitor(d);
+  d.m.alarm.tries = 0;
+  d.never(due_kind::kAlarmAgain);
+  d.never(due_kind::kLeaving);
+  d.m.alarm.check = true;
+  take_back(d, delivery::kStandby);
+  tell(d, delivery::kWakeup);
+  d.m.clock.update_due = true;
+  if (d.m.power.step_held)
+    tell(d, delivery::kTimeSet);
+  ask_television(d);
+  if (ours)
+    sleep_failed(d, 0);
+}
+
+void on(decision &d, const event::sleep_ends &) {
+  if (d.m.power.now == phase::kGoing)
+    stayed_up(d);
+}
+
+void on(decision &d, const event::shutdown_ends &) {
+  if (d.m.power.now == phase::kShuttingDown)
+    stayed_up(d);
+}
+
+// What a run that started in between has missed. An order to sleep may have been lost with the last
+// run: it is given again when nothing prevents it.
+void on(decision &d, const event::preparing &e) {
+  if (e.sleep)
+    on(d, event::sleep_begins{});
+  else if (e.shutdown)
+    on(d, event::shutdown_begins{});
+  else if (is_leaving(d.m))
+    stayed_up(d);
+  else if (d.m.power.now == phase::kSleepAsked)
+    order_was_lost(d);
+}
+
+static void forget_orders(decision &d) {
+  auto &screen = d.m.screen;
+  screen.pending = false;
+  screen.ordered_on = false;
+  screen.answered = screen_state::kUnknown;
+  d.m.use.input_at = 0;
+  forget_wish(d);
+  is_over(d, problem::kSleep);
+  d.never(due_kind::kLeaving);
+  d.never(due_kind::kUserWindow);
+  forget_lost_jobs(d);
+}
+
+static std::int64_t utc_before(const moment &now, std::int64_t ms) {
+  return (now.utc * kSecondMs + now.utc_ms - ms) / kSecondMs;
+}
+
+static void woke_up(decision &d, std::int64_t slept_ms) {
+  auto &power = d.m.power;
+  auto &woken = d.m.woken;
+  const bool was_announced = is_leaving(d.m);
+  power.now = phase::kAwake;
+  count_sleep(d);
+  forget_orders(d);
+  if (power.released)
+    take_inhibitor(d);
+  // A sleep that the clocks do not show has lasted since it was announced.
+  const bool is_shown = slept_ms >= kLeastSleepMs || !was_announced;
+  const std::int64_t began = is_shown ? utc_before(d.now, slept_ms) : power.went.utc;
+  if (!was_announced)
+    power.went = {began, d.now.boot - slept_ms, 0, 0, 0};
+  woken = {};
+  woken.by = cause::kNothing;
+  woken.at = woken.counted_at = d.now.boot;
+  woken.utc = d.now.utc;
+  woken.cause_open = true;
+  woken.late_open = true;
+  woken.late_from = std::max(began, d.now.utc - kLatestSeconds);
+  d.m.alarm.before_sleep_wanted = d.m.alarm.wanted;
+  d.m.alarm.before_sleep = d.m.alarm.stands;
+  d.m.alarm.check = true;
+  take_back(d, delivery::kStandby);
+  tell(d, delivery::kWakeup);
+  if (power.step_held)
+    tell(d, delivery::kTimeSet);
+  d.m.clock.update_due = true;
+  d.give(order::ask_use{});
+  ask_television(d);
+}
+
+// The clocks show a sleep at once, the count of sleeps only after all processes go on.
+void notice_sleep(decision &d) {
+  auto &power = d.m.power;
+  const std::int64_t slept_ms = d.now.slept - power.seen.slept;
+  const bool is_longer = slept_ms >= kLeastSleepMs;
+  const bool is_counted = d.now.sleeps != power.seen.sleeps;
+  const bool slept = is_longer || (is_counted && !power.count_owed);
+  if (is_longer || is_counted)
+    power.count_owed = is_longer && !is_counted;
+  power.seen = {0, 0, d.now.slept, d.now.sleeps, 0};
+  if (slept)
+    woke_up(d, slept_ms);
+}

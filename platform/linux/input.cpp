@@ -1,0 +1,115 @@
+#include "input.h"
+
+#include "bus.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <linux/input.h>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+static constexpr const char *kDirectory = "/dev/input";
+static constexpr std::string_view kPrefix = "event";
+static constexpr std::size_t kEventsAtOnce = 64;
+
+namespace {
+
+struct input_device {
+  explicit input_device(const fs::path &device_path);
+  ~input_device();
+  input_device(const input_device &) = delete;
+  input_device &operator=(const input_device &) = delete;
+
+  fs::path path;
+  int fd;
+  sd_event_source *source = nullptr;
+};
+
+} // namespace
+
+static event_sink happens;
+static std::vector<std::unique_ptr<input_device>> devices;
+static sd_event_source *directory_watch;
+static int open_error; // of a device, the last one
+
+static int device_ready(sd_event_source *, int fd, std::uint32_t ready, void *data);
+
+input_device::input_device(const fs::path &device_path)
+    : path(device_path), fd(open(device_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
+  if (fd < 0)
+    open_error = errno;
+  else
+    sd_event_add_io(bus_events(), &source, fd, EPOLLIN, device_ready, this);
+}
+
+input_device::~input_device() {
+  sd_event_source_disable_unref(source);
+  if (fd >= 0)
+    close(fd);
+}
+
+static bool has_key(std::span<const input_event> events) {
+  return std::ranges::any_of(events, [](const auto &entry) { return entry.type == EV_KEY; });
+}
+
+static int device_ready(sd_event_source *, int fd, std::uint32_t, void *data) {
+  input_event events[kEventsAtOnce];
+  bool pressed = false;
+  ssize_t size = 0;
+  while ((size = read(fd, events, sizeof events)) > 0)
+    pressed = pressed || has_key({events, static_cast<std::size_t>(size) / sizeof *events});
+  if (size == 0 || errno != EAGAIN) // it has gone
+    std::erase_if(devices, [=](const auto &device) { return device.get() == data; });
+  if (pressed)
+    happens(event::input{});
+  return 0;
+}
+
+static void open_device(const fs::path &path) {
+  const auto is_same = [&](const auto &device) { return device->path == path; };
+  if (!path.filename().string().starts_with(kPrefix) || std::ranges::any_of(devices, is_same))
+    return;
+  auto device = std::make_unique<input_device>(path);
+  if (device->fd >= 0)
+    devices.push_back(std::move(device));
+}
+
+// A device that appears is readable once udev has set its mode, which is an event of its own.
+static int directory_changed(sd_event_source *, const struct inotify_event *change, void *) {
+  if (change->len > 0)
+    open_device(fs::path(kDirectory) / change->name);
+  return 0;
+}
+
+static void open_all() {
+  open_error = 0;
+  std::error_code none; // a machine without input has no such directory
+  for (const auto &entry : fs::directory_iterator(kDirectory, none))
+    open_device(entry.path());
+  if (devices.empty() && open_error != 0)
+    happens(event::refused{problem::kInput, open_error});
+  else
+    happens(event::works{problem::kInput});
+}
+
+void watch_input(bool on) {
+  directory_watch = sd_event_source_disable_unref(directory_watch);
+  devices.clear();
+  if (!on)
+    return;
+  sd_event_add_inotify(bus_events(), &directory_watch, kDirectory, IN_CREATE | IN_ATTRIB,
+                       directory_changed, nullptr);
+  open_all();
+}
+
+void start_input(event_sink sink) { happens = sink; }

@@ -1,0 +1,9 @@
+// Keys and buttons of the machine's input devices: that one was pressed, never which.
+#pragma once
+
+#include "sink.h"
+
+void start_input(event_sink sink);
+
+// Opens the devices, and those that appear later, or closes them.
+void watch_input(bool on);

@@ -1,0 +1,11 @@
+// Sleep and shutdown, by logind: the delay inhibitor, the announcements, the orders.
+#pragma once
+
+#include "sink.h"
+
+void start_logind(event_sink sink);
+
+void take_inhibitor();
+void release_inhibitor();
+void ask_preparing();
+void send_to_sleep(off_action method);

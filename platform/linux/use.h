@@ -1,0 +1,9 @@
+// Who uses the machine, by logind: sessions of users, block inhibitors, and what the machine can.
+#pragma once
+
+#include "sink.h"
+
+void start_use(event_sink sink);
+
+// Asks logind; the answer is the event use_changed.
+void ask_use();

@@ -1,0 +1,264 @@
+// Rules that the simulated nights do not reach or do not look at.
+#include "event.h"
+
+#include <gtest/gtest.h>
+#include <linux/cec.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+static constexpr std::int64_t kNow = 1'800'000'000;
+static constexpr std::int64_t kDay = 86400;
+
+namespace {
+
+// A machine that is awake with its daemon armed; its device takes every alarm.
+struct awake_machine {
+  explicit awake_machine(const settings &set = {}, bool has_cec = true, bool rtc_valid = true) {
+    event::started start;
+    start.rtc_valid = rtc_valid;
+    start.set = set;
+    start.device.clock = now.utc;
+    send(start);
+    send(event::tv_reachable{has_cec});
+    send(event::use_changed{0, 0, 0, kSleepBit | kShutdownBit | kHibernateBit, 5000, true});
+    send(event::armed{});
+    send(event::ntp{});
+    given.clear();
+  }
+
+  void send(const event::any &what) {
+    const auto [next, list] = decide(m, what, now);
+    m = next;
+    for (const order::any &one : list) {
+      given.push_back(one);
+      std::visit([this](const auto &o) { carry_out(o); }, one);
+    }
+  }
+  void pass(std::int64_t seconds) {
+    now.utc += seconds;
+    now.boot += seconds * kSecondMs;
+  }
+  // Sleeps until then, and wakes.
+  void sleep(std::int64_t seconds) {
+    send(event::sleep_begins{});
+    pass(seconds);
+    now.slept += seconds * kSecondMs;
+    ++now.sleeps;
+    given.clear();
+    send(event::sleep_ends{});
+  }
+  template <typename Order> long count() const {
+    return std::ranges::count_if(
+        given, [](const order::any &one) { return std::holds_alternative<Order>(one); });
+  }
+  template <typename Order> Order last() const {
+    Order found{};
+    for (const order::any &one : given)
+      if (const auto *same = std::get_if<Order>(&one))
+        found = *same;
+    return found;
+  }
+
+  void carry_out(const order::read_alarm &) {
+    send(event::alarm_read{{0, false, false, now.utc, alarm}});
+  }
+  void carry_out(const order::write_alarm &o) {
+    alarm = refusal == 0 ? o.count : 0;
+    send(event::alarm_written{o.count, refusal});
+  }
+  void carry_out(const order::switch_off_alarm &) { send(event::alarm_written{alarm = 0, 0}); }
+  void carry_out(const order::ask_late &) { send(late); }
+  void carry_out(const order::ask_zone &) { send(event::zone_changed{next_transition, false}); }
+  void carry_out(const order::deliver &o) { send(event::returned{o.callback}); }
+  template <typename Order> void carry_out(const Order &) {}
+
+  machine m;
+  moment now{kNow, 3600 * kSecondMs, 0, 0, 0};
+  std::vector<order::any> given;
+  std::int64_t alarm = 0;
+  int refusal = 0;
+  std::int64_t next_transition = 0;
+  event::late_timers late;
+};
+
+} // namespace
+
+TEST(Decide, ATimeThatComesTwice_IsTheFirstThatIsAhead) {
+  for (const std::int64_t first : {kNow + 60, kNow - 60, kNow}) {
+    awake_machine run;
+    run.send(event::program{0, first, first + 3600});
+    EXPECT_EQ(run.m.alarm.wanted.on_time, first > kNow ? first : first + 3600);
+  }
+}
+
+TEST(Decide, AMissedTimer_IsMadeUpFor_UnlessALaterOneUndoesIt) {
+  const struct {
+    std::vector<late_timer> timers; // in the last minutes; our alarm has woken the machine
+    long on, off, units;
+  } rows[] = {
+      {{{1, 0, 0}}, 1, 0, 2},
+      {{{1, 2, 0}}, 0, 0, 1},
+      {{{1, 4, 0}}, 0, 0, 0},
+      {{{1, 0, 0}, {2, 1, 0}}, 0, 1, 1},
+      {{{1, 1, 0}, {2, 0, 0}, {3, 3, 0}}, 1, 0, 3},
+  };
+  for (const auto &row : rows) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    std::ranges::copy(row.timers, run.late.timers.begin());
+    run.late.count = static_cast<std::uint8_t>(row.timers.size());
+    run.sleep(990);
+    EXPECT_EQ(run.m.woken.by, cause::kTimer);
+    EXPECT_EQ(run.count<order::tv_on>(), row.on);
+    EXPECT_EQ(run.count<order::tv_off>(), row.off);
+    EXPECT_EQ(run.count<order::start_unit>(), row.units) << row.timers.size();
+  }
+}
+
+TEST(Decide, AMissedOffTimer_DoesNotTurnOffForAUser) {
+  awake_machine run;
+  run.late = {{late_timer{1, 1, 0}}, 1};
+  run.sleep(100);
+  EXPECT_EQ(run.count<order::tv_off>(), 0);
+}
+
+TEST(Decide, AScreen_IsBelievedOnlyWhatIsSaid) {
+  const struct {
+    bool has_cec, on;
+    event::any said;
+    screen_state believed;
+  } rows[] = {
+      {true, true, event::tv_silent{}, screen_state::kUnknown},
+      {true, true, event::tv_reports{event::tv_state::kTurningOn}, screen_state::kUnknown},
+      {true, true, event::tv_reports{event::tv_state::kOn}, screen_state::kOn},
+      {true, true, event::tv_reports{event::tv_state::kOff}, screen_state::kUnknown},
+      {true, false, event::tv_denies{CEC_MSG_STANDBY}, screen_state::kUnknown},
+      {true, false, event::tv_reports{event::tv_state::kTurningOff}, screen_state::kOff},
+      {true, false, event::tv_standby{}, screen_state::kOff},
+      {false, true, event::tv_silent{}, screen_state::kOn},
+      {false, false, event::tv_silent{}, screen_state::kOff},
+  };
+  for (const auto &row : rows) {
+    awake_machine run({}, row.has_cec);
+    run.send(event::screen_wanted{row.on, event::asker::kBus});
+    run.send(row.said);
+    EXPECT_EQ(run.m.screen.believed, row.believed) << &row - rows;
+  }
+}
+
+TEST(Decide, ATelevisionThatStaysSilent_GetsThePairThreeTimes_AndOneLine) {
+  awake_machine run;
+  run.send(event::screen_wanted{true, event::asker::kBus});
+  for (int second = 0; second < 20; ++second) {
+    run.pass(1);
+    run.send(event::due{});
+    run.send(event::tv_silent{});
+  }
+  EXPECT_EQ(run.count<order::tv_on>(), 3);
+  EXPECT_NE(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], 0);
+  run.send(event::tv_asks_source{});
+  EXPECT_EQ(run.count<order::tv_answer>(), 1);
+  run.send(event::screen_wanted{false, event::asker::kBus});
+  run.send(event::tv_asks_source{});
+  EXPECT_EQ(run.count<order::tv_answer>(), 1);
+}
+
+TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
+  for (const bool hop_boots : {true, false}) {
+    settings set;
+    set.hop_boots = hop_boots;
+    awake_machine run(set);
+    run.m.alarm.range = 23 * 3600;
+    run.send(event::program{0, kNow + 3 * kDay, 0});
+    EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kHop);
+    run.send(event::shutdown_begins{});
+    EXPECT_EQ(run.alarm != 0, hop_boots);
+    EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
+    EXPECT_EQ(run.last<order::say>().what == order::saying::kHopWillNotBoot, !hop_boots);
+  }
+}
+
+TEST(Decide, ARefusedAlarm_IsTriedAgain_AtIdleAndUntilTheStandbyIsOver) {
+  awake_machine run;
+  run.refusal = EIO;
+  run.send(event::program{0, kNow + 1000, 0});
+  EXPECT_TRUE(run.m.wants_idle);
+  run.send(event::idle{});
+  EXPECT_EQ(run.count<order::write_alarm>(), 2);
+  run.send(event::sleep_begins{});
+  for (int half = 0; half < 8; ++half) {
+    EXPECT_EQ(run.count<order::release_inhibitor>(), 0);
+    run.now.boot += kSecondMs / 2;
+    run.send(event::due{});
+  }
+  EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
+  EXPECT_GE(run.count<order::write_alarm>(), 9);
+}
+
+TEST(Decide, ATest_IsRefused_WhenSomethingIsInTheWay) {
+  const struct {
+    std::int64_t seconds, on_time;
+    std::uint8_t blocked;
+    int error;
+  } rows[] = {
+      {19, 0, 0, ERANGE},       {3601, 0, 0, ERANGE},   {60, kNow + 179, 0, EBUSY},
+      {60, 0, kIdleBit, EBUSY}, {60, kNow + 200, 0, 0}, {20, 0, 0, 0},
+  };
+  for (const auto &row : rows) {
+    awake_machine run;
+    run.send(event::program{0, row.on_time, 0});
+    run.send(event::use_changed{0, 0, row.blocked, kSleepBit, 5000, false});
+    run.send(event::test_wake{7, row.seconds});
+    EXPECT_EQ(run.last<order::answer>().error, row.error) << &row - rows;
+    EXPECT_EQ(run.m.test.running, row.error == 0);
+  }
+}
+
+TEST(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor) {
+  awake_machine run;
+  run.now.utc_ms = 400;
+  run.next_transition = kNow + 1000;
+  run.send(event::zone_changed{kNow + 5, true});
+  EXPECT_EQ(run.last<order::deliver>().callback, delivery::kZone);
+  EXPECT_EQ(due_at(run.m, due_kind::kTransition), run.now.boot + 4600);
+  run.now.utc_ms = 0;
+  run.now.boot -= 400;
+  run.pass(5);
+  run.send(event::due{});
+  EXPECT_EQ(run.last<order::deliver>().callback, delivery::kTimeSet);
+  EXPECT_EQ(due_at(run.m, due_kind::kTransition), run.now.boot + 995 * kSecondMs);
+}
+
+TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
+  const struct {
+    event::any what;
+    clock_state state;
+  } rows[] = {
+      {event::ntp{true, false, true}, clock_state::kUnknown},
+      {event::ntp{true, true, true}, clock_state::kSynchronised},
+      {event::ntp{false, true, true}, clock_state::kByHand},
+      {event::clock_stepped{}, clock_state::kByHand},
+      {event::ntp{false, false, false}, clock_state::kUnknown},
+  };
+  for (const auto &row : rows) {
+    awake_machine run({}, true, false);
+    EXPECT_EQ(run.m.clock.state, clock_state::kUnknown);
+    run.send(row.what);
+    EXPECT_EQ(run.m.clock.state, row.state) << &row - rows;
+    EXPECT_EQ(run.last<order::deliver>().callback == delivery::kTimeUpdate ||
+                  run.last<order::deliver>().callback == delivery::kTimeSet,
+              row.state != clock_state::kUnknown);
+  }
+}
+
+TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
+  awake_machine run;
+  run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});
+  EXPECT_NE(run.m.problems[static_cast<std::size_t>(problem::kCannotSleep)], 0);
+  settings set;
+  set.off = off_action::kPoweroff;
+  run.send(event::configured{set});
+  EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kCannotSleep)], 0);
+}

@@ -1,0 +1,338 @@
+// The adapters of the real-time clock, the television, the input devices and the clock.
+#include "cec.h"
+#include "configuration.h"
+#include "edid.h"
+#include "input.h"
+#include "machine.h"
+#include "rtc.h"
+#include "timedated.h"
+#include "zone.h"
+
+#include <Ecore.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <linux/input.h>
+#include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+// --- real-time clock ---
+
+class Rtc : public Machine {};
+
+TEST_F(Rtc, IsTheFirstThatCanWake_OrTheConfiguredOne) {
+  write_file("/sys/class/rtc/rtc10/wakealarm", "");
+  write_file("/sys/class/rtc/rtc2/wakealarm", "");
+  write_file("/sys/class/rtc/rtc2/device/power/wakeup", "disabled\n");
+  std::filesystem::create_symlink("/dev/rtc0", "/dev/rtc");
+  const auto chosen = [](const char *configured) {
+    choose_rtc(configured);
+    return rtc_path();
+  };
+  EXPECT_EQ(chosen("auto"), "/dev/rtc0");
+  std::filesystem::remove(kAlarmPath);
+  EXPECT_EQ(chosen("auto"), "/dev/rtc10");
+  EXPECT_EQ(chosen("/dev/rtc"), "/dev/rtc0");
+  EXPECT_TRUE(read_rtc().for_good) << "it has no alarm";
+  EXPECT_EQ(chosen("/dev/rtc5"), "");
+  EXPECT_TRUE(read_rtc().for_good);
+  EXPECT_EQ(write_rtc_alarm(kNow).error, ENODEV);
+  EXPECT_FALSE(read_rtc_utc());
+}
+
+TEST_F(Rtc, IsRead_AndItsAlarmWrittenAndReadBack) {
+  choose_rtc("auto");
+  const auto written = [](std::int64_t count) {
+    const auto result = write_rtc_alarm(count);
+    return std::tuple(result.count, result.error, read_file(kAlarmPath));
+  };
+  const auto text = std::to_string(kNow + 60);
+  EXPECT_EQ(written(kNow + 60), std::tuple(kNow + 60, 0, text));
+  rtc.minutes = true;
+  const device_reading reading = read_rtc();
+  EXPECT_EQ(std::tuple(reading.error, reading.clock, reading.alarm, reading.minutes),
+            std::tuple(0, kNow, kNow + 60, true));
+  rtc.refuses = EINVAL;
+  EXPECT_EQ(switch_off_rtc_alarm().error, EINVAL);
+  EXPECT_EQ(written(kNow + 90), std::tuple(0, EINVAL, ""));
+  EXPECT_EQ(switch_off_rtc_alarm().error, 0) << "it is off already";
+  rtc.refuses = 0;
+  rtc.forgets = true;
+  EXPECT_EQ(written(kNow + 90), std::tuple(0, EIO, ""));
+  write_file(kAlarmPath, text);
+  EXPECT_EQ(switch_off_rtc_alarm().error, 0);
+  std::filesystem::remove("/sys/class/rtc/rtc0/since_epoch");
+  EXPECT_EQ(read_rtc().error, ENOENT);
+}
+
+TEST_F(Rtc, HasGivenTheTime_WhenItIsValidAndTheKernelTookIt) {
+  choose_rtc("auto");
+  EXPECT_EQ(read_rtc_utc(), kNow);
+  EXPECT_TRUE(rtc_gave_time(kNow));
+  EXPECT_FALSE(rtc_gave_time(kNow + 1));
+  write_file("/sys/class/rtc/rtc0/hctosys", "0");
+  EXPECT_FALSE(rtc_gave_time(kNow));
+}
+
+// --- television ---
+
+class Television : public Machine {
+protected:
+  void open(const char *lines = "cec=/dev/cec7") {
+    ASSERT_EQ(mkfifo("/dev/cec7", 0600), 0);
+    fifo_ = ::open("/dev/cec7", O_RDWR | O_CLOEXEC);
+    configure(lines);
+    read_configuration();
+    start_bus();
+    start_cec(hear);
+    open_cec();
+    change();
+  }
+
+  // What was sent, then what was heard.
+  static std::string both() {
+    const std::string heard = seen();
+    return std::exchange(cec.sent, "") + " | " + heard;
+  }
+
+  // With each message the kernel reports an event, as when the addresses have changed.
+  std::string reply_to(const cec_msg &message) {
+    cec.has_event = true;
+    EXPECT_EQ(write(fifo_, &message, sizeof message), sizeof message);
+    wait_until([] { return !cec.has_event; });
+    return both();
+  }
+
+  std::string says(std::initializer_list<std::uint8_t> bytes) {
+    cec_msg message{};
+    std::ranges::copy(bytes, message.msg);
+    message.len = static_cast<std::uint32_t>(bytes.size());
+    message.rx_status = CEC_RX_STATUS_OK;
+    return reply_to(message);
+  }
+
+  std::string change() { return reply_to({}); }
+
+private:
+  int fifo_ = -1;
+};
+
+void configured_by(const char *name) {
+  cec.addresses.num_log_addrs = 1;
+  cec.addresses.log_addr[0] = CEC_LOG_ADDR_PLAYBACK_2;
+  cec.addresses.log_addr_mask = 1 << CEC_LOG_ADDR_PLAYBACK_2;
+  std::strcpy(cec.addresses.osd_name, name);
+}
+
+TEST_F(Television, IsClaimed_Ordered_AndUnderstood) {
+  static constexpr struct {
+    std::initializer_list<std::uint8_t> said;
+    const char *sent;
+    const char *heard;
+  } kCases[] = {
+      {{0x04, CEC_MSG_GIVE_DEVICE_POWER_STATUS}, "409000", ""},
+      {{0x04, CEC_MSG_PLAY, 0x24}, "40004100", ""},
+      {{0x04, CEC_MSG_REPORT_POWER_STATUS, CEC_OP_POWER_STATUS_ON}, "", "; tv 0"},
+      {{0x04, CEC_MSG_REPORT_POWER_STATUS, CEC_OP_POWER_STATUS_TO_STANDBY}, "", "; tv 3"},
+      {{0x04, CEC_MSG_REPORT_POWER_STATUS, 9}, "", ""},
+      {{0x04, CEC_MSG_REPORT_POWER_STATUS}, "", ""},
+      {{0x54, CEC_MSG_REPORT_POWER_STATUS, 0}, "", ""}, // the amplifier
+      {{0x04, CEC_MSG_FEATURE_ABORT, 0x36, 0}, "", "; denies 54"},
+      {{0xf4, CEC_MSG_PLAY, 0x24}, "", ""}, // cannot be answered
+      {{0x0f, CEC_MSG_STANDBY}, "", "; standby"},
+      {{0x0f, CEC_MSG_REQUEST_ACTIVE_SOURCE}, "", "; source?"},
+      {{0x0f, CEC_MSG_SET_STREAM_PATH, 0x10, 0x00}, "", "; source?"},
+      {{0x0f, CEC_MSG_SET_STREAM_PATH, 0x20, 0x00}, "", ""},
+  };
+  open();
+  EXPECT_EQ(cec.claims, 1);
+  EXPECT_EQ(cec_description(), "/dev/cec7 1.0.0.0");
+  turn_television(true);
+  EXPECT_EQ(both(), "4004 4f821000 | ");
+  turn_television(false);
+  ask_television();
+  answer_television();
+  EXPECT_EQ(both(), "4036 408f 4f821000 | ");
+  for (const auto &[said, sent, heard] : kCases)
+    EXPECT_EQ(says(said), std::string(sent) + " | reachable 1" + heard);
+}
+
+TEST_F(Television, ThatDoesNotAnswer_IsSilent) {
+  cec_msg unanswered{};
+  open();
+  unanswered.tx_status = CEC_TX_STATUS_NACK | CEC_TX_STATUS_MAX_RETRIES;
+  unanswered.msg[0] = 0x40;
+  unanswered.len = 2;
+  EXPECT_EQ(reply_to(unanswered), " | reachable 1; silent");
+  unanswered.msg[0] = 0x4f;
+  EXPECT_EQ(reply_to(unanswered), " | reachable 1") << "not sent to it";
+  unanswered.tx_status = CEC_TX_STATUS_OK;
+  unanswered.msg[0] = 0x40;
+  EXPECT_EQ(reply_to(unanswered), " | reachable 1");
+  unanswered.rx_status = CEC_RX_STATUS_TIMEOUT;
+  EXPECT_EQ(reply_to(unanswered), " | reachable 1; silent");
+  cec.refuses = ENONET;
+  ask_television();
+  turn_television(false);
+  EXPECT_EQ(both(), "408f 4036 | silent; silent");
+}
+
+TEST_F(Television, OfAnAdapterThatSomebodyElseConfigured_IsLeftToItToAnswer) {
+  configured_by("player");
+  open("cec=/dev/cec7\ncec-standby=all");
+  EXPECT_EQ(cec.claims, 0);
+  turn_television(false);
+  EXPECT_EQ(both(), "8f36 | ");
+  EXPECT_EQ(says({0x08, CEC_MSG_GIVE_DEVICE_POWER_STATUS}), " | reachable 1");
+  configured_by("dravel"); // an earlier run of ours
+  change();
+  EXPECT_EQ(says({0x08, CEC_MSG_GIVE_DEVICE_POWER_STATUS}), "809000 | reachable 1");
+  cec.addresses = {};
+  change();
+  EXPECT_EQ(cec.claims, 0) << "it is about to be configured again";
+  turn_television(false);
+  EXPECT_EQ(cec.claims, 1);
+  EXPECT_EQ(both(), " | ");
+  EXPECT_EQ(change(), "4f36 | reachable 1") << "the order has waited for the address";
+}
+
+TEST_F(Television, WithoutAnAddress_IsWokenBlindly_AndItsOtherEndNotUsed) {
+  cec.physical = CEC_PHYS_ADDR_INVALID;
+  open();
+  EXPECT_EQ(cec_description(), "/dev/cec7");
+  turn_television(true);
+  turn_television(false);
+  ask_television();
+  EXPECT_EQ(both(), "f004 | silent; silent");
+  cec.physical = 0;
+  EXPECT_EQ(change(), " | reachable 0");
+  turn_television(true);
+  EXPECT_EQ(both(), " | silent");
+}
+
+// A block of HDMI's behind a video block, as a television at the output's port 2 has it.
+std::vector<std::uint8_t> edid(std::uint8_t oui) {
+  std::vector<std::uint8_t> bytes(256);
+  const std::uint8_t extension[] = {2, 3, 13, 0, 0x42, 1, 2, 0x65, oui, 0x0c, 0x00, 0x20, 0x00};
+  std::ranges::copy(extension, bytes.begin() + 128);
+  return bytes;
+}
+
+TEST_F(Television, BehindAUsbAdapter_HasTheAddressOfItsOutput) {
+  const auto bytes = edid(3);
+  EXPECT_EQ(physical_address_in(bytes), 0x2000);
+  EXPECT_EQ(physical_address_in(edid(4)), std::nullopt);
+  EXPECT_EQ(physical_address_in(std::span(bytes).first(200)), std::nullopt);
+  write_file("/sys/class/drm/card0-DP-1/status", "disconnected\n");
+  write_file("/sys/class/drm/card0-HDMI-A-1/status", "connected\n");
+  write_file("/sys/class/drm/card0-HDMI-A-1/edid", std::string(bytes.begin(), bytes.end()));
+  cec.physical = CEC_PHYS_ADDR_INVALID;
+  cec.needs_address = true;
+  open();
+  EXPECT_EQ(cec_description(), "/dev/cec7 2.0.0.0");
+  configure("cec=/dev/cec7\ncec-physical-address=3.1.0.0");
+  read_configuration();
+  open_cec();
+  change();
+  EXPECT_EQ(cec_description(), "/dev/cec7 3.1.0.0");
+}
+
+TEST_F(Television, WhoseAdapterIsMissing_IsAProblemOnlyWhenConfigured) {
+  start_bus();
+  start_cec(hear);
+  open_cec();
+  EXPECT_EQ(both(), " | works 8; reachable 0");
+  EXPECT_EQ(cec_description(), "");
+  configure("cec=/dev/cec3");
+  read_configuration();
+  open_cec();
+  EXPECT_EQ(both(), " | refused 8 2; reachable 0");
+}
+
+// --- input ---
+
+TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
+  ASSERT_EQ(mkfifo("/dev/input/event0", 0600), 0);
+  const int fifo = open("/dev/input/event0", O_RDWR | O_CLOEXEC);
+  const auto press = [](int fd, std::uint16_t type) {
+    input_event pressed{};
+    pressed.type = type;
+    EXPECT_EQ(write(fd, &pressed, sizeof pressed), sizeof pressed);
+    return seen();
+  };
+  start_bus();
+  start_input(hear);
+  EXPECT_EQ(press(fifo, EV_SYN), "");
+  watch_input(true);
+  EXPECT_EQ(seen(), "works 7");
+  EXPECT_EQ(press(fifo, EV_REL), "");
+  EXPECT_EQ(press(fifo, EV_KEY), "input");
+  ASSERT_EQ(mkfifo("/dev/input/event1", 0600), 0);
+  const int later = open("/dev/input/event1", O_RDWR | O_CLOEXEC);
+  seen();
+  EXPECT_EQ(press(later, EV_KEY), "input");
+  watch_input(false);
+  EXPECT_EQ(press(fifo, EV_KEY), "");
+}
+
+// --- clock ---
+
+TEST_F(Machine, TheClocksSource_ItsZone_AndItsSteps_AreTold) {
+  start_services();
+  start_bus();
+  start_timedated(hear);
+  EXPECT_EQ(seen(), "ntp 0 0 1");
+  set_property(kTimedated, "NTP", "true");
+  EXPECT_EQ(seen(), "ntp 1 0 1");
+  set_property(kTimedated, "NTPSynchronized", "true");
+  EXPECT_EQ(seen(), "ntp 1 1 1");
+  write_file("/run/systemd/timesync/synchronized", "");
+  EXPECT_TRUE(seen().starts_with("ntp 1 1 1"));
+  write_file("/run/systemd/timesync/synchronized", "x");
+  EXPECT_TRUE(seen().starts_with("ntp 1 1 1"));
+  setenv("TZ", "Europe/Berlin", 1);
+  set_property(kTimedated, "Timezone", "'Europe/Berlin'");
+  EXPECT_EQ(seen(), "zone 1806195600 1; ntp 1 1 1"); // 2027-03-28 01:00:00 UTC
+  ecore_event_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, nullptr, nullptr, nullptr);
+  EXPECT_EQ(seen(), "step");
+  services.reset();
+  ask_clock();
+  EXPECT_EQ(seen(), "ntp 0 0 0");
+}
+
+TEST_F(Machine, ATimeOfTheZone_IsOneTwoOrNone) {
+  static constexpr struct {
+    const char *zone;
+    std::int64_t local, first, second;
+  } kCases[] = {
+      {"UTC", kNow, kNow, 0},
+      {"Europe/Berlin", kNow + 3600, kNow, 0},
+      {"Europe/Berlin", 1806201000, 1806195600, 0},          // 02:30, left out
+      {"Europe/Berlin", 1824949800, 1824942600, 1824946200}, // 02:30, comes twice
+      {"Europe/Berlin", 1824953400, 1824949800, 0},          // 03:30
+      {"America/New_York", kNow - 5 * 3600, kNow, 0},
+      {"Asia/Kolkata", kNow + 19800, kNow, 0},
+  };
+  for (const auto &[zone, local, first, second] : kCases) {
+    setenv("TZ", zone, 1);
+    read_zone();
+    const utc_times found = utc_of_local(local);
+    EXPECT_EQ(std::pair(found.first, found.second), std::pair(first, second)) << zone << local;
+    EXPECT_EQ(utc_to_local(first), first == 1806195600 ? local + 1800 : local);
+  }
+  EXPECT_EQ(transition_after(kNow), 0);
+  setenv("TZ", "America/New_York", 1);
+  EXPECT_TRUE(read_zone());
+  EXPECT_FALSE(read_zone());
+  EXPECT_EQ(transition_after(kNow), 1805007600);       // 2027-03-14 07:00:00 UTC
+  EXPECT_EQ(transition_after(1805007600), 1825567200); // 2027-11-07 06:00:00 UTC
+}
+
+} // namespace

@@ -1,0 +1,358 @@
+// The platform as a whole, from the daemon's calls to the devices; its configuration, its record
+// and its journal.
+#include "configuration.h"
+#include "machine.h"
+#include "record.h"
+
+#include <CTimeUtil.h>
+#include <E_DBus.h>
+#include <Ecore.h>
+#include <IPowerControl.h>
+#include <KintoAPI.h>
+#include <device_power.h>
+#include <screen_manager.h>
+#include <settings.h>
+#include <system_info.h>
+#include <system_log.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <sys/wait.h>
+#include <tuple>
+#include <unistd.h>
+
+namespace {
+
+// --- configuration ---
+
+class Configuration : public Machine {};
+
+auto all_values() {
+  const linux_configuration &read = configuration();
+  const settings &set = read.decisions;
+  return std::tuple(read.rtc, read.cec, read.cec_standby_all, read.cec_physical_address,
+                    read.keep_timers, set.off, set.lead_suspend, set.lead_poweroff,
+                    set.return_to_sleep, set.hop_boots, set.follow_screen, set.screen_follows);
+}
+
+TEST_F(Configuration, ABadValueIsOneLine_AndTheDefaultHoldsAtTheStart) {
+  static constexpr const char *kCases[][2] = {
+      {"rtc=rtc1", "rtc cannot be \"rtc1\""},
+      {"cec=cec0", "cec cannot be"},
+      {"cec-standby=none", "cec-standby cannot be"},
+      {"cec-physical-address=0.0.0.0", "cec-physical-address cannot be"},
+      {"cec-physical-address=1-0-0-0", "cec-physical-address cannot be"},
+      {"cec-physical-address=1.0.0", "cec-physical-address cannot be"},
+      {"off-action=Suspend", "off-action cannot be"},
+      {"lead-suspend=soon", "only 0 to 86400 seconds; the default is used"},
+      {"lead-poweroff=-1", "lead-poweroff cannot be"},
+      {"return-to-sleep=120 # seconds", "return-to-sleep cannot be"},
+      {"hop-boots=true", "hop-boots cannot be"},
+      {"follow-screen=yes", "follow-screen cannot be"},
+      {"screen-follows=1", "screen-follows cannot be"},
+      {"keep-timers=yes", "keep-timers cannot be"},
+      {"colour=red", "there is no key \"colour\""}};
+  const auto defaults = all_values();
+  for (const auto &[line, reported] : kCases) {
+    if (fork() == 0) { // the first reading is one of the process
+      configure(line);
+      read_configuration();
+      const std::string entry = next_entry();
+      _exit(entry.find(reported) != entry.npos && all_values() == defaults && next_entry().empty()
+                ? 0
+                : 1);
+    }
+    int status = 1;
+    wait(&status);
+    EXPECT_EQ(status, 0) << line;
+  }
+}
+
+TEST_F(Configuration, OfAReload_KeepsWhatIsInForce_WhereItIsBad) {
+  configure("off-action=none\nlead-suspend=20\nrtc=/dev/rtc1\nfollow-screen=sleep\nhop-boots=no");
+  read_configuration();
+  const settings expected = {off_action::kNone, 20, 90, 120, false, true, false};
+  EXPECT_EQ(configuration().decisions, expected);
+  for (const char *bad :
+       {"off-action=nothing\nlead-suspend=20\nrtc=/dev/rtc1\nfollow-screen=sleep\n"
+        "hop-boots=no",
+        "x\ny"}) {
+    configure(bad);
+    read_configuration();
+    EXPECT_NE(next_entry().find("what is in force stays"), std::string::npos);
+    EXPECT_EQ(configuration().decisions, expected);
+  }
+  std::ofstream(kConfigurationPath) << "[Linux]\n";
+  read_configuration();
+  EXPECT_NE(next_entry().find("there is no group [linux]"), std::string::npos);
+  EXPECT_EQ(configuration().rtc, "/dev/rtc1");
+  std::filesystem::remove(kConfigurationPath);
+  read_configuration();
+  EXPECT_EQ(configuration().decisions, settings{});
+  EXPECT_EQ(next_entry(), "");
+}
+
+// --- record ---
+
+TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
+  machine record;
+  record.screen.believed = screen_state::kOff;
+  record.alarm.wanted = {7, kNow + 100};
+  record.alarm.stands = {alarm_owner::kTimer, kNow + 85, kNow + 85};
+  record.alarm.foreign = {alarm_owner::kForeign, kNow + 900, kNow + 901};
+  EXPECT_FALSE(load_record(0).exists);
+  EXPECT_EQ(store_record(record), 0);
+  EXPECT_EQ(load_record(0).record.screen.believed, screen_state::kOff);
+  EXPECT_TRUE(load_record(0).same_boot);
+  std::filesystem::resize_file("/tmp/run/machine", 100); // as of another build
+  const kept_record kept = load_record(0);
+  EXPECT_TRUE(kept.exists && !kept.same_boot);
+  EXPECT_EQ(kept.record.alarm.wanted, record.alarm.wanted);
+  EXPECT_EQ(kept.record.alarm.stands, record.alarm.stands);
+  EXPECT_EQ(kept.record.alarm.foreign, record.alarm.foreign);
+  EXPECT_EQ(kept.record.screen.believed, screen_state::kUnknown);
+  std::filesystem::remove("/tmp/state/alarm");
+  write_file("/tmp/state/wake-up", "[wake-up]\ntype=7\non-time=1800000100\nalarm=1800000085\n");
+  EXPECT_EQ(load_record(kNow + 86).record.alarm.stands.count, kNow + 86) << "of version 1.1";
+  EXPECT_FALSE(load_record(0).exists);
+  std::filesystem::create_directories("/tmp/state/alarm.new");
+  record.alarm.wanted = {};
+  EXPECT_EQ(store_record(record), EISDIR);
+  std::filesystem::remove("/tmp/state/alarm.new");
+  EXPECT_EQ(store_record(record), 0);
+}
+
+TEST_F(Machine, HasOneDaemon_ThatHasAccessToTheState) {
+  const auto ignore = [](settings_key *, void *) {};
+  EXPECT_TRUE(lock_state());
+  EXPECT_EQ(device_power_get_wakeup_reason(), 0);
+  EXPECT_LT(settings_notify_key_changed(kSettingsTimeZone, ignore, nullptr), 0);
+  EXPECT_EQ(seen(), "another dravel-manager runs on this machine, this one ends");
+  std::filesystem::permissions("/tmp/state", std::filesystem::perms::none);
+  const uid_t user = geteuid();
+  ASSERT_TRUE(user != 0 || seteuid(65534) == 0);
+  EXPECT_FALSE(lock_state());
+  EXPECT_EQ(seteuid(user), 0);
+}
+
+// --- journal ---
+
+// Prints one line, and returns the level that it has in the journal.
+char level_of(system_log_priority priority, const std::string &tag, const char *text) {
+  system_log_print(priority, tag.c_str(), text, 7);
+  const std::string entry = next_entry(); // begins with "PRIORITY="
+  EXPECT_TRUE(entry.ends_with("\nSYSLOG_IDENTIFIER=" + tag + "\nMESSAGE=" + text + "\n")) << entry;
+  return entry.at(9);
+}
+
+TEST_F(Machine, TheJournal_ShowsProgressAsNotices_AndFailuresAsErrors) {
+  EXPECT_EQ(level_of(SYSTEM_LOG_PROGRESS, "DRAVEL_MANAGER", "failed auto_time_set"), '5');
+  EXPECT_EQ(level_of(SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "dravel expired"), '3');
+  EXPECT_EQ(level_of(SYSTEM_LOG_INFO, "DRAVEL_MANAGER", "failed"), '6');
+  EXPECT_EQ(level_of(SYSTEM_LOG_DEBUG, "DRAVEL_MANAGER", "loaded"), '7');
+  testing::internal::CaptureStderr();
+  system_log_print(SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "%d timers\n", 7);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "DRAVEL_MANAGER: 7 timers\n");
+}
+
+// --- the daemon's side ---
+
+int standby(int, void *) {
+  happened(inhibitor_is_held() ? "standby in time" : "standby");
+  return 0;
+}
+
+int wakeup(int reason, void *) {
+  happened("wakeup " + std::to_string(reason));
+  return 0;
+}
+
+int state_changed(const void *event, void *) {
+  happened("state " + std::to_string(static_cast<const device_power_event *>(event)->state));
+  return 0;
+}
+
+void setting_changed(settings_key *, void *key) {
+  happened(std::filesystem::path(static_cast<const char *>(key)).filename());
+}
+
+int time_update(ESignalType, EProfile, std::uint16_t, TSSignalData, void *) {
+  happened("time update");
+  return 0;
+}
+
+std::uint32_t time_value(std::int64_t utc) { return static_cast<std::uint32_t>(utc); }
+
+int program(std::uint32_t type, std::int64_t utc) {
+  return IPowerControl::getInstance()->set_wakeup_time(type, time_value(utc));
+}
+
+class Platform : public Machine {
+protected:
+  ~Platform() override { e_dbus_shutdown(); }
+
+  std::string start(const char *lines = "") {
+    configure(lines);
+    start_services();
+    reason_at_first = device_power_get_wakeup_reason(); // the daemon asks before it subscribes
+    for (const char *key : {kSettingsTimeZone, kSettingsClockMode, kSettingsTimeSet})
+      settings_notify_key_changed(key, setting_changed, const_cast<char *>(key));
+    e_dbus_init();
+    e_dbus_request_name(e_dbus_bus_get(DBUS_BUS_SYSTEM), kMachine.name, 0, nullptr, nullptr);
+    device_power_subscribe_standby(standby, nullptr);
+    device_power_subscribe_wakeup(wakeup, nullptr);
+    device_power_subscribe_state_changed_event(state_changed, nullptr);
+    ISignalSubscriber *subscriber = nullptr;
+    KintoAPI::CreateSignalSubscriber(time_update, &subscriber);
+    subscriber->Subscribe(SIGNAL_SYSTEM_TIME_UPDATED, 0, 1, 0, 0);
+    run_until_idle();
+    wait_until(inhibitor_is_held);
+    return seen();
+  }
+
+  // The platform answers while another thread asks.
+  static std::string ask(const std::function<std::string(bus_client &other)> &question) {
+    auto answer = std::async(std::launch::async, [&] {
+      bus_client other;
+      return question(other);
+    });
+    wait_until(
+        [&] { return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+    return answer.get();
+  }
+  static std::string property(const char *name) {
+    return ask([=](bus_client &other) { return other.property(name, kMachine); });
+  }
+  static std::string call_method(const char *name, const char *arguments) {
+    return ask([=](bus_client &other) { return other.ask(kMachine, name, arguments); });
+  }
+
+  static constexpr bus_target kMachine = {kDravelBusName, "/org/olvara/tv/system/dravel/machine",
+                                          "org.olvara.tv.system.dravel.machine"};
+  int reason_at_first = 0;
+};
+
+TEST_F(Platform, WakesForATimer_BeforeTheDaemonActs_AndGoesBackToSleep) {
+  start();
+  EXPECT_EQ(program(7, kNow + 3600), 0);
+  EXPECT_EQ(read_file(kAlarmPath), std::to_string(kNow + 3585));
+  EXPECT_EQ(property("Alarm") + property("AlarmFor"), "uint64 1800003585'timer'");
+  emit(kLogind, "PrepareForSleep", "b", "<true>");
+  EXPECT_EQ(seen(), "standby in time");
+  EXPECT_FALSE(inhibitor_is_held());
+  sleep_for(3585);
+  write_file(kAlarmPath, ""); // it has gone off
+  emit(kLogind, "PrepareForSleep", "b", "<false>");
+  EXPECT_EQ(seen(), "wakeup 33; time update; Inhibit 'sleep:shutdown'");
+  EXPECT_EQ(device_power_get_wakeup_reason(), 33);
+  EXPECT_EQ(property("LastWake"), "(uint64 1800003585, 'timer')");
+  device_power_set_wakeup_reason(33);
+  EXPECT_EQ(seen(), "RestartUnit 'dravel-wakeup@33.target'");
+}
+
+TEST_F(Platform, MakesUpForATimer_ThatALateWakeUpHasMissed) {
+  setenv("TZ", "Europe/Berlin", 1);
+  start();
+  program(0, kNow + 3600 + 3600); // local time
+  emit(kLogind, "PrepareForSleep", "b", "<true>");
+  seen();
+  late_timers = {{5, 0, time_value(kNow + 3600 + 3600)}};
+  sleep_for(3630);
+  write_file(kAlarmPath, "");
+  emit(kLogind, "PrepareForSleep", "b", "<false>");
+  EXPECT_EQ(seen(), "due 1800006930 1800007230; wakeup 2; time update; Inhibit 'sleep:shutdown'; "
+                    "RestartUnit 'dravel-wakeup@2.target'; RestartUnit 'dravel-on.target'");
+}
+
+TEST_F(Platform, IsNotCalledBack_BeforeACallHasReturned) {
+  start();
+  EXPECT_EQ(device_power_get_state(), 2) << "nobody knows the screen";
+  device_power_set_state(0, 1);
+  EXPECT_EQ(device_power_get_state(), 0);
+  device_power_request_poweroff(1);
+  EXPECT_EQ(device_power_get_state(), 2);
+  screen_manager_set_ambient_mode(1, 1);
+  screen_manager_set_ambient_mode(0, 0);
+  EXPECT_EQ(seen(), "RestartUnit 'dravel-on.target'; RestartUnit 'dravel-off.target'; "
+                    "RestartUnit 'dravel-ambient.target'; StopUnit 'dravel-ambient.target'");
+}
+
+TEST_F(Platform, IsShownAndOrderedOnTheBus) {
+  start("off-action=none");
+  EXPECT_EQ(property("Screen") + property("ScreenBy") + property("Problems"),
+            "'unknown''targets'@as []");
+  EXPECT_EQ(call_method("TurnScreen", "(true,)"), "()");
+  EXPECT_EQ(property("Screen"), "'on'");
+  EXPECT_EQ(call_method("TestWake", "(uint32 5,)"), "org.olvara.tv.system.dravel.machine.Refused");
+  EXPECT_EQ(call_method("TestWake", "('x',)"), "org.freedesktop.DBus.Error.InvalidArgs");
+  EXPECT_EQ(seen(), "RestartUnit 'dravel-on.target'");
+}
+
+TEST_F(Platform, HasTheMachinesClock_AndItsSettings) {
+  int mode = 7;
+  bool kept = true;
+  rtc_time clock{};
+  setenv("TZ", "Europe/Berlin", 1);
+  start("keep-timers=false");
+  EXPECT_EQ(CTimeUtil::GetCurrentTime(), kNow + 3600);
+  EXPECT_EQ(settings_get_int(kSettingsClockMode, &mode), 0);
+  EXPECT_EQ(mode, 1);
+  EXPECT_LT(settings_get_int(kSettingsTimeZone, &mode), 0);
+  EXPECT_EQ(program(0, kNow + 3600 + 100), 0); // local time
+  EXPECT_EQ(read_file(kAlarmPath), std::to_string(kNow + 85));
+  EXPECT_EQ(IPowerControl::getInstance()->clear_wakeup_time(), 0);
+  seen();
+  EXPECT_EQ(read_file(kAlarmPath), "") << "written when the daemon has nothing left to do";
+  set_property(kTimedated, "NTP", "true");
+  set_property(kTimedated, "NTPSynchronized", "true");
+  EXPECT_EQ(seen(), "clock_mode; time update");
+  EXPECT_EQ(CTimeUtil::GetClockMode(), 0);
+  EXPECT_EQ(program(0, kNow + 100), 0); // UTC
+  EXPECT_EQ(read_file(kAlarmPath), std::to_string(kNow + 85));
+  EXPECT_EQ(IPowerControl::getInstance()->read_rtc(&clock), 0);
+  EXPECT_EQ(
+      std::tuple(clock.year, clock.month, clock.day, clock.hours, clock.minutes, clock.seconds),
+      std::tuple(27, 1, 15, 8, 0, 0));
+  EXPECT_EQ(system_info_get_custom_bool(kFeatureSyncDb, &kept), 0);
+  EXPECT_FALSE(kept);
+}
+
+TEST_F(Platform, OfAMachineThatATimerBooted_KnowsIt) {
+  timespec up{};
+  clock_gettime(CLOCK_BOOTTIME, &up);
+  machine record;
+  record.alarm.before_sleep_wanted = record.alarm.wanted = {7, kNow + 60};
+  record.alarm.stands = {alarm_owner::kTimer, kNow - up.tv_sec, kNow - up.tv_sec};
+  record.alarm.before_sleep = record.alarm.stands;
+  store_record(record);
+  std::filesystem::remove_all("/tmp/run/machine");
+  start();
+  EXPECT_EQ(reason_at_first, 33);
+}
+
+TEST_F(Platform, ReadsItsConfigurationAgain_AndSettlesTheAlarmAtItsEnd) {
+  start();
+  program(0, kNow + 3600);
+  configure("lead-suspend=100");
+  raise(SIGUSR1);
+  EXPECT_EQ(seen(), "");
+  EXPECT_EQ(read_file(kAlarmPath), std::to_string(kNow + 3500));
+  write_file(kAlarmPath, "");
+  raise(SIGTERM);
+  seen();
+  EXPECT_EQ(read_file(kAlarmPath), std::to_string(kNow + 3510)) << "the machine may be going off";
+}
+
+TEST_F(Platform, OfAClockWithoutAnAlarm_RefusesAWakeUp_AndSaysWhy) {
+  std::filesystem::remove(kAlarmPath);
+  EXPECT_EQ(start(),
+            "there is no real-time clock with an alarm: No such device; the machine is not "
+            "woken for on-timers; Inhibit 'sleep:shutdown'");
+  EXPECT_EQ(program(0, kNow + 3600), -1);
+  EXPECT_NE(property("AlarmProblem"), "''");
+}
+
+} // namespace

@@ -1,0 +1,214 @@
+#include "sim_acts.h"
+
+#include <cerrno>
+
+static constexpr std::int64_t kDays[] = {1, 1, 7, 28};
+static constexpr std::uint32_t kTypes[] = {0, 1, 2, 4, 0};
+static constexpr std::int64_t kLastOrder = std::variant_size_v<order::any> - 1;
+
+static bool runs(const sim &w) { return w.state == life::kRunning; }
+
+static void later(sim &w, std::int64_t seconds, sim::action what) {
+  w.world_at(w.now + seconds * kSecondMs, std::move(what));
+}
+
+// --- devices ---
+
+static void add_timer(sim &w, std::int64_t type, std::int64_t ahead) {
+  if (runs(w))
+    w.add_timer(kTypes[type], w.tv_clock() + ahead, type == kDaily);
+}
+
+static void set_transition(sim &w, std::int64_t hours, std::int64_t spring) {
+  w.transition = kEvening + hours * 3600;
+  (spring != 0 ? w.offset_after : w.offset_before) = 7200;
+}
+
+static void use_remote(sim &w, std::int64_t on, std::int64_t tells) {
+  w.tv.on = on != 0;
+  w.tv.changed_at = w.tv.boots_until = w.now;
+  if (tells != 0 && on == 0 && w.tv.answers())
+    w.process_at(w.now + 5, [&w] { w.send(event::tv_standby{}); });
+}
+
+static void change_tv(sim &w, std::int64_t how, std::int64_t) {
+  w.tv.is_silent = how == 1;
+  w.tv.has_address = how != 2;
+  w.tv.denies = how == 3;
+  w.tv.lies = how == 4;
+  w.tv.changed_at = w.now;
+  w.tell_reachable();
+}
+
+static void slow_tv(sim &w, std::int64_t answer_ms, std::int64_t boot_seconds) {
+  w.tv.answers_after = answer_ms;
+  w.tv.boots_for = boot_seconds * kSecondMs;
+}
+
+static void refuse_alarm(sim &w, std::int64_t busy, std::int64_t seconds) {
+  w.alarm.refuses = busy != 0 ? EBUSY : EIO;
+  w.checks.tampered();
+  later(w, seconds, [&w] {
+    w.alarm.refuses = 0;
+    w.checks.tampered();
+  });
+}
+
+// --- people and programs ---
+
+static void wake_by_itself(sim &w, std::int64_t, std::int64_t) {
+  if (w.state == life::kAsleep)
+    w.wake(cause::kNothing);
+}
+
+static void log_in(sim &w, std::int64_t, std::int64_t) {
+  if (!runs(w))
+    return;
+  w.session_at = w.active_at = w.boot_ms();
+  w.change_use();
+}
+
+static void change_idle(sim &w, std::int64_t active, std::int64_t) {
+  if (!runs(w))
+    return;
+  w.active_at = active != 0 ? w.boot_ms() : 0;
+  w.change_use();
+}
+
+static void block(sim &w, std::int64_t bits, std::int64_t seconds) {
+  w.blocked = runs(w) ? static_cast<std::uint8_t>(bits) : 0;
+  w.change_use();
+  if (bits != 0)
+    later(w, seconds, [&w] { block(w, 0, 0); });
+}
+
+// One at a time: of two, nobody can tell afterwards which the last was.
+static void set_foreign(sim &w, std::int64_t ahead, std::int64_t) {
+  if (!runs(w) || (w.foreign && ahead != 0))
+    return;
+  if (w.sleeps_now || w.stops_now)
+    w.checks.tampered();
+  w.write_foreign(ahead);
+}
+
+static void rtcwake(sim &w, std::int64_t seconds, std::int64_t) {
+  if (!runs(w) || w.sleeps_now || w.stops_now || w.foreign)
+    return;
+  w.checks.tampered();
+  w.write_foreign(seconds);
+  if (w.foreign_stands)
+    w.go_down(off_action::kSuspend, false);
+}
+
+static void cut_power(sim &w, std::int64_t, std::int64_t) {
+  w.checks.tampered();
+  w.go_down(off_action::kPoweroff, false);
+}
+
+static void synchronise(sim &w, std::int64_t, std::int64_t) {
+  if (!runs(w))
+    return;
+  w.ntp_synchronised = true;
+  w.answer(event::ntp{w.ntp_on, true, true});
+}
+
+// --- the process ---
+
+static void kill_now(sim &w, std::int64_t for_ms, std::int64_t) {
+  if (!w.is_alive || !runs(w))
+    return;
+  w.end_process();
+  w.checks.tampered();
+  w.world_at(w.now + for_ms, [&w] {
+    w.checks.tampered();
+    w.start_process();
+  });
+}
+
+static void kill_soon(sim &w, std::int64_t orders, std::int64_t) {
+  w.orders_to_live = static_cast<int>(orders);
+}
+
+static void refuse_order(sim &w, std::int64_t which, std::int64_t seconds) {
+  const std::uint32_t bit = 1U << which;
+  w.refused |= bit;
+  w.checks.tampered();
+  later(w, seconds, [&w, bit] {
+    w.refused &= ~bit;
+    w.checks.tampered();
+  });
+}
+
+static void call_screen(sim &w, std::int64_t on, std::int64_t) {
+  if (!w.is_alive || !runs(w))
+    return;
+  w.checks.screen_called(on != 0);
+  w.call(event::screen_wanted{on != 0, event::asker::kBus});
+}
+
+static void test_wake(sim &w, std::int64_t seconds, std::int64_t) {
+  if (w.is_alive && runs(w))
+    w.send(event::test_wake{1, seconds});
+}
+
+static const act kActs[] = {
+    {"add timer", 6, {0, kDaily}, {60, 50000}, add_timer},
+
+    {"range", -4, {0, 3}, {}, [](sim &w, auto a, auto) { w.alarm.range = kDays[a] * kDay; }},
+    {"minutes", -8, {}, {}, [](sim &w, auto, auto) { w.alarm.counts_minutes = true; }},
+    {"rtc wrong", -4, {-40000, 40000}, {}, [](sim &w, auto a, auto) { w.alarm.ahead = a; }},
+    {"rtc drifts", -4, {-2000, 2000}, {}, [](sim &w, auto a, auto) { w.alarm.drift = a; }},
+    {"flag stays", -4, {}, {}, [](sim &w, auto, auto) { w.alarm.keeps_flag = true; }},
+    {"no rtc", -30, {}, {}, [](sim &w, auto, auto) { w.alarm.is_there = false; }},
+    {"no boot", -8, {}, {}, [](sim &w, auto, auto) { w.alarm.boots = false; }},
+    {"no CEC", -3, {}, {}, [](sim &w, auto, auto) { w.tv.has_cec = false; }},
+    {"off", -3, {}, {}, [](sim &w, auto, auto) { w.tv.on = w.plain_on = false; }},
+    {"off-action", -2, {0, 3}, {}, [](sim &w, auto a, auto) { w.set.off = off_action(a); }},
+    {"return", -3, {0, 600}, {}, [](sim &w, auto a, auto) { w.set.return_to_sleep = a; }},
+    {"no hop boot", -4, {}, {}, [](sim &w, auto, auto) { w.set.hop_boots = false; }},
+    {"follow-screen", -5, {}, {}, [](sim &w, auto, auto) { w.set.follow_screen = true; }},
+    {"screen-follows", -5, {}, {}, [](sim &w, auto, auto) { w.set.screen_follows = true; }},
+    {"delay max", -3, {5, 30}, {}, [](sim &w, auto a, auto) { w.delay_max = a; }},
+    {"s2idle", -5, {}, {}, [](sim &w, auto, auto) { w.counts_sleep = false; }},
+    {"slow bus", -4, {20, 300}, {}, [](sim &w, auto a, auto) { w.bus_ms = a; }},
+    {"doubled end", -4, {}, {}, [](sim &w, auto, auto) { w.doubles_end = true; }},
+    {"transition", -6, {1, 14}, {0, 1}, set_transition},
+    {"no clock", -12, {}, {}, [](sim &w, auto, auto) { w.rtc_valid = w.ntp_synchronised = false; }},
+    {"long job", -3, {10, 2000}, {}, [](sim &w, auto a, auto) { w.job_runs = a * kSecondMs; }},
+
+    {"key", 4, {}, {}, [](sim &w, auto, auto) { w.press_key(); }},
+    {"wakes by itself", 3, {}, {}, wake_by_itself},
+    {"log in", 2, {}, {}, log_in},
+    {"idle", 2, {0, 1}, {}, change_idle},
+    {"remote", 5, {0, 1}, {0, 1}, use_remote},
+    {"tv is", 5, {0, 4}, {}, change_tv},
+    {"tv slow", 2, {50, 4000}, {1, 20}, slow_tv},
+    {"menu: sleep", 8, {}, {}, [](sim &w, auto, auto) { w.begin_sleep(off_action::kSuspend); }},
+    {"menu: off", 2, {}, {}, [](sim &w, auto, auto) { w.begin_shutdown(false); }},
+    {"called off", 1, {}, {}, [](sim &w, auto, auto) { w.begin_shutdown(true); }},
+    {"power cut", 1, {}, {}, cut_power},
+    {"foreign alarm", 4, {0, 30000}, {}, set_foreign, true},
+    {"slow foreign", 2, {1, 60}, {}, [](sim &w, auto a, auto) { w.foreign_delay = a * kSecondMs; }},
+    {"block", 4, {0, 7}, {1, 4000}, block},
+    {"sleep fails", 2, {1, 5}, {}, [](sim &w, auto a, auto) { w.fails = static_cast<int>(a); }},
+    {"rtcwake", 2, {5, 3000}, {}, rtcwake, true},
+    {"clock steps",
+     2,
+     {-4000, 4000},
+     {},
+     [](sim &w, auto a, auto) { w.step_clock(a * kSecondMs); }},
+    {"synchronised", 2, {}, {}, synchronise},
+    {"killed", 3, {1, 3000}, {}, kill_now},
+    {"killed soon", 2, {0, 12}, {}, kill_soon, true},
+    {"alarm refused", 2, {0, 1}, {1, 200}, refuse_alarm},
+    {"order refused", 3, {0, kLastOrder}, {1, 400}, refuse_order},
+    {"TurnScreen", 2, {0, 1}, {}, call_screen},
+    {"TestWake", 2, {10, 300}, {}, test_wake, true},
+    {"halted",
+     1,
+     {0, 1},
+     {},
+     [](sim &w, auto a, auto) { w.is_halted = runs(w) ? a != 0 : w.is_halted; }},
+};
+
+std::span<const act> acts() { return kActs; }

@@ -1,0 +1,259 @@
+// The process: the queue of events, and a small model of the daemon.
+#include "sim.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cxxabi.h>
+#include <typeinfo>
+
+static constexpr millis kDaemonStartsMs = 400;
+static constexpr std::int32_t kRecordReason = 20;
+
+// --- the shell ---
+
+template <class Variant> static std::string name_of(const Variant &what) {
+  const char *mangled = std::visit([](const auto &held) { return typeid(held).name(); }, what);
+  char *name = abi::__cxa_demangle(mangled, nullptr, nullptr, nullptr);
+  std::string text = name;
+  std::free(name);
+  return text;
+}
+
+static std::string text_of(const order::any &what) {
+  std::string text = name_of(what);
+  if (const auto *write = std::get_if<order::write_alarm>(&what))
+    text +=
+        ' ' + std::to_string(write->count) + ' ' + std::to_string(static_cast<int>(write->owner));
+  else if (const auto *start = std::get_if<order::start_unit>(&what))
+    text += ' ' + std::to_string(static_cast<int>(start->name));
+  else if (const auto *told = std::get_if<order::deliver>(&what))
+    text +=
+        ' ' + std::to_string(static_cast<int>(told->callback)) + ' ' + std::to_string(told->value);
+  else if (const auto *sleep = std::get_if<order::sleep>(&what))
+    text += ' ' + std::to_string(static_cast<int>(sleep->method));
+  else if (const auto *said = std::get_if<order::say>(&what))
+    text += ' ' + std::to_string(static_cast<int>(said->what)) + ' ' + std::to_string(said->number);
+  return text;
+}
+
+// What a restart must not change. An order to the television is repeated, and a unit begins with
+// it.
+static bool reaches_outside(const order::any &what) {
+  return std::holds_alternative<order::sleep>(what) ||
+         std::holds_alternative<order::start_unit>(what) ||
+         std::holds_alternative<order::stop_unit>(what);
+}
+
+static std::string time_of(const sim &world) {
+  const std::int64_t seconds = world.utc() + world.offset(world.utc());
+  char text[32];
+  std::snprintf(text, sizeof text, "%02d %02d:%02d:%02d.%03d ",
+                static_cast<int>(world.now / (24 * kHourMs)), static_cast<int>(seconds / 3600 % 24),
+                static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60),
+                static_cast<int>(world.now % kSecondMs));
+  return text;
+}
+
+void sim::note(const std::string &text) {
+  if (trace != nullptr)
+    trace->push_back(time_of(*this) + text);
+}
+
+// An order that has perhaps been carried out before a restart is given again.
+void sim::keep_order(const std::string &text) {
+  if (given.empty() || given.back().second != text || given.back().first < now - kRestartMs)
+    given.emplace_back(now, text);
+}
+
+// What a new process asks must not tell it more than the old one knew, and what nobody has seen
+// meanwhile must not count: a key at a sleep. A test ends with its caller.
+bool sim::may_restart() const {
+  const screen_state truth = tv.on ? screen_state::kOn : screen_state::kOff;
+  const bool is_known = !tv.has_cec || (!tv.lies && m.screen.believed == truth);
+  return is_known && m.armed && !m.test.running && !set.follow_screen && counts_sleep &&
+         !sleeps_now;
+}
+
+void sim::send(const event::any &what) {
+  if (!is_alive)
+    return;
+  if (depth_ == 0 && calls == 0 && events++ >= restart_at_event && may_restart()) {
+    restart_at_event = INT32_MAX;
+    end_process();
+    start_process();
+  }
+  if (trace != nullptr)
+    note(name_of(what));
+  const machine before = m;
+  const auto [after, list] = decide(m, what, this_moment());
+  m = stored = after;
+  has_stored = true;
+  checks.decided(before, what, list);
+  const int run = run_;
+  ++depth_;
+  for (const order::any &one : list) {
+    if (orders_to_live == 0 || run != run_)
+      break;
+    orders_to_live -= orders_to_live > 0 ? 1 : 0;
+    if (trace != nullptr)
+      note("  " + text_of(one));
+    if (reaches_outside(one))
+      keep_order(text_of(one));
+    checks.ordered(one);
+    carry_out(one);
+  }
+  --depth_;
+  if (orders_to_live == 0) {
+    orders_to_live = -1;
+    end_process();
+    world_at(now + kDaemonStartsMs, [this] { start_process(); });
+  }
+  if (run != run_)
+    return;
+  const std::int64_t due = next_due(m);
+  timer_ = due == kNever ? kNever : mono_ms() + due - boot_ms();
+}
+
+void sim::call(const event::any &what) {
+  ++calls;
+  send(what);
+  --calls;
+}
+
+void sim::deliver(delivery callback) {
+  if (is_delivering)
+    broken(11, "a callback within a callback");
+  is_delivering = true;
+  if (callback != delivery::kState && callback != delivery::kStandby)
+    arm_timers();
+  program_alarm();
+  is_delivering = false;
+  send(event::returned{callback});
+}
+
+// In the runtime directory nearly all of it; in the state directory what the next boot needs.
+static machine kept_of(const machine &stored, bool same_boot) {
+  machine kept = same_boot ? stored : machine{};
+  kept.alarm = stored.alarm;
+  kept.power.now = stored.power.now;
+  kept.power.went = stored.power.went;
+  return kept;
+}
+
+void sim::start_process() {
+  if (is_alive || state != life::kRunning)
+    return;
+  is_alive = true;
+  alive_at = now;
+  event::started start;
+  start.has_kept = has_stored;
+  start.same_boot = has_run;
+  start.kept = kept_of(stored, has_run);
+  has_run = true;
+  start.device = read_device();
+  start.rtc_valid = rtc_valid;
+  start.booted_at = utc() - seconds_of(boot_ms());
+  start.build_day = kEvening - 30 * kDay;
+  start.next_transition = next_transition();
+  start.set = set;
+  m = {};
+  for (sim_timer &timer : timers)
+    timer.fires_at = kNever;
+  ++calls;
+  send(start);
+  if (!is_alive)
+    return;
+  --calls;
+  tell_reachable();
+  for (const auto &[id, running] : jobs)
+    answer(event::job_began{id, running.first});
+  process_at(now + kDaemonStartsMs, [this] {
+    arm_timers();
+    program_alarm();
+    send(event::armed{});
+  });
+}
+
+void sim::end_process() {
+  is_alive = false;
+  checks.process_ended();
+  ++run_;
+  is_delivering = false;
+  calls = 0;
+  timer_ = kNever;
+  watches_input = false;
+  holds_inhibitor = false;
+  release_checked();
+}
+
+// --- the daemon ---
+
+void sim::add_timer(std::uint32_t type, std::int64_t local, bool daily) {
+  timers.push_back({next_id_++, type, local, daily});
+  if (is_alive && m.armed) {
+    arm_timers();
+    program_alarm();
+  }
+}
+
+// Counted on the TV clock. What is past or due in this second does not fire, unless it is just
+// about to; a daily timer goes on to the next day.
+void sim::arm_timers() {
+  const std::int64_t clock = tv_clock();
+  const bool is_known = is_clock_known();
+  const auto is_past = [&](const sim_timer &timer) {
+    const bool fires_now =
+        timer.local == clock && timer.fires_at != kNever && timer.fires_at < mono_ms() + kSecondMs;
+    return is_known && timer.local <= clock && !fires_now;
+  };
+  std::erase_if(timers, [&](const sim_timer &timer) { return !timer.daily && is_past(timer); });
+  for (sim_timer &timer : timers) {
+    while (is_past(timer))
+      timer.local += kDay;
+    timer.fires_at = is_known ? mono_ms() + (timer.local - clock) * kSecondMs : kNever;
+    if (timer.fires_at == kNever)
+      continue;
+    process_at(now + timer.fires_at - mono_ms(), [this, id = timer.id, at = timer.fires_at] {
+      const auto found = std::ranges::find(timers, id, &sim_timer::id);
+      if (found != timers.end() && found->fires_at == at)
+        fire(id);
+    });
+  }
+}
+
+const sim_timer *sim::next_on_timer() const {
+  const sim_timer *next = nullptr;
+  for (const sim_timer &timer : timers)
+    if (timer.type != 1 && timer.fires_at != kNever &&
+        (next == nullptr || timer.local < next->local))
+      next = &timer;
+  return next;
+}
+
+void sim::program_alarm() {
+  if (const sim_timer *next = next_on_timer())
+    call(event::program{next->type, to_utc(next->local), 0});
+  else
+    call(event::unprogram{});
+}
+
+void sim::fire(std::uint32_t id) {
+  const auto timer = std::ranges::find(timers, id, &sim_timer::id);
+  const std::uint32_t type = timer->type;
+  timer->local += kDay;
+  timer->fires_at = kNever;
+  if (!timer->daily)
+    timers.erase(timer);
+  const bool sleeping = m.screen.believed != screen_state::kOn;
+  if (!is_halted && sleeping && (type == 0 || type == 2))
+    call(event::fired{type == 0 ? 2 : kRecordReason});
+  if (type <= 1 && !is_halted)
+    checks.screen_called(type == 0);
+  if (!is_halted && type <= 1 && (type == 1 || sleeping))
+    call(event::screen_wanted{type == 0, event::asker::kDaemon});
+  if (!is_alive)
+    return;
+  arm_timers();
+  program_alarm();
+}
