@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ranges>
 
 static constexpr std::int64_t kDaySeconds = 86400;
 
@@ -66,10 +65,15 @@ std::optional<std::int64_t> next_transition(GTimeZone *zone, std::int64_t utc) {
   const std::int64_t offset = zone_offset(zone, utc);
   const auto is_before = [&](std::int64_t time) { return zone_offset(zone, time) == offset; };
   for (int day = 0; day < kLongestDays; ++day) {
-    const auto seconds =
-        std::views::iota(utc + day * kDaySeconds, utc + (day + 1) * kDaySeconds + 1);
-    if (!is_before(seconds.back()))
-      return *std::ranges::partition_point(seconds, is_before);
+    std::int64_t before = utc + day * kDaySeconds;
+    std::int64_t after = before + kDaySeconds;
+    if (is_before(after))
+      continue;
+    while (after - before > 1) {
+      const std::int64_t middle = before + (after - before) / 2;
+      (is_before(middle) ? before : after) = middle;
+    }
+    return after;
   }
   return std::nullopt;
 }
