@@ -79,7 +79,7 @@ void sim::send(const event::any &what) {
   if (!is_alive)
     return;
   if (depth_ == 0 && calls == 0 && events++ >= restart_at_event && may_restart()) {
-    restart_at_event = INT32_MAX;
+    restart_at_event = UINT32_MAX;
     end_process();
     start_process();
   }
