@@ -165,7 +165,7 @@ void post(const event::any &what) {
     decide_all();
 }
 
-void call(const event::any &what) {
+static void decide_call(const event::any &what) {
   ++calls;
   if (is_deciding) {
     decide_one(what);
@@ -176,11 +176,17 @@ void call(const event::any &what) {
   --calls;
 }
 
+// A daemon that is refused because another one runs changes nothing.
+void call(const event::any &what) {
+  if (record.started)
+    decide_call(what);
+}
+
 void start_shell(const event::started &first, const shell_parts &around) {
   parts = around;
   // Before the bus connection's own step, which sends what is ordered here.
   ecore_idle_enterer_before_add(main_loop_is_idle, nullptr);
-  call(first);
+  decide_call(first);
 }
 
 const machine &the_record() { return record; }
