@@ -71,5 +71,5 @@ private:
   int dues_ = 0;
   millis dues_since_ = 0;
 
-  static constexpr millis kDayMs = 24 * 3600 * kSecondMs;
+  static constexpr millis kDayMs = 86400 * kSecondMs;
 };

@@ -35,8 +35,8 @@ class chance {
 public:
   explicit chance(unsigned seed) : source_(seed) {}
   std::int64_t between(std::int64_t least, std::int64_t most) {
-    return least +
-           static_cast<std::int64_t>(source_() % static_cast<std::uint64_t>(most - least + 1));
+    const auto width = static_cast<std::uint64_t>(std::max<std::int64_t>(most - least, 0)) + 1;
+    return least + static_cast<std::int64_t>(source_() % width);
   }
   std::int64_t between(act_range of) { return between(of.first, of.second); }
   bool once_in(int times) { return between(1, times) == 1; }
@@ -96,7 +96,7 @@ static std::string sentence_of(const std::string &finding) {
 static std::string run_with_restart(const night &what, const sim &plain) {
   sim world;
   world.restart_at_event = static_cast<unsigned>(what.restart);
-  if (const std::string finding = world.run(what); !finding.empty())
+  if (std::string finding = world.run(what); !finding.empty())
     return finding;
   const auto is_same = [](const auto &left, const auto &right) {
     return left.second == right.second && std::abs(left.first - right.first) <= kRestartMs;
@@ -121,7 +121,7 @@ struct totals {
 
 static std::string run_once(const night &what, totals &seen) {
   sim world;
-  const std::string finding = world.run(what);
+  std::string finding = world.run(what);
   seen.sleeps += world.downs;
   seen.events += world.events;
   if (!finding.empty() || what.restart < 0)
