@@ -7,7 +7,7 @@ static constexpr std::int64_t kUserWindowMs = 10 * kSecondMs;
 static constexpr std::int64_t kResumeSeconds = 60;
 static constexpr std::int64_t kShortSleepMs = 60 * kSecondMs;
 static constexpr std::uint32_t kShortSleeps = 3;
-static constexpr std::int64_t kPauseMs = 15 * 60 * kSecondMs;
+static constexpr std::int64_t kPauseMs = 900 * kSecondMs;
 
 // From an alarm to the wake-up, or to the boot of the kernel.
 static std::int64_t longest_way(const machine &m) {

@@ -7,7 +7,7 @@
 #include <iterator>
 
 // Devices that take no on-time any number of days ahead take these.
-static constexpr std::int64_t kRanges[] = {27 * 86400, 23 * 3600};
+static constexpr std::int64_t kRanges[] = {27LL * 86400, 23LL * 3600};
 static constexpr std::int64_t kAgainAtStandbyMs = 500;
 // After the try at idle. Then only with the next program or sleep.
 static constexpr std::int64_t kAgainMs[] = {1 * kSecondMs, 10 * kSecondMs, 60 * kSecondMs};

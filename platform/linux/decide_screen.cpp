@@ -45,6 +45,12 @@ void order_screen(decision &d, bool on) {
   send_screen_order(d);
 }
 
+// Without CEC nothing else has turned the screen on or off.
+void doubt_screen_order(decision &d, unit refused) {
+  if (!d.m.screen.has_cec && (refused == unit::kOn || refused == unit::kOff))
+    d.m.screen.believed = screen_state::kUnknown;
+}
+
 void turn_screen(decision &d, bool on) {
   if (on) {
     drop_wish(d);

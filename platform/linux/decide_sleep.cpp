@@ -8,9 +8,8 @@
 
 static constexpr std::int64_t kAnswerMs = 3 * kSecondMs;    // of logind and the television
 static constexpr std::int64_t kUseAgainMs = 30 * kSecondMs; // when logind has not answered
-static constexpr std::int64_t kAlarmAgainMs = 900 * kSecondMs;
+static constexpr std::int64_t kLookMs = 900 * kSecondMs;
 static constexpr std::int64_t kOrderMs = 90 * kSecondMs; // until an ordered sleep begins
-static constexpr std::int64_t kHourMs = 3600 * kSecondMs;
 static constexpr std::int64_t kFailedAgainMs[] = {30 * kSecondMs, 60 * kSecondMs, 300 * kSecondMs,
                                                   900 * kSecondMs};
 
@@ -45,63 +44,17 @@ void change_off_action(decision &d) {
     d.m.sleep.method = d.m.set.off;
 }
 
-// What has been handed to logind cannot be taken back.
+// An order cannot be taken back.
 void drop_wish(decision &d) { wish_sleep(d, sleep_wish::kNone, off_action::kNone); }
 
 void forget_wish(decision &d) { set_wish(d, sleep_wish::kNone, off_action::kNone); }
 
-// --- what is in the way ---
+// --- postponed ---
 
-// UTC: until then the machine waits for something near; 0: nothing is near. An alarm may go off
-// before the machine sleeps, and does not wake it then.
-static std::int64_t near_until(const machine &m, const moment &now) {
-  const std::int64_t nearness = nearness_seconds(m, m.sleep.method);
-  const std::int64_t next = next_wake_utc(m, now);
-  const device_alarm &stands = m.alarm.stands;
-  const bool is_hop = stands.owner == alarm_owner::kHop && stands.utc > now.utc;
-  if (next != kNever && next - now.utc < lead_seconds(m, m.sleep.method) + nearness)
-    return next;
-  return is_hop && stands.utc - now.utc < nearness ? stands.utc : 0;
-}
-
-// boot; 0: at any time. Woken again and again, the machine is not sent to sleep again and again.
-static std::int64_t often_until(const machine &m) {
-  const std::int64_t oldest = m.power.sent_at.back();
-  return std::max(m.power.pause_until, oldest == 0 ? 0 : oldest + kHourMs);
-}
-
-// A user does not stop an off-timer, only who has asked for it.
-static std::uint8_t blocking_bits(const machine &m) {
-  if (m.sleep.wish == sleep_wish::kReturn || m.sleep.wish == sleep_wish::kTest)
-    return kSleepBit | kShutdownBit | kIdleBit;
-  return m.sleep.method == off_action::kPoweroff ? kShutdownBit : kSleepBit;
-}
-
-static postponed obstacle(const machine &m, const moment &now) {
-  const sleep_wish wish = m.sleep.wish;
-  if (wish == sleep_wish::kOffTimer && (m.screen.pending || off_job_runs(m)))
-    return postponed::kHook;
-  if (wakeup_job_runs(m))
-    return postponed::kJob;
-  if ((m.use.blocked & blocking_bits(m)) != 0)
-    return postponed::kBlocked;
-  if (wish == sleep_wish::kTest)
-    return m.alarm.stands.owner == alarm_owner::kTest ? postponed::kNot : postponed::kNoAlarm;
-  if (wish == sleep_wish::kReturn && is_session_in_use(m))
-    return postponed::kSession;
-  if (m.sleep.is_silent)
-    return postponed::kScreenSilent;
-  if (often_until(m) > now.boot)
-    return postponed::kOften;
-  if (near_until(m, now) != 0)
-    return postponed::kOnTimeNear;
-  return alarm_leads(m, now, m.sleep.method) ? postponed::kNot : postponed::kNoAlarm;
-}
-
-// The device is read again when nothing else tries it any longer.
-static void alarm_again(decision &d) {
+// What nobody tells: the device is read, the television asked again.
+static void look_later(decision &d) {
   if (due_at(d.m, due_kind::kSleepAgain) == kNever)
-    d.due_after(due_kind::kSleepAgain, kAlarmAgainMs);
+    d.due_after(due_kind::kSleepAgain, kLookMs);
 }
 
 // One line for each reason.
@@ -116,8 +69,8 @@ static void postpone(decision &d, postponed why) {
     d.due_at_utc(due_kind::kSleepAgain, near_until(d.m, d.now) + 1);
   else if (why == postponed::kOften)
     d.due(due_kind::kSleepAgain) = often_until(d.m);
-  else if (why == postponed::kNoAlarm)
-    alarm_again(d);
+  else if (why == postponed::kNoAlarm || why == postponed::kScreenSilent)
+    look_later(d);
   else if (!sleep.held)
     d.never(due_kind::kSleepAgain);
 }
@@ -195,6 +148,7 @@ void on(decision &d, const event::sleep_answered &e) {
 
 void sleep_again(decision &d) {
   d.m.sleep.held = false;
+  d.m.sleep.is_silent = false;
   if (d.m.sleep.why == postponed::kNoAlarm)
     check_alarm(d);
   if (is_ordered(d.m) && d.m.power.now == phase::kSleepAsked)
@@ -216,7 +170,7 @@ static bool has_all_answers(const machine &m) {
   return m.sleep.use_answered && m.sleep.screen_answered && is_alarm_settled(m);
 }
 
-// Asked once; then until it says anything.
+// Until it says anything, or is asked again.
 static bool lacks_answer(const machine &m) {
   return m.sleep.wish == sleep_wish::kReturn && must_say_off(m) &&
          m.screen.answered != screen_state::kOff;

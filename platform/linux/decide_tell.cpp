@@ -29,11 +29,16 @@ static constexpr delivery kDeliveries[] = {
     delivery::kStandby,   delivery::kWakeup,  delivery::kState,     delivery::kZone,
     delivery::kClockMode, delivery::kTimeSet, delivery::kTimeUpdate};
 
+// A daemon that hears of the wake-up forgets the timers that it has missed.
+static bool is_too_early(const machine &m, delivery what) {
+  return m.woken.late_open && what != delivery::kStandby;
+}
+
 void deliver_next(decision &d) {
   if (d.m.told.now != delivery::kNone)
     return;
   for (const delivery what : kDeliveries) {
-    if ((d.m.told.pending & bit(what)) == 0)
+    if ((d.m.told.pending & bit(what)) == 0 || is_too_early(d.m, what))
       continue;
     take_back(d, what);
     d.m.told.now = what;

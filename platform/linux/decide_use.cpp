@@ -92,25 +92,18 @@ static job *starting_job(decision &d, unit of) {
   return found == d.m.jobs.end() ? nullptr : found;
 }
 
-static std::int64_t limit_of(const decision &d, unit of) {
-  return d.now.boot + (of == unit::kOff ? kHookMs : kBeginMs);
-}
-
 void begin_unit(decision &d, unit of, std::int32_t reason) {
   d.give(order::start_unit{of, reason});
   if (job *place = find_job(d, 0); place != nullptr)
-    *place = {kStarting, of, reason, false, limit_of(d, of)};
+    *place = {kStarting, of, reason, false, d.now.boot + (of == unit::kOff ? kHookMs : kBeginMs)};
 }
 
 // The jobs that run are found again within this time. One that was asked for and is not among them
 // may not have been started at all.
 void doubt_jobs(decision &d) {
   for (job &j : d.m.jobs) {
-    j.may_be_lost = j.id == kStarting;
-    if (j.may_be_lost)
-      j.limit_at = d.now.boot + kFoundMs;
-    else
-      j = {};
+    j.may_be_lost = j.id != 0;
+    j.limit_at = d.now.boot + kFoundMs;
   }
 }
 
@@ -120,18 +113,17 @@ void forget_lost_jobs(decision &d) {
       j = {};
 }
 
+static job *place_for(decision &d, const event::job_began &e) {
+  if (job *known = find_job(d, e.id); known != nullptr)
+    return known->may_be_lost ? known : nullptr;
+  job *starting = starting_job(d, e.of);
+  return starting != nullptr ? starting : find_job(d, 0);
+}
+
 void on(decision &d, const event::job_began &e) {
   is_over(d, problem_of(e.of));
-  if (find_job(d, e.id) != nullptr)
-    return;
-  job *place = starting_job(d, e.of);
-  if (place == nullptr)
-    place = find_job(d, 0);
-  if (place == nullptr)
-    return;
-  if (place->id == 0)
-    place->limit_at = limit_of(d, e.of);
-  *place = {e.id, e.of, 0, false, e.of == unit::kOff ? place->limit_at : kNever};
+  if (job *place = place_for(d, e); place != nullptr)
+    *place = {e.id, e.of, 0, false, e.of == unit::kOff ? d.now.boot + kHookMs : kNever};
 }
 
 static void end_job(decision &d, job *ended) {
@@ -149,6 +141,7 @@ void on(decision &d, const event::job_ended &e) {
 
 void on(decision &d, const event::unit_refused &e) {
   has_problem(d, problem_of(e.of), e.error);
+  doubt_screen_order(d, e.of);
   end_job(d, starting_job(d, e.of));
 }
 
@@ -158,7 +151,7 @@ void forget_overdue_jobs(decision &d) {
       continue;
     const job overdue = j;
     j = {};
-    if (overdue.may_be_lost)
+    if (overdue.may_be_lost && overdue.id == kStarting)
       begin_unit(d, overdue.of, overdue.reason);
   }
 }

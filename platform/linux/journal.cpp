@@ -47,13 +47,6 @@ void report(const char *format, ...) {
   va_end(arguments);
 }
 
-void note(const char *format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  write_line(SYSTEM_LOG_INFO, kTag, format, arguments);
-  va_end(arguments);
-}
-
 static bool is_failure(order::saying what) {
   return what == order::saying::kProblem || what == order::saying::kTelevisionLate;
 }

@@ -11,7 +11,4 @@ inline constexpr const char *kEventId = "b9e79bcbc9524559903a405a6561a87d";
 // not work because of it.
 void report(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// What the platform does, at information priority.
-void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
 void write_saying(const order::say &said);

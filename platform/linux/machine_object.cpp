@@ -1,5 +1,6 @@
 #include "machine_object.h"
 
+#include "milliseconds.h"
 #include "sentences.h"
 
 #include <E_DBus.h>
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <ctime>
 #include <iterator>
 #include <map>
 #include <string_view>
@@ -66,12 +66,6 @@ static std::vector<std::string> problems_of(const machine &record) {
   return sentences;
 }
 
-static std::int64_t milliseconds(clockid_t clock) {
-  timespec time{};
-  clock_gettime(clock, &time);
-  return std::int64_t{time.tv_sec} * kSecondMs + time.tv_nsec / 1'000'000;
-}
-
 // The two clocks are not read at once: a difference of a second is none.
 static std::uint64_t sleeps_at(const machine &record, std::uint64_t before) {
   const std::int64_t due =
@@ -79,7 +73,7 @@ static std::uint64_t sleeps_at(const machine &record, std::uint64_t before) {
   if (due == kNever)
     return 0;
   const auto at = static_cast<std::uint64_t>(
-      (milliseconds(CLOCK_REALTIME) + due - milliseconds(CLOCK_BOOTTIME)) / kSecondMs);
+      (milliseconds_of(CLOCK_REALTIME) + due - milliseconds_of(CLOCK_BOOTTIME)) / kSecondMs);
   return at - before + 1 <= 2 ? before : at;
 }
 

@@ -126,6 +126,12 @@ void say_cause(decision &d);
 void user_window_ends(decision &d);
 bool by_alarm_of_ours(const machine &m);
 
+// --- decide_obstacle.cpp ---
+
+std::int64_t near_until(const machine &m, const moment &now);
+std::int64_t often_until(const machine &m);
+postponed obstacle(const machine &m, const moment &now);
+
 // --- decide_sleep.cpp, decide_return.cpp ---
 
 void wish_sleep(decision &d, sleep_wish wish, off_action method);
@@ -161,6 +167,7 @@ void check_off_action(decision &d);
 
 bool is_on(const machine &m);
 void turn_screen(decision &d, bool on);
+void doubt_screen_order(decision &d, unit refused);
 void turn_off_by_timer(decision &d);
 void ask_television(decision &d);
 void send_screen_order(decision &d);

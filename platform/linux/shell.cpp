@@ -1,5 +1,6 @@
 #include "shell.h"
 
+#include "milliseconds.h"
 #include "record.h"
 
 #include <Ecore.h>
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
-#include <ctime>
 #include <deque>
 #include <fstream>
 #include <utility>
@@ -32,19 +32,13 @@ static std::int64_t armed_slept;
 
 // --- time ---
 
-static std::int64_t milliseconds(clockid_t clock) {
-  timespec time{};
-  clock_gettime(clock, &time);
-  return std::int64_t{time.tv_sec} * kSecondMs + time.tv_nsec / 1'000'000;
-}
-
 static moment now() {
   moment present;
-  const std::int64_t utc = milliseconds(CLOCK_REALTIME);
+  const std::int64_t utc = milliseconds_of(CLOCK_REALTIME);
   present.utc = utc / kSecondMs;
   present.utc_ms = static_cast<std::int32_t>(utc % kSecondMs);
-  present.boot = milliseconds(CLOCK_BOOTTIME);
-  present.slept = present.boot - milliseconds(CLOCK_MONOTONIC);
+  present.boot = milliseconds_of(CLOCK_BOOTTIME);
+  present.slept = present.boot - milliseconds_of(CLOCK_MONOTONIC);
   std::ifstream(kSleepsPath) >> present.sleeps;
   return present;
 }
@@ -101,8 +95,8 @@ static Eina_Bool timer_ended(void *) {
 
 // The main loop's clock stands still while the machine sleeps.
 static void arm() {
-  const std::int64_t boot = milliseconds(CLOCK_BOOTTIME);
-  const std::int64_t slept = boot - milliseconds(CLOCK_MONOTONIC);
+  const std::int64_t boot = milliseconds_of(CLOCK_BOOTTIME);
+  const std::int64_t slept = boot - milliseconds_of(CLOCK_MONOTONIC);
   const std::int64_t due = next_due(record);
   if (due == armed_for && std::abs(slept - armed_slept) < kSleptAgainMs)
     return;
@@ -171,7 +165,7 @@ void post(const event::any &what) {
     decide_all();
 }
 
-void call(const event::any &what) {
+static void decide_call(const event::any &what) {
   ++calls;
   if (is_deciding) {
     decide_one(what);
@@ -182,11 +176,17 @@ void call(const event::any &what) {
   --calls;
 }
 
+// A daemon that is refused because another one runs changes nothing.
+void call(const event::any &what) {
+  if (record.started)
+    decide_call(what);
+}
+
 void start_shell(const event::started &first, const shell_parts &around) {
   parts = around;
   // Before the bus connection's own step, which sends what is ordered here.
   ecore_idle_enterer_before_add(main_loop_is_idle, nullptr);
-  call(first);
+  decide_call(first);
 }
 
 const machine &the_record() { return record; }

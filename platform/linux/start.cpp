@@ -7,6 +7,7 @@
 #include "journal.h"
 #include "logind.h"
 #include "machine_object.h"
+#include "milliseconds.h"
 #include "record.h"
 #include "rtc.h"
 #include "shell.h"
@@ -20,7 +21,6 @@
 #include <due_timers.h>
 #include <time_values.h>
 
-#include <ctime>
 #include <span>
 
 // 00:00 UTC of the day of the build.
@@ -147,12 +147,6 @@ static Eina_Bool process_ends(void *, int, void *) {
 
 // --- start ---
 
-static std::int64_t booted_at() {
-  timespec up{};
-  clock_gettime(CLOCK_BOOTTIME, &up);
-  return utc_now() - up.tv_sec;
-}
-
 // From files, /sys and clocks alone: the daemon asks for the wake-up reason before anything else.
 static event::started first_event() {
   event::started first;
@@ -162,7 +156,7 @@ static event::started first_event() {
   first.has_kept = kept.exists;
   first.same_boot = kept.same_boot;
   first.rtc_valid = rtc_gave_time(kBuildDay);
-  first.booted_at = booted_at();
+  first.booted_at = utc_now() - milliseconds_of(CLOCK_BOOTTIME) / kSecondMs;
   first.build_day = kBuildDay;
   first.next_transition = transition_after(utc_now());
   first.set = configuration().decisions;

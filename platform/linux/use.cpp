@@ -1,10 +1,10 @@
 #include "use.h"
 
 #include "bus.h"
+#include "milliseconds.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -52,15 +52,9 @@ static round current;
 
 // --- answers ---
 
-static std::int64_t milliseconds(clockid_t clock) {
-  timespec time{};
-  clock_gettime(clock, &time);
-  return std::int64_t{time.tv_sec} * kSecondMs + time.tv_nsec / 1'000'000;
-}
-
 // A time before the last sleep becomes a later one, which is still before the end of that sleep.
 static std::int64_t boot_time_of(std::uint64_t monotonic) {
-  const std::int64_t slept = milliseconds(CLOCK_BOOTTIME) - milliseconds(CLOCK_MONOTONIC);
+  const std::int64_t slept = milliseconds_of(CLOCK_BOOTTIME) - milliseconds_of(CLOCK_MONOTONIC);
   return static_cast<std::int64_t>(monotonic / kMicroseconds) + slept;
 }
 

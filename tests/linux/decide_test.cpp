@@ -170,7 +170,7 @@ TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
     settings set;
     set.hop_boots = hop_boots;
     awake_machine run(set);
-    run.m.alarm.range = 23 * 3600;
+    run.m.alarm.range = 23LL * 3600;
     run.send(event::program{0, kNow + 3 * kDay, 0});
     EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kHop);
     run.send(event::shutdown_begins{});

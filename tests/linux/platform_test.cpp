@@ -130,6 +130,8 @@ TEST_F(Machine, HasOneDaemon_ThatHasAccessToTheState) {
   EXPECT_TRUE(lock_state());
   EXPECT_EQ(device_power_get_wakeup_reason(), 0);
   EXPECT_LT(settings_notify_key_changed(kSettingsTimeZone, ignore, nullptr), 0);
+  device_power_set_state(0, 1);
+  EXPECT_EQ(device_power_get_state(), 2) << "a daemon that ends orders nothing";
   EXPECT_EQ(seen(), "another dravel-manager runs on this machine, this one ends");
   std::filesystem::permissions("/tmp/state", std::filesystem::perms::none);
   const uid_t user = geteuid();

@@ -174,8 +174,9 @@ struct sim {
   std::string finding; // "3: a block inhibitor at a sleep"; "" while all holds
   std::vector<std::string> *trace = nullptr;
   std::vector<std::pair<millis, std::string>> given; // orders that reach the outside
-  int restart_at_event = INT32_MAX;                  // or later, when it may
-  int events = 0;
+  unsigned restart_at_event = UINT32_MAX;            // or later, when it may
+  unsigned events = 0;                               // from outside
+  unsigned downs = 0;                                // sleeps and shutdowns
 
   std::string run(const night &what);
   void broken(int sentence, const std::string &text);

@@ -61,6 +61,12 @@ static void wake_by_itself(sim &w, std::int64_t, std::int64_t) {
     w.wake(cause::kNothing);
 }
 
+// As a bad driver or a mouse on the bed does.
+static void wake_often(sim &w, std::int64_t times, std::int64_t seconds) {
+  for (std::int64_t time = 1; time <= times; ++time)
+    later(w, time * seconds, [&w] { wake_by_itself(w, 0, 0); });
+}
+
 static void log_in(sim &w, std::int64_t, std::int64_t) {
   if (!runs(w))
     return;
@@ -178,6 +184,7 @@ static const act kActs[] = {
 
     {"key", 4, {}, {}, [](sim &w, auto, auto) { w.press_key(); }},
     {"wakes by itself", 3, {}, {}, wake_by_itself},
+    {"wakes often", 1, {4, 20}, {20, 400}, wake_often},
     {"log in", 2, {}, {}, log_in},
     {"idle", 2, {0, 1}, {}, change_idle},
     {"remote", 5, {0, 1}, {0, 1}, use_remote},

@@ -62,7 +62,7 @@ private:
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
   std::deque<millis> sleeps_;
-  bool timer_went_off_ = false, was_right_ = false;
+  bool timer_went_off_ = false, was_right_ = false, is_silent_ = false;
   millis credited_at_ = -1;
   std::int64_t left_at_up_ = 0; // seconds to the alarm that stands
   wanted_alarm wanted_, wanted_at_down_;
@@ -71,5 +71,5 @@ private:
   int dues_ = 0;
   millis dues_since_ = 0;
 
-  static constexpr millis kDayMs = 24 * 3600 * kSecondMs;
+  static constexpr millis kDayMs = 86400 * kSecondMs;
 };

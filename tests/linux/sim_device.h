@@ -30,7 +30,7 @@ public:
   bool is_there = true;
 
   std::int64_t count(millis now) const {
-    return kEvening + seconds_of(now + now / (24 * 3600) * drift / kSecondMs) + ahead;
+    return kEvening + seconds_of(now + now / 86400 * drift / kSecondMs) + ahead;
   }
 
   // A refused write switches off what stood; one in the past is accepted and sets nothing.

@@ -72,14 +72,14 @@ bool sim::may_restart() const {
   const screen_state truth = tv.on ? screen_state::kOn : screen_state::kOff;
   const bool is_known = !tv.has_cec || (!tv.lies && m.screen.believed == truth);
   return is_known && m.armed && !m.test.running && !set.follow_screen && counts_sleep &&
-         !sleeps_now;
+         !sleeps_now && tv.answers_after < kSecondMs;
 }
 
 void sim::send(const event::any &what) {
   if (!is_alive)
     return;
   if (depth_ == 0 && calls == 0 && events++ >= restart_at_event && may_restart()) {
-    restart_at_event = INT32_MAX;
+    restart_at_event = UINT32_MAX;
     end_process();
     start_process();
   }
@@ -125,9 +125,10 @@ void sim::deliver(delivery callback) {
   if (is_delivering)
     broken(11, "a callback within a callback");
   is_delivering = true;
-  if (callback != delivery::kState && callback != delivery::kStandby)
+  if (callback != delivery::kState && callback != delivery::kStandby && m.armed)
     arm_timers();
-  program_alarm();
+  if (m.armed)
+    program_alarm();
   is_delivering = false;
   send(event::returned{callback});
 }

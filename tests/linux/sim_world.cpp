@@ -104,6 +104,7 @@ void sim::go_down(off_action by, bool is_announced) {
   state = method == off_action::kPoweroff ? life::kOff : life::kAsleep;
   was_announced_ = is_announced;
   down_at = now;
+  ++downs;
   note(state == life::kOff ? "- off" : "- asleep");
   checks.went_down(is_ready);
 }

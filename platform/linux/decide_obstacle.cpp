@@ -1,0 +1,52 @@
+// What is in the way of a sleep that we want.
+#include "rules.h"
+
+#include <algorithm>
+
+static constexpr std::int64_t kHourMs = 3600 * kSecondMs;
+
+// UTC: until then the machine waits for something near; 0: nothing is near. An alarm may go off
+// before the machine sleeps, and does not wake it then.
+std::int64_t near_until(const machine &m, const moment &now) {
+  const std::int64_t nearness = nearness_seconds(m, m.sleep.method);
+  const std::int64_t next = next_wake_utc(m, now);
+  const device_alarm &stands = m.alarm.stands;
+  const bool is_hop = stands.owner == alarm_owner::kHop && stands.utc > now.utc;
+  if (next != kNever && next - now.utc < lead_seconds(m, m.sleep.method) + nearness)
+    return next;
+  return is_hop && stands.utc - now.utc < nearness ? stands.utc : 0;
+}
+
+// boot; 0: at any time. Woken again and again, the machine is not sent to sleep again and again.
+std::int64_t often_until(const machine &m) {
+  const std::int64_t oldest = m.power.sent_at.back();
+  return std::max(m.power.pause_until, oldest == 0 ? 0 : oldest + kHourMs);
+}
+
+// A user does not stop an off-timer, only who has asked for it.
+static std::uint8_t blocking_bits(const machine &m) {
+  if (m.sleep.wish == sleep_wish::kReturn || m.sleep.wish == sleep_wish::kTest)
+    return kSleepBit | kShutdownBit | kIdleBit;
+  return m.sleep.method == off_action::kPoweroff ? kShutdownBit : kSleepBit;
+}
+
+postponed obstacle(const machine &m, const moment &now) {
+  const sleep_wish wish = m.sleep.wish;
+  if (wish == sleep_wish::kOffTimer && (m.screen.pending || off_job_runs(m)))
+    return postponed::kHook;
+  if (wakeup_job_runs(m))
+    return postponed::kJob;
+  if ((m.use.blocked & blocking_bits(m)) != 0)
+    return postponed::kBlocked;
+  if (wish == sleep_wish::kTest)
+    return m.alarm.stands.owner == alarm_owner::kTest ? postponed::kNot : postponed::kNoAlarm;
+  if (wish == sleep_wish::kReturn && is_session_in_use(m))
+    return postponed::kSession;
+  if (m.sleep.is_silent)
+    return postponed::kScreenSilent;
+  if (often_until(m) > now.boot)
+    return postponed::kOften;
+  if (near_until(m, now) != 0)
+    return postponed::kOnTimeNear;
+  return alarm_leads(m, now, m.sleep.method) ? postponed::kNot : postponed::kNoAlarm;
+}
