@@ -23,6 +23,7 @@ install(FILES ${DATA}/dravel-manager.tmpfiles.conf
         DESTINATION lib/tmpfiles.d RENAME dravel-manager.conf)
 install(FILES ${DATA}/dravel-manager.sysusers.conf
         DESTINATION lib/sysusers.d RENAME dravel-manager.conf)
+install(FILES ${DATA}/dravelctl.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/dravel-manager)
 install(FILES ${PROJECT_BINARY_DIR}/data/dravelctl.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME dravelctl)
 install(FILES ${PROJECT_BINARY_DIR}/data/_dravelctl

@@ -110,6 +110,16 @@ enum dravel_period_argument {
 // The newest layout of the database that request_copy_db copies: its `PRAGMA user_version`.
 static const int kDravelDbVersion = 1;
 
+// The daemon's limits.
+enum dravel_limit {
+  DRAVEL_SEARCH_DAYS = 366,          // how far it looks for the next day of a repeating timer
+  DRAVEL_FARTHEST_DAYS = 365,        // how far ahead it arms a timer
+  DRAVEL_STANDBY_SKIP_SECONDS = 599, // an on-timer so soon after a standby timer replaces it
+  DRAVEL_GUARD_SECONDS = 59,         // the set is not woken so soon, within the current minute
+  DRAVEL_LAST_YEAR = 2099,           // the TV clock wraps from its end ...
+  DRAVEL_YEAR_AFTER_LAST = 2001      // ... to the begin of this one
+};
+
 // The clock that a timer's time is on.
 enum dravel_time_type {
   TIME_TYPE_BROADCAST = 0, // the TV clock

@@ -18,8 +18,8 @@ constexpr time_value kInvalidTime = 0xffffffffU;
 constexpr time_value kSecondsPerDay = 86400;
 
 // The TV clock wraps from the end of 2099 to 2001; both as tm_year.
-constexpr int kYear2001 = 101;
-constexpr int kYear2099 = 199;
+constexpr int kYear2001 = DRAVEL_YEAR_AFTER_LAST - 1900;
+constexpr int kYear2099 = DRAVEL_LAST_YEAR - 1900;
 
 enum clock_mode { CLOCK_MODE_AUTO = 0, CLOCK_MODE_MANUAL = 1, CLOCK_MODE_OTHER = 2 };
 

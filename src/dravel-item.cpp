@@ -14,9 +14,7 @@
 #include <vector>
 
 static constexpr int kFirstTransientTimerId = -10;
-static constexpr int kMaxSearchDays = 366;
 static constexpr int kDaysPerWeek = 7;
-static constexpr time_value kMaxSkipSeconds = 599;
 static constexpr int kFebruary = 1;
 
 static Eina_List *dravel_list;
@@ -252,7 +250,7 @@ static next_expiry next_repeating(const dravel_item *item, const clock_reading &
     if (*expire > clocks.now && holiday_test(item, *expire) != SKIP_REFUSED)
       return next_expiry::kDue;
   }
-  for (int day = 1; day <= kMaxSearchDays; ++day) {
+  for (int day = 1; day <= DRAVEL_SEARCH_DAYS; ++day) {
     ++date.tm_mday;
     if (!repeats_on(item, (today.tm_wday + day) % kDaysPerWeek))
       continue;
@@ -323,7 +321,7 @@ int can_skip_standby(const std::tm *standby, int timer_id) {
     if (ontimer->timer_id == timer_id || find_next_expiry(ontimer, &expire) != next_expiry::kDue)
       continue;
     const time_value distance = expire - standby_time;
-    if (distance >= 1 && distance <= kMaxSkipSeconds) {
+    if (distance >= 1 && distance <= DRAVEL_STANDBY_SKIP_SECONDS) {
       LOGD("can skipped standby timer(TC_DTU_000099)");
       LOG_TIME(SYSTEM_LOG_DEBUG, "by on timer: %s", &ontimer->tm);
       return 1;

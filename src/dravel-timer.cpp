@@ -21,8 +21,7 @@ static constexpr double kFinishWaitSeconds = 90.0;
 static constexpr double kAdjustWaitSeconds = 60.0;
 static constexpr double kPollSeconds = 0.1;
 
-static constexpr time_value kMaxDistanceSeconds = 31536000; // 365 days
-static constexpr time_value kRebootGuardSeconds = 59;
+static constexpr time_value kMaxDistanceSeconds = DRAVEL_FARTHEST_DAYS * time_value{86400};
 
 static constexpr int kNoOntimer = -1;
 static constexpr int kOntimerRefused = -2;
@@ -445,7 +444,7 @@ static int distance_to(time_value expire_time, const std::tm &expire_tm, time_va
 static bool fires_in_current_minute(time_value now, const std::tm &expire_tm, time_value timediff) {
   std::tm now_tm;
   unsigned_gmtime_r(now, &now_tm);
-  if (timediff > kRebootGuardSeconds || now_tm.tm_min != expire_tm.tm_min)
+  if (timediff > DRAVEL_GUARD_SECONDS || now_tm.tm_min != expire_tm.tm_min)
     return false;
   LOGI_OF(schedule_dravel_item, "micom spec. abovid reboot");
   return true;

@@ -1,5 +1,7 @@
 #include "client.h"
 
+#include "words.h"
+
 #include <algorithm>
 #include <cstring>
 #include <ctime>
@@ -17,8 +19,8 @@ struct client::image_reply {
   std::vector<std::uint8_t> images;
 };
 
-failure usage(const std::string &what, const std::string &advice) {
-  return {what, advice.empty() ? "see dravelctl help" : advice, kExitUsage};
+failure usage(const std::string &what, const std::string &advice, const std::string &option) {
+  return {what, advice.empty() ? "see dravelctl help" : advice, fault::kUsage, option};
 }
 
 static std::string seconds_text(int milliseconds) {
@@ -39,7 +41,7 @@ client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_se
   bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
   if (bus_ == nullptr)
     throw failure{"no system bus: " + std::string(error->message),
-                  "start dbus, or correct DBUS_SYSTEM_BUS_ADDRESS"};
+                  "start dbus, or correct DBUS_SYSTEM_BUS_ADDRESS", fault::kNotRunning};
   g_dbus_connection_set_exit_on_close(bus_, FALSE);
 }
 
@@ -47,19 +49,21 @@ client::~client() { g_object_unref(bus_); }
 
 void client::fail(const char *method, const GError *error, const std::string &when_silent) {
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
-    throw failure{"dravel-manager did not answer within " + seconds_text(timeout_ms_) +
-                      (when_silent.empty() ? "" : ": " + when_silent),
-                  kLogHint};
+    throw failure{
+        "dravel-manager did not answer within " + seconds_text(timeout_ms_) +
+            (when_silent.empty() ? "; it may still do what it was asked" : ": " + when_silent),
+        kLogHint, when_silent.empty() ? fault::kTimeout : fault::kRefused};
   if (is_one_of(error, {G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER}))
     throw failure{"dravel-manager is not running",
-                  "start it: systemctl start dravel-manager.service"};
+                  "start it: systemctl start dravel-manager.service", fault::kNotRunning};
   if (is_one_of(error, {G_DBUS_ERROR_NO_REPLY}))
-    throw failure{"dravel-manager ended before it answered", kLogHint};
+    throw failure{"dravel-manager ended before it answered", kLogHint, fault::kNotRunning};
   if (is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
     throw failure{"the bus policy denies you " + std::string(method),
                   std::strcmp(method, "request_copy_db") == 0
                       ? "only root may call it"
-                      : "only root and the members of the group dravel may call it"};
+                      : "only root and the members of the group dravel may call it",
+                  fault::kNotAllowed};
   g_autofree char *remote = g_dbus_error_get_remote_error(error);
   std::string text = error->message;
   if (remote != nullptr && text.rfind(remote) != std::string::npos)
@@ -140,13 +144,7 @@ std::vector<holiday> client::holidays() {
 
 static civil_time civil(std::uint32_t time) { return civil_time(seconds(time)); }
 
-static clocks machine_clocks() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  const civil_time system{seconds(now)};
-  return {system + seconds(local.tm_gmtoff), system};
-}
+civil_time machine_time() { return civil_time(seconds(std::time(nullptr))); }
 
 static std::string text_of(GVariant *properties, const char *name) {
   const char *text = "";
@@ -217,12 +215,17 @@ void client::read_halts(snapshot &view) {
   g_variant_get(reply, "(ii)", &view.halt_on, &view.halt_off);
 }
 
-snapshot client::look() {
-  snapshot view;
-  view.now = machine_clocks();
-  view.has_state = read_state(view);
+void client::read_lists(snapshot &view, bool with_holidays) {
   view.timers = timers();
-  view.holidays = holidays();
+  if (with_holidays)
+    view.holidays = holidays();
+}
+
+snapshot client::look(bool with_holidays) {
+  snapshot view;
+  view.now = {civil_of(machine_time()), machine_time()};
+  view.has_state = read_state(view);
+  read_lists(view, with_holidays || !view.has_state);
   if (view.has_state)
     return view;
   read_halts(view);
@@ -232,10 +235,24 @@ snapshot client::look() {
   return view;
 }
 
-snapshot client::look_at_state() {
+snapshot client::look_at_state(bool with_holidays) {
   snapshot view;
-  if (!read_state(view))
+  view.now = {civil_of(machine_time()), machine_time()};
+  view.has_state = read_state(view);
+  if (!view.has_state)
     throw failure{"this dravel-manager is older than dravelctl and does not tell its state",
                   "list, show, add and cancel work with it"};
-  return look();
+  read_lists(view, with_holidays);
+  return view;
+}
+
+std::string client::reason_not_to_change() {
+  try {
+    call_int("cancel_timer", g_variant_new("(i)", 0)); // no timer has this id
+  } catch (const failure &failure) {
+    if (failure.kind != fault::kNotAllowed)
+      throw;
+    return "members of the group dravel may; after joining it, log in again";
+  }
+  return "";
 }

@@ -9,21 +9,28 @@
 #include <string>
 #include <vector>
 
-constexpr int kExitUsage = 2;
+// The values are exit statuses. A timeout has that of a daemon that is not reached.
+enum class fault { kRefused = 1, kUsage, kNotRunning, kNotAllowed, kDiffers, kTimeout };
 
-// What ends the program: what failed and why, what to do about it, the exit status.
+// What ends the program: what failed and why, and what to do about it.
 struct failure {
   std::string what;
   std::string advice;
-  int status = 1;
+  fault kind = fault::kRefused;
+  std::string option{}; // that has the fault
+
+  int status() const { return kind == fault::kTimeout ? 3 : static_cast<int>(kind); }
 };
 
-failure usage(const std::string &what, const std::string &advice = "");
+failure usage(const std::string &what, const std::string &advice = "",
+              const std::string &option = "");
 
 inline constexpr const char *kLogHint = "its log says why: journalctl -t DRAVEL_MANAGER";
 
 // False when the property is not among them.
 bool read_wakeup(GVariant *properties, wakeup_time &wakeup);
+
+civil_time machine_time(); // UTC
 
 class client {
 public:
@@ -46,12 +53,14 @@ public:
   std::optional<timer_record> wakeup_timer();
   std::vector<holiday> holidays();
 
-  // Everything at once. From a daemon without the state object: what the tool computes from this
-  // machine's local time.
-  snapshot look();
+  // Everything at once; the holidays only where they are needed. From a daemon without the state
+  // object: what the tool computes from this machine's local time.
+  snapshot look(bool with_holidays = true);
 
   // The same for commands that need the state object. Throws a failure when there is none.
-  snapshot look_at_state();
+  snapshot look_at_state(bool with_holidays = true);
+
+  std::string reason_not_to_change(); // of the user's rights; empty when the user may
 
   GDBusConnection *bus() const { return bus_; }
 
@@ -59,6 +68,7 @@ private:
   struct image_reply;
   image_reply call_images(const char *method, int argument, std::size_t image_size);
   bool read_state(snapshot &view);
+  void read_lists(snapshot &view, bool with_holidays);
   void read_halts(snapshot &view);
   [[noreturn]] void fail(const char *method, const GError *error, const std::string &when_silent);
 

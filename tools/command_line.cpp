@@ -1,7 +1,24 @@
 #include "command_line.h"
 
+#include <algorithm>
+#include <cctype>
+#include <iterator>
+#include <numeric>
+#include <utility>
+
 static constexpr const char *kJsonFile = "FILE";
 static constexpr std::string_view kExample = "Example: ";
+
+// The command that is typed: the first word that is no option and no option's value.
+static std::string typed_command(const std::vector<std::string> &words) {
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (words[i] == "-t" || words[i] == "--timeout" || words[i] == "-H")
+      ++i;
+    else if (words[i].empty() || words[i][0] != '-')
+      return words[i];
+  }
+  return "";
+}
 
 CLI::App *command_line::command(CLI::App *above, const char *name, const char *summary,
                                 const char *example, command_function run) {
@@ -19,7 +36,7 @@ CLI::App *command_line::command(CLI::App *above, const char *name, const char *s
 void command_line::define_timer_options(CLI::App *command) {
   command
       ->add_option("--at", given_.at,
-                   "7:00, \"tomorrow 7:00\", \"fri 20:00\", +45m, \"2026-12-24 18:00\"; on "
+                   "7:00, 7pm, \"tomorrow 7:00\", \"fri 20:00\", +45m, \"2026-12-24 18:00\"; on "
                    "the set's clock")
       ->type_name("TIME");
   command
@@ -31,7 +48,7 @@ void command_line::define_timer_options(CLI::App *command) {
       ->type_name("TYPE");
   command
       ->add_option("--priority", given_.priority,
-                   "Of timers at the same second the highest comes first (default: 0)")
+                   "Of on-timers at one time the set is woken for the highest (default: 0)")
       ->type_name("N");
   command->add_option("--holidays", given_.holidays, "skip or ignore (default) the holidays")
       ->type_name("EFFECT");
@@ -39,17 +56,27 @@ void command_line::define_timer_options(CLI::App *command) {
       ->add_option("--clock", given_.clock,
                    "The clock that TIME is on: broadcast (default), internet (UTC), rtc")
       ->type_name("CLOCK");
+  command->add_flag("--check", given_.check, "Say what would happen; do nothing");
 }
 
-void command_line::define_timer_commands() {
-  command(&app_, "list", "List the timers, the next to fire first", "dravelctl list --json",
-          list_timers);
-  command(&app_, "show", "Show one timer", "dravelctl show 3", show_timer)
-      ->add_option("ID", given_.words, "The timer")
-      ->required()
-      ->expected(1);
-  CLI::App *add = command(&app_, "add", "Add a timer",
-                          "dravelctl add --at 6:55 --on mon-fri --holidays skip", add_timer);
+CLI::App *command_line::define_list(const command_row &row) {
+  CLI::App *list = command(&app_, row);
+  list->add_flag("--on-timers", given_.on_timers, "Only those that wake the set");
+  list->add_flag("--off-timers", given_.off_timers, "Only those that power it off");
+  list->add_option("--day", given_.days, "Only those of these days, as for --on of add")
+      ->type_name("DAYS")
+      ->allow_extra_args(false);
+  return list;
+}
+
+CLI::App *command_line::define_with_ids(const command_row &row) {
+  CLI::App *with_ids = command(&app_, row);
+  with_ids->add_option("ID", given_.words, "The timer")->required()->expected(1);
+  return with_ids;
+}
+
+CLI::App *command_line::define_add(const command_row &row) {
+  CLI::App *add = command(&app_, row);
   define_timer_options(add);
   add->add_flag("--force", given_.force,
                 "Let the timer with the smallest id go when there is no room");
@@ -60,36 +87,42 @@ void command_line::define_timer_commands() {
     types += "\n  " + name + type.meaning;
   }
   add->footer(add->get_footer() + "\n" + types);
-  CLI::App *change = command(&app_, "change", "Replace a timer by one with other options",
-                             "dravelctl change 3 --at 7:15", change_timer);
-  change->add_option("ID", given_.words, "The timer")->required()->expected(1);
+  return add;
+}
+
+CLI::App *command_line::define_change(const command_row &row) {
+  CLI::App *change = define_with_ids(row);
   define_timer_options(change);
-  command(&app_, "cancel", "Cancel timers", "dravelctl cancel 3 5", cancel_timers)
-      ->add_option("ID", given_.words, "The timers")
-      ->required();
+  return change;
 }
 
-void command_line::define_set_commands() {
-  command(&app_, "status", "Show the clock, the halts and what comes next", "dravelctl status",
-          show_status);
-  command(&app_, "explain", "Say when timers fire, what they do, and why", "dravelctl explain 3",
-          ::explain)
-      ->add_option("ID", given_.words, "The timer; all unless it is given")
-      ->expected(0, 1);
-  command(&app_, "week", "Show the coming seven days as a chart", "dravelctl week", show_week);
-  command(&app_, "halt", "Keep on- or off-timers from acting; show what is halted",
-          "dravelctl halt off", ::halt)
-      ->add_option("WHAT", given_.words, "on, off, both or none");
-  command(&app_, "wakeup", "Show the timer that woke the set", "dravelctl wakeup", show_wakeup);
-  command(&app_, "monitor", "Tell each expiry and each change as it comes",
-          "dravelctl monitor --count 1", ::monitor)
-      ->add_option("-n,--count", given_.count, "End after so many expiries")
-      ->type_name("N");
+CLI::App *command_line::define_cancel(const command_row &row) {
+  CLI::App *cancel = command(&app_, row);
+  cancel->add_option("ID", given_.words, "The timers");
+  cancel->add_flag("--all", given_.all, "All timers; asks before, at a terminal");
+  return cancel;
 }
 
-void command_line::define_holiday_commands() {
-  CLI::App *holidays = command(&app_, "holidays", "The days on which timers rest",
-                               "dravelctl holidays", list_holidays);
+CLI::App *command_line::define_explain(const command_row &row) {
+  CLI::App *explain = command(&app_, row);
+  explain->add_option("ID", given_.words, "The timer; all unless it is given")->expected(0, 1);
+  return explain;
+}
+
+CLI::App *command_line::define_halt(const command_row &row) {
+  CLI::App *halt = command(&app_, row);
+  halt->add_option("WHAT", given_.words, "on, off, both or none");
+  return halt;
+}
+
+CLI::App *command_line::define_monitor(const command_row &row) {
+  CLI::App *monitor = command(&app_, row);
+  monitor->add_option("-n,--count", given_.count, "End after so many expiries")->type_name("N");
+  return monitor;
+}
+
+CLI::App *command_line::define_holidays(const command_row &row) {
+  CLI::App *holidays = command(&app_, row);
   command(holidays, "list", "List the holidays", "dravelctl holidays list", list_holidays);
   CLI::App *add = command(holidays, "add", "Add holidays of every year",
                           "dravelctl holidays add 12-24 12-26", add_holidays);
@@ -97,6 +130,7 @@ void command_line::define_holiday_commands() {
   add->add_option("LAST-DAY", given_.last_day, "The same day unless it is given");
   add->add_flag("--end-of-february", given_.end_of_february,
                 "02-28 or 02-29 means the last day of February in every year");
+  add->add_flag("--all", given_.all, "Let every timer skip the holidays");
   command(holidays, "remove", "Remove holidays", "dravelctl holidays remove 1", remove_holidays)
       ->add_option("HOLIDAYS", given_.words, "The ids of holidays")
       ->required();
@@ -108,27 +142,134 @@ void command_line::define_holiday_commands() {
           ignore_holidays)
       ->add_option("ID", given_.words, "The timers")
       ->required();
+  return holidays;
 }
 
-void command_line::define_store_commands() {
-  const auto one = [this](CLI::App *command, const char *name, const char *help) {
-    command->add_option(name, given_.words, help)->required()->expected(1);
-    return command;
-  };
-  one(command(&app_, "backup", "Copy the database of the timers to a directory",
-              "dravelctl backup /var/backups", ::backup),
-      "DIRECTORY", "Gets .dravel.db; the copy before becomes .dravel.db.1");
-  one(command(&app_, "restore", "Copy the database back",
-              "dravelctl restore /var/backups --restart", ::restore),
-      "DIRECTORY", "Holds .dravel.db, which is checked first")
-      ->add_flag("--restart", given_.restart, "Restart dravel-manager, so that it takes effect");
-  command(&app_, "export", "Print timers and holidays as JSON", "dravelctl export >timers.json",
-          export_timers);
-  one(command(&app_, "import", "Add timers and holidays from what export printed",
-              "dravelctl import timers.json", import_timers),
-      kJsonFile, "The JSON; - for standard input")
-      ->add_flag("--force", given_.force,
-                 "Let timers with the smallest ids go when there is no room");
+CLI::App *command_line::define_directory(const command_row &row) {
+  CLI::App *copy = command(&app_, row);
+  const bool is_restore = row.run == ::restore;
+  copy->add_option("DIRECTORY", given_.words,
+                   is_restore ? "Holds .dravel.db, which is checked first"
+                              : "Gets .dravel.db; the copy before becomes .dravel.db.1")
+      ->required()
+      ->expected(1);
+  if (is_restore)
+    copy->add_flag("--restart", given_.restart, "Restart dravel-manager, so that it takes effect");
+  return copy;
+}
+
+CLI::App *command_line::define_import(const command_row &row) {
+  CLI::App *import = command(&app_, row);
+  import->add_option(kJsonFile, given_.words, "The JSON; - for standard input")
+      ->required()
+      ->expected(1);
+  if (row.run == ::apply)
+    import->add_flag("--check", given_.check, "Say what would change; do nothing");
+  else
+    import->add_flag("--force", given_.force,
+                     "Let timers with the smallest ids go when there is no room");
+  return import;
+}
+
+CLI::App *command_line::define_help(const command_row &row) {
+  CLI::App *help = command(&app_, row);
+  help->add_option("COMMAND", given_.words, "The command");
+  help->callback([this] { helped_ = true; });
+  return help;
+}
+
+CLI::App *command_line::define_plain(const command_row &row) { return command(&app_, row); }
+
+CLI::App *command_line::command(CLI::App *above, const command_row &row) {
+  CLI::App *made = command(above, row.name, row.summary, row.example, row.run);
+  for (const char *alias : row.aliases)
+    if (alias != nullptr)
+      made->alias(alias);
+  return made;
+}
+
+const command_row command_line::kCommands[] = {
+    {"status", "Show the clock, the halts and what comes next", "dravelctl status", show_status,
+     &command_line::define_plain},
+    {"explain", "Say when timers fire, what they do, and why", "dravelctl explain 3", ::explain,
+     &command_line::define_explain},
+    {"week", "Show the coming seven days as a chart", "dravelctl week", show_week,
+     &command_line::define_plain},
+    {"halt", "Keep on- or off-timers from acting; show what is halted", "dravelctl halt off",
+     ::halt, &command_line::define_halt},
+    {"wakeup", "Show the timer that woke the set", "dravelctl wakeup", show_wakeup,
+     &command_line::define_plain},
+    {"monitor", "Tell each expiry and each change as it comes", "dravelctl monitor --count 1",
+     ::monitor, &command_line::define_monitor},
+    {"overview", "Print all that a program needs at once, as JSON", "dravelctl overview",
+     show_overview, &command_line::define_plain},
+    {"list",
+     "List the timers, the next to fire first",
+     "dravelctl list --on-timers --day fri",
+     list_timers,
+     &command_line::define_list,
+     {"ls"}},
+    {"show", "Show one timer", "dravelctl show 3", show_timer, &command_line::define_with_ids},
+    {"add", "Add a timer", "dravelctl add --at 6:55 --on mon-fri --holidays skip", add_timer,
+     &command_line::define_add},
+    {"change", "Replace a timer by one with other options", "dravelctl change 3 --at 7:15",
+     change_timer, &command_line::define_change},
+    {"cancel",
+     "Cancel timers",
+     "dravelctl cancel 3 5",
+     cancel_timers,
+     &command_line::define_cancel,
+     {"rm", "delete"}},
+    {"types", "List what a timer can do", "dravelctl types", show_types,
+     &command_line::define_plain},
+    {"holidays", "The days on which timers rest", "dravelctl holidays", list_holidays,
+     &command_line::define_holidays},
+    {"backup", "Copy the database of the timers to a directory", "dravelctl backup /var/backups",
+     ::backup, &command_line::define_directory},
+    {"restore", "Copy the database back", "dravelctl restore /var/backups --restart", ::restore,
+     &command_line::define_directory},
+    {"export", "Print timers and holidays as JSON", "dravelctl export >timers.json", export_timers,
+     &command_line::define_plain},
+    {"import", "Add timers and holidays from what export printed", "dravelctl import timers.json",
+     import_timers, &command_line::define_import},
+    {"apply", "Make timers and holidays equal to a file", "dravelctl apply timers.json", ::apply,
+     &command_line::define_import},
+    {"help", "Print the help of a command", "dravelctl help add", show_status,
+     &command_line::define_help},
+};
+
+static bool is_named(const command_row &row, std::string_view word) {
+  return word == row.name || std::ranges::any_of(row.aliases, [&](const char *alias) {
+           return alias != nullptr && word == alias;
+         });
+}
+
+static bool asks_for_help(const std::string &word) { return word == "-h" || word == "--help"; }
+
+// Only what is typed is set up: all commands take longer than a call of the daemon. Help, and what
+// names no command, need them all.
+void command_line::define_commands(const std::vector<std::string> &words) {
+  const std::string typed = typed_command(words);
+  const auto *row = std::ranges::find_if(
+      kCommands, [&](const command_row &known) { return is_named(known, typed); });
+  const bool is_known = row != std::end(kCommands) && std::string_view(row->name) != "help";
+  if (is_known)
+    (this->*row->define)(*row);
+  else if (!typed.empty() || std::ranges::any_of(words, asks_for_help))
+    for (const command_row &each : kCommands)
+      (this->*each.define)(each);
+}
+
+static json help_of(const CLI::App &command) {
+  json help{{"name", command.get_name()}, {"summary", command.get_description()}};
+  help["options"] = json::array();
+  for (const CLI::Option *option :
+       command.get_options([](const CLI::Option *any) { return any->get_name() != "--help"; }))
+    help["options"].push_back({{"name", option->get_name()}, {"help", option->get_description()}});
+  help["commands"] = json::array();
+  for (const CLI::App *below : command.get_subcommands({}))
+    help["commands"].push_back(help_of(*below));
+  return help;
 }
 
 void command_line::print_help_of_command() {
@@ -143,6 +284,8 @@ void command_line::print_help_of_command() {
       throw usage("there is no command " + word, "dravelctl help lists them");
     about = found.front();
   }
+  if (given_.json)
+    return say(true, help_of(*about), "");
   // help() of the whole would give that of the command that was parsed.
   const std::string text =
       about == &app_ ? app_.get_formatter()->make_help(about, prefix, CLI::AppFormatMode::Normal)
@@ -172,6 +315,32 @@ static std::string example_of(const CLI::App *command) {
   return "write it as in " + footer.substr(kExample.size(), footer.find('\n') - kExample.size());
 }
 
+// How many letters must be changed, added or left out.
+static std::size_t distance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t before = std::exchange(row[0], i);
+    for (std::size_t k = 1; k <= b.size(); ++k) {
+      const std::size_t same = before + (a[i - 1] == b[k - 1] ? 0 : 1);
+      before = std::exchange(row[k], std::min({same, row[k] + 1, row[k - 1] + 1}));
+    }
+  }
+  return row.back();
+}
+
+// The command that is meant; empty when none is near.
+static std::string nearest(const CLI::App *above, const std::string &word) {
+  std::string found;
+  std::size_t least = 3;
+  for (const CLI::App *command : above->get_subcommands({}))
+    if (const std::size_t far = distance(word, command->get_name()); far < least) {
+      least = far;
+      found = command->get_name();
+    }
+  return found;
+}
+
 static failure unexpected(const CLI::App *command, const std::string &word) {
   const std::string path = path_of(command);
   const std::string help = "dravelctl help" + (path.empty() ? "" : " " + path);
@@ -180,55 +349,89 @@ static failure unexpected(const CLI::App *command, const std::string &word) {
     return usage(name + " stands before " + path, "write it behind " + path);
   if (word.starts_with('-'))
     return usage("there is no option " + name + (path.empty() ? "" : " of " + path),
-                 help + " lists those there are");
+                 help + " lists those there are", name);
   if (command->get_subcommands({}).empty())
     return usage(path + " does not take " + (word.empty() ? name : word), example_of(command));
-  return usage("there is no command " + (path.empty() ? "" : path + " ") + name,
+  const std::string meant = nearest(command, name);
+  return usage("there is no command " + (path.empty() ? "" : path + " ") + name +
+                   (meant.empty() ? "" : ", did you mean " + meant + "?"),
                help + " lists those there are");
 }
 
-// `text` begins with the name of the option that has too few values or too many.
-static failure mismatch(const CLI::App *command, const std::string &text) {
-  const bool is_flag = text.ends_with("override"); // which is named without its dashes
-  const std::string name = (is_flag ? "--" : "") + text.substr(0, text.find_first_of(": "));
-  const CLI::Option *option = nullptr;
-  for (const CLI::App *app = command; option == nullptr && app != nullptr; app = app->get_parent())
-    option = app->get_option_no_throw(name);
-  if (option == nullptr)
-    return usage(text);
-  std::string forms = option->get_description();
-  forms[0] = static_cast<char>(std::tolower(forms[0]));
-  if (text.ends_with("missing"))
-    return usage(name + " needs " + option->get_type_name(), forms);
-  if (is_flag)
-    return usage(name + " takes no value", "write " + name + " alone");
-  const std::string word = option->results().back();
-  return option->get_positional()
-             ? unexpected(command, word)
-             : usage(name + "=" + word + " is one too many", "give one " + name);
+static bool names(const CLI::Option &option, std::string_view word) {
+  return std::ranges::any_of(option.get_lnames(),
+                             [&](const auto &name) { return word == "--" + name; }) ||
+         std::ranges::any_of(option.get_snames(),
+                             [&](const auto &name) { return word == "-" + name; });
 }
 
-failure command_line::fault_of_line(const CLI::ParseError &error) const {
+// The options of the command and of those above it.
+static std::vector<const CLI::Option *> options_of(const CLI::App *command) {
+  std::vector<const CLI::Option *> all;
+  for (; command != nullptr; command = command->get_parent())
+    std::ranges::copy(command->get_options([](const CLI::Option *) { return true; }),
+                      std::back_inserter(all));
+  return all;
+}
+
+static failure too_many(const CLI::App *command, const CLI::Option &option) {
+  const std::string word = option.results().back();
+  const std::string name = option.get_name();
+  return option.get_positional()
+             ? unexpected(command, word)
+             : usage(name + "=" + word + " is one too many", "give one " + name, name);
+}
+
+// Of the options that have too many values, or one though they take none, or none though they need
+// one.
+static failure mismatch(const CLI::App *command, const std::vector<std::string> &words) {
+  const auto options = options_of(command);
+  for (const CLI::Option *option : options)
+    if (option->get_items_expected_max() < static_cast<int>(option->results().size()))
+      return too_many(command, *option);
+  for (std::size_t i = 0; i < words.size(); ++i)
+    for (const CLI::Option *option : options) {
+      const std::string name = words[i].substr(0, words[i].find('='));
+      if (!names(*option, name))
+        continue;
+      if (option->get_items_expected_max() == 0 && name != words[i])
+        return usage(name + " takes no value", "write " + name + " alone", name);
+      const bool is_alone =
+          i + 1 == words.size() || std::ranges::any_of(options, [&](const CLI::Option *other) {
+            return names(*other, words[i + 1].substr(0, words[i + 1].find('=')));
+          });
+      std::string forms = option->get_description();
+      forms[0] = static_cast<char>(std::tolower(forms[0]));
+      if (option->get_items_expected_max() > 0 && name == words[i] && is_alone)
+        return usage(name + " needs " + option->get_type_name(), forms, name);
+    }
+  return usage(path_of(command) + " is not written so", example_of(command));
+}
+
+failure command_line::fault_of_line(const CLI::ParseError &error,
+                                    const std::vector<std::string> &words) const {
   const CLI::App *command = parsed_command(app_);
   auto rest = app_.remaining(true);
   std::erase(rest, "--");
-  const std::string text = error.what();
   if (!rest.empty())
     return unexpected(command, rest.front());
-  if (dynamic_cast<const CLI::RequiredError *>(&error) != nullptr)
-    return usage(path_of(command) + " needs " + text.substr(0, text.find(' ')),
-                 example_of(command));
-  return mismatch(command, text);
+  if (dynamic_cast<const CLI::RequiredError *>(&error) == nullptr)
+    return mismatch(command, words);
+  const auto missing = command->get_options(
+      [](const CLI::Option *option) { return option->get_required() && option->count() == 0; });
+  return usage(path_of(command) + " needs " + missing.front()->get_name(), example_of(command));
 }
 
-command_line::command_line()
+command_line::command_line(const std::vector<std::string> &words)
     : app_("Lists, sets and watches the timers of a television set.", "dravelctl") {
-  app_.set_version_flag("--version", "dravelctl " DRAVEL_VERSION, "Print the version");
+  app_.set_version_flag("-V,--version", "dravelctl " DRAVEL_VERSION, "Print the version");
   app_.add_flag("-j,--json", given_.json, "Print JSON");
   app_.add_option("-t,--timeout", given_.timeout, "How long to wait for an answer (default: 3)")
       ->type_name("SECONDS");
   app_.footer("Without a command it prints the status. dravelctl help COMMAND says more;\n"
               "--json and --timeout may stand anywhere.");
+  app_.add_option("-H,--host", given_.host, "Run the command there, through ssh; comes first")
+      ->type_name("USER@HOST");
   app_.require_subcommand(0, 1);
   app_.get_option("--json")->disable_flag_override();
   app_.option_defaults()->disable_flag_override();
@@ -237,14 +440,7 @@ command_line::command_line()
   app_.get_formatter()->label("Positionals", "Arguments");
   app_.get_formatter()->label("TEXT", ""); // the type of every argument
   app_.get_formatter()->label("REQUIRED", "");
-  define_set_commands();
-  define_timer_commands();
-  define_holiday_commands();
-  define_store_commands();
-  CLI::App *help = app_.add_subcommand("help", "Print the help of a command");
-  help->footer("Example: dravelctl help add");
-  help->add_option("COMMAND", given_.words, "The command");
-  help->callback([this] { helped_ = true; });
+  define_commands(words);
 }
 
 command_function command_line::parse(int argc, char **argv) {
@@ -257,10 +453,12 @@ command_function command_line::parse(int argc, char **argv) {
     std::puts(version.what());
     return nullptr;
   } catch (const CLI::ParseError &error) {
-    throw fault_of_line(error);
+    throw fault_of_line(error, {argv + 1, argv + argc});
   }
   if (app_.get_subcommands().empty() && !app_.remaining().empty())
     throw usage("what follows -- is no command", "write the command before --");
+  if (!given_.host.empty())
+    throw usage("-H stands behind another word", "write it first", "-H");
   if (!helped_)
     return chosen_;
   print_help_of_command();

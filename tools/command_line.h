@@ -6,11 +6,27 @@
 
 #include <CLI/CLI.hpp>
 
+#include <array>
+#include <string>
+#include <vector>
+
 using command_function = void (*)(client &, const options &);
+
+class command_line;
+
+struct command_row {
+  const char *name;
+  const char *summary;
+  const char *example;
+  command_function run;
+  CLI::App *(command_line::*define)(const command_row &row);
+  std::array<const char *, 2> aliases{};
+};
 
 class command_line {
 public:
-  command_line();
+  // Knows what is needed to read `words`; all commands when these are {"help"}.
+  explicit command_line(const std::vector<std::string> &words);
   command_line(const command_line &) = delete;
   command_line &operator=(const command_line &) = delete;
 
@@ -22,15 +38,28 @@ public:
   const CLI::App &app() const { return app_; }
 
 private:
+  static const command_row kCommands[];
+
   CLI::App *command(CLI::App *above, const char *name, const char *summary, const char *example,
                     command_function run);
+  CLI::App *command(CLI::App *above, const command_row &row);
+  void define_commands(const std::vector<std::string> &words);
   void define_timer_options(CLI::App *command);
-  void define_timer_commands();
-  void define_set_commands();
-  void define_holiday_commands();
-  void define_store_commands();
+  CLI::App *define_plain(const command_row &row);
+  CLI::App *define_list(const command_row &row);
+  CLI::App *define_with_ids(const command_row &row);
+  CLI::App *define_add(const command_row &row);
+  CLI::App *define_change(const command_row &row);
+  CLI::App *define_cancel(const command_row &row);
+  CLI::App *define_explain(const command_row &row);
+  CLI::App *define_halt(const command_row &row);
+  CLI::App *define_monitor(const command_row &row);
+  CLI::App *define_holidays(const command_row &row);
+  CLI::App *define_directory(const command_row &row);
+  CLI::App *define_import(const command_row &row);
+  CLI::App *define_help(const command_row &row);
   void print_help_of_command();
-  failure fault_of_line(const CLI::ParseError &error) const;
+  failure fault_of_line(const CLI::ParseError &error, const std::vector<std::string> &words) const;
 
   CLI::App app_;
   options given_;

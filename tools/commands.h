@@ -3,9 +3,11 @@
 
 #include "client.h"
 #include "output.h"
+#include "parse.h"
 
 #include <iosfwd>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,7 +18,11 @@ struct options {
   bool restart = false;
   bool end_of_february = false;
   std::string timeout = "3"; // seconds; the daemon answers in milliseconds or never
-  std::string count = "0";
+  bool check = false;
+  bool all = false;
+  bool on_timers = false;
+  bool off_timers = false;
+  std::optional<std::string> count;
   std::optional<std::string> at;
   std::optional<std::string> type;
   std::optional<std::string> priority;
@@ -24,6 +30,7 @@ struct options {
   std::optional<std::string> clock;
   std::vector<std::string> days;
   std::string first_day;
+  std::string host;
   std::optional<std::string> last_day;
   std::vector<std::string> words; // the arguments that are no options
 };
@@ -42,14 +49,20 @@ void add_holidays(client &client, const options &given);
 void remove_holidays(client &client, const options &given);
 void skip_holidays(client &client, const options &given);
 void ignore_holidays(client &client, const options &given);
+void show_overview(client &client, const options &given);
+void show_types(client &client, const options &given);
 void show_wakeup(client &client, const options &given);
 void backup(client &client, const options &given);
 void restore(client &client, const options &given);
 void export_timers(client &client, const options &given);
+void apply(client &client, const options &given);
 void import_timers(client &client, const options &given);
 void monitor(client &client, const options &given);
 
 // --- shared by them ---
+
+json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by);
+json json_of_week(const snapshot &view); // null while the clock is unknown
 
 int id_of(const std::string &text, const std::string &list = "dravelctl list");
 // Each id once.
@@ -58,29 +71,36 @@ failure no_such_timer(int id);
 // The ids of timers; a failure when one of them is not there.
 std::vector<int> timers_of(client &client, const std::vector<std::string> &words);
 void print_timer(const timer_record &timer, const snapshot &view);
+const holiday *find_same(const holiday &wanted, const std::vector<holiday> &holidays);
 int add_holiday(client &client, const holiday &holiday, civil_time now); // the id
 bool runs_over_new_year(const holiday &holiday);
 
 struct import_contents {
   std::vector<holiday> holidays;
   std::vector<timer_record> timers;
+  std::vector<std::string> notes;
+  std::set<int> types; // that the file speaks for; none: all
+  bool has_holidays = false;
+  bool has_timers = false;
 };
 
-// What an exported file holds; a failure names the first wrong entry of the file `name`.
-import_contents read_import(std::istream &stream, const std::string &name);
+// What an exported file holds; a failure names the first wrong entry of the file `name`, "-" being
+// standard input. With `dated` a timer for once needs a date.
+import_contents read_import(std::istream &stream, const std::string &name, bool dated = false);
+import_contents read_import_file(const std::string &name, bool dated = false);
 
-// Why the daemon would refuse `timer`; empty when nothing speaks against it.
-std::string refusal_of(timer_record timer, const snapshot &view);
+// Throws a failure when the daemon would refuse `timer`, or would remove another for it without
+// `force`.
+void check_room(const timer_record &timer, const snapshot &view, bool force);
+// Adds a timer. Returns its id; throws a failure when it is refused.
+int add_to_set(client &client, const timer_record &timer, const snapshot &view);
 
-// Why it is not armed.
-std::string reason_unarmed(const timer_record &timer, const snapshot &view);
+// The date and time that `time` gives `timer`, on its own clock.
+civil_time requested_time(const time_request &time, const timer_record &timer, const clocks &now);
 
-std::string same_second_text(const std::vector<int> &others, civil_time at);
-
-// Forecasts go as far: five weeks, and to the last timer that is armed.
-civil_time forecast_end(const snapshot &view);
-
-// Adds a timer that has passed these checks. Returns its id; throws a failure when it is refused.
-// `replaced` is the id of the timer whose place it takes, 0 for none.
-int add_checked(client &client, const timer_record &timer, const snapshot &view, bool force,
-                int replaced = 0);
+// What became of the timers that were there before: as notes, and in JSON as `moved`.
+struct changes {
+  std::vector<std::string> notes;
+  json moved = json::array();
+};
+changes changes_since(const snapshot &before, const snapshot &after);

@@ -1,15 +1,20 @@
 // dravelctl: the command line of dravel-manager.
 #include "command_line.h"
+#include "remote.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <string_view>
 
 static double timeout_of(const std::string &text) {
   char *end = nullptr;
   const double seconds = std::strtod(text.c_str(), &end);
   if (text.empty() || *end != '\0' || !(seconds >= 0.001 && seconds <= 3600))
-    throw usage("--timeout=" + text + " is no time to wait", "give seconds, from 0.001 to 3600");
+    throw usage("--timeout=" + text + " is no time to wait", "give seconds, from 0.001 to 3600",
+                "--timeout");
   return seconds;
 }
 
@@ -20,24 +25,32 @@ static void occupy_descriptors() {
       open("/dev/null", descriptor == 0 ? O_WRONLY : O_RDONLY); // its use fails as before
 }
 
+// A line that is not understood may still ask for JSON.
+static bool asks_for_json(int argc, char **argv) {
+  return std::any_of(argv + 1, argv + argc,
+                     [](std::string_view word) { return word == "--json" || word == "-j"; });
+}
+
 int main(int argc, char **argv) {
   std::signal(SIGPIPE, SIG_IGN); // a write then fails, which is reported
   occupy_descriptors();
   std::string what_is_done;
   try {
-    command_line line;
+    if (argc > 1 && (std::string_view(argv[1]) == "-H" || std::string_view(argv[1]) == "--host"))
+      return run_remotely(argc > 2 ? argv[2] : "", {argv + std::min(argc, 3), argv + argc});
+    command_line line({argv + 1, argv + argc});
     if (const command_function run = line.parse(argc, argv)) {
       client client(timeout_of(line.given().timeout));
       run(client, line.given());
       what_is_done = "the command is carried out, but dravelctl ";
     }
-    if (const failure unwritten = flush_output(); !unwritten.what.empty())
-      throw failure{what_is_done + unwritten.what, ""};
+    if (const int error = flush_output(); error != 0 && error != EPIPE)
+      throw failure{what_is_done + unwritten(error).what, ""};
   } catch (const failure &failure) {
-    print_failure(failure);
-    return failure.status;
+    print_failure(asks_for_json(argc, argv), failure);
+    return failure.status();
   } catch (const std::exception &error) {
-    print_failure({error.what(), ""});
+    print_failure(asks_for_json(argc, argv), {error.what(), ""});
     return 1;
   }
   return 0;

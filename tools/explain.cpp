@@ -1,12 +1,12 @@
 // explain: what will become of a timer and why, one sentence a line.
 #include "commands.h"
+#include "judgement.h"
 
 #include <algorithm>
 
 using namespace std::chrono;
 
 static constexpr std::size_t kFollowing = 4; // firings after the next
-static constexpr seconds kTooSoonToProgram{59};
 
 namespace {
 
@@ -19,30 +19,11 @@ struct explanation {
 
 } // namespace
 
-// --- why it is not armed ---
-
-std::string reason_unarmed(const timer_record &timer, const snapshot &view) {
-  if (!view.clock_known)
-    return "the set's clock is unknown";
-  if (!view.clock_confirmed)
-    return "the set has woken up and its time is not confirmed yet";
-  if (timer.type == TIMER_TYPE_TRANSIENT)
-    return "it has expired, and a transient timer stays listed";
-  if (const timer_record *off = coinciding_offtimer(timer, view);
-      off != nullptr && timer.week_flag == 0)
-    return "off-timer " + std::to_string(off->id) + " is set for the same time";
-  if (std::string refusal = refusal_of(timer, view); !refusal.empty())
-    return refusal;
-  return "the daemon gives no reason; " + std::string(kLogHint);
-}
-
 // --- when it fires ---
 
 static std::string name_of(const passed_over &day) {
-  if (day.holiday != 0)
-    return "holidays " + std::to_string(day.holiday);
-  return day.timer != 0 ? "timer " + std::to_string(day.timer) + " at the same time goes first"
-                        : "its time of day has passed";
+  return day.holiday != 0 ? "holidays " + std::to_string(day.holiday)
+                          : "its time of day has passed";
 }
 
 // Days that follow each other and have the same reason make one sentence.
@@ -54,7 +35,7 @@ static void tell_passed(explanation &told, int week_flag) {
     sys_days next = a.day + days(1);
     while (!has_day(next) && next < b.day)
       next += days(1);
-    return a.holiday == b.holiday && a.timer == b.timer && next == b.day;
+    return a.holiday == b.holiday && next == b.day;
   };
   for (std::size_t first = 0; first < told.passed.size();) {
     std::size_t end = first;
@@ -76,12 +57,9 @@ static void compute_firings(explanation &told, const timer_record &timer, const 
   timer_record copy = timer;
   next_firing(copy, view.now, view.holidays, &told.passed);
   for (const firing &firing : firings) {
-    if (firing.id == timer.id)
-      told.firings.push_back(firing.at);
-    else if (std::ranges::find(firing.passed, timer.id) != firing.passed.end())
-      told.passed.push_back({floor<days>(firing.at), 0, firing.id});
-    else
+    if (firing.id != timer.id && std::ranges::find(firing.passed, timer.id) == firing.passed.end())
       continue;
+    told.firings.push_back(firing.at);
     if (timer.week_flag == 0 || told.firings.size() > kFollowing)
       return;
     std::vector<passed_over> passed;
@@ -135,26 +113,38 @@ static void tell_when(explanation &told, const timer_record &timer, const snapsh
   }
   if (timer.week_flag != 0 && !told.firings.empty())
     tell_repeating(told, view);
-  std::vector<int> others;
-  for (const auto &[id, at] : view.armed)
-    if (id != timer.id && at == armed->second)
-      others.push_back(id);
-  if (fires_then && !others.empty())
-    told.sentences.push_back(same_second_text(others, armed->second));
+  for (const clash &clash : clashes_of(timer.id, firings))
+    if (const std::string text = clash.text(view); !text.empty())
+      told.sentences.push_back(sentence(text));
 }
 
 // --- what it does ---
 
+// What this platform does with a reason; empty for one that is not known here.
+static std::string wake_text(int reason, const snapshot &view) {
+  if (view.platform == "linux")
+    return "This machine then starts dravel-wakeup@" + std::to_string(reason) +
+           ".target; the television stays off.";
+  return view.platform == "standin" ? "The simulated set keeps the reason; it turns nothing on."
+                                    : "";
+}
+
 static void tell_action(explanation &told, const timer_record &timer, const snapshot &view) {
+  const timer_type &type = timer_type_of(timer.type);
   told.sentences.push_back("It then " + type_meaning(timer.type) + ".");
-  const action acts = type_action(timer.type);
-  if (is_halted(timer.type, view))
-    told.sentences.push_back(std::string(acts == action::kTurnOn ? "On" : "Off") +
+  if (is_halted(timer.type, view)) {
+    told.sentences.push_back(std::string(type.action == timer_action::kTurnOff ? "Off" : "On") +
                              "-timers are halted: it is announced and does nothing else.");
-  else if (acts == action::kTurnOn)
-    told.sentences.push_back("A set that is on already only announces it.");
-  else if (timer.type == TIMER_TYPE_OFF)
-    told.sentences.push_back("In ambient mode the set only announces it.");
+  } else if (type.action == timer_action::kTurnOn) {
+    told.sentences.emplace_back(
+        "A set that is on already, or in open ambient mode, only announces it.");
+  } else if (type.action == timer_action::kWake) {
+    if (const std::string text = wake_text(type.reason, view); !text.empty())
+      told.sentences.push_back(text);
+    told.sentences.emplace_back("A set that is on already only announces it.");
+  } else if (timer.type == TIMER_TYPE_OFF) {
+    told.sentences.emplace_back("In ambient mode the set only announces it.");
+  }
 }
 
 // --- what the set wakes for ---
@@ -163,7 +153,7 @@ static void tell_action(explanation &told, const timer_record &timer, const snap
 static std::string reason_not_woken(const timer_record &timer, const snapshot &view) {
   if (const timer_record *off = coinciding_offtimer(timer, view))
     return "off-timer " + std::to_string(off->id) + " is set for the same time";
-  if (view.armed.at(timer.id) - view.now.set <= kTooSoonToProgram)
+  if (view.armed.at(timer.id) - view.now.set <= kTooSoon)
     return "it is due within this minute";
   return "the daemon has chosen so";
 }
@@ -171,7 +161,7 @@ static std::string reason_not_woken(const timer_record &timer, const snapshot &v
 static std::string wakeup_reason(const timer_record &chosen, const snapshot &view) {
   const civil_time at = view.armed.at(chosen.id);
   for (const timer_record &other : view.timers)
-    if (other.id != chosen.id && turns_the_set_on(other.type) && view.armed.contains(other.id) &&
+    if (other.id != chosen.id && is_ontimer_type(other.type) && view.armed.contains(other.id) &&
         view.armed.at(other.id) == at)
       return other.priority < chosen.priority
                  ? "of the on-timers at that second it has the highest priority"
@@ -185,7 +175,7 @@ static std::vector<std::string> tell_wakeup(const snapshot &view) {
   std::vector<std::string> sentences;
   for (const timer_record &timer : view.timers) {
     const auto armed = view.armed.find(timer.id);
-    if (turns_the_set_on(timer.type) && armed != view.armed.end() &&
+    if (is_ontimer_type(timer.type) && armed != view.armed.end() &&
         (!is_armed || armed->second < view.armed.at(chosen->id)))
       sentences.push_back("The set is not woken for timer " + std::to_string(timer.id) + " on " +
                           time_text(armed->second) + ": " + reason_not_woken(timer, view) + ".");
@@ -206,11 +196,10 @@ static std::vector<std::string> tell_wakeup(const snapshot &view) {
 static explanation explain_timer(const timer_record &timer, const snapshot &view,
                                  const std::vector<firing> &firings) {
   explanation told;
-  std::string title = title_of(timer) + " is set for " +
-                      (timer.week_flag == 0 ? time_text(timer.at) : time_of_day_text(timer.at)) +
-                      (timer.holiday_effect != 0 ? " and skips holidays." : ".");
-  title[0] = 'T';
-  told.sentences.push_back(title);
+  told.sentences.push_back(
+      sentence(title_of(timer) + " is set for " +
+               (timer.week_flag == 0 ? time_text(timer.at) : time_of_day_text(timer.at)) +
+               (timer.holiday_effect != 0 ? " and skips holidays" : "")));
   compute_firings(told, timer, view, firings);
   tell_passed(told, timer.week_flag);
   tell_when(told, timer, view, firings);

@@ -18,7 +18,7 @@ using writer = void (*)(const entry &, const std::vector<const CLI::Option *> &)
 
 } // namespace
 
-static const command_line kLine;
+static const command_line kLine({"help"});
 
 static std::vector<entry> commands_of(const CLI::App &above, const std::string &path) {
   std::vector<entry> all;
@@ -148,7 +148,7 @@ static void write_commands(const std::string &format) {
 
 int main(int argc, char **argv) {
   if (argc != 4)
-    return kExitUsage;
+    return static_cast<int>(fault::kUsage);
   const std::string format = argv[1];
   std::ifstream page(argv[2]);
   if (std::freopen(argv[3], "w", stdout) == nullptr)

@@ -1,9 +1,11 @@
 // monitor: one line for each expiry and each change, as they come.
 #include "commands.h"
+#include "parse.h"
 
 #include <glib-unix.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
@@ -22,9 +24,10 @@ struct listener {
   client &daemon;
   const options &given;
   GMainLoop *loop;
-  int left;           // expiries until the end, 0 for no end
-  snapshot view{};    // as it was last read
-  snapshot told{};    // its halts, clock, armed timers and holidays were told or need not be
+  int left;        // expiries until the end, 0 for no end
+  snapshot view{}; // as it was last read
+  snapshot told{}; // its halts, clock, armed timers and holidays were told or need not be
+  std::vector<int> told_holidays{};
   seconds told_at{};  // since the machine's start, when told.now was read
   failure ended_by{}; // without a text: by a signal or the count
   // The three signals of one expiry arrive in this order: weekdays, id, type.
@@ -62,8 +65,8 @@ static void tell(listener &self, const std::string &event, const json &about,
   line["event"] = event;
   line.update(about);
   say(self.given.json, line, time_text(self.view.now.set) + "  " + text);
-  if (const failure unwritten = flush_output(); !unwritten.what.empty())
-    end_with(self, unwritten);
+  if (const int error = flush_output(); error != 0)
+    end_with(self, error == EPIPE ? failure{} : unwritten(error));
 }
 
 static void tell_expiry(listener &self, int type) {
@@ -202,22 +205,29 @@ static void tell_step(listener &self) {
            span_text(abs(step)));
 }
 
-static void tell_holiday(listener &self, const char *event, const holiday &period) {
-  tell(self, std::string("holidays-") + event, {{"holidays", json_of(period)}},
-       "holidays " + std::to_string(period.id) + " " + event + ": " + date_text(period.first) +
-           " to " + date_text(period.last));
+static void tell_holiday(listener &self, const char *event, int id,
+                         const std::vector<holiday> &known) {
+  const auto found = std::ranges::find(known, id, &holiday::id);
+  const bool is_known = found != known.end(); // not when they are gone already
+  tell(self, std::string("holidays-") + event,
+       {{"id", id}, {"holidays", is_known ? json_of(*found) : json()}},
+       "holidays " + std::to_string(id) + " " + event +
+           (is_known ? ": " + date_text(found->first) + " to " + date_text(found->last) : ""));
 }
 
-static void tell_holidays(listener &self) {
-  const auto has = [](const snapshot &view, const holiday &period) {
-    return std::ranges::find(view.holidays, period.id, &holiday::id) != view.holidays.end();
+static void tell_holidays(listener &self, const std::vector<int> &ids) {
+  const auto has = [](const std::vector<int> &list, int id) {
+    return std::ranges::find(list, id) != list.end();
   };
-  for (const holiday &period : self.view.holidays)
-    if (!has(self.told, period))
-      tell_holiday(self, "added", period);
-  for (const holiday &period : self.told.holidays)
-    if (!has(self.view, period))
-      tell_holiday(self, "removed", period);
+  if (ids == self.told_holidays)
+    tell(self, "holidays", {{"ids", ids}}, "the holidays were changed and changed back");
+  for (const int id : ids)
+    if (!has(self.told_holidays, id))
+      tell_holiday(self, "added", id, self.view.holidays);
+  for (const int id : self.told_holidays)
+    if (!has(ids, id))
+      tell_holiday(self, "removed", id, self.told.holidays);
+  self.told_holidays = ids;
   self.told.holidays = self.view.holidays;
 }
 
@@ -236,7 +246,13 @@ static void hear_properties(GDBusConnection *, const char *, const char *, const
   tell_clock(self, confirmed != FALSE);
   if (wakeup_time wakeup; read_wakeup(values, wakeup))
     tell_wakeup(self, wakeup);
-  tell_holidays(self);
+  if (g_autoptr(GVariant) ids =
+          g_variant_lookup_value(values, "DisabledPeriods", G_VARIANT_TYPE("ai"))) {
+    gsize count = 0;
+    const auto *first =
+        static_cast<const int *>(g_variant_get_fixed_array(ids, &count, sizeof(int)));
+    tell_holidays(self, {first, first + count});
+  }
   const char **names = nullptr;
   g_variant_get_child(arguments, 2, "^a&s", &names);
   if (g_strv_contains(names, "Clock") != FALSE)
@@ -262,6 +278,9 @@ static void tell_appeared(GDBusConnection *, const char *, const char *, void *d
   auto &self = *static_cast<listener *>(data);
   look(self);
   self.told = self.view;
+  self.told_holidays.clear();
+  for (const holiday &period : self.view.holidays)
+    self.told_holidays.push_back(period.id);
   self.told_at = since_boot();
   std::fputs("dravel-manager is running; Ctrl-C ends the monitor.\n", stderr);
 }
@@ -271,11 +290,12 @@ static void tell_vanished(GDBusConnection *, const char *, void *) {
 }
 
 void monitor(client &client, const options &given) {
-  const auto count = parse_int(given.count);
-  if (!count || *count < 0)
-    throw usage("--count=" + given.count + " is no count of expiries", "give 1 or more");
+  const auto count = given.count ? parse_int(*given.count) : 1;
+  if (!count || *count < 1)
+    throw usage("--count=" + *given.count + " is no count of expiries", "give 1 or more",
+                "--count");
   g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
-  listener self{.daemon = client, .given = given, .loop = loop, .left = *count};
+  listener self{.daemon = client, .given = given, .loop = loop, .left = given.count ? *count : 0};
   GDBusConnection *bus = client.bus();
   const auto subscribe = [&](const char *interface, const char *path, GDBusSignalCallback hear) {
     return g_dbus_connection_signal_subscribe(bus, kDravelBusName, interface, nullptr, path,

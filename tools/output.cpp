@@ -7,6 +7,8 @@
 #include <cstring>
 #include <unistd.h>
 
+static constexpr std::size_t kLongest = 300;
+
 static bool in_colour(std::FILE *out) {
   const char *no_color = std::getenv("NO_COLOR");
   const char *term = std::getenv("TERM");
@@ -43,12 +45,69 @@ void print_fields(const std::vector<std::pair<std::string, std::string>> &fields
     std::printf("%12s: %s\n", title.c_str(), text.c_str());
 }
 
-void say(bool as_json, const json &value, const std::string &text) {
-  std::puts(as_json ? value.dump().c_str() : text.c_str());
+// What is not UTF-8 stands as U+FFFD.
+static std::string text_of(const json &value) {
+  return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-void print_failure(const failure &failure) {
-  std::string line = failure.what + (failure.advice.empty() ? "" : "; ") + failure.advice;
+void say(bool as_json, const json &value, const std::string &text) {
+  std::puts(as_json ? text_of(value).c_str() : text.c_str());
+}
+
+void say(bool as_json, json value, const std::string &text, const std::vector<std::string> &notes) {
+  if (as_json)
+    value["notes"] = notes;
+  say(as_json, value, text);
+  if (!as_json)
+    std::ranges::for_each(notes, print_note);
+}
+
+// A word of the user's may be of any length.
+static std::string cut(const std::string &text) {
+  if (text.size() <= kLongest)
+    return text;
+  const auto bound = [&](std::size_t at) { // not inside a character
+    while (at < text.size() && (static_cast<unsigned char>(text[at]) & 0xc0) == 0x80)
+      ++at;
+    return at;
+  };
+  return text.substr(0, bound(kLongest / 2)) + "..." +
+         text.substr(bound(text.size() - kLongest / 3));
+}
+
+static const char *kind_name(fault kind) {
+  switch (kind) {
+  case fault::kUsage:
+    return "usage";
+  case fault::kNotRunning:
+    return "not-running";
+  case fault::kNotAllowed:
+    return "not-allowed";
+  case fault::kTimeout:
+    return "timeout";
+  default:
+    return "refused";
+  }
+}
+
+static json json_of(const failure &failure) {
+  json error{{"kind", kind_name(failure.kind)},
+             {"what", cut(failure.what)},
+             {"advice", cut(failure.advice)}};
+  if (!failure.option.empty())
+    error["option"] = failure.option;
+  return {{"error", error}};
+}
+
+void print_failure(bool as_json, const failure &failure) {
+  if (failure.what.empty()) // the result says it
+    return;
+  if (as_json && flush_output() == 0) {
+    std::puts(text_of(json_of(failure)).c_str());
+    std::fflush(stdout);
+    return;
+  }
+  std::string line = cut(failure.what) + (failure.advice.empty() ? "" : "; ") + cut(failure.advice);
   // A word of the user's may hold what would end the line or steer the terminal.
   std::ranges::replace_if(
       line, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
@@ -61,31 +120,42 @@ void print_note(const std::string &text) {
   std::fprintf(stderr, "%s%s\n", painted(stderr, kYellow, "Note: ").c_str(), text.c_str());
 }
 
-failure flush_output() {
+int flush_output() {
   errno = 0;
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
-    return {};
-  return {"cannot write the output: " + std::string(g_strerror(errno != 0 ? errno : EIO)), ""};
+    return 0;
+  return errno != 0 ? errno : EIO;
+}
+
+failure unwritten(int error) {
+  return {"cannot write the output: " + std::string(g_strerror(error)), ""};
 }
 
 // --- timers and holidays ---
 
 bool is_halted(int type, const snapshot &view) {
-  const action acts = type_action(type);
-  return (acts == action::kTurnOn && view.halt_on != 0) ||
-         (acts == action::kPowerOff && view.halt_off != 0);
+  switch (timer_type_of(type).action) {
+  case timer_action::kTurnOn:
+  case timer_action::kWake:
+    return view.halt_on != 0;
+  case timer_action::kTurnOff:
+    return view.halt_off != 0;
+  default:
+    return false;
+  }
 }
 
 std::string title_of(const timer_record &timer) {
-  return "timer " + std::to_string(timer.id) + " (" + type_name(timer.type) + ", " +
-         days_text(timer.week_flag) + ")";
+  return (timer.id != 0 ? "timer " + std::to_string(timer.id) : "a new timer") + " (" +
+         type_name(timer.type) + ", " + days_text(timer.week_flag) + ")";
 }
 
 std::string next_text(const timer_record &timer, const snapshot &view) {
   const auto armed = view.armed.find(timer.id);
   if (armed == view.armed.end())
     return "not armed";
-  return firing_text(armed->second, view.now.set) + (is_halted(timer.type, view) ? ", halted" : "");
+  return firing_text(armed->second, view.now.set) +
+         (is_halted(timer.type, view) ? ", halted" : "") + (view.has_state ? "" : ", guessed");
 }
 
 void add_time(json &to, const std::string &name, std::optional<civil_time> time, bool is_utc) {
@@ -99,19 +169,41 @@ void add_time(json &to, const std::string &name, std::optional<civil_time> time,
   }
 }
 
+static void add_settings(json &to, const timer_record &timer) {
+  to["days"] = day_names(timer.week_flag);
+  to["priority"] = timer.priority;
+  to["delay"] = timer.delay;
+  to["holidays"] = timer.holiday_effect != 0 ? "skip" : "ignore";
+  to["clock"] = clock_name(timer.clock);
+}
+
 json json_of(const timer_record &timer, const snapshot &view) {
   const auto armed = view.armed.find(timer.id);
   const bool is_armed = armed != view.armed.end();
-  json object = {{"id", timer.id}, {"type", timer.type}, {"type_name", type_name(timer.type)}};
+  json object = {{"id", timer.id != 0 ? json(timer.id) : json()},
+                 {"type", timer.type},
+                 {"type_name", type_name(timer.type)},
+                 {"title", title_of(timer)},
+                 {"days_text", days_text(timer.week_flag)},
+                 {"next_text", next_text(timer, view)}};
   add_time(object, "next", is_armed ? std::optional(armed->second) : std::nullopt);
   object["armed"] = is_armed;
+  if (!view.has_state)
+    object["guessed"] = true;
   object["halted"] = is_halted(timer.type, view);
   add_time(object, "at", timer.at, timer.clock == TIME_TYPE_INTERNET);
-  object["days"] = day_names(timer.week_flag);
-  object["priority"] = timer.priority;
-  object["delay"] = timer.delay;
-  object["holidays"] = timer.holiday_effect != 0 ? "skip" : "ignore";
-  object["clock"] = clock_name(timer.clock);
+  add_settings(object, timer);
+  return object;
+}
+
+// A repeating timer has a time of day on its own clock: an offset would be that of one season.
+json exported(const timer_record &timer) {
+  json object = {{"type", timer.type}};
+  if (timer.week_flag != 0)
+    object["time"] = time_of_day_text(timer.at);
+  else
+    object["at"] = (timer.clock == TIME_TYPE_INTERNET ? from_utc(timer.at) : in_zone(timer.at)).iso;
+  add_settings(object, timer);
   return object;
 }
 

@@ -31,11 +31,14 @@ void print_fields(const std::vector<std::pair<std::string, std::string>> &fields
 // One line of JSON or one of text.
 void say(bool as_json, const json &value, const std::string &text);
 
-void print_failure(const failure &failure);
+void print_failure(bool as_json, const failure &failure);
 void print_note(const std::string &text);
+// What was done: with notes in JSON, in text with a line on standard error for each.
+void say(bool as_json, json value, const std::string &text, const std::vector<std::string> &notes);
 
-// A failure without a text when all output has been written.
-failure flush_output();
+// 0 when all output has been written, otherwise errno: EPIPE when nobody reads it any more.
+int flush_output();
+failure unwritten(int error);
 
 bool is_halted(int type, const snapshot &view);
 std::string title_of(const timer_record &timer); // "timer 3 (off, daily)"
@@ -43,6 +46,7 @@ std::string next_text(const timer_record &timer, const snapshot &view);
 
 json json_of(const timer_record &timer, const snapshot &view);
 json json_of(const holiday &holiday);
+json exported(const timer_record &timer); // what import reads: nothing that is computed
 
 // `name` and `name`_seconds, the latter since 1970; null for no time.
 void add_time(json &to, const std::string &name, std::optional<civil_time> time,

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <set>
 
 using namespace std::chrono;
 
@@ -22,14 +23,28 @@ static std::string clock_state(const snapshot &view) {
          (view.clock_confirmed ? "confirmed" : "not confirmed since the set woke up");
 }
 
-// The armed timer with the next firing of those that do `acts`.
-static const timer_record *next_of(action acts, const snapshot &view) {
+static bool turns_on(int type) { return timer_type_of(type).action == timer_action::kTurnOn; }
+
+static bool only_wakes(int type) { return is_ontimer_type(type) && !turns_on(type); }
+
+static bool turns_off(int type) { return timer_type_of(type).action == timer_action::kTurnOff; }
+
+// The armed timer with the next firing of those whose type is such.
+static const timer_record *next_of(bool (*is_such)(int type), const snapshot &view) {
   const timer_record *next = nullptr;
   for (const timer_record &timer : view.timers)
-    if (type_action(timer.type) == acts && view.armed.contains(timer.id) &&
+    if (is_such(timer.type) && view.armed.contains(timer.id) &&
         (next == nullptr || view.armed.at(timer.id) < view.armed.at(next->id)))
       next = &timer;
   return next;
+}
+
+static std::string count_text(const snapshot &view) {
+  const std::string count = std::to_string(view.timers.size());
+  const std::string limit = " of " + std::to_string(view.limit);
+  if (view.timers.size() < view.limit)
+    return count + limit;
+  return count + (view.timers.size() == view.limit ? limit : "") + ", adding one removes another";
 }
 
 static std::string wakeup_text(const snapshot &view) {
@@ -39,7 +54,7 @@ static std::string wakeup_text(const snapshot &view) {
          (view.wakeup.is_utc ? " UTC" : "");
 }
 
-static json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by) {
+json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by) {
   const auto timer_or_null = [&](const timer_record *timer) {
     return timer != nullptr ? json_of(*timer, view) : json(nullptr);
   };
@@ -49,8 +64,10 @@ static json json_of_status(const snapshot &view, const std::optional<timer_recor
   object["halted"] = {{"on", view.halt_on != 0}, {"off", view.halt_off != 0}};
   object["timers"] = view.timers.size();
   object["limit"] = view.limit;
-  object["next_on"] = timer_or_null(next_of(action::kTurnOn, view));
-  object["next_off"] = timer_or_null(next_of(action::kPowerOff, view));
+  object["full"] = view.timers.size() >= view.limit;
+  object["next_on"] = timer_or_null(next_of(turns_on, view));
+  object["next_wakeup"] = timer_or_null(next_of(only_wakes, view));
+  object["next_off"] = timer_or_null(next_of(turns_off, view));
   object["wakeup"] = nullptr;
   if (view.wakeup.id != 0) {
     object["wakeup"] = {{"id", view.wakeup.id}, {"type", view.wakeup.type}};
@@ -63,20 +80,21 @@ static json json_of_status(const snapshot &view, const std::optional<timer_recor
 }
 
 void show_status(client &client, const options &given) {
-  const snapshot view = client.look_at_state();
+  const snapshot view = client.look_at_state(false);
   const auto woken_by = client.wakeup_timer();
   if (given.json)
     return say(true, json_of_status(view, woken_by), "");
-  const auto next = [&](action acts) {
-    const timer_record *timer = next_of(acts, view);
+  const auto next = [&](bool (*is_such)(int type)) {
+    const timer_record *timer = next_of(is_such, view);
     return timer != nullptr ? next_text(*timer, view) + ": " + title_of(*timer) : "none";
   };
   print_fields({
       {"Clock", clock_state(view)},
       {"Halted", halt_text(view)},
-      {"Timers", std::to_string(view.timers.size()) + " of " + std::to_string(view.limit)},
-      {"Next on", next(action::kTurnOn)},
-      {"Next off", next(action::kPowerOff)},
+      {"Timers", count_text(view)},
+      {"Next on", next(turns_on)},
+      {"Next wake-up", next(only_wakes)},
+      {"Next off", next(turns_off)},
       {"Wakes for", wakeup_text(view)},
       {"Woken by", woken_by ? title_of(*woken_by) : "no timer"},
       {"Platform", view.platform},
@@ -102,11 +120,11 @@ void halt(client &client, const options &given) {
   } const orders[] = {{"on", "request_halt_ontimers", 1},   {"off", "request_halt_offtimers", 1},
                       {"both", "request_halt_ontimers", 1}, {"both", "request_halt_offtimers", 1},
                       {"none", "request_halt_ontimers", 0}, {"none", "request_halt_offtimers", 0}};
-  const auto &words = given.words;
+  const std::set<std::string> words(given.words.begin(), given.words.end());
   for (const auto &word : words)
     if (std::ranges::none_of(orders, [&](const auto &order) { return word == order.word; }))
       throw usage("halt takes no " + word, "give on, off, both or none");
-  if (words.size() > 1 && std::ranges::find(words, "none") != words.end())
+  if (words.size() > 1 && words.contains("none"))
     throw usage("halt takes none without on or off", "give none alone, or what to halt");
   for (const auto &word : words)
     for (const auto &order : orders)
@@ -151,18 +169,34 @@ static std::string armed_text(int id, const snapshot &view) {
   return armed != view.armed.end() ? "armed for " + time_text(armed->second) : "not armed";
 }
 
-static void note_change(int id, const snapshot &before, const snapshot &after) {
-  const std::string was = armed_text(id, before);
-  const std::string is = armed_text(id, after);
-  if (was != is)
-    print_note("Timer " + std::to_string(id) + " is now " + is + "; it was " + was + ".");
+// A change of holidays arms all timers again, which moves and removes some.
+changes changes_since(const snapshot &before, const snapshot &after) {
+  changes found;
+  for (const timer_record &timer : before.timers) {
+    const std::string was = armed_text(timer.id, before);
+    const std::string is = armed_text(timer.id, after);
+    if (was == is)
+      continue;
+    found.notes.push_back("Timer " + std::to_string(timer.id) + " is now " + is + "; it was " +
+                          was + ".");
+    const auto at = [&](const snapshot &view) {
+      const auto armed = view.armed.find(timer.id);
+      return armed != view.armed.end() ? std::optional(armed->second) : std::nullopt;
+    };
+    json moved{{"id", timer.id}};
+    add_time(moved, "was", at(before));
+    add_time(moved, "now", at(after));
+    found.moved.push_back(moved);
+  }
+  return found;
 }
 
-// A change of holidays arms all timers again, which moves and removes some.
-static void note_changes(client &client, const snapshot &before) {
-  const snapshot after = client.look();
-  for (const timer_record &timer : before.timers)
-    note_change(timer.id, before, after);
+static void say_with_changes(client &client, bool as_json, json about, const std::string &text,
+                             const snapshot &before, std::vector<std::string> notes = {}) {
+  const auto [changed, moved] = changes_since(before, client.look());
+  notes.insert(notes.end(), changed.begin(), changed.end());
+  about["moved"] = moved;
+  say(as_json, about, text, notes);
 }
 
 bool runs_over_new_year(const holiday &holiday) {
@@ -178,6 +212,14 @@ int add_holiday(client &client, const holiday &holiday, civil_time now) {
   return id;
 }
 
+const holiday *find_same(const holiday &wanted, const std::vector<holiday> &holidays) {
+  const auto found = std::ranges::find_if(holidays, [&](const holiday &other) {
+    return date_text(other.first) == date_text(wanted.first) &&
+           date_text(other.last) == date_text(wanted.last);
+  });
+  return found != holidays.end() ? &*found : nullptr;
+}
+
 void add_holidays(client &client, const options &given) {
   holiday period{.first = holiday_end_of(given.first_day, given.end_of_february)};
   period.last =
@@ -188,16 +230,25 @@ void add_holidays(client &client, const options &given) {
   if (given.end_of_february && !period.first.end_of_february && !period.last.end_of_february)
     throw usage("--end-of-february needs 02-28 or 02-29 as one of the days");
   const snapshot before = client.look();
+  if (const holiday *same = find_same(period, before.holidays))
+    throw failure{"not added: these days are holidays " + std::to_string(same->id) + " already",
+                  ""};
   period.id = add_holiday(client, period, before.now.set);
-  say(given.json, json_of(period),
-      "Holidays " + std::to_string(period.id) + " are added: " + date_text(period.first) + " to " +
-          date_text(period.last) + ".");
-  note_changes(client, before);
+  for (const timer_record &timer : before.timers)
+    if (given.all && timer.holiday_effect == 0)
+      client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", timer.id, 1));
+  std::vector<std::string> notes;
+  if (!given.all && std::ranges::none_of(before.timers, &timer_record::holiday_effect))
+    notes.emplace_back("No timer skips holidays: dravelctl holidays skip ID lets one skip them.");
+  say_with_changes(client, given.json, json_of(period),
+                   "Holidays " + std::to_string(period.id) + " are added: " +
+                       date_text(period.first) + " to " + date_text(period.last) + ".",
+                   before, notes);
 }
 
 void remove_holidays(client &client, const options &given) {
   const auto ids = ids_of(given.words, "dravelctl holidays list");
-  const snapshot before = client.look();
+  snapshot before = client.look();
   for (const int id : ids)
     if (std::ranges::find(before.holidays, id, &holiday::id) == before.holidays.end())
       throw failure{"there are no holidays " + std::to_string(id),
@@ -205,22 +256,24 @@ void remove_holidays(client &client, const options &given) {
   for (const int id : ids) {
     if (client.call_int("request_remove_disabled_period", g_variant_new("(i)", id)) != 0)
       throw failure{"dravel-manager did not remove holidays " + std::to_string(id), kLogHint};
-    say(given.json, {{"removed", id}}, "Holidays " + std::to_string(id) + " are removed.");
+    say_with_changes(client, given.json, {{"removed", id}},
+                     "Holidays " + std::to_string(id) + " are removed.", before);
+    before = client.look();
   }
-  note_changes(client, before);
 }
 
 static void set_effect(client &client, const options &given, int effect) {
-  const auto ids = timers_of(client, given.words);
-  const snapshot before = client.look();
-  for (const int id : ids) {
+  snapshot before = client.look();
+  for (const int id : timers_of(client, given.words)) {
     if (client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", id, effect)) !=
         0)
       throw no_such_timer(id);
-    say(given.json, {{"id", id}, {"holidays", effect != 0 ? "skip" : "ignore"}},
-        "Timer " + std::to_string(id) + (effect != 0 ? " skips" : " ignores") + " holidays.");
+    say_with_changes(
+        client, given.json, {{"id", id}, {"holidays", effect != 0 ? "skip" : "ignore"}},
+        "Timer " + std::to_string(id) + (effect != 0 ? " skips" : " ignores") + " holidays.",
+        before);
+    before = client.look();
   }
-  note_changes(client, before);
 }
 
 void skip_holidays(client &client, const options &given) { set_effect(client, given, 1); }

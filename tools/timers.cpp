@@ -6,10 +6,9 @@
 
 using namespace std::chrono;
 
-static constexpr int kSearchDays = 366; // the daemon looks no further
-static constexpr seconds kStandbySkip{599};
-static constexpr year kLastYear{2099}; // the TV clock continues in 2001
-static constexpr year kYearAfterLast{2001};
+static constexpr seconds kStandbySkip{DRAVEL_STANDBY_SKIP_SECONDS};
+static constexpr year kLastYear{DRAVEL_LAST_YEAR};
+static constexpr year kYearAfterLast{DRAVEL_YEAR_AFTER_LAST};
 
 // --- images and arguments ---
 
@@ -109,8 +108,6 @@ GVariant *arguments_of(const holiday &holiday, year year) {
 
 // --- the next firing ---
 
-bool turns_the_set_on(int type) { return is_ontimer_type(type); }
-
 const timer_record *find_timer(const std::vector<timer_record> &timers, int id) {
   const auto found = std::ranges::find(timers, id, &timer_record::id);
   return found != timers.end() ? &*found : nullptr;
@@ -127,6 +124,23 @@ static unsigned day_in(const holiday_end &end, year in) {
   return follows_year ? (in.is_leap() ? 29 : 28) : end.day;
 }
 
+static bool is_within(const holiday &period, sys_days day, year february_of) {
+  const auto key = [&](const holiday_end &end) {
+    return 100 * end.month + day_in(end, february_of);
+  };
+  const year_month_day date(day);
+  const unsigned wanted = 100 * unsigned(date.month()) + unsigned(date.day());
+  return key(period.first) <= wanted && wanted <= key(period.last);
+}
+
+std::vector<int> holidays_on(sys_days day, const snapshot &view) {
+  std::vector<int> ids;
+  for (const holiday &period : view.holidays)
+    if (is_within(period, day, year_of(view.now.set)))
+      ids.push_back(period.id);
+  return ids;
+}
+
 // The holidays that keep `timer` from firing at `at`. The February rule takes the year of the
 // timer's own clock.
 static const holiday *holiday_at(const timer_record &timer, civil_time at, const clocks &now,
@@ -134,17 +148,13 @@ static const holiday *holiday_at(const timer_record &timer, civil_time at, const
   if (timer.holiday_effect == 0 || timer.type == TIMER_TYPE_ALWAYS)
     return nullptr;
   const year in = year_of(now.of(timer.clock));
-  const year_month_day date(floor<days>(at));
-  const auto key = [&](const holiday_end &end) { return 100 * end.month + day_in(end, in); };
-  const unsigned wanted = 100 * unsigned(date.month()) + unsigned(date.day());
-  const auto found = std::ranges::find_if(holidays, [&](const holiday &period) {
-    return key(period.first) <= wanted && wanted <= key(period.last);
-  });
+  const auto found = std::ranges::find_if(
+      holidays, [&](const holiday &period) { return is_within(period, floor<days>(at), in); });
   return found != holidays.end() ? &*found : nullptr;
 }
 
 static civil_time without_seconds(const timer_record &timer) {
-  return turns_the_set_on(timer.type) ? floor<minutes>(timer.at) : timer.at;
+  return is_ontimer_type(timer.type) ? floor<minutes>(timer.at) : timer.at;
 }
 
 static std::optional<civil_time> next_once(timer_record &timer, const clocks &now,
@@ -170,10 +180,10 @@ static std::optional<civil_time> next_repetition(const timer_record &timer, cons
   const sys_days today = floor<days>(own_now);
   seconds time_of_day = timer.at - floor<days>(timer.at);
   // The daemon drops an on-timer's seconds only when it looks on one of the timer's days.
-  if (turns_the_set_on(timer.type) && has_day(timer.week_flag, today))
+  if (is_ontimer_type(timer.type) && has_day(timer.week_flag, today))
     time_of_day = floor<minutes>(time_of_day);
 
-  for (int k = 0; k <= kSearchDays; ++k) {
+  for (int k = 0; k <= DRAVEL_SEARCH_DAYS; ++k) {
     const sys_days day = today + days(k);
     if (!has_day(timer.week_flag, day))
       continue;
@@ -202,7 +212,7 @@ clocks clocks_at(const clocks &now, civil_time set) { return {set, now.system + 
 std::optional<int> ontimer_soon_after(civil_time at, const snapshot &view, int except) {
   for (const timer_record &timer : view.timers) {
     const auto armed = view.armed.find(timer.id);
-    if (timer.id != except && turns_the_set_on(timer.type) && armed != view.armed.end() &&
+    if (timer.id != except && is_ontimer_type(timer.type) && armed != view.armed.end() &&
         armed->second > at && armed->second <= at + kStandbySkip)
       return timer.id;
   }

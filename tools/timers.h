@@ -16,7 +16,8 @@
 using civil_time = std::chrono::sys_seconds;
 
 constexpr int kEveryDay = 0x7f;
-constexpr std::chrono::days kFarthest{365}; // the daemon arms no timer beyond
+constexpr std::chrono::days kFarthest{DRAVEL_FARTHEST_DAYS};   // the daemon arms no timer beyond
+constexpr std::chrono::seconds kTooSoon{DRAVEL_GUARD_SECONDS}; // within the current minute
 
 struct timer_record {
   int id = 0;
@@ -80,14 +81,12 @@ holiday holiday_from_image(const std::uint8_t *image);
 GVariant *arguments_of(const timer_record &timer);                      // of schedule_timer
 GVariant *arguments_of(const holiday &holiday, std::chrono::year year); // of the set method
 
-bool turns_the_set_on(int type); // what the daemon counts as an on-timer
 const timer_record *find_timer(const std::vector<timer_record> &timers, int id);
 
 // A day on which a repeating timer does not fire.
 struct passed_over {
   std::chrono::sys_days day;
-  int holiday;   // 0: for another reason
-  int timer = 0; // goes first at the same second; 0: the time of day has passed
+  int holiday; // 0: the time of day has passed
 };
 
 // The next time at which `timer` fires; nothing when it never will. Like the daemon, it moves a
@@ -95,6 +94,9 @@ struct passed_over {
 std::optional<civil_time> next_firing(timer_record &timer, const clocks &now,
                                       const std::vector<holiday> &holidays,
                                       std::vector<passed_over> *passed = nullptr);
+
+// The ids of the holidays that the day is one of.
+std::vector<int> holidays_on(std::chrono::sys_days day, const snapshot &view);
 
 // The same from another moment on, for a copy.
 clocks clocks_at(const clocks &now, civil_time set);
@@ -108,7 +110,7 @@ const timer_record *coinciding_offtimer(const timer_record &timer, const snapsho
 struct firing {
   int id;
   civil_time at;
-  std::vector<int> passed{};  // timers at the same second, which it keeps from firing
+  std::vector<int> passed{};  // timers at the same second; one of them may fire in its place
   std::vector<int> removed{}; // timers that are gone after it
 };
 

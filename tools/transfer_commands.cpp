@@ -1,19 +1,25 @@
 // export, import: timers and holidays as JSON, which is added through the bus.
 #include "commands.h"
+#include "judgement.h"
 
 #include <algorithm>
 #include <climits>
 #include <fstream>
 #include <iostream>
 
+// Sorted, so that equal sets give equal files.
 void export_timers(client &client, const options &) {
-  const snapshot view = client.look();
-  json timers = json::array();
-  for (const timer_record &timer : view.timers)
-    timers.push_back(json_of(timer, view));
-  json holidays = json::array();
-  for (const holiday &holiday : view.holidays)
-    holidays.push_back(json_of(holiday));
+  std::vector<json> timers;
+  for (const timer_record &timer : client.timers())
+    timers.push_back(exported(timer));
+  std::vector<json> holidays;
+  for (const holiday &holiday : client.holidays()) {
+    json object = json_of(holiday);
+    object.erase("id");
+    holidays.push_back(object);
+  }
+  for (auto *list : {&timers, &holidays})
+    std::ranges::sort(*list, {}, [](const json &entry) { return entry.dump(); });
   std::puts(json{{"timers", timers}, {"holidays", holidays}}.dump(1).c_str());
 }
 
@@ -77,11 +83,31 @@ static bool flag_of(const element &of) {
   return of.value.get<bool>();
 }
 
-static timer_record timer_of(const element &of) {
-  check_names(of, json_of(timer_record(), snapshot()));
+// When the timer fires: `time` for one that repeats, `at` for one that does not. In place of the
+// other either is understood; the offset of an `at` counts only with its date.
+static civil_time time_of(const element &of, const timer_record &timer,
+                          std::vector<std::string> &notes) {
+  const clocks now{civil_of(machine_time()), machine_time()};
+  if (of.value.contains("time"))
+    return requested_time(
+        {.time_of_day = word_of(field_of(of, "time"), parse_time_of_day, "such as 07:00")}, timer,
+        now);
+  time_request at = word_of(field_of(of, "at"), parse_moment, "such as 2026-12-24T07:00:00+01:00");
+  if (timer.week_flag == 0)
+    return requested_time(at, timer, now);
+  if (at.offset)
+    notes.push_back(of.where + ": it repeats at " + time_of_day_text(civil_time(at.time_of_day)) +
+                    " of its clock; the offset of at is ignored.");
+  return requested_time({.time_of_day = at.time_of_day}, timer, now);
+}
+
+static timer_record timer_of(const element &of, std::vector<std::string> &notes) {
+  json known = json_of(timer_record(), snapshot());
+  known.update(exported(timer_record()));
+  known["time"] = nullptr;
+  check_names(of, known);
   const auto given = [&](const char *name) { return of.value.contains(name); };
-  timer_record timer{.type = number_of(field_of(of, "type"), 0, TIMER_TYPE_ONTIMER_MAX),
-                     .at = word_of(field_of(of, "at"), parse_iso, "such as 2026-12-24T07:00:00")};
+  timer_record timer{.type = number_of(field_of(of, "type"), 0, TIMER_TYPE_ONTIMER_MAX)};
   for (const auto &[name, field] :
        {std::pair{"priority", &timer.priority}, std::pair{"delay", &timer.delay}})
     if (given(name))
@@ -90,13 +116,14 @@ static timer_record timer_of(const element &of) {
     timer.holiday_effect = word_of(field_of(of, "holidays"), parse_effect, "skip or ignore");
   if (given("clock"))
     timer.clock = word_of(field_of(of, "clock"), parse_clock, "broadcast, internet or rtc");
-  if (!given("days"))
-    return timer;
-  const element days = field_of(of, "days");
-  if (!days.value.is_array())
-    reject(days, "a list of days");
-  for (const json &day : days.value)
-    timer.week_flag |= word_of({day, days.where}, parse_days, "a list such as [\"Mon\",\"Fri\"]");
+  if (given("days")) {
+    const element days = field_of(of, "days");
+    if (!days.value.is_array())
+      reject(days, "a list of days");
+    for (const json &day : days.value)
+      timer.week_flag |= word_of({day, days.where}, parse_days, "a list such as [\"Mon\",\"Fri\"]");
+  }
+  timer.at = time_of(of, timer, notes);
   return timer;
 }
 
@@ -111,7 +138,7 @@ static holiday_end end_of(const element &of) {
   return end;
 }
 
-static holiday holiday_of(const element &of) {
+static holiday holiday_of(const element &of, std::vector<std::string> &) {
   check_names(of, json_of(holiday()));
   const holiday period{.first = end_of(field_of(of, "first")),
                        .last = end_of(field_of(of, "last"))};
@@ -121,8 +148,9 @@ static holiday holiday_of(const element &of) {
 }
 
 template <typename Record>
-static std::vector<Record> list_of(const element &all, const char *name,
-                                   Record (*record_of)(const element &)) {
+static std::vector<Record>
+list_of(const element &all, const char *name, std::vector<std::string> &notes,
+        Record (*record_of)(const element &, std::vector<std::string> &)) {
   std::vector<Record> records;
   if (!all.value.contains(name))
     return records;
@@ -130,7 +158,8 @@ static std::vector<Record> list_of(const element &all, const char *name,
   if (!list.value.is_array())
     reject(list, "a list");
   for (const json &entry : list.value)
-    records.push_back(record_of({entry, list.where + "[" + std::to_string(records.size()) + "]"}));
+    records.push_back(
+        record_of({entry, list.where + "[" + std::to_string(records.size()) + "]"}, notes));
   return records;
 }
 
@@ -149,22 +178,42 @@ static json parse(std::istream &stream, const std::string &name) {
   }
 }
 
-import_contents read_import(std::istream &stream, const std::string &name) {
+static int type_of(const element &of, std::vector<std::string> &) {
+  return of.value.is_string() ? word_of(of, parse_type, "a type")
+                              : number_of(of, 0, TIMER_TYPE_ONTIMER_MAX);
+}
+
+static void check_dates(const json &timers, const std::string &where) {
+  for (std::size_t i = 0; i < timers.size(); ++i)
+    if (timers[i].value("days", json::array()).empty() && !timers[i].contains("at"))
+      throw failure{where + "[" + std::to_string(i) + "] is for once and has no date", kNothing};
+}
+
+import_contents read_import(std::istream &stream, const std::string &name, bool dated) {
   const json all = parse(stream, name);
   if (!all.is_object() || !(all.contains("timers") || all.contains("holidays")))
     throw failure{name + " holds neither timers nor holidays", kWanted};
   const element whole{all, name};
-  check_names(whole, {{"timers", nullptr}, {"holidays", nullptr}});
-  return {list_of(whole, "holidays", holiday_of), list_of(whole, "timers", timer_of)};
+  check_names(whole, {{"timers", nullptr}, {"holidays", nullptr}, {"types", nullptr}});
+  import_contents read;
+  read.has_holidays = all.contains("holidays");
+  read.has_timers = all.contains("timers");
+  read.holidays = list_of(whole, "holidays", read.notes, holiday_of);
+  read.timers = list_of(whole, "timers", read.notes, timer_of);
+  const auto types = list_of(whole, "types", read.notes, type_of);
+  read.types.insert(types.begin(), types.end());
+  if (dated && read.has_timers)
+    check_dates(all["timers"], name + ": timers");
+  return read;
 }
 
-static import_contents read_file(const std::string &name) {
+import_contents read_import_file(const std::string &name, bool dated) {
   if (name == "-")
-    return read_import(std::cin, "standard input");
+    return read_import(std::cin, "standard input", dated);
   std::ifstream file(name);
   if (!file.is_open())
     throw failure{"cannot read " + name + ": " + g_strerror(errno), ""};
-  return read_import(file, name);
+  return read_import(file, name, dated);
 }
 
 // --- adding ---
@@ -179,28 +228,32 @@ static bool is_same(const timer_record &a, const timer_record &b) {
          moment(a) == moment(b);
 }
 
-static void import_timer(client &client, const timer_record &timer, bool force) {
+// Returns the notes on the timer.
+static std::vector<std::string> import_timer(client &client, const timer_record &timer,
+                                             bool force) {
   const snapshot view = client.look();
   const auto same = std::ranges::find_if(
       view.timers, [&](const timer_record &other) { return is_same(timer, other); });
   if (same != view.timers.end())
     throw failure{"it is there already as timer " + std::to_string(same->id), ""};
-  add_checked(client, timer, view, force);
+  check_room(timer, view, force);
+  add_to_set(client, timer, view);
+  return notes_of(timer, view);
 }
 
-static void import_holiday(client &client, const holiday &period) {
-  const auto text = [](const holiday &any) { return date_text(any.first) + date_text(any.last); };
+static std::vector<std::string> import_holiday(client &client, const holiday &period) {
   const snapshot view = client.look();
-  for (const holiday &other : view.holidays)
-    if (text(other) == text(period))
-      throw failure{"they are there already as holidays " + std::to_string(other.id), ""};
+  if (const holiday *same = find_same(period, view.holidays))
+    throw failure{"they are there already as holidays " + std::to_string(same->id), ""};
   add_holiday(client, period, view.now.set);
+  return {};
 }
 
 namespace {
 
 struct summary {
   std::size_t added = 0;
+  std::vector<std::string> notes{};
   json refused = json::array();
 };
 
@@ -211,29 +264,30 @@ template <typename Record, typename Add>
 static void import_each(const std::vector<Record> &records, const char *name, summary &summary,
                         Add add) {
   for (std::size_t i = 0; i < records.size(); ++i) {
+    const std::string what = std::string(name) + "[" + std::to_string(i) + "]";
     try {
-      add(records[i]);
+      for (const std::string &note : add(records[i]))
+        summary.notes.push_back(what + ": " + note);
       ++summary.added;
     } catch (const failure &failure) {
-      summary.refused.push_back(
-          {{"what", std::string(name) + "[" + std::to_string(i) + "]"}, {"why", failure.what}});
+      summary.refused.push_back({{"what", what}, {"why", failure.what}});
     }
   }
 }
 
 // Holidays go first, because they move timers.
 void import_timers(client &client, const options &given) {
-  const import_contents wanted = read_file(given.words.at(0));
-  summary done;
+  const import_contents wanted = read_import_file(given.words.at(0));
+  summary done{.notes = wanted.notes};
   import_each(wanted.holidays, "holidays", done,
-              [&](const holiday &period) { import_holiday(client, period); });
+              [&](const holiday &period) { return import_holiday(client, period); });
   import_each(wanted.timers, "timers", done,
-              [&](const timer_record &timer) { import_timer(client, timer, given.force); });
+              [&](const timer_record &timer) { return import_timer(client, timer, given.force); });
   std::string text =
       std::to_string(done.added) + " added, " + std::to_string(done.refused.size()) + " refused.";
   for (const json &refused : done.refused)
     text += "\n" + refused["what"].get<std::string>() + ": " + refused["why"].get<std::string>();
-  say(given.json, {{"added", done.added}, {"refused", done.refused}}, text);
+  say(given.json, {{"added", done.added}, {"refused", done.refused}}, text, done.notes);
   if (!done.refused.empty())
-    throw failure{"not everything was imported", ""};
+    throw failure{given.json ? "" : "not everything was imported", ""};
 }

@@ -40,6 +40,15 @@ start_monitor() {
 }
 )";
 
+constexpr const char *kApply = R"(
+file() { # the timers, holidays and other members
+  echo "{$3\"timers\":[$1],\"holidays\":[$2]}" >x
+}
+seven='{"type":0,"time":"07:00","days":["Mon"]}'
+off='{"type":1,"at":"2026-12-24T22:00:00"}'
+christmas='{"first":{"month":12,"day":24},"last":{"month":12,"day":25}}'
+)";
+
 class Ctl : public daemon_test {
 protected:
   // Each line is a step on a daemon of its own: what went before, the line at the shell, its
@@ -56,9 +65,9 @@ protected:
       ASSERT_GE(g_strv_length(step), 6U);
       ASSERT_EQ(shell("rm -rf /opt/dbspace/.[a-z]* /tmp/[a-z]* /tmp/.[a-z]*").status, 0);
       start();
-      const outcome before = shell(std::string(kHelpers) + step[1]);
+      const outcome before = shell(std::string(kHelpers) + kApply + step[1]);
       EXPECT_EQ(before.status, 0) << before.said;
-      const outcome result = shell(std::string(kHelpers) + step[2]);
+      const outcome result = shell(std::string(kHelpers) + kApply + step[2]);
       EXPECT_EQ(std::to_string(result.status), step[3]) << result.said;
       g_autofree char *said = g_strcompress(step[4]);
       EXPECT_THAT(result.said, HasSubstr(said));
@@ -81,6 +90,29 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add 'today 13:00' => 0 Tue 2026-12-15 13:00:00
     add +1h45m => 0 13:45:00, in 105 minutes
     add 2026-12-24T18:00 => 0 moves this timer to the next 18:00
+    add 7 => 0 Next firing: Wed 2026-12-16 07:00:00
+    add '7:30 pm' => 0 Tue 2026-12-15 19:30:00
+    add 12am --type off => 0 Wed 2026-12-16 00:00:00
+    add 13pm => 2 is no time
+    add 'tomorrow noon' => 0 Wed 2026-12-16 12:00:00
+    add '7:00 tomorrow' => 0 Wed 2026-12-16 07:00:00
+    add 'next fri 7pm' => 0 Fri 2026-12-18 19:00:00
+    add 'next tue midnight' => 0 Tue 2026-12-22 00:00:00
+    add now => 0 Tue 2026-12-15 12:01:00
+    add now --type off => 0 Tue 2026-12-15 12:00:02
+    add '+45 min' => 0 12:45:00
+    add +1w => 0 Tue 2026-12-22 12:00:00
+    TZ=CET-1 add 2026-12-24T08:00-05:00 => 0 Thu 2026-12-24 14:00:00
+    add 08:00-05:00 => 2 is no time
+    add 'Thu 2026-12-24 07:00:00 UTC' => 0 Thu 2026-12-24 07:00:00
+    add 'Fri 2026-12-24 07:00' => 2 is no time
+    add 'tue 12:00:01' => 0 Next firing: Tue 2026-12-22 12:00:00
+    add 'tue 12:00:01' --type off => 0 Tue 2026-12-15 12:00:01
+    add 7:00:05 => 0 On-timers ignore seconds.
+    LC_ALL=de_DE.UTF-8 add 'mi 7:00' => 0 Wed 2026-12-16 07:00:00
+    LC_ALL=fr_FR.UTF-8 add 7:00 --on lun-mer => 0 Days: Mon,Tue,Wed
+    add 'mi 7:00' => 2 is no time
+    add 7:00 --on daily --type transient-off => 0 fires once, whatever its days
     add 7:00 --on mon-fri => 0 Days: weekdays
     add 7:00 --on monday --on sat-sun => 0 Days: Mon,Sat,Sun
     add 25:00 => 2 --at=25:00 is no time; write 7:00
@@ -111,11 +143,19 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
       Timer 1 is now armed for Tue 2026-12-15 18:00:00; it was armed for Thu 2026-12-24 18
     eighty; add 8:00 --force -> add 8:00 => 1 timer 2 (on, Mon) would be removed
     mkdir b; ctl backup b; ctl restore b -> add 7:00 => 1 refused the timer; its log
-    eighty -> ctl change 50 --on tue => 1 would be removed to make room; cancel timer 50 first
+    eighty; ctl change 50 --on tue -> ids /opt/dbspace/.dravel.db | sed -n '1p;$=' => 0 1\n80\n
+    eighty; ctl cancel 9; add +50s --type off -> ctl change 81 --at 14 => 1 due within a minute, and
+    eighty; mkdir b; ctl backup b; ctl restore b -> ctl change 50 --on tue => 1 timer 50 is cancelled
+    add '2026-12-24 18:00' -> ctl change 1 --at 19:00 => 0 Set for: Thu 2026-12-24 19:00:00
+    add 7:00 -> ctl change 1 --at 8 --check; ctl list => 0 This timer would take =/> 08:00\n
+    add 7:00 --check; ctl list => 0 would be added:\n       Timer: new =/> \n1
+    add '2026-12-15 11:59' --check => 1 has passed
     add 7:00 --on daily -> holidays add 01-01 12-31; holidays skip 1 => 0 Timer 1 is now removed;
     add 7:00 --type off -> add 7:00 => 0 \
       Note: It is not armed: off-timer 1 is set for the same time.
-    add 7:00 --on mon -> add 7:00 --on daily => 0 Timer 1 is for the same second, Mon 2026-12-21 07
+    add 7:00 --on mon -> add 7:00 --on daily => 0 It and timer 1 are due in the same second, \
+      Mon 2026-12-21 07:00:00: only one of them will fire, and which one is not certain; choose \
+      another minute.
     add 7:00 --on mon -> ctl change 1 --at 8:15 --on tue => 0 Timer 2 takes the place of timer 1.
     add 7:00 --type off --priority -3; ctl change 1 --on tue -> ctl list -j => 0 \
       "at":"2026-12-22T07:00:00+00:00","at_seconds":1797922800,"days":["Tue"],"priority":-3 \
@@ -125,18 +165,39 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00 -> ctl cancel 1 9 => 1 there is no timer 9 =/> is cancelled
     add 7:00 -> holidays skip 1 9 => 1 there is no timer 9 =/> skips
     holidays add 12-24 -> holidays remove 1 9 => 1 no holidays 9 =/> are removed
+    holidays add 12-24 => 0 No timer skips holidays
+    add 7:00 -> holidays add 12-24 --all; ctl list => 0 skips holidays =/> No timer
+    holidays add 12-24 -> holidays add 12-24 => 1 these days are holidays 1 already
+    add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 \
+      "moved":[{"id":1,"was":"2026-12-24T18:00:00+00:00","was_seconds":1798135200,"now":"2026-12-15T18
     holidays remove x => 2 x is no id; dravelctl holidays list shows the ids
-    add 7:00 --type 10 -> ctl cancel -10 --json => 0 {"cancelled":-10}
+    add 7:00 --type 10 -> ctl cancel -10 --json => 0 {"cancelled":-10,"timer":{"type":10,"at":"2026-12-16T07:00:00+00:00"
+    add 7:00; add 8:00 -> ctl rm --all; ctl ls => 0 No timers.
+    ctl cancel => 2 cancel needs ID
+    ctl cancel 1 --all => 2 --all goes with no ID
     ctl -j holidays add -- 12-24 12-26 => 0 "first":{"month":12,"day":24,
   )");
 }
 
 TEST_F(Ctl, TheState_IsShownAndExplained) {
-  check(R"(
+  check(R"steps(
     ctl => 0 Clock: Tue 2026-12-15 12:00:00 (UTC, UTC+00:00), confirmed\n
     three -> ctl status => 0 in 7 hours, halted: timer 1 (off, once)\n   Wakes for: timer 2,
     three -> ctl status -j => 0 "halted":{"on":false,"off":true},"timers":3,"limit":80,
-    three -> ctl list => 0 in 7 hours, halted  once
+    three -> ctl list => 0 Tue 2026-12-15 19:00  7 hours   once      halted
+    three -> ctl list --on-timers --day wed => 0 \n2   on =/> \n3
+    three -> ctl list --off-timers => 0 \n1   off =/> \n2
+    add 7:00 --type 2 -> ctl => 0 Next on: none\nNext wake-up: Wed 2026-12-16 07:00:00, in 19
+    add 7:00 --type 2 -> ctl explain 1 => 0 The simulated set keeps the reason
+    eighty; add 6:00 --type 10 -> ctl status => 0 Timers: 81, adding one removes another
+    three -> ctl overview => 0 "may":{"change":true},"timers":[{"id":1,"type":1,"type_name":"off",\
+      "title":"timer 1 (off, once)","days_text":"once"
+    three -> ctl overview => 0 "mark":"off","halted":true,"passed":[]}
+    three -> ctl overview => 0 {"date":"2026-12-17","holidays":[1]}
+    three -> ctl overview => 0 {"first":"2027-12-17","last":"2027-12-18"}],"skipped_by":[2]}
+    lose_clock; add 7:00 -> ctl overview => 0 "week":null,
+    add 7 --on daily; add 7 --type off --on daily -> ctl -j week => 0 "mark":"both","halted":false
+    ctl types => 0 \n1       off
     three -> ctl explain 1 => 0 Off-timers are halted: it is announced and does nothing else.
     three -> ctl explain 2 => 0 Tue 2026-12-15 is passed over: its time of day has passed.\n\
       Thu 2026-12-17 to Fri 2026-12-18 are passed over: holidays 1.\n\
@@ -145,26 +206,32 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     three -> ctl explain 3 => 0 on Tue 2026-12-15 19:00:00, and moves it to Wed 2026-12-16 18:00
     three -> ctl explain => 0 for timer 2: it is the earliest on-timer.
     add 7:00 --on mon; add 7:00 --on sat-mon -> ctl explain 1 => 0 \
-      Mon 2026-12-21 to Mon 2027-01-18 are passed over: timer 2 at the same time goes first.\n\
-      It is armed for Mon 2026-12-21 07:00:00, in 5 days.\n\
-      It does not fire in the coming five weeks.
+      2027-01-18 07:00:00.\nTimers 1 and 2 are due in the same second, Mon 2026-12-21 07:00:00: only
+    add 7:00:05 --type 10; add 7:00:05 --type off -> ctl week => 0 Timers -10 and 1 are due in the \
+      same second, Wed 2026-12-16 07:00:05: timer -10 fires, and whether timer 1 does is not \
+      certain; choose another second.
     add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain -j 1 => 0 \
       "following":[{"at":"2026-12-17
     for t in 13 14 '2026-12-17 14'; do add "$t:00"; done -> ctl explain 3 => 0 \
-      Timer 2 fires before it, on Tue 2026-12-15 14:00:00, and removes it.
+      Timers 2 and 3 are due in the same second, Tue 2026-12-15 14:00:00
     add 7:00 --on daily --holidays skip; add 8:00; holidays add 12-16 12-18 \
-      -> ctl list => 0 ignore    broadcast\n1
+      -> ctl list => 0 once\n1
     lose_clock; add 0:00 --on daily -> ctl explain 1 => 0 \
       is set for 00:00.\nIt is not armed: the set's clock is unknown.
     three -> ctl week => 0 Wed 2026-12-16 ··············▲·····················▲···········\n
     add 12:10 -> ctl halt both; ctl week => 0 Tue 2026-12-15 ·······················│○···
     three -> LC_ALL=C ctl week => 0 Thu 2026-12-17 ##############################
     three -> ctl week --json => 0 [{"id":1,"type_name":"off","at":"2026-12-15T19:00:00+00
+    add '2026-12-20 00:00' --type off -> ctl week => 0 Sun 2026-12-20 ▼
+    add '2026-12-21 23:30' -> ctl week => 0 \
+      Mon 2026-12-21 ···············································▲\n
     ctl explain 9 => 1 there is no timer 9
     ctl wakeup => 0 No timer woke the set.
     ctl halt on none => 2 none without on or off
+    ctl halt none none => 0 On-timers: active
+    ctl halt both => 0 On-timers: halted\nOff-timers: halted
     ctl halt both -> ctl halt none => 0 On-timers: active\nOff-timers: active
-  )");
+  )steps");
 }
 
 TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
@@ -182,6 +249,8 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
     mkdir b; rm /opt/dbspace/.dravel.db -> wait=0.5 ctl backup b => 1 database up to /tmp/b, where
     mkdir b; ctl backup b; printf '#!/bin/sh\necho $* >asked' >systemctl; chmod +x systemctl \
       -> PATH=$PWD:$PATH ctl restore b --restart; cat asked => 0 restart dravel-manager.service
+    mkdir b; ctl backup b; printf '#!/bin/sh\necho no unit >&2; exit 5' >systemctl; \
+      chmod +x systemctl -> PATH=$PWD:$PATH ctl restore b --restart => 1 not restarted: no unit; the
     mkdir b -> ctl restore b => 1 /tmp/b/.dravel.db cannot be read: No such file
     ctl restore $(printf %0300d) => 1 0 is no directory: File name too long
     ctl import /tmp => 1 cannot read /tmp: Is a directory
@@ -204,8 +273,8 @@ TEST_F(Ctl, AFileWithAFault_IsNotImported) {
     edited 's/"type": 0/"type": 255/' => 0 .type is 255; it must be a whole number from 0 to 254
     edited 's/"delay": 0/"delay": 1.5/' => 0 timers[0].delay is 1.5; it must be a whole number
     edited 's/"Mon"/7/' => 0 timers[0].days is 7; it must be a list such as ["Mon","Fri"]
-    edited 's/"at": "/&1/' => 0 .at is "12026-12-21T07:00:00+00:00"; it must be such as 2026-12
-    edited 's/0+00:00/0x/' => 0 timers[0].at is "2026-12-21T07:00:00x"; it must
+    edited 's/"time": "/&1/' => 0 .time is "107:00"; it must be such as 07:00
+    edited 's/"time": "07:/"at": "2026-12-21 07:/' => 0 .at is "2026-12-21 07:00"; it must
     edited s/ignore/ignored/ => 0 timers[0].holidays is "ignored"; it must be skip or ignore
     edited 's/"priority"/"prio"/' => 0 a field prio, which dravelctl export does not write
     edited 's/"type": 0,//' => 0 timers[0] has no type
@@ -217,10 +286,53 @@ TEST_F(Ctl, AFileWithAFault_IsNotImported) {
   )");
 }
 
+// A time of day has no zone; a date is in the zone that it says.
+TEST_F(Ctl, Files_AreCarriedOver) {
+  check(R"(
+    echo '{"timers":[{"type":0,"at":"2026-07-14T07:00:00+02:00","days":["Mon"]}]}' >x -> \
+      ctl import x; ctl export => 0 \
+      Note: x: timers[0]: it repeats at 07:00 of its clock; the offset of at is ignored.
+    echo '{"timers":[{"type":1,"at":"2026-12-24T08:00:00-05:00","delay":7}]}' >x -> \
+      export TZ=CET-1; ctl import x; ctl export => 0 \
+      "at": "2026-12-24T14:00:00+01:00",\n   "days": [],\n   "priority": 0,\n   "delay": 7,
+    add 7:00 --on mon; add 6:00 --on tue; ctl export >x; ctl cancel 1 2 -> \
+      ctl import x; ctl export | cmp - x && ctl list => 0 2 added, 0 refused. =/> differ
+    add 7:00 --on mon -> echo '{"timers":[{"type":0,"time":"07:00","days":["Mon"]}]}' | \
+      ctl import - => 1 timers[0]: it is there already as timer 1
+    echo '{"timers":[{"type":0,"at":"2026-12-24T07:00:00","holidays":"skip"}],\
+      "holidays":[{"first":{"month":12,"day":24},"last":{"month":12,"day":25}}]}' | ctl import - \
+      => 0 timers[0]: Holidays move it from Thu 2026-12-24 07:00:00 to Sat 2026-12-26 07:00:00.
+  )");
+}
+
+TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
+  check(R"(
+    add 6:00; add 7:00 --on mon; add 6:00 --type 10; holidays add 01-01; file $seven,$off $christmas \
+      -> ctl apply x; ctl apply x; ctl list => 0 Nothing to change. =/> \n1   
+    add 6:00; file $seven,$off $christmas -> ctl apply x --check; s=$?; ctl list; exit $s => 5 \
+      Added on, Mon, 07:00. =/> \n2
+    file $seven; ctl apply x -> ctl apply x --check => 0 Nothing to change.
+    add 7:00 --on mon; file $seven '' '"types":[1],' -> ctl apply x => 1 does not name in types
+    add 6:00 --on tue; file $off '' '"types":["off"],' -> ctl apply x; ctl list => 0 Added off =/> cancelled
+    add 7:00 --on mon --holidays skip; file $seven -> ctl apply x; ctl list => 0 \
+      Timer 1 ignores holidays. =/> \n2
+    file $seven,$seven -> ctl apply x => 1 on, Mon, 07:00 stands twice in the file
+    file '{"type":0,"time":"07:00"}' -> ctl apply x => 1 timers[0] is for once and has no date
+    file '{"type":0,"at":"2026-12-01T07:00:00"}' -> ctl apply x => 0 has passed; no timer is set
+    file "{\"type\":1,\"holidays\":\"skip\",\"at\":\"2026-12-24T22:00:00\"}" $christmas; ctl apply x -> \
+      ctl apply x; ctl list => 0 Sat 2026-12-26 22:00 =/> \n2
+    eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x -j => 0 "changed":true,
+    dravelctl -H -x list => 2 -H needs USER@HOST
+    printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; add 7:00 --on mon; file $seven -> \
+      PATH=$PWD:$PATH dravelctl -H a@b apply x => 0 Nothing to change.
+    printf '#!/bin/sh\nexit 255' >ssh; chmod +x ssh -> PATH=$PWD:$PATH dravelctl -H a@b list => 3 cannot reach a@b
+  )");
+}
+
 TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
   check(R"(
     ctl juggle => 2 there is no command juggle; dravelctl help lists
-    ctl list foo => 2 list does not take foo; write it as in dravelctl list --json
+    ctl list foo => 2 list does not take foo; write it as in dravelctl list
     holidays add --foo=5 => 2 no option --foo of holidays add; dravelctl help holi
     ctl --on mon add => 2 --on stands before add; write it behind add
     ctl show => 2 show needs ID; write it as in dravelctl show 3
@@ -232,26 +344,62 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl list >/dev/full => 1 No space left on device
     ctl list >&- => 1 cannot write the output
     add 7:00 >/dev/full; ctl list => 0 is carried out, but dravelctl cannot write
-    mkfifo p -> exec 3<>p 4>p 3>&-; ctl help >&4 => 1 Broken pipe
+    mkfifo p -> exec 3<>p 4>p 3>&-; ctl help >&4; echo $? => 0 0\n =/> Broken pipe
     ctl -- show 1 => 2 write the command before --
-    signal STOP -> wait=0.5; ctl; status=$?; signal CONT; exit $status => 1 \
-      did not answer within 0.5
+    signal STOP -> wait=0.5; ctl; status=$?; signal CONT; exit $status => 3 \
+      did not answer within 0.5 seconds; it may still do what it was asked
+    ctl lsit => 2 no command lsit, did you mean list?;
+    ctl -j lsit => 2 {"error":{"kind":"usage","what":"there is no command lsit, did you mean list?"
+    add 25:00 -j => 2 ,"option":"--at"}}
+    ctl show 9 -j => 1 {"error":{"kind":"refused","what":"there is no timer 9"
+    add $(printf %05000d) => 2 --at=00000 =/> 00000000000000000000000000000000000000000000000000000\
+      0000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000\
+      0000000000000000000000000000000000000000000000000000000
+    ctl monitor --count 0 => 2 --count=0 is no count of expiries; give 1 or more
+    ctl help show --json => 0 {"name":"show","summary":"Show one timer","options":[{"name":"ID"
+    ctl -V => 0 dravelctl 1
   )");
-  EXPECT_THAT(shell("dravelctl list").said, HasSubstr("dravel-manager is not running"));
+  const outcome alone = shell("dravelctl list");
+  EXPECT_EQ(alone.status, 3);
+  EXPECT_THAT(alone.said, HasSubstr("dravel-manager is not running"));
+}
+
+TEST_F(Ctl, Documents_FitTheirSchemas) {
+  start();
+  const outcome faults =
+      shell(std::string(kHelpers) + kApply + R"(
+cat >fits.py <<'END'
+import json, jsonschema, sys
+schema = json.load(open(sys.argv[1]))
+jsonschema.validate(json.loads(sys.stdin.readline()), {**schema, '$ref': '#/$defs/' + sys.argv[2]})
+END
+fits() { name=$1; shift; dravelctl "$@" -j | tr '\n' ' ' | /usr/bin/python3 fits.py )" +
+            "$(dirname " INTROSPECTION_XML ")/dravelctl.schema.json" + R"( "$name" 2>&1 |
+  sed "s/^/$name: /"; }
+three >/dev/null 2>&1
+fits add add --at 7:00; fits change change 4 --at 8:00; fits cancel cancel 5; fits show show 1
+for name in status list wakeup explain week halt types overview export; do fits $name $name; done
+fits 'holidays list' holidays list; fits 'holidays add' holidays add 12-25 --all
+fits 'holidays remove' holidays remove 1; fits 'holidays skip' holidays skip 1
+file $seven $christmas; fits apply apply x; fits import import x; fits error show 99
+start_monitor --json >/dev/null; add 9:00 >/dev/null
+until_told added | grep -m1 added | /usr/bin/python3 fits.py )" +
+            "$(dirname " INTROSPECTION_XML ")/dravelctl.schema.json monitor");
+  EXPECT_EQ(faults.said, "");
 }
 
 TEST_F(Ctl, EveryExample_IsUnderstood) {
   start();
   const outcome examples = shell(R"(
 mkdir /run/backups; dravelctl export >timers.json; dravelctl add --at 7:00 >&2
-for command in $(dravelctl help | sed -n '/^Subcommands/,$ s/^  \([a-z]*\) .*/\1/p'); do
+for command in $(dravelctl help | sed -n '/^Subcommands/,$ s/^  \([a-z]*\)[ ,].*/\1/p'); do
   example=$(dravelctl help $command | sed -n 's/^Example: //p; s,/var,/run,')
   [ $command = monitor ] || eval "$example"
   [ $? = 2 ] && echo "not understood: $example"
   case $example in 'dravelctl '*) count=$((count + 1)); esac
 done; echo "$count examples")");
   EXPECT_THAT(examples.said, testing::Not(HasSubstr("not understood")));
-  EXPECT_THAT(examples.said, testing::EndsWith("\n17 examples\n"));
+  EXPECT_THAT(examples.said, testing::EndsWith("\n20 examples\n"));
 }
 
 // In the daemon's place: an older one, which sends what a case tells it to send.
@@ -267,6 +415,20 @@ private:
 
 TEST_F(CtlWithout, AnOlderDaemon_IsSaidToBeOlder) {
   EXPECT_THAT(shell("dravelctl").said, HasSubstr("this dravel-manager is older than dravelctl"));
+}
+
+// It does not tell when its timer, number 1, off at 01:00 every day, fires next.
+TEST_F(CtlWithout, WhatIsGuessed_IsMarked) {
+  const outcome told = shell(kHelpers + std::string(R"(
+method() {
+  busctl call $daemon /org/olvara/tv/system/dravel org.freedesktop.DBus.Mock AddMethod sssss \
+    $daemon $1 i $2 "ret = $3"
+}
+method request_timer_list iay '(1, [1,0,0,0, 1] + 19 * [0] + [1,0,0,0, 1] + 7 * [0] + [130] + 27 * [0] + [127] + 11 * [0])'
+method request_disabled_period_list iay '(0, dbus.Array([], signature="y"))'
+method request_get_timers_halt_effect ii '(0, 1)'
+dravelctl list)"));
+  EXPECT_THAT(told.said, testing::EndsWith("  daily  halted, guessed\n"));
 }
 
 TEST_F(CtlWithout, Monitor_JoinsTheSignalsOfAnExpiry) {
@@ -293,15 +455,16 @@ start_monitor --json
 ctl halt off; add +1s --type off; until_told '"expired"'; ctl cancel 1
 add 13:00 --on tue; ctl halt on; ctl cancel 2; add 14:00; until_told '"wakeup","id":3'
 ctl cancel 3; until_told '"wakeup","id":0'
-holidays add 12-24; ctl holidays remove 1; until_told '"holidays-removed"'
-add 12:30 --on daily; set_clock $((noon + 7200)); until_told '"event":"armed"'
+holidays add 12-24; until_told '"holidays-added"'; ctl holidays remove 1; until_told 'ys-removed"'
+add 12:30 --on daily; until_told '"added","id":4'; set_clock $((noon + 7200)); until_told '"event":"armed"'
 kill $!; wait $!)"));
   EXPECT_EQ(told.status, 0);
   for (const char *event :
        {R"("event":"expired","id":1,"type":1,"type_name":"off","days":[],"halted":true)",
         R"("event":"added","id":2,"timer":{"id":2)", R"("event":"halts","on":true,"off":true)",
         R"("event":"removed","id":2,"why":"cancelled")", R"("event":"wakeup","id":0,"at":null)",
-        R"("event":"holidays-added","holidays":{"id":1,)", R"("event":"clock-set","by":7)",
+        R"("event":"holidays-added","id":1,"holidays":{"id":1,)",
+        R"("event":"holidays-removed","id":1,"holidays":{"id":1,)", R"("event":"clock-set","by":7)",
         R"("event":"armed","id":4,"at":"2026-12-16T12:30:00+00:00")"})
     EXPECT_THAT(told.said, HasSubstr(event));
 }

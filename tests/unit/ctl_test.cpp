@@ -1,7 +1,9 @@
 // What dravelctl computes by itself, held against the daemon's figures.
 #include "fixture.h"
 #include "timers.h"
+#include "words.h"
 
+#include <cstdlib>
 #include <random>
 
 class Tool : public CleanSet {
@@ -124,4 +126,21 @@ TEST_F(Tool, Forecast_IsWhatTheDaemonDoes) {
     }
     ASSERT_EQ(text_of(forecast(view, until)), text_of(fired));
   }
+}
+
+// The daemon counts the seconds that the clock shows: of an hour that it shows twice the first is
+// meant, and a time that it leaves out comes so long after the change.
+TEST(Words, ATimeHasTheOffsetOfTheMomentAtWhichTheDaemonMeansIt) {
+  constexpr std::pair<const char *, const char *> kTimes[] = {
+      {"2026-10-25 02:30", "2026-10-25T02:30:00+02:00"},
+      {"2026-10-25 03:00", "2026-10-25T03:00:00+01:00"},
+      {"2026-03-29 02:30", "2026-03-29T02:30:00+01:00"},
+      {"2026-07-01 12:00", "2026-07-01T12:00:00+02:00"}};
+  const char *before = std::getenv("TZ");
+  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+  for (const auto &[time, iso] : kTimes)
+    EXPECT_EQ(in_zone(civil(time_of(time))).iso, iso);
+  EXPECT_EQ(from_utc(civil(time_of("2026-10-25 01:30"))).iso, "2026-10-25T02:30:00+01:00");
+  EXPECT_EQ(civil_of(civil(time_of("2026-07-01 12:00"))), civil(time_of("2026-07-01 14:00")));
+  before != nullptr ? setenv("TZ", before, 1) : unsetenv("TZ");
 }

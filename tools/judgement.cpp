@@ -1,0 +1,169 @@
+#include "judgement.h"
+
+#include "client.h"
+#include "words.h"
+
+#include <algorithm>
+#include <climits>
+#include <ranges>
+
+using namespace std::chrono;
+
+static constexpr days kForecast{35};
+static constexpr int kUnlisted = INT_MAX; // the id of a timer that is not added yet
+
+// --- refused, or not armed ---
+
+static std::string past_text(const timer_record &timer, const snapshot &view) {
+  const civil_time now = view.now.of(timer.clock);
+  const std::string clock =
+      timer.clock == TIME_TYPE_INTERNET ? "the system clock" : "the set's clock";
+  if (timer.at > now)
+    return "on-timers ignore seconds: " + time_text(timer.at) + " counts as " +
+           time_text(floor<minutes>(timer.at)) + ", which has passed";
+  return time_text(timer.at) + " has passed: " + clock + " reads " + time_text(now);
+}
+
+std::string refusal_of(timer_record timer, const snapshot &view) {
+  if (!view.clock_known)
+    return ""; // it is accepted and stays unarmed
+  const auto next = next_firing(timer, view.now, view.holidays);
+  if (!next && timer.week_flag == 0)
+    return past_text(timer, view);
+  if (!next)
+    return "holidays cover every day on which it would fire";
+  if (*next - view.now.set > kFarthest)
+    return time_text(*next) + " is more than 365 days ahead";
+  const auto ontimer = ontimer_soon_after(*next, view, 0);
+  if (timer.type == TIMER_TYPE_STANDBY && ontimer)
+    return "timer " + std::to_string(*ontimer) +
+           " follows within ten minutes after it, and a standby timer is then left out";
+  return "";
+}
+
+std::string reason_unarmed(const timer_record &timer, const snapshot &view) {
+  if (!view.clock_known)
+    return "the set's clock is unknown";
+  if (!view.clock_confirmed)
+    return "the set has woken up and its time is not confirmed yet";
+  if (timer.type == TIMER_TYPE_TRANSIENT)
+    return "it has expired, and a transient timer stays listed";
+  if (const timer_record *off = coinciding_offtimer(timer, view);
+      off != nullptr && timer.week_flag == 0)
+    return "off-timer " + std::to_string(off->id) + " is set for the same time";
+  if (std::string refusal = refusal_of(timer, view); !refusal.empty())
+    return refusal;
+  return "the daemon gives no reason; " + std::string(kLogHint);
+}
+
+const timer_record *evicted_by(const timer_record &timer, const snapshot &view) {
+  if (timer.type == TIMER_TYPE_TRANSIENT || view.timers.size() < view.limit)
+    return nullptr;
+  return &*std::ranges::min_element(view.timers, {}, &timer_record::id);
+}
+
+// --- several timers in one second ---
+
+civil_time forecast_end(const snapshot &view) {
+  civil_time end = view.now.set + kForecast;
+  for (const auto &[id, at] : view.armed)
+    end = std::max(end, at);
+  return end;
+}
+
+clash clash_of(const firing &firing) {
+  if (firing.passed.empty())
+    return {firing.at, {}};
+  clash clash{firing.at, firing.passed};
+  clash.ids.push_back(firing.id);
+  std::ranges::sort(clash.ids);
+  return clash;
+}
+
+std::vector<clash> clashes_of(int id, const std::vector<firing> &firings) {
+  std::vector<clash> clashes;
+  for (const firing &firing : firings) {
+    const clash found = clash_of(firing);
+    const bool concerns = id == 0 || std::ranges::find(found.ids, id) != found.ids.end();
+    if (concerns && !found.ids.empty() &&
+        std::ranges::find(clashes, found.ids, &clash::ids) == clashes.end())
+      clashes.push_back(found);
+  }
+  return clashes;
+}
+
+// "timers 1, 2 and 3"; the timer that is not added yet comes first.
+static std::string names_of(const std::vector<int> &ids) {
+  std::vector<std::string> names;
+  for (const int id : ids)
+    names.push_back(std::to_string(id));
+  std::string text = ids.size() == 1 ? "timer " : "timers ";
+  if (ids.back() == kUnlisted) {
+    names.pop_back();
+    text = "it and " + std::string(names.size() == 1 ? "timer " : "timers ");
+  }
+  for (std::size_t i = 0; i < names.size(); ++i)
+    text += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+  return text;
+}
+
+// The daemon arms all timers again when one fires, and the others of that second then count as
+// past. Which one is the first depends on when within a second each was armed. Transient timers are
+// left as they are.
+std::string clash::text(const snapshot &view) const {
+  std::vector<int> transient;
+  std::vector<int> others;
+  bool is_on = false;
+  for (const int id : ids) {
+    const timer_record *timer = find_timer(view.timers, id);
+    const int type = timer != nullptr ? timer->type : TIMER_TYPE_OFF;
+    (type == TIMER_TYPE_TRANSIENT ? transient : others).push_back(id);
+    is_on = is_on || is_ontimer_type(type);
+  }
+  if (others.empty() || ids.size() < 2)
+    return "";
+  std::string what = "only one of them will fire, and which one is not certain";
+  if (!transient.empty())
+    what = names_of(transient) + (transient.size() == 1 ? " fires, and " : " fire, and ") +
+           (others.size() == 1 ? "whether " + names_of(others) + " does is not certain"
+                               : "at most one of the others, it is not certain which");
+  return names_of(ids) + " are due in the same second, " + time_text(at) + ": " + what +
+         "; choose another " + (is_on ? "minute" : "second");
+}
+
+// --- a new timer ---
+
+static std::vector<clash> clashes_of_new(timer_record timer, civil_time next, snapshot &view) {
+  timer.id = kUnlisted;
+  view.timers.push_back(timer);
+  view.armed[kUnlisted] = next;
+  return clashes_of(kUnlisted, forecast(view, forecast_end(view)));
+}
+
+std::vector<std::string> notes_of(timer_record timer, const snapshot &view) {
+  if (!view.clock_known)
+    return {"The set's clock is unknown: the timer is armed once it is known."};
+  std::vector<std::string> notes;
+  if (is_ontimer_type(timer.type) && timer.at != floor<minutes>(timer.at))
+    notes.emplace_back("On-timers ignore seconds.");
+  if (timer.type == TIMER_TYPE_TRANSIENT && timer.week_flag != 0)
+    notes.emplace_back("A transient timer fires once, whatever its days.");
+  const civil_time wanted = timer.at;
+  const auto next = next_firing(timer, view.now, view.holidays);
+  if (!next)
+    return notes;
+  if (timer.at != wanted)
+    notes.push_back("Holidays move it from " + time_text(wanted) + " to " + time_text(*next) + ".");
+  const bool is_moved = timer.type != TIMER_TYPE_ALWAYS && timer.type != TIMER_TYPE_TRANSIENT;
+  if (timer.week_flag == 0 && is_moved && *next - view.now.set > days(1))
+    notes.push_back("A change of the clock, the zone or the holidays, or the expiry of another "
+                    "timer before, moves this timer to the next " +
+                    time_of_day_text(*next) +
+                    ". To keep its day, add it less than 24 hours ahead, or repeat it on its "
+                    "weekday (--on) and cancel it afterwards.");
+  snapshot with = view;
+  for (const clash &clash : clashes_of_new(timer, *next, with))
+    if (const std::string text = clash.text(with); !text.empty())
+      notes.push_back(sentence(text));
+  return notes;
+}

@@ -1,0 +1,36 @@
+// What will become of a timer and why. Whoever speaks of that (explain, week, add, change, import)
+// takes it from here, so that all say the same.
+#pragma once
+
+#include "timers.h"
+
+#include <string>
+#include <vector>
+
+// Why the daemon would refuse `timer`; empty when nothing speaks against it.
+std::string refusal_of(timer_record timer, const snapshot &view);
+
+// Why a listed timer is not armed.
+std::string reason_unarmed(const timer_record &timer, const snapshot &view);
+
+// Forecasts go as far: five weeks, and to the last timer that is armed.
+civil_time forecast_end(const snapshot &view);
+
+// The timers of one second; for one timer the second is told once for each company.
+struct clash {
+  civil_time at;
+  std::vector<int> ids; // sorted
+
+  std::string text(const snapshot &view) const; // empty when all of them fire
+};
+
+// The clash that `firing` is; no ids when it is none.
+clash clash_of(const firing &firing);
+// The clashes of one timer, or of all for id 0; each company of timers once, with its first second.
+std::vector<clash> clashes_of(int id, const std::vector<firing> &firings);
+
+// What the user should know of a timer that is added to those in `view`.
+std::vector<std::string> notes_of(timer_record timer, const snapshot &view);
+
+// The timer that the daemon removes to make room for one more; null while there is room.
+const timer_record *evicted_by(const timer_record &timer, const snapshot &view);

@@ -1,0 +1,86 @@
+// overview: one document with all that a program needs at once; types.
+#include "commands.h"
+#include "judgement.h"
+
+#include <algorithm>
+
+using namespace std::chrono;
+
+static json types() {
+  json list = json::array();
+  for (const timer_type &type : kTimerTypes)
+    list.push_back({{"number", type.number}, {"word", type.word}, {"meaning", type.meaning}});
+  return list;
+}
+
+void show_types(client &, const options &given) {
+  if (given.json)
+    return say(true, types(), "");
+  std::vector<std::vector<std::string>> rows;
+  for (const timer_type &type : kTimerTypes)
+    rows.push_back({std::to_string(type.number), type.word, type.meaning});
+  print_table({"NUMBER", "TYPE", "MEANING"}, rows);
+}
+
+static json timers_of(const snapshot &view) {
+  json list = json::array();
+  const auto firings = forecast(view, forecast_end(view));
+  for (const timer_record &timer : view.timers) {
+    json object = json_of(timer, view);
+    object["notes"] = json::array();
+    if (!view.armed.contains(timer.id))
+      object["notes"].push_back(sentence("it is not armed: " + reason_unarmed(timer, view)));
+    for (const clash &clash : clashes_of(timer.id, firings))
+      if (const std::string text = clash.text(view); !text.empty())
+        object["notes"].push_back(sentence(text));
+    list.push_back(object);
+  }
+  return list;
+}
+
+// Its dates in this year and the next.
+static json dates_of(const holiday &period, const snapshot &view) {
+  json list = json::array();
+  const year this_year = year_month_day(floor<days>(view.now.set)).year();
+  for (const year year : {this_year, this_year + years(1)})
+    list.push_back({{"first", date_in(period.first, year)}, {"last", date_in(period.last, year)}});
+  return list;
+}
+
+static json holidays_of(const snapshot &view) {
+  json list = json::array();
+  for (const holiday &period : view.holidays) {
+    json object = json_of(period);
+    object["text"] = date_text(period.first) + " to " + date_text(period.last);
+    object["dates"] = dates_of(period, view);
+    object["skipped_by"] = json::array();
+    for (const timer_record &timer : view.timers)
+      if (timer.holiday_effect != 0 && timer.type != TIMER_TYPE_ALWAYS)
+        object["skipped_by"].push_back(timer.id);
+    list.push_back(object);
+  }
+  return list;
+}
+
+static json problems_of(const snapshot &view) {
+  json list = json::array();
+  if (!view.clock_known)
+    list.push_back("The set's clock is unknown: no timer is armed.");
+  else if (!view.clock_confirmed)
+    list.push_back("The set's clock is not confirmed since the set woke up.");
+  return list;
+}
+
+void show_overview(client &client, const options &) {
+  const snapshot view = client.look_at_state();
+  const std::string refusal = client.reason_not_to_change();
+  json all{{"status", json_of_status(view, client.wakeup_timer())}};
+  all["may"] = {{"change", refusal.empty() ? json(true) : json(refusal)}};
+  all["timers"] = timers_of(view);
+  all["week"] = json_of_week(view);
+  all["holidays"] = holidays_of(view);
+  all["types"] = types();
+  all["machine"] = nullptr;
+  all["problems"] = problems_of(view);
+  say(true, all, "");
+}
