@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <set>
 
 using namespace std::chrono;
 
@@ -24,9 +25,10 @@ struct listener {
   client &daemon;
   const options &given;
   GMainLoop *loop;
-  int left;        // expiries until the end, 0 for no end
-  snapshot view{}; // as it was last read
-  snapshot told{}; // its halts, clock, armed timers and holidays were told or need not be
+  int left;              // expiries until the end, 0 for no end
+  snapshot view{};       // as it was last read
+  snapshot told{};       // its halts, clock, armed timers and holidays were told or need not be
+  std::set<int> known{}; // timers that the signals have told of
   std::vector<int> told_holidays{};
   seconds told_at{};  // since the machine's start, when told.now was read
   failure ended_by{}; // without a text: by a signal or the count
@@ -120,6 +122,7 @@ static void keep_armed(listener &self, int id) {
 static void tell_timer(listener &self, const std::string &event, int id) {
   const timer_record *timer = find_timer(self.view.timers, id);
   keep_armed(self, id);
+  self.known.insert(id);
   tell(self, event, {{"id", id}, {"timer", timer != nullptr ? json_of(*timer, self.view) : json()}},
        "timer " + std::to_string(id) + " " + event +
            (timer != nullptr ? ": " + type_name(timer->type) + ", " + days_text(timer->week_flag) +
@@ -136,6 +139,7 @@ static void hear_timer(GDBusConnection *, const char *, const char *, const char
   if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(is)")) != FALSE) {
     g_variant_get(arguments, "(i&s)", &id, &why);
     self.told.armed.erase(id);
+    self.known.erase(id);
     tell(self, "removed", {{"id", id}, {"why", why}},
          "timer " + std::to_string(id) + " removed: " + why);
   } else if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(i)")) != FALSE) {
@@ -149,7 +153,7 @@ static void tell_armed(listener &self) {
   for (const timer_record &timer : self.view.timers) {
     const auto at = armed_for(timer.id, self.view);
     const auto was = armed_for(timer.id, self.told);
-    if (at == was || find_timer(self.told.timers, timer.id) == nullptr)
+    if (at == was || !self.known.contains(timer.id))
       continue;
     json about{{"id", timer.id}};
     add_time(about, "at", at);
@@ -159,7 +163,6 @@ static void tell_armed(listener &self) {
              (at ? "armed for " + time_text(*at) : "not armed"));
     keep_armed(self, timer.id);
   }
-  self.told.timers = self.view.timers;
 }
 
 // --- the set ---
@@ -278,6 +281,9 @@ static void tell_appeared(GDBusConnection *, const char *, const char *, void *d
   auto &self = *static_cast<listener *>(data);
   look(self);
   self.told = self.view;
+  self.known.clear();
+  for (const timer_record &timer : self.view.timers)
+    self.known.insert(timer.id);
   self.told_holidays.clear();
   for (const holiday &period : self.view.holidays)
     self.told_holidays.push_back(period.id);

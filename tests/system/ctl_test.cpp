@@ -461,7 +461,7 @@ kill $!; wait $!)"));
   EXPECT_EQ(told.status, 0);
   for (const char *event :
        {R"("event":"expired","id":1,"type":1,"type_name":"off","days":[],"halted":true)",
-        R"("event":"added","id":2,"timer":{"id":2)", R"("event":"halts","on":true,"off":true)",
+        R"("event":"added","id":3,"timer":{"id":3)", R"("event":"halts","on":true,"off":true)",
         R"("event":"removed","id":2,"why":"cancelled")", R"("event":"wakeup","id":0,"at":null)",
         R"("event":"holidays-added","id":1,"holidays":{"id":1,)",
         R"("event":"holidays-removed","id":1,"holidays":{"id":1,)", R"("event":"clock-set","by":7)",
