@@ -162,9 +162,8 @@ std::time_t time(std::time_t *timer) noexcept {
   return timer == nullptr ? wall_clock : *timer = wall_clock;
 }
 
-int clock_gettime(
-    clockid_t clock,
-    timespec *out) noexcept { // NOLINT(readability-inconsistent-declaration-parameter-name)
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+int clock_gettime(clockid_t clock, timespec *out) noexcept {
   const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, out));
   if (clock == CLOCK_REALTIME)
     *out = {wall_clock, 0};
