@@ -13,7 +13,7 @@
 
 static constexpr std::uint16_t kTelevisionAddress = 0; // 0.0.0.0, the television's own end
 static constexpr std::uint32_t kReplyMilliseconds = 1000;
-static constexpr const char *kOurName = "dravel";
+static constexpr std::string_view kOurName = "dravel";
 
 cec_device::cec_device(const std::string &path, const listener &told)
     : path_(path), told_(told), fd_(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) {
@@ -51,7 +51,7 @@ void cec_device::claim() {
   claimed.vendor_id = CEC_VENDOR_ID_NONE;
   claimed.primary_device_type[0] = CEC_OP_PRIM_DEVTYPE_PLAYBACK;
   claimed.log_addr_type[0] = CEC_LOG_ADDR_TYPE_PLAYBACK;
-  std::strcpy(claimed.osd_name, kOurName);
+  std::ranges::copy(kOurName, claimed.osd_name);
   is_configured_ = is_ours_ = ioctl(fd_, CEC_ADAP_S_LOG_ADDRS, &claimed) == 0;
   const int error = is_ours_ ? 0 : errno;
   if (error != 0 && error != claim_error_)

@@ -66,6 +66,7 @@ static void write_event(int level, const std::string &event, const std::string &
     if (!value.empty())
       entry.push_back(name + value);
   std::vector<iovec> fields;
+  fields.reserve(entry.size());
   for (std::string &field : entry)
     fields.push_back({field.data(), field.size()});
   sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));

@@ -47,7 +47,8 @@ struct machine_property {
 static event_sink happens;
 static E_DBus_Object *object;
 static E_DBus_Interface *interface;
-static shown_machine shown;
+static shown_machine announced;
+static machine_view seen;
 static std::map<std::uint64_t, DBusMessage *> open_calls; // of TestWake
 
 // --- what is shown ---
@@ -77,7 +78,9 @@ static std::uint64_t sleeps_at(const machine &record, std::uint64_t before) {
   return at - before + 1 <= 2 ? before : at;
 }
 
-static shown_machine shown_of(const machine &record, const std::string &adapter) {
+static shown_machine shown_now() {
+  const machine &record = seen.record();
+  const std::string adapter = seen.adapter();
   shown_machine now;
   now.screen = word_of(record.screen.believed);
   now.screen_by = adapter.empty() ? "targets" : adapter;
@@ -86,7 +89,7 @@ static shown_machine shown_of(const machine &record, const std::string &adapter)
   now.alarm_problem = alarm_problem(record);
   now.last_wake = static_cast<std::uint64_t>(record.woken.utc);
   now.last_cause = word_of(record.woken.by);
-  now.sleeps_at = sleeps_at(record, shown.sleeps_at);
+  now.sleeps_at = sleeps_at(record, announced.sleeps_at);
   now.postponed = sentence_of(record.sleep.why);
   now.problems = problems_of(record);
   return now;
@@ -131,8 +134,8 @@ static void append_problems(const shown_machine &from, DBusMessageIter *out) {
 }
 
 template <auto Field> static constexpr machine_property property(const char *name) {
-  constexpr bool is_text = std::is_same_v<decltype(Field), std::string shown_machine::*>;
-  return {name, is_text ? "s" : "t", append<Field>, differs<Field>};
+  constexpr bool kIsText = std::is_same_v<decltype(Field), std::string shown_machine::*>;
+  return {name, kIsText ? "s" : "t", append<Field>, differs<Field>};
 }
 
 static constexpr machine_property kProperties[] = {
@@ -151,7 +154,7 @@ static constexpr machine_property kProperties[] = {
 static void get_property(E_DBus_Object *, const char *name, DBusMessageIter *value) {
   std::ranges::find_if(kProperties, [=](const auto &row) {
     return row.name == std::string_view{name};
-  })->append(shown, value);
+  })->append(shown_now(), value);
 }
 
 // --- methods ---
@@ -218,20 +221,22 @@ static void export_object() {
   e_dbus_object_interface_attach(object, interface);
 }
 
-void start_machine_object(event_sink sink) { happens = sink; }
+void start_machine_object(event_sink sink, const machine_view &view) {
+  happens = sink;
+  seen = view;
+}
 
-void show_machine(const machine &record, const std::string &adapter) {
-  const shown_machine before = shown;
-  shown = shown_of(record, adapter);
+void announce_machine() {
   static bool tried = false;
   if (!std::exchange(tried, true)) // the daemon has its connection by the first pass
     export_object();
+  const shown_machine before = std::exchange(announced, shown_now());
   if (object == nullptr)
     return;
   std::array<const char *, std::size(kProperties) + 1> changed{};
   auto end = changed.begin();
   for (const machine_property &row : kProperties)
-    if (row.differs(before, shown))
+    if (row.differs(before, announced))
       *end++ = row.name;
   if (end != changed.begin())
     e_dbus_properties_changed(object, interface, changed.data());

@@ -6,11 +6,16 @@
 
 #include <string>
 
-void start_machine_object(event_sink sink);
+// Where it gets what it shows: the record, and what the television is reached by, "" when by the
+// targets only.
+struct machine_view {
+  const machine &(*record)();
+  std::string (*adapter)();
+};
+void start_machine_object(event_sink sink, const machine_view &view);
 
-// Sends what has changed. `adapter` is what the television is reached by, "" when by the targets
-// only.
-void show_machine(const machine &record, const std::string &adapter);
+// Sends what has changed since the last time.
+void announce_machine();
 
 // Ends the call of TestWake.
 void answer_test_wake(const order::answer &answered);

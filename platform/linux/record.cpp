@@ -123,7 +123,7 @@ static std::string alarm_text(machine record) {
 
 static bool read_alarm_file(machine &record) {
   g_autoptr(GKeyFile) file = g_key_file_new();
-  if (!g_key_file_load_from_file(file, alarm_path().c_str(), G_KEY_FILE_NONE, nullptr))
+  if (g_key_file_load_from_file(file, alarm_path().c_str(), G_KEY_FILE_NONE, nullptr) == FALSE)
     return false;
   exchange_alarm(file, record, true);
   return true;
@@ -135,7 +135,7 @@ static bool read_older_file(machine &record, std::int64_t device_alarm) {
   static constexpr const char *kGroup = "wake-up";
   const std::string path = state_directory() + "/wake-up";
   g_autoptr(GKeyFile) file = g_key_file_new();
-  if (!g_key_file_load_from_file(file, path.c_str(), G_KEY_FILE_NONE, nullptr))
+  if (g_key_file_load_from_file(file, path.c_str(), G_KEY_FILE_NONE, nullptr) == FALSE)
     return false;
   const auto number = [&](const char *key) {
     return g_key_file_get_int64(file, kGroup, key, nullptr);

@@ -4,9 +4,14 @@
 
 #include <time_values.h>
 
+#include <linux/ioctl.h>
+#include <linux/types.h>
 // The contract has another record of this name.
-#define rtc_time kernel_rtc_time
+namespace kernel {
 #include <linux/rtc.h>
+}
+using kernel::rtc_param;
+using kernel::rtc_wkalrm;
 
 #include <algorithm>
 #include <cerrno>

@@ -152,7 +152,7 @@ static Eina_Bool main_loop_is_idle(void *) {
   if (record.wants_idle)
     post(event::idle{});
   if (std::exchange(is_changed, false))
-    parts.changed(record);
+    parts.changed();
   await_first_pass();
   return ECORE_CALLBACK_RENEW;
 }

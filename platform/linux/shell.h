@@ -11,7 +11,7 @@ struct shell_parts {
   // An order that is carried out at once gives its result, which is decided before the next order.
   std::optional<event::any> (*carry_out)(const order::any &ordered);
   void (*deliver)(const order::deliver &told); // calls the daemon
-  void (*changed)(const machine &record);      // before the main loop waits
+  void (*changed)();                           // the record, before the main loop waits
 };
 
 void start_shell(const event::started &first, const shell_parts &around);

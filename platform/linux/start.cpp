@@ -124,8 +124,6 @@ static void deliver(const order::deliver &told) {
   }
 }
 
-static void changed(const machine &record) { show_machine(record, cec_description()); }
-
 // --- reload and end ---
 
 static Eina_Bool user_signal(void *, int, void *data) {
@@ -172,7 +170,7 @@ static void start_adapters() {
   start_timedated(post);
   start_cec(post);
   open_cec();
-  start_machine_object(post);
+  start_machine_object(post, {the_record, cec_description});
 }
 
 static void start_parts() {
@@ -182,7 +180,7 @@ static void start_parts() {
   start_adapters();
   ecore_event_handler_add(ECORE_EVENT_SIGNAL_USER, user_signal, nullptr);
   ecore_event_handler_add(ECORE_EVENT_SIGNAL_EXIT, process_ends, nullptr);
-  start_shell(first_event(), {carry_out, deliver, changed});
+  start_shell(first_event(), {carry_out, deliver, announce_machine});
 }
 
 bool start_platform() {

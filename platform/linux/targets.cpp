@@ -44,13 +44,15 @@ static int answered(unit of, sd_bus_message *reply) {
   return 0;
 }
 
-static int unit_answered(sd_bus_message *reply, void *data, sd_bus_error *) {
-  return answered(static_cast<unit>(reinterpret_cast<std::uintptr_t>(data)), reply);
+template <unit Of> static int unit_answered(sd_bus_message *reply, void *, sd_bus_error *) {
+  return answered(Of, reply);
 }
 
 static void order_unit(const char *method, unit of, std::int32_t reason) {
-  bus_call(kSystemd, method, unit_answered,
-           reinterpret_cast<void *>(static_cast<std::uintptr_t>(of)), "ss",
+  static constexpr sd_bus_message_handler_t kHandlers[] = {
+      unit_answered<unit::kOn>, unit_answered<unit::kOff>, unit_answered<unit::kAmbient>,
+      unit_answered<unit::kWakeup>}; // by unit
+  bus_call(kSystemd, method, kHandlers[static_cast<int>(of)], nullptr, "ss",
            name_of(of, reason).c_str(), "replace");
 }
 

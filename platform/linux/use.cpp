@@ -33,7 +33,7 @@ struct session {
 
 // One round of questions; a later round leaves the answers of an earlier one unread.
 struct round {
-  std::uintptr_t number = 0;
+  unsigned number = 0;
   int open = 0; // questions without an answer
   bool is_asked = false;
   int error = 0;
@@ -132,16 +132,15 @@ static void round_ended() {
   current.is_asked = false;
 }
 
-// Whether the reply belongs to the present round.
-static bool is_current(void *data) {
-  return reinterpret_cast<std::uintptr_t>(data) == current.number;
+// What the questions of a round carry, to tell its answers from those of the rounds before.
+static void *round_mark() {
+  static char marks[64];
+  return &marks[current.number % sizeof marks];
 }
-
-static void *round_data() { return reinterpret_cast<void *>(current.number); }
 
 static int answered(void *data, sd_bus_message *reply, bool is_needed,
                     void (*take)(sd_bus_message *reply)) {
-  if (!is_current(data))
+  if (data != round_mark())
     return 0;
   const int error = bus_error_of(reply);
   if (error == 0)
@@ -165,7 +164,7 @@ static void take_sessions(sd_bus_message *reply) {
   while (sd_bus_message_read(reply, "(susso)", nullptr, nullptr, nullptr, nullptr, &path) > 0) {
     ++current.open;
     bus_get_properties({kLogind.name, path, "org.freedesktop.login1.Session"}, session_answered,
-                       round_data());
+                       round_mark());
   }
 }
 
@@ -186,7 +185,7 @@ static int ability_answered(sd_bus_message *reply, void *data, sd_bus_error *) {
 
 static void begin_round() {
   current = {current.number + 1, 5, current.is_asked, 0, {}};
-  void *data = round_data();
+  void *data = round_mark();
   bus_get_properties(kLogind, properties_answered, data);
   bus_call(kLogind, kAbilities[0].question, ability_answered<0>, data, "");
   bus_call(kLogind, kAbilities[1].question, ability_answered<1>, data, "");

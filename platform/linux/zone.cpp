@@ -13,7 +13,8 @@ namespace {
 
 // What tells two zones apart.
 struct zone_rules {
-  std::string names[2];
+  std::string name;
+  std::string summer_name;
   std::int64_t west; // seconds
   std::int64_t next_transition;
   bool operator==(const zone_rules &) const = default;
@@ -35,7 +36,8 @@ std::int64_t utc_to_local(std::int64_t utc) { return utc + offset_at(utc); }
 utc_times utc_of_local(std::int64_t local) {
   const std::int64_t before = offset_at(local - kDaySeconds);
   const std::int64_t after = offset_at(local + kDaySeconds);
-  const auto [first, second] = std::minmax({local - before, local - after});
+  const std::int64_t first = local - std::max(before, after);
+  const std::int64_t second = local - std::min(before, after);
   const bool first_is = utc_to_local(first) == local;
   const bool second_is = utc_to_local(second) == local;
   if (first_is)
@@ -60,7 +62,7 @@ std::int64_t transition_after(std::int64_t utc) {
 }
 
 static zone_rules rules_now() {
-  return {{tzname[0], tzname[1]}, timezone, transition_after(utc_now())};
+  return {tzname[0], tzname[1], timezone, transition_after(utc_now())};
 }
 
 bool read_zone() {

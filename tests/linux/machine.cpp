@@ -1,16 +1,21 @@
 #include "machine.h"
 
 #include <Ecore.h>
+#include <linux/ioctl.h>
+#include <linux/types.h>
 // The contract has another record of this name.
-#define rtc_time kernel_rtc_time
+namespace kernel {
 #include <linux/rtc.h>
-#undef rtc_time
+}
+using kernel::rtc_param;
+using kernel::rtc_wkalrm;
 #include <due_timers.h>
 #include <time_values.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdarg>
 #include <cstdlib>
 #include <ctime>
@@ -157,6 +162,7 @@ std::time_t time(std::time_t *timer) noexcept {
   return timer == nullptr ? wall_clock : *timer = wall_clock;
 }
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 int clock_gettime(clockid_t clock, timespec *out) noexcept {
   const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, out));
   if (clock == CLOCK_REALTIME)
@@ -190,7 +196,7 @@ void sleep_for(std::int64_t seconds) {
 std::string timers() {
   std::string out;
   for (const auto &[seconds, callback] : live_timers)
-    append(out, std::to_string(static_cast<int>(seconds + 0.5)), " ");
+    append(out, std::to_string(std::lround(seconds)), " ");
   return out;
 }
 
