@@ -17,7 +17,8 @@ standin="/org/olvara/tv/standin org.olvara.tv.standin"
 noon=1797336000 # 2026-12-15 12:00
 lose_clock() { busctl set-property $daemon $standin TvClock u 0; }
 set_clock() { busctl set-property $daemon $standin TvClock u $1; busctl call $daemon $standin TimeSet; }
-signal() { kill -$1 $(busctl status $daemon | sed -n s/^PID=//p); }
+bus=org.freedesktop.DBus
+signal() { kill -$1 $(busctl call $bus / $bus GetConnectionUnixProcessID s $daemon | cut -d' ' -f2); }
 three() {
   ctl holidays add 12-17 12-18; add 19:00 --type off; add 7:00 --on mon-fri --holidays skip
   add '2026-12-24 18:00'; ctl halt off
