@@ -95,6 +95,7 @@ std::vector<clash> clashes_of(int id, const std::vector<firing> &firings) {
 // "timers 1, 2 and 3"; the timer that is not added yet comes first.
 static std::string names_of(const std::vector<int> &ids) {
   std::vector<std::string> names;
+  names.reserve(ids.size());
   for (const int id : ids)
     names.push_back(std::to_string(id));
   std::string text = ids.size() == 1 ? "timer " : "timers ";

@@ -177,8 +177,9 @@ changes changes_since(const snapshot &before, const snapshot &after) {
     const std::string is = armed_text(timer.id, after);
     if (was == is)
       continue;
-    found.notes.push_back("Timer " + std::to_string(timer.id) + " is now " + is + "; it was " +
-                          was + ".");
+    std::string note = "Timer " + std::to_string(timer.id);
+    found.notes.push_back(note.append(" is now ").append(is).append("; it was ").append(was) +=
+                          '.');
     const auto at = [&](const snapshot &view) {
       const auto armed = view.armed.find(timer.id);
       return armed != view.armed.end() ? std::optional(armed->second) : std::nullopt;

@@ -128,10 +128,10 @@ struct sim {
   void process_at(millis when, action what); // dropped when the process ends
   void answer(const event::any &what);       // over the bus
   void signal(const event::any &what);
-  void begin_sleep(off_action method);
+  void begin_sleep(off_action by);
   void begin_shutdown(bool is_called_off);
   void release_checked(); // of the inhibitor
-  void go_down(off_action method, bool is_announced);
+  void go_down(off_action by, bool is_announced);
   void wake(cause by);
   void boot(cause by);
   void write_foreign(std::int64_t ahead); // 0: switches the alarm off

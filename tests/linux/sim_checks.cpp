@@ -20,7 +20,7 @@ static constexpr std::size_t kMostSleepsAnHour = 6;
 static constexpr std::int64_t kLateSeconds = 300;
 static constexpr std::int64_t kShutdownSeconds = 120;
 static constexpr std::int64_t kSleepSeconds = 15;
-static constexpr std::int64_t kHopSeconds = 23 * 3600;
+static constexpr std::int64_t kHopSeconds = 82800; // 23 hours
 static constexpr std::int64_t kNearSeconds = 3;
 static constexpr std::int64_t kMinuteSeconds = 60;
 static constexpr int kMostDues = 10; // a day
@@ -119,10 +119,10 @@ void sim_checks::screen_called(bool on) {
     expected_.clear();
 }
 
-static bool is_user_cause(const sim &world, millis kOrder) {
+static bool is_user_cause(const sim &world, millis limit) {
   const bool follows = world.set.screen_follows || !world.tv.has_cec;
   const bool is_user = world.up_by == cause::kUser || world.input_at >= world.up_at;
-  return follows && is_user && world.now < world.up_at + kOrder;
+  return follows && is_user && world.now < world.up_at + limit;
 }
 
 // --- 3: sleeps ---

@@ -235,6 +235,7 @@ DRAVEL_API int unlink(const char *path) noexcept {
   count_change();
   return unlinkat(AT_FDCWD, path, 0);
 }
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 DRAVEL_API int rename(const char *from, const char *to) noexcept {
   count_change();
   return renameat(AT_FDCWD, from, AT_FDCWD, to);
