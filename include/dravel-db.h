@@ -1,6 +1,6 @@
 // The timer store: two SQLite files, their tables and every row operation. Its
-// state is the two open connections. What a failed operation means is for its
-// caller to decide.
+// state is the two open connections and, during a start, what the start found and how long it may
+// wait still. What a failed operation means is for its caller to decide.
 //
 // Row operations return 0 or SQLite's result code, and log their failure. A
 // reader hands each row to `fn` in a record that lives only during the call, and
@@ -25,17 +25,19 @@ int replace_file(const std::string &from, const std::string &to);
 
 extern "C" {
 
-// Opens, checks, creates or migrates both files. Returns 0, or the result code of the main file's
-// failed opening, table creation, or copy before its migration: the daemon then runs without a
-// store until its next start and refuses every timer that needs one.
+// Puts back what an interrupted migration left, then checks, creates, opens and migrates both
+// files. Returns 0, also without a wake-up database or after a failed migration. Otherwise the
+// result code of the main file's failed opening, table creation, or copy before its migration, or
+// SQLITE_CANTOPEN when the old files could not be put back: the daemon then runs without a store
+// until its next start and refuses every timer that needs one.
 DRAVEL_API int initialize_dravel_db(void);
 
 // Closes the main connection, then the wake-up connection; returns the latter's
 // result.
 DRAVEL_API int close_dravel_db(void);
 
-// Deletes both files. The open connections stay: reads still work, writes are
-// refused, and the next start creates new files.
+// Deletes both files and all that a migration or a failed start left beside them. The open
+// connections stay: reads still work, writes are refused, and the next start creates new files.
 DRAVEL_API void reset_dravel_db(void);
 
 // 0 when the file at `path` exists and is sound. Otherwise -1: the file is

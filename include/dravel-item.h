@@ -121,6 +121,9 @@ Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason);
 // Whether `item` fires again, and if not, why.
 enum class next_expiry { kDue, kPast, kNever, kUnknown };
 
+// The result of get_next_expire_date for it.
+int result_of(next_expiry found);
+
 // The same as get_next_expire_date, with a time value; kUnknown while the time is not known.
 next_expiry find_next_expiry(const dravel_item *item, time_value *expire);
 

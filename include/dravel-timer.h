@@ -146,6 +146,8 @@ void cancel_dravel_item(dravel_item *item, removal_reason reason);
 // Arms `item` for its expiry. The reason for which the caller must remove it when it never fires;
 // none when it is armed, or stays unarmed because the time is not known.
 std::optional<removal_reason> schedule_item(dravel_item *item);
+// The same, at the daemon's start: a timer that is past is named once by dravel_due_timers.
+std::optional<removal_reason> schedule_at_start(dravel_item *item);
 
 // When an armed item expires, on the TV clock.
 std::optional<time_value> armed_expiry(int timer_id);

@@ -13,8 +13,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <glob.h>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <sys/stat.h>
@@ -88,8 +90,8 @@ namespace {
 struct database {
   const char *path;
   sqlite3 *handle = nullptr;
-  std::chrono::milliseconds wait_left{}; // of kLongestWait; 0 once the daemon has started
-  bool is_older = false;                 // this start found it and can read it
+  std::chrono::milliseconds wait_left{}; // of kLongestWait; 0 unless a start is under way
+  bool is_older = false;                 // this start found the file and has not given it up
 };
 
 // The outcome of one statement.
@@ -150,19 +152,25 @@ static sql_result execute(sqlite3 *handle, const char *sql, row_callback callbac
 
 static void set_wait(database &db, std::chrono::milliseconds wait) {
   db.wait_left = wait;
-  sqlite3_busy_timeout(db.handle, static_cast<int>(wait.count()));
+  if (db.handle != nullptr)
+    sqlite3_busy_timeout(db.handle, static_cast<int>(wait.count()));
 }
 
-// All statements of a start together wait no longer than one may.
+// All that a start does with a file waits no longer in all than one statement may. To be called
+// after something that began at `begun` and ended with `code`.
+static void charge_wait(database &db, std::chrono::steady_clock::time_point begun, int code) {
+  using std::chrono::milliseconds;
+  if (db.wait_left.count() == 0)
+    return;
+  const auto took = std::chrono::ceil<milliseconds>(std::chrono::steady_clock::now() - begun);
+  set_wait(db, code == SQLITE_BUSY ? milliseconds{} : db.wait_left - std::min(took, db.wait_left));
+}
+
 static sql_result execute(database &db, const char *sql, row_callback callback = nullptr,
                           void *out = nullptr) {
-  using std::chrono::steady_clock;
-  const auto begun = steady_clock::now();
+  const auto begun = std::chrono::steady_clock::now();
   sql_result result = execute(db.handle, sql, callback, out);
-  const auto took = std::chrono::ceil<std::chrono::milliseconds>(steady_clock::now() - begun);
-  if (db.wait_left.count() > 0)
-    set_wait(db, db.wait_left -
-                     (result.code == SQLITE_BUSY ? db.wait_left : std::min(took, db.wait_left)));
+  charge_wait(db, begun, result.code);
   return result;
 }
 
@@ -466,7 +474,7 @@ static int __check_need_db_migration(void) {
       execute(dravel_db, "pragma user_version", __check_db_version_to_migration_cb, &old_version);
   if (!result.ok())
     LOGE("failed to get db version. ret[%d], error[%s]", result.code, "");
-  return old_version;
+  return result.ok() ? old_version : kDravelDbVersion;
 }
 
 // Whether the main database, whose version decides about the migration, has it.
@@ -609,7 +617,7 @@ static int open_db(database &db, const char *name) {
   prepare_db_file(db);
   const int opened = sqlite3_open(db.path, &db.handle);
   if (opened == SQLITE_OK)
-    set_wait(db, kLongestWait);
+    set_wait(db, db.wait_left);
   else
     LOGE_OF(initialize_dravel_db, "failed to open the %s database: %s", name,
             sqlite3_errmsg(db.handle));
@@ -618,9 +626,9 @@ static int open_db(database &db, const char *name) {
 
 // --- copies of an older version, beside the files while these are migrated ---
 //
-// A copy of the main file beside one that is missing or of the copy's version means that the start
-// before was interrupted; beside one of the new version, that only the removal of the copies was.
-// The copy of the wake-up file alone means nothing: it is put back first.
+// A copy of the main file beside one that is missing, damaged or of the copy's version means that
+// the start before was interrupted; beside one of the new version, that only the removal of the
+// copies was. The copy of the wake-up file alone means nothing: it is put back first.
 
 static std::string copy_of(const database &db, int version) {
   return db.path + std::string(".") + std::to_string(version);
@@ -656,19 +664,23 @@ int replace_file(const std::string &from, const std::string &to) {
 }
 
 // Through the connection, so that what a journal undoes is undone in the copy.
-static int backup_into(const std::string &path, const database &from) {
+static int backup_into(const std::string &path, database &from) {
   sqlite3 *handle = nullptr;
   const int opened = sqlite3_open(path.c_str(), &handle);
   const connection db(handle, sqlite3_close);
   if (opened != SQLITE_OK)
     return opened;
   sqlite3_backup *backup = sqlite3_backup_init(handle, "main", from.handle, "main");
+  if (backup == nullptr)
+    return sqlite3_errcode(handle);
+  const auto begun = std::chrono::steady_clock::now();
   const int copied = sqlite3_backup_step(backup, -1);
+  charge_wait(from, begun, copied);
   sqlite3_backup_finish(backup);
   return copied == SQLITE_DONE ? SQLITE_OK : copied;
 }
 
-static int copy_database(const database &from, const std::string &copy) {
+static int copy_database(database &from, const std::string &copy) {
   const std::string unfinished = copy + ".new";
   remove_with_journals(unfinished);
   int copied = backup_into(unfinished, from);
@@ -681,7 +693,7 @@ static int copy_database(const database &from, const std::string &copy) {
 
 // A file that is new has nothing to lose.
 static int make_copies(int version) {
-  for (const database *db : {&wakeup_dravel_db, &dravel_db}) {
+  for (database *db : {&wakeup_dravel_db, &dravel_db}) {
     const int copied = db->is_older ? copy_database(*db, copy_of(*db, version)) : SQLITE_OK;
     if (copied != SQLITE_OK) {
       LOGE("failed to copy [%s], its migration waits for the next start: %s", db->path,
@@ -692,12 +704,14 @@ static int make_copies(int version) {
   return SQLITE_OK;
 }
 
-// Renames a database's file or copy that is of no use now; an older one of that name stays.
+// Renames a database's file or copy that is of no use now, with its journal; an older one of that
+// name stays.
 static bool set_aside(const database &db, const std::string &path) {
   const std::string failed = path + ".failed";
   std::string unused = failed;
   for (int number = 2; exists(unused); ++number)
     unused = failed + "." + std::to_string(number);
+  std::rename((path + "-journal").c_str(), (unused + "-journal").c_str());
   if (replace_file(path, unused) != 0)
     return false;
   if (&db == &dravel_db)
@@ -713,20 +727,32 @@ static bool keep_copies(int version) {
   });
 }
 
-// -1 when the file is missing or cannot be read.
-static int stored_version(const char *path) {
-  sqlite3 *handle = nullptr;
+// -1 when the file is missing or damaged; none when that is not known, because of a lock for
+// example.
+static std::optional<int> stored_version(database &db) {
+  if (!exists(db.path))
+    return -1;
   int version = -1;
-  const int opened = sqlite3_open_v2(path, &handle, SQLITE_OPEN_READWRITE, nullptr);
-  const connection db(handle, sqlite3_close);
-  if (opened == SQLITE_OK)
-    execute(handle, "pragma user_version", take_number, &version);
-  return version;
+  int read = sqlite3_open_v2(db.path, &db.handle, SQLITE_OPEN_READWRITE, nullptr);
+  if (read == SQLITE_OK) {
+    set_wait(db, db.wait_left);
+    read = execute(db, "pragma user_version", take_number, &version).code;
+  }
+  sqlite3_close(std::exchange(db.handle, nullptr));
+  if (read == SQLITE_OK || read == SQLITE_NOTADB || read == SQLITE_CORRUPT)
+    return version;
+  LOGE("the version of [%s] is not known, its copy waits for the next start: %s", db.path,
+       sqlite3_errstr(read));
+  return std::nullopt;
 }
 
 // The journals belong to the files that are replaced.
 static bool put_back_copies(int version) {
-  if (!exists(copy_of(dravel_db, version)) || stored_version(dravel_db.path) > version) {
+  const bool is_copied = exists(copy_of(dravel_db, version));
+  const std::optional<int> stored = is_copied ? stored_version(dravel_db) : version + 1;
+  if (!stored)
+    return false;
+  if (*stored > version) {
     remove_copies(version);
     return true;
   }
@@ -791,7 +817,9 @@ static bool run_migrations(int version) {
                              [](bool (*migration)(void)) { return migration(); });
 }
 
-// The copies are out of the way before the version says that the migration is over.
+// A failed migration ends by keeping the copies, and only then the version says that it is over:
+// they are not put back. After a whole one the version is written first: a start between the two
+// removes the copies.
 static void migrate(int version) {
   if (!run_migrations(version) && !keep_copies(version))
     return;
@@ -822,11 +850,12 @@ static int open_and_migrate(void) {
 }
 
 int initialize_dravel_db(void) {
+  for (database *db : {&dravel_db, &wakeup_dravel_db})
+    db->wait_left = kLongestWait;
   const int opened = open_and_migrate();
   // From now on a locked file refuses a statement at once: the main loop must not wait.
   for (database *db : {&dravel_db, &wakeup_dravel_db})
-    if (db->wait_left.count() > 0)
-      set_wait(*db, {});
+    set_wait(*db, {});
   return opened;
 }
 
@@ -844,9 +873,22 @@ static void delete_db_file(const char *path, const char *file) {
     LOGE_OF(reset_dravel_db, "failed delete %s file", file);
 }
 
+// All that a migration or a failed start left beside the file.
+static void remove_files_beside(const std::string &path) {
+  std::vector<std::string> patterns = {path + ".failed*"};
+  for (int version = 0; version < kDravelDbVersion; ++version)
+    patterns.push_back(path + "." + std::to_string(version) + "*");
+  for (const std::string &pattern : patterns) {
+    glob_t found{};
+    if (glob(pattern.c_str(), GLOB_NOSORT, nullptr, &found) == 0)
+      std::for_each_n(found.gl_pathv, found.gl_pathc, unlink);
+    globfree(&found);
+  }
+}
+
 void reset_dravel_db(void) {
   delete_db_file(kDravelDbPath, "db");
   delete_db_file(kWakeupDbPath, "wakeup db");
-  for (int version = 0; version < kDravelDbVersion; ++version)
-    remove_copies(version);
+  remove_files_beside(kDravelDbPath);
+  remove_files_beside(kWakeupDbPath);
 }

@@ -291,21 +291,27 @@ std::optional<time_value> occurrence_after(const dravel_item *item, time_value f
                                                                   : std::nullopt;
 }
 
-int get_next_expire_date(const dravel_item *item, std::tm *expire) {
-  if (item == nullptr || expire == nullptr) {
-    LOGE("timer and expire date should not be NULL\n");
-    return -1;
-  }
-  time_value next = 0;
-  switch (find_next_expiry(item, &next)) {
+int result_of(next_expiry found) {
+  switch (found) {
   case next_expiry::kDue:
-    unsigned_gmtime_r(next, expire);
     return 0;
   case next_expiry::kUnknown:
     return -2;
   default:
     return -1;
   }
+}
+
+int get_next_expire_date(const dravel_item *item, std::tm *expire) {
+  if (item == nullptr || expire == nullptr) {
+    LOGE("timer and expire date should not be NULL\n");
+    return -1;
+  }
+  time_value next = 0;
+  const next_expiry found = find_next_expiry(item, &next);
+  if (found == next_expiry::kDue)
+    unsigned_gmtime_r(next, expire);
+  return result_of(found);
 }
 
 int can_skip_standby(const std::tm *standby, int timer_id) {

@@ -19,7 +19,7 @@ static Eina_Bool _schedule_dravel(void *) {
   if (get_kinto_time_updated() != 0) {
     for (dravel_item *item : items_of<dravel_item>(timers)) {
       cancel_ecore_timer(item->timer_id); // an earlier bus call may have armed it
-      if (const auto reason = schedule_item(item)) {
+      if (const auto reason = schedule_at_start(item)) {
         LOGP("timer doesn't have next expire date (%s)", "_schedule_dravel");
         remove_dravel_item(item, *reason);
       }

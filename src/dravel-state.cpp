@@ -124,7 +124,7 @@ static void log_ontime(void) {
   static bool logged_accepted = true;
   const micom_ontimer_record &record = programmed_ontimer();
   if (record.timer_id == logged.timer_id && record.ontime == logged.ontime &&
-      ontime_accepted == logged_accepted)
+      (record.timer_id == 0 || ontime_accepted == logged_accepted))
     return;
   logged = record;
   logged_accepted = ontime_accepted;
@@ -326,7 +326,7 @@ void timer_added(int timer_id) {
   state_touched();
 }
 
-// Once in a pass, and not for a timer that was added in it.
+// Once between two sendings of signals, and not for a timer that is in them already.
 void timer_changed(int timer_id) {
   if (std::ranges::find(timer_changes, timer_id, &timer_change::timer_id) == timer_changes.end())
     timer_changes.push_back({kChangedSignal, timer_id, nullptr});

@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <span>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 static constexpr double kFinishWaitSeconds = 90.0;
@@ -46,6 +47,8 @@ GHashTable *scheduled_timer_table;
 GHashTable *cb_data_table;
 
 static runtime_state flags;
+// One-shot timers that the first scheduling found past, until somebody asks for due timers.
+static std::vector<due_timer> missed_timers;
 
 static Ecore_Timer *finish_wait_timer;
 static Ecore_Timer *adjust_wait_timer;
@@ -91,6 +94,7 @@ void reset_runtime_state(void) {
   ontimer_halt = offtimer_halt = 0;
   ambient_poweroff_received = false;
   micom_ontimer = {};
+  missed_timers.clear();
   for (Ecore_Timer **timer : {&finish_wait_timer, &adjust_wait_timer, &retry_adjust_timer})
     stop_timer(*timer);
 }
@@ -530,18 +534,25 @@ static bool is_halted(int type) {
   }
 }
 
-// Each occurrence of an armed item as the main loop would have come to it.
+// Each occurrence of an armed item as the main loop would have come to it. A repeating item may be
+// armed for a later one already.
 static void add_due(const dravel_item *item, time_value from, time_value until,
                     std::vector<due_timer> &due) {
-  for (auto time = armed_expiry(item->timer_id); time && *time <= until;
-       time = occurrence_after(item, *time)) {
-    if (*time > from)
-      due.push_back({item->timer_id, item->type, *time});
+  auto time = armed_expiry(item->timer_id);
+  if (time && item->week_flag != 0)
+    time = occurrence_after(item, from);
+  for (time_value last = from; time && *time > last && *time <= until;
+       time = occurrence_after(item, last)) {
+    last = *time;
+    due.push_back({item->timer_id, item->type, last});
   }
 }
 
 std::size_t dravel_due_timers(time_value from, time_value until, due_timer *out, std::size_t room) {
-  std::vector<due_timer> due;
+  std::vector<due_timer> due = std::exchange(missed_timers, {});
+  std::erase_if(due, [=](const due_timer &missed) {
+    return missed.time <= from || missed.time > until || is_halted(missed.type);
+  });
   for (const dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
     if (!is_halted(item->type))
       add_due(item, from, until, due);
@@ -552,18 +563,8 @@ std::size_t dravel_due_timers(time_value from, time_value until, due_timer *out,
   return count;
 }
 
-static int result_of(next_expiry found) {
-  switch (found) {
-  case next_expiry::kDue:
-    return SCHEDULE_ARMED;
-  case next_expiry::kUnknown:
-    return SCHEDULE_TIME_UNKNOWN;
-  default:
-    return SCHEDULE_NEVER_FIRES;
-  }
-}
-
-static next_expiry schedule_dravel_item(dravel_item *item, const expiry_call &call) {
+static next_expiry schedule_dravel_item(dravel_item *item, const expiry_call &call,
+                                        time_value &next) {
   LOGP("start schedule timer_id[%d] week_flag[0x%x] disable_effect[%d] time_type[%d]",
        item->timer_id, static_cast<unsigned>(item->week_flag), item->disable_period_effect,
        item->time_type);
@@ -572,7 +573,6 @@ static next_expiry schedule_dravel_item(dravel_item *item, const expiry_call &ca
     return next_expiry::kUnknown;
   LOGP("curtime : %s", time_str(now));
 
-  time_value next = 0;
   const next_expiry found = find_next_expiry(item, &next);
   if (found != next_expiry::kDue) {
     LOGP("get_next_expire_date~~~error code : %d\n", result_of(found));
@@ -612,11 +612,12 @@ static next_expiry schedule_dravel_item(dravel_item *item, const expiry_call &ca
 }
 
 int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
-  return result_of(schedule_dravel_item(item, {cb, data}));
+  time_value expiry = 0;
+  return result_of(schedule_dravel_item(item, {cb, data}, expiry));
 }
 
-std::optional<removal_reason> schedule_item(dravel_item *item) {
-  switch (schedule_dravel_item(item, {dravel_expire_cb, nullptr})) {
+static std::optional<removal_reason> schedule_item(dravel_item *item, time_value &expiry) {
+  switch (schedule_dravel_item(item, {dravel_expire_cb, nullptr}, expiry)) {
   case next_expiry::kPast:
     return removal_reason::kPast;
   case next_expiry::kNever:
@@ -624,6 +625,19 @@ std::optional<removal_reason> schedule_item(dravel_item *item) {
   default:
     return std::nullopt;
   }
+}
+
+std::optional<removal_reason> schedule_item(dravel_item *item) {
+  time_value expiry = 0;
+  return schedule_item(item, expiry);
+}
+
+std::optional<removal_reason> schedule_at_start(dravel_item *item) {
+  time_value expiry = 0;
+  const auto reason = schedule_item(item, expiry);
+  if (reason == removal_reason::kPast)
+    missed_timers.push_back({item->timer_id, item->type, expiry});
+  return reason;
 }
 
 Eina_Bool ecore_timer_cb(void *data) {

@@ -155,13 +155,15 @@ struct sim {
   int orders_to_live = -1;
   bool is_halted = false;
   std::vector<sim_timer> timers;
+  std::vector<sim_timer>
+      missed; // once ones that were past at its start, until it is asked for late ones
 
   void start_process();
   void end_process();
   void send(const event::any &what);
   void call(const event::any &what);
   void deliver(delivery callback);
-  event::late_timers late_timers(std::int64_t from, std::int64_t to) const;
+  event::late_timers late_timers(std::int64_t from, std::int64_t to);
   void add_timer(std::uint32_t type, std::int64_t local, bool daily);
   bool is_clock_known() const { return m.clock.state != clock_state::kUnknown; }
   void arm_timers();

@@ -313,6 +313,8 @@ void sim_checks::went_down(bool is_ready) {
 
 void sim_checks::went_off(cause by) { timer_went_off_ = timer_went_off_ || by == cause::kTimer; }
 
+void sim_checks::asked_at_start() { slept_through_.clear(); }
+
 void sim_checks::came_up() {
   credited_at_ = -1;
   const std::int64_t stands = world_.alarm.stands();
@@ -324,7 +326,8 @@ void sim_checks::came_up() {
   if (is_known && world_.up_by != cause::kForeign && world_.up_by != cause::kUser)
     sleeps_.clear();
   const std::int64_t last = slept_through_.empty() ? 0 : slept_through_.back();
-  slept_through_.clear();
+  if (world_.is_alive) // otherwise a daemon that has not started yet makes up for them
+    slept_through_.clear();
   if (last == 0 || world_.utc() - last > kLateSeconds || off_due_ >= last)
     return;
   on_until_ = now() + kOrderMs + kBootMs;

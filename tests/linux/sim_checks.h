@@ -30,6 +30,7 @@ public:
   void process_ended() { expected_.clear(); }
   void went_down(bool is_ready); // is_ready: the process could do what it is there for
   void came_up();
+  void asked_at_start();
   void went_off(cause by);
   void clock_stepped();
   void screen_called(bool on);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cxxabi.h>
+#include <iterator>
 #include <typeinfo>
 
 static constexpr millis kDaemonStartsMs = 400;
@@ -170,14 +171,19 @@ void sim::start_process() {
   for (const auto &[id, running] : jobs)
     answer(event::job_began{id, running.first});
   process_at(now + kDaemonStartsMs, [this] {
+    std::ranges::copy_if(timers, std::back_inserter(missed), [this](const sim_timer &timer) {
+      return is_clock_known() && !timer.daily && timer.local <= tv_clock();
+    });
     arm_timers();
     program_alarm();
     send(event::armed{});
+    checks.asked_at_start();
   });
 }
 
 void sim::end_process() {
   is_alive = false;
+  missed.clear();
   checks.process_ended();
   ++run_;
   is_delivering = false;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 static constexpr millis kSilentMs = kSecondMs; // until a television counts as silent
 static constexpr millis kHookMs = 300;
@@ -178,9 +179,11 @@ void sim::start_job(unit of, millis runs) {
 }
 
 // A daily timer may be armed for its next day already.
-event::late_timers sim::late_timers(std::int64_t from, std::int64_t to) const {
+event::late_timers sim::late_timers(std::int64_t from, std::int64_t to) {
   event::late_timers late;
-  for (const sim_timer &timer : timers)
+  std::vector<sim_timer> asked = std::exchange(missed, {});
+  asked.insert(asked.end(), timers.begin(), timers.end());
+  for (const sim_timer &timer : asked)
     for (std::int64_t day = timer.daily ? -3 : 0; day <= 0 && !is_halted && is_clock_known();
          ++day) {
       const std::int64_t due = to_utc(timer.local + day * kDay);

@@ -386,14 +386,34 @@ TEST_F(Store, AStoreThatCannotBeCopiedOrPutBack_WaitsForTheNextStart) {
 
   fs::rename(kDravelDbPath, kCopy);
   fs::create_directories(std::string(kDravelDbPath) + "/x");
-  start_in_vain("failed to put [/opt/dbspace/.dravel.db.0] back");
+  start_in_vain("the version of [/opt/dbspace/.dravel.db] is not known, its copy waits");
   fs::remove_all(kDravelDbPath);
   std::ofstream(std::string(kCopy) + ".new") << std::string(4096, 'x'); // a power cut left it
   EXPECT_EQ(initialize_dravel_db(), 0);
   EXPECT_EQ(rows(kContents) + files(), std::string(kMigrated) + kBothFiles);
-  std::ofstream{kCopy};
-  reset_dravel_db(); // nothing is put back after it
+  for (const char *left : {"", ".new", ".failed.2"})
+    std::ofstream{std::string(kCopy) + left};
+  std::ofstream{"/opt/dbspace/.dravel.db.failed"};
+  reset_dravel_db(); // nothing is put back after it, nor to be found
   EXPECT_EQ(files(), "{}");
+}
+
+TEST_F(Store, ALockedMainFile_IsNotReplacedByAnOldCopy) {
+  use_version_0();
+  fs::copy(kDravelDbPath, kCopy);
+  rows("UPDATE dravel SET type = 8; PRAGMA user_version = 1");
+  {
+    const no_sleep locked(kDravelDbPath, [] {});
+    other("BEGIN EXCLUSIVE");
+    EXPECT_EQ(initialize_dravel_db(), SQLITE_CANTOPEN);
+    EXPECT_GT(no_sleep::slept, 1000000);
+    other("COMMIT");
+  }
+  EXPECT_EQ(rows("SELECT type FROM dravel"), "8 8 8");
+  EXPECT_EQ(fs::exists(kCopy), true);
+  std::ofstream(kDravelDbPath) << std::string(4096, 'x');
+  EXPECT_EQ(initialize_dravel_db(), 0);
+  EXPECT_EQ(rows("SELECT type FROM dravel"), "4 5 6");
 }
 
 TEST_F(Store, AMigrationThatFails_SaysWhereTheOldTimersAre) {
@@ -430,15 +450,18 @@ TEST_F(Store, AMigrationThatFails_SaysWhereTheOldTimersAre) {
     std::ofstream(failed) << "of an earlier failure";
     const no_sleep waiting(path, [] {});
     if (fault == READERS_LOCK || fault == WRITERS_LOCK)
-      other(fault == READERS_LOCK ? "BEGIN; SELECT * FROM dravel" : "BEGIN EXCLUSIVE");
+      other(fault == READERS_LOCK ? "BEGIN; SELECT * FROM dravel"
+                                  : "BEGIN EXCLUSIVE; UPDATE dravel SET type = 99");
     logged();
     EXPECT_EQ(start_refused(path, fault, nth) == 0, kept == kCopy);
     const std::string log = logged();
     EXPECT_THAT(log, HasSubstr(std::string("failed to ") + line));
     EXPECT_THAT(log, HasSubstr("the old timers are in [" + failed + ".2]"));
     EXPECT_EQ(fs::file_size(failed), 21U);
-    if (fault == WRITERS_LOCK)
-      other("COMMIT");
+    if (fault == WRITERS_LOCK) {
+      EXPECT_EQ(fs::exists(failed + ".2-journal"), kept == kMain);
+      other("ROLLBACK");
+    }
     EXPECT_EQ(rows("PRAGMA user_version; SELECT type FROM dravel", (failed + ".2").c_str()),
               "0 4 5 6");
     close_dravel_db();

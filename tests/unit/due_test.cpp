@@ -1,4 +1,7 @@
+#include "dravel-util.h"
 #include "scenario.h"
+
+#include <due_timers.h>
 
 class Due : public CleanSet {};
 
@@ -19,5 +22,19 @@ SCENARIOS(Due, TimersThatWouldHaveFired_AreFound_ByTime,
     1/4 16 07:00
   arm 2 '16 07:00'; arm 1 '16 07:01'; call request_halt_offtimers 1 | '15 12:00' '16 08:00' |
     1/2 16 07:00
+  arm 1 '15 07:00' daily; now '16 07:01'; adjust | '16 06:55' '16 07:01' | 1/1 16 07:00
+  arm 2 '16 07:00'; start_again '16 07:01'; idle | '16 06:56' '16 07:01' | 1/2 16 07:00
+  arm 2 '16 07:00'; start_again '16 07:01'; idle | '16 07:00' '16 07:01' |
+  arm 2 '16 07:00'; start_again '16 07:01'; idle; call request_halt_ontimers 1 |
+    '16 06:56' '16 07:01' |
+  arm 2 '16 07:00'; start_again '16 07:01'; idle; due '15 00:00' '15 00:01' |
+    '16 06:56' '16 07:01' |
   times 3 arm 1 '16 07:00' | '15 12:00' '16 08:00' 2 | 2/1 16 07:00, 3/1 16 07:00
 )")
+
+TEST_F(Due, TheLastSecondThatAClockShows_EndsTheSearch) {
+  arm({1, "15 06:28:15", 0x7f});
+  due_timer last{};
+  EXPECT_EQ(dravel_due_timers(kInvalidTime - kSecondsPerDay, kInvalidTime, &last, 1), 1U);
+  EXPECT_EQ(last.time, kInvalidTime);
+}

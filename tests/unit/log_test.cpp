@@ -26,6 +26,7 @@ SCENARIOS(Log, WhatHappensToATimer_IsKeptAsAnEvent_AndTheOnTimeOnceInAPass,
     fired 1, halted 1, programmed 1
   1 '16 07:00' daily holidays | period '16 00:00' '16 00:00' | fire_at '16 07:00' | skipped 1
   0 '16 07:00' | times 0 | cancel 1 | removed 1 cancelled, programmed 0
+  0 '16 07:00' | cancel 1 | refuse set_wakeup_time; program 2 '16 06:00' 0 0; unprogram |
   0 '16 07:00' | times 0 | arm 2 '16 06:00'; arm 2 '16 05:00' | programmed 3
   0 '16 07:00' | times 0 | adjust |
   0 '16 07:00' | refuse set_wakeup_time | update_ontime | refused 1
