@@ -179,7 +179,6 @@ void count_screen(decision &d);
 
 bool is_clock_known(const machine &m, const moment &now);
 void start_clock(decision &d);
-void transition_passes(decision &d);
 void ask_clock_again(decision &d);
 void count_clock(decision &d);
 

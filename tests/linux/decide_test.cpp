@@ -231,6 +231,55 @@ TEST(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor) {
   EXPECT_EQ(due_at(run.m, due_kind::kTransition), run.now.boot + 995 * kSecondMs);
 }
 
+TEST(Decide, ATransitionThatAnotherEventMeets_IsTold_AndTheNextIsAskedFor) {
+  const struct {
+    event::any what;
+    bool sleeps;
+  } rows[] = {{event::ambient{}, false}, {event::clock_stepped{}, false}, {event::due{}, true}};
+  for (const auto &row : rows) {
+    awake_machine run;
+    run.send(event::zone_changed{kNow + 5, true});
+    run.next_transition = kNow + 1000;
+    if (row.sleeps)
+      run.sleep(60);
+    else
+      run.pass(6);
+    run.send(row.what);
+    EXPECT_TRUE(std::ranges::any_of(run.given, [](const order::any &one) {
+      const auto *told = std::get_if<order::deliver>(&one);
+      return told != nullptr && told->callback == delivery::kTimeSet;
+    })) << &row - rows;
+    EXPECT_EQ(run.m.clock.next_transition, kNow + 1000) << &row - rows;
+  }
+}
+
+// A hop, which passes in the second of another event.
+TEST(Decide, AnAlarmThatPasses_IsSetAgain_WhateverEventComesFirst) {
+  awake_machine run;
+  run.m.alarm.range = kDay;
+  run.send(event::program{0, kNow + 3 * kDay, 0});
+  run.pass(kDay + 1);
+  run.send(event::ambient{});
+  EXPECT_EQ(run.alarm, kNow + 2 * kDay + 1);
+}
+
+TEST(Decide, AnAlarmThatTheFirmwareSwitchesOff_DoesNotTakeTheForeignOneWithIt) {
+  awake_machine run;
+  run.alarm = kNow + 5000;
+  run.send(event::program{0, kNow + 1000, 0});
+  event::started boot;
+  boot.kept = run.m;
+  boot.has_kept = boot.rtc_valid = true;
+  run.pass(100);
+  boot.device.clock = run.now.utc;
+  run.alarm = 0;
+  run.send(boot);
+  run.send(event::armed{});
+  run.send(event::unprogram{});
+  run.send(event::idle{});
+  EXPECT_EQ(run.alarm, kNow + 5000);
+}
+
 TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
   const struct {
     event::any what;
