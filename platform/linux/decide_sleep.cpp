@@ -51,7 +51,13 @@ void forget_wish(decision &d) { set_wish(d, sleep_wish::kNone, off_action::kNone
 
 // --- postponed ---
 
-// What nobody tells: the device is read, the television asked again.
+// What nobody tells, or not reliably: the device is read, the television and logind are asked
+// again.
+static bool is_looked_at_again(postponed why) {
+  return why == postponed::kNoAlarm || why == postponed::kScreenSilent ||
+         why == postponed::kSession || why == postponed::kBlocked;
+}
+
 static void look_later(decision &d) {
   if (due_at(d.m, due_kind::kSleepAgain) == kNever)
     d.due_after(due_kind::kSleepAgain, kLookMs);
@@ -69,7 +75,7 @@ static void postpone(decision &d, postponed why) {
     d.due_at_utc(due_kind::kSleepAgain, near_until(d.m, d.now) + 1);
   else if (why == postponed::kOften)
     d.due(due_kind::kSleepAgain) = often_until(d.m);
-  else if (why == postponed::kNoAlarm || why == postponed::kScreenSilent)
+  else if (is_looked_at_again(why))
     look_later(d);
   else if (!sleep.held)
     d.never(due_kind::kSleepAgain);
@@ -151,6 +157,8 @@ void sleep_again(decision &d) {
   d.m.sleep.is_silent = false;
   if (d.m.sleep.why == postponed::kNoAlarm)
     check_alarm(d);
+  if (d.m.sleep.why == postponed::kSession || d.m.sleep.why == postponed::kBlocked)
+    d.give(order::ask_use{});
   if (is_ordered(d.m) && d.m.power.now == phase::kSleepAsked)
     sleep_failed(d, ETIMEDOUT);
 }

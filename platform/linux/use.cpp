@@ -206,6 +206,7 @@ static int logind_told(sd_bus_message *, void *, sd_bus_error *) {
 void start_use(event_sink sink) {
   happens = sink;
   bus_watch_signal(kLogind, "SessionNew", logind_told);
+  bus_watch_signal(kLogind, "SessionRemoved", logind_told);
   bus_watch_properties(kLogind, logind_told);
   bus_watch_service(kLogind, begin_round);
 }

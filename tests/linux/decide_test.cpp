@@ -302,6 +302,25 @@ TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
   }
 }
 
+// Nobody may tell that a user has logged out, or that a program blocks the sleep no longer.
+TEST(Decide, WhatPostponesASleep_IsAskedForAgain) {
+  for (const bool is_session : {true, false}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    run.sleep(985);
+    const std::int64_t session = is_session ? run.now.boot + 1 : 0;
+    const std::uint8_t blocked = is_session ? 0 : kIdleBit;
+    run.send(event::use_changed{session, 0, blocked, kSleepBit, 5000, false});
+    run.pass(200);
+    run.send(event::due{});
+    EXPECT_EQ(run.m.sleep.why, is_session ? postponed::kSession : postponed::kBlocked);
+    run.given.clear();
+    run.pass(900);
+    run.send(event::due{});
+    EXPECT_EQ(run.count<order::ask_use>(), 1);
+  }
+}
+
 TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   awake_machine run;
   run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});

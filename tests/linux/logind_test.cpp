@@ -90,8 +90,10 @@ TEST_F(Services, WhoUsesTheMachine_IsToldAndAskedFor) {
     ask_use();
     EXPECT_EQ(seen(), "use answered" + std::string(found));
   }
-  emit(kLogind, "SessionNew", "so", "<'2'>, <objectpath '/2'>");
-  EXPECT_EQ(seen(), "use 0 0 6 11 30000");
+  for (const char *signal : {"SessionNew", "SessionRemoved"}) {
+    emit(kLogind, signal, "so", "<'2'>, <objectpath '/2'>");
+    EXPECT_EQ(seen(), "use 0 0 6 11 30000") << signal;
+  }
   tell(kLogind, "AddMethod", "'CanHibernate', '', 's', \"ret = 'na'\"");
   refuse(kLogind, "CanSuspend", "");
   ask_use();
