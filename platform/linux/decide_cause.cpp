@@ -130,6 +130,7 @@ void user_window_ends(decision &d) {
 
 void on(decision &d, const event::input &) {
   d.m.use.input_at = d.now.boot;
+  d.m.screen.answered = screen_state::kUnknown; // it may have been turned on meanwhile
   used(d);
   if (due_at(d.m, due_kind::kUserWindow) != kNever)
     was_woken_by_user(d);

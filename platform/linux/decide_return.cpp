@@ -13,8 +13,10 @@ off_action sleep_as_before(const machine &m) {
 }
 
 // Whoever was to watch what we have turned on may sit before a television that does not answer, and
-// nobody knows who else has woken the machine.
-bool must_say_off(const machine &m) { return m.screen.ordered_on || m.woken.by == cause::kNothing; }
+// so may who has pressed a key; nobody knows who else has woken the machine.
+bool must_say_off(const machine &m) {
+  return m.screen.ordered_on || m.use.input_at != 0 || m.woken.by == cause::kNothing;
+}
 
 static bool is_user_window_open(const machine &m) {
   return due_at(m, due_kind::kUserWindow) != kNever;
