@@ -60,10 +60,16 @@ void count_return(decision &d) {
   d.due(due_kind::kReturn) = is_ahead ? at : kNever;
 }
 
+// An off-timer's wish, which is overtaken by somebody who comes.
+static bool is_postponed(const machine &m) {
+  return m.sleep.wish != sleep_wish::kNone && m.sleep.why != postponed::kNot &&
+         m.sleep.why != postponed::kHook;
+}
+
 // The key that wakes the machine is only seen when its device was open before.
 void watch_input(decision &d) {
   const phase now = d.m.power.now;
-  const bool returns = return_at(d.m) != kNever || is_user_window_open(d.m);
+  const bool returns = return_at(d.m) != kNever || is_user_window_open(d.m) || is_postponed(d.m);
   const bool wanted = now == phase::kGoing || (now != phase::kShuttingDown && returns);
   if (wanted == d.m.use.watched)
     return;

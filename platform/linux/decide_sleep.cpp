@@ -21,6 +21,7 @@ static void set_wish(decision &d, sleep_wish wish, off_action method) {
   auto &sleep = d.m.sleep;
   sleep = {.last_method = sleep.last_method};
   sleep.wish = wish;
+  sleep.wished_at = d.now.boot;
   sleep.method = method;
   d.never(due_kind::kSleepAgain);
   d.never(due_kind::kAsked);
@@ -192,6 +193,8 @@ void pursue_sleep(decision &d) {
   auto &sleep = d.m.sleep;
   if (!is_settled(d.m))
     return;
+  if (is_overtaken(d.m)) // the rules of a return remain
+    drop_wish(d);
   wish_return(d);
   const bool asks = sleep.stage == wish_stage::kAsking;
   if (sleep.wish == sleep_wish::kNone || sleep.held || (asks && !has_all_answers(d.m)))

@@ -98,6 +98,7 @@ struct machine {
 
   struct {
     sleep_wish wish = sleep_wish::kNone;
+    std::int64_t wished_at = 0;
     wish_stage stage = wish_stage::kWaiting;
     off_action method = off_action::kNone;
     off_action last_method = off_action::kSuspend; // of the last sleep or power-off

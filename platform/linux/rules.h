@@ -131,6 +131,8 @@ bool by_alarm_of_ours(const machine &m);
 std::int64_t near_until(const machine &m, const moment &now);
 std::int64_t often_until(const machine &m);
 postponed obstacle(const machine &m, const moment &now);
+// A wish that asks no user has been postponed until somebody came.
+bool is_overtaken(const machine &m);
 
 // --- decide_sleep.cpp, decide_return.cpp ---
 

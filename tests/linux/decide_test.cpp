@@ -321,6 +321,30 @@ TEST(Decide, WhatPostponesASleep_IsAskedForAgain) {
   }
 }
 
+TEST(Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater) {
+  const struct {
+    std::int64_t after; // seconds
+    bool is_session, sleeps;
+  } rows[] = {{299, false, true}, {299, true, true}, {301, false, false}, {301, true, false}};
+  for (const auto &[after, is_session, sleeps] : rows) {
+    awake_machine run({}, false);
+    const auto use = [&](std::int64_t session, std::uint8_t blocked) {
+      run.send(event::use_changed{session, 0, blocked, kSleepBit, 5000, true});
+    };
+    use(0, kSleepBit);
+    run.send(event::screen_wanted{false, event::asker::kDaemon});
+    run.send(event::job_began{1, unit::kOff});
+    run.send(event::job_ended{1});
+    EXPECT_TRUE(run.m.use.watched);
+    run.pass(after);
+    if (!is_session)
+      run.send(event::input{});
+    use(is_session ? run.now.boot : 0, 0);
+    use(is_session ? run.now.boot : 0, 0);
+    EXPECT_EQ(run.count<order::sleep>(), sleeps ? 1 : 0) << after << is_session;
+  }
+}
+
 TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   awake_machine run;
   run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});

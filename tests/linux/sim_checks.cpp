@@ -167,6 +167,12 @@ void sim_checks::check_sleep(const order::sleep &what) {
   check_use(wish == sleep_wish::kReturn, what.method);
   if (wish == sleep_wish::kReturn)
     check_return();
+  const millis came_at =
+      std::max({world_.session_at, world_.active_at, world_.seen_at - world_.booted_at});
+  if ((wish == sleep_wish::kOffTimer || wish == sleep_wish::kScreen) &&
+      std::max(world_.use_changed_at, world_.seen_at) < now() - kUnseenMs &&
+      came_at > world_.m.sleep.wished_at + kLateSeconds * kSecondMs)
+    world_.broken(3, "somebody has come long after the off-time, at its sleep");
 }
 
 // --- 10 ---
