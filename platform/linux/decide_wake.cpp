@@ -162,6 +162,7 @@ static void woke_up(decision &d, std::int64_t slept_ms) {
   woken = {};
   woken.by = cause::kNothing;
   woken.at = woken.counted_at = d.now.boot;
+  woken.slept_from = is_shown ? d.now.boot - slept_ms : power.went.boot;
   woken.utc = d.now.utc;
   woken.cause_open = true;
   woken.late_open = true;

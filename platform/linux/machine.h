@@ -32,6 +32,7 @@ struct machine {
     std::uint32_t type = 0; // that timer's type
     std::int64_t utc = 0;   // when
     std::int64_t at = 0;
+    std::int64_t slept_from = 0; // boot; input before that has woken nothing
     std::int64_t counted_at = 0; // the return is counted from here
     bool fired = false;          // a timer has expired or somebody has used it since
     bool cause_open = false;     // the device is still to be read

@@ -49,6 +49,7 @@ void on(decision &d, const event::use_changed &e);
 void on(decision &d, const event::input &e);
 void on(decision &d, const event::job_began &e);
 void on(decision &d, const event::job_ended &e);
+void on(decision &d, const event::jobs_told_again &e);
 void on(decision &d, const event::unit_refused &e);
 void on(decision &d, const event::tv_reports &e);
 void on(decision &d, const event::tv_silent &e);

@@ -345,6 +345,27 @@ TEST(Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater) {
   }
 }
 
+TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
+  awake_machine run;
+  run.send(event::job_began{1, unit::kWakeup});
+  run.send(event::job_began{2, unit::kWakeup});
+  run.send(event::jobs_told_again{});
+  run.send(event::job_began{2, unit::kWakeup});
+  run.pass(2);
+  run.send(event::due{});
+  EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
+}
+
+TEST(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine) {
+  for (const bool is_late : {false, true}) {
+    awake_machine run;
+    const std::int64_t pressed = run.now.boot + (is_late ? 100 * kSecondMs : -1);
+    run.sleep(100);
+    run.send(event::input{pressed});
+    EXPECT_EQ(run.m.woken.by, is_late ? cause::kUser : cause::kNothing);
+  }
+}
+
 TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   awake_machine run;
   run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});

@@ -261,9 +261,12 @@ TEST_F(Television, WhoseAdapterIsMissing_IsAProblemOnlyWhenConfigured) {
 TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
   ASSERT_EQ(mkfifo("/dev/input/event0", 0600), 0);
   const int fifo = open("/dev/input/event0", O_RDWR | O_CLOEXEC);
-  const auto press = [](int fd, std::uint16_t type) {
+  const auto press = [](int fd, std::uint16_t type, int value = 1) {
     input_event pressed{};
     pressed.type = type;
+    pressed.value = value;
+    pressed.input_event_sec = 5;
+    pressed.input_event_usec = 6000;
     EXPECT_EQ(write(fd, &pressed, sizeof pressed), sizeof pressed);
     return seen();
   };
@@ -273,11 +276,12 @@ TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
   watch_input(true);
   EXPECT_EQ(seen(), "works 7");
   EXPECT_EQ(press(fifo, EV_REL), "");
-  EXPECT_EQ(press(fifo, EV_KEY), "input");
+  EXPECT_EQ(press(fifo, EV_KEY), "input 5006");
+  EXPECT_EQ(press(fifo, EV_KEY, 0), "") << "a release";
   ASSERT_EQ(mkfifo("/dev/input/event1", 0600), 0);
   const int later = open("/dev/input/event1", O_RDWR | O_CLOEXEC);
   seen();
-  EXPECT_EQ(press(later, EV_KEY), "input");
+  EXPECT_EQ(press(later, EV_KEY), "input 5006");
   watch_input(false);
   EXPECT_EQ(press(fifo, EV_KEY), "");
 }

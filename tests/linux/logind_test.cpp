@@ -105,7 +105,7 @@ TEST_F(Services, WhoUsesTheMachine_IsToldAndAskedFor) {
 }
 
 TEST_F(Services, TargetsAreStarted_AndTheirJobsFollowed) {
-  EXPECT_EQ(start(start_targets), "");
+  EXPECT_EQ(start(start_targets), "jobs");
   start_unit(unit::kOff, 0);
   start_unit(unit::kWakeup, 20);
   stop_unit(unit::kAmbient);
@@ -128,7 +128,7 @@ TEST_F(Services, JobsOfAnEarlierRun_AreFoundAtTheStart) {
        "'start', 'running', o, o)]\"");
   start_bus();
   start_targets(hear);
-  EXPECT_EQ(seen(), "job 5 3");
+  EXPECT_EQ(seen(), "jobs; job 5 3");
 }
 
 TEST_F(Machine, WithoutABus_EveryOrderIsAnswered) {
