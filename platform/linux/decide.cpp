@@ -27,7 +27,7 @@ static constexpr struct {
     {due_kind::kAlarmPasses, check_alarm},     {due_kind::kAskScreen, ask_television},
     {due_kind::kScreenStep, screen_step},      {due_kind::kHook, forget_overdue_jobs},
     {due_kind::kTransition, look_again},       {due_kind::kAskClock, ask_clock_again},
-    {due_kind::kUserWindow, user_window_ends}, {due_kind::kInhibitAgain, take_inhibitor},
+    {due_kind::kUserWindow, user_window_ends}, {due_kind::kInhibitAgain, try_inhibitor_again},
     {due_kind::kLeaving, ask_whether_leaving},
 };
 static_assert(std::size(kDueRows) == kDueKinds);

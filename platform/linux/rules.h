@@ -118,6 +118,7 @@ inline bool is_leaving(const machine &m) {
 void notice_sleep(decision &d);
 void take_inhibitor(decision &d);
 void inhibitor_refused(decision &d);
+void try_inhibitor_again(decision &d);
 void release_if_ready(decision &d);
 void ask_whether_leaving(decision &d);
 cause cause_by_alarm(const machine &m, others_did others, std::int64_t clock);

@@ -153,6 +153,8 @@ static constexpr saying_words kSayings[] = {
     {saying::kScreenOff, "screen-off", "the screen is off", nothing, false},
     {saying::kTelevisionLate, "screen-late", "the television ", answer_text, true,
      ", 15 seconds after it was turned on"},
+    {saying::kTelevisionStays, "screen-late",
+     "the television answers that it is on, 15 seconds after it was turned off", nothing, false},
     {saying::kGoesToSleep, "sleeping", "the machine is sent to sleep: ", method_text, true},
     {saying::kPostponed, "postponed", "the sleep is postponed: ", wait_text, true},
     {saying::kLate, "late", "a timer is made up for, late by ", seconds_text, false},

@@ -165,6 +165,36 @@ TEST(Decide, ATelevisionThatStaysSilent_GetsThePairThreeTimes_AndOneLine) {
   EXPECT_EQ(run.count<order::tv_answer>(), 1);
 }
 
+TEST(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn) {
+  const event::any said[] = {event::tv_silent{}, event::tv_reports{event::tv_state::kOn}};
+  for (const event::any &answer : said) {
+    const bool is_silent = &answer == said;
+    awake_machine run;
+    run.send(event::screen_wanted{false, event::asker::kBus});
+    for (int second = 0; second < 20; ++second) {
+      run.pass(1);
+      run.send(event::due{});
+      run.send(answer);
+    }
+    EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], is_silent ? 0 : 1);
+    EXPECT_EQ(run.last<order::say>().what == order::saying::kTelevisionStays, !is_silent);
+  }
+}
+
+TEST(Decide, ARefusedInhibitor_IsTriedForEveryMinute_AndAfterASleep) {
+  awake_machine run;
+  for (int minute = 0; minute < 10; ++minute) {
+    run.send(event::refused{problem::kInhibitor, EIO});
+    run.pass(60);
+    run.send(event::due{});
+  }
+  EXPECT_EQ(run.count<order::take_inhibitor>(), 10);
+  run.now.slept += 100 * kSecondMs; // without any announcement
+  run.pass(100);
+  run.send(event::ambient{});
+  EXPECT_EQ(run.count<order::take_inhibitor>(), 11);
+}
+
 TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
   for (const bool hop_boots : {true, false}) {
     settings set;

@@ -80,6 +80,8 @@ TEST_F(Services, WhoUsesTheMachine_IsToldAndAskedFor) {
       {kLogind, "BlockInhibited", "'handle-power-key:sleep'", " 1 0 1 11 5000"},
       {kLogind, "BlockInhibited", "'idle:shutdown:sleepy'", " 1 0 6 11 5000"},
       {kLogind, "InhibitDelayMaxUSec", "uint64 30000000", " 1 0 6 11 30000"},
+      {kLogind, "InhibitDelayMaxUSec", "uint64 18446744073709551615", " 1 0 6 11 600000"},
+      {kLogind, "InhibitDelayMaxUSec", "uint64 30000000", " 1 0 6 11 30000"},
       {kSession, "IdleHint", "false", " 1 1 6 11 30000"},
       {kSession, "Class", "'greeter'", " 0 0 6 11 30000"},
   };
