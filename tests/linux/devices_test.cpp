@@ -45,6 +45,11 @@ TEST_F(Rtc, IsTheFirstThatCanWake_OrTheConfiguredOne) {
   EXPECT_TRUE(read_rtc().for_good);
   EXPECT_EQ(write_rtc_alarm(kNow).error, ENODEV);
   EXPECT_FALSE(read_rtc_utc());
+  std::filesystem::remove("/sys/class/rtc/rtc10/wakealarm");
+  EXPECT_EQ(chosen("auto"), "");
+  write_file(kAlarmPath, "");
+  EXPECT_FALSE(read_rtc().for_good) << "its driver came later";
+  EXPECT_EQ(rtc_path(), "/dev/rtc0");
 }
 
 TEST_F(Rtc, IsRead_AndItsAlarmWrittenAndReadBack) {
