@@ -5,6 +5,7 @@
 #include "input.h"
 #include "machine.h"
 #include "rtc.h"
+#include "sentences.h"
 #include "timedated.h"
 #include "zone.h"
 
@@ -259,6 +260,17 @@ TEST_F(Television, WhoseAdapterIsMissing_IsAProblemOnlyWhenConfigured) {
   read_configuration();
   open_cec();
   EXPECT_EQ(both(), " | refused 8 2; reachable 0");
+}
+
+// --- a failed sleep ---
+
+TEST_F(Machine, AFailedSleep_IsPostponedWithTheKernelsReason) {
+  EXPECT_EQ(sentence_of(postponed::kFailed), "the last attempt failed");
+  write_file("/sys/power/suspend_stats/last_failed_step", "suspend\n");
+  write_file("/sys/power/suspend_stats/last_failed_dev", "usb1\n");
+  EXPECT_EQ(sentence_of(postponed::kFailed),
+            "the last attempt failed; the kernel's last failure: suspend, usb1");
+  EXPECT_EQ(sentence_of(postponed::kHook), "a unit of dravel-off.target runs");
 }
 
 // --- input ---
