@@ -16,24 +16,18 @@ std::int64_t next_due(const machine &m) { return *std::ranges::min_element(m.due
 
 // --- what is due ---
 
-static void look_again(decision &) {} // pursue_sleep does, after every event
+static void look_again(decision &) {} // what follows every event does
 
 static constexpr struct {
   due_kind kind;
   void (*passes)(decision &d);
 } kDueRows[] = {
-    {due_kind::kReturn, look_again},
-    {due_kind::kSleepAgain, sleep_again},
-    {due_kind::kAsked, answers_end},
-    {due_kind::kAlarmAgain, check_alarm},
-    {due_kind::kAlarmPasses, check_alarm},
-    {due_kind::kAskScreen, ask_television},
-    {due_kind::kScreenStep, screen_step},
-    {due_kind::kHook, forget_overdue_jobs},
-    {due_kind::kTransition, transition_passes},
-    {due_kind::kAskClock, ask_clock_again},
-    {due_kind::kUserWindow, user_window_ends},
-    {due_kind::kInhibitAgain, take_inhibitor},
+    {due_kind::kReturn, look_again},           {due_kind::kSleepAgain, sleep_again},
+    {due_kind::kAsked, answers_end},           {due_kind::kAlarmAgain, check_alarm},
+    {due_kind::kAlarmPasses, check_alarm},     {due_kind::kAskScreen, ask_television},
+    {due_kind::kScreenStep, screen_step},      {due_kind::kHook, forget_overdue_jobs},
+    {due_kind::kTransition, look_again},       {due_kind::kAskClock, ask_clock_again},
+    {due_kind::kUserWindow, user_window_ends}, {due_kind::kInhibitAgain, try_inhibitor_again},
     {due_kind::kLeaving, ask_whether_leaving},
 };
 static_assert(std::size(kDueRows) == kDueKinds);

@@ -128,8 +128,12 @@ void user_window_ends(decision &d) {
   say_cause(d);
 }
 
-void on(decision &d, const event::input &) {
+// A key that was pressed before the sleep may be read after it.
+void on(decision &d, const event::input &e) {
+  if (e.at < d.m.woken.slept_from)
+    return;
   d.m.use.input_at = d.now.boot;
+  d.m.screen.answered = screen_state::kUnknown; // it may have been turned on meanwhile
   used(d);
   if (due_at(d.m, due_kind::kUserWindow) != kNever)
     was_woken_by_user(d);

@@ -26,6 +26,14 @@ static clock_state state_of(const machine &m, const moment &now) {
   return is_automatic(m) ? clock_state::kSynchronised : clock_state::kByHand;
 }
 
+// The clock on the screen jumps by an hour: a timer that counts seconds across it would be wrong.
+// It may be slept through or stepped over.
+static void transition_passes(decision &d) {
+  d.m.clock.next_transition = 0;
+  d.m.clock.zone_open = true;
+  tell(d, delivery::kTimeSet);
+}
+
 void count_clock(decision &d) {
   auto &clock = d.m.clock;
   clock.state = state_of(d.m, d.now);
@@ -33,7 +41,9 @@ void count_clock(decision &d) {
     clock.update_due = false;
     tell(d, delivery::kTimeUpdate);
   }
-  if (clock.next_transition > d.now.utc)
+  if (clock.next_transition != 0 && clock.next_transition <= d.now.utc)
+    transition_passes(d);
+  if (clock.next_transition != 0)
     d.due_at_utc(due_kind::kTransition, clock.next_transition);
   else
     d.never(due_kind::kTransition);
@@ -112,6 +122,7 @@ void on(decision &d, const event::clock_stepped &) {
   else
     tell(d, delivery::kTimeSet);
   d.m.alarm.check = true;
+  clock.zone_open = true;
   clock.asked = 0;
   ask_clock_again(d);
 }
@@ -121,10 +132,4 @@ void on(decision &d, const event::zone_changed &e) {
   d.m.clock.zone_open = false;
   if (e.changed)
     tell(d, delivery::kZone);
-}
-
-// The clock on the screen jumps by an hour: a timer that counts seconds across it would be wrong.
-void transition_passes(decision &d) {
-  d.m.clock.zone_open = true;
-  tell(d, delivery::kTimeSet);
 }

@@ -210,8 +210,13 @@ void on(decision &d, const event::ended &) {
 
 void count_alarm(decision &d) {
   const device_alarm &stands = d.m.alarm.stands;
-  if (stands.owner != alarm_owner::kNone && stands.utc + 1 > d.now.utc)
+  if (stands.owner != alarm_owner::kNone && stands.utc + 1 > d.now.utc) {
     d.due_at_utc(due_kind::kAlarmPasses, stands.utc + 1);
-  else
-    d.never(due_kind::kAlarmPasses);
+    return;
+  }
+  // Another event may come before the one that was awaited.
+  const bool passes = due_at(d.m, due_kind::kAlarmPasses) != kNever;
+  if (stands.owner != alarm_owner::kNone && passes)
+    check_alarm(d);
+  d.never(due_kind::kAlarmPasses);
 }

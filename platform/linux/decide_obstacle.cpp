@@ -4,6 +4,7 @@
 #include <algorithm>
 
 static constexpr std::int64_t kHourMs = 3600 * kSecondMs;
+static constexpr std::int64_t kSameVisitMs = 300 * kSecondMs;
 
 // UTC: until then the machine waits for something near; 0: nothing is near. An alarm may go off
 // before the machine sleeps, and does not wake it then.
@@ -28,6 +29,14 @@ static std::uint8_t blocking_bits(const machine &m) {
   if (m.sleep.wish == sleep_wish::kReturn || m.sleep.wish == sleep_wish::kTest)
     return kSleepBit | kShutdownBit | kIdleBit;
   return m.sleep.method == off_action::kPoweroff ? kShutdownBit : kSleepBit;
+}
+
+// Who comes soon after the off-time may be the one who has asked for it.
+bool is_overtaken(const machine &m) {
+  const sleep_wish wish = m.sleep.wish;
+  const std::int64_t came_at = std::max({m.use.input_at, m.use.session_at, m.use.active_at});
+  return (wish == sleep_wish::kOffTimer || wish == sleep_wish::kScreen) &&
+         came_at > m.sleep.wished_at + kSameVisitMs;
 }
 
 postponed obstacle(const machine &m, const moment &now) {

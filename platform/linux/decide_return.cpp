@@ -13,8 +13,10 @@ off_action sleep_as_before(const machine &m) {
 }
 
 // Whoever was to watch what we have turned on may sit before a television that does not answer, and
-// nobody knows who else has woken the machine.
-bool must_say_off(const machine &m) { return m.screen.ordered_on || m.woken.by == cause::kNothing; }
+// so may who has pressed a key; nobody knows who else has woken the machine.
+bool must_say_off(const machine &m) {
+  return m.screen.ordered_on || m.use.input_at != 0 || m.woken.by == cause::kNothing;
+}
 
 static bool is_user_window_open(const machine &m) {
   return due_at(m, due_kind::kUserWindow) != kNever;
@@ -58,10 +60,16 @@ void count_return(decision &d) {
   d.due(due_kind::kReturn) = is_ahead ? at : kNever;
 }
 
+// An off-timer's wish, which is overtaken by somebody who comes.
+static bool is_postponed(const machine &m) {
+  return m.sleep.wish != sleep_wish::kNone && m.sleep.why != postponed::kNot &&
+         m.sleep.why != postponed::kHook;
+}
+
 // The key that wakes the machine is only seen when its device was open before.
 void watch_input(decision &d) {
   const phase now = d.m.power.now;
-  const bool returns = return_at(d.m) != kNever || is_user_window_open(d.m);
+  const bool returns = return_at(d.m) != kNever || is_user_window_open(d.m) || is_postponed(d.m);
   const bool wanted = now == phase::kGoing || (now != phase::kShuttingDown && returns);
   if (wanted == d.m.use.watched)
     return;

@@ -86,13 +86,28 @@ void order_is_settled(decision &d) {
     used(d); // the return is counted from here
 }
 
-static void give_screen_up(decision &d) {
-  const screen_state answered = d.m.screen.answered;
-  const bool is_denied = answered != screen_state::kUnknown;
-  if (wants_on(d.m)) // it may boot for longer than this
-    d.m.screen.believed = answered;
+// One that is silent once it is off does what most do.
+static void give_off_up(decision &d) {
+  if (d.m.screen.answered == screen_state::kUnknown) {
+    is_over(d, problem::kTelevision);
+    return;
+  }
   has_problem(d, problem::kTelevision, 0);
-  say(d, order::saying::kTelevisionLate, is_denied ? 1 : 0);
+  say(d, order::saying::kTelevisionStays);
+}
+
+static void give_on_up(decision &d) {
+  const screen_state answered = d.m.screen.answered;
+  d.m.screen.believed = answered; // it may boot for longer than this
+  has_problem(d, problem::kTelevision, 0);
+  say(d, order::saying::kTelevisionLate, answered == screen_state::kUnknown ? 0 : 1);
+}
+
+static void give_screen_up(decision &d) {
+  if (wants_on(d.m))
+    give_on_up(d);
+  else
+    give_off_up(d);
   order_is_settled(d);
 }
 

@@ -21,6 +21,7 @@ static void set_wish(decision &d, sleep_wish wish, off_action method) {
   auto &sleep = d.m.sleep;
   sleep = {.last_method = sleep.last_method};
   sleep.wish = wish;
+  sleep.wished_at = d.now.boot;
   sleep.method = method;
   d.never(due_kind::kSleepAgain);
   d.never(due_kind::kAsked);
@@ -51,7 +52,13 @@ void forget_wish(decision &d) { set_wish(d, sleep_wish::kNone, off_action::kNone
 
 // --- postponed ---
 
-// What nobody tells: the device is read, the television asked again.
+// What nobody tells, or not reliably: the device is read, the television and logind are asked
+// again.
+static bool is_looked_at_again(postponed why) {
+  return why == postponed::kNoAlarm || why == postponed::kScreenSilent ||
+         why == postponed::kSession || why == postponed::kBlocked;
+}
+
 static void look_later(decision &d) {
   if (due_at(d.m, due_kind::kSleepAgain) == kNever)
     d.due_after(due_kind::kSleepAgain, kLookMs);
@@ -69,7 +76,7 @@ static void postpone(decision &d, postponed why) {
     d.due_at_utc(due_kind::kSleepAgain, near_until(d.m, d.now) + 1);
   else if (why == postponed::kOften)
     d.due(due_kind::kSleepAgain) = often_until(d.m);
-  else if (why == postponed::kNoAlarm || why == postponed::kScreenSilent)
+  else if (is_looked_at_again(why))
     look_later(d);
   else if (!sleep.held)
     d.never(due_kind::kSleepAgain);
@@ -151,6 +158,8 @@ void sleep_again(decision &d) {
   d.m.sleep.is_silent = false;
   if (d.m.sleep.why == postponed::kNoAlarm)
     check_alarm(d);
+  if (d.m.sleep.why == postponed::kSession || d.m.sleep.why == postponed::kBlocked)
+    d.give(order::ask_use{});
   if (is_ordered(d.m) && d.m.power.now == phase::kSleepAsked)
     sleep_failed(d, ETIMEDOUT);
 }
@@ -184,6 +193,8 @@ void pursue_sleep(decision &d) {
   auto &sleep = d.m.sleep;
   if (!is_settled(d.m))
     return;
+  if (is_overtaken(d.m)) // the rules of a return remain
+    drop_wish(d);
   wish_return(d);
   const bool asks = sleep.stage == wish_stage::kAsking;
   if (sleep.wish == sleep_wish::kNone || sleep.held || (asks && !has_all_answers(d.m)))

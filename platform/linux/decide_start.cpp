@@ -13,8 +13,11 @@ static void boot_was(decision &d, const event::started &e) {
   woken.at = woken.counted_at = d.now.boot;
   woken.utc = d.now.utc;
   const std::int64_t since_boot = d.now.boot / kSecondMs;
-  // Firmware switches an alarm off, too.
-  const bool replaced = what_others_did(d.m, e.device) == others_did::kReplaced;
+  // Firmware and drivers switch an alarm off at a boot: nobody has given up the other one.
+  const others_did others = what_others_did(d.m, e.device);
+  const bool replaced = others == others_did::kReplaced;
+  if (others == others_did::kSwitchedOff)
+    alarm.stands = {};
   woken.by = cause_by_alarm(d.m, replaced ? others_did::kReplaced : others_did::kNothing,
                             e.device.clock - since_boot);
   if (woken.by == cause::kNothing)

@@ -83,6 +83,8 @@ void on(decision &d, const event::refused &e) {
 
 void on(decision &d, const event::works &e) {
   is_over(d, e.part);
-  if (e.part == problem::kInhibitor)
-    d.m.use.inhibit_tries = 0;
+  if (e.part != problem::kInhibitor)
+    return;
+  d.m.use.inhibit_tries = 0;
+  d.never(due_kind::kInhibitAgain);
 }

@@ -139,6 +139,8 @@ void on(decision &d, const event::job_ended &e) {
     end_job(d, find_job(d, e.id));
 }
 
+void on(decision &d, const event::jobs_told_again &) { doubt_jobs(d); }
+
 void on(decision &d, const event::unit_refused &e) {
   has_problem(d, problem_of(e.of), e.error);
   doubt_screen_order(d, e.of);

@@ -19,8 +19,15 @@ void take_inhibitor(decision &d) {
 
 void inhibitor_refused(decision &d) {
   std::uint8_t &tries = d.m.use.inhibit_tries;
-  if (tries < std::size(kInhibitAgainMs))
-    d.due_after(due_kind::kInhibitAgain, kInhibitAgainMs[tries++]);
+  d.due_after(due_kind::kInhibitAgain, kInhibitAgainMs[tries]);
+  if (tries + 1U < std::size(kInhibitAgainMs))
+    ++tries;
+}
+
+// One that is taken while the machine goes would only delay it.
+void try_inhibitor_again(decision &d) {
+  if (!is_leaving(d.m))
+    take_inhibitor(d);
 }
 
 void release_if_ready(decision &d) {
@@ -89,8 +96,7 @@ void on(decision &d, const event::shutdown_begins &) {
 static void stayed_up(decision &d) {
   const bool ours = d.m.sleep.stage == wish_stage::kAsked;
   d.m.power.now = phase::kAwake;
-  if (d.m.power.released)
-    take_inhibitor(d);
+  take_inhibitor(d);
   d.m.alarm.tries = 0;
   d.never(due_kind::kAlarmAgain);
   d.never(due_kind::kLeaving);
@@ -152,8 +158,7 @@ static void woke_up(decision &d, std::int64_t slept_ms) {
   power.now = phase::kAwake;
   count_sleep(d);
   forget_orders(d);
-  if (power.released)
-    take_inhibitor(d);
+  take_inhibitor(d);
   // A sleep that the clocks do not show has lasted since it was announced.
   const bool is_shown = slept_ms >= kLeastSleepMs || !was_announced;
   const std::int64_t began = is_shown ? utc_before(d.now, slept_ms) : power.went.utc;
@@ -162,6 +167,7 @@ static void woke_up(decision &d, std::int64_t slept_ms) {
   woken = {};
   woken.by = cause::kNothing;
   woken.at = woken.counted_at = d.now.boot;
+  woken.slept_from = is_shown ? d.now.boot - slept_ms : power.went.boot;
   woken.utc = d.now.utc;
   woken.cause_open = true;
   woken.late_open = true;

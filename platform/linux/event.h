@@ -100,7 +100,9 @@ struct use_changed {
   std::int64_t delay_max_ms = 0;
   bool is_answer = false; // to ask_use; otherwise logind has told it
 };
-struct input {};
+struct input {
+  std::int64_t at = kNever; // boot: when the key was pressed; kNever: not known
+};
 
 // --- targets ---
 
@@ -111,6 +113,7 @@ struct job_began {
 struct job_ended {
   std::uint32_t id = 0;
 };
+struct jobs_told_again {}; // systemd has started again, those that still run are told next
 struct unit_refused {
   unit of = unit::kOn;
   int error = 0;
@@ -164,12 +167,13 @@ struct works {
   problem part = problem::kCount;
 };
 
-using any = std::variant<started, configured, ended, program, unprogram, screen_wanted, fired,
-                         ambient, returned, armed, alarm_written, alarm_read, late_timers,
-                         sleep_begins, sleep_ends, shutdown_begins, shutdown_ends, sleep_answered,
-                         preparing, use_changed, input, job_began, job_ended, unit_refused,
-                         tv_reports, tv_silent, tv_denies, tv_standby, tv_asks_source, tv_reachable,
-                         clock_stepped, zone_changed, ntp, test_wake, idle, due, refused, works>;
+using any =
+    std::variant<started, configured, ended, program, unprogram, screen_wanted, fired, ambient,
+                 returned, armed, alarm_written, alarm_read, late_timers, sleep_begins, sleep_ends,
+                 shutdown_begins, shutdown_ends, sleep_answered, preparing, use_changed, input,
+                 job_began, job_ended, jobs_told_again, unit_refused, tv_reports, tv_silent,
+                 tv_denies, tv_standby, tv_asks_source, tv_reachable, clock_stepped, zone_changed,
+                 ntp, test_wake, idle, due, refused, works>;
 
 } // namespace event
 

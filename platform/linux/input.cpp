@@ -4,15 +4,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <linux/input.h>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 #include <vector>
 
@@ -21,6 +24,7 @@ namespace fs = std::filesystem;
 static constexpr const char *kDirectory = "/dev/input";
 static constexpr std::string_view kPrefix = "event";
 static constexpr std::size_t kEventsAtOnce = 64;
+static constexpr std::int64_t kMicroseconds = 1000; // of a millisecond
 
 namespace {
 
@@ -32,6 +36,7 @@ struct input_device {
 
   fs::path path;
   int fd;
+  bool is_stamped = false; // its events, by CLOCK_BOOTTIME
   sd_event_source *source = nullptr;
 };
 
@@ -46,10 +51,13 @@ static int device_ready(sd_event_source *, int fd, std::uint32_t ready, void *da
 
 input_device::input_device(const fs::path &device_path)
     : path(device_path), fd(open(device_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
-  if (fd < 0)
+  if (fd < 0) {
     open_error = errno;
-  else
-    sd_event_add_io(bus_events(), &source, fd, EPOLLIN, device_ready, this);
+    return;
+  }
+  int clock = CLOCK_BOOTTIME;
+  is_stamped = ioctl(fd, EVIOCSCLOCKID, &clock) == 0;
+  sd_event_add_io(bus_events(), &source, fd, EPOLLIN, device_ready, this);
 }
 
 input_device::~input_device() {
@@ -58,20 +66,31 @@ input_device::~input_device() {
     close(fd);
 }
 
-static bool has_key(std::span<const input_event> events) {
-  return std::ranges::any_of(events, [](const auto &entry) { return entry.type == EV_KEY; });
+static std::int64_t stamp_of(const input_event &entry) {
+  return entry.input_event_sec * kSecondMs + entry.input_event_usec / kMicroseconds;
+}
+
+// When a key was pressed last, not released; nothing when none was.
+static std::optional<std::int64_t> last_press(std::span<const input_event> events) {
+  std::optional<std::int64_t> found;
+  for (const input_event &entry : events)
+    if (entry.type == EV_KEY && entry.value != 0)
+      found = stamp_of(entry);
+  return found;
 }
 
 static int device_ready(sd_event_source *, int fd, std::uint32_t, void *data) {
   input_event events[kEventsAtOnce];
-  bool pressed = false;
+  const bool is_stamped = static_cast<const input_device *>(data)->is_stamped;
+  std::optional<std::int64_t> pressed;
   ssize_t size = 0;
   while ((size = read(fd, events, sizeof events)) > 0)
-    pressed = pressed || has_key({events, static_cast<std::size_t>(size) / sizeof *events});
+    if (const auto last = last_press({events, static_cast<std::size_t>(size) / sizeof *events}))
+      pressed = last;
   if (size == 0 || errno != EAGAIN) // it has gone
     std::erase_if(devices, [=](const auto &device) { return device.get() == data; });
   if (pressed)
-    happens(event::input{});
+    happens(event::input{is_stamped ? *pressed : kNever});
   return 0;
 }
 

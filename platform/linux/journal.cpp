@@ -48,7 +48,8 @@ void report(const char *format, ...) {
 }
 
 static bool is_failure(order::saying what) {
-  return what == order::saying::kProblem || what == order::saying::kTelevisionLate;
+  return what == order::saying::kProblem || what == order::saying::kTelevisionLate ||
+         what == order::saying::kTelevisionStays;
 }
 
 // One entry; a field without a value is left out.

@@ -32,6 +32,7 @@ struct machine {
     std::uint32_t type = 0; // that timer's type
     std::int64_t utc = 0;   // when
     std::int64_t at = 0;
+    std::int64_t slept_from = 0; // boot; input before that has woken nothing
     std::int64_t counted_at = 0; // the return is counted from here
     bool fired = false;          // a timer has expired or somebody has used it since
     bool cause_open = false;     // the device is still to be read
@@ -98,6 +99,7 @@ struct machine {
 
   struct {
     sleep_wish wish = sleep_wish::kNone;
+    std::int64_t wished_at = 0;
     wish_stage stage = wish_stage::kWaiting;
     off_action method = off_action::kNone;
     off_action last_method = off_action::kSuspend; // of the last sleep or power-off

@@ -69,13 +69,14 @@ enum class saying : std::uint8_t {
   kForeignPutBack, // number: utc
   kScreenOn,
   kScreenOff,
-  kTelevisionLate, // number: 0 does not say that it is on, 1 says it is not
-  kGoesToSleep,    // number: off_action
-  kPostponed,      // number: enum postponed
-  kLate,           // type; number: seconds
-  kTestBegins,     // number: seconds
-  kProblem,        // number: enum problem, error
-  kProblemOver,    // number: enum problem
+  kTelevisionLate,  // number: 0 does not say that it is on, 1 says it is not
+  kTelevisionStays, // on, after it was turned off
+  kGoesToSleep,     // number: off_action
+  kPostponed,       // number: enum postponed
+  kLate,            // type; number: seconds
+  kTestBegins,      // number: seconds
+  kProblem,         // number: enum problem, error
+  kProblemOver,     // number: enum problem
 };
 struct say {
   saying what = saying::kWoken;

@@ -30,6 +30,8 @@ static constexpr const char *kAdjtimePath = "/etc/adjtime";
 
 static std::string device; // as "rtc0"; "" when there is none
 static std::string path;
+static std::string setting;         // as configured
+static std::optional<bool> minutes; // whether its alarm counts them, once it has said so
 
 namespace {
 
@@ -94,6 +96,8 @@ static bool can_wake(const std::string &of) {
 // --- the device ---
 
 void choose_rtc(const std::string &configured) {
+  setting = configured;
+  minutes.reset();
   const auto found = all_devices();
   const auto first = std::ranges::find_if(found, can_wake);
   std::error_code missing;
@@ -108,14 +112,21 @@ const std::string &rtc_path() { return path; }
 
 // An older kernel does not know the question: the alarm then counts seconds, as far as we know.
 static bool counts_minutes() {
+  if (minutes)
+    return *minutes;
   rtc_param asked{};
   asked.param = RTC_PARAM_FEATURES;
-  return opened_rtc().control(RTC_PARAM_GET, &asked) &&
-         (asked.uvalue >> RTC_FEATURE_ALARM_RES_MINUTE & 1) != 0;
+  const bool known = opened_rtc().control(RTC_PARAM_GET, &asked);
+  const bool counts = known && (asked.uvalue >> RTC_FEATURE_ALARM_RES_MINUTE & 1) != 0;
+  if (known || errno != EBUSY) // another program has it open for a while
+    minutes = counts;
+  return counts;
 }
 
 device_reading read_rtc() {
   device_reading reading;
+  if (device.empty()) // its driver may be loaded after this daemon has started
+    choose_rtc(std::string(setting));
   reading.for_good = device.empty() || !has_alarm(device);
   if (reading.for_good) {
     reading.error = ENODEV;

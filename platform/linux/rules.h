@@ -49,6 +49,7 @@ void on(decision &d, const event::use_changed &e);
 void on(decision &d, const event::input &e);
 void on(decision &d, const event::job_began &e);
 void on(decision &d, const event::job_ended &e);
+void on(decision &d, const event::jobs_told_again &e);
 void on(decision &d, const event::unit_refused &e);
 void on(decision &d, const event::tv_reports &e);
 void on(decision &d, const event::tv_silent &e);
@@ -117,6 +118,7 @@ inline bool is_leaving(const machine &m) {
 void notice_sleep(decision &d);
 void take_inhibitor(decision &d);
 void inhibitor_refused(decision &d);
+void try_inhibitor_again(decision &d);
 void release_if_ready(decision &d);
 void ask_whether_leaving(decision &d);
 cause cause_by_alarm(const machine &m, others_did others, std::int64_t clock);
@@ -131,6 +133,8 @@ bool by_alarm_of_ours(const machine &m);
 std::int64_t near_until(const machine &m, const moment &now);
 std::int64_t often_until(const machine &m);
 postponed obstacle(const machine &m, const moment &now);
+// A wish that asks no user has been postponed until somebody came.
+bool is_overtaken(const machine &m);
 
 // --- decide_sleep.cpp, decide_return.cpp ---
 
@@ -179,7 +183,6 @@ void count_screen(decision &d);
 
 bool is_clock_known(const machine &m, const moment &now);
 void start_clock(decision &d);
-void transition_passes(decision &d);
 void ask_clock_again(decision &d);
 void count_clock(decision &d);
 

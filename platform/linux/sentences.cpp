@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <iterator>
 
 namespace {
@@ -58,7 +59,22 @@ static const char *name_of(const named<Enum> (&names)[Size], Enum value) {
 const char *word_of(cause by) { return name_of(kCauses, by); }
 const char *word_of(screen_state state) { return name_of(kScreenStates, state); }
 const char *word_of(alarm_owner owner) { return name_of(kOwners, owner); }
-const char *sentence_of(postponed why) { return name_of(kReasons, why); }
+
+static std::string suspend_stat(const char *name) {
+  std::string text;
+  std::getline(std::ifstream(std::string("/sys/power/suspend_stats/") + name), text);
+  return text;
+}
+
+// Of a failed sleep the kernel knows more.
+std::string sentence_of(postponed why) {
+  const std::string text = name_of(kReasons, why);
+  const std::string step = why == postponed::kFailed ? suspend_stat("last_failed_step") : "";
+  if (step.empty())
+    return text;
+  const std::string device = suspend_stat("last_failed_dev");
+  return text + "; the kernel's last failure: " + step + (device.empty() ? "" : ", " + device);
+}
 
 // --- problems ---
 
@@ -153,6 +169,8 @@ static constexpr saying_words kSayings[] = {
     {saying::kScreenOff, "screen-off", "the screen is off", nothing, false},
     {saying::kTelevisionLate, "screen-late", "the television ", answer_text, true,
      ", 15 seconds after it was turned on"},
+    {saying::kTelevisionStays, "screen-late",
+     "the television answers that it is on, 15 seconds after it was turned off", nothing, false},
     {saying::kGoesToSleep, "sleeping", "the machine is sent to sleep: ", method_text, true},
     {saying::kPostponed, "postponed", "the sleep is postponed: ", wait_text, true},
     {saying::kLate, "late", "a timer is made up for, late by ", seconds_text, false},

@@ -19,4 +19,4 @@ const char *word_of(alarm_owner owner);
 // What is missing and what does not work because of it.
 std::string sentence_of(problem what, int error);
 
-const char *sentence_of(postponed why); // "" for kNot
+std::string sentence_of(postponed why); // "" for kNot

@@ -97,6 +97,7 @@ static int ignore_answer(sd_bus_message *, void *, sd_bus_error *) { return 0; }
 // systemd sends no signals before a client has subscribed. Jobs of an earlier run of this daemon go
 // on.
 static void systemd_appeared() {
+  happens(event::jobs_told_again{});
   bus_call(kSystemd, "Subscribe", ignore_answer, nullptr, "");
   bus_call(kSystemd, "ListJobs", jobs_answered, nullptr, "");
 }

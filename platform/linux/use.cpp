@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-static constexpr std::uint64_t kMicroseconds = 1000; // of a millisecond
-static constexpr std::uint64_t kUnlimited = UINT64_MAX;
+static constexpr std::uint64_t kMicroseconds = 1000;        // of a millisecond
+static constexpr std::uint64_t kLongestDelay = 600'000'000; // microseconds; it may be infinite
 
 namespace {
 
@@ -78,7 +78,8 @@ static bool take_property(const char *name, sd_bus_message *value, void *) {
   } else if (name == std::string_view{"InhibitDelayMaxUSec"}) {
     std::uint64_t longest = 0;
     sd_bus_message_read(value, "v", "t", &longest);
-    current.found.delay_max_ms = static_cast<std::int64_t>(longest / kMicroseconds);
+    current.found.delay_max_ms =
+        static_cast<std::int64_t>(std::min(longest, kLongestDelay) / kMicroseconds);
   } else {
     return false;
   }
@@ -206,6 +207,7 @@ static int logind_told(sd_bus_message *, void *, sd_bus_error *) {
 void start_use(event_sink sink) {
   happens = sink;
   bus_watch_signal(kLogind, "SessionNew", logind_told);
+  bus_watch_signal(kLogind, "SessionRemoved", logind_told);
   bus_watch_properties(kLogind, logind_told);
   bus_watch_service(kLogind, begin_round);
 }

@@ -165,6 +165,36 @@ TEST(Decide, ATelevisionThatStaysSilent_GetsThePairThreeTimes_AndOneLine) {
   EXPECT_EQ(run.count<order::tv_answer>(), 1);
 }
 
+TEST(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn) {
+  const event::any said[] = {event::tv_silent{}, event::tv_reports{event::tv_state::kOn}};
+  for (const event::any &answer : said) {
+    const bool is_silent = &answer == said;
+    awake_machine run;
+    run.send(event::screen_wanted{false, event::asker::kBus});
+    for (int second = 0; second < 20; ++second) {
+      run.pass(1);
+      run.send(event::due{});
+      run.send(answer);
+    }
+    EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], is_silent ? 0 : 1);
+    EXPECT_EQ(run.last<order::say>().what == order::saying::kTelevisionStays, !is_silent);
+  }
+}
+
+TEST(Decide, ARefusedInhibitor_IsTriedForEveryMinute_AndAfterASleep) {
+  awake_machine run;
+  for (int minute = 0; minute < 10; ++minute) {
+    run.send(event::refused{problem::kInhibitor, EIO});
+    run.pass(60);
+    run.send(event::due{});
+  }
+  EXPECT_EQ(run.count<order::take_inhibitor>(), 10);
+  run.now.slept += 100 * kSecondMs; // without any announcement
+  run.pass(100);
+  run.send(event::ambient{});
+  EXPECT_EQ(run.count<order::take_inhibitor>(), 11);
+}
+
 TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
   for (const bool hop_boots : {true, false}) {
     settings set;
@@ -231,6 +261,55 @@ TEST(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor) {
   EXPECT_EQ(due_at(run.m, due_kind::kTransition), run.now.boot + 995 * kSecondMs);
 }
 
+TEST(Decide, ATransitionThatAnotherEventMeets_IsTold_AndTheNextIsAskedFor) {
+  const struct {
+    event::any what;
+    bool sleeps;
+  } rows[] = {{event::ambient{}, false}, {event::clock_stepped{}, false}, {event::due{}, true}};
+  for (const auto &row : rows) {
+    awake_machine run;
+    run.send(event::zone_changed{kNow + 5, true});
+    run.next_transition = kNow + 1000;
+    if (row.sleeps)
+      run.sleep(60);
+    else
+      run.pass(6);
+    run.send(row.what);
+    EXPECT_TRUE(std::ranges::any_of(run.given, [](const order::any &one) {
+      const auto *told = std::get_if<order::deliver>(&one);
+      return told != nullptr && told->callback == delivery::kTimeSet;
+    })) << &row - rows;
+    EXPECT_EQ(run.m.clock.next_transition, kNow + 1000) << &row - rows;
+  }
+}
+
+// A hop, which passes in the second of another event.
+TEST(Decide, AnAlarmThatPasses_IsSetAgain_WhateverEventComesFirst) {
+  awake_machine run;
+  run.m.alarm.range = kDay;
+  run.send(event::program{0, kNow + 3 * kDay, 0});
+  run.pass(kDay + 1);
+  run.send(event::ambient{});
+  EXPECT_EQ(run.alarm, kNow + 2 * kDay + 1);
+}
+
+TEST(Decide, AnAlarmThatTheFirmwareSwitchesOff_DoesNotTakeTheForeignOneWithIt) {
+  awake_machine run;
+  run.alarm = kNow + 5000;
+  run.send(event::program{0, kNow + 1000, 0});
+  event::started boot;
+  boot.kept = run.m;
+  boot.has_kept = boot.rtc_valid = true;
+  run.pass(100);
+  boot.device.clock = run.now.utc;
+  run.alarm = 0;
+  run.send(boot);
+  run.send(event::armed{});
+  run.send(event::unprogram{});
+  run.send(event::idle{});
+  EXPECT_EQ(run.alarm, kNow + 5000);
+}
+
 TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
   const struct {
     event::any what;
@@ -250,6 +329,70 @@ TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
     EXPECT_EQ(run.last<order::deliver>().callback == delivery::kTimeUpdate ||
                   run.last<order::deliver>().callback == delivery::kTimeSet,
               row.state != clock_state::kUnknown);
+  }
+}
+
+// Nobody may tell that a user has logged out, or that a program blocks the sleep no longer.
+TEST(Decide, WhatPostponesASleep_IsAskedForAgain) {
+  for (const bool is_session : {true, false}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    run.sleep(985);
+    const std::int64_t session = is_session ? run.now.boot + 1 : 0;
+    const std::uint8_t blocked = is_session ? 0 : kIdleBit;
+    run.send(event::use_changed{session, 0, blocked, kSleepBit, 5000, false});
+    run.pass(200);
+    run.send(event::due{});
+    EXPECT_EQ(run.m.sleep.why, is_session ? postponed::kSession : postponed::kBlocked);
+    run.given.clear();
+    run.pass(900);
+    run.send(event::due{});
+    EXPECT_EQ(run.count<order::ask_use>(), 1);
+  }
+}
+
+TEST(Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater) {
+  const struct {
+    std::int64_t after; // seconds
+    bool is_session, sleeps;
+  } rows[] = {{299, false, true}, {299, true, true}, {301, false, false}, {301, true, false}};
+  for (const auto &[after, is_session, sleeps] : rows) {
+    awake_machine run({}, false);
+    const auto use = [&](std::int64_t session, std::uint8_t blocked) {
+      run.send(event::use_changed{session, 0, blocked, kSleepBit, 5000, true});
+    };
+    use(0, kSleepBit);
+    run.send(event::screen_wanted{false, event::asker::kDaemon});
+    run.send(event::job_began{1, unit::kOff});
+    run.send(event::job_ended{1});
+    EXPECT_TRUE(run.m.use.watched);
+    run.pass(after);
+    if (!is_session)
+      run.send(event::input{});
+    use(is_session ? run.now.boot : 0, 0);
+    use(is_session ? run.now.boot : 0, 0);
+    EXPECT_EQ(run.count<order::sleep>(), sleeps ? 1 : 0) << after << is_session;
+  }
+}
+
+TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
+  awake_machine run;
+  run.send(event::job_began{1, unit::kWakeup});
+  run.send(event::job_began{2, unit::kWakeup});
+  run.send(event::jobs_told_again{});
+  run.send(event::job_began{2, unit::kWakeup});
+  run.pass(2);
+  run.send(event::due{});
+  EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
+}
+
+TEST(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine) {
+  for (const bool is_late : {false, true}) {
+    awake_machine run;
+    const std::int64_t pressed = run.now.boot + (is_late ? 100 * kSecondMs : -1);
+    run.sleep(100);
+    run.send(event::input{pressed});
+    EXPECT_EQ(run.m.woken.by, is_late ? cause::kUser : cause::kNothing);
   }
 }
 

@@ -5,6 +5,7 @@
 #include "input.h"
 #include "machine.h"
 #include "rtc.h"
+#include "sentences.h"
 #include "timedated.h"
 #include "zone.h"
 
@@ -45,6 +46,11 @@ TEST_F(Rtc, IsTheFirstThatCanWake_OrTheConfiguredOne) {
   EXPECT_TRUE(read_rtc().for_good);
   EXPECT_EQ(write_rtc_alarm(kNow).error, ENODEV);
   EXPECT_FALSE(read_rtc_utc());
+  std::filesystem::remove("/sys/class/rtc/rtc10/wakealarm");
+  EXPECT_EQ(chosen("auto"), "");
+  write_file(kAlarmPath, "");
+  EXPECT_FALSE(read_rtc().for_good) << "its driver came later";
+  EXPECT_EQ(rtc_path(), "/dev/rtc0");
 }
 
 TEST_F(Rtc, IsRead_AndItsAlarmWrittenAndReadBack) {
@@ -256,14 +262,28 @@ TEST_F(Television, WhoseAdapterIsMissing_IsAProblemOnlyWhenConfigured) {
   EXPECT_EQ(both(), " | refused 8 2; reachable 0");
 }
 
+// --- a failed sleep ---
+
+TEST_F(Machine, AFailedSleep_IsPostponedWithTheKernelsReason) {
+  EXPECT_EQ(sentence_of(postponed::kFailed), "the last attempt failed");
+  write_file("/sys/power/suspend_stats/last_failed_step", "suspend\n");
+  write_file("/sys/power/suspend_stats/last_failed_dev", "usb1\n");
+  EXPECT_EQ(sentence_of(postponed::kFailed),
+            "the last attempt failed; the kernel's last failure: suspend, usb1");
+  EXPECT_EQ(sentence_of(postponed::kHook), "a unit of dravel-off.target runs");
+}
+
 // --- input ---
 
 TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
   ASSERT_EQ(mkfifo("/dev/input/event0", 0600), 0);
   const int fifo = open("/dev/input/event0", O_RDWR | O_CLOEXEC);
-  const auto press = [](int fd, std::uint16_t type) {
+  const auto press = [](int fd, std::uint16_t type, int value = 1) {
     input_event pressed{};
     pressed.type = type;
+    pressed.value = value;
+    pressed.input_event_sec = 5;
+    pressed.input_event_usec = 6000;
     EXPECT_EQ(write(fd, &pressed, sizeof pressed), sizeof pressed);
     return seen();
   };
@@ -273,11 +293,12 @@ TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
   watch_input(true);
   EXPECT_EQ(seen(), "works 7");
   EXPECT_EQ(press(fifo, EV_REL), "");
-  EXPECT_EQ(press(fifo, EV_KEY), "input");
+  EXPECT_EQ(press(fifo, EV_KEY), "input 5006");
+  EXPECT_EQ(press(fifo, EV_KEY, 0), "") << "a release";
   ASSERT_EQ(mkfifo("/dev/input/event1", 0600), 0);
   const int later = open("/dev/input/event1", O_RDWR | O_CLOEXEC);
   seen();
-  EXPECT_EQ(press(later, EV_KEY), "input");
+  EXPECT_EQ(press(later, EV_KEY), "input 5006");
   watch_input(false);
   EXPECT_EQ(press(fifo, EV_KEY), "");
 }

@@ -80,6 +80,8 @@ TEST_F(Services, WhoUsesTheMachine_IsToldAndAskedFor) {
       {kLogind, "BlockInhibited", "'handle-power-key:sleep'", " 1 0 1 11 5000"},
       {kLogind, "BlockInhibited", "'idle:shutdown:sleepy'", " 1 0 6 11 5000"},
       {kLogind, "InhibitDelayMaxUSec", "uint64 30000000", " 1 0 6 11 30000"},
+      {kLogind, "InhibitDelayMaxUSec", "uint64 18446744073709551615", " 1 0 6 11 600000"},
+      {kLogind, "InhibitDelayMaxUSec", "uint64 30000000", " 1 0 6 11 30000"},
       {kSession, "IdleHint", "false", " 1 1 6 11 30000"},
       {kSession, "Class", "'greeter'", " 0 0 6 11 30000"},
   };
@@ -90,8 +92,10 @@ TEST_F(Services, WhoUsesTheMachine_IsToldAndAskedFor) {
     ask_use();
     EXPECT_EQ(seen(), "use answered" + std::string(found));
   }
-  emit(kLogind, "SessionNew", "so", "<'2'>, <objectpath '/2'>");
-  EXPECT_EQ(seen(), "use 0 0 6 11 30000");
+  for (const char *signal : {"SessionNew", "SessionRemoved"}) {
+    emit(kLogind, signal, "so", "<'2'>, <objectpath '/2'>");
+    EXPECT_EQ(seen(), "use 0 0 6 11 30000") << signal;
+  }
   tell(kLogind, "AddMethod", "'CanHibernate', '', 's', \"ret = 'na'\"");
   refuse(kLogind, "CanSuspend", "");
   ask_use();
@@ -103,7 +107,7 @@ TEST_F(Services, WhoUsesTheMachine_IsToldAndAskedFor) {
 }
 
 TEST_F(Services, TargetsAreStarted_AndTheirJobsFollowed) {
-  EXPECT_EQ(start(start_targets), "");
+  EXPECT_EQ(start(start_targets), "jobs");
   start_unit(unit::kOff, 0);
   start_unit(unit::kWakeup, 20);
   stop_unit(unit::kAmbient);
@@ -126,7 +130,7 @@ TEST_F(Services, JobsOfAnEarlierRun_AreFoundAtTheStart) {
        "'start', 'running', o, o)]\"");
   start_bus();
   start_targets(hear);
-  EXPECT_EQ(seen(), "job 5 3");
+  EXPECT_EQ(seen(), "jobs; job 5 3");
 }
 
 TEST_F(Machine, WithoutABus_EveryOrderIsAnswered) {

@@ -21,6 +21,7 @@ using kernel::rtc_wkalrm;
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <linux/input.h>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -151,6 +152,8 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     return read(fd, argument, sizeof(cec_msg)) > 0 ? 0 : -1;
   case CEC_TRANSMIT:
     return transmit(*static_cast<cec_msg *>(argument));
+  case EVIOCSCLOCKID:
+    return *static_cast<int *>(argument) == CLOCK_BOOTTIME ? 0 : refuse(EINVAL);
   default:
     return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
   }
@@ -315,9 +318,10 @@ struct event_words {
     return with(e.is_answer ? "use answered" : "use", e.session_at != 0, e.active_at != 0,
                 e.blocked, e.can, e.delay_max_ms);
   }
-  text operator()(const event::input &) const { return "input"; }
+  text operator()(const event::input &e) const { return with("input", e.at); }
   text operator()(const event::job_began &e) const { return with("job", e.id, int(e.of)); }
   text operator()(const event::job_ended &e) const { return with("job ended", e.id); }
+  text operator()(const event::jobs_told_again &) const { return "jobs"; }
   text operator()(const event::unit_refused &e) const {
     return with("unit refused", int(e.of), e.error);
   }

@@ -149,6 +149,8 @@ void sim_checks::check_return() {
   if (world_.seen_at > world_.up_at && quiet > kUnseenMs &&
       quiet < world_.set.return_to_sleep * kSecondMs)
     world_.broken(3, "somebody presses keys at a return");
+  if (world_.seen_at > world_.up_at && quiet > kUnseenMs && said_off_at_ <= world_.seen_at)
+    world_.broken(3, "somebody has come, and no television is off, at a return");
 }
 
 void sim_checks::check_sleep(const order::sleep &what) {
@@ -165,6 +167,12 @@ void sim_checks::check_sleep(const order::sleep &what) {
   check_use(wish == sleep_wish::kReturn, what.method);
   if (wish == sleep_wish::kReturn)
     check_return();
+  const millis came_at =
+      std::max({world_.session_at, world_.active_at, world_.seen_at - world_.booted_at});
+  if ((wish == sleep_wish::kOffTimer || wish == sleep_wish::kScreen) &&
+      std::max(world_.use_changed_at, world_.seen_at) < now() - kUnseenMs &&
+      came_at > world_.m.sleep.wished_at + kLateSeconds * kSecondMs)
+    world_.broken(3, "somebody has come long after the off-time, at its sleep");
 }
 
 // --- 10 ---
@@ -208,8 +216,9 @@ bool sim_checks::wants_return() const {
     return false;
   const cause by = world.m.woken.by;
   const bool says_off = tv.answers() && !tv.on && !tv.lies && tv.answers_after < kSecondMs;
-  // One that was turned on and does not answer may well be watched.
-  const bool must_say = by == cause::kNothing || (tv.has_cec && ordered_on_at_ >= world.up_at);
+  // One that was turned on, or by somebody who has come, and does not answer may well be watched.
+  const bool must_say = by == cause::kNothing || world.seen_at >= world.up_at ||
+                        (tv.has_cec && ordered_on_at_ >= world.up_at);
   if ((must_say && (!says_off || is_silent_ || tv.changed_at >= asked_at_)) ||
       by == cause::kForeign || by == cause::kUser)
     return false;
@@ -420,8 +429,13 @@ void sim_checks::decided(const machine &before, const event::any &what, const or
     wanted_ = {};
   if (world_.sleeps_now || world_.stops_now)
     expected_.clear();
-  if (std::holds_alternative<event::tv_reports>(what))
+  const auto *said = std::get_if<event::tv_reports>(&what);
+  if (said != nullptr)
     is_silent_ = false;
+  const bool is_off = said != nullptr && (said->state == event::tv_state::kOff ||
+                                          said->state == event::tv_state::kTurningOff);
+  if (is_off || std::holds_alternative<event::tv_standby>(what))
+    said_off_at_ = now();
   if (std::holds_alternative<event::sleep_ends>(what) && before.woken.at != world_.m.woken.at)
     check_cause();
   check_credit();

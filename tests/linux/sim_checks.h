@@ -59,7 +59,7 @@ private:
   std::int64_t off_due_ = 0;                // the last off-timer that became due
   std::int64_t due_at_ = 0;                 // the last timer, true ms
   millis on_until_ = -1;                    // a cause holds
-  millis ordered_on_at_ = -kDayMs, sent_at_ = -1, asked_at_ = -kDayMs;
+  millis ordered_on_at_ = -kDayMs, sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1;
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
   std::deque<millis> sleeps_;

@@ -190,7 +190,7 @@ void sim::press_key() {
   if (!is_alive || !watches_input)
     return;
   seen_at = now;
-  process_at(now + 1, [this] { send(event::input{}); });
+  process_at(now + 1, [this, at = boot_ms()] { send(event::input{at}); });
 }
 
 void sim::step_clock(millis by) {
