@@ -198,7 +198,8 @@ static void kill_daemon() {
 static void kill_bus() {
   static constexpr const char *kAddress = "unix:path=/run/bench/short-lived";
   process({"/usr/bin/dbus-daemon", "--fork", "--nosyslog",
-           std::string("--config-file=") + BUS_CONFIGURATION, std::string("--address=") + kAddress})
+           std::string("--config-file=").append(BUS_CONFIGURATION),
+           std::string("--address=").append(kAddress)})
       .wait();
   process daemon = begin(kAddress);
   check_all();

@@ -74,9 +74,10 @@ process launch_daemon(const daemon_start &start) {
   const std::string noon = std::to_string(time_of(kNoon));
   std::ofstream(kKeyFile) << "[set]\nTimeZone=UTC\nClocksRunning=false\nRtc=" + noon +
                                  "\nTvClock=" + noon + "\n" + start.keys + "\n";
-  return process({"/usr/bin/env", std::string("DBUS_SYSTEM_BUS_ADDRESS=") + start.address,
-                  std::string("DRAVEL_STANDIN=") + kKeyFile, std::string("DRAVEL_LOG=") + start.log,
-                  "DRAVEL_LOG_STDERR=1", start.program},
+  return process({"/usr/bin/env", std::string("DBUS_SYSTEM_BUS_ADDRESS=").append(start.address),
+                  std::string("DRAVEL_STANDIN=").append(kKeyFile),
+                  std::string("DRAVEL_LOG=").append(start.log), "DRAVEL_LOG_STDERR=1",
+                  start.program},
                  kDaemonLog);
 }
 
