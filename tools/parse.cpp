@@ -208,7 +208,7 @@ bool time_reader::take_word(const std::string &word) {
   if (word == "today" || word == "tomorrow")
     return set_day(today + days(word == "today" ? 0 : 1));
   if (word == "next")
-    return std::exchange(is_next, true) == false;
+    return !std::exchange(is_next, true);
   if (word == "am" || word == "pm")
     return has_time && take_half(rest, read.time_of_day);
   if (word == "utc")

@@ -231,15 +231,16 @@ static void count_change() {
 }
 
 extern "C" {
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's are reserved
 DRAVEL_API int unlink(const char *path) noexcept {
   count_change();
   return unlinkat(AT_FDCWD, path, 0);
 }
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 DRAVEL_API int rename(const char *from, const char *to) noexcept {
   count_change();
   return renameat(AT_FDCWD, from, AT_FDCWD, to);
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 }
 
 // True when `what` ended before the power was cut.
@@ -350,7 +351,7 @@ TEST_F(Store, AMigrationThatFailsAndIsInterrupted_LosesNothing) {
     use_version_0();
     ended = ends_before(change + 1, [] { start_refused(kWakeupDbPath, SQLITE_DROP_TABLE, 1); });
     EXPECT_EQ(initialize_dravel_db(), 0);
-    EXPECT_NE(fs::exists(std::string(kCopy) + ".failed"),
+    EXPECT_NE(fs::exists(std::string(kCopy).append(".failed")),
               rows("SELECT type FROM dravel") == "4 5 6")
         << change;
   }
@@ -392,8 +393,8 @@ TEST_F(Store, AStoreThatCannotBeCopiedOrPutBack_WaitsForTheNextStart) {
   EXPECT_EQ(initialize_dravel_db(), 0);
   EXPECT_EQ(rows(kContents) + files(), std::string(kMigrated) + kBothFiles);
   for (const char *left : {"", ".new", ".failed.2"})
-    std::ofstream{std::string(kCopy) + left};
-  std::ofstream{"/opt/dbspace/.dravel.db.failed"};
+    std::ofstream(std::string(kCopy) + left) << "x";
+  std::ofstream("/opt/dbspace/.dravel.db.failed") << "x";
   reset_dravel_db(); // nothing is put back after it, nor to be found
   EXPECT_EQ(files(), "{}");
 }
