@@ -264,10 +264,10 @@ template <typename Record, typename Add>
 static void import_each(const std::vector<Record> &records, const char *name, summary &summary,
                         Add add) {
   for (std::size_t i = 0; i < records.size(); ++i) {
-    const std::string what = std::string(name).append("[").append(std::to_string(i)) += ']';
+    const std::string what = std::string(name) + "[" + std::to_string(i) + "]";
     try {
       for (const std::string &note : add(records[i]))
-        summary.notes.push_back(what + ": " + note);
+        summary.notes.push_back(std::string(what).append(": ").append(note));
       ++summary.added;
     } catch (const failure &failure) {
       summary.refused.push_back({{"what", what}, {"why", failure.what}});

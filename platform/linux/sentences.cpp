@@ -68,12 +68,13 @@ static std::string suspend_stat(const char *name) {
 
 // Of a failed sleep the kernel knows more.
 std::string sentence_of(postponed why) {
-  const std::string text = name_of(kReasons, why);
+  std::string text = name_of(kReasons, why);
   const std::string step = why == postponed::kFailed ? suspend_stat("last_failed_step") : "";
   if (step.empty())
     return text;
   const std::string device = suspend_stat("last_failed_dev");
-  return text + "; the kernel's last failure: " + step + (device.empty() ? "" : ", " + device);
+  text += "; the kernel's last failure: " + step;
+  return device.empty() ? text : text + ", " + device;
 }
 
 // --- problems ---
