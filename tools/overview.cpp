@@ -9,7 +9,10 @@ using namespace std::chrono;
 static json types() {
   json list = json::array();
   for (const timer_type &type : kTimerTypes)
-    list.push_back({{"number", type.number}, {"word", type.word}, {"meaning", type.meaning}});
+    list.push_back({{"number", type.number},
+                    {"word", type.word},
+                    {"meaning", type.meaning},
+                    {"mark", mark_word(type.action)}});
   return list;
 }
 
