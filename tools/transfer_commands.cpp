@@ -189,8 +189,21 @@ static void check_dates(const json &timers, const std::string &where) {
       throw failure{where + "[" + std::to_string(i) + "] is for once and has no date", kNothing};
 }
 
+timer_record read_timer(const json &value, const std::string &where,
+                        std::vector<std::string> &notes) {
+  return timer_of({value, where}, notes);
+}
+
+holiday read_holiday(const json &value, const std::string &where) {
+  std::vector<std::string> notes;
+  return holiday_of({value, where}, notes);
+}
+
 import_contents read_import(std::istream &stream, const std::string &name, bool dated) {
-  const json all = parse(stream, name);
+  return read_import(parse(stream, name), name, dated);
+}
+
+import_contents read_import(const json &all, const std::string &name, bool dated) {
   if (!all.is_object() || !(all.contains("timers") || all.contains("holidays")))
     throw failure{name + " holds neither timers nor holidays", kWanted};
   const element whole{all, name};
