@@ -26,9 +26,21 @@ static clock_state state_of(const machine &m, const moment &now) {
   return is_automatic(m) ? clock_state::kSynchronised : clock_state::kByHand;
 }
 
+// The daemon, which hears of it in that second, takes a timer of the first second after the hour
+// that is left out for one that has passed.
+static void find_timers_of_transition(decision &d) {
+  auto &woken = d.m.woken;
+  const std::int64_t before = d.m.clock.next_transition - 1;
+  if (woken.late_open || d.now.utc - before > kSlackSeconds)
+    return;
+  woken.late_open = true;
+  woken.late_from = before;
+}
+
 // The clock on the screen jumps by an hour: a timer that counts seconds across it would be wrong.
 // It may be slept through or stepped over.
 static void transition_passes(decision &d) {
+  find_timers_of_transition(d);
   d.m.clock.next_transition = 0;
   d.m.clock.zone_open = true;
   tell(d, delivery::kTimeSet);

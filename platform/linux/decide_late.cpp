@@ -14,7 +14,9 @@ static bool switches(const late_timer &timer) {
 }
 
 // Whoever has woken the machine after an off-time wants it on.
-static bool may_turn_off(const machine &m) { return by_alarm_of_ours(m); }
+static bool may_turn_off(const decision &d, const late_timer &timer) {
+  return by_alarm_of_ours(d.m) || d.now.utc - timer.utc <= kSlackSeconds;
+}
 
 // As at an expiry: nothing is woken while the screen is on.
 static void wake_for(decision &d, const late_timer &timer) {
@@ -34,7 +36,7 @@ static void make_up(decision &d, const late_timer &timer) {
     wake_for(d, timer);
     break;
   case timer_action::kTurnOff:
-    if (may_turn_off(d.m))
+    if (may_turn_off(d, timer))
       turn_off_by_timer(d);
     break;
   case timer_action::kNone:

@@ -40,6 +40,8 @@ static event::late_timers timers_due(std::int64_t from, std::int64_t until) {
       dravel_due_timers(tv_clock_at(from), tv_clock_at(until), found, kLateTimers);
   for (const due_timer &timer : std::span(found, count)) {
     const utc_times at = utc_of_local(timer.time);
+    if (utc_to_local(at.first) != timer.time) // it does not come today
+      continue;
     late.timers[late.count++] = {static_cast<std::uint32_t>(timer.timer_id),
                                  static_cast<std::uint32_t>(timer.type),
                                  at.second != 0 && at.first <= from ? at.second : at.first};

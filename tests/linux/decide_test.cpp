@@ -256,7 +256,10 @@ TEST(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor) {
   run.now.utc_ms = 0;
   run.now.boot -= 400;
   run.pass(5);
+  run.late = {{late_timer{1, 1, kNow + 5}}, 1}; // an off-timer of that second
   run.send(event::due{});
+  EXPECT_EQ(run.last<order::ask_late>().from, kNow + 4);
+  EXPECT_EQ(run.last<order::start_unit>().name, unit::kOff);
   EXPECT_EQ(run.last<order::deliver>().callback, delivery::kTimeSet);
   EXPECT_EQ(due_at(run.m, due_kind::kTransition), run.now.boot + 995 * kSecondMs);
 }

@@ -186,8 +186,10 @@ event::late_timers sim::late_timers(std::int64_t from, std::int64_t to) {
   for (const sim_timer &timer : asked)
     for (std::int64_t day = timer.daily ? -3 : 0; day <= 0 && !is_halted && is_clock_known();
          ++day) {
-      const std::int64_t due = to_utc(timer.local + day * kDay);
-      if (due > from && due <= to && late.count < kLateTimers)
+      const std::int64_t local = timer.local + day * kDay;
+      const std::int64_t due = to_utc(local);
+      const bool comes = due + offset(due) == local;
+      if (comes && due > from && due <= to && late.count < kLateTimers)
         late.timers[late.count++] = {timer.id, timer.type, due};
     }
   std::sort(late.timers.begin(), late.timers.begin() + late.count,
