@@ -5,6 +5,7 @@ if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
   set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Installation prefix" FORCE)
 endif()
 include(GNUInstallDirs)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME manager) # each component is a package
 
 set(DATA ${PROJECT_SOURCE_DIR}/data)
 configure_file(${DATA}/dravel-manager.service.in dravel-manager.service @ONLY)

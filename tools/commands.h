@@ -62,7 +62,8 @@ void monitor(client &client, const options &given);
 // --- shared by them ---
 
 json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by);
-json json_of_week(const snapshot &view); // null while the clock is unknown
+json json_of_week(const snapshot &view);    // null while the clock is unknown
+const char *mark_word(timer_action action); // what a timer is marked with in the week
 
 int id_of(const std::string &text, const std::string &list = "dravelctl list");
 // Each id once.

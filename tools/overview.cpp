@@ -9,7 +9,10 @@ using namespace std::chrono;
 static json types() {
   json list = json::array();
   for (const timer_type &type : kTimerTypes)
-    list.push_back({{"number", type.number}, {"word", type.word}, {"meaning", type.meaning}});
+    list.push_back({{"number", type.number},
+                    {"word", type.word},
+                    {"meaning", type.meaning},
+                    {"mark", mark_word(type.action)}});
   return list;
 }
 
@@ -47,11 +50,17 @@ static json dates_of(const holiday &period, const snapshot &view) {
   return list;
 }
 
+static std::string text_of(const holiday &period) {
+  const std::string first = date_text(period.first);
+  const std::string last = date_text(period.last);
+  return first == last ? first : first + " to " + last;
+}
+
 static json holidays_of(const snapshot &view) {
   json list = json::array();
   for (const holiday &period : view.holidays) {
     json object = json_of(period);
-    object["text"] = date_text(period.first) + " to " + date_text(period.last);
+    object["text"] = text_of(period);
     object["dates"] = dates_of(period, view);
     object["skipped_by"] = json::array();
     for (const timer_record &timer : view.timers)

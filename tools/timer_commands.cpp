@@ -110,14 +110,17 @@ void list_timers(client &client, const options &given) {
     const auto armed = view.armed.find(timer.id);
     return armed != view.armed.end() ? armed->second : civil_time::max();
   });
-  json list = json::array();
-  std::vector<std::vector<std::string>> rows;
-  for (const timer_record &timer : view.timers) {
-    list.push_back(json_of(timer, view));
-    rows.push_back(row_of(timer, view));
+  if (given.json) {
+    json list = json::array();
+    for (const timer_record &timer : view.timers)
+      list.push_back(json_of(timer, view));
+    return say(true, list, "");
   }
-  if (given.json || rows.empty())
-    return say(given.json, list, "No timers.");
+  if (view.timers.empty())
+    return say(false, {}, "No timers.");
+  std::vector<std::vector<std::string>> rows;
+  for (const timer_record &timer : view.timers)
+    rows.push_back(row_of(timer, view));
   print_table({"ID", "TYPE", "NEXT FIRING", "IN", "DAYS", "REMARKS"}, rows);
 }
 

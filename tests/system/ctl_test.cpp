@@ -301,6 +301,7 @@ TEST_F(Ctl, Files_AreCarriedOver) {
       ctl import x; ctl export | cmp - x && ctl list => 0 2 added, 0 refused. =/> differ
     add 7:00 --on mon -> echo '{"timers":[{"type":0,"time":"07:00","days":["Mon"]}]}' | \
       ctl import - => 1 timers[0]: it is there already as timer 1
+    add 7:00 --on mon; ctl export >x; ctl cancel 1 -> ctl import x --json => 0 "added":1,"ids":[2],
     echo '{"timers":[{"type":0,"at":"2026-12-24T07:00:00","holidays":"skip"}],\
       "holidays":[{"first":{"month":12,"day":24},"last":{"month":12,"day":25}}]}' | ctl import - \
       => 0 timers[0]: Holidays move it from Thu 2026-12-24 07:00:00 to Sat 2026-12-26 07:00:00.
