@@ -83,8 +83,9 @@ std::string iso_text(civil_time time) {
 }
 
 std::string date_in(const holiday_end &end, year year) {
-  const auto last = year / month(end.month) / std::chrono::last;
-  return date_of(end.end_of_february ? last : year / month(end.month) / day(end.day));
+  const auto in_month = year / month(end.month);
+  return date_of(end.end_of_february ? sys_days(in_month / last)
+                                     : sys_days(in_month / day(end.day)));
 }
 
 std::string day_text(sys_days day) {

@@ -64,7 +64,8 @@ protected:
       SCOPED_TRACE(line);
       g_auto(GStrv) step = g_regex_split_simple(kStep, line.c_str(), {}, {});
       ASSERT_GE(g_strv_length(step), 6U);
-      ASSERT_EQ(shell("rm -rf /opt/dbspace/.[a-z]* /tmp/[a-z]* /tmp/.[a-z]*").status, 0);
+      empty_store();
+      ASSERT_EQ(shell("rm -rf " SHELL_DIRECTORY).status, 0);
       start();
       const outcome before = shell(std::string(kHelpers) + kApply + step[1]);
       EXPECT_EQ(before.status, 0) << before.said;
@@ -237,7 +238,7 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
 
 TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
   check(R"(
-    backup -> ctl backup b; ids b/.dravel.db.1 => 0 before is in /tmp/b/.dravel.db.1.\n1\n =/> 1\n2
+    backup -> ctl backup b; ids b/.dravel.db.1 => 0 before is in /run/bench/shell/b/.dravel.db.1.\n1\n =/> 1\n2
     backup -> echo junk >b/.dravel.db; ctl backup b; ls -A b => 0 .dravel.db\n =/> .dravel.db.1
     backup -> echo junk >b/.dravel.db; ctl restore b => 1 is no SQLite database
     backup -> sqlite3 b/.dravel.db 'ALTER TABLE dravel DROP tm_sec'; ctl restore b => 1 no such col
@@ -247,12 +248,12 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
     mkdir b; mkfifo b/.dravel.db -> timeout 5 dravelctl restore b => 1 is no regular file
     mkdir b; mkfifo b/.dravel.db -> timeout 5 dravelctl backup b => 0 The timers are in
     mkdir -p b/.dravel.db.new/x -> ctl backup b; ls -A b => 0 \n.dravel.db\n =/> .new
-    mkdir b; rm /opt/dbspace/.dravel.db -> wait=0.5 ctl backup b => 1 database up to /tmp/b, where
+    mkdir b; rm /opt/dbspace/.dravel.db -> wait=0.5 ctl backup b => 1 database up to /run/bench/shell/b, where
     mkdir b; ctl backup b; printf '#!/bin/sh\necho $* >asked' >systemctl; chmod +x systemctl \
       -> PATH=$PWD:$PATH ctl restore b --restart; cat asked => 0 restart dravel-manager.service
     mkdir b; ctl backup b; printf '#!/bin/sh\necho no unit >&2; exit 5' >systemctl; \
       chmod +x systemctl -> PATH=$PWD:$PATH ctl restore b --restart => 1 not restarted: no unit; the
-    mkdir b -> ctl restore b => 1 /tmp/b/.dravel.db cannot be read: No such file
+    mkdir b -> ctl restore b => 1 /run/bench/shell/b/.dravel.db cannot be read: No such file
     ctl restore $(printf %0300d) => 1 0 is no directory: File name too long
     ctl import /tmp => 1 cannot read /tmp: Is a directory
     ctl backup '' => 2 is empty
