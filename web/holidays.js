@@ -9,7 +9,7 @@ import { source } from "./source.js";
 export async function removeHolidays(period, where) {
     const done = await act(where, ["holidays", "remove", String(period.id)]);
     if (done)
-        tell([`The holidays ${period.text} are taken away.`, ...done.notes]);
+        tell([`The holidays ${period.text} are removed.`, ...done.notes]);
     return done;
 }
 
@@ -24,8 +24,8 @@ function row(period) {
     return element(
         "li", {},
         element("strong", {}, period.text), element("span", { class: "faint" }, skippers(period)),
-        button("Take away", () => removeHolidays(period, "holidays"),
-               { key: `remove-${period.id}`, reason, kind: "danger", label: `Take the holidays ${period.text} away` }));
+        button("Remove", () => removeHolidays(period, "holidays"),
+               { key: `remove-${period.id}`, reason, kind: "danger", label: `Remove the holidays ${period.text}` }));
 }
 
 export function renderHolidays() {
