@@ -51,6 +51,7 @@ void skip_holidays(client &client, const options &given);
 void ignore_holidays(client &client, const options &given);
 void show_overview(client &client, const options &given);
 void show_types(client &client, const options &given);
+void order_screen(client &client, const options &given);
 void show_wakeup(client &client, const options &given);
 void backup(client &client, const options &given);
 void restore(client &client, const options &given);
@@ -61,9 +62,18 @@ void monitor(client &client, const options &given);
 
 // --- shared by them ---
 
-json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by);
-json json_of_week(const snapshot &view);    // null while the clock is unknown
-const char *mark_word(timer_action action); // what a timer is marked with in the week
+json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by,
+                    const std::optional<machine_state> &machine);
+json json_of(const std::optional<machine_state> &machine); // null without one
+// One sentence for each thing that keeps timers from working.
+std::vector<std::string> problems_of(const snapshot &view,
+                                     const std::optional<machine_state> &machine);
+fields fields_of(const machine_state &machine, civil_time now);
+std::string screen_text(const machine_state &machine); // "on, by ..."
+std::string cause_text(const std::string &cause);      // of a wake-up: "by its user"
+std::string reason_not_to_read_history();              // empty when the user may
+json json_of_week(const snapshot &view);               // null while the clock is unknown
+const char *mark_word(timer_action action);            // what a timer is marked with in the week
 
 int id_of(const std::string &text, const std::string &list = "dravelctl list");
 // Each id once.
