@@ -11,7 +11,7 @@ import { reportTest } from "./test-dialog.js";
 import { followTheme } from "./theme.js";
 import { renderTimers } from "./timers.js";
 import { renderWeek, watchWeek } from "./week.js";
-import { dayOf, spanOf, timeOf } from "./words.js";
+import { at, spanOf } from "./words.js";
 
 const place = name => document.getElementById(name);
 
@@ -47,7 +47,7 @@ function renderToolbar() {
 
 function renderClock() {
     const { clock } = source.overview.status;
-    place("clock").textContent = clock ? `The set's clock: ${dayOf(clock)} ${timeOf(clock)}` : "The set's clock is unknown";
+    place("clock").textContent = clock ? `The set's clock: ${at(clock)}` : "The set's clock is unknown";
 }
 
 function renderAge() {

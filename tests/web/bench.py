@@ -13,7 +13,8 @@ import time
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+HERE = pathlib.Path(__file__).resolve().parent
+ROOT = HERE.parents[1]
 BUILD = pathlib.Path(os.environ.get("BUILD", ROOT / "build" / "debug"))
 BUS = "unix:path=/run/bench/policy-bus"
 NAME = "org.olvara.tv.system.dravel"
@@ -72,11 +73,16 @@ class Bench:
         """Puts the page where Cockpit finds it, and the tool where every user may run it."""
         self.tool = pathlib.Path("/run/bench/dravelctl")
         shutil.copy(BUILD / "dravelctl", self.tool)
-        page = pathlib.Path("/tmp/data/cockpit/dravel")
+        self.install_page("dravel", self.tool)
+        self.install_page("machine", shutil.copy(HERE / "machine_tool.py", "/run/bench"))
+
+    @staticmethod
+    def install_page(name, tool):
+        page = pathlib.Path("/tmp/data/cockpit") / name
         shutil.copytree(ROOT / "web", page)
         source = page / "tool.js"
         text = source.read_text("utf-8")
-        changed = text.replace('"/usr/bin/dravelctl"', f'"{self.tool}"')
+        changed = text.replace('"/usr/bin/dravelctl"', f'"{tool}"')
         assert changed != text
         source.write_text(changed, "utf-8")
 
@@ -138,5 +144,5 @@ class Bench:
     def ctl(self, *words, text=None):
         return json.loads(self.run(*words, text=text) or "null")
 
-    def url(self, user):
-        return f"http://127.0.0.1:{self.ports[user]}/cockpit/@localhost/dravel/index.html"
+    def url(self, user, page="dravel"):
+        return f"http://127.0.0.1:{self.ports[user]}/cockpit/@localhost/{page}/index.html"

@@ -2,7 +2,7 @@
 """The page in a real browser, on Cockpit's own server, with the daemon on a simulated set.
 
 A scenario is a line of what is done and seen; its words are the methods of Page. Run in scripts/sandbox:
-tests/web/page_test.py [Page.test_NAME]. BUILD names the build directory, AXE the file axe.min.js.
+tests/web/page_test.py [Page.test_NAME]. BUILD names the build directory; PICTURE a file that gets a picture of the page.
 """
 import json
 import os
@@ -19,7 +19,7 @@ from selenium.webdriver import ActionChains  # noqa: E402
 from selenium.webdriver.common.by import By  # noqa: E402
 from selenium.webdriver.common.keys import Keys  # noqa: E402
 
-AXE = pathlib.Path(os.environ.get("AXE", ROOT / "build" / "axe" / "axe.min.js"))
+AXE = ROOT / "build" / "axe" / "axe.min.js"
 
 # Buttons by the name that a screen reader says, in the dialog if one is open.
 FIND = """
@@ -64,7 +64,14 @@ RIGHTS = {
              "barred 'Change timer 1'; barred 'On-timers act'; barred 'Import …'; press 'Why does timer 1 fire, and when?'; see 'It fires next'",
     "member": "press 'Cancel timer 1'; see 'is cancelled'",
 }
-DIALOGS = ["Add a timer", "Change timer 1", "Why does timer 1 fire, and when?", "Calendar", "History"]
+MACHINE = {
+    "glance": "see 'Wed 23 Dec 06:58:30, for a timer'; see 'somebody is logged in'; see 'The television does not answer.'",
+    "screen": "press 'Turn off the screen'; see 'The screen is turned off.'; press 'Turn on the screen'; see 'The adapter is gone: plug it in.'",
+    "test": "press 'Test …'; press 'Test the screen'; see 'The television said: off, then on.'; press 'Test the wake-up'; "
+            "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
+    "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",
+}
+DIALOGS = ["Add a timer", "Change timer 1", "Why does timer 1 fire, and when?", "Calendar", "History", "Test …"]
 MANY = {"timers": [{"type": n % 2, "time": f"{n % 24:02}:{n // 24 * 7:02}", "days": ["Mon", "Wed", "Sat"]} for n in range(80)]}
 
 
@@ -85,8 +92,8 @@ class Page(unittest.TestCase):
 
     # --- the words of a scenario ---
 
-    def open(self, user="member"):
-        self.browser.get(self.bench.url(user))
+    def open(self, user="member", page="dravel"):
+        self.browser.get(self.bench.url(user, page))
         self.see("Next on")
 
     def ctl(self, *words):
@@ -136,11 +143,11 @@ class Page(unittest.TestCase):
             word, *arguments = shlex.split(step)
             getattr(self, word)(*arguments)
 
-    def play_all(self, scenarios):
+    def play_all(self, scenarios, page="dravel"):
         for name, scenario in scenarios.items():
             with self.subTest(name):
                 self.bench.restart_daemon()
-                self.open()
+                self.open(page=page)
                 self.play(scenario)
 
     # --- looks ---
@@ -163,6 +170,9 @@ class Page(unittest.TestCase):
 
     def test_bad_input(self):
         self.play_all(BAD_INPUT)
+
+    def test_machine(self):
+        self.play_all(MACHINE, page="machine")
 
     def test_export(self):
         self.ctl("add", "--at=7:00", "--on=mon")
@@ -196,7 +206,11 @@ class Page(unittest.TestCase):
         for command in ("add --at=7:00 --on=mon-fri --holidays=skip", "add --at=22:30 --type=off --on=daily",
                         "add --at=9:00 --on=sat,sun", "add --at=12:30 --type=announce --on=mon,wed", "holidays add 12-24 12-26"):
             self.ctl(*command.split())
-        self.open()
+        self.open(page="machine")
+        self.see("timer 4")
+        if "PICTURE" in os.environ:
+            self.look(1100, False)
+            self.browser.get_screenshot_as_file(os.environ["PICTURE"])
         for width, dark, dialogs in (1920, False, DIALOGS), (1280, True, []), (360, False, []), (360, True, DIALOGS):
             self.look(width, dark)
             for dialog in [None, *dialogs]:
