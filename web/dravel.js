@@ -1,6 +1,6 @@
 // The page of the timers: it shows what the source has, and shows it again at each change.
 
-import { refusalAt } from "./acts.js";
+import { allRefusals, refusalAt } from "./acts.js";
 import { button, element, render } from "./dom.js";
 import { chooseFile, exportFile } from "./files.js";
 import { renderGlance, tick } from "./glance.js";
@@ -56,6 +56,17 @@ function renderAge() {
     age.textContent = age.hidden ? "" : `What is shown is ${spanOf(source.age)} old.`;
 }
 
+const shown = new Map();
+
+/** Draws a part only when something that it shows has changed: 80 timers take a while. */
+function renderPart(part, inputs, draw) {
+    const all = JSON.stringify([inputs, source.lost, source.reasonNotTo("change"), allRefusals()]);
+    if (shown.get(part) === all)
+        return;
+    shown.set(part, all);
+    draw();
+}
+
 function renderAll() {
     document.body.classList.toggle("lost", source.lost !== "");
     place("waiting").hidden = Boolean(source.overview || source.lost);
@@ -66,9 +77,10 @@ function renderAll() {
         return;
     renderClock();
     renderGlance();
-    renderWeek();
-    renderTimers();
-    renderHolidays();
+    const { holidays, status, timers, types, week } = source.overview;
+    renderPart("week", [week?.now.slice(0, 16), week?.days, week?.firings, timers], renderWeek);
+    renderPart("timers", [timers, types, status.timers, status.limit], renderTimers);
+    renderPart("holidays", [holidays, status.clock === null], renderHolidays);
     reportTest();
 }
 

@@ -23,7 +23,7 @@ if answer is None:
     answer = json.loads(done.stdout)
 if command == "overview" and "error" not in answer:
     answer["machine"] = MACHINE
-    answer["problems"].append("The television does not answer.")
+    answer["problems"].append("The clock of this machine is not synchronised.")
     answer["may"].update(screen=True, test=True, history=True)
 print(json.dumps(answer))
 sys.exit("error" in answer)

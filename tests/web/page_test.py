@@ -65,7 +65,7 @@ RIGHTS = {
     "member": "press 'Cancel timer 1'; see 'is cancelled'",
 }
 MACHINE = {
-    "glance": "see 'Wed 23 Dec 06:58:30, for a timer'; see 'somebody is logged in'; see 'The television does not answer.'",
+    "glance": "see 'Wed 23 Dec 06:58:30, for a timer'; see 'somebody is logged in'; see 'The clock of this machine is not synchronised.'",
     "screen": "press 'Turn off the screen'; see 'The screen is turned off.'; press 'Turn on the screen'; see 'The adapter is gone: plug it in.'",
     "test": "press 'Test …'; press 'Test the screen'; see 'The television said: off, then on.'; press 'Test the wake-up'; "
             "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
@@ -152,8 +152,8 @@ class Page(unittest.TestCase):
 
     # --- looks ---
 
-    def look(self, width, dark):
-        self.browser.set_window_size(width, 900)
+    def look(self, width, dark, height=900):
+        self.browser.set_window_size(width, height)
         self.browser.execute_script(
             "localStorage.setItem('shell:style', arguments[0]);"
             "window.dispatchEvent(new CustomEvent('cockpit-style', {detail: {style: arguments[0]}}))", "dark" if dark else "light")
@@ -209,7 +209,7 @@ class Page(unittest.TestCase):
         self.open(page="machine")
         self.see("timer 4")
         if "PICTURE" in os.environ:
-            self.look(1100, False)
+            self.look(1100, False, height=930)
             self.browser.get_screenshot_as_file(os.environ["PICTURE"])
         for width, dark, dialogs in (1920, False, DIALOGS), (1280, True, []), (360, False, []), (360, True, DIALOGS):
             self.look(width, dark)
