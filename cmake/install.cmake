@@ -5,6 +5,7 @@ if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
   set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Installation prefix" FORCE)
 endif()
 include(GNUInstallDirs)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME manager) # each component is a package
 
 set(DATA ${PROJECT_SOURCE_DIR}/data)
 configure_file(${DATA}/dravel-manager.service.in dravel-manager.service @ONLY)
@@ -30,6 +31,10 @@ install(FILES ${PROJECT_BINARY_DIR}/data/_dravelctl
         DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md ${PROJECT_SOURCE_DIR}/docs/client.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+# The page of Cockpit.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/cockpit/dravel
+        COMPONENT cockpit)
 
 # What makes this machine the set.
 if(DRAVEL_PLATFORM STREQUAL linux)

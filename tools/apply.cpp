@@ -28,22 +28,6 @@ struct plan {
   }
 };
 
-struct account {
-  json done = {{"changed", false},
-               {"added", json::array()},
-               {"cancelled", json::array()},
-               {"holidays_added", json::array()},
-               {"holidays_removed", json::array()}};
-  std::vector<std::string> lines;
-  json refused = json::array();
-
-  void add(const char *member, const json &what, const std::string &line) {
-    done["changed"] = true;
-    done[member].push_back(what);
-    lines.push_back(line);
-  }
-};
-
 } // namespace
 
 // --- what is equal ---
@@ -147,22 +131,38 @@ static plan plan_of(const import_contents &wanted, snapshot view) {
 
 // --- carrying out ---
 
+static application nothing_done() {
+  return {.done = {{"changed", false},
+                   {"added", json::array()},
+                   {"cancelled", json::array()},
+                   {"holidays_added", json::array()},
+                   {"holidays_removed", json::array()},
+                   {"refused", json::array()}}};
+}
+
+static void add(application &account, const char *member, const json &what,
+                const std::string &line) {
+  account.done["changed"] = true;
+  account.done[member].push_back(what);
+  account.lines.push_back(line);
+}
+
 static void change_holidays(client &client, const plan &plan, const snapshot &view,
-                            account &account) {
+                            application &account) {
   for (const holiday &period : plan.holidays_added) {
     add_holiday(client, period, view.now.set);
-    account.add("holidays_added", json_of(period), "added " + line_of(period));
+    add(account, "holidays_added", json_of(period), "added " + line_of(period));
   }
   for (const int id : plan.holidays_removed) {
     client.call_int("request_remove_disabled_period", g_variant_new("(i)", id));
-    account.add("holidays_removed", id, "removed holidays " + std::to_string(id));
+    add(account, "holidays_removed", id, "removed holidays " + std::to_string(id));
   }
 }
 
-static void cancel(client &client, const timer_record &timer, account &account) {
+static void cancel(client &client, const timer_record &timer, application &account) {
   client.call_int("cancel_timer", g_variant_new("(i)", timer.id)); // it may have fired
-  account.add("cancelled", timer.id,
-              "cancelled timer " + std::to_string(timer.id) + " (" + line_of(timer) + ")");
+  add(account, "cancelled", timer.id,
+      "cancelled timer " + std::to_string(timer.id) + " (" + line_of(timer) + ")");
 }
 
 // On-timers last, of each kind the latest first.
@@ -175,7 +175,7 @@ static void sort_for_cancelling(std::vector<timer_record> &timers, const snapsho
 }
 
 // Takes one of those that are to go. While all of them are due soon it waits.
-static void make_room(client &client, std::vector<timer_record> &to_cancel, account &account) {
+static void make_room(client &client, std::vector<timer_record> &to_cancel, application &account) {
   for (;;) {
     const snapshot view = client.look(false);
     if (view.timers.size() < view.limit)
@@ -195,7 +195,7 @@ static void make_room(client &client, std::vector<timer_record> &to_cancel, acco
 }
 
 // False when the daemon has refused one: then no more is cancelled.
-static bool change_timers(client &client, plan plan, account &account) {
+static bool change_timers(client &client, plan plan, application &account) {
   for (const timer_record &timer : plan.effects) {
     client.call_int("request_set_disable_period_effect",
                     g_variant_new("(ii)", timer.id, timer.holiday_effect));
@@ -207,11 +207,11 @@ static bool change_timers(client &client, plan plan, account &account) {
     make_room(client, plan.cancelled, account);
     try {
       add_to_set(client, timer, client.look());
-      account.add("added", exported(timer), "added " + line_of(timer));
+      add(account, "added", exported(timer), "added " + line_of(timer));
     } catch (const failure &failure) {
       if (failure.kind != fault::kRefused)
         throw;
-      account.refused.push_back({{"what", line_of(timer)}, {"why", failure.what}});
+      account.done["refused"].push_back({{"what", line_of(timer)}, {"why", failure.what}});
       return false;
     }
   }
@@ -221,32 +221,32 @@ static bool change_timers(client &client, plan plan, account &account) {
   return true;
 }
 
-static void tell(bool as_json, account &account, const std::vector<std::string> &notes) {
-  account.done["refused"] = account.refused;
+static void tell(bool as_json, const application &account) {
   std::string text;
   for (const auto &line : account.lines)
     text += sentence(line) + "\n";
-  for (const json &refused : account.refused)
+  for (const json &refused : account.done["refused"])
     text += "Refused: " + refused["what"].get<std::string>() + ": " +
             refused["why"].get<std::string>() + "\n";
   if (text.empty())
     text = "Nothing to change.\n";
   text.pop_back();
-  say(as_json, account.done, text, notes);
+  say(as_json, account.done, text, account.notes);
 }
 
 // As if it were done.
-static account forecast_of(const plan &plan) {
-  account account;
+static application forecast_of(const plan &plan) {
+  application account = nothing_done();
   for (const holiday &period : plan.holidays_added)
-    account.add("holidays_added", json_of(period), "added " + line_of(period));
+    add(account, "holidays_added", json_of(period), "added " + line_of(period));
   for (const int id : plan.holidays_removed)
-    account.add("holidays_removed", id, "removed holidays " + std::to_string(id));
+    add(account, "holidays_removed", id, "removed holidays " + std::to_string(id));
   for (const timer_record &timer : plan.added)
-    account.add("added", exported(timer), "added " + line_of(timer));
+    add(account, "added", exported(timer), "added " + line_of(timer));
   for (const timer_record &timer : plan.cancelled)
-    account.add("cancelled", timer.id, "cancelled timer " + std::to_string(timer.id));
+    add(account, "cancelled", timer.id, "cancelled timer " + std::to_string(timer.id));
   account.done["changed"] = !plan.is_empty();
+  account.notes = plan.notes;
   return account;
 }
 
@@ -266,19 +266,10 @@ static void check_contents(const import_contents &wanted) {
       throw failure{line_of(period) + " stand twice in the file", ""};
 }
 
-void apply(client &client, const options &given) {
-  const import_contents wanted = read_import_file(given.words.at(0), true);
+application apply_contents(client &client, const import_contents &wanted) {
   check_contents(wanted);
-  std::signal(SIGHUP, SIG_IGN); // what is begun is ended
-  account account;
+  application account = nothing_done();
   plan plan = plan_of(wanted, client.look_at_state());
-  if (given.check) {
-    account = forecast_of(plan);
-    tell(given.json, account, plan.notes);
-    if (!plan.is_empty())
-      throw failure{"", "", fault::kDiffers};
-    return;
-  }
   for (int round = 0; round < kRounds && !plan.is_empty(); ++round) {
     const snapshot before = client.look();
     change_holidays(client, plan, before, account);
@@ -288,9 +279,28 @@ void apply(client &client, const options &given) {
       break;
     plan = plan_of(wanted, client.look());
   }
-  tell(given.json, account, plan.notes);
-  if (!account.refused.empty())
-    throw failure{given.json ? "" : "not everything was applied", ""};
+  account.notes = plan.notes;
+  account.is_equal = plan.is_empty() && account.done["refused"].empty();
+  return account;
+}
+
+static void check_file(client &client, bool as_json, const import_contents &wanted) {
+  check_contents(wanted);
+  const plan plan = plan_of(wanted, client.look_at_state());
+  tell(as_json, forecast_of(plan));
   if (!plan.is_empty())
+    throw failure{"", "", fault::kDiffers};
+}
+
+void apply(client &client, const options &given) {
+  const import_contents wanted = read_import_file(given.words.at(0), true);
+  if (given.check)
+    return check_file(client, given.json, wanted);
+  std::signal(SIGHUP, SIG_IGN); // what is begun is ended
+  const application account = apply_contents(client, wanted);
+  tell(given.json, account);
+  if (!account.done["refused"].empty())
+    throw failure{given.json ? "" : "not everything was applied", ""};
+  if (!account.is_equal)
     throw failure{"another client changes the timers at the same time", "apply the file again"};
 }

@@ -36,6 +36,12 @@ static bool is_one_of(const GError *error, std::initializer_list<int> codes) {
       codes, [&](int code) { return g_error_matches(error, G_DBUS_ERROR, code) != FALSE; });
 }
 
+// The daemon has no such object or method.
+static bool is_absent(const GError *error) {
+  return is_one_of(error, {G_DBUS_ERROR_UNKNOWN_METHOD, G_DBUS_ERROR_UNKNOWN_OBJECT,
+                           G_DBUS_ERROR_UNKNOWN_INTERFACE});
+}
+
 client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_seconds * 1000)) {
   g_autoptr(GError) error = nullptr;
   bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
@@ -191,20 +197,25 @@ static void fill_state(snapshot &view, GVariant *properties) {
   g_variant_iter_free(armed);
 }
 
-// False when the daemon has no state object, or a policy from before it.
-bool client::read_state(snapshot &view) {
+// All properties of one of the daemon's objects; null when it has none there, or a policy from
+// before it.
+GVariant *client::properties_of(const char *path, const char *interface) {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-      bus_, kDravelBusName, kStateObjectPath, "org.freedesktop.DBus.Properties", kGetAll,
-      g_variant_new("(s)", kStateInterface), G_VARIANT_TYPE("(a{sv})"),
-      G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms_, nullptr, &error);
-  if (reply == nullptr) {
-    if (is_one_of(error, {G_DBUS_ERROR_UNKNOWN_METHOD, G_DBUS_ERROR_UNKNOWN_OBJECT,
-                          G_DBUS_ERROR_UNKNOWN_INTERFACE, G_DBUS_ERROR_ACCESS_DENIED}))
-      return false;
-    fail(kGetAll, error, "");
-  }
-  g_autoptr(GVariant) properties = g_variant_get_child_value(reply, 0);
+      bus_, kDravelBusName, path, "org.freedesktop.DBus.Properties", kGetAll,
+      g_variant_new("(s)", interface), G_VARIANT_TYPE("(a{sv})"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+      timeout_ms_, nullptr, &error);
+  if (reply != nullptr)
+    return g_variant_get_child_value(reply, 0);
+  if (is_absent(error) || is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
+    return nullptr;
+  fail(kGetAll, error, "");
+}
+
+bool client::read_state(snapshot &view) {
+  g_autoptr(GVariant) properties = properties_of(kStateObjectPath, kStateInterface);
+  if (properties == nullptr)
+    return false;
   fill_state(view, properties);
   return true;
 }
@@ -246,13 +257,46 @@ snapshot client::look_at_state(bool with_holidays) {
   return view;
 }
 
+static constexpr const char *kWhoMay =
+    "members of the group dravel may; after joining it, log in again";
+
 std::string client::reason_not_to_change() {
   try {
     call_int("cancel_timer", g_variant_new("(i)", 0)); // no timer has this id
   } catch (const failure &failure) {
     if (failure.kind != fault::kNotAllowed)
       throw;
-    return "members of the group dravel may; after joining it, log in again";
+    return kWhoMay;
   }
   return "";
+}
+
+// --- the machine ---
+
+std::optional<machine_state> client::machine() {
+  g_autoptr(GVariant) properties = properties_of(kMachinePath, kMachineInterface);
+  return properties != nullptr ? std::optional(machine_state_of(properties)) : std::nullopt;
+}
+
+GVariant *client::call_machine(const char *method, GVariant *arguments, const char *reply_type,
+                               int seconds_more) {
+  g_autoptr(GError) error = nullptr;
+  GVariant *reply = g_dbus_connection_call_sync(
+      bus_, kDravelBusName, kMachinePath, kMachineInterface, method, arguments,
+      G_VARIANT_TYPE(reply_type), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+      timeout_ms_ + seconds_more * 1000, nullptr, &error);
+  if (reply == nullptr && is_absent(error))
+    throw no_machine();
+  if (reply == nullptr)
+    fail(method, error, "");
+  return reply;
+}
+
+// The bus judges a call before the daemon finds its argument missing.
+std::string client::reason_not_to_order() {
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+      bus_, kDravelBusName, kMachinePath, kMachineInterface, "TurnScreen", nullptr, nullptr,
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms_, nullptr, &error);
+  return is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}) ? kWhoMay : "";
 }

@@ -1,6 +1,7 @@
 // The daemon as a client sees it over the system bus.
 #pragma once
 
+#include "machine_state.h"
 #include "timers.h"
 
 #include <gio/gio.h>
@@ -24,6 +25,8 @@ struct failure {
 
 failure usage(const std::string &what, const std::string &advice = "",
               const std::string &option = "");
+
+failure no_machine(); // the platform shows none
 
 inline constexpr const char *kLogHint = "its log says why: journalctl -t DRAVEL_MANAGER";
 
@@ -60,13 +63,23 @@ public:
   // The same for commands that need the state object. Throws a failure when there is none.
   snapshot look_at_state(bool with_holidays = true);
 
-  std::string reason_not_to_change(); // of the user's rights; empty when the user may
+  // Of the user's rights; empty when the user may.
+  std::string reason_not_to_change();
+  std::string reason_not_to_order(); // the machine's screen and sleep
+
+  // Nothing where the daemon's platform shows no machine.
+  std::optional<machine_state> machine();
+  // The reply of a method of the machine object, which may take that long in addition. Throws a
+  // failure like `call`, with the platform's own words when it refuses.
+  GVariant *call_machine(const char *method, GVariant *arguments, const char *reply_type,
+                         int seconds_more = 0);
 
   GDBusConnection *bus() const { return bus_; }
 
 private:
   struct image_reply;
   image_reply call_images(const char *method, int argument, std::size_t image_size);
+  GVariant *properties_of(const char *path, const char *interface);
   bool read_state(snapshot &view);
   void read_lists(snapshot &view, bool with_holidays);
   void read_halts(snapshot &view);

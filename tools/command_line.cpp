@@ -115,6 +115,12 @@ CLI::App *command_line::define_halt(const command_row &row) {
   return halt;
 }
 
+CLI::App *command_line::define_screen(const command_row &row) {
+  CLI::App *screen = command(&app_, row);
+  screen->add_option("ORDER", given_.words, "on or off")->expected(0, 1);
+  return screen;
+}
+
 CLI::App *command_line::define_monitor(const command_row &row) {
   CLI::App *monitor = command(&app_, row);
   monitor->add_option("-n,--count", given_.count, "End after so many expiries")->type_name("N");
@@ -197,6 +203,8 @@ const command_row command_line::kCommands[] = {
      &command_line::define_plain},
     {"halt", "Keep on- or off-timers from acting; show what is halted", "dravelctl halt off",
      ::halt, &command_line::define_halt},
+    {"screen", "Turn the screen on or off; show what it is", "dravelctl screen on", order_screen,
+     &command_line::define_screen},
     {"wakeup", "Show the timer that woke the set", "dravelctl wakeup", show_wakeup,
      &command_line::define_plain},
     {"monitor", "Tell each expiry and each change as it comes", "dravelctl monitor --count 1",

@@ -51,6 +51,7 @@ void skip_holidays(client &client, const options &given);
 void ignore_holidays(client &client, const options &given);
 void show_overview(client &client, const options &given);
 void show_types(client &client, const options &given);
+void order_screen(client &client, const options &given);
 void show_wakeup(client &client, const options &given);
 void backup(client &client, const options &given);
 void restore(client &client, const options &given);
@@ -61,8 +62,18 @@ void monitor(client &client, const options &given);
 
 // --- shared by them ---
 
-json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by);
-json json_of_week(const snapshot &view); // null while the clock is unknown
+json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by,
+                    const std::optional<machine_state> &machine);
+json json_of(const std::optional<machine_state> &machine); // null without one
+// One sentence for each thing that keeps timers from working.
+std::vector<std::string> problems_of(const snapshot &view,
+                                     const std::optional<machine_state> &machine);
+fields fields_of(const machine_state &machine, civil_time now);
+std::string screen_text(const machine_state &machine); // "on, by ..."
+std::string cause_text(const std::string &cause);      // of a wake-up: "by its user"
+std::string reason_not_to_read_history();              // empty when the user may
+json json_of_week(const snapshot &view);               // null while the clock is unknown
+const char *mark_word(timer_action action);            // what a timer is marked with in the week
 
 int id_of(const std::string &text, const std::string &list = "dravelctl list");
 // Each id once.
@@ -87,13 +98,33 @@ struct import_contents {
 // What an exported file holds; a failure names the first wrong entry of the file `name`, "-" being
 // standard input. With `dated` a timer for once needs a date.
 import_contents read_import(std::istream &stream, const std::string &name, bool dated = false);
+import_contents read_import(const json &all, const std::string &name, bool dated = false);
 import_contents read_import_file(const std::string &name, bool dated = false);
+// One entry of such a file, which a failure calls `where`.
+timer_record read_timer(const json &value, const std::string &where,
+                        std::vector<std::string> &notes);
+holiday read_holiday(const json &value, const std::string &where);
+
+// What was done to make timers and holidays equal to a file.
+struct application {
+  json done; // as apply prints it
+  std::vector<std::string> lines{};
+  std::vector<std::string> notes{};
+  bool is_equal = true; // otherwise one was refused, or another client changes them
+};
+// Throws a failure for contents that cannot be applied; nothing is done then.
+application apply_contents(client &client, const import_contents &wanted);
 
 // Throws a failure when the daemon would refuse `timer`, or would remove another for it without
 // `force`.
 void check_room(const timer_record &timer, const snapshot &view, bool force);
 // Adds a timer. Returns its id; throws a failure when it is refused.
 int add_to_set(client &client, const timer_record &timer, const snapshot &view);
+// Puts `timer` in the place of the listed timer `old`. Returns its id; throws a failure when it is
+// refused, which says what became of `old`.
+int change_in_set(client &client, const timer_record &old, const timer_record &timer,
+                  const snapshot &view);
+void cancel_one(client &client, int id); // throws a failure when it is not there
 
 // The date and time that `time` gives `timer`, on its own clock.
 civil_time requested_time(const time_request &time, const timer_record &timer, const clocks &now);

@@ -40,8 +40,8 @@ void print_table(const std::vector<std::string> &titles,
     std::printf("%s\n", line_of(row).c_str());
 }
 
-void print_fields(const std::vector<std::pair<std::string, std::string>> &fields) {
-  for (const auto &[title, text] : fields)
+void print_fields(const fields &shown) {
+  for (const auto &[title, text] : shown)
     std::printf("%12s: %s\n", title.c_str(), text.c_str());
 }
 

@@ -26,7 +26,8 @@ void print_table(const std::vector<std::string> &titles,
                  const std::vector<std::vector<std::string>> &rows);
 
 // Lines of "title: text", the titles right-aligned.
-void print_fields(const std::vector<std::pair<std::string, std::string>> &fields);
+using fields = std::vector<std::pair<std::string, std::string>>;
+void print_fields(const fields &shown);
 
 // One line of JSON or one of text.
 void say(bool as_json, const json &value, const std::string &text);

@@ -9,7 +9,10 @@ using namespace std::chrono;
 static json types() {
   json list = json::array();
   for (const timer_type &type : kTimerTypes)
-    list.push_back({{"number", type.number}, {"word", type.word}, {"meaning", type.meaning}});
+    list.push_back({{"number", type.number},
+                    {"word", type.word},
+                    {"meaning", type.meaning},
+                    {"mark", mark_word(type.action)}});
   return list;
 }
 
@@ -47,11 +50,17 @@ static json dates_of(const holiday &period, const snapshot &view) {
   return list;
 }
 
+static std::string text_of(const holiday &period) {
+  const std::string first = date_text(period.first);
+  const std::string last = date_text(period.last);
+  return first == last ? first : first + " to " + last;
+}
+
 static json holidays_of(const snapshot &view) {
   json list = json::array();
   for (const holiday &period : view.holidays) {
     json object = json_of(period);
-    object["text"] = date_text(period.first) + " to " + date_text(period.last);
+    object["text"] = text_of(period);
     object["dates"] = dates_of(period, view);
     object["skipped_by"] = json::array();
     for (const timer_record &timer : view.timers)
@@ -62,25 +71,27 @@ static json holidays_of(const snapshot &view) {
   return list;
 }
 
-static json problems_of(const snapshot &view) {
-  json list = json::array();
-  if (!view.clock_known)
-    list.push_back("The set's clock is unknown: no timer is armed.");
-  else if (!view.clock_confirmed)
-    list.push_back("The set's clock is not confirmed since the set woke up.");
-  return list;
+// true, or why the user may not.
+static json may(const std::string &reason) { return reason.empty() ? json(true) : json(reason); }
+
+static json rights(client &client, bool has_machine) {
+  const json order = may(has_machine ? client.reason_not_to_order() : no_machine().what);
+  return {{"change", may(client.reason_not_to_change())},
+          {"screen", order},
+          {"test", order},
+          {"history", may(reason_not_to_read_history())}};
 }
 
 void show_overview(client &client, const options &) {
   const snapshot view = client.look_at_state();
-  const std::string refusal = client.reason_not_to_change();
-  json all{{"status", json_of_status(view, client.wakeup_timer())}};
-  all["may"] = {{"change", refusal.empty() ? json(true) : json(refusal)}};
+  const auto machine = client.machine();
+  json all{{"status", json_of_status(view, client.wakeup_timer(), machine)}};
+  all["may"] = rights(client, machine.has_value());
   all["timers"] = timers_of(view);
   all["week"] = json_of_week(view);
   all["holidays"] = holidays_of(view);
   all["types"] = types();
-  all["machine"] = nullptr;
-  all["problems"] = problems_of(view);
+  all["machine"] = json_of(machine);
+  all["problems"] = problems_of(view, machine);
   say(true, all, "");
 }

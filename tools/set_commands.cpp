@@ -54,7 +54,8 @@ static std::string wakeup_text(const snapshot &view) {
          (view.wakeup.is_utc ? " UTC" : "");
 }
 
-json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by) {
+json json_of_status(const snapshot &view, const std::optional<timer_record> &woken_by,
+                    const std::optional<machine_state> &machine) {
   const auto timer_or_null = [&](const timer_record *timer) {
     return timer != nullptr ? json_of(*timer, view) : json(nullptr);
   };
@@ -74,20 +75,31 @@ json json_of_status(const snapshot &view, const std::optional<timer_record> &wok
     add_time(object["wakeup"], "at", view.wakeup.at, view.wakeup.is_utc);
   }
   object["woken_by"] = timer_or_null(woken_by ? &*woken_by : nullptr);
+  object["machine"] = json_of(machine);
+  object["problems"] = problems_of(view, machine);
   object["platform"] = view.platform;
   object["version"] = {{"dravel-manager", view.version}, {"dravelctl", DRAVEL_VERSION}};
   return object;
 }
 
+static std::string first_of(const std::vector<std::string> &problems) {
+  const std::size_t more = problems.size() - 1;
+  return problems[0] + (more == 0 ? "" : " dravelctl check shows " + plural(more, "more problem"));
+}
+
 void show_status(client &client, const options &given) {
   const snapshot view = client.look_at_state(false);
   const auto woken_by = client.wakeup_timer();
+  const auto machine = client.machine();
   if (given.json)
-    return say(true, json_of_status(view, woken_by), "");
+    return say(true, json_of_status(view, woken_by, machine), "");
   const auto next = [&](bool (*is_such)(int type)) {
     const timer_record *timer = next_of(is_such, view);
     return timer != nullptr ? next_text(*timer, view) + ": " + title_of(*timer) : "none";
   };
+  const auto problems = problems_of(view, machine);
+  if (!problems.empty())
+    print_fields({{"Problem", first_of(problems)}});
   print_fields({
       {"Clock", clock_state(view)},
       {"Halted", halt_text(view)},
@@ -97,9 +109,11 @@ void show_status(client &client, const options &given) {
       {"Next off", next(turns_off)},
       {"Wakes for", wakeup_text(view)},
       {"Woken by", woken_by ? title_of(*woken_by) : "no timer"},
-      {"Platform", view.platform},
-      {"Version", "dravel-manager " + view.version + ", dravelctl " DRAVEL_VERSION},
   });
+  if (machine)
+    print_fields(fields_of(*machine, view.now.set));
+  print_fields({{"Platform", view.platform},
+                {"Version", "dravel-manager " + view.version + ", dravelctl " DRAVEL_VERSION}});
 }
 
 void show_wakeup(client &client, const options &given) {

@@ -1,5 +1,6 @@
 // backup, restore: a copy is checked before it replaces another.
 #include "commands.h"
+#include "on_demand.h"
 
 #include <sqlite3.h>
 
@@ -28,26 +29,37 @@ static constexpr const char *kReadings[] = {
 
 // --- the check ---
 
-static std::string first_value(sqlite3 *db, const std::string &query) {
-  sqlite3_stmt *found = nullptr;
-  std::string value;
-  if (sqlite3_prepare_v2(db, query.c_str(), -1, &found, nullptr) == SQLITE_OK &&
-      sqlite3_step(found) == SQLITE_ROW && sqlite3_column_text(found, 0) != nullptr)
-    value = reinterpret_cast<const char *>(sqlite3_column_text(found, 0));
-  else
-    value = sqlite3_errmsg(db);
-  sqlite3_finalize(found);
-  return value;
+namespace {
+
+struct sqlite_functions {
+  on_demand library{"libsqlite3.so.0", "libsqlite3-0"};
+  decltype(&sqlite3_open_v2) open = library.function<decltype(sqlite3_open_v2)>("sqlite3_open_v2");
+  decltype(&sqlite3_exec) exec = library.function<decltype(sqlite3_exec)>("sqlite3_exec");
+  decltype(&sqlite3_errmsg) errmsg = library.function<decltype(sqlite3_errmsg)>("sqlite3_errmsg");
+  decltype(&sqlite3_close) close = library.function<decltype(sqlite3_close)>("sqlite3_close");
+};
+
+} // namespace
+
+static int take_value(void *value, int, char **columns, char **) {
+  *static_cast<std::string *>(value) = columns[0];
+  return 0;
 }
 
-static std::string fault_within(sqlite3 *db) {
-  const std::string check = first_value(db, "PRAGMA quick_check(1)");
+static std::string value_of(const sqlite_functions &sqlite, sqlite3 *db, const char *query) {
+  std::string value;
+  return sqlite.exec(db, query, take_value, &value, nullptr) == SQLITE_OK ? value
+                                                                          : sqlite.errmsg(db);
+}
+
+static std::string fault_within(const sqlite_functions &sqlite, sqlite3 *db) {
+  const std::string check = value_of(sqlite, db, "PRAGMA quick_check(1)");
   if (check != "ok")
     return "is damaged: " + check;
   for (const char *query : kReadings)
-    if (sqlite3_exec(db, query, nullptr, nullptr, nullptr) != SQLITE_OK)
-      return std::string("holds no timers: ") + sqlite3_errmsg(db);
-  const std::string version = first_value(db, "PRAGMA user_version");
+    if (sqlite.exec(db, query, nullptr, nullptr, nullptr) != SQLITE_OK)
+      return std::string("holds no timers: ") + sqlite.errmsg(db);
+  const std::string version = value_of(sqlite, db, "PRAGMA user_version");
   if (std::atoi(version.c_str()) > kDravelDbVersion)
     return "is of the newer version " + version;
   return "";
@@ -66,11 +78,12 @@ static std::string fault_of(const fs::path &file) {
   stream.read(header, sizeof header);
   if (std::memcmp(header, kSqliteHeader, sizeof header) != 0)
     return "is no SQLite database";
+  const sqlite_functions sqlite;
   sqlite3 *opened = nullptr;
-  const int result = sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
-  const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(opened, sqlite3_close);
-  return result == SQLITE_OK ? fault_within(db.get())
-                             : std::string("cannot be opened: ") + sqlite3_errmsg(db.get());
+  const int result = sqlite.open(file.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
+  const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(opened, sqlite.close);
+  return result == SQLITE_OK ? fault_within(sqlite, db.get())
+                             : std::string("cannot be opened: ") + sqlite.errmsg(db.get());
 }
 
 // --- the commands ---

@@ -110,14 +110,17 @@ void list_timers(client &client, const options &given) {
     const auto armed = view.armed.find(timer.id);
     return armed != view.armed.end() ? armed->second : civil_time::max();
   });
-  json list = json::array();
-  std::vector<std::vector<std::string>> rows;
-  for (const timer_record &timer : view.timers) {
-    list.push_back(json_of(timer, view));
-    rows.push_back(row_of(timer, view));
+  if (given.json) {
+    json list = json::array();
+    for (const timer_record &timer : view.timers)
+      list.push_back(json_of(timer, view));
+    return say(true, list, "");
   }
-  if (given.json || rows.empty())
-    return say(given.json, list, "No timers.");
+  if (view.timers.empty())
+    return say(false, {}, "No timers.");
+  std::vector<std::vector<std::string>> rows;
+  for (const timer_record &timer : view.timers)
+    rows.push_back(row_of(timer, view));
   print_table({"ID", "TYPE", "NEXT FIRING", "IN", "DAYS", "REMARKS"}, rows);
 }
 
@@ -286,7 +289,7 @@ void add_timer(client &client, const options &given) {
              notes_of_added(given, timer, view));
 }
 
-static void cancel_one(client &client, int id) {
+void cancel_one(client &client, int id) {
   if (client.call_int("cancel_timer", g_variant_new("(i)", id)) != 0)
     throw no_such_timer(id); // it expired in between
 }
@@ -326,30 +329,41 @@ static int change_by_adding(client &client, int old_id, const timer_record &time
   return id;
 }
 
+static snapshot without(int id, snapshot view) {
+  view.armed.erase(id);
+  std::erase_if(view.timers, [id](const timer_record &timer) { return timer.id == id; });
+  return view;
+}
+
+int change_in_set(client &client, const timer_record &old, const timer_record &timer,
+                  const snapshot &view) {
+  const snapshot others = without(old.id, view); // the old timer stands in nobody's way
+  check_room(timer, others, false);
+  const auto armed = view.armed.find(old.id);
+  const bool is_due = armed != view.armed.end() && armed->second - view.now.set <= kSoonDue;
+  return evicted_by(timer, view) != nullptr ? change_in_full_list(client, old, timer, view, is_due)
+                                            : change_by_adding(client, old.id, timer, view);
+}
+
 void change_timer(client &client, const options &given) {
   const int old_id = id_of(given.words.at(0));
   if (!given.at && !given.type && !given.priority && !given.holidays && !given.clock &&
       given.days.empty())
     throw usage("change needs what to change", "give --at, --on, --type or another option of add");
-  snapshot view = client.look();
-  const timer_record *found = find_timer(view.timers, old_id);
-  if (found == nullptr)
+  const snapshot view = client.look();
+  const timer_record *old = find_timer(view.timers, old_id);
+  if (old == nullptr)
     throw no_such_timer(old_id);
-  const timer_record old = *found;
-  const timer_record timer = requested(given, view, old);
-  const bool is_full = evicted_by(timer, view) != nullptr;
-  const auto armed = view.armed.find(old_id);
-  const bool is_due = armed != view.armed.end() && armed->second - view.now.set <= kSoonDue;
-  view.armed.erase(old_id); // it stands in nobody's way
-  std::erase_if(view.timers, [old_id](const auto &other) { return other.id == old_id; });
-  check_room(timer, view, false);
+  const timer_record timer = requested(given, view, *old);
   const std::string place = "the place of timer " + std::to_string(old_id);
-  if (given.check)
-    return tell_checked(given, timer, view, "This timer would take " + place + ":");
-  const int id = is_full ? change_in_full_list(client, old, timer, view, is_due)
-                         : change_by_adding(client, old_id, timer, view);
+  const snapshot others = without(old_id, view);
+  if (given.check) {
+    check_room(timer, others, false);
+    return tell_checked(given, timer, others, "This timer would take " + place + ":");
+  }
+  const int id = change_in_set(client, *old, timer, view);
   tell_added(client, given, id, "Timer " + std::to_string(id) + " takes " + place + ".",
-             notes_of_added(given, timer, view));
+             notes_of_added(given, timer, others));
 }
 
 // --- cancel ---

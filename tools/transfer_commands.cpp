@@ -189,8 +189,21 @@ static void check_dates(const json &timers, const std::string &where) {
       throw failure{where + "[" + std::to_string(i) + "] is for once and has no date", kNothing};
 }
 
+timer_record read_timer(const json &value, const std::string &where,
+                        std::vector<std::string> &notes) {
+  return timer_of({value, where}, notes);
+}
+
+holiday read_holiday(const json &value, const std::string &where) {
+  std::vector<std::string> notes;
+  return holiday_of({value, where}, notes);
+}
+
 import_contents read_import(std::istream &stream, const std::string &name, bool dated) {
-  const json all = parse(stream, name);
+  return read_import(parse(stream, name), name, dated);
+}
+
+import_contents read_import(const json &all, const std::string &name, bool dated) {
   if (!all.is_object() || !(all.contains("timers") || all.contains("holidays")))
     throw failure{name + " holds neither timers nor holidays", kWanted};
   const element whole{all, name};
@@ -228,16 +241,16 @@ static bool is_same(const timer_record &a, const timer_record &b) {
          moment(a) == moment(b);
 }
 
-// Returns the notes on the timer.
-static std::vector<std::string> import_timer(client &client, const timer_record &timer,
-                                             bool force) {
+// Returns the notes on the timer; its id is appended to `ids`.
+static std::vector<std::string> import_timer(client &client, const timer_record &timer, bool force,
+                                             json &ids) {
   const snapshot view = client.look();
   const auto same = std::ranges::find_if(
       view.timers, [&](const timer_record &other) { return is_same(timer, other); });
   if (same != view.timers.end())
     throw failure{"it is there already as timer " + std::to_string(same->id), ""};
   check_room(timer, view, force);
-  add_to_set(client, timer, view);
+  ids.push_back(add_to_set(client, timer, view));
   return notes_of(timer, view);
 }
 
@@ -253,6 +266,7 @@ namespace {
 
 struct summary {
   std::size_t added = 0;
+  json ids = json::array();
   std::vector<std::string> notes{};
   json refused = json::array();
 };
@@ -281,13 +295,15 @@ void import_timers(client &client, const options &given) {
   summary done{.notes = wanted.notes};
   import_each(wanted.holidays, "holidays", done,
               [&](const holiday &period) { return import_holiday(client, period); });
-  import_each(wanted.timers, "timers", done,
-              [&](const timer_record &timer) { return import_timer(client, timer, given.force); });
+  import_each(wanted.timers, "timers", done, [&](const timer_record &timer) {
+    return import_timer(client, timer, given.force, done.ids);
+  });
   std::string text =
       std::to_string(done.added) + " added, " + std::to_string(done.refused.size()) + " refused.";
   for (const json &refused : done.refused)
     text += "\n" + refused["what"].get<std::string>() + ": " + refused["why"].get<std::string>();
-  say(given.json, {{"added", done.added}, {"refused", done.refused}}, text, done.notes);
+  say(given.json, {{"added", done.added}, {"ids", done.ids}, {"refused", done.refused}}, text,
+      done.notes);
   if (!done.refused.empty())
     throw failure{given.json ? "" : "not everything was imported", ""};
 }

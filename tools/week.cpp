@@ -98,6 +98,19 @@ static void print_chart(const std::vector<day_cells> &chart, const snapshot &vie
               sign(kHoliday).c_str(), sign(kNow).c_str());
 }
 
+const char *mark_word(timer_action action) {
+  switch (action) {
+  case timer_action::kTurnOn:
+    return "on";
+  case timer_action::kTurnOff:
+    return "off";
+  case timer_action::kWake:
+    return "wake";
+  default:
+    return "other";
+  }
+}
+
 // "both" where an on-timer and an off-timer are due at once.
 static const char *mark_of(const firing &firing, const snapshot &view) {
   const auto any = [&](timer_action action) {
@@ -105,11 +118,13 @@ static const char *mark_of(const firing &firing, const snapshot &view) {
       return is_due_in(timer, firing) && timer_type_of(timer.type).action == action;
     });
   };
-  if (any(timer_action::kTurnOn))
-    return any(timer_action::kTurnOff) ? "both" : "on";
-  if (any(timer_action::kTurnOff))
-    return "off";
-  return any(timer_action::kWake) ? "wake" : "other";
+  if (any(timer_action::kTurnOn) && any(timer_action::kTurnOff))
+    return "both";
+  for (const timer_action action :
+       {timer_action::kTurnOn, timer_action::kTurnOff, timer_action::kWake})
+    if (any(action))
+      return mark_word(action);
+  return mark_word(timer_action::kNone);
 }
 
 static json json_of(const std::vector<firing> &firings, const snapshot &view) {

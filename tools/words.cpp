@@ -83,8 +83,9 @@ std::string iso_text(civil_time time) {
 }
 
 std::string date_in(const holiday_end &end, year year) {
-  const auto last = year / month(end.month) / std::chrono::last;
-  return date_of(end.end_of_february ? last : year / month(end.month) / day(end.day));
+  const auto in_month = year / month(end.month);
+  return date_of(end.end_of_february ? sys_days(in_month / last)
+                                     : sys_days(in_month / day(end.day)));
 }
 
 std::string day_text(sys_days day) {
@@ -137,23 +138,6 @@ static zoned_time zoned(civil_time time, std::time_t since_1970, const char *nam
   return {iso_text(time) + zone, since_1970, std::string(name) + ", UTC" + zone};
 }
 
-// An hour that the clock shows twice is the first of the two, because the daemon counts the seconds
-// that the clock shows. So is a time that it leaves out the moment so long after the change.
-zoned_time in_zone(civil_time time) {
-  const std::time_t civil = time.time_since_epoch().count();
-  std::tm fields{};
-  std::time_t since_1970 = 0;
-  for (const int is_dst : {1, 0}) {
-    gmtime_r(&civil, &fields);
-    fields.tm_isdst = is_dst;
-    since_1970 = std::mktime(&fields);
-    std::tm shown = fields;
-    if (timegm(&shown) == civil)
-      break;
-  }
-  return zoned(time, since_1970, fields.tm_zone);
-}
-
 static std::tm local_fields(civil_time utc) {
   const std::time_t since_1970 = utc.time_since_epoch().count();
   std::tm fields{};
@@ -161,7 +145,19 @@ static std::tm local_fields(civil_time utc) {
   return fields;
 }
 
-civil_time civil_of(civil_time utc) { return utc + seconds(local_fields(utc).tm_gmtoff); }
+static seconds offset_at(civil_time utc) { return seconds(local_fields(utc).tm_gmtoff); }
+
+civil_time civil_of(civil_time utc) { return utc + offset_at(utc); }
+
+// An hour that the clock shows twice is the first of the two, because the daemon counts the seconds
+// that the clock shows. So is a time that it leaves out the moment so long after the change. mktime
+// would search for either for a millisecond in a zone without summer time.
+zoned_time in_zone(civil_time time) {
+  const civil_time first = time - offset_at(time - days(1));
+  const civil_time second = time - offset_at(time + days(1));
+  const civil_time utc = civil_of(first) != time && civil_of(second) == time ? second : first;
+  return zoned(time, utc.time_since_epoch().count(), local_fields(utc).tm_zone);
+}
 
 zoned_time from_utc(civil_time utc) {
   return zoned(civil_of(utc), utc.time_since_epoch().count(), local_fields(utc).tm_zone);

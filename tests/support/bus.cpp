@@ -148,14 +148,6 @@ std::string bus_client::property(const char *name, const bus_target &object) {
   return text.starts_with("(<") ? text.substr(2, text.size() - 5) : text; // of "(<...>,)"
 }
 
-void bus_client::set_property(const char *name, const std::string &value) {
-  const std::string reply =
-      ask({kStandin.name, kStandin.path, DBUS_INTERFACE_PROPERTIES}, "Set",
-          std::string("('") + kStandin.interface + "', '" + name + "', <" + value + ">)");
-  if (reply != "()")
-    throw std::runtime_error(std::string(name) + " " + value + ": " + reply);
-}
-
 bool bus_client::is_answered(const bus_target &target, const char *method,
                              const std::string &arguments) {
   dbus_uint32_t serial = 0;

@@ -52,7 +52,6 @@ public:
   // Arguments and replies in GVariant's text form; an error answers with its name.
   std::string ask(const bus_target &target, const char *method, const std::string &arguments);
   std::string property(const char *name, const bus_target &object = kStandin);
-  void set_property(const char *name, const std::string &value);
   // Whether a call is answered: no answer has come once a later call is answered.
   bool is_answered(const bus_target &target, const char *method, const std::string &arguments);
 

@@ -70,24 +70,6 @@ int process::stop() {
   return wait();
 }
 
-process launch_daemon(const daemon_start &start) {
-  const std::string noon = std::to_string(time_of(kNoon));
-  std::ofstream(kKeyFile) << "[set]\nTimeZone=UTC\nClocksRunning=false\nRtc=" + noon +
-                                 "\nTvClock=" + noon + "\n" + start.keys + "\n";
-  return process({"/usr/bin/env", std::string("DBUS_SYSTEM_BUS_ADDRESS=").append(start.address),
-                  std::string("DRAVEL_STANDIN=").append(kKeyFile),
-                  std::string("DRAVEL_LOG=").append(start.log), "DRAVEL_LOG_STDERR=1",
-                  start.program},
-                 kDaemonLog);
-}
-
-process start_daemon(const daemon_start &start, bus_client &bus) {
-  process started = launch_daemon(start);
-  started.wait_name(bus, kDaemon);
-  wait_log("end scheduling...");
-  return started;
-}
-
 std::string daemon_log() {
   std::ifstream in(kDaemonLog);
   return {std::istreambuf_iterator<char>(in), {}};

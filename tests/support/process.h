@@ -1,4 +1,4 @@
-// Processes, and the daemon as one.
+// Processes, and what the daemon as one logs.
 #pragma once
 
 #include "bus.h"
@@ -28,18 +28,6 @@ private:
 
 constexpr const char *kKeyFile = "/run/bench/set.ini";
 constexpr const char *kDaemonLog = "/run/bench/daemon.log"; // of the last start
-
-struct daemon_start {
-  std::string program;
-  std::string keys = {};     // further lines of the set's key file
-  const char *log = "error"; // the lowest priority
-  const char *address = kSandboxBus;
-};
-
-// Starts the daemon on a set whose clocks stand still at kNoon, in UTC. start_daemon returns when
-// it has its name and has loaded its timers; launch_daemon waits for nothing.
-process launch_daemon(const daemon_start &start);
-process start_daemon(const daemon_start &start, bus_client &bus);
 
 std::string daemon_log();
 void wait_log(const std::string &text);

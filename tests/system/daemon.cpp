@@ -3,15 +3,8 @@
 #include <glib.h>
 
 #include <cstdlib>
-#include <string_view>
+#include <fstream>
 #include <sys/wait.h>
-#include <utility>
-
-daemon_test::daemon_test(std::initializer_list<bus_target> heard) {
-  empty_store();
-  for (const bus_target &sender : heard)
-    bus.listen((std::string("type='signal',path='") + sender.path + "'").c_str());
-}
 
 daemon_test::~daemon_test() {
   if (daemon_) {
@@ -19,18 +12,27 @@ daemon_test::~daemon_test() {
   }
 }
 
-// A build for another processor runs through a script of its own.
-static daemon_start start_with(const char *address, const std::string &set) {
-  const char *other = std::getenv("DRAVEL_MANAGER");
-  return {other != nullptr ? other : DRAVEL_MANAGER, set, "debug", address};
+void daemon_test::launch(const char *bus_address, const std::string &set) {
+  const char *other = std::getenv("DRAVEL_MANAGER"); // one for another processor, in a script
+  const std::string noon = std::to_string(time_of(kNoon));
+  std::ofstream(kKeyFile) << "[set]\nTimeZone=UTC\nClocksRunning=false\nRtc=" + noon +
+                                 "\nTvClock=" + noon + "\n" + set + "\n";
+  daemon_.emplace(
+      std::vector<std::string>{"/usr/bin/env",
+                               std::string("DBUS_SYSTEM_BUS_ADDRESS=").append(bus_address),
+                               std::string("DRAVEL_STANDIN=").append(kKeyFile), "DRAVEL_LOG=debug",
+                               "DRAVEL_LOG_STDERR=1", other != nullptr ? other : DRAVEL_MANAGER},
+      kDaemonLog);
 }
 
-void daemon_test::launch(const char *bus_address, const std::string &set) {
-  daemon_.emplace(launch_daemon(start_with(bus_address, set)));
+void daemon_test::wait_start(bus_client &by) {
+  daemon_->wait_name(by, kDaemon);
+  wait_log("end scheduling...");
 }
 
 void daemon_test::start(const std::string &set) {
-  daemon_.emplace(start_daemon(start_with(kSandboxBus, set), bus));
+  launch(kSandboxBus, set);
+  wait_start(bus);
 }
 
 int daemon_test::wait_exit() {
@@ -61,28 +63,10 @@ words daemon_test::timer_ids() {
   return ids;
 }
 
-// True when it is the awaited one.
-bool daemon_test::keep_event(DBusMessage *arrived, const std::string &awaited) {
-  const char *path = dbus_message_get_path(arrived);
-  if (path == nullptr || path == std::string_view(DBUS_PATH_DBUS))
-    return false;
-  events_.push_back(dbus_message_get_member(arrived) + body_text(arrived));
-  return events_.back().find(awaited) != std::string::npos;
-}
-
-strings daemon_test::events() {
-  get("SyncDb"); // what was sent before this answer has arrived
-  bus.drain([this](DBusMessage *arrived) { keep_event(arrived, ""); });
-  return std::exchange(events_, {});
-}
-
-void daemon_test::wait_event(const std::string &event) {
-  bus.receive([&](DBusMessage *arrived) { return keep_event(arrived, event); });
-}
-
 outcome shell(const std::string &script) {
   const std::string whole = "PATH=$(dirname " DRAVELCTL "):$PATH TZ=UTC LC_ALL=C.UTF-8\n"
-                            "export PATH TZ LC_ALL\ncd /tmp\nexec 2>&1\n" +
+                            "export PATH TZ LC_ALL\nmkdir -p " SHELL_DIRECTORY
+                            "\ncd " SHELL_DIRECTORY "\nexec 2>&1\n" +
                             script;
   const char *command[] = {"/bin/sh", "-c", whole.c_str(), nullptr};
   g_autofree char *said = nullptr;

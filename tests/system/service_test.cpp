@@ -151,43 +151,25 @@ TEST_F(Service, ACopy_GoesOutAndIn_OrSaysInTheLogWhyNot) {
   EXPECT_EQ(timer_ids(), words{1});
 }
 
-class State : public daemon_test {
-protected:
-  State() : daemon_test({kState}) {}
-  strings signals_to(const std::string &last) {
-    wait_event(last);
-    return events();
-  }
-};
-
-std::string changed(const std::string &what) {
-  return "PropertiesChanged('org.olvara.tv.system.dravel.state', " + what + ")";
-}
-
-TEST_F(State, ShowsWhatTheDaemonWillDo_AndWhatChangesOnceAPass) {
+TEST_F(Service, TheSimulatedSet_IsDrivenAndHeardOverTheBus) {
+  static constexpr const char *kEvents[][3] = {
+      {"TimeSet", "()", "adjust_all_timers"},
+      {"Standby", "(0,)", "standby option: 0"},
+      {"Wakeup", "(3,)", "wakeup reason: 3"},
+      {"AmbientPowerOff", "()", "into the ambient suspend mode"},
+      {"StateChanged", "(4, 2)", "power_state_changed, [4], [2]"},
+      {"MiddlewareSignal", "(108,)", "SIGNAL_SYSTEM_TIME_UPDATED event"},
+      {"PowerOff", "(12,)", "poweroff option: 12"}};
+  bus.listen("type='signal',member='Requested'");
   start();
-  schedule({0, "16 14:00", 0, 0, 0, 2});
-  schedule({1, "15 15:00", kDaily});
-  schedule({10, "15 13:00"});
-  EXPECT_EQ(state("Armed"), "[(-10, uint32 1797339600), (2, 1797346800), (1, 1797429600)]");
-  EXPECT_EQ(state("Wakeup"), "(1, uint32 1797429600, 0, false)");
-  EXPECT_EQ(state("Stored") + state("Limit"), u32(2) + u32(80));
-  schedule({13, "15 16:00"});
-  signals_to("'Stored': <uint32 3>");
-  schedule({13, "15 16:00"});
-  EXPECT_EQ(signals_to("Wakeup"),
-            (strings{"TimerRemoved(3, 'replaced')", "TimerAdded(4,)",
-                     changed("{'Wakeup': <(4, uint32 1797350400, 13, false)>}, ['Armed']")}));
-
-  set("TvClock", u32(time_of("15 13:00")));
-  EXPECT_EQ(state("Clock"), u32(time_of("15 13:00")));
-  standin("TimeSet", "()");
-  EXPECT_EQ(
-      signals_to("Wakeup"),
-      (strings{"TimerChanged(1,)",
-               changed("{'Wakeup': <(1, uint32 1797343200, 0, false)>}, ['Clock', 'Armed']")}));
-  call("request_halt_offtimers", "(5,)");
-  EXPECT_EQ(state("ClockConfirmed") + state("HaltOn") + state("HaltOff"), "true05");
+  for (const auto &[event, arguments, logged] : kEvents) {
+    EXPECT_EQ(bus.ask(kStandin, event, arguments), "()");
+    wait_log(logged);
+  }
+  schedule({2, "15 13:00"});
+  const std::string requested =
+      "('set_wakeup_time', 2, " + std::to_string(time_of("15 13:00")) + ")";
+  bus.receive([&](DBusMessage *sent) { return body_text(sent) == requested; });
 }
 
 } // namespace

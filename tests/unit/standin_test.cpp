@@ -16,11 +16,8 @@ protected:
   void TearDown() override { standin_reset(); }
 };
 
-time_value to_utc(time_value local) {
-  std::tm time;
-  CTimeUtil::Unsigned_gmtime_r(local, &time);
-  time = CTimeUtil::ConvertToUTCTime(time);
-  return CTimeUtil::Unsigned_timegm(&time);
+std::string to_utc(const char *local) {
+  return time_text(CTimeUtil::ConvertToUTCTime(broken_down(local)));
 }
 
 TEST_F(StandinTest, TimeValues_BreakDownAndComeBack_OverTheWholeRange) {
@@ -49,58 +46,53 @@ TEST_F(StandinTest, FieldsOutOfTheirRange_AreCarriedOver_AndTimesOutOfItAreInval
 }
 
 TEST_F(StandinTest, ZoneRules_HoldBothWays) {
-  const struct {
-    const char *zone, *utc, *local;
-  } cases[] = {{"Europe/Berlin", "2024-03-31 00:59:59", "2024-03-31 01:59:59"},
-               {"Europe/Berlin", "2024-03-31 01:00", "2024-03-31 03:00"},
-               {"America/New_York", "2024-03-10 07:00", "2024-03-10 03:00"},
-               {"Australia/Sydney", "2024-10-05 16:00", "2024-10-06 03:00"}};
-  for (const auto &[zone, utc, local] : cases) {
+  const auto to_local = [](const char *utc) {
+    return time_text(CTimeUtil::ConvertToLocalTime(time_of(utc)));
+  };
+  for (const auto &[zone, utc, local] :
+       {std::tuple{"Europe/Berlin", "2024-03-31 00:59:59", "2024-03-31 01:59:59"},
+        {"Europe/Berlin", "2024-03-31 01:00", "2024-03-31 03:00"},
+        {"America/New_York", "2024-03-10 07:00", "2024-03-10 03:00"},
+        {"Australia/Sydney", "2024-10-05 16:00", "2024-10-06 03:00"}}) {
     ASSERT_TRUE(standin_set_time_zone(zone));
-    EXPECT_EQ(time_text(CTimeUtil::ConvertToLocalTime(time_of(utc))), time_text(time_of(local)))
-        << zone;
-    EXPECT_EQ(time_text(to_utc(time_of(local))), time_text(time_of(utc))) << zone;
+    EXPECT_EQ(to_local(utc) + to_utc(local), std::string(local) + utc) << zone;
   }
   // An hour that is skipped, one that comes twice, and the ends of the range.
   standin_set_time_zone("Europe/Berlin");
-  EXPECT_EQ(time_text(to_utc(time_of("2024-03-31 02:30"))), "2024-03-31 01:00");
-  EXPECT_EQ(time_text(to_utc(time_of("2024-10-27 02:30"))), "2024-10-27 01:30");
+  EXPECT_EQ(to_utc("2024-03-31 02:30"), "2024-03-31 01:00");
+  EXPECT_EQ(to_utc("2024-10-27 02:30"), "2024-10-27 01:30");
   EXPECT_EQ(CTimeUtil::ConvertToLocalTime(kLast), kLast);
-  EXPECT_EQ(to_utc(0), 0U);
+  EXPECT_EQ(to_utc("1970-01-01 00:00"), "1970-01-01 00:00");
 }
 
-// At its second, and in each zone that the set is moved to.
+// At its second, and in each zone that the set is moved to, while its clock runs.
 TEST_F(StandinTest, ChangesToAndFromSummerTime_AreAnnounced) {
   static int announced;
   settings_notify_key_changed(
       kSettingsTimeSet, [](settings_key *, void *) { ++announced; }, nullptr);
+  const auto announcements_at = [](const char *when) {
+    set_system_clock(time_of(when));
+    fire(*live_timers().at(0));
+    return std::exchange(announced, 0);
+  };
   set_system_clock(time_of("2026-03-28 12:00"));
   standin_follow_transitions();
-  const struct {
-    const char *zone, *now, *transition;
-    bool is_announced;
-    void (*before)();
-  } cases[] = {
-      {"Europe/Berlin", "2026-03-28 12:00", "2026-03-29 01:00", true, [] {}},
-      {"Europe/Berlin", "2026-03-29 01:00", "2026-10-25 01:00", true, [] {}},
-      {"Australia/Sydney", "2026-03-28 12:00", "2026-04-04 16:00", true, [] {}},
-      {"Europe/Berlin", "2026-03-28 12:00", "2026-03-29 01:00", false,
-       [] { standin_run_clocks(false); }},
-      {"Europe/Berlin", "2026-03-28 12:00", "2026-03-29 01:00", false,
-       [] { standin_set_tv_clock(1); }},
-  };
-  for (const auto &[zone, now, transition, is_announced, before] : cases) {
-    before();
+  for (const auto &[zone, now, transition, told] :
+       {std::tuple{"Europe/Berlin", "2026-03-28 12:00", "2026-03-29 01:00", 1},
+        {"Europe/Berlin", "2026-03-29 01:00", "2026-10-25 01:00", 1},
+        {"Australia/Sydney", "2026-03-28 12:00", "2026-04-04 16:00", 1},
+        {"Europe/Berlin", "2026-03-28 12:00", "2026-03-29 01:00", 0}}) {
+    standin_run_clocks(told == 1);
     set_system_clock(time_of(now));
     standin_set_time_zone(zone);
     ASSERT_EQ(live_timers().size(), 1U);
-    EXPECT_EQ(live_timers().back()->seconds, time_of(transition) - time_of(now)) << zone;
-    fire(*live_timers().back()); // too early
-    EXPECT_EQ(std::exchange(announced, 0), 0);
-    set_system_clock(time_of(transition));
-    fire(*live_timers().back());
-    EXPECT_EQ(std::exchange(announced, 0), is_announced ? 1 : 0) << zone << now;
+    EXPECT_EQ(live_timers()[0]->seconds, time_of(transition) - time_of(now)) << zone;
+    EXPECT_EQ(announcements_at(now), 0) << "too early";
+    EXPECT_EQ(announcements_at(transition), told) << zone << now;
   }
+  standin_run_clocks(true);
+  standin_set_tv_clock(1); // by hand: it follows no zone
+  EXPECT_EQ(announcements_at("2026-10-25 01:00"), 0);
   standin_set_time_zone("UTC");
   EXPECT_EQ(live_timers().size(), 0U);
   set_system_clock(0);
