@@ -30,6 +30,7 @@ return [...scope.querySelectorAll("button, summary, .day input")].find(node =>
 TEXT = 'return (document.querySelector("dialog[open]") ?? document.body).innerText + document.getElementById("news").innerText'
 
 ACTS = {
+    "glance": "ctl add --at=7:00 --on=daily; see 'in 18 h 59 min'; see '07:00Wed 23 Dec'; see 'Next off'; see None",
     "add": "press 'Add a timer'; set at 06:55; press Weekdays; tick holidays; see 'Fires next: Wed 2026-12-23 06:55'; "
            "press Add; see 'Timer 1 (on, weekdays) is added. It fires next Wed 2026-12-23 06:55:00'; told export '\"time\": \"06:55\"'",
     "add once": "press 'Add a timer'; set type 1; set at 23:30; set date 2026-12-24; press Add; see 'Timer 1 (off, once)'; "
@@ -69,8 +70,11 @@ MACHINE = {
     "screen": "press 'Turn off the screen'; see 'The screen is turned off.'; press 'Turn on the screen'; see 'The adapter is gone: plug it in.'",
     "test": "press 'Test …'; press 'Test the screen'; see 'The television said: off, then on.'; press 'Test the wake-up'; "
             "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
+    "after a test": "store dravel.test-wake none; open member machine; see 'The machine was woken Tue 22 Dec 06:58:30, for a timer.'",
     "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",
 }
+FULL = ("press 'Add a timer'; set at 23:59; see 'removed to make room'; press Add; see 'removed to make room'; tick force; press Add; see 'is added'; "
+        "told status '\"timers\":80'; press 'Add a timer'; see 'The list is full'; press Cancel")
 DIALOGS = ["Add a timer", "Change timer 1", "Why does timer 1 fire, and when?", "Calendar", "History", "Test …"]
 MANY = {"timers": [{"type": n % 2, "time": f"{n % 24:02}:{n // 24 * 7:02}", "days": ["Mon", "Wed", "Sat"]} for n in range(80)]}
 
@@ -118,6 +122,9 @@ class Page(unittest.TestCase):
 
     def tick(self, name):
         self.browser.find_element(By.CSS_SELECTOR, f"dialog [name={name}]").click()
+
+    def store(self, key, value):
+        self.browser.execute_script("sessionStorage.setItem(arguments[0], arguments[1])", key, value)
 
     def key(self, name):
         ActionChains(self.browser).send_keys(getattr(Keys, name)).perform()
@@ -224,6 +231,11 @@ class Page(unittest.TestCase):
                         self.key("ESCAPE")
                         focus = self.browser.execute_script("return document.activeElement.ariaLabel ?? document.activeElement.textContent")
                         self.assertEqual(focus, dialog)
+
+    def test_full_list(self):
+        self.bench.ctl("import", "-", text=json.dumps(MANY))
+        self.open()
+        self.play(FULL)
 
     def test_speed(self):
         begin = time.monotonic()
