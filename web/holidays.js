@@ -1,15 +1,17 @@
 // The holidays: what is set, and the year's calendar on which they are added.
 
 import { act, refusalAt } from "./acts.js";
-import { button, element, render } from "./dom.js";
+import { button, element, keyed, render } from "./dom.js";
 import { calendarDialog } from "./calendar-dialog.js";
 import { tell } from "./news.js";
 import { source } from "./source.js";
 
 async function remove(period) {
     const done = await act("holidays", ["holidays", "remove", String(period.id)]);
-    if (done)
-        tell([`The holidays ${period.text} are removed.`, ...done.notes]);
+    if (!done)
+        return;
+    tell([`The holidays ${period.text} are removed.`, ...done.notes]);
+    keyed("calendar").focus(); // the row goes, with the button that has the focus
 }
 
 function skippers({ skipped_by: ids }) {

@@ -1,7 +1,7 @@
 // The list of the timers, the next to fire first, and what can be done with one.
 
 import { act, refusalAt } from "./acts.js";
-import { button, element, render } from "./dom.js";
+import { button, element, keyed, render } from "./dom.js";
 import { explainDialog } from "./explain-dialog.js";
 import { tell } from "./news.js";
 import { sign } from "./signs.js";
@@ -13,12 +13,15 @@ const kClocks = { internet: "UTC", rtc: "clock of the machine" };
 
 async function cancel(timer) {
     const done = await act(`timer-${timer.id}`, ["cancel", String(timer.id)]);
-    if (done)
-        tell([`${sentence(timer.title)} is cancelled.`], () => restore(done.timer));
+    if (!done)
+        return;
+    tell([`${sentence(timer.title)} is cancelled.`], () => restore(done.timer));
+    keyed("undo").focus(); // the row goes, with the button that has the focus
 }
 
 /** Takes a cancellation back: the timer as it was, under a new id. */
 async function restore(timer) {
+    keyed("add").focus();
     const done = await act("timers", ["import", "-"], JSON.stringify({ timers: [timer] }));
     if (!done)
         return;

@@ -208,6 +208,16 @@ class Page(unittest.TestCase):
         self.assertEqual(self.violations(), [])
         self.bench.start_daemon()
         self.play("press 'Cancel timer 1'; see 'is cancelled'")
+        self.bench.cut("member")
+        self.play("see 'The connection to this machine is lost.'; barred 'Add a timer'")
+        self.browser.get_log("browser")  # the browser tells of the connection, too
+
+    def test_no_clock(self):
+        self.ctl("holidays", "add", "12-24")
+        self.open()
+        self.bench.lose_clock()
+        self.play('see "The set\'s clock is unknown"; see "No week can be shown"; barred Calendar; press "Remove the holidays 24 Dec"; '
+                  'see "None are set"')
 
     def test_looks(self):
         for command in ("add --at=7:00 --on=mon-fri --holidays=skip", "add --at=22:30 --type=off --on=daily",
