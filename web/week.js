@@ -53,7 +53,7 @@ function nameOf({ firings }) {
     const last = firings.at(-1);
     const until = first.at === last.at ? "" : ` to ${timeOf(last.at)}`;
     const what = ids.length === 1 ? titleOf(first.id) : `${ids.length} firings`;
-    return `${dayOf(first.at)} ${timeOf(first.at)}${until}: ${what}${first.halted ? ", halted" : ""}`;
+    return `${at(first.at)}${until}: ${what}${areHalted(firings) ? ", halted" : ""}`;
 }
 
 function titleOf(id) {
@@ -64,6 +64,10 @@ function kindOf(firings) {
     return firings.every(firing => firing.mark === firings[0].mark) ? firings[0].mark : "both";
 }
 
+function areHalted(firings) {
+    return firings.every(firing => firing.halted);
+}
+
 function mark(cluster, row) {
     const { firings, x } = cluster;
     const key = `mark ${firings[0].at}`;
@@ -71,7 +75,7 @@ function mark(cluster, row) {
     const node = element("button", {
         type: "button", class: "mark", "data-key": key, "aria-label": nameOf(cluster),
         "aria-pressed": String(chosen === key), tabindex: -1, click: () => choose(key),
-    }, sign(kindOf(firings), firings.every(firing => firing.halted)),
+    }, sign(kindOf(firings), areHalted(firings)),
     count > 1 && element("span", { class: "count" }, count));
     node.style.left = `${x}px`;
     node.style.top = `${row * kRowPx + kRowPx / 2}px`;
@@ -80,18 +84,19 @@ function mark(cluster, row) {
 
 // --- the picture ---
 
+/** The hours that are named where the picture is so wide. */
+function hoursOf(width) {
+    const every = width < 480 ? 6 : 3;
+    return Array.from({ length: 24 / every }, (_, index) => ({ hour: index * every, x: (index * every / 24) * width }));
+}
+
 function rectangle(name, x, row, width) {
     return drawn("rect", { class: name, x, y: row * kRowPx, width, height: kRowPx });
 }
 
 function picture(week, width) {
     const height = week.days.length * kRowPx;
-    const every = width < 480 ? 6 : 3;
-    const lines = [];
-    for (let hour = 0; hour <= 24; hour += every) {
-        const x = (hour / 24) * width;
-        lines.push(drawn("line", { class: "hour", x1: x, x2: x, y1: 0, y2: height }));
-    }
+    const lines = hoursOf(width).map(({ x }) => drawn("line", { class: "hour", x1: x, x2: x, y1: 0, y2: height }));
     const rows = week.days.map((day, row) =>
         rectangle(day.holidays.length ? "day holiday" : row % 2 ? "day odd" : "day", 0, row, width));
     const now = (minuteOf(week.now) / kMinutes) * width;
@@ -107,14 +112,12 @@ function described(week) {
     return `Now ${at(week.now)}. Holidays: ${free.join(", ") || "none"}.`;
 }
 
-function hours(width) {
-    const every = width < 480 ? 6 : 3;
-    const labels = [];
-    for (let hour = 0; hour < 24; hour += every) {
+function scale(width) {
+    const labels = hoursOf(width).map(({ hour, x }) => {
         const label = element("span", {}, String(hour).padStart(2, "0"));
-        label.style.left = `${(hour / 24) * width}px`;
-        labels.push(label);
-    }
+        label.style.left = `${x}px`;
+        return label;
+    });
     return element("div", { class: "hours", "aria-hidden": "true" }, labels);
 }
 
@@ -184,7 +187,7 @@ export function renderWeek() {
     render(parts.days, week.days.map(day => element("span", { class: day.holidays.length ? "free" : null }, dayOf(day.date))));
     const width = parts.plot.clientWidth;
     const marks = marksOf(week, width);
-    render(parts.plot, hours(width), picture(week, width),
+    render(parts.plot, scale(width), picture(week, width),
            element("div", { class: "marks" }, marks.map(({ node }) => node)));
     render(parts.chosen, details(marks));
 }
