@@ -221,6 +221,14 @@ class Page(unittest.TestCase):
         self.play("see 'The connection to this machine is lost.'; barred 'Add a timer'")
         self.browser.get_log("browser")  # the browser tells of the connection, too
 
+    def test_menu(self):
+        self.browser.get(self.bench.url("member").split("cockpit")[0])
+        wait("the menu", lambda: self.browser.find_element(By.LINK_TEXT, "TV timers").click() is None)
+        frame = "iframe[name='cockpit1:localhost/dravel']"
+        wait("the page", lambda: self.browser.switch_to.frame(self.browser.find_element(By.CSS_SELECTOR, frame)) is None)
+        self.see("Next on")
+        self.browser.switch_to.default_content()
+
     def test_no_clock(self):
         self.ctl("holidays", "add", "12-24")
         self.open()
