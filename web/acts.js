@@ -8,10 +8,8 @@ import { run } from "./tool.js";
 const refusals = new Map();
 
 function refuse(where, text) {
-    if (text)
-        refusals.set(where, text);
-    else
-        refusals.delete(where);
+    if (text) refusals.set(where, text);
+    else refusals.delete(where);
     source.dispatchEvent(new Event("change"));
 }
 

@@ -19,7 +19,10 @@ let problems = "";
 
 function rights() {
     const reason = source.overview && !source.lost ? source.reasonNotTo("change") : "";
-    return reason && `You may look, but not change anything: ${reason} As an administrator turn on “Administrative access” at the top of Cockpit.`;
+    return (
+        reason &&
+        `You may look, but not change anything: ${reason} As an administrator turn on “Administrative access” at the top of Cockpit.`
+    );
 }
 
 function alertOf(kind, text) {
@@ -30,19 +33,23 @@ function alertOf(kind, text) {
 function renderProblems() {
     const sentences = source.overview?.problems ?? [];
     const all = [["danger", source.lost], ["info", rights()], ...sentences.map(text => ["warning", text])];
-    if (problems === JSON.stringify(all))
-        return;
+    if (problems === JSON.stringify(all)) return;
     problems = JSON.stringify(all);
-    render(place("problems"), all.map(([kind, text]) => alertOf(kind, text)));
+    render(
+        place("problems"),
+        all.map(([kind, text]) => alertOf(kind, text)),
+    );
 }
 
 function renderToolbar() {
     const change = source.reasonNotTo("change");
-    render(place("toolbar"),
-           button("History", historyDialog, { key: "history", reason: source.lost }),
-           button("Export", exportFile, { key: "export", reason: source.lost }),
-           button("Import …", chooseFile, { key: "import", reason: change }),
-           refusalAt("file"));
+    render(
+        place("toolbar"),
+        button("History", historyDialog, { key: "history", reason: source.lost }),
+        button("Export", exportFile, { key: "export", reason: source.lost }),
+        button("Import …", chooseFile, { key: "import", reason: change }),
+        refusalAt("file"),
+    );
 }
 
 function renderClock() {
@@ -61,8 +68,7 @@ const shown = new Map();
 /** Draws a part only when something that it shows has changed: 80 timers take a while. */
 function renderPart(part, inputs, draw) {
     const all = JSON.stringify([inputs, source.lost, source.reasonNotTo("change"), allRefusals()]);
-    if (shown.get(part) === all)
-        return;
+    if (shown.get(part) === all) return;
     shown.set(part, all);
     draw();
 }
@@ -73,8 +79,7 @@ function renderAll() {
     renderProblems();
     renderToolbar();
     renderAge();
-    if (!source.overview)
-        return;
+    if (!source.overview) return;
     renderClock();
     renderGlance();
     const { holidays, status, timers, types, week } = source.overview;
@@ -86,7 +91,10 @@ function renderAll() {
 
 followTheme();
 source.addEventListener("change", renderAll);
-setInterval(() => { tick(); renderAge(); }, 1000);
+setInterval(() => {
+    tick();
+    renderAge();
+}, 1000);
 watchWeek();
 renderToolbar();
 source.start();

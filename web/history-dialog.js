@@ -12,8 +12,7 @@ function line(entry) {
 
 async function entries() {
     const found = await run(["history"], { act: true });
-    if (!found.length)
-        return [element("p", {}, "The journal has nothing of the timers.")];
+    if (!found.length) return [element("p", {}, "The journal has nothing of the timers.")];
     return [element("ul", { class: "history" }, [...found].reverse().map(line))];
 }
 

@@ -11,21 +11,30 @@ const kForms = {
 };
 
 const kMeanings = [
-    ["on", "turns on"], ["off", "turns off"], ["both", "several"], ["wake", "wakes"],
+    ["on", "turns on"],
+    ["off", "turns off"],
+    ["both", "several"],
+    ["wake", "wakes"],
     ["other", "announces"],
 ];
 
 /** The sign of a kind, 24 px; hollow where its timers are halted. */
 export function sign(kind, halted = false) {
     return drawn(
-        "svg", { class: `sign ${kind}${halted ? " halted" : ""}`, viewBox: "0 0 24 24", "aria-hidden": "true" },
-        drawn("path", { d: kForms[kind] ?? kForms.other }));
+        "svg",
+        { class: `sign ${kind}${halted ? " halted" : ""}`, viewBox: "0 0 24 24", "aria-hidden": "true" },
+        drawn("path", { d: kForms[kind] ?? kForms.other }),
+    );
 }
 
 /** What the signs mean; a screen reader has it from each mark's name. */
 export function legend() {
     const entries = kMeanings.map(([kind, text]) => element("li", {}, sign(kind), text));
-    return element("ul", { class: "legend", "aria-hidden": "true" }, entries,
+    return element(
+        "ul",
+        { class: "legend", "aria-hidden": "true" },
+        entries,
         element("li", {}, sign("on", true), "halted"),
-        element("li", {}, element("span", { class: "sample" }), "holidays"));
+        element("li", {}, element("span", { class: "sample" }), "holidays"),
+    );
 }

@@ -4,12 +4,27 @@
 const kDays = ["Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"];
 
 const kCauses = {
-    timer: "for a timer", hop: "on the way to a later on-time", test: "for a test",
-    foreign: "for another program", user: "by its user",
+    timer: "for a timer",
+    hop: "on the way to a later on-time",
+    test: "for a test",
+    foreign: "for another program",
+    user: "by its user",
 };
 
-export const kMonths = ["January", "February", "March", "April", "May", "June", "July", "August",
-    "September", "October", "November", "December"];
+export const kMonths = [
+    "January",
+    "February",
+    "March",
+    "April",
+    "May",
+    "June",
+    "July",
+    "August",
+    "September",
+    "October",
+    "November",
+    "December",
+];
 
 /** "07:00", with its seconds where it has some. */
 export function timeOf(iso) {
@@ -38,10 +53,19 @@ function parts(seconds) {
     const hours = Math.floor(seconds / 3600) % 24;
     const minutes = Math.floor(seconds / 60) % 60;
     if (days > 0)
-        return [[days, days === 1 ? " day" : " days"], [hours, " h"]];
+        return [
+            [days, days === 1 ? " day" : " days"],
+            [hours, " h"],
+        ];
     if (hours > 0)
-        return [[hours, " h"], [minutes, " min"]];
-    return [[minutes, " min"], [seconds % 60, " s"]];
+        return [
+            [hours, " h"],
+            [minutes, " min"],
+        ];
+    return [
+        [minutes, " min"],
+        [seconds % 60, " s"],
+    ];
 }
 
 /** "4 h 43 min": the two largest units. */
