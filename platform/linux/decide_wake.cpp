@@ -113,9 +113,12 @@ static void stayed_up(decision &d) {
     sleep_failed(d, 0);
 }
 
+// A delay that was refused before is given from now on.
 void on(decision &d, const event::sleep_ends &) {
   if (d.m.power.now == phase::kGoing)
     stayed_up(d);
+  else if (due_at(d.m, due_kind::kInhibitAgain) != kNever)
+    try_inhibitor_again(d);
 }
 
 void on(decision &d, const event::shutdown_ends &) {

@@ -73,8 +73,7 @@ class Night:
         self.credited = self.timer
 
     def user_wakes(self):
-        self.guest.qmp("system_wakeup")
-        self.guest.await_wake_up(20)
+        self.guest.wake()
         self.judge_credit()
 
     def on(self):

@@ -203,6 +203,17 @@ TEST(Decide, ARefusedInhibitor_IsTriedForEveryMinute_AndAfterASleep) {
   EXPECT_EQ(run.count<order::take_inhibitor>(), 11);
 }
 
+// The wake-up may show before logind says so.
+TEST(Decide, ADelayRefusedWhileASleepEnds_IsNoProblem_AndTakenAfterIt) {
+  awake_machine run;
+  run.sleep(100);
+  run.given.clear();
+  run.send(event::refused{problem::kInhibitor, EINPROGRESS});
+  EXPECT_EQ(run.count<order::say>(), 0);
+  run.send(event::sleep_ends{});
+  EXPECT_EQ(run.count<order::take_inhibitor>(), 1);
+}
+
 TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
   for (const bool hop_boots : {true, false}) {
     settings set;
