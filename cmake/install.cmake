@@ -32,6 +32,10 @@ install(FILES ${PROJECT_BINARY_DIR}/data/_dravelctl
 install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md ${PROJECT_SOURCE_DIR}/docs/client.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
+# The page of Cockpit.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/cockpit/dravel
+        COMPONENT cockpit)
+
 # What makes this machine the set.
 if(DRAVEL_PLATFORM STREQUAL linux)
   install(FILES ${DATA}/linux/dravel-manager.conf DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR})

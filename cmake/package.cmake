@@ -1,7 +1,7 @@
 # The Debian packages, one for each component: cpack --config build/release/CPackConfig.cmake
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL manager)
+set(CPACK_COMPONENTS_ALL manager cockpit)
 set(CPACK_PACKAGE_NAME dravel-manager)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
@@ -49,5 +49,18 @@ else()
   string(APPEND CPACK_DEBIAN_MANAGER_DESCRIPTION "
 It is linked with the platform ${DRAVEL_PLATFORM}.")
 endif()
+
+# --- dravel-manager-cockpit ---
+
+set(CPACK_DEBIAN_COCKPIT_PACKAGE_NAME dravel-manager-cockpit)
+set(CPACK_DEBIAN_COCKPIT_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_COCKPIT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_COCKPIT_PACKAGE_DEPENDS
+    "cockpit-bridge (>= 287), dravel-manager (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_COCKPIT_PACKAGE_RECOMMENDS "cockpit-ws, cockpit-system")
+set(CPACK_DEBIAN_COCKPIT_DESCRIPTION
+"timers of a television set in the web console
+A page of Cockpit, for a phone or a desk: it shows when the television set
+turns on and off next, the coming week and the holidays, and changes them.")
 
 include(CPack)

@@ -28,6 +28,11 @@ export async function act(where, words, input = "") {
     }
 }
 
+/** Each place with its refusal. */
+export function allRefusals() {
+    return [...refusals];
+}
+
 /** The refusal at this place, if there is one. */
 export function refusalAt(where) {
     const text = refusals.get(where);

@@ -1,6 +1,6 @@
 // The page of the timers: it shows what the source has, and shows it again at each change.
 
-import { refusalAt } from "./acts.js";
+import { allRefusals, refusalAt } from "./acts.js";
 import { button, element, render } from "./dom.js";
 import { chooseFile, exportFile } from "./files.js";
 import { renderGlance, tick } from "./glance.js";
@@ -11,7 +11,7 @@ import { reportTest } from "./test-dialog.js";
 import { followTheme } from "./theme.js";
 import { renderTimers } from "./timers.js";
 import { renderWeek, watchWeek } from "./week.js";
-import { dayOf, spanOf, timeOf } from "./words.js";
+import { at, spanOf } from "./words.js";
 
 const place = name => document.getElementById(name);
 
@@ -47,13 +47,24 @@ function renderToolbar() {
 
 function renderClock() {
     const { clock } = source.overview.status;
-    place("clock").textContent = clock ? `The set's clock: ${dayOf(clock)} ${timeOf(clock)}` : "The set's clock is unknown";
+    place("clock").textContent = clock ? `The set's clock: ${at(clock)}` : "The set's clock is unknown";
 }
 
 function renderAge() {
     const age = place("age");
     age.hidden = !source.lost || !source.overview;
     age.textContent = age.hidden ? "" : `What is shown is ${spanOf(source.age)} old.`;
+}
+
+const shown = new Map();
+
+/** Draws a part only when something that it shows has changed: 80 timers take a while. */
+function renderPart(part, inputs, draw) {
+    const all = JSON.stringify([inputs, source.lost, source.reasonNotTo("change"), allRefusals()]);
+    if (shown.get(part) === all)
+        return;
+    shown.set(part, all);
+    draw();
 }
 
 function renderAll() {
@@ -66,9 +77,10 @@ function renderAll() {
         return;
     renderClock();
     renderGlance();
-    renderWeek();
-    renderTimers();
-    renderHolidays();
+    const { holidays, status, timers, types, week } = source.overview;
+    renderPart("week", [week?.now.slice(0, 16), week?.days, week?.firings, timers], renderWeek);
+    renderPart("timers", [timers, types, status.timers, status.limit], renderTimers);
+    renderPart("holidays", [holidays, status.clock === null], renderHolidays);
     reportTest();
 }
 

@@ -6,7 +6,7 @@ import { sign } from "./signs.js";
 import { source } from "./source.js";
 import { tell } from "./news.js";
 import { testDialog } from "./test-dialog.js";
-import { dayOf, sentence, spanOf, timeOf } from "./words.js";
+import { at, causeOf, dayOf, sentence, spanOf, timeOf } from "./words.js";
 
 const kHalt = { on: "On-timers", off: "Off-timers" };
 const kScreen = { on: "On", off: "Off", unknown: "Unknown" };
@@ -65,24 +65,17 @@ function screenButtons() {
     const reason = source.reasonNotTo("screen");
     return ["on", "off"].map(word =>
         button(`Turn ${word}`, () => turnScreen(word),
-               { key: `screen-${word}`, reason, label: `Turn the screen ${word}` }));
-}
-
-function at(iso) {
-    return `${dayOf(iso)} ${timeOf(iso)}`;
+               { key: `screen-${word}`, reason, label: `Turn ${word} the screen` }));
 }
 
 function machineFacts(machine) {
-    const facts = [];
-    if (machine.alarm)
-        facts.push(["Alarm", `${at(machine.alarm)}, for ${machine.alarm_for}`]);
-    if (machine.last_wake)
-        facts.push(["Woken last", `${at(machine.last_wake)}: ${machine.last_wake_cause}`]);
-    if (machine.sleeps_at)
-        facts.push(["Sleeps", at(machine.sleeps_at)]);
-    if (machine.postponed)
-        facts.push(["Stays awake", machine.postponed]);
-    return facts;
+    return [
+        machine.alarm && ["Alarm", `${at(machine.alarm)}, ${causeOf(machine.alarm_for)}`],
+        machine.alarm_problem && ["Its fault", machine.alarm_problem],
+        machine.last_wake && ["Woken last", `${at(machine.last_wake)}, ${causeOf(machine.last_wake_cause)}`],
+        machine.sleeps_at && ["Sleeps", at(machine.sleeps_at)],
+        machine.postponed && ["Stays awake", machine.postponed],
+    ].filter(Boolean);
 }
 
 function setFacts(status) {

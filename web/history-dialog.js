@@ -4,10 +4,10 @@ import { Dialog } from "./dialog.js";
 import { element } from "./dom.js";
 import { fill } from "./explain-dialog.js";
 import { run } from "./tool.js";
-import { dayOf, timeOf } from "./words.js";
+import { at } from "./words.js";
 
 function line(entry) {
-    return element("li", {}, element("strong", {}, `${dayOf(entry.at)} ${timeOf(entry.at)}`), " ", entry.text);
+    return element("li", {}, element("strong", {}, at(entry.time)), " ", entry.text);
 }
 
 async function entries() {

@@ -1,4 +1,4 @@
-// The holidays: what is set, and the year's calendar on which they are set and taken away.
+// The holidays: what is set, and the year's calendar on which they are added.
 
 import { act, refusalAt } from "./acts.js";
 import { button, element, render } from "./dom.js";
@@ -6,11 +6,10 @@ import { calendarDialog } from "./calendar-dialog.js";
 import { tell } from "./news.js";
 import { source } from "./source.js";
 
-export async function removeHolidays(period, where) {
-    const done = await act(where, ["holidays", "remove", String(period.id)]);
+async function remove(period) {
+    const done = await act("holidays", ["holidays", "remove", String(period.id)]);
     if (done)
-        tell([`The holidays ${period.text} are taken away.`, ...done.notes]);
-    return done;
+        tell([`The holidays ${period.text} are removed.`, ...done.notes]);
 }
 
 function skippers({ skipped_by: ids }) {
@@ -24,8 +23,8 @@ function row(period) {
     return element(
         "li", {},
         element("strong", {}, period.text), element("span", { class: "faint" }, skippers(period)),
-        button("Take away", () => removeHolidays(period, "holidays"),
-               { key: `remove-${period.id}`, reason, kind: "danger", label: `Take the holidays ${period.text} away` }));
+        button("Remove", () => remove(period),
+               { key: `remove-${period.id}`, reason, kind: "danger", label: `Remove the holidays ${period.text}` }));
 }
 
 export function renderHolidays() {

@@ -10,8 +10,7 @@ const kForms = {
     other: "M12 5 A7 7 0 1 1 11.99 5 Z",
 };
 
-/** What each sign means, in the order of the legend. */
-export const kSigns = [
+const kMeanings = [
     ["on", "turns on"], ["off", "turns off"], ["both", "several"], ["wake", "wakes"],
     ["other", "announces"],
 ];
@@ -23,8 +22,9 @@ export function sign(kind, halted = false) {
         drawn("path", { d: kForms[kind] ?? kForms.other }));
 }
 
+/** What the signs mean; a screen reader has it from each mark's name. */
 export function legend() {
-    const entries = kSigns.map(([kind, text]) => element("li", {}, sign(kind), text));
+    const entries = kMeanings.map(([kind, text]) => element("li", {}, sign(kind), text));
     return element("ul", { class: "legend", "aria-hidden": "true" }, entries,
         element("li", {}, sign("on", true), "halted"),
         element("li", {}, element("span", { class: "sample" }), "holidays"));

@@ -6,27 +6,41 @@ import { button, element } from "./dom.js";
 import { tell } from "./news.js";
 import { source } from "./source.js";
 import { run } from "./tool.js";
-import { dayOf, timeOf } from "./words.js";
+import { at, causeOf, spanOf } from "./words.js";
 
 const kBegun = "dravel.test-wake";
 
-function result(done) {
-    return (done.sentences ?? [done.text ?? "The test is done."]).map(text => element("p", {}, text));
-}
+const kFollows = { true: "It works.", false: "Something is wrong: dravelctl check says what." };
+
+const kTests = {
+    screen: {
+        begins: "The screen goes off for five seconds …",
+        result: ({ off, on, screen_by: by }) => by === "targets"
+            ? "No television answers: look whether the screen was dark."
+            : `The television said: ${off}, then ${on}.`,
+    },
+    wake: {
+        begins: "The machine goes to sleep …",
+        result: ({ slept, cause, late }) => `The machine slept for ${spanOf(slept)} and was woken ${causeOf(cause)}, ${
+            late > 0 ? `${spanOf(late)} late` : "in time"}.`,
+    },
+};
 
 async function test(which, place, dialog) {
+    const { begins, result } = kTests[which];
     dialog.refuse("");
-    place.replaceChildren(element("p", {}, which === "screen" ? "The screen goes off for five seconds …" : "The machine goes to sleep …"));
+    place.replaceChildren(element("p", {}, begins));
     if (which === "wake")
         sessionStorage.setItem(kBegun, source.overview.machine.last_wake ?? "none");
     try {
-        place.replaceChildren(...result(await run(["test", which], { act: true })));
+        const done = await run(["test", which], { act: true });
+        place.replaceChildren(...[result(done), kFollows[done.good]].map(text => element("p", {}, text)));
         sessionStorage.removeItem(kBegun);
     } catch (refusal) {
         place.replaceChildren();
-        if (refusal.kind !== "failed")
-            sessionStorage.removeItem(kBegun);
         dialog.refuse(refusal.message);
+        if (refusal.kind !== "failed") // the connection may be lost by the sleep itself
+            sessionStorage.removeItem(kBegun);
     }
 }
 
@@ -48,5 +62,5 @@ export function reportTest() {
     if (before === null || !machine || source.lost || (machine.last_wake ?? "none") === before)
         return;
     sessionStorage.removeItem(kBegun);
-    tell([`The machine woke ${dayOf(machine.last_wake)} ${timeOf(machine.last_wake)}: ${machine.last_wake_cause}.`]);
+    tell([`The machine was woken ${at(machine.last_wake)}, ${causeOf(machine.last_wake_cause)}.`]);
 }

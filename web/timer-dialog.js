@@ -63,7 +63,7 @@ function timeFields(timer) {
     return element(
         "div", { class: "pair" },
         field("at", "Time", element("input", { type: "time", value: time, step, required: true, autofocus: true })),
-        field("date", "Date", element("input", { type: "date", value: date }), "Empty: the next time that it is so late"));
+        field("date", "Date", element("input", { type: "date", value: date }), "Empty: the next time that the clock shows it"));
 }
 
 function moreFields(timer) {
@@ -191,19 +191,23 @@ export function timerDialog(timer = null) {
         }
     }
 
+    function refuseSubmit(refusal) {
+        refused(refusal);
+        form.querySelector("[aria-invalid]")?.focus();
+        return false;
+    }
+
     async function submit() {
         ++asked;
         if (!form.elements.at.value) {
-            refused({ option: "--at", message: "Choose a time." });
-            return false;
+            return refuseSubmit({ option: "--at", message: "Choose a time." });
         }
         try {
             report(await run(wordsOf(form, timer, before), { act: true }), timer);
             source.refresh();
             return true;
         } catch (refusal) {
-            refused(refusal);
-            return false;
+            return refuseSubmit(refusal);
         }
     }
 }

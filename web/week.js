@@ -6,7 +6,7 @@ import { legend, sign } from "./signs.js";
 import { source } from "./source.js";
 import { explainDialog } from "./explain-dialog.js";
 import { timerDialog } from "./timer-dialog.js";
-import { dayOf, meaningOf, sentence, timeOf } from "./words.js";
+import { at, dayOf, meaningOf, sentence, timeOf } from "./words.js";
 
 const kRowPx = 36;
 const kMarkPx = 26;
@@ -104,7 +104,7 @@ function picture(week, width) {
 
 function described(week) {
     const free = week.days.filter(day => day.holidays.length).map(day => dayOf(day.date));
-    return `Now ${dayOf(week.now)} ${timeOf(week.now)}. Holidays: ${free.join(", ") || "none"}.`;
+    return `Now ${at(week.now)}. Holidays: ${free.join(", ") || "none"}.`;
 }
 
 function hours(width) {

@@ -3,6 +3,11 @@
 
 const kDays = ["Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"];
 
+const kCauses = {
+    timer: "for a timer", hop: "on the way to a later on-time", test: "for a test",
+    foreign: "for another program", user: "by its user",
+};
+
 export const kMonths = ["January", "February", "March", "April", "May", "June", "July", "August",
     "September", "October", "November", "December"];
 
@@ -16,6 +21,16 @@ export function dayOf(iso) {
     const [year, month, day] = iso.slice(0, 10).split("-").map(Number);
     const weekday = new Date(Date.UTC(year, month - 1, day)).getUTCDay();
     return `${kDays[weekday]} ${day} ${kMonths[month - 1].slice(0, 3)}`;
+}
+
+/** "Thu 26 Nov 07:00" */
+export function at(iso) {
+    return `${dayOf(iso)} ${timeOf(iso)}`;
+}
+
+/** What an alarm is for, and what woke the machine. */
+export function causeOf(cause) {
+    return kCauses[cause] ?? `by ${cause}`;
 }
 
 function parts(seconds) {
@@ -44,9 +59,4 @@ export function sentence(text) {
 /** What a timer of this type does. */
 export function meaningOf(timer, types) {
     return sentence(types.find(type => type.number === timer.type)?.meaning ?? `type ${timer.type_name}`);
-}
-
-/** Notes of a document, each timer that an act has moved among them. */
-export function notesOf(done) {
-    return done.notes ?? [];
 }

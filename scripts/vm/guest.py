@@ -2,11 +2,14 @@
 import json
 import re
 import shlex
+import time
 
-from machine import Machine, Trouble
+from machine import PATIENCE, Machine, Trouble
 
 LEAD = 15  # seconds, the default of lead-suspend
 RTC = "/sys/class/rtc/rtc0"
+NAME = "org.olvara.tv.system.dravel"
+MACHINE = f"{NAME} /org/olvara/tv/system/dravel/machine {NAME}.machine"
 JOURNAL = "journalctl -q -o short-unix --no-hostname"
 
 
@@ -39,15 +42,18 @@ class Guest(Machine):
         """What the list says, by id."""
         return {timer["id"]: timer for timer in json.loads(self.run("dravelctl list --json"))}
 
-    def suspend(self):
-        """The user sends the machine to sleep."""
+    def suspend(self, early=4):
+        """The user sends the machine to sleep, which then lasts until `early` seconds before the
+        alarm; None: as long as it lasts."""
         self.note("# systemctl suspend")
         self.cast("systemctl suspend")
-        self.await_sleep(20)
+        self.await_sleep(20, early)
 
-    def await_sleep(self, timeout):
+    def await_sleep(self, timeout, early=None):
         self.await_event("SUSPEND", timeout)
         self.note("(the machine sleeps)")
+        if early is not None:
+            self.skip_sleep(early)
 
     def await_wake_up(self, timeout):
         """Returns the guest's time of the wake-up."""
@@ -57,6 +63,17 @@ class Guest(Machine):
         woken, _ = self.await_journal("System returned from sleep", 20, self.wake_ups)
         self.note(f"(awake at {self.text(woken)})")
         return woken
+
+    def shows(self, name):
+        """A property of the machine object, as busctl prints it: s "on"."""
+        return self.run(f"busctl get-property {MACHINE} {name}")
+
+    def await_shown(self, name, pattern, timeout=20):
+        """Waits until the property matches; returns what it shows in the end."""
+        deadline = time.monotonic() + timeout * PATIENCE
+        while not re.search(pattern, shown := self.shows(name)) and time.monotonic() < deadline:
+            time.sleep(0.5)
+        return shown
 
     def memory(self):
         """What the daemon uses, in kB."""
@@ -116,6 +133,10 @@ class Guest(Machine):
         """When the alarm goes off, counted as the real-time clock does; 0: never."""
         return int(self.run(f"cat {RTC}/wakealarm") or 0)
 
+    def set_foreign_alarm(self, count):
+        """Another program's, which has to switch off what stands."""
+        self.run(f"echo 0 >{RTC}/wakealarm; echo {count} >{RTC}/wakealarm")
+
     def clock_time(self, seconds):
         return self.run(f"date -d @{seconds} +%T")
 
@@ -150,7 +171,7 @@ class Guest(Machine):
 
     def await_journal(self, pattern, timeout, count=1):
         """The line since the mark that matches as the `count`-th."""
-        lines = self.run(f"timeout {timeout} grep -m {count} -P {shlex.quote(pattern)} "
+        lines = self.run(f"timeout {timeout * PATIENCE} grep -m {count} -P {shlex.quote(pattern)} "
                          f"< <({self.read_command()} -f)", timeout + 20, check=False).splitlines()
         if len(lines) < count:
             raise Trouble(f"the journal has no {pattern!r} within {timeout} s")

@@ -8,6 +8,9 @@ import subprocess
 from guest import Guest
 
 ON_SECOND = 1.5  # seconds late that an expiry may be heard: the daemon counts whole seconds
+WAKE_LATE = 3  # seconds from the alarm to the first program that runs
+TELEVISION_LATE = 2.5  # seconds: an expiry and two messages on the cable
+HOOK_LATE = 5  # seconds: systemd starts a unit
 EARLY = 1.0  # seconds early that the alarm may be: the real-time clock counts whole seconds, too
 
 
@@ -18,10 +21,14 @@ def next_monday():
 
 
 class Laboratory:
-    def __init__(self, package, directory, root, quiet, rounds=None):
-        self.package, self.directory, self.root, self.quiet = package, directory, root, quiet
+    """`image` is the directory of what all machines begin with, `number` names the one of this."""
+
+    def __init__(self, package, image, root, number, quiet, rounds=None):
+        self.package, self.image, self.root, self.quiet = package, image, root, quiet
+        self.number, self.directory = number, image / str(number)
+        self.directory.mkdir(exist_ok=True)
         self.rounds = rounds  # None: as many as each case has
-        self.disk = directory / "work.qcow2"
+        self.disk = self.directory / "work.qcow2"
         self.day = str(next_monday())
         self.transcript = []
         self.machines = []
@@ -52,11 +59,32 @@ class Laboratory:
         seen = datetime.datetime.fromtimestamp(seen, datetime.timezone.utc)
         self.row(asked, f"{seen:%H:%M:%S} UTC", -EARLY <= late <= limit, late)
 
+    def credited(self, timer, shown):
+        """A row for what `dravelctl wakeup` has shown."""
+        self.row("the timer is credited", shown.splitlines()[0].strip(),
+                 re.search(rf"Timer: +{timer}\b", shown))
+
+    def not_credited(self, asked, shown):
+        self.row(asked, shown, shown == "No timer woke the set.")
+
+    def television_stayed_off(self, guest, asked):
+        told = guest.television_was_told()
+        self.row(asked, ", ".join(told) or "told nothing",
+                 not any("to on" in line for line in told))
+
+    def sleeps_again(self, guest):
+        """Woken for something that leaves the television off."""
+        guest.await_sleep(40)
+        self.row("the machine sleeps again", "asleep", True)
+        guest.qmp("system_wakeup")
+        guest.await_wake_up(20)
+        self.television_stayed_off(guest, "and the television stayed off")
+
     # --- machines ---
 
     def fresh_disk(self):
         subprocess.run(["qemu-img", "create", "-q", "-f", "qcow2", "-F", "qcow2", "-b",
-                        "disk.qcow2", str(self.disk)], cwd=self.directory, check=True)
+                        str(self.image / "disk.qcow2"), str(self.disk)], check=True)
 
     def guest(self, **keywords):
         """Starts the machine; with no `rtc` as it was when the package had just been installed."""
@@ -69,6 +97,15 @@ class Laboratory:
         if "rtc" in keywords:
             guest.await_shell()
         guest.mark()
+        return guest
+
+    def reboot(self, guest, rtc, is_off=False):
+        """Powers the machine off and boots it when its clock shows `rtc`."""
+        if not is_off:
+            guest.cast("systemctl poweroff")
+        guest.await_end(60)
+        guest = self.guest(rtc=rtc)
+        guest.run("systemd-run --unit=listener -p SyslogIdentifier=listener dravelctl monitor")
         return guest
 
     def close(self):
@@ -84,7 +121,7 @@ class Laboratory:
 
     def key(self):
         """Changes with all that the kept machine depends on."""
-        parts = [self.package, self.directory / "disk.key", self.root / "README.md",
+        parts = [self.package, self.image / "disk.key", self.root / "README.md",
                  pathlib.Path(__file__)]
         return hashlib.sha256(b"".join(part.read_bytes() for part in parts)).hexdigest() + self.day
 

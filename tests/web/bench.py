@@ -8,14 +8,13 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
 import time
 
 from selenium import webdriver
-from selenium.webdriver.common.by import By
 from selenium.webdriver.chrome.service import Service
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+HERE = pathlib.Path(__file__).resolve().parent
+ROOT = HERE.parents[1]
 BUILD = pathlib.Path(os.environ.get("BUILD", ROOT / "build" / "debug"))
 BUS = "unix:path=/run/bench/policy-bus"
 NAME = "org.olvara.tv.system.dravel"
@@ -46,11 +45,11 @@ def wait(what, condition, seconds=20):
                 return found
         if time.monotonic() > end:
             raise AssertionError(f"did not come within {seconds} s: {what}")
-        time.sleep(0.01)
+        time.sleep(0.03)
 
 
 class Bench:
-    """All processes of the page; they end with the sandbox."""
+    """All processes of the page, and its files, which are the sandbox's."""
 
     def __init__(self):
         self.environment = dict(os.environ, TZ="Europe/Berlin", LC_ALL="C.UTF-8", DRAVEL_STANDIN="/tmp/set.ini",
@@ -60,18 +59,30 @@ class Bench:
         self.install()
         self.start_bus()
         self.start_daemon()
+        self.servers = []
         self.ports = {user: self.serve(user, session) for user, session in USERS.items()}
         self.browser = self.open_browser()
+
+    def close(self):
+        self.browser.quit()
+        for process in [*self.servers, self.daemon]:
+            process.kill()
+            process.wait()
 
     def install(self):
         """Puts the page where Cockpit finds it, and the tool where every user may run it."""
         self.tool = pathlib.Path("/run/bench/dravelctl")
         shutil.copy(BUILD / "dravelctl", self.tool)
-        page = pathlib.Path("/tmp/data/cockpit/dravel")
+        self.install_page("dravel", self.tool)
+        self.install_page("machine", shutil.copy(HERE / "machine_tool.py", "/run/bench"))
+
+    @staticmethod
+    def install_page(name, tool):
+        page = pathlib.Path("/tmp/data/cockpit") / name
         shutil.copytree(ROOT / "web", page)
         source = page / "tool.js"
         text = source.read_text("utf-8")
-        changed = text.replace('"/usr/bin/dravelctl"', f'"{self.tool}"')
+        changed = text.replace('"/usr/bin/dravelctl"', f'"{tool}"')
         assert changed != text
         source.write_text(changed, "utf-8")
 
@@ -91,6 +102,13 @@ class Bench:
         self.daemon.send_signal(signal.SIGKILL)
         self.daemon.wait()
 
+    def restart_daemon(self):
+        """With the clock back at noon and an empty list, whose first timer gets the number 1."""
+        self.kill_daemon()
+        for file in pathlib.Path("/opt/dbspace").glob(".*"):
+            file.unlink()
+        self.start_daemon()
+
     def serve(self, user, session):
         wrapper = pathlib.Path(f"/tmp/session-{user}")
         home = pathlib.Path(f"/tmp/home-{user}")
@@ -102,26 +120,29 @@ class Bench:
         with socket.socket() as probe:
             probe.bind(("127.0.0.1", 0))
             port = probe.getsockname()[1]
-        subprocess.Popen(["/usr/lib/cockpit/cockpit-ws", "--no-tls", f"--port={port}", "--address=127.0.0.1",
-                          f"--local-session={wrapper}"], env=self.environment)
-        wait("cockpit-ws", lambda: socket.create_connection(("127.0.0.1", port)))
+        self.servers.append(subprocess.Popen(
+            ["/usr/lib/cockpit/cockpit-ws", "--no-tls", f"--port={port}", "--address=127.0.0.1",
+             f"--local-session={wrapper}"], env=self.environment))
+        wait("cockpit-ws", lambda: socket.create_connection(("127.0.0.1", port)).close() is None)
         return port
 
     def open_browser(self):
         options = webdriver.ChromeOptions()
         for word in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
-                     "--user-data-dir=/tmp/chromium", "--hide-scrollbars", "--no-first-run"):
+                     "--window-size=1280,1000", "--user-data-dir=/tmp/chromium", "--hide-scrollbars", "--no-first-run"):
             options.add_argument(word)
         options.add_experimental_option("prefs", {"download.default_directory": "/tmp/downloads"})
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         service = Service("/usr/bin/chromedriver", env=dict(os.environ, TZ="America/New_York", HOME="/tmp"))
         return webdriver.Chrome(options=options, service=service)
 
-    def ctl(self, *words, text=None):
+    def run(self, *words, text=None):
         """What dravelctl prints; the bus is the test's."""
-        done = subprocess.run([self.tool, "--json", *words], env=self.environment, input=text,
-                              capture_output=True, text=True, check=False)
-        return json.loads(done.stdout) if done.stdout else None
+        return subprocess.run([self.tool, "--json", *words], env=self.environment, input=text,
+                              capture_output=True, text=True, check=False).stdout
 
-    def url(self, user):
-        return f"http://127.0.0.1:{self.ports[user]}/cockpit/@localhost/dravel/index.html"
+    def ctl(self, *words, text=None):
+        return json.loads(self.run(*words, text=text) or "null")
+
+    def url(self, user, page="dravel"):
+        return f"http://127.0.0.1:{self.ports[user]}/cockpit/@localhost/{page}/index.html"

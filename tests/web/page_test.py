@@ -1,0 +1,258 @@
+#!/usr/bin/python3
+"""The page in a real browser, on Cockpit's own server, with the daemon on a simulated set.
+
+A scenario is a line of what is done and seen; its words are the methods of Page. Run in scripts/sandbox:
+tests/web/page_test.py [Page.test_NAME]. BUILD names the build directory; PICTURE a file that gets a picture of the page.
+"""
+import json
+import os
+import pathlib
+import shlex
+import sys
+import time
+import unittest
+
+sys.dont_write_bytecode = True
+from bench import ROOT, Bench, wait  # noqa: E402
+
+from selenium.webdriver import ActionChains  # noqa: E402
+from selenium.webdriver.common.by import By  # noqa: E402
+from selenium.webdriver.common.keys import Keys  # noqa: E402
+
+AXE = ROOT / "build" / "axe" / "axe.min.js"
+
+# Buttons by the name that a screen reader says, in the dialog if one is open.
+FIND = """
+const scope = document.querySelector("dialog[open]") ?? document;
+return [...scope.querySelectorAll("button, summary, .day input")].find(node =>
+    (node.getAttribute("aria-label") ?? node.textContent).trim() === arguments[0]);
+"""
+TEXT = 'return (document.querySelector("dialog[open]") ?? document.body).innerText + document.getElementById("news").innerText'
+
+ACTS = {
+    "add": "press 'Add a timer'; set at 06:55; press Weekdays; tick holidays; see 'Fires next: Wed 2026-12-23 06:55'; "
+           "press Add; see 'Timer 1 (on, weekdays) is added. It fires next Wed 2026-12-23 06:55:00'; told export '\"time\": \"06:55\"'",
+    "add once": "press 'Add a timer'; set type 1; set at 23:30; set date 2026-12-24; press Add; see 'Timer 1 (off, once)'; "
+                "told export 2026-12-24T23:30:00+01:00",
+    "change": "ctl add --at=7:00 --on=mon-fri; press 'Change timer 1'; set at 07:15; press Sunday; press Change; "
+              "see 'takes the place of timer 1'; told export '\"time\": \"07:15\"'; told export Sun",
+    "cancel, undo": "ctl add --at=22:00 --type=off --on=daily; press 'Cancel timer 1'; see 'is cancelled'; see 'no timer yet'; "
+                    "press Undo; see 'It is back as timer 2.'; told export '\"time\": \"22:00\"'",
+    "undo refused": "ctl add --at=22:00 --on=daily; press 'Cancel timer 1'; see cancelled; ctl add --at=22:00 --on=daily; "
+                    "press Undo; see 'It cannot come back: it is there already as timer 2.'",
+    "halt": "press 'On-timers act'; see 'they do not act'; told halt '\"on\":true'; press 'On-timers are halted'; told halt '\"on\":false'",
+    "holidays": "ctl add --at=7:00 --on=daily; press Calendar; press 'Next year'; press '10 July'; press '24 July'; tick all; press Add; "
+                "see 'Timer 1 rests'; told 'holidays list' '\"day\":24'; press 'Remove the holidays 10 Jul to 24 Jul'; see 'None are set'",
+    "holidays by key": "press Calendar; key ARROW_DOWN; key ENTER; key ARROW_RIGHT; key ENTER; press Add; see '29 Dec to 30 Dec'",
+    "why": "ctl add --at=7:00 --on=sat; press 'Why does timer 1 fire, and when?'; see 'It fires next on Sat 2026-12-26 07:00:00'",
+    "week": "ctl add --at=7:00 --on=wed; press 'Wed 23 Dec 07:00: timer 1 (on, Wed)'; see 'Timer 1 (on, Wed): turns the set on'",
+    "import": "file a '{\"timers\":[{\"type\":1,\"time\":\"23:00\",\"days\":[\"Mon\"]}]}'; see 'a.json: 1 added, 0 refused.'; see 'timer 1'",
+    "outside": "ctl add --at=7:00 --on=wed; see 'Timers1 of 80'; ctl cancel 1; see 'no timer yet'",
+}
+BAD_INPUT = {
+    "no time": "press 'Add a timer'; press Add; see 'Choose a time.'; told list []",
+    "past": "press 'Add a timer'; set at 06:55; set date 2020-01-01; see 'has passed'; press Add; see 'Not added: Wed 2020-01-01 06:55:00 has passed'; told list []",
+    "priority": "press 'Add a timer'; set at 06:55; press More; set priority 99999999999; press Add; see '--priority'; told list []",
+    "no holidays": "press Calendar; press Add; see 'Choose the first day.'",
+    "holidays twice": "ctl holidays add 07-10; press Calendar; press '10 July, holidays 10 Jul'; press Add; see 'these days are holidays 1 already'",
+    "file": "file '<b>x' '{'; see 'is no JSON'; told list []",
+    "half a file": "ctl add --at=7:00 --on=mon; file '<b>x' '{\"timers\":[{\"type\":0,\"time\":\"07:00\",\"days\":[\"Mon\"]}]}'; "
+                   "see '<b>x.json: 0 added, 1 refused.'; see 'it is there already as timer 1'",
+}
+RIGHTS = {
+    "guest": "see 'Members of the group dravel may'; see 'Administrative access'; barred 'Add a timer'; barred 'Cancel timer 1'; "
+             "barred 'Change timer 1'; barred 'On-timers act'; barred 'Import …'; press 'Why does timer 1 fire, and when?'; see 'It fires next'",
+    "member": "press 'Cancel timer 1'; see 'is cancelled'",
+}
+MACHINE = {
+    "glance": "see 'Wed 23 Dec 06:58:30, for a timer'; see 'somebody is logged in'; see 'The clock of this machine is not synchronised.'",
+    "screen": "press 'Turn off the screen'; see 'The screen is turned off.'; press 'Turn on the screen'; see 'The adapter is gone: plug it in.'",
+    "test": "press 'Test …'; press 'Test the screen'; see 'The television said: off, then on.'; press 'Test the wake-up'; "
+            "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
+    "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",
+}
+DIALOGS = ["Add a timer", "Change timer 1", "Why does timer 1 fire, and when?", "Calendar", "History", "Test …"]
+MANY = {"timers": [{"type": n % 2, "time": f"{n % 24:02}:{n // 24 * 7:02}", "days": ["Mon", "Wed", "Sat"]} for n in range(80)]}
+
+
+class Page(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        if os.getuid() != 0:
+            raise unittest.SkipTest("only root can open sessions of other users: run this test as root")
+        cls.bench = Bench()
+        cls.browser = cls.bench.browser
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.bench.close()
+
+    def setUp(self):
+        self.bench.restart_daemon()
+
+    # --- the words of a scenario ---
+
+    def open(self, user="member", page="dravel"):
+        self.browser.get(self.bench.url(user, page))
+        self.see("Next on")
+
+    def ctl(self, *words):
+        self.bench.ctl(*words)
+
+    def find(self, name):
+        return wait(f"a button {name}", lambda: self.browser.execute_script(FIND, name))
+
+    def press(self, name):
+        def pressed():
+            button = self.find(name)
+            if not button.is_enabled():
+                return False
+            self.browser.execute_script("arguments[0].focus(); arguments[0].click()", button)
+            return True
+        wait(f"{name} can be pressed", pressed)
+
+    def set(self, name, value):
+        self.browser.execute_script(
+            "const node = document.querySelector(`dialog [name=${arguments[0]}]`); node.value = arguments[1];"
+            "node.dispatchEvent(new Event('input', {bubbles: true}))", name, value)
+
+    def tick(self, name):
+        self.browser.find_element(By.CSS_SELECTOR, f"dialog [name={name}]").click()
+
+    def key(self, name):
+        ActionChains(self.browser).send_keys(getattr(Keys, name)).perform()
+
+    def see(self, text):
+        wait(f"the text {text}", lambda: text in self.browser.execute_script(TEXT))
+
+    def barred(self, name):
+        wait(f"{name} cannot be pressed", lambda: not self.find(name).is_enabled())
+
+    def told(self, command, text):
+        wait(f"{command}: {text}", lambda: text in self.bench.run(*command.split()))
+
+    def file(self, name, text):
+        path = pathlib.Path("/tmp") / f"{name}.json"
+        path.write_text(text, "utf-8")
+        self.press("Import …")
+        wait("a file is asked for", lambda: self.browser.find_elements(By.CSS_SELECTOR, "input[type=file]"))
+        self.browser.find_element(By.CSS_SELECTOR, "input[type=file]").send_keys(str(path))
+
+    def play(self, scenario):
+        for step in scenario.split("; "):
+            word, *arguments = shlex.split(step)
+            getattr(self, word)(*arguments)
+
+    def play_all(self, scenarios, page="dravel"):
+        for name, scenario in scenarios.items():
+            with self.subTest(name):
+                self.bench.restart_daemon()
+                self.open(page=page)
+                self.play(scenario)
+
+    # --- looks ---
+
+    def look(self, width, dark, height=900):
+        self.browser.set_window_size(width, height)
+        self.browser.execute_script(
+            "localStorage.setItem('shell:style', arguments[0]);"
+            "window.dispatchEvent(new CustomEvent('cockpit-style', {detail: {style: arguments[0]}}))", "dark" if dark else "light")
+
+    def violations(self):
+        self.browser.execute_script("if (!window.axe) {" + AXE.read_text("utf-8") + "}")
+        found = self.browser.execute_async_script("axe.run().then(arguments[0])")["violations"]
+        return [(rule["id"], node["html"], node["failureSummary"]) for rule in found for node in rule["nodes"]]
+
+    # --- tests ---
+
+    def test_acts(self):
+        self.play_all(ACTS)
+
+    def test_bad_input(self):
+        self.play_all(BAD_INPUT)
+
+    def test_machine(self):
+        self.play_all(MACHINE, page="machine")
+
+    def test_export(self):
+        self.ctl("add", "--at=7:00", "--on=mon")
+        self.open()
+        self.press("Export")
+        exported = pathlib.Path("/tmp/downloads/tv-timers.json")
+        wait("the file", exported.exists)
+        self.assertEqual(exported.read_text("utf-8"), self.bench.run("export"))
+
+    def test_rights(self):
+        self.ctl("add", "--at=7:00", "--on=mon")
+        for user, scenario in RIGHTS.items():
+            with self.subTest(user):
+                self.open(user)
+                self.play(scenario)
+
+    def test_lost(self):
+        self.ctl("add", "--at=7:00", "--on=mon")
+        self.open()
+        self.press("Change timer 1")
+        self.bench.kill_daemon()
+        self.see("dravel-manager, is not running")
+        self.barred("Change")
+        self.press("Cancel")
+        self.play("see 'What is shown is'; see 'timer 1'; barred 'Cancel timer 1'")
+        self.assertEqual(self.violations(), [])
+        self.bench.start_daemon()
+        self.play("press 'Cancel timer 1'; see 'is cancelled'")
+
+    def test_looks(self):
+        for command in ("add --at=7:00 --on=mon-fri --holidays=skip", "add --at=22:30 --type=off --on=daily",
+                        "add --at=9:00 --on=sat,sun", "add --at=12:30 --type=announce --on=mon,wed", "holidays add 12-24 12-26"):
+            self.ctl(*command.split())
+        self.open(page="machine")
+        self.see("timer 4")
+        if "PICTURE" in os.environ:
+            self.look(1100, False, height=930)
+            self.browser.get_screenshot_as_file(os.environ["PICTURE"])
+        for width, dark, dialogs in (1920, False, DIALOGS), (1280, True, []), (360, False, []), (360, True, DIALOGS):
+            self.look(width, dark)
+            for dialog in [None, *dialogs]:
+                with self.subTest(width=width, dark=dark, dialog=dialog):
+                    if dialog:
+                        self.press(dialog)
+                        wait("it is answered", lambda: "…" not in self.browser.execute_script(TEXT) or dialog is None)
+                    self.assertEqual(self.violations(), [])
+                    self.assertLessEqual(self.browser.execute_script("return document.documentElement.scrollWidth"), width)
+                    if dialog:
+                        self.key("ESCAPE")
+                        focus = self.browser.execute_script("return document.activeElement.ariaLabel ?? document.activeElement.textContent")
+                        self.assertEqual(focus, dialog)
+
+    def test_speed(self):
+        begin = time.monotonic()
+        self.open()
+        shown = time.monotonic() - begin
+        begin = time.monotonic()
+        self.ctl("add", "--at=7:00", "--on=mon")
+        self.see("Timers1 of 80")
+        changed = time.monotonic() - begin
+        self.bench.ctl("cancel", "1")
+        self.bench.ctl("import", "-", text=json.dumps(MANY))
+        self.see("Timers80 of 80")
+        self.browser.execute_script(
+            "window.longest = 0; let last = performance.now(); const frame = now => {"
+            "window.longest = Math.max(window.longest, now - last); last = now; requestAnimationFrame(frame); };"
+            "requestAnimationFrame(frame)")
+        self.ctl("halt", "on")
+        self.see("On-timers are halted")
+        longest = self.browser.execute_script("return window.longest")
+        print(f"page shown after {shown:.2f} s, a change after {changed:.2f} s, "
+              f"with 80 timers the longest time between two pictures is {longest:.0f} ms", file=sys.stderr)
+        self.assertLess(shown, 1)
+        self.assertLess(changed, 1)
+        self.assertLess(longest, 200)
+
+    def tearDown(self):
+        severe = [entry["message"] for entry in self.browser.get_log("browser") if entry["level"] == "SEVERE"]
+        self.assertEqual(severe, [])
+
+
+if __name__ == "__main__":
+    unittest.main()
