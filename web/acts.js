@@ -8,10 +8,8 @@ import { run } from "./tool.js";
 const refusals = new Map();
 
 function refuse(where, text) {
-    if (text)
-        refusals.set(where, text);
-    else
-        refusals.delete(where);
+    if (text) refusals.set(where, text);
+    else refusals.delete(where);
     source.dispatchEvent(new Event("change"));
 }
 
@@ -26,6 +24,11 @@ export async function act(where, words, input = "") {
         refuse(where, refusal.message);
         return null;
     }
+}
+
+/** Each place with its refusal. */
+export function allRefusals() {
+    return [...refusals];
 }
 
 /** The refusal at this place, if there is one. */

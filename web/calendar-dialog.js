@@ -34,9 +34,15 @@ class Calendar {
     #focus;
     #place = element("div", { class: "year", keydown: event => this.#step(event) });
     #title = element("strong", { "aria-live": "polite" });
-    #fields = ["First day", "Last day"].map(label => element("input", { type: "date", "aria-label": label, input: () => this.#typed() }));
-    #turns = [["‹", 0, "This year"], ["›", 1, "Next year"]].map(([text, index, label]) =>
-        button(text, () => this.#go(this.#years[index]), { kind: "plain", label }));
+    #fields = ["First day", "Last day"].map(label =>
+        element("input", { type: "date", "aria-label": label, input: () => this.#typed() }),
+    );
+    #turns = [
+        ["‹", 0, "This year"],
+        ["›", 1, "Next year"],
+    ].map(([text, index, label]) =>
+        button(text, () => this.#go(this.#years[index]), { kind: "plain", label }),
+    );
     #all = element("input", { type: "checkbox", name: "all" });
     #endOfFebruary = element("input", { type: "checkbox", name: "end-of-february" });
     #dialog;
@@ -47,38 +53,58 @@ class Calendar {
         this.#focus = today;
         this.#year = Number(today.slice(0, 4));
         this.#years = [this.#year, this.#year + 1]; // the set tells its holidays' dates for these
-        this.#dialog = new Dialog("Holidays", [
-            element("p", {}, "Choose the first and the last day. Timers that rest on holidays do not act on these days, every year."),
-            element("div", { class: "pair" }, this.#fields.map(field => element("label", {}, field.getAttribute("aria-label"), field))),
-            element("label", { class: "check" }, this.#endOfFebruary, "The last day of February in every year"),
-            element("label", { class: "check" }, this.#all, "All timers shall rest on holidays"),
-            element("div", { class: "title" }, this.#turns[0], this.#title, this.#turns[1]),
-            this.#place,
-        ], { wide: true, action: { text: "Add", what: "change", run: () => this.#add() }, leave: "Close" });
+        this.#dialog = new Dialog(
+            "Holidays",
+            [
+                element(
+                    "p",
+                    {},
+                    "Choose the first and the last day. Timers that rest on holidays do not act on these days, every year.",
+                ),
+                element(
+                    "div",
+                    { class: "pair" },
+                    this.#fields.map(field => element("label", {}, field.getAttribute("aria-label"), field)),
+                ),
+                element(
+                    "label",
+                    { class: "check" },
+                    this.#endOfFebruary,
+                    "The last day of February in every year",
+                ),
+                element("label", { class: "check" }, this.#all, "All timers shall rest on holidays"),
+                element("div", { class: "title" }, this.#turns[0], this.#title, this.#turns[1]),
+                this.#place,
+            ],
+            { wide: true, action: { text: "Add", what: "change", run: () => this.#add() }, leave: "Close" },
+        );
         source.addEventListener("change", this.#draw);
-        this.#place.closest("dialog").addEventListener("close", () => source.removeEventListener("change", this.#draw));
+        this.#place
+            .closest("dialog")
+            .addEventListener("close", () => source.removeEventListener("change", this.#draw));
         this.#show();
         this.#dayButton(today).focus();
     }
 
     #go(year) {
-        if (!this.#years.includes(year))
-            return;
+        if (!this.#years.includes(year)) return;
         this.#year = year;
         this.#focus = `${year}${this.#focus.slice(4)}`;
-        if (isoOf(Date.parse(this.#focus)) !== this.#focus)
-            this.#focus = `${year}-02-28`;
+        if (isoOf(Date.parse(this.#focus)) !== this.#focus) this.#focus = `${year}-02-28`;
         this.#show();
     }
 
     #show() {
         const here = document.activeElement?.dataset.day;
         this.#title.textContent = String(this.#year);
-        this.#turns.forEach((turn, index) => { turn.disabled = this.#year === this.#years[index]; });
-        this.#endOfFebruary.parentElement.hidden = ![this.#first, this.#last].some(day => /-02-2[89]$/.test(day));
+        this.#turns.forEach((turn, index) => {
+            turn.disabled = this.#year === this.#years[index];
+        });
+        this.#endOfFebruary.parentElement.hidden = ![this.#first, this.#last].some(day =>
+            /-02-2[89]$/.test(day),
+        );
         this.#place.replaceChildren(...kMonths.map((name, month) => this.#month(name, month)));
-        if (here)
-            this.#dayButton(this.#focus)?.focus();
+        if (here) this.#dayButton(this.#focus)?.focus();
     }
 
     #month(name, month) {
@@ -86,24 +112,38 @@ class Calendar {
         const buttons = days.map(day => this.#day(day));
         buttons[0].style.gridColumnStart = String(before + 1);
         const weekdays = Array.from("MTWTFSS", letter => element("span", { "aria-hidden": "true" }, letter));
-        return element("div", { class: "month", role: "group", "aria-label": `${name} ${this.#year}` },
-                       element("h3", { "aria-hidden": "true" }, name), element("div", { class: "month-days" }, weekdays, buttons));
+        return element(
+            "div",
+            { class: "month", role: "group", "aria-label": `${name} ${this.#year}` },
+            element("h3", { "aria-hidden": "true" }, name),
+            element("div", { class: "month-days" }, weekdays, buttons),
+        );
     }
 
     #day(day) {
         const period = this.#periodOn(day);
         const isChosen = this.#first && day >= this.#first && day <= (this.#last || this.#first);
-        return element("button", {
-            type: "button", class: period ? "holiday" : null, "aria-current": day === this.#today && "date", "data-day": day,
-            tabindex: day === this.#focus ? 0 : -1, "aria-pressed": String(Boolean(isChosen)),
-            "aria-label": `${Number(day.slice(8))} ${kMonths[Number(day.slice(5, 7)) - 1]}${period ? `, holidays ${period.text}` : ""}`,
-            title: period?.text ?? null,
-            click: () => this.#choose(day),
-        }, Number(day.slice(8)));
+        return element(
+            "button",
+            {
+                type: "button",
+                class: period ? "holiday" : null,
+                "aria-current": day === this.#today && "date",
+                "data-day": day,
+                tabindex: day === this.#focus ? 0 : -1,
+                "aria-pressed": String(Boolean(isChosen)),
+                "aria-label": `${Number(day.slice(8))} ${kMonths[Number(day.slice(5, 7)) - 1]}${period ? `, holidays ${period.text}` : ""}`,
+                title: period?.text ?? null,
+                click: () => this.#choose(day),
+            },
+            Number(day.slice(8)),
+        );
     }
 
     #periodOn(day) {
-        return source.overview.holidays.find(({ dates }) => dates.some(({ first, last }) => first <= day && day <= last));
+        return source.overview.holidays.find(({ dates }) =>
+            dates.some(({ first, last }) => first <= day && day <= last),
+        );
     }
 
     #dayButton(day) {
@@ -122,19 +162,16 @@ class Calendar {
 
     #typed() {
         [this.#first, this.#last] = this.#fields.map(field => field.value);
-        if (this.#first)
-            this.#go(Number(this.#first.slice(0, 4)));
+        if (this.#first) this.#go(Number(this.#first.slice(0, 4)));
         this.#show();
     }
 
     #step(event) {
         const by = { ArrowRight: 1, ArrowLeft: -1, ArrowDown: 7, ArrowUp: -7 }[event.key];
-        if (by === undefined)
-            return;
+        if (by === undefined) return;
         event.preventDefault();
         const day = daysFrom(this.#focus, by);
-        if (!day.startsWith(String(this.#year)))
-            return;
+        if (!day.startsWith(String(this.#year))) return;
         this.#dayButton(this.#focus).tabIndex = -1;
         this.#focus = day;
         this.#dayButton(day).tabIndex = 0;
@@ -143,7 +180,10 @@ class Calendar {
 
     #words() {
         const days = [this.#first, this.#last || this.#first].map(day => day.slice(5));
-        const flags = [[this.#all, "--all"], [this.#endOfFebruary, "--end-of-february"]];
+        const flags = [
+            [this.#all, "--all"],
+            [this.#endOfFebruary, "--end-of-february"],
+        ];
         return ["holidays", "add", ...days, ...flags.filter(([box]) => box.checked).map(([, flag]) => flag)];
     }
 

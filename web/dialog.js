@@ -22,13 +22,24 @@ export class Dialog {
     constructor(title, content, { action = null, leave = "Close", wide = false } = {}) {
         this.#action = action;
         this.#dialog.classList.toggle("wide", wide);
-        this.#button = action && button(action.text, () => {}, { type: "submit", kind: action.kind ?? "primary" });
-        this.#dialog.append(element(
-            "form", { novalidate: true, submit: event => this.#submit(event) },
-            element("h2", { id: "dialog-title" }, title),
-            element("div", { class: "body" }, content),
-            this.#refusal, this.#barred,
-            element("div", { class: "buttons" }, this.#button, button(leave, () => this.close()))));
+        this.#button =
+            action && button(action.text, () => {}, { type: "submit", kind: action.kind ?? "primary" });
+        this.#dialog.append(
+            element(
+                "form",
+                { novalidate: true, submit: event => this.#submit(event) },
+                element("h2", { id: "dialog-title" }, title),
+                element("div", { class: "body" }, content),
+                this.#refusal,
+                this.#barred,
+                element(
+                    "div",
+                    { class: "buttons" },
+                    this.#button,
+                    button(leave, () => this.close()),
+                ),
+            ),
+        );
         this.#dialog.addEventListener("close", () => this.#closed());
         document.body.append(this.#dialog);
         this.#dialog.showModal();
@@ -50,16 +61,14 @@ export class Dialog {
 
     async #submit(event) {
         event.preventDefault();
-        if (!this.#action || this.#button.disabled)
-            return;
+        if (!this.#action || this.#button.disabled) return;
         this.#running = true;
         this.refuse("");
         this.#checkRights();
         const done = await this.#action.run();
         this.#running = false;
         this.#checkRights();
-        if (done)
-            this.close();
+        if (done) this.close();
     }
 
     #checkRights() {

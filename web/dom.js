@@ -4,8 +4,7 @@ const kSvg = "http://www.w3.org/2000/svg";
 
 function furnish(node, attributes, children) {
     for (const [name, value] of Object.entries(attributes)) {
-        if (typeof value === "function")
-            node.addEventListener(name, value);
+        if (typeof value === "function") node.addEventListener(name, value);
         else if (value !== false && value !== null && value !== undefined)
             node.setAttribute(name, value === true ? "" : value);
     }
@@ -29,11 +28,24 @@ export function drawn(name, attributes = {}, ...children) {
 /**
  * Makes a button. `key` is its name over all renderings; `reason` says why it cannot be used.
  */
-export function button(text, onClick, { key = null, reason = "", kind = "secondary", label = null, type = "button" } = {}) {
-    return element("button", {
-        type, class: kind, "data-key": key, "aria-label": label, click: onClick,
-        disabled: reason !== "", title: reason || null,
-    }, text);
+export function button(
+    text,
+    onClick,
+    { key = null, reason = "", kind = "secondary", label = null, type = "button" } = {},
+) {
+    return element(
+        "button",
+        {
+            type,
+            class: kind,
+            "data-key": key,
+            "aria-label": label,
+            click: onClick,
+            disabled: reason !== "",
+            title: reason || null,
+        },
+        text,
+    );
 }
 
 /** The element that has the key now, after any number of renderings. */
@@ -49,10 +61,8 @@ export function render(container, ...children) {
     const fresh = children.flat(Infinity).filter(child => child);
     const old = container.childNodes;
     container.hidden = false;
-    if (old.length === fresh.length && fresh.every((node, index) => node.isEqualNode(old[index])))
-        return;
+    if (old.length === fresh.length && fresh.every((node, index) => node.isEqualNode(old[index]))) return;
     const focus = container.contains(document.activeElement) ? document.activeElement.dataset.key : null;
     container.replaceChildren(...fresh);
-    if (focus)
-        keyed(focus)?.focus();
+    if (focus) keyed(focus)?.focus();
 }

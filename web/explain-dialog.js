@@ -7,7 +7,7 @@ import { run } from "./tool.js";
 /** Fills the place with what is promised: elements, or a refusal. */
 export async function fill(place, promise) {
     try {
-        place.replaceChildren(...await promise);
+        place.replaceChildren(...(await promise));
     } catch (refusal) {
         place.replaceChildren(element("p", { class: "refusal", role: "alert" }, refusal.message));
     }

@@ -19,14 +19,25 @@ export async function exportFile() {
 async function importFile(file) {
     const done = await act("file", ["import", "-"], await file.text());
     if (done)
-        tell([`${file.name}: ${done.added} added, ${done.refused.length} refused.`,
-              ...done.refused.map(({ what, why }) => `${what}: ${why}.`), ...done.notes]);
+        tell([
+            `${file.name}: ${done.added} added, ${done.refused.length} refused.`,
+            ...done.refused.map(({ what, why }) => `${what}: ${why}.`),
+            ...done.notes,
+        ]);
 }
 
 /** Asks for a file and adds what it holds. */
 export function chooseFile() {
-    const input = element("input", { type: "file", accept: ".json,application/json", hidden: true, "aria-label": "File to import" });
-    input.addEventListener("change", () => { input.remove(); importFile(input.files[0]); });
+    const input = element("input", {
+        type: "file",
+        accept: ".json,application/json",
+        hidden: true,
+        "aria-label": "File to import",
+    });
+    input.addEventListener("change", () => {
+        input.remove();
+        importFile(input.files[0]);
+    });
     input.addEventListener("cancel", () => input.remove());
     document.body.append(input);
     input.click();

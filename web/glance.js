@@ -6,7 +6,7 @@ import { sign } from "./signs.js";
 import { source } from "./source.js";
 import { tell } from "./news.js";
 import { testDialog } from "./test-dialog.js";
-import { dayOf, sentence, spanOf, timeOf } from "./words.js";
+import { at, causeOf, dayOf, sentence, spanOf, timeOf } from "./words.js";
 
 const kHalt = { on: "On-timers", off: "Off-timers" };
 const kScreen = { on: "On", off: "Off", unknown: "Unknown" };
@@ -21,16 +21,25 @@ async function halt(which) {
 
 function haltSwitch(which, halted) {
     const reason = source.reasonNotTo("change");
-    return element("button", {
-        type: "button", role: "switch", class: "switch", "data-key": `halt-${which}`,
-        "aria-checked": String(!halted), disabled: reason !== "", title: reason || null,
-        click: () => halt(which),
-    }, element("span", { class: "knob" }), `${kHalt[which]} ${halted ? "are halted" : "act"}`);
+    return element(
+        "button",
+        {
+            type: "button",
+            role: "switch",
+            class: "switch",
+            "data-key": `halt-${which}`,
+            "aria-checked": String(!halted),
+            disabled: reason !== "",
+            title: reason || null,
+            click: () => halt(which),
+        },
+        element("span", { class: "knob" }),
+        `${kHalt[which]} ${halted ? "are halted" : "act"}`,
+    );
 }
 
 function leftUntil(seconds) {
-    if (source.clock === null)
-        return "";
+    if (source.clock === null) return "";
     const left = seconds - source.clock;
     return left > 0 ? `in ${spanOf(left)}` : "now";
 }
@@ -47,50 +56,46 @@ function moment(timer) {
 function nextCard(which, timer) {
     const halted = source.overview.status.halted[which];
     return element(
-        "section", { class: `card next ${which}`, "aria-labelledby": `next-${which}` },
+        "section",
+        { class: `card next ${which}`, "aria-labelledby": `next-${which}` },
         element("h2", { id: `next-${which}` }, sign(which, halted), `Next ${which}`),
         timer ? moment(timer) : element("p", { class: "large none" }, "None"),
         element("div", { class: "foot" }, haltSwitch(which, halted)),
-        refusalAt(`halt-${which}`));
+        refusalAt(`halt-${which}`),
+    );
 }
 
 // --- the machine ---
 
 async function turnScreen(word) {
-    if (await act("screen", ["screen", word]))
-        tell([`The screen is turned ${word}.`]);
+    if (await act("screen", ["screen", word])) tell([`The screen is turned ${word}.`]);
 }
 
 function screenButtons() {
     const reason = source.reasonNotTo("screen");
     return ["on", "off"].map(word =>
-        button(`Turn ${word}`, () => turnScreen(word),
-               { key: `screen-${word}`, reason, label: `Turn the screen ${word}` }));
-}
-
-function at(iso) {
-    return `${dayOf(iso)} ${timeOf(iso)}`;
+        button(`Turn ${word}`, () => turnScreen(word), {
+            key: `screen-${word}`,
+            reason,
+            label: `Turn ${word} the screen`,
+        }),
+    );
 }
 
 function machineFacts(machine) {
-    const facts = [];
-    if (machine.alarm)
-        facts.push(["Alarm", `${at(machine.alarm)}, for ${machine.alarm_for}`]);
-    if (machine.last_wake)
-        facts.push(["Woken last", `${at(machine.last_wake)}: ${machine.last_wake_cause}`]);
-    if (machine.sleeps_at)
-        facts.push(["Sleeps", at(machine.sleeps_at)]);
-    if (machine.postponed)
-        facts.push(["Stays awake", machine.postponed]);
-    return facts;
+    return [
+        machine.alarm && ["Alarm", `${at(machine.alarm)}, ${causeOf(machine.alarm_for)}`],
+        machine.alarm_problem && ["Its fault", machine.alarm_problem],
+        machine.last_wake && ["Woken last", `${at(machine.last_wake)}, ${causeOf(machine.last_wake_cause)}`],
+        machine.sleeps_at && ["Sleeps", at(machine.sleeps_at)],
+        machine.postponed && ["Stays awake", machine.postponed],
+    ].filter(Boolean);
 }
 
 function setFacts(status) {
     const facts = [];
-    if (status.wakeup)
-        facts.push(["Wakes", `${at(status.wakeup.at)} for timer ${status.wakeup.id}`]);
-    if (status.woken_by)
-        facts.push(["Woken by", status.woken_by.title]);
+    if (status.wakeup) facts.push(["Wakes", `${at(status.wakeup.at)} for timer ${status.wakeup.id}`]);
+    if (status.woken_by) facts.push(["Woken by", status.woken_by.title]);
     facts.push(["Timers", `${status.timers} of ${status.limit}`]);
     return facts;
 }
@@ -98,14 +103,29 @@ function setFacts(status) {
 function machineCard({ machine, status }) {
     const facts = machine ? machineFacts(machine) : setFacts(status);
     return element(
-        "section", { class: "card machine", "aria-labelledby": "machine" },
+        "section",
+        { class: "card machine", "aria-labelledby": "machine" },
         element("h2", { id: "machine" }, machine ? "Screen" : "The set"),
-        machine && element("p", { class: `large screen ${machine.screen}` }, kScreen[machine.screen] ?? machine.screen),
-        element("dl", {}, facts.map(([name, text]) => [element("dt", {}, name), element("dd", {}, text)])),
-        machine && element(
-            "div", { class: "foot" }, screenButtons(),
-            button("Test …", testDialog, { key: "test", reason: source.reasonNotTo("test") })),
-        refusalAt("screen"));
+        machine &&
+            element(
+                "p",
+                { class: `large screen ${machine.screen}` },
+                kScreen[machine.screen] ?? machine.screen,
+            ),
+        element(
+            "dl",
+            {},
+            facts.map(([name, text]) => [element("dt", {}, name), element("dd", {}, text)]),
+        ),
+        machine &&
+            element(
+                "div",
+                { class: "foot" },
+                screenButtons(),
+                button("Test …", testDialog, { key: "test", reason: source.reasonNotTo("test") }),
+            ),
+        refusalAt("screen"),
+    );
 }
 
 // --- the page calls these ---
@@ -113,8 +133,12 @@ function machineCard({ machine, status }) {
 export function renderGlance() {
     const { status } = source.overview;
     tick();
-    render(document.getElementById("glance"),
-           nextCard("on", status.next_on), nextCard("off", status.next_off), machineCard(source.overview));
+    render(
+        document.getElementById("glance"),
+        nextCard("on", status.next_on),
+        nextCard("off", status.next_off),
+        machineCard(source.overview),
+    );
 }
 
 /** Writes the time that is left; called each second. */

@@ -4,16 +4,15 @@ import { Dialog } from "./dialog.js";
 import { element } from "./dom.js";
 import { fill } from "./explain-dialog.js";
 import { run } from "./tool.js";
-import { dayOf, timeOf } from "./words.js";
+import { at } from "./words.js";
 
 function line(entry) {
-    return element("li", {}, element("strong", {}, `${dayOf(entry.at)} ${timeOf(entry.at)}`), " ", entry.text);
+    return element("li", {}, element("strong", {}, at(entry.time)), " ", entry.text);
 }
 
 async function entries() {
     const found = await run(["history"], { act: true });
-    if (!found.length)
-        return [element("p", {}, "The journal has nothing of the timers.")];
+    if (!found.length) return [element("p", {}, "The journal has nothing of the timers.")];
     return [element("ul", { class: "history" }, [...found].reverse().map(line))];
 }
 

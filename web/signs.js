@@ -10,22 +10,31 @@ const kForms = {
     other: "M12 5 A7 7 0 1 1 11.99 5 Z",
 };
 
-/** What each sign means, in the order of the legend. */
-export const kSigns = [
-    ["on", "turns on"], ["off", "turns off"], ["both", "several"], ["wake", "wakes"],
+const kMeanings = [
+    ["on", "turns on"],
+    ["off", "turns off"],
+    ["both", "several"],
+    ["wake", "wakes"],
     ["other", "announces"],
 ];
 
 /** The sign of a kind, 24 px; hollow where its timers are halted. */
 export function sign(kind, halted = false) {
     return drawn(
-        "svg", { class: `sign ${kind}${halted ? " halted" : ""}`, viewBox: "0 0 24 24", "aria-hidden": "true" },
-        drawn("path", { d: kForms[kind] ?? kForms.other }));
+        "svg",
+        { class: `sign ${kind}${halted ? " halted" : ""}`, viewBox: "0 0 24 24", "aria-hidden": "true" },
+        drawn("path", { d: kForms[kind] ?? kForms.other }),
+    );
 }
 
+/** What the signs mean; a screen reader has it from each mark's name. */
 export function legend() {
-    const entries = kSigns.map(([kind, text]) => element("li", {}, sign(kind), text));
-    return element("ul", { class: "legend", "aria-hidden": "true" }, entries,
+    const entries = kMeanings.map(([kind, text]) => element("li", {}, sign(kind), text));
+    return element(
+        "ul",
+        { class: "legend", "aria-hidden": "true" },
+        entries,
         element("li", {}, sign("on", true), "halted"),
-        element("li", {}, element("span", { class: "sample" }), "holidays"));
+        element("li", {}, element("span", { class: "sample" }), "holidays"),
+    );
 }

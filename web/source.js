@@ -34,8 +34,7 @@ class Source extends EventTarget {
     /** Fetches the document: at most once in 200 ms, and never twice at a time. */
     async refresh() {
         this.#wanted = true;
-        if (this.#fetching)
-            return;
+        if (this.#fetching) return;
         this.#fetching = true;
         while (this.#wanted) {
             this.#wanted = false;
@@ -58,19 +57,15 @@ class Source extends EventTarget {
 
     /** Why the user may not do this ("change", "screen", "test", "history"); empty when allowed. */
     reasonNotTo(what) {
-        if (this.lost || !this.overview)
-            return this.lost || "The set has not answered yet.";
+        if (this.lost || !this.overview) return this.lost || "The set has not answered yet.";
         const may = this.overview.may[what];
-        if (may === true || this.#administrator.allowed)
-            return "";
+        if (may === true || this.#administrator.allowed) return "";
         return `${may.charAt(0).toUpperCase()}${may.slice(1)}.`;
     }
 
     #owned(owner) {
-        if (owner)
-            this.refresh();
-        else
-            this.#lose("The timers' daemon, dravel-manager, is not running.");
+        if (owner) this.refresh();
+        else this.#lose("The timers' daemon, dravel-manager, is not running.");
     }
 
     #lose(why) {

@@ -6,27 +6,44 @@ import { button, element } from "./dom.js";
 import { tell } from "./news.js";
 import { source } from "./source.js";
 import { run } from "./tool.js";
-import { dayOf, timeOf } from "./words.js";
+import { at, causeOf, spanOf } from "./words.js";
 
 const kBegun = "dravel.test-wake";
 
-function result(done) {
-    return (done.sentences ?? [done.text ?? "The test is done."]).map(text => element("p", {}, text));
-}
+const kFollows = { true: "It works.", false: "Something is wrong: dravelctl check says what." };
+
+const kTests = {
+    screen: {
+        begins: "The screen goes off for five seconds …",
+        result: ({ off, on, screen_by: by }) =>
+            by === "targets"
+                ? "No television answers: look whether the screen was dark."
+                : `The television said: ${off}, then ${on}.`,
+    },
+    wake: {
+        begins: "The machine goes to sleep …",
+        result: ({ slept, cause, late }) =>
+            `The machine slept for ${spanOf(slept)} and was woken ${causeOf(cause)}, ${
+                late > 0 ? `${spanOf(late)} late` : "in time"
+            }.`,
+    },
+};
 
 async function test(which, place, dialog) {
+    const { begins, result } = kTests[which];
     dialog.refuse("");
-    place.replaceChildren(element("p", {}, which === "screen" ? "The screen goes off for five seconds …" : "The machine goes to sleep …"));
-    if (which === "wake")
-        sessionStorage.setItem(kBegun, source.overview.machine.last_wake ?? "none");
+    place.replaceChildren(element("p", {}, begins));
+    if (which === "wake") sessionStorage.setItem(kBegun, source.overview.machine.last_wake ?? "none");
     try {
-        place.replaceChildren(...result(await run(["test", which], { act: true })));
+        const done = await run(["test", which], { act: true });
+        place.replaceChildren(...[result(done), kFollows[done.good]].map(text => element("p", {}, text)));
         sessionStorage.removeItem(kBegun);
     } catch (refusal) {
         place.replaceChildren();
-        if (refusal.kind !== "failed")
-            sessionStorage.removeItem(kBegun);
         dialog.refuse(refusal.message);
+        if (refusal.kind !== "failed")
+            // the connection may be lost by the sleep itself
+            sessionStorage.removeItem(kBegun);
     }
 }
 
@@ -36,17 +53,21 @@ export function testDialog() {
     const dialog = new Dialog("Does it work here?", [
         element("p", {}, "The screen is turned off, and on again after five seconds."),
         button("Test the screen", act("screen")),
-        element("p", {}, "The machine sleeps now and wakes itself after a minute. This page loses its connection until then: reload it, and it says how the wake-up went."),
+        element(
+            "p",
+            {},
+            "The machine sleeps now and wakes itself after a minute. This page loses its connection until then: reload it, and it says how the wake-up went.",
+        ),
         button("Test the wake-up", act("wake")),
-        place]);
+        place,
+    ]);
 }
 
 /** Tells of a test during which the page went. */
 export function reportTest() {
     const before = sessionStorage.getItem(kBegun);
     const machine = source.overview?.machine;
-    if (before === null || !machine || source.lost || (machine.last_wake ?? "none") === before)
-        return;
+    if (before === null || !machine || source.lost || (machine.last_wake ?? "none") === before) return;
     sessionStorage.removeItem(kBegun);
-    tell([`The machine woke ${dayOf(machine.last_wake)} ${timeOf(machine.last_wake)}: ${machine.last_wake_cause}.`]);
+    tell([`The machine was woken ${at(machine.last_wake)}, ${causeOf(machine.last_wake_cause)}.`]);
 }

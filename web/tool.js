@@ -38,7 +38,9 @@ function refusalOf(problem, output) {
  */
 export function text(words, { act = false, input = "" } = {}) {
     const process = cockpit.spawn([kTool, "--json", ...words], {
-        environ: ["TZ=:/etc/localtime"], err: "message", superuser: act ? "try" : null,
+        environ: ["TZ=:/etc/localtime"],
+        err: "message",
+        superuser: act ? "try" : null,
     });
     process.input(input);
     return new Promise((resolve, reject) => {

@@ -6,7 +6,7 @@ import { legend, sign } from "./signs.js";
 import { source } from "./source.js";
 import { explainDialog } from "./explain-dialog.js";
 import { timerDialog } from "./timer-dialog.js";
-import { dayOf, meaningOf, sentence, timeOf } from "./words.js";
+import { at, dayOf, meaningOf, sentence, timeOf } from "./words.js";
 
 const kRowPx = 36;
 const kMarkPx = 26;
@@ -16,7 +16,12 @@ const section = document.getElementById("week");
 const parts = {
     unknown: element("p", { hidden: true }, "No week can be shown while the set's clock is unknown."),
     days: element("div", { class: "days", "aria-hidden": "true" }),
-    plot: element("div", { class: "plot", role: "group", "aria-label": "Firings; the arrow keys go from one to the next", keydown: event => step(event) }),
+    plot: element("div", {
+        class: "plot",
+        role: "group",
+        "aria-label": "Firings; the arrow keys go from one to the next",
+        keydown: event => step(event),
+    }),
     chosen: element("div", { class: "chosen", role: "status" }),
 };
 parts.chart = element("div", {}, element("div", { class: "chart" }, parts.days, parts.plot), legend());
@@ -35,10 +40,8 @@ function clustersOf(firings, width) {
     for (const firing of firings) {
         const x = (minuteOf(firing.at) / kMinutes) * width;
         const last = clusters.at(-1);
-        if (last && x - last.x < kMarkPx)
-            last.firings.push(firing);
-        else
-            clusters.push({ x, firings: [firing] });
+        if (last && x - last.x < kMarkPx) last.firings.push(firing);
+        else clusters.push({ x, firings: [firing] });
     }
     return clusters;
 }
@@ -53,7 +56,7 @@ function nameOf({ firings }) {
     const last = firings.at(-1);
     const until = first.at === last.at ? "" : ` to ${timeOf(last.at)}`;
     const what = ids.length === 1 ? titleOf(first.id) : `${ids.length} firings`;
-    return `${dayOf(first.at)} ${timeOf(first.at)}${until}: ${what}${first.halted ? ", halted" : ""}`;
+    return `${at(first.at)}${until}: ${what}${areHalted(firings) ? ", halted" : ""}`;
 }
 
 function titleOf(id) {
@@ -64,15 +67,28 @@ function kindOf(firings) {
     return firings.every(firing => firing.mark === firings[0].mark) ? firings[0].mark : "both";
 }
 
+function areHalted(firings) {
+    return firings.every(firing => firing.halted);
+}
+
 function mark(cluster, row) {
     const { firings, x } = cluster;
     const key = `mark ${firings[0].at}`;
     const count = firings.flatMap(idsOf).length;
-    const node = element("button", {
-        type: "button", class: "mark", "data-key": key, "aria-label": nameOf(cluster),
-        "aria-pressed": String(chosen === key), tabindex: -1, click: () => choose(key),
-    }, sign(kindOf(firings), firings.every(firing => firing.halted)),
-    count > 1 && element("span", { class: "count" }, count));
+    const node = element(
+        "button",
+        {
+            type: "button",
+            class: "mark",
+            "data-key": key,
+            "aria-label": nameOf(cluster),
+            "aria-pressed": String(chosen === key),
+            tabindex: -1,
+            click: () => choose(key),
+        },
+        sign(kindOf(firings), areHalted(firings)),
+        count > 1 && element("span", { class: "count" }, count),
+    );
     node.style.left = `${x}px`;
     node.style.top = `${row * kRowPx + kRowPx / 2}px`;
     return { node, key, firings };
@@ -80,41 +96,49 @@ function mark(cluster, row) {
 
 // --- the picture ---
 
+/** The hours that are named where the picture is so wide. */
+function hoursOf(width) {
+    const every = width < 480 ? 6 : 3;
+    return Array.from({ length: 24 / every }, (_, index) => ({
+        hour: index * every,
+        x: ((index * every) / 24) * width,
+    }));
+}
+
 function rectangle(name, x, row, width) {
     return drawn("rect", { class: name, x, y: row * kRowPx, width, height: kRowPx });
 }
 
 function picture(week, width) {
     const height = week.days.length * kRowPx;
-    const every = width < 480 ? 6 : 3;
-    const lines = [];
-    for (let hour = 0; hour <= 24; hour += every) {
-        const x = (hour / 24) * width;
-        lines.push(drawn("line", { class: "hour", x1: x, x2: x, y1: 0, y2: height }));
-    }
+    const lines = hoursOf(width).map(({ x }) =>
+        drawn("line", { class: "hour", x1: x, x2: x, y1: 0, y2: height }),
+    );
     const rows = week.days.map((day, row) =>
-        rectangle(day.holidays.length ? "day holiday" : row % 2 ? "day odd" : "day", 0, row, width));
+        rectangle(day.holidays.length ? "day holiday" : row % 2 ? "day odd" : "day", 0, row, width),
+    );
     const now = (minuteOf(week.now) / kMinutes) * width;
     return drawn(
-        "svg", { width, height, viewBox: `0 0 ${width} ${height}`, role: "img", "aria-label": described(week) },
-        rows, lines,
+        "svg",
+        { width, height, viewBox: `0 0 ${width} ${height}`, role: "img", "aria-label": described(week) },
+        rows,
+        lines,
         rectangle("past", 0, 0, now),
-        drawn("line", { class: "now", x1: now, x2: now, y1: 0, y2: kRowPx }));
+        drawn("line", { class: "now", x1: now, x2: now, y1: 0, y2: kRowPx }),
+    );
 }
 
 function described(week) {
     const free = week.days.filter(day => day.holidays.length).map(day => dayOf(day.date));
-    return `Now ${dayOf(week.now)} ${timeOf(week.now)}. Holidays: ${free.join(", ") || "none"}.`;
+    return `Now ${at(week.now)}. Holidays: ${free.join(", ") || "none"}.`;
 }
 
-function hours(width) {
-    const every = width < 480 ? 6 : 3;
-    const labels = [];
-    for (let hour = 0; hour < 24; hour += every) {
+function scale(width) {
+    const labels = hoursOf(width).map(({ hour, x }) => {
         const label = element("span", {}, String(hour).padStart(2, "0"));
-        label.style.left = `${(hour / 24) * width}px`;
-        labels.push(label);
-    }
+        label.style.left = `${x}px`;
+        return label;
+    });
     return element("div", { class: "hours", "aria-hidden": "true" }, labels);
 }
 
@@ -123,10 +147,15 @@ function hours(width) {
 function step(event) {
     const marks = [...section.querySelectorAll(".mark")];
     const here = marks.indexOf(document.activeElement);
-    const to = { ArrowRight: here + 1, ArrowDown: here + 1, ArrowLeft: here - 1, ArrowUp: here - 1,
-                 Home: 0, End: marks.length - 1 }[event.key];
-    if (here < 0 || to === undefined)
-        return;
+    const to = {
+        ArrowRight: here + 1,
+        ArrowDown: here + 1,
+        ArrowLeft: here - 1,
+        ArrowUp: here - 1,
+        Home: 0,
+        End: marks.length - 1,
+    }[event.key];
+    if (here < 0 || to === undefined) return;
     event.preventDefault();
     const target = marks[Math.min(Math.max(to, 0), marks.length - 1)];
     marks[here].tabIndex = -1;
@@ -143,21 +172,33 @@ function choose(key) {
 function firingLine(firing, id) {
     const { timers, types } = source.overview;
     const timer = timers.find(other => other.id === id);
-    if (!timer)
-        return null;
+    if (!timer) return null;
     const passed = id === firing.id ? "" : "; another timer fires in its place";
     return element(
-        "li", {}, element("strong", {}, timeOf(firing.at)), " ",
-        `${sentence(timer.title)}: ${meaningOf(timer, types).toLowerCase()}${passed}`, " ",
-        button("Change", () => timerDialog(timer),
-               { key: `week-change-${id}-${firing.at}`, kind: "link", label: `Change timer ${id}`, reason: source.reasonNotTo("change") }),
-        button("Why?", () => explainDialog(id), { key: `week-why-${id}-${firing.at}`, reason: source.lost, kind: "link", label: `Why does timer ${id} fire then?` }));
+        "li",
+        {},
+        element("strong", {}, timeOf(firing.at)),
+        " ",
+        `${sentence(timer.title)}: ${meaningOf(timer, types).toLowerCase()}${passed}`,
+        " ",
+        button("Change", () => timerDialog(timer), {
+            key: `week-change-${id}-${firing.at}`,
+            kind: "link",
+            label: `Change timer ${id}`,
+            reason: source.reasonNotTo("change"),
+        }),
+        button("Why?", () => explainDialog(id), {
+            key: `week-why-${id}-${firing.at}`,
+            reason: source.lost,
+            kind: "link",
+            label: `Why does timer ${id} fire then?`,
+        }),
+    );
 }
 
 function details(marks) {
     const found = marks.find(({ key }) => key === chosen);
-    if (!found)
-        return [];
+    if (!found) return [];
     const lines = found.firings.flatMap(firing => idsOf(firing).map(id => firingLine(firing, id)));
     return [element("h3", {}, dayOf(found.firings[0].at)), element("ul", {}, lines)];
 }
@@ -166,11 +207,13 @@ function details(marks) {
 
 function marksOf(week, width) {
     const marks = week.days.flatMap((day, row) =>
-        clustersOf(week.firings.filter(firing => firing.at.startsWith(day.date)), width)
-            .map(cluster => mark(cluster, row)));
+        clustersOf(
+            week.firings.filter(firing => firing.at.startsWith(day.date)),
+            width,
+        ).map(cluster => mark(cluster, row)),
+    );
     const stop = marks.find(({ key }) => key === chosen) ?? marks[0];
-    if (stop)
-        stop.node.tabIndex = 0;
+    if (stop) stop.node.tabIndex = 0;
     return marks;
 }
 
@@ -179,13 +222,25 @@ export function renderWeek() {
     section.hidden = false;
     parts.unknown.hidden = Boolean(week);
     parts.chart.hidden = !week;
-    if (!week)
-        return parts.chosen.replaceChildren();
-    render(parts.days, week.days.map(day => element("span", { class: day.holidays.length ? "free" : null }, dayOf(day.date))));
+    if (!week) return parts.chosen.replaceChildren();
+    render(
+        parts.days,
+        week.days.map(day =>
+            element("span", { class: day.holidays.length ? "free" : null }, dayOf(day.date)),
+        ),
+    );
     const width = parts.plot.clientWidth;
     const marks = marksOf(week, width);
-    render(parts.plot, hours(width), picture(week, width),
-           element("div", { class: "marks" }, marks.map(({ node }) => node)));
+    render(
+        parts.plot,
+        scale(width),
+        picture(week, width),
+        element(
+            "div",
+            { class: "marks" },
+            marks.map(({ node }) => node),
+        ),
+    );
     render(parts.chosen, details(marks));
 }
 

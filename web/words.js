@@ -3,8 +3,28 @@
 
 const kDays = ["Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"];
 
-export const kMonths = ["January", "February", "March", "April", "May", "June", "July", "August",
-    "September", "October", "November", "December"];
+const kCauses = {
+    timer: "for a timer",
+    hop: "on the way to a later on-time",
+    test: "for a test",
+    foreign: "for another program",
+    user: "by its user",
+};
+
+export const kMonths = [
+    "January",
+    "February",
+    "March",
+    "April",
+    "May",
+    "June",
+    "July",
+    "August",
+    "September",
+    "October",
+    "November",
+    "December",
+];
 
 /** "07:00", with its seconds where it has some. */
 export function timeOf(iso) {
@@ -18,15 +38,34 @@ export function dayOf(iso) {
     return `${kDays[weekday]} ${day} ${kMonths[month - 1].slice(0, 3)}`;
 }
 
+/** "Thu 26 Nov 07:00" */
+export function at(iso) {
+    return `${dayOf(iso)} ${timeOf(iso)}`;
+}
+
+/** What an alarm is for, and what woke the machine. */
+export function causeOf(cause) {
+    return kCauses[cause] ?? `by ${cause}`;
+}
+
 function parts(seconds) {
     const days = Math.floor(seconds / 86400);
     const hours = Math.floor(seconds / 3600) % 24;
     const minutes = Math.floor(seconds / 60) % 60;
     if (days > 0)
-        return [[days, days === 1 ? " day" : " days"], [hours, " h"]];
+        return [
+            [days, days === 1 ? " day" : " days"],
+            [hours, " h"],
+        ];
     if (hours > 0)
-        return [[hours, " h"], [minutes, " min"]];
-    return [[minutes, " min"], [seconds % 60, " s"]];
+        return [
+            [hours, " h"],
+            [minutes, " min"],
+        ];
+    return [
+        [minutes, " min"],
+        [seconds % 60, " s"],
+    ];
 }
 
 /** "4 h 43 min": the two largest units. */
@@ -44,9 +83,4 @@ export function sentence(text) {
 /** What a timer of this type does. */
 export function meaningOf(timer, types) {
     return sentence(types.find(type => type.number === timer.type)?.meaning ?? `type ${timer.type_name}`);
-}
-
-/** Notes of a document, each timer that an act has moved among them. */
-export function notesOf(done) {
-    return done.notes ?? [];
 }

@@ -5,7 +5,6 @@ import json
 import os
 import pathlib
 import shutil
-import signal
 import socket
 import subprocess
 import time
@@ -13,7 +12,8 @@ import time
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+HERE = pathlib.Path(__file__).resolve().parent
+ROOT = HERE.parents[1]
 BUILD = pathlib.Path(os.environ.get("BUILD", ROOT / "build" / "debug"))
 BUS = "unix:path=/run/bench/policy-bus"
 NAME = "org.olvara.tv.system.dravel"
@@ -47,6 +47,11 @@ def wait(what, condition, seconds=20):
         time.sleep(0.03)
 
 
+def end(process):
+    process.kill()
+    process.wait()
+
+
 class Bench:
     """All processes of the page, and its files, which are the sandbox's."""
 
@@ -58,25 +63,29 @@ class Bench:
         self.install()
         self.start_bus()
         self.start_daemon()
-        self.servers = []
-        self.ports = {user: self.serve(user, session) for user, session in USERS.items()}
+        self.servers = {}
+        self.ports = {user: self.serve(user) for user in USERS}
         self.browser = self.open_browser()
 
     def close(self):
         self.browser.quit()
-        for process in [*self.servers, self.daemon]:
-            process.kill()
-            process.wait()
+        for process in [*self.servers.values(), self.daemon]:
+            end(process)
 
     def install(self):
         """Puts the page where Cockpit finds it, and the tool where every user may run it."""
         self.tool = pathlib.Path("/run/bench/dravelctl")
         shutil.copy(BUILD / "dravelctl", self.tool)
-        page = pathlib.Path("/tmp/data/cockpit/dravel")
+        self.install_page("dravel", self.tool)
+        self.install_page("machine", shutil.copy(HERE / "machine_tool.py", "/run/bench"))
+
+    @staticmethod
+    def install_page(name, tool):
+        page = pathlib.Path("/tmp/data/cockpit") / name
         shutil.copytree(ROOT / "web", page)
         source = page / "tool.js"
         text = source.read_text("utf-8")
-        changed = text.replace('"/usr/bin/dravelctl"', f'"{self.tool}"')
+        changed = text.replace('"/usr/bin/dravelctl"', f'"{tool}"')
         assert changed != text
         source.write_text(changed, "utf-8")
 
@@ -93,8 +102,7 @@ class Bench:
         subprocess.run(["gdbus", "wait", "--system", "--timeout", "20", NAME], env=self.environment, check=True)
 
     def kill_daemon(self):
-        self.daemon.send_signal(signal.SIGKILL)
-        self.daemon.wait()
+        end(self.daemon)
 
     def restart_daemon(self):
         """With the clock back at noon and an empty list, whose first timer gets the number 1."""
@@ -103,20 +111,20 @@ class Bench:
             file.unlink()
         self.start_daemon()
 
-    def serve(self, user, session):
+    def serve(self, user):
         wrapper = pathlib.Path(f"/tmp/session-{user}")
         home = pathlib.Path(f"/tmp/home-{user}")
-        home.mkdir()
+        home.mkdir(exist_ok=True)
         home.chmod(0o777)
         wrapper.write_text(f"#!/bin/sh\nexport HOME={home} XDG_RUNTIME_DIR={home}\n"
-                           f"exec {IN_BERLIN} {session} cockpit-bridge\n", "ascii")
+                           f"exec {IN_BERLIN} {USERS[user]} cockpit-bridge\n", "ascii")
         wrapper.chmod(0o755)
         with socket.socket() as probe:
             probe.bind(("127.0.0.1", 0))
             port = probe.getsockname()[1]
-        self.servers.append(subprocess.Popen(
+        self.servers[user] = subprocess.Popen(
             ["/usr/lib/cockpit/cockpit-ws", "--no-tls", f"--port={port}", "--address=127.0.0.1",
-             f"--local-session={wrapper}"], env=self.environment))
+             f"--local-session={wrapper}"], env=self.environment)
         wait("cockpit-ws", lambda: socket.create_connection(("127.0.0.1", port)).close() is None)
         return port
 
@@ -138,5 +146,16 @@ class Bench:
     def ctl(self, *words, text=None):
         return json.loads(self.run(*words, text=text) or "null")
 
-    def url(self, user):
-        return f"http://127.0.0.1:{self.ports[user]}/cockpit/@localhost/dravel/index.html"
+    def lose_clock(self):
+        """The set's clock reads nothing any more, and the set says so."""
+        there = [NAME, "/org/olvara/tv/standin", "org.olvara.tv.standin"]
+        for words in ["set-property", *there, "TvClock", "u", "0"], ["call", *there, "TimeSet"]:
+            subprocess.run(["busctl", f"--address={BUS}", *words], check=True)
+
+    def cut(self, user):
+        """Ends the user's connection for good; a new server takes the place of the old one."""
+        end(self.servers[user])
+        self.ports[user] = self.serve(user)
+
+    def url(self, user, page="dravel"):
+        return f"http://127.0.0.1:{self.ports[user]}/cockpit/@localhost/{page}/index.html"

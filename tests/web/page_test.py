@@ -2,7 +2,7 @@
 """The page in a real browser, on Cockpit's own server, with the daemon on a simulated set.
 
 A scenario is a line of what is done and seen; its words are the methods of Page. Run in scripts/sandbox:
-tests/web/page_test.py [Page.test_NAME]. BUILD names the build directory, AXE the file axe.min.js.
+tests/web/page_test.py [Page.test_NAME]. BUILD names the build directory; PICTURE a file that gets a picture of the page.
 """
 import json
 import os
@@ -19,7 +19,7 @@ from selenium.webdriver import ActionChains  # noqa: E402
 from selenium.webdriver.common.by import By  # noqa: E402
 from selenium.webdriver.common.keys import Keys  # noqa: E402
 
-AXE = pathlib.Path(os.environ.get("AXE", ROOT / "build" / "axe" / "axe.min.js"))
+AXE = ROOT / "build" / "axe" / "axe.min.js"
 
 # Buttons by the name that a screen reader says, in the dialog if one is open.
 FIND = """
@@ -30,6 +30,7 @@ return [...scope.querySelectorAll("button, summary, .day input")].find(node =>
 TEXT = 'return (document.querySelector("dialog[open]") ?? document.body).innerText + document.getElementById("news").innerText'
 
 ACTS = {
+    "glance": "ctl add --at=7:00 --on=daily; see 'in 18 h 59 min'; see '07:00Wed 23 Dec'; see 'Next off'; see None",
     "add": "press 'Add a timer'; set at 06:55; press Weekdays; tick holidays; see 'Fires next: Wed 2026-12-23 06:55'; "
            "press Add; see 'Timer 1 (on, weekdays) is added. It fires next Wed 2026-12-23 06:55:00'; told export '\"time\": \"06:55\"'",
     "add once": "press 'Add a timer'; set type 1; set at 23:30; set date 2026-12-24; press Add; see 'Timer 1 (off, once)'; "
@@ -45,6 +46,8 @@ ACTS = {
                 "see 'Timer 1 rests'; told 'holidays list' '\"day\":24'; press 'Remove the holidays 10 Jul to 24 Jul'; see 'None are set'",
     "holidays by key": "press Calendar; key ARROW_DOWN; key ENTER; key ARROW_RIGHT; key ENTER; press Add; see '29 Dec to 30 Dec'",
     "why": "ctl add --at=7:00 --on=sat; press 'Why does timer 1 fire, and when?'; see 'It fires next on Sat 2026-12-26 07:00:00'",
+    "focus": "ctl add --at=7:00 --on=sat; press 'Why does timer 1 fire, and when?'; ctl halt on; behind 'On-timers are halted'; "
+             "key ESCAPE; focus 'Why does timer 1 fire, and when?'",
     "week": "ctl add --at=7:00 --on=wed; press 'Wed 23 Dec 07:00: timer 1 (on, Wed)'; see 'Timer 1 (on, Wed): turns the set on'",
     "import": "file a '{\"timers\":[{\"type\":1,\"time\":\"23:00\",\"days\":[\"Mon\"]}]}'; see 'a.json: 1 added, 0 refused.'; see 'timer 1'",
     "outside": "ctl add --at=7:00 --on=wed; see 'Timers1 of 80'; ctl cancel 1; see 'no timer yet'",
@@ -64,7 +67,17 @@ RIGHTS = {
              "barred 'Change timer 1'; barred 'On-timers act'; barred 'Import …'; press 'Why does timer 1 fire, and when?'; see 'It fires next'",
     "member": "press 'Cancel timer 1'; see 'is cancelled'",
 }
-DIALOGS = ["Add a timer", "Change timer 1", "Why does timer 1 fire, and when?", "Calendar", "History"]
+MACHINE = {
+    "glance": "see 'Wed 23 Dec 06:58:30, for a timer'; see 'somebody is logged in'; see 'The clock of this machine is not synchronised.'",
+    "screen": "press 'Turn off the screen'; see 'The screen is turned off.'; press 'Turn on the screen'; see 'The adapter is gone: plug it in.'",
+    "test": "press 'Test …'; press 'Test the screen'; see 'The television said: off, then on.'; press 'Test the wake-up'; "
+            "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
+    "after a test": "store dravel.test-wake none; open member machine; see 'The machine was woken Tue 22 Dec 06:58:30, for a timer.'",
+    "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",
+}
+FULL = ("press 'Add a timer'; set at 23:59; see 'removed to make room'; press Add; see 'removed to make room'; tick force; press Add; see 'is added'; "
+        "told status '\"timers\":80'; press 'Add a timer'; see 'The list is full'; press Cancel")
+DIALOGS = ["Add a timer", "Change timer 1", "Why does timer 1 fire, and when?", "Calendar", "History", "Test …"]
 MANY = {"timers": [{"type": n % 2, "time": f"{n % 24:02}:{n // 24 * 7:02}", "days": ["Mon", "Wed", "Sat"]} for n in range(80)]}
 
 
@@ -85,8 +98,8 @@ class Page(unittest.TestCase):
 
     # --- the words of a scenario ---
 
-    def open(self, user="member"):
-        self.browser.get(self.bench.url(user))
+    def open(self, user="member", page="dravel"):
+        self.browser.get(self.bench.url(user, page))
         self.see("Next on")
 
     def ctl(self, *words):
@@ -112,11 +125,21 @@ class Page(unittest.TestCase):
     def tick(self, name):
         self.browser.find_element(By.CSS_SELECTOR, f"dialog [name={name}]").click()
 
+    def store(self, key, value):
+        self.browser.execute_script("sessionStorage.setItem(arguments[0], arguments[1])", key, value)
+
     def key(self, name):
         ActionChains(self.browser).send_keys(getattr(Keys, name)).perform()
 
     def see(self, text):
         wait(f"the text {text}", lambda: text in self.browser.execute_script(TEXT))
+
+    def behind(self, text):
+        wait(f"behind the dialog the text {text}", lambda: text in self.browser.find_element(By.TAG_NAME, "main").text)
+
+    def focus(self, name):
+        here = "return (document.activeElement.ariaLabel ?? document.activeElement.textContent).trim()"
+        wait(f"the focus at {name}", lambda: self.browser.execute_script(here) == name)
 
     def barred(self, name):
         wait(f"{name} cannot be pressed", lambda: not self.find(name).is_enabled())
@@ -136,17 +159,17 @@ class Page(unittest.TestCase):
             word, *arguments = shlex.split(step)
             getattr(self, word)(*arguments)
 
-    def play_all(self, scenarios):
+    def play_all(self, scenarios, page="dravel"):
         for name, scenario in scenarios.items():
             with self.subTest(name):
                 self.bench.restart_daemon()
-                self.open()
+                self.open(page=page)
                 self.play(scenario)
 
     # --- looks ---
 
-    def look(self, width, dark):
-        self.browser.set_window_size(width, 900)
+    def look(self, width, dark, height=900):
+        self.browser.set_window_size(width, height)
         self.browser.execute_script(
             "localStorage.setItem('shell:style', arguments[0]);"
             "window.dispatchEvent(new CustomEvent('cockpit-style', {detail: {style: arguments[0]}}))", "dark" if dark else "light")
@@ -163,6 +186,9 @@ class Page(unittest.TestCase):
 
     def test_bad_input(self):
         self.play_all(BAD_INPUT)
+
+    def test_machine(self):
+        self.play_all(MACHINE, page="machine")
 
     def test_export(self):
         self.ctl("add", "--at=7:00", "--on=mon")
@@ -191,12 +217,34 @@ class Page(unittest.TestCase):
         self.assertEqual(self.violations(), [])
         self.bench.start_daemon()
         self.play("press 'Cancel timer 1'; see 'is cancelled'")
+        self.bench.cut("member")
+        self.play("see 'The connection to this machine is lost.'; barred 'Add a timer'")
+        self.browser.get_log("browser")  # the browser tells of the connection, too
+
+    def test_menu(self):
+        self.browser.get(self.bench.url("member").split("cockpit")[0])
+        wait("the menu", lambda: self.browser.find_element(By.LINK_TEXT, "TV timers").click() is None)
+        frame = "iframe[name='cockpit1:localhost/dravel']"
+        wait("the page", lambda: self.browser.switch_to.frame(self.browser.find_element(By.CSS_SELECTOR, frame)) is None)
+        self.see("Next on")
+        self.browser.switch_to.default_content()
+
+    def test_no_clock(self):
+        self.ctl("holidays", "add", "12-24")
+        self.open()
+        self.bench.lose_clock()
+        self.play('see "The set\'s clock is unknown"; see "No week can be shown"; barred Calendar; press "Remove the holidays 24 Dec"; '
+                  'see "None are set"')
 
     def test_looks(self):
         for command in ("add --at=7:00 --on=mon-fri --holidays=skip", "add --at=22:30 --type=off --on=daily",
                         "add --at=9:00 --on=sat,sun", "add --at=12:30 --type=announce --on=mon,wed", "holidays add 12-24 12-26"):
             self.ctl(*command.split())
-        self.open()
+        self.open(page="machine")
+        self.see("timer 4")
+        if "PICTURE" in os.environ:
+            self.look(1100, False, height=930)
+            self.browser.get_screenshot_as_file(os.environ["PICTURE"])
         for width, dark, dialogs in (1920, False, DIALOGS), (1280, True, []), (360, False, []), (360, True, DIALOGS):
             self.look(width, dark)
             for dialog in [None, *dialogs]:
@@ -208,8 +256,12 @@ class Page(unittest.TestCase):
                     self.assertLessEqual(self.browser.execute_script("return document.documentElement.scrollWidth"), width)
                     if dialog:
                         self.key("ESCAPE")
-                        focus = self.browser.execute_script("return document.activeElement.ariaLabel ?? document.activeElement.textContent")
-                        self.assertEqual(focus, dialog)
+                        self.focus(dialog)
+
+    def test_full_list(self):
+        self.bench.ctl("import", "-", text=json.dumps(MANY))
+        self.open()
+        self.play(FULL)
 
     def test_speed(self):
         begin = time.monotonic()
