@@ -84,10 +84,10 @@ class Night:
 
     def off(self):
         self.begin(51, "on", "--type off")
+        self.guest.await_sleep(60)
+        self.user_wakes()
         self.expires()
         self.await_television("standby")
-        self.guest.await_sleep(40)
-        self.user_wakes()
 
     def early(self):
         self.begin(20, "on")
