@@ -298,5 +298,5 @@ std::string client::reason_not_to_order() {
   g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
       bus_, kDravelBusName, kMachinePath, kMachineInterface, "TurnScreen", nullptr, nullptr,
       G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms_, nullptr, &error);
-  return is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}) ? kWhoMay : "";
+  return reply == nullptr && is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}) ? kWhoMay : "";
 }

@@ -51,9 +51,9 @@ static json dates_of(const holiday &period, const snapshot &view) {
 }
 
 static std::string text_of(const holiday &period) {
-  const std::string first = date_text(period.first);
-  const std::string last = date_text(period.last);
-  return first == last ? first : first + " to " + last;
+  const std::string from = date_text(period.first);
+  const std::string until = date_text(period.last);
+  return from == until ? from : from + " to " + until;
 }
 
 static json holidays_of(const snapshot &view) {

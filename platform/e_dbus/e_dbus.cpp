@@ -5,10 +5,13 @@
 
 #include <algorithm>
 #include <array>
+#include <list>
 #include <map>
 #include <memory>
+#include <queue>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 struct E_DBus_Interface {
@@ -37,10 +40,30 @@ struct E_DBus_Interface {
 };
 
 struct E_DBus_Object {
-  DBusConnection *bus;
+  E_DBus_Connection *connection;
   std::string path;
   std::vector<const E_DBus_Interface *> interfaces;
 };
+
+namespace {
+
+struct unref_message {
+  void operator()(DBusMessage *message) const { dbus_message_unref(message); }
+};
+using message_ptr = std::unique_ptr<DBusMessage, unref_message>;
+
+struct waiting_call {
+  E_DBus_Object *object;
+  message_ptr message;
+};
+
+struct waiting_client {
+  std::string name;
+  std::queue<waiting_call> calls;
+  bool refused_any = false;
+};
+
+} // namespace
 
 struct E_DBus_Connection {
   struct pending_reply {
@@ -55,8 +78,9 @@ struct E_DBus_Connection {
 
   DBusConnection *bus;
   Ecore_Fd_Handler *socket = nullptr;
-  Ecore_Job *dispatch = nullptr;
-  bool reading = false;             // the socket is read, and one message is dispatched after it
+  Ecore_Job *next_pass = nullptr;
+  bool in_pass = false;
+  std::list<waiting_client> turns;  // the client whose turn it is first
   std::vector<DBusWatch *> watches; // all on the one socket
   std::map<DBusPendingCall *, pending_reply> waiting;
   std::vector<std::unique_ptr<E_DBus_Object>> objects;
@@ -64,6 +88,13 @@ struct E_DBus_Connection {
 
 static constexpr double kMillisecondsPerSecond = 1000.0;
 static constexpr const char *kTag = "E_DBUS";
+// Of one client, which further ones are refused. A system bus lets it await as many answers, so
+// that only calls that await none are refused there.
+static constexpr std::size_t kMostWaitingCalls = 128;
+// Of all clients: the socket is read again once less waits.
+static constexpr long kMostWaitingBytes = 32L * 1024 * 1024;
+// Between two answers, so that timers are not late.
+static constexpr int kMostMessagesInAPass = 250;
 // By E_DBus_Property_Change.
 static constexpr const char *kChangeWords[] = {"const", "false", "invalidates", "true"};
 
@@ -77,11 +108,6 @@ struct bus_library {
   std::array<std::unique_ptr<E_DBus_Connection>, 3> connections; // by DBusBusType
 };
 
-struct unref_message {
-  void operator()(DBusMessage *message) const { dbus_message_unref(message); }
-};
-using message_ptr = std::unique_ptr<DBusMessage, unref_message>;
-
 } // namespace
 
 // A plain pointer: when the process ends without e_dbus_shutdown no destructor
@@ -91,143 +117,6 @@ static bus_library *library = nullptr;
 static void send_reply(DBusConnection *bus, DBusMessage *call, DBusMessage *reply) {
   if (reply != nullptr && !dbus_message_get_no_reply(call))
     dbus_connection_send(bus, reply, nullptr);
-}
-
-// --- libdbus on the Ecore main loop ---
-
-static void dispatch_one(void *data);
-
-static void schedule_dispatch(E_DBus_Connection *connection) {
-  if (connection->dispatch == nullptr && !connection->reading)
-    connection->dispatch = ecore_job_add(dispatch_one, connection);
-}
-
-// One message in each pass of the main loop, so that a busy client does not delay
-// the timers.
-static void dispatch_one(void *data) {
-  auto *connection = static_cast<E_DBus_Connection *>(data);
-  connection->dispatch = nullptr;
-  if (dbus_connection_dispatch(connection->bus) != DBUS_DISPATCH_COMPLETE)
-    schedule_dispatch(connection);
-}
-
-static void dispatch_status_changed(DBusConnection *, DBusDispatchStatus status, void *data) {
-  if (status != DBUS_DISPATCH_COMPLETE)
-    schedule_dispatch(static_cast<E_DBus_Connection *>(data));
-}
-
-static void wakeup_main(void *data) { schedule_dispatch(static_cast<E_DBus_Connection *>(data)); }
-
-static unsigned int ready_conditions(Ecore_Fd_Handler *handler) {
-  unsigned int ready = 0;
-  if (ecore_main_fd_handler_active_get(handler, ECORE_FD_READ))
-    ready |= DBUS_WATCH_READABLE;
-  if (ecore_main_fd_handler_active_get(handler, ECORE_FD_WRITE))
-    ready |= DBUS_WATCH_WRITABLE;
-  if (ecore_main_fd_handler_active_get(handler, ECORE_FD_ERROR))
-    ready |= DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP;
-  return ready;
-}
-
-static Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
-  auto *connection = static_cast<E_DBus_Connection *>(data);
-  const unsigned int ready = ready_conditions(handler);
-
-  // When the connection is lost, libdbus removes watches while they are handled.
-  connection->reading = true;
-  for (std::size_t i = 0; i < connection->watches.size(); ++i) { // NOLINT(modernize-loop-convert)
-    DBusWatch *watch = connection->watches[i];
-    const unsigned int conditions =
-        ready & (dbus_watch_get_flags(watch) | DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP);
-    if (dbus_watch_get_enabled(watch) && conditions)
-      dbus_watch_handle(watch, conditions);
-  }
-  connection->reading = false;
-  // The first message now: a job would wait for the next pass of the loop. One may wait already.
-  if (connection->dispatch == nullptr)
-    dispatch_one(connection);
-  return ECORE_CALLBACK_RENEW;
-}
-
-// libdbus has one watch for reading and one for writing; Ecore takes a descriptor
-// only once, so one handler serves both.
-static void update_socket_handler(E_DBus_Connection *connection) {
-  unsigned int wanted = 0;
-  for (DBusWatch *watch : connection->watches)
-    if (dbus_watch_get_enabled(watch))
-      wanted |= dbus_watch_get_flags(watch);
-
-  if (!wanted) {
-    if (connection->socket != nullptr)
-      ecore_main_fd_handler_del(connection->socket);
-    connection->socket = nullptr;
-    return;
-  }
-  const int flags = ECORE_FD_ERROR | ((wanted & DBUS_WATCH_READABLE) ? ECORE_FD_READ : 0) |
-                    ((wanted & DBUS_WATCH_WRITABLE) ? ECORE_FD_WRITE : 0);
-  const auto conditions = static_cast<Ecore_Fd_Handler_Flags>(flags);
-  if (connection->socket != nullptr)
-    ecore_main_fd_handler_active_set(connection->socket, conditions);
-  else
-    connection->socket =
-        ecore_main_fd_handler_add(dbus_watch_get_unix_fd(connection->watches.front()), conditions,
-                                  socket_ready, connection, nullptr, nullptr);
-}
-
-static dbus_bool_t add_watch(DBusWatch *watch, void *data) {
-  auto *connection = static_cast<E_DBus_Connection *>(data);
-  connection->watches.push_back(watch);
-  update_socket_handler(connection);
-  return TRUE;
-}
-
-static void remove_watch(DBusWatch *watch, void *data) {
-  auto *connection = static_cast<E_DBus_Connection *>(data);
-  std::erase(connection->watches, watch);
-  update_socket_handler(connection);
-}
-
-static void toggle_watch(DBusWatch *, void *data) {
-  update_socket_handler(static_cast<E_DBus_Connection *>(data));
-}
-
-// libdbus adds one timeout for each reply that it waits for: the timeout elapses
-// once. Handling it may release the timeout.
-static Eina_Bool timeout_elapsed(void *data) {
-  auto *timeout = static_cast<DBusTimeout *>(data);
-  dbus_timeout_set_data(timeout, nullptr, nullptr);
-  dbus_timeout_handle(timeout);
-  return ECORE_CALLBACK_CANCEL;
-}
-
-static dbus_bool_t add_timeout(DBusTimeout *timeout, void *) {
-  if (!dbus_timeout_get_enabled(timeout))
-    return TRUE;
-  Ecore_Timer *timer = ecore_timer_add(dbus_timeout_get_interval(timeout) / kMillisecondsPerSecond,
-                                       timeout_elapsed, timeout);
-  dbus_timeout_set_data(timeout, timer, nullptr);
-  return static_cast<dbus_bool_t>(timer != nullptr);
-}
-
-static void remove_timeout(DBusTimeout *timeout, void *) {
-  if (auto *timer = static_cast<Ecore_Timer *>(dbus_timeout_get_data(timeout)))
-    ecore_timer_del(timer);
-  dbus_timeout_set_data(timeout, nullptr, nullptr);
-}
-
-static void toggle_timeout(DBusTimeout *timeout, void *data) {
-  remove_timeout(timeout, data);
-  add_timeout(timeout, data);
-}
-
-// Without the bus no client can set or cancel a timer. The main loop ends, and the
-// service manager starts the process again.
-static DBusHandlerResult watch_for_loss(DBusConnection *, DBusMessage *message, void *) {
-  if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected")) {
-    system_log_print(SYSTEM_LOG_ERROR, kTag, "bus connection lost, leaving the main loop");
-    ecore_main_loop_quit();
-  }
-  return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
 }
 
 // --- introspection ---
@@ -270,7 +159,7 @@ static void append_members(Eina_Strbuf *xml, const E_DBus_Interface &interface) 
 // The objects below `object`, so that a client can find them.
 static void append_children(Eina_Strbuf *xml, const E_DBus_Object &object) {
   char **children = nullptr;
-  if (!dbus_connection_list_registered(object.bus, object.path.c_str(), &children))
+  if (!dbus_connection_list_registered(object.connection->bus, object.path.c_str(), &children))
     return;
   for (char **child = children; *child != nullptr; ++child)
     eina_strbuf_append_printf(xml, " <node name=\"%s\"/>\n", *child);
@@ -481,12 +370,210 @@ static DBusHandlerResult refuse_unknown_object(DBusConnection *bus, DBusMessage 
 static constexpr DBusObjectPathVTable kUnknownObjects = {
     nullptr, refuse_unknown_object, nullptr, nullptr, nullptr, nullptr};
 
-static DBusHandlerResult handle_message(DBusConnection *bus, DBusMessage *message, void *data) {
+// --- whose turn it is ---
+
+// A client that waits for each answer has one call at a time. One that does not must not make the
+// others wait for all of its calls.
+static void let_wait(E_DBus_Object *object, DBusMessage *call) {
+  auto &turns = object->connection->turns;
+  const char *name = dbus_message_get_sender(call);
+  auto client = std::ranges::find(turns, name, &waiting_client::name);
+  if (client == turns.end())
+    client = turns.insert(client, {name, {}});
+  if (client->calls.size() < kMostWaitingCalls) {
+    client->calls.push({object, message_ptr(dbus_message_ref(call))});
+    return;
+  }
+  if (!std::exchange(client->refused_any, true))
+    system_log_print(SYSTEM_LOG_ERROR, kTag, "%zu calls of %s wait, further ones are refused",
+                     kMostWaitingCalls, name);
+  const message_ptr refusal{dbus_message_new_error_printf(
+      call, DBUS_ERROR_LIMITS_EXCEEDED, "%zu of your calls wait already", kMostWaitingCalls)};
+  send_reply(object->connection->bus, call, refusal.get());
+}
+
+static DBusHandlerResult take_call(DBusConnection *, DBusMessage *message, void *object) {
   if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL)
     return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-  const message_ptr reply{answer(static_cast<E_DBus_Object *>(data), message)};
-  send_reply(bus, message, reply.get());
+  let_wait(static_cast<E_DBus_Object *>(object), message);
   return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+// A client with further calls has its next turn after all others.
+static void answer_next(E_DBus_Connection *connection) {
+  auto &turns = connection->turns;
+  auto &calls = turns.front().calls;
+  const waiting_call call = std::move(calls.front());
+  calls.pop();
+  if (calls.empty())
+    turns.pop_front();
+  else
+    turns.splice(turns.end(), turns, turns.begin());
+  const message_ptr reply{answer(call.object, call.message.get())};
+  send_reply(connection->bus, call.message.get(), reply.get());
+}
+
+// --- libdbus on the Ecore main loop ---
+
+static void begin_pass(void *data);
+
+static void schedule_pass(E_DBus_Connection *connection) {
+  if (connection->next_pass == nullptr && !connection->in_pass)
+    connection->next_pass = ecore_job_add(begin_pass, connection);
+}
+
+static void dispatch_status_changed(DBusConnection *, DBusDispatchStatus status, void *data) {
+  if (status != DBUS_DISPATCH_COMPLETE)
+    schedule_pass(static_cast<E_DBus_Connection *>(data));
+}
+
+static void wakeup_main(void *data) { schedule_pass(static_cast<E_DBus_Connection *>(data)); }
+
+// Returns how many messages there were. The calls among them wait for their turn.
+static int take_messages(E_DBus_Connection *connection) {
+  int count = 1;
+  while (dbus_connection_dispatch(connection->bus) == DBUS_DISPATCH_DATA_REMAINS &&
+         count < kMostMessagesInAPass)
+    ++count;
+  return count;
+}
+
+// Answers one call in each pass of the main loop, so that busy clients do not delay the timers.
+static void end_pass(E_DBus_Connection *connection) {
+  if (!connection->turns.empty() && connection->next_pass == nullptr)
+    answer_next(connection);
+  connection->in_pass = false;
+  if (!connection->turns.empty() ||
+      dbus_connection_get_dispatch_status(connection->bus) != DBUS_DISPATCH_COMPLETE)
+    schedule_pass(connection);
+}
+
+static void begin_pass(void *data) {
+  auto *connection = static_cast<E_DBus_Connection *>(data);
+  connection->next_pass = nullptr;
+  connection->in_pass = true;
+  take_messages(connection);
+  end_pass(connection);
+}
+
+static unsigned int ready_conditions(Ecore_Fd_Handler *handler) {
+  unsigned int ready = 0;
+  if (ecore_main_fd_handler_active_get(handler, ECORE_FD_READ))
+    ready |= DBUS_WATCH_READABLE;
+  if (ecore_main_fd_handler_active_get(handler, ECORE_FD_WRITE))
+    ready |= DBUS_WATCH_WRITABLE;
+  if (ecore_main_fd_handler_active_get(handler, ECORE_FD_ERROR))
+    ready |= DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP;
+  return ready;
+}
+
+static void handle_watches(E_DBus_Connection *connection, unsigned int ready) {
+  // When the connection is lost, libdbus removes watches while they are handled.
+  for (std::size_t i = 0; i < connection->watches.size(); ++i) { // NOLINT(modernize-loop-convert)
+    DBusWatch *watch = connection->watches[i];
+    const unsigned int conditions =
+        ready & (dbus_watch_get_flags(watch) | DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP);
+    if (dbus_watch_get_enabled(watch) && conditions)
+      dbus_watch_handle(watch, conditions);
+  }
+}
+
+// libdbus reads few messages at a time. All that have come are taken: the call of a client that has
+// its turn next may be behind many of another client.
+static Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
+  auto *connection = static_cast<E_DBus_Connection *>(data);
+  const unsigned int ready = ready_conditions(handler);
+  connection->in_pass = true;
+  int all = 0;
+  int taken = 0;
+  do {
+    handle_watches(connection, ready);
+    taken = take_messages(connection);
+    all += taken;
+  } while (taken > 1 && all < kMostMessagesInAPass);
+  end_pass(connection);
+  return ECORE_CALLBACK_RENEW;
+}
+
+// libdbus has one watch for reading and one for writing; Ecore takes a descriptor
+// only once, so one handler serves both.
+static void update_socket_handler(E_DBus_Connection *connection) {
+  unsigned int wanted = 0;
+  for (DBusWatch *watch : connection->watches)
+    if (dbus_watch_get_enabled(watch))
+      wanted |= dbus_watch_get_flags(watch);
+
+  if (!wanted) {
+    if (connection->socket != nullptr)
+      ecore_main_fd_handler_del(connection->socket);
+    connection->socket = nullptr;
+    return;
+  }
+  const int flags = ECORE_FD_ERROR | ((wanted & DBUS_WATCH_READABLE) ? ECORE_FD_READ : 0) |
+                    ((wanted & DBUS_WATCH_WRITABLE) ? ECORE_FD_WRITE : 0);
+  const auto conditions = static_cast<Ecore_Fd_Handler_Flags>(flags);
+  if (connection->socket != nullptr)
+    ecore_main_fd_handler_active_set(connection->socket, conditions);
+  else
+    connection->socket =
+        ecore_main_fd_handler_add(dbus_watch_get_unix_fd(connection->watches.front()), conditions,
+                                  socket_ready, connection, nullptr, nullptr);
+}
+
+static dbus_bool_t add_watch(DBusWatch *watch, void *data) {
+  auto *connection = static_cast<E_DBus_Connection *>(data);
+  connection->watches.push_back(watch);
+  update_socket_handler(connection);
+  return TRUE;
+}
+
+static void remove_watch(DBusWatch *watch, void *data) {
+  auto *connection = static_cast<E_DBus_Connection *>(data);
+  std::erase(connection->watches, watch);
+  update_socket_handler(connection);
+}
+
+static void toggle_watch(DBusWatch *, void *data) {
+  update_socket_handler(static_cast<E_DBus_Connection *>(data));
+}
+
+// libdbus adds one timeout for each reply that it waits for: the timeout elapses
+// once. Handling it may release the timeout.
+static Eina_Bool timeout_elapsed(void *data) {
+  auto *timeout = static_cast<DBusTimeout *>(data);
+  dbus_timeout_set_data(timeout, nullptr, nullptr);
+  dbus_timeout_handle(timeout);
+  return ECORE_CALLBACK_CANCEL;
+}
+
+static dbus_bool_t add_timeout(DBusTimeout *timeout, void *) {
+  if (!dbus_timeout_get_enabled(timeout))
+    return TRUE;
+  Ecore_Timer *timer = ecore_timer_add(dbus_timeout_get_interval(timeout) / kMillisecondsPerSecond,
+                                       timeout_elapsed, timeout);
+  dbus_timeout_set_data(timeout, timer, nullptr);
+  return static_cast<dbus_bool_t>(timer != nullptr);
+}
+
+static void remove_timeout(DBusTimeout *timeout, void *) {
+  if (auto *timer = static_cast<Ecore_Timer *>(dbus_timeout_get_data(timeout)))
+    ecore_timer_del(timer);
+  dbus_timeout_set_data(timeout, nullptr, nullptr);
+}
+
+static void toggle_timeout(DBusTimeout *timeout, void *data) {
+  remove_timeout(timeout, data);
+  add_timeout(timeout, data);
+}
+
+// Without the bus no client can set or cancel a timer. The main loop ends, and the
+// service manager starts the process again.
+static DBusHandlerResult watch_for_loss(DBusConnection *, DBusMessage *message, void *) {
+  if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected")) {
+    system_log_print(SYSTEM_LOG_ERROR, kTag, "bus connection lost, leaving the main loop");
+    ecore_main_loop_quit();
+  }
+  return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
 }
 
 static void reply_arrived(DBusPendingCall *pending, void *data) {
@@ -505,6 +592,7 @@ static void ignore_reply(void *, DBusMessage *, DBusError *) {}
 static bool drive_from_main_loop(E_DBus_Connection *connection) {
   DBusConnection *bus = connection->bus;
   dbus_connection_set_exit_on_disconnect(bus, FALSE);
+  dbus_connection_set_max_received_size(bus, kMostWaitingBytes);
   dbus_connection_set_dispatch_status_function(bus, dispatch_status_changed, connection, nullptr);
   dbus_connection_set_wakeup_main_function(bus, wakeup_main, connection, nullptr);
   if (!dbus_connection_set_watch_functions(bus, add_watch, remove_watch, toggle_watch, connection,
@@ -530,8 +618,8 @@ E_DBus_Connection::~E_DBus_Connection() {
   dbus_connection_set_watch_functions(bus, nullptr, nullptr, nullptr, nullptr, nullptr);
   dbus_connection_close(bus);
   dbus_connection_unref(bus);
-  if (dispatch != nullptr)
-    ecore_job_del(dispatch);
+  if (next_pass != nullptr)
+    ecore_job_del(next_pass);
 }
 
 int e_dbus_init() {
@@ -612,12 +700,12 @@ DBusPendingCall *e_dbus_request_name(E_DBus_Connection *connection, const char *
 }
 
 E_DBus_Object *e_dbus_object_add(E_DBus_Connection *connection, const char *path, void *) {
-  static const DBusObjectPathVTable table = {nullptr, handle_message, nullptr,
-                                             nullptr, nullptr,        nullptr};
+  static const DBusObjectPathVTable table = {nullptr, take_call, nullptr,
+                                             nullptr, nullptr,   nullptr};
   if (connection == nullptr || path == nullptr || !dbus_validate_path(path, nullptr))
     return nullptr;
   auto object = std::make_unique<E_DBus_Object>();
-  object->bus = connection->bus;
+  object->connection = connection;
   object->path = path;
   object->interfaces = {&library->introspectable};
   if (!dbus_connection_try_register_object_path(connection->bus, path, &table, object.get(),
@@ -696,5 +784,5 @@ void e_dbus_properties_changed(E_DBus_Object *object, const E_DBus_Interface *in
         property != nullptr && property->change == E_DBUS_PROPERTY_NAMED)
       dbus_message_iter_append_basic(&named, DBUS_TYPE_STRING, name);
   dbus_message_iter_close_container(&out, &named);
-  dbus_connection_send(object->bus, signal.get(), nullptr);
+  dbus_connection_send(object->connection->bus, signal.get(), nullptr);
 }

@@ -18,7 +18,14 @@ off_action coming_sleep(const machine &m) {
     return off_action::kPoweroff;
   if (m.sleep.stage == wish_stage::kAsked)
     return m.sleep.method;
-  return m.set.off == off_action::kHibernate ? off_action::kHibernate : off_action::kSuspend;
+  const bool hibernates = m.set.off == off_action::kHibernate && can_hibernate(m);
+  return hibernates ? off_action::kHibernate : off_action::kSuspend;
+}
+
+// logind tells nobody that a user hibernates the machine.
+static off_action slowest_sleep(const machine &m) {
+  const bool may_hibernate = m.power.now == phase::kGoing && m.power.may_hibernate;
+  return may_hibernate ? off_action::kHibernate : coming_sleep(m);
 }
 
 // A machine that comes back from the disk takes as long as one that boots.
@@ -33,17 +40,19 @@ std::int64_t nearness_seconds(const machine &m, off_action method) {
   return (m.use.delay_max_ms + kSecondMs - 1) / kSecondMs + kSleepSeconds;
 }
 
-bool is_ahead(const device_alarm &alarm, std::int64_t clock) {
-  return alarm.owner != alarm_owner::kNone && alarm.count > clock;
+// A device whose alarm counts minutes rounds by itself, and reads back as it was written.
+std::int64_t rounded_down(const machine &m, std::int64_t count) {
+  return m.alarm.minutes ? count - count % kMinute : count;
 }
 
-// UTC, without regard to what is possible; kNever: nothing of ours is to go off.
+bool is_ahead(const machine &m, const device_alarm &alarm, std::int64_t clock) {
+  return alarm.owner != alarm_owner::kNone && rounded_down(m, alarm.count) > clock;
+}
+
+// UTC, without regard to what is possible; kNever: it is not to go off.
 static std::int64_t alarm_time(const machine &m, const moment &now) {
-  if (m.test.running)
-    return m.test.until;
-  if (m.alarm.wanted.on_time <= now.utc)
-    return kNever;
-  return m.alarm.wanted.on_time - lead_seconds(m, coming_sleep(m));
+  const std::int64_t on_time = m.alarm.wanted.on_time;
+  return on_time <= now.utc ? kNever : on_time - lead_seconds(m, slowest_sleep(m));
 }
 
 static bool is_hop(const machine &m, std::int64_t time, const moment &now) {
@@ -59,34 +68,49 @@ bool is_hop_left_out(const machine &m, const moment &now) {
   return time != kNever && is_hop(m, time, now) && !boots_for_hops(m);
 }
 
-// A device whose alarm counts minutes would round by itself, and read back as it was written.
-static std::int64_t rounded_down(const machine &m, std::int64_t count) {
-  return m.alarm.minutes ? count - count % kMinute : count;
-}
-
 static std::int64_t rounded_up(const machine &m, std::int64_t count) {
   const std::int64_t down = rounded_down(m, count);
   return down == count ? down : down + kMinute;
 }
 
-// Once ours has gone off, another program's stands again; ours follows only when the machine sleeps
+// Not nearer than a sleep allows.
+static device_alarm alarm_in(const decision &d, alarm_owner owner, std::int64_t seconds) {
+  const machine &m = d.m;
+  const std::int64_t least = m.alarm.clock + nearness_seconds(m, coming_sleep(m));
+  const std::int64_t down = rounded_down(m, m.alarm.clock + seconds);
+  const std::int64_t count = down >= least ? down : rounded_up(m, least);
+  return {owner, count, d.now.utc + count - m.alarm.clock};
+}
+
+// Once it has gone off, another program's stands again; ours follows only when the machine sleeps
 // before the on-time after all.
-static device_alarm our_alarm(const decision &d) {
+static device_alarm alarm_for_timer(const decision &d) {
   const machine &m = d.m;
   const std::int64_t time = alarm_time(m, d.now);
   const bool hops = is_hop(m, time, d.now);
   if (time == kNever || (hops && !boots_for_hops(m)))
     return {};
-  const alarm_owner owner = m.test.running ? alarm_owner::kTest
-                            : hops         ? alarm_owner::kHop
-                                           : alarm_owner::kTimer;
-  const std::int64_t wanted = m.alarm.clock + (hops ? m.alarm.range : time - d.now.utc);
-  if (!is_last_write(m) && rounded_down(m, wanted) <= m.alarm.clock)
+  const std::int64_t seconds = hops ? m.alarm.range : time - d.now.utc;
+  if (!is_last_write(m) && rounded_down(m, m.alarm.clock + seconds) <= m.alarm.clock)
     return {};
-  const std::int64_t least = m.alarm.clock + nearness_seconds(m, coming_sleep(m));
-  const std::int64_t down = rounded_down(m, wanted);
-  const std::int64_t count = down >= least ? down : rounded_up(m, least);
-  return {owner, count, d.now.utc + count - m.alarm.clock};
+  return alarm_in(d, hops ? alarm_owner::kHop : alarm_owner::kTimer, seconds);
+}
+
+// A step of the clock makes a test no shorter and no longer.
+static device_alarm alarm_for_test(const decision &d) {
+  const std::int64_t left = (d.m.test.until - d.now.boot) / kSecondMs;
+  return d.m.test.running && left > 0 ? alarm_in(d, alarm_owner::kTest, left) : device_alarm{};
+}
+
+// The earlier one, or the one that there is; `first` of two at the same time.
+static device_alarm earlier(const device_alarm &first, const device_alarm &second) {
+  if (first.owner == alarm_owner::kNone)
+    return second;
+  return second.owner == alarm_owner::kNone || first.count <= second.count ? first : second;
+}
+
+static device_alarm our_alarm(const decision &d) {
+  return d.m.alarm.leaves ? device_alarm{} : earlier(alarm_for_timer(d), alarm_for_test(d));
 }
 
 unsigned refusal_bit(alarm_owner owner) {
@@ -103,11 +127,7 @@ device_alarm alarm_that_must_stand(const decision &d) {
   };
   const device_alarm ours = unless_refused(our_alarm(d));
   const device_alarm theirs = unless_refused(d.m.alarm.foreign);
-  if (ours.owner == alarm_owner::kNone)
-    return theirs;
-  if (theirs.owner == alarm_owner::kNone)
-    return ours;
-  return theirs.count <= ours.count ? theirs : ours;
+  return earlier(theirs, ours);
 }
 
 bool alarm_leads(const machine &m, const moment &now, off_action method) {
@@ -115,6 +135,8 @@ bool alarm_leads(const machine &m, const moment &now, off_action method) {
   const device_alarm &stands = m.alarm.stands;
   if (on_time <= now.utc)
     return true;
+  if (m.alarm.unread)
+    return false;
   if (stands.utc <= now.utc || stands.utc > on_time)
     return false;
   switch (stands.owner) {

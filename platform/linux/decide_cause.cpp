@@ -11,15 +11,17 @@ static constexpr std::int64_t kPauseMs = 900 * kSecondMs;
 
 // From an alarm to the wake-up, or to the boot of the kernel.
 static std::int64_t longest_way(const machine &m) {
-  const bool is_slow = m.woken.booted || m.sleep.last_method == off_action::kHibernate;
+  const bool is_slow =
+      m.woken.booted || m.power.may_hibernate || m.sleep.last_method == off_action::kHibernate;
   return is_slow ? kLatestSeconds : kResumeSeconds;
 }
 
 // `clock` is the device's at the wake-up: the system clock may be wrong after a boot.
 static bool has_gone_off(const machine &m, std::int64_t clock) {
   const device_alarm &stood = m.alarm.before_sleep;
-  return stood.owner != alarm_owner::kNone && stood.count <= clock + kSlackSeconds &&
-         clock <= stood.count + longest_way(m);
+  const std::int64_t count = rounded_down(m, stood.count);
+  return stood.owner != alarm_owner::kNone && count <= clock + kSlackSeconds &&
+         clock <= count + longest_way(m);
 }
 
 // One that took the place of ours and is not there any longer has gone off itself; one that still
@@ -71,9 +73,15 @@ static void doubt_screen(decision &d) {
     d.m.screen.believed = screen_state::kUnknown;
 }
 
+// One that neither logind nor the clocks have shown has any length.
+static bool is_short_sleep(const decision &d) {
+  const std::int64_t slept_ms = d.m.woken.at - d.m.power.went.boot;
+  return slept_ms > 0 && slept_ms < kShortSleepMs;
+}
+
 static void count_short_sleep(decision &d) {
   auto &power = d.m.power;
-  const bool is_short = d.now.boot - power.went.boot < kShortSleepMs;
+  const bool is_short = is_short_sleep(d);
   const bool is_unknown = d.m.woken.by == cause::kNothing;
   power.short_sleeps = is_short && is_unknown ? power.short_sleeps + 1 : 0;
   if (power.short_sleeps > kShortSleeps) {
@@ -81,15 +89,16 @@ static void count_short_sleep(decision &d) {
     power.pause_until = d.now.boot + kPauseMs;
   } else if (!is_unknown || !is_short) {
     is_over(d, problem::kWakesLoop);
+    power.pause_until = 0;
   }
   if (by_alarm_of_ours(d.m))
     power.sent_at = {};
 }
 
-// The television follows its user; a screen without CEC that we had switched off comes back, too.
+// The television follows its user; another screen that we had switched off comes back, too.
 static void welcome_user(decision &d) {
   const auto &screen = d.m.screen;
-  const bool was_ours = !screen.has_cec && screen.ordered == screen_order::kOff;
+  const bool was_ours = !has_television(d.m) && screen.ordered == screen_order::kOff;
   if (was_ours || (screen.has_cec && d.m.set.screen_follows))
     turn_screen(d, true);
 }

@@ -151,6 +151,7 @@ void on(decision &d, const event::alarm_read &e) {
     alarm.failed = 0;
   if (e.device.error != 0 || e.device.for_good) {
     guess_clock(d);
+    alarm.unread = true;
     if (d.m.woken.cause_open)
       decide_cause(d, others_did::kNothing);
     give_up(d, e.device.for_good ? problem::kNoDevice : problem::kAlarmRead, e.device.error);
@@ -201,6 +202,12 @@ void on(decision &d, const event::idle &) {
   }
   if (alarm.dirty || (alarm.refused != 0 && alarm.tries == 1))
     alarm.check = true;
+}
+
+// Nothing is known of the one that takes its place.
+void on(decision &d, const event::device_leaves &) {
+  d.m.alarm.leaves = true;
+  d.m.alarm.check = true;
 }
 
 void on(decision &d, const event::ended &) {

@@ -39,19 +39,25 @@ bool is_overtaken(const machine &m) {
          came_at > m.sleep.wished_at + kSameVisitMs;
 }
 
+static bool test_is_set(const machine &m, const moment &now) {
+  const device_alarm &stands = m.alarm.stands;
+  return stands.owner == alarm_owner::kTest && stands.utc > now.utc && !m.alarm.unread;
+}
+
 postponed obstacle(const machine &m, const moment &now) {
   const sleep_wish wish = m.sleep.wish;
-  if (wish == sleep_wish::kOffTimer && (m.screen.pending || off_job_runs(m)))
+  const bool is_pending = m.screen.pending && has_television(m);
+  if (wish == sleep_wish::kOffTimer && (is_pending || off_job_runs(m)))
     return postponed::kHook;
   if (wakeup_job_runs(m))
     return postponed::kJob;
   if ((m.use.blocked & blocking_bits(m)) != 0)
     return postponed::kBlocked;
   if (wish == sleep_wish::kTest)
-    return m.alarm.stands.owner == alarm_owner::kTest ? postponed::kNot : postponed::kNoAlarm;
+    return test_is_set(m, now) ? postponed::kNot : postponed::kNoAlarm;
   if (wish == sleep_wish::kReturn && is_session_in_use(m))
     return postponed::kSession;
-  if (m.sleep.is_silent)
+  if (m.sleep.is_silent && must_say_off(m))
     return postponed::kScreenSilent;
   if (often_until(m) > now.boot)
     return postponed::kOften;

@@ -21,25 +21,25 @@ others_did what_others_did(const machine &m, const device_reading &reading) {
   if (stands.owner == alarm_owner::kNone || m.alarm.changes || m.alarm.doubt)
     return others_did::kNothing;
   if (reading.alarm <= reading.clock) // one in the past counts as none
-    return is_ahead(stands, reading.clock) ? others_did::kSwitchedOff : others_did::kNothing;
+    return is_ahead(m, stands, reading.clock) ? others_did::kSwitchedOff : others_did::kNothing;
   return reading.alarm == stands.count ? others_did::kNothing : others_did::kReplaced;
 }
 
 void take_reading(decision &d, const device_reading &reading) {
   auto &alarm = d.m.alarm;
   const std::int64_t clock = reading.clock;
-  const bool found = reading.alarm > clock;
   // Whoever has switched it off did not want the one before, either.
   if (what_others_did(d.m, reading) == others_did::kSwitchedOff)
     alarm.foreign = {};
+  alarm.minutes = reading.minutes;
+  const bool found = rounded_down(d.m, reading.alarm) > clock;
   const alarm_owner owner = found ? owner_of(d.m, reading.alarm) : alarm_owner::kNone;
   alarm.stands = found ? valued({owner, reading.alarm, 0}, clock, d.now) : device_alarm{};
   if (owner == alarm_owner::kForeign)
     alarm.foreign = alarm.stands;
   alarm.foreign =
-      is_ahead(alarm.foreign, clock) ? valued(alarm.foreign, clock, d.now) : device_alarm{};
+      is_ahead(d.m, alarm.foreign, clock) ? valued(alarm.foreign, clock, d.now) : device_alarm{};
   alarm.clock = clock;
-  alarm.minutes = reading.minutes;
   alarm.changes = false;
-  alarm.doubt = false;
+  alarm.doubt = alarm.unread = false;
 }

@@ -8,6 +8,8 @@ static constexpr unsigned kGiveUpSeconds = 15;
 
 bool is_on(const machine &m) { return m.screen.believed == screen_state::kOn; }
 
+bool has_television(const machine &m) { return m.screen.has_cec && m.screen.has_spoken; }
+
 static bool wants_on(const machine &m) { return m.screen.ordered == screen_order::kOn; }
 
 void ask_television(decision &d) {
@@ -104,9 +106,9 @@ static void give_on_up(decision &d) {
 }
 
 static void give_screen_up(decision &d) {
-  if (wants_on(d.m))
+  if (has_television(d.m) && wants_on(d.m))
     give_on_up(d);
-  else
+  else if (has_television(d.m))
     give_off_up(d);
   order_is_settled(d);
 }

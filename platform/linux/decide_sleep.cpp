@@ -149,7 +149,7 @@ void order_was_lost(decision &d) {
 }
 
 void on(decision &d, const event::sleep_answered &e) {
-  if (e.error != 0 && is_ordered(d.m))
+  if (e.error != 0 && is_ordered(d.m) && d.m.power.now == phase::kSleepAsked)
     sleep_failed(d, e.error);
 }
 
@@ -205,7 +205,7 @@ void pursue_sleep(decision &d) {
     return;
   const postponed why = obstacle(d.m, d.now);
   if (why != postponed::kNot && sleep.wish == sleep_wish::kTest)
-    trial_ends(d, why == postponed::kNoAlarm ? d.m.alarm.refused : EBUSY);
+    trial_ends(d, why == postponed::kNoAlarm && d.m.alarm.refused != 0 ? d.m.alarm.refused : EBUSY);
   else if (why != postponed::kNot)
     postpone(d, why);
   else if (asks)

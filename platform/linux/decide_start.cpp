@@ -9,6 +9,7 @@ static void boot_was(decision &d, const event::started &e) {
   const phase left = e.kept.power.now;
   alarm.before_sleep_wanted = alarm.wanted;
   alarm.before_sleep = alarm.stands;
+  alarm.minutes = e.device.minutes;
   woken.booted = true;
   woken.at = woken.counted_at = d.now.boot;
   woken.utc = d.now.utc;
@@ -29,6 +30,17 @@ static void boot_was(decision &d, const event::started &e) {
   woken.late_from = went_in_order ? e.kept.power.went.utc : e.booted_at;
 }
 
+// The last run was of another build, and its record cannot be read: what woke the machine is kept
+// by name.
+static void build_was_changed(decision &d, const event::started &e) {
+  auto &woken = d.m.woken;
+  woken.by = e.kept.woken.by;
+  woken.booted = e.kept.woken.booted;
+  woken.at = woken.counted_at = d.now.boot;
+  woken.utc = e.kept.woken.utc;
+  woken.late_from = d.now.utc;
+}
+
 // The daemon of this run knows nothing of what the last one was told.
 static void take_over(decision &d, const event::started &e) {
   if (e.has_kept && e.same_boot) {
@@ -46,7 +58,10 @@ static void take_over(decision &d, const event::started &e) {
   d.m = {};
   d.m.alarm = e.has_kept ? e.kept.alarm : machine{}.alarm;
   d.m.power.seen = {0, 0, d.now.slept, d.now.sleeps, 0};
-  boot_was(d, e);
+  if (e.has_kept && e.is_other_build)
+    build_was_changed(d, e);
+  else
+    boot_was(d, e);
 }
 
 static void find_out(decision &d) {
@@ -70,9 +85,16 @@ void on(decision &d, const event::started &e) {
   on(d, event::alarm_read{e.device});
 }
 
-// Another device may have been chosen.
+static void take_new_device(decision &d) {
+  auto &alarm = d.m.alarm;
+  alarm.leaves = false;
+  alarm.stands = alarm.foreign = alarm.before_sleep = {};
+}
+
 void on(decision &d, const event::configured &e) {
   d.m.set = e.set;
+  if (d.m.alarm.leaves)
+    take_new_device(d);
   check_off_action(d);
   change_off_action(d);
   d.m.alarm.range = 0;

@@ -61,6 +61,7 @@ static bool means_on(event::tv_state state) {
 void on(decision &d, const event::tv_reports &e) {
   auto &screen = d.m.screen;
   const bool on = means_on(e.state);
+  screen.has_spoken = true;
   screen.answered = on ? screen_state::kOn : screen_state::kOff;
   d.m.sleep.screen_answered = true;
   d.m.sleep.is_silent = false;
@@ -88,6 +89,7 @@ void on(decision &d, const event::tv_denies &e) {
   const bool is_question = e.opcode == CEC_MSG_GIVE_DEVICE_POWER_STATUS;
   if (!is_order && !is_question)
     return;
+  d.m.screen.has_spoken = true;
   is_unknown(d);
   if (d.m.screen.pending)
     order_is_settled(d);
@@ -97,6 +99,7 @@ void on(decision &d, const event::tv_denies &e) {
 void on(decision &d, const event::tv_standby &) { on(d, event::tv_reports{event::tv_state::kOff}); }
 
 void on(decision &d, const event::tv_asks_source &) {
+  d.m.screen.has_spoken = true;
   if (wants_on(d.m))
     d.give(order::tv_answer{});
 }
@@ -105,7 +108,7 @@ void on(decision &d, const event::tv_reachable &e) {
   auto &screen = d.m.screen;
   screen.has_cec = e.adapter;
   if (!e.adapter) {
-    screen.pending = false;
+    screen.pending = screen.has_spoken = false;
     d.never(due_kind::kScreenStep);
     is_over(d, problem::kTelevision);
   } else if (screen.pending) {

@@ -4,6 +4,8 @@
 #include <device_power.h>
 #include <dravel-timer-types.h>
 
+#include <cerrno>
+
 static std::uint32_t bit(delivery what) { return 1U << static_cast<unsigned>(what); }
 
 void tell(decision &d, delivery what) { d.m.told.pending |= bit(what); }
@@ -75,8 +77,14 @@ void is_over(decision &d, problem which) {
   known = 0;
 }
 
+// While logind still ends a sleep it gives no delay: that is no problem.
+static bool is_too_soon(const event::refused &e) {
+  return e.part == problem::kInhibitor && e.error == EINPROGRESS;
+}
+
 void on(decision &d, const event::refused &e) {
-  has_problem(d, e.part, e.error);
+  if (!is_too_soon(e))
+    has_problem(d, e.part, e.error);
   if (e.part == problem::kInhibitor)
     inhibitor_refused(d);
 }

@@ -27,7 +27,7 @@ void on(decision &d, const event::test_wake &e) {
     d.give(order::answer{e.call, 0, cause::kNothing, error});
     return;
   }
-  d.m.test = {true, e.call, d.now.utc + e.seconds};
+  d.m.test = {true, e.call, d.now.boot + e.seconds * kSecondMs};
   d.m.alarm.check = true;
   say(d, order::saying::kTestBegins, e.seconds);
   wish_sleep(d, sleep_wish::kTest, off_action::kSuspend);

@@ -54,6 +54,7 @@ void ask_whether_leaving(decision &d) {
 
 static void leave(decision &d, phase next) {
   auto &power = d.m.power;
+  power.may_hibernate = false;
   power.now = next;
   power.went = d.now;
   power.standby_told = false;
@@ -74,6 +75,7 @@ void on(decision &d, const event::sleep_begins &) {
   const bool by_user = d.m.sleep.stage != wish_stage::kAsked;
   leave(d, phase::kGoing);
   d.m.sleep.last_method = coming_sleep(d.m);
+  d.m.power.may_hibernate = by_user && can_hibernate(d.m);
   if (by_user && d.m.set.screen_follows && d.m.screen.has_cec) {
     d.m.screen.ordered = screen_order::kOff;
     d.m.screen.ordered_on = false;
@@ -111,9 +113,12 @@ static void stayed_up(decision &d) {
     sleep_failed(d, 0);
 }
 
+// A delay that was refused before is given from now on.
 void on(decision &d, const event::sleep_ends &) {
   if (d.m.power.now == phase::kGoing)
     stayed_up(d);
+  else if (due_at(d.m, due_kind::kInhibitAgain) != kNever)
+    try_inhibitor_again(d);
 }
 
 void on(decision &d, const event::shutdown_ends &) {
@@ -162,8 +167,13 @@ static void woke_up(decision &d, std::int64_t slept_ms) {
   // A sleep that the clocks do not show has lasted since it was announced.
   const bool is_shown = slept_ms >= kLeastSleepMs || !was_announced;
   const std::int64_t began = is_shown ? utc_before(d.now, slept_ms) : power.went.utc;
-  if (!was_announced)
+  if (!was_announced) {
     power.went = {began, d.now.boot - slept_ms, 0, 0, 0};
+    power.may_hibernate = false;
+  }
+  // A daemon that has not asked yet wants those from before this sleep, too.
+  const bool has_asked = d.m.armed && !woken.late_open;
+  const std::int64_t late_from = has_asked ? began : std::min(began, woken.late_from);
   woken = {};
   woken.by = cause::kNothing;
   woken.at = woken.counted_at = d.now.boot;
@@ -171,7 +181,7 @@ static void woke_up(decision &d, std::int64_t slept_ms) {
   woken.utc = d.now.utc;
   woken.cause_open = true;
   woken.late_open = true;
-  woken.late_from = std::max(began, d.now.utc - kLatestSeconds);
+  woken.late_from = std::max(late_from, d.now.utc - kLatestSeconds);
   d.m.alarm.before_sleep_wanted = d.m.alarm.wanted;
   d.m.alarm.before_sleep = d.m.alarm.stands;
   d.m.alarm.check = true;

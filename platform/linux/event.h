@@ -17,11 +17,12 @@ namespace event {
 // --- start ---
 
 // Made from files, sysfs and clocks alone. `kept` is the record of the last run: all of it when
-// `same_boot`, otherwise only its alarm.
+// `same_boot`, otherwise only its alarm and what woke the machine.
 struct started {
   machine kept;
   bool has_kept = false;
   bool same_boot = false;
+  bool is_other_build = false; // of the same boot, but only what is kept by names
   device_reading device;
   bool rtc_valid = false;     // a clock of the machine had a valid time at the start
   std::int64_t booted_at = 0; // utc
@@ -32,7 +33,8 @@ struct started {
 struct configured {
   settings set;
 };
-struct ended {}; // this process ends
+struct ended {};         // this process ends
+struct device_leaves {}; // another real-time clock is used from the next `configured` on
 
 // --- contract calls ---
 
@@ -168,12 +170,12 @@ struct works {
 };
 
 using any =
-    std::variant<started, configured, ended, program, unprogram, screen_wanted, fired, ambient,
-                 returned, armed, alarm_written, alarm_read, late_timers, sleep_begins, sleep_ends,
-                 shutdown_begins, shutdown_ends, sleep_answered, preparing, use_changed, input,
-                 job_began, job_ended, jobs_told_again, unit_refused, tv_reports, tv_silent,
-                 tv_denies, tv_standby, tv_asks_source, tv_reachable, clock_stepped, zone_changed,
-                 ntp, test_wake, idle, due, refused, works>;
+    std::variant<started, configured, ended, device_leaves, program, unprogram, screen_wanted,
+                 fired, ambient, returned, armed, alarm_written, alarm_read, late_timers,
+                 sleep_begins, sleep_ends, shutdown_begins, shutdown_ends, sleep_answered,
+                 preparing, use_changed, input, job_began, job_ended, jobs_told_again, unit_refused,
+                 tv_reports, tv_silent, tv_denies, tv_standby, tv_asks_source, tv_reachable,
+                 clock_stepped, zone_changed, ntp, test_wake, idle, due, refused, works>;
 
 } // namespace event
 

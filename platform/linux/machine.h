@@ -16,9 +16,10 @@ struct machine {
     moment seen;             // slept and sleeps, as known: a growth is a sleep
     bool count_owed = false; // the last sleep was noticed before `sleeps` counted it
     bool standby_told = false;
-    bool released = false;  // the inhibitor, for this sleep
-    bool step_held = false; // the clock was stepped between standby and wake-up
-    bool ending = false;    // this process ends
+    bool released = false;      // the inhibitor, for this sleep
+    bool may_hibernate = false; // somebody else has ordered the last sleep
+    bool step_held = false;     // the clock was stepped between standby and wake-up
+    bool ending = false;        // this process ends
     std::uint32_t short_sleeps = 0;
     std::int64_t pause_until = 0; // after too many of them we send it to sleep no earlier
     std::array<std::int64_t, kSleepsAnHour> sent_at{}; // our own sleeps of the last hour, 0: none
@@ -47,7 +48,8 @@ struct machine {
     bool pending = false;                       // the television is still asked whether it follows
     std::uint8_t step = 0;                      // seconds of the pending order
     bool said_on = false;                       // for the pending order
-    bool has_cec = false;                       // there is an adapter with a television
+    bool has_cec = false;                       // there is an adapter that may have a television
+    bool has_spoken = false;                    // it has; a monitor never says anything
     bool ordered_on = false;                    // since the wake-up
     screen_state answered = screen_state::kUnknown; // by a television since the wake-up or order
   } screen;
@@ -64,10 +66,12 @@ struct machine {
     std::int64_t clock = 0; // the device's, at the last reading
     bool dirty = false;     // not yet written
     bool stale = false;     // wanted by the last run; this one has not said yet
+    bool leaves = false;    // the device: nothing of ours is to stay on it
     bool check = false;     // the device is to be read and what must stand to be written
     bool changes = false;   // a write is decided: `next` is to be written
     device_alarm next;
     bool doubt = false;      // a write was refused: what stands is to be read
+    bool unread = false;     // it cannot be read: nobody knows what stands
     std::uint8_t failed = 0; // what was refused since the reading: bits of 1 << owner
     wanted_alarm before_sleep_wanted;
     device_alarm before_sleep;
@@ -114,7 +118,7 @@ struct machine {
   struct {
     bool running = false;
     std::uint64_t call = 0;
-    std::int64_t until = 0; // utc
+    std::int64_t until = 0; // boot
   } test;
 
   struct {

@@ -29,6 +29,7 @@ struct decision {
 void on(decision &d, const event::started &e);
 void on(decision &d, const event::configured &e);
 void on(decision &d, const event::ended &e);
+void on(decision &d, const event::device_leaves &e);
 void on(decision &d, const event::program &e);
 void on(decision &d, const event::unprogram &e);
 void on(decision &d, const event::screen_wanted &e);
@@ -85,6 +86,7 @@ inline constexpr std::int64_t kSlackSeconds = 2;
 
 device_alarm alarm_that_must_stand(const decision &d);
 off_action coming_sleep(const machine &m);
+inline bool can_hibernate(const machine &m) { return (m.use.can & kHibernateBit) != 0; }
 std::int64_t lead_seconds(const machine &m, off_action method);
 // An alarm that is nearer might go off before the machine sleeps.
 std::int64_t nearness_seconds(const machine &m, off_action method);
@@ -92,7 +94,9 @@ std::int64_t nearness_seconds(const machine &m, off_action method);
 bool alarm_leads(const machine &m, const moment &now, off_action method);
 // UTC: the first of what the machine must be awake for; kNever: nothing.
 std::int64_t next_wake_utc(const machine &m, const moment &now);
-bool is_ahead(const device_alarm &alarm, std::int64_t clock);
+// When an alarm with this count goes off.
+std::int64_t rounded_down(const machine &m, std::int64_t count);
+bool is_ahead(const machine &m, const device_alarm &alarm, std::int64_t clock);
 // A machine that is off is not woken for the on-time, because it must not boot for hops.
 bool is_hop_left_out(const machine &m, const moment &now);
 unsigned refusal_bit(alarm_owner owner);
@@ -170,6 +174,7 @@ void check_off_action(decision &d);
 // --- decide_screen.cpp ---
 
 bool is_on(const machine &m);
+bool has_television(const machine &m); // one that has said something
 void turn_screen(decision &d, bool on);
 void doubt_screen_order(decision &d, unit refused);
 void turn_off_by_timer(decision &d);

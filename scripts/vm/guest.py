@@ -49,6 +49,13 @@ class Guest(Machine):
         self.cast("systemctl suspend")
         self.await_sleep(20, early)
 
+    def wake(self):
+        """The user wakes it, and presses another key: the first one is not seen."""
+        self.qmp("system_wakeup")
+        woken = self.await_wake_up(20)
+        self.human("sendkey a")
+        return woken
+
     def await_sleep(self, timeout, early=None):
         self.await_event("SUSPEND", timeout)
         self.note("(the machine sleeps)")

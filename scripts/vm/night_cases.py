@@ -73,8 +73,7 @@ class Night:
         self.credited = self.timer
 
     def user_wakes(self):
-        self.guest.qmp("system_wakeup")
-        self.guest.await_wake_up(20)
+        self.guest.wake()
         self.judge_credit()
 
     def on(self):
@@ -85,10 +84,10 @@ class Night:
 
     def off(self):
         self.begin(51, "on", "--type off")
+        self.guest.await_sleep(60)
+        self.user_wakes()
         self.expires()
         self.await_television("standby")
-        self.guest.await_sleep(40)
-        self.user_wakes()
 
     def early(self):
         self.begin(20, "on")

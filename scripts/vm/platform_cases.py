@@ -125,9 +125,10 @@ def without_cec(lab):
     guest.set_clock("06:58:48")
     off_timer, due = guest.add("--at 06:59 --type off --on daily"), guest.seconds("07:00")
     guest.add("--at 07:00")
-    target_starts(lab, guest, "an off-timer", "dravel-off.target", due - 60)
-    guest.await_sleep(40, 4)
+    guest.await_sleep(60, 4)
     guest.await_wake_up(60)
+    reached, _ = guest.await_journal("Reached target dravel-off.target", 10)
+    lab.on_time("an off-timer: dravel-off.target, and asleep", reached, due - 60, HOOK_LATE)
     target_starts(lab, guest, "an on-timer after the sleep", "dravel-on.target", due)
     guest.mark()
     due = int(guest.now()) + SOON
@@ -255,7 +256,7 @@ def television(lab):
     shown = guest.await_shown("Screen", '"on"', GIVES_UP + 10)
     lab.row("a television answers after 5 s, and takes 8: its screen counts as", shown,
             shown == 's "on"')
-    lab.on_time("it is turned on", guest.await_television("on"), due, 5 + TELEVISION_LATE)
+    lab.on_time("it is turned on", guest.await_television("on"), due, GIVES_UP)
     for how, command in (("does not answer", "systemctl kill -s STOP television"),
                          ("has gone", "systemctl stop television; cec-ctl -d0 --clear")):
         guest.run(command)

@@ -1,7 +1,9 @@
-#include "daemon.h"
-
+// One run of the daemon in the fuzzer's process: an input is what the daemon finds at its start,
+// then calls, events of the set and expiries. After each step the state is checked.
 #include "dravel-list.h"
 #include "dravel-manager.h"
+#include "fixture.h"
+#include "input.h"
 
 #include <KintoAPI.h>
 #include <system_log.h>
@@ -11,8 +13,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <sanitizer/lsan_interface.h>
+#include <sqlite3.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -20,16 +24,16 @@ namespace fs = std::filesystem;
 static constexpr unsigned kInputsPerLeakCheck = 500;
 static constexpr int kMaxSteps = 100;
 static constexpr std::size_t kMaxStoredTimers = 80;
+static constexpr int kMostRows = 100;
+static constexpr std::size_t kMarkColumn = 17;
 
 // How many stored timers may be listed. A full list loses the timer with the lowest id, a transient
 // one where there is one: each that was accepted makes room for one stored timer more.
 static std::size_t most_stored;
-int last_transient = kUnstoredTimerId;
+static int last_transient = kUnstoredTimerId;
 
 // Of each listed timer, in seconds: its date moves, this never does.
 static std::map<int, std::int64_t> times_of_day;
-
-[[gnu::weak]] void prepare_store(input &) {}
 
 // --- what must hold ---
 
@@ -87,14 +91,14 @@ static void check_leaks() {
 
 // --- numbers, timers, periods ---
 
-int draw_number(input &in) {
+static int draw_number(input &in) {
   if (in.seldom(160))
     return static_cast<int>(in.word());
   return in.PickValueInArray({0, -1, 1, 2, 6, 7, 13, 31, 60, 127, 254, 255, 366, 65535, INT_MAX,
                               -10, 206, -1900, INT_MIN});
 }
 
-std::string joined(const std::vector<std::string> &values) {
+static std::string joined(const std::vector<std::string> &values) {
   std::string text;
   for (const std::string &value : values)
     text += (text.empty() ? "" : ",") + value;
@@ -124,7 +128,7 @@ static std::string draw_moment(input &in) {
   return time_text(near((clock == 0 ? time_of(kNoon) : clock) / 60 * 60, in));
 }
 
-std::vector<int> draw_timer(input &in) {
+static std::vector<int> draw_timer(input &in) {
   static constexpr int kTypes[] = {0, 1, 2, 6, 10, 9, 13, 15, 16, 3, 4, 5, 7, 8, 11, 12, 14, 254};
   static constexpr int kWeekdays[] = {0, 0, 0, kDaily, 62, 65, kTue, kWed, kMon, kSun};
   const int type = in.PickValueInArray(kTypes);
@@ -134,10 +138,122 @@ std::vector<int> draw_timer(input &in) {
   return {timer.begin(), timer.end()};
 }
 
-std::vector<int> draw_period(input &in) {
+static std::vector<int> draw_period(input &in) {
   const std::string start = draw_moment(in);
   const auto period = period_arguments(start, draw_moment(in), in.below(2));
   return {period.begin(), period.end()};
+}
+
+// --- what the start finds ---
+
+namespace {
+
+struct table {
+  std::string name;
+  std::size_t columns; // as the daemon makes it
+  std::span<const record_field> fields;
+  std::vector<int> (*draw)(input &in); // the arguments of a record
+};
+
+} // namespace
+
+static const table kTables[] = {
+    {"dravel", 18, kRecordFields<dravel_item>, draw_timer},
+    {"disabled_period", 21, kRecordFields<disabled_period_item>, draw_period},
+};
+
+// Whatever a column may hold.
+static std::string draw_value(input &in) {
+  if (!in.seldom(200))
+    return std::to_string(draw_number(in));
+  return in.PickValueInArray({"NULL", "''", "' 7 x'", "'-3'", "hex(1 << 62)",
+                              "hex(zeroblob(30000))", "x''", "x'3078'", "1e300", "-1.5",
+                              "5 + (1 << 32)", "2147483647.5", "1 << 63", "~(1 << 63)", "0.5",
+                              "~(1 << 31)", "zeroblob(60000)", "'99999999999999999999'"});
+}
+
+// Mostly one that could have been stored. Without a value the row id is the next one; some are
+// those of the next transient timers.
+static std::string draw_row(const table &of, std::size_t columns, input &in) {
+  const std::vector<int> arguments = of.draw(in);
+  std::vector<std::string> values(columns, "NULL");
+  for (std::size_t i = 1; i < std::min(columns, of.fields.size()); ++i)
+    if (const int argument = of.fields[i].argument; argument != kNoArgument)
+      values[i] = std::to_string(arguments[static_cast<std::size_t>(argument)]);
+  if (columns > kMarkColumn && in.seldom(64))
+    values[kMarkColumn] = "1";
+  if (in.seldom(16))
+    values[0] = std::to_string(last_transient - 1 - in.below(2));
+  for (int odd = in.seldom(80) ? in.below(4) + 1 : 0; odd > 0; --odd)
+    values[in.below(columns)] = draw_value(in);
+  return joined(values);
+}
+
+// A statement that SQLite refuses leaves the file as it is.
+static void run(sqlite3 *db, const std::string &sql) {
+  sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+}
+
+// Mostly as the daemon has made it; now and then of other columns.
+static void write_table(sqlite3 *db, const table &made, input &in) {
+  const std::string name = made.name;
+  std::size_t columns = made.columns;
+  if (in.seldom(64)) {
+    columns = 1 + in.below(std::size_t{25});
+    std::string sql = "CREATE TABLE " + name + " (";
+    sql += in.PickValueInArray({"timer_id INTEGER PRIMARY KEY", "timer_id PRIMARY KEY",
+                                "timer_id INTEGER", "period_id TEXT PRIMARY KEY"});
+    for (std::size_t i = 1; i < columns; ++i)
+      sql += (i == kMarkColumn ? ", micom_flag " : ", column" + std::to_string(i) + " ") +
+             in.PickValueInArray({"INTEGER", "", "TEXT", "REAL", "UNIQUE", "NOT NULL DEFAULT 7"});
+    run(db, "DROP TABLE " + name);
+    run(db, sql + (in.seldom(16) ? ") WITHOUT ROWID" : ")"));
+  }
+  for (int left = in.seldom(8) ? in.below(kMostRows) + 1 : in.below(8); left > 0; --left)
+    run(db, "INSERT INTO " + name + " VALUES (" + draw_row(made, columns, in) + ")");
+}
+
+static void write_file(const char *path, input &in) {
+  sqlite3 *db = nullptr;
+  sqlite3_open(path, &db);
+  run(db, "BEGIN");
+  if (in.seldom(96))
+    run(db, "PRAGMA user_version = " + std::to_string(in.seldom(64) ? draw_number(in) : 0));
+  for (const table &made : kTables)
+    write_table(db, made, in);
+  if (in.seldom(24))
+    run(db, std::string("INSERT INTO sqlite_sequence VALUES ('dravel', ") +
+                in.PickValueInArray({"2147483646", "4294967298", "1 << 63", "-5", "'x'"}) + ")");
+  run(db, "COMMIT");
+  sqlite3_close(db);
+}
+
+// As a worn memory leaves it: with other bytes, or cut off.
+static void damage(const char *path, input &in) {
+  const auto size = fs::file_size(path);
+  std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
+  for (int left = in.below(9); left > 0; --left) {
+    file.seekp(static_cast<std::streamoff>(in.below(in.ConsumeBool() ? size : 120)));
+    file.put(static_cast<char>(in.below(256)));
+  }
+  if (in.seldom(64))
+    fs::resize_file(path, in.below(size));
+}
+
+// Nothing is found in the store, or what others than the daemon have left in it.
+static void prepare_store(input &in) {
+  if (in.ConsumeBool())
+    return;
+  initialize_dravel_db();
+  close_dravel_db();
+  write_file(kDravelDbPath, in);
+  if (in.seldom(80))
+    write_file(kWakeupDbPath, in);
+  for (const char *path : {kDravelDbPath, kWakeupDbPath})
+    if (in.seldom(32))
+      damage(path, in);
+  if (in.ConsumeBool())
+    std::ofstream{kInitMarkerPath};
 }
 
 // --- calls ---

@@ -22,6 +22,8 @@ struct awake_machine {
     start.device.clock = now.utc;
     send(start);
     send(event::tv_reachable{has_cec});
+    if (has_cec)
+      send(event::tv_asks_source{}); // it speaks
     send(event::use_changed{0, 0, 0, kSleepBit | kShutdownBit | kHibernateBit, 5000, true});
     send(event::armed{});
     send(event::ntp{});
@@ -148,16 +150,22 @@ TEST(Decide, AScreen_IsBelievedOnlyWhatIsSaid) {
   }
 }
 
-TEST(Decide, ATelevisionThatStaysSilent_GetsThePairThreeTimes_AndOneLine) {
+// A monitor never says anything: that is no problem of a television.
+TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine) {
   awake_machine run;
-  run.send(event::screen_wanted{true, event::asker::kBus});
-  for (int second = 0; second < 20; ++second) {
-    run.pass(1);
-    run.send(event::due{});
-    run.send(event::tv_silent{});
+  for (const bool speaks : {false, true}) {
+    run.given.clear();
+    run.m.screen.has_spoken = speaks;
+    run.send(event::screen_wanted{true, event::asker::kBus});
+    for (int second = 0; second < 20; ++second) {
+      run.pass(1);
+      run.send(event::due{});
+      run.send(event::tv_silent{});
+    }
+    EXPECT_EQ(run.count<order::tv_on>(), 3);
+    EXPECT_EQ(run.m.screen.believed, screen_state::kUnknown);
+    EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], speaks ? 1 : 0);
   }
-  EXPECT_EQ(run.count<order::tv_on>(), 3);
-  EXPECT_NE(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], 0);
   run.send(event::tv_asks_source{});
   EXPECT_EQ(run.count<order::tv_answer>(), 1);
   run.send(event::screen_wanted{false, event::asker::kBus});
@@ -193,6 +201,17 @@ TEST(Decide, ARefusedInhibitor_IsTriedForEveryMinute_AndAfterASleep) {
   run.pass(100);
   run.send(event::ambient{});
   EXPECT_EQ(run.count<order::take_inhibitor>(), 11);
+}
+
+// The wake-up may show before logind says so.
+TEST(Decide, ADelayRefusedWhileASleepEnds_IsNoProblem_AndTakenAfterIt) {
+  awake_machine run;
+  run.sleep(100);
+  run.given.clear();
+  run.send(event::refused{problem::kInhibitor, EINPROGRESS});
+  EXPECT_EQ(run.count<order::say>(), 0);
+  run.send(event::sleep_ends{});
+  EXPECT_EQ(run.count<order::take_inhibitor>(), 1);
 }
 
 TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
@@ -311,6 +330,85 @@ TEST(Decide, AnAlarmThatTheFirmwareSwitchesOff_DoesNotTakeTheForeignOneWithIt) {
   run.send(event::unprogram{});
   run.send(event::idle{});
   EXPECT_EQ(run.alarm, kNow + 5000);
+}
+
+TEST(Decide, ADeviceThatIsNotUsedAnyLonger_KeepsWhatIsNotOurs) {
+  awake_machine run;
+  run.alarm = kNow + 5000;
+  run.send(event::program{0, kNow + 1000, 0});
+  EXPECT_EQ(run.alarm, kNow + 985);
+  run.send(event::device_leaves{});
+  EXPECT_EQ(run.alarm, kNow + 5000);
+  run.alarm = 0; // of the new one
+  run.send(event::configured{});
+  EXPECT_EQ(run.alarm, kNow + 985);
+  run.send(event::unprogram{});
+  run.send(event::idle{});
+  EXPECT_EQ(run.alarm, 0);
+}
+
+TEST(Decide, AMonitorBehindAnAdapter_DoesNotDelayTheSleep_AndComesBackWithItsUser) {
+  awake_machine run;
+  run.m.screen.has_spoken = false;
+  run.send(event::screen_wanted{false, event::asker::kDaemon});
+  run.send(event::job_began{1, unit::kOff});
+  run.send(event::job_ended{1});
+  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+  EXPECT_EQ(run.count<order::sleep>(), 1);
+  run.sleep(100);
+  run.send(event::input{});
+  EXPECT_EQ(run.count<order::tv_on>(), 1);
+  EXPECT_EQ(run.last<order::start_unit>().name, unit::kOn);
+}
+
+TEST(Decide, ASleepOfSomebodyElse_LeavesTimeToComeBackFromTheDisk_WhenItMay) {
+  for (const std::uint8_t can : {kSleepBit, kHibernateBit}) {
+    awake_machine run;
+    run.send(event::use_changed{0, 0, 0, can, 5000, false});
+    run.send(event::program{0, kNow + 1000, 0});
+    EXPECT_EQ(run.alarm, kNow + 985);
+    run.send(event::sleep_begins{});
+    EXPECT_EQ(run.alarm, kNow + (can == kHibernateBit ? 910 : 985));
+    EXPECT_EQ(run.m.sleep.last_method, off_action::kSuspend);
+  }
+}
+
+TEST(Decide, ATestThatTheClockStepsOver_StillLeavesTheAlarmOfTheTimer) {
+  awake_machine run;
+  run.send(event::program{0, kNow + 5000, 0});
+  run.send(event::test_wake{7, 100});
+  EXPECT_EQ(run.alarm, kNow + 100);
+  run.now.utc += 1000;
+  run.send(event::clock_stepped{});
+  EXPECT_EQ(run.alarm, kNow + 1100) << "the device of this test goes by the system clock";
+  run.now.utc += 3950;
+  run.send(event::clock_stepped{});
+  EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kTimer);
+}
+
+TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing) {
+  awake_machine run;
+  run.send(event::program{0, kNow + 5000, 0});
+  run.send(event::alarm_read{{EIO, false, false, 0, 0}});
+  run.send(event::screen_wanted{false, event::asker::kDaemon});
+  run.send(event::tv_reports{event::tv_state::kOff});
+  run.send(event::job_began{1, unit::kOff});
+  run.send(event::job_ended{1});
+  EXPECT_EQ(run.m.sleep.why, postponed::kNoAlarm);
+}
+
+TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
+  awake_machine run;
+  event::started start;
+  start.kept.woken.by = cause::kTimer;
+  start.has_kept = start.is_other_build = start.rtc_valid = true;
+  start.device.clock = run.now.utc;
+  run.send(start);
+  run.send(event::armed{});
+  EXPECT_EQ(run.m.woken.by, cause::kTimer);
+  EXPECT_EQ(run.count<order::say>(), 0);
+  EXPECT_EQ(run.last<order::ask_late>().from, kNow) << "nothing fires twice";
+  EXPECT_NE(due_at(run.m, due_kind::kReturn), kNever);
 }
 
 TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {

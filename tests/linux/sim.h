@@ -43,6 +43,7 @@ struct sim_timer {
   std::uint32_t type;
   std::int64_t local; // the next occurrence, by the TV clock
   bool daily;
+  std::int64_t since;       // utc: when it was added
   millis fires_at = kNever; // CLOCK_MONOTONIC; kNever: not armed
 };
 
@@ -51,12 +52,14 @@ struct sim_television {
   bool has_address = true;
   bool on = true;
   bool is_silent = false;
-  bool denies = false; // does not know Standby
-  bool lies = false;   // always says that it is on
+  bool denies = false;     // does not know Standby
+  bool lies = false;       // always says that it is on
+  bool is_monitor = false; // behind an adapter that could have a television
   millis answers_after = 50;
   millis boots_for = 3 * kSecondMs;
   millis boots_until = 0;
   millis changed_at = 0; // by its remote, or in what it can do
+  millis said_at = -1;   // ends every question before it
 
   bool answers() const { return has_cec && has_address && !is_silent; }
   event::tv_state reported(millis now) const {
@@ -97,8 +100,9 @@ struct sim {
   // --- devices, services, people ---
 
   sim_register alarm;
-  std::optional<std::int64_t> foreign; // the last foreign write that is ahead, as a count
-  bool foreign_stands = false;         // it is what the register holds
+  std::optional<std::int64_t> foreign;   // the last foreign write that is ahead, as a count
+  bool foreign_stands = false;           // it is what the register holds
+  millis foreign_at = -kDay * kSecondMs; // written
   sim_television tv;
   bool plain_on = true; // a screen without CEC
   life state = life::kRunning;
@@ -109,7 +113,7 @@ struct sim {
   millis foreign_delay = 0; // another program's delay inhibitor
   millis bus_ms = 5;
   std::int64_t delay_max = 5; // seconds
-  std::uint8_t blocked = 0;
+  std::uint8_t blocked = 0, can = kSleepBit | kShutdownBit | kHibernateBit;
   millis use_changed_at = 0;
   std::int64_t session_at = 0, active_at = 0; // boot
   millis input_at = -1, seen_at = -1;         // the last; the last while somebody looks
@@ -179,6 +183,7 @@ struct sim {
   unsigned restart_at_event = UINT32_MAX;            // or later, when it may
   unsigned events = 0;                               // from outside
   unsigned downs = 0;                                // sleeps and shutdowns
+  bool has_acted = false; // somebody, in the second of a timer: a restart moves the timer in it
 
   std::string run(const night &what);
   void broken(int sentence, const std::string &text);

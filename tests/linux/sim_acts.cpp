@@ -4,6 +4,8 @@
 
 static constexpr std::int64_t kDays[] = {1, 1, 7, 28};
 static constexpr std::uint32_t kTypes[] = {0, 1, 2, 4, 0};
+static const auto kLastAlarmOrder =
+    static_cast<std::int64_t>(order::any(order::switch_off_alarm{}).index());
 static constexpr std::int64_t kLastOrder = std::variant_size_v<order::any> - 1;
 
 static bool runs(const sim &w) { return w.state == life::kRunning; }
@@ -67,6 +69,11 @@ static void wake_often(sim &w, std::int64_t times, std::int64_t seconds) {
     later(w, time * seconds, [&w] { wake_by_itself(w, 0, 0); });
 }
 
+static void hibernate(sim &w, std::int64_t, std::int64_t) {
+  if ((w.can & kHibernateBit) != 0)
+    w.begin_sleep(off_action::kHibernate);
+}
+
 static void log_in(sim &w, std::int64_t, std::int64_t) {
   if (!runs(w))
     return;
@@ -92,7 +99,7 @@ static void block(sim &w, std::int64_t bits, std::int64_t seconds) {
 static void set_foreign(sim &w, std::int64_t ahead, std::int64_t) {
   if (!runs(w) || (w.foreign && ahead != 0))
     return;
-  if (w.sleeps_now || w.stops_now)
+  if (w.sleeps_now || w.stops_now || w.checks.is_cause_open())
     w.checks.tampered();
   w.write_foreign(ahead);
 }
@@ -137,11 +144,14 @@ static void kill_soon(sim &w, std::int64_t orders, std::int64_t) {
 
 static void refuse_order(sim &w, std::int64_t which, std::int64_t seconds) {
   const std::uint32_t bit = 1U << which;
+  const bool is_of_alarm = which <= kLastAlarmOrder;
   w.refused |= bit;
-  w.checks.tampered();
-  later(w, seconds, [&w, bit] {
-    w.refused &= ~bit;
+  if (is_of_alarm)
     w.checks.tampered();
+  later(w, seconds, [&w, bit, is_of_alarm] {
+    w.refused &= ~bit;
+    if (is_of_alarm)
+      w.checks.tampered();
   });
 }
 
@@ -153,8 +163,10 @@ static void call_screen(sim &w, std::int64_t on, std::int64_t) {
 }
 
 static void test_wake(sim &w, std::int64_t seconds, std::int64_t) {
-  if (w.is_alive && runs(w))
-    w.send(event::test_wake{1, seconds});
+  if (!w.is_alive || !runs(w))
+    return;
+  w.checks.test_called();
+  w.send(event::test_wake{1, seconds});
 }
 
 static const act kActs[] = {
@@ -168,6 +180,15 @@ static const act kActs[] = {
     {"no rtc", -30, {}, {}, [](sim &w, auto, auto) { w.alarm.is_there = false; }},
     {"no boot", -8, {}, {}, [](sim &w, auto, auto) { w.alarm.boots = false; }},
     {"no CEC", -3, {}, {}, [](sim &w, auto, auto) { w.tv.has_cec = false; }},
+    {"monitor",
+     -9,
+     {},
+     {},
+     [](sim &w, auto, auto) {
+       w.tv.has_cec = false;
+       w.tv.is_monitor = true;
+     }},
+    {"no hibernation", -3, {}, {}, [](sim &w, auto, auto) { w.can = kSleepBit | kShutdownBit; }},
     {"off", -3, {}, {}, [](sim &w, auto, auto) { w.tv.on = w.plain_on = false; }},
     {"off-action", -2, {0, 3}, {}, [](sim &w, auto a, auto) { w.set.off = off_action(a); }},
     {"return", -3, {0, 600}, {}, [](sim &w, auto a, auto) { w.set.return_to_sleep = a; }},
@@ -191,6 +212,7 @@ static const act kActs[] = {
     {"tv is", 5, {0, 4}, {}, change_tv},
     {"tv slow", 2, {50, 4000}, {1, 20}, slow_tv},
     {"menu: sleep", 8, {}, {}, [](sim &w, auto, auto) { w.begin_sleep(off_action::kSuspend); }},
+    {"menu: hibernate", 2, {}, {}, hibernate},
     {"menu: off", 2, {}, {}, [](sim &w, auto, auto) { w.begin_shutdown(false); }},
     {"called off", 1, {}, {}, [](sim &w, auto, auto) { w.begin_shutdown(true); }},
     {"power cut", 1, {}, {}, cut_power},

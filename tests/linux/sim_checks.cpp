@@ -7,12 +7,15 @@
 static constexpr millis kOnTimeMs = 2 * kSecondMs;
 static constexpr millis kOrderMs = 20 * kSecondMs; // an order to a television is repeated so long
 static constexpr millis kBootMs = 35 * kSecondMs;
+static constexpr millis kResumeMs = 2100;
+static constexpr millis kWindowMs = 9 * kSecondMs; // a key in it has woken the machine
 static constexpr millis kAnswerMs = 3 * kSecondMs; // waited for
 static constexpr millis kAskedMs = 5 * kSecondMs;
 static constexpr millis kUnseenMs = kSecondMs;
 static constexpr millis kBeliefMs = 15 * kSecondMs; // a television is asked 10 s before an on-time
 static constexpr millis kReturnSlackMs = 30 * kSecondMs;
 static constexpr millis kRetries[] = {30, 60, 300, 900}; // seconds
+static constexpr millis kLookAgain = 900;                // seconds
 static constexpr millis kLoopPause = 900;                // seconds
 static constexpr int kMostShortSleeps = 3;
 static constexpr millis kShortSleepMs = 60 * kSecondMs;
@@ -23,8 +26,9 @@ static constexpr std::int64_t kSleepSeconds = 15;
 static constexpr std::int64_t kHopSeconds = 82800; // 23 hours
 static constexpr std::int64_t kNearSeconds = 3;
 static constexpr std::int64_t kMinuteSeconds = 60;
-static constexpr int kMostDues = 10; // a day
-static constexpr millis kTamperMs = 120 * kSecondMs;
+static constexpr std::int64_t kMostDays = 3;        // a night
+static constexpr int kMostDues = 10;                // a day
+static constexpr millis kSettlesMs = 3 * kSecondMs; // a reading may be a second late
 
 static bool boots(off_action method) { return method != off_action::kSuspend; }
 
@@ -36,6 +40,15 @@ static std::int64_t nearness_of(const sim &world, off_action method) {
   return method == off_action::kPoweroff ? kShutdownSeconds : world.delay_max + kSleepSeconds;
 }
 
+template <class... Orders> static bool refuses(const sim &world) {
+  return (((world.refused >> order::any(Orders{}).index() & 1U) != 0) || ...);
+}
+
+static bool refuses_alarm(const sim &world) {
+  return world.alarm.refuses != 0 || !world.alarm.is_there ||
+         refuses<order::read_alarm, order::write_alarm, order::switch_off_alarm>(world);
+}
+
 static bool has_job(const sim &world, unit of, millis since) {
   return std::ranges::any_of(world.jobs, [&](const auto &job) {
     return job.second.first == of && job.second.second < since;
@@ -44,17 +57,20 @@ static bool has_job(const sim &world, unit of, millis since) {
 
 millis sim_checks::now() const { return world_.now; }
 
+bool sim_checks::is_timer_second() const { return now() >= due_at_ && now() < due_at_ + kSecondMs; }
+
+bool sim_checks::is_clock_known() const { return world_.rtc_valid || is_clock_set_; }
+
 // --- 1: on-timers ---
 
 void sim_checks::miss() {
   const sim_television &tv = world_.tv;
-  const bool is_on = tv.has_cec ? tv.on : world_.plain_on;
-  const bool may_err = tv.lies || tv.answers_after > kAnswerMs || (tv.has_cec && !tv.answers());
+  const bool may_err = tv.lies || tv.answers_after > kAnswerMs;
   if (tv.changed_at > now() - kBeliefMs)
     return;
-  if (world_.m.screen.believed != screen_state::kOn)
+  if (tv.has_cec ? !said_on_ : !world_.plain_on)
     world_.broken(1, "an on-timer has not turned the screen on");
-  else if (!is_on && !may_err)
+  else if (tv.has_cec && !tv.on && !may_err)
     world_.broken(1, "the screen is believed on");
 }
 
@@ -62,20 +78,22 @@ void sim_checks::miss() {
 void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   const sim &world = world_;
   due_at_ = (due - kEvening) * kSecondMs - world.wall_offset;
-  if (world.is_halted || world.m.clock.state == clock_state::kUnknown)
+  const bool is_armed = world.is_alive && world.m.armed;
+  if (world.is_halted || (is_armed && !is_clock_known()))
     return;
-  if (timer.type == 1)
-    off_due_ = due;
+  if (timer.type == 1) {
+    off_due_ = std::max(off_due_, due);
+    off_at_ = due_at_;
+  }
   if (timer.type != 0)
     return;
-  const bool is_armed = world.is_alive && world.m.armed;
   if (world.state == life::kRunning && is_armed)
     expected_.push_back(due_at_ + kOnTimeMs);
   else if (world.state == life::kRunning) // made up for once the process has started
     on_until_ = due_at_ + kLateSeconds * kSecondMs;
   if (world.state == life::kRunning)
     return;
-  slept_through_.push_back(due);
+  slept_through_ = std::max(slept_through_, due);
   const millis least = (nearness_of(world, world.method) + kMinuteSeconds) * kSecondMs;
   if (world.alarm.stands() != 0 && !world.foreign_stands && was_right_ &&
       due_at_ > world.down_at + least)
@@ -84,6 +102,9 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
 
 void sim_checks::time_passes(millis next) {
   follow_return(next);
+  follow_foreign(next);
+  if (is_cause_open_ && next > std::max(world_.up_at, world_.alive_at) + kSecondMs)
+    check_cause();
   std::erase_if(expected_, [&](millis until) {
     if (until >= next)
       return false;
@@ -94,19 +115,21 @@ void sim_checks::time_passes(millis next) {
   const std::int64_t to = kEvening + seconds_of(next + world_.wall_offset);
   if (from == to)
     return;
-  for (const sim_timer &timer : world_.timers) {
-    const std::int64_t due = world_.to_utc(timer.local);
-    if (due > from && due <= to && due + world_.offset(due) == timer.local)
-      becomes_due(timer, due);
-  }
+  for (const sim_timer &timer : world_.timers)
+    for (std::int64_t day = 0; day <= (timer.daily ? kMostDays : 0); ++day) {
+      const std::int64_t local = timer.local + day * kDay;
+      const std::int64_t due = world_.to_utc(local);
+      if (due > from && due <= to && due + world_.offset(due) == local)
+        becomes_due(timer, due);
+    }
 }
 
 void sim_checks::clock_stepped() {
   stepped_at_ = now();
   tampered();
-  slept_through_.clear();
+  slept_through_ = 0;
   expected_.clear();
-  if (!world_.is_alive || !world_.m.armed) // what it goes past is made up for
+  if (!world_.is_alive || !world_.m.armed || is_cause_open_) // what it goes past is made up for
     on_until_ = now() + kLateSeconds * kSecondMs;
 }
 
@@ -119,8 +142,10 @@ void sim_checks::screen_called(bool on) {
     expected_.clear();
 }
 
-static bool is_user_cause(const sim &world, millis limit) {
-  const bool follows = world.set.screen_follows || !world.tv.has_cec;
+void sim_checks::turned_off_by_timer() { off_at_ = now(); }
+
+static bool is_user_cause(const sim &world, bool has_television, millis limit) {
+  const bool follows = world.set.screen_follows || !has_television;
   const bool is_user = world.up_by == cause::kUser || world.input_at >= world.up_at;
   return follows && is_user && world.now < world.up_at + limit;
 }
@@ -136,12 +161,16 @@ void sim_checks::check_use(bool is_return, off_action method) {
     world_.broken(3, "a job of a timer at a sleep");
 }
 
+bool sim_checks::is_user_seen() const {
+  return world_.seen_at >= world_.up_at && world_.seen_at < world_.up_at + kWindowMs;
+}
+
 void sim_checks::check_return() {
   const sim_television &tv = world_.tv;
-  if (world_.m.screen.believed == screen_state::kOn)
+  if (said_on_)
     world_.broken(3, "the screen is on at a return");
-  if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on && world_.refused == 0 &&
-      tv.changed_at < now() - kAskedMs)
+  if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on &&
+      !refuses<order::tv_ask>(world_) && tv.changed_at < now() - kAskedMs)
     world_.broken(3, "somebody watches at a return");
   if (tv.has_cec && asked_at_ < now() - kAskedMs)
     world_.broken(3, "the television is not asked before a return");
@@ -151,6 +180,19 @@ void sim_checks::check_return() {
     world_.broken(3, "somebody presses keys at a return");
   if (world_.seen_at > world_.up_at && quiet > kUnseenMs && said_off_at_ <= world_.seen_at)
     world_.broken(3, "somebody has come, and no television is off, at a return");
+  const bool is_sure = knows_cause_ && !is_alarm_near();
+  if (is_sure &&
+      (world_.up_by == cause::kForeign || (world_.up_by == cause::kUser && is_user_seen())))
+    world_.broken(3, "who has woken the machine decides when it sleeps");
+}
+
+// What it is said to be for has happened.
+void sim_checks::check_wish(sleep_wish wish) {
+  const bool follows = world_.set.follow_screen && said_off_at_ >= world_.up_at;
+  if ((wish == sleep_wish::kOffTimer && off_at_ < world_.down_at) ||
+      (wish == sleep_wish::kScreen && !follows) ||
+      (wish == sleep_wish::kTest && test_at_ < world_.up_at))
+    world_.broken(3, "a sleep that nobody wants");
 }
 
 void sim_checks::check_sleep(const order::sleep &what) {
@@ -158,11 +200,11 @@ void sim_checks::check_sleep(const order::sleep &what) {
   const wanted_alarm &wanted = wanted_;
   const std::int64_t ahead = wanted.on_time - world_.utc();
   const bool is_wanted = wanted.on_time != 0 && ahead > 0;
+  check_wish(wish);
   if (is_wanted && ahead < lead_of(world_, what.method) + nearness_of(world_, what.method))
     world_.broken(3, "an on-time is near at a sleep");
-  const std::int64_t alarm_ahead = world_.alarm.stands() - world_.alarm.count(now());
-  if (is_wanted && tampered_at_ < now() - kTamperMs &&
-      (world_.alarm.stands() == 0 || alarm_ahead > ahead))
+  if (is_wanted && std::max(tampered_at_, world_.foreign_at) < now() - kAskedMs &&
+      !is_led_to(what.method))
     world_.broken(3, "no alarm stands at a sleep");
   check_use(wish == sleep_wish::kReturn, what.method);
   if (wish == sleep_wish::kReturn)
@@ -189,16 +231,28 @@ void sim_checks::ordered(const order::any &what) {
   const bool turns_on = start != nullptr && start->name == unit::kOn;
   if (turns_on || std::holds_alternative<order::tv_on>(what)) {
     expected_.clear();
-    ordered_on_at_ = now();
-    if (now() > on_until_ && !is_user_cause(world_, kOrderMs))
+    is_ordered_on_ = true;
+    said_on_ = said_on_ || (turns_on && !world_.tv.has_cec && !world_.tv.is_monitor &&
+                            !refuses<order::start_unit>(world_));
+    if (now() > on_until_ && !is_user_cause(world_, world_.tv.has_cec && has_spoken_, kOrderMs))
       world_.broken(2, "the screen is turned on without a cause");
+  }
+  if (std::holds_alternative<order::tv_off>(what) ||
+      (start != nullptr && start->name == unit::kOff)) {
+    is_ordered_on_ = false;
+    said_on_ = false;
   }
   if (std::holds_alternative<order::tv_ask>(what)) {
     asked_at_ = now();
-    is_silent_ = !world_.tv.answers() || world_.refused != 0;
+    is_silent_ = !world_.tv.answers() || refuses<order::tv_ask>(world_);
   }
+  if (std::holds_alternative<order::release_inhibitor>(what))
+    released_at_ = now();
+  if (const auto *said = std::get_if<order::say>(&what))
+    check_line(*said);
   if (const auto *sleep = std::get_if<order::sleep>(&what)) {
     check_sleep(*sleep);
+    is_test_ = world_.m.sleep.wish == sleep_wish::kTest;
     quiet_since_.reset();
     ++failed_;
     sent_at_ = now();
@@ -207,48 +261,60 @@ void sim_checks::ordered(const order::any &what) {
 
 // --- 4: the return ---
 
+// What stands wakes the machine from such a sleep, and not later than at the on-time.
+bool sim_checks::is_led_to(off_action method) const {
+  const std::int64_t ahead = wanted_.on_time - world_.utc();
+  const std::int64_t left = world_.alarm.stands() - world_.alarm.count(now());
+  const std::int64_t slack = world_.set.lead_poweroff + kShutdownSeconds + kMinuteSeconds;
+  const bool is_hop = !world_.foreign_stands && left < ahead - slack;
+  const bool boots = method != off_action::kPoweroff || world_.set.hop_boots;
+  return world_.alarm.stands() != 0 && left <= ahead && (boots || !is_hop);
+}
+
 bool sim_checks::wants_return() const {
   const sim &world = world_;
   const sim_television &tv = world.tv;
   if (world.state != life::kRunning || !world.is_alive || !world.m.armed || world.sleeps_now ||
-      world.stops_now || world.set.return_to_sleep == 0 || world.refused != 0 ||
-      world.m.clock.state == clock_state::kUnknown || world.m.woken.stays)
+      world.stops_now || world.set.return_to_sleep == 0 || !is_clock_known() ||
+      refuses<order::sleep, order::ask_use>(world))
     return false;
-  const cause by = world.m.woken.by;
+  const bool stays = world.set.off == off_action::kNone && off_at_ >= world.down_at;
+  const cause by = knows_cause_ && !is_alarm_near() ? world.up_by : world.m.woken.by;
   const bool says_off = tv.answers() && !tv.on && !tv.lies && tv.answers_after < kSecondMs;
   // One that was turned on, or by somebody who has come, and does not answer may well be watched.
-  const bool must_say = by == cause::kNothing || world.seen_at >= world.up_at ||
-                        (tv.has_cec && ordered_on_at_ >= world.up_at);
+  const bool must_say = by == cause::kNothing || world.seen_at >= world.up_at || is_ordered_on_;
   if ((must_say && (!says_off || is_silent_ || tv.changed_at >= asked_at_)) ||
-      by == cause::kForeign || by == cause::kUser)
+      by == cause::kForeign || by == cause::kUser || stays || is_cause_open_ ||
+      (by == cause::kNothing && is_user_seen()))
     return false;
-  if (world.m.screen.believed == screen_state::kOn || (tv.on && tv.answers()) || tv.lies)
+  if (said_on_ || (tv.on && tv.answers()) || tv.lies)
     return false;
   const bool is_used = world.blocked != 0 || world.session_at > world.up_at - world.booted_at ||
                        world.active_at > world.up_at - world.booted_at;
-  if (is_used || !world.jobs.empty() || world.m.told.now != delivery::kNone)
+  if (is_used || !world.jobs.empty())
     return false;
   if (world.foreign && *world.foreign - world.alarm.count(now()) < kLateSeconds)
     return false;
   const std::int64_t ahead = wanted_.on_time - world.utc();
-  const off_action method = world.m.woken.booted ? off_action::kPoweroff : world.method;
+  const off_action method = world.method;
   const std::int64_t near = lead_of(world, method) + nearness_of(world, method) +
                             world.set.return_to_sleep + kReturnSlackMs / kSecondMs;
-  if (wanted_.on_time != 0 && ahead > 0)
-    return ahead > near && world.alarm.stands() != 0 && world.m.problems[1] == 0 &&
-           world.m.problems[2] == 0;
-  return tampered_at_ < now() - kTamperMs;
+  if (wanted_.on_time == 0 || ahead <= 0)
+    return true;
+  return ahead > near && is_led_to(method) && !refuses_alarm(world);
 }
 
 millis sim_checks::return_limit() const {
-  if (short_sleeps_ > kMostShortSleeps)
-    return kLoopPause * kSecondMs + kReturnSlackMs;
+  const millis pause = short_sleeps_ > kMostShortSleeps ? kLoopPause : 0;
   const std::size_t row = std::min<std::size_t>(static_cast<std::size_t>(failed_), 4);
   const millis retry = row == 0 ? 0 : kRetries[row - 1];
-  const millis limit = std::max(retry, world_.set.return_to_sleep) * kSecondMs;
+  // A clock that has refused its alarm is looked at again so often.
+  const millis look = tampered_at_ >= world_.up_at ? kLookAgain : 0;
+  const millis limit = (look + std::max({retry, pause, world_.set.return_to_sleep})) * kSecondMs;
   // After so many sleeps in an hour, a test's among them, it waits.
-  const bool is_often = sleeps_.size() + 1 >= kMostSleepsAnHour;
-  const millis again = is_often ? sleeps_.back() + 3600 * kSecondMs : 0;
+  const bool is_often = sleeps_.size() >= kMostSleepsAnHour;
+  const millis again =
+      is_often ? sleeps_[sleeps_.size() - kMostSleepsAnHour] + 3600 * kSecondMs : 0;
   return std::max(limit, again - quiet_since_.value_or(now())) + kReturnSlackMs;
 }
 
@@ -258,26 +324,28 @@ void sim_checks::follow_return(millis next) {
     return;
   }
   const millis since = quiet_since_.value_or(now());
-  quiet_since_ = std::max({since, world_.input_at, stepped_at_ + kTamperMs});
+  quiet_since_ = std::max({since, world_.input_at, stepped_at_, counted_from_});
   if (next > *quiet_since_ + return_limit())
     world_.broken(4, "the machine does not go back to sleep");
 }
 
 // --- 5: what stands ---
 
-// `has_begun`: when the machine is down; otherwise after a wake-up.
-void sim_checks::check_alarm(bool has_begun) {
+void sim_checks::check_alarm() {
   const sim_register &alarm = world_.alarm;
   const std::int64_t count = alarm.count(now());
   const std::int64_t stands = alarm.stands();
   const std::int64_t foreign = world_.foreign.value_or(0);
   const std::int64_t ahead = wanted_.on_time - world_.utc();
+  const bool has_passed = ahead <= 0 && ahead > -world_.delay_max - 1; // while it went down
+  if (wanted_.on_time != 0 && has_passed)
+    return;
   if (wanted_.on_time == 0 || ahead <= 0) {
     if (stands != foreign)
       world_.broken(5, foreign != 0 ? "a foreign alarm is lost" : "an alarm that nobody wants");
     return;
   }
-  const off_action method = has_begun ? world_.method : off_action::kSuspend;
+  const off_action method = world_.method;
   const std::int64_t least = nearness_of(world_, method);
   const std::int64_t ours = std::max(ahead - lead_of(world_, method), least);
   // One that is too near may go off before the machine sleeps; ours is set then.
@@ -295,7 +363,7 @@ void sim_checks::check_alarm(bool has_begun) {
   const bool is_left_out = world_.state == life::kOff && !world_.set.hop_boots && alarm.range;
   if (is_left_out)
     return;
-  if (stands == 0 || stands - count > ours + (alarm.counts_minutes ? kMinuteSeconds : 1))
+  if (stands == 0 || stands - count > ours + (alarm.counts_minutes ? kMinuteSeconds : 2))
     world_.broken(5, stands == 0 ? "no alarm stands" : "the alarm is too late");
   const bool is_hop = alarm.range && ours > std::min(*alarm.range, kHopSeconds);
   // Which sleep an announced one is, is not known: that of the off-action is assumed.
@@ -306,49 +374,92 @@ void sim_checks::check_alarm(bool has_begun) {
 }
 
 void sim_checks::went_down(bool is_ready) {
-  process_ended();
-  if (sent_at_ >= 0 && is_loop(sleeps_, std::exchange(sent_at_, -1)))
+  expected_.clear();
+  const millis sent_at = std::exchange(sent_at_, -1);
+  if (sent_at >= 0 && is_loop(sleeps_, sent_at) && !is_test_)
     world_.broken(10, "more than 6 sleeps in an hour");
   quiet_since_.reset();
   wanted_at_down_ = wanted_;
   timer_went_off_ = timer_went_off_ && !is_ready;
-  const bool is_excused = !is_ready || world_.m.test.running || tampered_at_ > now() - kTamperMs ||
-                          world_.alarm.refuses != 0 || world_.refused != 0 ||
-                          !world_.alarm.is_there || !world_.m.power.released;
-  was_right_ = !is_excused;
+  was_ready_ = is_ready;
+  was_right_ =
+      is_ready && !world_.m.test.running && tampered_at_ < released_at_ && !refuses_alarm(world_);
   if (was_right_)
-    check_alarm(true);
+    check_alarm();
 }
 
-void sim_checks::went_off(cause by) { timer_went_off_ = timer_went_off_ || by == cause::kTimer; }
+// A process that was there all the time has still not said that it is ready.
+void sim_checks::delay_ended(millis begun_at) {
+  if (world_.is_alive && world_.m.armed && world_.holds_inhibitor && world_.alive_at < begun_at &&
+      tampered_at_ < begun_at && !refuses_alarm(world_))
+    world_.broken(5, "the delay is over before the alarm is set");
+}
 
-void sim_checks::asked_at_start() { slept_through_.clear(); }
+// Another program's alarm, later than ours, stands again when ours has gone off.
+void sim_checks::follow_foreign(millis next) {
+  const std::int64_t latest = wanted_.on_time + nearness_of(world_, off_action::kSuspend);
+  const bool is_ours = latest + (world_.alarm.counts_minutes ? kMinuteSeconds : 0) > world_.utc();
+  const bool is_lost = world_.foreign && !world_.foreign_stands && !is_ours &&
+                       world_.state == life::kRunning && world_.is_alive && world_.m.armed &&
+                       !world_.sleeps_now && !world_.stops_now && !world_.m.test.running &&
+                       tampered_at_ < world_.up_at && !refuses_alarm(world_);
+  if (!is_lost)
+    lost_since_ = kNever;
+  else if (lost_since_ == kNever)
+    lost_since_ = std::max(now(), world_.alive_at);
+  else if (next > lost_since_ + kSettlesMs)
+    world_.broken(5, "a foreign alarm is not put back");
+}
 
-void sim_checks::came_up() {
+void sim_checks::went_off(cause by) {
+  timer_went_off_ = timer_went_off_ || by == cause::kTimer;
+  off_went_at_ = now();
+}
+
+void sim_checks::asked_at_start() { slept_through_ = 0; }
+
+void sim_checks::came_up(bool boots) {
   credited_at_ = -1;
+  is_cause_open_ = true;
+  has_booted_ = boots;
+  knows_cause_ = was_ready_ && tampered_at_ < released_at_ && !refuses<order::read_alarm>(world_);
+  const std::int64_t ahead = wanted_at_down_.on_time - world_.utc();
+  if (ahead > 0 && ahead <= kLateSeconds)
+    counted_from_ = now() + ahead * kSecondMs;
+  is_clock_set_ = is_clock_set_ && !boots;
+  said_on_ = said_on_ && !boots;
+  has_spoken_ = has_spoken_ && !boots;
+  if (boots)
+    has_line_ = {};
+  is_ordered_on_ = false;
   const std::int64_t stands = world_.alarm.stands();
   left_at_up_ = stands == 0 ? kDay : stands - world_.alarm.count(now());
   const bool is_short = now() - world_.down_at < kShortSleepMs;
   const bool is_known = world_.up_by != cause::kNothing;
-  short_sleeps_ = is_short && !is_known ? short_sleeps_ + 1 : 0;
+  // A user who has not pressed a key is not known.
+  short_sleeps_ = is_short && (!is_known || world_.up_by == cause::kUser) ? short_sleeps_ + 1 : 0;
   failed_ = 0;
   if (is_known && world_.up_by != cause::kForeign && world_.up_by != cause::kUser)
     sleeps_.clear();
-  const std::int64_t last = slept_through_.empty() ? 0 : slept_through_.back();
+  const std::int64_t last = slept_through_;
   if (world_.is_alive) // otherwise a daemon that has not started yet makes up for them
-    slept_through_.clear();
-  if (last == 0 || world_.utc() - last > kLateSeconds || off_due_ >= last)
+    slept_through_ = 0;
+  if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ >= last)
     return;
   on_until_ = now() + kOrderMs + kBootMs;
   // Without a slept time the daemon's own timers end at the wake-up, before anything is known.
-  if (world_.is_alive && world_.counts_sleep && world_.tv.changed_at < asked_at_)
+  if (world_.is_alive && world_.counts_sleep && !said_on_ && is_clock_known())
     expected_.push_back(now() + kOnTimeMs + 3 * world_.bus_ms);
 }
 
 // --- 6: causes and credits ---
 
 // Another cause may be taken for the alarm that is about to go off.
-bool sim_checks::is_alarm_near() const { return left_at_up_ <= kNearSeconds; }
+bool sim_checks::is_alarm_near() const {
+  const bool has_passed = off_went_at_ < world_.up_at &&
+                          off_went_at_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
+  return left_at_up_ <= kNearSeconds || has_passed;
+}
 
 void sim_checks::check_credit() {
   const auto &woken = world_.m.woken;
@@ -357,7 +468,7 @@ void sim_checks::check_credit() {
   if (credited_at_ >= 0)
     world_.broken(6, "a second credit");
   credited_at_ = woken.at;
-  if (!timer_went_off_ && !is_alarm_near() && tampered_at_ < world_.down_at - kTamperMs)
+  if (!timer_went_off_ && !is_alarm_near() && knows_cause_)
     world_.broken(6, "a credit without the alarm of a timer");
   if (woken.type != wanted_at_down_.type)
     world_.broken(6, "a credit for another timer");
@@ -367,13 +478,21 @@ void sim_checks::check_credit() {
 void sim_checks::check_cause() {
   const cause by = world_.m.woken.by;
   const cause truth = world_.up_by;
-  if (tampered_at_ > now() - kTamperMs || is_alarm_near())
+  if (world_.state != life::kRunning || !world_.is_alive)
+    return;
+  is_cause_open_ = false;
+  const cause known = knows_cause_ ? truth : by;
+  if (!world_.tv.has_cec && !is_ordered_on_ && (known == cause::kTimer || known == cause::kHop))
+    said_on_ = false; // nobody knows what it did meanwhile
+  if (!knows_cause_ || is_alarm_near())
     return;
   const bool is_user = by == cause::kUser || by == cause::kNothing;
   const bool is_right = truth == cause::kUser || truth == cause::kNothing ? is_user : by == truth;
   if (!is_right)
     world_.broken(6, "woken by " + std::to_string(static_cast<int>(truth)) + ", taken for " +
                          std::to_string(static_cast<int>(by)));
+  if (is_right && truth == cause::kTimer && !world_.m.woken.credited)
+    world_.broken(6, "a timer gets no credit");
 }
 
 // --- 7: problems ---
@@ -399,6 +518,25 @@ void sim_checks::check_problems(const event::any &what) {
     mark(problem_of(job->of), false);
 }
 
+// One when it begins, one when it is over.
+void sim_checks::check_line(const order::say &said) {
+  const bool begins = said.what == order::saying::kProblem;
+  if (!begins && said.what != order::saying::kProblemOver)
+    return;
+  bool &has_line = has_line_[static_cast<std::size_t>(said.number)];
+  if (has_line == begins)
+    world_.broken(7, "problem " + std::to_string(said.number) +
+                         (begins ? " is said twice" : " is over and was never said"));
+  has_line = begins;
+}
+
+// The last line may be lost with the process.
+void sim_checks::process_ended() {
+  expected_.clear();
+  for (std::size_t part = 0; part < kProblems; ++part)
+    has_line_[part] = world_.stored.problems[part] != 0;
+}
+
 // --- 8: nothing due ---
 
 void sim_checks::check_due(const event::any &what) {
@@ -417,7 +555,50 @@ void sim_checks::check_due(const event::any &what) {
   }
 }
 
-void sim_checks::decided(const machine &before, const event::any &what, const orders &list) {
+// --- 11 ---
+
+// What the daemon has programmed stands, or a sentence says that it does not yet.
+void sim_checks::called(const event::any &what) {
+  const std::int64_t ahead = wanted_.on_time - world_.utc();
+  const auto has = [&](problem part) {
+    return world_.m.problems[static_cast<std::size_t>(part)] != 0;
+  };
+  if (std::holds_alternative<event::program>(what) && world_.alarm.stands() == 0 &&
+      ahead > lead_of(world_, off_action::kPoweroff) + kMinuteSeconds && !world_.stops_now &&
+      world_.is_alive && !has(problem::kNoDevice) && !has(problem::kAlarmRefused) &&
+      !has(problem::kAlarmRead))
+    world_.broken(11, "an alarm is neither set nor tried again");
+}
+
+void sim_checks::note_clock(const event::any &what) {
+  const auto *ntp = std::get_if<event::ntp>(&what);
+  const bool is_step = std::holds_alternative<event::clock_stepped>(what) &&
+                       (has_booted_ || now() > world_.up_at + kResumeMs);
+  is_clock_set_ =
+      is_clock_set_ || is_step || (ntp != nullptr && ntp->answered && ntp->synchronised);
+}
+
+void sim_checks::note_television(const event::any &what) {
+  const auto *said = std::get_if<event::tv_reports>(&what);
+  const bool is_on = said != nullptr && (said->state == event::tv_state::kOn ||
+                                         said->state == event::tv_state::kTurningOn);
+  const bool is_off =
+      (said != nullptr && !is_on) || std::holds_alternative<event::tv_standby>(what);
+  if (said != nullptr)
+    is_silent_ = false;
+  has_spoken_ =
+      has_spoken_ || said != nullptr || is_off || std::holds_alternative<event::tv_denies>(what);
+  if (is_off)
+    said_off_at_ = now();
+  if (is_on)
+    said_on_ = true;
+  else if (is_off || ((std::holds_alternative<event::tv_silent>(what) ||
+                       std::holds_alternative<event::tv_denies>(what)) &&
+                      world_.tv.has_cec))
+    said_on_ = false;
+}
+
+void sim_checks::decided(const event::any &what, const orders &list) {
   const auto is_deliver = [](const order::any &one) {
     return std::holds_alternative<order::deliver>(one);
   };
@@ -425,19 +606,19 @@ void sim_checks::decided(const machine &before, const event::any &what, const or
     world_.broken(11, "an order after the call of the daemon");
   if (const auto *program = std::get_if<event::program>(&what))
     wanted_ = {program->type, program->on_time};
-  if (std::holds_alternative<event::unprogram>(what) && world_.m.armed)
+  const bool is_over = std::holds_alternative<event::unprogram>(what) ||
+                       (std::holds_alternative<event::idle>(what) && is_clock_known() &&
+                        world_.next_on_timer() == nullptr);
+  if (is_over && world_.m.armed)
     wanted_ = {};
+  note_clock(what);
   if (world_.sleeps_now || world_.stops_now)
     expected_.clear();
-  const auto *said = std::get_if<event::tv_reports>(&what);
-  if (said != nullptr)
-    is_silent_ = false;
-  const bool is_off = said != nullptr && (said->state == event::tv_state::kOff ||
-                                          said->state == event::tv_state::kTurningOff);
-  if (is_off || std::holds_alternative<event::tv_standby>(what))
-    said_off_at_ = now();
-  if (std::holds_alternative<event::sleep_ends>(what) && before.woken.at != world_.m.woken.at)
-    check_cause();
+  const auto *answered = std::get_if<event::sleep_answered>(&what);
+  if (std::holds_alternative<event::sleep_ends>(what) ||
+      (answered != nullptr && answered->error != 0))
+    sent_at_ = -1;
+  note_television(what);
   check_credit();
   check_problems(what);
   check_due(what);

@@ -25,16 +25,26 @@ public:
   explicit sim_checks(sim &world) : world_(world) {}
 
   void time_passes(millis next);
-  void decided(const machine &before, const event::any &what, const orders &list);
+  void decided(const event::any &what, const orders &list);
   void ordered(const order::any &what);
-  void process_ended() { expected_.clear(); }
+  void called(const event::any &what); // of the contract, when it has returned
+  void process_ended();
   void went_down(bool is_ready); // is_ready: the process could do what it is there for
-  void came_up();
+  void came_up(bool boots);
   void asked_at_start();
   void went_off(cause by);
   void clock_stepped();
   void screen_called(bool on);
-  void tampered() { tampered_at_ = now(); } // with the alarm or what leads to it
+  bool is_timer_second() const; // a timer is due in it
+  void tampered() {             // with the alarm or what leads to it
+    tampered_at_ = now();
+    knows_cause_ = knows_cause_ && !is_cause_open_;
+  }
+  bool is_cause_open() const { return is_cause_open_; }
+  void test_called() { test_at_ = now(); }
+  bool has_released(millis since) const { return released_at_ >= since; }
+  void delay_ended(millis begun_at);
+  void turned_off_by_timer();
 
 private:
   millis now() const;
@@ -43,32 +53,50 @@ private:
   void check_sleep(const order::sleep &what);
   void check_use(bool is_return, off_action method);
   void check_return();
-  void check_alarm(bool has_begun);
+  bool is_clock_known() const;
+  void check_wish(sleep_wish wish);
+  void check_alarm();
+  void follow_foreign(millis next);
+  void check_line(const order::say &said);
+  void note_clock(const event::any &what);
+  void note_television(const event::any &what);
+  bool is_led_to(off_action method) const;
   bool wants_return() const;
   millis return_limit() const;
   void follow_return(millis next);
   void check_credit();
   bool is_alarm_near() const;
+  bool is_user_seen() const;
   void check_cause();
   void check_problems(const event::any &what);
   void check_due(const event::any &what);
 
   sim &world_;
-  std::vector<millis> expected_;            // until when an on-timer turns the screen on
-  std::vector<std::int64_t> slept_through_; // on-timers
-  std::int64_t off_due_ = 0;                // the last off-timer that became due
-  std::int64_t due_at_ = 0;                 // the last timer, true ms
-  millis on_until_ = -1;                    // a cause holds
-  millis ordered_on_at_ = -kDayMs, sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1;
+  std::vector<millis> expected_;   // until when an on-timer turns the screen on
+  std::int64_t slept_through_ = 0; // the last on-timer; 0: none
+  std::int64_t off_due_ = 0;       // the last off-timer that became due
+  std::int64_t due_at_ = 0;        // the last timer, true ms
+  millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs;
+  millis on_until_ = -1; // a cause holds
+  millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1;
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
   std::deque<millis> sleeps_;
+  bool is_cause_open_ = false; // not looked at since the wake-up
+  bool knows_cause_ = false;   // nobody has hidden it from the process
+  bool was_ready_ = false, has_booted_ = true;
+  bool has_spoken_ = false;                      // the television, in this boot
+  bool is_clock_set_ = false, said_on_ = false;  // in this boot; by the television, last
+  bool is_ordered_on_ = false, is_test_ = false; // the screen; the sleep
   bool timer_went_off_ = false, was_right_ = false, is_silent_ = false;
   millis credited_at_ = -1;
-  std::int64_t left_at_up_ = 0; // seconds to the alarm that stands
+  std::int64_t left_at_up_ = 0;   // seconds to the alarm that stands
+  millis counted_from_ = -kDayMs; // the on-time that the return is counted from
+  millis off_went_at_ = -kDayMs;  // the last alarm
   wanted_alarm wanted_, wanted_at_down_;
   millis tampered_at_ = -kDayMs, stepped_at_ = -kDayMs;
-  std::array<bool, kProblems> is_bad_{};
+  std::array<bool, kProblems> is_bad_{}, has_line_{};
+  millis lost_since_ = kNever; // another program's alarm
   int dues_ = 0;
   millis dues_since_ = 0;
 

@@ -21,6 +21,7 @@ std::string sim::run(const night &what) {
       world_at(one.at, [this, &one] {
         note(std::string("> ") + act_of(one).name + ' ' + std::to_string(one.a) + ' ' +
              std::to_string(one.b));
+        has_acted = has_acted || checks.is_timer_second();
         act_of(one).does(*this, one.a, one.b);
       });
   start_process();
@@ -105,7 +106,8 @@ static std::string run_with_restart(const night &what, const sim &plain) {
   const auto text_of = [](const auto &place, const auto &end) {
     return place == end ? "nothing" : place->second + " at " + std::to_string(place->first);
   };
-  if (without == plain.given.end() && with == world.given.end())
+  const bool is_same_night = without == plain.given.end() && with == world.given.end();
+  if (is_same_night || plain.has_acted || world.has_acted)
     return "";
   return "9: with a restart " + text_of(with, world.given.end()) + ", without " +
          text_of(without, plain.given.end());
@@ -162,7 +164,7 @@ static std::string explain(const night &found, const std::string &sentence) {
     if (act_of(one).weight < 0)
       text += std::string("with ") + act_of(one).name + ' ' + std::to_string(one.a) + ' ' +
               std::to_string(one.b) + '\n';
-  static constexpr std::size_t kLast = 100;
+  static constexpr std::size_t kLast = 1000;
   const std::size_t first = trace.size() > kLast ? trace.size() - kLast : 0;
   for (std::size_t line = 0; line < trace.size(); ++line)
     if (line >= first || trace[line].find("> ") != std::string::npos)

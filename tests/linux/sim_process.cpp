@@ -86,11 +86,10 @@ void sim::send(const event::any &what) {
   }
   if (trace != nullptr)
     note(name_of(what));
-  const machine before = m;
   const auto [after, list] = decide(m, what, this_moment());
   m = stored = after;
   has_stored = true;
-  checks.decided(before, what, list);
+  checks.decided(what, list);
   const int run = run_;
   ++depth_;
   for (const order::any &one : list) {
@@ -107,6 +106,7 @@ void sim::send(const event::any &what) {
   --depth_;
   if (orders_to_live == 0) {
     orders_to_live = -1;
+    checks.tampered();
     end_process();
     world_at(now + kDaemonStartsMs, [this] { start_process(); });
   }
@@ -120,6 +120,7 @@ void sim::call(const event::any &what) {
   ++calls;
   send(what);
   --calls;
+  checks.called(what);
 }
 
 void sim::deliver(delivery callback) {
@@ -197,7 +198,7 @@ void sim::end_process() {
 // --- the daemon ---
 
 void sim::add_timer(std::uint32_t type, std::int64_t local, bool daily) {
-  timers.push_back({next_id_++, type, local, daily});
+  timers.push_back({next_id_++, type, local, daily, utc()});
   if (is_alive && m.armed) {
     arm_timers();
     program_alarm();
@@ -216,6 +217,8 @@ void sim::arm_timers() {
   };
   std::erase_if(timers, [&](const sim_timer &timer) { return !timer.daily && is_past(timer); });
   for (sim_timer &timer : timers) {
+    while (timer.daily && timer.local - kDay > clock) // the clock was set back
+      timer.local -= kDay;
     while (is_past(timer))
       timer.local += kDay;
     timer.fires_at = is_known ? mono_ms() + (timer.local - clock) * kSecondMs : kNever;
@@ -257,6 +260,8 @@ void sim::fire(std::uint32_t id) {
     call(event::fired{type == 0 ? 2 : kRecordReason});
   if (type <= 1 && !is_halted)
     checks.screen_called(type == 0);
+  if (type == 1 && !is_halted)
+    checks.turned_off_by_timer();
   if (!is_halted && type <= 1 && (type == 1 || sleeping))
     call(event::screen_wanted{type == 0, event::asker::kDaemon});
   if (!is_alive)

@@ -53,9 +53,10 @@ struct shell {
   // --- logind, input ---
 
   void operator()(const order::take_inhibitor &) const {
-    world.process_at(world.now + world.bus_ms,
-                     [&held = world.holds_inhibitor, holds = !is_refused] { held = holds; });
-    result(problem::kInhibitor);
+    world.process_at(world.now + world.bus_ms, [&world = world, is_refused = is_refused] {
+      world.holds_inhibitor = !is_refused && !world.sleeps_now && !world.stops_now;
+      shell{world, !world.holds_inhibitor}.result(problem::kInhibitor);
+    });
   }
 
   void operator()(const order::release_inhibitor &) const {
@@ -66,7 +67,9 @@ struct shell {
   void operator()(const order::sleep &what) const {
     const std::uint8_t kind = what.method == off_action::kPoweroff ? kShutdownBit : kSleepBit;
     const bool refuses =
-        is_refused || (world.blocked & kind) != 0 || world.sleeps_now || world.stops_now;
+        is_refused || (world.blocked & kind) != 0 ||
+        (what.method == off_action::kHibernate && (world.can & kHibernateBit) == 0) ||
+        world.sleeps_now || world.stops_now;
     world.process_at(world.now + world.bus_ms, [&world = world, refuses, method = what.method] {
       if (!refuses)
         world.begin_sleep(method);
@@ -98,7 +101,10 @@ struct shell {
   bool is_unreachable() const {
     if (world.tv.answers() && !is_refused)
       return false;
-    world.process_at(world.now + kSilentMs, [&world = world] { world.send(event::tv_silent{}); });
+    world.process_at(world.now + kSilentMs, [&world = world, asked_at = world.now] {
+      if (world.tv.said_at < asked_at)
+        world.send(event::tv_silent{});
+    });
     return true;
   }
 
@@ -121,6 +127,7 @@ struct shell {
   void operator()(const order::tv_ask &) const {
     if (!is_unreachable())
       world.process_at(world.now + world.tv.answers_after, [&world = world] {
+        world.tv.said_at = world.now;
         world.send(event::tv_reports{world.tv.reported(world.now)});
       });
   }
@@ -184,12 +191,12 @@ event::late_timers sim::late_timers(std::int64_t from, std::int64_t to) {
   std::vector<sim_timer> asked = std::exchange(missed, {});
   asked.insert(asked.end(), timers.begin(), timers.end());
   for (const sim_timer &timer : asked)
-    for (std::int64_t day = timer.daily ? -3 : 0; day <= 0 && !is_halted && is_clock_known();
-         ++day) {
+    for (std::int64_t day = timer.daily ? -3 : 0;
+         day <= (timer.daily ? 3 : 0) && !is_halted && is_clock_known(); ++day) {
       const std::int64_t local = timer.local + day * kDay;
       const std::int64_t due = to_utc(local);
       const bool comes = due + offset(due) == local;
-      if (comes && due > from && due <= to && late.count < kLateTimers)
+      if (comes && due > timer.since && due > from && due <= to && late.count < kLateTimers)
         late.timers[late.count++] = {timer.id, timer.type, due};
     }
   std::sort(late.timers.begin(), late.timers.begin() + late.count,

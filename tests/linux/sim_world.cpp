@@ -53,9 +53,11 @@ void sim::begin_sleep(off_action by) {
     signal(event::sleep_begins{});
   const millis limit = now + delay_max * kSecondMs;
   may_go_at_ = now + std::min(foreign_delay, delay_max * kSecondMs);
-  world_at(limit, [this, number] {
-    if (number == sleep_)
-      go_down(method, true);
+  world_at(limit, [this, number, begun = now] {
+    if (number != sleep_)
+      return;
+    checks.delay_ended(begun);
+    go_down(method, true);
   });
   release_checked();
 }
@@ -84,10 +86,12 @@ void sim::go_down(off_action by, bool is_announced) {
   if (state != life::kRunning || is_called_off_)
     return;
   ++sleep_;
-  const bool is_ready = is_alive && m.armed && m.power.released && m.power.went.boot >= begun_at_;
+  const bool is_ready = is_alive && m.armed && checks.has_released(begun_at_ + booted_at);
   method = by;
   if (fails > 0 && method != off_action::kPoweroff) {
     --fails;
+    if (!is_announced)
+      return;
     may_go_at_ = kNever;
     world_at(now + kFailsAfterMs, [this] {
       sleeps_now = false;
@@ -124,7 +128,7 @@ void sim::wake(cause by) {
   up_at = now;
   up_by = by;
   note("- up");
-  checks.came_up();
+  checks.came_up(false);
   process_at(now + 3, [this] { send(event::clock_stepped{}); });
   if (!is_alive) // the service manager did not get to it before
     world_at(now + kSecondMs, [this] { start_process(); });
@@ -146,7 +150,7 @@ void sim::boot(cause by) {
   up_at = now;
   up_by = by;
   note("- up");
-  checks.came_up();
+  checks.came_up(true);
   world_at(now + kBootMs, [this] { start_process(); });
 }
 
@@ -154,8 +158,10 @@ void sim::boot(cause by) {
 
 // Others write 0 first, which erases ours without notice.
 void sim::write_foreign(std::int64_t ahead) {
-  if (!alarm.is_there || alarm.switch_off() != 0)
+  const bool is_ours = ahead != 0 && alarm.count(now) + ahead == alarm.stands();
+  if (!alarm.is_there || is_ours || alarm.switch_off() != 0)
     return;
+  foreign_at = now;
   foreign.reset();
   foreign_stands = false;
   if (ahead == 0 || alarm.write(now, alarm.count(now) + ahead) != 0 || alarm.stands() == 0)
@@ -165,15 +171,13 @@ void sim::write_foreign(std::int64_t ahead) {
 }
 
 void sim::tell_reachable() {
-  process_at(now + bus_ms, [this] { send(event::tv_reachable{tv.has_cec}); });
+  process_at(now + bus_ms, [this] { send(event::tv_reachable{tv.has_cec || tv.is_monitor}); });
 }
 
 // --- people ---
 
 void sim::tell_use(bool is_answer) {
-  answer(event::use_changed{session_at, active_at, blocked,
-                            kSleepBit | kShutdownBit | kHibernateBit, delay_max * kSecondMs,
-                            is_answer});
+  answer(event::use_changed{session_at, active_at, blocked, can, delay_max * kSecondMs, is_answer});
 }
 
 void sim::change_use() {

@@ -80,6 +80,10 @@ message bus_client::send(const message &request) {
   return reply;
 }
 
+void bus_client::post(const message &request) {
+  dbus_connection_send(bus_, request.get(), nullptr);
+}
+
 message bus_client::call(const bus_target &target, const char *method,
                          std::span<const int> arguments) {
   return send(request_with(target, method, arguments));

@@ -41,6 +41,7 @@ public:
   bus_client &operator=(const bus_client &) = delete;
 
   message send(const message &request);
+  void post(const message &request); // receive() gets the answer
   message call(const bus_target &target, const char *method, std::span<const int> arguments = {});
   // Null when the answer is an error or none comes.
   message try_call(const bus_target &target, const char *method, std::span<const int> arguments);

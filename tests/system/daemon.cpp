@@ -20,8 +20,9 @@ void daemon_test::launch(const char *bus_address, const std::string &set) {
   daemon_.emplace(
       std::vector<std::string>{"/usr/bin/env",
                                std::string("DBUS_SYSTEM_BUS_ADDRESS=").append(bus_address),
-                               std::string("DRAVEL_STANDIN=").append(kKeyFile), "DRAVEL_LOG=debug",
-                               "DRAVEL_LOG_STDERR=1", other != nullptr ? other : DRAVEL_MANAGER},
+                               std::string("DRAVEL_STANDIN=").append(kKeyFile),
+                               std::string("DRAVEL_LOG=").append(log_level), "DRAVEL_LOG_STDERR=1",
+                               other != nullptr ? other : DRAVEL_MANAGER},
       kDaemonLog);
 }
 

@@ -37,6 +37,7 @@ protected:
   words timer_ids();                             // in list order
 
   bus_client bus;
+  const char *log_level = "debug";
 
 private:
   std::optional<process> daemon_;

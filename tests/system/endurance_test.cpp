@@ -53,6 +53,8 @@ int setting(const char *name, int otherwise) {
 
 class Endurance : public daemon_test {
 protected:
+  Endurance() { log_level = "error"; } // many changes in little time
+
   // Of so many rounds of the full run, at least one of each kind.
   template <typename Round> void run(int full, int kinds, Round round) {
     const int rounds = std::max(kinds, full * setting("PERCENT", 1) / 100);

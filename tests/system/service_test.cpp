@@ -89,6 +89,37 @@ TEST_F(Service, WhatIsUnknownOrReadOnly_IsRefusedWithTheStandardErrors) {
     EXPECT_EQ(bus.ask(target, method, arguments), answer) << method << arguments;
 }
 
+// All calls wait in the daemon's socket when it goes on; those of the first client are too many.
+TEST_F(Service, ClientsTakeTurns_AndACallBehindTooManyIsRefused) {
+  start();
+  bus_client other;
+  const auto add = [](bus_client &from, const char *time) {
+    from.post(request_with(kDaemon, "schedule_timer", arguments_of({0, time})));
+    from.pid_of(DBUS_SERVICE_DBUS); // answered once the bus has passed the call on
+  };
+  const auto ask = [&](int times) {
+    const message question = request_of(kDaemon, "request_get_timers_halt_effect", "(0,)");
+    dbus_message_set_no_reply(question.get(), TRUE);
+    for (; times > 0; --times)
+      bus.post(message(dbus_message_copy(question.get())));
+  };
+  const pid_t daemon = bus.pid_of(kDaemon.name);
+  kill(daemon, SIGSTOP);
+  add(bus, "15 13:00");
+  ask(60);
+  add(bus, "15 14:00");
+  add(other, "15 15:00");
+  ask(75);
+  add(bus, "15 16:00");
+  kill(daemon, SIGCONT);
+  bus.receive([](DBusMessage *answer) {
+    return dbus_message_is_error(answer, DBUS_ERROR_LIMITS_EXCEEDED) != 0;
+  });
+  while (call("request_wakeup_timer", "(0,)") == DBUS_ERROR_LIMITS_EXCEEDED)
+    continue;
+  EXPECT_EQ(timer_ids(), (words{1, 3, 2}));
+}
+
 TEST_F(Service, ALostBus_EndsTheDaemon) {
   constexpr const char *kOtherBus = "unix:path=/run/bench/other-bus";
   const outcome other =

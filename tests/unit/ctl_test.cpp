@@ -138,6 +138,7 @@ TEST(Words, ATimeHasTheOffsetOfTheMomentAtWhichTheDaemonMeansIt) {
       {"2026-07-01 12:00", "2026-07-01T12:00:00+02:00"}};
   const char *before = std::getenv("TZ");
   setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+  tzset(); // which localtime_r leaves to others
   for (const auto &[time, iso] : kTimes)
     EXPECT_EQ(in_zone(civil(time_of(time))).iso, iso);
   EXPECT_EQ(from_utc(civil(time_of("2026-10-25 01:30"))).iso, "2026-10-25T02:30:00+01:00");

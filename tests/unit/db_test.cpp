@@ -85,8 +85,12 @@ TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
   EXPECT_NE(insert_dravel_item_db(&item), 0);
   EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
   close_dravel_db();
-  EXPECT_EQ(initialize_dravel_db(), 0);
-  close_dravel_db();
+  std::ofstream(kWakeupDbPath) << std::string(4096, 'x');
+  for (const bool is_stored : {false, true}) { // the next start makes a new one
+    EXPECT_EQ(initialize_dravel_db(), 0);
+    EXPECT_EQ(insert_wakeup_dravel_item_db(&item) == 0, is_stored);
+    close_dravel_db();
+  }
   fs::remove(kDravelDbPath);
   fs::create_directory(kDravelDbPath); // loses nothing that may lie in it
   EXPECT_EQ(initialize_dravel_db(), SQLITE_CANTOPEN);
