@@ -193,6 +193,7 @@ json json_of(const timer_record &timer, const snapshot &view) {
   object["halted"] = is_halted(timer.type, view);
   add_time(object, "at", timer.at, timer.clock == TIME_TYPE_INTERNET);
   add_settings(object, timer);
+  object["set_for"] = iso_text(timer.at); // what its own clock then reads
   return object;
 }
 

@@ -46,7 +46,8 @@ class Calendar {
     #all = element("input", { type: "checkbox", name: "all" });
     #endOfFebruary = element("input", { type: "checkbox", name: "end-of-february" });
     #dialog;
-    #draw = () => this.#show();
+    #shown = "";
+    #follow = () => this.#shown !== JSON.stringify(source.overview.holidays) && this.#show();
 
     constructor(today) {
         this.#today = today;
@@ -78,10 +79,10 @@ class Calendar {
             ],
             { wide: true, action: { text: "Add", what: "change", run: () => this.#add() }, leave: "Close" },
         );
-        source.addEventListener("change", this.#draw);
+        source.addEventListener("change", this.#follow);
         this.#place
             .closest("dialog")
-            .addEventListener("close", () => source.removeEventListener("change", this.#draw));
+            .addEventListener("close", () => source.removeEventListener("change", this.#follow));
         this.#show();
         this.#dayButton(today).focus();
     }
@@ -96,6 +97,7 @@ class Calendar {
 
     #show() {
         const here = document.activeElement?.dataset.day;
+        this.#shown = JSON.stringify(source.overview.holidays);
         this.#title.textContent = String(this.#year);
         this.#turns.forEach((turn, index) => {
             turn.disabled = this.#year === this.#years[index];
@@ -187,9 +189,17 @@ class Calendar {
         return ["holidays", "add", ...days, ...flags.filter(([box]) => box.checked).map(([, flag]) => flag)];
     }
 
+    #fault() {
+        if (!this.#first) return "Choose the first day.";
+        const isYear =
+            this.#last.slice(0, 4) > this.#first.slice(0, 4) && this.#last.slice(5) >= this.#first.slice(5);
+        return isYear ? "Holidays come every year: choose less than a year." : "";
+    }
+
     async #add() {
-        if (!this.#first) {
-            this.#dialog.refuse("Choose the first day.");
+        const fault = this.#fault();
+        if (fault) {
+            this.#dialog.refuse(fault);
             return false;
         }
         try {

@@ -15,6 +15,7 @@ class Source extends EventTarget {
     /** Why there are no newer figures, in words; empty while they are live. */
     lost = "";
 
+    #down = ""; // what the bus tells, of which a document that is under way knows nothing
     #fetchedAt = 0;
     #fetching = false;
     #wanted = false;
@@ -64,11 +65,13 @@ class Source extends EventTarget {
     }
 
     #owned(owner) {
-        if (owner) this.refresh();
-        else this.#lose("The timers' daemon, dravel-manager, is not running.");
+        if (!owner) return this.#lose("The timers' daemon, dravel-manager, is not running.");
+        this.#down = "";
+        this.refresh();
     }
 
     #lose(why) {
+        this.#down = why;
         this.lost = why;
         this.dispatchEvent(new Event("change"));
     }
@@ -78,7 +81,7 @@ class Source extends EventTarget {
         try {
             this.overview = await run(["overview"]);
             this.#fetchedAt = begin;
-            this.lost = "";
+            this.lost = this.#down;
         } catch (refusal) {
             this.lost = refusal.message;
         }

@@ -104,9 +104,9 @@ function daysField(timer, changed) {
 }
 
 function timeFields(timer) {
-    const time = timer ? timeOf(timer.at) : "";
+    const time = timer ? timeOf(timer.set_for) : "";
     const step = time.length > 5 ? 1 : null;
-    const date = timer && timer.days.length === 0 ? timer.at.slice(0, 10) : "";
+    const date = timer && timer.days.length === 0 ? timer.set_for.slice(0, 10) : "";
     return element(
         "div",
         { class: "pair" },

@@ -86,7 +86,7 @@ function row(timer) {
         "li",
         { class: timer.armed && !timer.halted ? "timer" : "timer resting" },
         sign(kindOf(timer), timer.halted),
-        element("span", { class: "time" }, timeOf(timer.at), clock && element("small", {}, clock)),
+        element("span", { class: "time" }, timeOf(timer.set_for), clock && element("small", {}, clock)),
         rowText(timer),
         rowButtons(timer),
     );

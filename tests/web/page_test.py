@@ -37,6 +37,8 @@ ACTS = {
                 "told export 2026-12-24T23:30:00+01:00",
     "change": "ctl add --at=7:00 --on=mon-fri; press 'Change timer 1'; set at 07:15; press Sunday; press Change; "
               "see 'takes the place of timer 1'; told export '\"time\": \"07:15\"'; told export Sun",
+    "another clock": "ctl add --at=07:00 --clock=internet --on=mon; see UTC; see 07:00; press 'Change timer 1'; set at 07:30; "
+                     "press Change; told export '\"time\": \"07:30\"'",
     "cancel, undo": "ctl add --at=22:00 --type=off --on=daily; press 'Cancel timer 1'; see 'is cancelled'; see 'no timer yet'; "
                     "press Undo; see 'It is back as timer 2.'; told export '\"time\": \"22:00\"'",
     "undo refused": "ctl add --at=22:00 --on=daily; press 'Cancel timer 1'; see cancelled; ctl add --at=22:00 --on=daily; "
@@ -57,6 +59,7 @@ BAD_INPUT = {
     "past": "press 'Add a timer'; set at 06:55; set date 2020-01-01; see 'has passed'; press Add; see 'Not added: Wed 2020-01-01 06:55:00 has passed'; told list []",
     "priority": "press 'Add a timer'; set at 06:55; press More; set priority 99999999999; press Add; see '--priority'; told list []",
     "no holidays": "press Calendar; press Add; see 'Choose the first day.'",
+    "a year": "press Calendar; press '22 December'; press 'Next year'; press '22 December'; press Add; see 'less than a year'",
     "holidays twice": "ctl holidays add 07-10; press Calendar; press '10 July, holidays 10 Jul'; press Add; see 'these days are holidays 1 already'",
     "file": "file '<b>x' '{'; see 'is no JSON'; told list []",
     "half a file": "ctl add --at=7:00 --on=mon; file '<b>x' '{\"timers\":[{\"type\":0,\"time\":\"07:00\",\"days\":[\"Mon\"]}]}'; "
@@ -94,6 +97,7 @@ class Page(unittest.TestCase):
         cls.bench.close()
 
     def setUp(self):
+        self.browser.set_window_size(1280, 1000)
         self.bench.restart_daemon()
 
     # --- the words of a scenario ---
@@ -264,28 +268,34 @@ class Page(unittest.TestCase):
         self.play(FULL)
 
     def test_speed(self):
+        """The quickest of three counts: other programs use the processors, too."""
+        self.bench.ctl("import", "-", text=json.dumps(MANY))
+        figures = [self.measure() for _ in range(3)]
+        shown, changed, longest = (min(column) for column in zip(*figures))
+        print(f"80 timers: shown after {shown:.2f} s, a change after {changed:.2f} s, "
+              f"the longest time between two pictures is {longest:.0f} ms", file=sys.stderr)
+        if os.getloadavg()[0] > 2 * os.cpu_count():
+            self.skipTest("the processors are too busy to judge these times")
+        self.assertLess(shown, 1)
+        self.assertLess(changed, 1)
+        self.assertLess(longest, 100)
+
+    def measure(self):
         begin = time.monotonic()
         self.open()
-        shown = time.monotonic() - begin
-        begin = time.monotonic()
-        self.ctl("add", "--at=7:00", "--on=mon")
-        self.see("Timers1 of 80")
-        changed = time.monotonic() - begin
-        self.bench.ctl("cancel", "1")
-        self.bench.ctl("import", "-", text=json.dumps(MANY))
         self.see("Timers80 of 80")
+        shown = time.monotonic() - begin
         self.browser.execute_script(
             "window.longest = 0; let last = performance.now(); const frame = now => {"
             "window.longest = Math.max(window.longest, now - last); last = now; requestAnimationFrame(frame); };"
             "requestAnimationFrame(frame)")
+        begin = time.monotonic()
         self.ctl("halt", "on")
         self.see("On-timers are halted")
-        longest = self.browser.execute_script("return window.longest")
-        print(f"page shown after {shown:.2f} s, a change after {changed:.2f} s, "
-              f"with 80 timers the longest time between two pictures is {longest:.0f} ms", file=sys.stderr)
-        self.assertLess(shown, 1)
-        self.assertLess(changed, 1)
-        self.assertLess(longest, 200)
+        changed = time.monotonic() - begin
+        self.ctl("halt", "none")
+        self.see("On-timers act")
+        return shown, changed, self.browser.execute_script("return window.longest")
 
     def tearDown(self):
         severe = [entry["message"] for entry in self.browser.get_log("browser") if entry["level"] == "SEVERE"]
