@@ -94,22 +94,22 @@ protected:
     unanswered_add_ = any_timer();
     const auto id = answer_to(by, "schedule_timer", unanswered_add_);
     EXPECT_TRUE(!id ||
-                (*id > 0 && book_.emplace(*id, row_of(words_of(*id, unanswered_add_))).second));
+                (*id > 0 && book.emplace(*id, row_of(words_of(*id, unanswered_add_))).second));
     return id.has_value();
   }
 
   bool cancel_one(bus_client &by) {
-    unanswered_cancel_ = std::next(book_.begin(), below(static_cast<int>(book_.size())))->first;
+    unanswered_cancel_ = std::next(book.begin(), below(static_cast<int>(book.size())))->first;
     const auto answer = answer_to(by, "cancel_timer", {&unanswered_cancel_, 1});
     EXPECT_EQ(answer.value_or(0), 0);
     if (answer)
-      book_.erase(unanswered_cancel_);
+      book.erase(unanswered_cancel_);
     return answer.has_value();
   }
 
   // False when it was not answered.
   bool change(bus_client &by) {
-    const bool cancels = book_.size() >= kFullBook || (!book_.empty() && below(5) < 2);
+    const bool cancels = book.size() >= kFullBook || (!book.empty() && below(5) < 2);
     return cancels ? cancel_one(by) : add_one(by);
   }
 
@@ -128,12 +128,12 @@ protected:
   void check_all(bus_client &by) {
     const timer_rows timers = listed(by);
     if (!timers.contains(unanswered_cancel_))
-      book_.erase(unanswered_cancel_);
+      book.erase(unanswered_cancel_);
     for (const auto &[id, row] : timers)
-      if (!book_.contains(id) && row == row_of(words_of(id, unanswered_add_)))
-        book_.emplace(id, row);
+      if (!book.contains(id) && row == row_of(words_of(id, unanswered_add_)))
+        book.emplace(id, row);
     unanswered_cancel_ = 0;
-    ASSERT_EQ(text_of(timers), text_of(book_));
+    ASSERT_EQ(text_of(timers), text_of(book));
     ASSERT_EQ(rows(kStored), text_of(timers));
     for (const char *path : {kDravelDbPath, kWakeupDbPath})
       ASSERT_EQ(rows("PRAGMA integrity_check", path), "ok");
@@ -149,7 +149,7 @@ protected:
     EXPECT_EQ(killed.get(), 0) << "it ended before it was killed";
   }
 
-  timer_rows book_; // what a client may rely on while the daemon comes and goes
+  timer_rows book; // what a client may rely on while the daemon comes and goes
 
 private:
   std::mt19937 generator_{static_cast<unsigned>(setting("SEED", 1))};
@@ -229,7 +229,7 @@ protected:
     EXPECT_EQ(bus.call_int(kDaemon, "request_set_disable_period", std::array<int, PERIOD_ARGS>{}),
               -1);
     EXPECT_TRUE(by != FULL || (!copies("0") && !copies("1")));
-    timer_rows left = book_;
+    timer_rows left = book;
     if (!left.empty()) {
       bus.cancel(kDaemon, left.begin()->first);
       left.erase(left.begin());
