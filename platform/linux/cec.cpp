@@ -48,11 +48,17 @@ static void tell_reachable() {
 
 // --- messages to the television ---
 
+// The television that has dropped its address may be behind any of those without one.
+static bool send_blindly(std::uint8_t destination, std::span<const std::uint8_t> message) {
+  return std::ranges::count_if(devices, [=](const auto &device) {
+           return device->is_unaddressed() && device->transmit(destination, message) == 0;
+         }) > 0;
+}
+
 static bool send(std::uint8_t destination, std::span<const std::uint8_t> message) {
-  const cec_device *device = usable_device();
-  if (device == nullptr && message[0] == CEC_MSG_IMAGE_VIEW_ON)
-    device = first(&cec_device::is_unaddressed);
-  return device != nullptr && device->transmit(destination, message) == 0;
+  if (const cec_device *device = usable_device(); device != nullptr)
+    return device->transmit(destination, message) == 0;
+  return message[0] == CEC_MSG_IMAGE_VIEW_ON && send_blindly(destination, message);
 }
 
 static bool send(std::uint8_t destination, std::uint8_t opcode) {

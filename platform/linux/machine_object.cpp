@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <iterator>
 #include <map>
 #include <string_view>
@@ -186,7 +185,7 @@ static DBusMessage *test_wake(E_DBus_Object *, DBusMessage *message) {
 
 static DBusMessage *answer_to(DBusMessage *message, const order::answer &answered) {
   if (answered.error != 0)
-    return dbus_message_new_error(message, kRefused, std::strerror(answered.error));
+    return dbus_message_new_error(message, kRefused, refusal_of_test(answered.error).c_str());
   DBusMessage *reply = dbus_message_new_method_return(message);
   const auto seconds = static_cast<std::uint32_t>(answered.seconds);
   const char *by = word_of(answered.woken_by);

@@ -102,6 +102,14 @@ static void exchange(GKeyFile *file, const std::string &key, wanted_alarm &wante
   exchange_number(file, key + "-on-time", wanted.on_time, read);
 }
 
+static void exchange(GKeyFile *file, decltype(machine::woken) &woken, bool read) {
+  exchange_number(file, "woken-by", woken.by, read);
+  exchange_number(file, "woken-utc", woken.utc, read);
+  exchange_number(file, "booted", woken.booted, read);
+  if (woken.by > cause::kTest)
+    woken.by = cause::kUser;
+}
+
 static void exchange_alarm(GKeyFile *file, machine &record, bool read) {
   auto &alarm = record.alarm;
   exchange(file, "wanted", alarm.wanted, read);
@@ -110,6 +118,11 @@ static void exchange_alarm(GKeyFile *file, machine &record, bool read) {
   exchange(file, "before-sleep-wanted", alarm.before_sleep_wanted, read);
   exchange(file, "before-sleep", alarm.before_sleep, read);
   exchange_number(file, "range", alarm.range, read);
+  exchange(file, record.woken, read);
+  exchange_number(file, "phase", record.power.now, read);
+  exchange_number(file, "went-utc", record.power.went.utc, read);
+  if (record.power.now > phase::kShuttingDown)
+    record.power.now = phase::kAwake;
 }
 
 static std::string alarm_path() { return state_directory() + "/alarm"; }
@@ -162,8 +175,7 @@ static std::string record_image(const machine &record) {
   return image;
 }
 
-static bool read_record_file(machine &record) {
-  const std::string image = read_file(record_path());
+static bool read_record_file(const std::string &image, machine &record) {
   if (!image.starts_with(kLayout) || image.size() != kLayout.size() + sizeof record)
     return false;
   std::memcpy(static_cast<void *>(&record), image.data() + kLayout.size(), sizeof record);
@@ -172,7 +184,9 @@ static bool read_record_file(machine &record) {
 
 kept_record load_record(std::int64_t device_alarm) {
   kept_record kept;
-  kept.same_boot = read_record_file(kept.record);
+  const std::string image = read_file(record_path());
+  kept.same_boot = read_record_file(image, kept.record);
+  kept.is_other_build = !kept.same_boot && !image.empty();
   kept.exists =
       kept.same_boot || read_alarm_file(kept.record) || read_older_file(kept.record, device_alarm);
   return kept;

@@ -1,6 +1,7 @@
 // What outlives the process. The state directory, STATE_DIRECTORY or /var/lib/dravel-manager, keeps
-// the alarm for the next boot; the runtime directory, RUNTIME_DIRECTORY or /run/dravel-manager, the
-// whole record for the next run: a boot empties it.
+// the alarm for the next boot,
+// and what woke the machine for another build; the runtime directory, RUNTIME_DIRECTORY or
+// /run/dravel-manager, the whole record for the next run: a boot empties it.
 #pragma once
 
 #include "machine.h"
@@ -12,7 +13,8 @@ bool lock_state();
 struct kept_record {
   machine record;
   bool exists = false;
-  bool same_boot = false; // false: only the alarm
+  bool same_boot = false;      // false: only the alarm, and when it slept and woke
+  bool is_other_build = false; // whose record, of this boot, cannot be read
 };
 
 // `device_alarm`: the count of the alarm that the device has.

@@ -95,17 +95,24 @@ static bool can_wake(const std::string &of) {
 
 // --- the device ---
 
+static std::string device_named(const std::string &configured) {
+  std::error_code missing;
+  if (configured != "auto")
+    return fs::canonical(configured, missing).filename();
+  const auto found = all_devices();
+  const auto first = std::ranges::find_if(found, can_wake);
+  return first == found.end() ? "" : *first;
+}
+
+static std::string path_of(const std::string &name) { return name.empty() ? "" : "/dev/" + name; }
+
+std::string rtc_named(const std::string &configured) { return path_of(device_named(configured)); }
+
 void choose_rtc(const std::string &configured) {
   setting = configured;
   minutes.reset();
-  const auto found = all_devices();
-  const auto first = std::ranges::find_if(found, can_wake);
-  std::error_code missing;
-  if (configured != "auto")
-    device = fs::canonical(configured, missing).filename();
-  else
-    device = first == found.end() ? "" : *first;
-  path = device.empty() ? "" : "/dev/" + device;
+  device = device_named(configured);
+  path = path_of(device);
 }
 
 const std::string &rtc_path() { return path; }

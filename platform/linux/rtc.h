@@ -7,6 +7,9 @@
 #include <optional>
 #include <string>
 
+// The path of the device that `choose_rtc` would take.
+std::string rtc_named(const std::string &configured);
+
 // Takes the device at that path; "auto": the first whose alarm can wake the machine.
 void choose_rtc(const std::string &configured);
 

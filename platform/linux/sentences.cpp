@@ -1,6 +1,7 @@
 #include "sentences.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -116,6 +117,23 @@ std::string sentence_of(problem what, int error) {
   if (error > 1)
     text += std::string(": ") + std::strerror(error);
   return text + "; " + words->consequence;
+}
+
+std::string refusal_of_test(int error) {
+  switch (error) {
+  case ERANGE:
+    return "the machine cannot sleep for so many seconds: at most 3600, and more than the programs "
+           "that delay a sleep may take";
+  case EALREADY:
+    return "another test runs, or the machine goes to sleep already";
+  case EBUSY:
+    return "an on-time, another program's alarm, a program that blocks the sleep, or a unit of a "
+           "dravel-wakeup@ target is in the way";
+  case ECANCELED:
+    return "the machine did not sleep";
+  default:
+    return std::string("the alarm or the sleep was refused: ") + std::strerror(error);
+  }
 }
 
 // --- events ---

@@ -20,3 +20,6 @@ const char *word_of(alarm_owner owner);
 std::string sentence_of(problem what, int error);
 
 std::string sentence_of(postponed why); // "" for kNot
+
+// Why a test did not take place; `error` is that of order::answer.
+std::string refusal_of_test(int error);

@@ -128,10 +128,18 @@ static void deliver(const order::deliver &told) {
 
 // --- reload and end ---
 
+// Nothing of ours stays on a device that is not used any longer.
+static void change_rtc() {
+  const std::string &wanted = configuration().rtc;
+  if (rtc_named(wanted) != rtc_path())
+    post(event::device_leaves{});
+  choose_rtc(wanted);
+}
+
 static Eina_Bool user_signal(void *, int, void *data) {
   if (static_cast<const Ecore_Event_Signal_User *>(data)->number == kReload) {
     read_configuration();
-    choose_rtc(configuration().rtc);
+    change_rtc();
     post(event::configured{configuration().decisions});
     open_cec();
   }
@@ -155,6 +163,7 @@ static event::started first_event() {
   first.kept = kept.record;
   first.has_kept = kept.exists;
   first.same_boot = kept.same_boot;
+  first.is_other_build = kept.is_other_build;
   first.rtc_valid = rtc_gave_time(kBuildDay);
   first.booted_at = utc_now() - milliseconds_of(CLOCK_BOOTTIME) / kSecondMs;
   first.build_day = kBuildDay;

@@ -100,6 +100,9 @@ TEST_F(Configuration, OfAReload_KeepsWhatIsInForce_WhereItIsBad) {
 TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   machine record;
   record.screen.believed = screen_state::kOff;
+  record.woken.by = cause::kHop;
+  record.power.now = phase::kShuttingDown;
+  record.power.went.utc = kNow;
   record.alarm.wanted = {7, kNow + 100};
   record.alarm.stands = {alarm_owner::kTimer, kNow + 85, kNow + 85};
   record.alarm.foreign = {alarm_owner::kForeign, kNow + 900, kNow + 901};
@@ -109,7 +112,10 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   EXPECT_TRUE(load_record(0).same_boot);
   std::filesystem::resize_file("/tmp/run/machine", 100); // as of another build
   const kept_record kept = load_record(0);
-  EXPECT_TRUE(kept.exists && !kept.same_boot);
+  EXPECT_TRUE(kept.exists && !kept.same_boot && kept.is_other_build);
+  EXPECT_EQ(kept.record.woken.by, cause::kHop);
+  EXPECT_EQ(kept.record.power.now, phase::kShuttingDown);
+  EXPECT_EQ(kept.record.power.went.utc, kNow);
   EXPECT_EQ(kept.record.alarm.wanted, record.alarm.wanted);
   EXPECT_EQ(kept.record.alarm.stands, record.alarm.stands);
   EXPECT_EQ(kept.record.alarm.foreign, record.alarm.foreign);
