@@ -130,7 +130,7 @@ class Night:
 
 def night(lab):
     guest = lab.guest()
-    guest.configure("lead-suspend = 5", "return-to-sleep = 3")
+    guest.configure("lead-suspend = 5", "return-to-sleep = 8")
     seed, rounds = SEED + lab.number, lab.rounds or NIGHT
     dice = random.Random(seed)
     planned = dice.choices((Night.on, Night.off, Night.early, Night.cancelled, Night.other),
