@@ -2,7 +2,7 @@
 // requests: it reads the same arguments, runs the same statements and sends replies of the same
 // size. What the daemon costs beyond it is the daemon's own.
 //
-// Usage: bare_service [DATABASE]   without a database it only takes its name and answers
+// Usage: bare_service DATABASE WAKEUP-DATABASE
 
 #include <E_DBus.h>
 #include <Ecore.h>
@@ -35,18 +35,26 @@ static sqlite3 *store;
 static std::vector<unsigned char> kept_images;
 
 // A benchmark of statements that fail would measure nothing.
-static void execute(const char *sql) {
+static void execute(sqlite3 *db, const char *sql) {
   char *error = nullptr;
-  if (sqlite3_exec(store, sql, nullptr, nullptr, &error) == SQLITE_OK)
+  if (sqlite3_exec(db, sql, nullptr, nullptr, &error) == SQLITE_OK)
     return;
-  std::fprintf(stderr, "bare_service: %s\n", error != nullptr ? error : sqlite3_errmsg(store));
+  std::fprintf(stderr, "bare_service: %s\n", error != nullptr ? error : sqlite3_errmsg(db));
   std::exit(1);
+}
+
+// Checks and reads it, and synchronises as the daemon does.
+static sqlite3 *open_database(const char *path) {
+  sqlite3 *db = nullptr;
+  sqlite3_open(path, &db);
+  execute(db, "pragma integrity_check; pragma synchronous = extra; SELECT * FROM dravel");
+  return db;
 }
 
 template <typename... Values> static void execute_with(const char *format, Values... values) {
   char sql[1024];
   std::snprintf(sql, sizeof sql, format, values...);
-  execute(sql);
+  execute(store, sql);
 }
 
 template <std::size_t N, std::size_t... I>
@@ -152,9 +160,11 @@ static constexpr struct {
 };
 
 int main(int argc, char **argv) {
+  if (argc != 3)
+    return 64;
   ecore_init();
-  if (argc > 1 && sqlite3_open(argv[1], &store) != SQLITE_OK)
-    return 1;
+  store = open_database(argv[1]);
+  sqlite3 *wakeup_store = open_database(argv[2]);
 
   e_dbus_init();
   E_DBus_Connection *bus = e_dbus_bus_get(DBUS_BUS_SYSTEM);
@@ -169,6 +179,7 @@ int main(int argc, char **argv) {
 
   ecore_main_loop_begin();
   sqlite3_close(store);
+  sqlite3_close(wakeup_store);
   ecore_shutdown();
   return 0;
 }

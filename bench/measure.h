@@ -10,6 +10,7 @@
 
 constexpr bus_target kBare = {"org.olvara.tv.bare", "/org/olvara/tv/bare", "org.olvara.tv.bare"};
 constexpr const char *kBareStore = "/opt/dbspace/bare.db";
+constexpr const char *kBareWakeupStore = "/opt/dbspace/bare-wakeup.db";
 
 // The `index`-th of a household's timers: on- and off-timers in turn, each a quarter of an hour
 // after the one before; half of them repeat when `repeating`.

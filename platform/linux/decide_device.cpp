@@ -212,6 +212,7 @@ void on(decision &d, const event::device_leaves &) {
 
 void on(decision &d, const event::ended &) {
   d.m.power.ending = true;
+  d.m.power.went.utc = d.now.utc; // until now the daemon has fired its timers
   d.m.alarm.check = true;
 }
 

@@ -1,8 +1,8 @@
 // What stands on the device, and who has put it there.
 #include "rules.h"
 
-static device_alarm valued(device_alarm alarm, std::int64_t clock, const moment &now) {
-  alarm.utc = now.utc + alarm.count - clock;
+static device_alarm valued(const decision &d, device_alarm alarm, std::int64_t clock) {
+  alarm.utc = d.now.utc + rounded_down(d.m, alarm.count) - clock;
   return alarm;
 }
 
@@ -34,11 +34,11 @@ void take_reading(decision &d, const device_reading &reading) {
   alarm.minutes = reading.minutes;
   const bool found = rounded_down(d.m, reading.alarm) > clock;
   const alarm_owner owner = found ? owner_of(d.m, reading.alarm) : alarm_owner::kNone;
-  alarm.stands = found ? valued({owner, reading.alarm, 0}, clock, d.now) : device_alarm{};
+  alarm.stands = found ? valued(d, {owner, reading.alarm, 0}, clock) : device_alarm{};
   if (owner == alarm_owner::kForeign)
     alarm.foreign = alarm.stands;
   alarm.foreign =
-      is_ahead(d.m, alarm.foreign, clock) ? valued(alarm.foreign, clock, d.now) : device_alarm{};
+      is_ahead(d.m, alarm.foreign, clock) ? valued(d, alarm.foreign, clock) : device_alarm{};
   alarm.clock = clock;
   alarm.changes = false;
   alarm.doubt = alarm.unread = false;

@@ -57,7 +57,7 @@ static void take_over(decision &d, const event::started &e) {
   }
   d.m = {};
   d.m.alarm = e.has_kept ? e.kept.alarm : machine{}.alarm;
-  d.m.power.seen = {0, 0, d.now.slept, d.now.sleeps, 0};
+  d.m.power.seen = {0, d.now.boot, d.now.slept, d.now.sleeps, 0};
   if (e.has_kept && e.is_other_build)
     build_was_changed(d, e);
   else

@@ -30,11 +30,20 @@ void try_inhibitor_again(decision &d) {
     take_inhibitor(d);
 }
 
+// Another program's alarm may go off before the machine sleeps: ours follows it then.
+static bool waits_for_alarm(const decision &d) {
+  const device_alarm &stands = d.m.alarm.stands;
+  const std::int64_t passes_at = d.now.boot + (stands.utc + 1 - d.now.utc) * kSecondMs;
+  return stands.owner == alarm_owner::kForeign && stands.utc >= d.now.utc &&
+         d.m.alarm.wanted.on_time > d.now.utc &&
+         passes_at < d.m.power.went.boot + d.m.use.delay_max_ms - kSecondMs;
+}
+
 void release_if_ready(decision &d) {
   auto &power = d.m.power;
   const bool is_tried_again = due_at(d.m, due_kind::kAlarmAgain) != kNever;
   if (!is_leaving(d.m) || !power.standby_told || power.released || is_tried_again ||
-      !is_alarm_settled(d.m))
+      waits_for_alarm(d) || !is_alarm_settled(d.m))
     return;
   if (power.now == phase::kShuttingDown && is_hop_left_out(d.m, d.now))
     say(d, order::saying::kHopWillNotBoot, d.m.alarm.wanted.on_time);
@@ -75,7 +84,7 @@ void on(decision &d, const event::sleep_begins &) {
   const bool by_user = d.m.sleep.stage != wish_stage::kAsked;
   leave(d, phase::kGoing);
   d.m.sleep.last_method = coming_sleep(d.m);
-  d.m.power.may_hibernate = by_user && can_hibernate(d.m);
+  d.m.power.may_hibernate = by_user && (d.m.use.can == 0 || can_hibernate(d.m)); // 0: not told yet
   if (by_user && d.m.set.screen_follows && d.m.screen.has_cec) {
     d.m.screen.ordered = screen_order::kOff;
     d.m.screen.ordered_on = false;
@@ -156,7 +165,8 @@ static std::int64_t utc_before(const moment &now, std::int64_t ms) {
   return (now.utc * kSecondMs + now.utc_ms - ms) / kSecondMs;
 }
 
-static void woke_up(decision &d, std::int64_t slept_ms) {
+// `awake_at`: boot, when this process did something last.
+static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   auto &power = d.m.power;
   auto &woken = d.m.woken;
   const bool was_announced = is_leaving(d.m);
@@ -173,7 +183,8 @@ static void woke_up(decision &d, std::int64_t slept_ms) {
   }
   // A daemon that has not asked yet wants those from before this sleep, too.
   const bool has_asked = d.m.armed && !woken.late_open;
-  const std::int64_t late_from = has_asked ? began : std::min(began, woken.late_from);
+  const std::int64_t awake_until = utc_before(d.now, d.now.boot - awake_at);
+  const std::int64_t late_from = has_asked ? awake_until : std::min(awake_until, woken.late_from);
   woken = {};
   woken.by = cause::kNothing;
   woken.at = woken.counted_at = d.now.boot;
@@ -203,7 +214,8 @@ void notice_sleep(decision &d) {
   const bool slept = is_longer || (is_counted && !power.count_owed);
   if (is_longer || is_counted)
     power.count_owed = is_longer && !is_counted;
-  power.seen = {0, 0, d.now.slept, d.now.sleeps, 0};
+  const std::int64_t awake_at = power.seen.boot;
+  power.seen = {0, d.now.boot, d.now.slept, d.now.sleeps, 0};
   if (slept)
-    woke_up(d, slept_ms);
+    woke_up(d, slept_ms, awake_at);
 }

@@ -17,7 +17,7 @@ namespace event {
 // --- start ---
 
 // Made from files, sysfs and clocks alone. `kept` is the record of the last run: all of it when
-// `same_boot`, otherwise only its alarm and what woke the machine.
+// `same_boot`, otherwise only its alarm, and when it slept and woke.
 struct started {
   machine kept;
   bool has_kept = false;

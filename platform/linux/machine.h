@@ -13,7 +13,7 @@ struct machine {
   struct {
     phase now = phase::kAwake;
     moment went;             // when the last sleep or shutdown was announced or noticed
-    moment seen;             // slept and sleeps, as known: a growth is a sleep
+    moment seen;             // boot, slept and sleeps at the last event: a growth is a sleep
     bool count_owed = false; // the last sleep was noticed before `sleeps` counted it
     bool standby_told = false;
     bool released = false;      // the inhibitor, for this sleep

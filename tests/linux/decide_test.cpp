@@ -386,6 +386,21 @@ TEST(Decide, ATestThatTheClockStepsOver_StillLeavesTheAlarmOfTheTimer) {
   EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kTimer);
 }
 
+// Ours could not follow it any longer once the machine sleeps.
+TEST(Decide, AnAlarmThatGoesOffBeforeTheSleep_IsWaitedFor) {
+  for (const std::int64_t ahead : {2, 10}) {
+    awake_machine run;
+    run.alarm = kNow + ahead;
+    run.send(event::program{0, kNow + 1000, 0});
+    run.send(event::sleep_begins{});
+    EXPECT_EQ(run.count<order::release_inhibitor>(), ahead == 2 ? 0 : 1);
+    run.pass(3);
+    run.send(event::due{});
+    EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
+    EXPECT_EQ(run.alarm, ahead == 2 ? kNow + 910 : kNow + 10);
+  }
+}
+
 TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing) {
   awake_machine run;
   run.send(event::program{0, kNow + 5000, 0});

@@ -384,7 +384,7 @@ void sim_checks::went_down(bool is_ready) {
   was_ready_ = is_ready;
   was_right_ =
       is_ready && !world_.m.test.running && tampered_at_ < released_at_ && !refuses_alarm(world_);
-  if (was_right_)
+  if (was_right_ && off_went_at_ < released_at_) // nothing has gone off since
     check_alarm();
 }
 
@@ -439,7 +439,8 @@ void sim_checks::came_up(bool boots) {
   // A user who has not pressed a key is not known.
   short_sleeps_ = is_short && (!is_known || world_.up_by == cause::kUser) ? short_sleeps_ + 1 : 0;
   failed_ = 0;
-  if (is_known && world_.up_by != cause::kForeign && world_.up_by != cause::kUser)
+  if ((is_known && world_.up_by != cause::kForeign && world_.up_by != cause::kUser) ||
+      left_at_up_ <= kNearSeconds)
     sleeps_.clear();
   const std::int64_t last = slept_through_;
   if (world_.is_alive) // otherwise a daemon that has not started yet makes up for them
@@ -456,7 +457,7 @@ void sim_checks::came_up(bool boots) {
 
 // Another cause may be taken for the alarm that is about to go off.
 bool sim_checks::is_alarm_near() const {
-  const bool has_passed = off_went_at_ < world_.up_at &&
+  const bool has_passed = off_went_at_ >= world_.down_at && off_went_at_ < world_.up_at &&
                           off_went_at_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
   return left_at_up_ <= kNearSeconds || has_passed;
 }
@@ -477,7 +478,9 @@ void sim_checks::check_credit() {
 // Two causes within the same seconds are not told apart.
 void sim_checks::check_cause() {
   const cause by = world_.m.woken.by;
-  const cause truth = world_.up_by;
+  // One that nobody wants any longer wakes for nobody.
+  const bool is_wanted = world_.up_by != cause::kTimer || wanted_at_down_.on_time != 0;
+  const cause truth = is_wanted ? world_.up_by : cause::kHop;
   if (world_.state != life::kRunning || !world_.is_alive)
     return;
   is_cause_open_ = false;
@@ -590,11 +593,12 @@ void sim_checks::note_television(const event::any &what) {
       has_spoken_ || said != nullptr || is_off || std::holds_alternative<event::tv_denies>(what);
   if (is_off)
     said_off_at_ = now();
-  if (is_on)
+  if (is_on) {
     said_on_ = true;
-  else if (is_off || ((std::holds_alternative<event::tv_silent>(what) ||
-                       std::holds_alternative<event::tv_denies>(what)) &&
-                      world_.tv.has_cec))
+    expected_.clear();
+  } else if (is_off || ((std::holds_alternative<event::tv_silent>(what) ||
+                         std::holds_alternative<event::tv_denies>(what)) &&
+                        world_.tv.has_cec))
     said_on_ = false;
 }
 
@@ -614,10 +618,6 @@ void sim_checks::decided(const event::any &what, const orders &list) {
   note_clock(what);
   if (world_.sleeps_now || world_.stops_now)
     expected_.clear();
-  const auto *answered = std::get_if<event::sleep_answered>(&what);
-  if (std::holds_alternative<event::sleep_ends>(what) ||
-      (answered != nullptr && answered->error != 0))
-    sent_at_ = -1;
   note_television(what);
   check_credit();
   check_problems(what);

@@ -41,6 +41,7 @@ public:
     knows_cause_ = knows_cause_ && !is_cause_open_;
   }
   bool is_cause_open() const { return is_cause_open_; }
+  void sleep_failed() { sent_at_ = -1; }
   void test_called() { test_at_ = now(); }
   bool has_released(millis since) const { return released_at_ >= since; }
   void delay_ended(millis begun_at);

@@ -140,7 +140,7 @@ static machine kept_of(const machine &stored, bool same_boot) {
   machine kept = same_boot ? stored : machine{};
   kept.alarm = stored.alarm;
   kept.power.now = stored.power.now;
-  kept.power.went = stored.power.went;
+  kept.power.went.utc = stored.power.went.utc;
   return kept;
 }
 

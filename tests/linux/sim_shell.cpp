@@ -71,7 +71,9 @@ struct shell {
         (what.method == off_action::kHibernate && (world.can & kHibernateBit) == 0) ||
         world.sleeps_now || world.stops_now;
     world.process_at(world.now + world.bus_ms, [&world = world, refuses, method = what.method] {
-      if (!refuses)
+      if (refuses)
+        world.checks.sleep_failed();
+      else
         world.begin_sleep(method);
       world.answer(event::sleep_answered{refuses ? EACCES : 0});
     });

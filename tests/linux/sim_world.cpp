@@ -90,6 +90,7 @@ void sim::go_down(off_action by, bool is_announced) {
   method = by;
   if (fails > 0 && method != off_action::kPoweroff) {
     --fails;
+    checks.sleep_failed();
     if (!is_announced)
       return;
     may_go_at_ = kNever;
@@ -176,8 +177,11 @@ void sim::tell_reachable() {
 
 // --- people ---
 
+// What logind tells is in the order in which it happens.
 void sim::tell_use(bool is_answer) {
-  answer(event::use_changed{session_at, active_at, blocked, can, delay_max * kSecondMs, is_answer});
+  process_at(now + bus_ms * (1 + answers_++ % 3), [this, is_answer] {
+    send(event::use_changed{session_at, active_at, blocked, can, delay_max * kSecondMs, is_answer});
+  });
 }
 
 void sim::change_use() {
