@@ -87,8 +87,6 @@ MANY = {"timers": [{"type": n % 2, "time": f"{n % 24:02}:{n // 24 * 7:02}", "day
 class Page(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        if os.getuid() != 0:
-            raise unittest.SkipTest("only root can open sessions of other users: run this test as root")
         cls.bench = Bench()
         cls.browser = cls.bench.browser
 
@@ -274,11 +272,10 @@ class Page(unittest.TestCase):
         shown, changed, longest = (min(column) for column in zip(*figures))
         print(f"80 timers: shown after {shown:.2f} s, a change after {changed:.2f} s, "
               f"the longest time between two pictures is {longest:.0f} ms", file=sys.stderr)
-        if os.getloadavg()[0] > 2 * os.cpu_count():
-            self.skipTest("the processors are too busy to judge these times")
-        self.assertLess(shown, 1)
-        self.assertLess(changed, 1)
-        self.assertLess(longest, 100)
+        share = max(1, os.getloadavg()[0] / os.cpu_count())  # programs that take turns on a processor
+        self.assertLess(shown, 1 * share)
+        self.assertLess(changed, 1 * share)
+        self.assertLess(longest, 100 * share)
 
     def measure(self):
         begin = time.monotonic()
@@ -303,4 +300,7 @@ class Page(unittest.TestCase):
 
 
 if __name__ == "__main__":
+    if os.getuid() != 0:
+        print("only root can open sessions of other users: run this test as root")
+        sys.exit(77)
     unittest.main()
