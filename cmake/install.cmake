@@ -64,7 +64,7 @@ function(install_compressed source name destination)
     COMMAND sh -c "mkdir -p data && ${GZIP} -9nc '${source}' >'${compressed}'"
     WORKING_DIRECTORY ${PROJECT_BINARY_DIR} DEPENDS ${source} VERBATIM)
   set_property(GLOBAL APPEND PROPERTY DRAVEL_COMPRESSED ${compressed})
-  install(FILES ${compressed} DESTINATION ${destination})
+  install(FILES ${compressed} DESTINATION ${destination} ${ARGN})
 endfunction()
 
 foreach(page org.olvara.tv.system.dravel.5 dravel-manager.8 ${PLATFORM_PAGE})
@@ -74,5 +74,24 @@ endforeach()
 install_compressed(${PROJECT_BINARY_DIR}/data/dravelctl.1 dravelctl.1 ${CMAKE_INSTALL_MANDIR}/man1)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/debian/changelog.in data/changelog @ONLY)
 install_compressed(${PROJECT_BINARY_DIR}/data/changelog changelog ${CMAKE_INSTALL_DOCDIR})
+
+# The bridge, a package of its own.
+if(DRAVEL_MQTT)
+  install(TARGETS dravel-mqtt DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT mqtt)
+  install(FILES ${DATA}/dravel-mqtt.conf DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR} COMPONENT mqtt)
+  foreach(unit dravel-mqtt.service dravel-mqtt-sleep.service)
+    configure_file(${DATA}/${unit}.in data/${unit} @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/data/${unit} DESTINATION lib/systemd/system COMPONENT mqtt)
+  endforeach()
+  install(FILES ${DATA}/dravel-mqtt.sysusers.conf
+          DESTINATION lib/sysusers.d RENAME dravel-mqtt.conf COMPONENT mqtt)
+  install(FILES ${DATA}/dravel-mqtt.acl
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/dravel-manager-mqtt/examples COMPONENT mqtt)
+  foreach(page dravel-mqtt.8 dravel-mqtt.conf.5)
+    string(REGEX REPLACE ".*\\." "man" section ${page})
+    install_compressed(${DATA}/${page} ${page} ${CMAKE_INSTALL_MANDIR}/${section} COMPONENT mqtt)
+  endforeach()
+endif()
+
 get_property(compressed GLOBAL PROPERTY DRAVEL_COMPRESSED)
 add_custom_target(dravel-data ALL DEPENDS ${compressed})

@@ -50,6 +50,25 @@ else()
 It is linked with the platform ${DRAVEL_PLATFORM}.")
 endif()
 
+# --- dravel-manager-mqtt ---
+
+if(DRAVEL_MQTT)
+  list(APPEND CPACK_COMPONENTS_ALL mqtt)
+  set(CPACK_DEBIAN_MQTT_PACKAGE_NAME dravel-manager-mqtt)
+  set(CPACK_DEBIAN_MQTT_PACKAGE_DEPENDS "dravel-manager (= ${PROJECT_VERSION}), systemd")
+  set(CPACK_DEBIAN_MQTT_PACKAGE_SUGGESTS "mosquitto")
+  set(CPACK_DEBIAN_MQTT_DESCRIPTION
+"timers of a television set over MQTT
+Publishes the timers of dravel-manager and what they do at an MQTT broker,
+carries out commands that come from there, and shows the set to Home
+Assistant. One broker serves many machines, also in groups.")
+  set(CPACK_DEBIAN_MQTT_PACKAGE_CONTROL_EXTRA
+      ${PROJECT_SOURCE_DIR}/cmake/debian/mqtt/postinst
+      ${PROJECT_SOURCE_DIR}/cmake/debian/mqtt/prerm
+      ${PROJECT_SOURCE_DIR}/cmake/debian/mqtt/postrm
+      ${PROJECT_SOURCE_DIR}/cmake/debian/mqtt/conffiles)
+endif()
+
 # --- dravel-manager-cockpit ---
 
 set(CPACK_DEBIAN_COCKPIT_PACKAGE_NAME dravel-manager-cockpit)

@@ -45,8 +45,7 @@ void print_fields(const fields &shown) {
     std::printf("%12s: %s\n", title.c_str(), text.c_str());
 }
 
-// What is not UTF-8 stands as U+FFFD.
-static std::string text_of(const json &value) {
+std::string text_of(const json &value) {
   return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
@@ -90,7 +89,7 @@ static const char *kind_name(fault kind) {
   }
 }
 
-static json json_of(const failure &failure) {
+json json_of(const failure &failure) {
   json error{{"kind", kind_name(failure.kind)},
              {"what", cut(failure.what)},
              {"advice", cut(failure.advice)}};

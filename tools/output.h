@@ -29,6 +29,9 @@ void print_table(const std::vector<std::string> &titles,
 using fields = std::vector<std::pair<std::string, std::string>>;
 void print_fields(const fields &shown);
 
+std::string text_of(const json &value); // what is not UTF-8 stands as U+FFFD
+json json_of(const failure &failure);   // {"error": ...}
+
 // One line of JSON or one of text.
 void say(bool as_json, const json &value, const std::string &text);
 

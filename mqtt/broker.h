@@ -1,0 +1,97 @@
+// The connection to the broker: one thread that connects, waits and reconnects. Everything that
+// happens is told on the main loop, where the other operations are called as well.
+#pragma once
+
+#include "configuration.h"
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct mosquitto;
+
+inline constexpr int kKeepAliveSeconds = 60;
+
+struct message {
+  std::string topic;
+  std::string payload;
+  std::string correlation; // MQTT 5's; empty for none
+  bool retained = false;   // published so, now or earlier
+};
+
+struct publication {
+  std::string topic;
+  std::string payload;
+  bool retained = false;
+};
+
+class broker {
+public:
+  struct listener {
+    std::function<void()> subscribed; // the retained messages come
+    std::function<void()> lost;
+    std::function<void(const message &)> received;
+    // More wait than can: the answer, if there is one. Called in the broker's thread.
+    std::function<std::string(const message &)> busy;
+  };
+
+  // `will` is published by the broker when the connection breaks; `answers` is where busy ones go.
+  broker(const configuration &configuration, publication will, std::string answers,
+         std::vector<std::string> subscriptions, listener heard_by);
+  ~broker();
+  broker(const broker &) = delete;
+  broker &operator=(const broker &) = delete;
+
+  void start();
+  void resume(); // connects at once
+  void pause();  // disconnects once all is sent, and stays so
+  bool is_connected() const { return is_connected_; }
+  bool wait_paused(int milliseconds); // false when it is still connected, or still tries to
+
+  // Without a connection, and when the broker does not take what is sent, it is dropped.
+  void publish(const publication &publication);
+
+private:
+  struct callbacks;
+
+  void run();
+  void serve();
+  bool wait(std::unique_lock<std::mutex> &lock, unsigned &failures, bool was_connected);
+  mosquitto *make();
+  int secure(mosquitto *client);
+  int connect(mosquitto *client);
+  void subscribe(mosquitto *client);
+  void hand_over(std::function<void()> happened);
+  void receive(message received);
+  void tell_failure(int error);
+  static int take(void *self);
+
+  const configuration &configuration_;
+  const publication will_;
+  const std::string answers_;
+  std::vector<std::string> subscriptions_;
+  const listener listener_;
+
+  std::thread thread_;
+  std::mutex lock_; // of what follows
+  std::condition_variable changed_;
+  mosquitto *client_ = nullptr;
+  bool is_online_ = false; // as the thread sees it
+  bool is_paused_ = true;
+  bool is_idle_ = true; // paused, and nothing is connected
+  bool is_ended_ = false;
+  std::map<int, std::string> unacknowledged_; // topics by message id
+  bool is_stuck_ = false;
+  std::deque<std::function<void()>> happened_;
+  std::size_t waiting_ = 0;   // messages among them
+  std::string refused_topic_; // told already
+  std::string fault_;         // the last one told
+  std::string detail_;        // what the library says of it
+
+  bool is_connected_ = false; // as the main loop knows it
+};

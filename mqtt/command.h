@@ -1,0 +1,24 @@
+// What a message asks for, and what it is answered.
+#pragma once
+
+#include "broker.h"
+#include "output.h"
+
+#include <optional>
+#include <string>
+
+struct command {
+  std::string name; // the last level of the topic
+  std::string key;  // topic and id: of one command
+  std::string id;   // empty for none
+};
+
+// Nothing is checked but the id: one that is too long, or no text, counts as none.
+command command_of(const message &message);
+
+// The object in the message, of no other members than `known`. Throws a failure.
+json body_of(const message &message, std::initializer_list<const char *> known);
+
+std::string done(const command &command, json about = json::object());
+std::string not_done(const command &command, const failure &failure,
+                     const char *kind = nullptr); // the failure's own unless it is given

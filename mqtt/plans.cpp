@@ -1,0 +1,106 @@
+#include "plans.h"
+
+#include "commands.h"
+#include "journal.h"
+#include "ledger.h"
+
+#include <fstream>
+#include <iterator>
+
+static std::string sha256_of(const std::string &text) {
+  g_autofree char *sum = g_compute_checksum_for_string(G_CHECKSUM_SHA256, text.data(),
+                                                       static_cast<gssize>(text.size()));
+  return sum;
+}
+
+plans::plans(const configuration &configuration, std::string file)
+    : configuration_(configuration), file_(std::move(file)) {
+  std::ifstream stream(file_);
+  const std::string text{std::istreambuf_iterator<char>(stream), {}};
+  if (json::parse(text, nullptr, false).is_object())
+    applied_ = text;
+}
+
+void plans::note(const message &message) {
+  if (message.payload.empty())
+    found_.erase(message.topic);
+  else
+    found_[message.topic] = message;
+}
+
+const message *plans::in_force() const {
+  const auto find = [&](const std::string &topic) {
+    const auto found = found_.find(topic);
+    return found != found_.end() ? &found->second : nullptr;
+  };
+  if (const message *own = find(configuration_.own("set/apply")))
+    return own;
+  for (const std::string &group : configuration_.groups)
+    if (const message *of_group = find(configuration_.group(group) + "/set/apply"))
+      return of_group;
+  return nullptr;
+}
+
+const message *plans::due(bool again) const {
+  const message *plan = in_force();
+  const bool is_applied = plan != nullptr && !applied_.empty() &&
+                          json::parse(applied_).value("sha256", "") == sha256_of(plan->payload);
+  return is_applied && !again ? nullptr : plan;
+}
+
+// The message without what is the bridge's, as a file that apply reads.
+static application apply_plan(client &client, const message &plan) {
+  json contents = body_of(plan, {"revision", "types", "timers", "holidays"});
+  contents.erase("id");
+  contents.erase("revision");
+  return apply_contents(client, read_import(contents, "the message", true));
+}
+
+static json about(const application &application) {
+  const auto count = [&](const char *list) { return application.done[list].size(); };
+  json refused = application.done["refused"];
+  if (!application.is_equal && refused.empty())
+    refused.push_back({{"what", "timers"}, {"why", "another client changes them"}});
+  return {{"added", count("added")},
+          {"cancelled", count("cancelled")},
+          {"holidays_added", count("holidays_added")},
+          {"holidays_removed", count("holidays_removed")},
+          {"refused", refused},
+          {"notes", application.notes}};
+}
+
+static json revision_of(const message &plan) {
+  const json body = json::parse(plan.payload, nullptr, false);
+  return body.is_object() && body.contains("revision") ? body["revision"] : json(nullptr);
+}
+
+void plans::keep(const message &plan, json about) {
+  const std::string source = plan.topic.substr(configuration_.prefix.size() + 1); // NAME/set/apply
+  json document{{"source", source.substr(0, source.rfind("/set/"))},
+                {"revision", revision_of(plan)},
+                {"sha256", sha256_of(plan.payload)}};
+  add_time(document, "at", civil_of(machine_time()));
+  document.update(about);
+  applied_ = text_of(document);
+  try {
+    write_file(file_, applied_);
+  } catch (const failure &failure) {
+    log_problem(failure.what);
+  }
+}
+
+const std::string &plans::carry_out(client &client, const message &plan) {
+  try {
+    keep(plan, about(apply_plan(client, plan)));
+  } catch (const failure &failure) {
+    if (failure.kind != fault::kRefused && failure.kind != fault::kUsage)
+      throw;
+    log_problem(plan.topic + ": " + failure.what);
+    keep(plan, {{"added", 0},
+                {"cancelled", 0},
+                {"refused", json::array({json{{"what", "the message"}, {"why", failure.what}}})}});
+  }
+  return applied_;
+}
+
+bool plans::is_done() const { return json::parse(applied_)["refused"].empty(); }
