@@ -12,6 +12,8 @@ using std::chrono::seconds;
 static constexpr std::size_t kTimerSize = std::size_t{4} * TIMER_WORDS;
 static constexpr std::size_t kPeriodSize = std::size_t{4} * PERIOD_WORDS;
 static constexpr const char *kGetAll = "GetAll";
+static constexpr const char *kListTimers = "request_timer_list";
+static constexpr const char *kWakeupTimer = "request_wakeup_timer";
 
 struct client::image_reply {
   int first = 0;
@@ -42,6 +44,78 @@ static bool is_absent(const GError *error) {
                            G_DBUS_ERROR_UNKNOWN_INTERFACE});
 }
 
+struct bus_call {
+  const char *path;
+  const char *interface;
+  const char *method;
+  GVariant *arguments; // floating
+  const char *reply_type;
+};
+
+// A call on its way. It has a context of its own, so that nothing else happens while it is awaited.
+class client::sent_call {
+public:
+  sent_call(GDBusConnection *bus, const bus_call &call, int timeout_ms)
+      : bus_(bus), context_(g_main_context_new()) {
+    g_main_context_push_thread_default(context_);
+    g_dbus_connection_call(bus, kDravelBusName, call.path, call.interface, call.method,
+                           call.arguments, G_VARIANT_TYPE(call.reply_type),
+                           G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms, nullptr, keep_result, this);
+    g_main_context_pop_thread_default(context_);
+  }
+  sent_call(const sent_call &) = delete;
+  sent_call &operator=(const sent_call &) = delete;
+  ~sent_call() {
+    wait();
+    g_object_unref(result_);
+    g_main_context_unref(context_);
+  }
+
+  GVariant *answer(GError **error) {
+    wait();
+    return g_dbus_connection_call_finish(bus_, result_, error);
+  }
+
+private:
+  static void keep_result(GObject *, GAsyncResult *result, gpointer self) {
+    static_cast<sent_call *>(self)->result_ = static_cast<GAsyncResult *>(g_object_ref(result));
+  }
+
+  void wait() {
+    while (result_ == nullptr)
+      g_main_context_iteration(context_, TRUE);
+  }
+
+  GDBusConnection *bus_;
+  GMainContext *context_;
+  GAsyncResult *result_ = nullptr;
+};
+
+static bus_call properties_call(const char *path, const char *interface) {
+  return {path, "org.freedesktop.DBus.Properties", kGetAll, g_variant_new("(s)", interface),
+          "(a{sv})"};
+}
+
+static bus_call daemon_call(const char *method, GVariant *arguments, const char *reply_type) {
+  return {kDravelObjectPath, kDravelBusName, method, arguments, reply_type};
+}
+
+static bus_call call_of(question question) {
+  switch (question) {
+  case question::kState:
+    return properties_call(kStateObjectPath, kStateInterface);
+  case question::kMachine:
+    return properties_call(kMachinePath, kMachineInterface);
+  case question::kTimers:
+    return daemon_call(kListTimers, g_variant_new("(i)", 0), "(iay)");
+  case question::kWakeupTimer:
+    break;
+  }
+  return daemon_call(kWakeupTimer, g_variant_new("(i)", 0), "(iay)");
+}
+
+static std::string key_of(const bus_call &call) { return std::string(call.path) + call.method; }
+
 client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_seconds * 1000)) {
   g_autoptr(GError) error = nullptr;
   bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
@@ -51,7 +125,27 @@ client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_se
   g_dbus_connection_set_exit_on_close(bus_, FALSE);
 }
 
-client::~client() { g_object_unref(bus_); }
+client::~client() {
+  sent_.clear();
+  g_object_unref(bus_);
+}
+
+void client::ask_ahead(std::initializer_list<question> questions) {
+  for (const question asked : questions) {
+    const bus_call call = call_of(asked);
+    auto &sent = sent_[key_of(call)];
+    if (sent == nullptr)
+      sent = std::make_unique<sent_call>(bus_, call, timeout_ms_);
+  }
+}
+
+GVariant *client::answer_to(const bus_call &call, int timeout_ms, GError **error) {
+  const auto sent = sent_.extract(key_of(call));
+  if (sent.empty())
+    return sent_call(bus_, call, timeout_ms).answer(error);
+  g_variant_unref(g_variant_ref_sink(call.arguments));
+  return sent.mapped()->answer(error);
+}
 
 void client::fail(const char *method, const GError *error, const std::string &when_silent) {
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
@@ -80,9 +174,7 @@ void client::fail(const char *method, const GError *error, const std::string &wh
 GVariant *client::call(const char *method, GVariant *arguments, const char *reply_type,
                        const std::string &when_silent) {
   g_autoptr(GError) error = nullptr;
-  GVariant *reply = g_dbus_connection_call_sync(
-      bus_, kDravelBusName, kDravelObjectPath, kDravelBusName, method, arguments,
-      G_VARIANT_TYPE(reply_type), G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms_, nullptr, &error);
+  GVariant *reply = answer_to(daemon_call(method, arguments, reply_type), timeout_ms_, &error);
   if (reply == nullptr)
     fail(method, error, when_silent);
   return reply;
@@ -130,7 +222,7 @@ template <typename Reply> static std::optional<timer_record> only_record(const R
 }
 
 std::vector<timer_record> client::timers() {
-  return records_of(call_images("request_timer_list", 0, kTimerSize), timer_from_image, kTimerSize);
+  return records_of(call_images(kListTimers, 0, kTimerSize), timer_from_image, kTimerSize);
 }
 
 std::optional<timer_record> client::timer(int id) {
@@ -138,7 +230,7 @@ std::optional<timer_record> client::timer(int id) {
 }
 
 std::optional<timer_record> client::wakeup_timer() {
-  return only_record(call_images("request_wakeup_timer", 0, kTimerSize));
+  return only_record(call_images(kWakeupTimer, 0, kTimerSize));
 }
 
 std::vector<holiday> client::holidays() {
@@ -201,10 +293,7 @@ static void fill_state(snapshot &view, GVariant *properties) {
 // before it.
 GVariant *client::properties_of(const char *path, const char *interface) {
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-      bus_, kDravelBusName, path, "org.freedesktop.DBus.Properties", kGetAll,
-      g_variant_new("(s)", interface), G_VARIANT_TYPE("(a{sv})"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-      timeout_ms_, nullptr, &error);
+  g_autoptr(GVariant) reply = answer_to(properties_call(path, interface), timeout_ms_, &error);
   if (reply != nullptr)
     return g_variant_get_child_value(reply, 0);
   if (is_absent(error) || is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
@@ -233,6 +322,7 @@ void client::read_lists(snapshot &view, bool with_holidays) {
 }
 
 snapshot client::look(bool with_holidays) {
+  ask_ahead({question::kState, question::kTimers});
   snapshot view;
   view.now = {civil_of(machine_time()), machine_time()};
   view.has_state = read_state(view);
@@ -247,6 +337,7 @@ snapshot client::look(bool with_holidays) {
 }
 
 snapshot client::look_at_state(bool with_holidays) {
+  ask_ahead({question::kState, question::kTimers});
   snapshot view;
   view.now = {civil_of(machine_time()), machine_time()};
   view.has_state = read_state(view);
@@ -281,10 +372,8 @@ std::optional<machine_state> client::machine() {
 GVariant *client::call_machine(const char *method, GVariant *arguments, const char *reply_type,
                                int seconds_more) {
   g_autoptr(GError) error = nullptr;
-  GVariant *reply = g_dbus_connection_call_sync(
-      bus_, kDravelBusName, kMachinePath, kMachineInterface, method, arguments,
-      G_VARIANT_TYPE(reply_type), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-      timeout_ms_ + seconds_more * 1000, nullptr, &error);
+  GVariant *reply = answer_to({kMachinePath, kMachineInterface, method, arguments, reply_type},
+                              timeout_ms_ + seconds_more * 1000, &error);
   if (reply == nullptr && is_absent(error))
     throw no_machine();
   if (reply == nullptr)

@@ -6,6 +6,9 @@
 
 #include <gio/gio.h>
 
+#include <initializer_list>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,6 +38,11 @@ bool read_wakeup(GVariant *properties, wakeup_time &wakeup);
 
 civil_time machine_time(); // UTC
 
+// What several commands ask of the daemon.
+enum class question { kState, kTimers, kWakeupTimer, kMachine };
+
+struct bus_call;
+
 class client {
 public:
   // Throws a failure when there is no bus.
@@ -50,6 +58,9 @@ public:
 
   // For replies of one integer.
   int call_int(const char *method, GVariant *arguments, const std::string &when_silent = "");
+
+  // Sends questions that are about to be asked, so that their answers are awaited together.
+  void ask_ahead(std::initializer_list<question> questions);
 
   std::vector<timer_record> timers();
   std::optional<timer_record> timer(int id);
@@ -78,6 +89,8 @@ public:
 
 private:
   struct image_reply;
+  class sent_call;
+  GVariant *answer_to(const bus_call &call, int timeout_ms, GError **error);
   image_reply call_images(const char *method, int argument, std::size_t image_size);
   GVariant *properties_of(const char *path, const char *interface);
   bool read_state(snapshot &view);
@@ -87,4 +100,5 @@ private:
 
   GDBusConnection *bus_ = nullptr;
   int timeout_ms_;
+  std::map<std::string, std::unique_ptr<sent_call>> sent_; // ahead, by path and method
 };

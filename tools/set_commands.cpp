@@ -88,6 +88,8 @@ static std::string first_of(const std::vector<std::string> &problems) {
 }
 
 void show_status(client &client, const options &given) {
+  client.ask_ahead(
+      {question::kState, question::kTimers, question::kWakeupTimer, question::kMachine});
   const snapshot view = client.look_at_state(false);
   const auto woken_by = client.wakeup_timer();
   const auto machine = client.machine();

@@ -88,8 +88,8 @@ struct E_DBus_Connection {
 
 static constexpr double kMillisecondsPerSecond = 1000.0;
 static constexpr const char *kTag = "E_DBUS";
-// Of one client, which further ones are refused. A system bus lets it await as many answers, so
-// that only calls that await none are refused there.
+// Of one client; its further calls are refused. A system bus lets a client await as many answers:
+// there, one that awaits each answer is never refused.
 static constexpr std::size_t kMostWaitingCalls = 128;
 // Of all clients: the socket is read again once less waits.
 static constexpr long kMostWaitingBytes = 32L * 1024 * 1024;
