@@ -94,6 +94,8 @@ static void give_off_up(decision &d) {
     is_over(d, problem::kTelevision);
     return;
   }
+  d.m.screen.believed = screen_state::kOn;
+  tell(d, delivery::kState);
   has_problem(d, problem::kTelevision, 0);
   say(d, order::saying::kTelevisionStays);
 }

@@ -115,6 +115,12 @@ void answers_end(decision &d) {
   hold(d, postponed::kUseUnknown, kUseAgainMs);
 }
 
+// The answers are lost with the run that has asked.
+void ask_again(decision &d) {
+  if (d.m.sleep.stage == wish_stage::kAsking)
+    d.m.sleep.stage = wish_stage::kWaiting;
+}
+
 static void order_sleep(decision &d) {
   auto &sleep = d.m.sleep;
   sleep.stage = wish_stage::kAsked;

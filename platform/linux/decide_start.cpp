@@ -52,6 +52,7 @@ static void take_over(decision &d, const event::started &e) {
       d.m.woken.late_from = d.now.utc;
     d.m.armed = false;
     doubt_jobs(d);
+    ask_again(d);
     notice_sleep(d);
     return;
   }

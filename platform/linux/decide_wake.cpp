@@ -171,8 +171,6 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   auto &woken = d.m.woken;
   const bool was_announced = is_leaving(d.m);
   power.now = phase::kAwake;
-  count_sleep(d);
-  forget_orders(d);
   take_inhibitor(d);
   // A sleep that the clocks do not show has lasted since it was announced.
   const bool is_shown = slept_ms >= kLeastSleepMs || !was_announced;
@@ -181,6 +179,8 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
     power.went = {began, d.now.boot - slept_ms, 0, 0, 0};
     power.may_hibernate = false;
   }
+  count_sleep(d);
+  forget_orders(d);
   // A daemon that has not asked yet wants those from before this sleep, too.
   const bool has_asked = d.m.armed && !woken.late_open;
   const std::int64_t awake_until = utc_before(d.now, d.now.boot - awake_at);

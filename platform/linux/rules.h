@@ -151,6 +151,7 @@ void sleep_failed(decision &d, int error);
 void sleep_again(decision &d);
 void order_was_lost(decision &d);
 void answers_end(decision &d);
+void ask_again(decision &d); // what was asked before a sleep, after a start
 void pursue_sleep(decision &d);
 bool must_say_off(const machine &m); // the television, before a return
 void wish_return(decision &d);

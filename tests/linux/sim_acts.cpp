@@ -237,7 +237,10 @@ static const act kActs[] = {
      1,
      {0, 1},
      {},
-     [](sim &w, auto a, auto) { w.is_halted = runs(w) ? a != 0 : w.is_halted; }},
+     [](sim &w, auto a, auto) {
+       w.is_halted = runs(w) ? a != 0 : w.is_halted;
+       w.checks.halted();
+     }},
 };
 
 std::span<const act> acts() { return kActs; }

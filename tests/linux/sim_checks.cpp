@@ -87,9 +87,10 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   }
   if (timer.type != 0)
     return;
-  if (world.state == life::kRunning && is_armed)
+  const bool is_watched = world.tv.has_cec && world.tv.on && said_on_;
+  if (world.state == life::kRunning && is_armed && !is_watched)
     expected_.push_back(due_at_ + kOnTimeMs);
-  else if (world.state == life::kRunning) // made up for once the process has started
+  else if (world.state == life::kRunning && !is_armed) // made up for once the process has started
     on_until_ = due_at_ + kLateSeconds * kSecondMs;
   if (world.state == life::kRunning)
     return;
@@ -143,6 +144,12 @@ void sim_checks::screen_called(bool on) {
 }
 
 void sim_checks::turned_off_by_timer() { off_at_ = now(); }
+
+// A timer of this second, or one that is made up for later, may count or not.
+void sim_checks::halted() {
+  expected_.clear();
+  on_until_ = std::max(on_until_, now() + kLateSeconds * kSecondMs);
+}
 
 static bool is_user_cause(const sim &world, bool has_television, millis limit) {
   const bool follows = world.set.screen_follows || !has_television;
@@ -382,6 +389,7 @@ void sim_checks::went_down(bool is_ready) {
   wanted_at_down_ = wanted_;
   timer_went_off_ = timer_went_off_ && !is_ready;
   was_ready_ = is_ready;
+  was_timer_second_ = is_timer_second();
   was_right_ =
       is_ready && !world_.m.test.running && tampered_at_ < released_at_ && !refuses_alarm(world_);
   if (was_right_ && off_went_at_ < released_at_) // nothing has gone off since
@@ -439,9 +447,10 @@ void sim_checks::came_up(bool boots) {
   // A user who has not pressed a key is not known.
   short_sleeps_ = is_short && (!is_known || world_.up_by == cause::kUser) ? short_sleeps_ + 1 : 0;
   failed_ = 0;
-  if ((is_known && world_.up_by != cause::kForeign && world_.up_by != cause::kUser) ||
-      left_at_up_ <= kNearSeconds)
+  if (world_.up_by == cause::kTimer || world_.up_by == cause::kHop || world_.up_by == cause::kTest)
     sleeps_.clear();
+  if (was_timer_second_) // it may have been about to fire
+    on_until_ = now() + kOrderMs + kBootMs;
   const std::int64_t last = slept_through_;
   if (world_.is_alive) // otherwise a daemon that has not started yet makes up for them
     slept_through_ = 0;
@@ -484,7 +493,9 @@ void sim_checks::check_cause() {
   if (world_.state != life::kRunning || !world_.is_alive)
     return;
   is_cause_open_ = false;
-  const cause known = knows_cause_ ? truth : by;
+  const cause known = knows_cause_ && !is_alarm_near() ? truth : by;
+  if (known == cause::kTimer || known == cause::kHop || known == cause::kTest)
+    sleeps_.clear();
   if (!world_.tv.has_cec && !is_ordered_on_ && (known == cause::kTimer || known == cause::kHop))
     said_on_ = false; // nobody knows what it did meanwhile
   if (!knows_cause_ || is_alarm_near())

@@ -46,6 +46,7 @@ public:
   bool has_released(millis since) const { return released_at_ >= since; }
   void delay_ended(millis begun_at);
   void turned_off_by_timer();
+  void halted();
 
 private:
   millis now() const;
@@ -85,6 +86,7 @@ private:
   std::deque<millis> sleeps_;
   bool is_cause_open_ = false; // not looked at since the wake-up
   bool knows_cause_ = false;   // nobody has hidden it from the process
+  bool was_timer_second_ = false;
   bool was_ready_ = false, has_booted_ = true;
   bool has_spoken_ = false;                      // the television, in this boot
   bool is_clock_set_ = false, said_on_ = false;  // in this boot; by the television, last
