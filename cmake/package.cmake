@@ -23,6 +23,7 @@ set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/package-check.cmake)
 
 set(CPACK_DEBIAN_MANAGER_PACKAGE_NAME dravel-manager)
 set(CPACK_DEBIAN_MANAGER_PACKAGE_DEPENDS "dbus")
+set(CPACK_DEBIAN_MANAGER_PACKAGE_RECOMMENDS "libical3") # dravelctl opens it for calendars
 set(CPACK_DEBIAN_MANAGER_DESCRIPTION
 "on and off timers of a television set
 Keeps the timers that turn a television set on, off or into standby, once or

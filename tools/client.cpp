@@ -11,6 +11,7 @@ using std::chrono::seconds;
 
 static constexpr std::size_t kTimerSize = std::size_t{4} * TIMER_WORDS;
 static constexpr std::size_t kPeriodSize = std::size_t{4} * PERIOD_WORDS;
+static constexpr seconds kBetweenReadings{2};
 static constexpr const char *kGetAll = "GetAll";
 static constexpr const char *kListTimers = "request_timer_list";
 static constexpr const char *kWakeupTimer = "request_wakeup_timer";
@@ -261,6 +262,14 @@ bool read_wakeup(GVariant *properties, wakeup_time &wakeup) {
   return true;
 }
 
+// The two clocks are read one after the other.
+static void compare_with_zone(snapshot &view) {
+  const auto apart = view.now.set - civil_of(view.now.system);
+  view.follows_zone = std::chrono::abs(apart) <= kBetweenReadings;
+  if (view.follows_zone)
+    view.now.system += apart;
+}
+
 static void fill_state(snapshot &view, GVariant *properties) {
   view.version = text_of(properties, "Version");
   view.platform = text_of(properties, "Platform");
@@ -272,6 +281,7 @@ static void fill_state(snapshot &view, GVariant *properties) {
   view.clock_confirmed = confirmed != FALSE;
   if (view.clock_known)
     view.now.set = civil(clock);
+  compare_with_zone(view);
   g_variant_lookup(properties, "HaltOn", "i", &view.halt_on);
   g_variant_lookup(properties, "HaltOff", "i", &view.halt_off);
   std::uint32_t limit = 0;

@@ -7,6 +7,7 @@
 #include <utility>
 
 static constexpr const char *kJsonFile = "FILE";
+static constexpr const char *kAllSkip = "Let every timer skip the holidays";
 static constexpr std::string_view kExample = "Example: ";
 
 // The command that is typed: the first word that is no option and no option's value.
@@ -130,13 +131,21 @@ CLI::App *command_line::define_monitor(const command_row &row) {
 CLI::App *command_line::define_holidays(const command_row &row) {
   CLI::App *holidays = command(&app_, row);
   command(holidays, "list", "List the holidays", "dravelctl holidays list", list_holidays);
-  CLI::App *add = command(holidays, "add", "Add holidays of every year",
+  CLI::App *add = command(holidays, "add", "Add holidays of every year, over the new year too",
                           "dravelctl holidays add 12-24 12-26", add_holidays);
   add->add_option("FIRST-DAY", given_.first_day, "As month-day")->required();
   add->add_option("LAST-DAY", given_.last_day, "The same day unless it is given");
   add->add_flag("--end-of-february", given_.end_of_february,
                 "02-28 or 02-29 means the last day of February in every year");
-  add->add_flag("--all", given_.all, "Let every timer skip the holidays");
+  add->add_flag("--all", given_.all, kAllSkip);
+  CLI::App *import =
+      command(holidays, "import", "Add the holidays of the coming year from a calendar",
+              "dravelctl holidays import holidays.ics", import_holidays);
+  import->add_option(kJsonFile, given_.words, "In the format iCalendar; - for standard input")
+      ->required()
+      ->expected(1);
+  import->add_flag("--all", given_.all, kAllSkip);
+  import->add_flag("--check", given_.check, "Say what would be added; do nothing");
   command(holidays, "remove", "Remove holidays", "dravelctl holidays remove 1", remove_holidays)
       ->add_option("HOLIDAYS", given_.words, "The ids of holidays")
       ->required();

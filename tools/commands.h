@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client.h"
+#include "forecast.h"
 #include "output.h"
 #include "parse.h"
 
@@ -46,6 +47,7 @@ void cancel_timers(client &client, const options &given);
 void halt(client &client, const options &given);
 void list_holidays(client &client, const options &given);
 void add_holidays(client &client, const options &given);
+void import_holidays(client &client, const options &given);
 void remove_holidays(client &client, const options &given);
 void skip_holidays(client &client, const options &given);
 void ignore_holidays(client &client, const options &given);
@@ -74,6 +76,7 @@ std::string cause_text(const std::string &cause);      // of a wake-up: "by its 
 std::string reason_not_to_read_history();              // empty when the user may
 json json_of_week(const snapshot &view);               // null while the clock is unknown
 const char *mark_word(timer_action action);            // what a timer is marked with in the week
+json json_of_explanation(const timer_record &timer, const snapshot &view, const outlook &ahead);
 
 int id_of(const std::string &text, const std::string &list = "dravelctl list");
 // Each id once.
@@ -83,6 +86,9 @@ failure no_such_timer(int id);
 std::vector<int> timers_of(client &client, const std::vector<std::string> &words);
 void print_timer(const timer_record &timer, const snapshot &view);
 const holiday *find_same(const holiday &wanted, const std::vector<holiday> &holidays);
+// What to say of a timer or holidays that the daemon did not take: a disk that takes nothing, else
+// `refusal`.
+failure not_stored(const std::string &what, const std::string &refusal);
 int add_holiday(client &client, const holiday &holiday, civil_time now); // the id
 bool runs_over_new_year(const holiday &holiday);
 

@@ -12,7 +12,7 @@ namespace {
 
 // What is known of one timer; `sentences` is what a person reads.
 struct explanation {
-  std::vector<civil_time> firings;
+  std::vector<firing> firings;
   std::vector<passed_over> passed;
   std::vector<std::string> sentences;
 };
@@ -59,61 +59,56 @@ static void compute_firings(explanation &told, const timer_record &timer, const 
   for (const firing &firing : firings) {
     if (firing.id != timer.id && std::ranges::find(firing.passed, timer.id) == firing.passed.end())
       continue;
-    told.firings.push_back(firing.at);
+    told.firings.push_back(firing);
     if (timer.week_flag == 0 || told.firings.size() > kFollowing)
       return;
     std::vector<passed_over> passed;
-    next_firing(copy, clocks_at(view.now, firing.at), view.holidays, &passed);
+    next_firing(copy, {firing.at, firing.system}, view.holidays, &passed);
     std::ranges::copy_if(passed, std::back_inserter(told.passed),
                          [](const passed_over &day) { return day.holiday != 0; });
   }
 }
 
-// How the firings of others change what `timer` is armed for.
-static std::string fate_of(const timer_record &timer, const explanation &told,
-                           const std::vector<firing> &firings) {
-  const auto before = [](const firing &other) {
-    return "Timer " + std::to_string(other.id) + " fires before it, on " + time_text(other.at) +
-           ", and ";
-  };
-  if (!told.firings.empty())
-    return timer.week_flag == 0
-               ? before(firings[0]) + "moves it to " + time_text(told.firings[0]) + "."
-               : "";
-  for (const firing &other : firings)
-    if (std::ranges::find(other.removed, timer.id) != other.removed.end())
-      return before(other) + "removes it.";
-  return "It does not fire in the coming five weeks.";
-}
-
 static void tell_repeating(explanation &told, const snapshot &view) {
-  told.sentences.push_back("It fires next on " + firing_text(told.firings[0], view.now.set) + ".");
+  told.sentences.push_back("It fires next on " + firing_text(told.firings[0].at, view) + ".");
   std::string after;
   for (std::size_t i = 1; i < told.firings.size(); ++i)
-    after += (i == 1 ? "After that it fires on " : ", ") + time_text(told.firings[i]);
+    after += (i == 1 ? "After that it fires on " : ", ") + time_text(told.firings[i].at);
   if (!after.empty())
     told.sentences.push_back(after + ".");
 }
 
+// A timer of the system clock is armed for a time that the set's clock calls otherwise once it has
+// jumped.
+static bool fires_as_armed(const explanation &told, const timer_record &timer,
+                           const snapshot &view) {
+  const auto armed = view.armed.find(timer.id);
+  if (armed == view.armed.end() || told.firings.empty())
+    return false;
+  const firing &first = told.firings[0];
+  return moment_of(first.at, first.system, view).since_1970 ==
+         moment_of(armed->second, view).since_1970;
+}
+
 static void tell_when(explanation &told, const timer_record &timer, const snapshot &view,
-                      const std::vector<firing> &firings) {
+                      const outlook &ahead) {
   const auto armed = view.armed.find(timer.id);
   if (armed == view.armed.end()) {
     told.sentences.push_back("It is not armed: " + reason_unarmed(timer, view) + ".");
     return;
   }
-  const bool fires_then = !told.firings.empty() && told.firings[0] == armed->second;
-  const std::string when = firing_text(armed->second, view.now.set) + ".";
-  if (!fires_then) {
-    told.sentences.push_back("It is armed for " + when);
-    if (const std::string fate = fate_of(timer, told, firings); !fate.empty())
+  if (!fires_as_armed(told, timer, view)) {
+    told.sentences.push_back("It is armed for " + firing_text(armed->second, view) + ".");
+    if (const std::string fate = fate_of(timer, ahead); !fate.empty())
       told.sentences.push_back(fate);
+    else if (told.firings.empty())
+      told.sentences.emplace_back("It does not fire in the coming five weeks.");
   } else if (timer.week_flag == 0) {
-    told.sentences.push_back("It fires once, on " + when);
+    told.sentences.push_back("It fires once, on " + firing_text(told.firings[0].at, view) + ".");
   }
   if (timer.week_flag != 0 && !told.firings.empty())
     tell_repeating(told, view);
-  for (const clash &clash : clashes_of(timer.id, firings))
+  for (const clash &clash : clashes_of(timer.id, ahead.firings))
     if (const std::string text = clash.text(view); !text.empty())
       told.sentences.push_back(sentence(text));
 }
@@ -194,15 +189,15 @@ static std::vector<std::string> tell_wakeup(const snapshot &view) {
 // --- the command ---
 
 static explanation explain_timer(const timer_record &timer, const snapshot &view,
-                                 const std::vector<firing> &firings) {
+                                 const outlook &ahead) {
   explanation told;
   told.sentences.push_back(
       sentence(title_of(timer) + " is set for " +
                (timer.week_flag == 0 ? time_text(timer.at) : time_of_day_text(timer.at)) +
                (timer.holiday_effect != 0 ? " and skips holidays" : "")));
-  compute_firings(told, timer, view, firings);
+  compute_firings(told, timer, view, ahead.firings);
   tell_passed(told, timer.week_flag);
-  tell_when(told, timer, view, firings);
+  tell_when(told, timer, view, ahead);
   tell_action(told, timer, view);
   return told;
 }
@@ -210,12 +205,10 @@ static explanation explain_timer(const timer_record &timer, const snapshot &view
 static json json_of(const explanation &told, const timer_record &timer, const snapshot &view) {
   json object = json_of(timer, view);
   object["following"] = json::array();
-  const auto armed = view.armed.find(timer.id);
-  for (const civil_time at : told.firings) {
+  for (std::size_t i = fires_as_armed(told, timer, view) ? 1 : 0; i < told.firings.size(); ++i) {
     json firing;
-    add_time(firing, "at", at);
-    if (armed == view.armed.end() || at != armed->second)
-      object["following"].push_back(firing);
+    add_time(firing, "at", moment_of(told.firings[i].at, told.firings[i].system, view));
+    object["following"].push_back(firing);
   }
   object["passed_over"] = json::array();
   for (const passed_over &passed : told.passed)
@@ -223,6 +216,10 @@ static json json_of(const explanation &told, const timer_record &timer, const sn
         {{"day", iso_text(passed.day).substr(0, 10)}, {"why", name_of(passed)}});
   object["sentences"] = told.sentences;
   return object;
+}
+
+json json_of_explanation(const timer_record &timer, const snapshot &view, const outlook &ahead) {
+  return json_of(explain_timer(timer, view, ahead), timer, view);
 }
 
 void explain(client &client, const options &given) {
@@ -236,18 +233,16 @@ void explain(client &client, const options &given) {
   }
   json list = json::array();
   const auto wakeup = tell_wakeup(view);
-  const auto firings = forecast(view, forecast_end(view));
-  for (const timer_record &timer : timers) {
-    const explanation told = explain_timer(timer, view, firings);
-    list.push_back(json_of(told, timer, view));
-    for (const auto &sentence : told.sentences)
-      if (!given.json)
-        std::puts(sentence.c_str());
-    if (!given.json)
-      std::puts("");
-  }
+  const outlook ahead = forecast(view, forecast_end(view));
+  for (const timer_record &timer : timers)
+    list.push_back(json_of_explanation(timer, view, ahead));
   if (given.json)
     return say(true, {{"timers", list}, {"wakeup", wakeup}}, "");
+  for (const json &told : list) {
+    for (const std::string sentence : told["sentences"])
+      std::puts(sentence.c_str());
+    std::puts("");
+  }
   for (const auto &sentence : wakeup)
     std::puts(sentence.c_str());
 }

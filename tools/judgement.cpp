@@ -34,7 +34,8 @@ std::string refusal_of(timer_record timer, const snapshot &view) {
     return "holidays cover every day on which it would fire";
   if (*next - view.now.set > kFarthest)
     return time_text(*next) + " is more than 365 days ahead";
-  const auto ontimer = ontimer_soon_after(*next, view, 0);
+  snapshot after = view;
+  const auto ontimer = ontimer_soon_after(*next, after, timer.id);
   if (timer.type == TIMER_TYPE_STANDBY && ontimer)
     return "timer " + std::to_string(*ontimer) +
            " follows within ten minutes after it, and a standby timer is then left out";
@@ -132,13 +133,72 @@ std::string clash::text(const snapshot &view) const {
          "; choose another " + (is_on ? "minute" : "second");
 }
 
+// --- what becomes of it ---
+
+static bool holds(const std::vector<int> &ids, int id) {
+  return std::ranges::find(ids, id) != ids.end();
+}
+
+template <typename Event> static const Event *first_with(const std::vector<Event> &events, int id) {
+  const auto found = std::ranges::find_if(events, [id](const Event &event) {
+    return holds(event.others.moved, id) || holds(event.others.removed, id);
+  });
+  return found != events.end() ? &*found : nullptr;
+}
+
+static const firing *firing_of(int id, const outlook &ahead) {
+  const auto found = std::ranges::find_if(ahead.firings, [id](const firing &firing) {
+    return firing.id == id || holds(firing.passed, id);
+  });
+  return found != ahead.firings.end() ? &*found : nullptr;
+}
+
+std::string fate_of(const timer_record &timer, const outlook &ahead) {
+  const firing *fires = firing_of(timer.id, ahead);
+  const firing *other = first_with(ahead.firings, timer.id);
+  const clock_change *change = first_with(ahead.changes, timer.id);
+  if (change != nullptr && other != nullptr && other->system < change->system)
+    change = nullptr;
+  const civil_time when = change != nullptr  ? change->system
+                          : other != nullptr ? other->system
+                                             : civil_time::max();
+  if (when == civil_time::max() || (fires != nullptr && fires->system <= when))
+    return "";
+  const std::string what =
+      change != nullptr
+          ? "The clock jumps from " + time_of_day_text(change->from) + " to " +
+                time_of_day_text(change->to) + " before it, on " +
+                day_text(floor<days>(change->from))
+          : "Timer " + std::to_string(other->id) + " fires before it, on " + time_text(other->at);
+  if (fires == nullptr)
+    return what + ", and removes it.";
+  return what + ", and " +
+         (timer.week_flag == 0 ? "moves it to " + time_text(fires->at) : "leaves this time out") +
+         ".";
+}
+
 // --- a new timer ---
 
-static std::vector<clash> clashes_of_new(timer_record timer, civil_time next, snapshot &view) {
+static outlook with_new(timer_record timer, civil_time next, snapshot &view) {
   timer.id = kUnlisted;
   view.timers.push_back(timer);
   view.armed[kUnlisted] = next;
-  return clashes_of(kUnlisted, forecast(view, forecast_end(view)));
+  return forecast(view, forecast_end(view));
+}
+
+// The daemon keeps the time of day of a timer for one moment, not its day.
+static std::string note_of_day(timer_record timer, civil_time next, const snapshot &view,
+                               const outlook &ahead) {
+  timer.id = kUnlisted;
+  const std::string fate = fate_of(timer, ahead);
+  const std::string day = day_names(1 << weekday_of(next)).front();
+  const bool is_near = next - view.now.set < days(7);
+  return (fate.empty() ? "" : fate + " ") +
+         "Each expiry of another timer, each wake-up of the set and each change of the clock, the "
+         "zone or the holidays moves this timer to the next " +
+         time_of_day_text(next) + ". To keep its day, add it " +
+         (is_near ? "" : "less than a week ahead ") + "with --on " + day +
+         ", and cancel it afterwards.";
 }
 
 std::vector<std::string> notes_of(timer_record timer, const snapshot &view) {
@@ -155,15 +215,12 @@ std::vector<std::string> notes_of(timer_record timer, const snapshot &view) {
     return notes;
   if (timer.at != wanted)
     notes.push_back("Holidays move it from " + time_text(wanted) + " to " + time_text(*next) + ".");
+  snapshot with = view;
+  const outlook ahead = with_new(timer, *next, with);
   const bool is_moved = timer.type != TIMER_TYPE_ALWAYS && timer.type != TIMER_TYPE_TRANSIENT;
   if (timer.week_flag == 0 && is_moved && *next - view.now.set > days(1))
-    notes.push_back("A change of the clock, the zone or the holidays, or the expiry of another "
-                    "timer before, moves this timer to the next " +
-                    time_of_day_text(*next) +
-                    ". To keep its day, add it less than 24 hours ahead, or repeat it on its "
-                    "weekday (--on) and cancel it afterwards.");
-  snapshot with = view;
-  for (const clash &clash : clashes_of_new(timer, *next, with))
+    notes.push_back(note_of_day(timer, *next, view, ahead));
+  for (const clash &clash : clashes_of(kUnlisted, ahead.firings))
     if (const std::string text = clash.text(with); !text.empty())
       notes.push_back(sentence(text));
   return notes;

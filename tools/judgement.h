@@ -2,13 +2,16 @@
 // takes it from here, so that all say the same.
 #pragma once
 
-#include "timers.h"
+#include "forecast.h"
 
 #include <string>
 #include <vector>
 
 // Why the daemon would refuse `timer`; empty when nothing speaks against it.
 std::string refusal_of(timer_record timer, const snapshot &view);
+
+// What moves or removes an armed timer before it fires, a sentence; empty for nothing.
+std::string fate_of(const timer_record &timer, const outlook &ahead);
 
 // Why a listed timer is not armed.
 std::string reason_unarmed(const timer_record &timer, const snapshot &view);

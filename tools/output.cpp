@@ -149,19 +149,40 @@ std::string title_of(const timer_record &timer) {
          type_name(timer.type) + ", " + days_text(timer.week_flag) + ")";
 }
 
+zoned_time moment_of(civil_time at, civil_time system, const snapshot &view) {
+  return view.follows_zone && civil_of(system) == at ? from_utc(system) : in_zone(at);
+}
+
+// Up to the next jump of the clock the offset stays as it is now.
+zoned_time moment_of(civil_time at, const snapshot &view) {
+  return moment_of(at, at - (view.now.set - view.now.system), view);
+}
+
+std::string span_until(civil_time at, const snapshot &view) {
+  const auto since_1970 = [&](civil_time time) { return moment_of(time, view).since_1970; };
+  return span_text(std::chrono::seconds(since_1970(at) - since_1970(view.now.set)));
+}
+
+std::string firing_text(civil_time at, const snapshot &view) {
+  return time_text(at) + ", in " + span_until(at, view);
+}
+
 std::string next_text(const timer_record &timer, const snapshot &view) {
   const auto armed = view.armed.find(timer.id);
   if (armed == view.armed.end())
     return "not armed";
-  return firing_text(armed->second, view.now.set) +
-         (is_halted(timer.type, view) ? ", halted" : "") + (view.has_state ? "" : ", guessed");
+  return firing_text(armed->second, view) + (is_halted(timer.type, view) ? ", halted" : "") +
+         (view.has_state ? "" : ", guessed");
+}
+
+void add_time(json &to, const std::string &name, const zoned_time &time) {
+  to[name] = time.iso;
+  to[name + "_seconds"] = time.since_1970;
 }
 
 void add_time(json &to, const std::string &name, std::optional<civil_time> time, bool is_utc) {
   if (time) {
-    const zoned_time zoned = is_utc ? from_utc(*time) : in_zone(*time);
-    to[name] = zoned.iso;
-    to[name + "_seconds"] = zoned.since_1970;
+    add_time(to, name, is_utc ? from_utc(*time) : in_zone(*time));
   } else {
     to[name] = nullptr;
     to[name + "_seconds"] = nullptr;
@@ -185,7 +206,10 @@ json json_of(const timer_record &timer, const snapshot &view) {
                  {"title", title_of(timer)},
                  {"days_text", days_text(timer.week_flag)},
                  {"next_text", next_text(timer, view)}};
-  add_time(object, "next", is_armed ? std::optional(armed->second) : std::nullopt);
+  if (is_armed)
+    add_time(object, "next", moment_of(armed->second, view));
+  else
+    add_time(object, "next", std::nullopt);
   object["armed"] = is_armed;
   if (!view.has_state)
     object["guessed"] = true;

@@ -48,6 +48,13 @@ bool is_halted(int type, const snapshot &view);
 std::string title_of(const timer_record &timer); // "timer 3 (off, daily)"
 std::string next_text(const timer_record &timer, const snapshot &view);
 
+// The moment at which the set's clock reads `at`, `system` being what the system clock may read
+// then; without it the first one from now on.
+zoned_time moment_of(civil_time at, civil_time system, const snapshot &view);
+zoned_time moment_of(civil_time at, const snapshot &view);
+std::string span_until(civil_time at, const snapshot &view);  // "16 hours"
+std::string firing_text(civil_time at, const snapshot &view); // with how long it is until then
+
 json json_of(const timer_record &timer, const snapshot &view);
 json json_of(const holiday &holiday);
 json exported(const timer_record &timer); // what import reads: nothing that is computed
@@ -55,3 +62,4 @@ json exported(const timer_record &timer); // what import reads: nothing that is 
 // `name` and `name`_seconds, the latter since 1970; null for no time.
 void add_time(json &to, const std::string &name, std::optional<civil_time> time,
               bool is_utc = false);
+void add_time(json &to, const std::string &name, const zoned_time &time);

@@ -1,8 +1,11 @@
 // status, halt, holidays, wakeup
+#include "calendar.h"
 #include "commands.h"
 
 #include <algorithm>
 #include <array>
+#include <iostream>
+#include <iterator>
 #include <set>
 
 using namespace std::chrono;
@@ -225,7 +228,7 @@ int add_holiday(client &client, const holiday &holiday, civil_time now) {
   const year this_year = year_month_day(floor<days>(now)).year();
   const int id = client.call_int("request_set_disable_period", arguments_of(holiday, this_year));
   if (id == -1)
-    throw failure{"dravel-manager refused the holidays", kLogHint};
+    throw not_stored("the holidays", "");
   return id;
 }
 
@@ -237,30 +240,147 @@ const holiday *find_same(const holiday &wanted, const std::vector<holiday> &holi
   return found != holidays.end() ? &*found : nullptr;
 }
 
+// The daemon compares month and day: what runs over the new year has two parts.
+static std::vector<holiday> parts_of(const holiday &period) {
+  if (!runs_over_new_year(period))
+    return {period};
+  return {{.first = period.first, .last = {.month = 12, .day = 31}},
+          {.first = {}, .last = period.last}};
+}
+
+static std::string span_text_of(const holiday &period) {
+  const std::string first = date_text(period.first);
+  const std::string last = date_text(period.last);
+  return first == last ? first : first + " to " + last;
+}
+
+static void let_all_skip(client &client, const snapshot &view) {
+  for (const timer_record &timer : view.timers)
+    if (timer.holiday_effect == 0)
+      client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", timer.id, 1));
+}
+
+static std::vector<std::string> notes_on_skipping(const options &given, const snapshot &view) {
+  if (given.all || std::ranges::any_of(view.timers, &timer_record::holiday_effect))
+    return {};
+  return {"No timer skips holidays: dravelctl holidays skip ID lets one skip them."};
+}
+
 void add_holidays(client &client, const options &given) {
   holiday period{.first = holiday_end_of(given.first_day, given.end_of_february)};
   period.last =
       given.last_day ? holiday_end_of(*given.last_day, given.end_of_february) : period.first;
-  if (runs_over_new_year(period))
-    throw usage("holidays that run over the new year match no day",
-                "add two: one up to 12-31, one from 01-01");
   if (given.end_of_february && !period.first.end_of_february && !period.last.end_of_february)
     throw usage("--end-of-february needs 02-28 or 02-29 as one of the days");
   const snapshot before = client.look();
-  if (const holiday *same = find_same(period, before.holidays))
-    throw failure{"not added: these days are holidays " + std::to_string(same->id) + " already",
-                  ""};
-  period.id = add_holiday(client, period, before.now.set);
-  for (const timer_record &timer : before.timers)
-    if (given.all && timer.holiday_effect == 0)
-      client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", timer.id, 1));
-  std::vector<std::string> notes;
-  if (!given.all && std::ranges::none_of(before.timers, &timer_record::holiday_effect))
-    notes.emplace_back("No timer skips holidays: dravelctl holidays skip ID lets one skip them.");
-  say_with_changes(client, given.json, json_of(period),
-                   "Holidays " + std::to_string(period.id) + " are added: " +
-                       date_text(period.first) + " to " + date_text(period.last) + ".",
-                   before, notes);
+  std::string known;
+  std::string text;
+  json about;
+  for (holiday part : parts_of(period)) {
+    if (const holiday *same = find_same(part, before.holidays)) {
+      known += (known.empty() ? "" : " and ") + std::to_string(same->id);
+      continue;
+    }
+    part.id = add_holiday(client, part, before.now.set);
+    if (about.empty())
+      about = json_of(part);
+    about["added"].push_back(json_of(part));
+    text += (text.empty() ? "" : "\n") + std::string("Holidays ") + std::to_string(part.id) +
+            " are added: " + span_text_of(part) + ".";
+  }
+  if (about.empty())
+    throw failure{"not added: these days are holidays " + known + " already", ""};
+  if (given.all)
+    let_all_skip(client, before);
+  say_with_changes(client, given.json, about, text, before, notes_on_skipping(given, before));
+}
+
+// --- holidays import ---
+
+static std::string contents_of(const std::string &file) {
+  if (file == "-")
+    return {std::istreambuf_iterator<char>(std::cin), {}};
+  g_autofree char *contents = nullptr;
+  gsize length = 0;
+  g_autoptr(GError) error = nullptr;
+  if (g_file_get_contents(file.c_str(), &contents, &length, &error) == FALSE) {
+    const std::string reason = error->message;
+    throw failure{"cannot read " + file + reason.substr(reason.rfind(": ")), ""};
+  }
+  return {contents, length};
+}
+
+namespace {
+
+struct named_holiday {
+  holiday period;
+  std::string name;
+};
+
+} // namespace
+
+static holiday_end end_of(sys_days day) {
+  const year_month_day date(day);
+  return {unsigned(date.month()), unsigned(date.day()), false};
+}
+
+// Those that are not among `known`, each once.
+static std::vector<named_holiday> new_ones_of(const std::vector<calendar_entry> &entries,
+                                              std::vector<holiday> known) {
+  std::vector<named_holiday> found;
+  for (const calendar_entry &entry : entries)
+    for (const holiday &part :
+         parts_of({.first = end_of(entry.first), .last = end_of(entry.last)})) {
+      if (find_same(part, known) != nullptr)
+        continue;
+      known.push_back(part);
+      found.push_back({part, entry.name});
+    }
+  return found;
+}
+
+static std::string text_of(const named_holiday &holiday, bool is_check) {
+  const std::string what =
+      span_text_of(holiday.period) + (holiday.name.empty() ? "" : ", " + holiday.name);
+  return is_check ? "Would be added: " + what + ".\n"
+                  : "Holidays " + std::to_string(holiday.period.id) + " are added: " + what + ".\n";
+}
+
+static std::vector<int> skipping_timers(const snapshot &view, bool all) {
+  std::vector<int> ids;
+  for (const timer_record &timer : view.timers)
+    if ((all || timer.holiday_effect != 0) && timer.type != TIMER_TYPE_ALWAYS)
+      ids.push_back(timer.id);
+  return ids;
+}
+
+void import_holidays(client &client, const options &given) {
+  const std::string &file = given.words.at(0);
+  const snapshot before = client.look();
+  const sys_days today = floor<days>(before.now.set);
+  const auto entries = read_calendar(contents_of(file), file == "-" ? "standard input" : file,
+                                     today, sys_days(year_month_day(today) + years(1)));
+  json about{{"added", json::array()}};
+  std::string text;
+  for (named_holiday &wanted : new_ones_of(entries, before.holidays)) {
+    if (!given.check)
+      wanted.period.id = add_holiday(client, wanted.period, before.now.set);
+    text += text_of(wanted, given.check);
+    about["added"].push_back(json_of(wanted.period));
+    about["added"].back()["name"] = wanted.name;
+    if (given.check)
+      about["added"].back()["id"] = nullptr;
+  }
+  if (given.all && !given.check)
+    let_all_skip(client, before);
+  about["skipped_by"] = skipping_timers(before, given.all);
+  text += text.empty() ? "All of them are there already." : "Timers that skip them:";
+  for (const json &id : about["added"].empty() ? json::array() : about["skipped_by"])
+    text += " " + id.dump();
+  auto notes = notes_on_skipping(given, before);
+  notes.emplace_back("Holidays recur on the same days of every year: import those that move, such "
+                     "as Easter, each year, and remove the old ones.");
+  say_with_changes(client, given.json, about, text, before, notes);
 }
 
 void remove_holidays(client &client, const options &given) {

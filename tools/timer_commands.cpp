@@ -12,6 +12,7 @@ using namespace std::chrono;
 static constexpr seconds kSoon{2};     // "now" is still to come when the daemon reads it
 static constexpr seconds kSoonDue{60}; // no timer is moved so shortly before it fires
 static constexpr const char *kStoreDirectory = "/opt/dbspace";
+static constexpr fsblkcnt_t kLeastRoom = 65536; // bytes: a change of the store and its journal
 
 int id_of(const std::string &text, const std::string &list) {
   const auto id = parse_int(text);
@@ -96,7 +97,7 @@ static std::vector<std::string> row_of(const timer_record &timer, const snapshot
   return {std::to_string(timer.id),
           type_name(timer.type),
           is_armed ? short_time_text(armed->second) : "not armed",
-          is_armed ? span_text(armed->second - view.now.set) : "",
+          is_armed ? span_until(armed->second, view) : "",
           days_text(timer.week_flag),
           remarks_of(timer, view)};
 }
@@ -220,18 +221,22 @@ void check_room(const timer_record &timer, const snapshot &view, bool force) {
                   "cancel one, or give --force"};
 }
 
+failure not_stored(const std::string &what, const std::string &refusal) {
+  const std::string refused = "dravel-manager refused " + what;
+  const std::string disk = ": the disk of " + std::string(kStoreDirectory);
+  struct statvfs found {};
+  if (statvfs(kStoreDirectory, &found) == 0 && (found.f_flag & ST_RDONLY) != 0)
+    return {refused + disk + " is read-only", "make it writable"};
+  if (found.f_blocks != 0 && found.f_bavail * found.f_frsize < kLeastRoom)
+    return {refused + disk + " is full", "make room there"};
+  return {refused + (refusal.empty() ? "" : ": " + refusal), kLogHint};
+}
+
 int add_to_set(client &client, const timer_record &timer, const snapshot &view) {
   const int id = client.call_int("schedule_timer", arguments_of(timer));
   if (id != -1)
     return id;
-  struct statvfs disk {};
-  if (statvfs(kStoreDirectory, &disk) == 0 && disk.f_bavail == 0)
-    throw failure{"dravel-manager refused the timer: the disk of " + std::string(kStoreDirectory) +
-                      " is full",
-                  "make room there"};
-  const std::string refusal = refusal_of(timer, view);
-  throw failure{"dravel-manager refused the timer" + (refusal.empty() ? "" : ": " + refusal),
-                kLogHint};
+  throw not_stored("the timer", refusal_of(timer, view));
 }
 
 static std::vector<std::string> notes_of_added(const options &given, const timer_record &timer,

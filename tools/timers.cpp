@@ -6,7 +6,6 @@
 
 using namespace std::chrono;
 
-static constexpr seconds kStandbySkip{DRAVEL_STANDBY_SKIP_SECONDS};
 static constexpr year kLastYear{DRAVEL_LAST_YEAR};
 static constexpr year kYearAfterLast{DRAVEL_YEAR_AFTER_LAST};
 
@@ -48,7 +47,8 @@ timer_record timer_from_image(const std::uint8_t *image) {
           .delay = word_at(image, TIMER_WORD_DELAY),
           .week_flag = word_at(image, TIMER_WORD_WEEK_FLAG),
           .holiday_effect = word_at(image, TIMER_WORD_DISABLE_PERIOD_EFFECT),
-          .clock = word_at(image, TIMER_WORD_TIME_TYPE)};
+          .clock = word_at(image, TIMER_WORD_TIME_TYPE),
+          .stored_day = word_at(image, TIMER_WORD_WDAY)};
 }
 
 holiday holiday_from_image(const std::uint8_t *image) {
@@ -115,6 +115,10 @@ const timer_record *find_timer(const std::vector<timer_record> &timers, int id) 
 
 static year year_of(civil_time time) { return year_month_day(floor<days>(time)).year(); }
 
+int weekday_of(civil_time time) {
+  return static_cast<int>(weekday(floor<days>(time)).c_encoding());
+}
+
 static bool has_day(int week_flag, sys_days day) {
   return (week_flag >> weekday(day).c_encoding() & 1) != 0;
 }
@@ -141,16 +145,25 @@ std::vector<int> holidays_on(sys_days day, const snapshot &view) {
   return ids;
 }
 
-// The holidays that keep `timer` from firing at `at`. The February rule takes the year of the
-// timer's own clock.
-static const holiday *holiday_at(const timer_record &timer, civil_time at, const clocks &now,
-                                 const std::vector<holiday> &holidays) {
+// The February rule takes the year of the timer's own clock, the day after the holidays that of
+// `at`.
+int rest_at(timer_record &timer, civil_time at, const clocks &now,
+            const std::vector<holiday> &holidays) {
   if (timer.holiday_effect == 0 || timer.type == TIMER_TYPE_ALWAYS)
-    return nullptr;
-  const year in = year_of(now.of(timer.clock));
-  const auto found = std::ranges::find_if(
-      holidays, [&](const holiday &period) { return is_within(period, floor<days>(at), in); });
-  return found != holidays.end() ? &*found : nullptr;
+    return 0;
+  const year february_of = year_of(now.of(timer.clock));
+  const auto found = std::ranges::find_if(holidays, [&](const holiday &period) {
+    return is_within(period, floor<days>(at), february_of);
+  });
+  if (found == holidays.end())
+    return 0;
+  if (timer.week_flag == 0) {
+    timer.stored_day = timer.stored_day.value_or(weekday_of(timer.at)); // the date alone moves
+    const sys_days last_day = sys_days(year_of(at) / month(found->last.month) / 1) +
+                              days(day_in(found->last, february_of) - 1);
+    timer.at += last_day - floor<days>(at) + days(1);
+  }
+  return found->id;
 }
 
 static civil_time without_seconds(const timer_record &timer) {
@@ -164,16 +177,10 @@ static std::optional<civil_time> next_once(timer_record &timer, const clocks &no
   const bool after_last_year = year_of(timer.at) == kYearAfterLast && year_of(own_now) == kLastYear;
   if (at <= now.set && !after_last_year)
     return std::nullopt;
-  const holiday *rest = holiday_at(timer, at, now, holidays);
-  if (rest == nullptr)
-    return at;
-  const sys_days last_day = sys_days(year_of(at) / month(rest->last.month) / 1) +
-                            days(day_in(rest->last, year_of(own_now)) - 1);
-  timer.at += last_day - floor<days>(at) + days(1);
-  return without_seconds(timer);
+  return rest_at(timer, at, now, holidays) == 0 ? at : without_seconds(timer);
 }
 
-static std::optional<civil_time> next_repetition(const timer_record &timer, const clocks &now,
+static std::optional<civil_time> next_repetition(timer_record &timer, const clocks &now,
                                                  const std::vector<holiday> &holidays,
                                                  std::vector<passed_over> *passed) {
   const civil_time own_now = now.of(timer.clock);
@@ -189,11 +196,11 @@ static std::optional<civil_time> next_repetition(const timer_record &timer, cons
       continue;
     const civil_time at = day + time_of_day + (now.set - own_now);
     const bool is_past = k == 0 && at <= now.set;
-    const holiday *rest = is_past ? nullptr : holiday_at(timer, at, now, holidays);
-    if (!is_past && rest == nullptr)
+    const int rest = is_past ? 0 : rest_at(timer, at, now, holidays);
+    if (!is_past && rest == 0)
       return at;
     if (passed != nullptr)
-      passed->push_back({floor<days>(at), is_past ? 0 : rest->id});
+      passed->push_back({floor<days>(at), rest});
   }
   return std::nullopt;
 }
@@ -203,115 +210,4 @@ std::optional<civil_time> next_firing(timer_record &timer, const clocks &now,
                                       std::vector<passed_over> *passed) {
   return timer.week_flag == 0 ? next_once(timer, now, holidays)
                               : next_repetition(timer, now, holidays, passed);
-}
-
-clocks clocks_at(const clocks &now, civil_time set) { return {set, now.system + (set - now.set)}; }
-
-// --- timers beside each other ---
-
-std::optional<int> ontimer_soon_after(civil_time at, const snapshot &view, int except) {
-  for (const timer_record &timer : view.timers) {
-    const auto armed = view.armed.find(timer.id);
-    if (timer.id != except && is_ontimer_type(timer.type) && armed != view.armed.end() &&
-        armed->second > at && armed->second <= at + kStandbySkip)
-      return timer.id;
-  }
-  return std::nullopt;
-}
-
-static bool share_a_day(const timer_record &a, const timer_record &b) {
-  const auto days_of = [](const timer_record &timer) {
-    return timer.week_flag != 0 ? timer.week_flag
-                                : 1 << weekday(floor<days>(timer.at)).c_encoding();
-  };
-  return (days_of(a) & days_of(b)) != 0;
-}
-
-const timer_record *coinciding_offtimer(const timer_record &timer, const snapshot &view) {
-  const auto on_the_set = [&](const timer_record &any) {
-    return any.at + (view.now.set - view.now.of(any.clock));
-  };
-  const auto found = std::ranges::find_if(view.timers, [&](const timer_record &other) {
-    return other.type == TIMER_TYPE_OFF && on_the_set(other) == on_the_set(timer) &&
-           share_a_day(timer, other);
-  });
-  return found != view.timers.end() ? &*found : nullptr;
-}
-
-// Moves a timer for one moment by whole days into the 24 hours from now.
-static void anchor(timer_record &timer, const clocks &now) {
-  const seconds ahead = timer.at + (now.set - now.of(timer.clock)) - now.set;
-  timer.at -= floor<days>(ahead);
-}
-
-// The timer's next firing once all timers are armed again; nothing when it is then removed.
-static std::optional<civil_time> armed_again(timer_record &timer, const snapshot &view) {
-  if (view.armed.contains(timer.id) && timer.week_flag == 0 && timer.type != TIMER_TYPE_ALWAYS)
-    anchor(timer, view.now);
-  const auto next = next_firing(timer, view.now, view.holidays);
-  if (!next || *next - view.now.set > kFarthest ||
-      (timer.type == TIMER_TYPE_STANDBY && ontimer_soon_after(*next, view, timer.id)))
-    return std::nullopt;
-  return next;
-}
-
-static void arm_all(snapshot &view, int fired) {
-  std::vector<timer_record> kept;
-  for (timer_record &timer : view.timers) {
-    const bool armed = view.armed.contains(timer.id);
-    const bool left_alone =
-        timer.type == TIMER_TYPE_TRANSIENT ||
-        (!armed && timer.id != fired && coinciding_offtimer(timer, view) != nullptr);
-    if (!left_alone) {
-      const auto next = armed_again(timer, view);
-      view.armed.erase(timer.id);
-      if (!next)
-        continue;
-      view.armed.emplace(timer.id, *next);
-    }
-    kept.push_back(timer);
-  }
-  view.timers = kept;
-}
-
-// The armed timer that expires first; of those at the same second a transient one, which was armed
-// before them, or else the first in the list.
-static std::optional<firing> soonest(const snapshot &view) {
-  std::optional<firing> found;
-  for (const bool transient : {true, false})
-    for (const timer_record &timer : view.timers) {
-      const auto armed = view.armed.find(timer.id);
-      if (armed != view.armed.end() && (timer.type == TIMER_TYPE_TRANSIENT) == transient &&
-          (!found || armed->second < found->at))
-        found = firing{timer.id, armed->second};
-    }
-  return found;
-}
-
-static std::vector<int> passed_by(const firing &first, const snapshot &view) {
-  std::vector<int> passed;
-  for (const timer_record &timer : view.timers)
-    if (const auto armed = view.armed.find(timer.id);
-        armed != view.armed.end() && armed->second == first.at && timer.id != first.id &&
-        timer.type != TIMER_TYPE_TRANSIENT) // stays armed, and fires next
-      passed.push_back(timer.id);
-  return passed;
-}
-
-std::vector<firing> forecast(snapshot view, civil_time until) {
-  std::vector<firing> firings;
-  for (;;) {
-    auto next = soonest(view);
-    if (!next || next->at > until || next->at < view.now.set)
-      return firings;
-    next->passed = passed_by(*next, view);
-    const auto before = view.timers;
-    view.armed.erase(next->id);
-    view.now = clocks_at(view.now, next->at);
-    arm_all(view, next->id);
-    for (const timer_record &timer : before)
-      if (find_timer(view.timers, timer.id) == nullptr)
-        next->removed.push_back(timer.id);
-    firings.push_back(*next);
-  }
 }

@@ -28,6 +28,7 @@ struct timer_record {
   int week_flag = 0; // 0: once; otherwise bit n repeats it on weekday n, Sunday being 0
   int holiday_effect = 0;
   int clock = TIME_TYPE_BROADCAST;
+  std::optional<int> stored_day{}; // weekday, where it may not be the date's
 };
 
 struct holiday_end {
@@ -65,6 +66,7 @@ struct snapshot {
   std::string version;
   std::string platform;
   clocks now{};
+  bool follows_zone = false; // the set's clock reads this machine's local time
   bool clock_known = true;
   bool clock_confirmed = true;
   std::map<int, civil_time> armed; // by timer id
@@ -81,6 +83,7 @@ holiday holiday_from_image(const std::uint8_t *image);
 GVariant *arguments_of(const timer_record &timer);                      // of schedule_timer
 GVariant *arguments_of(const holiday &holiday, std::chrono::year year); // of the set method
 
+int weekday_of(civil_time time); // Sunday being 0
 const timer_record *find_timer(const std::vector<timer_record> &timers, int id);
 
 // A day on which a repeating timer does not fire.
@@ -98,23 +101,7 @@ std::optional<civil_time> next_firing(timer_record &timer, const clocks &now,
 // The ids of the holidays that the day is one of.
 std::vector<int> holidays_on(std::chrono::sys_days day, const snapshot &view);
 
-// The same from another moment on, for a copy.
-clocks clocks_at(const clocks &now, civil_time set);
-
-// The id of an on-timer that fires within ten minutes after `at`: a standby timer is then skipped.
-std::optional<int> ontimer_soon_after(civil_time at, const snapshot &view, int except);
-
-// The off-timer that is set for the same time as the on-timer `timer`, on a day that both have.
-const timer_record *coinciding_offtimer(const timer_record &timer, const snapshot &view);
-
-struct firing {
-  int id;
-  civil_time at;
-  std::vector<int> passed{};  // timers at the same second; one of them may fire in its place
-  std::vector<int> removed{}; // timers that are gone after it
-};
-
-// All firings up to `until`, the soonest first. Each of them arms all timers again, which moves
-// timers for one moment to the next such time of day. An on-timer for one moment that coincides
-// with an off-timer stays as it is now, armed or not.
-std::vector<firing> forecast(snapshot view, civil_time until);
+// The id of the holidays that keep `timer` from firing at `at`, 0 for none. A timer for one moment
+// is moved past them.
+int rest_at(timer_record &timer, civil_time at, const clocks &now,
+            const std::vector<holiday> &holidays);

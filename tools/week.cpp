@@ -132,7 +132,7 @@ static json json_of(const std::vector<firing> &firings, const snapshot &view) {
   for (const firing &firing : firings) {
     const timer_record *timer = find_timer(view.timers, firing.id);
     json object = {{"id", firing.id}, {"type_name", type_name(timer->type)}};
-    add_time(object, "at", firing.at);
+    add_time(object, "at", moment_of(firing.at, firing.system, view));
     object["mark"] = mark_of(firing, view);
     object["halted"] = is_halted(timer->type, view);
     object["passed"] = firing.passed;
@@ -142,7 +142,7 @@ static json json_of(const std::vector<firing> &firings, const snapshot &view) {
 }
 
 static std::vector<firing> firings_of(const snapshot &view) {
-  return forecast(view, floor<days>(view.now.set) + days(kDays) - 1s);
+  return forecast(view, floor<days>(view.now.set) + days(kDays) - 1s).firings;
 }
 
 json json_of_week(const snapshot &view) {

@@ -8,6 +8,7 @@
 
 using namespace std::chrono;
 
+static constexpr days kLongestOffset{400}; // a year, and the rest of a month
 static constexpr const char *kMonthWords[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                               "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 const std::vector<std::string> kClockNames = {"broadcast", "internet", "rtc"};
@@ -161,4 +162,17 @@ zoned_time in_zone(civil_time time) {
 
 zoned_time from_utc(civil_time utc) {
   return zoned(civil_of(utc), utc.time_since_epoch().count(), local_fields(utc).tm_zone);
+}
+
+std::optional<civil_time> next_change_of_offset(civil_time utc) {
+  const seconds offset = offset_at(utc);
+  civil_time after = utc;
+  while (offset_at(after) == offset)
+    if (after += days(1); after > utc + kLongestOffset)
+      return std::nullopt;
+  for (civil_time before = after - days(1); after - before > 1s;) {
+    const civil_time middle = before + (after - before) / 2;
+    (offset_at(middle) == offset ? before : after) = middle;
+  }
+  return after;
 }

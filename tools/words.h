@@ -3,6 +3,7 @@
 
 #include "timers.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,8 @@ struct zoned_time {
   std::string zone;     // "CET, UTC+01:00"
 };
 zoned_time in_zone(civil_time time);
-zoned_time from_utc(civil_time utc);   // of a time in UTC, what that zone's clock then reads
-civil_time civil_of(civil_time utc);   // the same as a time
+zoned_time from_utc(civil_time utc); // of a time in UTC, what that zone's clock then reads
+civil_time civil_of(civil_time utc); // the same as a time
+// The next second, UTC, at which the zone's offset changes; nothing within 400 days.
+std::optional<civil_time> next_change_of_offset(civil_time utc);
 std::string iso_text(civil_time time); // without a zone

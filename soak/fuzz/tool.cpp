@@ -40,7 +40,7 @@ static void check_forecast(const import_contents &read) {
       view.armed[id] = *next;
   }
   civil_time before = kNoon;
-  for (const firing &firing : forecast(view, kNoon + days(35))) {
+  for (const firing &firing : forecast(view, kNoon + days(35)).firings) {
     EXPECT_TRUE(firing.at >= before && firing.id >= 1 && firing.id <= id);
     before = firing.at;
   }

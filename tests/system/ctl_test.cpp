@@ -19,6 +19,10 @@ lose_clock() { busctl set-property $daemon $standin TvClock u 0; }
 set_clock() { busctl set-property $daemon $standin TvClock u $1; busctl call $daemon $standin TimeSet; }
 bus=org.freedesktop.DBus
 signal() { kill -$1 $(busctl call $bus / $bus GetConnectionUnixProcessID s $daemon | cut -d' ' -f2); }
+D='DTSTART;VALUE=DATE'
+ics() { # a calendar of such events
+  printf 'BEGIN:VCALENDAR\n'; printf 'BEGIN:VEVENT\n%b\nEND:VEVENT\n' "$@"; echo END:VCALENDAR
+}
 three() {
   ctl holidays add 12-17 12-18; add 19:00 --type off; add 7:00 --on mon-fri --holidays skip
   add '2026-12-24 18:00'; ctl halt off
@@ -91,7 +95,11 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add 'Tuesday 11:00' => 0 Tue 2026-12-22 11:00:00
     add 'today 13:00' => 0 Tue 2026-12-15 13:00:00
     add +1h45m => 0 13:45:00, in 105 minutes
-    add 2026-12-24T18:00 => 0 moves this timer to the next 18:00
+    add 2026-12-24T18:00 => 0 Note: Each expiry of another timer, each wake-up of the set and each \
+      change of the clock, the zone or the holidays moves this timer to the next 18:00. To keep its \
+      day, add it less than a week ahead with --on Thu, and cancel it afterwards.
+    add 13:00 -> add '2026-12-21 18:00' => 0 Note: Timer 1 fires before it, on Tue 2026-12-15 13:00:00, \
+      and moves it to Tue 2026-12-15 18:00:00. Each expiry =/> less than a week
     add 7 => 0 Next firing: Wed 2026-12-16 07:00:00
     add '7:30 pm' => 0 Tue 2026-12-15 19:30:00
     add 12am --type off => 0 Wed 2026-12-16 00:00:00
@@ -127,7 +135,6 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add "$(printf '7:00\n\033[m')" => 2 --at=7:00??[m is no time
     lose_clock -> add +45m => 0 +45m is counted from this machine's clock,
     ctl add => 2 add needs --at
-    holidays add 12-24 01-02 => 2 run over the new year
     holidays add 02-20 02-28 --end-of-february => 0 20 Feb to end of Feb
   )steps");
 }
@@ -170,6 +177,11 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     holidays add 12-24 => 0 No timer skips holidays
     add 7:00 -> holidays add 12-24 --all; ctl list => 0 skips holidays =/> No timer
     holidays add 12-24 -> holidays add 12-24 => 1 these days are holidays 1 already
+    add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 Holidays 1 are added: 20 Dec to 31 Dec.\n\
+      Holidays 2 are added: 1 Jan to 6 Jan.
+    add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 skips holidays =/> No timer
+    holidays add 12-20 01-06 -> holidays add 12-20 01-06 => 1 these days are holidays 1 and 2 already
+    holidays add 01-01 01-06 -> holidays add -j 12-20 01-06 => 0 "added":[{"id":2,"first":{"month":12,
     add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 \
       "moved":[{"id":1,"was":"2026-12-24T18:00:00+00:00","was_seconds":1798135200,"now":"2026-12-15T18
     holidays remove x => 2 x is no id; dravelctl holidays list shows the ids
@@ -344,6 +356,36 @@ TEST_F(Ctl, Files_AreCarriedOver) {
   )");
 }
 
+// The coming year begins on 15 December 2026.
+TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
+  check(R"(
+    ics $D:20101226\\nRRULE:FREQ=YEARLY\\nSUMMARY:Boxing\\\\nDay >x -> holidays import x => 0 \
+      Holidays 1 are added: 26 Dec, Boxing Day.\nTimers that skip them:\nNote: No timer skips
+    ics $D:20261231\\nDTEND${D#DTSTART}:20270103 >x; add 7 --holidays skip; add 8; add 6 --type always \
+      -> holidays import x; ctl -j holidays => 0 Holidays 1 are added: 31 Dec.\nHolidays 2 are added: \
+      1 Jan to 2 Jan.\nTimers that skip them: 1\n
+    ics $D:20270401 $D:20270401 >x; add 7; add 6 --type always -> holidays import x --all; ctl list \
+      => 0 Holidays 1 are added: 1 Apr.\nTimers that skip them: 1\nNote: Hol =/> Holidays 2
+    ics $D:20261214\\nDTEND${D#DTSTART}:20261216 $D:20271215 >x -> holidays import x => 0 \
+      1 are added: 14 Dec to 15 Dec.\nTimers =/> Holidays 2
+    ics $D:20270401 >x -> holidays import x --check; holidays => 0 \
+      Would be added: 1 Apr.\n =/> FIRST DAY
+    ics $D:20270401 >x -> holidays import - --check -j <x; holidays => 0 {"added":[{"id":null,"first":\
+    {"month":4,"day":1,"end_of_february":false},"last":{"month":4,"day":1,"end_of_february":false},\
+    "name":""}],"skipped_by":[],"moved":[],
+    ics $D:20270401 >x; holidays import x -> holidays import x => 0 All of them are there already.\n
+    ics $D:20261214 $D:20271215 DTSTART:20270401T080000Z $D:20270401\\nSTATUS:CANCELLED \
+      $D:20100401\\nRRULE:FREQ=HOURLY $D:20270401\\nDTEND${D#DTSTART}:20280402 >x -> \
+      holidays import x => 1 x has no entry of whole days in the coming year; nothing is imported
+    ics $D:20270401 | head -n4 >x -> holidays import x => 1 is cut off
+    echo x | holidays import - => 1 standard input is no calendar in
+    holidays import /tmp => 1 cannot read /tmp: Is a directory
+    holidays import y => 1 cannot read y: No such file
+    printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; ics $D:20270401 >x -> \
+      PATH=$PWD:$PATH dravelctl -H a@b holidays import x => 0 Holidays 1 are added: 1 Apr.
+  )");
+}
+
 TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
   check(R"(
     add 6:00; add 7:00 --on mon; add 6:00 --type 10; holidays add 01-01; file $seven,$off $christmas \
@@ -410,7 +452,8 @@ const std::string kFits =
 cat >fits.py <<'END'
 import json, jsonschema, sys
 schema = json.load(open(sys.argv[1]))
-jsonschema.validate(json.loads(sys.stdin.readline()), {**schema, '$ref': '#/$defs/' + sys.argv[2]})
+for line in sys.stdin:
+    jsonschema.validate(json.loads(line), {**schema, '$ref': '#/$defs/' + sys.argv[2]})
 END
 fits() {
   name=$1; shift
@@ -424,11 +467,14 @@ TEST_F(Ctl, Documents_FitTheirSchemas) {
 three >/dev/null 2>&1
 fits add add --at 7:00; fits change change 4 --at 8:00; fits cancel cancel 5; fits show show 1
 for name in status list wakeup explain week halt types overview export; do fits $name $name; done
+ics $D:20270401 >c; fits 'holidays import' holidays import c
 fits 'holidays list' holidays list; fits 'holidays add' holidays add 12-25 --all
 fits 'holidays remove' holidays remove 1; fits 'holidays skip' holidays skip 1
 file $seven $christmas; fits apply apply x; fits import import x; fits error show 99
-start_monitor --json >/dev/null; add 9:00 >/dev/null
-until_told added | grep -m1 added | /usr/bin/python3 fits.py $schema monitor)");
+{
+  start_monitor --json; add 9:00; ctl halt on; ctl rm --all; holidays add 12-26; until_told s-added >m
+} >/dev/null 2>&1
+/usr/bin/python3 fits.py $schema monitor <m)");
   EXPECT_EQ(faults.said, "");
 }
 

@@ -229,6 +229,12 @@ protected:
     EXPECT_EQ(bus.call_int(kDaemon, "request_set_disable_period", std::array<int, PERIOD_ARGS>{}),
               -1);
     EXPECT_TRUE(by != FULL || (!copies("0") && !copies("1")));
+    const char *why = by == READ_ONLY ? "read-only; make it" : "full; make room";
+    for (const char *change : {"dravelctl add --at 7:00", "dravelctl holidays add 12-24"})
+      if (by != FAILING) {
+        EXPECT_THAT(shell(change).said,
+                    HasSubstr(std::string(": the disk of /opt/dbspace is ") + why));
+      }
     timer_rows left = book;
     if (!left.empty()) {
       bus.cancel(kDaemon, left.begin()->first);

@@ -1,24 +1,39 @@
 // What dravelctl computes by itself, held against the daemon's figures.
+#include "commands.h"
+#include "dravel-manager.h"
 #include "fixture.h"
-#include "timers.h"
-#include "words.h"
+#include "judgement.h"
+#include "linux_clock.h"
 
+#include <system_log.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <random>
 
 class Tool : public CleanSet {
 protected:
-  int any(int least, int most) { return std::uniform_int_distribution(least, most)(random_); }
+  template <typename Number> Number any(Number least, Number most) {
+    return std::uniform_int_distribution<Number>(least, most)(random_);
+  }
   std::string near(const std::string &when, int hours) { // by up to so many hours, to the second
     return time_text(time_of(when) + static_cast<unsigned>(any(-3600 * hours, 3600 * hours)));
   }
   std::string in_year(int year) { return near(std::to_string(year) + "-07-01 00:00", 4380); }
 
-private:
   std::mt19937 random_{2026};
 };
 
-static civil_time civil(time_value time) { return civil_time(std::chrono::seconds(time)); }
+constexpr const char *kBerlin = "CET-1CEST,M3.5.0,M10.5.0/3";
+
+static void set_zone(const char *zone) { // null: the machine's
+  zone != nullptr ? setenv("TZ", zone, 1) : unsetenv("TZ");
+  tzset();
+}
+
+static civil_time civil(std::int64_t time) { return civil_time(std::chrono::seconds(time)); }
 
 static time_value seconds_of(civil_time time) {
   return static_cast<time_value>(time.time_since_epoch().count());
@@ -58,74 +73,253 @@ TEST_F(Tool, NextFiring_IsTheDaemons_For10000TimersAndClocks) {
   }
 }
 
-static snapshot snapshot_of(const std::vector<holiday> &holidays, civil_time now) {
+namespace {
+
+constexpr int kTimers = 12; // of a round
+constexpr std::int64_t kHour = 3600, kDay = 24 * kHour;
+constexpr const char *kZones[] = {"Europe/Berlin",       "America/New_York", "America/Santiago",
+                                  "Australia/Lord_Howe", "Asia/Kolkata",     "Africa/Casablanca"};
+
+struct seen_firing {
+  std::int64_t utc;
+  int id;
+  std::vector<int> due; // armed for that second
+};
+
+class Forecasts : public Tool {
+protected:
+  void start(const std::string &zone, bool is_linux, unsigned seed);
+  void end();
+  void compare();
+
+private:
+  std::string any_time();
+  void add_any();
+  void go_to(std::int64_t utc);
+  void run_until(std::int64_t utc, std::vector<seen_firing> &seen);
+
+  std::int64_t utc_ = 0;
+  std::vector<std::int64_t> times_; // that several timers have
+  bool is_linux_ = false;
+};
+
+} // namespace
+
+// --- the two platforms ---
+
+void Forecasts::go_to(std::int64_t utc) {
+  pass(static_cast<double>(utc - utc_));
+  utc_ = utc;
+  set_system_clock(utc);
+  if (!is_linux_)
+    return;
+  standin_set_tv_clock(static_cast<time_value>(linux_tv_clock(utc)));
+  standin_set_rtc(static_cast<time_value>(utc));
+}
+
+void Forecasts::start(const std::string &zone, bool is_linux, unsigned seed) {
+  end_clean_set();
+  clear_set();
+  random_.seed(seed);
+  is_linux_ = is_linux;
+  system_log_threshold = SYSTEM_LOG_ERROR; // the log would take most of the time
+  set_zone((":" + zone).c_str());
+  times_.clear();
+  utc_ = time_of("2024-01-01 00:00") + any(std::int64_t{0}, 12 * 365 * kDay);
+  const std::int64_t change = linux_transition_after(utc_);
+  if (change != 0 && any(0, 2) != 0)
+    utc_ = change - any(std::int64_t{0}, 3 * kDay);
+  if (!is_linux) {
+    standin_reset();
+    standin_set_time_zone(zone.c_str());
+  }
+  go_to(utc_);
+  EXPECT_EQ(start_dravel(), 0);
+  run_idle_steps();
+  if (is_linux)
+    start_linux_clock(utc_, standin_announce_time_set);
+  else
+    standin_follow_transitions();
+  std::vector<seen_firing> seen;
+  for (int i = any(0, 2); i > 0; --i) {
+    const std::int64_t from = linux_tv_clock(utc_) + kDay * any(-1, 9);
+    const auto day = [](std::int64_t at) { return time_text(static_cast<time_value>(at)); };
+    call("request_set_disable_period",
+         period_arguments(day(from), day(from + kDay * any(0, 3)), any(0, 1)));
+  }
+  for (int i = 0; i < kTimers; ++i) {
+    add_any();
+    run_until(utc_ + any(0, 1) * any(1, 7000), seen);
+  }
+}
+
+void Forecasts::end() {
+  system_log_threshold = SYSTEM_LOG_DEBUG;
+  if (!is_linux_)
+    standin_set_time_zone("UTC"); // which ends the wait for a change
+  set_zone(nullptr);
+}
+
+// --- what happens ---
+
+// The loop's timers and, on the Linux platform, what it waits for, in their order.
+void Forecasts::run_until(std::int64_t until, std::vector<seen_firing> &seen) {
+  for (;;) {
+    const loop_timer *first = nullptr;
+    for (const auto &timer : live_timers())
+      if (first == nullptr || timer->seconds < first->seconds)
+        first = timer.get();
+    const std::int64_t at = first == nullptr ? INT64_MAX : utc_ + std::llround(first->seconds);
+    const std::int64_t due = is_linux_ ? next_of_linux_clock() : INT64_MAX;
+    if (std::min(at, due) > until)
+      return go_to(until);
+    go_to(std::min(at, due));
+    if (due <= at) {
+      pass_linux_clock(utc_);
+      continue;
+    }
+    seen_firing next{at, 0, {}};
+    for (const auto &timer : live_timers())
+      if (timer->callback == ecore_timer_cb && timer->seconds == first->seconds)
+        next.due.push_back(static_cast<cb_data *>(timer->data)->timer_item->timer_id);
+    logged_events();
+    fire(*first);
+    if (std::sscanf(logged_events().c_str(), "fired %d", &next.id) == 1)
+      seen.push_back(next);
+  }
+}
+
+// --- timers at random ---
+
+std::string Forecasts::any_time() {
+  std::int64_t at = linux_tv_clock(utc_) + 60 * any(std::int64_t{1}, 48 * std::int64_t{60});
+  if (!times_.empty() && any(0, 2) == 0)
+    at = times_[any(std::size_t{0}, times_.size() - 1)] + (any(0, 3) == 0 ? 60 * any(-9, 9) : 0);
+  else if (any(0, 4) == 0)
+    at += kDay * any(0, 40);
+  times_.push_back(at);
+  return time_text(static_cast<time_value>(at + (any(0, 5) == 0 ? any(0, 59) : 0)));
+}
+
+void Forecasts::add_any() {
+  const int type = any(0, 3) == 0 ? static_cast<int>(TIMER_TYPE_OFF) : any(0, 16);
+  call("schedule_timer", arguments_of({type, any_time(), any(0, 1) * any(1, 127), any(0, 1),
+                                       any(0, 3) == 0 ? any(1, 2) : 0, any(0, 2)}));
+}
+
+static snapshot present_view(civil_time system) {
   snapshot view;
-  view.now = {now, now};
-  view.holidays = holidays;
+  view.now = {civil(standin_tv_clock()), system};
+  view.follows_zone = true;
   for (const Eina_List *node = get_dravel_list(); node != nullptr; node = eina_list_next(node)) {
     const auto *item = static_cast<const dravel_item *>(eina_list_data_get(node));
     view.timers.push_back(made_from(*item, timer_from_image));
     if (const std::string when = armed(item->timer_id); !when.empty())
       view.armed[item->timer_id] = civil(time_of(when));
   }
+  for (const Eina_List *node = get_disabled_period_list(); node != nullptr;
+       node = eina_list_next(node))
+    view.holidays.push_back(made_from(
+        *static_cast<const disabled_period_item *>(eina_list_data_get(node)), holiday_from_image));
   return view;
 }
 
-// The timer of the main loop that fires first; null when none is left.
-static const loop_timer *first_to_fire() {
-  const loop_timer *first = nullptr;
-  for (const auto &timer : live_timers())
-    if (timer->callback == ecore_timer_cb && (first == nullptr || timer->seconds < first->seconds))
-      first = timer.get();
-  return first;
+// "3@1797940800" for each firing.
+static void append_firing(std::string &text, int id, std::int64_t utc) {
+  text += std::to_string(id) + "@" + std::to_string(utc) + "\n";
 }
 
-static std::string text_of(const std::vector<firing> &firings) {
+// Of the timers of one second the one that has fired is told, where week leaves it open.
+static std::string week_of(const json &week, const std::vector<seen_firing> &seen) {
   std::string text;
-  for (const firing &firing : firings) {
-    text += std::to_string(firing.id) + "@" + time_text(seconds_of(firing.at));
-    for (const int id : firing.removed)
-      text += " -" + std::to_string(id);
-    text += "\n";
+  auto next = seen.begin();
+  for (const json &told : week["firings"]) {
+    const auto passed = told["passed"].get<std::vector<int>>();
+    const bool is_open = next != seen.end() && std::ranges::find(passed, next->id) != passed.end();
+    append_firing(text, is_open ? next->id : told["id"].get<int>(), told["at_seconds"]);
+    next += next == seen.end() ? 0 : 1;
   }
   return text;
 }
 
-// A week of expiries, one after the other as the main loop would let them come.
-TEST_F(Tool, Forecast_IsWhatTheDaemonDoes) {
-  constexpr const char *kStart = "21 06:59";
-  for (int round = 0; round < 50; ++round) {
-    restart(std::to_string(round));
-    const auto *period = add_period(near(kStart, 100), near(kStart, 100));
-    set_now(kStart);
-    time_value now = time_of(kStart);
-    for (int i = 0; i < 12; ++i) {
-      const int type = any(0, 16); // off-timers stand apart, so that they disarm no on-timer
-      const int minutes = 60 * any(1, 48) + (type == TIMER_TYPE_OFF ? 31 : 1);
-      dravel_item *item = add({type, time_text(now + 60 * static_cast<unsigned>(minutes)),
-                               any(0, 1) * any(1, 127), any(0, 1), any(0, 2)});
-      if (schedule_dravel_item(item, dravel_expire_cb, nullptr) == -1)
-        remove_dravel_item(item);
-    }
-    adjust_dravel_all_items(nullptr, nullptr); // arms them in the order of the list
-    const snapshot view = snapshot_of({made_from(*period, holiday_from_image)}, civil(now));
-    const civil_time until = view.now.set + std::chrono::days(7);
-    std::vector<firing> fired;
-    for (const loop_timer *next = first_to_fire(); next != nullptr; next = first_to_fire()) {
-      now += static_cast<time_value>(next->seconds);
-      if (civil(now) > until)
-        break;
-      fired.push_back({static_cast<cb_data *>(next->data)->timer_item->timer_id, civil(now)});
-      pass(next->seconds);
-      set_now(time_text(now));
-      const snapshot before = snapshot_of({}, {});
-      fire(*next);
-      for (const timer_record &timer : before.timers)
-        if (find_dravel_item(timer.id) == nullptr)
-          fired.back().removed.push_back(timer.id);
-    }
-    ASSERT_EQ(text_of(forecast(view, until)), text_of(fired));
+// When the timer fires, or may fire, by what explain says. The next time that is told is the one
+// that it is armed for, which may not come.
+static std::vector<std::int64_t> explained(const json &told,
+                                           const std::vector<std::int64_t> &seen) {
+  std::vector<std::int64_t> times;
+  if (!seen.empty() && told["next_seconds"] == seen[0])
+    times.push_back(seen[0]);
+  for (const json &following : told["following"])
+    times.push_back(following["at_seconds"]);
+  return times;
+}
+
+void Forecasts::compare() {
+  const snapshot view = present_view(civil(utc_));
+  const outlook ahead = forecast(view, forecast_end(view));
+  const json week = json_of_week(view);
+  std::vector<json> told;
+  for (const timer_record &timer : view.timers)
+    told.push_back(json_of_explanation(timer, view, ahead));
+
+  const auto end_of_week = floor<std::chrono::days>(view.now.set) + std::chrono::days(7);
+  const std::int64_t until = utc_ + 35 * kDay;
+  std::vector<seen_firing> seen;
+  run_until(until, seen);
+
+  std::string week_seen;
+  for (const seen_firing &firing : seen)
+    if (civil_of(civil(firing.utc)) < end_of_week)
+      append_firing(week_seen, firing.id, firing.utc);
+  ASSERT_EQ(week_of(week, seen), week_seen) << json(told);
+  for (const json &timer : told) {
+    std::vector<std::int64_t> times;
+    for (const seen_firing &firing : seen)
+      if (std::ranges::find(firing.due, timer["id"].get<int>()) != firing.due.end())
+        times.push_back(firing.utc);
+    times.resize(std::min(times.size(), timer["days"].empty() ? std::size_t{1} : std::size_t{5}));
+    auto explanation = explained(timer, times);
+    std::erase_if(explanation, [&](std::int64_t time) { return time > until; });
+    ASSERT_EQ(explanation, times) << timer;
   }
+}
+
+TEST_F(Forecasts, ExplainAndWeek_AreWhatTheDaemonThenDoes) {
+  const auto number = [](const char *name, int otherwise) {
+    const char *text = std::getenv(name);
+    return text != nullptr ? std::atoi(text) : otherwise;
+  };
+  const int first = number("FORECASTS_SEED", 1);
+  for (int seed = first; (seed - first) * kTimers < number("FORECASTS", 300); ++seed)
+    for (const bool is_linux : {false, true}) {
+      const std::string zone = kZones[static_cast<std::size_t>(seed) % std::size(kZones)];
+      SCOPED_TRACE("FORECASTS_SEED=" + std::to_string(seed) + (is_linux ? " linux " : " ") + zone);
+      start(zone, is_linux, static_cast<unsigned>(seed));
+      compare();
+      end();
+      ASSERT_FALSE(HasFailure());
+    }
+}
+
+// At noon before the night in which the clock goes from 02:00 to 03:00.
+TEST(Explanation, TellsOfTheJumpOfTheClock) {
+  const civil_time night = civil(time_of("2027-03-28 02:30"));
+  set_zone(kBerlin);
+  for (const auto &[week_flag, sentence] :
+       {std::pair{0, "moves it to Mon 2027-03-29 02:30:00."}, {127, "leaves this time out."}}) {
+    snapshot view;
+    view.now = {civil(time_of("2027-03-27 12:00")), civil(time_of("2027-03-27 11:00"))};
+    view.follows_zone = true;
+    view.timers = {{.id = 3, .type = TIMER_TYPE_OFF, .at = night, .week_flag = week_flag}};
+    view.armed[3] = night;
+    const outlook ahead = forecast(view, forecast_end(view));
+    EXPECT_EQ(
+        fate_of(view.timers[0], ahead),
+        std::string("The clock jumps from 02:00 to 03:00 before it, on Sun 2027-03-28, and ") +
+            sentence);
+    EXPECT_EQ(span_until(civil(time_of("2027-03-28 12:00")), view), "23 hours");
+  }
+  set_zone(nullptr);
 }
 
 // The daemon counts the seconds that the clock shows: of an hour that it shows twice the first is
@@ -136,12 +330,10 @@ TEST(Words, ATimeHasTheOffsetOfTheMomentAtWhichTheDaemonMeansIt) {
       {"2026-10-25 03:00", "2026-10-25T03:00:00+01:00"},
       {"2026-03-29 02:30", "2026-03-29T02:30:00+01:00"},
       {"2026-07-01 12:00", "2026-07-01T12:00:00+02:00"}};
-  const char *before = std::getenv("TZ");
-  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-  tzset(); // which localtime_r leaves to others
+  set_zone(kBerlin);
   for (const auto &[time, iso] : kTimes)
     EXPECT_EQ(in_zone(civil(time_of(time))).iso, iso);
   EXPECT_EQ(from_utc(civil(time_of("2026-10-25 01:30"))).iso, "2026-10-25T02:30:00+01:00");
   EXPECT_EQ(civil_of(civil(time_of("2026-07-01 12:00"))), civil(time_of("2026-07-01 14:00")));
-  before != nullptr ? setenv("TZ", before, 1) : unsetenv("TZ");
+  set_zone(nullptr);
 }

@@ -1,0 +1,313 @@
+#include "forecast.h"
+
+#include "words.h"
+
+#include <algorithm>
+#include <set>
+
+using namespace std::chrono;
+
+static constexpr seconds kStandbySkip{DRAVEL_STANDBY_SKIP_SECONDS};
+
+// --- timers beside each other ---
+
+std::optional<int> ontimer_soon_after(civil_time at, snapshot &view, int except) {
+  for (timer_record &timer : view.timers) {
+    if (timer.id == except || !is_ontimer_type(timer.type))
+      continue;
+    const auto next = next_firing(timer, view.now, view.holidays);
+    if (next && *next > at && *next <= at + kStandbySkip)
+      return timer.id;
+  }
+  return std::nullopt;
+}
+
+static civil_time on_the_set(const timer_record &timer, const clocks &now) {
+  return timer.at + (now.set - now.of(timer.clock));
+}
+
+static bool is_off_at(const timer_record &other, const timer_record &timer, const clocks &now) {
+  return other.type == TIMER_TYPE_OFF && on_the_set(other, now) == on_the_set(timer, now);
+}
+
+static int stored_day_of(const timer_record &timer) {
+  const int day = timer.stored_day.value_or(weekday_of(timer.at));
+  return day >= 0 && day < 32 ? 1 << day : 0;
+}
+
+const timer_record *coinciding_offtimer(const timer_record &timer, const snapshot &view) {
+  const auto days_of = [](const timer_record &any) {
+    return any.week_flag != 0 ? any.week_flag : stored_day_of(any);
+  };
+  const auto found = std::ranges::find_if(view.timers, [&](const timer_record &other) {
+    return is_off_at(other, timer, view.now) && (days_of(other) & days_of(timer)) != 0;
+  });
+  return found != view.timers.end() ? &*found : nullptr;
+}
+
+// --- the daemon's scheduler ---
+
+namespace {
+
+// The on-time that the daemon has programmed: choosing it disarms on-timers for one moment.
+struct ontime {
+  civil_time at;
+  int priority;
+};
+
+class scheduler {
+public:
+  explicit scheduler(const snapshot &now) : view(now) {
+    sort_lists();
+    view = now; // where sorting has moved nothing
+  }
+
+  snapshot view;
+
+  std::optional<firing> soonest() const;
+  void expire(const firing &next, outlook &found);
+  void change_clock(civil_time system, outlook &found);
+
+private:
+  std::optional<ontime> programmed{};
+  std::vector<std::size_t> ontimers; // their places in the list, sorted at the last removal
+  std::vector<std::size_t> offtimers;
+  bool choice_matters = true;
+
+  bool goes_ahead(timer_record &added, timer_record &before);
+  std::vector<std::size_t> sorted(bool (*is_such)(int type));
+  bool may_choice_matter() const;
+  void sort_lists();
+  void arm_all(civil_time from, effects &told);
+  bool arm(timer_record &timer);
+  void reconsider(const timer_record &timer, civil_time next);
+  std::optional<ontime> choose();
+  bool leave_out_offtimers(timer_record &ontimer);
+};
+
+} // namespace
+
+bool scheduler::goes_ahead(timer_record &added, timer_record &before) {
+  const auto before_next = next_firing(before, view.now, view.holidays);
+  if (!before_next)
+    return false;
+  const auto added_next = next_firing(added, view.now, view.holidays);
+  if (!added_next || *added_next != *before_next)
+    return !added_next || *added_next < *before_next;
+  return added.priority >= before.priority && before.type != TIMER_TYPE_OFF;
+}
+
+// Each comparison computes both next firings, which moves timers past holidays, one after another
+// where several follow each other.
+std::vector<std::size_t> scheduler::sorted(bool (*is_such)(int type)) {
+  std::vector<std::size_t> places;
+  for (std::size_t i = 0; i < view.timers.size(); ++i)
+    if (is_such(view.timers[i].type))
+      places.insert(std::ranges::find_if(places,
+                                         [&](std::size_t place) {
+                                           return goes_ahead(view.timers[i], view.timers[place]);
+                                         }),
+                    i);
+  return places;
+}
+
+// Item by item the daemon does both lists at once, which gives the same.
+void scheduler::sort_lists() {
+  ontimers = sorted([](int type) { return is_ontimer_type(type); });
+  offtimers = sorted([](int type) { return type == TIMER_TYPE_OFF; });
+}
+
+// Takes the days of off-timers at the on-timer's time from its days, or the on-timer's arming.
+// False when none is left.
+bool scheduler::leave_out_offtimers(timer_record &ontimer) {
+  const int all_days = ontimer.week_flag;
+  for (const std::size_t place : offtimers) {
+    const timer_record &off = view.timers[place];
+    if (!is_off_at(off, ontimer, view.now))
+      continue;
+    if (all_days != 0) {
+      ontimer.week_flag = off.week_flag == 0 ? ontimer.week_flag ^ stored_day_of(off)
+                                             : ontimer.week_flag & all_days & ~off.week_flag;
+    } else if (off.week_flag == 0 || (off.week_flag & stored_day_of(ontimer)) != 0) {
+      view.armed.erase(ontimer.id);
+      return false;
+    }
+  }
+  return all_days == 0 || ontimer.week_flag != 0;
+}
+
+std::optional<ontime> scheduler::choose() {
+  std::optional<ontime> best;
+  for (const std::size_t place : ontimers) {
+    timer_record &ontimer = view.timers[place];
+    timer_record narrowed = ontimer;
+    if (!leave_out_offtimers(narrowed))
+      continue;
+    const auto next =
+        next_firing(ontimer.week_flag == 0 ? ontimer : narrowed, view.now, view.holidays);
+    if (next && (!best || *next < best->at))
+      best = {*next, ontimer.priority};
+  }
+  return best;
+}
+
+// Choosing takes most of the time, and changes something only where an on-timer has the time of day
+// of an off-timer or may be moved past holidays.
+bool scheduler::may_choice_matter() const {
+  const auto time_of_day = [&](const timer_record &timer) {
+    const civil_time at = on_the_set(timer, view.now);
+    return at - floor<days>(at);
+  };
+  std::set<seconds> off_times;
+  for (const std::size_t place : offtimers)
+    off_times.insert(time_of_day(view.timers[place]));
+  return std::ranges::any_of(ontimers, [&](std::size_t place) {
+    const timer_record &timer = view.timers[place];
+    return off_times.contains(time_of_day(timer)) ||
+           (timer.week_flag == 0 && timer.holiday_effect != 0 && !view.holidays.empty());
+  });
+}
+
+// After `timer` is armed.
+void scheduler::reconsider(const timer_record &timer, civil_time next) {
+  if (!choice_matters)
+    return;
+  const civil_time now = view.now.set;
+  const bool is_pending = programmed && programmed->at >= now;
+  if (!is_ontimer_type(timer.type)) {
+    if (timer.type == TIMER_TYPE_OFF && is_pending)
+      programmed = choose();
+    return;
+  }
+  const bool is_too_soon = next - now <= kTooSoon && floor<minutes>(next) == floor<minutes>(now);
+  const bool goes_before = !is_pending || next < programmed->at ||
+                           (next == programmed->at && timer.priority > programmed->priority);
+  if (is_too_soon || !goes_before)
+    return;
+  if (const auto chosen = choose())
+    programmed = chosen;
+}
+
+// False when the daemon removes the timer.
+bool scheduler::arm(timer_record &timer) {
+  const auto next = next_firing(timer, view.now, view.holidays);
+  if (!next || *next - view.now.set > kFarthest ||
+      (timer.type == TIMER_TYPE_STANDBY && ontimer_soon_after(*next, view, timer.id)))
+    return false;
+  view.armed[timer.id] = *next;
+  reconsider(timer, *next);
+  return true;
+}
+
+// Moves a timer for one moment by whole days into the 24 hours from now.
+static void anchor(timer_record &timer, const clocks &now) {
+  timer.at -= floor<days>(on_the_set(timer, now) - now.set);
+  timer.stored_day.reset();
+}
+
+// The clock read `from` before. A timer of the system clock keeps its moment when the set's jumps.
+void scheduler::arm_all(civil_time from, effects &told) {
+  const auto before = view.armed;
+  programmed.reset();
+  choice_matters = may_choice_matter();
+  for (std::size_t i = 0; i < view.timers.size();) {
+    timer_record &timer = view.timers[i];
+    const int id = timer.id;
+    if (timer.type == TIMER_TYPE_TRANSIENT) {
+      ++i;
+      continue;
+    }
+    if (view.armed.erase(id) != 0 && timer.week_flag == 0 && timer.type != TIMER_TYPE_ALWAYS)
+      anchor(timer, view.now);
+    if (arm(timer)) {
+      ++i;
+      continue;
+    }
+    view.timers.erase(view.timers.begin() + static_cast<std::ptrdiff_t>(i));
+    sort_lists();
+    told.removed.push_back(id);
+  }
+  for (const auto &[id, at] : before)
+    if (const auto after = view.armed.find(id); after != view.armed.end() && after->second != at &&
+                                                after->second - view.now.set != at - from)
+      told.moved.push_back(id);
+}
+
+// Whether the timer of `a` fires before that of `b` at the same second: a transient one was armed
+// before the others, and of two that with the larger id; else the first in the list.
+static bool is_ahead(const timer_record &a, const timer_record &b) {
+  return a.type == TIMER_TYPE_TRANSIENT && (b.type != TIMER_TYPE_TRANSIENT || a.id > b.id);
+}
+
+// The armed timer that expires first.
+std::optional<firing> scheduler::soonest() const {
+  const timer_record *found = nullptr;
+  for (const timer_record &timer : view.timers) {
+    const auto armed = view.armed.find(timer.id);
+    if (armed == view.armed.end() || armed->second < view.now.set)
+      continue;
+    const civil_time best = found != nullptr ? view.armed.at(found->id) : civil_time::max();
+    if (armed->second < best || (armed->second == best && is_ahead(timer, *found)))
+      found = &timer;
+  }
+  if (found == nullptr)
+    return std::nullopt;
+  const civil_time at = view.armed.at(found->id);
+  return firing{found->id, at, at - (view.now.set - view.now.system)};
+}
+
+static std::vector<int> passed_by(const firing &first, const snapshot &view) {
+  std::vector<int> passed;
+  for (const timer_record &timer : view.timers)
+    if (const auto armed = view.armed.find(timer.id);
+        armed != view.armed.end() && armed->second == first.at && timer.id != first.id &&
+        timer.type != TIMER_TYPE_TRANSIENT) // stays armed, and fires next
+      passed.push_back(timer.id);
+  return passed;
+}
+
+// A repeating timer may have been armed for a day that has become one of the holidays: in a leap
+// year their end of February is another.
+void scheduler::expire(const firing &next, outlook &found) {
+  firing told = next;
+  told.passed = passed_by(next, view);
+  view.now = {next.at, next.system};
+  const auto timer = std::ranges::find(view.timers, next.id, &timer_record::id);
+  const bool is_skipped =
+      rest_at(*timer, view.now.set, view.now, view.holidays) != 0 && timer->week_flag != 0;
+  view.armed.erase(next.id);
+  arm_all(next.at, told.others);
+  if (!is_skipped)
+    found.firings.push_back(told);
+}
+
+// A transient timer is left alone: it counts on.
+void scheduler::change_clock(civil_time system, outlook &found) {
+  const civil_time from = system + (view.now.set - view.now.system);
+  view.now = {civil_of(system), system};
+  for (const timer_record &timer : view.timers)
+    if (const auto armed = view.armed.find(timer.id);
+        timer.type == TIMER_TYPE_TRANSIENT && armed != view.armed.end())
+      armed->second += view.now.set - from;
+  found.changes.push_back({from, view.now.set, system});
+  arm_all(from, found.changes.back().others);
+}
+
+// A change of the clock comes before what is due in its second.
+outlook forecast(const snapshot &view, civil_time until) {
+  outlook found;
+  scheduler set(view);
+  const auto next_change = [&] {
+    return view.follows_zone ? next_change_of_offset(set.view.now.system) : std::nullopt;
+  };
+  auto change = next_change();
+  for (auto next = set.soonest(); next && next->at <= until; next = set.soonest()) {
+    if (change && *change <= next->system) {
+      set.change_clock(*change, found);
+      change = next_change();
+    } else {
+      set.expire(*next, found);
+    }
+  }
+  return found;
+}
