@@ -149,6 +149,7 @@ GVariant *client::answer_to(const bus_call &call, int timeout_ms, GError **error
 }
 
 void client::fail(const char *method, const GError *error, const std::string &when_silent) {
+  sent_.clear(); // whoever tries again asks again
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
     throw failure{
         "dravel-manager did not answer within " + seconds_text(timeout_ms_) +
@@ -351,9 +352,11 @@ snapshot client::look_at_state(bool with_holidays) {
   snapshot view;
   view.now = {civil_of(machine_time()), machine_time()};
   view.has_state = read_state(view);
-  if (!view.has_state)
+  if (!view.has_state) {
+    sent_.clear();
     throw failure{"this dravel-manager is older than dravelctl and does not tell its state",
                   "list, show, add and cancel work with it"};
+  }
   read_lists(view, with_holidays);
   return view;
 }
