@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 #include <utility>
 
 using std::chrono::seconds;
@@ -170,7 +171,8 @@ void client::fail(const char *method, const GError *error, const std::string &wh
   std::string text = error->message;
   if (remote != nullptr && text.rfind(remote) != std::string::npos)
     text.erase(0, text.rfind(remote) + std::strlen(remote) + 2);
-  throw failure{"the call of " + std::string(method) + " failed: " + text, ""};
+  const bool is_refusal = remote != nullptr && std::string_view(remote).ends_with(".Refused");
+  throw failure{is_refusal ? text : "the call of " + std::string(method) + " failed: " + text, ""};
 }
 
 GVariant *client::call(const char *method, GVariant *arguments, const char *reply_type,

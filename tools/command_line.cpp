@@ -122,6 +122,33 @@ CLI::App *command_line::define_screen(const command_row &row) {
   return screen;
 }
 
+CLI::App *command_line::define_test(const command_row &row) {
+  CLI::App *test = command(&app_, row);
+  command(test, "screen", "Turn the screen off, and on again after 5 seconds",
+          "dravelctl test screen", test_screen)
+      ->add_option("--seconds", given_.seconds, "How long it is off (default: 5)")
+      ->type_name("N");
+  command(test, "wake", "Send the machine to sleep; its alarm wakes it after 60 seconds",
+          "dravelctl test wake", test_wake)
+      ->add_option("--seconds", given_.seconds, "How long it sleeps (default: 60)")
+      ->type_name("N");
+  return test;
+}
+
+CLI::App *command_line::define_history(const command_row &row) {
+  CLI::App *history = command(&app_, row);
+  history->add_option("ID", given_.words, "The timer; all unless it is given")->expected(0, 1);
+  history
+      ->add_option("--since", given_.since,
+                   "yesterday, \"fri 20:00\", 7:00, 3h, 2026-12-24 (default: two days ago)")
+      ->type_name("TIME");
+  history
+      ->add_option("--journal", given_.journal,
+                   "Read the journal files there in place of this machine's")
+      ->type_name("DIRECTORY");
+  return history;
+}
+
 CLI::App *command_line::define_monitor(const command_row &row) {
   CLI::App *monitor = command(&app_, row);
   monitor->add_option("-n,--count", given_.count, "End after so many expiries")->type_name("N");
@@ -214,6 +241,12 @@ const command_row command_line::kCommands[] = {
      ::halt, &command_line::define_halt},
     {"screen", "Turn the screen on or off; show what it is", "dravelctl screen on", order_screen,
      &command_line::define_screen},
+    {"check", "Say for each thing that must be right whether it is, and what to do",
+     "dravelctl check", check_set, &command_line::define_plain},
+    {"test", "Try the screen, or a sleep with a wake-up", "dravelctl test wake", test_machine,
+     &command_line::define_test},
+    {"history", "Tell what has happened, from the journal", "dravelctl history --since yesterday",
+     show_history, &command_line::define_history},
     {"wakeup", "Show the timer that woke the set", "dravelctl wakeup", show_wakeup,
      &command_line::define_plain},
     {"monitor", "Tell each expiry and each change as it comes", "dravelctl monitor --count 1",

@@ -54,6 +54,8 @@ private:
   CLI::App *define_explain(const command_row &row);
   CLI::App *define_halt(const command_row &row);
   CLI::App *define_screen(const command_row &row);
+  CLI::App *define_test(const command_row &row);
+  CLI::App *define_history(const command_row &row);
   CLI::App *define_monitor(const command_row &row);
   CLI::App *define_holidays(const command_row &row);
   CLI::App *define_directory(const command_row &row);

@@ -30,6 +30,9 @@ struct options {
   std::optional<std::string> holidays;
   std::optional<std::string> clock;
   std::vector<std::string> days;
+  std::optional<std::string> seconds;
+  std::optional<std::string> since;
+  std::string journal;
   std::string first_day;
   std::string host;
   std::optional<std::string> last_day;
@@ -54,6 +57,11 @@ void ignore_holidays(client &client, const options &given);
 void show_overview(client &client, const options &given);
 void show_types(client &client, const options &given);
 void order_screen(client &client, const options &given);
+void check_set(client &client, const options &given);
+void test_machine(client &client, const options &given);
+void test_screen(client &client, const options &given);
+void test_wake(client &client, const options &given);
+void show_history(client &client, const options &given);
 void show_wakeup(client &client, const options &given);
 void backup(client &client, const options &given);
 void restore(client &client, const options &given);
@@ -71,6 +79,7 @@ json json_of(const std::optional<machine_state> &machine); // null without one
 std::vector<std::string> problems_of(const snapshot &view,
                                      const std::optional<machine_state> &machine);
 fields fields_of(const machine_state &machine, civil_time now);
+std::string alarm_text(const machine_state &machine, civil_time now);
 std::string screen_text(const machine_state &machine); // "on, by ..."
 std::string cause_text(const std::string &cause);      // of a wake-up: "by its user"
 std::string reason_not_to_read_history();              // empty when the user may

@@ -1,14 +1,43 @@
 // history: what the journal has of the timers and of the machine.
 #include "commands.h"
+#include "on_demand.h"
+
+#include <systemd/sd-journal.h>
 
 #include <filesystem>
+#include <string_view>
 #include <unistd.h>
 
-static constexpr const char *kJournals[] = {"/var/log/journal", "/run/log/journal"};
+using std::chrono::seconds;
 
-// The journal of the system, not of a user, has the daemon's entries.
+namespace {
+
+struct past_event {
+  civil_time at; // UTC
+  std::string event;
+  std::optional<int> timer;
+  std::string reason;
+  std::string text;
+};
+
+} // namespace
+
+static constexpr const char *kNoJournal = "this machine keeps no journal";
+static constexpr const char *kJournals[] = {"/var/log/journal", "/run/log/journal"};
+static constexpr std::chrono::days kLongAgo{2}; // where no time is given
+static constexpr std::uint64_t kMicroseconds = 1'000'000;
+
+// An entry is one of ours when it fits the matches before or after the null. Any user may write
+// entries, but not as root.
+static constexpr const char *kMatches[] = {
+    "_UID=0", "MESSAGE_ID=b9e79bcbc9524559903a405a6561a87d", nullptr,
+    // What the service manager tells of the daemon: it has started, stopped, failed.
+    "_UID=0", "UNIT=dravel-manager.service", "MESSAGE_ID=39f53479d3a045ac8e11786248231fbf",
+    "MESSAGE_ID=9d1aaa27d60140bd96365438aad20286", "MESSAGE_ID=d9b373ed55a64feb8242e02dbe79a49c"};
+
+// The journal of the system, not of a user, has these entries.
 std::string reason_not_to_read_history() {
-  std::string reason = "this machine keeps no journal";
+  std::string reason = kNoJournal;
   for (const char *journal : kJournals) {
     std::error_code absent;
     for (const auto &machine : std::filesystem::directory_iterator(journal, absent)) {
@@ -20,4 +49,118 @@ std::string reason_not_to_read_history() {
     }
   }
   return reason;
+}
+
+// --- the journal ---
+
+namespace {
+
+class journal {
+public:
+  // Of the machine, or in a directory. Throws a failure when it cannot be read.
+  explicit journal(const std::string &directory) {
+    const int result = directory.empty() ? open_(&read_, SD_JOURNAL_LOCAL_ONLY | SD_JOURNAL_SYSTEM)
+                                         : open_directory_(&read_, directory.c_str(), 0);
+    if (result < 0)
+      throw failure{"the journal" + (directory.empty() ? "" : " in " + directory) +
+                        " cannot be read: " + g_strerror(-result),
+                    ""};
+    for (const char *match : kMatches)
+      match != nullptr ? add_match_(read_, match, 0) : add_disjunction_(read_);
+  }
+  ~journal() { close_(read_); }
+  journal(const journal &) = delete;
+  journal &operator=(const journal &) = delete;
+
+  std::vector<past_event> events(civil_time since) {
+    std::vector<past_event> found;
+    seek_(read_, static_cast<std::uint64_t>(since.time_since_epoch().count()) * kMicroseconds);
+    while (next_(read_) > 0)
+      found.push_back(entry());
+    return found;
+  }
+
+private:
+  past_event entry() {
+    std::uint64_t at = 0;
+    get_realtime_(read_, &at);
+    const std::string event = field("DRAVEL_EVENT");
+    return {civil_time(seconds(static_cast<std::int64_t>(at / kMicroseconds))),
+            event.empty() ? "service" : event, parse_int(field("DRAVEL_TIMER")),
+            field("DRAVEL_REASON"), field("MESSAGE")};
+  }
+
+  std::string field(const char *name) {
+    const void *data = nullptr;
+    std::size_t size = 0;
+    if (get_data_(read_, name, &data, &size) < 0)
+      return "";
+    const std::string_view whole(static_cast<const char *>(data), size);
+    return std::string(whole.substr(std::string_view(name).size() + 1));
+  }
+
+  template <class Function> Function *of(const char *name) {
+    return library_.function<Function>(name);
+  }
+
+  on_demand library_{"libsystemd.so.0", "libsystemd0"};
+  decltype(sd_journal_open) *open_ = of<decltype(sd_journal_open)>("sd_journal_open");
+  decltype(sd_journal_open_directory) *open_directory_ =
+      of<decltype(sd_journal_open_directory)>("sd_journal_open_directory");
+  decltype(sd_journal_add_match) *add_match_ =
+      of<decltype(sd_journal_add_match)>("sd_journal_add_match");
+  decltype(sd_journal_add_disjunction) *add_disjunction_ =
+      of<decltype(sd_journal_add_disjunction)>("sd_journal_add_disjunction");
+  decltype(sd_journal_seek_realtime_usec) *seek_ =
+      of<decltype(sd_journal_seek_realtime_usec)>("sd_journal_seek_realtime_usec");
+  decltype(sd_journal_next) *next_ = of<decltype(sd_journal_next)>("sd_journal_next");
+  decltype(sd_journal_get_realtime_usec) *get_realtime_ =
+      of<decltype(sd_journal_get_realtime_usec)>("sd_journal_get_realtime_usec");
+  decltype(sd_journal_get_data) *get_data_ =
+      of<decltype(sd_journal_get_data)>("sd_journal_get_data");
+  decltype(sd_journal_close) *close_ = of<decltype(sd_journal_close)>("sd_journal_close");
+  sd_journal *read_ = nullptr;
+};
+
+} // namespace
+
+// --- what is printed ---
+
+static json json_of(const past_event &event) {
+  json object;
+  add_time(object, "time", event.at, true);
+  object["event"] = event.event;
+  object["timer"] = event.timer ? json(*event.timer) : json(nullptr);
+  object["reason"] = event.reason;
+  object["text"] = event.text;
+  return object;
+}
+
+static civil_time beginning(const options &given) {
+  const civil_time now = civil_of(machine_time());
+  if (!given.since)
+    return machine_time() - kLongAgo;
+  const auto since = parse_past(*given.since, now);
+  if (!since)
+    throw usage("--since=" + *given.since + " is no time that has passed", kPastForms, "--since");
+  return civil_time(seconds(in_zone(*since).since_1970));
+}
+
+void show_history(client &, const options &given) {
+  const std::optional<int> id =
+      given.words.empty() ? std::nullopt : std::optional(id_of(given.words[0]));
+  const civil_time since = beginning(given);
+  const std::string reason = given.journal.empty() ? reason_not_to_read_history() : "";
+  if (!reason.empty())
+    throw failure{"the journal cannot be read", reason,
+                  reason == kNoJournal ? fault::kRefused : fault::kNotAllowed};
+  auto events = journal(given.journal).events(since);
+  std::erase_if(events, [&](const past_event &event) { return id && event.timer != id; });
+  json list = json::array();
+  for (const past_event &event : events)
+    list.push_back(json_of(event));
+  if (given.json || events.empty())
+    return say(given.json, list, "Nothing has happened since " + time_text(civil_of(since)) + ".");
+  for (const past_event &event : events)
+    std::printf("%s  %s\n", time_text(civil_of(event.at)).c_str(), event.text.c_str());
 }

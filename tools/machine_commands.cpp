@@ -51,7 +51,7 @@ std::string cause_text(const std::string &cause) {
   return "by " + cause;
 }
 
-static std::string alarm_text(const machine_state &machine, civil_time now) {
+std::string alarm_text(const machine_state &machine, civil_time now) {
   const std::string alarm = known(machine.alarm) ? firing_text(civil_of(machine.alarm), now) +
                                                        ", " + cause_text(machine.alarm_for)
                                                  : "none";

@@ -205,6 +205,8 @@ bool time_reader::set_time(std::string_view text) {
 
 bool time_reader::take_word(const std::string &word) {
   std::string_view rest = word;
+  if (word == "yesterday")
+    return set_day(today - days(1));
   if (word == "today" || word == "tomorrow")
     return set_day(today + days(word == "today" ? 0 : 1));
   if (word == "next")
@@ -245,13 +247,17 @@ static std::vector<std::string> words_of(const std::string &text) {
   return words;
 }
 
+static std::string joined(const std::vector<std::string> &words) {
+  std::string all;
+  for (const auto &word : words)
+    all += word;
+  return all;
+}
+
 std::optional<time_request> parse_time(const std::string &text, civil_time now) {
   const auto words = words_of(text);
   if (text.starts_with('+')) {
-    std::string joined;
-    for (const auto &word : words)
-      joined += word;
-    const auto span = parse_span(std::string_view(joined).substr(1));
+    const auto span = parse_span(std::string_view(joined(words)).substr(1));
     if (!span || now + *span >= sys_days(kEndOfTime / January / 1))
       return std::nullopt;
     const sys_days day = floor<days>(now + *span);
@@ -264,6 +270,38 @@ std::optional<time_request> parse_time(const std::string &text, civil_time now) 
     if (!reader.take_word(word))
       return std::nullopt;
   return reader.finish() ? std::optional(reader.read) : std::nullopt;
+}
+
+// "2h", "-2h", "2 hours ago"
+static std::optional<seconds> parse_ago(std::string text) {
+  if (text.starts_with('-'))
+    text.erase(0, 1);
+  if (text.ends_with("ago"))
+    text.resize(text.size() - 3);
+  return parse_span(text);
+}
+
+std::optional<civil_time> parse_past(const std::string &text, civil_time now) {
+  const auto words = words_of(text);
+  if (const auto ago = parse_ago(joined(words)))
+    return *ago <= now.time_since_epoch() ? std::optional(now - *ago) : std::nullopt;
+  time_reader reader{.today = floor<days>(now)};
+  for (const auto &word : words)
+    if (!reader.take_word(word))
+      return std::nullopt;
+  if (words.empty() || (!reader.has_time && !reader.take_word("midnight")) || !reader.finish())
+    return std::nullopt;
+  const time_request &read = reader.read;
+  civil_time at = read.day.value_or(reader.today) + read.time_of_day;
+  if (read.offset)
+    at = civil_of(at - *read.offset);
+  const auto fits = [&] {
+    return at <= now && (read.day || !reader.weekday ||
+                         weekday(floor<days>(at)).c_encoding() == *reader.weekday);
+  };
+  for (int back = 0; !read.day && !fits() && back < 7; ++back)
+    at -= days(1);
+  return fits() ? std::optional(at) : std::nullopt;
 }
 
 std::optional<time_request> parse_moment(const std::string &text) {

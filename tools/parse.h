@@ -17,10 +17,15 @@ struct time_request {
 };
 inline constexpr const char *kTimeForms =
     "write 7:00, 7pm, \"tomorrow 7:00\", \"fri 20:00\", +45m or \"2026-12-24 18:00\"";
+inline constexpr const char *kPastForms =
+    "write yesterday, \"fri 20:00\", 7:00, 3h or \"2026-12-24 18:00\"";
 inline constexpr const char *kDayForms = "write mon,wed or mon-fri, daily, weekdays, weekend";
 inline constexpr std::chrono::year kEndOfTime{2106}; // the set counts unsigned seconds since 1970
 
 std::optional<time_request> parse_time(const std::string &text, civil_time now);
+// The last moment that it fits, on the set's clock; nothing also when it is still to come. A day
+// begins at midnight, "3h" is so long ago.
+std::optional<civil_time> parse_past(const std::string &text, civil_time now);
 std::optional<time_request> parse_moment(const std::string &text); // "2026-12-24T07:00:00+01:00"
 std::optional<std::chrono::seconds> parse_time_of_day(const std::string &text); // "07:00:15"
 std::optional<int> parse_type(const std::string &text);

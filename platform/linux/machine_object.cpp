@@ -52,9 +52,10 @@ static std::map<std::uint64_t, DBusMessage *> open_calls; // of TestWake
 
 // --- what is shown ---
 
+// The sentence that is among the problems, too.
 static std::string alarm_problem(const machine &record) {
   if (record.alarm.for_good)
-    return sentence_of(problem::kNoDevice, 0);
+    return sentence_of(problem::kNoDevice, record.problems[std::size_t(problem::kNoDevice)]);
   return record.alarm.refused == 0 ? "" : sentence_of(problem::kAlarmRefused, record.alarm.refused);
 }
 

@@ -19,6 +19,14 @@ lose_clock() { busctl set-property $daemon $standin TvClock u 0; }
 set_clock() { busctl set-property $daemon $standin TvClock u $1; busctl call $daemon $standin TimeSet; }
 bus=org.freedesktop.DBus
 signal() { kill -$1 $(busctl call $bus / $bus GetConnectionUnixProcessID s $daemon | cut -d' ' -f2); }
+unit() { # in such a state stands for all units: each wants it
+  set -- org.freedesktop.systemd1 $1
+  busctl call $1 /org/freedesktop/systemd1 $bus.Mock AddMethod sssss $1.Manager LoadUnit s o \
+    'ret = dbus.ObjectPath("/u")'
+  busctl call $1 /org/freedesktop/systemd1 $bus.Mock RemoveObject s /u || :
+  busctl call $1 /org/freedesktop/systemd1 $bus.Mock AddObject 'ssa{sv}a(ssss)' /u $1.Unit 2 \
+    Wants as 1 dravel-screen-ddc.service ActiveState s $2 0
+}
 D='DTSTART;VALUE=DATE'
 ics() { # a calendar of such events
   printf 'BEGIN:VCALENDAR\n'; printf 'BEGIN:VEVENT\n%b\nEND:VEVENT\n' "$@"; echo END:VCALENDAR
@@ -43,6 +51,31 @@ start_monitor() {
   mkfifo /run/bench/told$$; dravelctl monitor "$@" >/run/bench/told$$ 2>&1 &
   exec 3</run/bench/told$$; until_told 'is running'
 }
+)";
+
+constexpr const char *kPast = R"(
+ago() { echo $(($(date +%s) - $1 * 3600)); }
+entry() { # hours ago, user, message, fields
+  at=$(ago $1) user=$2 message=$3; shift 3
+  printf '__REALTIME_TIMESTAMP=%s000000\n__MONOTONIC_TIMESTAMP=1\n_UID=%s\nMESSAGE=%s\n' $at $user "$message"
+  printf '_BOOT_ID=0123456789abcdef0123456789abcdef\n'; printf '%s\n' "$@" ''
+}
+event() { # hours ago, user, message, event, timer, reason
+  entry "$1" $2 "$3" MESSAGE_ID=b9e79bcbc9524559903a405a6561a87d DRAVEL_EVENT=$4 \
+    ${5:+DRAVEL_TIMER=$5} ${6:+DRAVEL_REASON=$6}
+}
+night() { # in ./j: the last three days
+  mkdir j; {
+    event 70 0 'the machine is sent to sleep: suspend' sleeping '' suspend
+    event 30 0 'timer 3 does not act: timers of its kind are halted' halted 3
+    event 20 1000 'timer 3 has fired' fired 3
+    entry 10 0 'Stopped dravel-manager.service.' UNIT=dravel-manager.service \
+      MESSAGE_ID=9d1aaa27d60140bd96365438aad20286
+    entry 9 0 'Stopped cron.service.' UNIT=cron.service MESSAGE_ID=9d1aaa27d60140bd96365438aad20286
+    event 2 0 'timer 4 is removed: past' removed 4 past
+  } | /lib/systemd/systemd-journal-remote -o j/system.journal - 2>&1
+}
+past() { ctl history --journal j "$@"; }
 )";
 
 constexpr const char *kApply = R"(
@@ -71,9 +104,9 @@ protected:
       empty_store();
       ASSERT_EQ(shell("rm -rf " SHELL_DIRECTORY).status, 0);
       start();
-      const outcome before = shell(std::string(kHelpers) + kApply + step[1]);
+      const outcome before = shell(std::string(kHelpers) + kApply + kPast + step[1]);
       EXPECT_EQ(before.status, 0) << before.said;
-      const outcome result = shell(std::string(kHelpers) + kApply + step[2]);
+      const outcome result = shell(std::string(kHelpers) + kApply + kPast + step[2]);
       EXPECT_EQ(std::to_string(result.status), step[3]) << result.said;
       g_autofree char *said = g_strcompress(step[4]);
       EXPECT_THAT(result.said, HasSubstr(said));
@@ -284,6 +317,50 @@ TEST_F(CtlOnAMachine, TheMachine_IsShownAndOrdered) {
   )");
 }
 
+TEST_F(CtlOnAMachine, IsChecked_AndTriedOut) {
+  check(R"(
+    ctl check => 1 problem Screen: there is no HDMI-CEC adapter, and no unit turns the screen; sy
+    ctl check => 1 ok      Sleep: the machine suspends after an off-timer =/> problem Alarm
+    add 7:00 -> ctl check => 1 problem Alarm: the real-time clock refuses =/> Machine: the real
+    unit failed -> ctl check => 1 ok      Screen: turned by dravel-screen-ddc.service
+    unit failed -> ctl check => 1 problem Hooks: failed: dravel-screen-ddc.service; systemctl status dr
+    unit active -> ctl check => 0 ok      Hooks: no unit of a target has failed =/> problem
+    ctl test screen --seconds 0 => 0 No television answers: look whether the screen was dark.
+    ctl test wake => 1 the machine did not sleep: the alarm or the sleep was refused: Inappropriate ioctl
+    ctl test wake --seconds 5 => 1 did not sleep: the machine cannot sleep for so many seconds
+    ctl test wake --seconds 1h => 2 --seconds=1h is no number of seconds; give one up to 3600
+    ctl test => 2 test needs screen or wake
+  )");
+}
+
+TEST_F(Ctl, IsChecked_WhereItApplies) {
+  check(R"(
+    ctl check => 0 ok      Daemon: dravel-manager =/> Alarm
+    ctl halt on -> ctl check => 0 note    Halts: timers are announced and do not act: on-timers
+    lose_clock -> ctl check => 1 problem Clock: it is unknown: no timer is armed; set it
+    signal STOP -> wait=0.2; ctl check; status=$?; signal CONT; exit $status => 1 problem Daemon: dr
+    ctl test wake => 1 shows no machine
+    ctl test screen => 1 shows no machine
+  )");
+}
+
+TEST_F(Ctl, History_TellsWhatTheJournalHas) {
+  check(R"steps(
+    night -> past => 0  timer 3 does not act: timers of its kind are halted\n =/> suspend
+    night -> past => 0  Stopped dravel-manager.service.\n =/> cron
+    night -> past => 0  timer 4 is removed: past\n =/> has fired
+    night -> past --since 4d => 0  the machine is sent to sleep: suspend\n
+    night -> past --since $(date -d @$(ago 3) +%FT%T+00:00) => 0  timer 4 is removed =/> Stopped
+    night -> past 4 => 0  timer 4 is removed: past\n =/> timer 3
+    night -> past 7 => 0 Nothing has happened since
+    night -> past -j 3 => 0 ,"event":"halted","timer":3,"reason":"","text":"timer 3 does not act: timers
+    night -> export TZ=CET-1; past | grep -c "$(date -d @$(ago 2) '+%F %H:%M')" => 0 1
+    ctl history --since tomorrow => 2 --since=tomorrow is no time that has passed; write yesterday
+    ctl history --journal /nowhere => 1 the journal in /nowhere cannot be read: No such file
+    ctl history x => 2 x is no id
+  )steps");
+}
+
 TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
   check(R"(
     backup -> ctl backup b; ids b/.dravel.db.1 => 0 before is in /run/bench/shell/b/.dravel.db.1.\n1\n =/> 1\n2
@@ -440,6 +517,7 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl help show --json => 0 {"name":"show","summary":"Show one timer","options":[{"name":"ID"
     ctl -V => 0 dravelctl 1
   )");
+  EXPECT_THAT(shell("dravelctl check").said, HasSubstr("problem Daemon: dravel-manager is not "));
   const outcome alone = shell("dravelctl list");
   EXPECT_EQ(alone.status, 3);
   EXPECT_THAT(alone.said, HasSubstr("dravel-manager is not running"));
@@ -481,7 +559,8 @@ file $seven $christmas; fits apply apply x; fits import import x; fits error sho
 TEST_F(CtlOnAMachine, Documents_FitTheirSchemas) {
   start();
   const outcome faults = shell(kHelpers + kFits + R"(
-add 7:00 >/dev/null; for name in status overview screen; do fits $name $name; done)");
+add 7:00 >/dev/null; for name in status overview screen check; do fits $name $name; done
+fits 'test screen' test screen --seconds 0)");
   EXPECT_EQ(faults.said, "");
 }
 
@@ -496,7 +575,7 @@ for command in $(dravelctl help | sed -n '/^Subcommands/,$ s/^  \([a-z]*\)[ ,].*
   case $example in 'dravelctl '*) count=$((count + 1)); esac
 done; echo "$count examples")");
   EXPECT_THAT(examples.said, testing::Not(HasSubstr("not understood")));
-  EXPECT_THAT(examples.said, testing::EndsWith("\n21 examples\n"));
+  EXPECT_THAT(examples.said, testing::EndsWith("\n24 examples\n"));
 }
 
 // In the daemon's place: an older one, which sends what a case tells it to send.
@@ -526,6 +605,29 @@ method request_disabled_period_list iay '(0, dbus.Array([], signature="y"))'
 method request_get_timers_halt_effect ii '(0, 1)'
 dravelctl list)"));
   EXPECT_THAT(told.said, testing::EndsWith("  daily  halted, guessed\n"));
+}
+
+// Its machine follows each order at once; it wakes as late as a case says.
+TEST_F(CtlWithout, AMachineThatFollows_PassesItsTests) {
+  const outcome told = shell(kHelpers + kFits + R"sh(
+object=/org/olvara/tv/system/dravel
+machine() {
+  busctl call $daemon $object $bus.Mock AddObject 'ssa{sv}a(ssss)' $object/machine $daemon.machine \
+    3 Screen s on ScreenBy s 'cec0 1.0.0.0' LastWake '(ts)' $(($(date +%s) + $1)) test \
+    2 TurnScreen b '' \
+    "self.UpdateProperties('$daemon.machine', {'Screen': 'on' if args[0] else 'off'})" \
+    TestWake u us "ret = (dbus.UInt32(57), 'test')"
+  dravelctl test wake --seconds 30; echo "status $?"
+}
+machine 31; dravelctl test screen --seconds 1
+fits 'test wake' test wake --seconds 31; fits 'test screen' test screen --seconds 0
+busctl call $daemon $object $bus.Mock RemoveObject s $object/machine; machine 40)sh");
+  EXPECT_THAT(told.said, HasSubstr("The machine slept for 57 seconds and was woken for a test, "));
+  EXPECT_THAT(told.said, HasSubstr("status 0\n"));
+  EXPECT_THAT(told.said, HasSubstr("\nThe television said: off, then on.\n"));
+  EXPECT_THAT(told.said,
+              HasSubstr(" seconds late.\ndravelctl: the alarm did not wake the machine"));
+  EXPECT_THAT(told.said, testing::Not(HasSubstr("valid")));
 }
 
 TEST_F(CtlWithout, Monitor_JoinsTheSignalsOfAnExpiry) {

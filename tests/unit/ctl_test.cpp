@@ -4,6 +4,7 @@
 #include "fixture.h"
 #include "judgement.h"
 #include "linux_clock.h"
+#include "parse.h"
 
 #include <system_log.h>
 
@@ -336,4 +337,32 @@ TEST(Words, ATimeHasTheOffsetOfTheMomentAtWhichTheDaemonMeansIt) {
   EXPECT_EQ(from_utc(civil(time_of("2026-10-25 01:30"))).iso, "2026-10-25T02:30:00+01:00");
   EXPECT_EQ(civil_of(civil(time_of("2026-07-01 12:00"))), civil(time_of("2026-07-01 14:00")));
   set_zone(nullptr);
+}
+
+// On a Thursday at noon.
+TEST(Words, ATimeThatHasPassed_IsTheLastOneThatFits) {
+  constexpr std::pair<const char *, const char *> kTimes[] = {{"yesterday", "23 00:00"},
+                                                              {"yesterday 20:00", "23 20:00"},
+                                                              {"today", "24 00:00"},
+                                                              {"7:00", "24 07:00"},
+                                                              {"20:00", "23 20:00"},
+                                                              {"thu", "24 00:00"},
+                                                              {"thu 20:00", "17 20:00"},
+                                                              {"fri 8pm", "18 20:00"},
+                                                              {"2026-12-01", "01 00:00"},
+                                                              {"3h", "24 09:00"},
+                                                              {"-1d", "23 12:00"},
+                                                              {"2 hours ago", "24 10:00"},
+                                                              {"tomorrow", ""},
+                                                              {"2026-12-25", ""},
+                                                              {"wed 2026-12-24", ""},
+                                                              {"99999w", ""},
+                                                              {"next fri", ""},
+                                                              {"7", "24 07:00"},
+                                                              {"", ""},
+                                                              {"soon", ""}};
+  for (const auto &[text, expected] : kTimes) {
+    const auto past = parse_past(text, civil(time_of("24 12:00")));
+    EXPECT_EQ(past ? time_text(seconds_of(*past)) : "", expected) << text;
+  }
 }

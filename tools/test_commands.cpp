@@ -1,0 +1,119 @@
+// test screen, test wake: do the television and the alarm of this machine what timers need?
+#include "commands.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <thread>
+
+using namespace std::chrono;
+
+static constexpr milliseconds kPoll{250};
+static constexpr seconds kTelevisionWait{15}; // a television takes as long to turn on
+static constexpr int kResumeSeconds = 120;    // a machine may be slow to sleep and to wake
+static constexpr seconds kLate{5};
+
+static void tell(const options &given, const std::string &text) {
+  if (given.json)
+    return;
+  std::puts(text.c_str());
+  std::fflush(stdout);
+}
+
+static machine_state machine_of(client &client) {
+  const auto machine = client.machine();
+  if (!machine)
+    throw no_machine();
+  return *machine;
+}
+
+static int number_of(const std::string &text, const char *option, int most) {
+  const auto number = parse_int(text);
+  if (!number || *number < 0 || *number > most)
+    throw usage(std::string(option) + "=" + text + " is no number of seconds",
+                "give one up to " + std::to_string(most), option);
+  return *number;
+}
+
+// --- the screen ---
+
+static void turn_screen(client &client, bool on) {
+  g_variant_unref(client.call_machine("TurnScreen", g_variant_new("(b)", on), "()"));
+}
+
+// What the screen is believed to be: at `wanted`, or when the time is over.
+static std::string wait_for_screen(client &client, const char *wanted, milliseconds longest) {
+  const auto end = steady_clock::now() + longest;
+  while (true) {
+    std::string is = machine_of(client).screen;
+    const auto left = duration_cast<milliseconds>(end - steady_clock::now());
+    if (is == wanted || left <= 0ms)
+      return is;
+    std::this_thread::sleep_for(std::min(kPoll, left));
+  }
+}
+
+void test_screen(client &client, const options &given) {
+  const seconds pause(number_of(given.seconds.value_or("5"), "--seconds", 60));
+  const std::string by = machine_of(client).screen_by;
+  const bool has_television = by != "targets";
+  const auto sent_back = steady_clock::now() + pause;
+  turn_screen(client, false);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) // the screen is not left dark
+    std::signal(signal, SIG_IGN);
+  tell(given, "The screen is told to turn off, and on again after " +
+                  plural(static_cast<std::size_t>(pause.count()), "second") + ".");
+  const std::string off = wait_for_screen(client, "off", pause);
+  std::this_thread::sleep_until(sent_back);
+  turn_screen(client, true);
+  const std::string on = wait_for_screen(client, "on", kTelevisionWait);
+  const bool is_good = off == "off" && on == "on";
+  say(given.json, {{"screen_by", by}, {"off", off}, {"on", on}, {"good", is_good}},
+      has_television ? "The television said: " + off + ", then " + on + "."
+                     : "No television answers: look whether the screen was dark. "
+                       "Units of dravel-off.target and dravel-on.target turn it.");
+  if (!is_good)
+    throw failure{given.json ? "" : "the television did not follow",
+                  "dravelctl check says more; some televisions need a moment, try it again"};
+}
+
+// --- sleep and alarm ---
+
+void test_wake(client &client, const options &given) {
+  const int asked = number_of(given.seconds.value_or("60"), "--seconds", 3600);
+  machine_of(client);
+  const civil_time due = machine_time() + seconds(asked);
+  tell(given, "The machine sleeps now and wakes at " + time_text(civil_of(due)) + ".");
+  g_autoptr(GVariant) reply = nullptr;
+  try {
+    reply = client.call_machine("TestWake", g_variant_new("(u)", asked), "(us)",
+                                asked + kResumeSeconds);
+  } catch (const failure &refused) {
+    if (refused.kind != fault::kRefused)
+      throw;
+    throw failure{"the machine did not sleep: " + refused.what, "dravelctl check says more"};
+  }
+  unsigned slept = 0;
+  const char *cause = "";
+  g_variant_get(reply, "(u&s)", &slept, &cause);
+  const seconds late = machine_of(client).last_wake - due;
+  const bool is_good = std::strcmp(cause, "test") == 0 && late <= kLate;
+  const std::string text = "The machine slept for " + plural(slept, "second") + " and was woken " +
+                           cause_text(cause) + ", " +
+                           (late > 0s ? span_text(late) + " late." : "in time.");
+  say(given.json,
+      {{"asked", asked},
+       {"slept", slept},
+       {"cause", cause},
+       {"late", late.count()},
+       {"good", is_good}},
+      text);
+  if (!is_good)
+    throw failure{given.json ? "" : "the alarm did not wake the machine in time",
+                  "dravelctl check says more"};
+}
+
+void test_machine(client &, const options &) {
+  throw usage("test needs screen or wake", "dravelctl help test says what they do");
+}
