@@ -132,12 +132,17 @@ client::~client() {
   g_object_unref(bus_);
 }
 
+// The arguments of a call that is not sent have no owner.
+static void drop(const bus_call &call) { g_variant_unref(g_variant_ref_sink(call.arguments)); }
+
 void client::ask_ahead(std::initializer_list<question> questions) {
   for (const question asked : questions) {
     const bus_call call = call_of(asked);
     auto &sent = sent_[key_of(call)];
     if (sent == nullptr)
       sent = std::make_unique<sent_call>(bus_, call, timeout_ms_);
+    else
+      drop(call);
   }
 }
 
@@ -145,7 +150,7 @@ GVariant *client::answer_to(const bus_call &call, int timeout_ms, GError **error
   const auto sent = sent_.extract(key_of(call));
   if (sent.empty())
     return sent_call(bus_, call, timeout_ms).answer(error);
-  g_variant_unref(g_variant_ref_sink(call.arguments));
+  drop(call);
   return sent.mapped()->answer(error);
 }
 
