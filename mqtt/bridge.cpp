@@ -55,6 +55,7 @@ bridge::bridge(const configuration &configuration, const std::string &state_dire
 }
 
 bridge::~bridge() {
+  trial_.break_off();
   leave(kOffline);
   for (unsigned *timer : {&settle_timer_, &refresh_timer_, &discovery_timer_, &hourly_timer_})
     stop(*timer);
@@ -153,7 +154,8 @@ void bridge::hear_peer(const message &message) {
   const bool is_state = message.topic == configuration_.own("state");
   if (is_state) {
     const json state = json::parse(message.payload, nullptr, false);
-    peer_id_ = state.is_object() ? state.value("machine_id", "") : "";
+    const auto id = state.find("machine_id"); // anybody's message
+    peer_id_ = id != state.end() && id->is_string() ? id->get<std::string>() : "";
   } else {
     peer_availability_ = message.payload;
   }
@@ -185,14 +187,16 @@ void bridge::sleep() { leave(kAsleep); }
 
 // --- documents ---
 
-void bridge::publish(const std::string &topic, const std::string &text, bool retained) {
-  broker_.publish({configuration_.own(topic), text, retained});
+bool bridge::publish(const std::string &topic, const std::string &text, bool retained) {
+  return broker_.publish({configuration_.own(topic), text, retained});
 }
 
 void bridge::publish_changed(const std::string &topic, const std::string &text,
                              const std::string &compared) {
-  if (std::exchange(published_[topic], compared) != compared)
-    publish(topic, text, true);
+  const auto known = published_.find(topic);
+  const bool is_known = known != published_.end() && known->second == compared;
+  if (!is_known && publish(topic, text, true))
+    published_[topic] = compared;
 }
 
 void bridge::publish_documents(const documents &documents) {

@@ -55,7 +55,7 @@ private:
   void carry_out_plan(bool again);
 
   // --- documents ---
-  void publish(const std::string &topic, const std::string &text, bool retained);
+  bool publish(const std::string &topic, const std::string &text, bool retained);
   void publish_changed(const std::string &topic, const std::string &text,
                        const std::string &compared);
   void publish_documents(const documents &documents);

@@ -130,5 +130,7 @@ void bridge::carry_out_plan(bool again) {
   } catch (const failure &failure) {
     plan_waits_ = true;
     log_problem("apply waits: " + failure.what);
+  } catch (const std::exception &error) { // a number that JSON allows and nobody can hold
+    log_problem(plan->topic + ": " + error.what());
   }
 }

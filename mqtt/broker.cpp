@@ -50,7 +50,11 @@ void broker::receive(message received) {
     ++waiting_;
   }
   hand_over([this, received = std::move(received)] {
-    listener_.received(received);
+    try {
+      listener_.received(received);
+    } catch (const std::exception &error) { // one bad message must not end the bridge
+      log_problem("a message to " + received.topic + " is left out: " + error.what());
+    }
     const std::lock_guard guard(lock_);
     --waiting_;
   });
@@ -190,18 +194,23 @@ bool broker::wait_paused(int milliseconds) {
                            [this] { return is_idle_; });
 }
 
-void broker::publish(const publication &publication) {
+bool broker::publish(const publication &publication) {
   const std::lock_guard guard(lock_);
   if (client_ == nullptr || !is_online_)
-    return;
+    return false;
   if (unacknowledged_.size() >= kMostUnacknowledged) {
     if (!std::exchange(is_stuck_, true))
       log_problem("the broker acknowledges nothing: what is published is dropped");
-    return;
+    return false;
   }
   int id = 0;
-  if (mosquitto_publish(client_, &id, publication.topic.c_str(),
-                        static_cast<int>(publication.payload.size()), publication.payload.data(), 1,
-                        publication.retained) == MOSQ_ERR_SUCCESS)
+  const int error = mosquitto_publish(client_, &id, publication.topic.c_str(),
+                                      static_cast<int>(publication.payload.size()),
+                                      publication.payload.data(), 1, publication.retained);
+  if (error == MOSQ_ERR_SUCCESS)
     unacknowledged_.emplace(id, publication.topic);
+  else if (error != MOSQ_ERR_NO_CONN && refused_topics_.insert(publication.topic).second)
+    log_problem("nothing can be published to " + publication.topic + ": " +
+                mosquitto_strerror(error));
+  return error == MOSQ_ERR_SUCCESS;
 }

@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -53,8 +54,9 @@ public:
   bool is_connected() const { return is_connected_; }
   bool wait_paused(int milliseconds); // false when it is still connected, or still tries to
 
-  // Without a connection, and when the broker does not take what is sent, it is dropped.
-  void publish(const publication &publication);
+  // Without a connection, and when the broker does not take what is sent, it is dropped:
+  // then it returns false.
+  bool publish(const publication &publication);
 
 private:
   struct callbacks;
@@ -88,10 +90,10 @@ private:
   std::map<int, std::string> unacknowledged_; // topics by message id
   bool is_stuck_ = false;
   std::deque<std::function<void()>> happened_;
-  std::size_t waiting_ = 0;   // messages among them
-  std::string refused_topic_; // told already
-  std::string fault_;         // the last one told
-  std::string detail_;        // what the library says of it
+  std::size_t waiting_ = 0;              // messages among them
+  std::set<std::string> refused_topics_; // told already
+  std::string fault_;                    // the last one told
+  std::string detail_;                   // what the library says of it
 
   bool is_connected_ = false; // as the main loop knows it
 };

@@ -64,11 +64,9 @@ struct broker::callbacks {
     const auto found = self.unacknowledged_.find(id);
     if (found == self.unacknowledged_.end())
       return;
-    if (reason >= kRefusedFrom && self.refused_topic_ != found->second) {
-      self.refused_topic_ = found->second;
+    if (reason >= kRefusedFrom && self.refused_topics_.insert(found->second).second)
       log_problem("the broker refuses what is published to " + found->second + ": " +
                   mosquitto_reason_string(reason));
-    }
     self.unacknowledged_.erase(found);
     self.is_stuck_ = false;
     self.changed_.notify_all();

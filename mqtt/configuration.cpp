@@ -3,6 +3,7 @@
 #include "client.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -230,10 +231,16 @@ static std::string machine_id() {
   return id;
 }
 
+static bool is_this_machine(const std::string &host) {
+  in_addr address{};
+  return host == "localhost" || host == "::1" ||
+         (inet_pton(AF_INET, host.c_str(), &address) == 1 &&
+          ntohl(address.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET);
+}
+
 // A password in clear text must not leave the machine unless it is allowed to.
 static void complete_broker(const draft &draft, broker_settings &broker, const std::string &where) {
-  const bool is_here =
-      draft.host == "localhost" || draft.host == "::1" || draft.host.starts_with("127.");
+  const bool is_here = is_this_machine(draft.host);
   broker.host = draft.host;
   broker.tls = draft.tls == -1 ? !is_here && !draft.plain_text : draft.tls == 1;
   broker.port = draft.port != 0 ? draft.port : broker.tls ? kTlsPort : kPort;

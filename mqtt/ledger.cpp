@@ -29,7 +29,7 @@ void write_file(const std::string &file, const std::string &contents) {
 ledger::ledger(std::string file) : file_(std::move(file)) {
   std::ifstream stream(file_);
   for (std::string line; std::getline(stream, line); ++lines_) {
-    const json read = json::parse(line, nullptr, false);
+    json read = json::parse(line, nullptr, false); // a missing member reads as null
     if (read.is_object() && read["key"].is_string() && read["result"].is_string())
       put({read["key"], read["result"]});
   }
@@ -62,6 +62,8 @@ void ledger::rewrite() {
 }
 
 void ledger::append(const entry &line) {
+  if (lines_ >= kMostLines)
+    rewrite();
   const std::string text = line_of(line);
   const int descriptor = open(file_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
   const bool is_stored =
@@ -71,14 +73,14 @@ void ledger::append(const entry &line) {
   const int error = errno;
   if (descriptor >= 0)
     close(descriptor);
-  if (!is_stored)
+  if (!is_stored) {
+    lines_ = kMostLines; // the line may be torn; the next one must not continue it
     throw failure{"the command cannot be noted in " + file_ + ": " + g_strerror(error), ""};
+  }
   ++lines_;
 }
 
 void ledger::begin(const std::string &key) {
-  if (lines_ >= kMostLines)
-    rewrite();
   append({key, ""});
   put({key, ""});
 }

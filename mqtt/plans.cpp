@@ -17,7 +17,8 @@ plans::plans(const configuration &configuration, std::string file)
     : configuration_(configuration), file_(std::move(file)) {
   std::ifstream stream(file_);
   const std::string text{std::istreambuf_iterator<char>(stream), {}};
-  if (json::parse(text, nullptr, false).is_object())
+  json read = json::parse(text, nullptr, false); // a missing member reads as null
+  if (read.is_object() && read["sha256"].is_string() && read["refused"].is_array())
     applied_ = text;
 }
 

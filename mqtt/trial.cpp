@@ -6,6 +6,7 @@
 #include <utility>
 
 static constexpr unsigned kDarkSeconds = 5;
+static constexpr int kTries = 3; // to turn the screen on
 static constexpr unsigned kSleepSeconds = 60;
 static constexpr int kWakeMs = 600 * 1000; // until the call counts as unanswered
 static constexpr long long kPause = 60LL * G_USEC_PER_SEC;
@@ -13,12 +14,15 @@ static constexpr long long kPause = 60LL * G_USEC_PER_SEC;
 struct trial::callbacks {
   static gboolean light(void *data) {
     auto &self = *static_cast<trial *>(data);
-    self.timer_ = 0;
     try {
-      g_variant_unref(self.client_.call_machine("TurnScreen", g_variant_new("(b)", TRUE), "()"));
+      self.turn_screen(true);
       const auto machine = self.client_.machine();
+      self.timer_ = 0;
       self.end({{"test", "screen"}, {"machine", json_of(machine)}}, nullptr);
     } catch (const failure &failure) {
+      if (--self.tries_ > 0)
+        return G_SOURCE_CONTINUE;
+      self.timer_ = 0;
       self.end({}, &failure);
     }
     return G_SOURCE_REMOVE;
@@ -44,14 +48,34 @@ struct trial::callbacks {
 };
 
 trial::~trial() {
-  if (timer_ != 0)
-    g_source_remove(timer_);
+  break_off();
   g_cancellable_cancel(cancellable_);
   g_object_unref(cancellable_);
 }
 
+void trial::break_off() {
+  if (timer_ == 0)
+    return;
+  g_source_remove(std::exchange(timer_, 0));
+  try {
+    turn_screen(true);
+  } catch (const failure &) { // nobody is left to hear of it
+  }
+}
+
+void trial::turn_screen(bool on) {
+  g_variant_unref(client_.call_machine("TurnScreen", g_variant_new("(b)", on), "()"));
+}
+
 void trial::start_screen() {
-  g_variant_unref(client_.call_machine("TurnScreen", g_variant_new("(b)", FALSE), "()"));
+  tries_ = kTries;
+  try {
+    turn_screen(false);
+  } catch (const failure &failure) {
+    if (failure.kind == fault::kTimeout) // it may be carried out yet
+      turn_screen(true);
+    throw;
+  }
   timer_ = g_timeout_add_seconds(kDarkSeconds, callbacks::light, this);
 }
 

@@ -22,10 +22,12 @@ public:
   // One that is not `named` is a button that somebody pressed, perhaps twice: it is refused for a
   // minute after the last one.
   void start(const std::string &what, bool is_named, listener ended);
+  void break_off(); // leaves no dark screen
 
 private:
   struct callbacks;
 
+  void turn_screen(bool on);
   void start_screen();
   void start_wake();
   void end(const json &about, const failure *failed);
@@ -33,6 +35,7 @@ private:
   client &client_;
   listener ended_;        // null while none runs
   long long free_at_ = 0; // for one that is not named; microseconds, monotonic
-  unsigned timer_ = 0;
+  unsigned timer_ = 0;    // while the screen is dark
+  int tries_ = 0;         // left to turn it on
   GCancellable *cancellable_ = g_cancellable_new();
 };

@@ -180,6 +180,8 @@ static void make_room(client &client, std::vector<timer_record> &to_cancel, appl
     const snapshot view = client.look(false);
     if (view.timers.size() < view.limit)
       return;
+    if (to_cancel.empty())
+      throw failure{"the list is full: another client has added timers", ""};
     sort_for_cancelling(to_cancel, view);
     const auto found = std::ranges::find_if(to_cancel, [&](const timer_record &timer) {
       const auto armed = view.armed.find(timer.id);
@@ -204,8 +206,8 @@ static bool change_timers(client &client, plan plan, application &account) {
                             (timer.holiday_effect != 0 ? " skips" : " ignores") + " holidays");
   }
   for (const timer_record &timer : plan.added) {
-    make_room(client, plan.cancelled, account);
     try {
+      make_room(client, plan.cancelled, account);
       add_to_set(client, timer, client.look());
       add(account, "added", exported(timer), "added " + line_of(timer));
     } catch (const failure &failure) {

@@ -49,7 +49,13 @@ async function test(which, place, dialog) {
 
 export function testDialog() {
     const place = element("div", { role: "status" });
-    const act = which => () => test(which, place, dialog);
+    let running = false; // a second press would lose what came of the first
+    const act = which => async () => {
+        if (running) return;
+        running = true;
+        await test(which, place, dialog);
+        running = false;
+    };
     const dialog = new Dialog("Does it work here?", [
         element("p", {}, "The screen is turned off, and on again after five seconds."),
         button("Test the screen", act("screen")),

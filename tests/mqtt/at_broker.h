@@ -59,6 +59,7 @@ inline int free_port() {
 class Mqtt : public daemon_test {
 protected:
   Mqtt() {
+    fs::remove_all(kDirectory); // of the case before
     fs::create_directory(kDirectory);
     for (const char *name : {"STATE_DIRECTORY", "RUNTIME_DIRECTORY", "CREDENTIALS_DIRECTORY"})
       setenv(name, kDirectory, 1);
