@@ -162,7 +162,7 @@ void client::fail(const char *method, const GError *error, int timeout_ms,
                   "start it: systemctl start dravel-manager.service", fault::kNotRunning};
   if (is_one_of(error, {G_DBUS_ERROR_NO_REPLY}))
     throw failure{"dravel-manager ended before it answered", kLogHint, fault::kNotRunning};
-  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED) ||
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE ||
       is_one_of(error, {G_DBUS_ERROR_DISCONNECTED}))
     throw failure{"the system bus was lost", "try it again", fault::kNotRunning};
   if (is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))

@@ -39,7 +39,7 @@ static int number_of(const std::string &text, const char *option, int most) {
 // --- the screen ---
 
 static void turn_screen(client &client, bool on) {
-  g_variant_unref(client.call_machine("TurnScreen", g_variant_new("(b)", on), "()"));
+  g_variant_unref(client.call_machine("TurnScreen", g_variant_new("(b)", on ? TRUE : FALSE), "()"));
 }
 
 // A daemon that restarts, or is slow, may order it a moment later.
