@@ -82,8 +82,12 @@ bool calendar_reader::is_holiday(icalcomponent *event) const {
 // A name stands in one line and must not steer the terminal.
 static std::string name_of(const char *summary) {
   std::string name = summary != nullptr ? summary : "";
-  if (name.size() > kLongestName)
-    name.resize(kLongestName);
+  if (name.size() > kLongestName) {
+    std::size_t end = kLongestName; // the beginning of a character
+    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xc0) == 0x80)
+      --end;
+    name.resize(end);
+  }
   std::ranges::replace_if(
       name, [](unsigned char c) { return std::iscntrl(c) != 0; }, ' ');
   return name;

@@ -123,7 +123,8 @@ static finding halts_found(examination &e) {
     return {"Halts", state::kGood, "nothing is halted"};
   return {"Halts", state::kNote,
           std::string("timers are announced and do not act: ") +
-              (e.view->halt_on != 0 ? "on-timers " : "") +
+              (e.view->halt_on != 0 ? "on-timers" : "") +
+              (e.view->halt_on != 0 && e.view->halt_off != 0 ? " and " : "") +
               (e.view->halt_off != 0 ? "off-timers" : ""),
           "dravelctl halt none"};
 }
@@ -152,6 +153,10 @@ static finding space_found() {
     struct statvfs found {};
     if (statvfs(directory, &found) != 0)
       continue; // made when the daemon starts
+    if ((found.f_flag & ST_RDONLY) != 0)
+      return {"Space", state::kProblem,
+              std::string(directory) + " is read-only: timers cannot be stored",
+              "journalctl -k may say why; mount it read-write"};
     const std::uintmax_t free = std::uintmax_t{found.f_bfree} * found.f_frsize;
     if (free < kLeastSpace)
       return {"Space", state::kProblem,
@@ -245,14 +250,15 @@ static std::string list_of(const std::vector<std::string> &words) {
 
 static finding screen_found(examination &e) {
   const machine_state &machine = *e.machine;
-  if (machine.screen_by != "targets")
-    return machine.screen == "unknown"
-               ? finding{"Screen", state::kProblem,
-                         "the television does not answer to " + machine.screen_by,
-                         "switch on HDMI-CEC in its menu; dravelctl test screen tries it"}
-               : finding{"Screen", state::kGood,
-                         "the television answers to " + machine.screen_by + ": " + machine.screen};
+  const bool has_adapter = machine.screen_by != "targets";
+  if (has_adapter && machine.screen != "unknown")
+    return {"Screen", state::kGood,
+            "the television answers to " + machine.screen_by + ": " + machine.screen};
   const auto units = units_of(e.bus, "dravel-on.target");
+  if (units.empty() && has_adapter) // it may be off, and silent then
+    return {"Screen", state::kNote,
+            "the television does not answer to " + machine.screen_by + " now",
+            "if it is on, switch on HDMI-CEC in its menu; dravelctl test screen tries it"};
   if (units.empty())
     return {"Screen", state::kProblem, "there is no HDMI-CEC adapter, and no unit turns the screen",
             "systemctl enable dravel-screen-ddc; dravel-manager.conf(5) has others"};

@@ -154,11 +154,12 @@ GVariant *client::answer_to(const bus_call &call, int timeout_ms, GError **error
   return sent.mapped()->answer(error);
 }
 
-void client::fail(const char *method, const GError *error, const std::string &when_silent) {
+void client::fail(const char *method, const GError *error, int timeout_ms,
+                  const std::string &when_silent) {
   sent_.clear(); // whoever tries again asks again
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
     throw failure{
-        "dravel-manager did not answer within " + seconds_text(timeout_ms_) +
+        "dravel-manager did not answer within " + seconds_text(timeout_ms) +
             (when_silent.empty() ? "; it may still do what it was asked" : ": " + when_silent),
         kLogHint, when_silent.empty() ? fault::kTimeout : fault::kRefused};
   if (is_one_of(error, {G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER}))
@@ -166,6 +167,9 @@ void client::fail(const char *method, const GError *error, const std::string &wh
                   "start it: systemctl start dravel-manager.service", fault::kNotRunning};
   if (is_one_of(error, {G_DBUS_ERROR_NO_REPLY}))
     throw failure{"dravel-manager ended before it answered", kLogHint, fault::kNotRunning};
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE ||
+      is_one_of(error, {G_DBUS_ERROR_DISCONNECTED}))
+    throw failure{"the system bus was lost", "try it again", fault::kNotRunning};
   if (is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
     throw failure{"the bus policy denies you " + std::string(method),
                   std::strcmp(method, "request_copy_db") == 0
@@ -185,7 +189,7 @@ GVariant *client::call(const char *method, GVariant *arguments, const char *repl
   g_autoptr(GError) error = nullptr;
   GVariant *reply = answer_to(daemon_call(method, arguments, reply_type), timeout_ms_, &error);
   if (reply == nullptr)
-    fail(method, error, when_silent);
+    fail(method, error, timeout_ms_, when_silent);
   return reply;
 }
 
@@ -316,7 +320,7 @@ GVariant *client::properties_of(const char *path, const char *interface) {
     return g_variant_get_child_value(reply, 0);
   if (is_absent(error) || is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
     return nullptr;
-  fail(kGetAll, error, "");
+  fail(kGetAll, error, timeout_ms_, "");
 }
 
 bool client::read_state(snapshot &view) {
@@ -392,12 +396,13 @@ std::optional<machine_state> client::machine() {
 GVariant *client::call_machine(const char *method, GVariant *arguments, const char *reply_type,
                                int seconds_more) {
   g_autoptr(GError) error = nullptr;
+  const int timeout_ms = timeout_ms_ + seconds_more * 1000;
   GVariant *reply = answer_to({kMachinePath, kMachineInterface, method, arguments, reply_type},
-                              timeout_ms_ + seconds_more * 1000, &error);
+                              timeout_ms, &error);
   if (reply == nullptr && is_absent(error))
     throw no_machine();
   if (reply == nullptr)
-    fail(method, error, "");
+    fail(method, error, timeout_ms, "");
   return reply;
 }
 

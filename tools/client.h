@@ -96,7 +96,8 @@ private:
   bool read_state(snapshot &view);
   void read_lists(snapshot &view, bool with_holidays);
   void read_halts(snapshot &view);
-  [[noreturn]] void fail(const char *method, const GError *error, const std::string &when_silent);
+  [[noreturn]] void fail(const char *method, const GError *error, int timeout_ms,
+                         const std::string &when_silent);
 
   GDBusConnection *bus_ = nullptr;
   int timeout_ms_;

@@ -4,6 +4,7 @@
 
 #include <systemd/sd-journal.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string_view>
 #include <unistd.h>
@@ -62,9 +63,7 @@ public:
     const int result = directory.empty() ? open_(&read_, SD_JOURNAL_LOCAL_ONLY | SD_JOURNAL_SYSTEM)
                                          : open_directory_(&read_, directory.c_str(), 0);
     if (result < 0)
-      throw failure{"the journal" + (directory.empty() ? "" : " in " + directory) +
-                        " cannot be read: " + g_strerror(-result),
-                    ""};
+      fail(directory.empty() ? "" : " in " + directory, result);
     for (const char *match : kMatches)
       match != nullptr ? add_match_(read_, match, 0) : add_disjunction_(read_);
   }
@@ -74,13 +73,21 @@ public:
 
   std::vector<past_event> events(civil_time since) {
     std::vector<past_event> found;
-    seek_(read_, static_cast<std::uint64_t>(since.time_since_epoch().count()) * kMicroseconds);
-    while (next_(read_) > 0)
+    const auto begin = std::max(since.time_since_epoch(), seconds(0)).count();
+    seek_(read_, static_cast<std::uint64_t>(begin) * kMicroseconds);
+    int result = 0;
+    while ((result = next_(read_)) > 0)
       found.push_back(entry());
+    if (result < 0)
+      fail("", result);
     return found;
   }
 
 private:
+  [[noreturn]] static void fail(const std::string &where, int result) {
+    throw failure{"the journal" + where + " cannot be read: " + g_strerror(-result), ""};
+  }
+
   past_event entry() {
     std::uint64_t at = 0;
     get_realtime_(read_, &at);

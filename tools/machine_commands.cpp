@@ -91,7 +91,8 @@ void order_screen(client &client, const options &given) {
   if (order != "" && order != "on" && order != "off")
     throw usage("screen takes no " + order, "give on or off, or nothing to see what it is");
   if (!order.empty())
-    g_variant_unref(client.call_machine("TurnScreen", g_variant_new("(b)", order == "on"), "()"));
+    g_variant_unref(client.call_machine("TurnScreen",
+                                        g_variant_new("(b)", order == "on" ? TRUE : FALSE), "()"));
   const auto machine = client.machine();
   if (!machine)
     throw no_machine();

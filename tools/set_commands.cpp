@@ -254,6 +254,18 @@ static std::string span_text_of(const holiday &period) {
   return first == last ? first : first + " to " + last;
 }
 
+// A refusal names those that were added before it.
+static int add_one_more(client &client, const holiday &part, civil_time now, const json &about) {
+  try {
+    return add_holiday(client, part, now);
+  } catch (const failure &refused) {
+    std::string added;
+    for (const json &one : about.contains("added") ? about["added"] : json::array())
+      added += (added.empty() ? "; added before: holidays " : ", ") + one["id"].dump();
+    throw failure{refused.what + added, refused.advice, refused.kind};
+  }
+}
+
 static void let_all_skip(client &client, const snapshot &view) {
   for (const timer_record &timer : view.timers)
     if (timer.holiday_effect == 0)
@@ -281,7 +293,7 @@ void add_holidays(client &client, const options &given) {
       known += (known.empty() ? "" : " and ") + std::to_string(same->id);
       continue;
     }
-    part.id = add_holiday(client, part, before.now.set);
+    part.id = add_one_more(client, part, before.now.set, about);
     if (about.empty())
       about = json_of(part);
     about["added"].push_back(json_of(part));
@@ -364,7 +376,7 @@ void import_holidays(client &client, const options &given) {
   std::string text;
   for (named_holiday &wanted : new_ones_of(entries, before.holidays)) {
     if (!given.check)
-      wanted.period.id = add_holiday(client, wanted.period, before.now.set);
+      wanted.period.id = add_one_more(client, wanted.period, before.now.set, about);
     text += text_of(wanted, given.check);
     about["added"].push_back(json_of(wanted.period));
     about["added"].back()["name"] = wanted.name;

@@ -30,8 +30,8 @@ static void boot_was(decision &d, const event::started &e) {
   woken.late_from = went_in_order ? e.kept.power.went.utc : e.booted_at;
 }
 
-// The last run was of another build, and its record cannot be read: what woke the machine is kept
-// by name.
+// The last run was of another build, and its record cannot be read: what woke the machine, and what
+// decides whether it may sleep again, is kept by name.
 static void build_was_changed(decision &d, const event::started &e) {
   auto &woken = d.m.woken;
   woken.by = e.kept.woken.by;
@@ -39,6 +39,10 @@ static void build_was_changed(decision &d, const event::started &e) {
   woken.at = woken.counted_at = d.now.boot;
   woken.utc = e.kept.woken.utc;
   woken.late_from = d.now.utc;
+  woken.stays = e.kept.woken.stays;
+  d.m.screen.ordered_on = e.kept.screen.ordered_on;
+  if (e.kept.sleep.wish == sleep_wish::kOffTimer)
+    wish_sleep(d, sleep_wish::kOffTimer, e.kept.sleep.method);
 }
 
 // The daemon of this run knows nothing of what the last one was told.

@@ -56,6 +56,8 @@ static std::map<std::uint64_t, DBusMessage *> open_calls; // of TestWake
 static std::string alarm_problem(const machine &record) {
   if (record.alarm.for_good)
     return sentence_of(problem::kNoDevice, record.problems[std::size_t(problem::kNoDevice)]);
+  if (const int error = record.problems[std::size_t(problem::kAlarmRead)]; error != 0)
+    return sentence_of(problem::kAlarmRead, error);
   return record.alarm.refused == 0 ? "" : sentence_of(problem::kAlarmRefused, record.alarm.refused);
 }
 

@@ -110,6 +110,21 @@ static void exchange(GKeyFile *file, decltype(machine::woken) &woken, bool read)
     woken.by = cause::kUser;
 }
 
+// What keeps another build from sending the machine to sleep before who watches, and what an
+// off-timer has wished.
+static void exchange_use(GKeyFile *file, machine &record, bool read) {
+  auto &sleep = record.sleep;
+  record.screen.ordered_on |= record.use.input_at != 0;
+  if (sleep.stage == wish_stage::kAsked) // it is over when another run reads it
+    sleep.wish = sleep_wish::kNone;
+  exchange_number(file, "must-say-off", record.screen.ordered_on, read);
+  exchange_number(file, "stays", record.woken.stays, read);
+  exchange_number(file, "wish", sleep.wish, read);
+  exchange_number(file, "wish-method", sleep.method, read);
+  if (sleep.wish > sleep_wish::kTest || sleep.method > off_action::kNone)
+    sleep.wish = sleep_wish::kNone;
+}
+
 static void exchange_alarm(GKeyFile *file, machine &record, bool read) {
   auto &alarm = record.alarm;
   exchange(file, "wanted", alarm.wanted, read);
@@ -119,6 +134,7 @@ static void exchange_alarm(GKeyFile *file, machine &record, bool read) {
   exchange(file, "before-sleep", alarm.before_sleep, read);
   exchange_number(file, "range", alarm.range, read);
   exchange(file, record.woken, read);
+  exchange_use(file, record, read);
   exchange_number(file, "phase", record.power.now, read);
   exchange_number(file, "went-utc", record.power.went.utc, read);
   if (record.power.now > phase::kShuttingDown)

@@ -424,6 +424,14 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   EXPECT_EQ(run.count<order::say>(), 0);
   EXPECT_EQ(run.last<order::ask_late>().from, kNow) << "nothing fires twice";
   EXPECT_NE(due_at(run.m, due_kind::kReturn), kNever);
+  start.kept.screen.ordered_on = true;
+  run.send(start);
+  run.send(event::armed{});
+  EXPECT_EQ(due_at(run.m, due_kind::kReturn), kNever) << "somebody watches, without CEC";
+  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone);
+  start.kept.sleep.wish = sleep_wish::kOffTimer;
+  run.send(start);
+  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kOffTimer);
 }
 
 TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {

@@ -106,6 +106,9 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   record.alarm.wanted = {7, kNow + 100};
   record.alarm.stands = {alarm_owner::kTimer, kNow + 85, kNow + 85};
   record.alarm.foreign = {alarm_owner::kForeign, kNow + 900, kNow + 901};
+  record.use.input_at = 1;
+  record.sleep.wish = sleep_wish::kOffTimer;
+  record.sleep.method = off_action::kPoweroff;
   EXPECT_FALSE(load_record(0).exists);
   EXPECT_EQ(store_record(record), 0);
   EXPECT_EQ(load_record(0).record.screen.believed, screen_state::kOff);
@@ -114,6 +117,9 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   const kept_record kept = load_record(0);
   EXPECT_TRUE(kept.exists && !kept.same_boot && kept.is_other_build);
   EXPECT_EQ(kept.record.woken.by, cause::kHop);
+  EXPECT_TRUE(kept.record.screen.ordered_on) << "somebody is there";
+  EXPECT_EQ(kept.record.sleep.wish, sleep_wish::kOffTimer);
+  EXPECT_EQ(kept.record.sleep.method, off_action::kPoweroff);
   EXPECT_EQ(kept.record.power.now, phase::kShuttingDown);
   EXPECT_EQ(kept.record.power.went.utc, kNow);
   EXPECT_EQ(kept.record.alarm.wanted, record.alarm.wanted);

@@ -213,6 +213,9 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 Holidays 1 are added: 20 Dec to 31 Dec.\n\
       Holidays 2 are added: 1 Jan to 6 Jan.
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 skips holidays =/> No timer
+    sqlite3 /opt/dbspace/.dravel.db 'CREATE TRIGGER t BEFORE INSERT ON disabled_period WHEN \
+      (SELECT count(*) FROM disabled_period) BEGIN SELECT raise(FAIL, "no"); END' \
+      -> holidays add 12-20 01-06 => 1 ; added before: holidays 1
     holidays add 12-20 01-06 -> holidays add 12-20 01-06 => 1 these days are holidays 1 and 2 already
     holidays add 01-01 01-06 -> holidays add -j 12-20 01-06 => 0 "added":[{"id":2,"first":{"month":12,
     add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 \
@@ -336,7 +339,8 @@ TEST_F(CtlOnAMachine, IsChecked_AndTriedOut) {
 TEST_F(Ctl, IsChecked_WhereItApplies) {
   check(R"(
     ctl check => 0 ok      Daemon: dravel-manager =/> Alarm
-    ctl halt on -> ctl check => 0 note    Halts: timers are announced and do not act: on-timers
+    ctl halt on -> ctl check => 0 note    Halts: timers are announced and do not act: on-timers; dr
+    ctl halt both -> ctl check => 0 not act: on-timers and off-timers; dravelctl halt none
     lose_clock -> ctl check => 1 problem Clock: it is unknown: no timer is armed; set it
     signal STOP -> wait=0.2; ctl check; status=$?; signal CONT; exit $status => 1 problem Daemon: dr
     ctl test wake => 1 shows no machine
@@ -355,6 +359,7 @@ TEST_F(Ctl, History_TellsWhatTheJournalHas) {
     night -> past 7 => 0 Nothing has happened since
     night -> past -j 3 => 0 ,"event":"halted","timer":3,"reason":"","text":"timer 3 does not act: timers
     night -> export TZ=CET-1; past | grep -c "$(date -d @$(ago 2) '+%F %H:%M')" => 0 1
+    night -> export TZ=CET-1; past --since 1970-01-01 => 0  the machine is sent to sleep: suspend\n
     ctl history --since tomorrow => 2 --since=tomorrow is no time that has passed; write yesterday
     ctl history --journal /nowhere => 1 the journal in /nowhere cannot be read: No such file
     ctl history x => 2 x is no id
@@ -445,6 +450,7 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
       => 0 Holidays 1 are added: 1 Apr.\nTimers that skip them: 1\nNote: Hol =/> Holidays 2
     ics $D:20261214\\nDTEND${D#DTSTART}:20261216 $D:20271215 >x -> holidays import x => 0 \
       1 are added: 14 Dec to 15 Dec.\nTimers =/> Holidays 2
+    ics $D:20270401\\nSUMMARY:$(printf %099d 0)ü >x -> holidays import x => 0 000.\nTimers
     ics $D:20270401 >x -> holidays import x --check; holidays => 0 \
       Would be added: 1 Apr.\n =/> FIRST DAY
     ics $D:20270401 >x -> holidays import - --check -j <x; holidays => 0 {"added":[{"id":null,"first":\
@@ -621,7 +627,7 @@ machine() {
 }
 machine 31; dravelctl test screen --seconds 1
 fits 'test wake' test wake --seconds 31; fits 'test screen' test screen --seconds 0
-busctl call $daemon $object $bus.Mock RemoveObject s $object/machine; machine 40)sh");
+busctl call $daemon $object $bus.Mock RemoveObject s $object/machine; machine 130)sh");
   EXPECT_THAT(told.said, HasSubstr("The machine slept for 57 seconds and was woken for a test, "));
   EXPECT_THAT(told.said, HasSubstr("status 0\n"));
   EXPECT_THAT(told.said, HasSubstr("\nThe television said: off, then on.\n"));
