@@ -88,7 +88,7 @@ failure no_machine() {
 
 void order_screen(client &client, const options &given) {
   const std::string order = given.words.empty() ? "" : given.words[0];
-  if (order != "" && order != "on" && order != "off")
+  if (!order.empty() && order != "on" && order != "off")
     throw usage("screen takes no " + order, "give on or off, or nothing to see what it is");
   if (!order.empty())
     g_variant_unref(client.call_machine("TurnScreen",
