@@ -64,7 +64,8 @@ void trial::break_off() {
 }
 
 void trial::turn_screen(bool on) {
-  g_variant_unref(client_.call_machine("TurnScreen", g_variant_new("(b)", on), "()"));
+  g_variant_unref(
+      client_.call_machine("TurnScreen", g_variant_new("(b)", on ? TRUE : FALSE), "()"));
 }
 
 void trial::start_screen() {

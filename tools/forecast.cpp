@@ -69,10 +69,10 @@ public:
   void change_clock(civil_time system, outlook &found);
 
 private:
-  std::optional<ontime> programmed{};
-  std::vector<std::size_t> ontimers; // their places in the list, sorted at the last removal
-  std::vector<std::size_t> offtimers;
-  bool choice_matters = true;
+  std::optional<ontime> programmed_{};
+  std::vector<std::size_t> ontimers_; // their places in the list, sorted at the last removal
+  std::vector<std::size_t> offtimers_;
+  bool choice_matters_ = true;
 
   bool goes_ahead(timer_record &added, timer_record &before);
   std::vector<std::size_t> sorted(bool (*is_such)(int type));
@@ -113,15 +113,15 @@ std::vector<std::size_t> scheduler::sorted(bool (*is_such)(int type)) {
 
 // Item by item the daemon does both lists at once, which gives the same.
 void scheduler::sort_lists() {
-  ontimers = sorted([](int type) { return is_ontimer_type(type); });
-  offtimers = sorted([](int type) { return type == TIMER_TYPE_OFF; });
+  ontimers_ = sorted([](int type) { return is_ontimer_type(type); });
+  offtimers_ = sorted([](int type) { return type == TIMER_TYPE_OFF; });
 }
 
 // Takes the days of off-timers at the on-timer's time from its days, or the on-timer's arming.
 // False when none is left.
 bool scheduler::leave_out_offtimers(timer_record &ontimer) {
   const int all_days = ontimer.week_flag;
-  for (const std::size_t place : offtimers) {
+  for (const std::size_t place : offtimers_) {
     const timer_record &off = view.timers[place];
     if (!is_off_at(off, ontimer, view.now))
       continue;
@@ -138,7 +138,7 @@ bool scheduler::leave_out_offtimers(timer_record &ontimer) {
 
 std::optional<ontime> scheduler::choose() {
   std::optional<ontime> best;
-  for (const std::size_t place : ontimers) {
+  for (const std::size_t place : ontimers_) {
     timer_record &ontimer = view.timers[place];
     timer_record narrowed = ontimer;
     if (!leave_out_offtimers(narrowed))
@@ -159,9 +159,9 @@ bool scheduler::may_choice_matter() const {
     return at - floor<days>(at);
   };
   std::set<seconds> off_times;
-  for (const std::size_t place : offtimers)
+  for (const std::size_t place : offtimers_)
     off_times.insert(time_of_day(view.timers[place]));
-  return std::ranges::any_of(ontimers, [&](std::size_t place) {
+  return std::ranges::any_of(ontimers_, [&](std::size_t place) {
     const timer_record &timer = view.timers[place];
     return off_times.contains(time_of_day(timer)) ||
            (timer.week_flag == 0 && timer.holiday_effect != 0 && !view.holidays.empty());
@@ -170,22 +170,22 @@ bool scheduler::may_choice_matter() const {
 
 // After `timer` is armed.
 void scheduler::reconsider(const timer_record &timer, civil_time next) {
-  if (!choice_matters)
+  if (!choice_matters_)
     return;
   const civil_time now = view.now.set;
-  const bool is_pending = programmed && programmed->at >= now;
+  const bool is_pending = programmed_ && programmed_->at >= now;
   if (!is_ontimer_type(timer.type)) {
     if (timer.type == TIMER_TYPE_OFF && is_pending)
-      programmed = choose();
+      programmed_ = choose();
     return;
   }
   const bool is_too_soon = next - now <= kTooSoon && floor<minutes>(next) == floor<minutes>(now);
-  const bool goes_before = !is_pending || next < programmed->at ||
-                           (next == programmed->at && timer.priority > programmed->priority);
+  const bool goes_before = !is_pending || next < programmed_->at ||
+                           (next == programmed_->at && timer.priority > programmed_->priority);
   if (is_too_soon || !goes_before)
     return;
   if (const auto chosen = choose())
-    programmed = chosen;
+    programmed_ = chosen;
 }
 
 // False when the daemon removes the timer.
@@ -208,8 +208,8 @@ static void anchor(timer_record &timer, const clocks &now) {
 // The clock read `from` before. A timer of the system clock keeps its moment when the set's jumps.
 void scheduler::arm_all(civil_time from, effects &told) {
   const auto before = view.armed;
-  programmed.reset();
-  choice_matters = may_choice_matter();
+  programmed_.reset();
+  choice_matters_ = may_choice_matter();
   for (std::size_t i = 0; i < view.timers.size();) {
     timer_record &timer = view.timers[i];
     const int id = timer.id;
@@ -247,7 +247,8 @@ std::optional<firing> scheduler::soonest() const {
     if (armed == view.armed.end() || armed->second < view.now.set)
       continue;
     const civil_time best = found != nullptr ? view.armed.at(found->id) : civil_time::max();
-    if (armed->second < best || (armed->second == best && is_ahead(timer, *found)))
+    if (found == nullptr || armed->second < best ||
+        (armed->second == best && is_ahead(timer, *found)))
       found = &timer;
   }
   if (found == nullptr)

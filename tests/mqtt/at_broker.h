@@ -50,10 +50,11 @@ inline int free_port() {
   const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = loopback(0);
   socklen_t size = sizeof address;
-  bind(descriptor, reinterpret_cast<sockaddr *>(&address), size);
-  getsockname(descriptor, reinterpret_cast<sockaddr *>(&address), &size);
+  auto *any = reinterpret_cast<sockaddr *>(&address);
+  const bool is_bound =
+      bind(descriptor, any, size) == 0 && getsockname(descriptor, any, &size) == 0;
   close(descriptor);
-  return ntohs(address.sin_port);
+  return is_bound ? ntohs(address.sin_port) : 0;
 }
 
 class Mqtt : public daemon_test {

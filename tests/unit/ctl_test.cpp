@@ -126,7 +126,7 @@ void Forecasts::start(const std::string &zone, bool is_linux, unsigned seed) {
   system_log_threshold = SYSTEM_LOG_ERROR; // the log would take most of the time
   set_zone((":" + zone).c_str());
   times_.clear();
-  utc_ = time_of("2024-01-01 00:00") + any(std::int64_t{0}, std::int64_t{12 * 365} * kDay);
+  utc_ = time_of("2024-01-01 00:00") + any(std::int64_t{0}, 4380 * kDay);
   const std::int64_t change = linux_transition_after(utc_);
   if (change != 0 && any(0, 2) != 0)
     utc_ = change - any(std::int64_t{0}, 3 * kDay);
