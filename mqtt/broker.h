@@ -71,7 +71,7 @@ private:
   void hand_over(std::function<void()> happened);
   void receive(message received);
   void tell_failure(int error);
-  static int take(void *self);
+  static int take(void *data);
 
   const configuration &configuration_;
   const publication will_;

@@ -64,7 +64,7 @@ static json answer_to(const command &command, bool is_done) {
   return answer;
 }
 
-std::string done(const command &command, json about) {
+std::string done(const command &command, const json &about) {
   json answer = answer_to(command, true);
   answer.update(about);
   return text_of(answer);

@@ -19,6 +19,6 @@ command command_of(const message &message);
 // The object in the message, of no other members than `known`. Throws a failure.
 json body_of(const message &message, std::initializer_list<const char *> known);
 
-std::string done(const command &command, json about = json::object());
+std::string done(const command &command, const json &about = json::object());
 std::string not_done(const command &command, const failure &failure,
                      const char *kind = nullptr); // the failure's own unless it is given

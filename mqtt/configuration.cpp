@@ -159,7 +159,8 @@ static void read_keys(GKeyFile *file, const char *group, const std::string &wher
     try {
       row->set(draft, value != nullptr ? value : "");
     } catch (const std::string &wanted) {
-      throw failure{place + " " + wanted, "see dravel-mqtt.conf(5)", fault::kUsage};
+      throw failure{std::string(place).append(" ").append(wanted), "see dravel-mqtt.conf(5)",
+                    fault::kUsage};
     }
   }
 }

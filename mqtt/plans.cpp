@@ -75,7 +75,7 @@ static json revision_of(const message &plan) {
   return body.is_object() && body.contains("revision") ? body["revision"] : json(nullptr);
 }
 
-void plans::keep(const message &plan, json about) {
+void plans::keep(const message &plan, const json &about) {
   const std::string source = plan.topic.substr(configuration_.prefix.size() + 1); // NAME/set/apply
   json document{{"source", source.substr(0, source.rfind("/set/"))},
                 {"revision", revision_of(plan)},

@@ -29,7 +29,7 @@ public:
 
 private:
   const message *in_force() const;
-  void keep(const message &plan, json about);
+  void keep(const message &plan, const json &about);
 
   const configuration &configuration_;
   std::string file_;

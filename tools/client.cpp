@@ -257,12 +257,6 @@ static civil_time civil(std::uint32_t time) { return civil_time(seconds(time)); 
 
 civil_time machine_time() { return civil_time(seconds(std::time(nullptr))); }
 
-static std::string text_of(GVariant *properties, const char *name) {
-  const char *text = "";
-  g_variant_lookup(properties, name, "&s", &text);
-  return text;
-}
-
 bool read_wakeup(GVariant *properties, wakeup_time &wakeup) {
   std::uint32_t at = 0;
   gboolean is_utc = FALSE;
@@ -283,8 +277,8 @@ static void compare_with_zone(snapshot &view) {
 }
 
 static void fill_state(snapshot &view, GVariant *properties) {
-  view.version = text_of(properties, "Version");
-  view.platform = text_of(properties, "Platform");
+  view.version = text_property(properties, "Version");
+  view.platform = text_property(properties, "Platform");
   std::uint32_t clock = 0;
   gboolean confirmed = FALSE;
   g_variant_lookup(properties, "Clock", "u", &clock);

@@ -3,7 +3,7 @@
 using std::chrono::seconds;
 using std::chrono::sys_seconds;
 
-static std::string text_of(GVariant *properties, const char *name) {
+std::string text_property(GVariant *properties, const char *name) {
   const char *text = "";
   g_variant_lookup(properties, name, "&s", &text);
   return text;
@@ -20,13 +20,13 @@ static sys_seconds time_of(GVariant *properties, const char *name) {
 }
 
 machine_state machine_state_of(GVariant *properties) {
-  machine_state shown{.screen = text_of(properties, "Screen"),
-                      .screen_by = text_of(properties, "ScreenBy"),
+  machine_state shown{.screen = text_property(properties, "Screen"),
+                      .screen_by = text_property(properties, "ScreenBy"),
                       .alarm = time_of(properties, "Alarm"),
-                      .alarm_for = text_of(properties, "AlarmFor"),
-                      .alarm_problem = text_of(properties, "AlarmProblem"),
+                      .alarm_for = text_property(properties, "AlarmFor"),
+                      .alarm_problem = text_property(properties, "AlarmProblem"),
                       .sleeps_at = time_of(properties, "SleepsAt"),
-                      .postponed = text_of(properties, "Postponed")};
+                      .postponed = text_property(properties, "Postponed")};
   guint64 woken = 0;
   const char *cause = "";
   if (g_variant_lookup(properties, "LastWake", "(t&s)", &woken, &cause) != FALSE) {

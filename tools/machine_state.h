@@ -24,4 +24,7 @@ struct machine_state {   // times are UTC; 1970: none
   std::vector<std::string> problems{};
 };
 
+// "" when the object has no such property.
+std::string text_property(GVariant *properties, const char *name);
+
 machine_state machine_state_of(GVariant *properties);

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <unistd.h>
 
-static constexpr std::size_t kLongest = 300;
+static constexpr std::size_t kLongestText = 300;
 
 static bool in_colour(std::FILE *out) {
   const char *no_color = std::getenv("NO_COLOR");
@@ -63,15 +63,15 @@ void say(bool as_json, json value, const std::string &text, const std::vector<st
 
 // A word of the user's may be of any length.
 static std::string cut(const std::string &text) {
-  if (text.size() <= kLongest)
+  if (text.size() <= kLongestText)
     return text;
   const auto bound = [&](std::size_t at) { // not inside a character
     while (at < text.size() && (static_cast<unsigned char>(text[at]) & 0xc0) == 0x80)
       ++at;
     return at;
   };
-  return text.substr(0, bound(kLongest / 2)) + "..." +
-         text.substr(bound(text.size() - kLongest / 3));
+  return text.substr(0, bound(kLongestText / 2)) + "..." +
+         text.substr(bound(text.size() - kLongestText / 3));
 }
 
 static const char *kind_name(fault kind) {

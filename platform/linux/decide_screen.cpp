@@ -10,7 +10,7 @@ bool is_on(const machine &m) { return m.screen.believed == screen_state::kOn; }
 
 bool has_television(const machine &m) { return m.screen.has_cec && m.screen.has_spoken; }
 
-static bool wants_on(const machine &m) { return m.screen.ordered == screen_order::kOn; }
+bool wants_on(const machine &m) { return m.screen.ordered == screen_order::kOn; }
 
 void ask_television(decision &d) {
   if (d.m.screen.has_cec)

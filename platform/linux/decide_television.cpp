@@ -13,8 +13,6 @@ static void believe(decision &d, screen_state state) {
   tell(d, delivery::kState);
 }
 
-static bool wants_on(const machine &m) { return m.screen.ordered == screen_order::kOn; }
-
 // The machine follows a television that its remote has switched off.
 static void follow_off(decision &d) {
   if (!d.m.set.follow_screen)

@@ -10,8 +10,8 @@
 // With this flag logind looks at inhibitors of other users also for root.
 static constexpr std::uint64_t kCheckInhibitors = 1;
 
-static constexpr const char *kMethods[] = {"SuspendWithFlags", "PowerOffWithFlags",
-                                           "HibernateWithFlags"}; // by off_action
+static constexpr const char *kSleepMethods[] = {"SuspendWithFlags", "PowerOffWithFlags",
+                                                "HibernateWithFlags"}; // by off_action
 
 static event_sink happens;
 static int inhibitor = -1; // delays sleep and shutdown while it is open
@@ -114,7 +114,7 @@ static int sleep_answered(sd_bus_message *reply, void *, sd_bus_error *) {
 }
 
 void send_to_sleep(off_action method) {
-  bus_call(kLogind, kMethods[static_cast<int>(method)], sleep_answered, nullptr, "t",
+  bus_call(kLogind, kSleepMethods[static_cast<int>(method)], sleep_answered, nullptr, "t",
            kCheckInhibitors);
 }
 

@@ -174,6 +174,7 @@ void check_off_action(decision &d);
 
 // --- decide_screen.cpp ---
 
+bool wants_on(const machine &m); // the screen, by the last order
 bool is_on(const machine &m);
 bool has_television(const machine &m); // one that has said something
 void turn_screen(decision &d, bool on);

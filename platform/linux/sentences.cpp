@@ -33,10 +33,10 @@ static constexpr named<alarm_owner> kOwners[] = {{alarm_owner::kNone, "none"},
                                                  {alarm_owner::kHop, "hop"},
                                                  {alarm_owner::kTest, "test"},
                                                  {alarm_owner::kForeign, "foreign"}};
-static constexpr named<off_action> kMethods[] = {{off_action::kSuspend, "suspend"},
-                                                 {off_action::kPoweroff, "power off"},
-                                                 {off_action::kHibernate, "hibernate"},
-                                                 {off_action::kNone, "nothing"}};
+static constexpr named<off_action> kOffActions[] = {{off_action::kSuspend, "suspend"},
+                                                    {off_action::kPoweroff, "power off"},
+                                                    {off_action::kHibernate, "hibernate"},
+                                                    {off_action::kNone, "nothing"}};
 static constexpr named<postponed> kReasons[] = {
     {postponed::kNot, ""},
     {postponed::kBlocked, "a program blocks it"},
@@ -152,7 +152,7 @@ static std::string cause_text(std::int64_t by) { return word_of(static_cast<caus
 static std::string seconds_text(std::int64_t count) { return std::to_string(count) + " seconds"; }
 static std::string wait_text(std::int64_t why) { return sentence_of(static_cast<postponed>(why)); }
 static std::string method_text(std::int64_t way) {
-  return name_of(kMethods, static_cast<off_action>(way));
+  return name_of(kOffActions, static_cast<off_action>(way));
 }
 static std::string answer_text(std::int64_t denied) {
   return denied == 0 ? "does not answer that it is on" : "answers that it is off";

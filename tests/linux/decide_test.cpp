@@ -9,7 +9,7 @@
 #include <vector>
 
 static constexpr std::int64_t kNow = 1'800'000'000;
-static constexpr std::int64_t kDay = 86400;
+static constexpr std::int64_t kOneDay = 86400;
 
 namespace {
 
@@ -220,7 +220,7 @@ TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
     set.hop_boots = hop_boots;
     awake_machine run(set);
     run.m.alarm.range = 23LL * 3600;
-    run.send(event::program{0, kNow + 3 * kDay, 0});
+    run.send(event::program{0, kNow + 3 * kOneDay, 0});
     EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kHop);
     run.send(event::shutdown_begins{});
     EXPECT_EQ(run.alarm != 0, hop_boots);
@@ -308,11 +308,11 @@ TEST(Decide, ATransitionThatAnotherEventMeets_IsTold_AndTheNextIsAskedFor) {
 // A hop, which passes in the second of another event.
 TEST(Decide, AnAlarmThatPasses_IsSetAgain_WhateverEventComesFirst) {
   awake_machine run;
-  run.m.alarm.range = kDay;
-  run.send(event::program{0, kNow + 3 * kDay, 0});
-  run.pass(kDay + 1);
+  run.m.alarm.range = kOneDay;
+  run.send(event::program{0, kNow + 3 * kOneDay, 0});
+  run.pass(kOneDay + 1);
   run.send(event::ambient{});
-  EXPECT_EQ(run.alarm, kNow + 2 * kDay + 1);
+  EXPECT_EQ(run.alarm, kNow + 2 * kOneDay + 1);
 }
 
 TEST(Decide, AnAlarmThatTheFirmwareSwitchesOff_DoesNotTakeTheForeignOneWithIt) {

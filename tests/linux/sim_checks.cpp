@@ -6,7 +6,7 @@
 
 static constexpr millis kOnTimeMs = 2 * kSecondMs;
 static constexpr millis kOrderMs = 20 * kSecondMs; // an order to a television is repeated so long
-static constexpr millis kBootMs = 35 * kSecondMs;
+static constexpr millis kLongestBootMs = 35 * kSecondMs;
 static constexpr millis kResumeMs = 2100;
 static constexpr millis kWindowMs = 9 * kSecondMs; // a key in it has woken the machine
 static constexpr millis kAnswerMs = 3 * kSecondMs; // waited for
@@ -450,13 +450,13 @@ void sim_checks::came_up(bool boots) {
   if (world_.up_by == cause::kTimer || world_.up_by == cause::kHop || world_.up_by == cause::kTest)
     sleeps_.clear();
   if (was_timer_second_) // it may have been about to fire
-    on_until_ = now() + kOrderMs + kBootMs;
+    on_until_ = now() + kOrderMs + kLongestBootMs;
   const std::int64_t last = slept_through_;
   if (world_.is_alive) // otherwise a daemon that has not started yet makes up for them
     slept_through_ = 0;
   if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ >= last)
     return;
-  on_until_ = now() + kOrderMs + kBootMs;
+  on_until_ = now() + kOrderMs + kLongestBootMs;
   // Without a slept time the daemon's own timers end at the wake-up, before anything is known.
   if (world_.is_alive && world_.counts_sleep && !said_on_ && is_clock_known())
     expected_.push_back(now() + kOnTimeMs + 3 * world_.bus_ms);

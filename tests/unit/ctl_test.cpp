@@ -74,8 +74,6 @@ TEST_F(Tool, NextFiring_IsTheDaemons_For10000TimersAndClocks) {
   }
 }
 
-namespace {
-
 constexpr int kTimers = 12; // of a round
 constexpr std::int64_t kHour = 3600, kDay = 24 * kHour;
 constexpr const char *kZones[] = {"Europe/Berlin",       "America/New_York", "America/Santiago",
@@ -103,8 +101,6 @@ private:
   std::vector<std::int64_t> times_; // that several timers have
   bool is_linux_ = false;
 };
-
-} // namespace
 
 // --- the two platforms ---
 

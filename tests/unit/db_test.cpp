@@ -240,8 +240,8 @@ TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0
   }
 }
 
-static constexpr int kNever = INT_MAX;
-static int changes_left = kNever; // of names in a directory, until the process ends
+static constexpr int kNoLimit = INT_MAX;
+static int changes_left = kNoLimit; // of names in a directory, until the process ends
 
 static void count_change() {
   if (--changes_left == 0)
