@@ -8,7 +8,8 @@ static constexpr millis kOnTimeMs = 2 * kSecondMs;
 static constexpr millis kOrderMs = 20 * kSecondMs; // an order to a television is repeated so long
 static constexpr millis kLongestBootMs = 35 * kSecondMs;
 static constexpr millis kResumeMs = 2100;
-static constexpr millis kWindowMs = 9 * kSecondMs; // a key in it has woken the machine
+static constexpr millis kWindowMs = 9 * kSecondMs; // a key in it has woken the machine,
+static constexpr millis kDoubtMs = 11 * kSecondMs; // and one until then perhaps
 static constexpr millis kAnswerMs = 3 * kSecondMs; // waited for
 static constexpr millis kAskedMs = 5 * kSecondMs;
 static constexpr millis kUnseenMs = kSecondMs;
@@ -117,10 +118,12 @@ void sim_checks::time_passes(millis next) {
   if (from == to)
     return;
   for (const sim_timer &timer : world_.timers)
-    for (std::int64_t day = 0; day <= (timer.daily ? kMostDays : 0); ++day) {
+    // One that is armed for its next day comes again when the clock is set back.
+    for (std::int64_t day = timer.daily ? -1 : 0; day <= (timer.daily ? kMostDays : 0); ++day) {
       const std::int64_t local = timer.local + day * kDay;
       const std::int64_t due = world_.to_utc(local);
-      if (due > from && due <= to && due + world_.offset(due) == local)
+      if (due > from && due <= to && (day >= 0 || due > timer.since) &&
+          due + world_.offset(due) == local)
         becomes_due(timer, due);
     }
 }
@@ -128,7 +131,7 @@ void sim_checks::time_passes(millis next) {
 void sim_checks::clock_stepped() {
   stepped_at_ = now();
   tampered();
-  slept_through_ = 0;
+  slept_through_ = off_due_ = 0; // by the old clock
   expected_.clear();
   if (!world_.is_alive || !world_.m.armed || is_cause_open_) // what it goes past is made up for
     on_until_ = now() + kLateSeconds * kSecondMs;
@@ -137,6 +140,7 @@ void sim_checks::clock_stepped() {
 // --- 2: the screen ---
 
 void sim_checks::screen_called(bool on) {
+  quiet_since_.reset(); // who calls uses the machine
   if (on)
     on_until_ = now() + kOrderMs;
   else
@@ -168,16 +172,16 @@ void sim_checks::check_use(bool is_return, off_action method) {
     world_.broken(3, "a job of a timer at a sleep");
 }
 
-bool sim_checks::is_user_seen() const {
-  return world_.seen_at >= world_.up_at && world_.seen_at < world_.up_at + kWindowMs;
+bool sim_checks::is_user_seen(millis window) const {
+  return world_.seen_at >= world_.up_at && world_.seen_at < world_.up_at + window;
 }
 
 void sim_checks::check_return() {
   const sim_television &tv = world_.tv;
   if (said_on_)
     world_.broken(3, "the screen is on at a return");
-  if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on &&
-      !refuses<order::tv_ask>(world_) && tv.changed_at < now() - kAskedMs)
+  if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on && !is_silent_ &&
+      tv.changed_at < now() - kAskedMs)
     world_.broken(3, "somebody watches at a return");
   if (tv.has_cec && asked_at_ < now() - kAskedMs)
     world_.broken(3, "the television is not asked before a return");
@@ -188,8 +192,8 @@ void sim_checks::check_return() {
   if (world_.seen_at > world_.up_at && quiet > kUnseenMs && said_off_at_ <= world_.seen_at)
     world_.broken(3, "somebody has come, and no television is off, at a return");
   const bool is_sure = knows_cause_ && !is_alarm_near();
-  if (is_sure &&
-      (world_.up_by == cause::kForeign || (world_.up_by == cause::kUser && is_user_seen())))
+  if (is_sure && (world_.up_by == cause::kForeign ||
+                  (world_.up_by == cause::kUser && is_user_seen(kWindowMs))))
     world_.broken(3, "who has woken the machine decides when it sleeps");
 }
 
@@ -292,7 +296,7 @@ bool sim_checks::wants_return() const {
   const bool must_say = by == cause::kNothing || world.seen_at >= world.up_at || is_ordered_on_;
   if ((must_say && (!says_off || is_silent_ || tv.changed_at >= asked_at_)) ||
       by == cause::kForeign || by == cause::kUser || stays || is_cause_open_ ||
-      (by == cause::kNothing && is_user_seen()))
+      (by == cause::kNothing && is_user_seen(kDoubtMs)))
     return false;
   if (said_on_ || (tv.on && tv.answers()) || tv.lies)
     return false;
@@ -303,7 +307,8 @@ bool sim_checks::wants_return() const {
   if (world.foreign && *world.foreign - world.alarm.count(now()) < kLateSeconds)
     return false;
   const std::int64_t ahead = wanted_.on_time - world.utc();
-  const off_action method = world.method;
+  // An off-timer of since the wake-up wants its own kind of sleep.
+  const off_action method = off_at_ >= world.up_at ? world.set.off : world.method;
   const std::int64_t near = lead_of(world, method) + nearness_of(world, method) +
                             world.set.return_to_sleep + kReturnSlackMs / kSecondMs;
   if (wanted_.on_time == 0 || ahead <= 0)
@@ -318,7 +323,7 @@ millis sim_checks::return_limit() const {
   // A clock that has refused its alarm is looked at again so often.
   const millis look = tampered_at_ >= world_.up_at ? kLookAgain : 0;
   const millis limit = (look + std::max({retry, pause, world_.set.return_to_sleep})) * kSecondMs;
-  // After so many sleeps in an hour, a test's among them, it waits.
+  // After so many sleeps in an hour it waits.
   const bool is_often = sleeps_.size() >= kMostSleepsAnHour;
   const millis again =
       is_often ? sleeps_[sleeps_.size() - kMostSleepsAnHour] + 3600 * kSecondMs : 0;
@@ -354,7 +359,10 @@ void sim_checks::check_alarm() {
   }
   const off_action method = world_.method;
   const std::int64_t least = nearness_of(world_, method);
-  const std::int64_t ours = std::max(ahead - lead_of(world_, method), least);
+  // Somebody else's sleep that begins while ours is on its way to logind is taken for ours.
+  const bool crosses = crossed_at_ > world_.down_at - (world_.delay_max + 1) * kSecondMs;
+  const std::int64_t lead = crosses ? world_.set.lead_suspend : lead_of(world_, method);
+  const std::int64_t ours = std::max(ahead - lead, least);
   // One that is too near may go off before the machine sleeps; ours is set then.
   if (foreign != 0 && foreign - count <= least + kNearSeconds)
     return;
@@ -383,7 +391,9 @@ void sim_checks::check_alarm() {
 void sim_checks::went_down(bool is_ready) {
   expected_.clear();
   const millis sent_at = std::exchange(sent_at_, -1);
-  if (sent_at >= 0 && is_loop(sleeps_, sent_at) && !is_test_)
+  if (sent_at >= 0 && is_test_)
+    sleeps_.clear();
+  else if (sent_at >= 0 && is_loop(sleeps_, sent_at))
     world_.broken(10, "more than 6 sleeps in an hour");
   quiet_since_.reset();
   wanted_at_down_ = wanted_;
@@ -437,8 +447,10 @@ void sim_checks::came_up(bool boots) {
   is_clock_set_ = is_clock_set_ && !boots;
   said_on_ = said_on_ && !boots;
   has_spoken_ = has_spoken_ && !boots;
-  if (boots)
+  if (boots) {
     has_line_ = {};
+    sleeps_.clear(); // an alarm or somebody has booted it: that is no loop
+  }
   is_ordered_on_ = false;
   const std::int64_t stands = world_.alarm.stands();
   left_at_up_ = stands == 0 ? kDay : stands - world_.alarm.count(now());

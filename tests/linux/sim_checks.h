@@ -42,6 +42,7 @@ public:
   }
   bool is_cause_open() const { return is_cause_open_; }
   void sleep_failed() { sent_at_ = -1; }
+  void sleep_crosses() { crossed_at_ = now(); }
   void test_called() { test_at_ = now(); }
   bool has_released(millis since) const { return released_at_ >= since; }
   void delay_ended(millis begun_at);
@@ -68,7 +69,7 @@ private:
   void follow_return(millis next);
   void check_credit();
   bool is_alarm_near() const;
-  bool is_user_seen() const;
+  bool is_user_seen(millis window) const;
   void check_cause();
   void check_problems(const event::any &what);
   void check_due(const event::any &what);
@@ -79,7 +80,8 @@ private:
   std::int64_t off_due_ = 0;       // the last off-timer that became due
   std::int64_t due_at_ = 0;        // the last timer, true ms
   millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs;
-  millis on_until_ = -1; // a cause holds
+  millis on_until_ = -1;        // a cause holds
+  millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
   millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1;
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
