@@ -262,7 +262,7 @@ static std::vector<std::int64_t> explained(const json &told,
 
 void Forecasts::compare() {
   const snapshot view = present_view(civil(utc_));
-  const outlook ahead = forecast(view, forecast_end(view));
+  const outlook ahead = forecast(view);
   const json week = json_of_week(view);
   std::vector<json> told;
   for (const timer_record &timer : view.timers)
@@ -318,7 +318,7 @@ TEST(Explanation, TellsOfTheJumpOfTheClock) {
     view.follows_zone = true;
     view.timers = {{.id = 3, .type = TIMER_TYPE_OFF, .at = night, .week_flag = week_flag}};
     view.armed[3] = night;
-    const outlook ahead = forecast(view, forecast_end(view));
+    const outlook ahead = forecast(view);
     EXPECT_EQ(
         fate_of(view.timers[0], ahead),
         std::string("The clock jumps from 02:00 to 03:00 before it, on Sun 2027-03-28, and ") +
@@ -326,6 +326,18 @@ TEST(Explanation, TellsOfTheJumpOfTheClock) {
     EXPECT_EQ(span_until(civil(time_of("2027-03-28 12:00")), view), "23 hours");
   }
   set_zone(nullptr);
+}
+
+// Another timer's firing moves one for a date into the next day; without one it keeps its date.
+TEST(Explanation, GoesOnUntilATimerForAFarDateHasFired) {
+  snapshot view;
+  view.now = {civil(time_of("15 12:00")), civil(time_of("15 12:00"))};
+  view.timers = {{.id = 1, .type = TIMER_TYPE_OFF, .at = civil(time_of("2027-12-14 18:00"))}};
+  view.armed[1] = view.timers[0].at;
+  EXPECT_EQ(forecast(view).firings.at(0).at, view.armed[1]);
+  view.timers.push_back({.id = 2, .type = TIMER_TYPE_OFF, .at = {}, .week_flag = 127});
+  view.armed[2] = civil(time_of("16 00:00"));
+  EXPECT_EQ(forecast(view).firings.size(), 36U); // of five weeks
 }
 
 // The daemon counts the seconds that the clock shows: of an hour that it shows twice the first is
