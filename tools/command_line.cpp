@@ -112,7 +112,7 @@ CLI::App *command_line::define_explain(const command_row &row) {
 
 CLI::App *command_line::define_halt(const command_row &row) {
   CLI::App *halt = command(&app_, row);
-  halt->add_option("WHAT", given_.words, "on, off, both or none");
+  halt->add_option("WHAT", given_.words, "on, off, both or none; none off: only off-timers");
   return halt;
 }
 

@@ -281,7 +281,7 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
       Mon 2026-12-21 ···············································▲\n
     ctl explain 9 => 1 there is no timer 9
     ctl wakeup => 0 No timer woke the set.
-    ctl halt on none => 2 none without on or off
+    ctl halt off -> ctl halt on none => 0 On-timers: halted\nOff-timers: active
     ctl halt none none => 0 On-timers: active
     ctl halt both => 0 On-timers: halted\nOff-timers: halted
     ctl halt both -> ctl halt none => 0 On-timers: active\nOff-timers: active
@@ -442,7 +442,7 @@ TEST_F(Ctl, Files_AreCarriedOver) {
 TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
   check(R"(
     ics $D:20101226\\nRRULE:FREQ=YEARLY\\nSUMMARY:Boxing\\\\nDay >x -> holidays import x => 0 \
-      Holidays 1 are added: 26 Dec, Boxing Day.\nTimers that skip them:\nNote: No timer skips
+      Holidays 1 are added: 26 Dec, Boxing Day.\nTimers that skip them: none\nNote: No timer skips
     ics $D:20261231\\nDTEND${D#DTSTART}:20270103 >x; add 7 --holidays skip; add 8; add 6 --type always \
       -> holidays import x; ctl -j holidays => 0 Holidays 1 are added: 31 Dec.\nHolidays 2 are added: \
       1 Jan to 2 Jan.\nTimers that skip them: 1\n
@@ -456,7 +456,8 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     ics $D:20270401 >x -> holidays import - --check -j <x; holidays => 0 {"added":[{"id":null,"first":\
     {"month":4,"day":1,"end_of_february":false},"last":{"month":4,"day":1,"end_of_february":false},\
     "name":""}],"skipped_by":[],"moved":[],
-    ics $D:20270401 >x; holidays import x -> holidays import x => 0 All of them are there already.\n
+    ics $D:20270401 >x; add 7; holidays import x -> holidays import x --all; ctl list => 0 \
+      All of them are there already.\nTimers that skip them: 1\n
     ics $D:20261214 $D:20271215 DTSTART:20270401T080000Z $D:20270401\\nSTATUS:CANCELLED \
       $D:20100401\\nRRULE:FREQ=HOURLY $D:20270401\\nDTEND${D#DTSTART}:20280402 >x -> \
       holidays import x => 1 x has no entry of whole days in the coming year; nothing is imported
