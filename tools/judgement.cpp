@@ -1,6 +1,6 @@
 #include "judgement.h"
 
-#include "client.h"
+#include "output.h"
 #include "words.h"
 
 #include <algorithm>
@@ -61,6 +61,13 @@ const timer_record *evicted_by(const timer_record &timer, const snapshot &view) 
   if (timer.type == TIMER_TYPE_TRANSIENT || view.timers.size() < view.limit)
     return nullptr;
   return &*std::ranges::min_element(view.timers, {}, &timer_record::id);
+}
+
+void note_eviction(std::vector<std::string> &notes, const timer_record &timer, const snapshot &view,
+                   bool is_check) {
+  if (const timer_record *evicted = evicted_by(timer, view))
+    notes.push_back(
+        sentence(title_of(*evicted) + (is_check ? " would be" : " was") + " removed to make room"));
 }
 
 // --- several timers in one second ---

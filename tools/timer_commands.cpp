@@ -11,6 +11,7 @@ using namespace std::chrono;
 
 static constexpr seconds kSoon{2};     // "now" is still to come when the daemon reads it
 static constexpr seconds kSoonDue{60}; // no timer is moved so shortly before it fires
+static constexpr const char *kNotChanged = "not changed";
 static constexpr const char *kStoreDirectory = "/opt/dbspace";
 static constexpr fsblkcnt_t kLeastRoom = 65536; // bytes: a change of the store and its journal
 
@@ -210,13 +211,14 @@ static timer_record requested(const options &given, const snapshot &view,
   return timer;
 }
 
-void check_room(const timer_record &timer, const snapshot &view, bool force) {
+void check_room(const timer_record &timer, const snapshot &view, bool force,
+                const std::string &fault) {
   const std::string refusal = refusal_of(timer, view);
   if (view.has_state && !refusal.empty())
-    throw failure{"not added: " + refusal, ""};
+    throw failure{fault + ": " + refusal, ""};
   const timer_record *evicted = evicted_by(timer, view);
   if (evicted != nullptr && !force)
-    throw failure{"not added: there are " + plural(view.timers.size(), "timer") + ", and " +
+    throw failure{fault + ": there are " + plural(view.timers.size(), "timer") + ", and " +
                       title_of(*evicted) + " would be removed to make room",
                   "cancel one, or give --force"};
 }
@@ -262,22 +264,25 @@ static void tell_timer(const options &given, const timer_record &timer, const sn
 // What would be added; the timer has no id.
 static void tell_checked(const options &given, timer_record timer, snapshot view,
                          const std::string &text) {
-  const auto notes = notes_of_added(given, timer, view);
+  auto notes = notes_of_added(given, timer, view);
+  note_eviction(notes, timer, view, true);
   timer.id = 0;
   if (const auto next = next_firing(timer, view.now, view.holidays); next && view.clock_known)
     view.armed[0] = *next;
   tell_timer(given, timer, view, text, notes);
 }
 
-// The timer that was added, where holidays may have moved it.
+// The timer that was added to those of `before`, where holidays may have moved it.
 static void tell_added(client &client, const options &given, int id, const std::string &text,
-                       std::vector<std::string> notes) {
+                       const timer_record &wanted, const snapshot &before) {
   const snapshot view = client.look();
   const timer_record *timer = find_timer(view.timers, id);
   if (timer == nullptr)
     throw failure{"timer " + std::to_string(id) + " was added and is gone already", kLogHint};
+  auto notes = notes_of_added(given, wanted, before);
   if (view.clock_known && !view.armed.contains(id))
     notes = {"It is not armed: " + reason_unarmed(*timer, view) + "."};
+  note_eviction(notes, wanted, before);
   tell_timer(given, *timer, view, text, notes);
 }
 
@@ -290,8 +295,7 @@ void add_timer(client &client, const options &given) {
   if (given.check)
     return tell_checked(given, timer, view, "This timer would be added:");
   const int id = add_to_set(client, timer, view);
-  tell_added(client, given, id, "Timer " + std::to_string(id) + " is added.",
-             notes_of_added(given, timer, view));
+  tell_added(client, given, id, "Timer " + std::to_string(id) + " is added.", timer, view);
 }
 
 void cancel_one(client &client, int id) {
@@ -311,7 +315,7 @@ static std::string add_again(client &client, const timer_record &old, const snap
 static int change_in_full_list(client &client, const timer_record &old, const timer_record &timer,
                                const snapshot &view, bool is_due) {
   if (is_due)
-    throw failure{"not changed: timer " + std::to_string(old.id) +
+    throw failure{std::string(kNotChanged) + ": timer " + std::to_string(old.id) +
                       " is due within a minute, and the list is full",
                   "change it once it has fired"};
   cancel_one(client, old.id);
@@ -343,7 +347,7 @@ static snapshot without(int id, snapshot view) {
 int change_in_set(client &client, const timer_record &old, const timer_record &timer,
                   const snapshot &view) {
   const snapshot others = without(old.id, view); // the old timer stands in nobody's way
-  check_room(timer, others, false);
+  check_room(timer, others, false, kNotChanged);
   const auto armed = view.armed.find(old.id);
   const bool is_due = armed != view.armed.end() && armed->second - view.now.set <= kSoonDue;
   return evicted_by(timer, view) != nullptr ? change_in_full_list(client, old, timer, view, is_due)
@@ -363,12 +367,12 @@ void change_timer(client &client, const options &given) {
   const std::string place = "the place of timer " + std::to_string(old_id);
   const snapshot others = without(old_id, view);
   if (given.check) {
-    check_room(timer, others, false);
+    check_room(timer, others, false, kNotChanged);
     return tell_checked(given, timer, others, "This timer would take " + place + ":");
   }
   const int id = change_in_set(client, *old, timer, view);
-  tell_added(client, given, id, "Timer " + std::to_string(id) + " takes " + place + ".",
-             notes_of_added(given, timer, others));
+  tell_added(client, given, id, "Timer " + std::to_string(id) + " takes " + place + ".", timer,
+             others);
 }
 
 // --- cancel ---

@@ -183,7 +183,10 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
       Holidays move it from Wed 2026-12-16 07:00:30 to Thu 2026-12-17 07:00:00.
     add '2026-12-24 18:00' -> holidays add 12-26 => 0 \
       Timer 1 is now armed for Tue 2026-12-15 18:00:00; it was armed for Thu 2026-12-24 18
-    eighty; add 8:00 --force -> add 8:00 => 1 timer 2 (on, Mon) would be removed
+    eighty; file $off -> { add 8 --check --force; add 8 --force; add 9; ctl import x --force; } 2>&1 | \
+      sed -n 's/ to make room.*//p' => 0 Note: Timer 1 (on, Mon) would be removed\nNote: Timer 1 \
+      (on, Mon) was removed\ndravelctl: not added: there are 80 timers, and timer 2 (on, Mon) would be \
+      removed\nNote: timers[0]: Timer 2 (on, Mon) was removed
     mkdir b; ctl backup b; ctl restore b -> add 7:00 => 1 refused the timer; its log
     eighty; ctl change 50 --on tue -> ids /opt/dbspace/.dravel.db | sed -n '1p;$=' => 0 1\n80\n
     eighty; ctl cancel 9; add +50s --type off -> ctl change 81 --at 14 => 1 due within a minute, and
@@ -202,6 +205,7 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00 --type off --priority -3; ctl change 1 --on tue -> ctl list -j => 0 \
       "at":"2026-12-22T07:00:00+00:00","at_seconds":1797922800,"days":["Tue"],"priority":-3 \
       =/> "id":1
+    add 7:00 -> ctl change 1 --at '2026-12-14 7:00' => 1 dravelctl: not changed: Mon 2026-12-14
     add 7:00 -> ctl change 1 --at '2026-12-14 7:00'; ctl show 1 => 0 Set for: Wed
     for h in 7 8 9; do add $h:00; done -> ctl cancel 1 3; ctl list => 0 \n2   on =/> \n1
     add 7:00 -> ctl cancel 1 9 => 1 there is no timer 9 =/> is cancelled
