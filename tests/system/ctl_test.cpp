@@ -470,7 +470,7 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     holidays import /tmp => 1 cannot read /tmp: Is a directory
     holidays import y => 1 cannot read y: No such file
     printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; ics $D:20270401 >x -> \
-      PATH=$PWD:$PATH dravelctl -H a@b holidays import x => 0 Holidays 1 are added: 1 Apr.
+      PATH=$PWD:$PATH dravelctl --host=a@b holidays import x => 0 Holidays 1 are added: 1 Apr.
   )");
 }
 
@@ -493,7 +493,7 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x -j => 0 "changed":true,
     dravelctl -H -x list => 2 -H needs USER@HOST
     printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; add 7:00 --on mon; file $seven -> \
-      PATH=$PWD:$PATH dravelctl -H a@b apply x => 0 Nothing to change.
+      PATH=$PWD:$PATH dravelctl -Ha@b apply -t 5 x => 0 Nothing to change.
     printf '#!/bin/sh\nexit 255' >ssh; chmod +x ssh -> PATH=$PWD:$PATH dravelctl -H a@b list => 3 cannot reach a@b
   )");
 }
