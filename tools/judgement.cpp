@@ -109,6 +109,8 @@ static std::string names_of(const std::vector<int> &ids) {
   std::string text = ids.size() == 1 ? "timer " : "timers ";
   if (ids.back() == kUnlisted) {
     names.pop_back();
+    if (names.empty())
+      return "it";
     text = "it and " + std::string(names.size() == 1 ? "timer " : "timers ");
   }
   for (std::size_t i = 0; i < names.size(); ++i)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <string_view>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -61,7 +62,8 @@ static int week_flag_of(const options &given, int otherwise, const char *name) {
     return otherwise;
   int week_flag = 0;
   if (given.days.size() > 1 && std::ranges::find(given.days, "once") != given.days.end())
-    throw usage("--on=once goes with no other --on", "give once alone, or days alone", "--on");
+    throw usage(std::string(name) + "=once goes with no other " + name,
+                "give once alone, or days alone", name);
   for (const auto &text : given.days)
     week_flag |= text == "once" ? 0 : option_value(name, text, 0, parse_days, kDayForms);
   return week_flag;
@@ -70,10 +72,11 @@ static int week_flag_of(const options &given, int otherwise, const char *name) {
 // --- list, show ---
 
 static bool is_wanted(const timer_record &timer, int wanted_days, const options &given) {
-  const int own_days =
-      timer.week_flag != 0 ? timer.week_flag : 1 << weekday(floor<days>(timer.at)).c_encoding();
+  const int own_days = timer.week_flag != 0 ? timer.week_flag : 1 << weekday_of(timer.at);
+  const bool fits_day =
+      wanted_days == 0 ? timer.week_flag == 0 : (own_days & wanted_days) != 0; // 0: once
   const bool is_off = timer_type_of(timer.type).action == timer_action::kTurnOff;
-  return (own_days & wanted_days) != 0 && (!given.on_timers || is_ontimer_type(timer.type)) &&
+  return fits_day && (!given.on_timers || is_ontimer_type(timer.type)) &&
          (!given.off_timers || is_off);
 }
 
@@ -85,11 +88,17 @@ static std::string remarks_of(const timer_record &timer, const snapshot &view) {
       text += (text.empty() ? "" : ", ") + word;
   };
   add(is_halted(timer.type, view), "halted");
-  add(timer.holiday_effect != 0, "skips holidays");
+  add(timer.holiday_effect != 0, "no holidays");
   add(timer.priority != 0, "priority " + std::to_string(timer.priority));
   add(timer.clock != TIME_TYPE_BROADCAST, clock_name(timer.clock));
   add(!view.has_state, "guessed");
   return text;
+}
+
+// "16 h": a line fits a terminal of 80 columns.
+static std::string short_span(civil_time at, const snapshot &view) {
+  const std::string span = span_until(at, view);
+  return span.substr(0, span.find(' ') + 2);
 }
 
 static std::vector<std::string> row_of(const timer_record &timer, const snapshot &view) {
@@ -98,7 +107,7 @@ static std::vector<std::string> row_of(const timer_record &timer, const snapshot
   return {std::to_string(timer.id),
           type_name(timer.type),
           is_armed ? short_time_text(armed->second) : "not armed",
-          is_armed ? span_until(armed->second, view) : "",
+          is_armed ? short_span(armed->second, view) : "",
           days_text(timer.week_flag),
           remarks_of(timer, view)};
 }
@@ -118,8 +127,9 @@ void list_timers(client &client, const options &given) {
       list.push_back(json_of(timer, view));
     return say(true, list, "");
   }
+  const bool is_filtered = given.on_timers || given.off_timers || !given.days.empty();
   if (view.timers.empty())
-    return say(false, {}, "No timers.");
+    return say(false, {}, is_filtered ? "No such timers." : "No timers.");
   std::vector<std::vector<std::string>> rows;
   for (const timer_record &timer : view.timers)
     rows.push_back(row_of(timer, view));
@@ -384,7 +394,8 @@ static void ask_before(std::size_t count) {
   std::fprintf(stderr, "Cancel %s? [y/N] ", plural(count, "timer").c_str());
   std::string answer;
   std::getline(std::cin, answer);
-  if (answer != "y" && answer != "yes")
+  g_autofree char *word = g_ascii_strdown(g_strstrip(answer.data()), -1);
+  if (std::string_view(word) != "y" && std::string_view(word) != "yes")
     throw failure{"nothing is cancelled", ""};
 }
 

@@ -212,11 +212,13 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00 -> holidays skip 1 9 => 1 there is no timer 9 =/> skips
     holidays add 12-24 -> holidays remove 1 9 => 1 no holidays 9 =/> are removed
     holidays add 12-24 => 0 No timer skips holidays
-    add 7:00 -> holidays add 12-24 --all; ctl list => 0 skips holidays =/> No timer
+    add 7:00 -> holidays add 12-24 --all; ctl list => 0 no holidays =/> No timer
+    add 7:00; holidays add 12-24 -> holidays add 12-24 --all; ctl list => 0 \
+      These days are holidays 1 already.\nTimers that skip them: 1\n
     holidays add 12-24 -> holidays add 12-24 => 1 these days are holidays 1 already
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 Holidays 1 are added: 20 Dec to 31 Dec.\n\
       Holidays 2 are added: 1 Jan to 6 Jan.
-    add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 skips holidays =/> No timer
+    add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 no holidays =/> No timer
     sqlite3 /opt/dbspace/.dravel.db 'CREATE TRIGGER t BEFORE INSERT ON disabled_period WHEN \
       (SELECT count(*) FROM disabled_period) BEGIN SELECT raise(FAIL, "no"); END' \
       -> holidays add 12-20 01-06 => 1 ; added before: holidays 1
@@ -238,8 +240,14 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     ctl => 0 Clock: Tue 2026-12-15 12:00:00 (UTC, UTC+00:00), confirmed\n
     three -> ctl status => 0 in 7 hours, halted: timer 1 (off, once)\n   Wakes for: timer 2,
     three -> ctl status -j => 0 "halted":{"on":false,"off":true},"timers":3,"limit":80,
-    three -> ctl list => 0 Tue 2026-12-15 19:00  7 hours   once      halted
+    three -> ctl list => 0 Tue 2026-12-15 19:00  7 h   once      halted
     three -> ctl list --on-timers --day wed => 0 \n2   on =/> \n3
+    three -> ctl list --on-timers --day sun => 0 No such timers.
+    three -> ctl list --day once => 0 \n3   on =/> \n2
+    add 8 --type wake-20 --on mon,wed,fri --holidays skip; add 9:00:01 --type 10; ctl halt both -> \
+      ctl list | grep '.\{81\}' || ctl list => 0 20 h  Mon,Wed,Fri  halted, no holidays\n
+    add 7 --on daily -> script -qc 'dravelctl explain 1' /dev/null | grep -c '.\{82\}' => 1 0
+    add 7 -> echo Y | script -qc 'dravelctl cancel --all' /dev/null => 0 Timer 1 is cancelled.
     three -> ctl list --off-timers => 0 \n1   off =/> \n2
     add 7:00 --type 2 -> ctl => 0 Next on: none\nNext wake-up: Wed 2026-12-16 07:00:00, in 19
     add 7:00 --type 2 -> ctl explain 1 => 0 The simulated set keeps the reason
@@ -265,6 +273,7 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     three -> ctl explain => 0 for timer 2: it is the earliest on-timer.
     add 7:00 --on mon; add 7:00 --on sat-mon -> ctl explain 1 => 0 \
       2027-01-18 07:00:00.\nTimers 1 and 2 are due in the same second, Mon 2026-12-21 07:00:00: only
+    add 7:00:05 --type 10 -> add 7:00:05 --type off => 0 and whether it does is not certain;
     add 7:00:05 --type 10; add 7:00:05 --type off -> ctl week => 0 Timers -10 and 1 are due in the \
       same second, Wed 2026-12-16 07:00:05: timer -10 fires, and whether timer 1 does is not \
       certain; choose another second.
@@ -275,7 +284,7 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     add 7:00 --on daily --holidays skip; add 8:00; holidays add 12-16 12-18 \
       -> ctl list => 0 once\n1
     lose_clock; add 0:00 --on daily -> ctl explain 1 => 0 \
-      is set for 00:00.\nIt is not armed: the set's clock is unknown.
+      is set for 00:00.\nIt is not armed: the set's clock is unknown. =/> It then
     three -> ctl week => 0 Wed 2026-12-16 ··············▲·····················▲···········\n
     add 12:10 -> ctl halt both; ctl week => 0 Tue 2026-12-15 ·······················│○···
     three -> LC_ALL=C ctl week => 0 Thu 2026-12-17 ##############################
@@ -501,6 +510,9 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
 TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
   check(R"(
     ctl juggle => 2 there is no command juggle; dravelctl help lists
+    ctl '' => 2 dravelctl: there is no command ''; dravelctl help lists
+    ctl help rm => 0 Cancel timers
+    ctl --json -H => 2 "what":"-H needs USER@HOST"
     ctl list foo => 2 list does not take foo; write it as in dravelctl list
     holidays add --foo=5 => 2 no option --foo of holidays add; dravelctl help holi
     ctl --on mon add => 2 --on stands before add; write it behind add
@@ -583,6 +595,7 @@ for command in $(dravelctl help | sed -n '/^Subcommands/,$ s/^  \([a-z]*\)[ ,].*
   example=$(dravelctl help $command | sed -n 's/^Example: //p; s,/var,/run,')
   [ $command = monitor ] || eval "$example"
   [ $? = 2 ] && echo "not understood: $example"
+  dravelctl help $command | grep '.\{81\}' && echo "not understood: its width"
   case $example in 'dravelctl '*) count=$((count + 1)); esac
 done; echo "$count examples")");
   EXPECT_THAT(examples.said, testing::Not(HasSubstr("not understood")));
