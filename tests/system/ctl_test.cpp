@@ -571,11 +571,13 @@ for name in status list wakeup explain week halt types overview export; do fits 
 ics $D:20270401 >c; fits 'holidays import' holidays import c
 fits 'holidays list' holidays list; fits 'holidays add' holidays add 12-25 --all
 fits 'holidays remove' holidays remove 1; fits 'holidays skip' holidays skip 1
-file $seven $christmas; fits apply apply x; fits import import x; fits error show 99
+file $seven $christmas; fits apply apply x --check; fits apply apply x; fits import import x
+fits 'holidays ignore' holidays ignore 6; fits help help; fits error show 99
 {
   start_monitor --json; add 9:00; ctl halt on; ctl rm --all; holidays add 12-26; until_told s-added >m
 } >/dev/null 2>&1
-/usr/bin/python3 fits.py $schema monitor <m)");
+/usr/bin/python3 fits.py $schema monitor <m
+mkdir b; fits backup backup b; fits restore restore b)");
   EXPECT_EQ(faults.said, "");
 }
 
