@@ -238,7 +238,7 @@ void explain(client &client, const options &given) {
   }
   json list = json::array();
   const auto wakeup = tell_wakeup(view);
-  const outlook ahead = forecast(view, forecast_end(view));
+  const outlook ahead = forecast(view);
   for (const timer_record &timer : timers)
     list.push_back(json_of_explanation(timer, view, ahead));
   if (given.json)

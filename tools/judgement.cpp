@@ -9,7 +9,6 @@
 
 using namespace std::chrono;
 
-static constexpr days kForecast{35};
 static constexpr int kUnlisted = INT_MAX; // the id of a timer that is not added yet
 
 // --- refused, or not armed ---
@@ -71,13 +70,6 @@ void note_eviction(std::vector<std::string> &notes, const timer_record &timer, c
 }
 
 // --- several timers in one second ---
-
-civil_time forecast_end(const snapshot &view) {
-  civil_time end = view.now.set + kForecast;
-  for (const auto &[id, at] : view.armed)
-    end = std::max(end, at);
-  return end;
-}
 
 clash clash_of(const firing &firing) {
   if (firing.passed.empty())
@@ -192,7 +184,7 @@ static outlook with_new(timer_record timer, civil_time next, snapshot &view) {
   timer.id = kUnlisted;
   view.timers.push_back(timer);
   view.armed[kUnlisted] = next;
-  return forecast(view, forecast_end(view));
+  return forecast(view);
 }
 
 // The daemon keeps the time of day of a timer for one moment, not its day.

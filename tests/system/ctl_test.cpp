@@ -41,6 +41,10 @@ eighty() { # mon, at 7:00
       0 2 0 0 126 11 21 7 0 0 1 354 0 0 0
   done
 }
+one_period() { # a second one is not stored
+  sqlite3 /opt/dbspace/.dravel.db 'CREATE TRIGGER t BEFORE INSERT ON disabled_period WHEN
+    (SELECT count(*) FROM disabled_period) BEGIN SELECT raise(FAIL, "no"); END'
+}
 backup() { mkdir b; add 7:00; ctl backup b; add 8:00; }
 edited() { # with status 0 when nothing is imported
   (add 7:00 --on mon; ctl holidays add 12-24; ctl export >x; ctl cancel 1; ctl holidays remove 1)
@@ -137,6 +141,9 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add '7:30 pm' => 0 Tue 2026-12-15 19:30:00
     add 12am --type off => 0 Wed 2026-12-16 00:00:00
     add 13pm => 2 is no time
+    add 0am => 2 is no time
+    add +45 => 2 is no time
+    add 7:00:60 => 2 is no time
     add 'tomorrow noon' => 0 Wed 2026-12-16 12:00:00
     add '7:00 tomorrow' => 0 Wed 2026-12-16 07:00:00
     add 'next fri 7pm' => 0 Fri 2026-12-18 19:00:00
@@ -152,12 +159,13 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add 'tue 12:00:01' => 0 Next firing: Tue 2026-12-22 12:00:00
     add 'tue 12:00:01' --type off => 0 Tue 2026-12-15 12:00:01
     add 7:00:05 => 0 On-timers ignore seconds.
-    LC_ALL=de_DE.UTF-8 add 'mi 7:00' => 0 Wed 2026-12-16 07:00:00
+    LC_ALL=de_DE.UTF-8 add 'mi. 7:00' => 0 Wed 2026-12-16 07:00:00
     LC_ALL=fr_FR.UTF-8 add 7:00 --on lun-mer => 0 Days: Mon,Tue,Wed
-    add 'mi 7:00' => 2 is no time
+    add 'mo 7:00' => 2 is no time
+    LC_ALL=de_DE.UTF-8 add 'm 7:00' => 2 is no time
     add 7:00 --on daily --type transient-off => 0 fires once, whatever its days
     add 7:00 --on mon-fri => 0 Days: weekdays
-    add 7:00 --on monday --on sat-sun => 0 Days: Mon,Sat,Sun
+    add 7:00 --on monday --on sat,sun => 0 Days: Mon,Sat,Sun
     add 25:00 => 2 --at=25:00 is no time; write 7:00
     add '2026-14-24 18:00' => 2 is no time
     add 7:00 --on someday => 2 --on=someday is not understood; write mon
@@ -209,19 +217,17 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00 -> ctl change 1 --at '2026-12-14 7:00'; ctl show 1 => 0 Set for: Wed
     for h in 7 8 9; do add $h:00; done -> ctl cancel 1 3; ctl list => 0 \n2   on =/> \n1
     add 7:00 -> ctl cancel 1 9 => 1 there is no timer 9 =/> is cancelled
+    add 7:00 -> ctl cancel 1 1 => 0 Timer 1 is cancelled.
     add 7:00 -> holidays skip 1 9 => 1 there is no timer 9 =/> skips
     holidays add 12-24 -> holidays remove 1 9 => 1 no holidays 9 =/> are removed
     holidays add 12-24 => 0 No timer skips holidays
-    add 7:00 -> holidays add 12-24 --all; ctl list => 0 no holidays =/> No timer
     add 7:00; holidays add 12-24 -> holidays add 12-24 --all; ctl list => 0 \
       These days are holidays 1 already.\nTimers that skip them: 1\n
     holidays add 12-24 -> holidays add 12-24 => 1 these days are holidays 1 already
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 Holidays 1 are added: 20 Dec to 31 Dec.\n\
       Holidays 2 are added: 1 Jan to 6 Jan.
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 no holidays =/> No timer
-    sqlite3 /opt/dbspace/.dravel.db 'CREATE TRIGGER t BEFORE INSERT ON disabled_period WHEN \
-      (SELECT count(*) FROM disabled_period) BEGIN SELECT raise(FAIL, "no"); END' \
-      -> holidays add 12-20 01-06 => 1 ; added before: holidays 1
+    one_period -> holidays add 12-20 01-06 => 1 ; added before: holidays 1
     holidays add 12-20 01-06 -> holidays add 12-20 01-06 => 1 these days are holidays 1 and 2 already
     holidays add 01-01 01-06 -> holidays add -j 12-20 01-06 => 0 "added":[{"id":2,"first":{"month":12,
     add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 \
@@ -249,6 +255,8 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     add 7 --on daily -> script -qc 'dravelctl explain 1' /dev/null | grep -c '.\{82\}' => 1 0
     add 7 -> echo Y | script -qc 'dravelctl cancel --all' /dev/null => 0 Timer 1 is cancelled.
     three -> ctl list --off-timers => 0 \n1   off =/> \n2
+    ctl halt on off -> ctl => 0 Halted: on- and off-timers
+    add 7:00; add 6:00 -> ctl => 0 Next on: Wed 2026-12-16 06:00:00
     add 7:00 --type 2 -> ctl => 0 Next on: none\nNext wake-up: Wed 2026-12-16 07:00:00, in 19
     add 7:00 --type 2 -> ctl explain 1 => 0 The simulated set keeps the reason
     eighty; add 6:00 --type 10 -> ctl status => 0 Timers: 81, adding one removes another
@@ -257,6 +265,13 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     three -> ctl overview => 0 "mark":"off","halted":true,"passed":[]}
     three -> ctl overview => 0 {"date":"2026-12-17","holidays":[1]}
     three -> ctl overview => 0 {"first":"2027-12-17","last":"2027-12-18"}],"skipped_by":[2]}
+    holidays add 12-24; add 7:00 --type always --holidays skip -> ctl overview => 0 "text":"24 Dec",\
+      "dates":[{"first":"2026-12-24","last":"2026-12-24"},{"first":"2027-12-24","last":"2027-12-24"}],\
+      "skipped_by":[]}
+    holidays add 02-29 --end-of-february -> ctl overview => 0 "text":"end of Feb","dates":[{"first":\
+      "2026-02-28","last":"2026-02-28"}
+    add 7:00 --type off; add 7:00 -> ctl overview => 0 "notes":["It is not armed: off-timer 1
+    add 7:00; add 7:00 --on daily -> ctl overview => 0 "notes":["Timers 1 and 2 are due in the same
     lose_clock; add 7:00 -> ctl overview => 0 "week":null,
     ctl overview => 0 "machine":null,"problems":[]}
     ctl overview => 0 "may":{"change":true,"screen":"the platform of this dravel-manager shows no machine","test":"the
@@ -279,6 +294,10 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
       certain; choose another second.
     add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain -j 1 => 0 \
       "following":[{"at":"2026-12-17
+    add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain => 0 \
+      for timer 2: of the on-timers at that second it has the highest priority. =/> not woken
+    holidays add 12-16; holidays add 12-17; add 7 --on daily --holidays skip -> ctl explain 1 => 0 \
+      Wed 2026-12-16 is passed over: holidays 1.\nThu 2026-12-17 is passed over: holidays 2.
     for t in 13 14 '2026-12-17 14'; do add "$t:00"; done -> ctl explain 3 => 0 \
       Timers 2 and 3 are due in the same second, Tue 2026-12-15 14:00:00
     add 7:00 --on daily --holidays skip; add 8:00; holidays add 12-16 12-18 \
@@ -290,6 +309,8 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     three -> LC_ALL=C ctl week => 0 Thu 2026-12-17 ##############################
     three -> ctl week --json => 0 [{"id":1,"type_name":"off","at":"2026-12-15T19:00:00+00
     add '2026-12-20 00:00' --type off -> ctl week => 0 Sun 2026-12-20 ▼
+    set_clock $((noon + 43200)) -> ctl week => 0 Wed 2026-12-16│·
+    add 7:00 --type announce --on wed; add 7:01 --on wed -> LC_ALL=C ctl week => 0 .+...
     add '2026-12-21 23:30' -> ctl week => 0 \
       Mon 2026-12-21 ···············································▲\n
     ctl explain 9 => 1 there is no timer 9
@@ -368,6 +389,7 @@ TEST_F(Ctl, History_TellsWhatTheJournalHas) {
     night -> past => 0  timer 4 is removed: past\n =/> has fired
     night -> past --since 4d => 0  the machine is sent to sleep: suspend\n
     night -> past --since $(date -d @$(ago 3) +%FT%T+00:00) => 0  timer 4 is removed =/> Stopped
+    night -> export TZ=CET-3; past --since "$(date -d @$(ago 3) '+%F %T')" => 0  timer 4 is removed =/> Stopped
     night -> past 4 => 0  timer 4 is removed: past\n =/> timer 3
     night -> past 7 => 0 Nothing has happened since
     night -> past -j 3 => 0 ,"event":"halted","timer":3,"reason":"","text":"timer 3 does not act: timers
@@ -444,6 +466,10 @@ TEST_F(Ctl, Files_AreCarriedOver) {
       ctl import x; ctl export | cmp - x && ctl list => 0 2 added, 0 refused. =/> differ
     add 7:00 --on mon -> echo '{"timers":[{"type":0,"time":"07:00","days":["Mon"]}]}' | \
       ctl import - => 1 timers[0]: it is there already as timer 1
+    add 7:00 --on mon -> echo '{"timers":[{"type":0,"time":"07:00","days":["Mon"],"clock":"rtc"}]}' | \
+      ctl import - => 0 1 added, 0 refused.
+    add '2026-12-24 7:00' --clock internet -> export TZ=CET-1; ctl export => 0 "at": "2026-12-24T08:00:00+01
+    add '2026-12-24 7:00' --clock internet -> export TZ=CET-1; ctl list -j => 0 "at":"2026-12-24T08:00:00+01
     add 7:00 --on mon; ctl export >x; ctl cancel 1 -> ctl import x --json => 0 "added":1,"ids":[2],
     echo '{"timers":[{"type":0,"at":"2026-12-24T07:00:00","holidays":"skip"}],\
       "holidays":[{"first":{"month":12,"day":24},"last":{"month":12,"day":25}}]}' | ctl import - \
@@ -476,6 +502,7 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
       holidays import x => 1 x has no entry of whole days in the coming year; nothing is imported
     ics $D:20270401 | head -n4 >x -> holidays import x => 1 is cut off
     echo x | holidays import - => 1 standard input is no calendar in
+    ics $D:20270402 $D:20270401 >x -> holidays import x => 0 Holidays 1 are added: 1 Apr.
     holidays import /tmp => 1 cannot read /tmp: Is a directory
     holidays import y => 1 cannot read y: No such file
     printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; ics $D:20270401 >x -> \
@@ -500,6 +527,24 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     file "{\"type\":1,\"holidays\":\"skip\",\"at\":\"2026-12-24T22:00:00\"}" $christmas; ctl apply x -> \
       ctl apply x; ctl list => 0 Sat 2026-12-26 22:00 =/> \n2
     eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x -j => 0 "changed":true,
+    one_period; file $seven "$christmas,"'{"first":{"month":1,"day":1},"last":{"month":1,"day":1}}' -> \
+      ctl apply x => 1 Added holidays 24 Dec to 25 Dec.\nRefused: holidays 1 Jan to 1 Jan: dravel-manager
+    eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x => 0 \
+      (on, Mon, 07:00).\nAdded off
+    eighty; file $off '' '"types":["off"],' -> ctl apply x => 1 81 timers would be listed
+    add 7:00 --on wed; add 7:00 --on thu; add 6:00 --type off; file -> ctl apply x => 0 \
+      Cancelled timer 3 (off, once, Wed 2026-12-16 06:00).\nCancelled timer 2 (on, Thu, 07:00).\nCanc
+    file '{"type":1,"time":"06:00","days":["Wed"]},{"type":0,"time":"07:00","days":["Thu"]},\
+      {"type":0,"time":"07:00","days":["Wed"]}' -> ctl apply x => 0 \
+      Added on, Wed, 07:00.\nAdded on, Thu, 07:00.\nAdded off, Wed
+    add 7:00 --on mon; add 7:00 --on mon; file $seven -> ctl apply x => 0 Cancelled timer 2
+    add 7:00 --on mon; file '{"type":0,"time":"07:00:05","days":["Mon"]}' -> ctl apply x => 0 Nothing to
+    add 7:00 --on mon; file '{"type":0,"time":"07:00","days":["Mon"],"delay":7}' -> ctl apply x => 0 Added
+    add 6:00; file '{"type":0,"at":"2028-01-01T07:00:00"}' -> ctl apply x => 1 nothing is done: on, once, Sat
+    add 6:00; file $seven; sqlite3 /opt/dbspace/.dravel.db 'CREATE TRIGGER t BEFORE INSERT ON dravel \
+      BEGIN SELECT raise(FAIL, "no"); END' -> ctl apply x => 1 Refused: on, Mon, 07:00: =/> Cancelled
+    add 7 --on mon; holidays add 12-24; echo '{"timers":[]}' >x -> ctl apply x; holidays => 0 24 Dec =/> Rem
+    add 7 --on mon; echo '{"holidays":[]}' >x -> ctl apply x => 0 Nothing to
     dravelctl -H -x list => 2 -H needs USER@HOST
     printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; add 7:00 --on mon; file $seven -> \
       PATH=$PWD:$PATH dravelctl -Ha@b apply -t 5 x => 0 Nothing to change.
