@@ -1,6 +1,6 @@
 #include "judgement.h"
 
-#include "client.h"
+#include "output.h"
 #include "words.h"
 
 #include <algorithm>
@@ -62,6 +62,13 @@ const timer_record *evicted_by(const timer_record &timer, const snapshot &view) 
   return &*std::ranges::min_element(view.timers, {}, &timer_record::id);
 }
 
+void note_eviction(std::vector<std::string> &notes, const timer_record &timer, const snapshot &view,
+                   bool is_check) {
+  if (const timer_record *evicted = evicted_by(timer, view))
+    notes.push_back(
+        sentence(title_of(*evicted) + (is_check ? " would be" : " was") + " removed to make room"));
+}
+
 // --- several timers in one second ---
 
 clash clash_of(const firing &firing) {
@@ -94,6 +101,8 @@ static std::string names_of(const std::vector<int> &ids) {
   std::string text = ids.size() == 1 ? "timer " : "timers ";
   if (ids.back() == kUnlisted) {
     names.pop_back();
+    if (names.empty())
+      return "it";
     text = "it and " + std::string(names.size() == 1 ? "timer " : "timers ");
   }
   for (std::size_t i = 0; i < names.size(); ++i)

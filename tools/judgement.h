@@ -34,3 +34,6 @@ std::vector<std::string> notes_of(timer_record timer, const snapshot &view);
 
 // The timer that the daemon removes to make room for one more; null while there is room.
 const timer_record *evicted_by(const timer_record &timer, const snapshot &view);
+// Adds the sentence that says so, done or only checked.
+void note_eviction(std::vector<std::string> &notes, const timer_record &timer, const snapshot &view,
+                   bool is_check = false);

@@ -191,7 +191,10 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
       Holidays move it from Wed 2026-12-16 07:00:30 to Thu 2026-12-17 07:00:00.
     add '2026-12-24 18:00' -> holidays add 12-26 => 0 \
       Timer 1 is now armed for Tue 2026-12-15 18:00:00; it was armed for Thu 2026-12-24 18
-    eighty; add 8:00 --force -> add 8:00 => 1 timer 2 (on, Mon) would be removed
+    eighty; file $off -> { add 8 --check --force; add 8 --force; add 9; ctl import x --force; } 2>&1 | \
+      sed -n 's/ to make room.*//p' => 0 Note: Timer 1 (on, Mon) would be removed\nNote: Timer 1 \
+      (on, Mon) was removed\ndravelctl: not added: there are 80 timers, and timer 2 (on, Mon) would be \
+      removed\nNote: timers[0]: Timer 2 (on, Mon) was removed
     mkdir b; ctl backup b; ctl restore b -> add 7:00 => 1 refused the timer; its log
     eighty; ctl change 50 --on tue -> ids /opt/dbspace/.dravel.db | sed -n '1p;$=' => 0 1\n80\n
     eighty; ctl cancel 9; add +50s --type off -> ctl change 81 --at 14 => 1 due within a minute, and
@@ -210,6 +213,7 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00 --type off --priority -3; ctl change 1 --on tue -> ctl list -j => 0 \
       "at":"2026-12-22T07:00:00+00:00","at_seconds":1797922800,"days":["Tue"],"priority":-3 \
       =/> "id":1
+    add 7:00 -> ctl change 1 --at '2026-12-14 7:00' => 1 dravelctl: not changed: Mon 2026-12-14
     add 7:00 -> ctl change 1 --at '2026-12-14 7:00'; ctl show 1 => 0 Set for: Wed
     for h in 7 8 9; do add $h:00; done -> ctl cancel 1 3; ctl list => 0 \n2   on =/> \n1
     add 7:00 -> ctl cancel 1 9 => 1 there is no timer 9 =/> is cancelled
@@ -217,10 +221,12 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00 -> holidays skip 1 9 => 1 there is no timer 9 =/> skips
     holidays add 12-24 -> holidays remove 1 9 => 1 no holidays 9 =/> are removed
     holidays add 12-24 => 0 No timer skips holidays
+    add 7:00; holidays add 12-24 -> holidays add 12-24 --all; ctl list => 0 \
+      These days are holidays 1 already.\nTimers that skip them: 1\n
     holidays add 12-24 -> holidays add 12-24 => 1 these days are holidays 1 already
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 Holidays 1 are added: 20 Dec to 31 Dec.\n\
       Holidays 2 are added: 1 Jan to 6 Jan.
-    add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 skips holidays =/> No timer
+    add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 no holidays =/> No timer
     one_period -> holidays add 12-20 01-06 => 1 ; added before: holidays 1
     holidays add 12-20 01-06 -> holidays add 12-20 01-06 => 1 these days are holidays 1 and 2 already
     holidays add 01-01 01-06 -> holidays add -j 12-20 01-06 => 0 "added":[{"id":2,"first":{"month":12,
@@ -240,8 +246,14 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     ctl => 0 Clock: Tue 2026-12-15 12:00:00 (UTC, UTC+00:00), confirmed\n
     three -> ctl status => 0 in 7 hours, halted: timer 1 (off, once)\n   Wakes for: timer 2,
     three -> ctl status -j => 0 "halted":{"on":false,"off":true},"timers":3,"limit":80,
-    three -> ctl list => 0 Tue 2026-12-15 19:00  7 hours   once      halted
+    three -> ctl list => 0 Tue 2026-12-15 19:00  7 h   once      halted
     three -> ctl list --on-timers --day wed => 0 \n2   on =/> \n3
+    three -> ctl list --on-timers --day sun => 0 No such timers.
+    three -> ctl list --day once => 0 \n3   on =/> \n2
+    add 8 --type wake-20 --on mon,wed,fri --holidays skip; add 9:00:01 --type 10; ctl halt both -> \
+      ctl list | grep '.\{81\}' || ctl list => 0 20 h  Mon,Wed,Fri  halted, no holidays\n
+    add 7 --on daily -> script -qc 'dravelctl explain 1' /dev/null | grep -c '.\{82\}' => 1 0
+    add 7 -> echo Y | script -qc 'dravelctl cancel --all' /dev/null => 0 Timer 1 is cancelled.
     three -> ctl list --off-timers => 0 \n1   off =/> \n2
     ctl halt on off -> ctl => 0 Halted: on- and off-timers
     add 7:00; add 6:00 -> ctl => 0 Next on: Wed 2026-12-16 06:00:00
@@ -276,6 +288,7 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     three -> ctl explain => 0 for timer 2: it is the earliest on-timer.
     add 7:00 --on mon; add 7:00 --on sat-mon -> ctl explain 1 => 0 \
       2027-01-18 07:00:00.\nTimers 1 and 2 are due in the same second, Mon 2026-12-21 07:00:00: only
+    add 7:00:05 --type 10 -> add 7:00:05 --type off => 0 and whether it does is not certain;
     add 7:00:05 --type 10; add 7:00:05 --type off -> ctl week => 0 Timers -10 and 1 are due in the \
       same second, Wed 2026-12-16 07:00:05: timer -10 fires, and whether timer 1 does is not \
       certain; choose another second.
@@ -290,7 +303,7 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     add 7:00 --on daily --holidays skip; add 8:00; holidays add 12-16 12-18 \
       -> ctl list => 0 once\n1
     lose_clock; add 0:00 --on daily -> ctl explain 1 => 0 \
-      is set for 00:00.\nIt is not armed: the set's clock is unknown.
+      is set for 00:00.\nIt is not armed: the set's clock is unknown. =/> It then
     three -> ctl week => 0 Wed 2026-12-16 ··············▲·····················▲···········\n
     add 12:10 -> ctl halt both; ctl week => 0 Tue 2026-12-15 ·······················│○···
     three -> LC_ALL=C ctl week => 0 Thu 2026-12-17 ##############################
@@ -302,7 +315,7 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
       Mon 2026-12-21 ···············································▲\n
     ctl explain 9 => 1 there is no timer 9
     ctl wakeup => 0 No timer woke the set.
-    ctl halt on none => 2 none without on or off
+    ctl halt off -> ctl halt on none => 0 On-timers: halted\nOff-timers: active
     ctl halt none none => 0 On-timers: active
     ctl halt both => 0 On-timers: halted\nOff-timers: halted
     ctl halt both -> ctl halt none => 0 On-timers: active\nOff-timers: active
@@ -468,7 +481,7 @@ TEST_F(Ctl, Files_AreCarriedOver) {
 TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
   check(R"(
     ics $D:20101226\\nRRULE:FREQ=YEARLY\\nSUMMARY:Boxing\\\\nDay >x -> holidays import x => 0 \
-      Holidays 1 are added: 26 Dec, Boxing Day.\nTimers that skip them:\nNote: No timer skips
+      Holidays 1 are added: 26 Dec, Boxing Day.\nTimers that skip them: none\nNote: No timer skips
     ics $D:20261231\\nDTEND${D#DTSTART}:20270103 >x; add 7 --holidays skip; add 8; add 6 --type always \
       -> holidays import x; ctl -j holidays => 0 Holidays 1 are added: 31 Dec.\nHolidays 2 are added: \
       1 Jan to 2 Jan.\nTimers that skip them: 1\n
@@ -482,7 +495,8 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     ics $D:20270401 >x -> holidays import - --check -j <x; holidays => 0 {"added":[{"id":null,"first":\
     {"month":4,"day":1,"end_of_february":false},"last":{"month":4,"day":1,"end_of_february":false},\
     "name":""}],"skipped_by":[],"moved":[],
-    ics $D:20270401 >x; holidays import x -> holidays import x => 0 All of them are there already.\n
+    ics $D:20270401 >x; add 7; holidays import x -> holidays import x --all; ctl list => 0 \
+      All of them are there already.\nTimers that skip them: 1\n
     ics $D:20261214 $D:20271215 DTSTART:20270401T080000Z $D:20270401\\nSTATUS:CANCELLED \
       $D:20100401\\nRRULE:FREQ=HOURLY $D:20270401\\nDTEND${D#DTSTART}:20280402 >x -> \
       holidays import x => 1 x has no entry of whole days in the coming year; nothing is imported
@@ -492,7 +506,7 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     holidays import /tmp => 1 cannot read /tmp: Is a directory
     holidays import y => 1 cannot read y: No such file
     printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; ics $D:20270401 >x -> \
-      PATH=$PWD:$PATH dravelctl -H a@b holidays import x => 0 Holidays 1 are added: 1 Apr.
+      PATH=$PWD:$PATH dravelctl --host=a@b holidays import x => 0 Holidays 1 are added: 1 Apr.
   )");
 }
 
@@ -533,7 +547,7 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     add 7 --on mon; echo '{"holidays":[]}' >x -> ctl apply x => 0 Nothing to
     dravelctl -H -x list => 2 -H needs USER@HOST
     printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; add 7:00 --on mon; file $seven -> \
-      PATH=$PWD:$PATH dravelctl -H a@b apply x => 0 Nothing to change.
+      PATH=$PWD:$PATH dravelctl -Ha@b apply -t 5 x => 0 Nothing to change.
     printf '#!/bin/sh\nexit 255' >ssh; chmod +x ssh -> PATH=$PWD:$PATH dravelctl -H a@b list => 3 cannot reach a@b
   )");
 }
@@ -541,6 +555,9 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
 TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
   check(R"(
     ctl juggle => 2 there is no command juggle; dravelctl help lists
+    ctl '' => 2 dravelctl: there is no command ''; dravelctl help lists
+    ctl help rm => 0 Cancel timers
+    ctl --json -H => 2 "what":"-H needs USER@HOST"
     ctl list foo => 2 list does not take foo; write it as in dravelctl list
     holidays add --foo=5 => 2 no option --foo of holidays add; dravelctl help holi
     ctl --on mon add => 2 --on stands before add; write it behind add
@@ -599,11 +616,13 @@ for name in status list wakeup explain week halt types overview export; do fits 
 ics $D:20270401 >c; fits 'holidays import' holidays import c
 fits 'holidays list' holidays list; fits 'holidays add' holidays add 12-25 --all
 fits 'holidays remove' holidays remove 1; fits 'holidays skip' holidays skip 1
-file $seven $christmas; fits apply apply x; fits import import x; fits error show 99
+file $seven $christmas; fits apply apply x --check; fits apply apply x; fits import import x
+fits 'holidays ignore' holidays ignore 6; fits help help; fits error show 99
 {
   start_monitor --json; add 9:00; ctl halt on; ctl rm --all; holidays add 12-26; until_told s-added >m
 } >/dev/null 2>&1
-/usr/bin/python3 fits.py $schema monitor <m)");
+/usr/bin/python3 fits.py $schema monitor <m
+mkdir b; fits backup backup b; fits restore restore b)");
   EXPECT_EQ(faults.said, "");
 }
 
@@ -623,6 +642,7 @@ for command in $(dravelctl help | sed -n '/^Subcommands/,$ s/^  \([a-z]*\)[ ,].*
   example=$(dravelctl help $command | sed -n 's/^Example: //p; s,/var,/run,')
   [ $command = monitor ] || eval "$example"
   [ $? = 2 ] && echo "not understood: $example"
+  dravelctl help $command | grep '.\{81\}' && echo "not understood: its width"
   case $example in 'dravelctl '*) count=$((count + 1)); esac
 done; echo "$count examples")");
   EXPECT_THAT(examples.said, testing::Not(HasSubstr("not understood")));
