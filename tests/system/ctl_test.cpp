@@ -41,6 +41,10 @@ eighty() { # mon, at 7:00
       0 2 0 0 126 11 21 7 0 0 1 354 0 0 0
   done
 }
+one_period() { # a second one is not stored
+  sqlite3 /opt/dbspace/.dravel.db 'CREATE TRIGGER t BEFORE INSERT ON disabled_period WHEN
+    (SELECT count(*) FROM disabled_period) BEGIN SELECT raise(FAIL, "no"); END'
+}
 backup() { mkdir b; add 7:00; ctl backup b; add 8:00; }
 edited() { # with status 0 when nothing is imported
   (add 7:00 --on mon; ctl holidays add 12-24; ctl export >x; ctl cancel 1; ctl holidays remove 1)
@@ -220,9 +224,7 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 Holidays 1 are added: 20 Dec to 31 Dec.\n\
       Holidays 2 are added: 1 Jan to 6 Jan.
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 skips holidays =/> No timer
-    sqlite3 /opt/dbspace/.dravel.db 'CREATE TRIGGER t BEFORE INSERT ON disabled_period WHEN \
-      (SELECT count(*) FROM disabled_period) BEGIN SELECT raise(FAIL, "no"); END' \
-      -> holidays add 12-20 01-06 => 1 ; added before: holidays 1
+    one_period -> holidays add 12-20 01-06 => 1 ; added before: holidays 1
     holidays add 12-20 01-06 -> holidays add 12-20 01-06 => 1 these days are holidays 1 and 2 already
     holidays add 01-01 01-06 -> holidays add -j 12-20 01-06 => 0 "added":[{"id":2,"first":{"month":12,
     add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 \
@@ -516,6 +518,9 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     file '{"type":0,"at":"2026-12-01T07:00:00"}' -> ctl apply x => 0 has passed; no timer is set
     file "{\"type\":1,\"holidays\":\"skip\",\"at\":\"2026-12-24T22:00:00\"}" $christmas; ctl apply x -> \
       ctl apply x; ctl list => 0 Sat 2026-12-26 22:00 =/> \n2
+    eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x -j => 0 "changed":true,
+    one_period; file $seven "$christmas,"'{"first":{"month":1,"day":1},"last":{"month":1,"day":1}}' -> \
+      ctl apply x => 1 Added holidays 24 Dec to 25 Dec.\nRefused: holidays 1 Jan to 1 Jan: dravel-manager
     eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x => 0 \
       (on, Mon, 07:00).\nAdded off
     eighty; file $off '' '"types":["off"],' -> ctl apply x => 1 81 timers would be listed
