@@ -10,6 +10,8 @@ static constexpr std::int64_t kSameVisitMs = 300 * kSecondMs;
 // before the machine sleeps, and does not wake it then.
 std::int64_t near_until(const machine &m, const moment &now) {
   const std::int64_t nearness = nearness_seconds(m, m.sleep.method);
+  if (m.alarm.wanted.on_time == now.utc) // the daemon fires the timer before its second is over
+    return now.utc;
   const std::int64_t next = next_wake_utc(m, now);
   const device_alarm &stands = m.alarm.stands;
   const bool is_hop = stands.owner == alarm_owner::kHop && stands.utc > now.utc;

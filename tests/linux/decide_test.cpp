@@ -548,6 +548,20 @@ TEST(Decide, AClockThatIsNotSynchronised_IsAskedEveryFiveMinutes_UntilItIs) {
   EXPECT_EQ(run.count<order::deliver>(), 0);
 }
 
+TEST(Decide, AnOffTimerThatWaits_SendsNothingToSleep_InTheSecondOfAnOnTime) {
+  for (const std::int64_t late : {0, 1}) {
+    awake_machine run({}, false);
+    run.send(event::program{0, kNow + 10, 0});
+    run.send(event::screen_wanted{false, event::asker::kDaemon});
+    run.send(event::job_began{1, unit::kOff});
+    run.send(event::job_ended{1});
+    run.pass(10 + late);
+    run.send(event::due{});
+    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+    EXPECT_EQ(run.count<order::sleep>(), late);
+  }
+}
+
 TEST(Decide, AtOurEnd_AnAlarmThatHasGoneOffBeforeTheOnTime_IsWrittenForABoot) {
   awake_machine run;
   run.send(event::program{0, kNow + 50, 0});

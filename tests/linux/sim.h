@@ -197,7 +197,7 @@ private:
   using queue = std::multimap<millis, action>;
   void carry_out(const order::any &what);
   bool may_restart() const;
-  void keep_order(const std::string &text);
+  void keep_order(const std::string &text, bool is_sleep);
   void fire(std::uint32_t id);
   void pass_to(millis next);
   bool run_next(millis end);
