@@ -112,7 +112,7 @@ static std::string names_of(const std::vector<int> &ids) {
 
 // The daemon arms all timers again when one fires, and the others of that second then count as
 // past. Which one is the first depends on when within a second each was armed. Transient timers are
-// left as they are.
+// left as they are; of several each has a firing of its own.
 std::string clash::text(const snapshot &view) const {
   std::vector<int> transient;
   std::vector<int> others;
@@ -127,7 +127,7 @@ std::string clash::text(const snapshot &view) const {
     return "";
   std::string what = "only one of them will fire, and which one is not certain";
   if (!transient.empty())
-    what = names_of(transient) + (transient.size() == 1 ? " fires, and " : " fire, and ") +
+    what = names_of(transient) + " fires, and " +
            (others.size() == 1 ? "whether " + names_of(others) + " does is not certain"
                                : "at most one of the others, it is not certain which");
   return names_of(ids) + " are due in the same second, " + time_text(at) + ": " + what +

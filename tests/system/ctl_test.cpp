@@ -147,7 +147,10 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add 0am => 2 is no time
     add +45 => 2 is no time
     add 7:00:60 => 2 is no time
-    add 'tomorrow noon' => 0 Wed 2026-12-16 12:00:00
+    add 'tomorrow noon' => 0 Wed 2026-12-16 12:00:00, in 24 hours
+    add +90s --type off => 0 12:01:30, in 90 seconds
+    add +9999w => 2 is no time
+    add '2026-12-24 18:00' --type always => 0 Thu 2026-12-24 18:00:00 =/> Each
     add '7:00 tomorrow' => 0 Wed 2026-12-16 07:00:00
     add 'next fri 7pm' => 0 Fri 2026-12-18 19:00:00
     add 'next tue midnight' => 0 Tue 2026-12-22 00:00:00
@@ -157,7 +160,7 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add +1w => 0 Tue 2026-12-22 12:00:00
     TZ=CET-1 add 2026-12-24T08:00-05:00 => 0 Thu 2026-12-24 14:00:00
     add 08:00-05:00 => 2 is no time
-    add 'Thu 2026-12-24 07:00:00 UTC' => 0 Thu 2026-12-24 07:00:00
+    TZ=CET-1 add 'Thu 2026-12-24 07:00:00 UTC' => 0 Thu 2026-12-24 08:00:00
     add 'Fri 2026-12-24 07:00' => 2 is no time
     add 'tue 12:00:01' => 0 Next firing: Tue 2026-12-22 12:00:00
     add 'tue 12:00:01' --type off => 0 Tue 2026-12-15 12:00:01
@@ -187,9 +190,9 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
   check(R"(
     add '2026-12-15 11:59' => 1 has passed: the set's clock reads Tue
     add '2026-12-15 12:00:30' => 1 on-timers ignore seconds
-    add '2028-01-01 07:00' => 1 is more than 365 days ahead
+    add '2027-12-15 12:01' => 1 is more than 365 days ahead
     holidays add 01-01 12-31 -> add 7:00 --on daily --holidays skip => 1 holidays cover every day
-    add 7:05 -> add 7:00 --type standby => 1 a standby timer is then left
+    add 7:09 -> add 7:00 --type standby => 1 a standby timer is then left
     holidays add 12-16 -> add 7:00:30 --holidays skip => 0 \
       Holidays move it from Wed 2026-12-16 07:00:30 to Thu 2026-12-17 07:00:00.
     add '2026-12-24 18:00' -> holidays add 12-26 => 0 \
@@ -213,9 +216,9 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
       Mon 2026-12-21 07:00:00: only one of them will fire, and which one is not certain; choose \
       another minute.
     add 7:00 --on mon -> ctl change 1 --at 8:15 --on tue => 0 Timer 2 takes the place of timer 1.
-    add 7:00 --type off --priority -3; ctl change 1 --on tue -> ctl list -j => 0 \
-      "at":"2026-12-22T07:00:00+00:00","at_seconds":1797922800,"days":["Tue"],"priority":-3 \
-      =/> "id":1
+    add 7:00 --type off --priority -3 --holidays skip; ctl change 1 --on tue -> ctl list -j => 0 \
+      "at":"2026-12-22T07:00:00+00:00","at_seconds":1797922800,"days":["Tue"],"priority":-3,\
+      "delay":0,"holidays":"skip" =/> "id":1
     add 7:00 -> ctl change 1 --at '2026-12-14 7:00' => 1 dravelctl: not changed: Mon 2026-12-14
     add 7:00 -> ctl change 1 --at '2026-12-14 7:00'; ctl show 1 => 0 Set for: Wed
     for h in 7 8 9; do add $h:00; done -> ctl cancel 1 3; ctl list => 0 \n2   on =/> \n1
@@ -259,6 +262,7 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     add 7 -> echo Y | script -qc 'dravelctl cancel --all' /dev/null => 0 Timer 1 is cancelled.
     three -> ctl list --off-timers => 0 \n1   off =/> \n2
     ctl halt on off -> ctl => 0 Halted: on- and off-timers
+    TZ=EST5 ctl => 0 (EST, UTC-05:00)
     add 7:00; add 6:00 -> ctl => 0 Next on: Wed 2026-12-16 06:00:00
     add 7:00 --type 2 -> ctl => 0 Next on: none\nNext wake-up: Wed 2026-12-16 07:00:00, in 19
     add 7:00 --type 2 -> ctl explain 1 => 0 The simulated set keeps the reason
@@ -290,7 +294,8 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     three -> ctl explain 3 => 0 on Tue 2026-12-15 19:00:00, and moves it to Wed 2026-12-16 18:00
     three -> ctl explain => 0 for timer 2: it is the earliest on-timer.
     add 7:00 --on mon; add 7:00 --on sat-mon -> ctl explain 1 => 0 \
-      2027-01-18 07:00:00.\nTimers 1 and 2 are due in the same second, Mon 2026-12-21 07:00:00: only
+      2027-01-18 07:00:00.\nTimers 1 and 2 are due in the same second, Mon 2026-12-21 07:00:00: only \
+      =/> 12-28 07:00:00: only
     add 7:00:05 --type 10 -> add 7:00:05 --type off => 0 and whether it does is not certain;
     add 7:00:05 --type 10; add 7:00:05 --type off -> ctl week => 0 Timers -10 and 1 are due in the \
       same second, Wed 2026-12-16 07:00:05: timer -10 fires, and whether timer 1 does is not \
@@ -311,11 +316,11 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     add 12:10 -> ctl halt both; ctl week => 0 Tue 2026-12-15 ·······················│○···
     three -> LC_ALL=C ctl week => 0 Thu 2026-12-17 ##############################
     three -> ctl week --json => 0 [{"id":1,"type_name":"off","at":"2026-12-15T19:00:00+00
-    add '2026-12-20 00:00' --type off -> ctl week => 0 Sun 2026-12-20 ▼
+    holidays add 12-20; add '2026-12-20 00:00' --type off -> ctl week => 0 Sun 2026-12-20 ▼░░
     set_clock $((noon + 43200)) -> ctl week => 0 Wed 2026-12-16│·
     add 7:00 --type announce --on wed; add 7:01 --on wed -> LC_ALL=C ctl week => 0 .+...
-    add '2026-12-21 23:30' -> ctl week => 0 \
-      Mon 2026-12-21 ···············································▲\n
+    add '2026-12-21 23:59:59' --type off -> ctl week => 0 \
+      Mon 2026-12-21 ···············································▼\n
     ctl explain 9 => 1 there is no timer 9
     ctl wakeup => 0 No timer woke the set.
     ctl halt off -> ctl halt on none => 0 On-timers: halted\nOff-timers: active
@@ -391,7 +396,7 @@ TEST_F(Ctl, History_TellsWhatTheJournalHas) {
     night -> past => 0  Stopped dravel-manager.service.\n =/> cron
     night -> past => 0  timer 4 is removed: past\n =/> has fired
     night -> past --since 4d => 0  the machine is sent to sleep: suspend\n
-    night -> past --since $(date -d @$(ago 3) +%FT%T+00:00) => 0  timer 4 is removed =/> Stopped
+    night -> export TZ=CET-9; past --since $(date -ud @$(ago 3) +%FT%T+00:00) => 0  timer 4 is removed =/> Stopped
     night -> export TZ=CET-3; past --since "$(date -d @$(ago 3) '+%F %T')" => 0  timer 4 is removed =/> Stopped
     night -> past 4 => 0  timer 4 is removed: past\n =/> timer 3
     night -> past 7 => 0 Nothing has happened since
@@ -469,8 +474,9 @@ TEST_F(Ctl, Files_AreCarriedOver) {
       ctl import x; ctl export | cmp - x && ctl list => 0 2 added, 0 refused. =/> differ
     add 7:00 --on mon -> echo '{"timers":[{"type":0,"time":"07:00","days":["Mon"]}]}' | \
       ctl import - => 1 timers[0]: it is there already as timer 1
-    add 7:00 --on mon -> echo '{"timers":[{"type":0,"time":"07:00","days":["Mon"],"clock":"rtc"}]}' | \
-      ctl import - => 0 1 added, 0 refused.
+    add 7:00 --on mon -> echo '{"timers":[{"type":0,"time":"07:00","days":["Mon"],"clock":"rtc"},\
+      {"type":0,"time":"07:00","days":["Tue"]}]}' | ctl import - => 0 2 added, 0 refused.
+    add 8:00 --on wed; add 7:00 --on mon -> ctl export | grep time | tr -d '\n' => 0 07:00",   "time": "08
     add '2026-12-24 7:00' --clock internet -> export TZ=CET-1; ctl export => 0 "at": "2026-12-24T08:00:00+01
     add '2026-12-24 7:00' --clock internet -> export TZ=CET-1; ctl list -j => 0 "at":"2026-12-24T08:00:00+01
     add 7:00 --on mon; ctl export >x; ctl cancel 1 -> ctl import x --json => 0 "added":1,"ids":[2],
@@ -555,7 +561,8 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     add 6:00; file $seven; sqlite3 /opt/dbspace/.dravel.db 'CREATE TRIGGER t BEFORE INSERT ON dravel \
       BEGIN SELECT raise(FAIL, "no"); END' -> ctl apply x => 1 Refused: on, Mon, 07:00: =/> Cancelled
     add 7 --on mon; holidays add 12-24; echo '{"timers":[]}' >x -> ctl apply x; holidays => 0 24 Dec =/> Rem
-    add 7 --on mon; echo '{"holidays":[]}' >x -> ctl apply x => 0 Nothing to
+    add 7 --on mon; add 6 --type 10; echo '{"holidays":[]}' >x -> ctl apply x => 0 Nothing to
+    add 6:00 --type 10; file -> ctl apply x => 0 Nothing to
     dravelctl -H -x list => 2 -H needs USER@HOST
     printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; add 7:00 --on mon; file $seven -> \
       PATH=$PWD:$PATH dravelctl -Ha@b apply -t 5 x => 0 Nothing to change.
