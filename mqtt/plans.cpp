@@ -59,14 +59,11 @@ static import_contents contents_of(const message &plan) {
 
 static json about(const application &application) {
   const auto count = [&](const char *list) { return application.done[list].size(); };
-  json refused = application.done["refused"];
-  if (!application.is_equal && refused.empty())
-    refused.push_back({{"what", "timers"}, {"why", "another client changes them"}});
   return {{"added", count("added")},
           {"cancelled", count("cancelled")},
           {"holidays_added", count("holidays_added")},
           {"holidays_removed", count("holidays_removed")},
-          {"refused", refused},
+          {"refused", application.done["refused"]},
           {"notes", application.notes}};
 }
 

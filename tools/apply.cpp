@@ -13,12 +13,12 @@ static constexpr seconds kDueSoon{60}; // such a timer is left to fire
 static constexpr int kRounds = 3;      // another client may change timers meanwhile
 
 struct apply_plan {
-  std::vector<holiday> holidays_added;
-  std::vector<int> holidays_removed;
-  std::vector<timer_record> added;
-  std::vector<timer_record> effects; // listed timers with the effect that they shall have
-  std::vector<timer_record> cancelled;
-  std::vector<std::string> notes;
+  std::vector<holiday> holidays_added{};
+  std::vector<int> holidays_removed{};
+  std::vector<timer_record> added{};
+  std::vector<timer_record> effects{}; // listed timers with the effect that they shall have
+  std::vector<timer_record> cancelled{};
+  std::vector<std::string> notes{};
 
   bool changes_holidays() const { return !holidays_added.empty() || !holidays_removed.empty(); }
   bool is_empty() const {
@@ -38,6 +38,10 @@ static auto key_of(const timer_record &timer) {
 static std::string line_of(const timer_record &timer) {
   return type_name(timer.type) + ", " + days_text(timer.week_flag) + ", " +
          (timer.week_flag != 0 ? time_of_day_text(timer.at) : short_time_text(timer.at));
+}
+
+static std::string numbered_line_of(const timer_record &timer) {
+  return "timer " + std::to_string(timer.id) + " (" + line_of(timer) + ")";
 }
 
 static std::string line_of(const holiday &period) {
@@ -67,15 +71,29 @@ static void plan_holidays(apply_plan &plan, const import_contents &wanted, snaps
   view.holidays = after;
 }
 
-// The timers of the file as the daemon would list them: those for once moved past the holidays.
+// Moves a timer for once to where the daemon's looks at it end: each moves it past the holidays of
+// one period, after which others may follow at once. Returns why it never fires.
+static const char *settle(timer_record &timer, const snapshot &view) {
+  if (!view.clock_known || timer.week_flag != 0)
+    return "";
+  for (std::size_t looks = 0; looks <= view.holidays.size(); ++looks) {
+    const civil_time before = timer.at;
+    if (!next_firing(timer, view.now, view.holidays))
+      return "has passed";
+    if (timer.at == before)
+      return "";
+  }
+  return "has holidays on every day";
+}
+
+// The timers of the file as the daemon would list them.
 static std::vector<timer_record> expected(apply_plan &plan, const import_contents &wanted,
                                           const snapshot &view) {
   std::vector<timer_record> timers;
   for (timer_record timer : wanted.timers) {
-    const bool is_past =
-        view.clock_known && timer.week_flag == 0 && !next_firing(timer, view.now, view.holidays);
-    if (is_past)
-      plan.notes.push_back(sentence(line_of(timer) + " has passed; no timer is set for it"));
+    const std::string line = line_of(timer);
+    if (const std::string fault = settle(timer, view); !fault.empty())
+      plan.notes.push_back(sentence(line + " " + fault + "; no timer is set for it"));
     else
       timers.push_back(timer);
   }
@@ -91,6 +109,8 @@ static void plan_timers(apply_plan &plan, const import_contents &wanted, const s
            (!wanted.types.empty() && !wanted.types.contains(timer.type));
   });
   std::ranges::sort(left, {}, &timer_record::id);
+  for (timer_record &timer : left)
+    settle(timer, view);
   for (const timer_record &timer : expected(plan, wanted, view)) {
     const auto found = std::ranges::find(left, key_of(timer), key_of);
     if (found == left.end()) {
@@ -107,7 +127,7 @@ static void plan_timers(apply_plan &plan, const import_contents &wanted, const s
 }
 
 static apply_plan plan_of(const import_contents &wanted, snapshot view) {
-  apply_plan plan;
+  apply_plan plan{.notes = wanted.notes};
   plan_holidays(plan, wanted, view);
   plan_timers(plan, wanted, view);
   const std::size_t stay = view.timers.size() - plan.cancelled.size();
@@ -183,17 +203,23 @@ static void tell(bool as_json, const application &account) {
   say(as_json, account.done, text, account.notes);
 }
 
-// As if it were done.
+// As if it were done; what has no id yet has none.
 static application forecast_of(const apply_plan &plan) {
   application account;
-  for (const holiday &period : plan.holidays_added)
-    add(account, "holidays_added", json_of(period), "added " + line_of(period));
+  for (const holiday &period : plan.holidays_added) {
+    json about = json_of(period);
+    about["id"] = nullptr;
+    add(account, "holidays_added", about, "would be added: " + line_of(period));
+  }
   for (const int id : plan.holidays_removed)
-    add(account, "holidays_removed", id, "removed holidays " + std::to_string(id));
+    add(account, "holidays_removed", id, "would be removed: holidays " + std::to_string(id));
+  for (const timer_record &timer : plan.effects)
+    account.lines.push_back("would be changed: timer " + std::to_string(timer.id) + ", to " +
+                            (timer.holiday_effect != 0 ? "skip" : "ignore") + " holidays");
   for (const timer_record &timer : plan.added)
-    add(account, "added", exported(timer), "added " + line_of(timer));
+    add(account, "added", exported(timer), "would be added: " + line_of(timer));
   for (const timer_record &timer : plan.cancelled)
-    add(account, "cancelled", timer.id, "cancelled timer " + std::to_string(timer.id));
+    add(account, "cancelled", timer.id, "would be cancelled: " + numbered_line_of(timer));
   account.done["changed"] = !plan.is_empty();
   account.notes = plan.notes;
   return account;
@@ -237,8 +263,8 @@ void applying::compare() {
 
 void applying::change_holidays() {
   if (!plan_->holidays_added.empty()) {
-    const holiday period = taken(plan_->holidays_added);
-    add_holiday(client_, period, client_.look(false).now.set);
+    holiday period = taken(plan_->holidays_added);
+    period.id = add_holiday(client_, period, client_.look(false).now.set);
     add(account_, "holidays_added", json_of(period), "added " + line_of(period));
   } else {
     const int id = taken(plan_->holidays_removed);
@@ -259,8 +285,7 @@ void applying::set_effect() {
 void applying::cancel(std::size_t place) {
   const timer_record timer = taken(plan_->cancelled, place);
   if (client_.call_int("cancel_timer", g_variant_new("(i)", timer.id)) == 0) // it may have fired
-    add(account_, "cancelled", timer.id,
-        "cancelled timer " + std::to_string(timer.id) + " (" + line_of(timer) + ")");
+    add(account_, "cancelled", timer.id, "cancelled " + numbered_line_of(timer));
 }
 
 // Takes one of those that are to go. False while all of them are due soon.
@@ -305,7 +330,9 @@ applying::progress applying::change_one() {
 
 applying::progress applying::end() {
   account_.notes = plan_->notes;
-  account_.is_equal = plan_->is_empty() && account_.done["refused"].empty();
+  json &refused = account_.done["refused"];
+  if (!plan_->is_empty() && refused.empty())
+    refused.push_back({{"what", "timers"}, {"why", "another client changes them; apply again"}});
   return progress::kEnded;
 }
 
@@ -373,6 +400,4 @@ void apply(client &client, const options &given) {
   tell(given.json, account);
   if (!account.done["refused"].empty())
     throw failure{given.json ? "" : "not everything was applied", ""};
-  if (!account.is_equal)
-    throw failure{"another client changes the timers at the same time", "apply the file again"};
 }

@@ -122,7 +122,7 @@ holiday read_holiday(const json &value, const std::string &where);
 
 // What was done to make timers and holidays equal to a file.
 struct application {
-  json done{{"changed", false}, // as apply prints it
+  json done{{"changed", false}, // as apply prints it; at the end all is equal but what is refused
             {"added", json::array()},
             {"cancelled", json::array()},
             {"holidays_added", json::array()},
@@ -130,7 +130,6 @@ struct application {
             {"refused", json::array()}};
   std::vector<std::string> lines{};
   std::vector<std::string> notes{};
-  bool is_equal = false; // at the end; otherwise one was refused, or another client changes them
 };
 
 // Makes them equal, one change a step, so that the caller does other things in between.

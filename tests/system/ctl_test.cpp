@@ -89,6 +89,9 @@ file() { # the timers, holidays and other members
 seven='{"type":0,"time":"07:00","days":["Mon"]}'
 off='{"type":1,"at":"2026-12-24T22:00:00"}'
 christmas='{"first":{"month":12,"day":24},"last":{"month":12,"day":25}}'
+boxing='{"first":{"month":12,"day":26},"last":{"month":12,"day":26}}'
+year='{"first":{"month":1,"day":1},"last":{"month":12,"day":31}}'
+once='{"type":1,"holidays":"skip","at":"2026-12-24T22:00:00"}'
 )";
 
 class Ctl : public daemon_test {
@@ -521,17 +524,25 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     add 6:00; add 7:00 --on mon; add 6:00 --type 10; holidays add 01-01; file $seven,$off $christmas \
       -> ctl apply x; ctl apply x; ctl list => 0 Nothing to change. =/> \n1   
     add 6:00; file $seven,$off $christmas -> ctl apply x --check; s=$?; ctl list; exit $s => 5 \
-      Added on, Mon, 07:00. =/> \n2
+      Would be added: on, Mon, 07:00. =/> \n2
     file $seven; ctl apply x -> ctl apply x --check => 0 Nothing to change.
     add 7:00 --on mon; file $seven '' '"types":[1],' -> ctl apply x => 1 does not name in types
     add 6:00 --on tue; file $off '' '"types":["off"],' -> ctl apply x; ctl list => 0 Added off =/> cancelled
     add 7:00 --on mon --holidays skip; file $seven -> ctl apply x; ctl list => 0 \
       Timer 1 ignores holidays. =/> \n2
+    add 7:00 --on mon --holidays skip; file $seven -> ctl apply x --check => 5 \
+      Would be changed: timer 1, to ignore holidays.
     file $seven,$seven -> ctl apply x => 1 on, Mon, 07:00 stands twice in the file
     file '{"type":0,"time":"07:00"}' -> ctl apply x => 1 timers[0] is for once and has no date
     file '{"type":0,"at":"2026-12-01T07:00:00"}' -> ctl apply x => 0 has passed; no timer is set
-    file "{\"type\":1,\"holidays\":\"skip\",\"at\":\"2026-12-24T22:00:00\"}" $christmas; ctl apply x -> \
-      ctl apply x; ctl list => 0 Sat 2026-12-26 22:00 =/> \n2
+    file $once $christmas; ctl apply x -> ctl apply x; ctl list => 0 Sat 2026-12-26 22:00 =/> \n2
+    file $once $christmas,$boxing -> ctl apply x => 0 Added off, once, Sun 2026-12-27 22:00.
+    file $once $christmas,$boxing; holidays add 12-24 12-25; holidays add 12-26; \
+      add '2026-12-24 22:00' --type off --holidays skip -> ctl apply x => 0 Nothing to change.
+    file $once $year -> ctl apply x => 0 22:00 has holidays on every day; no timer is set
+    file $seven $christmas -> ctl apply x -j => 0 "holidays_added":[{"id":1,
+    file '{"type":0,"at":"2026-12-21T07:00:00+01:00","days":["Mon"]}' -> ctl apply x => 0 \
+      Note: x: timers[0]: it repeats at 07:00 of its clock
     eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x -j => 0 "changed":true,
     one_period; file $seven "$christmas,"'{"first":{"month":1,"day":1},"last":{"month":1,"day":1}}' -> \
       ctl apply x => 1 Added holidays 24 Dec to 25 Dec.\nRefused: holidays 1 Jan to 1 Jan: dravel-manager
