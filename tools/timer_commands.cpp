@@ -3,7 +3,7 @@
 #include "judgement.h"
 
 #include <algorithm>
-#include <iostream>
+#include <cstdio>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -378,9 +378,9 @@ static void ask_before(std::size_t count) {
   if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0)
     return;
   std::fprintf(stderr, "Cancel %s? [y/N] ", plural(count, "timer").c_str());
-  std::string answer;
-  std::getline(std::cin, answer);
-  if (answer != "y" && answer != "yes")
+  char answer[8] = {}; // with the end of the line
+  const std::string text = std::fgets(answer, sizeof answer, stdin) != nullptr ? answer : "";
+  if (text != "y\n" && text != "yes\n")
     throw failure{"nothing is cancelled", ""};
 }
 
