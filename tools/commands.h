@@ -171,9 +171,10 @@ private:
   int round_ = 0;
 };
 
-// Throws a failure when the daemon would refuse `timer`, or would remove another for it without
-// `force`.
-void check_room(const timer_record &timer, const snapshot &view, bool force);
+// Throws a failure, which begins with `fault`, when the daemon would refuse `timer`, or would
+// remove another for it without `force`.
+void check_room(const timer_record &timer, const snapshot &view, bool force,
+                const std::string &fault = "not added");
 // Adds a timer. Returns its id; throws a failure when it is refused.
 int add_to_set(client &client, const timer_record &timer, const snapshot &view);
 // Puts `timer` in the place of the listed timer `old`. Returns its id; throws a failure when it is

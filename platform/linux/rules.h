@@ -181,6 +181,7 @@ void turn_screen(decision &d, bool on);
 void doubt_screen_order(decision &d, unit refused);
 void turn_off_by_timer(decision &d);
 void ask_television(decision &d);
+void ask_before_near(decision &d);
 void send_screen_order(decision &d);
 void order_is_settled(decision &d);
 void screen_step(decision &d);
