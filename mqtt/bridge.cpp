@@ -46,8 +46,8 @@ bridge::bridge(const configuration &configuration, const std::string &state_dire
 bridge::~bridge() {
   trial_.break_off();
   leave(kOffline);
-  for (unsigned *timer :
-       {&settle_timer_, &refresh_timer_, &discovery_timer_, &hourly_timer_, &plan_timer_})
+  for (unsigned *timer : {&settle_timer_, &refresh_timer_, &discovery_timer_, &hourly_timer_,
+                          &plan_timer_, &retry_timer_})
     stop(*timer);
 }
 
@@ -245,6 +245,5 @@ void bridge::hear_daemon(const std::vector<json> &events, const snapshot &) {
   for (const json &event : events)
     publish_once("event", text_of(event));
   refresh();
-  if (plan_waits_)
-    carry_out_plan(true);
+  try_plan_again();
 }

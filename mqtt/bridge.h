@@ -55,6 +55,7 @@ private:
   void hear_plan(const message &message);
   void carry_out_plan(bool again);
   void go_on_with_plan();
+  void try_plan_again();
   bool must_wait(const message &message) const;
   void handle_early();
 
@@ -92,6 +93,7 @@ private:
   unsigned discovery_timer_ = 0;
   unsigned hourly_timer_ = 0;
   unsigned plan_timer_ = 0; // while one is carried out
+  unsigned retry_timer_ = 0;
   watch watch_;
   broker broker_;
 };

@@ -13,6 +13,7 @@ static constexpr act kTest = {"test", "test", false, nullptr};
 static constexpr const char *kApply = "apply";
 static constexpr std::size_t kMostEarly = 100;
 static constexpr unsigned kWaitMs = 1000; // for room in the list
+static constexpr unsigned kRetryMs = 10 * 1000;
 
 void bridge::receive(const message &message) {
   if (message.topic == configuration_.own("state") ||
@@ -129,10 +130,12 @@ std::string bridge::run_trial(const command &command, const message &message) {
 
 // --- apply ---
 
+// One may come late.
 void bridge::hear_plan(const message &message) {
   plans_.note(message);
+  const auto *plan = plans_.due(true);
   if (is_settled_)
-    carry_out_plan(false);
+    carry_out_plan(configuration_.enforce && plan != nullptr && plan->topic == message.topic);
 }
 
 // The end of the one that is being carried out looks again.
@@ -145,6 +148,11 @@ void bridge::carry_out_plan(bool again) {
     return;
   plans_.begin(*plan);
   go_on_with_plan();
+}
+
+void bridge::try_plan_again() {
+  if (plan_waits_)
+    carry_out_plan(true);
 }
 
 void bridge::go_on_with_plan() {
@@ -160,6 +168,8 @@ void bridge::go_on_with_plan() {
     carry_out_plan(false);
   } catch (const failure &failure) {
     plan_waits_ = true;
+    if (failure.kind == fault::kTimeout) // otherwise the daemon's start ends it
+      run_later(retry_timer_, kRetryMs, &bridge::try_plan_again);
     log_problem("apply waits: " + failure.what);
   }
   if (plan_timer_ == 0)

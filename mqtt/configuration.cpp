@@ -1,6 +1,7 @@
 #include "configuration.h"
 
 #include "client.h"
+#include "ledger.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -8,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <unistd.h>
@@ -178,20 +178,23 @@ static void read_file(const std::string &name, draft &draft) {
 
 // --- what is not in the file ---
 
+static std::string first_line(const std::string &file) {
+  const std::string contents = read_file(file);
+  return contents.substr(0, contents.find('\n'));
+}
+
 // At a shell there are no credentials: root reads the files that they come from.
 static std::string credential_file(const std::string &name) {
   const char *directory = std::getenv("CREDENTIALS_DIRECTORY");
   const std::string file =
       directory != nullptr ? std::string(directory) + "/" + name : "/etc/dravel-mqtt." + name;
-  std::ifstream stream(file);
-  return stream.is_open() && stream.peek() > 32 ? file : ""; // an empty one is none
+  const std::string contents = read_file(file);
+  return contents.empty() || contents[0] <= ' ' ? "" : file; // an empty one is none
 }
 
 static std::string password() {
-  std::string line;
-  std::ifstream stream(credential_file("password"));
-  std::getline(stream, line);
-  return line;
+  const std::string file = credential_file("password");
+  return file.empty() ? "" : first_line(file);
 }
 
 static std::string host_name() {
@@ -211,8 +214,7 @@ static std::array<guchar, 16> bytes_of(const std::string &digits) {
 // As sd_id128_get_machine_app_specific gives it, whose library and what that needs would take a
 // tenth of the memory.
 static std::string machine_id() {
-  std::string digits;
-  std::getline(std::ifstream(kMachineId), digits);
+  const std::string digits = first_line(kMachineId);
   if (digits.size() != 32 || digits.find_first_not_of("0123456789abcdef") != std::string::npos)
     throw failure{std::string(kMachineId) + " holds no id", "systemd-machine-id-setup makes one"};
   const auto key = bytes_of(digits);

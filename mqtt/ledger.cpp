@@ -8,13 +8,19 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
 
 static constexpr std::size_t kKept = 256;
 static constexpr std::size_t kMostLines = 4 * kKept;
 
 static std::string line_of(const ledger::entry &entry) {
   return json{{"key", entry.key}, {"result", entry.result}}.dump() + "\n";
+}
+
+std::string read_file(const std::string &file) {
+  g_autofree char *contents = nullptr;
+  gsize length = 0;
+  g_file_get_contents(file.c_str(), &contents, &length, nullptr);
+  return contents != nullptr ? std::string(contents, length) : "";
 }
 
 void write_file(const std::string &file, const std::string &contents) {
@@ -27,9 +33,11 @@ void write_file(const std::string &file, const std::string &contents) {
 }
 
 ledger::ledger(std::string file) : file_(std::move(file)) {
-  std::ifstream stream(file_);
-  for (std::string line; std::getline(stream, line); ++lines_) {
-    json read = json::parse(line, nullptr, false); // a missing member reads as null
+  const std::string text = read_file(file_);
+  for (std::size_t at = 0, end = 0; at < text.size(); at = end + 1, ++lines_) {
+    end = std::min(text.find('\n', at), text.size());
+    json read =
+        json::parse(text.substr(at, end - at), nullptr, false); // a missing member reads as null
     if (read.is_object() && read["key"].is_string() && read["result"].is_string())
       put({read["key"], read["result"]});
   }

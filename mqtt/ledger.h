@@ -30,6 +30,8 @@ private:
   std::size_t lines_ = 0;     // in the file
 };
 
+std::string read_file(const std::string &file); // empty when it cannot be read
+
 // Replaces a file whole: after a power cut it has the old contents or the new ones. Throws a
 // failure.
 void write_file(const std::string &file, const std::string &contents);

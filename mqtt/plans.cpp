@@ -4,9 +4,6 @@
 #include "journal.h"
 #include "ledger.h"
 
-#include <fstream>
-#include <iterator>
-
 static std::string sha256_of(const std::string &text) {
   g_autofree char *sum = g_compute_checksum_for_string(G_CHECKSUM_SHA256, text.data(),
                                                        static_cast<gssize>(text.size()));
@@ -15,8 +12,7 @@ static std::string sha256_of(const std::string &text) {
 
 plans::plans(const configuration &configuration, std::string file)
     : configuration_(configuration), file_(std::move(file)) {
-  std::ifstream stream(file_);
-  const std::string text{std::istreambuf_iterator<char>(stream), {}};
+  const std::string text = read_file(file_);
   json read = json::parse(text, nullptr, false); // a missing member reads as null
   if (read.is_object() && read["sha256"].is_string() && read["refused"].is_array())
     applied_ = text;

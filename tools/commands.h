@@ -112,8 +112,11 @@ struct import_contents {
 
 // What an exported file holds; a failure names the first wrong entry of the file `name`, "-" being
 // standard input. With `dated` a timer for once needs a date.
-import_contents read_import(std::istream &stream, const std::string &name, bool dated = false);
+import_contents read_import_text(const std::string &text, const std::string &name,
+                                 bool dated = false);
 import_contents read_import(const json &all, const std::string &name, bool dated = false);
+std::string contents_of(const std::string &file); // "-" is standard input
+std::string source_name(const std::string &file); // as failures call it
 import_contents read_import_file(const std::string &name, bool dated = false);
 // One entry of such a file, which a failure calls `where`.
 timer_record read_timer(const json &value, const std::string &where,

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <iostream>
 #include <iterator>
 #include <set>
 
@@ -331,19 +330,6 @@ void add_holidays(client &client, const options &given) {
 
 // --- holidays import ---
 
-static std::string contents_of(const std::string &file) {
-  if (file == "-")
-    return {std::istreambuf_iterator<char>(std::cin), {}};
-  g_autofree char *contents = nullptr;
-  gsize length = 0;
-  g_autoptr(GError) error = nullptr;
-  if (g_file_get_contents(file.c_str(), &contents, &length, &error) == FALSE) {
-    const std::string reason = error->message;
-    throw failure{"cannot read " + file + reason.substr(reason.rfind(": ")), ""};
-  }
-  return {contents, length};
-}
-
 namespace {
 
 struct named_holiday {
@@ -384,8 +370,8 @@ void import_holidays(client &client, const options &given) {
   const std::string &file = given.words.at(0);
   const snapshot before = client.look();
   const sys_days today = floor<days>(before.now.set);
-  const auto entries = read_calendar(contents_of(file), file == "-" ? "standard input" : file,
-                                     today, sys_days(year_month_day(today) + years(1)));
+  const auto entries = read_calendar(contents_of(file), source_name(file), today,
+                                     sys_days(year_month_day(today) + years(1)));
   json about{{"added", json::array()}};
   std::string text;
   for (named_holiday &wanted : new_ones_of(entries, before.holidays)) {

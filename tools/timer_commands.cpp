@@ -3,7 +3,7 @@
 #include "judgement.h"
 
 #include <algorithm>
-#include <iostream>
+#include <cstdio>
 #include <string_view>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -392,9 +392,10 @@ static void ask_before(std::size_t count) {
   if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0)
     return;
   std::fprintf(stderr, "Cancel %s? [y/N] ", plural(count, "timer").c_str());
-  std::string answer;
-  std::getline(std::cin, answer);
-  g_autofree char *word = g_ascii_strdown(g_strstrip(answer.data()), -1);
+  char answer[64] = {};
+  if (std::fgets(answer, sizeof answer, stdin) == nullptr)
+    answer[0] = '\0';
+  g_autofree char *word = g_ascii_strdown(g_strstrip(answer), -1);
   if (std::string_view(word) != "y" && std::string_view(word) != "yes")
     throw failure{"nothing is cancelled", ""};
 }

@@ -4,8 +4,7 @@
 
 #include <algorithm>
 #include <climits>
-#include <fstream>
-#include <iostream>
+#include <cstdio>
 
 // Sorted, so that equal sets give equal files.
 void export_timers(client &client, const options &) {
@@ -168,13 +167,11 @@ static std::string reason_of(const json::exception &error) {
   return text.substr(text.find("] ") + 2); // after the library's own number
 }
 
-static json parse(std::istream &stream, const std::string &name) {
+static json parse(const std::string &text, const std::string &name) {
   try {
-    return json::parse(stream);
+    return json::parse(text);
   } catch (const json::exception &error) {
     throw failure{name + " is no JSON: " + reason_of(error), kWanted};
-  } catch (const std::ios_base::failure &error) { // a directory opens but cannot be read
-    throw failure{"cannot read " + name + ": " + error.code().message(), ""};
   }
 }
 
@@ -199,8 +196,8 @@ holiday read_holiday(const json &value, const std::string &where) {
   return holiday_of({value, where}, notes);
 }
 
-import_contents read_import(std::istream &stream, const std::string &name, bool dated) {
-  return read_import(parse(stream, name), name, dated);
+import_contents read_import_text(const std::string &text, const std::string &name, bool dated) {
+  return read_import(parse(text, name), name, dated);
 }
 
 import_contents read_import(const json &all, const std::string &name, bool dated) {
@@ -220,13 +217,32 @@ import_contents read_import(const json &all, const std::string &name, bool dated
   return read;
 }
 
+std::string source_name(const std::string &file) { return file == "-" ? "standard input" : file; }
+
+static std::string standard_input() {
+  std::string contents;
+  char part[4096];
+  while (const std::size_t size = std::fread(part, 1, sizeof part, stdin))
+    contents.append(part, size);
+  return contents;
+}
+
+// Without the library's streams, which would be most of the bridge.
+std::string contents_of(const std::string &file) {
+  if (file == "-")
+    return standard_input();
+  g_autofree char *contents = nullptr;
+  gsize length = 0;
+  g_autoptr(GError) error = nullptr;
+  if (g_file_get_contents(file.c_str(), &contents, &length, &error) == FALSE) {
+    const std::string reason = error->message;
+    throw failure{"cannot read " + file + reason.substr(reason.rfind(": ")), ""};
+  }
+  return {contents, length};
+}
+
 import_contents read_import_file(const std::string &name, bool dated) {
-  if (name == "-")
-    return read_import(std::cin, "standard input", dated);
-  std::ifstream file(name);
-  if (!file.is_open())
-    throw failure{"cannot read " + name + ": " + g_strerror(errno), ""};
-  return read_import(file, name, dated);
+  return read_import_text(contents_of(name), source_name(name), dated);
 }
 
 // --- adding ---

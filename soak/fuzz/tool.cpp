@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <sstream>
 
 using namespace std::chrono;
 
@@ -71,9 +70,9 @@ template <typename Read> static void expect_reason(Read read) {
 
 extern "C" int LLVMFuzzerTestOneInput(const char *data, std::size_t size) {
   GTEST_FLAG_SET(throw_on_failure, true);
-  std::istringstream file(std::string(data, size));
-  read_word(file.str());
-  expect_reason([&] { check_calendar(file.str()); });
-  expect_reason([&] { check_forecast(read_import(file, "file")); });
+  const std::string text(data, size);
+  read_word(text);
+  expect_reason([&] { check_calendar(text); });
+  expect_reason([&] { check_forecast(read_import_text(text, "file")); });
   return 0;
 }
