@@ -73,10 +73,12 @@ void turn_off_by_timer(decision &d) {
 
 void on(decision &d, const event::screen_wanted &e) {
   used(d);
-  if (e.on || e.by == event::asker::kBus)
-    turn_screen(d, e.on);
-  else
+  if (!e.on && e.by == event::asker::kDaemon) {
     turn_off_by_timer(d);
+    return;
+  }
+  turn_screen(d, e.on);
+  d.m.woken.stays = !e.on;
 }
 
 // --- an order that is not confirmed yet ---

@@ -15,18 +15,19 @@ static void believe(decision &d, screen_state state) {
 
 // The machine follows a television that its remote has switched off.
 static void follow_off(decision &d) {
-  if (!d.m.set.follow_screen)
+  if (!d.m.set.follow_screen || d.m.sleep.wish == sleep_wish::kScreen)
     return;
   const bool hibernates = d.m.set.off == off_action::kHibernate;
   wish_sleep(d, sleep_wish::kScreen, hibernates ? off_action::kHibernate : off_action::kSuspend);
 }
 
+// One that was believed on before a sleep may have been switched off long before its end.
 static void remote_turned(decision &d, bool on) {
   const bool was_on = is_on(d.m);
   believe(d, on ? screen_state::kOn : screen_state::kOff);
   if (on && !was_on)
     drop_wish(d);
-  else if (!on && was_on)
+  else if (!on && was_on && d.m.screen.seen_on)
     follow_off(d);
 }
 
@@ -60,6 +61,7 @@ void on(decision &d, const event::tv_reports &e) {
   auto &screen = d.m.screen;
   const bool on = means_on(e.state);
   screen.has_spoken = true;
+  screen.seen_on = screen.seen_on || on;
   screen.answered = on ? screen_state::kOn : screen_state::kOff;
   d.m.sleep.screen_answered = true;
   d.m.sleep.is_silent = false;
@@ -93,13 +95,22 @@ void on(decision &d, const event::tv_denies &e) {
     order_is_settled(d);
 }
 
-// Its own standby, which it sends to all devices on its cable.
-void on(decision &d, const event::tv_standby &) { on(d, event::tv_reports{event::tv_state::kOff}); }
+// Its own standby, which it sends to all devices on its cable: its remote has switched it off,
+// unless we have, or the message is one of before the sleep.
+void on(decision &d, const event::tv_standby &) {
+  const auto &screen = d.m.screen;
+  const bool is_sent_off = screen.ordered == screen_order::kOff && !is_on(d.m);
+  const bool by_remote = !screen.pending && !is_sent_off && !is_resume(d);
+  on(d, event::tv_reports{event::tv_state::kOff});
+  if (by_remote)
+    follow_off(d);
+}
 
 void on(decision &d, const event::tv_asks_source &) {
   d.m.screen.has_spoken = true;
   if (wants_on(d.m))
     d.give(order::tv_answer{});
+  ask_television(d); // its remote may have turned it on
 }
 
 void on(decision &d, const event::tv_reachable &e) {

@@ -151,7 +151,7 @@ void on(decision &d, const event::preparing &e) {
 static void forget_orders(decision &d) {
   auto &screen = d.m.screen;
   screen.pending = false;
-  screen.ordered_on = false;
+  screen.ordered_on = screen.seen_on = false;
   screen.answered = screen_state::kUnknown;
   d.m.use.input_at = 0;
   forget_wish(d);

@@ -39,7 +39,7 @@ struct machine {
     bool cause_open = false;     // the device is still to be read
     bool late_open = false;      // the daemon is still to be asked for late timers
     std::int64_t late_from = 0;  // UTC
-    bool stays = false;          // an off-timer has turned the screen off, and only that
+    bool stays = false;          // somebody has turned the screen off, and only that
   } woken;
 
   struct {
@@ -51,6 +51,7 @@ struct machine {
     bool has_cec = false;                       // there is an adapter that may have a television
     bool has_spoken = false;                    // it has; a monitor never says anything
     bool ordered_on = false;                    // since the wake-up
+    bool seen_on = false;                           // a television has said so since the wake-up
     screen_state answered = screen_state::kUnknown; // by a television since the wake-up or order
   } screen;
 

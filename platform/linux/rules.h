@@ -130,6 +130,7 @@ void decide_cause(decision &d, others_did others);
 void credit(decision &d);
 void say_cause(decision &d);
 void user_window_ends(decision &d);
+bool awaits_user(const machine &m);
 bool by_alarm_of_ours(const machine &m);
 
 // --- decide_obstacle.cpp ---
@@ -191,6 +192,7 @@ void count_screen(decision &d);
 bool is_clock_known(const machine &m, const moment &now);
 void start_clock(decision &d);
 void ask_clock_again(decision &d);
+bool is_resume(const decision &d); // what is read now may be older than the sleep
 void count_clock(decision &d);
 
 // --- decide_trial.cpp ---

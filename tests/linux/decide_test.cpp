@@ -150,6 +150,36 @@ TEST(Decide, AScreen_IsBelievedOnlyWhatIsSaid) {
   }
 }
 
+// What was believed before a sleep is no switch of its remote, nor is a message from before it.
+TEST(Decide, ATelevisionsRemote_IsFollowed_WhenItHasSwitchedItOffSinceTheWakeUp) {
+  using event::tv_state;
+  const event::tv_reports on{tv_state::kOn}, off{tv_state::kOff};
+  const struct {
+    std::vector<event::any> said;
+    std::int64_t after; // seconds from the wake-up
+    bool sleeps;
+  } rows[] = {
+      {{off}, 5, false},
+      {{on, off}, 5, true},
+      {{event::tv_standby{}}, 5, true},
+      {{event::tv_standby{}}, 1, false},
+      {{event::tv_silent{}, event::tv_standby{}}, 5, true},
+      {{event::screen_wanted{false, event::asker::kBus}, off, event::tv_standby{}}, 5, false},
+      {{event::screen_wanted{true, event::asker::kBus}, event::tv_standby{}}, 5, false},
+  };
+  for (const auto &row : rows) {
+    settings set;
+    set.follow_screen = true;
+    awake_machine run(set);
+    run.send(on);
+    run.sleep(1000);
+    run.pass(row.after);
+    for (const event::any &one : row.said)
+      run.send(one);
+    EXPECT_EQ(run.m.sleep.wish == sleep_wish::kScreen, row.sleeps) << &row - rows;
+  }
+}
+
 // A monitor never says anything: that is no problem of a television.
 TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine) {
   awake_machine run;
@@ -166,8 +196,10 @@ TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine)
     EXPECT_EQ(run.m.screen.believed, screen_state::kUnknown);
     EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], speaks ? 1 : 0);
   }
+  run.given.clear();
   run.send(event::tv_asks_source{});
   EXPECT_EQ(run.count<order::tv_answer>(), 1);
+  EXPECT_EQ(run.count<order::tv_ask>(), 1) << "its remote may have turned it on";
   run.send(event::screen_wanted{false, event::asker::kBus});
   run.send(event::tv_asks_source{});
   EXPECT_EQ(run.count<order::tv_answer>(), 1);
@@ -456,6 +488,18 @@ TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
   }
 }
 
+TEST(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake) {
+  for (const bool by_hand : {true, false}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    run.sleep(985);
+    if (by_hand)
+      run.send(event::screen_wanted{false, event::asker::kBus});
+    run.send(event::tv_reports{event::tv_state::kOff});
+    EXPECT_EQ(due_at(run.m, due_kind::kReturn) == kNever, by_hand);
+  }
+}
+
 // Nobody may tell that a user has logged out, or that a program blocks the sleep no longer.
 TEST(Decide, WhatPostponesASleep_IsAskedForAgain) {
   for (const bool is_session : {true, false}) {
@@ -517,6 +561,31 @@ TEST(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine) {
     run.sleep(100);
     run.send(event::input{pressed});
     EXPECT_EQ(run.m.woken.by, is_late ? cause::kUser : cause::kNothing);
+  }
+}
+
+TEST(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate) {
+  const struct {
+    bool is_off, speaks, follows, comes_back;
+  } rows[] = {{true, false, false, true},
+              {false, false, false, false},
+              {true, true, false, false},
+              {true, true, true, true}};
+  for (const auto &row : rows) {
+    settings set;
+    set.screen_follows = row.follows;
+    awake_machine run(set, row.speaks);
+    run.send(event::screen_wanted{!row.is_off, event::asker::kBus});
+    run.sleep(1000);
+    run.pass(60);
+    run.send(event::due{});
+    EXPECT_EQ(run.m.woken.by, cause::kNothing);
+    EXPECT_TRUE(run.m.use.watched || !row.comes_back);
+    run.send(event::input{});
+    EXPECT_EQ(run.last<order::start_unit>().name == unit::kOn && run.m.screen.ordered_on,
+              row.comes_back)
+        << &row - rows;
+    EXPECT_EQ(run.m.woken.by, row.comes_back ? cause::kUser : cause::kNothing);
   }
 }
 

@@ -80,7 +80,7 @@ private:
   std::int64_t due_at_ = 0;        // the last timer, true ms
   millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs;
   millis on_until_ = -1; // a cause holds
-  millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1;
+  millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1, left_at_ = -1, stays_at_ = -1;
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
   std::deque<millis> sleeps_;
@@ -91,6 +91,7 @@ private:
   bool has_spoken_ = false;                      // the television, in this boot
   bool is_clock_set_ = false, said_on_ = false;  // in this boot; by the television, last
   bool is_ordered_on_ = false, is_test_ = false; // the screen; the sleep
+  bool is_seen_on_ = false;                      // the television, since the wake-up
   bool timer_went_off_ = false, was_right_ = false, is_silent_ = false;
   millis credited_at_ = -1;
   std::int64_t left_at_up_ = 0;   // seconds to the alarm that stands
