@@ -69,6 +69,7 @@ static void leave(decision &d, phase next) {
   power.standby_told = false;
   power.step_held = false;
   d.m.screen.pending = false;
+  d.never(due_kind::kScreenStep);
   d.m.alarm.tries = 0;
   d.never(due_kind::kAlarmAgain);
   d.due_after(due_kind::kLeaving, kLeavingMs);
@@ -156,6 +157,7 @@ static void forget_orders(decision &d) {
   d.m.use.input_at = 0;
   forget_wish(d);
   is_over(d, problem::kSleep);
+  d.never(due_kind::kScreenStep);
   d.never(due_kind::kLeaving);
   d.never(due_kind::kUserWindow);
   forget_lost_jobs(d);

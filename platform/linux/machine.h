@@ -46,12 +46,14 @@ struct machine {
     screen_state believed = screen_state::kUnknown;
     screen_order ordered = screen_order::kNone; // the last order; it stays when it is carried out
     bool pending = false;                       // the television is still asked whether it follows
-    std::uint8_t step = 0;                      // seconds of the pending order
-    bool said_on = false;                       // for the pending order
+    std::int64_t ordered_at = 0;                // boot
+    std::uint8_t step = 0;                      // seconds since the order
+    bool said_on = false;                       // since the order
+    bool denied = false;                        // it does not know the question, since the order
     bool has_cec = false;                       // there is an adapter that may have a television
     bool has_spoken = false;                    // it has; a monitor never says anything
     bool ordered_on = false;                    // since the wake-up
-    bool seen_on = false;                           // a television has said so since the wake-up
+    bool seen_on = false;                       // a television has said so since the wake-up
     screen_state answered = screen_state::kUnknown; // by a television since the wake-up or order
   } screen;
 

@@ -76,6 +76,7 @@ void say(decision &d, order::saying what, std::int64_t number = 0, std::uint32_t
 // One line when a problem begins, one when it is over.
 void has_problem(decision &d, problem which, int error);
 void is_over(decision &d, problem which);
+bool is_open(const machine &m, problem which);
 
 // --- decide_alarm.cpp: which alarm must stand ---
 
@@ -182,6 +183,7 @@ void turn_screen(decision &d, bool on);
 void doubt_screen_order(decision &d, unit refused);
 void turn_off_by_timer(decision &d);
 void ask_television(decision &d);
+void adapter_appears(decision &d);
 void send_screen_order(decision &d);
 void order_is_settled(decision &d);
 void screen_step(decision &d);

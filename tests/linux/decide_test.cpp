@@ -51,6 +51,7 @@ struct awake_machine {
     given.clear();
     send(event::sleep_ends{});
   }
+  bool has(problem part) const { return m.problems[static_cast<std::size_t>(part)] != 0; }
   template <typename Order> long count() const {
     return std::ranges::count_if(
         given, [](const order::any &one) { return std::holds_alternative<Order>(one); });
@@ -194,7 +195,7 @@ TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine)
     }
     EXPECT_EQ(run.count<order::tv_on>(), 3);
     EXPECT_EQ(run.m.screen.believed, screen_state::kUnknown);
-    EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], speaks ? 1 : 0);
+    EXPECT_EQ(run.has(problem::kTelevision), speaks);
   }
   run.given.clear();
   run.send(event::tv_asks_source{});
@@ -203,6 +204,67 @@ TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine)
   run.send(event::screen_wanted{false, event::asker::kBus});
   run.send(event::tv_asks_source{});
   EXPECT_EQ(run.count<order::tv_answer>(), 1);
+}
+
+TEST(Decide, ATelevisionThatIsLate_IsAskedOn_AndTakenAtItsWord) {
+  const struct {
+    bool on;
+    std::int64_t after; // seconds until it follows
+    long pairs;         // sent then
+  } rows[] = {{true, 40, 1}, {true, 300, 0}, {false, 40, 0}, {false, 300, 0}};
+  for (const auto &row : rows) {
+    settings set;
+    set.follow_screen = true;
+    awake_machine run(set);
+    const event::tv_reports on{event::tv_state::kOn}, off{event::tv_state::kOff};
+    run.send(event::screen_wanted{row.on, event::asker::kBus});
+    for (std::int64_t second = 0; second < row.after; ++second) {
+      run.send(row.on ? off : on);
+      run.pass(1);
+      run.send(event::due{});
+    }
+    EXPECT_EQ(run.count<order::tv_ask>(), row.after == 40 ? 14 + 5 : 14 + 21);
+    EXPECT_TRUE(run.has(problem::kTelevision));
+    run.given.clear();
+    run.send(row.on ? on : off);
+    EXPECT_EQ(run.count<order::tv_on>(), row.pairs) << &row - rows;
+    EXPECT_FALSE(run.has(problem::kTelevision));
+    EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone) << "no remote has turned it off";
+    EXPECT_EQ(due_at(run.m, due_kind::kScreenStep), kNever);
+  }
+}
+
+TEST(Decide, ATelevisionThatRefusesTheQuestion_StillGetsThePairThreeTimes) {
+  for (const bool for_good : {true, false}) {
+    awake_machine run;
+    run.send(event::screen_wanted{true, event::asker::kBus});
+    for (int second = 0; second < 20; ++second) {
+      run.pass(1);
+      run.send(event::due{});
+      run.send(event::tv_denies{CEC_MSG_GIVE_DEVICE_POWER_STATUS, for_good});
+    }
+    EXPECT_EQ(run.count<order::tv_on>(), 3);
+    EXPECT_EQ(run.count<order::tv_ask>(), for_good ? 1 : 15);
+    EXPECT_EQ(run.has(problem::kTelevision), !for_good);
+  }
+}
+
+TEST(Decide, AnAdapterThatComesLate_GetsTheOrder_UnlessItIsOld) {
+  const struct {
+    std::int64_t after;
+    bool has_said, gets_it;
+  } rows[] = {{60, false, true}, {121, false, false}, {60, true, false}};
+  for (const auto &row : rows) {
+    awake_machine run({}, row.has_said);
+    run.send(event::screen_wanted{true, event::asker::kDaemon});
+    run.send(event::tv_reports{event::tv_state::kOn});
+    run.send(event::tv_reachable{false});
+    run.given.clear();
+    run.pass(row.after);
+    run.send(event::tv_reachable{true});
+    EXPECT_EQ(run.count<order::tv_on>(), row.gets_it ? 1 : 0) << &row - rows;
+    EXPECT_EQ(run.m.screen.pending, row.gets_it);
+  }
 }
 
 TEST(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn) {
@@ -216,7 +278,7 @@ TEST(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn) {
       run.send(event::due{});
       run.send(answer);
     }
-    EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], is_silent ? 0 : 1);
+    EXPECT_EQ(run.has(problem::kTelevision), !is_silent);
     EXPECT_EQ(run.last<order::say>().what == order::saying::kTelevisionStays, !is_silent);
   }
 }
@@ -592,9 +654,9 @@ TEST(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate) {
 TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   awake_machine run;
   run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});
-  EXPECT_NE(run.m.problems[static_cast<std::size_t>(problem::kCannotSleep)], 0);
+  EXPECT_TRUE(run.has(problem::kCannotSleep));
   settings set;
   set.off = off_action::kPoweroff;
   run.send(event::configured{set});
-  EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kCannotSleep)], 0);
+  EXPECT_FALSE(run.has(problem::kCannotSleep));
 }

@@ -81,6 +81,7 @@ private:
   millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs;
   millis on_until_ = -1; // a cause holds
   millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1, left_at_ = -1, stays_at_ = -1;
+  millis turned_on_at_ = -kDayMs;
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
   std::deque<millis> sleeps_;
