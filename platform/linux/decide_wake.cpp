@@ -63,7 +63,7 @@ void ask_whether_leaving(decision &d) {
 
 static void leave(decision &d, phase next) {
   auto &power = d.m.power;
-  power.may_hibernate = false;
+  power.may_hibernate = power.end_owed = false;
   power.now = next;
   power.went = d.now;
   power.standby_told = false;
@@ -123,8 +123,15 @@ static void stayed_up(decision &d) {
     sleep_failed(d, 0);
 }
 
+// The lead is that of a sleep again.
+static void sleep_is_over(decision &d) {
+  d.m.alarm.check = d.m.alarm.check || d.m.power.end_owed;
+  d.m.power.end_owed = false;
+}
+
 // A delay that was refused before is given from now on.
 void on(decision &d, const event::sleep_ends &) {
+  sleep_is_over(d);
   if (d.m.power.now == phase::kGoing)
     stayed_up(d);
   else if (due_at(d.m, due_kind::kInhibitAgain) != kNever)
@@ -139,6 +146,8 @@ void on(decision &d, const event::shutdown_ends &) {
 // What a run that started in between has missed. An order to sleep may have been lost with the last
 // run: it is given again when nothing prevents it.
 void on(decision &d, const event::preparing &e) {
+  if (!e.sleep)
+    sleep_is_over(d);
   if (e.sleep)
     on(d, event::sleep_begins{});
   else if (e.shutdown)
@@ -172,6 +181,7 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   auto &power = d.m.power;
   auto &woken = d.m.woken;
   const bool was_announced = is_leaving(d.m);
+  power.end_owed = power.end_owed || power.now == phase::kGoing;
   power.now = phase::kAwake;
   take_inhibitor(d);
   // A sleep that the clocks do not show has lasted since it was announced.
@@ -179,7 +189,7 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   const std::int64_t began = is_shown ? utc_before(d.now, slept_ms) : power.went.utc;
   if (!was_announced) {
     power.went = {began, d.now.boot - slept_ms, 0, 0, 0};
-    power.may_hibernate = false;
+    power.may_hibernate = power.may_hibernate && power.end_owed;
   }
   count_sleep(d);
   forget_orders(d);

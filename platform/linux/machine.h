@@ -18,6 +18,7 @@ struct machine {
     bool standby_told = false;
     bool released = false;      // the inhibitor, for this sleep
     bool may_hibernate = false; // somebody else has ordered the last sleep
+    bool end_owed = false;      // the machine is awake, and logind has not said so
     bool step_held = false;     // the clock was stepped between standby and wake-up
     bool ending = false;        // this process ends
     std::uint32_t short_sleeps = 0;

@@ -462,7 +462,14 @@ TEST(Decide, ASleepOfSomebodyElse_LeavesTimeToComeBackFromTheDisk_WhenItMay) {
     run.send(event::program{0, kNow + 1000, 0});
     EXPECT_EQ(run.alarm, kNow + 985);
     run.send(event::sleep_begins{});
-    EXPECT_EQ(run.alarm, kNow + (can == kHibernateBit ? 910 : 985));
+    const std::int64_t before_a_sleep = kNow + (can == kHibernateBit ? 910 : 985);
+    EXPECT_EQ(run.alarm, before_a_sleep);
+    run.now.slept += 100 * kSecondMs;
+    run.pass(100);
+    run.send(event::ambient{});
+    EXPECT_EQ(run.alarm, before_a_sleep) << "it may be suspended only until it hibernates";
+    run.send(event::sleep_ends{});
+    EXPECT_EQ(run.alarm, kNow + 985);
     EXPECT_EQ(run.m.sleep.last_method, off_action::kSuspend);
   }
 }
