@@ -517,7 +517,8 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   awake_machine run;
   event::started start;
   start.kept.woken.by = cause::kTimer;
-  start.has_kept = start.is_other_build = start.rtc_valid = true;
+  start.kept.clock.was_set = true;
+  start.has_kept = start.is_other_build = true;
   start.device.clock = run.now.utc;
   run.send(start);
   run.send(event::armed{});
@@ -525,6 +526,7 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   EXPECT_EQ(run.count<order::say>(), 0);
   EXPECT_EQ(run.last<order::ask_late>().from, kNow) << "nothing fires twice";
   EXPECT_NE(due_at(run.m, due_kind::kReturn), kNever);
+  EXPECT_EQ(run.m.clock.state, clock_state::kByHand) << "somebody has set it, in this boot";
   start.kept.screen.ordered_on = true;
   run.send(start);
   run.send(event::armed{});
