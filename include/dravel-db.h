@@ -27,9 +27,9 @@ extern "C" {
 
 // Puts back what an interrupted migration left, then checks, creates, opens and migrates both
 // files. Returns 0, also without a wake-up database or after a failed migration. Otherwise the
-// result code of the main file's failed opening, table creation, or copy before its migration, or
-// SQLITE_CANTOPEN when the old files could not be put back: the daemon then runs without a store
-// until its next start and refuses every timer that needs one.
+// result code of the main file's failed opening or table creation, or of a failed copy before the
+// migration, or SQLITE_CANTOPEN when the old files could not be put back: the daemon then runs
+// without a store until its next start and refuses every timer that needs one.
 DRAVEL_API int initialize_dravel_db(void);
 
 // Closes the main connection, then the wake-up connection; returns the latter's

@@ -12,7 +12,6 @@ static constexpr unsigned kRefreshMs = 200;
 static constexpr unsigned kHourMs = 3600 * 1000; // the week moves on
 static constexpr int kDisconnectMs = 400;
 static constexpr int kLongestDiscoveryDelay = 10; // seconds
-static constexpr std::size_t kMostEarly = 100;
 
 static constexpr const char *kOnline = "online";
 static constexpr const char *kOffline = "offline";
@@ -29,16 +28,6 @@ static std::vector<std::string> subscriptions(const configuration &settings) {
   return topics;
 }
 
-static bool is_command(const message &message) {
-  return message.topic.find("/set/") != std::string::npos;
-}
-
-static std::string busy_answer(const message &message) {
-  return is_command(message)
-             ? not_done(command_of(message), {"100 commands wait already", ""}, "busy")
-             : "";
-}
-
 bridge::bridge(const configuration &configuration, const std::string &state_directory)
     : configuration_(configuration), ledger_(state_directory + "/commands"),
       plans_(configuration, state_directory + "/applied"), trial_(client_),
@@ -48,7 +37,7 @@ bridge::bridge(const configuration &configuration, const std::string &state_dire
       broker_(configuration, {configuration.own("availability"), kOffline, true},
               configuration.own("result"), subscriptions(configuration),
               {.subscribed = [this] { meet(); },
-               .lost = [this] { lose(); },
+               .lost = [this](const auto &sent) { lose(sent); },
                .received = [this](const message &message) { receive(message); },
                .busy = busy_answer}) {
   run_later(hourly_timer_, kHourMs, &bridge::refresh_now);
@@ -57,7 +46,8 @@ bridge::bridge(const configuration &configuration, const std::string &state_dire
 bridge::~bridge() {
   trial_.break_off();
   leave(kOffline);
-  for (unsigned *timer : {&settle_timer_, &refresh_timer_, &discovery_timer_, &hourly_timer_})
+  for (unsigned *timer :
+       {&settle_timer_, &refresh_timer_, &discovery_timer_, &hourly_timer_, &plan_timer_})
     stop(*timer);
 }
 
@@ -76,7 +66,7 @@ struct later {
 void bridge::run_later(unsigned &timer, unsigned milliseconds, void (bridge::*then)()) {
   stop(timer);
   timer = g_timeout_add_full(
-      G_PRIORITY_DEFAULT, milliseconds,
+      G_PRIORITY_DEFAULT_IDLE, milliseconds, // takes turns with what comes from the broker
       [](void *data) -> gboolean {
         const later call = *static_cast<later *>(data);
         *call.timer = 0;
@@ -94,20 +84,24 @@ void bridge::stop(unsigned &timer) {
 
 // --- the connection ---
 
+// What the broker retains may have come before.
 void bridge::meet() {
   phase_ = phase::kMeeting;
+  run_later(settle_timer_, static_cast<unsigned>(configuration_.settle_ms), &bridge::settle);
+  decide_on_peer(false);
+}
+
+void bridge::lose(const std::vector<publication> &sent) {
+  phase_ = phase::kOffline;
   is_settled_ = false;
   peer_id_.clear();
   peer_availability_.clear();
   early_.clear();
   plans_.forget();
-  run_later(settle_timer_, static_cast<unsigned>(configuration_.settle_ms), &bridge::settle);
-}
-
-void bridge::lose() {
-  phase_ = phase::kOffline;
   stop(settle_timer_);
   stop(discovery_timer_);
+  for (const publication &kept : sent)
+    outbox_.put(kept);
 }
 
 void bridge::settle() {
@@ -139,12 +133,12 @@ void bridge::go_online() {
   published_.clear();
   log_notice("connected to the broker " + configuration_.broker.host + " as " +
              configuration_.name);
-  publish("availability", kOnline, true);
+  publish("availability", kOnline);
   refresh_now();
   if (!plans_.applied().empty())
-    publish("applied", plans_.applied(), true);
-  for (const message &message : std::exchange(early_, {}))
-    handle(message);
+    publish("applied", plans_.applied());
+  publish_kept();
+  handle_early();
   if (is_settled_)
     carry_out_plan(configuration_.enforce);
 }
@@ -169,7 +163,7 @@ void bridge::hear_peer(const message &message) {
     return yield();                 // of two that came at once
   if (message.payload != kOnline) { // the will of an earlier connection
     published_.clear();
-    publish("availability", kOnline, true);
+    publish("availability", kOnline);
     refresh();
   }
 }
@@ -177,7 +171,7 @@ void bridge::hear_peer(const message &message) {
 // No more is sent until `wake`.
 void bridge::leave(const char *availability) {
   if (phase_ == phase::kOnline)
-    publish("availability", availability, true);
+    publish("availability", availability);
   phase_ = phase::kOffline;
   broker_.pause();
   broker_.wait_paused(kDisconnectMs);
@@ -187,15 +181,27 @@ void bridge::sleep() { leave(kAsleep); }
 
 // --- documents ---
 
-bool bridge::publish(const std::string &topic, const std::string &text, bool retained) {
-  return broker_.publish({configuration_.own(topic), text, retained});
+bool bridge::publish(const std::string &topic, const std::string &text) {
+  return broker_.publish({.topic = configuration_.own(topic), .payload = text, .retained = true});
+}
+
+void bridge::publish_once(const std::string &topic, const std::string &text) {
+  publication told{.topic = configuration_.own(topic), .payload = text, .made_at = outbox::now()};
+  if (phase_ != phase::kOnline || !broker_.publish(told))
+    outbox_.put(std::move(told));
+}
+
+void bridge::publish_kept() {
+  for (publication &kept : outbox_.take(outbox::now()))
+    if (!broker_.publish(kept))
+      outbox_.put(std::move(kept));
 }
 
 void bridge::publish_changed(const std::string &topic, const std::string &text,
                              const std::string &compared) {
   const auto known = published_.find(topic);
   const bool is_known = known != published_.end() && known->second == compared;
-  if (!is_known && publish(topic, text, true))
+  if (!is_known && publish(topic, text))
     published_[topic] = compared;
 }
 
@@ -236,9 +242,8 @@ void bridge::refresh() {
 }
 
 void bridge::hear_daemon(const std::vector<json> &events, const snapshot &) {
-  if (phase_ == phase::kOnline)
-    for (const json &event : events)
-      publish("event", text_of(event), false);
+  for (const json &event : events)
+    publish_once("event", text_of(event));
   refresh();
   if (plan_waits_)
     carry_out_plan(true);

@@ -4,6 +4,7 @@
 #include "broker.h"
 #include "documents.h"
 #include "ledger.h"
+#include "outbox.h"
 #include "plans.h"
 #include "trial.h"
 #include "watch.h"
@@ -27,7 +28,7 @@ public:
 
 private:
   enum class phase {
-    kOffline,
+    kOffline, // or not subscribed yet
     kMeeting, // connected; whether another machine has the name is not known yet
     kOnline,
     kYielding, // another one has it
@@ -35,7 +36,7 @@ private:
 
   // --- the connection ---
   void meet();
-  void lose();
+  void lose(const std::vector<publication> &sent);
   void settle();
   void decide_on_peer(bool is_settled);
   void go_online();
@@ -50,12 +51,17 @@ private:
   std::string carry_out(const command &command, const message &message);
   std::string run_once(const command &command, const message &message, const struct act &act);
   std::string run_trial(const command &command, const message &message);
-  void answer(const std::string &text) { publish("result", text, false); }
+  void answer(const std::string &text) { publish_once("result", text); }
   void hear_plan(const message &message);
   void carry_out_plan(bool again);
+  void go_on_with_plan();
+  bool must_wait(const message &message) const;
+  void handle_early();
 
   // --- documents ---
-  bool publish(const std::string &topic, const std::string &text, bool retained);
+  bool publish(const std::string &topic, const std::string &text); // retained
+  void publish_once(const std::string &topic, const std::string &text);
+  void publish_kept();
   void publish_changed(const std::string &topic, const std::string &text,
                        const std::string &compared);
   void publish_documents(const documents &documents);
@@ -77,13 +83,15 @@ private:
   bool has_machine_ = false;
   std::string peer_id_; // of the machine whose state stands at the broker
   std::string peer_availability_;
-  std::vector<message> early_; // commands that came while meeting
+  std::vector<message> early_; // commands that wait for the end of the meeting, or of a plan
+  outbox outbox_;
   std::map<std::string, std::string> published_;
   long long refreshed_at_ = 0; // microseconds, monotonic
   unsigned settle_timer_ = 0;
   unsigned refresh_timer_ = 0;
   unsigned discovery_timer_ = 0;
   unsigned hourly_timer_ = 0;
+  unsigned plan_timer_ = 0; // while one is carried out
   watch watch_;
   broker broker_;
 };

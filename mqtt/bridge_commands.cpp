@@ -7,9 +7,12 @@
 
 #include <algorithm>
 #include <random>
+#include <utility>
 
 static constexpr act kTest = {"test", "test", false, nullptr};
 static constexpr const char *kApply = "apply";
+static constexpr std::size_t kMostEarly = 100;
+static constexpr unsigned kWaitMs = 1000; // for room in the list
 
 void bridge::receive(const message &message) {
   if (message.topic == configuration_.own("state") ||
@@ -24,9 +27,26 @@ void bridge::receive(const message &message) {
                 &bridge::publish_discovery);
     return;
   }
-  if (phase_ == phase::kMeeting && !message.topic.ends_with("/apply") && early_.size() < 100)
-    return early_.push_back(message);
-  handle(message);
+  if (!must_wait(message))
+    handle(message);
+  else if (early_.size() < kMostEarly)
+    early_.push_back(message);
+  else
+    answer(busy_answer(message));
+}
+
+// What a plan that is being carried out would undo waits for its end.
+bool bridge::must_wait(const message &message) const {
+  const std::string name = name_of(message);
+  if (phase_ == phase::kOffline || phase_ == phase::kMeeting)
+    return name != kApply;
+  const act *act = find_act(name);
+  return plan_timer_ != 0 && act != nullptr && act->needs_id;
+}
+
+void bridge::handle_early() {
+  for (const message &message : std::exchange(early_, {}))
+    receive(message);
 }
 
 void bridge::handle(const message &message) {
@@ -115,22 +135,33 @@ void bridge::hear_plan(const message &message) {
     carry_out_plan(false);
 }
 
+// The end of the one that is being carried out looks again.
 void bridge::carry_out_plan(bool again) {
+  if (plan_timer_ != 0)
+    return;
   const message *plan = phase_ == phase::kOnline ? plans_.due(again) : nullptr;
   plan_waits_ = false;
   if (plan == nullptr)
     return;
-  const command command = command_of(*plan);
+  plans_.begin(*plan);
+  go_on_with_plan();
+}
+
+void bridge::go_on_with_plan() {
   try {
-    const json applied = json::parse(plans_.carry_out(client_, *plan));
-    publish("applied", plans_.applied(), true);
-    json result = json::parse(done(command, applied));
+    const auto progress = plans_.go_on(client_);
+    if (progress != applying::progress::kEnded)
+      return run_later(plan_timer_, progress == applying::progress::kWaits ? kWaitMs : 0,
+                       &bridge::go_on_with_plan);
+    publish("applied", plans_.applied());
+    json result = json::parse(done(command_of(plans_.begun()), json::parse(plans_.applied())));
     result["done"] = plans_.is_done();
     answer(text_of(result));
+    carry_out_plan(false);
   } catch (const failure &failure) {
     plan_waits_ = true;
     log_problem("apply waits: " + failure.what);
-  } catch (const std::exception &error) { // a number that JSON allows and nobody can hold
-    log_problem(plan->topic + ": " + error.what());
   }
+  if (plan_timer_ == 0)
+    handle_early();
 }

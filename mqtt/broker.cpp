@@ -91,8 +91,6 @@ void broker::serve() {
   const std::lock_guard guard(lock_);
   client_ = nullptr;
   mosquitto_destroy(client);
-  unacknowledged_.clear();
-  changed_.notify_all();
   errno = cause;
   if (!is_paused_)
     tell_failure(error);
@@ -127,12 +125,13 @@ void broker::run() {
     serve();
     lock.lock();
     const bool was_connected = std::exchange(is_online_, false);
+    std::vector<publication> sent;
+    for (auto &[id, publication] : std::exchange(unacknowledged_, {}))
+      if (publication.made_at != 0)
+        sent.push_back(std::move(publication));
+    changed_.notify_all();
     lock.unlock();
-    if (was_connected)
-      hand_over([this] {
-        is_connected_ = false;
-        listener_.lost();
-      });
+    hand_over([this, sent = std::move(sent)] { listener_.lost(sent); });
     lock.lock();
     if (!wait(lock, failures, was_connected))
       break;
@@ -200,7 +199,7 @@ bool broker::publish(const publication &publication) {
     return false;
   if (unacknowledged_.size() >= kMostUnacknowledged) {
     if (!std::exchange(is_stuck_, true))
-      log_problem("the broker acknowledges nothing: what is published is dropped");
+      log_problem("the broker acknowledges nothing: no more is published");
     return false;
   }
   int id = 0;
@@ -208,7 +207,9 @@ bool broker::publish(const publication &publication) {
                                       static_cast<int>(publication.payload.size()),
                                       publication.payload.data(), 1, publication.retained);
   if (error == MOSQ_ERR_SUCCESS)
-    unacknowledged_.emplace(id, publication.topic);
+    unacknowledged_.emplace_back(
+        id, publication.made_at != 0 ? publication
+                                     : ::publication{.topic = publication.topic, .payload = {}});
   else if (error != MOSQ_ERR_NO_CONN && refused_topics_.insert(publication.topic).second)
     log_problem("nothing can be published to " + publication.topic + ": " +
                 mosquitto_strerror(error));

@@ -7,11 +7,11 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 struct mosquitto;
@@ -29,13 +29,15 @@ struct publication {
   std::string topic;
   std::string payload;
   bool retained = false;
+  long long made_at = 0; // milliseconds since the machine's start; 0: is not kept when it is lost
 };
 
 class broker {
 public:
   struct listener {
-    std::function<void()> subscribed; // the retained messages come
-    std::function<void()> lost;
+    std::function<void()> subscribed; // the retained messages come, or have come
+    // After each attempt to connect as well. What was sent may not have arrived.
+    std::function<void(const std::vector<publication> &sent)> lost;
     std::function<void(const message &)> received;
     // More wait than can: the answer, if there is one. Called in the broker's thread.
     std::function<std::string(const message &)> busy;
@@ -49,13 +51,11 @@ public:
   broker &operator=(const broker &) = delete;
 
   void start();
-  void resume(); // connects at once
-  void pause();  // disconnects once all is sent, and stays so
-  bool is_connected() const { return is_connected_; }
+  void resume();                      // connects at once
+  void pause();                       // disconnects once all is sent, and stays so
   bool wait_paused(int milliseconds); // false when it is still connected, or still tries to
 
-  // Without a connection, and when the broker does not take what is sent, it is dropped:
-  // then it returns false.
+  // False without a connection, and when the broker does not take what is sent.
   bool publish(const publication &publication);
 
 private:
@@ -87,13 +87,11 @@ private:
   bool is_paused_ = true;
   bool is_idle_ = true; // paused, and nothing is connected
   bool is_ended_ = false;
-  std::map<int, std::string> unacknowledged_; // topics by message id
+  std::vector<std::pair<int, publication>> unacknowledged_; // by message id, in order
   bool is_stuck_ = false;
   std::deque<std::function<void()>> happened_;
   std::size_t waiting_ = 0;              // messages among them
   std::set<std::string> refused_topics_; // told already
   std::string fault_;                    // the last one told
   std::string detail_;                   // what the library says of it
-
-  bool is_connected_ = false; // as the main loop knows it
 };

@@ -52,20 +52,18 @@ struct broker::callbacks {
       self.is_online_ = true;
       self.fault_.clear();
     }
-    self.hand_over([&self] {
-      self.is_connected_ = true;
-      self.listener_.subscribed();
-    });
+    self.hand_over([&self] { self.listener_.subscribed(); });
   }
 
   static void published(mosquitto *, void *data, int id, int reason, const mosquitto_property *) {
     auto &self = *static_cast<broker *>(data);
     const std::lock_guard guard(self.lock_);
-    const auto found = self.unacknowledged_.find(id);
+    const auto found =
+        std::ranges::find(self.unacknowledged_, id, &std::pair<int, publication>::first);
     if (found == self.unacknowledged_.end())
       return;
-    if (reason >= kRefusedFrom && self.refused_topics_.insert(found->second).second)
-      log_problem("the broker refuses what is published to " + found->second + ": " +
+    if (reason >= kRefusedFrom && self.refused_topics_.insert(found->second.topic).second)
+      log_problem("the broker refuses what is published to " + found->second.topic + ": " +
                   mosquitto_reason_string(reason));
     self.unacknowledged_.erase(found);
     self.is_stuck_ = false;

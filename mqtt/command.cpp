@@ -32,11 +32,13 @@ static std::string id_of(const message &message) {
   return usable(message.correlation);
 }
 
+std::string name_of(const message &message) {
+  return message.topic.substr(message.topic.rfind('/') + 1);
+}
+
 command command_of(const message &message) {
   const std::string id = id_of(message);
-  return {.name = message.topic.substr(message.topic.rfind('/') + 1),
-          .key = message.topic + " " + id,
-          .id = id};
+  return {.name = name_of(message), .key = message.topic + " " + id, .id = id};
 }
 
 json body_of(const message &message, std::initializer_list<const char *> known) {
@@ -78,4 +80,10 @@ std::string not_done(const command &command, const failure &failure, const char 
   error.erase("advice"); // for a person at a shell
   answer["error"] = error;
   return text_of(answer);
+}
+
+std::string busy_answer(const message &message) {
+  return message.topic.find("/set/") != std::string::npos
+             ? not_done(command_of(message), {"100 commands wait already", ""}, "busy")
+             : "";
 }

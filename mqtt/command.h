@@ -13,11 +13,16 @@ struct command {
   std::string id;   // empty for none
 };
 
+std::string name_of(const message &message); // of the command
+
 // Nothing is checked but the id: one that is too long, or no text, counts as none.
 command command_of(const message &message);
 
 // The object in the message, of no other members than `known`. Throws a failure.
 json body_of(const message &message, std::initializer_list<const char *> known);
+
+// For one too many; empty for what is no command.
+std::string busy_answer(const message &message);
 
 std::string done(const command &command, const json &about = json::object());
 std::string not_done(const command &command, const failure &failure,

@@ -51,7 +51,7 @@ static bool is_name(const std::string &text) {
   });
 }
 
-static std::string name_of(const std::string &text) {
+static std::string checked_name(const std::string &text) {
   if (!is_name(text))
     throw std::string("must be of 1 to 64 letters, digits, _ and -");
   return text;
@@ -107,7 +107,7 @@ static std::set<std::string> commands_of(const std::string &text) {
 
 static std::vector<std::string> groups_of(const std::string &text) {
   auto groups = words_of(text);
-  std::ranges::for_each(groups, name_of);
+  std::ranges::for_each(groups, checked_name);
   return groups;
 }
 
@@ -129,7 +129,8 @@ static constexpr key_row kKeys[] = {
      }},
     {"broker", "settle-milliseconds",
      [](draft &to, const std::string &text) { to.result.settle_ms = number_of(text, 10, 60000); }},
-    {"machine", "name", [](draft &to, const std::string &text) { to.result.name = name_of(text); }},
+    {"machine", "name",
+     [](draft &to, const std::string &text) { to.result.name = checked_name(text); }},
     {"machine", "prefix",
      [](draft &to, const std::string &text) { to.result.prefix = prefix_of(text); }},
     {"machine", "groups",

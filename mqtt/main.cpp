@@ -15,7 +15,7 @@ static constexpr int kUnreached = 3;
 
 namespace {
 
-struct options {
+struct arguments {
   std::string configuration = kConfiguration;
   bool forget = false;
   bool version = false;
@@ -29,7 +29,7 @@ static std::string directory_of(const char *variable, const char *otherwise) {
   return given != nullptr ? given : otherwise;
 }
 
-static options options_of(int argc, char **argv) {
+static arguments arguments_of(int argc, char **argv) {
   g_autofree char *file = nullptr;
   gboolean forget = FALSE;
   gboolean version = FALSE;
@@ -78,7 +78,7 @@ static void forget(const configuration &settings, GMainLoop *loop) {
   };
   broker broker(settings, {}, "", {settings.own("availability")},
                 {.subscribed = empty_all,
-                 .lost = [] {},
+                 .lost = [](const std::vector<publication> &) {},
                  .received = [](const message &) {},
                  .busy = [](const message &) { return std::string(); }});
   reached = &broker;
@@ -114,7 +114,7 @@ static int run(const configuration &settings, GMainLoop *loop) {
 int main(int argc, char **argv) {
   std::signal(SIGPIPE, SIG_IGN);
   try {
-    const options given = options_of(argc, argv);
+    const arguments given = arguments_of(argc, argv);
     if (given.version)
       return std::puts("dravel-mqtt " DRAVEL_VERSION) < 0 ? 1 : 0;
     if (!given.word.empty())

@@ -50,11 +50,11 @@ const message *plans::due(bool again) const {
 }
 
 // The message without what is the bridge's, as a file that apply reads.
-static application apply_plan(client &client, const message &plan) {
+static import_contents contents_of(const message &plan) {
   json contents = body_of(plan, {"revision", "types", "timers", "holidays"});
   contents.erase("id");
   contents.erase("revision");
-  return apply_contents(client, read_import(contents, "the message", true));
+  return read_import(contents, "the message", true);
 }
 
 static json about(const application &application) {
@@ -75,14 +75,17 @@ static json revision_of(const message &plan) {
   return body.is_object() && body.contains("revision") ? body["revision"] : json(nullptr);
 }
 
-void plans::keep(const message &plan, const json &about) {
-  const std::string source = plan.topic.substr(configuration_.prefix.size() + 1); // NAME/set/apply
+void plans::keep() {
+  const std::string source =
+      begun_.topic.substr(configuration_.prefix.size() + 1); // NAME/set/apply
   json document{{"source", source.substr(0, source.rfind("/set/"))},
-                {"revision", revision_of(plan)},
-                {"sha256", sha256_of(plan.payload)}};
+                {"revision", revision_of(begun_)},
+                {"sha256", sha256_of(begun_.payload)}};
   add_time(document, "at", civil_of(machine_time()));
-  document.update(about);
+  document.update(about(account_));
   applied_ = text_of(document);
+  is_ended_ = true;
+  steps_.reset();
   try {
     write_file(file_, applied_);
   } catch (const failure &failure) {
@@ -90,18 +93,35 @@ void plans::keep(const message &plan, const json &about) {
   }
 }
 
-const std::string &plans::carry_out(client &client, const message &plan) {
+void plans::begin(const message &plan) {
+  if (is_ended_ || plan.topic != begun_.topic || plan.payload != begun_.payload)
+    account_ = {};
+  begun_ = plan;
+  is_ended_ = false;
+}
+
+void plans::refuse(const std::string &why) {
+  log_problem(begun_.topic + ": " + why);
+  account_.done["refused"].push_back({{"what", "the message"}, {"why", why}});
+}
+
+applying::progress plans::go_on(client &client) {
+  auto progress = applying::progress::kEnded;
   try {
-    keep(plan, about(apply_plan(client, plan)));
+    if (steps_ == nullptr)
+      steps_ = std::make_unique<applying>(client, contents_of(begun_), account_);
+    progress = steps_->step();
   } catch (const failure &failure) {
+    steps_.reset();
     if (failure.kind != fault::kRefused && failure.kind != fault::kUsage)
       throw;
-    log_problem(plan.topic + ": " + failure.what);
-    keep(plan, {{"added", 0},
-                {"cancelled", 0},
-                {"refused", json::array({json{{"what", "the message"}, {"why", failure.what}}})}});
+    refuse(failure.what);
+  } catch (const std::exception &error) { // a number that JSON allows and nobody can hold
+    refuse(error.what());
   }
-  return applied_;
+  if (progress == applying::progress::kEnded)
+    keep();
+  return progress;
 }
 
 bool plans::is_done() const { return json::parse(applied_)["refused"].empty(); }

@@ -6,9 +6,10 @@
 
 #include "client.h"
 #include "command.h"
+#include "commands.h"
 
 #include <map>
-#include <optional>
+#include <memory>
 #include <string>
 
 class plans {
@@ -21,18 +22,25 @@ public:
   // The one in force. Null when there is none, or when it was applied already, unless `again`.
   const message *due(bool again) const;
 
-  // Applies it and gives the document that says so. Throws a failure when the daemon cannot be
-  // reached: then it is due still.
-  const std::string &carry_out(client &client, const message &plan);
-  bool is_done() const; // the last one, and nothing of it was refused
+  // Applies it, step by step: at its end `applied` tells of it. Throws a failure when the daemon
+  // cannot be reached: then it is due still, and what was done counts when it is begun again.
+  void begin(const message &plan);
+  applying::progress go_on(client &client);
+  const message &begun() const { return begun_; }         // the last one
+  bool is_done() const;                                   // it is, and nothing of it was refused
   const std::string &applied() const { return applied_; } // empty: never
 
 private:
   const message *in_force() const;
-  void keep(const message &plan, const json &about);
+  void refuse(const std::string &why);
+  void keep();
 
   const configuration &configuration_;
   std::string file_;
   std::map<std::string, message> found_; // by topic
   std::string applied_;
+  message begun_;
+  application account_; // of it
+  bool is_ended_ = true;
+  std::unique_ptr<applying> steps_;
 };

@@ -101,8 +101,10 @@ struct sql_result {
   std::unique_ptr<char, void (*)(void *)> error;
 
   bool ok() const { return code == SQLITE_OK; }
-  // A connection that could not be opened refuses statements without a text.
-  const char *text() const { return error ? error.get() : sqlite3_errmsg(db); }
+  // A connection that could not be opened, or is closed, refuses statements without a text.
+  const char *text() const {
+    return error ? error.get() : db != nullptr ? sqlite3_errmsg(db) : "the database is not open";
+  }
 };
 
 // A statement's text, cut off at the limit of the buffer.
@@ -212,8 +214,11 @@ template <typename Record> static void deliver_row(void *fn, int columns, char *
   (*static_cast<int (**)(const Record *)>(fn))(&row);
 }
 
+// A table of version 0, whose migration failed, has no more columns than the record has fields, and
+// others in their places: its timers would go by a wrong clock.
 static int dravel_row_cb(void *fn, int columns, char **values, char **) {
-  deliver_row<dravel_item>(fn, columns, values);
+  if (static_cast<std::size_t>(columns) > kRecordFields<dravel_item>.size())
+    deliver_row<dravel_item>(fn, columns, values);
   return 0;
 }
 
@@ -561,10 +566,24 @@ static int recreate_table(database &db, const char *table, const char *sql,
   return code;
 }
 
+static int take_number(void *number, int, char **values, char **) {
+  *static_cast<int *>(number) = column_value(values[0]);
+  return 0;
+}
+
+// Whether the main table has timers of version 1: only the version could not be written then.
+static bool has_migrated_timers(void) {
+  int count = 0;
+  execute(dravel_db, "SELECT count(time_type) FROM dravel", take_number, &count);
+  return count > 0;
+}
+
 // Rows get new ids. The mark goes to the row whose new id is the id of the old wake-up copy: that
 // is the same timer only when no earlier row was ever deleted.
 static bool __migration_0_to_1(void) {
   LOGP("__migration_0_to_1");
+  if (has_migrated_timers())
+    return true;
   old_rows timers;
   old_rows wakeup;
   bool complete = __get_old_dravel_list(timers, wakeup);
@@ -594,11 +613,6 @@ static void prepare_db_file(database &db) {
     unlink(db.path);
   }
   make_db_file_manual(db.path);
-}
-
-static int take_number(void *number, int, char **values, char **) {
-  *static_cast<int *>(number) = column_value(values[0]);
-  return 0;
 }
 
 // A commit ends with the removal of its journal. Unless the directory is synchronised as well, a

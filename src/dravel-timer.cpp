@@ -77,8 +77,7 @@ const char *time_str(time_value time) {
   static char text[kTimeTextSize];
   std::tm tm;
   unsigned_gmtime_r(time, &tm);
-  format_time(&tm, text);
-  return text;
+  return format_time(&tm, text) ? text : "asctime_r error";
 }
 
 static void stop_timer(Ecore_Timer *&timer) {

@@ -12,9 +12,7 @@ using namespace std::chrono;
 static constexpr seconds kDueSoon{60}; // such a timer is left to fire
 static constexpr int kRounds = 3;      // another client may change timers meanwhile
 
-namespace {
-
-struct plan {
+struct apply_plan {
   std::vector<holiday> holidays_added;
   std::vector<int> holidays_removed;
   std::vector<timer_record> added;
@@ -27,8 +25,6 @@ struct plan {
     return !changes_holidays() && added.empty() && effects.empty() && cancelled.empty();
   }
 };
-
-} // namespace
 
 // --- what is equal ---
 
@@ -52,7 +48,7 @@ static bool is_same(const holiday &a, const holiday &b) { return line_of(a) == l
 
 // --- the plan ---
 
-static void plan_holidays(plan &plan, const import_contents &wanted, snapshot &view) {
+static void plan_holidays(apply_plan &plan, const import_contents &wanted, snapshot &view) {
   if (!wanted.has_holidays)
     return;
   std::vector<holiday> after;
@@ -72,7 +68,7 @@ static void plan_holidays(plan &plan, const import_contents &wanted, snapshot &v
 }
 
 // The timers of the file as the daemon would list them: those for once moved past the holidays.
-static std::vector<timer_record> expected(plan &plan, const import_contents &wanted,
+static std::vector<timer_record> expected(apply_plan &plan, const import_contents &wanted,
                                           const snapshot &view) {
   std::vector<timer_record> timers;
   for (timer_record timer : wanted.timers) {
@@ -86,7 +82,7 @@ static std::vector<timer_record> expected(plan &plan, const import_contents &wan
   return timers;
 }
 
-static void plan_timers(plan &plan, const import_contents &wanted, const snapshot &view) {
+static void plan_timers(apply_plan &plan, const import_contents &wanted, const snapshot &view) {
   if (!wanted.has_timers)
     return;
   auto left = view.timers;
@@ -110,14 +106,14 @@ static void plan_timers(plan &plan, const import_contents &wanted, const snapsho
   plan.cancelled = left;
 }
 
-static plan plan_of(const import_contents &wanted, snapshot view) {
-  plan plan;
+static apply_plan plan_of(const import_contents &wanted, snapshot view) {
+  apply_plan plan;
   plan_holidays(plan, wanted, view);
   plan_timers(plan, wanted, view);
   const std::size_t stay = view.timers.size() - plan.cancelled.size();
   if (stay + plan.added.size() > view.limit)
-    throw failure{"nothing is done: " + plural(stay + plan.added.size(), "timer") +
-                      " would be listed, and " + std::to_string(view.limit) + " is the limit",
+    throw failure{plural(stay + plan.added.size(), "timer") + " would be listed, and " +
+                      std::to_string(view.limit) + " is the limit",
                   "leave some out of the file"};
   std::ranges::sort(plan.added, {}, [&](timer_record timer) {
     const auto next = next_firing(timer, view.now, view.holidays);
@@ -125,44 +121,37 @@ static plan plan_of(const import_contents &wanted, snapshot view) {
   });
   for (const timer_record &timer : plan.added)
     if (const std::string refusal = refusal_of(timer, view); !refusal.empty())
-      throw failure{"nothing is done: " + line_of(timer) + ": " + refusal, ""};
+      throw failure{line_of(timer) + ": " + refusal, ""};
   return plan;
 }
 
-// --- carrying out ---
-
-static application nothing_done() {
-  return {.done = {{"changed", false},
-                   {"added", json::array()},
-                   {"cancelled", json::array()},
-                   {"holidays_added", json::array()},
-                   {"holidays_removed", json::array()},
-                   {"refused", json::array()}}};
+static apply_plan first_plan_of(const import_contents &wanted, const snapshot &view) {
+  try {
+    return plan_of(wanted, view);
+  } catch (failure &failure) {
+    failure.what = "nothing is done: " + failure.what;
+    throw;
+  }
 }
+
+static std::string next_line(const apply_plan &plan) {
+  if (!plan.holidays_added.empty())
+    return line_of(plan.holidays_added.front());
+  if (!plan.holidays_removed.empty())
+    return "holidays " + std::to_string(plan.holidays_removed.front());
+  const auto &timers = !plan.effects.empty() ? plan.effects
+                       : !plan.added.empty() ? plan.added
+                                             : plan.cancelled;
+  return line_of(timers.front());
+}
+
+// --- carrying out ---
 
 static void add(application &account, const char *member, const json &what,
                 const std::string &line) {
   account.done["changed"] = true;
   account.done[member].push_back(what);
   account.lines.push_back(line);
-}
-
-static void change_holidays(client &client, const plan &plan, const snapshot &view,
-                            application &account) {
-  for (const holiday &period : plan.holidays_added) {
-    add_holiday(client, period, view.now.set);
-    add(account, "holidays_added", json_of(period), "added " + line_of(period));
-  }
-  for (const int id : plan.holidays_removed) {
-    client.call_int("request_remove_disabled_period", g_variant_new("(i)", id));
-    add(account, "holidays_removed", id, "removed holidays " + std::to_string(id));
-  }
-}
-
-static void cancel(client &client, const timer_record &timer, application &account) {
-  client.call_int("cancel_timer", g_variant_new("(i)", timer.id)); // it may have fired
-  add(account, "cancelled", timer.id,
-      "cancelled timer " + std::to_string(timer.id) + " (" + line_of(timer) + ")");
 }
 
 // On-timers last, of each kind the latest first.
@@ -174,53 +163,11 @@ static void sort_for_cancelling(std::vector<timer_record> &timers, const snapsho
   });
 }
 
-// Takes one of those that are to go. While all of them are due soon it waits.
-static void make_room(client &client, std::vector<timer_record> &to_cancel, application &account) {
-  for (;;) {
-    const snapshot view = client.look(false);
-    if (view.timers.size() < view.limit)
-      return;
-    if (to_cancel.empty())
-      throw failure{"the list is full: another client has added timers", ""};
-    sort_for_cancelling(to_cancel, view);
-    const auto found = std::ranges::find_if(to_cancel, [&](const timer_record &timer) {
-      const auto armed = view.armed.find(timer.id);
-      return armed == view.armed.end() || armed->second - view.now.set > kDueSoon;
-    });
-    if (found != to_cancel.end()) {
-      cancel(client, *found, account);
-      to_cancel.erase(found);
-      return;
-    }
-    g_usleep(G_USEC_PER_SEC);
-  }
-}
-
-// False when the daemon has refused one: then no more is cancelled.
-static bool change_timers(client &client, plan plan, application &account) {
-  for (const timer_record &timer : plan.effects) {
-    client.call_int("request_set_disable_period_effect",
-                    g_variant_new("(ii)", timer.id, timer.holiday_effect));
-    account.done["changed"] = true;
-    account.lines.push_back("timer " + std::to_string(timer.id) +
-                            (timer.holiday_effect != 0 ? " skips" : " ignores") + " holidays");
-  }
-  for (const timer_record &timer : plan.added) {
-    try {
-      make_room(client, plan.cancelled, account);
-      add_to_set(client, timer, client.look());
-      add(account, "added", exported(timer), "added " + line_of(timer));
-    } catch (const failure &failure) {
-      if (failure.kind != fault::kRefused)
-        throw;
-      account.done["refused"].push_back({{"what", line_of(timer)}, {"why", failure.what}});
-      return false;
-    }
-  }
-  sort_for_cancelling(plan.cancelled, client.look(false));
-  for (const timer_record &timer : plan.cancelled)
-    cancel(client, timer, account);
-  return true;
+template <typename T> static T taken(std::vector<T> &from, std::size_t place = 0) {
+  const auto at = from.begin() + static_cast<std::ptrdiff_t>(place);
+  T value = std::move(*at);
+  from.erase(at);
+  return value;
 }
 
 static void tell(bool as_json, const application &account) {
@@ -237,8 +184,8 @@ static void tell(bool as_json, const application &account) {
 }
 
 // As if it were done.
-static application forecast_of(const plan &plan) {
-  application account = nothing_done();
+static application forecast_of(const apply_plan &plan) {
+  application account;
   for (const holiday &period : plan.holidays_added)
     add(account, "holidays_added", json_of(period), "added " + line_of(period));
   for (const int id : plan.holidays_removed)
@@ -268,27 +215,137 @@ static void check_contents(const import_contents &wanted) {
       throw failure{line_of(period) + " stand twice in the file", ""};
 }
 
-application apply_contents(client &client, const import_contents &wanted) {
-  check_contents(wanted);
-  application account = nothing_done();
-  plan plan = plan_of(wanted, client.look_at_state());
-  for (int round = 0; round < kRounds && !plan.is_empty(); ++round) {
-    const snapshot before = client.look();
-    change_holidays(client, plan, before, account);
-    if (plan.changes_holidays()) // which moves timers
-      plan = plan_of(wanted, client.look());
-    if (!change_timers(client, plan, account))
-      break;
-    plan = plan_of(wanted, client.look());
+// --- step by step ---
+
+applying::applying(client &client, import_contents wanted, application &account)
+    : client_(client), wanted_(std::move(wanted)), account_(account),
+      plan_(std::make_unique<apply_plan>()) {
+  check_contents(wanted_);
+  const snapshot view = client_.look_at_state();
+  *plan_ = first_plan_of(wanted_, view);
+  sort_for_cancelling(plan_->cancelled, view);
+}
+
+applying::~applying() = default;
+
+// Another client may have changed something.
+void applying::compare() {
+  const snapshot view = client_.look();
+  *plan_ = plan_of(wanted_, view);
+  sort_for_cancelling(plan_->cancelled, view);
+}
+
+void applying::change_holidays() {
+  if (!plan_->holidays_added.empty()) {
+    const holiday period = taken(plan_->holidays_added);
+    add_holiday(client_, period, client_.look(false).now.set);
+    add(account_, "holidays_added", json_of(period), "added " + line_of(period));
+  } else {
+    const int id = taken(plan_->holidays_removed);
+    client_.call_int("request_remove_disabled_period", g_variant_new("(i)", id));
+    add(account_, "holidays_removed", id, "removed holidays " + std::to_string(id));
   }
-  account.notes = plan.notes;
-  account.is_equal = plan.is_empty() && account.done["refused"].empty();
-  return account;
+}
+
+void applying::set_effect() {
+  const timer_record timer = taken(plan_->effects);
+  client_.call_int("request_set_disable_period_effect",
+                   g_variant_new("(ii)", timer.id, timer.holiday_effect));
+  account_.done["changed"] = true;
+  account_.lines.push_back("timer " + std::to_string(timer.id) +
+                           (timer.holiday_effect != 0 ? " skips" : " ignores") + " holidays");
+}
+
+void applying::cancel(std::size_t place) {
+  const timer_record timer = taken(plan_->cancelled, place);
+  if (client_.call_int("cancel_timer", g_variant_new("(i)", timer.id)) == 0) // it may have fired
+    add(account_, "cancelled", timer.id,
+        "cancelled timer " + std::to_string(timer.id) + " (" + line_of(timer) + ")");
+}
+
+// Takes one of those that are to go. False while all of them are due soon.
+bool applying::make_room() {
+  const snapshot view = client_.look(false);
+  if (view.timers.size() < view.limit)
+    return true;
+  auto &to_cancel = plan_->cancelled;
+  if (to_cancel.empty())
+    throw failure{"the list is full: another client has added timers", ""};
+  sort_for_cancelling(to_cancel, view);
+  const auto found = std::ranges::find_if(to_cancel, [&](const timer_record &timer) {
+    const auto armed = view.armed.find(timer.id);
+    return armed == view.armed.end() || armed->second - view.now.set > kDueSoon;
+  });
+  if (found == to_cancel.end())
+    return false;
+  cancel(static_cast<std::size_t>(found - to_cancel.begin()));
+  return true;
+}
+
+applying::progress applying::add_one() {
+  if (!make_room())
+    return progress::kWaits;
+  add_to_set(client_, plan_->added.front(), client_.look());
+  const timer_record timer = taken(plan_->added);
+  add(account_, "added", exported(timer), "added " + line_of(timer));
+  return progress::kMore;
+}
+
+applying::progress applying::change_one() {
+  if (plan_->changes_holidays())
+    change_holidays();
+  else if (!plan_->effects.empty())
+    set_effect();
+  else if (!plan_->added.empty())
+    return add_one();
+  else
+    cancel(0);
+  return progress::kMore;
+}
+
+applying::progress applying::end() {
+  account_.notes = plan_->notes;
+  account_.is_equal = plan_->is_empty() && account_.done["refused"].empty();
+  return progress::kEnded;
+}
+
+applying::progress applying::step() {
+  if (plan_->is_empty())
+    return end();
+  std::string what = next_line(*plan_);
+  try {
+    const bool moves_timers = plan_->changes_holidays();
+    if (change_one() == progress::kWaits)
+      return progress::kWaits;
+    what = "the rest";
+    if (moves_timers && !plan_->changes_holidays()) {
+      compare();
+      plan_->holidays_added.clear(); // another client's are left to the next round
+      plan_->holidays_removed.clear();
+    }
+    if (plan_->is_empty()) {
+      ++round_;
+      compare();
+    }
+  } catch (const failure &failure) {
+    if (failure.kind != fault::kRefused)
+      throw;
+    account_.done["refused"].push_back({{"what", what}, {"why", failure.what}});
+    return end();
+  }
+  return plan_->is_empty() || round_ == kRounds ? end() : progress::kMore;
+}
+
+static void apply_all(applying &steps) {
+  for (auto progress = steps.step(); progress != applying::progress::kEnded;
+       progress = steps.step())
+    if (progress == applying::progress::kWaits)
+      g_usleep(G_USEC_PER_SEC);
 }
 
 static void check_file(client &client, bool as_json, const import_contents &wanted) {
   check_contents(wanted);
-  const plan plan = plan_of(wanted, client.look_at_state());
+  const apply_plan plan = first_plan_of(wanted, client.look_at_state());
   tell(as_json, forecast_of(plan));
   if (!plan.is_empty())
     throw failure{"", "", fault::kDiffers};
@@ -299,7 +356,20 @@ void apply(client &client, const options &given) {
   if (given.check)
     return check_file(client, given.json, wanted);
   std::signal(SIGHUP, SIG_IGN); // what is begun is ended
-  const application account = apply_contents(client, wanted);
+  application account;
+  applying steps(client, wanted, account);
+  try {
+    apply_all(steps);
+  } catch (const failure &failure) {
+    if (account.done["changed"] == false)
+      throw;
+    if (given.json)
+      account.done["refused"].push_back({{"what", "the rest"}, {"why", failure.what}});
+    tell(given.json, account);
+    if (!given.json)
+      throw;
+    throw ::failure{"", "", failure.kind};
+  }
   tell(given.json, account);
   if (!account.done["refused"].empty())
     throw failure{given.json ? "" : "not everything was applied", ""};

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -16,6 +17,7 @@ static constexpr seconds kBetweenReadings{2};
 static constexpr const char *kGetAll = "GetAll";
 static constexpr const char *kListTimers = "request_timer_list";
 static constexpr const char *kWakeupTimer = "request_wakeup_timer";
+static constexpr const char *kListHolidays = "request_disabled_period_list";
 
 struct client::image_reply {
   int first = 0;
@@ -154,6 +156,19 @@ GVariant *client::answer_to(const bus_call &call, int timeout_ms, GError **error
   return sent.mapped()->answer(error);
 }
 
+static constexpr const char *kWhoMay =
+    "members of the group dravel may; after joining it, log in again";
+
+// What somebody wants who calls it.
+static std::string act_of(std::string_view method) {
+  constexpr std::pair<std::string_view, const char *> kActs[] = {
+      {"request_copy_db", "copy the database"}, {"TurnScreen", "turn the screen on or off"},
+      {"TestWake", "test the wake-up"},         {kListTimers, "see the timers"},
+      {kWakeupTimer, "see the timers"},         {kListHolidays, "see the holidays"}};
+  const auto *act = std::ranges::find(kActs, method, [](const auto &row) { return row.first; });
+  return act != std::end(kActs) ? act->second : "change the timers";
+}
+
 void client::fail(const char *method, const GError *error, int timeout_ms,
                   const std::string &when_silent) {
   sent_.clear(); // whoever tries again asks again
@@ -171,10 +186,8 @@ void client::fail(const char *method, const GError *error, int timeout_ms,
       is_one_of(error, {G_DBUS_ERROR_DISCONNECTED}))
     throw failure{"the system bus was lost", "try it again", fault::kNotRunning};
   if (is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
-    throw failure{"the bus policy denies you " + std::string(method),
-                  std::strcmp(method, "request_copy_db") == 0
-                      ? "only root may call it"
-                      : "only root and the members of the group dravel may call it",
+    throw failure{"you may not " + act_of(method),
+                  method == std::string_view("request_copy_db") ? "only root may" : kWhoMay,
                   fault::kNotAllowed};
   g_autofree char *remote = g_dbus_error_get_remote_error(error);
   std::string text = error->message;
@@ -247,8 +260,7 @@ std::optional<timer_record> client::wakeup_timer() {
 }
 
 std::vector<holiday> client::holidays() {
-  return records_of(call_images("request_disabled_period_list", 0, kPeriodSize), holiday_from_image,
-                    kPeriodSize);
+  return records_of(call_images(kListHolidays, 0, kPeriodSize), holiday_from_image, kPeriodSize);
 }
 
 // --- the state ---
@@ -365,9 +377,6 @@ snapshot client::look_at_state(bool with_holidays) {
   read_lists(view, with_holidays);
   return view;
 }
-
-static constexpr const char *kWhoMay =
-    "members of the group dravel may; after joining it, log in again";
 
 std::string client::reason_not_to_change() {
   try {

@@ -3,12 +3,31 @@
 #include <algorithm>
 #include <cctype>
 #include <iterator>
+#include <memory>
 #include <numeric>
 #include <utility>
 
 static constexpr const char *kJsonFile = "FILE";
 static constexpr const char *kAllSkip = "Let every timer skip the holidays";
 static constexpr std::string_view kExample = "Example: ";
+static constexpr std::size_t kHelpColumn = 28;
+static constexpr std::size_t kTypeColumn = 17;
+
+namespace {
+
+// Breaks the lines of the help.
+class formatter : public CLI::Formatter {
+  std::string make_option_desc(const CLI::Option *option) const override {
+    return wrapped(CLI::Formatter::make_option_desc(option), kTextWidth - kHelpColumn);
+  }
+  std::string make_subcommand(const CLI::App *command) const override {
+    std::string name = "  " + command->get_display_name(true);
+    name.resize(kHelpColumn, ' ');
+    return name + wrapped(command->get_description(), kTextWidth - kHelpColumn, kHelpColumn) + "\n";
+  }
+};
+
+} // namespace
 
 // The command that is typed: the first word that is no option and no option's value.
 static std::string typed_command(const std::vector<std::string> &words) {
@@ -83,9 +102,9 @@ CLI::App *command_line::define_add(const command_row &row) {
                 "Let the timer with the smallest id go when there is no room");
   std::string types = "Types:";
   for (const timer_type &type : kTimerTypes) {
-    std::string name = type.word;
-    name.resize(15, ' ');
-    types += "\n  " + name + type.meaning;
+    std::string name = std::string("  ") + type.word;
+    name.resize(kTypeColumn, ' ');
+    types += "\n" + name + wrapped(type.meaning, kTextWidth - kTypeColumn, kTypeColumn);
   }
   add->footer(add->get_footer() + "\n" + types);
   return add;
@@ -112,7 +131,7 @@ CLI::App *command_line::define_explain(const command_row &row) {
 
 CLI::App *command_line::define_halt(const command_row &row) {
   CLI::App *halt = command(&app_, row);
-  halt->add_option("WHAT", given_.words, "on, off, both or none");
+  halt->add_option("WHAT", given_.words, "on, off, both or none; none off: only off-timers");
   return halt;
 }
 
@@ -328,8 +347,8 @@ void command_line::print_help_of_command() {
   for (const auto &word : given_.words) {
     if (about != &app_)
       prefix += " " + about->get_name();
-    const auto found = about->get_subcommands(
-        [&](const CLI::App *command) { return command->get_name() == word; });
+    const auto found =
+        about->get_subcommands([&](const CLI::App *command) { return command->check_name(word); });
     if (found.empty())
       throw usage("there is no command " + word, "dravelctl help lists them");
     about = found.front();
@@ -400,13 +419,15 @@ static failure unexpected(const CLI::App *command, const std::string &word) {
   if (word.starts_with('-'))
     return usage("there is no option " + name + (path.empty() ? "" : " of " + path),
                  help + " lists those there are", name);
-  if (command->get_subcommands({}).empty())
+  if (!path.empty() && command->get_subcommands({}).empty())
     return usage(path + " does not take " + (word.empty() ? name : word), example_of(command));
   const std::string meant = nearest(command, name);
   return usage("there is no command " + (path.empty() ? "" : path + " ") + name +
                    (meant.empty() ? "" : ", did you mean " + meant + "?"),
                help + " lists those there are");
 }
+
+static bool takes_value(const CLI::Option &option) { return option.get_items_expected_max() > 0; }
 
 static bool names(const CLI::Option &option, std::string_view word) {
   return std::ranges::any_of(option.get_lnames(),
@@ -437,14 +458,15 @@ static failure too_many(const CLI::App *command, const CLI::Option &option) {
 static failure mismatch(const CLI::App *command, const std::vector<std::string> &words) {
   const auto options = options_of(command);
   for (const CLI::Option *option : options)
-    if (option->get_items_expected_max() < static_cast<int>(option->results().size()))
+    if (takes_value(*option) &&
+        option->get_items_expected_max() < static_cast<int>(option->results().size()))
       return too_many(command, *option);
   for (std::size_t i = 0; i < words.size(); ++i)
     for (const CLI::Option *option : options) {
       const std::string name = words[i].substr(0, words[i].find('='));
       if (!names(*option, name))
         continue;
-      if (option->get_items_expected_max() == 0 && name != words[i])
+      if (!takes_value(*option) && name != words[i])
         return usage(name + " takes no value", "write " + name + " alone", name);
       const bool is_alone =
           i + 1 == words.size() || std::ranges::any_of(options, [&](const CLI::Option *other) {
@@ -452,7 +474,7 @@ static failure mismatch(const CLI::App *command, const std::vector<std::string> 
           });
       std::string forms = option->get_description();
       forms[0] = static_cast<char>(std::tolower(forms[0]));
-      if (option->get_items_expected_max() > 0 && name == words[i] && is_alone)
+      if (takes_value(*option) && name == words[i] && is_alone)
         return usage(name + " needs " + option->get_type_name(), forms, name);
     }
   return usage(path_of(command) + " is not written so", example_of(command));
@@ -474,6 +496,7 @@ failure command_line::fault_of_line(const CLI::ParseError &error,
 
 command_line::command_line(const std::vector<std::string> &words)
     : app_("Lists, sets and watches the timers of a television set.", "dravelctl") {
+  app_.formatter(std::make_shared<formatter>());
   app_.set_version_flag("-V,--version", "dravelctl " DRAVEL_VERSION, "Print the version");
   app_.add_flag("-j,--json", given_.json, "Print JSON");
   app_.add_option("-t,--timeout", given_.timeout, "How long to wait for an answer (default: 3)")
@@ -485,7 +508,7 @@ command_line::command_line(const std::vector<std::string> &words)
   app_.require_subcommand(0, 1);
   app_.get_option("--json")->disable_flag_override();
   app_.option_defaults()->disable_flag_override();
-  app_.get_formatter()->column_width(28);
+  app_.get_formatter()->column_width(kHelpColumn);
   app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
   app_.get_formatter()->label("Positionals", "Arguments");
   app_.get_formatter()->label("TEXT", ""); // the type of every argument

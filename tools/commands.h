@@ -122,17 +122,56 @@ holiday read_holiday(const json &value, const std::string &where);
 
 // What was done to make timers and holidays equal to a file.
 struct application {
-  json done; // as apply prints it
+  json done{{"changed", false}, // as apply prints it
+            {"added", json::array()},
+            {"cancelled", json::array()},
+            {"holidays_added", json::array()},
+            {"holidays_removed", json::array()},
+            {"refused", json::array()}};
   std::vector<std::string> lines{};
   std::vector<std::string> notes{};
-  bool is_equal = true; // otherwise one was refused, or another client changes them
+  bool is_equal = false; // at the end; otherwise one was refused, or another client changes them
 };
-// Throws a failure for contents that cannot be applied; nothing is done then.
-application apply_contents(client &client, const import_contents &wanted);
 
-// Throws a failure when the daemon would refuse `timer`, or would remove another for it without
-// `force`.
-void check_room(const timer_record &timer, const snapshot &view, bool force);
+// Makes them equal, one change a step, so that the caller does other things in between.
+class applying {
+public:
+  // Throws a failure for contents that cannot be applied; nothing is done then. `account` gets each
+  // change once it is done.
+  applying(client &client, import_contents wanted, application &account);
+  ~applying();
+  applying(const applying &) = delete;
+  applying &operator=(const applying &) = delete;
+
+  enum class progress {
+    kMore,
+    kWaits, // for room, until a timer that is due within a minute has fired
+    kEnded,
+  };
+  // Throws a failure when the daemon cannot be reached; what it refuses stands in the account.
+  progress step();
+
+private:
+  void compare();
+  progress change_one();
+  void change_holidays();
+  void set_effect();
+  progress add_one();
+  bool make_room();
+  void cancel(std::size_t place);
+  progress end();
+
+  client &client_;
+  const import_contents wanted_;
+  application &account_;
+  std::unique_ptr<struct apply_plan> plan_; // what is to be done still
+  int round_ = 0;
+};
+
+// Throws a failure, which begins with `fault`, when the daemon would refuse `timer`, or would
+// remove another for it without `force`.
+void check_room(const timer_record &timer, const snapshot &view, bool force,
+                const std::string &fault = "not added");
 // Adds a timer. Returns its id; throws a failure when it is refused.
 int add_to_set(client &client, const timer_record &timer, const snapshot &view);
 // Puts `timer` in the place of the listed timer `old`. Returns its id; throws a failure when it is

@@ -36,9 +36,10 @@ int main(int argc, char **argv) {
   occupy_descriptors();
   std::string what_is_done;
   try {
-    if (argc > 1 && (std::string_view(argv[1]) == "-H" || std::string_view(argv[1]) == "--host"))
-      return run_remotely(argc > 2 ? argv[2] : "", {argv + std::min(argc, 3), argv + argc});
-    command_line line({argv + 1, argv + argc});
+    std::vector<std::string> words(argv + 1, argv + argc);
+    if (const auto host = take_host(words))
+      return run_remotely(*host, words);
+    command_line line(words);
     if (const command_function run = line.parse(argc, argv)) {
       client client(timeout_of(line.given().timeout));
       run(client, line.given());

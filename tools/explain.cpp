@@ -188,6 +188,10 @@ static std::vector<std::string> tell_wakeup(const snapshot &view) {
 
 // --- the command ---
 
+static void print_sentence(const std::string &sentence) {
+  std::puts(wrapped(sentence, line_width()).c_str());
+}
+
 static explanation explain_timer(const timer_record &timer, const snapshot &view,
                                  const outlook &ahead) {
   explanation told;
@@ -198,7 +202,8 @@ static explanation explain_timer(const timer_record &timer, const snapshot &view
   compute_firings(told, timer, view, ahead.firings);
   tell_passed(told, timer.week_flag);
   tell_when(told, timer, view, ahead);
-  tell_action(told, timer, view);
+  if (view.armed.contains(timer.id))
+    tell_action(told, timer, view);
   return told;
 }
 
@@ -233,16 +238,15 @@ void explain(client &client, const options &given) {
   }
   json list = json::array();
   const auto wakeup = tell_wakeup(view);
-  const outlook ahead = forecast(view, forecast_end(view));
+  const outlook ahead = forecast(view);
   for (const timer_record &timer : timers)
     list.push_back(json_of_explanation(timer, view, ahead));
   if (given.json)
     return say(true, {{"timers", list}, {"wakeup", wakeup}}, "");
   for (const json &told : list) {
     for (const std::string sentence : told["sentences"])
-      std::puts(sentence.c_str());
+      print_sentence(sentence);
     std::puts("");
   }
-  for (const auto &sentence : wakeup)
-    std::puts(sentence.c_str());
+  std::ranges::for_each(wakeup, print_sentence);
 }

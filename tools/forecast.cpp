@@ -7,6 +7,7 @@
 
 using namespace std::chrono;
 
+static constexpr days kForecast{35};
 static constexpr seconds kStandbySkip{DRAVEL_STANDBY_SKIP_SECONDS};
 
 // --- timers beside each other ---
@@ -63,6 +64,7 @@ public:
   }
 
   snapshot view;
+  std::set<int> awaited{}; // timers that have yet to fire
 
   std::optional<firing> soonest() const;
   void expire(const firing &next, outlook &found);
@@ -225,6 +227,7 @@ void scheduler::arm_all(civil_time from, effects &told) {
     }
     view.timers.erase(view.timers.begin() + static_cast<std::ptrdiff_t>(i));
     sort_lists();
+    awaited.erase(id);
     told.removed.push_back(id);
   }
   for (const auto &[id, at] : before)
@@ -278,8 +281,12 @@ void scheduler::expire(const firing &next, outlook &found) {
       rest_at(*timer, view.now.set, view.now, view.holidays) != 0 && timer->week_flag != 0;
   view.armed.erase(next.id);
   arm_all(next.at, told.others);
-  if (!is_skipped)
-    found.firings.push_back(told);
+  if (is_skipped)
+    return;
+  found.firings.push_back(told);
+  awaited.erase(told.id);
+  for (const int id : told.passed)
+    awaited.erase(id);
 }
 
 // A transient timer is left alone: it counts on.
@@ -295,14 +302,14 @@ void scheduler::change_clock(civil_time system, outlook &found) {
 }
 
 // A change of the clock comes before what is due in its second.
-outlook forecast(const snapshot &view, civil_time until) {
+static outlook run(scheduler set, civil_time until) {
   outlook found;
-  scheduler set(view);
   const auto next_change = [&] {
-    return view.follows_zone ? next_change_of_offset(set.view.now.system) : std::nullopt;
+    return set.view.follows_zone ? next_change_of_offset(set.view.now.system) : std::nullopt;
   };
   auto change = next_change();
-  for (auto next = set.soonest(); next && next->at <= until; next = set.soonest()) {
+  for (auto next = set.soonest(); next && (next->at <= until || !set.awaited.empty());
+       next = set.soonest()) {
     if (change && *change <= next->system) {
       set.change_clock(*change, found);
       change = next_change();
@@ -311,4 +318,15 @@ outlook forecast(const snapshot &view, civil_time until) {
     }
   }
   return found;
+}
+
+outlook forecast(const snapshot &view, civil_time until) { return run(scheduler(view), until); }
+
+outlook forecast(const snapshot &view) {
+  const civil_time until = view.now.set + kForecast;
+  scheduler set(view);
+  for (const auto &[id, at] : view.armed)
+    if (at > until)
+      set.awaited.insert(id);
+  return run(set, until);
 }

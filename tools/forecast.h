@@ -37,6 +37,8 @@ struct outlook {
 // All that happens up to `until`. Each firing and each change of the clock arms all timers again,
 // which moves timers for one moment to the next such time of day.
 outlook forecast(const snapshot &view, civil_time until);
+// In the coming five weeks, and until each timer that is armed for later has fired.
+outlook forecast(const snapshot &view);
 
 // An on-timer that fires within ten minutes after `at`: a standby timer is then left out. May move
 // timers past holidays, like the daemon.

@@ -12,6 +12,14 @@ namespace {
 struct entry {
   std::string path;
   const CLI::App *app;
+
+  // "cancel", "rm" and "delete" with such words between them, each in such quotes.
+  std::string names(const char *between, const char *quote = "") const {
+    std::string all = quote + path + quote;
+    for (const std::string &alias : app->get_aliases())
+      all += between + (quote + alias) + quote;
+    return all;
+  }
 };
 
 using writer = void (*)(const entry &, const std::vector<const CLI::Option *> &);
@@ -47,7 +55,7 @@ static std::string long_name(const CLI::Option *option) { return option->get_lna
 // ---
 
 static void write_bash(const entry &entry, const std::vector<const CLI::Option *> &options) {
-  std::cout << "    '" << entry.path << "') echo '";
+  std::cout << "    " << entry.names("|", "'") << ") echo '";
   for (const CLI::App *below : entry.app->get_subcommands({}))
     std::cout << below->get_name() << ' ';
   for (const CLI::Option *option : options) {
@@ -68,7 +76,7 @@ static std::string zsh_text(const std::string &text) {
 }
 
 static void write_zsh(const entry &entry, const std::vector<const CLI::Option *> &options) {
-  std::cout << "    '" << entry.path << "') flags=(";
+  std::cout << "    " << entry.names("|", "'") << ") flags=(";
   for (const CLI::Option *option : options) {
     const std::string help = zsh_text(option->get_description());
     if (option->get_positional())
@@ -99,7 +107,7 @@ static void write_man_options(const std::vector<const CLI::Option *> &options) {
     else
       std::cout << ".It Fl -" << long_name(option)
                 << (takes_value(option) ? " Ar " + option->get_type_name() : "");
-    std::cout << '\n' << mdoc_text(option->get_description()) << '\n';
+    std::cout << '\n' << wrapped(mdoc_text(option->get_description()), kTextWidth) << '\n';
   }
   std::cout << ".El\n";
 }
@@ -107,7 +115,7 @@ static void write_man_options(const std::vector<const CLI::Option *> &options) {
 static void write_man(const entry &entry, const std::vector<const CLI::Option *> &options) {
   if (entry.path.empty())
     return;
-  std::cout << ".It Cm " << entry.path;
+  std::cout << ".It Cm " << entry.names(" | ");
   for (const CLI::Option *option : options)
     if (option->get_positional())
       std::cout << (option->get_required() ? " Ar " : " Op Ar ") << option->get_name(true)

@@ -1,6 +1,6 @@
 #include "judgement.h"
 
-#include "client.h"
+#include "output.h"
 #include "words.h"
 
 #include <algorithm>
@@ -9,7 +9,6 @@
 
 using namespace std::chrono;
 
-static constexpr days kForecast{35};
 static constexpr int kUnlisted = INT_MAX; // the id of a timer that is not added yet
 
 // --- refused, or not armed ---
@@ -63,14 +62,14 @@ const timer_record *evicted_by(const timer_record &timer, const snapshot &view) 
   return &*std::ranges::min_element(view.timers, {}, &timer_record::id);
 }
 
-// --- several timers in one second ---
-
-civil_time forecast_end(const snapshot &view) {
-  civil_time end = view.now.set + kForecast;
-  for (const auto &[id, at] : view.armed)
-    end = std::max(end, at);
-  return end;
+void note_eviction(std::vector<std::string> &notes, const timer_record &timer, const snapshot &view,
+                   bool is_check) {
+  if (const timer_record *evicted = evicted_by(timer, view))
+    notes.push_back(
+        sentence(title_of(*evicted) + (is_check ? " would be" : " was") + " removed to make room"));
 }
+
+// --- several timers in one second ---
 
 clash clash_of(const firing &firing) {
   if (firing.passed.empty())
@@ -102,6 +101,8 @@ static std::string names_of(const std::vector<int> &ids) {
   std::string text = ids.size() == 1 ? "timer " : "timers ";
   if (ids.back() == kUnlisted) {
     names.pop_back();
+    if (names.empty())
+      return "it";
     text = "it and " + std::string(names.size() == 1 ? "timer " : "timers ");
   }
   for (std::size_t i = 0; i < names.size(); ++i)
@@ -111,7 +112,7 @@ static std::string names_of(const std::vector<int> &ids) {
 
 // The daemon arms all timers again when one fires, and the others of that second then count as
 // past. Which one is the first depends on when within a second each was armed. Transient timers are
-// left as they are.
+// left as they are; of several each has a firing of its own.
 std::string clash::text(const snapshot &view) const {
   std::vector<int> transient;
   std::vector<int> others;
@@ -126,7 +127,7 @@ std::string clash::text(const snapshot &view) const {
     return "";
   std::string what = "only one of them will fire, and which one is not certain";
   if (!transient.empty())
-    what = names_of(transient) + (transient.size() == 1 ? " fires, and " : " fire, and ") +
+    what = names_of(transient) + " fires, and " +
            (others.size() == 1 ? "whether " + names_of(others) + " does is not certain"
                                : "at most one of the others, it is not certain which");
   return names_of(ids) + " are due in the same second, " + time_text(at) + ": " + what +
@@ -183,7 +184,7 @@ static outlook with_new(timer_record timer, civil_time next, snapshot &view) {
   timer.id = kUnlisted;
   view.timers.push_back(timer);
   view.armed[kUnlisted] = next;
-  return forecast(view, forecast_end(view));
+  return forecast(view);
 }
 
 // The daemon keeps the time of day of a timer for one moment, not its day.

@@ -16,9 +16,6 @@ std::string fate_of(const timer_record &timer, const outlook &ahead);
 // Why a listed timer is not armed.
 std::string reason_unarmed(const timer_record &timer, const snapshot &view);
 
-// Forecasts go as far: five weeks, and to the last timer that is armed.
-civil_time forecast_end(const snapshot &view);
-
 // The timers of one second; for one timer the second is told once for each company.
 struct clash {
   civil_time at;
@@ -37,3 +34,6 @@ std::vector<std::string> notes_of(timer_record timer, const snapshot &view);
 
 // The timer that the daemon removes to make room for one more; null while there is room.
 const timer_record *evicted_by(const timer_record &timer, const snapshot &view);
+// Adds the sentence that says so, done or only checked.
+void note_eviction(std::vector<std::string> &notes, const timer_record &timer, const snapshot &view,
+                   bool is_check = false);

@@ -5,9 +5,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 static constexpr std::size_t kLongestText = 300;
+static constexpr std::size_t kTitleWidth = 12; // of a field
 
 static bool in_colour(std::FILE *out) {
   const char *no_color = std::getenv("NO_COLOR");
@@ -40,9 +42,37 @@ void print_table(const std::vector<std::string> &titles,
     std::printf("%s\n", line_of(row).c_str());
 }
 
+std::string wrapped(const std::string &text, std::size_t width, std::size_t indent) {
+  std::string lines;
+  std::size_t column = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = std::min(text.find(' ', at), text.size());
+    const std::size_t length = end - at;
+    if (column != 0) {
+      const bool fits = column + 1 + length <= width;
+      lines += fits ? " " : "\n" + std::string(indent, ' ');
+      column = fits ? column + 1 : 0;
+    }
+    lines.append(text, at, length);
+    column += length;
+    at = end + 1;
+  }
+  return lines;
+}
+
+std::size_t line_width() {
+  if (isatty(STDOUT_FILENO) == 0)
+    return std::string::npos;
+  winsize size{};
+  ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
+  return size.ws_col > 2 * kTitleWidth ? size.ws_col : kTextWidth;
+}
+
 void print_fields(const fields &shown) {
+  constexpr std::size_t kIndent = kTitleWidth + 2;
   for (const auto &[title, text] : shown)
-    std::printf("%12s: %s\n", title.c_str(), text.c_str());
+    std::printf("%*s: %s\n", static_cast<int>(kTitleWidth), title.c_str(),
+                wrapped(text, line_width() - kIndent, kIndent).c_str());
 }
 
 std::string text_of(const json &value) {

@@ -25,6 +25,12 @@ std::string painted(std::FILE *out, const char *colour, const std::string &text)
 void print_table(const std::vector<std::string> &titles,
                  const std::vector<std::vector<std::string>> &rows);
 
+// The text in lines of so many characters; those after the first begin with `indent` spaces.
+inline constexpr std::size_t kTextWidth = 80;
+std::string wrapped(const std::string &text, std::size_t width, std::size_t indent = 0);
+// The characters of a line: those of the terminal, and any number where there is none.
+std::size_t line_width();
+
 // Lines of "title: text", the titles right-aligned.
 using fields = std::vector<std::pair<std::string, std::string>>;
 void print_fields(const fields &shown);

@@ -27,7 +27,7 @@ void show_types(client &, const options &given) {
 
 static json timers_of(const snapshot &view) {
   json list = json::array();
-  const auto firings = forecast(view, forecast_end(view)).firings;
+  const auto firings = forecast(view).firings;
   for (const timer_record &timer : view.timers) {
     json object = json_of(timer, view);
     object["notes"] = json::array();

@@ -12,14 +12,38 @@
 
 static constexpr int kSshFailed = 255;
 
+// The word behind it is its value.
+static bool is_timeout(const std::string &word) {
+  return word == "--timeout" || (!word.starts_with("--") && word.ends_with('t'));
+}
+
+std::optional<std::string> take_host(std::vector<std::string> &words) {
+  if (words.empty())
+    return std::nullopt;
+  const std::string first = words[0];
+  const bool is_alone = first == "-H" || first == "--host";
+  if (!is_alone && !first.starts_with("-H") && !first.starts_with("--host="))
+    return std::nullopt;
+  words.erase(words.begin());
+  if (!is_alone)
+    return first.substr(first.starts_with("-H") ? 2 : first.find('=') + 1);
+  if (words.empty())
+    return "";
+  std::string host = words[0];
+  words.erase(words.begin());
+  return host;
+}
+
 // The files that these commands read are this machine's: they are sent on standard input.
 static void send_file(std::vector<std::string> &words) {
   const auto command = std::ranges::find_if(
       words, [](const std::string &word) { return word == "import" || word == "apply"; });
   if (command == words.end())
     return;
-  const auto file = std::find_if(command + 1, words.end(),
-                                 [](const std::string &word) { return !word.starts_with('-'); });
+  auto file = command + 1;
+  for (; file != words.end() && file->starts_with('-'); ++file)
+    if (is_timeout(*file) && file + 1 != words.end())
+      ++file;
   if (file == words.end())
     return;
   const int descriptor = open(file->c_str(), O_RDONLY | O_CLOEXEC);

@@ -131,24 +131,20 @@ void show_wakeup(client &client, const options &given) {
 
 // --- halt ---
 
+// "none" halts exactly what is named beside it.
 void halt(client &client, const options &given) {
-  struct {
-    const char *word;
-    const char *method;
-    int value;
-  } const orders[] = {{"on", "request_halt_ontimers", 1},   {"off", "request_halt_offtimers", 1},
-                      {"both", "request_halt_ontimers", 1}, {"both", "request_halt_offtimers", 1},
-                      {"none", "request_halt_ontimers", 0}, {"none", "request_halt_offtimers", 0}};
+  constexpr std::pair<const char *, const char *> kKinds[] = {{"on", "request_halt_ontimers"},
+                                                              {"off", "request_halt_offtimers"}};
   const std::set<std::string> words(given.words.begin(), given.words.end());
+  const std::set<std::string> known{"on", "off", "both", "none"};
   for (const auto &word : words)
-    if (std::ranges::none_of(orders, [&](const auto &order) { return word == order.word; }))
+    if (!known.contains(word))
       throw usage("halt takes no " + word, "give on, off, both or none");
-  if (words.size() > 1 && words.contains("none"))
-    throw usage("halt takes none without on or off", "give none alone, or what to halt");
-  for (const auto &word : words)
-    for (const auto &order : orders)
-      if (word == order.word)
-        client.call_int(order.method, g_variant_new("(i)", order.value));
+  for (const auto &[kind, method] : kKinds) {
+    const bool is_named = words.contains(kind) || words.contains("both");
+    if (is_named || words.contains("none"))
+      client.call_int(method, g_variant_new("(i)", is_named ? 1 : 0));
+  }
 
   g_autoptr(GVariant) reply =
       client.call("request_get_timers_halt_effect", g_variant_new("(i)", 0), "(ii)");
@@ -255,12 +251,12 @@ static std::string span_text_of(const holiday &period) {
 }
 
 // A refusal names those that were added before it.
-static int add_one_more(client &client, const holiday &part, civil_time now, const json &about) {
+static int add_one_more(client &client, const holiday &part, civil_time now, const json &before) {
   try {
     return add_holiday(client, part, now);
   } catch (const failure &refused) {
     std::string added;
-    for (const json &one : about.contains("added") ? about["added"] : json::array())
+    for (const json &one : before)
       added += (added.empty() ? "; added before: holidays " : ", ") + one["id"].dump();
     throw failure{refused.what + added, refused.advice, refused.kind};
   }
@@ -272,38 +268,64 @@ static void let_all_skip(client &client, const snapshot &view) {
       client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", timer.id, 1));
 }
 
+static std::vector<int> skipping_timers(const snapshot &view, bool all) {
+  std::vector<int> ids;
+  for (const timer_record &timer : view.timers)
+    if ((all || timer.holiday_effect != 0) && timer.type != TIMER_TYPE_ALWAYS)
+      ids.push_back(timer.id);
+  return ids;
+}
+
+static std::string skipping_text(const std::vector<int> &ids) {
+  std::string text = "Timers that skip them:";
+  for (const int id : ids)
+    text += " " + std::to_string(id);
+  return text + (ids.empty() ? " none" : "");
+}
+
 static std::vector<std::string> notes_on_skipping(const options &given, const snapshot &view) {
   if (given.all || std::ranges::any_of(view.timers, &timer_record::holiday_effect))
     return {};
   return {"No timer skips holidays: dravelctl holidays skip ID lets one skip them."};
 }
 
-void add_holidays(client &client, const options &given) {
+static holiday period_of(const options &given) {
   holiday period{.first = holiday_end_of(given.first_day, given.end_of_february)};
   period.last =
       given.last_day ? holiday_end_of(*given.last_day, given.end_of_february) : period.first;
   if (given.end_of_february && !period.first.end_of_february && !period.last.end_of_february)
     throw usage("--end-of-february needs 02-28 or 02-29 as one of the days");
+  return period;
+}
+
+void add_holidays(client &client, const options &given) {
+  const auto parts = parts_of(period_of(given));
   const snapshot before = client.look();
-  std::string known;
   std::string text;
+  std::string known;
+  json added = json::array();
   json about;
-  for (holiday part : parts_of(period)) {
+  for (holiday part : parts) {
     if (const holiday *same = find_same(part, before.holidays)) {
-      known += (known.empty() ? "" : " and ") + std::to_string(same->id);
-      continue;
+      known += (known.empty() ? "these days are holidays " : " and ") + std::to_string(same->id);
+      part.id = same->id;
+    } else {
+      part.id = add_one_more(client, part, before.now.set, added);
+      added.push_back(json_of(part));
+      text += "Holidays " + std::to_string(part.id) + " are added: " + span_text_of(part) + ".\n";
     }
-    part.id = add_one_more(client, part, before.now.set, about);
-    if (about.empty())
-      about = json_of(part);
-    about["added"].push_back(json_of(part));
-    text += (text.empty() ? "" : "\n") + std::string("Holidays ") + std::to_string(part.id) +
-            " are added: " + span_text_of(part) + ".";
+    about = added.empty() ? json_of(part) : added[0];
   }
-  if (about.empty())
-    throw failure{"not added: these days are holidays " + known + " already", ""};
-  if (given.all)
+  if (added.empty() && !given.all)
+    throw failure{"not added: " + known + " already", ""};
+  if (added.empty())
+    text = sentence(known + " already") + "\n";
+  if (given.all) {
     let_all_skip(client, before);
+    text += skipping_text(skipping_timers(before, true)) + "\n";
+  }
+  text.pop_back();
+  about["added"] = added;
   say_with_changes(client, given.json, about, text, before, notes_on_skipping(given, before));
 }
 
@@ -358,14 +380,6 @@ static std::string text_of(const named_holiday &holiday, bool is_check) {
                   : "Holidays " + std::to_string(holiday.period.id) + " are added: " + what + ".\n";
 }
 
-static std::vector<int> skipping_timers(const snapshot &view, bool all) {
-  std::vector<int> ids;
-  for (const timer_record &timer : view.timers)
-    if ((all || timer.holiday_effect != 0) && timer.type != TIMER_TYPE_ALWAYS)
-      ids.push_back(timer.id);
-  return ids;
-}
-
 void import_holidays(client &client, const options &given) {
   const std::string &file = given.words.at(0);
   const snapshot before = client.look();
@@ -376,7 +390,7 @@ void import_holidays(client &client, const options &given) {
   std::string text;
   for (named_holiday &wanted : new_ones_of(entries, before.holidays)) {
     if (!given.check)
-      wanted.period.id = add_one_more(client, wanted.period, before.now.set, about);
+      wanted.period.id = add_one_more(client, wanted.period, before.now.set, about["added"]);
     text += text_of(wanted, given.check);
     about["added"].push_back(json_of(wanted.period));
     about["added"].back()["name"] = wanted.name;
@@ -385,10 +399,9 @@ void import_holidays(client &client, const options &given) {
   }
   if (given.all && !given.check)
     let_all_skip(client, before);
-  about["skipped_by"] = skipping_timers(before, given.all);
-  text += text.empty() ? "All of them are there already." : "Timers that skip them:";
-  for (const json &id : about["added"].empty() ? json::array() : about["skipped_by"])
-    text += " " + id.dump();
+  const std::vector<int> skipping = skipping_timers(before, given.all);
+  about["skipped_by"] = skipping;
+  text += (text.empty() ? "All of them are there already.\n" : "") + skipping_text(skipping);
   auto notes = notes_on_skipping(given, before);
   notes.emplace_back("Holidays recur on the same days of every year: import those that move, such "
                      "as Easter, each year, and remove the old ones.");

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <string_view>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@ using namespace std::chrono;
 
 static constexpr seconds kSoon{2};     // "now" is still to come when the daemon reads it
 static constexpr seconds kSoonDue{60}; // no timer is moved so shortly before it fires
+static constexpr const char *kNotChanged = "not changed";
 static constexpr const char *kStoreDirectory = "/opt/dbspace";
 static constexpr fsblkcnt_t kLeastRoom = 65536; // bytes: a change of the store and its journal
 
@@ -60,7 +62,8 @@ static int week_flag_of(const options &given, int otherwise, const char *name) {
     return otherwise;
   int week_flag = 0;
   if (given.days.size() > 1 && std::ranges::find(given.days, "once") != given.days.end())
-    throw usage("--on=once goes with no other --on", "give once alone, or days alone", "--on");
+    throw usage(std::string(name) + "=once goes with no other " + name,
+                "give once alone, or days alone", name);
   for (const auto &text : given.days)
     week_flag |= text == "once" ? 0 : option_value(name, text, 0, parse_days, kDayForms);
   return week_flag;
@@ -69,10 +72,11 @@ static int week_flag_of(const options &given, int otherwise, const char *name) {
 // --- list, show ---
 
 static bool is_wanted(const timer_record &timer, int wanted_days, const options &given) {
-  const int own_days =
-      timer.week_flag != 0 ? timer.week_flag : 1 << weekday(floor<days>(timer.at)).c_encoding();
+  const int own_days = timer.week_flag != 0 ? timer.week_flag : 1 << weekday_of(timer.at);
+  const bool fits_day =
+      wanted_days == 0 ? timer.week_flag == 0 : (own_days & wanted_days) != 0; // 0: once
   const bool is_off = timer_type_of(timer.type).action == timer_action::kTurnOff;
-  return (own_days & wanted_days) != 0 && (!given.on_timers || is_ontimer_type(timer.type)) &&
+  return fits_day && (!given.on_timers || is_ontimer_type(timer.type)) &&
          (!given.off_timers || is_off);
 }
 
@@ -84,11 +88,17 @@ static std::string remarks_of(const timer_record &timer, const snapshot &view) {
       text += (text.empty() ? "" : ", ") + word;
   };
   add(is_halted(timer.type, view), "halted");
-  add(timer.holiday_effect != 0, "skips holidays");
+  add(timer.holiday_effect != 0, "no holidays");
   add(timer.priority != 0, "priority " + std::to_string(timer.priority));
   add(timer.clock != TIME_TYPE_BROADCAST, clock_name(timer.clock));
   add(!view.has_state, "guessed");
   return text;
+}
+
+// "16 h": a line fits a terminal of 80 columns.
+static std::string short_span(civil_time at, const snapshot &view) {
+  const std::string span = span_until(at, view);
+  return span.substr(0, span.find(' ') + 2);
 }
 
 static std::vector<std::string> row_of(const timer_record &timer, const snapshot &view) {
@@ -97,7 +107,7 @@ static std::vector<std::string> row_of(const timer_record &timer, const snapshot
   return {std::to_string(timer.id),
           type_name(timer.type),
           is_armed ? short_time_text(armed->second) : "not armed",
-          is_armed ? span_until(armed->second, view) : "",
+          is_armed ? short_span(armed->second, view) : "",
           days_text(timer.week_flag),
           remarks_of(timer, view)};
 }
@@ -117,8 +127,9 @@ void list_timers(client &client, const options &given) {
       list.push_back(json_of(timer, view));
     return say(true, list, "");
   }
+  const bool is_filtered = given.on_timers || given.off_timers || !given.days.empty();
   if (view.timers.empty())
-    return say(false, {}, "No timers.");
+    return say(false, {}, is_filtered ? "No such timers." : "No timers.");
   std::vector<std::vector<std::string>> rows;
   for (const timer_record &timer : view.timers)
     rows.push_back(row_of(timer, view));
@@ -210,13 +221,14 @@ static timer_record requested(const options &given, const snapshot &view,
   return timer;
 }
 
-void check_room(const timer_record &timer, const snapshot &view, bool force) {
+void check_room(const timer_record &timer, const snapshot &view, bool force,
+                const std::string &fault) {
   const std::string refusal = refusal_of(timer, view);
   if (view.has_state && !refusal.empty())
-    throw failure{"not added: " + refusal, ""};
+    throw failure{fault + ": " + refusal, ""};
   const timer_record *evicted = evicted_by(timer, view);
   if (evicted != nullptr && !force)
-    throw failure{"not added: there are " + plural(view.timers.size(), "timer") + ", and " +
+    throw failure{fault + ": there are " + plural(view.timers.size(), "timer") + ", and " +
                       title_of(*evicted) + " would be removed to make room",
                   "cancel one, or give --force"};
 }
@@ -262,22 +274,25 @@ static void tell_timer(const options &given, const timer_record &timer, const sn
 // What would be added; the timer has no id.
 static void tell_checked(const options &given, timer_record timer, snapshot view,
                          const std::string &text) {
-  const auto notes = notes_of_added(given, timer, view);
+  auto notes = notes_of_added(given, timer, view);
+  note_eviction(notes, timer, view, true);
   timer.id = 0;
   if (const auto next = next_firing(timer, view.now, view.holidays); next && view.clock_known)
     view.armed[0] = *next;
   tell_timer(given, timer, view, text, notes);
 }
 
-// The timer that was added, where holidays may have moved it.
+// The timer that was added to those of `before`, where holidays may have moved it.
 static void tell_added(client &client, const options &given, int id, const std::string &text,
-                       std::vector<std::string> notes) {
+                       const timer_record &wanted, const snapshot &before) {
   const snapshot view = client.look();
   const timer_record *timer = find_timer(view.timers, id);
   if (timer == nullptr)
     throw failure{"timer " + std::to_string(id) + " was added and is gone already", kLogHint};
+  auto notes = notes_of_added(given, wanted, before);
   if (view.clock_known && !view.armed.contains(id))
     notes = {"It is not armed: " + reason_unarmed(*timer, view) + "."};
+  note_eviction(notes, wanted, before);
   tell_timer(given, *timer, view, text, notes);
 }
 
@@ -290,8 +305,7 @@ void add_timer(client &client, const options &given) {
   if (given.check)
     return tell_checked(given, timer, view, "This timer would be added:");
   const int id = add_to_set(client, timer, view);
-  tell_added(client, given, id, "Timer " + std::to_string(id) + " is added.",
-             notes_of_added(given, timer, view));
+  tell_added(client, given, id, "Timer " + std::to_string(id) + " is added.", timer, view);
 }
 
 void cancel_one(client &client, int id) {
@@ -311,7 +325,7 @@ static std::string add_again(client &client, const timer_record &old, const snap
 static int change_in_full_list(client &client, const timer_record &old, const timer_record &timer,
                                const snapshot &view, bool is_due) {
   if (is_due)
-    throw failure{"not changed: timer " + std::to_string(old.id) +
+    throw failure{std::string(kNotChanged) + ": timer " + std::to_string(old.id) +
                       " is due within a minute, and the list is full",
                   "change it once it has fired"};
   cancel_one(client, old.id);
@@ -343,7 +357,7 @@ static snapshot without(int id, snapshot view) {
 int change_in_set(client &client, const timer_record &old, const timer_record &timer,
                   const snapshot &view) {
   const snapshot others = without(old.id, view); // the old timer stands in nobody's way
-  check_room(timer, others, false);
+  check_room(timer, others, false, kNotChanged);
   const auto armed = view.armed.find(old.id);
   const bool is_due = armed != view.armed.end() && armed->second - view.now.set <= kSoonDue;
   return evicted_by(timer, view) != nullptr ? change_in_full_list(client, old, timer, view, is_due)
@@ -363,12 +377,12 @@ void change_timer(client &client, const options &given) {
   const std::string place = "the place of timer " + std::to_string(old_id);
   const snapshot others = without(old_id, view);
   if (given.check) {
-    check_room(timer, others, false);
+    check_room(timer, others, false, kNotChanged);
     return tell_checked(given, timer, others, "This timer would take " + place + ":");
   }
   const int id = change_in_set(client, *old, timer, view);
-  tell_added(client, given, id, "Timer " + std::to_string(id) + " takes " + place + ".",
-             notes_of_added(given, timer, others));
+  tell_added(client, given, id, "Timer " + std::to_string(id) + " takes " + place + ".", timer,
+             others);
 }
 
 // --- cancel ---
@@ -380,7 +394,8 @@ static void ask_before(std::size_t count) {
   std::fprintf(stderr, "Cancel %s? [y/N] ", plural(count, "timer").c_str());
   std::string answer;
   std::getline(std::cin, answer);
-  if (answer != "y" && answer != "yes")
+  g_autofree char *word = g_ascii_strdown(g_strstrip(answer.data()), -1);
+  if (std::string_view(word) != "y" && std::string_view(word) != "yes")
     throw failure{"nothing is cancelled", ""};
 }
 

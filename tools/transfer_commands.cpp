@@ -251,7 +251,9 @@ static std::vector<std::string> import_timer(client &client, const timer_record 
     throw failure{"it is there already as timer " + std::to_string(same->id), ""};
   check_room(timer, view, force);
   ids.push_back(add_to_set(client, timer, view));
-  return notes_of(timer, view);
+  auto notes = notes_of(timer, view);
+  note_eviction(notes, timer, view);
+  return notes;
 }
 
 static std::vector<std::string> import_holiday(client &client, const holiday &period) {

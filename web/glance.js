@@ -14,9 +14,9 @@ const kScreen = { on: "On", off: "Off", unknown: "Unknown" };
 async function halt(which) {
     const halted = { ...source.overview.status.halted };
     halted[which] = !halted[which];
-    const word = halted.on ? (halted.off ? "both" : "on") : halted.off ? "off" : "none";
-    if (await act(`halt-${which}`, ["halt", word]))
-        tell([`${kHalt[which]} ${halted[which] ? "are halted: they do not act" : "act again"}.`]);
+    const words = Object.keys(halted).filter(kind => halted[kind]);
+    const now = await act(`halt-${which}`, ["halt", "none", ...words]);
+    if (now) tell([`${kHalt[which]} ${now[which] ? "are halted: they do not act" : "act again"}.`]);
 }
 
 function haltSwitch(which, halted) {
@@ -68,7 +68,7 @@ function nextCard(which, timer) {
 // --- the machine ---
 
 async function turnScreen(word) {
-    if (await act("screen", ["screen", word])) tell([`The screen is turned ${word}.`]);
+    if (await act("screen", ["screen", word])) tell([`The screen is told to turn ${word}.`]);
 }
 
 function screenButtons() {

@@ -12,13 +12,15 @@ const kBegun = "dravel.test-wake";
 
 const kFollows = { true: "It works.", false: "Something is wrong: dravelctl check says what." };
 
+const saidOf = screen => (screen === "unknown" ? "nothing" : screen);
+
 const kTests = {
     screen: {
         begins: "The screen goes off for five seconds …",
         result: ({ off, on, screen_by: by }) =>
             by === "targets"
                 ? "No television answers: look whether the screen was dark."
-                : `The television said: ${off}, then ${on}.`,
+                : `The television said: ${saidOf(off)}, then ${saidOf(on)}.`,
     },
     wake: {
         begins: "The machine goes to sleep …",

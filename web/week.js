@@ -173,13 +173,14 @@ function firingLine(firing, id) {
     const { timers, types } = source.overview;
     const timer = timers.find(other => other.id === id);
     if (!timer) return null;
-    const passed = id === firing.id ? "" : "; another timer fires in its place";
+    const isSure = !firing.passed.length || timer.type_name === "transient-off";
+    const doubt = isSure ? "" : "; due in the same second as another timer: it is not certain which one fires";
     return element(
         "li",
         {},
         element("strong", {}, timeOf(firing.at)),
         " ",
-        `${sentence(timer.title)}: ${meaningOf(timer, types).toLowerCase()}${passed}`,
+        `${sentence(timer.title)}: ${meaningOf(timer, types).toLowerCase()}${doubt}`,
         " ",
         button("Change", () => timerDialog(timer), {
             key: `week-change-${id}-${firing.at}`,

@@ -491,7 +491,15 @@ static Eina_Bool socket_ready(void *data, Ecore_Fd_Handler *handler) {
     taken = take_messages(connection);
     all += taken;
   } while (taken > 1 && all < kMostMessagesInAPass);
-  end_pass(connection);
+  // One call is answered at once. Of several, the first waits for the pass that this turn of the
+  // main loop still makes: it answers no two.
+  const auto &turns = connection->turns;
+  if (turns.size() > 1 || (turns.size() == 1 && turns.front().calls.size() > 1)) {
+    connection->in_pass = false;
+    schedule_pass(connection);
+  } else {
+    end_pass(connection);
+  }
   return ECORE_CALLBACK_RENEW;
 }
 

@@ -60,7 +60,7 @@ static bool ask_at_once(decision &d) {
   else if (d.m.woken.late_open && d.m.armed)
     d.give(order::ask_late{d.m.woken.late_from, d.now.utc});
   else if (d.m.clock.zone_open)
-    d.give(order::ask_zone{});
+    d.give(order::ask_zone{d.now.utc});
   else
     return false;
   return true;

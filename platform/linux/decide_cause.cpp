@@ -147,9 +147,14 @@ bool awaits_user(const machine &m) {
   return is_decided && m.woken.by == cause::kNothing && comes_back && !is_on(m);
 }
 
-// A key that was pressed before the sleep may be read after it.
+// A key that was pressed before the sleep may be read after it. One that woke the machine is new:
+// of two sleeps that look like one it may have ended the first.
+static bool is_old(const machine &m, std::int64_t at) {
+  return at < std::max(m.woken.slept_from, m.woken.at - kUserWindowMs);
+}
+
 void on(decision &d, const event::input &e) {
-  if (e.at < d.m.woken.slept_from)
+  if (is_old(d.m, e.at))
     return;
   d.m.use.input_at = d.now.boot;
   d.m.screen.answered = screen_state::kUnknown; // it may have been turned on meanwhile

@@ -175,7 +175,10 @@ void on(decision &d, const event::program &e) {
   auto &alarm = d.m.alarm;
   // Of a time that comes twice, the first that is still ahead.
   const std::int64_t on_time = e.on_time > d.now.utc || e.again == 0 ? e.on_time : e.again;
+  const std::int64_t before = alarm.wanted.on_time;
   alarm.wanted = on_time > d.now.utc ? wanted_alarm{e.type, on_time} : wanted_alarm{};
+  if (alarm.wanted.on_time != before)
+    ask_before_near(d);
   alarm.stale = false;
   alarm.tries = 0;
   alarm.check = true;

@@ -173,6 +173,13 @@ void screen_step(decision &d) {
     repeat_order(d);
 }
 
+// An on-time that is new and so near that the question would come too late.
+void ask_before_near(decision &d) {
+  const std::int64_t ahead = d.m.alarm.wanted.on_time - d.now.utc;
+  if (ahead > 0 && ahead <= kAskBeforeSeconds)
+    ask_television(d);
+}
+
 void count_screen(decision &d) {
   const std::int64_t on_time = d.m.alarm.wanted.on_time;
   if (d.m.screen.has_cec && on_time - kAskBeforeSeconds > d.now.utc)

@@ -108,9 +108,13 @@ void doubt_jobs(decision &d) {
 }
 
 void forget_lost_jobs(decision &d) {
-  for (job &j : d.m.jobs)
-    if (j.may_be_lost)
-      j = {};
+  for (job &j : d.m.jobs) {
+    if (!j.may_be_lost)
+      continue;
+    if (j.id == kStarting)
+      doubt_screen_order(d, j.of);
+    j = {};
+  }
 }
 
 static job *place_for(decision &d, const event::job_began &e) {

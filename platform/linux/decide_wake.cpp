@@ -182,6 +182,9 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   auto &woken = d.m.woken;
   const bool was_announced = is_leaving(d.m);
   power.end_owed = power.end_owed || power.now == phase::kGoing;
+  // One of ours that neither logind nor the clocks have shown has begun soon after its order.
+  if (!was_announced && slept_ms < kLeastSleepMs && d.m.sleep.stage == wish_stage::kAsked)
+    slept_ms = d.now.boot - awake_at;
   power.now = phase::kAwake;
   take_inhibitor(d);
   // A sleep that the clocks do not show has lasted since it was announced.

@@ -23,7 +23,9 @@ struct ask_late {
   std::int64_t from = 0;
   std::int64_t to = 0;
 };
-struct ask_zone {}; // zone_changed with changed false
+struct ask_zone {     // zone_changed with changed false
+  std::int64_t after; // UTC: the next transition after it is wanted
+};
 
 // --- answers come later ---
 

@@ -184,6 +184,7 @@ void doubt_screen_order(decision &d, unit refused);
 void turn_off_by_timer(decision &d);
 void ask_television(decision &d);
 void adapter_appears(decision &d);
+void ask_before_near(decision &d);
 void send_screen_order(decision &d);
 void order_is_settled(decision &d);
 void screen_step(decision &d);

@@ -62,7 +62,7 @@ struct carrier {
   result operator()(const order::ask_late &ordered) const {
     return timers_due(ordered.from, ordered.to);
   }
-  result operator()(const order::ask_zone &) const { return present_zone(); }
+  result operator()(const order::ask_zone &asked) const { return present_zone(asked.after); }
   result operator()(const order::take_inhibitor &) const { return done(take_inhibitor); }
   result operator()(const order::release_inhibitor &) const { return done(release_inhibitor); }
   result operator()(const order::sleep &ordered) const {

@@ -41,7 +41,7 @@ void ask_clock() { bus_get_properties(kTimedated, timedated_answered); }
 
 // --- zone ---
 
-event::zone_changed present_zone() { return {transition_after(utc_now()), false}; }
+event::zone_changed present_zone(std::int64_t utc) { return {transition_after(utc), false}; }
 
 static void look_at_zone() {
   if (read_zone())

@@ -10,4 +10,4 @@ void start_timedated(event_sink sink);
 void ask_clock();
 
 // The zone as it is now, as the answer to ask_zone.
-event::zone_changed present_zone();
+event::zone_changed present_zone(std::int64_t utc);

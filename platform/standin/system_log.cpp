@@ -10,18 +10,22 @@ system_log_priority system_log_threshold = threshold_from_environment(SYSTEM_LOG
 
 // Without a receiver syslog(3) opens and closes a socket for every line, 8 us; a change of clock
 // with 80 timers writes hundreds.
-static const bool kIsReceived = access(_PATH_LOG, F_OK) == 0;
+static bool is_received() {
+  static bool is_known = false; // it may come later than the daemon
+  return is_known = is_known || access(_PATH_LOG, F_OK) == 0;
+}
 
 void system_log_event(const char *, int, const char *, const char *) {}
 
 void system_log_print(system_log_priority priority, const char *tag, const char *format, ...) {
-  if (!kIsReceived && !is_copied_to_stderr())
+  const bool to_syslog = is_received();
+  if (!to_syslog && !is_copied_to_stderr())
     return;
   va_list arguments;
   va_start(arguments, format);
   g_autofree char *text = g_strdup_vprintf(format, arguments);
   va_end(arguments);
-  if (kIsReceived) {
+  if (to_syslog) {
     openlog(tag, 0, LOG_DAEMON);
     syslog(syslog_level(priority), "%s", text);
   }

@@ -1,10 +1,12 @@
-// What dravelctl reads: an input is a word for a time, days or a number, and a file to import. The
-// timers that are taken from it are forecast.
+// What dravelctl reads: an input is a word for a time, days or a number, a calendar, and a file to
+// import. The timers that are taken from it are forecast.
+#include "calendar.h"
 #include "commands.h"
 #include "words.h"
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <sstream>
 
 using namespace std::chrono;
@@ -27,6 +29,19 @@ static void read_word(const std::string &text) {
   }
 }
 
+// Holidays of the coming year come in order; their names do not steer a terminal.
+static void check_calendar(const std::string &text) {
+  constexpr sys_days kToday = floor<days>(kNoon);
+  sys_days before{};
+  for (const calendar_entry &entry : read_calendar(text, "file", kToday, kToday + days(365))) {
+    EXPECT_TRUE(entry.first >= before && entry.first < kToday + days(365));
+    EXPECT_TRUE(entry.last >= std::max(entry.first, kToday) && entry.name.size() <= 100);
+    EXPECT_EQ(std::ranges::count_if(entry.name, [](unsigned char c) { return std::iscntrl(c); }),
+              0);
+    before = entry.first;
+  }
+}
+
 // Firings come in order, none before now, each of a timer that is there.
 static void check_forecast(const import_contents &read) {
   snapshot view{.now = {kNoon, kNoon + 3600s}, .timers = read.timers, .holidays = read.holidays};
@@ -46,14 +61,19 @@ static void check_forecast(const import_contents &read) {
   }
 }
 
+template <typename Read> static void expect_reason(Read read) {
+  try {
+    read();
+  } catch (const failure &refused) {
+    EXPECT_FALSE(refused.what.empty());
+  }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const char *data, std::size_t size) {
   GTEST_FLAG_SET(throw_on_failure, true);
   std::istringstream file(std::string(data, size));
   read_word(file.str());
-  try {
-    check_forecast(read_import(file, "file"));
-  } catch (const failure &refused) {
-    EXPECT_FALSE(refused.what.empty());
-  }
+  expect_reason([&] { check_calendar(file.str()); });
+  expect_reason([&] { check_forecast(read_import(file, "file")); });
   return 0;
 }

@@ -625,13 +625,18 @@ TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
   EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
 }
 
+// Nor has one that is old: it has ended another sleep, which looks like this one.
 TEST(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine) {
-  for (const bool is_late : {false, true}) {
+  const struct {
+    std::int64_t slept, pressed; // seconds; after it began
+    cause by;
+  } rows[] = {{5, -1, cause::kNothing}, {100, 89, cause::kNothing}, {100, 91, cause::kUser}};
+  for (const auto &[slept, pressed, by] : rows) {
     awake_machine run;
-    const std::int64_t pressed = run.now.boot + (is_late ? 100 * kSecondMs : -1);
-    run.sleep(100);
-    run.send(event::input{pressed});
-    EXPECT_EQ(run.m.woken.by, is_late ? cause::kUser : cause::kNothing);
+    const std::int64_t began = run.now.boot;
+    run.sleep(slept);
+    run.send(event::input{began + pressed * kSecondMs});
+    EXPECT_EQ(run.m.woken.by, by) << pressed;
   }
 }
 
@@ -658,6 +663,26 @@ TEST(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate) {
         << &row - rows;
     EXPECT_EQ(run.m.woken.by, row.comes_back ? cause::kUser : cause::kNothing);
   }
+}
+
+TEST(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion) {
+  for (const std::int64_t ahead : {0, 10, 11}) {
+    awake_machine run;
+    for (int times = 0; times < 2; ++times)
+      run.send(event::program{0, kNow + ahead, 0});
+    EXPECT_EQ(run.count<order::tv_ask>(), ahead == 10 ? 1 : 0);
+  }
+}
+
+// Nobody has announced the sleep, and no clock shows how long it was.
+TEST(Decide, ATestOfASleepThatOnlyItsCountShows_HasTheLengthOfTheSleep) {
+  awake_machine run;
+  run.send(event::test_wake{7, 100});
+  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+  run.pass(100);
+  ++run.now.sleeps;
+  run.send(event::due{});
+  EXPECT_EQ(run.last<order::answer>().seconds, 100);
 }
 
 TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {

@@ -32,7 +32,8 @@ struct step {
 struct night {
   millis length = 0;
   std::vector<step> steps;
-  int restart = -1; // compared with a run in which the process restarts before this event
+  int restart = -1;     // compared with a run in which the process restarts before this event,
+  bool is_busy = false; // or later, when there is a wish or a job to keep
 };
 
 enum class life { kRunning, kAsleep, kOff };
@@ -132,6 +133,7 @@ struct sim {
   void process_at(millis when, action what); // dropped when the process ends
   void answer(const event::any &what);       // over the bus
   void signal(const event::any &what);
+  millis begun_at() const { return begun_at_ + booted_at; } // the last announced sleep or shutdown
   void begin_sleep(off_action by);
   void begin_shutdown(bool is_called_off);
   void release_checked(); // of the inhibitor
@@ -181,9 +183,11 @@ struct sim {
   std::vector<std::string> *trace = nullptr;
   std::vector<std::pair<millis, std::string>> given; // orders that reach the outside
   unsigned restart_at_event = UINT32_MAX;            // or later, when it may
-  unsigned events = 0;                               // from outside
-  unsigned downs = 0;                                // sleeps and shutdowns
-  bool has_acted = false; // somebody, in the second of a timer: a restart moves the timer in it
+  bool restarts_busy = false;
+  unsigned events = 0; // from outside
+  unsigned downs = 0;  // sleeps and shutdowns
+  // Somebody, in the second of a timer or while the machine goes: a restart moves these by some ms.
+  bool has_acted = false;
 
   std::string run(const night &what);
   void broken(int sentence, const std::string &text);

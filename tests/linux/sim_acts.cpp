@@ -29,7 +29,7 @@ static void set_transition(sim &w, std::int64_t hours, std::int64_t spring) {
 static void use_remote(sim &w, std::int64_t on, std::int64_t tells) {
   w.tv.on = on != 0;
   w.tv.changed_at = w.tv.boots_until = w.now;
-  if (tells != 0 && on == 0 && w.tv.answers() && runs(w))
+  if (tells != 0 && on == 0 && w.tv.answers() && runs(w)) // a machine that sleeps hears nothing
     w.process_at(w.now + 5, [&w] { w.send(event::tv_standby{}); });
 }
 

@@ -9,7 +9,8 @@ static constexpr millis kOrderMs = 20 * kSecondMs; // an order to a television i
 static constexpr millis kSlowestMs = 125 * kSecondMs; // until a television that boots has its pair
 static constexpr millis kLongestBootMs = 35 * kSecondMs;
 static constexpr millis kResumeMs = 2100;
-static constexpr millis kWindowMs = 9 * kSecondMs; // a key in it has woken the machine
+static constexpr millis kWindowMs = 9 * kSecondMs; // a key in it has woken the machine,
+static constexpr millis kDoubtMs = 11 * kSecondMs; // and one until then perhaps
 static constexpr millis kAnswerMs = 3 * kSecondMs; // waited for
 static constexpr millis kAskedMs = 5 * kSecondMs;
 static constexpr millis kUnseenMs = kSecondMs;
@@ -29,6 +30,8 @@ static constexpr std::int64_t kNearSeconds = 3;
 static constexpr std::int64_t kMinuteSeconds = 60;
 static constexpr std::int64_t kMostDays = 3;        // a night
 static constexpr int kMostDues = 10;                // a day
+static constexpr millis kFoundMs = 3 * kSecondMs;   // jobs that run, after a start
+static constexpr millis kLastTryMs = 1600;          // before the end of the delay
 static constexpr millis kSettlesMs = 3 * kSecondMs; // a reading may be a second late
 
 static bool boots(off_action method) { return method != off_action::kSuspend; }
@@ -105,6 +108,7 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
 void sim_checks::time_passes(millis next) {
   follow_return(next);
   follow_foreign(next);
+  check_lost(next);
   if (is_cause_open_ && next > std::max(world_.up_at, world_.alive_at) + kSecondMs)
     check_cause();
   std::erase_if(expected_, [&](millis until) {
@@ -118,10 +122,12 @@ void sim_checks::time_passes(millis next) {
   if (from == to)
     return;
   for (const sim_timer &timer : world_.timers)
-    for (std::int64_t day = 0; day <= (timer.daily ? kMostDays : 0); ++day) {
+    // One that is armed for its next day comes again when the clock is set back.
+    for (std::int64_t day = timer.daily ? -1 : 0; day <= (timer.daily ? kMostDays : 0); ++day) {
       const std::int64_t local = timer.local + day * kDay;
       const std::int64_t due = world_.to_utc(local);
-      if (due > from && due <= to && due + world_.offset(due) == local)
+      if (due > from && due <= to && (day >= 0 || due > timer.since) &&
+          due + world_.offset(due) == local)
         becomes_due(timer, due);
     }
 }
@@ -129,7 +135,7 @@ void sim_checks::time_passes(millis next) {
 void sim_checks::clock_stepped() {
   stepped_at_ = now();
   tampered();
-  slept_through_ = 0;
+  slept_through_ = off_due_ = 0; // by the old clock
   expected_.clear();
   if (!world_.is_alive || !world_.m.armed || is_cause_open_) // what it goes past is made up for
     on_until_ = now() + kLateSeconds * kSecondMs;
@@ -138,6 +144,7 @@ void sim_checks::clock_stepped() {
 // --- 2: the screen ---
 
 void sim_checks::screen_called(bool on) {
+  quiet_since_.reset(); // who calls uses the machine
   if (on)
     on_until_ = now() + kOrderMs;
   else
@@ -174,8 +181,8 @@ void sim_checks::check_use(bool is_return, off_action method) {
     world_.broken(3, "a job of a timer at a sleep");
 }
 
-bool sim_checks::is_user_seen() const {
-  return world_.seen_at >= world_.up_at && world_.seen_at < world_.up_at + kWindowMs;
+bool sim_checks::is_user_seen(millis window) const {
+  return world_.seen_at >= world_.up_at && world_.seen_at < world_.up_at + window;
 }
 
 void sim_checks::check_return() {
@@ -184,8 +191,8 @@ void sim_checks::check_return() {
     world_.broken(3, "the screen is on at a return");
   if (stays_at_ >= std::max(world_.up_at, off_at_))
     world_.broken(3, "only the screen was to be turned off, at a return");
-  if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on &&
-      !refuses<order::tv_ask>(world_) && tv.changed_at < now() - kAskedMs)
+  if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on && !is_silent_ &&
+      tv.changed_at < now() - kAskedMs)
     world_.broken(3, "somebody watches at a return");
   if (tv.has_cec && asked_at_ < now() - kAskedMs)
     world_.broken(3, "the television is not asked before a return");
@@ -196,8 +203,8 @@ void sim_checks::check_return() {
   if (world_.seen_at > world_.up_at && quiet > kUnseenMs && said_off_at_ <= world_.seen_at)
     world_.broken(3, "somebody has come, and no television is off, at a return");
   const bool is_sure = knows_cause_ && !is_alarm_near();
-  if (is_sure &&
-      (world_.up_by == cause::kForeign || (world_.up_by == cause::kUser && is_user_seen())))
+  if (is_sure && (world_.up_by == cause::kForeign ||
+                  (world_.up_by == cause::kUser && is_user_seen(kWindowMs))))
     world_.broken(3, "who has woken the machine decides when it sleeps");
 }
 
@@ -250,8 +257,9 @@ void sim_checks::ordered(const order::any &what) {
     expected_.clear();
     is_ordered_on_ = true;
     stays_at_ = -1;
-    said_on_ = said_on_ || (turns_on && !world_.tv.has_cec && !world_.tv.is_monitor &&
-                            !refuses<order::start_unit>(world_));
+    // A refused order leaves it unknown: an on-timer must not take it for on.
+    if (turns_on && !world_.tv.has_cec && !world_.tv.is_monitor)
+      said_on_ = !refuses<order::start_unit>(world_);
     if (!is_again && now() > on_until_ &&
         !is_user_cause(world_, world_.tv.has_cec && has_spoken_, kOrderMs))
       world_.broken(2, "the screen is turned on without a cause");
@@ -261,12 +269,15 @@ void sim_checks::ordered(const order::any &what) {
     is_ordered_on_ = false;
     said_on_ = false;
   }
+  if (start != nullptr)
+    if (const auto found = std::ranges::find(lost_units_, start->name); found != lost_units_.end())
+      lost_units_.erase(found);
   if (std::holds_alternative<order::tv_ask>(what)) {
     asked_at_ = now();
     is_silent_ = !world_.tv.answers() || refuses<order::tv_ask>(world_);
   }
   if (std::holds_alternative<order::release_inhibitor>(what))
-    released_at_ = now();
+    check_release();
   if (const auto *said = std::get_if<order::say>(&what))
     check_line(*said);
   if (const auto *sleep = std::get_if<order::sleep>(&what)) {
@@ -290,6 +301,11 @@ bool sim_checks::is_led_to(off_action method) const {
   return world_.alarm.stands() != 0 && left <= ahead && (boots || !is_hop);
 }
 
+// An off-timer of since the wake-up wants its own kind of sleep.
+off_action sim_checks::wanted_method() const {
+  return off_at_ >= world_.up_at ? world_.set.off : world_.method;
+}
+
 bool sim_checks::wants_return() const {
   const sim &world = world_;
   const sim_television &tv = world.tv;
@@ -305,7 +321,7 @@ bool sim_checks::wants_return() const {
   const bool must_say = by == cause::kNothing || world.seen_at >= world.up_at || is_ordered_on_;
   if ((must_say && (!says_off || is_silent_ || tv.changed_at >= asked_at_)) ||
       by == cause::kForeign || by == cause::kUser || stays || is_cause_open_ ||
-      (by == cause::kNothing && is_user_seen()))
+      (by == cause::kNothing && is_user_seen(kDoubtMs)))
     return false;
   if (said_on_ || (tv.on && tv.answers()) || tv.lies)
     return false;
@@ -316,7 +332,7 @@ bool sim_checks::wants_return() const {
   if (world.foreign && *world.foreign - world.alarm.count(now()) < kLateSeconds)
     return false;
   const std::int64_t ahead = wanted_.on_time - world.utc();
-  const off_action method = world.method;
+  const off_action method = wanted_method();
   const std::int64_t near = lead_of(world, method) + nearness_of(world, method) +
                             world.set.return_to_sleep + kReturnSlackMs / kSecondMs;
   if (wanted_.on_time == 0 || ahead <= 0)
@@ -328,10 +344,13 @@ millis sim_checks::return_limit() const {
   const millis pause = short_sleeps_ > kMostShortSleeps ? kLoopPause : 0;
   const std::size_t row = std::min<std::size_t>(static_cast<std::size_t>(failed_), 4);
   const millis retry = row == 0 ? 0 : kRetries[row - 1];
-  // A clock that has refused its alarm is looked at again so often.
-  const millis look = tampered_at_ >= world_.up_at ? kLookAgain : 0;
+  // So often a clock is looked at that has refused its alarm, that may hold another program's, or
+  // whose range the on-time of a machine that must not boot for hops may have come into.
+  const bool must_not_hop = world_.alarm.range && !world_.set.hop_boots && boots(wanted_method());
+  const bool is_looked_at = std::max(tampered_at_, world_.foreign_at) >= world_.up_at;
+  const millis look = is_looked_at || must_not_hop ? kLookAgain : 0;
   const millis limit = (look + std::max({retry, pause, world_.set.return_to_sleep})) * kSecondMs;
-  // After so many sleeps in an hour, a test's among them, it waits.
+  // After so many sleeps in an hour it waits.
   const bool is_often = sleeps_.size() >= kMostSleepsAnHour;
   const millis again =
       is_often ? sleeps_[sleeps_.size() - kMostSleepsAnHour] + 3600 * kSecondMs : 0;
@@ -367,7 +386,10 @@ void sim_checks::check_alarm() {
   }
   const off_action method = world_.method;
   const std::int64_t least = nearness_of(world_, method);
-  const std::int64_t ours = std::max(ahead - lead_of(world_, method), least);
+  // Somebody else's sleep that begins while ours is on its way to logind is taken for ours.
+  const bool crosses = crossed_at_ > world_.down_at - (world_.delay_max + 1) * kSecondMs;
+  const std::int64_t lead = crosses ? world_.set.lead_suspend : lead_of(world_, method);
+  const std::int64_t ours = std::max(ahead - lead, least);
   // One that is too near may go off before the machine sleeps; ours is set then.
   if (foreign != 0 && foreign - count <= least + kNearSeconds)
     return;
@@ -380,7 +402,7 @@ void sim_checks::check_alarm() {
   }
   if (foreign != 0 && std::abs(foreign - count - ours) <= unsure + kNearSeconds)
     return;
-  const bool is_left_out = world_.state == life::kOff && !world_.set.hop_boots && alarm.range;
+  const bool is_left_out = method == off_action::kPoweroff && !world_.set.hop_boots && alarm.range;
   if (is_left_out)
     return;
   if (stands == 0 || stands - count > ours + (alarm.counts_minutes ? kMinuteSeconds : 2))
@@ -395,8 +417,11 @@ void sim_checks::check_alarm() {
 
 void sim_checks::went_down(bool is_ready) {
   expected_.clear();
+  lost_units_.clear();
   const millis sent_at = std::exchange(sent_at_, -1);
-  if (sent_at >= 0 && is_loop(sleeps_, sent_at) && !is_test_)
+  if (sent_at >= 0 && is_test_)
+    sleeps_.clear();
+  else if (sent_at >= 0 && is_loop(sleeps_, sent_at))
     world_.broken(10, "more than 6 sleeps in an hour");
   quiet_since_.reset();
   wanted_at_down_ = wanted_;
@@ -406,6 +431,23 @@ void sim_checks::went_down(bool is_ready) {
   was_right_ =
       is_ready && !world_.m.test.running && tampered_at_ < released_at_ && !refuses_alarm(world_);
   if (was_right_ && off_went_at_ < released_at_) // nothing has gone off since
+    check_alarm();
+}
+
+// What must be done before a sleep is done when the delay ends, not somewhat later.
+void sim_checks::check_release() {
+  const millis begun_at = world_.begun_at();
+  released_at_ = now();
+  if (!world_.sleeps_now && !world_.stops_now)
+    return;
+  const millis last_try = begun_at + world_.m.use.delay_max_ms - kLastTryMs;
+  // One that has started since may take this sleep for the last one, which has failed meanwhile.
+  if (told_at_ < begun_at && world_.alive_at < begun_at)
+    world_.broken(5, "the delay ends before the daemon knows of the standby");
+  if (world_.m.problems[static_cast<std::size_t>(problem::kAlarmRefused)] != 0 && now() < last_try)
+    world_.broken(5, "a refused alarm is given up with the delay");
+  if (!world_.m.test.running && tampered_at_ < begun_at && off_went_at_ < begun_at &&
+      !refuses_alarm(world_))
     check_alarm();
 }
 
@@ -450,8 +492,10 @@ void sim_checks::came_up(bool boots) {
   is_clock_set_ = is_clock_set_ && !boots;
   said_on_ = said_on_ && !boots;
   has_spoken_ = has_spoken_ && !boots;
-  if (boots)
+  if (boots) {
     has_line_ = {};
+    sleeps_.clear(); // an alarm or somebody has booted it: that is no loop
+  }
   is_ordered_on_ = is_seen_on_ = false;
   const std::int64_t stands = world_.alarm.stands();
   left_at_up_ = stands == 0 ? kDay : stands - world_.alarm.count(now());
@@ -465,8 +509,6 @@ void sim_checks::came_up(bool boots) {
   if (was_timer_second_) // it may have been about to fire
     on_until_ = now() + kOrderMs + kLongestBootMs;
   const std::int64_t last = slept_through_;
-  if (world_.is_alive) // otherwise a daemon that has not started yet makes up for them
-    slept_through_ = 0;
   if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ >= last)
     return;
   on_until_ = now() + kOrderMs + kLongestBootMs;
@@ -564,20 +606,42 @@ void sim_checks::process_ended() {
     has_line_[part] = world_.stored.problems[part] != 0;
 }
 
+// --- 9: what a restart must not change, besides the night that it is compared with ---
+
+void sim_checks::lost(const order::any &what) {
+  if (const auto *start = std::get_if<order::start_unit>(&what))
+    lost_units_.push_back(start->name);
+}
+
+void sim_checks::check_lost(millis next) {
+  if (!lost_units_.empty() && world_.is_alive && next > world_.alive_at + kFoundMs)
+    world_.broken(9, "a unit is not started after a restart");
+}
+
 // --- 8: nothing due ---
+
+template <class... Events> static bool is_one_of(const event::any &what) {
+  return (std::holds_alternative<Events>(what) || ...);
+}
+
+// Its own, and what answers it.
+static bool is_own(const event::any &what) {
+  return is_one_of<event::due, event::idle, event::ntp, event::tv_reports, event::tv_silent,
+                   event::alarm_read, event::alarm_written, event::use_changed, event::works>(what);
+}
 
 void sim_checks::check_due(const event::any &what) {
   if (std::holds_alternative<event::due>(what) && next_due(world_.m) <= world_.boot_ms())
     world_.broken(8, "what is due stays due");
   const auto &problems = world_.m.problems;
   const bool has_problem = std::ranges::any_of(problems, [](int one) { return one != 0; });
-  const bool is_own =
-      std::holds_alternative<event::due>(what) || std::holds_alternative<event::idle>(what);
-  if (!is_own || has_problem || world_.m.sleep.wish != sleep_wish::kNone ||
-      world_.m.clock.state == clock_state::kUnknown || dues_since_ < now() - kDayMs) {
+  const bool is_clock_asked = world_.ntp_on && !world_.ntp_synchronised;
+  if (!is_own(what) || has_problem || world_.m.sleep.wish != sleep_wish::kNone ||
+      world_.m.screen.pending || is_clock_asked || !is_clock_known() ||
+      dues_since_ < now() - kDayMs) {
     dues_ = 0;
     dues_since_ = now();
-  } else if (++dues_ > kMostDues) {
+  } else if (std::holds_alternative<event::due>(what) && ++dues_ > kMostDues) {
     world_.broken(8, "more than 10 events of its own without one from outside");
   }
 }
@@ -645,6 +709,11 @@ void sim_checks::decided(const event::any &what, const orders &list) {
   if (is_over && world_.m.armed)
     wanted_ = {};
   note_clock(what);
+  if (const auto *back = std::get_if<event::returned>(&what);
+      back != nullptr && back->callback == delivery::kStandby)
+    told_at_ = now();
+  if (world_.m.armed) // otherwise a daemon that has not started yet makes up for them
+    slept_through_ = 0;
   if (world_.sleeps_now || world_.stops_now)
     expected_.clear();
   note_television(what);

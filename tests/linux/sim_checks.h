@@ -28,6 +28,7 @@ public:
   void decided(const event::any &what, const orders &list);
   void ordered(const order::any &what);
   void called(const event::any &what); // of the contract, when it has returned
+  void lost(const order::any &what);   // with the process, before it was carried out
   void process_ended();
   void went_down(bool is_ready); // is_ready: the process could do what it is there for
   void came_up(bool boots);
@@ -42,6 +43,7 @@ public:
   }
   bool is_cause_open() const { return is_cause_open_; }
   void sleep_failed() { sent_at_ = -1; }
+  void sleep_crosses() { crossed_at_ = now(); }
   void test_called() { test_at_ = now(); }
   bool has_released(millis since) const { return released_at_ >= since; }
   void delay_ended(millis begun_at);
@@ -58,17 +60,20 @@ private:
   bool is_clock_known() const;
   void check_wish(sleep_wish wish);
   void check_alarm();
+  void check_release();
   void follow_foreign(millis next);
   void check_line(const order::say &said);
   void note_clock(const event::any &what);
   void note_television(const event::any &what);
   bool is_led_to(off_action method) const;
+  off_action wanted_method() const;
   bool wants_return() const;
   millis return_limit() const;
   void follow_return(millis next);
+  void check_lost(millis next);
   void check_credit();
   bool is_alarm_near() const;
-  bool is_user_seen() const;
+  bool is_user_seen(millis window) const;
   void check_cause();
   void check_problems(const event::any &what);
   void check_due(const event::any &what);
@@ -77,14 +82,16 @@ private:
   std::vector<millis> expected_;   // until when an on-timer turns the screen on
   std::int64_t slept_through_ = 0; // the last on-timer; 0: none
   std::int64_t off_due_ = 0;       // the last off-timer that became due
-  std::int64_t due_at_ = 0;        // the last timer, true ms
-  millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs;
-  millis on_until_ = -1; // a cause holds
+  millis due_at_ = -kDayMs;        // the last timer
+  millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs, told_at_ = -kDayMs;
+  millis on_until_ = -1;        // a cause holds
+  millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
   millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1, left_at_ = -1, stays_at_ = -1;
   millis turned_on_at_ = -kDayMs;
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
   std::deque<millis> sleeps_;
+  std::vector<unit> lost_units_;
   bool is_cause_open_ = false; // not looked at since the wake-up
   bool knows_cause_ = false;   // nobody has hidden it from the process
   bool was_timer_second_ = false;

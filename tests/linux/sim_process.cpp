@@ -72,8 +72,10 @@ void sim::keep_order(const std::string &text) {
 bool sim::may_restart() const {
   const screen_state truth = tv.on ? screen_state::kOn : screen_state::kOff;
   const bool is_known = !tv.has_cec || (!tv.lies && m.screen.believed == truth);
-  return is_known && m.armed && !m.test.running && !set.follow_screen && counts_sleep &&
-         !sleeps_now && tv.answers_after < kSecondMs;
+  const bool is_busy = m.sleep.wish != sleep_wish::kNone ||
+                       std::ranges::any_of(m.jobs, [](const job &one) { return one.id != 0; });
+  return (is_busy || !restarts_busy) && is_known && m.armed && !m.test.running &&
+         !set.follow_screen && counts_sleep && !sleeps_now && tv.answers_after < kSecondMs;
 }
 
 void sim::send(const event::any &what) {
@@ -93,8 +95,10 @@ void sim::send(const event::any &what) {
   const int run = run_;
   ++depth_;
   for (const order::any &one : list) {
+    if (orders_to_live == 0 && run == run_)
+      checks.lost(one);
     if (orders_to_live == 0 || run != run_)
-      break;
+      continue;
     orders_to_live -= orders_to_live > 0 ? 1 : 0;
     if (trace != nullptr)
       note("  " + text_of(one));

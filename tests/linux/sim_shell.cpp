@@ -64,13 +64,20 @@ struct shell {
     world.release_checked();
   }
 
+  void note_crossing() const {
+    if (world.sleeps_now || world.stops_now)
+      world.checks.sleep_crosses();
+  }
+
   void operator()(const order::sleep &what) const {
     const std::uint8_t kind = what.method == off_action::kPoweroff ? kShutdownBit : kSleepBit;
-    const bool refuses =
+    const bool is_refused_there =
         is_refused || (world.blocked & kind) != 0 ||
-        (what.method == off_action::kHibernate && (world.can & kHibernateBit) == 0) ||
-        world.sleeps_now || world.stops_now;
-    world.process_at(world.now + world.bus_ms, [&world = world, refuses, method = what.method] {
+        (what.method == off_action::kHibernate && (world.can & kHibernateBit) == 0);
+    note_crossing();
+    world.process_at(world.now + world.bus_ms, [=, *this, method = what.method] {
+      const bool refuses = is_refused_there || world.sleeps_now || world.stops_now;
+      note_crossing();
       if (refuses)
         world.checks.sleep_failed();
       else

@@ -86,7 +86,7 @@ void sim::go_down(off_action by, bool is_announced) {
   if (state != life::kRunning || is_called_off_)
     return;
   ++sleep_;
-  const bool is_ready = is_alive && m.armed && checks.has_released(begun_at_ + booted_at);
+  const bool is_ready = is_alive && m.armed && checks.has_released(begun_at());
   method = by;
   if (fails > 0 && method != off_action::kPoweroff) {
     --fails;

@@ -110,14 +110,57 @@ TEST_F(Mqtt, TheBroker_MayBeAbsentAndComeBack) {
   start();
   launch_bridge();
   wait_bridge_log("Connection refused");
-  for (int i = 0; i < 2; ++i) {
+  for (const bool again : {false, true}) {
+    kill(bridge->pid(), SIGSTOP);
     start_broker();
     seen.emplace(port);
+    kill(bridge->pid(), SIGCONT);
     seen->wait("dravel/m/availability", "online");
+    if (again)
+      seen->wait("dravel/m/event", "added");
     seen->wait("dravel/m/state", "next_on");
     seen.reset();
     broker.reset();
+    schedule({1, "20 12:00"}); // told when it is back
   }
+}
+
+TEST_F(Mqtt, ABroker_MayRetainFirst_AndAcknowledgeNothing) {
+  start();
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  const int on = 1;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  const sockaddr_in address = loopback(port);
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+  listen(listener, 1);
+  launch_bridge();
+  const int client = accept(listener, nullptr, nullptr);
+  std::string heard(65536, '\0');
+  const auto hear = [&] { return recv(client, heard.data(), heard.size(), 0); };
+  const auto say = [&](std::string packet) {
+    packet[1] = static_cast<char>(packet.size() - 2);
+    EXPECT_EQ(send(client, packet.data(), packet.size(), 0), std::ssize(packet));
+  };
+  hear(); // CONNECT
+  say(std::string("\x20\0\0\0\0", 5));
+  hear(); // SUBSCRIBE; its packet id follows the length
+  const std::string id = heard.substr((heard[1] & 0x80) != 0 ? 3 : 2, 2);
+  say(std::string("\x31\0\0\x12", 4) + "dravel/m/set/apply" + '\0' + R"({"timers":[)" + kSeven +
+      "]}");
+  say(std::string("\x90\0", 2) + id + std::string("\0\1", 2));
+  for (std::string all; all.find(R"("command":"apply")") == std::string::npos;) {
+    const ssize_t size = hear();
+    ASSERT_GT(size, 0);
+    all.append(heard, 0, static_cast<std::size_t>(size));
+  }
+  kill(bridge->pid(), SIGSTOP);
+  close(client);
+  close(listener);
+  start_broker();
+  seen.emplace(port);
+  kill(bridge->pid(), SIGCONT);
+  seen->wait("dravel/m/event", "added");
+  seen->wait("dravel/m/result", R"("command":"apply","done":true)");
 }
 
 TEST_F(Mqtt, AFlood_IsAnsweredOrRefused_AndHarmsNothing) {
@@ -182,6 +225,30 @@ TEST_F(Mqtt, APlan_WaitsForTheDaemon) {
   EXPECT_THAT(seen->wait("dravel/m/applied"), HasSubstr(R"("added":1)"));
 }
 
+TEST_F(Mqtt, APlan_IsToldAsFarAsItWent_AndDelaysNothing) {
+  start_all();
+  rows("CREATE TRIGGER full BEFORE INSERT ON disabled_period WHEN new.start_tm_mon = 11 "
+       "BEGIN SELECT RAISE(FAIL, 'full'); END");
+  seen->publish("dravel/m/set/apply", R"({"holidays":[
+    {"first":{"month":1,"day":1},"last":{"month":1,"day":1}},
+    {"first":{"month":12,"day":24},"last":{"month":12,"day":26}}]})",
+                true);
+  EXPECT_THAT(seen->wait("dravel/m/applied"),
+              AllOf(HasSubstr(R"("holidays_added":1)"), HasSubstr(R"({"what":"holidays 24 Dec)")));
+
+  // It waits: the list is full, and all of it is due within a minute.
+  for (int i = 0; i < 80; ++i)
+    schedule({1, "15 12:00:50"});
+  seen->publish("dravel/m/set/apply", std::string(R"({"timers":[)") + kSeven + "]}", true);
+  seen->publish("dravel/m/set/add", std::string(R"({"id":"1","timer":)") + kSeven + "}");
+  seen->publish("dravel/m/set/halt", R"({"on":true})");
+  seen->wait("dravel/m/result", R"("command":"halt","done":true)");
+  EXPECT_EQ(shell("dravelctl cancel 1").status, 0);
+  EXPECT_THAT(seen->wait("dravel/m/applied"), HasSubstr(R"("added":1,"cancelled":79)"));
+  seen->wait("dravel/m/result", R"("command":"apply","done":true)");
+  seen->wait("dravel/m/result", R"("command":"add","done":true)"); // and it stays
+}
+
 TEST_F(Mqtt, AMachineOfTheSameName_IsLeftAlone) {
   start();
   start_broker();
@@ -189,6 +256,7 @@ TEST_F(Mqtt, AMachineOfTheSameName_IsLeftAlone) {
   seen->publish("dravel/m/state", R"({"machine_id":"other"})", true);
   seen->publish("dravel/m/availability", "online", true);
   seen->wait("dravel/m/availability");
+  of_broker = "settle-milliseconds=30000\n"; // both are known sooner
   launch_bridge();
   wait_bridge_log("another machine has the name m");
   seen->publish("dravel/m/set/halt", R"({"on":true})");
@@ -206,7 +274,9 @@ TEST_F(Mqtt, TheMachinesSleep_IsAnnounced) {
   start_all();
   EXPECT_EQ(shell(DRAVEL_MQTT " --sleep").status, 0);
   seen->wait("dravel/m/availability", "asleep");
+  schedule({1, "20 12:00"}); // told after it
   EXPECT_EQ(shell(DRAVEL_MQTT " --wake").status, 0);
+  seen->wait("dravel/m/event", "added");
   seen->wait("dravel/m/availability", "online");
   EXPECT_EQ(bridge->stop(), 0);
   seen->wait("dravel/m/availability", "offline");

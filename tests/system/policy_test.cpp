@@ -79,7 +79,7 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
                                 "DBUS_SYSTEM_BUS_ADDRESS=" POLICY_BUS " ") +
                     kAsCaller[LOCAL_USER] + "/run/bench/dravelctl halt on")
                   .said,
-              HasSubstr("only root and the members of the group dravel may"));
+              HasSubstr("you may not change the timers; members of the group dravel may;"));
 }
 
 } // namespace

@@ -90,6 +90,7 @@ TEST_F(Service, WhatIsUnknownOrReadOnly_IsRefusedWithTheStandardErrors) {
 }
 
 // All calls wait in the daemon's socket when it goes on; those of the first client are too many.
+// What two calls change and change back is told.
 TEST_F(Service, ClientsTakeTurns_AndACallBehindTooManyIsRefused) {
   start();
   bus_client other;
@@ -118,6 +119,15 @@ TEST_F(Service, ClientsTakeTurns_AndACallBehindTooManyIsRefused) {
   while (call("request_wakeup_timer", "(0,)") == DBUS_ERROR_LIMITS_EXCEEDED)
     continue;
   EXPECT_EQ(timer_ids(), (words{1, 3, 2}));
+
+  bus.listen("member='PropertiesChanged'");
+  kill(daemon, SIGSTOP);
+  for (const char *halt : {"(1,)", "(0,)"})
+    bus.post(request_of(kDaemon, "request_halt_ontimers", halt));
+  bus.pid_of(DBUS_SERVICE_DBUS);
+  kill(daemon, SIGCONT);
+  bus.receive(
+      [](DBusMessage *signal) { return body_text(signal).find("HaltOn") != std::string::npos; });
 }
 
 TEST_F(Service, ALostBus_EndsTheDaemon) {

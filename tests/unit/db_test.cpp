@@ -100,7 +100,8 @@ TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
   EXPECT_EQ(close_dravel_db(), 0);
   logged();
   EXPECT_EQ(delete_dravel_item_db(1), SQLITE_MISUSE);
-  EXPECT_EQ(logged(), "delete_dravel_item_db > failed to delete dravel item: out of memory\n");
+  EXPECT_EQ(logged(),
+            "delete_dravel_item_db > failed to delete dravel item: the database is not open\n");
   EXPECT_EQ(insert_wakeup_dravel_item_db(&item), SQLITE_MISUSE);
   fs::remove(kDravelDbPath);
 }
@@ -284,9 +285,9 @@ static std::string files() {
 static constexpr const char *kBothFiles = "{ \".dravel.db\", \".wakeup_dravel.db\" }";
 static constexpr const char *kCopy = "/opt/dbspace/.dravel.db.0";
 static constexpr const char *kContents =
-    "PRAGMA user_version; SELECT type, micom_flag FROM dravel; "
+    "PRAGMA user_version; SELECT type, micom_flag, disable_period_effect FROM dravel; "
     "SELECT end_tm_mon FROM disabled_period";
-static constexpr const char *kMigrated = "1 4|0 5|1 6|0 7";
+static constexpr const char *kMigrated = "1 4|0|1 5|1|0 6|0|1 7";
 
 // Three timers, of which the second is programmed, and a period.
 static void use_version_0() {
@@ -299,7 +300,8 @@ static void use_version_0() {
   rows(
       "DROP TABLE dravel; CREATE TABLE dravel(timer_id, type, priority, date_type, tm_sec, tm_min, "
       "tm_hour, tm_mday, tm_mon, tm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag, "
-      "micom_flag); INSERT INTO dravel(timer_id, type) VALUES(1, 4), (2, 5), (3, 6); "
+      "micom_flag, disable_period_effect); INSERT INTO dravel(timer_id, type, "
+      "disable_period_effect) VALUES(1, 4, 1), (2, 5, 0), (3, 6, 1); "
       "PRAGMA user_version = 0");
   rows("INSERT INTO dravel(timer_id) VALUES(2); PRAGMA user_version = 0", kWakeupDbPath);
 }
@@ -411,7 +413,7 @@ TEST_F(Store, ALockedMainFile_IsNotReplacedByAnOldCopy) {
 TEST_F(Store, AMigrationThatFails_SaysWhereTheOldTimersAre) {
   enum { READERS_LOCK = -3, WRITERS_LOCK, DIRECTORY };
   constexpr const char *kMain = kDravelDbPath, *kWakeup = kWakeupDbPath, *kEmpty = "1";
-  constexpr const char *kPeriodLeft = "1 7", *kUnmarked = "1 4|0 5|0 6|0 7";
+  constexpr const char *kPeriodLeft = "1 7", *kUnmarked = "1 4|0|1 5|0|0 6|0|1 7";
   const struct {
     const char *line, *left, *path;
     int fault, nth;
@@ -427,7 +429,7 @@ TEST_F(Store, AMigrationThatFails_SaysWhereTheOldTimersAre) {
       {"drop table for wakeup dravel: database is", kPeriodLeft, kWakeup, WRITERS_LOCK, 0},
       {"open the wakeup_dravel database", kPeriodLeft, kWakeup, DIRECTORY, 0},
       {"create table for wakeup dravel: not", kPeriodLeft, kWakeup, SQLITE_CREATE_TABLE, 2},
-      {"insert dravel item: not", "1 4|0 6|1 7", kMain, SQLITE_INSERT, 2},
+      {"insert dravel item: not", "1 4|0|1 6|1|1 7", kMain, SQLITE_INSERT, 2},
       {"update wakeup item: not", kUnmarked, kMain, SQLITE_UPDATE, 2},
       {"insert wakeup dravel item: not", kMigrated, kWakeup, SQLITE_INSERT, 1},
       {"set db version. ret[23], error[not", kMigrated, kMain, SQLITE_PRAGMA, 2},
@@ -446,6 +448,10 @@ TEST_F(Store, AMigrationThatFails_SaysWhereTheOldTimersAre) {
                                   : "BEGIN EXCLUSIVE; UPDATE dravel SET type = 99");
     logged();
     EXPECT_EQ(start_refused(path, fault, nth) == 0, kept == kCopy);
+    static int listed;
+    listed = 0;
+    load_dravel_db([](const dravel_item *) { return ++listed; });
+    EXPECT_EQ(listed != 0, std::string_view(left).find('|') != std::string_view::npos);
     const std::string log = logged();
     EXPECT_THAT(log, HasSubstr(std::string("failed to ") + line));
     EXPECT_THAT(log, HasSubstr("the old timers are in [" + failed + ".2]"));

@@ -11,7 +11,7 @@ MACHINE = {"screen": "on", "screen_by": "cec0, television 0", "alarm": "2026-12-
 ANSWERS = {
     "screen off": {"ordered": "off", "screen": "off", "screen_by": "cec0"},
     "screen on": {"error": {"kind": "refused", "what": "the adapter is gone", "advice": "plug it in"}},
-    "test screen": {"screen_by": "cec0", "off": "off", "on": "on", "good": True},
+    "test screen": {"screen_by": "cec0", "off": "unknown", "on": "on", "good": True},
     "test wake": {"asked": 60, "slept": 61, "cause": "test", "late": 1, "good": True},
     "history": [{"time": "2026-12-21T22:30:00+01:00", "event": "fired", "timer": 2, "reason": "", "text": "timer <b>2</b> fired"}],
 }

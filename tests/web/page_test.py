@@ -43,7 +43,8 @@ ACTS = {
                     "press Undo; see 'It is back as timer 2.'; told export '\"time\": \"22:00\"'",
     "undo refused": "ctl add --at=22:00 --on=daily; press 'Cancel timer 1'; see cancelled; ctl add --at=22:00 --on=daily; "
                     "press Undo; see 'It cannot come back: it is there already as timer 2.'",
-    "halt": "press 'On-timers act'; see 'they do not act'; told halt '\"on\":true'; press 'On-timers are halted'; told halt '\"on\":false'",
+    "halt": "press 'On-timers act'; see 'they do not act'; ctl halt off; see 'Off-timers are halted'; "
+            "press 'On-timers are halted'; see 'act again'; told halt '{\"on\":false,\"off\":true'",
     "holidays": "ctl add --at=7:00 --on=daily; press Calendar; press 'Next year'; press '10 July'; press '24 July'; tick all; press Add; "
                 "see 'Timer 1 rests'; told 'holidays list' '\"day\":24'; press 'Remove the holidays 10 Jul to 24 Jul'; see 'None are set'",
     "holidays by key": "press Calendar; key ARROW_DOWN; key ENTER; key ARROW_RIGHT; key ENTER; press Add; see '29 Dec to 30 Dec'",
@@ -51,6 +52,8 @@ ACTS = {
     "focus": "ctl add --at=7:00 --on=sat; press 'Why does timer 1 fire, and when?'; ctl halt on; behind 'On-timers are halted'; "
              "key ESCAPE; focus 'Why does timer 1 fire, and when?'",
     "week": "ctl add --at=7:00 --on=wed; press 'Wed 23 Dec 07:00: timer 1 (on, Wed)'; see 'Timer 1 (on, Wed): turns the set on'",
+    "same second": "ctl add --at=7:00 --on=wed; ctl add --at=7:00 --on=wed,thu; press 'Wed 23 Dec 07:00: 2 firings'; "
+                   "see 'it is not certain which one fires'",
     "import": "file a '{\"timers\":[{\"type\":1,\"time\":\"23:00\",\"days\":[\"Mon\"]}]}'; see 'a.json: 1 added, 0 refused.'; see 'timer 1'",
     "outside": "ctl add --at=7:00 --on=wed; see 'Timers1 of 80'; ctl cancel 1; see 'no timer yet'",
 }
@@ -72,8 +75,8 @@ RIGHTS = {
 }
 MACHINE = {
     "glance": "see 'Wed 23 Dec 06:58:30, for a timer'; see 'somebody is logged in'; see 'The clock of this machine is not synchronised.'",
-    "screen": "press 'Turn off the screen'; see 'The screen is turned off.'; press 'Turn on the screen'; see 'The adapter is gone: plug it in.'",
-    "test": "press 'Test …'; press 'Test the screen'; see 'The television said: off, then on.'; press 'Test the wake-up'; "
+    "screen": "press 'Turn off the screen'; see 'The screen is told to turn off.'; press 'Turn on the screen'; see 'The adapter is gone: plug it in.'",
+    "test": "press 'Test …'; press 'Test the screen'; see 'The television said: nothing, then on.'; press 'Test the wake-up'; "
             "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
     "after a test": "store dravel.test-wake none; open member machine; see 'The machine was woken Tue 22 Dec 06:58:30, for a timer.'",
     "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",

@@ -1,0 +1,15 @@
+// What waits for the connection.
+#include "outbox.h"
+
+#include <gtest/gtest.h>
+
+TEST(Outbox, KeepsAHundred_ForTwoMinutes_InOrder) {
+  outbox kept;
+  for (int i = 102; i > 0; --i)
+    kept.put({.topic = std::to_string(i), .payload = {}, .made_at = i * 1000});
+  const auto taken = kept.take(122000 + 5000);
+  ASSERT_EQ(taken.size(), 96U);
+  EXPECT_EQ(taken.front().topic, "7");
+  EXPECT_EQ(taken.back().topic, "102");
+  EXPECT_TRUE(kept.take(0).empty());
+}
