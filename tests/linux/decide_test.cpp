@@ -285,16 +285,17 @@ TEST(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn) {
 
 TEST(Decide, ARefusedInhibitor_IsTriedForEveryMinute_AndAfterASleep) {
   awake_machine run;
-  for (int minute = 0; minute < 10; ++minute) {
+  for (const std::int64_t seconds : {1, 10, 60, 60}) {
     run.send(event::refused{problem::kInhibitor, EIO});
-    run.pass(60);
+    EXPECT_EQ(due_at(run.m, due_kind::kInhibitAgain), run.now.boot + seconds * kSecondMs);
+    run.pass(seconds);
     run.send(event::due{});
   }
-  EXPECT_EQ(run.count<order::take_inhibitor>(), 10);
+  EXPECT_EQ(run.count<order::take_inhibitor>(), 4);
   run.now.slept += 100 * kSecondMs; // without any announcement
   run.pass(100);
   run.send(event::ambient{});
-  EXPECT_EQ(run.count<order::take_inhibitor>(), 11);
+  EXPECT_EQ(run.count<order::take_inhibitor>(), 5);
 }
 
 // The wake-up may show before logind says so.
@@ -347,7 +348,7 @@ TEST(Decide, ATest_IsRefused_WhenSomethingIsInTheWay) {
     int error;
   } rows[] = {
       {19, 0, 0, ERANGE},       {3601, 0, 0, ERANGE},   {60, kNow + 179, 0, EBUSY},
-      {60, 0, kIdleBit, EBUSY}, {60, kNow + 200, 0, 0}, {20, 0, 0, 0},
+      {60, 0, kIdleBit, EBUSY}, {60, kNow + 180, 0, 0}, {20, 0, 0, 0},
   };
   for (const auto &row : rows) {
     awake_machine run;
@@ -356,6 +357,8 @@ TEST(Decide, ATest_IsRefused_WhenSomethingIsInTheWay) {
     run.send(event::test_wake{7, row.seconds});
     EXPECT_EQ(run.last<order::answer>().error, row.error) << &row - rows;
     EXPECT_EQ(run.m.test.running, row.error == 0);
+    run.send(event::test_wake{8, row.seconds});
+    EXPECT_EQ(run.last<order::answer>().error, row.error == 0 ? EALREADY : row.error);
   }
 }
 
@@ -456,22 +459,26 @@ TEST(Decide, AMonitorBehindAnAdapter_DoesNotDelayTheSleep_AndComesBackWithItsUse
 }
 
 TEST(Decide, ASleepOfSomebodyElse_LeavesTimeToComeBackFromTheDisk_WhenItMay) {
-  for (const std::uint8_t can : {kSleepBit, kHibernateBit}) {
-    awake_machine run;
-    run.send(event::use_changed{0, 0, 0, can, 5000, false});
-    run.send(event::program{0, kNow + 1000, 0});
-    EXPECT_EQ(run.alarm, kNow + 985);
-    run.send(event::sleep_begins{});
-    const std::int64_t before_a_sleep = kNow + (can == kHibernateBit ? 910 : 985);
-    EXPECT_EQ(run.alarm, before_a_sleep);
-    run.now.slept += 100 * kSecondMs;
-    run.pass(100);
-    run.send(event::ambient{});
-    EXPECT_EQ(run.alarm, before_a_sleep) << "it may be suspended only until it hibernates";
-    run.send(event::sleep_ends{});
-    EXPECT_EQ(run.alarm, kNow + 985);
-    EXPECT_EQ(run.m.sleep.last_method, off_action::kSuspend);
-  }
+  for (const off_action off : {off_action::kSuspend, off_action::kHibernate})
+    for (const std::uint8_t can : {kSleepBit, kHibernateBit}) {
+      settings set;
+      set.off = off;
+      awake_machine run(set);
+      run.send(event::use_changed{0, 0, 0, can, 5000, false});
+      run.send(event::program{0, kNow + 1000, 0});
+      const bool hibernates = off == off_action::kHibernate && can == kHibernateBit;
+      EXPECT_EQ(run.alarm, kNow + (hibernates ? 910 : 985));
+      run.send(event::sleep_begins{});
+      const std::int64_t before_a_sleep = kNow + (can == kHibernateBit ? 910 : 985);
+      EXPECT_EQ(run.alarm, before_a_sleep);
+      run.now.slept += 100 * kSecondMs;
+      run.pass(100);
+      run.send(event::ambient{});
+      EXPECT_EQ(run.alarm, before_a_sleep) << "it may be suspended only until it hibernates";
+      run.send(event::sleep_ends{});
+      EXPECT_EQ(run.alarm, kNow + (hibernates ? 910 : 985));
+      EXPECT_EQ(run.m.sleep.last_method == off_action::kHibernate, hibernates);
+    }
 }
 
 TEST(Decide, ATestThatTheClockStepsOver_StillLeavesTheAlarmOfTheTimer) {
@@ -612,6 +619,58 @@ TEST(Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater) {
     use(is_session ? run.now.boot : 0, 0);
     EXPECT_EQ(run.count<order::sleep>(), sleeps ? 1 : 0) << after << is_session;
   }
+}
+
+TEST(Decide, ASleepThatFails_IsTriedAgain_LessAndLessOften_AfterNinetySecondsOfHooks) {
+  awake_machine run({}, false);
+  run.send(event::screen_wanted{false, event::asker::kDaemon});
+  run.send(event::job_began{1, unit::kOff});
+  run.pass(89);
+  run.send(event::due{});
+  EXPECT_EQ(run.m.sleep.why, postponed::kHook);
+  run.pass(1);
+  for (const std::int64_t seconds : {30, 60, 300, 900, 900}) {
+    run.send(event::due{});
+    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+    EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), run.now.boot + 90 * kSecondMs);
+    run.send(event::sleep_answered{EACCES});
+    EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), run.now.boot + seconds * kSecondMs);
+    run.pass(seconds);
+  }
+  EXPECT_EQ(run.count<order::sleep>(), 5);
+  EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kSleep)], EACCES);
+  run.sleep(100);
+  EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kSleep)], 0);
+}
+
+TEST(Decide, AClockThatIsNotSynchronised_IsAskedEveryFiveMinutes_UntilItIs) {
+  awake_machine run;
+  run.send(event::clock_stepped{});
+  run.send(event::ntp{true, false, true});
+  for (const std::int64_t seconds : {10, 30, 60, 300, 300}) {
+    EXPECT_EQ(due_at(run.m, due_kind::kAskClock), run.now.boot + seconds * kSecondMs);
+    run.pass(seconds);
+    run.given.clear();
+    run.send(event::due{});
+    EXPECT_EQ(run.count<order::ask_clock>(), 1);
+    run.send(event::ntp{true, false, true});
+  }
+  run.send(event::ntp{true, true, true});
+  EXPECT_EQ(due_at(run.m, due_kind::kAskClock), kNever);
+  run.given.clear();
+  run.send(event::ntp{true, false, true}); // for a while after each sleep
+  EXPECT_EQ(run.m.clock.state, clock_state::kSynchronised);
+  EXPECT_EQ(run.count<order::deliver>(), 0);
+}
+
+TEST(Decide, AtOurEnd_AnAlarmThatHasGoneOffBeforeTheOnTime_IsWrittenForABoot) {
+  awake_machine run;
+  run.send(event::program{0, kNow + 50, 0});
+  run.pass(40);
+  run.send(event::due{});
+  EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kNone);
+  run.send(event::ended{});
+  EXPECT_EQ(run.alarm, kNow + 160);
 }
 
 TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {

@@ -609,8 +609,12 @@ void sim_checks::process_ended() {
 // --- 9: what a restart must not change, besides the night that it is compared with ---
 
 void sim_checks::lost(const order::any &what) {
-  if (const auto *start = std::get_if<order::start_unit>(&what))
-    lost_units_.push_back(start->name);
+  const auto *start = std::get_if<order::start_unit>(&what);
+  if (start == nullptr)
+    return;
+  lost_units_.push_back(start->name);
+  if (!world_.tv.has_cec && (start->name == unit::kOn || start->name == unit::kOff))
+    said_on_ = false; // a sleep may come before it is started again
 }
 
 void sim_checks::check_lost(millis next) {

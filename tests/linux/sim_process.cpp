@@ -63,7 +63,9 @@ void sim::note(const std::string &text) {
 
 // An order that has perhaps been carried out before a restart is given again.
 void sim::keep_order(const std::string &text) {
-  if (given.empty() || given.back().second != text || given.back().first < now - kRestartMs)
+  const bool is_kept = std::ranges::any_of(
+      given, [&](const auto &one) { return one.second == text && one.first >= now - kRestartMs; });
+  if (!is_kept)
     given.emplace_back(now, text);
 }
 
