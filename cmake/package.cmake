@@ -44,6 +44,8 @@ elseif(DRAVEL_PLATFORM STREQUAL linux)
 The set is this machine: systemd puts it to sleep, its real-time clock wakes
 it, and HDMI-CEC turns the television on its cable on and off.")
   string(APPEND CPACK_DEBIAN_MANAGER_PACKAGE_DEPENDS ", systemd")
+  # The programs of the units for screens without HDMI-CEC.
+  set(CPACK_DEBIAN_MANAGER_PACKAGE_SUGGESTS "ddcutil, wlr-randr, x11-xserver-utils")
   list(APPEND CPACK_DEBIAN_MANAGER_PACKAGE_CONTROL_EXTRA
        ${PROJECT_SOURCE_DIR}/cmake/debian/conffiles)
 else()

@@ -41,8 +41,11 @@ std::string cec_description() {
   return device->path() + (device->is_unaddressed() ? "" : text);
 }
 
+// A television that boots may drop the cable for a moment: the order to it waits.
 static void tell_reachable() {
-  const bool adapter = usable_device() != nullptr || first(&cec_device::is_unaddressed) != nullptr;
+  const bool adapter = usable_device() != nullptr ||
+                       first(&cec_device::is_unaddressed) != nullptr ||
+                       first(&cec_device::is_claiming) != nullptr;
   happens(event::tv_reachable{adapter});
 }
 
@@ -111,6 +114,11 @@ static bool asks_for(const cec_device &device, std::span<const std::uint8_t> mes
           (message[1] << 8 | message[2]) == device.physical());
 }
 
+// A television that starts, or is in standby, refuses for the moment what it does know.
+static bool is_unknown_to_it(std::span<const std::uint8_t> abort) {
+  return abort.size() > 2 && abort[2] == CEC_OP_ABORT_UNRECOGNIZED_OP;
+}
+
 static void heard_television(const cec_device &device, std::span<const std::uint8_t> message) {
   static constexpr event::tv_state kStates[] = {event::tv_state::kOn, event::tv_state::kOff,
                                                 event::tv_state::kTurningOn,
@@ -119,7 +127,7 @@ static void heard_television(const cec_device &device, std::span<const std::uint
       message[1] < std::size(kStates))
     happens(event::tv_reports{kStates[message[1]]});
   else if (message[0] == CEC_MSG_FEATURE_ABORT && message.size() > 1)
-    happens(event::tv_denies{message[1]});
+    happens(event::tv_denies{message[1], is_unknown_to_it(message)});
   else if (message[0] == CEC_MSG_STANDBY)
     happens(event::tv_standby{});
   else if (asks_for(device, message))

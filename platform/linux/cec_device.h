@@ -32,7 +32,10 @@ public:
   bool is_ours() const { return is_ours_; } // this daemon, or an earlier run, claimed its address
   bool has_television() const;
   bool is_usable() const { return has_television() && logical_ != kNoLogicalAddress; }
-  bool is_claiming() const { return has_television() && is_configured_ && !is_usable(); }
+  // It gets one as soon as the cable is quiet, or an order claims one.
+  bool is_claiming() const {
+    return has_television() && !is_usable() && (is_configured_ || claim_error_ == 0);
+  }
 
   // Some televisions switch the power of the cable off in standby: then there is no address.
   bool is_unaddressed() const { return physical_ == CEC_PHYS_ADDR_INVALID; }

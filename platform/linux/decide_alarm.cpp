@@ -22,10 +22,11 @@ off_action coming_sleep(const machine &m) {
   return hibernates ? off_action::kHibernate : off_action::kSuspend;
 }
 
-// logind tells nobody that a user hibernates the machine.
+// logind tells nobody that a user hibernates the machine. One that is only suspended at first is
+// awake for a moment before it hibernates.
 static off_action slowest_sleep(const machine &m) {
-  const bool may_hibernate = m.power.now == phase::kGoing && m.power.may_hibernate;
-  return may_hibernate ? off_action::kHibernate : coming_sleep(m);
+  const bool is_asleep = m.power.now == phase::kGoing || m.power.end_owed;
+  return is_asleep && m.power.may_hibernate ? off_action::kHibernate : coming_sleep(m);
 }
 
 // A machine that comes back from the disk takes as long as one that boots.

@@ -137,6 +137,16 @@ void user_window_ends(decision &d) {
   say_cause(d);
 }
 
+// The key that has woken the machine need not be seen: a keyboard on USB is not there yet, and a
+// power button says nothing. A screen that is to come back with its user waits for the next one. A
+// new session is none: it may be somebody far away.
+bool awaits_user(const machine &m) {
+  const bool comes_back = (!has_television(m) && m.screen.ordered == screen_order::kOff) ||
+                          (m.screen.has_cec && m.set.screen_follows);
+  const bool is_decided = m.power.now == phase::kAwake && !m.woken.cause_open;
+  return is_decided && m.woken.by == cause::kNothing && comes_back && !is_on(m);
+}
+
 // A key that was pressed before the sleep may be read after it. One that woke the machine is new:
 // of two sleeps that look like one it may have ended the first.
 static bool is_old(const machine &m, std::int64_t at) {
@@ -149,6 +159,6 @@ void on(decision &d, const event::input &e) {
   d.m.use.input_at = d.now.boot;
   d.m.screen.answered = screen_state::kUnknown; // it may have been turned on meanwhile
   used(d);
-  if (due_at(d.m, due_kind::kUserWindow) != kNever)
+  if (due_at(d.m, due_kind::kUserWindow) != kNever || awaits_user(d.m))
     was_woken_by_user(d);
 }

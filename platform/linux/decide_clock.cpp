@@ -113,7 +113,7 @@ void start_clock(decision &d) {
   clock.update_due = clock.update_due || !is_clock_known(d.m, d.now);
 }
 
-static bool is_resume(const decision &d) {
+bool is_resume(const decision &d) {
   return d.m.woken.at != 0 && !d.m.woken.booted && d.now.boot - d.m.woken.at < kResumeMs;
 }
 

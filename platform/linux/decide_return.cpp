@@ -69,7 +69,8 @@ static bool is_postponed(const machine &m) {
 // The key that wakes the machine is only seen when its device was open before.
 void watch_input(decision &d) {
   const phase now = d.m.power.now;
-  const bool returns = return_at(d.m) != kNever || is_user_window_open(d.m) || is_postponed(d.m);
+  const bool returns =
+      return_at(d.m) != kNever || is_user_window_open(d.m) || is_postponed(d.m) || awaits_user(d.m);
   const bool wanted = now == phase::kGoing || (now != phase::kShuttingDown && returns);
   if (wanted == d.m.use.watched)
     return;

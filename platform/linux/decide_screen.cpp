@@ -1,10 +1,15 @@
 // Orders to the screen, and what follows them.
 #include "rules.h"
 
+#include <iterator>
+
 // Many televisions do not say that their own remote has turned them on or off.
 static constexpr std::int64_t kAskBeforeSeconds = 10;
 static constexpr unsigned kAgainSeconds[] = {4, 8};
 static constexpr unsigned kGiveUpSeconds = 15;
+// Some take longer to boot: they are still asked, but not as often.
+static constexpr unsigned kSlowSeconds = 5;
+static constexpr unsigned kSlowestSeconds = 120;
 
 bool is_on(const machine &m) { return m.screen.believed == screen_state::kOn; }
 
@@ -31,20 +36,37 @@ static screen_state state_after_order(const machine &m, bool on) {
   return on ? screen_state::kOn : screen_state::kOff;
 }
 
-void order_screen(decision &d, bool on) {
+static void begin_order(decision &d) {
   auto &screen = d.m.screen;
-  screen.ordered = on ? screen_order::kOn : screen_order::kOff;
-  screen.ordered_on = on;
   screen.answered = screen_state::kUnknown;
-  screen.believed = state_after_order(d.m, on);
   screen.pending = screen.has_cec;
   screen.step = 0;
-  screen.said_on = false;
+  screen.said_on = screen.denied = false;
   d.never(due_kind::kScreenStep);
   if (!screen.pending)
     return;
   d.due_after(due_kind::kScreenStep, kSecondMs);
   send_screen_order(d);
+}
+
+static void order_screen(decision &d, bool on) {
+  auto &screen = d.m.screen;
+  screen.ordered = on ? screen_order::kOn : screen_order::kOff;
+  screen.ordered_on = on;
+  screen.ordered_at = d.now.boot;
+  screen.believed = state_after_order(d.m, on);
+  begin_order(d);
+}
+
+// Its driver may be loaded late, or it starts again with its television. What was ordered long ago
+// may be undone by a remote since.
+void adapter_appears(decision &d) {
+  const auto &screen = d.m.screen;
+  const bool is_fresh = d.now.boot - screen.ordered_at < kSlowestSeconds * kSecondMs;
+  if (screen.ordered_on && !screen.said_on && is_fresh)
+    begin_order(d);
+  else
+    ask_television(d);
 }
 
 // Without CEC nothing else has turned the screen on or off.
@@ -73,10 +95,12 @@ void turn_off_by_timer(decision &d) {
 
 void on(decision &d, const event::screen_wanted &e) {
   used(d);
-  if (e.on || e.by == event::asker::kBus)
-    turn_screen(d, e.on);
-  else
+  if (!e.on && e.by == event::asker::kDaemon) {
     turn_off_by_timer(d);
+    return;
+  }
+  turn_screen(d, e.on);
+  d.m.woken.stays = !e.on;
 }
 
 // --- an order that is not confirmed yet ---
@@ -113,22 +137,40 @@ static void give_screen_up(decision &d) {
   else if (has_television(d.m))
     give_off_up(d);
   order_is_settled(d);
+  if (is_open(d.m, problem::kTelevision))
+    d.due_after(due_kind::kScreenStep, kSlowSeconds * kSecondMs);
 }
 
-void screen_step(decision &d) {
-  auto &screen = d.m.screen;
-  if (!screen.pending)
+static void ask_slowly(decision &d) {
+  if (d.m.screen.step >= kSlowestSeconds)
     return;
-  ++screen.step;
-  if (screen.step >= kGiveUpSeconds) {
-    give_screen_up(d);
-    return;
-  }
+  d.m.screen.step += kSlowSeconds;
+  ask_television(d);
+  d.due_after(due_kind::kScreenStep, kSlowSeconds * kSecondMs);
+}
+
+// One that does not know the question may still have to hear the order again.
+static void repeat_order(decision &d) {
+  const auto &screen = d.m.screen;
   for (const unsigned again : kAgainSeconds)
     if (screen.step == again)
       send_screen_order(d);
-  ask_television(d);
+  if (screen.denied && screen.step >= *std::rbegin(kAgainSeconds)) {
+    order_is_settled(d);
+    return;
+  }
+  if (!screen.denied)
+    ask_television(d);
   d.due_after(due_kind::kScreenStep, kSecondMs);
+}
+
+void screen_step(decision &d) {
+  if (!d.m.screen.pending)
+    ask_slowly(d);
+  else if (++d.m.screen.step >= kGiveUpSeconds)
+    give_screen_up(d);
+  else
+    repeat_order(d);
 }
 
 // An on-time that is new and so near that the question would come too late.

@@ -41,6 +41,7 @@ static void build_was_changed(decision &d, const event::started &e) {
   woken.late_from = d.now.utc;
   woken.stays = e.kept.woken.stays;
   d.m.screen.ordered_on = e.kept.screen.ordered_on;
+  d.m.clock.was_set = e.kept.clock.was_set;
   if (e.kept.sleep.wish == sleep_wish::kOffTimer)
     wish_sleep(d, sleep_wish::kOffTimer, e.kept.sleep.method);
 }

@@ -3,6 +3,8 @@
 
 #include <linux/cec.h>
 
+#include <utility>
+
 // The daemon hears of a change that is not its own.
 static void believe(decision &d, screen_state state) {
   const bool was_on = is_on(d.m);
@@ -15,19 +17,25 @@ static void believe(decision &d, screen_state state) {
 
 // The machine follows a television that its remote has switched off.
 static void follow_off(decision &d) {
-  if (!d.m.set.follow_screen)
+  if (!d.m.set.follow_screen || d.m.sleep.wish == sleep_wish::kScreen)
     return;
   const bool hibernates = d.m.set.off == off_action::kHibernate;
   wish_sleep(d, sleep_wish::kScreen, hibernates ? off_action::kHibernate : off_action::kSuspend);
 }
 
+// One that was believed on before a sleep may have been switched off long before its end, and one
+// that we have sent off may take its time.
 static void remote_turned(decision &d, bool on) {
   const bool was_on = is_on(d.m);
   believe(d, on ? screen_state::kOn : screen_state::kOff);
   if (on && !was_on)
     drop_wish(d);
-  else if (!on && was_on)
+  else if (!on && was_on && d.m.screen.seen_on && !is_open(d.m, problem::kTelevision))
     follow_off(d);
+}
+
+static bool means_on(event::tv_state state) {
+  return state == event::tv_state::kOn || state == event::tv_state::kTurningOn;
 }
 
 // It ignores Active Source while it boots: once more when it first says that it is on.
@@ -52,23 +60,37 @@ static void answered_off_order(decision &d, bool on) {
   is_over(d, problem::kTelevision);
 }
 
-static bool means_on(event::tv_state state) {
-  return state == event::tv_state::kOn || state == event::tv_state::kTurningOn;
+// After it was given up. It is shown this machine only while it is still asked: later somebody else
+// may have turned it on.
+static void may_follow_late(decision &d, event::tv_state state) {
+  auto &screen = d.m.screen;
+  const bool is_asked = due_at(d.m, due_kind::kScreenStep) != kNever;
+  if (wants_on(d.m) ? state != event::tv_state::kOn : means_on(state))
+    return;
+  if (wants_on(d.m) && is_asked && !screen.said_on) {
+    screen.said_on = true;
+    send_screen_order(d);
+  }
+  d.never(due_kind::kScreenStep);
+  is_over(d, problem::kTelevision);
 }
 
 void on(decision &d, const event::tv_reports &e) {
   auto &screen = d.m.screen;
   const bool on = means_on(e.state);
   screen.has_spoken = true;
+  screen.seen_on = screen.seen_on || on;
   screen.answered = on ? screen_state::kOn : screen_state::kOff;
   d.m.sleep.screen_answered = true;
   d.m.sleep.is_silent = false;
-  if (!screen.pending)
-    remote_turned(d, on);
-  else if (wants_on(d.m))
+  if (screen.pending && wants_on(d.m)) {
     answered_on_order(d, e.state);
-  else
+  } else if (screen.pending) {
     answered_off_order(d, on);
+  } else {
+    remote_turned(d, on);
+    may_follow_late(d, e.state);
+  }
 }
 
 // No answer says nothing; while an order is pending, the next second asks again.
@@ -81,7 +103,8 @@ static void is_unknown(decision &d) {
 
 void on(decision &d, const event::tv_silent &) { is_unknown(d); }
 
-// It does not know the message: asking again would not help.
+// When it does not know the message, asking again would not help; otherwise it is only not able to
+// answer now.
 void on(decision &d, const event::tv_denies &e) {
   const bool is_order = e.opcode == CEC_MSG_STANDBY && !wants_on(d.m);
   const bool is_question = e.opcode == CEC_MSG_GIVE_DEVICE_POWER_STATUS;
@@ -89,28 +112,45 @@ void on(decision &d, const event::tv_denies &e) {
     return;
   d.m.screen.has_spoken = true;
   is_unknown(d);
-  if (d.m.screen.pending)
+  if (!e.for_good)
+    return;
+  if (!d.m.screen.pending)
+    d.never(due_kind::kScreenStep);
+  else if (is_order)
     order_is_settled(d);
+  else
+    d.m.screen.denied = true;
 }
 
-// Its own standby, which it sends to all devices on its cable.
-void on(decision &d, const event::tv_standby &) { on(d, event::tv_reports{event::tv_state::kOff}); }
+// Its own standby, which it sends to all devices on its cable: its remote has switched it off,
+// unless we have, or the message is one of before the sleep.
+void on(decision &d, const event::tv_standby &) {
+  const auto &screen = d.m.screen;
+  const bool is_sent_off = screen.ordered == screen_order::kOff && !is_on(d.m);
+  const bool by_remote = !screen.pending && !is_sent_off && !is_resume(d);
+  on(d, event::tv_reports{event::tv_state::kOff});
+  if (by_remote)
+    follow_off(d);
+}
 
 void on(decision &d, const event::tv_asks_source &) {
   d.m.screen.has_spoken = true;
   if (wants_on(d.m))
     d.give(order::tv_answer{});
+  ask_television(d); // its remote may have turned it on
 }
 
 void on(decision &d, const event::tv_reachable &e) {
   auto &screen = d.m.screen;
-  screen.has_cec = e.adapter;
+  const bool had_cec = std::exchange(screen.has_cec, e.adapter);
   if (!e.adapter) {
     screen.pending = screen.has_spoken = false;
     d.never(due_kind::kScreenStep);
     is_over(d, problem::kTelevision);
   } else if (screen.pending) {
     send_screen_order(d);
+  } else if (!had_cec) {
+    adapter_appears(d);
   } else {
     ask_television(d);
   }

@@ -77,6 +77,10 @@ void is_over(decision &d, problem which) {
   known = 0;
 }
 
+bool is_open(const machine &m, problem which) {
+  return m.problems[static_cast<std::size_t>(which)] != 0;
+}
+
 // While logind still ends a sleep it gives no delay: that is no problem.
 static bool is_too_soon(const event::refused &e) {
   return e.part == problem::kInhibitor && e.error == EINPROGRESS;

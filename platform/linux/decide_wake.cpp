@@ -63,12 +63,13 @@ void ask_whether_leaving(decision &d) {
 
 static void leave(decision &d, phase next) {
   auto &power = d.m.power;
-  power.may_hibernate = false;
+  power.may_hibernate = power.end_owed = false;
   power.now = next;
   power.went = d.now;
   power.standby_told = false;
   power.step_held = false;
   d.m.screen.pending = false;
+  d.never(due_kind::kScreenStep);
   d.m.alarm.tries = 0;
   d.never(due_kind::kAlarmAgain);
   d.due_after(due_kind::kLeaving, kLeavingMs);
@@ -122,8 +123,15 @@ static void stayed_up(decision &d) {
     sleep_failed(d, 0);
 }
 
+// The lead is that of a sleep again.
+static void sleep_is_over(decision &d) {
+  d.m.alarm.check = d.m.alarm.check || d.m.power.end_owed;
+  d.m.power.end_owed = false;
+}
+
 // A delay that was refused before is given from now on.
 void on(decision &d, const event::sleep_ends &) {
+  sleep_is_over(d);
   if (d.m.power.now == phase::kGoing)
     stayed_up(d);
   else if (due_at(d.m, due_kind::kInhibitAgain) != kNever)
@@ -138,6 +146,8 @@ void on(decision &d, const event::shutdown_ends &) {
 // What a run that started in between has missed. An order to sleep may have been lost with the last
 // run: it is given again when nothing prevents it.
 void on(decision &d, const event::preparing &e) {
+  if (!e.sleep)
+    sleep_is_over(d);
   if (e.sleep)
     on(d, event::sleep_begins{});
   else if (e.shutdown)
@@ -151,11 +161,12 @@ void on(decision &d, const event::preparing &e) {
 static void forget_orders(decision &d) {
   auto &screen = d.m.screen;
   screen.pending = false;
-  screen.ordered_on = false;
+  screen.ordered_on = screen.seen_on = false;
   screen.answered = screen_state::kUnknown;
   d.m.use.input_at = 0;
   forget_wish(d);
   is_over(d, problem::kSleep);
+  d.never(due_kind::kScreenStep);
   d.never(due_kind::kLeaving);
   d.never(due_kind::kUserWindow);
   forget_lost_jobs(d);
@@ -170,6 +181,7 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   auto &power = d.m.power;
   auto &woken = d.m.woken;
   const bool was_announced = is_leaving(d.m);
+  power.end_owed = power.end_owed || power.now == phase::kGoing;
   // One of ours that neither logind nor the clocks have shown has begun soon after its order.
   if (!was_announced && slept_ms < kLeastSleepMs && d.m.sleep.stage == wish_stage::kAsked)
     slept_ms = d.now.boot - awake_at;
@@ -180,7 +192,7 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   const std::int64_t began = is_shown ? utc_before(d.now, slept_ms) : power.went.utc;
   if (!was_announced) {
     power.went = {began, d.now.boot - slept_ms, 0, 0, 0};
-    power.may_hibernate = false;
+    power.may_hibernate = power.may_hibernate && power.end_owed;
   }
   count_sleep(d);
   forget_orders(d);

@@ -129,7 +129,8 @@ struct tv_reports {
 };
 struct tv_silent {}; // no answer, not acknowledged, no address
 struct tv_denies {
-  std::uint8_t opcode = 0; // the message that it does not know
+  std::uint8_t opcode = 0; // of the message that it does not carry out
+  bool for_good = true;    // it does not know it
 };
 struct tv_standby {};     // it sends the devices on its cable to standby
 struct tv_asks_source {}; // Set Stream Path to us, or Request Active Source

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <linux/input.h>
 #include <memory>
 #include <optional>
@@ -70,11 +71,12 @@ static std::int64_t stamp_of(const input_event &entry) {
   return entry.input_event_sec * kSecondMs + entry.input_event_usec / kMicroseconds;
 }
 
-// When a key was pressed last, not released; nothing when none was.
+// When a key was pressed last, not released; nothing when none was. The power button's driver
+// reports KEY_WAKEUP at each resume, whatever has woken the machine.
 static std::optional<std::int64_t> last_press(std::span<const input_event> events) {
   std::optional<std::int64_t> found;
   for (const input_event &entry : events)
-    if (entry.type == EV_KEY && entry.value != 0)
+    if (entry.type == EV_KEY && entry.code != KEY_WAKEUP && entry.value != 0)
       found = stamp_of(entry);
   return found;
 }
@@ -94,9 +96,17 @@ static int device_ready(sd_event_source *, int fd, std::uint32_t, void *data) {
   return 0;
 }
 
+// A sound card alone has many without keys, and the kernel takes its time to close each.
+static bool has_keys(const std::string &name) {
+  std::ifstream file("/sys/class/input/" + name + "/device/capabilities/ev");
+  unsigned long types = 0;
+  return !(file >> std::hex >> types) || (types >> EV_KEY & 1) != 0;
+}
+
 static void open_device(const fs::path &path) {
+  const std::string name = path.filename();
   const auto is_same = [&](const auto &device) { return device->path == path; };
-  if (!path.filename().string().starts_with(kPrefix) || std::ranges::any_of(devices, is_same))
+  if (!name.starts_with(kPrefix) || !has_keys(name) || std::ranges::any_of(devices, is_same))
     return;
   auto device = std::make_unique<input_device>(path);
   if (device->fd >= 0)

@@ -18,6 +18,7 @@ struct machine {
     bool standby_told = false;
     bool released = false;      // the inhibitor, for this sleep
     bool may_hibernate = false; // somebody else has ordered the last sleep
+    bool end_owed = false;      // the machine is awake, and logind has not said so
     bool step_held = false;     // the clock was stepped between standby and wake-up
     bool ending = false;        // this process ends
     std::uint32_t short_sleeps = 0;
@@ -39,18 +40,21 @@ struct machine {
     bool cause_open = false;     // the device is still to be read
     bool late_open = false;      // the daemon is still to be asked for late timers
     std::int64_t late_from = 0;  // UTC
-    bool stays = false;          // an off-timer has turned the screen off, and only that
+    bool stays = false;          // somebody has turned the screen off, and only that
   } woken;
 
   struct {
     screen_state believed = screen_state::kUnknown;
     screen_order ordered = screen_order::kNone; // the last order; it stays when it is carried out
     bool pending = false;                       // the television is still asked whether it follows
-    std::uint8_t step = 0;                      // seconds of the pending order
-    bool said_on = false;                       // for the pending order
+    std::int64_t ordered_at = 0;                // boot
+    std::uint8_t step = 0;                      // seconds since the order
+    bool said_on = false;                       // since the order
+    bool denied = false;                        // it does not know the question, since the order
     bool has_cec = false;                       // there is an adapter that may have a television
     bool has_spoken = false;                    // it has; a monitor never says anything
     bool ordered_on = false;                    // since the wake-up
+    bool seen_on = false;                       // a television has said so since the wake-up
     screen_state answered = screen_state::kUnknown; // by a television since the wake-up or order
   } screen;
 

@@ -133,6 +133,7 @@ static void exchange_alarm(GKeyFile *file, machine &record, bool read) {
   exchange(file, "before-sleep-wanted", alarm.before_sleep_wanted, read);
   exchange(file, "before-sleep", alarm.before_sleep, read);
   exchange_number(file, "range", alarm.range, read);
+  exchange_number(file, "clock-was-set", record.clock.was_set, read);
   exchange(file, record.woken, read);
   exchange_use(file, record, read);
   exchange_number(file, "phase", record.power.now, read);

@@ -27,6 +27,7 @@ namespace fs = std::filesystem;
 
 static constexpr const char *kDevices = "/sys/class/rtc";
 static constexpr const char *kAdjtimePath = "/etc/adjtime";
+static constexpr std::int64_t kAgreesSeconds = 5; // a clock that was set from the other
 
 static std::string device; // as "rtc0"; "" when there is none
 static std::string path;
@@ -202,9 +203,13 @@ std::optional<std::int64_t> read_rtc_utc() {
   return !device.empty() && clock ? std::optional(utc_of(*clock)) : std::nullopt;
 }
 
+// The kernel takes the time only from a driver that is built in; that of a module is set by a
+// program.
 bool rtc_gave_time(std::int64_t least) {
   return std::ranges::any_of(all_devices(), [=](const std::string &of) {
     const auto clock = number(of, "since_epoch");
-    return number(of, "hctosys") == 1 && clock && utc_of(*clock) >= least;
+    if (!clock || utc_of(*clock) < least)
+      return false;
+    return number(of, "hctosys") == 1 || std::abs(utc_of(*clock) - utc_now()) <= kAgreesSeconds;
   });
 }

@@ -76,6 +76,7 @@ void say(decision &d, order::saying what, std::int64_t number = 0, std::uint32_t
 // One line when a problem begins, one when it is over.
 void has_problem(decision &d, problem which, int error);
 void is_over(decision &d, problem which);
+bool is_open(const machine &m, problem which);
 
 // --- decide_alarm.cpp: which alarm must stand ---
 
@@ -130,6 +131,7 @@ void decide_cause(decision &d, others_did others);
 void credit(decision &d);
 void say_cause(decision &d);
 void user_window_ends(decision &d);
+bool awaits_user(const machine &m);
 bool by_alarm_of_ours(const machine &m);
 
 // --- decide_obstacle.cpp ---
@@ -181,6 +183,7 @@ void turn_screen(decision &d, bool on);
 void doubt_screen_order(decision &d, unit refused);
 void turn_off_by_timer(decision &d);
 void ask_television(decision &d);
+void adapter_appears(decision &d);
 void ask_before_near(decision &d);
 void send_screen_order(decision &d);
 void order_is_settled(decision &d);
@@ -192,6 +195,7 @@ void count_screen(decision &d);
 bool is_clock_known(const machine &m, const moment &now);
 void start_clock(decision &d);
 void ask_clock_again(decision &d);
+bool is_resume(const decision &d); // what is read now may be older than the sleep
 void count_clock(decision &d);
 
 // --- decide_trial.cpp ---

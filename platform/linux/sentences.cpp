@@ -108,6 +108,8 @@ static constexpr problem_words kProblemWords[] = {
      "after a restart or a boot it is not known what woke it"},
     {problem::kWakesLoop, "the machine wakes again and again, by nothing known",
      "it is sent back to sleep only every 15 minutes"},
+    {problem::kScreenUnit, "a dravel-screen unit has failed, its journal says why",
+     "the screen may be on or off against the last order"},
 };
 static_assert(std::size(kProblemWords) == kProblems);
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+static constexpr std::string_view kScreenPrefix = "dravel-screen-";
 static constexpr std::string_view kWakeupPrefix = "dravel-wakeup@";
 static constexpr const char *kNames[] = {"dravel-on.target", "dravel-off.target",
                                          "dravel-ambient.target"}; // by unit
@@ -72,12 +73,23 @@ static int job_new(sd_bus_message *message, void *, sd_bus_error *) {
   return 0;
 }
 
+// They do what the orders of a television do otherwise.
+static void screen_unit_ended(std::string_view result) {
+  if (result == "failed" || result == "timeout")
+    happens(event::refused{problem::kScreenUnit, 1});
+  else if (result == "done")
+    happens(event::works{problem::kScreenUnit});
+}
+
 static int job_removed(sd_bus_message *message, void *, sd_bus_error *) {
   std::uint32_t id = 0;
   const char *name = "";
-  sd_bus_message_read(message, "uos", &id, nullptr, &name);
+  const char *result = "";
+  sd_bus_message_read(message, "uoss", &id, nullptr, &name, &result);
   if (unit_of(name))
     happens(event::job_ended{id});
+  else if (std::string_view(name).starts_with(kScreenPrefix))
+    screen_unit_ended(result);
   return 0;
 }
 

@@ -91,7 +91,7 @@ static bool take_session_property(const char *name, sd_bus_message *value, void 
   const char *kind = "";
   if (name == std::string_view{"Class"}) {
     sd_bus_message_read(value, "v", "s", &kind);
-    of.is_user = kind == std::string_view{"user"};
+    of.is_user = std::string_view(kind).starts_with("user"); // root's is user-early
   } else if (name == std::string_view{"IdleHint"}) {
     sd_bus_message_read(value, "v", "b", &of.idle);
   } else if (name == std::string_view{"TimestampMonotonic"}) {

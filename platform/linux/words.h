@@ -73,10 +73,11 @@ enum class problem : std::uint8_t {
   kOffUnit,
   kAmbientUnit,
   kWakeupUnit,
-  kClock,     // timedated does not answer: the clock counts as set by hand
-  kZone,      // changes of the zone are not noticed
-  kState,     // the record cannot be kept
-  kWakesLoop, // the machine wakes again and again, by nothing known
+  kClock,      // timedated does not answer: the clock counts as set by hand
+  kZone,       // changes of the zone are not noticed
+  kState,      // the record cannot be kept
+  kWakesLoop,  // the machine wakes again and again, by nothing known
+  kScreenUnit, // a dravel-screen unit has failed
   kCount
 };
 

@@ -51,6 +51,7 @@ struct awake_machine {
     given.clear();
     send(event::sleep_ends{});
   }
+  bool has(problem part) const { return m.problems[static_cast<std::size_t>(part)] != 0; }
   template <typename Order> long count() const {
     return std::ranges::count_if(
         given, [](const order::any &one) { return std::holds_alternative<Order>(one); });
@@ -150,6 +151,36 @@ TEST(Decide, AScreen_IsBelievedOnlyWhatIsSaid) {
   }
 }
 
+// What was believed before a sleep is no switch of its remote, nor is a message from before it.
+TEST(Decide, ATelevisionsRemote_IsFollowed_WhenItHasSwitchedItOffSinceTheWakeUp) {
+  using event::tv_state;
+  const event::tv_reports on{tv_state::kOn}, off{tv_state::kOff};
+  const struct {
+    std::vector<event::any> said;
+    std::int64_t after; // seconds from the wake-up
+    bool sleeps;
+  } rows[] = {
+      {{off}, 5, false},
+      {{on, off}, 5, true},
+      {{event::tv_standby{}}, 5, true},
+      {{event::tv_standby{}}, 1, false},
+      {{event::tv_silent{}, event::tv_standby{}}, 5, true},
+      {{event::screen_wanted{false, event::asker::kBus}, off, event::tv_standby{}}, 5, false},
+      {{event::screen_wanted{true, event::asker::kBus}, event::tv_standby{}}, 5, false},
+  };
+  for (const auto &row : rows) {
+    settings set;
+    set.follow_screen = true;
+    awake_machine run(set);
+    run.send(on);
+    run.sleep(1000);
+    run.pass(row.after);
+    for (const event::any &one : row.said)
+      run.send(one);
+    EXPECT_EQ(run.m.sleep.wish == sleep_wish::kScreen, row.sleeps) << &row - rows;
+  }
+}
+
 // A monitor never says anything: that is no problem of a television.
 TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine) {
   awake_machine run;
@@ -164,13 +195,76 @@ TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine)
     }
     EXPECT_EQ(run.count<order::tv_on>(), 3);
     EXPECT_EQ(run.m.screen.believed, screen_state::kUnknown);
-    EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], speaks ? 1 : 0);
+    EXPECT_EQ(run.has(problem::kTelevision), speaks);
   }
+  run.given.clear();
   run.send(event::tv_asks_source{});
   EXPECT_EQ(run.count<order::tv_answer>(), 1);
+  EXPECT_EQ(run.count<order::tv_ask>(), 1) << "its remote may have turned it on";
   run.send(event::screen_wanted{false, event::asker::kBus});
   run.send(event::tv_asks_source{});
   EXPECT_EQ(run.count<order::tv_answer>(), 1);
+}
+
+TEST(Decide, ATelevisionThatIsLate_IsAskedOn_AndTakenAtItsWord) {
+  const struct {
+    bool on;
+    std::int64_t after; // seconds until it follows
+    long pairs;         // sent then
+  } rows[] = {{true, 40, 1}, {true, 300, 0}, {false, 40, 0}, {false, 300, 0}};
+  for (const auto &row : rows) {
+    settings set;
+    set.follow_screen = true;
+    awake_machine run(set);
+    const event::tv_reports on{event::tv_state::kOn}, off{event::tv_state::kOff};
+    run.send(event::screen_wanted{row.on, event::asker::kBus});
+    for (std::int64_t second = 0; second < row.after; ++second) {
+      run.send(row.on ? off : on);
+      run.pass(1);
+      run.send(event::due{});
+    }
+    EXPECT_EQ(run.count<order::tv_ask>(), row.after == 40 ? 14 + 5 : 14 + 21);
+    EXPECT_TRUE(run.has(problem::kTelevision));
+    run.given.clear();
+    run.send(row.on ? on : off);
+    EXPECT_EQ(run.count<order::tv_on>(), row.pairs) << &row - rows;
+    EXPECT_FALSE(run.has(problem::kTelevision));
+    EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone) << "no remote has turned it off";
+    EXPECT_EQ(due_at(run.m, due_kind::kScreenStep), kNever);
+  }
+}
+
+TEST(Decide, ATelevisionThatRefusesTheQuestion_StillGetsThePairThreeTimes) {
+  for (const bool for_good : {true, false}) {
+    awake_machine run;
+    run.send(event::screen_wanted{true, event::asker::kBus});
+    for (int second = 0; second < 20; ++second) {
+      run.pass(1);
+      run.send(event::due{});
+      run.send(event::tv_denies{CEC_MSG_GIVE_DEVICE_POWER_STATUS, for_good});
+    }
+    EXPECT_EQ(run.count<order::tv_on>(), 3);
+    EXPECT_EQ(run.count<order::tv_ask>(), for_good ? 1 : 15);
+    EXPECT_EQ(run.has(problem::kTelevision), !for_good);
+  }
+}
+
+TEST(Decide, AnAdapterThatComesLate_GetsTheOrder_UnlessItIsOld) {
+  const struct {
+    std::int64_t after;
+    bool has_said, gets_it;
+  } rows[] = {{60, false, true}, {121, false, false}, {60, true, false}};
+  for (const auto &row : rows) {
+    awake_machine run({}, row.has_said);
+    run.send(event::screen_wanted{true, event::asker::kDaemon});
+    run.send(event::tv_reports{event::tv_state::kOn});
+    run.send(event::tv_reachable{false});
+    run.given.clear();
+    run.pass(row.after);
+    run.send(event::tv_reachable{true});
+    EXPECT_EQ(run.count<order::tv_on>(), row.gets_it ? 1 : 0) << &row - rows;
+    EXPECT_EQ(run.m.screen.pending, row.gets_it);
+  }
 }
 
 TEST(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn) {
@@ -184,7 +278,7 @@ TEST(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn) {
       run.send(event::due{});
       run.send(answer);
     }
-    EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kTelevision)], is_silent ? 0 : 1);
+    EXPECT_EQ(run.has(problem::kTelevision), !is_silent);
     EXPECT_EQ(run.last<order::say>().what == order::saying::kTelevisionStays, !is_silent);
   }
 }
@@ -375,7 +469,14 @@ TEST(Decide, ASleepOfSomebodyElse_LeavesTimeToComeBackFromTheDisk_WhenItMay) {
       const bool hibernates = off == off_action::kHibernate && can == kHibernateBit;
       EXPECT_EQ(run.alarm, kNow + (hibernates ? 910 : 985));
       run.send(event::sleep_begins{});
-      EXPECT_EQ(run.alarm, kNow + (can == kHibernateBit ? 910 : 985));
+      const std::int64_t before_a_sleep = kNow + (can == kHibernateBit ? 910 : 985);
+      EXPECT_EQ(run.alarm, before_a_sleep);
+      run.now.slept += 100 * kSecondMs;
+      run.pass(100);
+      run.send(event::ambient{});
+      EXPECT_EQ(run.alarm, before_a_sleep) << "it may be suspended only until it hibernates";
+      run.send(event::sleep_ends{});
+      EXPECT_EQ(run.alarm, kNow + (hibernates ? 910 : 985));
       EXPECT_EQ(run.m.sleep.last_method == off_action::kHibernate, hibernates);
     }
 }
@@ -423,7 +524,8 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   awake_machine run;
   event::started start;
   start.kept.woken.by = cause::kTimer;
-  start.has_kept = start.is_other_build = start.rtc_valid = true;
+  start.kept.clock.was_set = true;
+  start.has_kept = start.is_other_build = true;
   start.device.clock = run.now.utc;
   run.send(start);
   run.send(event::armed{});
@@ -431,6 +533,7 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   EXPECT_EQ(run.count<order::say>(), 0);
   EXPECT_EQ(run.last<order::ask_late>().from, kNow) << "nothing fires twice";
   EXPECT_NE(due_at(run.m, due_kind::kReturn), kNever);
+  EXPECT_EQ(run.m.clock.state, clock_state::kByHand) << "somebody has set it, in this boot";
   start.kept.screen.ordered_on = true;
   run.send(start);
   run.send(event::armed{});
@@ -460,6 +563,18 @@ TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
     EXPECT_EQ(run.last<order::deliver>().callback == delivery::kTimeUpdate ||
                   run.last<order::deliver>().callback == delivery::kTimeSet,
               row.state != clock_state::kUnknown);
+  }
+}
+
+TEST(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake) {
+  for (const bool by_hand : {true, false}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    run.sleep(985);
+    if (by_hand)
+      run.send(event::screen_wanted{false, event::asker::kBus});
+    run.send(event::tv_reports{event::tv_state::kOff});
+    EXPECT_EQ(due_at(run.m, due_kind::kReturn) == kNever, by_hand);
   }
 }
 
@@ -598,6 +713,31 @@ TEST(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine) {
   }
 }
 
+TEST(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate) {
+  const struct {
+    bool is_off, speaks, follows, comes_back;
+  } rows[] = {{true, false, false, true},
+              {false, false, false, false},
+              {true, true, false, false},
+              {true, true, true, true}};
+  for (const auto &row : rows) {
+    settings set;
+    set.screen_follows = row.follows;
+    awake_machine run(set, row.speaks);
+    run.send(event::screen_wanted{!row.is_off, event::asker::kBus});
+    run.sleep(1000);
+    run.pass(60);
+    run.send(event::due{});
+    EXPECT_EQ(run.m.woken.by, cause::kNothing);
+    EXPECT_TRUE(run.m.use.watched || !row.comes_back);
+    run.send(event::input{});
+    EXPECT_EQ(run.last<order::start_unit>().name == unit::kOn && run.m.screen.ordered_on,
+              row.comes_back)
+        << &row - rows;
+    EXPECT_EQ(run.m.woken.by, row.comes_back ? cause::kUser : cause::kNothing);
+  }
+}
+
 TEST(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion) {
   for (const std::int64_t ahead : {0, 10, 11}) {
     awake_machine run;
@@ -621,9 +761,9 @@ TEST(Decide, ATestOfASleepThatOnlyItsCountShows_HasTheLengthOfTheSleep) {
 TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   awake_machine run;
   run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});
-  EXPECT_NE(run.m.problems[static_cast<std::size_t>(problem::kCannotSleep)], 0);
+  EXPECT_TRUE(run.has(problem::kCannotSleep));
   settings set;
   set.off = off_action::kPoweroff;
   run.send(event::configured{set});
-  EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kCannotSleep)], 0);
+  EXPECT_FALSE(run.has(problem::kCannotSleep));
 }

@@ -84,6 +84,8 @@ TEST_F(Rtc, HasGivenTheTime_WhenItIsValidAndTheKernelTookIt) {
   EXPECT_TRUE(rtc_gave_time(kNow));
   EXPECT_FALSE(rtc_gave_time(kNow + 1));
   write_file("/sys/class/rtc/rtc0/hctosys", "0");
+  EXPECT_TRUE(rtc_gave_time(kNow)) << "a program has set the system clock by it";
+  set_now(kNow + 6);
   EXPECT_FALSE(rtc_gave_time(kNow));
 }
 
@@ -150,7 +152,9 @@ TEST_F(Television, IsClaimed_Ordered_AndUnderstood) {
       {{0x04, CEC_MSG_REPORT_POWER_STATUS, 9}, "", ""},
       {{0x04, CEC_MSG_REPORT_POWER_STATUS}, "", ""},
       {{0x54, CEC_MSG_REPORT_POWER_STATUS, 0}, "", ""}, // the amplifier
-      {{0x04, CEC_MSG_FEATURE_ABORT, 0x36, 0}, "", "; denies 54"},
+      {{0x04, CEC_MSG_FEATURE_ABORT, 0x36, 0}, "", "; denies 54 1"},
+      {{0x04, CEC_MSG_FEATURE_ABORT, 0x36, 1}, "", "; denies 54 0"}, // not now
+      {{0x04, CEC_MSG_FEATURE_ABORT, 0x36}, "", "; denies 54 0"},
       {{0xf4, CEC_MSG_PLAY, 0x24}, "", ""}, // cannot be answered
       {{0x0f, CEC_MSG_STANDBY}, "", "; standby"},
       {{0x0f, CEC_MSG_REQUEST_ACTIVE_SOURCE}, "", "; source?"},
@@ -229,6 +233,21 @@ TEST_F(Television, WithoutAnAddress_IsWokenBlindly_AndItsOtherEndNotUsed) {
   EXPECT_EQ(both(), " | silent");
 }
 
+TEST_F(Television, ThatDropsTheCableWhileItBoots_StaysReachable) {
+  open();
+  cec.physical = CEC_PHYS_ADDR_INVALID;
+  cec.addresses.log_addr_mask = 0;
+  EXPECT_EQ(change(), " | reachable 1");
+  cec.physical = 0x1000; // the kernel claims the logical address again
+  EXPECT_EQ(change(), " | reachable 1");
+  cec.addresses = {}; // another program gives it back
+  EXPECT_EQ(change(), " | reachable 1");
+  cec.refuses_claim = EBUSY;
+  turn_television(true);
+  EXPECT_EQ(change(), " | silent; reachable 0; "
+                      "/dev/cec7: Device or resource busy; it gets no logical address");
+}
+
 // A block of HDMI's behind a video block, as a television at the output's port 2 has it.
 std::vector<std::uint8_t> edid(std::uint8_t oui) {
   std::vector<std::uint8_t> bytes(256);
@@ -284,9 +303,10 @@ TEST_F(Machine, AFailedSleep_IsPostponedWithTheKernelsReason) {
 TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
   ASSERT_EQ(mkfifo("/dev/input/event0", 0600), 0);
   const int fifo = open("/dev/input/event0", O_RDWR | O_CLOEXEC);
-  const auto press = [](int fd, std::uint16_t type, int value = 1) {
+  const auto press = [](int fd, std::uint16_t type, int value = 1, std::uint16_t code = KEY_A) {
     input_event pressed{};
     pressed.type = type;
+    pressed.code = code;
     pressed.value = value;
     pressed.input_event_sec = 5;
     pressed.input_event_usec = 6000;
@@ -301,10 +321,17 @@ TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
   EXPECT_EQ(press(fifo, EV_REL), "");
   EXPECT_EQ(press(fifo, EV_KEY), "input 5006");
   EXPECT_EQ(press(fifo, EV_KEY, 0), "") << "a release";
-  ASSERT_EQ(mkfifo("/dev/input/event1", 0600), 0);
-  const int later = open("/dev/input/event1", O_RDWR | O_CLOEXEC);
-  seen();
-  EXPECT_EQ(press(later, EV_KEY), "input 5006");
+  EXPECT_EQ(press(fifo, EV_KEY, 1, KEY_WAKEUP), "") << "of the power button's driver";
+  for (const char *name : {"event1", "event2"}) { // a keyboard, a socket for headphones
+    const bool has_keys = name == std::string_view{"event1"};
+    const std::string path = std::string("/dev/input/") + name;
+    write_file(std::string("/sys/class/input/") + name + "/device/capabilities/ev",
+               has_keys ? "120013\n" : "21\n");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int later = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    seen();
+    EXPECT_EQ(press(later, EV_KEY), has_keys ? "input 5006" : "");
+  }
   watch_input(false);
   EXPECT_EQ(press(fifo, EV_KEY), "");
 }

@@ -83,6 +83,7 @@ TEST_F(Services, WhoUsesTheMachine_IsToldAndAskedFor) {
       {kLogind, "InhibitDelayMaxUSec", "uint64 18446744073709551615", " 1 0 6 11 600000"},
       {kLogind, "InhibitDelayMaxUSec", "uint64 30000000", " 1 0 6 11 30000"},
       {kSession, "IdleHint", "false", " 1 1 6 11 30000"},
+      {kSession, "Class", "'user-early'", " 1 1 6 11 30000"},
       {kSession, "Class", "'greeter'", " 0 0 6 11 30000"},
   };
   EXPECT_EQ(start(start_use), "use 1 0 0 11 5000");
@@ -115,8 +116,14 @@ TEST_F(Services, TargetsAreStarted_AndTheirJobsFollowed) {
                     "RestartUnit 'dravel-wakeup@20.target'; StopUnit 'dravel-ambient.target'");
   for (const char *signal : {"JobNew", "JobRemoved"})
     for (const char *name : {"dravel-on.target", "dravel-wakeup@5.target", "other.target"})
-      emit(kSystemd, signal, "uos", std::string("<uint32 8>, <objectpath '/8'>, <'") + name + "'>");
+      emit(kSystemd, signal, "uoss",
+           std::string("<uint32 8>, <objectpath '/8'>, <'") + name + "'>, <'done'>");
   EXPECT_EQ(seen(), "job 8 0; job 8 3; job ended 8; job ended 8");
+  for (const char *result : {"failed", "canceled", "done"})
+    emit(kSystemd, "JobRemoved", "uoss",
+         std::string("<uint32 9>, <objectpath '/9'>, <'dravel-screen-ddc.service'>, <'") + result +
+             "'>");
+  EXPECT_EQ(seen(), "refused 18 1; works 18");
   refuse(kSystemd, "RestartUnit", "ss");
   start_unit(unit::kOn, 0);
   EXPECT_EQ(seen(), "unit refused 0 13; RestartUnit 'dravel-on.target'");

@@ -109,6 +109,8 @@ static int transmit(const cec_msg &sent) {
 
 static int claim(const cec_log_addrs &wanted) {
   ++cec.claims;
+  if (cec.refuses_claim != 0)
+    return refuse(cec.refuses_claim);
   cec.addresses = wanted;
   cec.addresses.log_addr[0] = CEC_LOG_ADDR_PLAYBACK_1;
   cec.addresses.log_addr_mask = 1 << CEC_LOG_ADDR_PLAYBACK_1;
@@ -327,7 +329,7 @@ struct event_words {
   }
   text operator()(const event::tv_reports &e) const { return with("tv", int(e.state)); }
   text operator()(const event::tv_silent &) const { return "silent"; }
-  text operator()(const event::tv_denies &e) const { return with("denies", e.opcode); }
+  text operator()(const event::tv_denies &e) const { return with("denies", e.opcode, e.for_good); }
   text operator()(const event::tv_standby &) const { return "standby"; }
   text operator()(const event::tv_asks_source &) const { return "source?"; }
   text operator()(const event::tv_reachable &e) const { return with("reachable", e.adapter); }

@@ -39,7 +39,8 @@ struct fake_cec {
   bool needs_address = false;
   cec_log_addrs addresses{};
   bool has_event = false;
-  int refuses = 0;  // errno, of a message
+  int refuses = 0; // errno, of a message
+  int refuses_claim = 0;
   std::string sent; // as "4004", with the header
   int claims = 0;
 };

@@ -6,6 +6,7 @@
 
 static constexpr millis kOnTimeMs = 2 * kSecondMs;
 static constexpr millis kOrderMs = 20 * kSecondMs; // an order to a television is repeated so long
+static constexpr millis kSlowestMs = 125 * kSecondMs; // until a television that boots has its pair
 static constexpr millis kLongestBootMs = 35 * kSecondMs;
 static constexpr millis kResumeMs = 2100;
 static constexpr millis kWindowMs = 9 * kSecondMs; // a key in it has woken the machine,
@@ -148,9 +149,14 @@ void sim_checks::screen_called(bool on) {
     on_until_ = now() + kOrderMs;
   else
     expected_.clear();
+  if (!on)
+    stays_at_ = now();
 }
 
-void sim_checks::turned_off_by_timer() { off_at_ = now(); }
+void sim_checks::turned_off_by_timer() {
+  off_at_ = now();
+  stays_at_ = -1;
+}
 
 // A timer of this second, or one that is made up for later, may count or not.
 void sim_checks::halted() {
@@ -161,7 +167,7 @@ void sim_checks::halted() {
 static bool is_user_cause(const sim &world, bool has_television, millis limit) {
   const bool follows = world.set.screen_follows || !has_television;
   const bool is_user = world.up_by == cause::kUser || world.input_at >= world.up_at;
-  return follows && is_user && world.now < world.up_at + limit;
+  return follows && is_user && world.now < std::max(world.up_at, world.input_at) + limit;
 }
 
 // --- 3: sleeps ---
@@ -183,6 +189,8 @@ void sim_checks::check_return() {
   const sim_television &tv = world_.tv;
   if (said_on_)
     world_.broken(3, "the screen is on at a return");
+  if (stays_at_ >= std::max(world_.up_at, off_at_))
+    world_.broken(3, "only the screen was to be turned off, at a return");
   if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on && !is_silent_ &&
       tv.changed_at < now() - kAskedMs)
     world_.broken(3, "somebody watches at a return");
@@ -202,7 +210,7 @@ void sim_checks::check_return() {
 
 // What it is said to be for has happened.
 void sim_checks::check_wish(sleep_wish wish) {
-  const bool follows = world_.set.follow_screen && said_off_at_ >= world_.up_at;
+  const bool follows = world_.set.follow_screen && left_at_ >= world_.up_at;
   if ((wish == sleep_wish::kOffTimer && off_at_ < world_.down_at) ||
       (wish == sleep_wish::kScreen && !follows) ||
       (wish == sleep_wish::kTest && test_at_ < world_.up_at))
@@ -244,12 +252,16 @@ void sim_checks::ordered(const order::any &what) {
   const auto *start = std::get_if<order::start_unit>(&what);
   const bool turns_on = start != nullptr && start->name == unit::kOn;
   if (turns_on || std::holds_alternative<order::tv_on>(what)) {
+    const bool is_again = !turns_on && is_ordered_on_ && now() < turned_on_at_ + kSlowestMs;
+    turned_on_at_ = turns_on ? now() : turned_on_at_;
     expected_.clear();
     is_ordered_on_ = true;
+    stays_at_ = -1;
     // A refused order leaves it unknown: an on-timer must not take it for on.
     if (turns_on && !world_.tv.has_cec && !world_.tv.is_monitor)
       said_on_ = !refuses<order::start_unit>(world_);
-    if (now() > on_until_ && !is_user_cause(world_, world_.tv.has_cec && has_spoken_, kOrderMs))
+    if (!is_again && now() > on_until_ &&
+        !is_user_cause(world_, world_.tv.has_cec && has_spoken_, kOrderMs))
       world_.broken(2, "the screen is turned on without a cause");
   }
   if (std::holds_alternative<order::tv_off>(what) ||
@@ -301,7 +313,8 @@ bool sim_checks::wants_return() const {
       world.stops_now || world.set.return_to_sleep == 0 || !is_clock_known() ||
       refuses<order::sleep, order::ask_use>(world))
     return false;
-  const bool stays = world.set.off == off_action::kNone && off_at_ >= world.down_at;
+  const bool stays =
+      (world.set.off == off_action::kNone && off_at_ >= world.down_at) || stays_at_ >= world.up_at;
   const cause by = knows_cause_ && !is_alarm_near() ? world.up_by : world.m.woken.by;
   const bool says_off = tv.answers() && !tv.on && !tv.lies && tv.answers_after < kSecondMs;
   // One that was turned on, or by somebody who has come, and does not answer may well be watched.
@@ -483,7 +496,7 @@ void sim_checks::came_up(bool boots) {
     has_line_ = {};
     sleeps_.clear(); // an alarm or somebody has booted it: that is no loop
   }
-  is_ordered_on_ = false;
+  is_ordered_on_ = is_seen_on_ = false;
   const std::int64_t stands = world_.alarm.stands();
   left_at_up_ = stands == 0 ? kDay : stands - world_.alarm.count(now());
   const bool is_short = now() - world_.down_at < kShortSleepMs;
@@ -672,6 +685,11 @@ void sim_checks::note_television(const event::any &what) {
       has_spoken_ || said != nullptr || is_off || std::holds_alternative<event::tv_denies>(what);
   if (is_off)
     said_off_at_ = now();
+  // By its remote, and not before this machine has woken.
+  const bool is_left = said != nullptr ? is_seen_on_ : world_.tv.changed_at >= world_.up_at;
+  if (is_off && is_left)
+    left_at_ = now();
+  is_seen_on_ = is_seen_on_ || is_on;
   if (is_on) {
     said_on_ = true;
     expected_.clear();

@@ -86,7 +86,8 @@ private:
   millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs, told_at_ = -kDayMs;
   millis on_until_ = -1;        // a cause holds
   millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
-  millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1;
+  millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1, left_at_ = -1, stays_at_ = -1;
+  millis turned_on_at_ = -kDayMs;
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
   std::deque<millis> sleeps_;
@@ -98,6 +99,7 @@ private:
   bool has_spoken_ = false;                      // the television, in this boot
   bool is_clock_set_ = false, said_on_ = false;  // in this boot; by the television, last
   bool is_ordered_on_ = false, is_test_ = false; // the screen; the sleep
+  bool is_seen_on_ = false;                      // the television, since the wake-up
   bool timer_went_off_ = false, was_right_ = false, is_silent_ = false;
   millis credited_at_ = -1;
   std::int64_t left_at_up_ = 0;   // seconds to the alarm that stands
