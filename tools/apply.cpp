@@ -91,9 +91,9 @@ static std::vector<timer_record> expected(apply_plan &plan, const import_content
                                           const snapshot &view) {
   std::vector<timer_record> timers;
   for (timer_record timer : wanted.timers) {
-    const std::string line = line_of(timer);
+    std::string line = line_of(timer);
     if (const std::string fault = settle(timer, view); !fault.empty())
-      plan.notes.push_back(sentence(line + " " + fault + "; no timer is set for it"));
+      plan.notes.push_back(sentence(line.append(" ").append(fault) += "; no timer is set for it"));
     else
       timers.push_back(timer);
   }
