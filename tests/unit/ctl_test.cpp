@@ -291,7 +291,7 @@ void Forecasts::compare() {
     for (const seen_firing &firing : seen)
       if (std::ranges::find(firing.due, timer["id"].get<int>()) != firing.due.end())
         times.push_back(firing.utc);
-    times.erase(std::ranges::unique(times).begin(), times.end()); // due beside one that has fired
+    times.erase(std::unique(times.begin(), times.end()), times.end()); // due beside one that fired
     times.resize(std::min(times.size(), timer["days"].empty() ? std::size_t{1} : std::size_t{5}));
     auto explanation = explained(timer, times);
     std::erase_if(explanation, [&](std::int64_t time) { return time > until; });
