@@ -109,7 +109,7 @@ static constexpr problem_words kProblemWords[] = {
     {problem::kWakesLoop, "the machine wakes again and again, by nothing known",
      "it is sent back to sleep only every 15 minutes"},
     {problem::kScreenUnit, "a dravel-screen unit has failed, its journal says why",
-     "the screen may be on or off against the last order"},
+     "the screen may not have followed the last order"},
 };
 static_assert(std::size(kProblemWords) == kProblems);
 
