@@ -11,7 +11,7 @@ from laboratory import HOOK_LATE, TELEVISION_LATE, WAKE_LATE
 def install(lab):
     guest, listed = lab.install()
     lab.row("the README's lines", f"{len(listed.splitlines()) - 1} timers are listed",
-            re.search(r"07:00:00.*weekdays", listed) and re.search(r"22:00:00.*daily", listed))
+            re.search(r" 07:00 .*weekdays", listed) and re.search(r" 22:00 .*daily", listed))
     state = guest.run("systemctl is-active dravel-manager", check=False)
     lab.row("the daemon runs", state, state == "active")
     viewer = guest.run("runuser -u viewer -- dravelctl list")
