@@ -6,7 +6,7 @@
 TEST(Outbox, KeepsAHundred_ForTwoMinutes_InOrder) {
   outbox kept;
   for (int i = 102; i > 0; --i)
-    kept.put({.topic = std::to_string(i), .payload = {}, .made_at = i * 1000});
+    kept.put({.topic = std::to_string(i), .payload = {}, .made_at = i * 1000LL});
   const auto taken = kept.take(122000 + 5000);
   ASSERT_EQ(taken.size(), 96U);
   EXPECT_EQ(taken.front().topic, "7");
