@@ -81,7 +81,7 @@ void on(decision &d, const event::started &e) {
   take_over(d, e);
   d.m.started = true;
   d.m.set = e.set;
-  d.m.clock.rtc_valid = e.rtc_valid;
+  d.m.clock.rtc_valid = d.m.clock.rtc_valid || e.rtc_valid; // which nothing undoes in a boot
   d.m.clock.build_day = e.build_day;
   d.m.clock.next_transition = e.next_transition;
   d.m.alarm.stale = d.m.alarm.wanted.on_time != 0;

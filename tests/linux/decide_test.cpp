@@ -544,6 +544,19 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   EXPECT_EQ(run.m.sleep.wish, sleep_wish::kOffTimer);
 }
 
+TEST(Decide, ARealTimeClockThatIsGone_LeavesTheClockKnown_InThisBoot) {
+  for (const bool same_boot : {true, false}) {
+    awake_machine run;
+    event::started again;
+    again.kept = run.m;
+    again.has_kept = true;
+    again.same_boot = same_boot;
+    again.device.clock = run.now.utc;
+    run.send(again);
+    EXPECT_EQ(run.m.clock.state == clock_state::kUnknown, !same_boot);
+  }
+}
+
 TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
   const struct {
     event::any what;
