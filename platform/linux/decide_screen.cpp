@@ -58,12 +58,15 @@ static void order_screen(decision &d, bool on) {
   begin_order(d);
 }
 
-// Its driver may be loaded late, or it starts again with its television. What was ordered long ago
-// may be undone by a remote since.
+// What was ordered long ago may be undone by a remote since.
+static bool is_order_fresh(const decision &d) {
+  return d.now.boot - d.m.screen.ordered_at < kSlowestSeconds * kSecondMs;
+}
+
+// Its driver may be loaded late, or it starts again with its television.
 void adapter_appears(decision &d) {
   const auto &screen = d.m.screen;
-  const bool is_fresh = d.now.boot - screen.ordered_at < kSlowestSeconds * kSecondMs;
-  if (screen.ordered_on && !screen.said_on && is_fresh)
+  if (screen.ordered_on && !screen.said_on && is_order_fresh(d))
     begin_order(d);
   else
     ask_television(d);
@@ -141,10 +144,10 @@ static void give_screen_up(decision &d) {
     d.due_after(due_kind::kScreenStep, kSlowSeconds * kSecondMs);
 }
 
+// The time counts, not the questions: while this process is away none are asked.
 static void ask_slowly(decision &d) {
-  if (d.m.screen.step >= kSlowestSeconds)
+  if (!is_order_fresh(d))
     return;
-  d.m.screen.step += kSlowSeconds;
   ask_television(d);
   d.due_after(due_kind::kScreenStep, kSlowSeconds * kSecondMs);
 }

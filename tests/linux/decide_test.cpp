@@ -209,9 +209,11 @@ TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine)
 TEST(Decide, ATelevisionThatIsLate_IsAskedOn_AndTakenAtItsWord) {
   const struct {
     bool on;
-    std::int64_t after; // seconds until it follows
-    long pairs;         // sent then
-  } rows[] = {{true, 40, 1}, {true, 300, 0}, {false, 40, 0}, {false, 300, 0}};
+    std::int64_t after, away; // seconds until it follows; in the last ones nobody has asked
+    long pairs;               // sent then
+  } rows[] = {
+      {true, 40, 0, 1}, {true, 300, 0, 0}, {true, 40, 85, 0}, {false, 40, 0, 0}, {false, 300, 0, 0},
+  };
   for (const auto &row : rows) {
     settings set;
     set.follow_screen = true;
@@ -223,7 +225,9 @@ TEST(Decide, ATelevisionThatIsLate_IsAskedOn_AndTakenAtItsWord) {
       run.pass(1);
       run.send(event::due{});
     }
-    EXPECT_EQ(run.count<order::tv_ask>(), row.after == 40 ? 14 + 5 : 14 + 21);
+    run.pass(row.away);
+    run.send(event::due{});
+    EXPECT_EQ(run.count<order::tv_ask>(), row.after == 40 ? 14 + 5 : 14 + 20);
     EXPECT_TRUE(run.has(problem::kTelevision));
     run.given.clear();
     run.send(row.on ? on : off);

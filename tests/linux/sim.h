@@ -172,6 +172,7 @@ struct sim {
   event::late_timers late_timers(std::int64_t from, std::int64_t to);
   void add_timer(std::uint32_t type, std::int64_t local, bool daily);
   bool is_clock_known() const { return m.clock.state != clock_state::kUnknown; }
+  void arm(sim_timer &timer);
   void arm_timers();
   void program_alarm();
   const sim_timer *next_on_timer() const; // null: none

@@ -177,8 +177,8 @@ void sim::start_process() {
     return;
   --calls;
   tell_reachable();
-  for (const auto &[id, running] : jobs)
-    answer(event::job_began{id, running.first});
+  for (const auto &[id, running] : jobs) // systemd lists a job before it says that it has ended
+    process_at(now + bus_ms, [this, told = event::job_began{id, running.first}] { send(told); });
   process_at(now + kDaemonStartsMs, [this] {
     std::ranges::copy_if(timers, std::back_inserter(missed), [this](const sim_timer &timer) {
       return is_clock_known() && !timer.daily && timer.local <= tv_clock();
@@ -205,12 +205,25 @@ void sim::end_process() {
 
 // --- the daemon ---
 
+// The others stay as they are, also those that became due in a sleep that nobody has noticed yet.
 void sim::add_timer(std::uint32_t type, std::int64_t local, bool daily) {
   timers.push_back({next_id_++, type, local, daily, utc()});
   if (is_alive && m.armed) {
-    arm_timers();
+    arm(timers.back());
     program_alarm();
   }
+}
+
+void sim::arm(sim_timer &timer) {
+  const bool is_known = is_clock_known();
+  timer.fires_at = is_known ? mono_ms() + (timer.local - tv_clock()) * kSecondMs : kNever;
+  if (!is_known)
+    return;
+  process_at(now + timer.fires_at - mono_ms(), [this, id = timer.id, at = timer.fires_at] {
+    const auto found = std::ranges::find(timers, id, &sim_timer::id);
+    if (found != timers.end() && found->fires_at == at)
+      fire(id);
+  });
 }
 
 // Counted on the TV clock. What is past or due in this second does not fire, unless it is just
@@ -229,21 +242,14 @@ void sim::arm_timers() {
       timer.local -= kDay;
     while (is_past(timer))
       timer.local += kDay;
-    timer.fires_at = is_known ? mono_ms() + (timer.local - clock) * kSecondMs : kNever;
-    if (timer.fires_at == kNever)
-      continue;
-    process_at(now + timer.fires_at - mono_ms(), [this, id = timer.id, at = timer.fires_at] {
-      const auto found = std::ranges::find(timers, id, &sim_timer::id);
-      if (found != timers.end() && found->fires_at == at)
-        fire(id);
-    });
+    arm(timer);
   }
 }
 
 const sim_timer *sim::next_on_timer() const {
   const sim_timer *next = nullptr;
   for (const sim_timer &timer : timers)
-    if (timer.type != 1 && timer.fires_at != kNever &&
+    if (timer.type != 1 && timer.fires_at != kNever && timer.local >= tv_clock() &&
         (next == nullptr || timer.local < next->local))
       next = &timer;
   return next;
