@@ -234,8 +234,10 @@ void sim_checks::check_sleep(const order::sleep &what) {
   const std::int64_t ahead = wanted.on_time - world_.utc();
   const bool is_wanted = wanted.on_time != 0 && ahead > 0;
   check_wish(wish);
-  if (is_wanted && ahead < lead_of(world_, what.method) + nearness_of(world_, what.method))
+  const std::int64_t near = lead_of(world_, what.method) + nearness_of(world_, what.method);
+  if (is_wanted && ahead < near)
     world_.broken(3, "an on-time is near at a sleep");
+  world_.is_close = world_.is_close || (is_wanted && ahead < near + kNearSeconds);
   if (is_wanted && std::max(tampered_at_, world_.foreign_at) < now() - kAskedMs &&
       !is_led_to(what.method))
     world_.broken(3, "no alarm stands at a sleep");
