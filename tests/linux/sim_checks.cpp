@@ -680,8 +680,11 @@ void sim_checks::called(const event::any &what) {
 
 void sim_checks::note_clock(const event::any &what) {
   const auto *ntp = std::get_if<event::ntp>(&what);
+  // A process that starts after the wake-up notices it then, and cannot tell a step that somebody
+  // makes at once from the one at its end.
+  const millis noticed_at = std::max(world_.up_at, world_.booted_at + world_.m.woken.at);
   const bool is_step = std::holds_alternative<event::clock_stepped>(what) &&
-                       (has_booted_ || now() > world_.up_at + kResumeMs);
+                       (has_booted_ || now() > noticed_at + kResumeMs);
   is_clock_set_ =
       is_clock_set_ || is_step || (ntp != nullptr && ntp->answered && ntp->synchronised);
 }
