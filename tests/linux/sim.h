@@ -189,6 +189,8 @@ struct sim {
   unsigned downs = 0;  // sleeps and shutdowns
   // Somebody, in the second of a timer or while the machine goes: a restart moves these by some ms.
   bool has_acted = false;
+  bool is_close =
+      false; // a sleep has only just come before an on-time: moved, it would wait for it
 
   std::string run(const night &what);
   void broken(int sentence, const std::string &text);

@@ -92,6 +92,9 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   if (timer.type != 0)
     return;
   const bool is_watched = world.tv.has_cec && world.tv.on && said_on_;
+  // In the second in which the hour changes the daemon may take it for one that has passed.
+  if (due == world.transition)
+    on_until_ = std::max(on_until_, due_at_ + kOnTimeMs);
   if (world.state == life::kRunning && is_armed && !is_watched)
     expected_.push_back(due_at_ + kOnTimeMs);
   else if (world.state == life::kRunning && !is_armed) // made up for once the process has started
@@ -137,8 +140,15 @@ void sim_checks::clock_stepped() {
   tampered();
   slept_through_ = off_due_ = 0; // by the old clock
   expected_.clear();
-  if (!world_.is_alive || !world_.m.armed || is_cause_open_) // what it goes past is made up for
-    on_until_ = now() + kLateSeconds * kSecondMs;
+  if (world_.is_alive && world_.m.armed && !is_cause_open_)
+    return;
+  on_until_ = now() + kLateSeconds * kSecondMs; // what it goes past is made up for
+  const bool is_off_time = std::ranges::any_of(world_.timers, [&](const sim_timer &timer) {
+    const std::int64_t late = world_.utc() - world_.to_utc(timer.local);
+    return timer.type == 1 && late >= 0 && late <= kNearSeconds;
+  });
+  if (is_off_time)
+    off_at_ = now();
 }
 
 // --- 2: the screen ---
@@ -203,7 +213,8 @@ void sim_checks::check_return() {
   if (world_.seen_at > world_.up_at && quiet > kUnseenMs && said_off_at_ <= world_.seen_at)
     world_.broken(3, "somebody has come, and no television is off, at a return");
   const bool is_sure = knows_cause_ && !is_alarm_near();
-  if (is_sure && (world_.up_by == cause::kForeign ||
+  const bool is_nobodys = world_.up_by == cause::kNothing || world_.up_by == cause::kUser;
+  if (is_sure && (world_.up_by == cause::kForeign || (is_nobodys && is_welcomed_) ||
                   (world_.up_by == cause::kUser && is_user_seen(kWindowMs))))
     world_.broken(3, "who has woken the machine decides when it sleeps");
 }
@@ -223,8 +234,10 @@ void sim_checks::check_sleep(const order::sleep &what) {
   const std::int64_t ahead = wanted.on_time - world_.utc();
   const bool is_wanted = wanted.on_time != 0 && ahead > 0;
   check_wish(wish);
-  if (is_wanted && ahead < lead_of(world_, what.method) + nearness_of(world_, what.method))
+  const std::int64_t near = lead_of(world_, what.method) + nearness_of(world_, what.method);
+  if (is_wanted && ahead < near)
     world_.broken(3, "an on-time is near at a sleep");
+  world_.is_close = world_.is_close || (is_wanted && ahead < near + kNearSeconds);
   if (is_wanted && std::max(tampered_at_, world_.foreign_at) < now() - kAskedMs &&
       !is_led_to(what.method))
     world_.broken(3, "no alarm stands at a sleep");
@@ -321,7 +334,7 @@ bool sim_checks::wants_return() const {
   const bool must_say = by == cause::kNothing || world.seen_at >= world.up_at || is_ordered_on_;
   if ((must_say && (!says_off || is_silent_ || tv.changed_at >= asked_at_)) ||
       by == cause::kForeign || by == cause::kUser || stays || is_cause_open_ ||
-      (by == cause::kNothing && is_user_seen(kDoubtMs)))
+      (by == cause::kNothing && (is_user_seen(kDoubtMs) || is_welcomed_)))
     return false;
   if (said_on_ || (tv.on && tv.answers()) || tv.lies)
     return false;
@@ -496,13 +509,10 @@ void sim_checks::came_up(bool boots) {
     has_line_ = {};
     sleeps_.clear(); // an alarm or somebody has booted it: that is no loop
   }
-  is_ordered_on_ = is_seen_on_ = false;
+  is_ordered_on_ = is_seen_on_ = is_welcomed_ = false;
   const std::int64_t stands = world_.alarm.stands();
   left_at_up_ = stands == 0 ? kDay : stands - world_.alarm.count(now());
-  const bool is_short = now() - world_.down_at < kShortSleepMs;
-  const bool is_known = world_.up_by != cause::kNothing;
-  // A user who has not pressed a key is not known.
-  short_sleeps_ = is_short && (!is_known || world_.up_by == cause::kUser) ? short_sleeps_ + 1 : 0;
+  short_sleeps_ = now() - world_.down_at < kShortSleepMs ? short_sleeps_ + 1 : 0;
   failed_ = 0;
   if (world_.up_by == cause::kTimer || world_.up_by == cause::kHop || world_.up_by == cause::kTest)
     sleeps_.clear();
@@ -551,6 +561,9 @@ void sim_checks::check_cause() {
   const cause known = knows_cause_ && !is_alarm_near() ? truth : by;
   if (known == cause::kTimer || known == cause::kHop || known == cause::kTest)
     sleeps_.clear();
+  // A user who has not pressed a key is not known, nor is an alarm that was set just before.
+  if (known != cause::kUser && known != cause::kNothing)
+    short_sleeps_ = 0;
   if (!world_.tv.has_cec && !is_ordered_on_ && (known == cause::kTimer || known == cause::kHop))
     said_on_ = false; // nobody knows what it did meanwhile
   if (!knows_cause_ || is_alarm_near())
@@ -667,10 +680,23 @@ void sim_checks::called(const event::any &what) {
 
 void sim_checks::note_clock(const event::any &what) {
   const auto *ntp = std::get_if<event::ntp>(&what);
+  // A process that starts after the wake-up notices it then, and cannot tell a step that somebody
+  // makes at once from the one at its end.
+  const millis noticed_at = std::max(world_.up_at, world_.booted_at + world_.m.woken.at);
   const bool is_step = std::holds_alternative<event::clock_stepped>(what) &&
-                       (has_booted_ || now() > world_.up_at + kResumeMs);
+                       (has_booted_ || now() > noticed_at + kResumeMs);
   is_clock_set_ =
       is_clock_set_ || is_step || (ntp != nullptr && ntp->answered && ntp->synchronised);
+}
+
+// Where the screen comes back with its user, the first key after a wake-up by nothing known is the
+// user's, however late: who has come decides from then on. One on the way to a sleep may have been
+// the one that ordered it.
+void sim_checks::note_user(const event::any &what) {
+  const bool is_key = std::holds_alternative<event::input>(what) &&
+                      world_.seen_at >= world_.up_at && world_.m.power.now == phase::kAwake;
+  const bool comes_back = world_.set.screen_follows || !has_spoken_;
+  is_welcomed_ = is_welcomed_ || (is_key && comes_back && !said_on_);
 }
 
 void sim_checks::note_television(const event::any &what) {
@@ -720,6 +746,7 @@ void sim_checks::decided(const event::any &what, const orders &list) {
     slept_through_ = 0;
   if (world_.sleeps_now || world_.stops_now)
     expected_.clear();
+  note_user(what);
   note_television(what);
   check_credit();
   check_problems(what);

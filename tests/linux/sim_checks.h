@@ -64,6 +64,7 @@ private:
   void follow_foreign(millis next);
   void check_line(const order::say &said);
   void note_clock(const event::any &what);
+  void note_user(const event::any &what);
   void note_television(const event::any &what);
   bool is_led_to(off_action method) const;
   off_action wanted_method() const;
@@ -100,6 +101,7 @@ private:
   bool is_clock_set_ = false, said_on_ = false;  // in this boot; by the television, last
   bool is_ordered_on_ = false, is_test_ = false; // the screen; the sleep
   bool is_seen_on_ = false;                      // the television, since the wake-up
+  bool is_welcomed_ = false;                     // a user, by a screen that comes back
   bool timer_went_off_ = false, was_right_ = false, is_silent_ = false;
   millis credited_at_ = -1;
   std::int64_t left_at_up_ = 0;   // seconds to the alarm that stands

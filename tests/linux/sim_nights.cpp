@@ -114,7 +114,7 @@ static std::string run_with_restart(const night &what, const sim &plain) {
     return place == end ? "nothing" : place->second + " at " + std::to_string(place->first);
   };
   const bool is_same_night = without == without_restart.end() && with == world.given.end();
-  if (is_same_night || plain.has_acted || world.has_acted)
+  if (is_same_night || plain.has_acted || world.has_acted || plain.is_close || world.is_close)
     return "";
   return "9: with a restart " + text_of(with, world.given.end()) + ", without " +
          text_of(without, without_restart.end());

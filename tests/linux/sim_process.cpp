@@ -72,10 +72,12 @@ void sim::keep_order(const std::string &text, bool is_sleep) {
 }
 
 // What a new process asks must not tell it more than the old one knew, and what nobody has seen
-// meanwhile must not count: a key at a sleep. A test ends with its caller.
+// meanwhile must not count: a key at a sleep. A screen that was on is doubted as soon as an event
+// shows the sleep. A test ends with its caller.
 bool sim::may_restart() const {
   const screen_state truth = tv.on ? screen_state::kOn : screen_state::kOff;
-  const bool is_known = !tv.has_cec || (!tv.lies && m.screen.believed == truth);
+  const bool is_doubted = tv.on && m.power.seen.sleeps != sleeps;
+  const bool is_known = !tv.has_cec || (!tv.lies && m.screen.believed == truth && !is_doubted);
   const bool is_busy = m.sleep.wish != sleep_wish::kNone ||
                        std::ranges::any_of(m.jobs, [](const job &one) { return one.id != 0; });
   return (is_busy || !restarts_busy) && is_known && m.armed && !m.test.running &&
