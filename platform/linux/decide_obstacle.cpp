@@ -55,6 +55,8 @@ postponed obstacle(const machine &m, const moment &now) {
     return postponed::kJob;
   if ((m.use.blocked & blocking_bits(m)) != 0)
     return postponed::kBlocked;
+  if (wish == sleep_wish::kTest && is_test_disturbed(m, now))
+    return postponed::kOnTimeNear;
   if (wish == sleep_wish::kTest)
     return test_is_set(m, now) ? postponed::kNot : postponed::kNoAlarm;
   if (wish == sleep_wish::kReturn && is_session_in_use(m))

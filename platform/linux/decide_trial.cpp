@@ -10,14 +10,20 @@ static bool is_sleep_wanted(const machine &m) {
   return m.sleep.wish != sleep_wish::kNone && m.sleep.wish != sleep_wish::kReturn;
 }
 
+static bool comes_before_end(const machine &m, const moment &now, std::int64_t seconds) {
+  return next_wake_utc(m, now) < now.utc + seconds + kClearSeconds;
+}
+
+bool is_test_disturbed(const machine &m, const moment &now) {
+  return comes_before_end(m, now, (m.test.until - now.boot) / kSecondMs);
+}
+
 static int refusal(const machine &m, const moment &now, std::int64_t seconds) {
-  const std::int64_t end = now.utc + seconds + kClearSeconds;
-  const std::int64_t next = next_wake_utc(m, now);
   if (m.test.running || m.power.now != phase::kAwake || is_sleep_wanted(m))
     return EALREADY;
   if (seconds > kMostSeconds || seconds < nearness_seconds(m, off_action::kSuspend))
     return ERANGE;
-  if (next < end || m.use.blocked != 0 || wakeup_job_runs(m))
+  if (comes_before_end(m, now, seconds) || m.use.blocked != 0 || wakeup_job_runs(m))
     return EBUSY;
   return 0;
 }

@@ -201,3 +201,5 @@ void count_clock(decision &d);
 // --- decide_trial.cpp ---
 
 void trial_ends(decision &d, int error);
+// Something that the machine must be awake for has been set since the call.
+bool is_test_disturbed(const machine &m, const moment &now);

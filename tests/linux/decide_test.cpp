@@ -524,6 +524,16 @@ TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing) {
   EXPECT_EQ(run.m.sleep.why, postponed::kNoAlarm);
 }
 
+TEST(Decide, ATest_EndsWhenAnOnTimeIsSetBeforeItSleeps) {
+  awake_machine run;
+  run.send(event::test_wake{1, 100});
+  EXPECT_EQ(run.count<order::answer>(), 0);
+  run.send(event::program{0, kNow + 200, 0});
+  run.send(event::use_changed{0, 0, 0, kSleepBit | kShutdownBit, 5000, true});
+  EXPECT_EQ(run.count<order::sleep>(), 0);
+  EXPECT_EQ(run.last<order::answer>().error, EBUSY);
+}
+
 TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   awake_machine run;
   event::started start;

@@ -43,6 +43,7 @@ static void change_tv(sim &w, std::int64_t how, std::int64_t) {
 }
 
 static void slow_tv(sim &w, std::int64_t answer_ms, std::int64_t boot_seconds) {
+  w.tv.changed_at = w.now;
   w.tv.answers_after = answer_ms;
   w.tv.boots_for = boot_seconds * kSecondMs;
 }

@@ -440,6 +440,10 @@ void sim_checks::went_down(bool is_ready) {
   wanted_at_down_ = wanted_;
   timer_went_off_ = timer_went_off_ && !is_ready;
   was_ready_ = is_ready;
+  if (world_.state == life::kOff)
+    is_down_known_ = is_ready;
+  else if (world_.m.armed)
+    is_down_known_ = true;
   was_timer_second_ = is_timer_second();
   was_right_ =
       is_ready && !world_.m.test.running && tampered_at_ < released_at_ && !refuses_alarm(world_);
@@ -522,16 +526,21 @@ void sim_checks::came_up(bool boots) {
   if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ >= last)
     return;
   on_until_ = now() + kOrderMs + kLongestBootMs;
-  // Without a slept time the daemon's own timers end at the wake-up, before anything is known.
-  if (world_.is_alive && world_.counts_sleep && !said_on_ && is_clock_known())
+  // Without a slept time the daemon's own timers end at the wake-up, before anything is known. When
+  // a machine went off that has told nobody is not known either: what it missed is over.
+  if (world_.is_alive && world_.counts_sleep && is_down_known_ && !said_on_ && is_clock_known())
     expected_.push_back(now() + kOnTimeMs + 3 * world_.bus_ms);
 }
 
 // --- 6: causes and credits ---
 
-// Another cause may be taken for the alarm that is about to go off.
+// Another cause may be taken for the alarm that is about to go off, or that has just gone off and
+// woken nothing.
 bool sim_checks::is_alarm_near() const {
-  const bool has_passed = off_went_at_ >= world_.down_at && off_went_at_ < world_.up_at &&
+  const bool is_other = world_.up_by == cause::kUser || world_.up_by == cause::kNothing;
+  const bool has_woken = off_went_at_ == world_.up_at && !is_other;
+  const bool has_passed = off_went_at_ >= world_.down_at && off_went_at_ <= world_.up_at &&
+                          !has_woken &&
                           off_went_at_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
   return left_at_up_ <= kNearSeconds || has_passed;
 }

@@ -97,7 +97,9 @@ private:
   bool knows_cause_ = false;   // nobody has hidden it from the process
   bool was_timer_second_ = false;
   bool was_ready_ = false, has_booted_ = true;
-  bool has_spoken_ = false;                      // the television, in this boot
+  bool is_down_known_ =
+      true;                 // to the daemon, since when it has not asked for timers that it missed
+  bool has_spoken_ = false; // the television, in this boot
   bool is_clock_set_ = false, said_on_ = false;  // in this boot; by the television, last
   bool is_ordered_on_ = false, is_test_ = false; // the screen; the sleep
   bool is_seen_on_ = false;                      // the television, since the wake-up
