@@ -81,7 +81,7 @@ TEST_F(Reach, AHundredBridges_ShareABroker) {
                                  << "\nreconnect-spread=2\n[machine]\nname=m" << i
                                  << "\ngroups=all\n";
     bridges.emplace_back(
-        std::vector<std::string>{"bwrap", "--dev-bind", "/", "/", "--ro-bind", own + "/id",
+        std::vector<std::string>{"/usr/bin/bwrap", "--dev-bind", "/", "/", "--ro-bind", own + "/id",
                                  "/etc/machine-id", "--setenv", "STATE_DIRECTORY", own, "--setenv",
                                  "RUNTIME_DIRECTORY", own, DRAVEL_MQTT, "-c", own + "/conf"});
   }
