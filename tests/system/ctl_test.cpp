@@ -247,7 +247,7 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
   )");
 }
 
-TEST_F(Ctl, TheState_IsShownAndExplained) {
+TEST_F(Ctl, TheState_IsShown) {
   check(R"steps(
     ctl => 0 Clock: Tue 2026-12-15 12:00:00 (UTC, UTC+00:00), confirmed\n
     three -> ctl status => 0 in 7 hours, halted: timer 1 (off, once)\n   Wakes for: timer 2,
@@ -286,6 +286,11 @@ TEST_F(Ctl, TheState_IsShownAndExplained) {
     lose_clock -> ctl => 0 Problem: The set's clock is unknown: no timer is armed.\n       Clock: unk
     add 7 --on daily; add 7 --type off --on daily -> ctl -j week => 0 "mark":"both","halted":false
     ctl types => 0 \n1       off
+  )steps");
+}
+
+TEST_F(Ctl, TimersAndTheWeek_AreExplained) {
+  check(R"steps(
     three -> ctl explain 1 => 0 Off-timers are halted: it is announced and does nothing else.
     three -> ctl explain 2 => 0 Tue 2026-12-15 is passed over: its time of day has passed.\n\
       Thu 2026-12-17 to Fri 2026-12-18 are passed over: holidays 1.\n\
