@@ -14,6 +14,7 @@ static constexpr millis kDoubtMs = 11 * kSecondMs; // and one until then perhaps
 static constexpr millis kAnswerMs = 3 * kSecondMs; // waited for
 static constexpr millis kAskedMs = 5 * kSecondMs;
 static constexpr millis kUnseenMs = kSecondMs;
+static constexpr millis kNoticedMs = 2 * kSecondMs; // until an alarm that passes is looked at
 static constexpr millis kBeliefMs = 15 * kSecondMs; // a television is asked 10 s before an on-time
 static constexpr millis kReturnSlackMs = 30 * kSecondMs;
 static constexpr millis kRetries[] = {30, 60, 300, 900}; // seconds
@@ -539,8 +540,8 @@ void sim_checks::came_up(bool boots) {
 bool sim_checks::is_alarm_near() const {
   const bool is_other = world_.up_by == cause::kUser || world_.up_by == cause::kNothing;
   const bool has_woken = off_went_at_ == world_.up_at && !is_other;
-  const bool has_passed = off_went_at_ >= world_.down_at && off_went_at_ <= world_.up_at &&
-                          !has_woken &&
+  const bool has_passed = off_went_at_ >= world_.down_at - kNoticedMs &&
+                          off_went_at_ <= world_.up_at && !has_woken &&
                           off_went_at_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
   return left_at_up_ <= kNearSeconds || has_passed;
 }

@@ -31,10 +31,14 @@ void sim::answer(const event::any &what) {
   process_at(now + bus_ms * (1 + answers_++ % 3), [this, what] { send(what); });
 }
 
-// Signals of logind stay in their order.
+// Signals of logind stay in their order. One of a sleep that is over may be taken for the next.
 void sim::signal(const event::any &what) {
   signal_at_ = std::max(signal_at_, now + bus_ms * (1 + answers_++ % 3));
-  process_at(signal_at_, [this, what] { send(what); });
+  process_at(signal_at_, [this, what, number = sleep_] {
+    if (number != sleep_)
+      checks.tampered();
+    send(what);
+  });
 }
 
 // --- sleep and shutdown ---
