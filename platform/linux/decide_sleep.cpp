@@ -204,8 +204,10 @@ static bool lacks_answer(const machine &m) {
          m.screen.answered != screen_state::kOff;
 }
 
+// What the last run has begun is found, or begun again.
 static bool is_settled(const machine &m) {
-  return m.armed && m.power.now == phase::kAwake && !m.woken.cause_open && !m.woken.late_open;
+  return m.armed && m.power.now == phase::kAwake && !m.woken.cause_open && !m.woken.late_open &&
+         std::ranges::none_of(m.jobs, &job::may_be_lost);
 }
 
 void pursue_sleep(decision &d) {

@@ -749,6 +749,30 @@ TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
   EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
 }
 
+TEST(Decide, AUnitThatARestartHasLost_IsNotStarted_WhenTheOppositeIsOrdered) {
+  for (const bool is_undone : {false, true}) {
+    awake_machine run({}, false);
+    run.send(event::screen_wanted{true, event::asker::kBus});
+    run.send(event::ambient{true});
+    event::started again;
+    again.kept = run.m;
+    again.has_kept = again.same_boot = true;
+    run.send(again);
+    if (is_undone) {
+      run.send(event::screen_wanted{false, event::asker::kBus});
+      run.send(event::ambient{false});
+    }
+    run.send(event::armed{});
+    run.send(event::test_wake{1, 100});
+    EXPECT_EQ(run.m.sleep.stage == wish_stage::kAsking, is_undone) << "not before they run";
+    run.given.clear();
+    run.pass(2);
+    run.send(event::due{});
+    EXPECT_EQ(run.m.sleep.stage, wish_stage::kAsking);
+    EXPECT_EQ(run.count<order::start_unit>(), is_undone ? 0 : 2);
+  }
+}
+
 // Nor has one that is old: it has ended another sleep, which looks like this one.
 TEST(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine) {
   const struct {

@@ -1,6 +1,7 @@
 #include "sim.h"
 
 #include <algorithm>
+#include <utility>
 
 static constexpr millis kBootMs = 30 * kSecondMs; // until the process starts
 static constexpr millis kFailsAfterMs = 1500;
@@ -135,6 +136,8 @@ void sim::wake(cause by) {
   note("- up");
   checks.came_up(false);
   process_at(now + 3, [this] { send(event::clock_stepped{}); });
+  for (const std::uint32_t id : std::exchange(frozen_jobs, {}))
+    world_at(now + kSecondMs, [this, id] { end_job(id); });
   if (!is_alive) // the service manager did not get to it before
     world_at(now + kSecondMs, [this] { start_process(); });
   if (!was_announced_)
