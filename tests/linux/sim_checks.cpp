@@ -632,6 +632,11 @@ void sim_checks::process_ended() {
   if (!expected_.empty())
     on_until_ = now() + kLateSeconds * kSecondMs;
   expected_.clear();
+  const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
+    return one.id == kStarting && (one.of == unit::kOn || one.of == unit::kOff);
+  });
+  if (!world_.tv.has_cec && is_starting) // perhaps: nobody has seen its job
+    said_on_ = false;
   for (std::size_t part = 0; part < kProblems; ++part)
     has_line_[part] = world_.stored.problems[part] != 0;
 }
