@@ -223,7 +223,8 @@ void sim_checks::check_return() {
 // What it is said to be for has happened.
 void sim_checks::check_wish(sleep_wish wish) {
   const bool follows = world_.set.follow_screen && left_at_ >= world_.up_at;
-  if ((wish == sleep_wish::kOffTimer && off_at_ < world_.down_at) ||
+  const bool is_made_up = off_at_ >= ended_at_ && off_at_ <= world_.alive_at;
+  if ((wish == sleep_wish::kOffTimer && off_at_ < world_.down_at && !is_made_up) ||
       (wish == sleep_wish::kScreen && !follows) ||
       (wish == sleep_wish::kTest && test_at_ < world_.up_at))
     world_.broken(3, "a sleep that nobody wants");
@@ -629,6 +630,8 @@ void sim_checks::check_line(const order::say &said) {
 
 // The last line may be lost with the process; what was about to fire is made up for.
 void sim_checks::process_ended() {
+  if (world_.is_alive && world_.m.armed)
+    ended_at_ = now();
   if (!expected_.empty())
     on_until_ = now() + kLateSeconds * kSecondMs;
   expected_.clear();
@@ -647,7 +650,8 @@ void sim_checks::lost(const order::any &what) {
   const auto *start = std::get_if<order::start_unit>(&what);
   if (start == nullptr)
     return;
-  lost_units_.push_back(start->name);
+  if (std::ranges::find(lost_units_, start->name) == lost_units_.end()) // it may be lost again
+    lost_units_.push_back(start->name);
   if (start->name == unit::kOn || start->name == unit::kOff)
     is_sent_off_ = start->name == unit::kOff;
   if (!world_.tv.has_cec && (start->name == unit::kOn || start->name == unit::kOff))
@@ -736,6 +740,10 @@ void sim_checks::note_television(const event::any &what) {
       has_spoken_ || said != nullptr || is_off || std::holds_alternative<event::tv_denies>(what);
   if (is_off)
     said_off_at_ = now();
+  const auto *job = std::get_if<event::job_began>(&what); // perhaps one of the last run
+  const bool is_plain = !world_.tv.has_cec && !world_.tv.is_monitor;
+  if (job != nullptr && job->of == unit::kOn && is_plain && !is_sent_off_)
+    said_on_ = true;
   // By its remote, and not before this machine has woken.
   const bool is_left = said != nullptr ? is_seen_on_ : world_.tv.changed_at >= world_.up_at;
   if (is_off && is_left)

@@ -193,9 +193,9 @@ void sim::start_process() {
 }
 
 void sim::end_process() {
+  checks.process_ended();
   is_alive = false;
   missed.clear();
-  checks.process_ended();
   ++run_;
   is_delivering = false;
   calls = 0;
