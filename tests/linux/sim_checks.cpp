@@ -29,11 +29,12 @@ static constexpr std::int64_t kSleepSeconds = 15;
 static constexpr std::int64_t kHopSeconds = 82800; // 23 hours
 static constexpr std::int64_t kNearSeconds = 3;
 static constexpr std::int64_t kMinuteSeconds = 60;
-static constexpr std::int64_t kMostDays = 3;        // a night
-static constexpr int kMostDues = 10;                // a day
-static constexpr millis kFoundMs = 3 * kSecondMs;   // jobs that run, after a start
-static constexpr millis kLastTryMs = 1600;          // before the end of the delay
-static constexpr millis kSettlesMs = 3 * kSecondMs; // a reading may be a second late
+static constexpr std::int64_t kMostStepSeconds = 4000; // of the clock
+static constexpr std::int64_t kMostDays = 3;           // a night
+static constexpr int kMostDues = 10;                   // a day
+static constexpr millis kFoundMs = 3 * kSecondMs;      // jobs that run, after a start
+static constexpr millis kLastTryMs = 1600;             // before the end of the delay
+static constexpr millis kSettlesMs = 3 * kSecondMs;    // a reading may be a second late
 
 static bool boots(off_action method) { return method != off_action::kSuspend; }
 
@@ -84,6 +85,8 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   const sim &world = world_;
   due_at_ = (due - kEvening) * kSecondMs - world.wall_offset;
   const bool is_armed = world.is_alive && world.m.armed;
+  if (is_armed && !is_clock_known()) // made up for, if it becomes known soon
+    on_until_ = std::max(on_until_, due_at_ + kLateSeconds * kSecondMs);
   if (world.is_halted || (is_armed && !is_clock_known()))
     return;
   if (timer.type == 1) {
@@ -239,7 +242,8 @@ void sim_checks::check_sleep(const order::sleep &what) {
   const std::int64_t near = lead_of(world_, what.method) + nearness_of(world_, what.method);
   if (is_wanted && ahead < near)
     world_.broken(3, "an on-time is near at a sleep");
-  world_.is_close = world_.is_close || (is_wanted && ahead < near + kNearSeconds);
+  const std::int64_t rounding = world_.alarm.counts_minutes ? kMinuteSeconds : 0;
+  world_.is_close = world_.is_close || (is_wanted && ahead < near + rounding + kNearSeconds);
   if (is_wanted && std::max(tampered_at_, world_.foreign_at) < now() - kAskedMs &&
       !is_led_to(what.method))
     world_.broken(3, "no alarm stands at a sleep");
@@ -267,7 +271,10 @@ void sim_checks::ordered(const order::any &what) {
   const auto *start = std::get_if<order::start_unit>(&what);
   const bool turns_on = start != nullptr && start->name == unit::kOn;
   if (turns_on || std::holds_alternative<order::tv_on>(what)) {
-    const bool is_again = !turns_on && is_ordered_on_ && now() < turned_on_at_ + kSlowestMs;
+    // A unit whose job nobody has seen is begun again after a restart.
+    const bool is_lost = turns_on && world_.alive_at >= turned_on_at_;
+    const millis again_until = turned_on_at_ + (turns_on ? kOrderMs : kSlowestMs);
+    const bool is_again = is_ordered_on_ && (is_lost || !turns_on) && now() < again_until;
     turned_on_at_ = turns_on ? now() : turned_on_at_;
     expected_.clear();
     is_ordered_on_ = true;
@@ -314,7 +321,8 @@ void sim_checks::ordered(const order::any &what) {
 bool sim_checks::is_led_to(off_action method) const {
   const std::int64_t ahead = wanted_.on_time - world_.utc();
   const std::int64_t left = world_.alarm.stands() - world_.alarm.count(now());
-  const std::int64_t slack = world_.set.lead_poweroff + kShutdownSeconds + kMinuteSeconds;
+  const std::int64_t stepped = stepped_at_ < world_.up_at ? 0 : kMostStepSeconds;
+  const std::int64_t slack = world_.set.lead_poweroff + kShutdownSeconds + kMinuteSeconds + stepped;
   const bool is_hop = !world_.foreign_stands && left < ahead - slack;
   const bool boots = method != off_action::kPoweroff || world_.set.hop_boots;
   return world_.alarm.stands() != 0 && left <= ahead && (boots || !is_hop);
@@ -742,7 +750,8 @@ void sim_checks::note_television(const event::any &what) {
     said_off_at_ = now();
   const auto *job = std::get_if<event::job_began>(&what); // perhaps one of the last run
   const bool is_plain = !world_.tv.has_cec && !world_.tv.is_monitor;
-  if (job != nullptr && job->of == unit::kOn && is_plain && !is_sent_off_)
+  const bool is_found = job != nullptr && world_.up_at <= world_.alive_at;
+  if (is_found && job->of == unit::kOn && is_plain && !is_sent_off_)
     said_on_ = true;
   // By its remote, and not before this machine has woken.
   const bool is_left = said != nullptr ? is_seen_on_ : world_.tv.changed_at >= world_.up_at;
