@@ -92,6 +92,7 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   if (timer.type == 1) {
     off_due_ = std::max(off_due_, due);
     off_at_ = due_at_;
+    is_off_open_ = true;
   }
   if (timer.type != 0)
     return;
@@ -169,6 +170,7 @@ void sim_checks::screen_called(bool on) {
 
 void sim_checks::turned_off_by_timer() {
   off_at_ = now();
+  is_off_open_ = false;
   stays_at_ = -1;
 }
 
@@ -226,8 +228,7 @@ void sim_checks::check_return() {
 // What it is said to be for has happened.
 void sim_checks::check_wish(sleep_wish wish) {
   const bool follows = world_.set.follow_screen && left_at_ >= world_.up_at;
-  const bool is_made_up = off_at_ >= ended_at_ && off_at_ <= world_.alive_at;
-  if ((wish == sleep_wish::kOffTimer && off_at_ < world_.down_at && !is_made_up) ||
+  if ((wish == sleep_wish::kOffTimer && std::max(off_at_, made_up_at_) < world_.down_at) ||
       (wish == sleep_wish::kScreen && !follows) ||
       (wish == sleep_wish::kTest && test_at_ < world_.up_at))
     world_.broken(3, "a sleep that nobody wants");
@@ -302,6 +303,8 @@ void sim_checks::ordered(const order::any &what) {
     asked_at_ = now();
     is_silent_ = !world_.tv.answers() || refuses<order::tv_ask>(world_);
   }
+  if (std::holds_alternative<order::ask_late>(what) && std::exchange(is_off_open_, false))
+    made_up_at_ = now();
   if (std::holds_alternative<order::release_inhibitor>(what))
     check_release();
   if (const auto *said = std::get_if<order::say>(&what))
@@ -407,7 +410,7 @@ void sim_checks::check_alarm() {
   if (wanted_.on_time != 0 && has_passed)
     return;
   if (wanted_.on_time == 0 || ahead <= 0) {
-    if (stands != foreign)
+    if (stands != foreign && stands != world_.forgotten)
       world_.broken(5, foreign != 0 ? "a foreign alarm is lost" : "an alarm that nobody wants");
     return;
   }
@@ -427,6 +430,8 @@ void sim_checks::check_alarm() {
       world_.broken(5, "an earlier foreign alarm is lost");
     return;
   }
+  if (foreign == 0 && stands != 0 && stands == world_.forgotten)
+    return;
   if (foreign != 0 && std::abs(foreign - count - ours) <= unsure + kNearSeconds)
     return;
   const bool is_left_out = method == off_action::kPoweroff && !world_.set.hop_boots && alarm.range;
@@ -538,9 +543,11 @@ void sim_checks::came_up(bool boots) {
   if (was_timer_second_) // it may have been about to fire
     on_until_ = now() + kOrderMs + kLongestBootMs;
   const std::int64_t last = slept_through_;
-  if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ >= last)
+  if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ > last)
     return;
   on_until_ = now() + kOrderMs + kLongestBootMs;
+  if (off_due_ == last) // the order in which the daemon has them counts
+    return;
   // Without a slept time the daemon's own timers end at the wake-up, before anything is known. When
   // a machine went off that has told nobody is not known either: what it missed is over.
   if (world_.is_alive && world_.counts_sleep && is_down_known_ && !said_on_ && is_clock_known())
@@ -638,8 +645,6 @@ void sim_checks::check_line(const order::say &said) {
 
 // The last line may be lost with the process; what was about to fire is made up for.
 void sim_checks::process_ended() {
-  if (world_.is_alive && world_.m.armed)
-    ended_at_ = now();
   if (!expected_.empty())
     on_until_ = now() + kLateSeconds * kSecondMs;
   expected_.clear();
@@ -733,7 +738,7 @@ void sim_checks::note_user(const event::any &what) {
                       world_.seen_at >= world_.up_at && world_.m.power.now == phase::kAwake;
   const bool follows = world_.set.screen_follows && (world_.tv.has_cec || world_.tv.is_monitor);
   const bool comes_back = follows || (!has_spoken_ && is_sent_off_);
-  is_welcomed_ = is_welcomed_ || (is_key && comes_back && !said_on_);
+  is_welcomed_ = is_welcomed_ || (is_key && comes_back && (!said_on_ || is_sent_off_));
 }
 
 void sim_checks::note_television(const event::any &what) {

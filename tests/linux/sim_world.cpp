@@ -172,7 +172,7 @@ void sim::write_foreign(std::int64_t ahead) {
   if (!alarm.is_there || is_ours || alarm.switch_off() != 0)
     return;
   foreign_at = now;
-  foreign.reset();
+  forgotten = std::exchange(foreign, {});
   foreign_stands = false;
   if (ahead == 0 || alarm.write(now, alarm.count(now) + ahead) != 0 || alarm.stands() == 0)
     return;
