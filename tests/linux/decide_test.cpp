@@ -866,3 +866,15 @@ TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   run.send(event::configured{set});
   EXPECT_FALSE(run.has(problem::kCannotSleep));
 }
+
+TEST(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload) {
+  awake_machine run({}, false);
+  run.send(event::screen_wanted{false, event::asker::kDaemon});
+  for (const off_action off : {off_action::kPoweroff, off_action::kNone}) {
+    settings set;
+    set.off = off;
+    run.send(event::configured{set});
+    EXPECT_EQ(run.m.sleep.method, off);
+  }
+  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone);
+}
