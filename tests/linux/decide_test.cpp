@@ -857,6 +857,22 @@ TEST(Decide, ATestOfASleepThatOnlyItsCountShows_HasTheLengthOfTheSleep) {
   EXPECT_EQ(run.last<order::answer>().seconds, 100);
 }
 
+TEST(Decide, AStandby_EndsTheQuestionsOfAnOrder_AndOneThatFailsAsksAgain) {
+  settings set;
+  set.screen_follows = true;
+  awake_machine run(set);
+  run.send(event::screen_wanted{true, event::asker::kBus});
+  run.m.screen.believed = screen_state::kOn;
+  run.send(event::sleep_begins{});
+  EXPECT_EQ(run.m.screen.believed, screen_state::kUnknown);
+  EXPECT_FALSE(run.m.screen.pending);
+  EXPECT_EQ(due_at(run.m, due_kind::kScreenStep), kNever);
+  run.given.clear();
+  run.send(event::sleep_ends{});
+  EXPECT_EQ(run.count<order::tv_ask>(), 1);
+  EXPECT_EQ(due_at(run.m, due_kind::kLeaving), kNever);
+}
+
 TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   awake_machine run;
   run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});
