@@ -321,7 +321,7 @@ TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
     run.m.alarm.range = 23LL * 3600;
     run.send(event::program{0, kNow + 3 * kOneDay, 0});
     EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kHop);
-    run.send(event::shutdown_begins{});
+    run.send(event::preparing{false, true});
     EXPECT_EQ(run.alarm != 0, hop_boots);
     EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
     EXPECT_EQ(run.last<order::say>().what == order::saying::kHopWillNotBoot, !hop_boots);
@@ -358,15 +358,20 @@ TEST(Decide, WhoeverSwitchesOurAlarmOff_DoesNotWantTheLaterOneEither) {
 }
 
 TEST(Decide, AMachineThatNobodyKnownWakesAtOnce_AgainAndAgain_SleepsALittleLess) {
-  awake_machine run;
-  for (int times = 1; times <= 4; ++times) {
-    run.sleep(59);
-    EXPECT_EQ(run.has(problem::kWakesLoop), times == 4);
-    EXPECT_EQ(run.m.power.pause_until, times == 4 ? run.now.boot + 900 * kSecondMs : 0);
+  for (const bool by_user : {true, false}) {
+    awake_machine run;
+    for (int times = 1; times <= 4; ++times) {
+      run.sleep(59);
+      EXPECT_EQ(run.has(problem::kWakesLoop), times == 4);
+      EXPECT_EQ(run.m.power.pause_until, times == 4 ? run.now.boot + 900 * kSecondMs : 0);
+    }
+    if (by_user)
+      run.send(event::input{run.now.boot});
+    else
+      run.sleep(60);
+    EXPECT_FALSE(run.has(problem::kWakesLoop));
+    EXPECT_EQ(run.m.power.pause_until, 0);
   }
-  run.sleep(60);
-  EXPECT_FALSE(run.has(problem::kWakesLoop));
-  EXPECT_EQ(run.m.power.pause_until, 0);
 }
 
 TEST(Decide, ATest_IsRefused_WhenSomethingIsInTheWay) {
@@ -537,9 +542,11 @@ TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForASleep)
   awake_machine run({}, false);
   run.read_error = EIO;
   run.send(event::program{0, kNow + 5000, 0});
-  for (const std::int64_t seconds : {0, 1, 10, 60}) {
+  run.send(event::idle{});
+  for (const std::int64_t seconds : {1, 10, 60}) {
+    EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), run.now.boot + seconds * kSecondMs);
     run.pass(seconds);
-    run.send(seconds == 0 ? event::any(event::idle{}) : event::due{});
+    run.send(event::due{});
   }
   EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), kNever);
   run.send(event::screen_wanted{false, event::asker::kDaemon});
@@ -565,6 +572,7 @@ TEST(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince) {
     run.now = {kNow + 1045, 60 * kSecondMs, slept * kSecondMs, sleeps, 0};
     run.send(boot);
     EXPECT_EQ(run.m.woken.by, slept + sleeps == 0 ? cause::kTimer : cause::kUser);
+    EXPECT_EQ(run.last<order::say>().what, order::saying::kBooted);
   }
 }
 
