@@ -263,6 +263,7 @@ TEST_F(Platform, WakesForATimer_BeforeTheDaemonActs_AndGoesBackToSleep) {
   EXPECT_EQ(seen(), "wakeup 33; time update; Inhibit 'sleep:shutdown'");
   EXPECT_EQ(device_power_get_wakeup_reason(), 33);
   EXPECT_EQ(property("LastWake"), "(uint64 1800003585, 'timer')");
+  EXPECT_NEAR(std::stod(property("SleepsAt").substr(7)), kNow + 3600 + 120, 2);
   device_power_set_wakeup_reason(33);
   EXPECT_EQ(seen(), "RestartUnit 'dravel-wakeup@33.target'");
 }
