@@ -65,7 +65,7 @@ struct awake_machine {
   }
 
   void carry_out(const order::read_alarm &) {
-    send(event::alarm_read{{0, false, false, now.utc, alarm}});
+    send(event::alarm_read{{read_error, false, false, now.utc, alarm}});
   }
   void carry_out(const order::write_alarm &o) {
     alarm = refusal == 0 ? o.count : 0;
@@ -81,7 +81,7 @@ struct awake_machine {
   moment now{kNow, 3600 * kSecondMs, 0, 0, 0};
   std::vector<order::any> given;
   std::int64_t alarm = 0;
-  int refusal = 0;
+  int refusal = 0, read_error = 0;
   std::int64_t next_transition = 0;
   event::late_timers late;
 };
@@ -513,15 +513,39 @@ TEST(Decide, AnAlarmThatGoesOffBeforeTheSleep_IsWaitedFor) {
   }
 }
 
-TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing) {
-  awake_machine run;
+TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForASleep) {
+  awake_machine run({}, false);
+  run.read_error = EIO;
   run.send(event::program{0, kNow + 5000, 0});
-  run.send(event::alarm_read{{EIO, false, false, 0, 0}});
+  for (const std::int64_t seconds : {0, 1, 10, 60}) {
+    run.pass(seconds);
+    run.send(seconds == 0 ? event::any(event::idle{}) : event::due{});
+  }
+  EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), kNever);
   run.send(event::screen_wanted{false, event::asker::kDaemon});
-  run.send(event::tv_reports{event::tv_state::kOff});
   run.send(event::job_began{1, unit::kOff});
   run.send(event::job_ended{1});
   EXPECT_EQ(run.m.sleep.why, postponed::kNoAlarm);
+  run.send(event::idle{});
+  EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), run.now.boot + kSecondMs);
+}
+
+TEST(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince) {
+  const struct {
+    std::int64_t slept; // seconds
+    std::uint32_t sleeps;
+  } rows[] = {{0, 0}, {0, 1}, {1, 0}};
+  for (const auto &[slept, sleeps] : rows) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    event::started boot;
+    boot.kept = run.m;
+    boot.has_kept = true;
+    boot.device.clock = kNow + 985 + 60;
+    run.now = {kNow + 1045, 60 * kSecondMs, slept * kSecondMs, sleeps, 0};
+    run.send(boot);
+    EXPECT_EQ(run.m.woken.by, slept + sleeps == 0 ? cause::kTimer : cause::kUser);
+  }
 }
 
 TEST(Decide, ATest_EndsWhenAnOnTimeIsSetBeforeItSleeps) {
@@ -723,6 +747,30 @@ TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
   run.pass(2);
   run.send(event::due{});
   EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
+}
+
+TEST(Decide, AUnitThatARestartHasLost_IsNotStarted_WhenTheOppositeIsOrdered) {
+  for (const bool is_undone : {false, true}) {
+    awake_machine run({}, false);
+    run.send(event::screen_wanted{true, event::asker::kBus});
+    run.send(event::ambient{true});
+    event::started again;
+    again.kept = run.m;
+    again.has_kept = again.same_boot = true;
+    run.send(again);
+    if (is_undone) {
+      run.send(event::screen_wanted{false, event::asker::kBus});
+      run.send(event::ambient{false});
+    }
+    run.send(event::armed{});
+    run.send(event::test_wake{1, 100});
+    EXPECT_EQ(run.m.sleep.stage == wish_stage::kAsking, is_undone) << "not before they run";
+    run.given.clear();
+    run.pass(2);
+    run.send(event::due{});
+    EXPECT_EQ(run.m.sleep.stage, wish_stage::kAsking);
+    EXPECT_EQ(run.count<order::start_unit>(), is_undone ? 0 : 2);
+  }
 }
 
 // Nor has one that is old: it has ended another sleep, which looks like this one.

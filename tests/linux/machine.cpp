@@ -353,7 +353,8 @@ private:
 
 } // namespace
 
-void hear(const event::any &what) { happened(std::visit(event_words{}, what)); }
+// The sink of adapters without the shell.
+static void hear(const event::any &what) { happened(std::visit(event_words{}, what)); }
 
 // --- the sandbox ---
 
@@ -389,6 +390,7 @@ static void set_environment() {
 }
 
 Machine::Machine() {
+  happens = hear;
   EXPECT_EQ(bus_events(), nullptr) << "each case needs a process of its own: use ctest";
   make_files();
   set_environment();

@@ -121,6 +121,7 @@ struct sim {
   bool watches_input = false;
   millis job_runs = kSecondMs; // a job of a dravel-wakeup@ target
   std::map<std::uint32_t, std::pair<unit, millis>> jobs;
+  std::vector<std::uint32_t> frozen_jobs; // that go on after a sleep
   bool ntp_on = true, ntp_synchronised = true, rtc_valid = true;
   std::uint32_t refused = 0; // orders that are: bits of their place in order::any
   settings set;
@@ -144,6 +145,7 @@ struct sim {
   void change_use();
   void tell_use(bool is_answer);
   void start_job(unit of, millis runs);
+  void end_job(std::uint32_t id);
   device_reading read_device() const;
   void tell_reachable();
   void press_key();

@@ -14,6 +14,7 @@ static constexpr millis kDoubtMs = 11 * kSecondMs; // and one until then perhaps
 static constexpr millis kAnswerMs = 3 * kSecondMs; // waited for
 static constexpr millis kAskedMs = 5 * kSecondMs;
 static constexpr millis kUnseenMs = kSecondMs;
+static constexpr millis kNoticedMs = 2 * kSecondMs; // until an alarm that passes is looked at
 static constexpr millis kBeliefMs = 15 * kSecondMs; // a television is asked 10 s before an on-time
 static constexpr millis kReturnSlackMs = 30 * kSecondMs;
 static constexpr millis kRetries[] = {30, 60, 300, 900}; // seconds
@@ -269,6 +270,7 @@ void sim_checks::ordered(const order::any &what) {
     turned_on_at_ = turns_on ? now() : turned_on_at_;
     expected_.clear();
     is_ordered_on_ = true;
+    is_sent_off_ = false;
     stays_at_ = -1;
     // A refused order leaves it unknown: an on-timer must not take it for on.
     if (turns_on && !world_.tv.has_cec && !world_.tv.is_monitor)
@@ -280,11 +282,14 @@ void sim_checks::ordered(const order::any &what) {
   if (std::holds_alternative<order::tv_off>(what) ||
       (start != nullptr && start->name == unit::kOff)) {
     is_ordered_on_ = false;
+    is_sent_off_ = true;
     said_on_ = false;
   }
   if (start != nullptr)
     if (const auto found = std::ranges::find(lost_units_, start->name); found != lost_units_.end())
       lost_units_.erase(found);
+  if (start != nullptr && (turns_on || start->name == unit::kOff)) // the opposite is not wanted now
+    std::erase(lost_units_, turns_on ? unit::kOff : unit::kOn);
   if (std::holds_alternative<order::tv_ask>(what)) {
     asked_at_ = now();
     is_silent_ = !world_.tv.answers() || refuses<order::tv_ask>(world_);
@@ -509,6 +514,7 @@ void sim_checks::came_up(bool boots) {
   is_clock_set_ = is_clock_set_ && !boots;
   said_on_ = said_on_ && !boots;
   has_spoken_ = has_spoken_ && !boots;
+  is_sent_off_ = is_sent_off_ && !boots;
   if (boots) {
     has_line_ = {};
     sleeps_.clear(); // an alarm or somebody has booted it: that is no loop
@@ -539,8 +545,8 @@ void sim_checks::came_up(bool boots) {
 bool sim_checks::is_alarm_near() const {
   const bool is_other = world_.up_by == cause::kUser || world_.up_by == cause::kNothing;
   const bool has_woken = off_went_at_ == world_.up_at && !is_other;
-  const bool has_passed = off_went_at_ >= world_.down_at && off_went_at_ <= world_.up_at &&
-                          !has_woken &&
+  const bool has_passed = off_went_at_ >= world_.down_at - kNoticedMs &&
+                          off_went_at_ <= world_.up_at && !has_woken &&
                           off_went_at_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
   return left_at_up_ <= kNearSeconds || has_passed;
 }
@@ -621,9 +627,16 @@ void sim_checks::check_line(const order::say &said) {
   has_line = begins;
 }
 
-// The last line may be lost with the process.
+// The last line may be lost with the process; what was about to fire is made up for.
 void sim_checks::process_ended() {
+  if (!expected_.empty())
+    on_until_ = now() + kLateSeconds * kSecondMs;
   expected_.clear();
+  const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
+    return one.id == kStarting && (one.of == unit::kOn || one.of == unit::kOff);
+  });
+  if (!world_.tv.has_cec && is_starting) // perhaps: nobody has seen its job
+    said_on_ = false;
   for (std::size_t part = 0; part < kProblems; ++part)
     has_line_[part] = world_.stored.problems[part] != 0;
 }
@@ -635,6 +648,8 @@ void sim_checks::lost(const order::any &what) {
   if (start == nullptr)
     return;
   lost_units_.push_back(start->name);
+  if (start->name == unit::kOn || start->name == unit::kOff)
+    is_sent_off_ = start->name == unit::kOff;
   if (!world_.tv.has_cec && (start->name == unit::kOn || start->name == unit::kOff))
     said_on_ = false; // a sleep may come before it is started again
 }
@@ -704,7 +719,8 @@ void sim_checks::note_clock(const event::any &what) {
 void sim_checks::note_user(const event::any &what) {
   const bool is_key = std::holds_alternative<event::input>(what) &&
                       world_.seen_at >= world_.up_at && world_.m.power.now == phase::kAwake;
-  const bool comes_back = world_.set.screen_follows || !has_spoken_;
+  const bool follows = world_.set.screen_follows && (world_.tv.has_cec || world_.tv.is_monitor);
+  const bool comes_back = follows || (!has_spoken_ && is_sent_off_);
   is_welcomed_ = is_welcomed_ || (is_key && comes_back && !said_on_);
 }
 

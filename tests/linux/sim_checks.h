@@ -103,6 +103,7 @@ private:
   bool is_clock_set_ = false, said_on_ = false;  // in this boot; by the television, last
   bool is_ordered_on_ = false, is_test_ = false; // the screen; the sleep
   bool is_seen_on_ = false;                      // the television, since the wake-up
+  bool is_sent_off_ = false;                     // the screen, by the last order in this boot
   bool is_welcomed_ = false;                     // a user, by a screen that comes back
   bool timer_went_off_ = false, was_right_ = false, is_silent_ = false;
   millis credited_at_ = -1;

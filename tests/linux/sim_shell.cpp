@@ -188,10 +188,14 @@ void sim::start_job(unit of, millis runs) {
   const std::uint32_t id = next_job_++;
   jobs[id] = {of, now};
   answer(event::job_began{id, of});
-  world_at(now + 3 * bus_ms + runs, [this, id] {
-    if (state == life::kRunning && jobs.erase(id) != 0)
-      answer(event::job_ended{id});
-  });
+  world_at(now + 3 * bus_ms + runs, [this, id] { end_job(id); });
+}
+
+void sim::end_job(std::uint32_t id) {
+  if (state == life::kAsleep)
+    frozen_jobs.push_back(id);
+  else if (jobs.erase(id) != 0)
+    answer(event::job_ended{id});
 }
 
 // A daily timer may be armed for its next day already.

@@ -1,6 +1,7 @@
 #include "sim.h"
 
 #include <algorithm>
+#include <utility>
 
 static constexpr millis kBootMs = 30 * kSecondMs; // until the process starts
 static constexpr millis kFailsAfterMs = 1500;
@@ -31,10 +32,14 @@ void sim::answer(const event::any &what) {
   process_at(now + bus_ms * (1 + answers_++ % 3), [this, what] { send(what); });
 }
 
-// Signals of logind stay in their order.
+// Signals of logind stay in their order. One of a sleep that is over may be taken for the next.
 void sim::signal(const event::any &what) {
   signal_at_ = std::max(signal_at_, now + bus_ms * (1 + answers_++ % 3));
-  process_at(signal_at_, [this, what] { send(what); });
+  process_at(signal_at_, [this, what, number = sleep_] {
+    if (number != sleep_)
+      checks.tampered();
+    send(what);
+  });
 }
 
 // --- sleep and shutdown ---
@@ -131,6 +136,8 @@ void sim::wake(cause by) {
   note("- up");
   checks.came_up(false);
   process_at(now + 3, [this] { send(event::clock_stepped{}); });
+  for (const std::uint32_t id : std::exchange(frozen_jobs, {}))
+    world_at(now + kSecondMs, [this, id] { end_job(id); });
   if (!is_alive) // the service manager did not get to it before
     world_at(now + kSecondMs, [this] { start_process(); });
   if (!was_announced_)
