@@ -550,7 +550,7 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
       Note: x: timers[0]: it repeats at 07:00 of its clock
     eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x -j => 0 "changed":true,
     one_period; file $seven "$christmas,"'{"first":{"month":1,"day":1},"last":{"month":1,"day":1}}' -> \
-      ctl apply x => 1 Added holidays 24 Dec to 25 Dec.\nRefused: holidays 1 Jan to 1 Jan: dravel-manager
+      ctl apply x => 1 Added holidays 24 Dec to 25 Dec.\nRefused: holidays 1 Jan: dravel-manager
     eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x => 0 \
       (on, Mon, 07:00).\nAdded off
     eighty; file $off '' '"types":["off"],' -> ctl apply x => 1 81 timers would be listed
