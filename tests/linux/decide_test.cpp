@@ -68,7 +68,7 @@ struct awake_machine {
     send(event::alarm_read{{read_error, false, false, now.utc, alarm}});
   }
   void carry_out(const order::write_alarm &o) {
-    alarm = refusal == 0 ? o.count : 0;
+    alarm = refusal == 0 ? o.count : refusal == EBUSY ? alarm : 0;
     send(event::alarm_written{o.count, refusal});
   }
   void carry_out(const order::switch_off_alarm &) { send(event::alarm_written{alarm = 0, 0}); }
@@ -330,11 +330,12 @@ TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
 
 TEST(Decide, ARefusedAlarm_IsTriedAgain_AtIdleAndUntilTheStandbyIsOver) {
   awake_machine run;
-  run.refusal = EIO;
+  run.alarm = kNow + 5000;
+  run.refusal = EIO; // which switches off what stood
   run.send(event::program{0, kNow + 1000, 0});
   EXPECT_TRUE(run.m.wants_idle);
   run.send(event::idle{});
-  EXPECT_EQ(run.count<order::write_alarm>(), 2);
+  EXPECT_EQ(run.count<order::write_alarm>(), 4) << "ours, and the other one";
   run.send(event::sleep_begins{});
   for (int half = 0; half < 8; ++half) {
     EXPECT_EQ(run.count<order::release_inhibitor>(), 0);
@@ -343,19 +344,48 @@ TEST(Decide, ARefusedAlarm_IsTriedAgain_AtIdleAndUntilTheStandbyIsOver) {
   }
   EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
   EXPECT_GE(run.count<order::write_alarm>(), 9);
+  EXPECT_EQ(run.m.alarm.foreign.count, kNow + 5000);
+}
+
+TEST(Decide, WhoeverSwitchesOurAlarmOff_DoesNotWantTheLaterOneEither) {
+  awake_machine run;
+  run.alarm = kNow + 5000;
+  run.send(event::program{0, kNow + 1000, 0});
+  run.alarm = 0;
+  run.send(event::clock_stepped{});
+  EXPECT_EQ(run.alarm, kNow + 985);
+  EXPECT_EQ(run.m.alarm.foreign.owner, alarm_owner::kNone);
+}
+
+TEST(Decide, AMachineThatNobodyKnownWakesAtOnce_AgainAndAgain_SleepsALittleLess) {
+  awake_machine run;
+  for (int times = 1; times <= 4; ++times) {
+    run.sleep(59);
+    EXPECT_EQ(run.has(problem::kWakesLoop), times == 4);
+    EXPECT_EQ(run.m.power.pause_until, times == 4 ? run.now.boot + 900 * kSecondMs : 0);
+  }
+  run.sleep(60);
+  EXPECT_FALSE(run.has(problem::kWakesLoop));
+  EXPECT_EQ(run.m.power.pause_until, 0);
 }
 
 TEST(Decide, ATest_IsRefused_WhenSomethingIsInTheWay) {
   const struct {
-    std::int64_t seconds, on_time;
+    std::int64_t seconds, on_time, foreign;
     std::uint8_t blocked;
     int error;
   } rows[] = {
-      {19, 0, 0, ERANGE},       {3601, 0, 0, ERANGE},   {60, kNow + 179, 0, EBUSY},
-      {60, 0, kIdleBit, EBUSY}, {60, kNow + 180, 0, 0}, {20, 0, 0, 0},
+      {19, 0, 0, 0, ERANGE},
+      {3601, 0, 0, 0, ERANGE},
+      {60, kNow + 179, 0, 0, EBUSY},
+      {60, 0, kNow + 179, 0, EBUSY},
+      {60, 0, 0, kIdleBit, EBUSY},
+      {60, kNow + 180, kNow + 180, 0, 0},
+      {20, 0, 0, 0, 0},
   };
   for (const auto &row : rows) {
     awake_machine run;
+    run.alarm = row.foreign;
     run.send(event::program{0, row.on_time, 0});
     run.send(event::use_changed{0, 0, row.blocked, kSleepBit, 5000, false});
     run.send(event::test_wake{7, row.seconds});
@@ -364,6 +394,16 @@ TEST(Decide, ATest_IsRefused_WhenSomethingIsInTheWay) {
     run.send(event::test_wake{8, row.seconds});
     EXPECT_EQ(run.last<order::answer>().error, row.error == 0 ? EALREADY : row.error);
   }
+}
+
+TEST(Decide, ATestWhoseAlarmTheDeviceDoesNotTake_DoesNotSleep) {
+  awake_machine run;
+  run.send(event::program{0, kNow + 5000, 0});
+  run.refusal = EBUSY; // the alarm of the timer still stands
+  run.send(event::test_wake{7, 100});
+  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+  EXPECT_EQ(run.count<order::sleep>(), 0);
+  EXPECT_EQ(run.last<order::answer>().error, EBUSY);
 }
 
 TEST(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor) {
@@ -427,6 +467,8 @@ TEST(Decide, AnAlarmThatTheFirmwareSwitchesOff_DoesNotTakeTheForeignOneWithIt) {
   boot.device.clock = run.now.utc;
   run.alarm = 0;
   run.send(boot);
+  run.send(event::unprogram{});
+  EXPECT_EQ(run.m.alarm.wanted.on_time, kNow + 1000) << "the daemon does not know yet";
   run.send(event::armed{});
   run.send(event::unprogram{});
   run.send(event::idle{});
@@ -625,7 +667,8 @@ TEST(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake) {
     if (by_hand)
       run.send(event::screen_wanted{false, event::asker::kBus});
     run.send(event::tv_reports{event::tv_state::kOff});
-    EXPECT_EQ(due_at(run.m, due_kind::kReturn) == kNever, by_hand);
+    const std::int64_t after_on_time = run.now.boot + (15 + 120) * kSecondMs;
+    EXPECT_EQ(due_at(run.m, due_kind::kReturn), by_hand ? kNever : after_on_time);
   }
 }
 
@@ -679,6 +722,7 @@ TEST(Decide, ASleepThatFails_IsTriedAgain_LessAndLessOften_AfterNinetySecondsOfH
   run.pass(89);
   run.send(event::due{});
   EXPECT_EQ(run.m.sleep.why, postponed::kHook);
+  EXPECT_FALSE(run.m.use.watched) << "nobody who comes changes it yet";
   run.pass(1);
   for (const std::int64_t seconds : {30, 60, 300, 900, 900}) {
     run.send(event::due{});
@@ -704,9 +748,11 @@ TEST(Decide, AClockThatIsNotSynchronised_IsAskedEveryFiveMinutes_UntilItIs) {
     run.given.clear();
     run.send(event::due{});
     EXPECT_EQ(run.count<order::ask_clock>(), 1);
-    run.send(event::ntp{true, false, true});
+    if (seconds != 60) // one answer is lost
+      run.send(event::ntp{true, false, true});
   }
   run.send(event::ntp{true, true, true});
+  EXPECT_EQ(run.last<order::deliver>().callback, delivery::kTimeUpdate);
   EXPECT_EQ(due_at(run.m, due_kind::kAskClock), kNever);
   run.given.clear();
   run.send(event::ntp{true, false, true}); // for a while after each sleep

@@ -101,7 +101,9 @@ struct sim {
   // --- devices, services, people ---
 
   sim_register alarm;
-  std::optional<std::int64_t> foreign;   // the last foreign write that is ahead, as a count
+  std::optional<std::int64_t> foreign; // the last foreign write that is ahead, as a count
+  // One that was wanted when another program switched off ours: nobody knows, once ours has passed.
+  std::optional<std::int64_t> forgotten;
   bool foreign_stands = false;           // it is what the register holds
   millis foreign_at = -kDay * kSecondMs; // written
   sim_television tv;
@@ -146,7 +148,7 @@ struct sim {
   void tell_use(bool is_answer);
   void start_job(unit of, millis runs);
   void end_job(std::uint32_t id);
-  device_reading read_device() const;
+  device_reading read_device();
   void tell_reachable();
   void press_key();
   void step_clock(millis by);

@@ -20,8 +20,10 @@ moment sim::this_moment() const {
 
 void sim::world_at(millis when, action what) { world_.emplace(when, std::move(what)); }
 
+// What comes while the machine sleeps waits until it wakes.
 void sim::process_at(millis when, action what) {
-  process_.emplace(when, [this, run = run_, what = std::move(what)] {
+  const millis slept_by = state == life::kAsleep ? now - down_at : 0;
+  process_.emplace(when - slept_by, [this, run = run_, what = std::move(what)] {
     if (is_alive && run == run_)
       what();
   });
@@ -91,7 +93,7 @@ void sim::go_down(off_action by, bool is_announced) {
   if (state != life::kRunning || is_called_off_)
     return;
   ++sleep_;
-  const bool is_ready = is_alive && m.armed && checks.has_released(begun_at());
+  const bool is_ready = is_announced && is_alive && m.armed && checks.has_released(begun_at());
   method = by;
   if (fails > 0 && method != off_action::kPoweroff) {
     --fails;
@@ -170,7 +172,7 @@ void sim::write_foreign(std::int64_t ahead) {
   if (!alarm.is_there || is_ours || alarm.switch_off() != 0)
     return;
   foreign_at = now;
-  foreign.reset();
+  forgotten = std::exchange(foreign, {});
   foreign_stands = false;
   if (ahead == 0 || alarm.write(now, alarm.count(now) + ahead) != 0 || alarm.stands() == 0)
     return;
