@@ -424,28 +424,6 @@ TEST(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor) {
   EXPECT_EQ(due_at(run.m, due_kind::kTransition), run.now.boot + 995 * kSecondMs);
 }
 
-TEST(Decide, ATransitionThatAnotherEventMeets_IsTold_AndTheNextIsAskedFor) {
-  const struct {
-    event::any what;
-    bool sleeps;
-  } rows[] = {{event::ambient{}, false}, {event::clock_stepped{}, false}, {event::due{}, true}};
-  for (const auto &row : rows) {
-    awake_machine run;
-    run.send(event::zone_changed{kNow + 5, true});
-    run.next_transition = kNow + 1000;
-    if (row.sleeps)
-      run.sleep(60);
-    else
-      run.pass(6);
-    run.send(row.what);
-    EXPECT_TRUE(std::ranges::any_of(run.given, [](const order::any &one) {
-      const auto *told = std::get_if<order::deliver>(&one);
-      return told != nullptr && told->callback == delivery::kTimeSet;
-    })) << &row - rows;
-    EXPECT_EQ(run.m.clock.next_transition, kNow + 1000) << &row - rows;
-  }
-}
-
 // A hop, which passes in the second of another event.
 TEST(Decide, AnAlarmThatPasses_IsSetAgain_WhateverEventComesFirst) {
   awake_machine run;
@@ -887,4 +865,16 @@ TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   set.off = off_action::kPoweroff;
   run.send(event::configured{set});
   EXPECT_FALSE(run.has(problem::kCannotSleep));
+}
+
+TEST(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload) {
+  awake_machine run({}, false);
+  run.send(event::screen_wanted{false, event::asker::kDaemon});
+  for (const off_action off : {off_action::kPoweroff, off_action::kNone}) {
+    settings set;
+    set.off = off;
+    run.send(event::configured{set});
+    EXPECT_EQ(run.m.sleep.method, off);
+  }
+  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone);
 }
