@@ -44,9 +44,7 @@ static std::string numbered_line_of(const timer_record &timer) {
   return "timer " + std::to_string(timer.id) + " (" + line_of(timer) + ")";
 }
 
-static std::string line_of(const holiday &period) {
-  return "holidays " + date_text(period.first) + " to " + date_text(period.last);
-}
+static std::string line_of(const holiday &period) { return "holidays " + date_text(period); }
 
 static bool is_same(const holiday &a, const holiday &b) { return line_of(a) == line_of(b); }
 

@@ -109,8 +109,7 @@ static void tell_when(explanation &told, const timer_record &timer, const snapsh
   if (timer.week_flag != 0 && !told.firings.empty())
     tell_repeating(told, view);
   for (const clash &clash : clashes_of(timer.id, ahead.firings))
-    if (const std::string text = clash.text(view); !text.empty())
-      told.sentences.push_back(sentence(text));
+    told.sentences.push_back(sentence(clash.text(view)));
 }
 
 // --- what it does ---

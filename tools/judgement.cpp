@@ -71,21 +71,14 @@ void note_eviction(std::vector<std::string> &notes, const timer_record &timer, c
 
 // --- several timers in one second ---
 
-clash clash_of(const firing &firing) {
-  if (firing.passed.empty())
-    return {firing.at, {}};
-  clash clash{firing.at, firing.passed};
-  clash.ids.push_back(firing.id);
-  std::ranges::sort(clash.ids);
-  return clash;
-}
-
 std::vector<clash> clashes_of(int id, const std::vector<firing> &firings) {
   std::vector<clash> clashes;
   for (const firing &firing : firings) {
-    const clash found = clash_of(firing);
+    clash found{firing.at, firing.passed};
+    found.ids.push_back(firing.id);
+    std::ranges::sort(found.ids);
     const bool concerns = id == 0 || std::ranges::find(found.ids, id) != found.ids.end();
-    if (concerns && !found.ids.empty() &&
+    if (concerns && found.ids.size() > 1 &&
         std::ranges::find(clashes, found.ids, &clash::ids) == clashes.end())
       clashes.push_back(found);
   }
@@ -118,13 +111,10 @@ std::string clash::text(const snapshot &view) const {
   std::vector<int> others;
   bool is_on = false;
   for (const int id : ids) {
-    const timer_record *timer = find_timer(view.timers, id);
-    const int type = timer != nullptr ? timer->type : TIMER_TYPE_OFF;
+    const int type = find_timer(view.timers, id)->type;
     (type == TIMER_TYPE_TRANSIENT ? transient : others).push_back(id);
     is_on = is_on || is_ontimer_type(type);
   }
-  if (others.empty() || ids.size() < 2)
-    return "";
   std::string what = "only one of them will fire, and which one is not certain";
   if (!transient.empty())
     what = names_of(transient) + " fires, and " +
@@ -222,7 +212,6 @@ std::vector<std::string> notes_of(timer_record timer, const snapshot &view) {
   if (timer.week_flag == 0 && is_moved && *next - view.now.set > days(1))
     notes.push_back(note_of_day(timer, *next, view, ahead));
   for (const clash &clash : clashes_of(kUnlisted, ahead.firings))
-    if (const std::string text = clash.text(with); !text.empty())
-      notes.push_back(sentence(text));
+    notes.push_back(sentence(clash.text(with)));
   return notes;
 }

@@ -21,11 +21,9 @@ struct clash {
   civil_time at;
   std::vector<int> ids; // sorted
 
-  std::string text(const snapshot &view) const; // empty when all of them fire
+  std::string text(const snapshot &view) const;
 };
 
-// The clash that `firing` is; no ids when it is none.
-clash clash_of(const firing &firing);
 // The clashes of one timer, or of all for id 0; each company of timers once, with its first second.
 std::vector<clash> clashes_of(int id, const std::vector<firing> &firings);
 

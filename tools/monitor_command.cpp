@@ -214,8 +214,7 @@ static void tell_holiday(listener &self, const char *event, int id,
   const bool is_known = found != known.end(); // not when they are gone already
   tell(self, std::string("holidays-") + event,
        {{"id", id}, {"holidays", is_known ? json_of(*found) : json()}},
-       "holidays " + std::to_string(id) + " " + event +
-           (is_known ? ": " + date_text(found->first) + " to " + date_text(found->last) : ""));
+       "holidays " + std::to_string(id) + " " + event + (is_known ? ": " + date_text(*found) : ""));
 }
 
 static void tell_holidays(listener &self, const std::vector<int> &ids) {

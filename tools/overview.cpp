@@ -34,8 +34,7 @@ static json timers_of(const snapshot &view) {
     if (!view.armed.contains(timer.id))
       object["notes"].push_back(sentence("it is not armed: " + reason_unarmed(timer, view)));
     for (const clash &clash : clashes_of(timer.id, firings))
-      if (const std::string text = clash.text(view); !text.empty())
-        object["notes"].push_back(sentence(text));
+      object["notes"].push_back(sentence(clash.text(view)));
     list.push_back(object);
   }
   return list;
@@ -50,17 +49,11 @@ static json dates_of(const holiday &period, const snapshot &view) {
   return list;
 }
 
-static std::string text_of(const holiday &period) {
-  const std::string from = date_text(period.first);
-  const std::string until = date_text(period.last);
-  return from == until ? from : from + " to " + until;
-}
-
 static json holidays_of(const snapshot &view) {
   json list = json::array();
   for (const holiday &period : view.holidays) {
     json object = json_of(period);
-    object["text"] = text_of(period);
+    object["text"] = date_text(period);
     object["dates"] = dates_of(period, view);
     object["skipped_by"] = json::array();
     for (const timer_record &timer : view.timers)

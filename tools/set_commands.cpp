@@ -228,10 +228,8 @@ int add_holiday(client &client, const holiday &holiday, civil_time now) {
 }
 
 const holiday *find_same(const holiday &wanted, const std::vector<holiday> &holidays) {
-  const auto found = std::ranges::find_if(holidays, [&](const holiday &other) {
-    return date_text(other.first) == date_text(wanted.first) &&
-           date_text(other.last) == date_text(wanted.last);
-  });
+  const auto found = std::ranges::find_if(
+      holidays, [&](const holiday &other) { return date_text(other) == date_text(wanted); });
   return found != holidays.end() ? &*found : nullptr;
 }
 
@@ -241,12 +239,6 @@ static std::vector<holiday> parts_of(const holiday &period) {
     return {period};
   return {{.first = period.first, .last = {.month = 12, .day = 31}},
           {.first = {}, .last = period.last}};
-}
-
-static std::string span_text_of(const holiday &period) {
-  const std::string first = date_text(period.first);
-  const std::string last = date_text(period.last);
-  return first == last ? first : first + " to " + last;
 }
 
 // A refusal names those that were added before it.
@@ -311,7 +303,7 @@ void add_holidays(client &client, const options &given) {
     } else {
       part.id = add_one_more(client, part, before.now.set, added);
       added.push_back(json_of(part));
-      text += "Holidays " + std::to_string(part.id) + " are added: " + span_text_of(part) + ".\n";
+      text += "Holidays " + std::to_string(part.id) + " are added: " + date_text(part) + ".\n";
     }
     about = added.empty() ? json_of(part) : added[0];
   }
@@ -361,7 +353,7 @@ static std::vector<named_holiday> new_ones_of(const std::vector<calendar_entry> 
 
 static std::string text_of(const named_holiday &holiday, bool is_check) {
   const std::string what =
-      span_text_of(holiday.period) + (holiday.name.empty() ? "" : ", " + holiday.name);
+      date_text(holiday.period) + (holiday.name.empty() ? "" : ", " + holiday.name);
   return is_check ? "Would be added: " + what + ".\n"
                   : "Holidays " + std::to_string(holiday.period.id) + " are added: " + what + ".\n";
 }

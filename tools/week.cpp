@@ -169,6 +169,5 @@ void show_week(client &client, const options &given) {
     return say(true, json_of(firings, view), "");
   print_chart(chart_of(firings, view), view);
   for (const clash &clash : clashes_of(0, firings))
-    if (const std::string text = clash.text(view); !text.empty())
-      print_note(sentence(text));
+    print_note(sentence(clash.text(view)));
 }

@@ -67,6 +67,12 @@ std::string date_text(const holiday_end &end) {
                end.month >= 1 && end.month <= 12 ? kMonthWords[end.month - 1] : "?");
 }
 
+std::string date_text(const holiday &period) {
+  const std::string first = date_text(period.first);
+  const std::string last = date_text(period.last);
+  return first == last ? first : first + " to " + last;
+}
+
 static std::string date_of(sys_days day) {
   const year_month_day date(day);
   return print("%04d-%02u-%02u", int(date.year()), unsigned(date.month()), unsigned(date.day()));

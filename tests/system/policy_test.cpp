@@ -75,11 +75,19 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
                   testing::EndsWith(who >= least ? "answered\n" : "denied\n"))
           << kAsCaller[who] << method;
   // The checkout may lie below a directory that only its owner may enter.
-  EXPECT_THAT(shell(std::string("install -m 755 " DRAVELCTL " /run/bench/dravelctl\n"
-                                "DBUS_SYSTEM_BUS_ADDRESS=" POLICY_BUS " ") +
-                    kAsCaller[LOCAL_USER] + "/run/bench/dravelctl halt on")
-                  .said,
-              HasSubstr("you may not change the timers; members of the group dravel may;"));
+  EXPECT_THAT(
+      shell(std::string("install -m 755 " DRAVELCTL " /run/bench/dravelctl\nmkdir -m 777 b\n"
+                        "DBUS_SYSTEM_BUS_ADDRESS=" POLICY_BUS " ") +
+            kAsCaller[LOCAL_USER] +
+            "sh -c 'PATH=/run/bench:$PATH; dravelctl halt on; dravelctl check; "
+            "dravelctl overview; dravelctl backup b -j'")
+          .said,
+      testing::AllOf(
+          HasSubstr("you may not change the timers; members of the group dravel may;"),
+          HasSubstr("problem Group: you may not change the timers: members of the group"),
+          HasSubstr("\"may\":{\"change\":\"members of the group dravel may;"),
+          HasSubstr("{\"kind\":\"not-allowed\",\"what\":\"you may not copy the database\","
+                    "\"advice\":\"only root may\"}")));
 }
 
 } // namespace
