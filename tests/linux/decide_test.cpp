@@ -543,6 +543,7 @@ TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForASleep)
   run.read_error = EIO;
   run.send(event::program{0, kNow + 5000, 0});
   run.send(event::idle{});
+  EXPECT_TRUE(run.has(problem::kAlarmRead) && !run.has(problem::kNoDevice));
   for (const std::int64_t seconds : {1, 10, 60}) {
     EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), run.now.boot + seconds * kSecondMs);
     run.pass(seconds);
@@ -573,6 +574,7 @@ TEST(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince) {
     run.send(boot);
     EXPECT_EQ(run.m.woken.by, slept + sleeps == 0 ? cause::kTimer : cause::kUser);
     EXPECT_EQ(run.last<order::say>().what, order::saying::kBooted);
+    EXPECT_EQ(run.last<order::say>().number, static_cast<std::int64_t>(run.m.woken.by));
   }
 }
 
