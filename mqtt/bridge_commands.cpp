@@ -85,8 +85,10 @@ std::string bridge::carry_out(const command &command, const message &message) {
     throw failure{"apply must be published with the retain flag", "", fault::kUsage};
   if (message.retained)
     throw failure{"only apply may be published with the retain flag", "", fault::kUsage};
-  if (act->needs_id && command.id.empty())
+  if (act->needs_id && command.id.empty()) {
+    object_of(message);
     throw failure{command.name + " needs an id: it must not be done twice", "", fault::kUsage};
+  }
   return run_once(command, message, *act);
 }
 

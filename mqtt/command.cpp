@@ -41,7 +41,7 @@ command command_of(const message &message) {
   return {.name = name_of(message), .key = message.topic + " " + id, .id = id};
 }
 
-json body_of(const message &message, std::initializer_list<const char *> known) {
+json object_of(const message &message) {
   json body;
   try {
     body = parsed(message.payload);
@@ -51,6 +51,11 @@ json body_of(const message &message, std::initializer_list<const char *> known) 
   }
   if (!body.is_object())
     throw failure{"the message is no JSON object", "", fault::kUsage};
+  return body;
+}
+
+json body_of(const message &message, std::initializer_list<const char *> known) {
+  json body = object_of(message);
   for (const auto &[name, value] : body.items())
     if (name != "id" && std::ranges::find(known, name) == known.end())
       throw failure{"this command has no member " + name, "", fault::kUsage};

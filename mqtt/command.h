@@ -18,7 +18,9 @@ std::string name_of(const message &message); // of the command
 // Nothing is checked but the id: one that is too long, or no text, counts as none.
 command command_of(const message &message);
 
-// The object in the message, of no other members than `known`. Throws a failure.
+// The object in the message. Throws a failure.
+json object_of(const message &message);
+// The same, which has no other members than `known`.
 json body_of(const message &message, std::initializer_list<const char *> known);
 
 // For one too many; empty for what is no command.

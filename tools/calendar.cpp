@@ -44,11 +44,21 @@ struct ical_functions {
       library.function<decltype(::icalcomponent_get_status)>("icalcomponent_get_status");
   decltype(&::icalcomponent_get_summary) get_summary =
       library.function<decltype(::icalcomponent_get_summary)>("icalcomponent_get_summary");
-  decltype(&::icalcomponent_foreach_recurrence) foreach_recurrence =
-      library.function<decltype(::icalcomponent_foreach_recurrence)>(
-          "icalcomponent_foreach_recurrence");
+  decltype(&::icalcomponent_get_dtend) get_dtend =
+      library.function<decltype(::icalcomponent_get_dtend)>("icalcomponent_get_dtend");
+  decltype(&::icalproperty_recurrence_is_excluded) is_excluded =
+      library.function<decltype(::icalproperty_recurrence_is_excluded)>(
+          "icalproperty_recurrence_is_excluded");
+  decltype(&::icalproperty_get_rdate) get_rdate =
+      library.function<decltype(::icalproperty_get_rdate)>("icalproperty_get_rdate");
   decltype(&::icalproperty_get_rrule) get_rrule =
       library.function<decltype(::icalproperty_get_rrule)>("icalproperty_get_rrule");
+  decltype(&::icalrecur_iterator_new) iterator_new =
+      library.function<decltype(::icalrecur_iterator_new)>("icalrecur_iterator_new");
+  decltype(&::icalrecur_iterator_next) iterator_next =
+      library.function<decltype(::icalrecur_iterator_next)>("icalrecur_iterator_next");
+  decltype(&::icalrecur_iterator_free) iterator_free =
+      library.function<decltype(::icalrecur_iterator_free)>("icalrecur_iterator_free");
 };
 
 struct calendar_reader {
@@ -63,20 +73,30 @@ struct calendar_reader {
 private:
   bool is_holiday(icalcomponent *event) const;
   void read_event(icalcomponent *event);
-  static void take(icalcomponent *event, icaltime_span *span, void *reader);
+  void take(icalcomponent *event, icaltimetype at);
+  void take_recurring(icalcomponent *event, const icalrecurrencetype &rule);
+  std::vector<icalproperty *> properties_of(icalcomponent *event, icalproperty_kind kind) const;
 };
 
 } // namespace
 
+// All of them before one is read: a component has one place in its properties.
+std::vector<icalproperty *> calendar_reader::properties_of(icalcomponent *event,
+                                                           icalproperty_kind kind) const {
+  std::vector<icalproperty *> found;
+  for (icalproperty *each = ical.get_first_property(event, kind); each != nullptr;
+       each = ical.get_next_property(event, kind))
+    found.push_back(each);
+  return found;
+}
+
 // What recurs more often than daily could be counted from long ago for hours.
 bool calendar_reader::is_holiday(icalcomponent *event) const {
-  if (ical.get_dtstart(event).is_date == 0 || ical.get_status(event) == ICAL_STATUS_CANCELLED)
-    return false;
-  for (icalproperty *rule = ical.get_first_property(event, ICAL_RRULE_PROPERTY); rule != nullptr;
-       rule = ical.get_next_property(event, ICAL_RRULE_PROPERTY))
-    if (ical.get_rrule(rule).freq < ICAL_DAILY_RECURRENCE)
-      return false;
-  return true;
+  const auto is_rare = [this](icalproperty *rule) {
+    return ical.get_rrule(rule).freq >= ICAL_DAILY_RECURRENCE;
+  };
+  return ical.get_dtstart(event).is_date != 0 && ical.get_status(event) != ICAL_STATUS_CANCELLED &&
+         std::ranges::all_of(properties_of(event, ICAL_RRULE_PROPERTY), is_rare);
 }
 
 // A name stands in one line and must not steer the terminal.
@@ -93,28 +113,44 @@ static std::string name_of(const char *summary) {
   return name;
 }
 
-// The end of a span of whole days is a second of the day after it.
-void calendar_reader::take(icalcomponent *event, icaltime_span *span, void *reader) {
-  auto &self = *static_cast<calendar_reader *>(reader);
-  const auto day_of = [](std::time_t time) { return floor<days>(sys_seconds(seconds(time))); };
-  const sys_days first = day_of(span->start);
-  const sys_days last = std::max(first, day_of(span->end) - days(1));
-  if (last >= self.from && first < self.until && last - first < kLongest)
-    self.entries.push_back({first, last, name_of(self.ical.get_summary(event))});
+// By its fields: on a 32-bit machine the library's time_t may have 32 bits where ours has 64.
+static sys_days day_of(const icaltimetype &time) {
+  return year(time.year) / month(static_cast<unsigned>(time.month)) /
+         day(static_cast<unsigned>(time.day));
+}
+
+// The entry when it comes at this time. Its end is the day after the last.
+void calendar_reader::take(icalcomponent *event, icaltimetype at) {
+  icaltimetype start = ical.get_dtstart(event);
+  const days length = std::max(days(1), day_of(ical.get_dtend(event)) - day_of(start));
+  const sys_days first = day_of(at);
+  if (first + length > from && first < until && length <= kLongest &&
+      ical.is_excluded(event, &start, &at) == 0)
+    entries.push_back({first, first + length - days(1), name_of(ical.get_summary(event))});
+}
+
+void calendar_reader::take_recurring(icalcomponent *event, const icalrecurrencetype &rule) {
+  const icaltimetype start = ical.get_dtstart(event);
+  const std::unique_ptr<icalrecur_iterator, decltype(ical.iterator_free)> times(
+      ical.iterator_new(rule, start), ical.iterator_free);
+  if (times == nullptr)
+    return;
+  const auto next = [&] { return ical.iterator_next(times.get()); };
+  for (icaltimetype at = next(); at.year != 0 && day_of(at) < until; at = next())
+    if (day_of(at) != day_of(start))
+      take(event, at);
 }
 
 void calendar_reader::read_event(icalcomponent *event) {
-  const auto time_of = [](sys_days day) {
-    const year_month_day date(day);
-    icaltimetype time{};
-    time.year = int(date.year());
-    time.month = static_cast<int>(unsigned(date.month()));
-    time.day = static_cast<int>(unsigned(date.day()));
-    time.is_date = 1;
-    return time;
-  };
-  if (is_holiday(event))
-    ical.foreach_recurrence(event, time_of(from - kLongest), time_of(until), take, this);
+  if (!is_holiday(event))
+    return;
+  take(event, ical.get_dtstart(event));
+  for (icalproperty *rule : properties_of(event, ICAL_RRULE_PROPERTY))
+    take_recurring(event, ical.get_rrule(rule));
+  for (icalproperty *date : properties_of(event, ICAL_RDATE_PROPERTY)) {
+    const icaldatetimeperiodtype more = ical.get_rdate(date);
+    take(event, more.time.year != 0 ? more.time : more.period.start);
+  }
 }
 
 // Several calendars may follow each other in a file.

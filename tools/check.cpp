@@ -229,10 +229,14 @@ static finding sleep_found(examination &e) {
   if (action == std::end(kActions))
     action = std::begin(kActions);
   g_autoptr(GVariant) answer = ask(e.bus, kLogind, (*action)[1], nullptr);
-  if (answer == nullptr)
+  const std::string can = answer != nullptr ? g_variant_get_string(answer, nullptr) : "";
+  if (geteuid() != 0 && (can.empty() || can == "no")) // about the user, not the machine
+    return {"Sleep", state::kNote,
+            std::string("only root learns whether this machine can ") + (*action)[0],
+            "as root: dravelctl check"};
+  if (can.empty())
     return {"Sleep", state::kProblem, "logind does not answer", "systemctl status systemd-logind"};
-  const std::string can = g_variant_get_string(answer, nullptr);
-  if (can == "na" || (can == "no" && geteuid() == 0))
+  if (can == "na" || can == "no")
     return {"Sleep", state::kProblem,
             std::string("this machine cannot ") + (*action)[0] +
                 ", it stays awake after an off-timer",

@@ -11,7 +11,7 @@ import { reportTest } from "./test-dialog.js";
 import { followTheme } from "./theme.js";
 import { renderTimers } from "./timers.js";
 import { renderWeek, watchWeek } from "./week.js";
-import { at, spanOf } from "./words.js";
+import { at, kAdministrator, spanOf } from "./words.js";
 
 const place = name => document.getElementById(name);
 
@@ -21,7 +21,7 @@ function rights() {
     const reason = source.overview && !source.lost ? source.reasonNotTo("change") : "";
     return (
         reason &&
-        `You may look, but not change anything: ${reason} As an administrator turn on “Administrative access” at the top of Cockpit.`
+        `You may look, but not change anything: ${reason} ${kAdministrator}`
     );
 }
 

@@ -4,14 +4,17 @@ import { Dialog } from "./dialog.js";
 import { element } from "./dom.js";
 import { fill } from "./explain-dialog.js";
 import { run } from "./tool.js";
-import { at } from "./words.js";
+import { at, kAdministrator } from "./words.js";
 
 function line(entry) {
     return element("li", {}, element("strong", {}, at(entry.time)), " ", entry.text);
 }
 
 async function entries() {
-    const found = await run(["history"], { act: true });
+    const found = await run(["history"], { act: true }).catch(refusal => {
+        if (refusal.kind === "not-allowed") refusal.message += ` ${kAdministrator}`;
+        throw refusal;
+    });
     if (!found.length) return [element("p", {}, "The journal has nothing of the timers.")];
     return [element("ul", { class: "history" }, [...found].reverse().map(line))];
 }

@@ -8,7 +8,7 @@ import { source } from "./source.js";
 import { run } from "./tool.js";
 import { at, causeOf, spanOf } from "./words.js";
 
-const kBegun = "dravel.test-wake";
+const kBegun = "dravel.test-wake"; // in the storage that a login does not empty
 
 const kFollows = { true: "It works.", false: "Something is wrong: dravelctl check says what." };
 
@@ -35,17 +35,17 @@ async function test(which, place, dialog) {
     const { begins, result } = kTests[which];
     dialog.refuse("");
     place.replaceChildren(element("p", {}, begins));
-    if (which === "wake") sessionStorage.setItem(kBegun, source.overview.machine.last_wake ?? "none");
+    if (which === "wake") localStorage.setItem(kBegun, source.overview.machine.last_wake ?? "none");
     try {
         const done = await run(["test", which], { act: true });
         place.replaceChildren(...[result(done), kFollows[done.good]].map(text => element("p", {}, text)));
-        sessionStorage.removeItem(kBegun);
+        localStorage.removeItem(kBegun);
     } catch (refusal) {
         place.replaceChildren();
         dialog.refuse(refusal.message);
         if (refusal.kind !== "failed")
             // the connection may be lost by the sleep itself
-            sessionStorage.removeItem(kBegun);
+            localStorage.removeItem(kBegun);
     }
 }
 
@@ -64,7 +64,7 @@ export function testDialog() {
         element(
             "p",
             {},
-            "The machine sleeps now and wakes itself after a minute. This page loses its connection until then: reload it, and it says how the wake-up went.",
+            "The machine sleeps now and wakes itself after a minute. This page loses its connection: log in again then, and it says how the wake-up went.",
         ),
         button("Test the wake-up", act("wake")),
         place,
@@ -73,9 +73,9 @@ export function testDialog() {
 
 /** Tells of a test during which the page went. */
 export function reportTest() {
-    const before = sessionStorage.getItem(kBegun);
+    const before = localStorage.getItem(kBegun);
     const machine = source.overview?.machine;
     if (before === null || !machine || source.lost || (machine.last_wake ?? "none") === before) return;
-    sessionStorage.removeItem(kBegun);
+    localStorage.removeItem(kBegun);
     tell([`The machine was woken ${at(machine.last_wake)}, ${causeOf(machine.last_wake_cause)}.`]);
 }

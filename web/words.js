@@ -11,6 +11,10 @@ const kCauses = {
     user: "by its user",
 };
 
+/** Where Cockpit has the way to an administrator's rights, and what it calls it. */
+export const kAdministrator =
+    "As an administrator press “Limited access” at the top of Cockpit, or “Administrative access” in its menu “Session”.";
+
 export const kMonths = [
     "January",
     "February",

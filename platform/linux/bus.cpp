@@ -9,12 +9,12 @@
 #include <cstring>
 #include <string>
 
-static sd_event *events;
-static Ecore_Fd_Handler *watch; // of `events`, for the whole run
+static sd_event *event_loop;
+static Ecore_Fd_Handler *watch; // of `event_loop`, for the whole run
 static sd_bus *bus;
 
 static void run_events() {
-  while (sd_event_run(events, 0) > 0)
+  while (sd_event_run(event_loop, 0) > 0)
     continue;
 }
 
@@ -24,24 +24,24 @@ static Eina_Bool events_pending(void *, Ecore_Fd_Handler *) {
 }
 
 // Messages that other callbacks have queued are written before the main loop sleeps.
-static Eina_Bool main_loop_is_idle(void *) {
+static Eina_Bool main_loop_idles(void *) {
   run_events();
   return ECORE_CALLBACK_RENEW;
 }
 
-sd_event *bus_events() { return events; }
+sd_event *bus_events() { return event_loop; }
 
 static int open_bus() {
-  int result = sd_event_new(&events);
+  int result = sd_event_new(&event_loop);
   if (result < 0)
     return result;
-  watch = ecore_main_fd_handler_add(sd_event_get_fd(events), ECORE_FD_READ, events_pending, nullptr,
-                                    nullptr, nullptr);
+  watch = ecore_main_fd_handler_add(sd_event_get_fd(event_loop), ECORE_FD_READ, events_pending,
+                                    nullptr, nullptr, nullptr);
   if (watch == nullptr)
     return -ENOMEM;
-  ecore_idle_enterer_add(main_loop_is_idle, nullptr);
+  ecore_idle_enterer_add(main_loop_idles, nullptr);
   result = sd_bus_open_system(&bus);
-  return result < 0 ? result : sd_bus_attach_event(bus, events, SD_EVENT_PRIORITY_NORMAL);
+  return result < 0 ? result : sd_bus_attach_event(bus, event_loop, SD_EVENT_PRIORITY_NORMAL);
 }
 
 void start_bus() {

@@ -14,7 +14,6 @@
 #include <sys/inotify.h>
 #include <vector>
 
-static event_sink happens;
 static std::vector<std::unique_ptr<cec_device>> devices;
 static bool is_off_due; // Standby waits for the logical address
 
@@ -230,7 +229,6 @@ void open_cec() {
   tell_reachable();
 }
 
-void start_cec(event_sink sink) {
-  happens = sink;
+void start_cec() {
   sd_event_add_inotify(bus_events(), nullptr, "/dev", IN_CREATE | IN_ATTRIB, dev_changed, nullptr);
 }

@@ -5,7 +5,7 @@
 
 #include <string>
 
-void start_cec(event_sink sink);
+void start_cec();
 
 // Closes the adapters and opens those that the configuration names.
 void open_cec();

@@ -84,6 +84,7 @@ void turn_screen(decision &d, bool on) {
     d.m.woken.stays = false;
   }
   order_screen(d, on);
+  forget_start(d, on ? unit::kOff : unit::kOn);
   begin_unit(d, on ? unit::kOn : unit::kOff);
   say(d, on ? order::saying::kScreenOn : order::saying::kScreenOff);
 }

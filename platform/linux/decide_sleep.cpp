@@ -64,11 +64,20 @@ static void look_later(decision &d) {
     d.due_after(due_kind::kSleepAgain, kLookMs);
 }
 
+// The device may have refused long before anybody needed it.
+static void try_alarm_again(decision &d) {
+  d.m.alarm.tries = 0;
+  check_alarm(d);
+}
+
 // One line for each reason.
 static void postpone(decision &d, postponed why) {
   auto &sleep = d.m.sleep;
-  if (why != sleep.why)
+  if (why != sleep.why) {
     say(d, order::saying::kPostponed, static_cast<std::int64_t>(why));
+    if (why == postponed::kNoAlarm)
+      try_alarm_again(d);
+  }
   sleep.why = why;
   sleep.stage = wish_stage::kWaiting;
   d.never(due_kind::kAsked);
@@ -195,8 +204,10 @@ static bool lacks_answer(const machine &m) {
          m.screen.answered != screen_state::kOff;
 }
 
+// What the last run has begun is found, or begun again.
 static bool is_settled(const machine &m) {
-  return m.armed && m.power.now == phase::kAwake && !m.woken.cause_open && !m.woken.late_open;
+  return m.armed && m.power.now == phase::kAwake && !m.woken.cause_open && !m.woken.late_open &&
+         std::ranges::none_of(m.jobs, &job::may_be_lost);
 }
 
 void pursue_sleep(decision &d) {

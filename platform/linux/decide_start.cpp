@@ -21,7 +21,8 @@ static void boot_was(decision &d, const event::started &e) {
     alarm.stands = {};
   woken.by = cause_by_alarm(d.m, replaced ? others_did::kReplaced : others_did::kNothing,
                             e.device.clock - since_boot);
-  if (woken.by == cause::kNothing)
+  // Who has booted it says nothing any longer when it has slept since.
+  if (woken.by == cause::kNothing || d.now.sleeps != 0 || d.now.slept >= kSecondMs)
     woken.by = cause::kUser;
   if (woken.by == cause::kTimer)
     credit(d);

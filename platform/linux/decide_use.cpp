@@ -98,6 +98,13 @@ void begin_unit(decision &d, unit of, std::int32_t reason) {
     *place = {kStarting, of, reason, false, d.now.boot + (of == unit::kOff ? kHookMs : kBeginMs)};
 }
 
+// It is not wanted any longer, and must not be started when it turns out to be lost.
+void forget_start(decision &d, unit of) {
+  for (job &j : d.m.jobs)
+    if (j.id == kStarting && j.of == of)
+      j = {};
+}
+
 // The jobs that run are found again within this time. One that was asked for and is not among them
 // may not have been started at all.
 void doubt_jobs(decision &d) {
@@ -178,8 +185,10 @@ void on(decision &d, const event::fired &e) {
 }
 
 void on(decision &d, const event::ambient &e) {
-  if (e.on)
+  if (e.on) {
     begin_unit(d, unit::kAmbient);
-  else
-    d.give(order::stop_unit{unit::kAmbient});
+    return;
+  }
+  forget_start(d, unit::kAmbient);
+  d.give(order::stop_unit{unit::kAmbient});
 }

@@ -1,6 +1,7 @@
 #include "input.h"
 
 #include "bus.h"
+#include "milliseconds.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -22,10 +23,9 @@
 
 namespace fs = std::filesystem;
 
-static constexpr const char *kDirectory = "/dev/input";
+static constexpr const char *kInputDirectory = "/dev/input";
 static constexpr std::string_view kPrefix = "event";
 static constexpr std::size_t kEventsAtOnce = 64;
-static constexpr std::int64_t kMicroseconds = 1000; // of a millisecond
 
 namespace {
 
@@ -43,8 +43,7 @@ struct input_device {
 
 } // namespace
 
-static event_sink happens;
-static std::vector<std::unique_ptr<input_device>> devices;
+static std::vector<std::unique_ptr<input_device>> input_devices;
 static sd_event_source *directory_watch;
 static int open_error; // of a device, the last one
 
@@ -68,7 +67,7 @@ input_device::~input_device() {
 }
 
 static std::int64_t stamp_of(const input_event &entry) {
-  return entry.input_event_sec * kSecondMs + entry.input_event_usec / kMicroseconds;
+  return entry.input_event_sec * kSecondMs + entry.input_event_usec / kMillisecondUs;
 }
 
 // When a key was pressed last, not released; nothing when none was. The power button's driver
@@ -90,7 +89,7 @@ static int device_ready(sd_event_source *, int fd, std::uint32_t, void *data) {
     if (const auto last = last_press({events, static_cast<std::size_t>(size) / sizeof *events}))
       pressed = last;
   if (size == 0 || errno != EAGAIN) // it has gone
-    std::erase_if(devices, [=](const auto &device) { return device.get() == data; });
+    std::erase_if(input_devices, [=](const auto &device) { return device.get() == data; });
   if (pressed)
     happens(event::input{is_stamped ? *pressed : kNever});
   return 0;
@@ -106,26 +105,26 @@ static bool has_keys(const std::string &name) {
 static void open_device(const fs::path &path) {
   const std::string name = path.filename();
   const auto is_same = [&](const auto &device) { return device->path == path; };
-  if (!name.starts_with(kPrefix) || !has_keys(name) || std::ranges::any_of(devices, is_same))
+  if (!name.starts_with(kPrefix) || !has_keys(name) || std::ranges::any_of(input_devices, is_same))
     return;
   auto device = std::make_unique<input_device>(path);
   if (device->fd >= 0)
-    devices.push_back(std::move(device));
+    input_devices.push_back(std::move(device));
 }
 
 // A device that appears is readable once udev has set its mode, which is an event of its own.
 static int directory_changed(sd_event_source *, const struct inotify_event *change, void *) {
   if (change->len > 0)
-    open_device(fs::path(kDirectory) / change->name);
+    open_device(fs::path(kInputDirectory) / change->name);
   return 0;
 }
 
 static void open_all() {
   open_error = 0;
   std::error_code none; // a machine without input has no such directory
-  for (const auto &entry : fs::directory_iterator(kDirectory, none))
+  for (const auto &entry : fs::directory_iterator(kInputDirectory, none))
     open_device(entry.path());
-  if (devices.empty() && open_error != 0)
+  if (input_devices.empty() && open_error != 0)
     happens(event::refused{problem::kInput, open_error});
   else
     happens(event::works{problem::kInput});
@@ -133,12 +132,10 @@ static void open_all() {
 
 void watch_input(bool on) {
   directory_watch = sd_event_source_disable_unref(directory_watch);
-  devices.clear();
+  input_devices.clear();
   if (!on)
     return;
-  sd_event_add_inotify(bus_events(), &directory_watch, kDirectory, IN_CREATE | IN_ATTRIB,
+  sd_event_add_inotify(bus_events(), &directory_watch, kInputDirectory, IN_CREATE | IN_ATTRIB,
                        directory_changed, nullptr);
   open_all();
 }
-
-void start_input(event_sink sink) { happens = sink; }

@@ -3,7 +3,5 @@
 
 #include "sink.h"
 
-void start_input(event_sink sink);
-
 // Opens the devices, and those that appear later, or closes them.
 void watch_input(bool on);

@@ -13,7 +13,6 @@ static constexpr std::uint64_t kCheckInhibitors = 1;
 static constexpr const char *kSleepMethods[] = {"SuspendWithFlags", "PowerOffWithFlags",
                                                 "HibernateWithFlags"}; // by off_action
 
-static event_sink happens;
 static int inhibitor = -1; // delays sleep and shutdown while it is open
 static bool is_inhibitor_due;
 
@@ -118,8 +117,7 @@ void send_to_sleep(off_action method) {
            kCheckInhibitors);
 }
 
-void start_logind(event_sink sink) {
-  happens = sink;
+void start_logind() {
   bus_watch_signal(kLogind, "PrepareForSleep", prepare_for_sleep);
   bus_watch_signal(kLogind, "PrepareForShutdown", prepare_for_shutdown);
   bus_watch_service(kLogind, logind_appeared);

@@ -3,7 +3,7 @@
 
 #include "sink.h"
 
-void start_logind(event_sink sink);
+void start_logind();
 
 void take_inhibitor();
 void release_inhibitor();

@@ -43,7 +43,6 @@ struct machine_property {
 
 } // namespace
 
-static event_sink happens;
 static E_DBus_Object *object;
 static E_DBus_Interface *interface;
 static shown_machine announced;
@@ -223,10 +222,7 @@ static void export_object() {
   e_dbus_object_interface_attach(object, interface);
 }
 
-void start_machine_object(event_sink sink, const machine_view &view) {
-  happens = sink;
-  seen = view;
-}
+void start_machine_object(const machine_view &view) { seen = view; }
 
 void announce_machine() {
   static bool tried = false;

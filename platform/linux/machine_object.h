@@ -12,7 +12,7 @@ struct machine_view {
   const machine &(*record)();
   std::string (*adapter)();
 };
-void start_machine_object(event_sink sink, const machine_view &view);
+void start_machine_object(const machine_view &view);
 
 // Sends what has changed since the last time.
 void announce_machine();

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <ctime>
 
+inline constexpr int kMillisecondUs = 1000; // microseconds
+
 inline std::int64_t milliseconds_of(clockid_t clock) {
   timespec time{};
   clock_gettime(clock, &time);

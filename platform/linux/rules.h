@@ -168,6 +168,7 @@ bool is_session_in_use(const machine &m);
 bool wakeup_job_runs(const machine &m);
 bool off_job_runs(const machine &m);
 void begin_unit(decision &d, unit of, std::int32_t reason = 0);
+void forget_start(decision &d, unit of);
 void doubt_jobs(decision &d);       // after a start
 void forget_lost_jobs(decision &d); // after a sleep
 void forget_overdue_jobs(decision &d);

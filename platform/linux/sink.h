@@ -1,6 +1,7 @@
-// Where the adapters hand their events. `start` gives it to each of them.
+// Where the adapters hand their events.
 #pragma once
 
 #include "event.h"
 
-using event_sink = void (*)(const event::any &what);
+// Set before the first adapter starts.
+inline void (*happens)(const event::any &what);

@@ -27,7 +27,6 @@
 static constexpr std::int64_t kBuildDay = DRAVEL_BUILD_DAY;
 
 static constexpr int kReload = 1; // SIGUSR1
-static constexpr int kAmbientModeClosed = 0;
 
 // --- orders ---
 
@@ -109,7 +108,7 @@ static void deliver(const order::deliver &told) {
     deliver_wakeup(told.value);
     break;
   case delivery::kState:
-    deliver_state_changed(told.value, kAmbientModeClosed);
+    deliver_state_changed(told.value, device_power_get_ambient_mode());
     break;
   case delivery::kZone:
     deliver_setting(kSettingsTimeZone);
@@ -173,15 +172,15 @@ static event::started first_event() {
 }
 
 static void start_adapters() {
+  happens = post;
   start_bus();
-  start_logind(post);
-  start_use(post);
-  start_input(post);
-  start_targets(post);
-  start_timedated(post);
-  start_cec(post);
+  start_logind();
+  start_use();
+  start_targets();
+  start_timedated();
+  start_cec();
   open_cec();
-  start_machine_object(post, {the_record, cec_description});
+  start_machine_object({the_record, cec_description});
 }
 
 static void start_parts() {

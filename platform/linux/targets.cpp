@@ -12,8 +12,6 @@ static constexpr std::string_view kWakeupPrefix = "dravel-wakeup@";
 static constexpr const char *kNames[] = {"dravel-on.target", "dravel-off.target",
                                          "dravel-ambient.target"}; // by unit
 
-static event_sink happens;
-
 static std::string name_of(unit of, std::int32_t reason) {
   if (of == unit::kWakeup)
     return std::string(kWakeupPrefix) + std::to_string(reason) + ".target";
@@ -114,8 +112,7 @@ static void systemd_appeared() {
   bus_call(kSystemd, "ListJobs", jobs_answered, nullptr, "");
 }
 
-void start_targets(event_sink sink) {
-  happens = sink;
+void start_targets() {
   bus_watch_signal(kSystemd, "JobNew", job_new);
   bus_watch_signal(kSystemd, "JobRemoved", job_removed);
   bus_watch_service(kSystemd, systemd_appeared);

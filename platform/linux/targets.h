@@ -4,7 +4,7 @@
 
 #include "sink.h"
 
-void start_targets(event_sink sink);
+void start_targets();
 
 // Starts a target; one that is active already is started again, so that its hooks run every time.
 void start_unit(unit of, std::int32_t reason);

@@ -11,14 +11,12 @@
 
 // timesyncd touches "synchronized" in its directory, which it makes itself.
 static constexpr const char *kParent = "/run/systemd";
-static constexpr std::string_view kDirectory = "timesync";
-static constexpr const char *kDirectoryPath = "/run/systemd/timesync";
-
-static event_sink happens;
+static constexpr std::string_view kTimesync = "timesync";
+static constexpr const char *kTimesyncPath = "/run/systemd/timesync";
 
 // --- timedated ---
 
-static bool take_property(const char *name, sd_bus_message *value, void *data) {
+static bool take_ntp_property(const char *name, sd_bus_message *value, void *data) {
   auto &found = *static_cast<event::ntp *>(data);
   int on = 0;
   if (name != std::string_view{"NTP"} && name != std::string_view{"NTPSynchronized"})
@@ -32,7 +30,7 @@ static int timedated_answered(sd_bus_message *reply, void *, sd_bus_error *) {
   event::ntp found;
   found.answered = bus_error_of(reply) == 0;
   if (found.answered)
-    bus_read_properties(reply, take_property, &found);
+    bus_read_properties(reply, take_ntp_property, &found);
   happens(found);
   return 0;
 }
@@ -70,13 +68,13 @@ static int timesync_changed(sd_event_source *, const struct inotify_event *, voi
 static void watch_timesync() {
   static sd_event_source *watch = nullptr;
   watch = sd_event_source_disable_unref(watch);
-  sd_event_add_inotify(bus_events(), &watch, kDirectoryPath,
+  sd_event_add_inotify(bus_events(), &watch, kTimesyncPath,
                        IN_CREATE | IN_ATTRIB | IN_CLOSE_WRITE | IN_ONLYDIR, timesync_changed,
                        nullptr);
 }
 
 static int parent_changed(sd_event_source *, const struct inotify_event *change, void *) {
-  if (change->len > 0 && change->name == kDirectory) {
+  if (change->len > 0 && change->name == kTimesync) {
     watch_timesync();
     ask_clock();
   }
@@ -89,8 +87,7 @@ static Eina_Bool wall_clock_stepped(void *, int, void *) {
   return ECORE_CALLBACK_PASS_ON;
 }
 
-void start_timedated(event_sink sink) {
-  happens = sink;
+void start_timedated() {
   read_zone();
   ecore_event_handler_add(ECORE_EVENT_SYSTEM_TIMEDATE_CHANGED, wall_clock_stepped, nullptr);
   bus_watch_properties(kTimedated, timedated_changed);

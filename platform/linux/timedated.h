@@ -4,7 +4,7 @@
 
 #include "sink.h"
 
-void start_timedated(event_sink sink);
+void start_timedated();
 
 // Asks timedated; the answer is the event ntp.
 void ask_clock();

@@ -8,7 +8,6 @@
 #include <string>
 #include <string_view>
 
-static constexpr std::uint64_t kMicroseconds = 1000;        // of a millisecond
 static constexpr std::uint64_t kLongestDelay = 600'000'000; // microseconds; it may be infinite
 
 namespace {
@@ -32,7 +31,7 @@ struct session {
 };
 
 // One round of questions; a later round leaves the answers of an earlier one unread.
-struct round {
+struct question_round {
   unsigned number = 0;
   int open = 0; // questions without an answer
   bool is_asked = false;
@@ -47,15 +46,14 @@ static constexpr ability kAbilities[] = {
 static constexpr block kBlocks[] = {
     {"sleep", kSleepBit}, {"shutdown", kShutdownBit}, {"idle", kIdleBit}};
 
-static event_sink happens;
-static round current;
+static question_round current;
 
 // --- answers ---
 
 // A time before the last sleep becomes a later one, which is still before the end of that sleep.
 static std::int64_t boot_time_of(std::uint64_t monotonic) {
   const std::int64_t slept = milliseconds_of(CLOCK_BOOTTIME) - milliseconds_of(CLOCK_MONOTONIC);
-  return static_cast<std::int64_t>(monotonic / kMicroseconds) + slept;
+  return static_cast<std::int64_t>(monotonic / kMillisecondUs) + slept;
 }
 
 static std::uint8_t blocks_in(std::string_view words) {
@@ -70,7 +68,7 @@ static std::uint8_t blocks_in(std::string_view words) {
   return bits;
 }
 
-static bool take_property(const char *name, sd_bus_message *value, void *) {
+static bool take_use_property(const char *name, sd_bus_message *value, void *) {
   if (name == std::string_view{"BlockInhibited"}) {
     const char *words = "";
     sd_bus_message_read(value, "v", "s", &words);
@@ -79,7 +77,7 @@ static bool take_property(const char *name, sd_bus_message *value, void *) {
     std::uint64_t longest = 0;
     sd_bus_message_read(value, "v", "t", &longest);
     current.found.delay_max_ms =
-        static_cast<std::int64_t>(std::min(longest, kLongestDelay) / kMicroseconds);
+        static_cast<std::int64_t>(std::min(longest, kLongestDelay) / kMillisecondUs);
   } else {
     return false;
   }
@@ -175,7 +173,7 @@ static int sessions_answered(sd_bus_message *reply, void *data, sd_bus_error *) 
 
 static int properties_answered(sd_bus_message *reply, void *data, sd_bus_error *) {
   return answered(data, reply, true,
-                  [](sd_bus_message *message) { bus_read_properties(message, take_property); });
+                  [](sd_bus_message *message) { bus_read_properties(message, take_use_property); });
 }
 
 template <std::size_t Row>
@@ -204,8 +202,7 @@ static int logind_told(sd_bus_message *, void *, sd_bus_error *) {
   return 0;
 }
 
-void start_use(event_sink sink) {
-  happens = sink;
+void start_use() {
   bus_watch_signal(kLogind, "SessionNew", logind_told);
   bus_watch_signal(kLogind, "SessionRemoved", logind_told);
   bus_watch_properties(kLogind, logind_told);

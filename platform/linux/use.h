@@ -3,7 +3,7 @@
 
 #include "sink.h"
 
-void start_use(event_sink sink);
+void start_use();
 
 // Asks logind; the answer is the event use_changed.
 void ask_use();

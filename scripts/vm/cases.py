@@ -18,6 +18,10 @@ def install(lab):
     viewer = guest.run("runuser -u viewer -- dravelctl list")
     lab.row("an ordinary user lists the timers", f"{len(viewer.splitlines()) - 1} timers",
             viewer == listed)
+    checked = guest.run("runuser -u viewer -- dravelctl check", check=False)
+    problems = re.findall(r"^problem (.*?):", checked, re.MULTILINE)
+    lab.row("and finds that it is none of the group, and no other fault", ", ".join(problems),
+            problems == ["Group"])
     errors = guest.run("journalctl -q -b -p err -u dravel-manager -o cat")
     lab.row("the journal has no error of ours", errors or "none", not errors)
     exposure = guest.run("systemd-analyze security dravel-manager --no-pager | tail -n 1")

@@ -65,10 +65,10 @@ struct awake_machine {
   }
 
   void carry_out(const order::read_alarm &) {
-    send(event::alarm_read{{0, false, false, now.utc, alarm}});
+    send(event::alarm_read{{read_error, false, false, now.utc, alarm}});
   }
   void carry_out(const order::write_alarm &o) {
-    alarm = refusal == 0 ? o.count : 0;
+    alarm = refusal == 0 ? o.count : refusal == EBUSY ? alarm : 0;
     send(event::alarm_written{o.count, refusal});
   }
   void carry_out(const order::switch_off_alarm &) { send(event::alarm_written{alarm = 0, 0}); }
@@ -81,7 +81,7 @@ struct awake_machine {
   moment now{kNow, 3600 * kSecondMs, 0, 0, 0};
   std::vector<order::any> given;
   std::int64_t alarm = 0;
-  int refusal = 0;
+  int refusal = 0, read_error = 0;
   std::int64_t next_transition = 0;
   event::late_timers late;
 };
@@ -321,7 +321,7 @@ TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
     run.m.alarm.range = 23LL * 3600;
     run.send(event::program{0, kNow + 3 * kOneDay, 0});
     EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kHop);
-    run.send(event::shutdown_begins{});
+    run.send(event::preparing{false, true});
     EXPECT_EQ(run.alarm != 0, hop_boots);
     EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
     EXPECT_EQ(run.last<order::say>().what == order::saying::kHopWillNotBoot, !hop_boots);
@@ -330,11 +330,12 @@ TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
 
 TEST(Decide, ARefusedAlarm_IsTriedAgain_AtIdleAndUntilTheStandbyIsOver) {
   awake_machine run;
-  run.refusal = EIO;
+  run.alarm = kNow + 5000;
+  run.refusal = EIO; // which switches off what stood
   run.send(event::program{0, kNow + 1000, 0});
   EXPECT_TRUE(run.m.wants_idle);
   run.send(event::idle{});
-  EXPECT_EQ(run.count<order::write_alarm>(), 2);
+  EXPECT_EQ(run.count<order::write_alarm>(), 4) << "ours, and the other one";
   run.send(event::sleep_begins{});
   for (int half = 0; half < 8; ++half) {
     EXPECT_EQ(run.count<order::release_inhibitor>(), 0);
@@ -343,19 +344,53 @@ TEST(Decide, ARefusedAlarm_IsTriedAgain_AtIdleAndUntilTheStandbyIsOver) {
   }
   EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
   EXPECT_GE(run.count<order::write_alarm>(), 9);
+  EXPECT_EQ(run.m.alarm.foreign.count, kNow + 5000);
+}
+
+TEST(Decide, WhoeverSwitchesOurAlarmOff_DoesNotWantTheLaterOneEither) {
+  awake_machine run;
+  run.alarm = kNow + 5000;
+  run.send(event::program{0, kNow + 1000, 0});
+  run.alarm = 0;
+  run.send(event::clock_stepped{});
+  EXPECT_EQ(run.alarm, kNow + 985);
+  EXPECT_EQ(run.m.alarm.foreign.owner, alarm_owner::kNone);
+}
+
+TEST(Decide, AMachineThatNobodyKnownWakesAtOnce_AgainAndAgain_SleepsALittleLess) {
+  for (const bool by_user : {true, false}) {
+    awake_machine run;
+    for (int times = 1; times <= 4; ++times) {
+      run.sleep(59);
+      EXPECT_EQ(run.has(problem::kWakesLoop), times == 4);
+      EXPECT_EQ(run.m.power.pause_until, times == 4 ? run.now.boot + 900 * kSecondMs : 0);
+    }
+    if (by_user)
+      run.send(event::input{run.now.boot});
+    else
+      run.sleep(60);
+    EXPECT_FALSE(run.has(problem::kWakesLoop));
+    EXPECT_EQ(run.m.power.pause_until, 0);
+  }
 }
 
 TEST(Decide, ATest_IsRefused_WhenSomethingIsInTheWay) {
   const struct {
-    std::int64_t seconds, on_time;
+    std::int64_t seconds, on_time, foreign;
     std::uint8_t blocked;
     int error;
   } rows[] = {
-      {19, 0, 0, ERANGE},       {3601, 0, 0, ERANGE},   {60, kNow + 179, 0, EBUSY},
-      {60, 0, kIdleBit, EBUSY}, {60, kNow + 180, 0, 0}, {20, 0, 0, 0},
+      {19, 0, 0, 0, ERANGE},
+      {3601, 0, 0, 0, ERANGE},
+      {60, kNow + 179, 0, 0, EBUSY},
+      {60, 0, kNow + 179, 0, EBUSY},
+      {60, 0, 0, kIdleBit, EBUSY},
+      {60, kNow + 180, kNow + 180, 0, 0},
+      {20, 0, 0, 0, 0},
   };
   for (const auto &row : rows) {
     awake_machine run;
+    run.alarm = row.foreign;
     run.send(event::program{0, row.on_time, 0});
     run.send(event::use_changed{0, 0, row.blocked, kSleepBit, 5000, false});
     run.send(event::test_wake{7, row.seconds});
@@ -364,6 +399,16 @@ TEST(Decide, ATest_IsRefused_WhenSomethingIsInTheWay) {
     run.send(event::test_wake{8, row.seconds});
     EXPECT_EQ(run.last<order::answer>().error, row.error == 0 ? EALREADY : row.error);
   }
+}
+
+TEST(Decide, ATestWhoseAlarmTheDeviceDoesNotTake_DoesNotSleep) {
+  awake_machine run;
+  run.send(event::program{0, kNow + 5000, 0});
+  run.refusal = EBUSY; // the alarm of the timer still stands
+  run.send(event::test_wake{7, 100});
+  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+  EXPECT_EQ(run.count<order::sleep>(), 0);
+  EXPECT_EQ(run.last<order::answer>().error, EBUSY);
 }
 
 TEST(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor) {
@@ -382,28 +427,6 @@ TEST(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor) {
   EXPECT_EQ(run.last<order::start_unit>().name, unit::kOff);
   EXPECT_EQ(run.last<order::deliver>().callback, delivery::kTimeSet);
   EXPECT_EQ(due_at(run.m, due_kind::kTransition), run.now.boot + 995 * kSecondMs);
-}
-
-TEST(Decide, ATransitionThatAnotherEventMeets_IsTold_AndTheNextIsAskedFor) {
-  const struct {
-    event::any what;
-    bool sleeps;
-  } rows[] = {{event::ambient{}, false}, {event::clock_stepped{}, false}, {event::due{}, true}};
-  for (const auto &row : rows) {
-    awake_machine run;
-    run.send(event::zone_changed{kNow + 5, true});
-    run.next_transition = kNow + 1000;
-    if (row.sleeps)
-      run.sleep(60);
-    else
-      run.pass(6);
-    run.send(row.what);
-    EXPECT_TRUE(std::ranges::any_of(run.given, [](const order::any &one) {
-      const auto *told = std::get_if<order::deliver>(&one);
-      return told != nullptr && told->callback == delivery::kTimeSet;
-    })) << &row - rows;
-    EXPECT_EQ(run.m.clock.next_transition, kNow + 1000) << &row - rows;
-  }
 }
 
 // A hop, which passes in the second of another event.
@@ -427,6 +450,8 @@ TEST(Decide, AnAlarmThatTheFirmwareSwitchesOff_DoesNotTakeTheForeignOneWithIt) {
   boot.device.clock = run.now.utc;
   run.alarm = 0;
   run.send(boot);
+  run.send(event::unprogram{});
+  EXPECT_EQ(run.m.alarm.wanted.on_time, kNow + 1000) << "the daemon does not know yet";
   run.send(event::armed{});
   run.send(event::unprogram{});
   run.send(event::idle{});
@@ -513,15 +538,44 @@ TEST(Decide, AnAlarmThatGoesOffBeforeTheSleep_IsWaitedFor) {
   }
 }
 
-TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing) {
-  awake_machine run;
+TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForASleep) {
+  awake_machine run({}, false);
+  run.read_error = EIO;
   run.send(event::program{0, kNow + 5000, 0});
-  run.send(event::alarm_read{{EIO, false, false, 0, 0}});
+  run.send(event::idle{});
+  EXPECT_TRUE(run.has(problem::kAlarmRead) && !run.has(problem::kNoDevice));
+  for (const std::int64_t seconds : {1, 10, 60}) {
+    EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), run.now.boot + seconds * kSecondMs);
+    run.pass(seconds);
+    run.send(event::due{});
+  }
+  EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), kNever);
   run.send(event::screen_wanted{false, event::asker::kDaemon});
-  run.send(event::tv_reports{event::tv_state::kOff});
   run.send(event::job_began{1, unit::kOff});
   run.send(event::job_ended{1});
   EXPECT_EQ(run.m.sleep.why, postponed::kNoAlarm);
+  run.send(event::idle{});
+  EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), run.now.boot + kSecondMs);
+}
+
+TEST(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince) {
+  const struct {
+    std::int64_t slept; // seconds
+    std::uint32_t sleeps;
+  } rows[] = {{0, 0}, {0, 1}, {1, 0}};
+  for (const auto &[slept, sleeps] : rows) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    event::started boot;
+    boot.kept = run.m;
+    boot.has_kept = true;
+    boot.device.clock = kNow + 985 + 60;
+    run.now = {kNow + 1045, 60 * kSecondMs, slept * kSecondMs, sleeps, 0};
+    run.send(boot);
+    EXPECT_EQ(run.m.woken.by, slept + sleeps == 0 ? cause::kTimer : cause::kUser);
+    EXPECT_EQ(run.last<order::say>().what, order::saying::kBooted);
+    EXPECT_EQ(run.last<order::say>().number, static_cast<std::int64_t>(run.m.woken.by));
+  }
 }
 
 TEST(Decide, ATest_EndsWhenAnOnTimeIsSetBeforeItSleeps) {
@@ -601,7 +655,8 @@ TEST(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake) {
     if (by_hand)
       run.send(event::screen_wanted{false, event::asker::kBus});
     run.send(event::tv_reports{event::tv_state::kOff});
-    EXPECT_EQ(due_at(run.m, due_kind::kReturn) == kNever, by_hand);
+    const std::int64_t after_on_time = run.now.boot + (15 + 120) * kSecondMs;
+    EXPECT_EQ(due_at(run.m, due_kind::kReturn), by_hand ? kNever : after_on_time);
   }
 }
 
@@ -655,6 +710,7 @@ TEST(Decide, ASleepThatFails_IsTriedAgain_LessAndLessOften_AfterNinetySecondsOfH
   run.pass(89);
   run.send(event::due{});
   EXPECT_EQ(run.m.sleep.why, postponed::kHook);
+  EXPECT_FALSE(run.m.use.watched) << "nobody who comes changes it yet";
   run.pass(1);
   for (const std::int64_t seconds : {30, 60, 300, 900, 900}) {
     run.send(event::due{});
@@ -680,9 +736,11 @@ TEST(Decide, AClockThatIsNotSynchronised_IsAskedEveryFiveMinutes_UntilItIs) {
     run.given.clear();
     run.send(event::due{});
     EXPECT_EQ(run.count<order::ask_clock>(), 1);
-    run.send(event::ntp{true, false, true});
+    if (seconds != 60) // one answer is lost
+      run.send(event::ntp{true, false, true});
   }
   run.send(event::ntp{true, true, true});
+  EXPECT_EQ(run.last<order::deliver>().callback, delivery::kTimeUpdate);
   EXPECT_EQ(due_at(run.m, due_kind::kAskClock), kNever);
   run.given.clear();
   run.send(event::ntp{true, false, true}); // for a while after each sleep
@@ -723,6 +781,30 @@ TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
   run.pass(2);
   run.send(event::due{});
   EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
+}
+
+TEST(Decide, AUnitThatARestartHasLost_IsNotStarted_WhenTheOppositeIsOrdered) {
+  for (const bool is_undone : {false, true}) {
+    awake_machine run({}, false);
+    run.send(event::screen_wanted{true, event::asker::kBus});
+    run.send(event::ambient{true});
+    event::started again;
+    again.kept = run.m;
+    again.has_kept = again.same_boot = true;
+    run.send(again);
+    if (is_undone) {
+      run.send(event::screen_wanted{false, event::asker::kBus});
+      run.send(event::ambient{false});
+    }
+    run.send(event::armed{});
+    run.send(event::test_wake{1, 100});
+    EXPECT_EQ(run.m.sleep.stage == wish_stage::kAsking, is_undone) << "not before they run";
+    run.given.clear();
+    run.pass(2);
+    run.send(event::due{});
+    EXPECT_EQ(run.m.sleep.stage, wish_stage::kAsking);
+    EXPECT_EQ(run.count<order::start_unit>(), is_undone ? 0 : 2);
+  }
 }
 
 // Nor has one that is old: it has ended another sleep, which looks like this one.
@@ -785,6 +867,22 @@ TEST(Decide, ATestOfASleepThatOnlyItsCountShows_HasTheLengthOfTheSleep) {
   EXPECT_EQ(run.last<order::answer>().seconds, 100);
 }
 
+TEST(Decide, AStandby_EndsTheQuestionsOfAnOrder_AndOneThatFailsAsksAgain) {
+  settings set;
+  set.screen_follows = true;
+  awake_machine run(set);
+  run.send(event::screen_wanted{true, event::asker::kBus});
+  run.m.screen.believed = screen_state::kOn;
+  run.send(event::sleep_begins{});
+  EXPECT_EQ(run.m.screen.believed, screen_state::kUnknown);
+  EXPECT_FALSE(run.m.screen.pending);
+  EXPECT_EQ(due_at(run.m, due_kind::kScreenStep), kNever);
+  run.given.clear();
+  run.send(event::sleep_ends{});
+  EXPECT_EQ(run.count<order::tv_ask>(), 1);
+  EXPECT_EQ(due_at(run.m, due_kind::kLeaving), kNever);
+}
+
 TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   awake_machine run;
   run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});
@@ -793,4 +891,16 @@ TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   set.off = off_action::kPoweroff;
   run.send(event::configured{set});
   EXPECT_FALSE(run.has(problem::kCannotSleep));
+}
+
+TEST(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload) {
+  awake_machine run({}, false);
+  run.send(event::screen_wanted{false, event::asker::kDaemon});
+  for (const off_action off : {off_action::kPoweroff, off_action::kNone}) {
+    settings set;
+    set.off = off;
+    run.send(event::configured{set});
+    EXPECT_EQ(run.m.sleep.method, off);
+  }
+  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone);
 }

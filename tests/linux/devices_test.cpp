@@ -99,7 +99,7 @@ protected:
     configure(lines);
     read_configuration();
     start_bus();
-    start_cec(hear);
+    start_cec();
     open_cec();
     change();
   }
@@ -277,7 +277,7 @@ TEST_F(Television, BehindAUsbAdapter_HasTheAddressOfItsOutput) {
 
 TEST_F(Television, WhoseAdapterIsMissing_IsAProblemOnlyWhenConfigured) {
   start_bus();
-  start_cec(hear);
+  start_cec();
   open_cec();
   EXPECT_EQ(both(), " | works 8; reachable 0");
   EXPECT_EQ(cec_description(), "");
@@ -314,7 +314,6 @@ TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
     return seen();
   };
   start_bus();
-  start_input(hear);
   EXPECT_EQ(press(fifo, EV_SYN), "");
   watch_input(true);
   EXPECT_EQ(seen(), "works 7");
@@ -341,7 +340,7 @@ TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
 TEST_F(Machine, TheClocksSource_ItsZone_AndItsSteps_AreTold) {
   start_services();
   start_bus();
-  start_timedated(hear);
+  start_timedated();
   EXPECT_EQ(seen(), "ntp 0 0 1");
   set_property(kTimedated, "NTP", "true");
   EXPECT_EQ(seen(), "ntp 1 0 1");

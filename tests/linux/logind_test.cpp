@@ -11,10 +11,10 @@ namespace {
 class Services : public Machine {
 protected:
   // Returns what was heard until the services were there.
-  std::string start(void (*adapter)(event_sink sink)) {
+  std::string start(void (*adapter)()) {
     start_services();
     start_bus();
-    adapter(hear);
+    adapter();
     return seen();
   }
 };
@@ -136,16 +136,16 @@ TEST_F(Services, JobsOfAnEarlierRun_AreFoundAtTheStart) {
        "'dravel-wakeup@20.target', 'start', 'running', o, o), (dbus.UInt32(6), 'x.service', "
        "'start', 'running', o, o)]\"");
   start_bus();
-  start_targets(hear);
+  start_targets();
   EXPECT_EQ(seen(), "jobs; job 5 3");
 }
 
 TEST_F(Machine, WithoutABus_EveryOrderIsAnswered) {
   setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/tmp/none", 1);
   start_bus();
-  start_logind(hear);
-  start_use(hear);
-  start_targets(hear);
+  start_logind();
+  start_use();
+  start_targets();
   take_inhibitor();
   ask_use();
   ask_preparing();

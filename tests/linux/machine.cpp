@@ -167,9 +167,16 @@ std::time_t time(std::time_t *timer) noexcept {
   return timer == nullptr ? wall_clock : *timer = wall_clock;
 }
 
+// As the kernel gives it to a timespec of 64 bits.
+#ifdef SYS_clock_gettime64
+static constexpr long kClockCall = SYS_clock_gettime64;
+#else
+static constexpr long kClockCall = SYS_clock_gettime;
+#endif
+
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 int clock_gettime(clockid_t clock, timespec *out) noexcept {
-  const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, out));
+  const auto result = static_cast<int>(syscall(kClockCall, clock, out));
   if (clock == CLOCK_REALTIME)
     *out = {wall_clock, 0};
   else if (clock == CLOCK_BOOTTIME)
@@ -353,7 +360,8 @@ private:
 
 } // namespace
 
-void hear(const event::any &what) { happened(std::visit(event_words{}, what)); }
+// The sink of adapters without the shell.
+static void hear(const event::any &what) { happened(std::visit(event_words{}, what)); }
 
 // --- the sandbox ---
 
@@ -389,6 +397,7 @@ static void set_environment() {
 }
 
 Machine::Machine() {
+  happens = hear;
   EXPECT_EQ(bus_events(), nullptr) << "each case needs a process of its own: use ctest";
   make_files();
   set_environment();

@@ -66,8 +66,6 @@ void sleep_for(std::int64_t seconds); // the machine: both of its clocks move
 std::string timers();                 // the seconds of all main-loop timers, as "1 120"
 void fire();                          // the only one
 
-// The adapters' sink: what has happened is what `seen` returns.
-void hear(const event::any &what);
 void happened(const std::string &what);
 
 // What happened, what is an error in the journal and what was called since the last time, once

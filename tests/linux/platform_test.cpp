@@ -101,6 +101,8 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   machine record;
   record.screen.believed = screen_state::kOff;
   record.woken.by = cause::kHop;
+  record.woken.utc = kNow - 60;
+  record.woken.booted = record.woken.stays = true;
   record.power.now = phase::kShuttingDown;
   record.power.went.utc = kNow;
   record.alarm.wanted = {7, kNow + 100};
@@ -117,6 +119,8 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   const kept_record kept = load_record(0);
   EXPECT_TRUE(kept.exists && !kept.same_boot && kept.is_other_build);
   EXPECT_EQ(kept.record.woken.by, cause::kHop);
+  EXPECT_EQ(kept.record.woken.utc, kNow - 60);
+  EXPECT_TRUE(kept.record.woken.booted && kept.record.woken.stays);
   EXPECT_TRUE(kept.record.screen.ordered_on) << "somebody is there";
   EXPECT_EQ(kept.record.sleep.wish, sleep_wish::kOffTimer);
   EXPECT_EQ(kept.record.sleep.method, off_action::kPoweroff);
@@ -263,6 +267,7 @@ TEST_F(Platform, WakesForATimer_BeforeTheDaemonActs_AndGoesBackToSleep) {
   EXPECT_EQ(seen(), "wakeup 33; time update; Inhibit 'sleep:shutdown'");
   EXPECT_EQ(device_power_get_wakeup_reason(), 33);
   EXPECT_EQ(property("LastWake"), "(uint64 1800003585, 'timer')");
+  EXPECT_NEAR(std::stod(property("SleepsAt").substr(7)), kNow + 3600 + 120, 2);
   device_power_set_wakeup_reason(33);
   EXPECT_EQ(seen(), "RestartUnit 'dravel-wakeup@33.target'");
 }

@@ -101,7 +101,9 @@ struct sim {
   // --- devices, services, people ---
 
   sim_register alarm;
-  std::optional<std::int64_t> foreign;   // the last foreign write that is ahead, as a count
+  std::optional<std::int64_t> foreign; // the last foreign write that is ahead, as a count
+  // One that was wanted when another program switched off ours: nobody knows, once ours has passed.
+  std::optional<std::int64_t> forgotten;
   bool foreign_stands = false;           // it is what the register holds
   millis foreign_at = -kDay * kSecondMs; // written
   sim_television tv;
@@ -121,6 +123,7 @@ struct sim {
   bool watches_input = false;
   millis job_runs = kSecondMs; // a job of a dravel-wakeup@ target
   std::map<std::uint32_t, std::pair<unit, millis>> jobs;
+  std::vector<std::uint32_t> frozen_jobs; // that go on after a sleep
   bool ntp_on = true, ntp_synchronised = true, rtc_valid = true;
   std::uint32_t refused = 0; // orders that are: bits of their place in order::any
   settings set;
@@ -144,7 +147,8 @@ struct sim {
   void change_use();
   void tell_use(bool is_answer);
   void start_job(unit of, millis runs);
-  device_reading read_device() const;
+  void end_job(std::uint32_t id);
+  device_reading read_device();
   void tell_reachable();
   void press_key();
   void step_clock(millis by);

@@ -14,6 +14,7 @@ static constexpr millis kDoubtMs = 11 * kSecondMs; // and one until then perhaps
 static constexpr millis kAnswerMs = 3 * kSecondMs; // waited for
 static constexpr millis kAskedMs = 5 * kSecondMs;
 static constexpr millis kUnseenMs = kSecondMs;
+static constexpr millis kNoticedMs = 2 * kSecondMs; // until an alarm that passes is looked at
 static constexpr millis kBeliefMs = 15 * kSecondMs; // a television is asked 10 s before an on-time
 static constexpr millis kReturnSlackMs = 30 * kSecondMs;
 static constexpr millis kRetries[] = {30, 60, 300, 900}; // seconds
@@ -28,11 +29,12 @@ static constexpr std::int64_t kSleepSeconds = 15;
 static constexpr std::int64_t kHopSeconds = 82800; // 23 hours
 static constexpr std::int64_t kNearSeconds = 3;
 static constexpr std::int64_t kMinuteSeconds = 60;
-static constexpr std::int64_t kMostDays = 3;        // a night
-static constexpr int kMostDues = 10;                // a day
-static constexpr millis kFoundMs = 3 * kSecondMs;   // jobs that run, after a start
-static constexpr millis kLastTryMs = 1600;          // before the end of the delay
-static constexpr millis kSettlesMs = 3 * kSecondMs; // a reading may be a second late
+static constexpr std::int64_t kMostStepSeconds = 4000; // of the clock
+static constexpr std::int64_t kMostDays = 3;           // a night
+static constexpr int kMostDues = 10;                   // a day
+static constexpr millis kFoundMs = 3 * kSecondMs;      // jobs that run, after a start
+static constexpr millis kLastTryMs = 1600;             // before the end of the delay
+static constexpr millis kSettlesMs = 3 * kSecondMs;    // a reading may be a second late
 
 static bool boots(off_action method) { return method != off_action::kSuspend; }
 
@@ -83,11 +85,14 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   const sim &world = world_;
   due_at_ = (due - kEvening) * kSecondMs - world.wall_offset;
   const bool is_armed = world.is_alive && world.m.armed;
+  if (is_armed && !is_clock_known()) // made up for, if it becomes known soon
+    on_until_ = std::max(on_until_, due_at_ + kLateSeconds * kSecondMs);
   if (world.is_halted || (is_armed && !is_clock_known()))
     return;
   if (timer.type == 1) {
     off_due_ = std::max(off_due_, due);
     off_at_ = due_at_;
+    is_off_open_ = true;
   }
   if (timer.type != 0)
     return;
@@ -165,6 +170,7 @@ void sim_checks::screen_called(bool on) {
 
 void sim_checks::turned_off_by_timer() {
   off_at_ = now();
+  is_off_open_ = false;
   stays_at_ = -1;
 }
 
@@ -222,7 +228,7 @@ void sim_checks::check_return() {
 // What it is said to be for has happened.
 void sim_checks::check_wish(sleep_wish wish) {
   const bool follows = world_.set.follow_screen && left_at_ >= world_.up_at;
-  if ((wish == sleep_wish::kOffTimer && off_at_ < world_.down_at) ||
+  if ((wish == sleep_wish::kOffTimer && std::max(off_at_, made_up_at_) < world_.down_at) ||
       (wish == sleep_wish::kScreen && !follows) ||
       (wish == sleep_wish::kTest && test_at_ < world_.up_at))
     world_.broken(3, "a sleep that nobody wants");
@@ -237,7 +243,8 @@ void sim_checks::check_sleep(const order::sleep &what) {
   const std::int64_t near = lead_of(world_, what.method) + nearness_of(world_, what.method);
   if (is_wanted && ahead < near)
     world_.broken(3, "an on-time is near at a sleep");
-  world_.is_close = world_.is_close || (is_wanted && ahead < near + kNearSeconds);
+  const std::int64_t rounding = world_.alarm.counts_minutes ? kMinuteSeconds : 0;
+  world_.is_close = world_.is_close || (is_wanted && ahead < near + rounding + kNearSeconds);
   if (is_wanted && std::max(tampered_at_, world_.foreign_at) < now() - kAskedMs &&
       !is_led_to(what.method))
     world_.broken(3, "no alarm stands at a sleep");
@@ -265,10 +272,14 @@ void sim_checks::ordered(const order::any &what) {
   const auto *start = std::get_if<order::start_unit>(&what);
   const bool turns_on = start != nullptr && start->name == unit::kOn;
   if (turns_on || std::holds_alternative<order::tv_on>(what)) {
-    const bool is_again = !turns_on && is_ordered_on_ && now() < turned_on_at_ + kSlowestMs;
+    // A unit whose job nobody has seen is begun again after a restart.
+    const bool is_lost = turns_on && world_.alive_at >= turned_on_at_;
+    const millis again_until = turned_on_at_ + (turns_on ? kOrderMs : kSlowestMs);
+    const bool is_again = is_ordered_on_ && (is_lost || !turns_on) && now() < again_until;
     turned_on_at_ = turns_on ? now() : turned_on_at_;
     expected_.clear();
     is_ordered_on_ = true;
+    is_sent_off_ = false;
     stays_at_ = -1;
     // A refused order leaves it unknown: an on-timer must not take it for on.
     if (turns_on && !world_.tv.has_cec && !world_.tv.is_monitor)
@@ -280,15 +291,20 @@ void sim_checks::ordered(const order::any &what) {
   if (std::holds_alternative<order::tv_off>(what) ||
       (start != nullptr && start->name == unit::kOff)) {
     is_ordered_on_ = false;
+    is_sent_off_ = true;
     said_on_ = false;
   }
   if (start != nullptr)
     if (const auto found = std::ranges::find(lost_units_, start->name); found != lost_units_.end())
       lost_units_.erase(found);
+  if (start != nullptr && (turns_on || start->name == unit::kOff)) // the opposite is not wanted now
+    std::erase(lost_units_, turns_on ? unit::kOff : unit::kOn);
   if (std::holds_alternative<order::tv_ask>(what)) {
     asked_at_ = now();
     is_silent_ = !world_.tv.answers() || refuses<order::tv_ask>(world_);
   }
+  if (std::holds_alternative<order::ask_late>(what) && std::exchange(is_off_open_, false))
+    made_up_at_ = now();
   if (std::holds_alternative<order::release_inhibitor>(what))
     check_release();
   if (const auto *said = std::get_if<order::say>(&what))
@@ -308,7 +324,8 @@ void sim_checks::ordered(const order::any &what) {
 bool sim_checks::is_led_to(off_action method) const {
   const std::int64_t ahead = wanted_.on_time - world_.utc();
   const std::int64_t left = world_.alarm.stands() - world_.alarm.count(now());
-  const std::int64_t slack = world_.set.lead_poweroff + kShutdownSeconds + kMinuteSeconds;
+  const std::int64_t stepped = stepped_at_ < world_.up_at ? 0 : kMostStepSeconds;
+  const std::int64_t slack = world_.set.lead_poweroff + kShutdownSeconds + kMinuteSeconds + stepped;
   const bool is_hop = !world_.foreign_stands && left < ahead - slack;
   const bool boots = method != off_action::kPoweroff || world_.set.hop_boots;
   return world_.alarm.stands() != 0 && left <= ahead && (boots || !is_hop);
@@ -393,7 +410,7 @@ void sim_checks::check_alarm() {
   if (wanted_.on_time != 0 && has_passed)
     return;
   if (wanted_.on_time == 0 || ahead <= 0) {
-    if (stands != foreign)
+    if (stands != foreign && stands != world_.forgotten)
       world_.broken(5, foreign != 0 ? "a foreign alarm is lost" : "an alarm that nobody wants");
     return;
   }
@@ -413,6 +430,8 @@ void sim_checks::check_alarm() {
       world_.broken(5, "an earlier foreign alarm is lost");
     return;
   }
+  if (foreign == 0 && stands != 0 && stands == world_.forgotten)
+    return;
   if (foreign != 0 && std::abs(foreign - count - ours) <= unsure + kNearSeconds)
     return;
   const bool is_left_out = method == off_action::kPoweroff && !world_.set.hop_boots && alarm.range;
@@ -509,6 +528,7 @@ void sim_checks::came_up(bool boots) {
   is_clock_set_ = is_clock_set_ && !boots;
   said_on_ = said_on_ && !boots;
   has_spoken_ = has_spoken_ && !boots;
+  is_sent_off_ = is_sent_off_ && !boots;
   if (boots) {
     has_line_ = {};
     sleeps_.clear(); // an alarm or somebody has booted it: that is no loop
@@ -523,9 +543,11 @@ void sim_checks::came_up(bool boots) {
   if (was_timer_second_) // it may have been about to fire
     on_until_ = now() + kOrderMs + kLongestBootMs;
   const std::int64_t last = slept_through_;
-  if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ >= last)
+  if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ > last)
     return;
   on_until_ = now() + kOrderMs + kLongestBootMs;
+  if (off_due_ == last) // the order in which the daemon has them counts
+    return;
   // Without a slept time the daemon's own timers end at the wake-up, before anything is known. When
   // a machine went off that has told nobody is not known either: what it missed is over.
   if (world_.is_alive && world_.counts_sleep && is_down_known_ && !said_on_ && is_clock_known())
@@ -539,8 +561,8 @@ void sim_checks::came_up(bool boots) {
 bool sim_checks::is_alarm_near() const {
   const bool is_other = world_.up_by == cause::kUser || world_.up_by == cause::kNothing;
   const bool has_woken = off_went_at_ == world_.up_at && !is_other;
-  const bool has_passed = off_went_at_ >= world_.down_at && off_went_at_ <= world_.up_at &&
-                          !has_woken &&
+  const bool has_passed = off_went_at_ >= world_.down_at - kNoticedMs &&
+                          off_went_at_ <= world_.up_at && !has_woken &&
                           off_went_at_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
   return left_at_up_ <= kNearSeconds || has_passed;
 }
@@ -621,9 +643,16 @@ void sim_checks::check_line(const order::say &said) {
   has_line = begins;
 }
 
-// The last line may be lost with the process.
+// The last line may be lost with the process; what was about to fire is made up for.
 void sim_checks::process_ended() {
+  if (!expected_.empty())
+    on_until_ = now() + kLateSeconds * kSecondMs;
   expected_.clear();
+  const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
+    return one.id == kStarting && (one.of == unit::kOn || one.of == unit::kOff);
+  });
+  if (!world_.tv.has_cec && is_starting) // perhaps: nobody has seen its job
+    said_on_ = false;
   for (std::size_t part = 0; part < kProblems; ++part)
     has_line_[part] = world_.stored.problems[part] != 0;
 }
@@ -634,7 +663,10 @@ void sim_checks::lost(const order::any &what) {
   const auto *start = std::get_if<order::start_unit>(&what);
   if (start == nullptr)
     return;
-  lost_units_.push_back(start->name);
+  if (std::ranges::find(lost_units_, start->name) == lost_units_.end()) // it may be lost again
+    lost_units_.push_back(start->name);
+  if (start->name == unit::kOn || start->name == unit::kOff)
+    is_sent_off_ = start->name == unit::kOff;
   if (!world_.tv.has_cec && (start->name == unit::kOn || start->name == unit::kOff))
     said_on_ = false; // a sleep may come before it is started again
 }
@@ -704,8 +736,9 @@ void sim_checks::note_clock(const event::any &what) {
 void sim_checks::note_user(const event::any &what) {
   const bool is_key = std::holds_alternative<event::input>(what) &&
                       world_.seen_at >= world_.up_at && world_.m.power.now == phase::kAwake;
-  const bool comes_back = world_.set.screen_follows || !has_spoken_;
-  is_welcomed_ = is_welcomed_ || (is_key && comes_back && !said_on_);
+  const bool follows = world_.set.screen_follows && (world_.tv.has_cec || world_.tv.is_monitor);
+  const bool comes_back = follows || (!has_spoken_ && is_sent_off_);
+  is_welcomed_ = is_welcomed_ || (is_key && comes_back && (!said_on_ || is_sent_off_));
 }
 
 void sim_checks::note_television(const event::any &what) {
@@ -720,6 +753,11 @@ void sim_checks::note_television(const event::any &what) {
       has_spoken_ || said != nullptr || is_off || std::holds_alternative<event::tv_denies>(what);
   if (is_off)
     said_off_at_ = now();
+  const auto *job = std::get_if<event::job_began>(&what); // perhaps one of the last run
+  const bool is_plain = !world_.tv.has_cec && !world_.tv.is_monitor;
+  const bool is_found = job != nullptr && world_.up_at <= world_.alive_at;
+  if (is_found && job->of == unit::kOn && is_plain && !is_sent_off_)
+    said_on_ = true;
   // By its remote, and not before this machine has woken.
   const bool is_left = said != nullptr ? is_seen_on_ : world_.tv.changed_at >= world_.up_at;
   if (is_off && is_left)

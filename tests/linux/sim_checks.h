@@ -89,6 +89,8 @@ private:
   millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
   millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1, left_at_ = -1, stays_at_ = -1;
   millis turned_on_at_ = -kDayMs;
+  bool is_off_open_ = false;    // an off-timer came due, and has not fired
+  millis made_up_at_ = -kDayMs; // when it was asked for
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
   std::deque<millis> sleeps_;
@@ -103,6 +105,7 @@ private:
   bool is_clock_set_ = false, said_on_ = false;  // in this boot; by the television, last
   bool is_ordered_on_ = false, is_test_ = false; // the screen; the sleep
   bool is_seen_on_ = false;                      // the television, since the wake-up
+  bool is_sent_off_ = false;                     // the screen, by the last order in this boot
   bool is_welcomed_ = false;                     // a user, by a screen that comes back
   bool timer_went_off_ = false, was_right_ = false, is_silent_ = false;
   millis credited_at_ = -1;

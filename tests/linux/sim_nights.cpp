@@ -60,7 +60,7 @@ static millis draw_time(chance &luck, const night &so_far, std::int64_t on_time)
 
 static night draw(unsigned seed) {
   chance luck(seed);
-  night drawn{(luck.once_in(10) ? 61 : 15) * kHourMs, {}};
+  night drawn{(luck.once_in(10) ? 61 : luck.once_in(4) ? 3 : 15) * kHourMs, {}};
   int total = 0;
   for (const act &one : acts()) {
     total += std::max(one.weight, 0);
@@ -72,7 +72,8 @@ static night draw(unsigned seed) {
   drawn.steps.push_back({0, kAddTimer, luck.once_in(4) ? 4 : 0, on_time});
   if (luck.once_in(2))
     drawn.steps.push_back({1, kAddTimer, 1, luck.between(60, on_time)});
-  for (std::int64_t left = luck.between(2, 16); left > 0; --left) {
+  const bool is_busy = luck.once_in(4);
+  for (std::int64_t left = is_busy ? luck.between(12, 40) : luck.between(2, 16); left > 0; --left) {
     std::int64_t ticket = luck.between(0, total - 1);
     const act *one = acts().data();
     while ((ticket -= std::max(one->weight, 0)) >= 0)

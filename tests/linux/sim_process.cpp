@@ -65,8 +65,12 @@ void sim::note(const std::string &text) {
 // ordered twice before the next one has failed, and its retries drift: sentence 4 looks at them.
 void sim::keep_order(const std::string &text, bool is_sleep) {
   const millis since = is_sleep ? std::max(up_at, down_at) : now - kRestartMs;
-  const bool is_kept = std::ranges::any_of(
-      given, [&](const auto &one) { return one.second == text && one.first >= since; });
+  const auto is_same_since = [&](millis time) {
+    return std::ranges::any_of(
+        given, [&](const auto &one) { return one.second == text && one.first >= time; });
+  };
+  const bool is_kept = is_same_since(since);
+  is_close = is_close || is_same_since(since - kSecondMs) != is_same_since(since + kSecondMs);
   if (!is_kept)
     given.emplace_back(now, text);
 }
@@ -81,7 +85,8 @@ bool sim::may_restart() const {
   const bool is_busy = m.sleep.wish != sleep_wish::kNone ||
                        std::ranges::any_of(m.jobs, [](const job &one) { return one.id != 0; });
   return (is_busy || !restarts_busy) && is_known && m.armed && !m.test.running &&
-         !set.follow_screen && counts_sleep && !sleeps_now && tv.answers_after < kSecondMs;
+         !set.follow_screen && counts_sleep && !sleeps_now && !stops_now &&
+         tv.answers_after < kSecondMs;
 }
 
 void sim::send(const event::any &what) {
@@ -193,9 +198,9 @@ void sim::start_process() {
 }
 
 void sim::end_process() {
+  checks.process_ended();
   is_alive = false;
   missed.clear();
-  checks.process_ended();
   ++run_;
   is_delivering = false;
   calls = 0;

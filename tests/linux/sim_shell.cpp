@@ -78,10 +78,10 @@ struct shell {
     world.process_at(world.now + world.bus_ms, [=, *this, method = what.method] {
       const bool refuses = is_refused_there || world.sleeps_now || world.stops_now;
       note_crossing();
-      if (refuses)
-        world.checks.sleep_failed();
-      else
+      if (!refuses)
         world.begin_sleep(method);
+      else if (!world.sleeps_now) // otherwise the process takes that sleep for its own
+        world.checks.sleep_failed();
       world.answer(event::sleep_answered{refuses ? EACCES : 0});
     });
   }
@@ -176,9 +176,11 @@ void sim::carry_out(const order::any &what) {
   std::visit(shell{*this, (refused >> what.index() & 1U) != 0}, what);
 }
 
-device_reading sim::read_device() const {
+device_reading sim::read_device() {
   static const std::size_t index = order::any(order::read_alarm{}).index();
   const bool is_refused = (refused >> index & 1U) != 0;
+  if (m.alarm.stands.owner != alarm_owner::kForeign && m.alarm.stands.count > alarm.count(now))
+    forgotten.reset(); // it is noticed
   if (!alarm.is_there)
     return {ENODEV, true, false, 0, 0};
   return {is_refused ? EIO : 0, false, alarm.counts_minutes, alarm.count(now), alarm.read()};
@@ -188,10 +190,14 @@ void sim::start_job(unit of, millis runs) {
   const std::uint32_t id = next_job_++;
   jobs[id] = {of, now};
   answer(event::job_began{id, of});
-  world_at(now + 3 * bus_ms + runs, [this, id] {
-    if (state == life::kRunning && jobs.erase(id) != 0)
-      answer(event::job_ended{id});
-  });
+  world_at(now + 3 * bus_ms + runs, [this, id] { end_job(id); });
+}
+
+void sim::end_job(std::uint32_t id) {
+  if (state == life::kAsleep)
+    frozen_jobs.push_back(id);
+  else if (jobs.erase(id) != 0)
+    answer(event::job_ended{id});
 }
 
 // A daily timer may be armed for its next day already.

@@ -1,6 +1,7 @@
 #include "sim.h"
 
 #include <algorithm>
+#include <utility>
 
 static constexpr millis kBootMs = 30 * kSecondMs; // until the process starts
 static constexpr millis kFailsAfterMs = 1500;
@@ -19,8 +20,10 @@ moment sim::this_moment() const {
 
 void sim::world_at(millis when, action what) { world_.emplace(when, std::move(what)); }
 
+// What comes while the machine sleeps waits until it wakes.
 void sim::process_at(millis when, action what) {
-  process_.emplace(when, [this, run = run_, what = std::move(what)] {
+  const millis slept_by = state == life::kAsleep ? now - down_at : 0;
+  process_.emplace(when - slept_by, [this, run = run_, what = std::move(what)] {
     if (is_alive && run == run_)
       what();
   });
@@ -31,10 +34,14 @@ void sim::answer(const event::any &what) {
   process_at(now + bus_ms * (1 + answers_++ % 3), [this, what] { send(what); });
 }
 
-// Signals of logind stay in their order.
+// Signals of logind stay in their order. One of a sleep that is over may be taken for the next.
 void sim::signal(const event::any &what) {
   signal_at_ = std::max(signal_at_, now + bus_ms * (1 + answers_++ % 3));
-  process_at(signal_at_, [this, what] { send(what); });
+  process_at(signal_at_, [this, what, number = sleep_] {
+    if (number != sleep_)
+      checks.tampered();
+    send(what);
+  });
 }
 
 // --- sleep and shutdown ---
@@ -86,7 +93,7 @@ void sim::go_down(off_action by, bool is_announced) {
   if (state != life::kRunning || is_called_off_)
     return;
   ++sleep_;
-  const bool is_ready = is_alive && m.armed && checks.has_released(begun_at());
+  const bool is_ready = is_announced && is_alive && m.armed && checks.has_released(begun_at());
   method = by;
   if (fails > 0 && method != off_action::kPoweroff) {
     --fails;
@@ -131,6 +138,8 @@ void sim::wake(cause by) {
   note("- up");
   checks.came_up(false);
   process_at(now + 3, [this] { send(event::clock_stepped{}); });
+  for (const std::uint32_t id : std::exchange(frozen_jobs, {}))
+    world_at(now + kSecondMs, [this, id] { end_job(id); });
   if (!is_alive) // the service manager did not get to it before
     world_at(now + kSecondMs, [this] { start_process(); });
   if (!was_announced_)
@@ -163,7 +172,7 @@ void sim::write_foreign(std::int64_t ahead) {
   if (!alarm.is_there || is_ours || alarm.switch_off() != 0)
     return;
   foreign_at = now;
-  foreign.reset();
+  forgotten = std::exchange(foreign, {});
   foreign_stands = false;
   if (ahead == 0 || alarm.write(now, alarm.count(now) + ahead) != 0 || alarm.stands() == 0)
     return;

@@ -23,7 +23,7 @@ TEST_F(Mqtt, EveryCommand_IsCarriedOutOrRefusedInWords) {
     add {"id":"5"} => {"id":"5","command":"add","done":false,"error":{"kind":"usage","what":"the message has no timer"}}
     add {"timer":{}} => {"command":"add","done":false,"error":{"kind":"usage","what":"add needs an id
     add {"id":"6","timer":{},"x":1} => "what":"this command has no member x"
-    add {"id": => "what":"add needs an id
+    add {"id": => "what":"the message is no JSON
     change {"id":"10","timer_id":1,"set":{"time":"07:15"}} => "done":true,"timer":{"id":3
     change {"id":"11","timer_id":2,"set":{"time":"21:00"}} => "at":"2026-12-24T21:00:00+00:00"
     change {"id":"12","timer_id":9,"set":{"time":"21:00"}} => "what":"there is no timer 9"

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 
 using std::chrono::duration_cast;
@@ -107,6 +108,13 @@ TEST_F(Reach, AHundredBridges_ShareABroker) {
   seen.emplace(port);
   all_online();
   std::printf("online again after a restart of the broker: %.1f s\n", seconds(back));
+  for (process &wrapper : bridges) { // SIGTERM would end the wrapper, and not the bridge in it
+    const std::string pid = std::to_string(wrapper.pid());
+    const pid_t inner = std::atoi(read("/proc/" + pid + "/task/" + pid + "/children").c_str());
+    ASSERT_GT(inner, 0);
+    kill(inner, SIGTERM);
+    EXPECT_EQ(wrapper.wait(), 0);
+  }
 }
 
 } // namespace

@@ -646,6 +646,8 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     ics $D:20261231\\nDTEND${D#DTSTART}:20270103 >x; add 7 --holidays skip; add 8; add 6 --type always \
       -> holidays import x; ctl -j holidays => 0 Holidays 1 are added: 31 Dec.\nHolidays 2 are added: \
       1 Jan to 2 Jan.\nTimers that skip them: 1\n
+    ics $D:20250401\\nRRULE:FREQ=YEARLY\\nDURATION:P2D\\nRDATE${D#DTSTART}:20270701\\nEXDATE${D#DTSTART}:\
+20270401 >x -> holidays import x => 0 Holidays 1 are added: 1 Jul to 2 Jul.\nTimers
     ics $D:20270401 $D:20270401 >x; add 7; add 6 --type always -> holidays import x --all; ctl list \
       => 0 Holidays 1 are added: 1 Apr.\nTimers that skip them: 1\nNote: Hol =/> Holidays 2
     ics $D:20261214\\nDTEND${D#DTSTART}:20261216 $D:20271215 >x -> holidays import x => 0 \

@@ -2,6 +2,8 @@
 """dravelctl with a machine, which the simulated set lacks: what it would say of one is said here, all
 else by the real one."""
 import json
+import os
+import pwd
 import subprocess
 import sys
 
@@ -16,6 +18,8 @@ ANSWERS = {
     "history": [{"time": "2026-12-21T22:30:00+01:00", "event": "fired", "timer": 2, "reason": "", "text": "timer <b>2</b> fired"}],
 }
 
+if os.getuid() == pwd.getpwnam("nobody").pw_uid:
+    ANSWERS["history"] = {"error": {"kind": "not-allowed", "what": "the journal cannot be read", "advice": "members may"}}
 command = " ".join(sys.argv[2:])
 answer = ANSWERS.get(command)
 if answer is None:

@@ -69,7 +69,7 @@ BAD_INPUT = {
                    "see '<b>x.json: 0 added, 1 refused.'; see 'it is there already as timer 1'",
 }
 RIGHTS = {
-    "guest": "see 'Members of the group dravel may'; see 'Administrative access'; barred 'Add a timer'; barred 'Cancel timer 1'; "
+    "guest": "see 'Members of the group dravel may'; see 'Limited access'; barred 'Add a timer'; barred 'Cancel timer 1'; "
              "barred 'Change timer 1'; barred 'On-timers act'; barred 'Import …'; press 'Why does timer 1 fire, and when?'; see 'It fires next'",
     "member": "press 'Cancel timer 1'; see 'is cancelled'",
 }
@@ -80,6 +80,7 @@ MACHINE = {
             "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
     "after a test": "store dravel.test-wake none; open member machine; see 'The machine was woken Tue 22 Dec 06:58:30, for a timer.'",
     "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",
+    "no history": "open guest machine; press History; see 'members may. As an administrator press “Limited access”'",
 }
 FULL = ("press 'Add a timer'; set at 23:59; see 'removed to make room'; press Add; see 'removed to make room'; tick force; press Add; see 'is added'; "
         "told status '\"timers\":80'; press 'Add a timer'; see 'The list is full'; press Cancel")
@@ -131,7 +132,7 @@ class Page(unittest.TestCase):
         self.browser.find_element(By.CSS_SELECTOR, f"dialog [name={name}]").click()
 
     def store(self, key, value):
-        self.browser.execute_script("sessionStorage.setItem(arguments[0], arguments[1])", key, value)
+        self.browser.execute_script("localStorage.setItem(arguments[0], arguments[1])", key, value)
 
     def key(self, name):
         ActionChains(self.browser).send_keys(getattr(Keys, name)).perform()
