@@ -124,7 +124,7 @@ void answers_end(decision &d) {
   hold(d, postponed::kUseUnknown, kUseAgainMs);
 }
 
-// The answers are lost with the run that has asked.
+// The answers are lost with the run that has asked, or older than a standby.
 void ask_again(decision &d) {
   if (d.m.sleep.stage == wish_stage::kAsking)
     d.m.sleep.stage = wish_stage::kWaiting;

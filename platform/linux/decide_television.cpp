@@ -96,12 +96,14 @@ void on(decision &d, const event::tv_reports &e) {
 // No answer says nothing; while an order is pending, the next second asks again.
 static void is_unknown(decision &d) {
   d.m.screen.answered = screen_state::kUnknown;
-  d.m.sleep.screen_answered = true;
   if (d.m.screen.has_cec)
     believe(d, screen_state::kUnknown);
 }
 
-void on(decision &d, const event::tv_silent &) { is_unknown(d); }
+void on(decision &d, const event::tv_silent &) {
+  d.m.sleep.screen_answered = true;
+  is_unknown(d);
+}
 
 // When it does not know the message, asking again would not help; otherwise it is only not able to
 // answer now.
@@ -111,6 +113,7 @@ void on(decision &d, const event::tv_denies &e) {
   if (!is_order && !is_question)
     return;
   d.m.screen.has_spoken = true;
+  d.m.sleep.screen_answered = d.m.sleep.screen_answered || is_question;
   is_unknown(d);
   if (!e.for_good)
     return;

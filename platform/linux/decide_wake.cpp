@@ -113,6 +113,7 @@ static void stayed_up(decision &d) {
   d.never(due_kind::kAlarmAgain);
   d.never(due_kind::kLeaving);
   d.m.alarm.check = true;
+  ask_again(d);
   take_back(d, delivery::kStandby);
   tell(d, delivery::kWakeup);
   d.m.clock.update_due = true;

@@ -647,6 +647,26 @@ TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
   }
 }
 
+// Nor does an answer of before a standby that has failed.
+TEST(Decide, ARefusedStandby_IsNoAnswerToTheQuestionBeforeAReturn) {
+  for (const bool stands_by : {false, true}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    run.sleep(985);
+    run.pass(135);
+    run.send(event::due{});
+    run.send(event::tv_denies{CEC_MSG_STANDBY, true});
+    if (stands_by)
+      run.send(event::sleep_begins{});
+    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+    EXPECT_EQ(run.count<order::sleep>(), 0);
+    run.send(event::tv_reports{event::tv_state::kOff});
+    if (stands_by)
+      run.send(event::sleep_ends{});
+    EXPECT_EQ(run.count<order::sleep>(), stands_by ? 0 : 1);
+  }
+}
+
 TEST(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake) {
   for (const bool by_hand : {true, false}) {
     awake_machine run;
