@@ -110,7 +110,8 @@ TEST_F(Reach, AHundredBridges_ShareABroker) {
   std::printf("online again after a restart of the broker: %.1f s\n", seconds(back));
   for (process &wrapper : bridges) { // SIGTERM would end the wrapper, and not the bridge in it
     const std::string pid = std::to_string(wrapper.pid());
-    const pid_t inner = std::atoi(read("/proc/" + pid + "/task/" + pid + "/children").c_str());
+    const fs::path children = fs::path("/proc") / pid / "task" / pid / "children";
+    const pid_t inner = std::atoi(read(children).c_str());
     ASSERT_GT(inner, 0);
     kill(inner, SIGTERM);
     EXPECT_EQ(wrapper.wait(), 0);
