@@ -68,9 +68,9 @@ std::string date_text(const holiday_end &end) {
 }
 
 std::string date_text(const holiday &period) {
-  const std::string first = date_text(period.first);
-  const std::string last = date_text(period.last);
-  return first == last ? first : first + " to " + last;
+  const std::string from = date_text(period.first);
+  const std::string until = date_text(period.last);
+  return from == until ? from : from + " to " + until;
 }
 
 static std::string date_of(sys_days day) {
