@@ -191,10 +191,11 @@ struct sim {
   bool restarts_busy = false;
   unsigned events = 0; // from outside
   unsigned downs = 0;  // sleeps and shutdowns
-  // Somebody, in the second of a timer or while the machine goes: a restart moves these by some ms.
+  // Somebody, close to a timer or while the machine goes: a restart moves these by some ms.
   bool has_acted = false;
-  bool is_close =
-      false; // a sleep has only just come before an on-time: moved, it would wait for it
+  millis acted_at = -kHourMs;
+  // A sleep has only just come before an on-time: moved, it would wait for it.
+  bool is_close = false;
 
   std::string run(const night &what);
   void broken(int sentence, const std::string &text);

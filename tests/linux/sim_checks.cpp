@@ -9,9 +9,10 @@ static constexpr millis kOrderMs = 20 * kSecondMs; // an order to a television i
 static constexpr millis kSlowestMs = 125 * kSecondMs; // until a television that boots has its pair
 static constexpr millis kLongestBootMs = 35 * kSecondMs;
 static constexpr millis kResumeMs = 2100;
-static constexpr millis kWindowMs = 9 * kSecondMs; // a key in it has woken the machine,
-static constexpr millis kDoubtMs = 11 * kSecondMs; // and one until then perhaps
-static constexpr millis kAnswerMs = 3 * kSecondMs; // waited for
+static constexpr millis kWindowMs = 9 * kSecondMs;        // a key in it has woken the machine,
+static constexpr millis kDoubtMs = 11 * kSecondMs;        // and one until then perhaps
+static constexpr millis kAnswerMs = 3 * kSecondMs;        // waited for
+static constexpr millis kScreenAnswersMs = 2 * kSecondMs; // one that is switched, on a slow bus
 static constexpr millis kAskedMs = 5 * kSecondMs;
 static constexpr millis kUnseenMs = kSecondMs;
 static constexpr millis kNoticedMs = 2 * kSecondMs; // until an alarm that passes is looked at
@@ -84,6 +85,8 @@ void sim_checks::miss() {
 void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   const sim &world = world_;
   due_at_ = (due - kEvening) * kSecondMs - world.wall_offset;
+  if (world.acted_at > due_at_ - kScreenAnswersMs)
+    world_.has_acted = true;
   const bool is_armed = world.is_alive && world.m.armed;
   if (is_armed && !is_clock_known()) // made up for, if it becomes known soon
     on_until_ = std::max(on_until_, due_at_ + kLateSeconds * kSecondMs);

@@ -22,6 +22,7 @@ std::string sim::run(const night &what) {
         note(std::string("> ") + act_of(one).name + ' ' + std::to_string(one.a) + ' ' +
              std::to_string(one.b));
         has_acted = has_acted || checks.is_timer_second() || sleeps_now || stops_now;
+        acted_at = now;
         act_of(one).does(*this, one.a, one.b);
       });
   start_process();
