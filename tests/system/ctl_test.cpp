@@ -189,7 +189,7 @@ private:
   virtual void end_step() { EXPECT_EQ(stop(), 0); }
 };
 
-TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) {
+TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem) {
   check(R"steps(
     add 7:00 => 0 Next firing: Wed 2026-12-16 07:00:00, in 19 hours =/> Note
     add 19:30:15 --type off => 0 Tue 2026-12-15 19:30:15
@@ -198,21 +198,11 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add 'Tuesday 11:00' => 0 Tue 2026-12-22 11:00:00
     add 'today 13:00' => 0 Tue 2026-12-15 13:00:00
     add +1h45m => 0 13:45:00, in 105 minutes
-    add 2026-12-24T18:00 => 0 Note: Each expiry of another timer, each wake-up of the set and each \
-      change of the clock, the zone or the holidays moves this timer to the next 18:00. To keep its \
-      day, add it less than a week ahead with --on Thu, and cancel it afterwards.
-    add 13:00 -> add '2026-12-21 18:00' => 0 Note: Timer 1 fires before it, on Tue 2026-12-15 13:00:00, \
-      and moves it to Tue 2026-12-15 18:00:00. Each expiry =/> less than a week
     add 7 => 0 Next firing: Wed 2026-12-16 07:00:00
     add '7:30 pm' => 0 Tue 2026-12-15 19:30:00
     add 12am --type off => 0 Wed 2026-12-16 00:00:00
-    add 13pm => 2 is no time
-    add 0am => 2 is no time
-    add +45 => 2 is no time
-    add 7:00:60 => 2 is no time
     add 'tomorrow noon' => 0 Wed 2026-12-16 12:00:00, in 24 hours
     add +90s --type off => 0 12:01:30, in 90 seconds
-    add +9999w => 2 is no time
     add '2026-12-24 18:00' --type always => 0 Thu 2026-12-24 18:00:00 =/> Each
     add '7:00 tomorrow' => 0 Wed 2026-12-16 07:00:00
     add 'next fri 7pm' => 0 Fri 2026-12-18 19:00:00
@@ -221,6 +211,24 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add now --type off => 0 Tue 2026-12-15 12:00:02
     add '+45 min' => 0 12:45:00
     add +1w => 0 Tue 2026-12-22 12:00:00
+    add 'tue 12:00:01' => 0 Next firing: Tue 2026-12-22 12:00:00
+    add 'tue 12:00:01' --type off => 0 Tue 2026-12-15 12:00:01
+    holidays add 02-20 02-28 --end-of-february => 0 20 Feb to end of Feb
+  )steps");
+}
+
+TEST_F(Ctl, DaysZonesAndLanguages_AreUnderstood_AndNonsenseIsRefused) {
+  check(R"steps(
+    add 2026-12-24T18:00 => 0 Note: Each expiry of another timer, each wake-up of the set and each \
+      change of the clock, the zone or the holidays moves this timer to the next 18:00. To keep its \
+      day, add it less than a week ahead with --on Thu, and cancel it afterwards.
+    add 13:00 -> add '2026-12-21 18:00' => 0 Note: Timer 1 fires before it, on Tue 2026-12-15 13:00:00, \
+      and moves it to Tue 2026-12-15 18:00:00. Each expiry =/> less than a week
+    add 13pm => 2 is no time
+    add 0am => 2 is no time
+    add +45 => 2 is no time
+    add 7:00:60 => 2 is no time
+    add +9999w => 2 is no time
     TZ=CET-1 add 2026-12-24T08:00-05:00 => 0 Thu 2026-12-24 14:00:00
     add 08:00-05:00 => 2 is no time
     TZ=CET-1 add 'Thu 2026-12-24 07:00:00 UTC' => 0 Thu 2026-12-24 08:00:00
@@ -231,8 +239,6 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add 'today tomorrow 7:00' => 2 is no time
     add '2026-12-24 7:00' --on mon => 2 a timer for a date does not repeat
     add 'fri 7:00' --on mon => 2 a timer for a date does not repeat
-    add 'tue 12:00:01' => 0 Next firing: Tue 2026-12-22 12:00:00
-    add 'tue 12:00:01' --type off => 0 Tue 2026-12-15 12:00:01
     add 7:00:05 => 0 On-timers ignore seconds.
     LC_ALL=de_DE.UTF-8 add 'mi. 7:00' => 0 Wed 2026-12-16 07:00:00
     LC_ALL=fr_FR.UTF-8 add 7:00 --on lun-mer => 0 Days: Mon,Tue,Wed
@@ -251,7 +257,6 @@ TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem_OrRefusedWithWhatWouldBeRight) 
     add "$(printf '7:00\n\033[m')" => 2 --at=7:00??[m is no time
     lose_clock -> add +45m => 0 +45m is counted from this machine's clock,
     ctl add => 2 add needs --at
-    holidays add 02-20 02-28 --end-of-february => 0 20 Feb to end of Feb
   )steps");
 }
 
@@ -262,10 +267,38 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     lose_clock -> add '2026-12-24 7:00' => 0 Next firing: not armed\n        Days: once\n     Set for: Thu \
       2026-12-24 07:00:00\n       Clock: broadcast\n    Priority: 0\n    Holidays: ignore: fires on them \
       too\nNote: The set's clock is unknown: the timer is armed once it is known.\n =/> counted
+    ctl show '' => 2 '' is no id
+    add '2026-12-15 12:00:30' => 1 on-timers ignore seconds
+    add '2027-12-15 12:01' => 1 is more than 365 days ahead
+    add 7:09 -> add 7:00 --type standby => 1 a standby timer is then left
+    eighty; file $off -> { add 8 --check --force; add 8 --force; add 9; ctl import x --force; } 2>&1 | \
+      sed -n 's/ to make room.*//p' => 0 Note: Timer 1 (on, Mon) would be removed\nNote: Timer 1 \
+      (on, Mon) was removed\ndravelctl: not added: there are 80 timers, and timer 2 (on, Mon) would be \
+      removed\nNote: timers[0]: Timer 2 (on, Mon) was removed
+    mkdir b; ctl backup b; ctl restore b -> add 7:00 => 1 refused the timer; its log
+    add 7:00 --check; ctl list => 0 would be added:\n       Timer: new\n        Type: \
+      on (0): turns the set on\n Next firing: Wed 2026-12-16 07:00:00, in 19 hours\n =/> \n1
+    add '2026-12-15 11:59' --check => 1 has passed
+    add 7:00 --type off -> add 7:00 => 0 \
+      Note: It is not armed: off-timer 1 is set for the same time.
+    add 7:00 --on mon -> add 7:00 --on daily => 0 It and timer 1 are due in the same second, \
+      Mon 2026-12-21 07:00:00: only one of them will fire, and which one is not certain; choose \
+      another minute.
+    for h in 7 8 9; do add $h:00; done -> ctl cancel 1 3; ctl list => 0 \n2   on =/> \n1
+    add 7:00 -> ctl cancel 1 9 => 1 there is no timer 9 =/> is cancelled
+    add 7:00 -> ctl cancel 1 1 => 0 Timer 1 is cancelled.
+    add 7:00 --type 10 -> ctl cancel -10 --json => 0 {"cancelled":-10,"timer":{"type":10,"at":"2026-12-16T07:00:00+00:00"
+    add 7:00; add 8:00 -> ctl rm --all; ctl ls => 0 No timers.
+    ctl cancel => 2 cancel needs ID
+    ctl cancel 1 --all => 2 --all goes with no ID
+  )");
+}
+
+TEST_F(Ctl, Holidays_AndChanges_TellWhatTheyMove) {
+  check(R"(
     ctl change 1 => 2 change needs what to change
     add 7 --type 13 -> ctl change 1 --priority 3 => 0 Timer 2 takes the place of timer 1.
     add '2026-12-24 7:00' -> ctl change 1 --at now --type off => 0 Tue 2026-12-15 12:00:02
-    ctl show '' => 2 '' is no id
     holidays add 12-24 02-30 => 2 02-30 is no date of the year
     holidays add x => 2 x is no date of the year
     holidays add 03-01 --end-of-february => 2 --end-of-february needs 02-28
@@ -273,42 +306,23 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
       Timer 1 ignores holidays.\nNote: Timer 1 is now armed for Wed 2026-12-16 07:00:00; it was armed \
       for Fri 2026-12-18 07:00:00.\nID  FIRST DAY  LAST DAY\n1   16 Dec     17 Dec\n
     add 7 -> holidays skip -j 1 => 0 {"id":1,"holidays":"skip",
-    add '2026-12-15 12:00:30' => 1 on-timers ignore seconds
-    add '2027-12-15 12:01' => 1 is more than 365 days ahead
     holidays add 01-01 12-31 -> add 7:00 --on daily --holidays skip => 1 holidays cover every day
-    add 7:09 -> add 7:00 --type standby => 1 a standby timer is then left
     holidays add 12-16 -> add 7:00:30 --holidays skip => 0 \
       Holidays move it from Wed 2026-12-16 07:00:30 to Thu 2026-12-17 07:00:00.
     add '2026-12-24 18:00' -> holidays add 12-26 => 0 \
       Timer 1 is now armed for Tue 2026-12-15 18:00:00; it was armed for Thu 2026-12-24 18
-    eighty; file $off -> { add 8 --check --force; add 8 --force; add 9; ctl import x --force; } 2>&1 | \
-      sed -n 's/ to make room.*//p' => 0 Note: Timer 1 (on, Mon) would be removed\nNote: Timer 1 \
-      (on, Mon) was removed\ndravelctl: not added: there are 80 timers, and timer 2 (on, Mon) would be \
-      removed\nNote: timers[0]: Timer 2 (on, Mon) was removed
-    mkdir b; ctl backup b; ctl restore b -> add 7:00 => 1 refused the timer; its log
     eighty; ctl change 50 --on tue -> ids /opt/dbspace/.dravel.db | sed -n '1p;$=' => 0 1\n80\n
     eighty; ctl cancel 9; add +50s --type off -> ctl change 81 --at 14 => 1 due within a minute, and
     eighty; mkdir b; ctl backup b; ctl restore b -> ctl change 50 --on tue => 1 timer 50 is cancelled
     add '2026-12-24 18:00' -> ctl change 1 --at 19:00 => 0 Set for: Thu 2026-12-24 19:00:00
     add 7:00 -> ctl change 1 --at 8 --check; ctl list => 0 This timer would take =/> 08:00\n
-    add 7:00 --check; ctl list => 0 would be added:\n       Timer: new\n        Type: \
-      on (0): turns the set on\n Next firing: Wed 2026-12-16 07:00:00, in 19 hours\n =/> \n1
-    add '2026-12-15 11:59' --check => 1 has passed
     add 7:00 --on daily -> holidays add 01-01 12-31; holidays skip 1 => 0 Timer 1 is now removed;
-    add 7:00 --type off -> add 7:00 => 0 \
-      Note: It is not armed: off-timer 1 is set for the same time.
-    add 7:00 --on mon -> add 7:00 --on daily => 0 It and timer 1 are due in the same second, \
-      Mon 2026-12-21 07:00:00: only one of them will fire, and which one is not certain; choose \
-      another minute.
     add 7:00 --on mon -> ctl change 1 --at 8:15 --on tue => 0 Timer 2 takes the place of timer 1.
     add 7:00 --type off --priority -3 --holidays skip; ctl change 1 --on tue -> ctl list -j => 0 \
       "at":"2026-12-22T07:00:00+00:00","at_seconds":1797922800,"days":["Tue"],"priority":-3,\
       "delay":0,"holidays":"skip" =/> "id":1
     add 7:00 -> ctl change 1 --at '2026-12-14 7:00' => 1 dravelctl: not changed: Mon 2026-12-14
     add 7:00 -> ctl change 1 --at '2026-12-14 7:00'; ctl show 1 => 0 Set for: Wed
-    for h in 7 8 9; do add $h:00; done -> ctl cancel 1 3; ctl list => 0 \n2   on =/> \n1
-    add 7:00 -> ctl cancel 1 9 => 1 there is no timer 9 =/> is cancelled
-    add 7:00 -> ctl cancel 1 1 => 0 Timer 1 is cancelled.
     add 7:00 -> holidays skip 1 9 => 1 there is no timer 9 =/> skips
     holidays add 12-24 -> holidays remove 1 9 => 1 no holidays 9 =/> are removed
     holidays add 12-24 => 0 No timer skips holidays
@@ -324,10 +338,6 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 \
       "moved":[{"id":1,"was":"2026-12-24T18:00:00+00:00","was_seconds":1798135200,"now":"2026-12-15T18
     holidays remove x => 2 x is no id; dravelctl holidays list shows the ids
-    add 7:00 --type 10 -> ctl cancel -10 --json => 0 {"cancelled":-10,"timer":{"type":10,"at":"2026-12-16T07:00:00+00:00"
-    add 7:00; add 8:00 -> ctl rm --all; ctl ls => 0 No timers.
-    ctl cancel => 2 cancel needs ID
-    ctl cancel 1 --all => 2 --all goes with no ID
     ctl -j holidays add -- 12-24 12-26 => 0 "first":{"month":12,"day":24,
   )");
 }
@@ -345,6 +355,24 @@ TEST_F(Ctl, TheState_IsShown) {
     in_berlin; add 7 -> ctl => 0 Wakes for: timer 1, at Wed 2026-12-16 06:00:00 UTC\n
     in_berlin; add 7 -> TZ=CET-1 ctl -j => 0 "wakeup":{"id":1,"type":0,"at":"2026-12-16T07:00:00+01:00",
     three -> ctl status -j => 0 "halted":{"on":false,"off":true},"timers":3,"limit":80,
+    ctl halt on off -> ctl => 0 Halted: on- and off-timers
+    ctl halt on -> ctl => 0 Halted: on-timers\n
+    ctl halt off -> ctl halt -j => 0 {"on":false,"off":true}
+    ctl halt up => 2 halt takes no up; give
+    TZ=NST3:30 ctl => 0 (NST, UTC-03:30)
+    add 7 -> for is in NO_COLOR=1 TERM=dumb TERM=xterm; do TERM=xterm script -qc "export $is; dravelctl \
+      list" /dev/null | grep -c 1mID; done => 0 0\n0\n1\n
+    eighty -> ctl => 0 Timers: 80 of 80, adding one removes another\n
+    eighty -> ctl -j => 0 "full":true
+    add 7:00; add 6:00 -> ctl => 0 Next on: Wed 2026-12-16 06:00:00
+    add 7:00 --type 2 -> ctl => 0 Next on: none\nNext wake-up: Wed 2026-12-16 07:00:00, in 19
+    eighty; add 6:00 --type 10 -> ctl status => 0 Timers: 81, adding one removes another
+    lose_clock -> ctl => 0 Problem: The set's clock is unknown: no timer is armed.\n       Clock: unk
+  )steps");
+}
+
+TEST_F(Ctl, TimersAndTheOverview_AreListed) {
+  check(R"steps(
     three -> ctl list => 0 Tue 2026-12-15 19:00  7 h   once      halted
     three -> ctl list --on-timers --day wed => 0 \n2   on =/> \n3
     three -> ctl list --on-timers --day sun => 0 No such timers.
@@ -355,24 +383,12 @@ TEST_F(Ctl, TheState_IsShown) {
     add 7 -> echo n | script -qc 'dravelctl cancel --all' /dev/null; ctl list => 0 nothing is cancelled =/> No
     add 7 -> echo Y | script -qc 'dravelctl cancel --all' /dev/null => 0 Timer 1 is cancelled.
     three -> ctl list --off-timers => 0 \n1   off =/> \n2
-    ctl halt on off -> ctl => 0 Halted: on- and off-timers
-    ctl halt on -> ctl => 0 Halted: on-timers\n
-    ctl halt off -> ctl halt -j => 0 {"on":false,"off":true}
-    ctl halt up => 2 halt takes no up; give
-    TZ=NST3:30 ctl => 0 (NST, UTC-03:30)
     add 7 --type 200 --priority 3 --clock rtc --holidays skip -> ctl list; ctl show 1 => 0 \
       200   Wed 2026-12-16 07:00  19 h  once  no holidays, priority 3, rtc\n       Timer: 1\n        \
       Type: 200 (200): wakes a sleeping set and is announced\n Next firing: Wed 2026-12-16 07:00:00, \
       in 19 hours\n        Days: once\n     Set for: Wed 2026-12-16 07:00:00\n       Clock: rtc\n    \
       Priority: 3\n    Holidays: skip: does not fire on them\n
-    add 7 -> for is in NO_COLOR=1 TERM=dumb TERM=xterm; do TERM=xterm script -qc "export $is; dravelctl \
-      list" /dev/null | grep -c 1mID; done => 0 0\n0\n1\n
     add 7 --type announce -> ctl halt both; ctl list => 0 once\n
-    eighty -> ctl => 0 Timers: 80 of 80, adding one removes another\n
-    eighty -> ctl -j => 0 "full":true
-    add 7:00; add 6:00 -> ctl => 0 Next on: Wed 2026-12-16 06:00:00
-    add 7:00 --type 2 -> ctl => 0 Next on: none\nNext wake-up: Wed 2026-12-16 07:00:00, in 19
-    eighty; add 6:00 --type 10 -> ctl status => 0 Timers: 81, adding one removes another
     three -> ctl overview => 0 ,"timers":[{"id":1,"type":1,"type_name":"off",\
       "title":"timer 1 (off, once)","days_text":"once"
     three -> ctl overview => 0 "mark":"off","halted":true,"passed":[]}
@@ -389,7 +405,6 @@ TEST_F(Ctl, TheState_IsShown) {
     ctl overview => 0 "machine":null,"problems":[]}
     ctl overview => 0 "may":{"change":true,"screen":"the platform of this dravel-manager shows no machine","test":"the
     ctl screen on => 1 shows no machine; only the platform linux
-    lose_clock -> ctl => 0 Problem: The set's clock is unknown: no timer is armed.\n       Clock: unk
     add 7 --on daily; add 7 --type off --on daily -> ctl -j week => 0 "mark":"both","halted":false,"passed":[1]
     add 7 --type 2 -> ctl -j week => 0 "mark":"wake"
     ctl types -j => 0 {"number":2,"word":"wake-20","meaning":"wakes the set, reason 20","mark":"wake"}
@@ -397,7 +412,7 @@ TEST_F(Ctl, TheState_IsShown) {
   )steps");
 }
 
-TEST_F(Ctl, TimersAndTheWeek_AreExplained) {
+TEST_F(Ctl, Timers_AreExplained) {
   check(R"steps(
     three -> ctl explain 1 => 0 Off-timers are halted: it is announced and does nothing else.
     three -> ctl explain 2 => 0 Tue 2026-12-15 is passed over: its time of day has passed.\n\
@@ -419,17 +434,10 @@ TEST_F(Ctl, TimersAndTheWeek_AreExplained) {
       ctl explain 2 => 0 07:05:00 and skips holidays.\nIt is armed for Tue 2026-12-22 07:05:00, in 6 \
       days.\nTimer 3 fires before it, on Tue 2026-12-15 13:00:00, and removes it.\n
     in_berlin; add 7 -> ctl explain => 0 The set is woken on Wed 2026-12-16 06:00:00 UTC for timer 1:
-    lose_clock -> ctl week => 1 the set's clock is unknown, so that no week
     add 7:00 --on mon; add 7:00 --on sat-mon -> ctl explain 1 => 0 \
       2027-01-18 07:00:00.\nTimers 1 and 2 are due in the same second, Mon 2026-12-21 07:00:00: only \
       =/> 12-28 07:00:00: only
     add 7:00:05 --type 10 -> add 7:00:05 --type off => 0 and whether it does is not certain;
-    add 7:00:05 --type 10; add 7:00:05 --type off -> ctl week => 0 Timers -10 and 1 are due in the \
-      same second, Wed 2026-12-16 07:00:05: timer -10 fires, and whether timer 1 does is not \
-      certain; choose another second.
-    for t in 7:00 7:00 8:00; do add $t --type 10; done; add 7 --type off; add 7 --type off -> ctl week => 0 \
-      Timers -10, 1 and 2 are due in the same second, Wed 2026-12-16 07:00:00: timer -10 fires, and at \
-      most one of the others, it is not certain which; choose another second.
     add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain -j 1 => 0 \
       "following":[{"at":"2026-12-17
     add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain => 0 \
@@ -446,6 +454,18 @@ TEST_F(Ctl, TimersAndTheWeek_AreExplained) {
       -> ctl list => 0 once\n1
     lose_clock; add 0:00 --on daily -> ctl explain 1 => 0 \
       is set for 00:00.\nIt is not armed: the set's clock is unknown. =/> It then
+  )steps");
+}
+
+TEST_F(Ctl, TheWeek_IsDrawn_AndHaltsAreAnswered) {
+  check(R"steps(
+    lose_clock -> ctl week => 1 the set's clock is unknown, so that no week
+    add 7:00:05 --type 10; add 7:00:05 --type off -> ctl week => 0 Timers -10 and 1 are due in the \
+      same second, Wed 2026-12-16 07:00:05: timer -10 fires, and whether timer 1 does is not \
+      certain; choose another second.
+    for t in 7:00 7:00 8:00; do add $t --type 10; done; add 7 --type off; add 7 --type off -> ctl week => 0 \
+      Timers -10, 1 and 2 are due in the same second, Wed 2026-12-16 07:00:00: timer -10 fires, and at \
+      most one of the others, it is not certain which; choose another second.
     add 7 --type 2; add 7:10 --type off; add 8 --type 2 -> ctl week => 0      00    03    06    09    12    15    18    21\nTue 2026-12-15 ·······················│···············\
       ·········\nWed 2026-12-16 ··············◆·△·
     three -> ctl week => 0 Wed 2026-12-16 ··············▲·····················▲···········\n
