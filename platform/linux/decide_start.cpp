@@ -12,7 +12,7 @@ static void boot_was(decision &d, const event::started &e) {
   alarm.minutes = e.device.minutes;
   woken.booted = true;
   woken.at = woken.counted_at = d.now.boot;
-  woken.utc = d.now.utc;
+  woken.utc = e.booted_at;
   const std::int64_t since_boot = d.now.boot / kSecondMs;
   // Firmware and drivers switch an alarm off at a boot: nobody has given up the other one.
   const others_did others = what_others_did(d.m, e.device);

@@ -570,9 +570,11 @@ TEST(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince) {
     boot.kept = run.m;
     boot.has_kept = true;
     boot.device.clock = kNow + 985 + 60;
+    boot.booted_at = kNow + 985;
     run.now = {kNow + 1045, 60 * kSecondMs, slept * kSecondMs, sleeps, 0};
     run.send(boot);
     EXPECT_EQ(run.m.woken.by, slept + sleeps == 0 ? cause::kTimer : cause::kUser);
+    EXPECT_EQ(run.m.woken.utc, kNow + 985) << "not when the process has started";
     EXPECT_EQ(run.last<order::say>().what, order::saying::kBooted);
     EXPECT_EQ(run.last<order::say>().number, static_cast<std::int64_t>(run.m.woken.by));
   }
