@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdarg>
 #include <cstdio>
 #include <ctime>
 
@@ -15,9 +16,12 @@ const std::vector<std::string> kClockNames = {"broadcast", "internet", "rtc"};
 const std::vector<std::string> kDayNames = {"sunday",   "monday", "tuesday", "wednesday",
                                             "thursday", "friday", "saturday"};
 
-template <typename... Args> static std::string print(const char *format, Args... args) {
+[[gnu::format(printf, 1, 2)]] static std::string print(const char *format, ...) {
   std::array<char, 128> text{};
-  std::snprintf(text.data(), text.size(), format, args...);
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  va_end(arguments);
   return text.data();
 }
 
@@ -139,9 +143,10 @@ std::string firing_text(civil_time firing, civil_time now) {
 }
 
 static zoned_time zoned(civil_time time, std::time_t since_1970, const char *name) {
-  const auto offset = duration_cast<minutes>(time.time_since_epoch() - seconds(since_1970)).count();
+  const seconds offset = time.time_since_epoch() - seconds(since_1970);
+  const int ahead = static_cast<int>(duration_cast<minutes>(offset).count());
   const std::string zone =
-      print("%c%02ld:%02ld", offset < 0 ? '-' : '+', std::abs(offset) / 60, std::abs(offset) % 60);
+      print("%c%02d:%02d", ahead < 0 ? '-' : '+', std::abs(ahead) / 60, std::abs(ahead) % 60);
   return {iso_text(time) + zone, since_1970, std::string(name) + ", UTC" + zone};
 }
 
