@@ -18,9 +18,9 @@ std::string armed(int timer_id) {
 }
 
 void set_clocks(const std::string &tv, const std::string &system, const std::string &rtc) {
+  set_system_clock(time_of(system)); // which the others follow while they run
   standin_set_tv_clock(time_of(tv));
   standin_set_rtc(time_of(rtc));
-  set_system_clock(time_of(system));
 }
 
 void set_now(const std::string &when) { set_clocks(when, when, when); }
