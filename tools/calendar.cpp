@@ -90,12 +90,22 @@ std::vector<icalproperty *> calendar_reader::properties_of(icalcomponent *event,
   return found;
 }
 
+// By its fields: on a 32-bit machine the library's time_t may have 32 bits where ours has 64.
+static year_month_day date_of(const icaltimetype &time) {
+  return year(time.year) / month(static_cast<unsigned>(time.month)) /
+         day(static_cast<unsigned>(time.day));
+}
+
+static sys_days day_of(const icaltimetype &time) { return date_of(time); }
+
 // What recurs more often than daily could be counted from long ago for hours.
 bool calendar_reader::is_holiday(icalcomponent *event) const {
   const auto is_rare = [this](icalproperty *rule) {
     return ical.get_rrule(rule).freq >= ICAL_DAILY_RECURRENCE;
   };
-  return ical.get_dtstart(event).is_date != 0 && ical.get_status(event) != ICAL_STATUS_CANCELLED &&
+  const icaltimetype start = ical.get_dtstart(event);
+  return start.is_date != 0 && date_of(start).ok() && date_of(ical.get_dtend(event)).ok() &&
+         ical.get_status(event) != ICAL_STATUS_CANCELLED &&
          std::ranges::all_of(properties_of(event, ICAL_RRULE_PROPERTY), is_rare);
 }
 
@@ -111,12 +121,6 @@ static std::string name_of(const char *summary) {
   std::ranges::replace_if(
       name, [](unsigned char c) { return std::iscntrl(c) != 0; }, ' ');
   return name;
-}
-
-// By its fields: on a 32-bit machine the library's time_t may have 32 bits where ours has 64.
-static sys_days day_of(const icaltimetype &time) {
-  return year(time.year) / month(static_cast<unsigned>(time.month)) /
-         day(static_cast<unsigned>(time.day));
 }
 
 // The entry when it comes at this time. Its end is the day after the last.

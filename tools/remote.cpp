@@ -58,7 +58,8 @@ static std::string quoted(const std::string &word) {
 }
 
 int run_remotely(const std::string &host, std::vector<std::string> words) {
-  if (host.empty() || host.starts_with('-'))
+  const std::string machine = host.substr(host.rfind('@') + 1); // all of it without a user
+  if (machine.empty() || host.starts_with('-') || machine.starts_with('-'))
     throw usage("-H needs USER@HOST", "write it as in dravelctl -H root@lobby list", "-H");
   send_file(words);
   std::string line = "dravelctl";

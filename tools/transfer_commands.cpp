@@ -87,6 +87,8 @@ static bool flag_of(const element &of) {
 static civil_time time_of(const element &of, const timer_record &timer,
                           std::vector<std::string> &notes) {
   const clocks now{civil_of(machine_time()), machine_time()};
+  if (timer.week_flag == 0 && of.value.contains("time") && of.value.contains("at"))
+    throw failure{of.where + " is for once and has both time and at", "leave out time"};
   if (of.value.contains("time"))
     return requested_time(
         {.time_of_day = word_of(field_of(of, "time"), parse_time_of_day, "such as 07:00")}, timer,

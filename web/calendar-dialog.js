@@ -34,8 +34,11 @@ class Calendar {
     #focus;
     #place = element("div", { class: "year", keydown: event => this.#step(event) });
     #title = element("strong", { "aria-live": "polite" });
-    #fields = ["First day", "Last day"].map(label =>
-        element("input", { type: "date", "aria-label": label, input: () => this.#typed() }),
+    #fields = [
+        ["first", "First day"],
+        ["last", "Last day"],
+    ].map(([name, label]) =>
+        element("input", { type: "date", name, "aria-label": label, input: () => this.#typed() }),
     );
     #turns = [
         ["‹", 0, "This year"],
@@ -102,9 +105,9 @@ class Calendar {
         this.#turns.forEach((turn, index) => {
             turn.disabled = this.#year === this.#years[index];
         });
-        this.#endOfFebruary.parentElement.hidden = ![this.#first, this.#last].some(day =>
-            /-02-2[89]$/.test(day),
-        );
+        const endsInFebruary = [this.#first, this.#last].some(day => /-02-2[89]$/.test(day));
+        this.#endOfFebruary.parentElement.hidden = !endsInFebruary;
+        this.#endOfFebruary.checked &&= endsInFebruary;
         this.#place.replaceChildren(...kMonths.map((name, month) => this.#month(name, month)));
         if (here) this.#dayButton(this.#focus)?.focus();
     }
@@ -191,6 +194,7 @@ class Calendar {
 
     #fault() {
         if (!this.#first) return "Choose the first day.";
+        if (this.#last && this.#last < this.#first) return "The last day lies before the first one.";
         const isYear =
             this.#last.slice(0, 4) > this.#first.slice(0, 4) && this.#last.slice(5) >= this.#first.slice(5);
         return isYear ? "Holidays come every year: choose less than a year." : "";

@@ -1,6 +1,7 @@
 // Tests of the screen and of the wake-up. During the second the page goes: what came of it is read
 // afterwards from the machine's last wake-up.
 
+import cockpit from "./cockpit.js";
 import { Dialog } from "./dialog.js";
 import { button, element } from "./dom.js";
 import { tell } from "./news.js";
@@ -8,7 +9,8 @@ import { source } from "./source.js";
 import { run } from "./tool.js";
 import { at, causeOf, spanOf } from "./words.js";
 
-const kBegun = "dravel.test-wake"; // in the storage that a login does not empty
+// In the storage that a login does not empty, and that all machines of one Cockpit share.
+const begun = () => `dravel.test-wake.${cockpit.transport.host}`;
 
 const kFollows = { true: "It works.", false: "Something is wrong: dravelctl check says what." };
 
@@ -35,17 +37,17 @@ async function test(which, place, dialog) {
     const { begins, result } = kTests[which];
     dialog.refuse("");
     place.replaceChildren(element("p", {}, begins));
-    if (which === "wake") localStorage.setItem(kBegun, source.overview.machine.last_wake ?? "none");
+    if (which === "wake") localStorage.setItem(begun(), source.overview.machine.last_wake ?? "none");
     try {
         const done = await run(["test", which], { act: true });
         place.replaceChildren(...[result(done), kFollows[done.good]].map(text => element("p", {}, text)));
-        localStorage.removeItem(kBegun);
+        localStorage.removeItem(begun());
     } catch (refusal) {
         place.replaceChildren();
         dialog.refuse(refusal.message);
         if (refusal.kind !== "failed")
             // the connection may be lost by the sleep itself
-            localStorage.removeItem(kBegun);
+            localStorage.removeItem(begun());
     }
 }
 
@@ -73,9 +75,9 @@ export function testDialog() {
 
 /** Tells of a test during which the page went. */
 export function reportTest() {
-    const before = localStorage.getItem(kBegun);
+    const before = localStorage.getItem(begun());
     const machine = source.overview?.machine;
     if (before === null || !machine || source.lost || (machine.last_wake ?? "none") === before) return;
-    localStorage.removeItem(kBegun);
+    localStorage.removeItem(begun());
     tell([`The machine was woken ${at(machine.last_wake)}, ${causeOf(machine.last_wake_cause)}.`]);
 }

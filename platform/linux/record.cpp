@@ -13,11 +13,12 @@
 #include <string>
 #include <string_view>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <type_traits>
 #include <unistd.h>
 
 static constexpr int kDirectoryMode = 0755;
-static constexpr int kFileMode = 0644;
+static constexpr int kLockMode = 0600; // whoever may read it can hold it
 
 // --- directories ---
 
@@ -39,7 +40,10 @@ static const std::string &runtime_directory() {
 static int open_lock(const std::string &path) {
   if (g_mkdir_with_parents(state_directory().c_str(), kDirectoryMode) != 0)
     return -1;
-  return open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, kFileMode);
+  const int lock = open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, kLockMode);
+  if (lock >= 0)
+    fchmod(lock, kLockMode); // one of version 1.1 could be read by everybody
+  return lock;
 }
 
 bool lock_state() {

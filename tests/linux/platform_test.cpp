@@ -174,6 +174,16 @@ TEST_F(Machine, TheJournal_ShowsProgressAsNotices_AndFailuresAsErrors) {
   testing::internal::CaptureStderr();
   system_log_print(SYSTEM_LOG_ERROR, "DRAVEL_MANAGER", "%d timers\n", 7);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "DRAVEL_MANAGER: 7 timers\n");
+  int entries = 0;
+  next_entry();
+  for (int line = 0; line < 2000; ++line) {
+    system_log_print(SYSTEM_LOG_PROGRESS, "DRAVEL_MANAGER", "flood");
+    while (!next_entry().empty())
+      ++entries;
+  }
+  EXPECT_LE(entries, 1001);
+  system_log_event("fired", 7, "", "timer 7 fired");
+  EXPECT_NE(next_entry(), "");
 }
 
 // --- the daemon's side ---

@@ -683,6 +683,7 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     ics $D:20261214 $D:20271215 DTSTART:20270401T080000Z $D:20270401\\nSTATUS:CANCELLED \
       $D:20100401\\nRRULE:FREQ=HOURLY $D:20270401\\nDTEND${D#DTSTART}:20280402 >x -> \
       holidays import x => 1 x has no entry of whole days in the coming year; nothing is imported
+    ics $D:20261332\\nDTEND${D#DTSTART}:20270199 >x -> holidays import x => 1 has no entry of whole days
     ics $D:20270401 | head -n4 >x -> holidays import x => 1 is cut off
     echo x | holidays import - => 1 standard input is no calendar in
     ics $D:20270402 $D:20270401 >x -> holidays import x => 0 Holidays 1 are added: 1 Apr.
@@ -710,6 +711,7 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     file $seven $christmas,$christmas -> ctl apply x => 1 holidays 24 Dec to 25 Dec stand twice
     file $seven,$seven -> ctl apply x => 1 on, Mon, 07:00 stands twice in the file
     file '{"type":0,"time":"07:00"}' -> ctl apply x => 1 timers[0] is for once and has no date
+    file '{"type":0,"time":"07:00","at":"2026-12-24T08:00"}' -> ctl apply x => 1 has both time and at
     file '{"type":0,"at":"2026-12-01T07:00:00"}' -> ctl apply x => 0 has passed; no timer is set
     file $once $christmas; ctl apply x -> ctl apply x; ctl list => 0 Sat 2026-12-26 22:00 =/> \n2
     file $once $christmas,$boxing -> ctl apply x => 0 Added off, once, Sun 2026-12-27 22:00.
@@ -740,6 +742,7 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     add 7 --on mon; add 6 --type 10; echo '{"holidays":[]}' >x -> ctl apply x => 0 Nothing to
     add 6:00 --type 10; file -> ctl apply x => 0 Nothing to
     dravelctl -H -x list => 2 -H needs USER@HOST
+    dravelctl -H root@-x list => 2 -H needs USER@HOST
     dravelctl -H => 2 -H needs USER@HOST
     ctl list -H a@b => 2 -H stands behind another word
     dravelctl -H a@b import y => 1 cannot read y: No such

@@ -47,6 +47,7 @@ ACTS = {
             "press 'On-timers are halted'; see 'act again'; told halt '{\"on\":false,\"off\":true'",
     "holidays": "ctl add --at=7:00 --on=daily; press Calendar; press 'Next year'; press '10 July'; press '24 July'; tick all; press Add; "
                 "see 'Timer 1 rests'; told 'holidays list' '\"day\":24'; press 'Remove the holidays 10 Jul to 24 Jul'; see 'None are set'",
+    "no February": "press Calendar; set first 2027-02-28; tick end-of-february; set first 2027-03-01; press Add; see 1 Mar",
     "holidays by key": "press Calendar; key ARROW_DOWN; key ENTER; key ARROW_RIGHT; key ENTER; press Add; see '29 Dec to 30 Dec'",
     "why": "ctl add --at=7:00 --on=sat; press 'Why does timer 1 fire, and when?'; see 'It fires next on Sat 2026-12-26 07:00:00'",
     "focus": "ctl add --at=7:00 --on=sat; press 'Why does timer 1 fire, and when?'; ctl halt on; behind 'On-timers are halted'; "
@@ -62,6 +63,7 @@ BAD_INPUT = {
     "past": "press 'Add a timer'; set at 06:55; set date 2020-01-01; see 'has passed'; press Add; see 'Not added: Wed 2020-01-01 06:55:00 has passed'; told list []",
     "priority": "press 'Add a timer'; set at 06:55; press More; set priority 99999999999; press Add; see '--priority'; told list []",
     "no holidays": "press Calendar; press Add; see 'Choose the first day.'",
+    "backwards": "press Calendar; set first 2027-03-10; set last 2027-03-05; press Add; see 'The last day lies before the first one.'",
     "a year": "press Calendar; press '22 December'; press 'Next year'; press '22 December'; press Add; see 'less than a year'",
     "holidays twice": "ctl holidays add 07-10; press Calendar; press '10 July, holidays 10 Jul'; press Add; see 'these days are holidays 1 already'",
     "file": "file '<b>x' '{'; see 'is no JSON'; told list []",
@@ -78,7 +80,7 @@ MACHINE = {
     "screen": "press 'Turn off the screen'; see 'The screen is told to turn off.'; press 'Turn on the screen'; see 'The adapter is gone: plug it in.'",
     "test": "press 'Test …'; press 'Test the screen'; see 'The television said: nothing, then on.'; press 'Test the wake-up'; "
             "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
-    "after a test": "store dravel.test-wake none; open member machine; see 'The machine was woken Tue 22 Dec 06:58:30, for a timer.'",
+    "after a test": "store dravel.test-wake.localhost none; open member machine; see 'The machine was woken Tue 22 Dec 06:58:30, for a timer.'",
     "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",
     "no history": "open guest machine; press History; see 'members may. As an administrator press “Limited access”'",
 }
