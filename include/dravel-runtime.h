@@ -1,5 +1,5 @@
-// The daemon's runtime flags, and the two operations that modules below their own call: disarming,
-// for an eviction, and the expiry, which the scheduler arms timers with.
+// The daemon's runtime flags, and the three operations that modules below their own call: disarming
+// and re-arming, for an eviction, and the expiry, which the scheduler arms timers with.
 #pragma once
 
 #include "dravel-api.h"
@@ -38,6 +38,9 @@ DRAVEL_API int get_auto_clock_mode_time_update(void);
 
 // Disarms the item `timer_id`, if it is armed.
 DRAVEL_API void cancel_ecore_timer(int timer_id);
+
+// Arms the next on-timer, after an off-timer has left the list that may have taken its time.
+void rearm_next_ontimer(void);
 
 // The expiry callback of every armed item. It must not disarm or remove the
 // item: the scheduler reads it afterwards.

@@ -887,9 +887,9 @@ static void delete_db_file(const char *path, const char *file) {
     LOGE_OF(reset_dravel_db, "failed delete %s file", file);
 }
 
-// All that a migration or a failed start left beside the file.
+// All that a migration, a failed start or an interrupted copy left beside the file.
 static void remove_files_beside(const std::string &path) {
-  std::vector<std::string> patterns = {path + ".failed*"};
+  std::vector<std::string> patterns = {path + ".failed*", path + ".copy-*"};
   for (int version = 0; version < kDravelDbVersion; ++version)
     patterns.push_back(path + "." + std::to_string(version) + "*");
   for (const std::string &pattern : patterns) {

@@ -338,7 +338,7 @@ static void copy_file(const char *source, const char *destination, GError **fail
     return set_failure(failure, source, "is no regular file");
   if (is_same_file(status, destination))
     return;
-  g_autofree char *beside = g_strconcat(destination, ".XXXXXX", nullptr);
+  g_autofree char *beside = g_strconcat(destination, ".copy-XXXXXX", nullptr);
   const int fd = g_mkstemp(beside);
   if (fd == -1)
     return set_failure(failure, destination, g_strerror(errno));

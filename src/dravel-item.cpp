@@ -510,8 +510,11 @@ void check_over_max_timer_num(void) {
       oldest = item;
   }
   LOGP("over the max timer num, remove: %d", oldest->timer_id);
+  const bool is_offtimer = has_type(oldest, TIMER_TYPE_OFF);
   cancel_ecore_timer(oldest->timer_id);
   remove_dravel_item(oldest, removal_reason::kEvicted);
+  if (is_offtimer)
+    rearm_next_ontimer();
 }
 
 // A row of a foreign file may have such an id already.

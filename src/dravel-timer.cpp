@@ -691,7 +691,7 @@ static void arm_or_remove(dravel_item *item, const char *operation, system_log_p
 
 // An off-timer was removed: an on-timer of the same time may fire again and is
 // armed.
-static void rearm_next_ontimer(void) {
+void rearm_next_ontimer(void) {
   dravel_item *chosen = nullptr;
   std::tm expire{};
   if (get_next_ontimer_not_overlap_with_offtimer(&chosen, &expire) != 0)

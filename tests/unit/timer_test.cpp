@@ -149,6 +149,9 @@ SCENARIOS(WakeupTime, IsLeft_OrTaken, R"(
   take 2 '15 12:30'; times 79 take 2 '17 07:00'; forget;
     take 2 '18 07:00' => asked 'clear_wakeup_time 0 0; set_wakeup_time 2 17 07:00';
     standby => asked 'set_wakeup_time 2 17 07:00' marked 2
+  # an off-timer is, which took the on-timer's time
+  take 1 '15 20:00'; take 0 '15 20:00'; times 78 take 16 '17 07:00'; forget; take 16 '17 07:00' =>
+    asked 'set_wakeup_time 0 15 20:00'
   # moved by a holiday
   add 0 '16 07:00' holidays; add 1 '30 22:00'; period '16 00:00' '20 00:00' => chosen '1 21 07:00'
 )")
