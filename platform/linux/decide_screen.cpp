@@ -177,7 +177,7 @@ void screen_step(decision &d) {
     repeat_order(d);
 }
 
-// An on-time that is new and so near that the question would come too late.
+// An on-time that is suddenly so near that the question would come too late.
 void ask_before_near(decision &d) {
   const std::int64_t ahead = d.m.alarm.wanted.on_time - d.now.utc;
   if (ahead > 0 && ahead <= kAskBeforeSeconds)

@@ -870,12 +870,16 @@ TEST(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate) {
 }
 
 TEST(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion) {
-  for (const std::int64_t ahead : {0, 10, 11}) {
-    awake_machine run;
-    for (int times = 0; times < 2; ++times)
-      run.send(event::program{0, kNow + ahead, 0});
-    EXPECT_EQ(run.count<order::tv_ask>(), ahead == 10 ? 1 : 0);
-  }
+  for (const std::int64_t ahead : {0, 10, 11})
+    for (const std::int64_t step : {0, 100}) {
+      awake_machine run;
+      for (int times = 0; times < 2; ++times)
+        run.send(event::program{0, kNow + ahead + step, 0});
+      run.now.utc += step;
+      if (step != 0)
+        run.send(event::clock_stepped{});
+      EXPECT_EQ(run.count<order::tv_ask>(), ahead == 10 ? 1 : 0) << step;
+    }
 }
 
 // Nobody has announced the sleep, and no clock shows how long it was.
