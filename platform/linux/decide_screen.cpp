@@ -84,7 +84,8 @@ void turn_screen(decision &d, bool on) {
     d.m.woken.stays = false;
   }
   order_screen(d, on);
-  forget_start(d, on ? unit::kOff : unit::kOn);
+  for (const unit before : {unit::kOn, unit::kOff})
+    forget_start(d, before);
   begin_unit(d, on ? unit::kOn : unit::kOff);
   say(d, on ? order::saying::kScreenOn : order::saying::kScreenOff);
 }

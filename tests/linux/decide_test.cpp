@@ -805,27 +805,30 @@ TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
   EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
 }
 
-TEST(Decide, AUnitThatARestartHasLost_IsNotStarted_WhenTheOppositeIsOrdered) {
-  for (const bool is_undone : {false, true}) {
+TEST(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered) {
+  const event::screen_wanted on{true, event::asker::kBus}, off{false, event::asker::kBus};
+  const struct {
+    std::vector<event::any> then;
+    long again;
+  } rows[] = {{{}, 2}, {{off, event::ambient{false}}, 0}, {{on}, 1}};
+  for (const auto &[then, again_later] : rows) {
     awake_machine run({}, false);
-    run.send(event::screen_wanted{true, event::asker::kBus});
+    run.send(on);
     run.send(event::ambient{true});
     event::started again;
     again.kept = run.m;
     again.has_kept = again.same_boot = true;
     run.send(again);
-    if (is_undone) {
-      run.send(event::screen_wanted{false, event::asker::kBus});
-      run.send(event::ambient{false});
-    }
+    for (const event::any &one : then)
+      run.send(one);
     run.send(event::armed{});
     run.send(event::test_wake{1, 100});
-    EXPECT_EQ(run.m.sleep.stage == wish_stage::kAsking, is_undone) << "not before they run";
+    EXPECT_EQ(run.m.sleep.stage == wish_stage::kAsking, again_later == 0) << "not before they run";
     run.given.clear();
     run.pass(2);
     run.send(event::due{});
     EXPECT_EQ(run.m.sleep.stage, wish_stage::kAsking);
-    EXPECT_EQ(run.count<order::start_unit>(), is_undone ? 0 : 2);
+    EXPECT_EQ(run.count<order::start_unit>(), again_later);
   }
 }
 
