@@ -100,6 +100,8 @@ void turn_off_by_timer(decision &d) {
 
 void on(decision &d, const event::screen_wanted &e) {
   used(d);
+  if (e.by == event::asker::kDaemon)
+    timers_have_fired(d);
   if (!e.on && e.by == event::asker::kDaemon) {
     turn_off_by_timer(d);
     return;

@@ -832,6 +832,27 @@ TEST(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered) {
   }
 }
 
+TEST(Decide, ATimerThatARestartHasLost_IsMadeUpFor_Once) {
+  const struct {
+    bool has_fired;
+    std::int64_t away, from; // seconds; after the last event
+  } rows[] = {{false, 0, -1}, {false, 2, -1}, {false, 3, 0}, {false, 302, 2}, {true, 0, 0}};
+  for (const auto &[has_fired, away, from] : rows)
+    for (const event::any &fires :
+         {event::any{event::fired{}}, event::any{event::screen_wanted{false}}}) {
+      awake_machine run;
+      run.pass(10);
+      run.send(has_fired ? fires : event::ambient{});
+      event::started again;
+      again.kept = run.m;
+      again.has_kept = again.same_boot = true;
+      run.pass(away);
+      run.send(again);
+      run.send(event::armed{});
+      EXPECT_EQ(run.last<order::ask_late>().from - kNow - 10, from) << away;
+    }
+}
+
 // Nor has one that is old: it has ended another sleep, which looks like this one.
 TEST(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine) {
   const struct {
