@@ -769,9 +769,8 @@ void sim_checks::note_television(const event::any &what) {
   if (is_on) {
     said_on_ = true;
     expected_.clear();
-  } else if (is_off || ((std::holds_alternative<event::tv_silent>(what) ||
-                         std::holds_alternative<event::tv_denies>(what)) &&
-                        world_.tv.has_cec))
+  } else if (is_off || (std::holds_alternative<event::tv_silent>(what) && world_.tv.has_cec) ||
+             (std::holds_alternative<event::tv_denies>(what) && is_sent_off_)) // and not on since
     said_on_ = false;
 }
 
