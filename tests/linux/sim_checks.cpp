@@ -201,7 +201,7 @@ void sim_checks::check_use(bool is_return, off_action method) {
 }
 
 bool sim_checks::is_user_seen(millis window) const {
-  return world_.seen_at >= world_.up_at && world_.seen_at < world_.up_at + window;
+  return world_.first_seen_at >= world_.up_at && world_.first_seen_at < world_.up_at + window;
 }
 
 void sim_checks::check_return() {
