@@ -85,7 +85,8 @@ void sim_checks::miss() {
 void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   const sim &world = world_;
   due_at_ = (due - kEvening) * kSecondMs - world.wall_offset;
-  if (world.acted_at > due_at_ - kScreenAnswersMs)
+  const millis since_on = due_at_ - world.tv.boots_until; // it may say so before or after
+  if (world.acted_at > due_at_ - kScreenAnswersMs || std::abs(since_on) < kScreenAnswersMs)
     world_.has_acted = true;
   const bool is_armed = world.is_alive && world.m.armed;
   if (is_armed && !is_clock_known()) // made up for, if it becomes known soon
@@ -548,7 +549,9 @@ void sim_checks::came_up(bool boots) {
   const std::int64_t last = slept_through_;
   if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ > last)
     return;
-  on_until_ = now() + kOrderMs + kLongestBootMs;
+  // One that was still starting hears of the television before it is asked for late timers.
+  world_.is_close = world_.is_close || (world_.is_alive && !world_.m.armed && world_.tv.on);
+  on_until_ = std::max(on_until_, now() + kOrderMs + kLongestBootMs);
   if (off_due_ == last) // the order in which the daemon has them counts
     return;
   // Without a slept time the daemon's own timers end at the wake-up, before anything is known. When
