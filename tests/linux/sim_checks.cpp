@@ -335,9 +335,11 @@ bool sim_checks::is_led_to(off_action method) const {
   return world_.alarm.stands() != 0 && left <= ahead && (boots || !is_hop);
 }
 
-// An off-timer of since the wake-up wants its own kind of sleep.
+// An off-timer of since the wake-up wants its own kind of sleep, and perhaps a late one.
 off_action sim_checks::wanted_method() const {
-  return off_at_ >= world_.up_at ? world_.set.off : world_.method;
+  const off_action before = has_booted_ ? off_action::kPoweroff : world_.method;
+  const bool is_late = made_up_at_ >= world_.up_at && before == off_action::kSuspend;
+  return is_late || off_at_ >= world_.up_at ? world_.set.off : before;
 }
 
 bool sim_checks::wants_return() const {
