@@ -100,9 +100,9 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   }
   if (timer.type != 0)
     return;
-  const bool is_watched = world.tv.has_cec && world.tv.on && said_on_;
-  // In the second in which the hour changes the daemon may take it for one that has passed.
-  if (due == world.transition)
+  const bool is_watched = world.tv.has_cec && (world.tv.on || world.tv.lies) && said_on_;
+  // In the second in which the hour changes, or the machine has woken, it may be taken for late.
+  if (due == world.transition || is_cause_open_)
     on_until_ = std::max(on_until_, due_at_ + kOnTimeMs);
   if (world.state == life::kRunning && is_armed && !is_watched)
     expected_.push_back(due_at_ + kOnTimeMs);
@@ -547,7 +547,7 @@ void sim_checks::came_up(bool boots) {
   if (world_.up_by == cause::kTimer || world_.up_by == cause::kHop || world_.up_by == cause::kTest)
     sleeps_.clear();
   if (was_timer_second_) // it may have been about to fire
-    on_until_ = now() + kOrderMs + kLongestBootMs;
+    on_until_ = std::max(on_until_, now() + kOrderMs + kLongestBootMs);
   const std::int64_t last = slept_through_;
   if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ > last)
     return;
@@ -653,7 +653,7 @@ void sim_checks::check_line(const order::say &said) {
 
 // The last line may be lost with the process; what was about to fire is made up for.
 void sim_checks::process_ended() {
-  if (!expected_.empty())
+  if (!expected_.empty() || is_timer_second())
     on_until_ = now() + kLateSeconds * kSecondMs;
   expected_.clear();
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
