@@ -793,6 +793,10 @@ void sim_checks::decided(const event::any &what, const orders &list) {
   if (is_over && world_.m.armed)
     wanted_ = {};
   note_clock(what);
+  // One that begins before the answer is taken for the process's own.
+  const auto *answer = std::get_if<event::sleep_answered>(&what);
+  if (answer != nullptr && answer->error != 0 && world_.m.power.now == phase::kAwake)
+    sleep_failed();
   if (const auto *back = std::get_if<event::returned>(&what);
       back != nullptr && back->callback == delivery::kStandby)
     told_at_ = now();
