@@ -525,6 +525,7 @@ void sim_checks::asked_at_start() { slept_through_ = 0; }
 
 void sim_checks::came_up(bool boots) {
   credited_at_ = -1;
+  off_went_before_up_ = off_went_at_;
   is_cause_open_ = true;
   has_booted_ = boots;
   knows_cause_ = was_ready_ && tampered_at_ < released_at_ && !refuses<order::read_alarm>(world_);
@@ -568,10 +569,10 @@ void sim_checks::came_up(bool boots) {
 // woken nothing.
 bool sim_checks::is_alarm_near() const {
   const bool is_other = world_.up_by == cause::kUser || world_.up_by == cause::kNothing;
-  const bool has_woken = off_went_at_ == world_.up_at && !is_other;
-  const bool has_passed = off_went_at_ >= world_.down_at - kNoticedMs &&
-                          off_went_at_ <= world_.up_at && !has_woken &&
-                          off_went_at_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
+  const bool has_woken = off_went_before_up_ == world_.up_at && !is_other;
+  const bool has_passed =
+      off_went_before_up_ >= world_.down_at - kNoticedMs && !has_woken &&
+      off_went_before_up_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
   return left_at_up_ <= kNearSeconds || has_passed;
 }
 
