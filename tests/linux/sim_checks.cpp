@@ -296,7 +296,7 @@ void sim_checks::ordered(const order::any &what) {
       (start != nullptr && start->name == unit::kOff)) {
     is_ordered_on_ = false;
     is_sent_off_ = true;
-    said_on_ = false;
+    said_on_ = said_on_ && start != nullptr && world_.tv.has_cec; // which has its own order
   }
   if (start != nullptr)
     if (const auto found = std::ranges::find(lost_units_, start->name); found != lost_units_.end())
@@ -767,6 +767,8 @@ void sim_checks::note_television(const event::any &what) {
   const bool is_found = job != nullptr && world_.up_at <= world_.alive_at;
   if (is_found && job->of == unit::kOn && is_plain && !is_sent_off_)
     said_on_ = true;
+  if (is_found && (job->of == unit::kOn || job->of == unit::kOff)) // it was started just before
+    std::erase(lost_units_, job->of);
   // By its remote, and not before this machine has woken.
   const bool is_left = said != nullptr ? is_seen_on_ : world_.tv.changed_at >= world_.up_at;
   if (is_off && is_left)
