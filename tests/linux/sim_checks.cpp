@@ -789,7 +789,8 @@ void sim_checks::decided(const event::any &what, const orders &list) {
   if (list.count > 0 && std::any_of(list.begin(), list.end() - 1, is_deliver))
     world_.broken(11, "an order after the call of the daemon");
   if (const auto *program = std::get_if<event::program>(&what))
-    wanted_ = {program->type, program->on_time};
+    wanted_ = program->on_time > world_.utc() ? wanted_alarm{program->type, program->on_time}
+                                              : wanted_alarm{}; // of an hour that comes twice
   const bool is_over = std::holds_alternative<event::unprogram>(what) ||
                        (std::holds_alternative<event::idle>(what) && is_clock_known() &&
                         world_.next_on_timer() == nullptr);
