@@ -117,12 +117,13 @@ bool is_resume(const decision &d) {
   return d.m.woken.at != 0 && !d.m.woken.booted && d.now.boot - d.m.woken.at < kResumeMs;
 }
 
-// The on-time that the return is counted from may be far away now.
+// The on-time that the return is counted from may be far away now, and one that was far away near.
 static void somebody_stepped(decision &d) {
   auto &clock = d.m.clock;
   clock.update_due = clock.update_due || !is_clock_known(d.m, d.now);
   clock.was_set = true;
   d.m.woken.counted_at = std::min(d.m.woken.counted_at, d.now.boot);
+  ask_before_near(d);
 }
 
 void on(decision &d, const event::clock_stepped &) {

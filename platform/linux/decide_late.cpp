@@ -44,9 +44,15 @@ static void make_up(decision &d, const late_timer &timer) {
   }
 }
 
+void timers_have_fired(decision &d) {
+  if (!d.m.woken.late_open)
+    d.m.woken.late_from = d.now.utc;
+}
+
 // Of those that turn the screen on or off, the last one counts.
 void on(decision &d, const event::late_timers &e) {
   d.m.woken.late_open = false;
+  timers_have_fired(d);
   const std::span timers{e.timers.data(), std::min<std::size_t>(e.count, kLateTimers)};
   const late_timer *last = nullptr;
   for (const late_timer &timer : timers)

@@ -84,7 +84,8 @@ void turn_screen(decision &d, bool on) {
     d.m.woken.stays = false;
   }
   order_screen(d, on);
-  forget_start(d, on ? unit::kOff : unit::kOn);
+  for (const unit before : {unit::kOn, unit::kOff})
+    forget_start(d, before);
   begin_unit(d, on ? unit::kOn : unit::kOff);
   say(d, on ? order::saying::kScreenOn : order::saying::kScreenOff);
 }
@@ -99,6 +100,8 @@ void turn_off_by_timer(decision &d) {
 
 void on(decision &d, const event::screen_wanted &e) {
   used(d);
+  if (e.by == event::asker::kDaemon)
+    timers_have_fired(d);
   if (!e.on && e.by == event::asker::kDaemon) {
     turn_off_by_timer(d);
     return;
@@ -177,7 +180,7 @@ void screen_step(decision &d) {
     repeat_order(d);
 }
 
-// An on-time that is new and so near that the question would come too late.
+// An on-time that is suddenly so near that the question would come too late.
 void ask_before_near(decision &d) {
   const std::int64_t ahead = d.m.alarm.wanted.on_time - d.now.utc;
   if (ahead > 0 && ahead <= kAskBeforeSeconds)

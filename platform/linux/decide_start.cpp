@@ -47,6 +47,17 @@ static void build_was_changed(decision &d, const event::started &e) {
     wish_sleep(d, sleep_wish::kOffTimer, e.kept.sleep.method);
 }
 
+// Every timer that fires is an event. Where the last one is that of a moment ago, one of the same
+// second may not have had its turn.
+static void last_run_fired(decision &d) {
+  auto &woken = d.m.woken;
+  if (!d.m.armed || woken.late_open)
+    return;
+  const std::int64_t until = utc_before(d.now, d.now.boot - d.m.power.seen.boot);
+  const bool has_fired = woken.late_from == until || d.now.utc - until > kSlackSeconds;
+  woken.late_from = has_fired ? until : until - 1;
+}
+
 // The daemon of this run knows nothing of what the last one was told.
 static void take_over(decision &d, const event::started &e) {
   if (e.has_kept && e.same_boot) {
@@ -54,8 +65,7 @@ static void take_over(decision &d, const event::started &e) {
     d.m.told = {};
     d.m.power.ending = false;
     d.m.use.watched = false;
-    if (d.m.armed && !d.m.woken.late_open)
-      d.m.woken.late_from = d.now.utc;
+    last_run_fired(d);
     d.m.armed = false;
     doubt_jobs(d);
     ask_again(d);

@@ -182,6 +182,7 @@ void count_jobs(decision &d) {
 void on(decision &d, const event::fired &e) {
   begin_unit(d, unit::kWakeup, e.reason);
   used(d);
+  timers_have_fired(d);
 }
 
 void on(decision &d, const event::ambient &e) {

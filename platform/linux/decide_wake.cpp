@@ -173,7 +173,7 @@ static void forget_orders(decision &d) {
   forget_lost_jobs(d);
 }
 
-static std::int64_t utc_before(const moment &now, std::int64_t ms) {
+std::int64_t utc_before(const moment &now, std::int64_t ms) {
   return (now.utc * kSecondMs + now.utc_ms - ms) / kSecondMs;
 }
 

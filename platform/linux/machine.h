@@ -39,7 +39,7 @@ struct machine {
     bool fired = false;          // a timer has expired or somebody has used it since
     bool cause_open = false;     // the device is still to be read
     bool late_open = false;      // the daemon is still to be asked for late timers
-    std::int64_t late_from = 0;  // UTC
+    std::int64_t late_from = 0;  // UTC: until then timers have fired, or were asked for
     bool stays = false;          // somebody has turned the screen off, and only that
   } woken;
 

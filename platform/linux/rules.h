@@ -121,6 +121,7 @@ inline bool is_leaving(const machine &m) {
 }
 // A sleep, or its end, that nobody has announced yet is noticed at any event.
 void notice_sleep(decision &d);
+std::int64_t utc_before(const moment &now, std::int64_t ms);
 void take_inhibitor(decision &d);
 void inhibitor_refused(decision &d);
 void try_inhibitor_again(decision &d);
@@ -133,6 +134,10 @@ void say_cause(decision &d);
 void user_window_ends(decision &d);
 bool awaits_user(const machine &m);
 bool by_alarm_of_ours(const machine &m);
+
+// --- decide_late.cpp ---
+
+void timers_have_fired(decision &d); // which have become due until now
 
 // --- decide_obstacle.cpp ---
 

@@ -805,28 +805,52 @@ TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
   EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
 }
 
-TEST(Decide, AUnitThatARestartHasLost_IsNotStarted_WhenTheOppositeIsOrdered) {
-  for (const bool is_undone : {false, true}) {
+TEST(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered) {
+  const event::screen_wanted on{true, event::asker::kBus}, off{false, event::asker::kBus};
+  const struct {
+    std::vector<event::any> then;
+    long again;
+  } rows[] = {{{}, 2}, {{off, event::ambient{false}}, 0}, {{on}, 1}};
+  for (const auto &[then, again_later] : rows) {
     awake_machine run({}, false);
-    run.send(event::screen_wanted{true, event::asker::kBus});
+    run.send(on);
     run.send(event::ambient{true});
     event::started again;
     again.kept = run.m;
     again.has_kept = again.same_boot = true;
     run.send(again);
-    if (is_undone) {
-      run.send(event::screen_wanted{false, event::asker::kBus});
-      run.send(event::ambient{false});
-    }
+    for (const event::any &one : then)
+      run.send(one);
     run.send(event::armed{});
     run.send(event::test_wake{1, 100});
-    EXPECT_EQ(run.m.sleep.stage == wish_stage::kAsking, is_undone) << "not before they run";
+    EXPECT_EQ(run.m.sleep.stage == wish_stage::kAsking, again_later == 0) << "not before they run";
     run.given.clear();
     run.pass(2);
     run.send(event::due{});
     EXPECT_EQ(run.m.sleep.stage, wish_stage::kAsking);
-    EXPECT_EQ(run.count<order::start_unit>(), is_undone ? 0 : 2);
+    EXPECT_EQ(run.count<order::start_unit>(), again_later);
   }
+}
+
+TEST(Decide, ATimerThatARestartHasLost_IsMadeUpFor_Once) {
+  const struct {
+    bool has_fired;
+    std::int64_t away, from; // seconds; after the last event
+  } rows[] = {{false, 0, -1}, {false, 2, -1}, {false, 3, 0}, {false, 302, 2}, {true, 0, 0}};
+  for (const auto &[has_fired, away, from] : rows)
+    for (const event::any &fires :
+         {event::any{event::fired{}}, event::any{event::screen_wanted{false}}}) {
+      awake_machine run;
+      run.pass(10);
+      run.send(has_fired ? fires : event::ambient{});
+      event::started again;
+      again.kept = run.m;
+      again.has_kept = again.same_boot = true;
+      run.pass(away);
+      run.send(again);
+      run.send(event::armed{});
+      EXPECT_EQ(run.last<order::ask_late>().from - kNow - 10, from) << away;
+    }
 }
 
 // Nor has one that is old: it has ended another sleep, which looks like this one.
@@ -870,12 +894,16 @@ TEST(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate) {
 }
 
 TEST(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion) {
-  for (const std::int64_t ahead : {0, 10, 11}) {
-    awake_machine run;
-    for (int times = 0; times < 2; ++times)
-      run.send(event::program{0, kNow + ahead, 0});
-    EXPECT_EQ(run.count<order::tv_ask>(), ahead == 10 ? 1 : 0);
-  }
+  for (const std::int64_t ahead : {0, 10, 11})
+    for (const std::int64_t step : {0, 100}) {
+      awake_machine run;
+      for (int times = 0; times < 2; ++times)
+        run.send(event::program{0, kNow + ahead + step, 0});
+      run.now.utc += step;
+      if (step != 0)
+        run.send(event::clock_stepped{});
+      EXPECT_EQ(run.count<order::tv_ask>(), ahead == 10 ? 1 : 0) << step;
+    }
 }
 
 // Nobody has announced the sleep, and no clock shows how long it was.

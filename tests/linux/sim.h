@@ -120,6 +120,7 @@ struct sim {
   millis use_changed_at = 0;
   std::int64_t session_at = 0, active_at = 0; // boot
   millis input_at = -1, seen_at = -1;         // the last; the last while somebody looks
+  millis first_seen_at = -1;                  // since the wake-up
   bool watches_input = false;
   millis job_runs = kSecondMs; // a job of a dravel-wakeup@ target
   std::map<std::uint32_t, std::pair<unit, millis>> jobs;

@@ -85,7 +85,8 @@ void sim_checks::miss() {
 void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   const sim &world = world_;
   due_at_ = (due - kEvening) * kSecondMs - world.wall_offset;
-  if (world.acted_at > due_at_ - kScreenAnswersMs)
+  const millis since_on = due_at_ - world.tv.boots_until; // it may say so before or after
+  if (world.acted_at > due_at_ - kScreenAnswersMs || std::abs(since_on) < kScreenAnswersMs)
     world_.has_acted = true;
   const bool is_armed = world.is_alive && world.m.armed;
   if (is_armed && !is_clock_known()) // made up for, if it becomes known soon
@@ -99,9 +100,9 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   }
   if (timer.type != 0)
     return;
-  const bool is_watched = world.tv.has_cec && world.tv.on && said_on_;
-  // In the second in which the hour changes the daemon may take it for one that has passed.
-  if (due == world.transition)
+  const bool is_watched = world.tv.has_cec && (world.tv.on || world.tv.lies) && said_on_;
+  // In the second in which the hour changes, or the machine has woken, it may be taken for late.
+  if (due == world.transition || is_cause_open_)
     on_until_ = std::max(on_until_, due_at_ + kOnTimeMs);
   if (world.state == life::kRunning && is_armed && !is_watched)
     expected_.push_back(due_at_ + kOnTimeMs);
@@ -201,7 +202,7 @@ void sim_checks::check_use(bool is_return, off_action method) {
 }
 
 bool sim_checks::is_user_seen(millis window) const {
-  return world_.seen_at >= world_.up_at && world_.seen_at < world_.up_at + window;
+  return world_.first_seen_at >= world_.up_at && world_.first_seen_at < world_.up_at + window;
 }
 
 void sim_checks::check_return() {
@@ -295,7 +296,7 @@ void sim_checks::ordered(const order::any &what) {
       (start != nullptr && start->name == unit::kOff)) {
     is_ordered_on_ = false;
     is_sent_off_ = true;
-    said_on_ = false;
+    said_on_ = said_on_ && start != nullptr && world_.tv.has_cec; // which has its own order
   }
   if (start != nullptr)
     if (const auto found = std::ranges::find(lost_units_, start->name); found != lost_units_.end())
@@ -334,9 +335,11 @@ bool sim_checks::is_led_to(off_action method) const {
   return world_.alarm.stands() != 0 && left <= ahead && (boots || !is_hop);
 }
 
-// An off-timer of since the wake-up wants its own kind of sleep.
+// An off-timer of since the wake-up wants its own kind of sleep, and perhaps a late one.
 off_action sim_checks::wanted_method() const {
-  return off_at_ >= world_.up_at ? world_.set.off : world_.method;
+  const off_action before = has_booted_ ? off_action::kPoweroff : world_.method;
+  const bool is_late = made_up_at_ >= world_.up_at && before == off_action::kSuspend;
+  return is_late || off_at_ >= world_.up_at ? world_.set.off : before;
 }
 
 bool sim_checks::wants_return() const {
@@ -522,6 +525,7 @@ void sim_checks::asked_at_start() { slept_through_ = 0; }
 
 void sim_checks::came_up(bool boots) {
   credited_at_ = -1;
+  off_went_before_up_ = off_went_at_;
   is_cause_open_ = true;
   has_booted_ = boots;
   knows_cause_ = was_ready_ && tampered_at_ < released_at_ && !refuses<order::read_alarm>(world_);
@@ -544,11 +548,13 @@ void sim_checks::came_up(bool boots) {
   if (world_.up_by == cause::kTimer || world_.up_by == cause::kHop || world_.up_by == cause::kTest)
     sleeps_.clear();
   if (was_timer_second_) // it may have been about to fire
-    on_until_ = now() + kOrderMs + kLongestBootMs;
+    on_until_ = std::max(on_until_, now() + kOrderMs + kLongestBootMs);
   const std::int64_t last = slept_through_;
   if (last == 0 || world_.utc() - last >= kLateSeconds || off_due_ > last)
     return;
-  on_until_ = now() + kOrderMs + kLongestBootMs;
+  // One that was still starting hears of the television before it is asked for late timers.
+  world_.is_close = world_.is_close || (world_.is_alive && !world_.m.armed && world_.tv.on);
+  on_until_ = std::max(on_until_, now() + kOrderMs + kLongestBootMs);
   if (off_due_ == last) // the order in which the daemon has them counts
     return;
   // Without a slept time the daemon's own timers end at the wake-up, before anything is known. When
@@ -563,10 +569,10 @@ void sim_checks::came_up(bool boots) {
 // woken nothing.
 bool sim_checks::is_alarm_near() const {
   const bool is_other = world_.up_by == cause::kUser || world_.up_by == cause::kNothing;
-  const bool has_woken = off_went_at_ == world_.up_at && !is_other;
-  const bool has_passed = off_went_at_ >= world_.down_at - kNoticedMs &&
-                          off_went_at_ <= world_.up_at && !has_woken &&
-                          off_went_at_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
+  const bool has_woken = off_went_before_up_ == world_.up_at && !is_other;
+  const bool has_passed =
+      off_went_before_up_ >= world_.down_at - kNoticedMs && !has_woken &&
+      off_went_before_up_ > world_.up_at - (kLateSeconds + kNearSeconds) * kSecondMs;
   return left_at_up_ <= kNearSeconds || has_passed;
 }
 
@@ -648,7 +654,7 @@ void sim_checks::check_line(const order::say &said) {
 
 // The last line may be lost with the process; what was about to fire is made up for.
 void sim_checks::process_ended() {
-  if (!expected_.empty())
+  if (!expected_.empty() || is_timer_second())
     on_until_ = now() + kLateSeconds * kSecondMs;
   expected_.clear();
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
@@ -761,6 +767,8 @@ void sim_checks::note_television(const event::any &what) {
   const bool is_found = job != nullptr && world_.up_at <= world_.alive_at;
   if (is_found && job->of == unit::kOn && is_plain && !is_sent_off_)
     said_on_ = true;
+  if (is_found && (job->of == unit::kOn || job->of == unit::kOff)) // it was started just before
+    std::erase(lost_units_, job->of);
   // By its remote, and not before this machine has woken.
   const bool is_left = said != nullptr ? is_seen_on_ : world_.tv.changed_at >= world_.up_at;
   if (is_off && is_left)
@@ -769,9 +777,8 @@ void sim_checks::note_television(const event::any &what) {
   if (is_on) {
     said_on_ = true;
     expected_.clear();
-  } else if (is_off || ((std::holds_alternative<event::tv_silent>(what) ||
-                         std::holds_alternative<event::tv_denies>(what)) &&
-                        world_.tv.has_cec))
+  } else if (is_off || (std::holds_alternative<event::tv_silent>(what) && world_.tv.has_cec) ||
+             (std::holds_alternative<event::tv_denies>(what) && is_sent_off_)) // and not on since
     said_on_ = false;
 }
 
@@ -782,13 +789,18 @@ void sim_checks::decided(const event::any &what, const orders &list) {
   if (list.count > 0 && std::any_of(list.begin(), list.end() - 1, is_deliver))
     world_.broken(11, "an order after the call of the daemon");
   if (const auto *program = std::get_if<event::program>(&what))
-    wanted_ = {program->type, program->on_time};
+    wanted_ = program->on_time > world_.utc() ? wanted_alarm{program->type, program->on_time}
+                                              : wanted_alarm{}; // of an hour that comes twice
   const bool is_over = std::holds_alternative<event::unprogram>(what) ||
                        (std::holds_alternative<event::idle>(what) && is_clock_known() &&
                         world_.next_on_timer() == nullptr);
   if (is_over && world_.m.armed)
     wanted_ = {};
   note_clock(what);
+  // One that begins before the answer is taken for the process's own.
+  const auto *answer = std::get_if<event::sleep_answered>(&what);
+  if (answer != nullptr && answer->error != 0 && world_.m.power.now == phase::kAwake)
+    sleep_failed();
   if (const auto *back = std::get_if<event::returned>(&what);
       back != nullptr && back->callback == delivery::kStandby)
     told_at_ = now();

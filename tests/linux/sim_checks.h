@@ -112,6 +112,7 @@ private:
   std::int64_t left_at_up_ = 0;   // seconds to the alarm that stands
   millis counted_from_ = -kDayMs; // the on-time that the return is counted from
   millis off_went_at_ = -kDayMs;  // the last alarm
+  millis off_went_before_up_ = -kDayMs;
   wanted_alarm wanted_, wanted_at_down_;
   millis tampered_at_ = -kDayMs, stepped_at_ = -kDayMs;
   std::array<bool, kProblems> is_bad_{}, has_line_{};

@@ -75,9 +75,9 @@ void sim::keep_order(const std::string &text, bool is_sleep) {
     given.emplace_back(now, text);
 }
 
-// What a new process asks must not tell it more than the old one knew, and what nobody has seen
-// meanwhile must not count: a key at a sleep. A screen that was on is doubted as soon as an event
-// shows the sleep. A test ends with its caller.
+// What a new process asks must not tell it more or less than the old one knew, and what nobody has
+// seen meanwhile must not count: a key at a sleep. A screen that was on is doubted as soon as an
+// event shows the sleep. A test ends with its caller.
 bool sim::may_restart() const {
   const screen_state truth = tv.on ? screen_state::kOn : screen_state::kOff;
   const bool is_doubted = tv.on && m.power.seen.sleeps != sleeps;
@@ -86,7 +86,7 @@ bool sim::may_restart() const {
                        std::ranges::any_of(m.jobs, [](const job &one) { return one.id != 0; });
   return (is_busy || !restarts_busy) && is_known && m.armed && !m.test.running &&
          !set.follow_screen && counts_sleep && !sleeps_now && !stops_now &&
-         tv.answers_after < kSecondMs;
+         tv.answers_after < kSecondMs && tv.changed_at < now - kSecondMs;
 }
 
 void sim::send(const event::any &what) {

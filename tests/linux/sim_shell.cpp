@@ -80,8 +80,6 @@ struct shell {
       note_crossing();
       if (!refuses)
         world.begin_sleep(method);
-      else if (!world.sleeps_now) // otherwise the process takes that sleep for its own
-        world.checks.sleep_failed();
       world.answer(event::sleep_answered{refuses ? EACCES : 0});
     });
   }

@@ -206,6 +206,7 @@ void sim::press_key() {
   input_at = now;
   if (!is_alive || !watches_input)
     return;
+  first_seen_at = first_seen_at < up_at ? now : first_seen_at;
   seen_at = now;
   process_at(now + 1, [this, at = boot_ms()] { send(event::input{at}); });
 }
