@@ -3,6 +3,11 @@
 
 #include <algorithm>
 
+// A package that is installed later than so takes over from one without a record, which has fired.
+static constexpr std::int64_t kLongestBootSeconds = 1800;
+// Between two builds: the last one, if it has ended and not crashed, has said when.
+static constexpr std::int64_t kUpgradeSeconds = 60;
+
 static void boot_was(decision &d, const event::started &e) {
   auto &woken = d.m.woken;
   auto &alarm = d.m.alarm;
@@ -28,7 +33,8 @@ static void boot_was(decision &d, const event::started &e) {
     credit(d);
   say_cause(d);
   const bool went_in_order = left == phase::kShuttingDown;
-  woken.late_from = went_in_order ? e.kept.power.went.utc : e.booted_at;
+  const std::int64_t begin = since_boot < kLongestBootSeconds ? e.booted_at : d.now.utc;
+  woken.late_from = went_in_order ? e.kept.power.went.utc : begin;
 }
 
 // The last run was of another build, and its record cannot be read: what woke the machine, and what
@@ -39,7 +45,8 @@ static void build_was_changed(decision &d, const event::started &e) {
   woken.booted = e.kept.woken.booted;
   woken.at = woken.counted_at = d.now.boot;
   woken.utc = e.kept.woken.utc;
-  woken.late_from = d.now.utc;
+  const std::int64_t gap = d.now.utc - e.kept.power.went.utc;
+  woken.late_from = d.now.utc - (gap > 0 && gap <= kUpgradeSeconds ? gap : 0);
   woken.stays = e.kept.woken.stays;
   d.m.screen.ordered_on = e.kept.screen.ordered_on;
   d.m.clock.was_set = e.kept.clock.was_set;

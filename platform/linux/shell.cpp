@@ -125,12 +125,16 @@ static void decide_all() {
 
 // --- the main loop ---
 
+// The daemon arms its timers in the first pass. Ecore calls the idlers of a pass from the last one
+// added to the first, and so this one is before it then.
 static Eina_Bool first_pass_ended(void *) {
+  static bool is_second = false;
+  if (!std::exchange(is_second, true))
+    return ECORE_CALLBACK_RENEW;
   post(event::armed{});
   return ECORE_CALLBACK_CANCEL;
 }
 
-// The daemon arms its timers in the first idle moment, before this one's.
 static void await_first_pass() {
   static bool awaited = false;
   if (!std::exchange(awaited, true))

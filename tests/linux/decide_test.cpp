@@ -580,6 +580,19 @@ TEST(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince) {
   }
 }
 
+TEST(Decide, APackageThatIsInstalledLate_MakesUpForNothing) {
+  for (const std::int64_t since_boot : {60, 86400}) {
+    awake_machine run;
+    event::started start;
+    start.booted_at = kNow - since_boot;
+    start.device.clock = kNow;
+    run.now.boot = since_boot * kSecondMs;
+    run.send(start);
+    run.send(event::armed{});
+    EXPECT_EQ(run.last<order::ask_late>().from, since_boot == 60 ? kNow - 60 : kNow);
+  }
+}
+
 TEST(Decide, ATest_EndsWhenAnOnTimeIsSetBeforeItSleeps) {
   awake_machine run;
   run.send(event::test_wake{1, 100});
@@ -603,6 +616,12 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   EXPECT_EQ(run.count<order::say>(), 0);
   EXPECT_EQ(run.last<order::ask_late>().from, kNow) << "nothing fires twice";
   EXPECT_NE(due_at(run.m, due_kind::kReturn), kNever);
+  for (const std::int64_t ago : {3, 61}) {
+    start.kept.power.went.utc = kNow - ago;
+    run.send(start);
+    run.send(event::armed{});
+    EXPECT_EQ(run.last<order::ask_late>().from, ago < 60 ? kNow - ago : kNow);
+  }
   EXPECT_EQ(run.m.clock.state, clock_state::kByHand) << "somebody has set it, in this boot";
   start.kept.screen.ordered_on = true;
   run.send(start);

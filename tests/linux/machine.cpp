@@ -253,13 +253,17 @@ void Machine::start_services() {
 
 // --- waiting ---
 
-static Eina_Bool is_idle(void *) {
+// The platform takes the daemon for started in the second pass.
+static Eina_Bool is_idle(void *passes) {
+  if (--*static_cast<int *>(passes) > 0)
+    return ECORE_CALLBACK_RENEW;
   ecore_main_loop_quit();
   return ECORE_CALLBACK_CANCEL;
 }
 
 void run_until_idle() {
-  ecore_idler_add(is_idle, nullptr);
+  int passes = 3;
+  ecore_idler_add(is_idle, &passes);
   ecore_main_loop_begin();
 }
 

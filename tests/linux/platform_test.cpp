@@ -296,6 +296,17 @@ TEST_F(Platform, MakesUpForATimer_ThatALateWakeUpHasMissed) {
                     "RestartUnit 'dravel-wakeup@2.target'; RestartUnit 'dravel-on.target'");
 }
 
+TEST_F(Platform, AsksForLateTimers_OnceTheDaemonHasReadItsOwn) {
+  const auto first_pass = [](void *) -> Eina_Bool {
+    late_timers = {{5, 0, time_value(kNow)}};
+    return ECORE_CALLBACK_CANCEL;
+  };
+  ecore_init();
+  ecore_idler_add(first_pass, nullptr);
+  const std::string told = start() + seen();
+  EXPECT_NE(told.find("RestartUnit 'dravel-on.target'"), std::string::npos) << told;
+}
+
 TEST_F(Platform, IsNotCalledBack_BeforeACallHasReturned) {
   start();
   EXPECT_EQ(device_power_get_state(), 2) << "nobody knows the screen";
