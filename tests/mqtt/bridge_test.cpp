@@ -237,6 +237,8 @@ TEST_F(Mqtt, APlan_WaitsForTheDaemon) {
   seen->publish("dravel/m/set/apply", std::string(R"({"timers":[)") + kSeven + "]}", true);
   launch_bridge();
   wait_bridge_log("apply waits: dravel-manager is not running");
+  EXPECT_THAT(ask("m/set/halt", R"({"on":true})"), HasSubstr(R"("kind":"not-running")"));
+  EXPECT_EQ(seen->last("homeassistant/device/dravel_m/config"), ""); // without what it has?
   start();
   EXPECT_THAT(seen->wait("dravel/m/applied"), HasSubstr(R"("added":1)"));
 }
