@@ -85,8 +85,12 @@ static json about(const application &application) {
 }
 
 static json revision_of(const message &plan) {
-  const json body = json::parse(plan.payload, nullptr, false);
-  return body.is_object() && body.contains("revision") ? body["revision"] : json(nullptr);
+  try {
+    json revision = object_of(plan).value("revision", json());
+    return revision.is_string() || revision.is_number() ? revision : json();
+  } catch (const failure &) { // its refusal says why
+    return {};
+  }
 }
 
 void plans::keep() {

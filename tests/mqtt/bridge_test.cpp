@@ -194,8 +194,14 @@ TEST_F(Mqtt, OnePlan_IsAppliedOnce_TheOwnBeforeTheGroups) {
   seen->publish("dravel/group/b/set/apply", plan("b2", "06:30"), true);
   seen->publish("dravel/m/set/apply", plan("m1", "08:00"), true);
   EXPECT_THAT(seen->wait("dravel/m/applied", "m1"), HasSubstr(R"("cancelled":1)"));
-  seen->publish("dravel/m/set/apply", R"({"timers":[{"type":0}]})", true);
-  EXPECT_THAT(seen->wait("dravel/m/applied"), HasSubstr(R"("why":"the message: timers[0])"));
+  const std::string deep = std::string(20, '[') + std::string(20, ']');
+  for (const auto &[refused, why] : std::initializer_list<std::pair<std::string, const char *>>{
+           {R"({"timers":[{"type":0}],"revision":[1]})", R"("why":"the message: timers[0])"},
+           {R"({"revision":)" + deep + "}", R"("why":"the message is nested too deeply")"}}) {
+    seen->publish("dravel/m/set/apply", refused, true);
+    EXPECT_THAT(seen->wait("dravel/m/applied"),
+                AllOf(HasSubstr(R"("revision":null)"), HasSubstr(why)));
+  }
 
   // Withdrawn: nothing changes, and the group's that was carried out is not carried out again.
   EXPECT_EQ(shell("dravelctl add --at +1h --type off").status, 0);
