@@ -374,12 +374,14 @@ TEST_F(Mqtt, AConfiguration_IsReadOrRefusedInWords) {
     const char *said;
   } rows[] = {
       {"[broker]\nhots=x\n", "conf: [broker] hots is no key; see dravel-mqtt.conf(5)"},
+      {"[broker]\nhost=\n", "[broker] host must be the broker's name or address"},
       {"[broker]\nport=0\n", "[broker] port must be a number from 1 to 65535"},
       {"[broker]\ntls=maybe\n", "[broker] tls must be yes or no"},
       {"[broker]\nca-file=/none\n", "[broker] ca-file cannot be read: No such file"},
       {"[broker]\nhost=hub\ntls=no\n", "the password would go to hub in clear text"},
       {"[broker]\nhost=127.hub\ntls=no\n", "the password would go to 127.hub in clear text"},
       {"[machine]\nname=a/b\n", "[machine] name must be of 1 to 64 letters, digits, _ and -"},
+      {"[machine]\nname=group\n", "[machine] name must not be group"},
       {"[machine]\nprefix=a//b\n", "[machine] prefix must be names"},
       {"[machine]\ngroups=a, b c\n", "[machine] groups must be of 1 to 64 letters"},
       {"[machine]\ncommands=timers,fly\n", "commands fly is none of timers"},
@@ -389,9 +391,14 @@ TEST_F(Mqtt, AConfiguration_IsReadOrRefusedInWords) {
   for (const auto &[file, said] : rows) {
     SCOPED_TRACE(file);
     write("conf", file);
-    const outcome result = shell(DRAVEL_MQTT " -c /run/bench/mqtt/conf");
+    const outcome result = shell("timeout 10 " DRAVEL_MQTT " -c /run/bench/mqtt/conf");
     EXPECT_EQ(result.status, 2);
     EXPECT_THAT(result.said, HasSubstr(said));
+  }
+  write("conf", "");
+  for (const std::string password : {"\xc3\xb6l", " secret", ""}) {
+    write("password", password + "\n");
+    EXPECT_EQ(read_configuration("/run/bench/mqtt/conf").broker.password, password);
   }
 }
 
