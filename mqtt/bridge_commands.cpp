@@ -10,7 +10,6 @@
 #include <utility>
 
 static constexpr act kTest = {"test", "test", false, nullptr};
-static constexpr const char *kApply = "apply";
 static constexpr std::size_t kMostEarly = 100;
 static constexpr unsigned kWaitMs = 1000; // for room in the list
 static constexpr unsigned kRetryMs = 10 * 1000;

@@ -38,23 +38,50 @@ int broker::take(void *data) {
   return self.happened_.empty() ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
+void broker::hear(const message &received) {
+  try {
+    listener_.received(received);
+  } catch (const std::exception &error) { // one bad message must not end the bridge
+    log_problem("a message to " + received.topic + " is left out: " + error.what());
+  }
+}
+
+// The end of the connection drops it: the next one brings what the broker retains.
+void broker::keep_newest(message received) {
+  const std::string topic = received.topic;
+  unsigned connection = 0;
+  {
+    const std::lock_guard guard(lock_);
+    connection = connection_;
+    if (!newest_.insert_or_assign(topic, std::move(received)).second)
+      return;
+  }
+  hand_over([this, topic, connection] {
+    std::unique_lock lock(lock_);
+    if (connection != connection_)
+      return;
+    const auto newest = newest_.extract(topic);
+    lock.unlock();
+    hear(newest.mapped());
+  });
+}
+
 void broker::receive(message received) {
   {
     std::unique_lock lock(lock_);
     if (waiting_ >= kMostWaiting) {
       lock.unlock();
-      if (const std::string answer = listener_.busy(received); !answer.empty())
+      const std::string answer = listener_.busy(received);
+      if (!answer.empty())
         publish({answers_, answer});
+      else
+        keep_newest(std::move(received));
       return;
     }
     ++waiting_;
   }
   hand_over([this, received = std::move(received)] {
-    try {
-      listener_.received(received);
-    } catch (const std::exception &error) { // one bad message must not end the bridge
-      log_problem("a message to " + received.topic + " is left out: " + error.what());
-    }
+    hear(received);
     const std::lock_guard guard(lock_);
     --waiting_;
   });
@@ -125,6 +152,8 @@ void broker::run() {
     serve();
     lock.lock();
     const bool was_connected = std::exchange(is_online_, false);
+    newest_.clear();
+    ++connection_;
     std::vector<publication> sent;
     for (auto &[id, publication] : std::exchange(unacknowledged_, {}))
       if (publication.made_at != 0)

@@ -4,7 +4,9 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <sstream>
+#include <utility>
 
 using testing::AllOf;
 using testing::Not;
@@ -170,6 +172,26 @@ TEST_F(Mqtt, AFlood_IsAnsweredOrRefused_AndHarmsNothing) {
                   R"({"id":")" + std::to_string(i) + R"(","timer":{"type":1}})");
   seen->wait_count("dravel/m/result", 1000);
   seen->wait("dravel/m/result", R"("kind":"busy")");
+
+  // What is no command is not lost among them.
+  const pid_t daemon = bus.pid_of(kDaemon.name);
+  kill(daemon, SIGSTOP);
+  const auto flood = [&](const std::string &id) {
+    for (int i = 0; i < 200; ++i)
+      seen->publish("dravel/m/set/halt", R"({"on":false,"id":")" + id + R"("})");
+    seen->wait("dravel/m/result", id + R"(","command":"halt","done":false,"error":{"kind":"busy")");
+  };
+  flood("before");
+  seen->forget();
+  seen->publish("homeassistant/status", "online");
+  seen->publish("dravel/m/availability", "offline", true);
+  seen->publish("dravel/m/set/apply", R"({"revision":"1"})", true);
+  seen->publish("dravel/m/set/apply", R"({"revision":"2","timers":[]})", true);
+  flood("after");
+  kill(daemon, SIGCONT);
+  seen->wait_count("homeassistant/device/dravel_m/config", 2); // one for each of both
+  seen->wait("dravel/m/availability", "online");
+  EXPECT_THAT(seen->wait("dravel/m/applied"), HasSubstr(R"("revision":"2")"));
   seen->publish("dravel/m/set/halt", std::string(70000, ' ')); // is not even delivered
   seen->forget();
   EXPECT_THAT(ask("m/set/halt", R"({"on":false})"), HasSubstr(R"("done":true)"));
