@@ -39,7 +39,7 @@ void bridge::receive(const message &message) {
 bool bridge::must_wait(const message &message) const {
   const std::string name = name_of(message);
   if (phase_ == phase::kOffline || phase_ == phase::kMeeting)
-    return name != kApply;
+    return name != kApply || !message.retained;
   const act *act = find_act(name);
   return plan_timer_ != 0 && act != nullptr && act->needs_id;
 }

@@ -127,37 +127,64 @@ TEST_F(Mqtt, TheBroker_MayBeAbsentAndComeBack) {
   }
 }
 
+// Somebody else in the broker's place, who says what he likes.
+class stand_in_broker {
+public:
+  explicit stand_in_broker(int port) {
+    const int on = 1;
+    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const timeval deadline{.tv_sec = 30, .tv_usec = 0}; // only ever reached by a failure
+    setsockopt(listener_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+    const sockaddr_in address = loopback(port);
+    EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    listen(listener_, 1);
+  }
+  ~stand_in_broker() {
+    close(client_);
+    close(listener_);
+  }
+  std::string hear() {
+    std::string heard(65536, '\0');
+    const ssize_t size = recv(client_, heard.data(), heard.size(), 0);
+    EXPECT_GT(size, 0);
+    return heard.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+  }
+  void say(std::string packet) {
+    packet[1] = static_cast<char>(packet.size() - 2);
+    EXPECT_EQ(send(client_, packet.data(), packet.size(), 0), std::ssize(packet));
+  }
+  // `between` comes before the acknowledgement of the subscription.
+  void meet(const std::vector<std::string> &between = {}) {
+    client_ = accept(listener_, nullptr, nullptr);
+    hear(); // CONNECT
+    say(std::string("\x20\0\0\0\0", 5));
+    const std::string heard = hear(); // SUBSCRIBE; its packet id follows the length
+    for (const std::string &packet : between)
+      say(packet);
+    say(std::string("\x90\0", 2) + heard.substr((heard[1] & 0x80) != 0 ? 3 : 2, 2) +
+        std::string("\0\1", 2));
+  }
+  void lose() { close(std::exchange(client_, -1)); }
+
+private:
+  const int listener_ = socket(AF_INET, SOCK_STREAM, 0);
+  int client_ = -1;
+};
+
 TEST_F(Mqtt, ABroker_MayRetainFirst_AndAcknowledgeNothing) {
   start();
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  const int on = 1;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  const sockaddr_in address = loopback(port);
-  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-  listen(listener, 1);
-  launch_bridge();
-  const int client = accept(listener, nullptr, nullptr);
-  std::string heard(65536, '\0');
-  const auto hear = [&] { return recv(client, heard.data(), heard.size(), 0); };
-  const auto say = [&](std::string packet) {
-    packet[1] = static_cast<char>(packet.size() - 2);
-    EXPECT_EQ(send(client, packet.data(), packet.size(), 0), std::ssize(packet));
-  };
-  hear(); // CONNECT
-  say(std::string("\x20\0\0\0\0", 5));
-  hear(); // SUBSCRIBE; its packet id follows the length
-  const std::string id = heard.substr((heard[1] & 0x80) != 0 ? 3 : 2, 2);
-  say(std::string("\x31\0\0\x12", 4) + "dravel/m/set/apply" + '\0' + R"({"timers":[)" + kSeven +
-      "]}");
-  say(std::string("\x90\0", 2) + id + std::string("\0\1", 2));
-  for (std::string all; all.find(R"("command":"apply")") == std::string::npos;) {
-    const ssize_t size = hear();
-    ASSERT_GT(size, 0);
-    all.append(heard, 0, static_cast<std::size_t>(size));
+  const std::string apply = std::string("\0\x12", 2) + "dravel/m/set/apply" + '\0';
+  {
+    stand_in_broker other(port);
+    launch_bridge();
+    other.meet({std::string("\x31\0", 2) + apply + R"({"timers":[)" + kSeven + "]}",
+                std::string("\x30\0", 2) + apply + "{}"});
+    std::string all;
+    for (const char *part : {"published with the retain flag", R"("command":"apply","done":true)"})
+      while (all.find(part) == std::string::npos && !HasFailure())
+        all += other.hear();
+    kill(bridge->pid(), SIGSTOP);
   }
-  kill(bridge->pid(), SIGSTOP);
-  close(client);
-  close(listener);
   start_broker();
   seen.emplace(port);
   kill(bridge->pid(), SIGCONT);
