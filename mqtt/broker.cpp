@@ -16,6 +16,8 @@ static constexpr std::size_t kMostWaiting = 100;
 static constexpr std::size_t kMostUnacknowledged = 1000;
 static constexpr unsigned kLongestDelay = 120; // seconds
 static constexpr int kDrainMs = 1500;          // for what is sent before a pause
+static constexpr int kHoldsSeconds = 5;        // more than another machine takes to come back
+static constexpr int kDoubtful = 3;            // short connections
 
 // --- what is told on the main loop ---
 
@@ -101,6 +103,16 @@ void broker::tell_failure(int error) {
               std::to_string(configuration_.broker.port) + ": " + reason);
 }
 
+// Two machines with one id end each other's connections in turn, and not every broker says why.
+void broker::doubt() {
+  const long long least_s = configuration_.broker.spread_s + kHoldsSeconds;
+  const bool is_short = g_get_monotonic_time() - connected_at_ < least_s * G_USEC_PER_SEC;
+  short_connections_ = is_short ? short_connections_ + 1 : 0;
+  if (short_connections_ == kDoubtful)
+    log_problem("each connection to the broker is soon lost: does another machine have the same "
+                "/etc/machine-id?");
+}
+
 // One connection from its begin to its end.
 void broker::serve() {
   mosquitto *client = make();
@@ -118,9 +130,12 @@ void broker::serve() {
   const std::lock_guard guard(lock_);
   client_ = nullptr;
   mosquitto_destroy(client);
+  if (is_paused_)
+    return;
+  if (is_online_)
+    doubt();
   errno = cause;
-  if (!is_paused_)
-    tell_failure(error);
+  tell_failure(error);
 }
 
 // Returns false when there is nothing more to connect for.

@@ -74,6 +74,7 @@ private:
   void receive(message received);
   void hear(const message &received);
   void keep_newest(message received);
+  void doubt();
   void tell_failure(int error);
   static int take(void *data);
 
@@ -93,6 +94,8 @@ private:
   bool is_ended_ = false;
   std::vector<std::pair<int, publication>> unacknowledged_; // by message id, in order
   bool is_stuck_ = false;
+  long long connected_at_ = 0; // microseconds, monotonic
+  int short_connections_ = 0;  // in a row
   std::deque<std::function<void()>> happened_;
   unsigned connection_ = 0;               // counts them
   std::size_t waiting_ = 0;               // messages among them, without those that follow

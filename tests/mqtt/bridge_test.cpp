@@ -192,6 +192,27 @@ TEST_F(Mqtt, ABroker_MayRetainFirst_AndAcknowledgeNothing) {
   seen->wait("dravel/m/result", R"("command":"apply","done":true)");
 }
 
+TEST_F(Mqtt, ConnectionsThatNeverHold_RaiseAQuestion_Once) {
+  const auto told = [](const std::string &text) {
+    int count = 0;
+    const std::string log = read(kLog);
+    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+      ++count;
+    return count;
+  };
+  stand_in_broker other(port);
+  launch_bridge();
+  for (int lost = 1; lost <= 4; ++lost) {
+    other.meet();
+    other.lose();
+    while (told("no connection to the broker") < lost)
+      usleep(1000);
+    EXPECT_EQ(told("does another machine have the same /etc/machine-id?"), lost > 2 ? 1 : 0);
+    for (const char *now : {" --sleep", " --wake"}) // so that it does not wait to connect
+      EXPECT_EQ(shell(std::string(DRAVEL_MQTT) + now).status, 0);
+  }
+}
+
 TEST_F(Mqtt, AFlood_IsAnsweredOrRefused_AndHarmsNothing) {
   start_all();
   for (int i = 0; i < 1000; ++i)
