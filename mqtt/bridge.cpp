@@ -211,14 +211,16 @@ void bridge::publish_documents(const documents &documents) {
   publish_changed("state", documents.state, documents.compared);
   publish_changed("timers", documents.timers, documents.timers);
   publish_changed("week", documents.week, documents.week);
-  if (std::exchange(has_machine_, documents.has_machine) != documents.has_machine || is_first)
+  const auto has_machine = documents.has_machine ? documents.has_machine : has_machine_;
+  if (std::exchange(has_machine_, has_machine) != has_machine || is_first)
     publish_discovery();
 }
 
+// What it names as not there, Home Assistant removes: nothing is said before it is known.
 void bridge::publish_discovery() {
-  if (configuration_.home_assistant && phase_ == phase::kOnline)
+  if (configuration_.home_assistant && phase_ == phase::kOnline && has_machine_)
     broker_.publish(
-        {configuration_.discovery_topic(), discovery_of(configuration_, has_machine_), true});
+        {configuration_.discovery_topic(), discovery_of(configuration_, *has_machine_), true});
 }
 
 void bridge::refresh_now() {

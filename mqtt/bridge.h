@@ -10,6 +10,7 @@
 #include "watch.h"
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -79,10 +80,10 @@ private:
   plans plans_;
   trial trial_;
   phase phase_ = phase::kOffline;
-  bool is_settled_ = false; // the retained messages are known
-  bool plan_waits_ = false; // for the daemon
-  bool has_machine_ = false;
-  std::string peer_id_; // of the machine whose state stands at the broker
+  bool is_settled_ = false;         // the retained messages are known
+  bool plan_waits_ = false;         // for the daemon
+  std::optional<bool> has_machine_; // as the daemon said last
+  std::string peer_id_;             // of the machine whose state stands at the broker
   std::string peer_availability_;
   std::vector<message> early_; // commands that wait for the end of the meeting, or of a plan
   outbox outbox_;

@@ -10,7 +10,6 @@
 #include <utility>
 
 static constexpr act kTest = {"test", "test", false, nullptr};
-static constexpr const char *kApply = "apply";
 static constexpr std::size_t kMostEarly = 100;
 static constexpr unsigned kWaitMs = 1000; // for room in the list
 static constexpr unsigned kRetryMs = 10 * 1000;
@@ -40,7 +39,7 @@ void bridge::receive(const message &message) {
 bool bridge::must_wait(const message &message) const {
   const std::string name = name_of(message);
   if (phase_ == phase::kOffline || phase_ == phase::kMeeting)
-    return name != kApply;
+    return name != kApply || !message.retained;
   const act *act = find_act(name);
   return plan_timer_ != 0 && act != nullptr && act->needs_id;
 }

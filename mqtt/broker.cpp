@@ -16,6 +16,8 @@ static constexpr std::size_t kMostWaiting = 100;
 static constexpr std::size_t kMostUnacknowledged = 1000;
 static constexpr unsigned kLongestDelay = 120; // seconds
 static constexpr int kDrainMs = 1500;          // for what is sent before a pause
+static constexpr int kHoldsSeconds = 5;        // more than another machine takes to come back
+static constexpr int kDoubtful = 3;            // short connections
 
 // --- what is told on the main loop ---
 
@@ -38,23 +40,50 @@ int broker::take(void *data) {
   return self.happened_.empty() ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
+void broker::hear(const message &received) {
+  try {
+    listener_.received(received);
+  } catch (const std::exception &error) { // one bad message must not end the bridge
+    log_problem("a message to " + received.topic + " is left out: " + error.what());
+  }
+}
+
+// The end of the connection drops it: the next one brings what the broker retains.
+void broker::keep_newest(message received) {
+  const std::string topic = received.topic;
+  unsigned connection = 0;
+  {
+    const std::lock_guard guard(lock_);
+    connection = connection_;
+    if (!newest_.insert_or_assign(topic, std::move(received)).second)
+      return;
+  }
+  hand_over([this, topic, connection] {
+    std::unique_lock lock(lock_);
+    if (connection != connection_)
+      return;
+    const auto newest = newest_.extract(topic);
+    lock.unlock();
+    hear(newest.mapped());
+  });
+}
+
 void broker::receive(message received) {
   {
     std::unique_lock lock(lock_);
     if (waiting_ >= kMostWaiting) {
       lock.unlock();
-      if (const std::string answer = listener_.busy(received); !answer.empty())
+      const std::string answer = listener_.busy(received);
+      if (!answer.empty())
         publish({answers_, answer});
+      else
+        keep_newest(std::move(received));
       return;
     }
     ++waiting_;
   }
   hand_over([this, received = std::move(received)] {
-    try {
-      listener_.received(received);
-    } catch (const std::exception &error) { // one bad message must not end the bridge
-      log_problem("a message to " + received.topic + " is left out: " + error.what());
-    }
+    hear(received);
     const std::lock_guard guard(lock_);
     --waiting_;
   });
@@ -74,6 +103,16 @@ void broker::tell_failure(int error) {
               std::to_string(configuration_.broker.port) + ": " + reason);
 }
 
+// Two machines with one id end each other's connections in turn, and not every broker says why.
+void broker::doubt() {
+  const long long least_s = configuration_.broker.spread_s + kHoldsSeconds;
+  const bool is_short = g_get_monotonic_time() - connected_at_ < least_s * G_USEC_PER_SEC;
+  short_connections_ = is_short ? short_connections_ + 1 : 0;
+  if (short_connections_ == kDoubtful)
+    log_problem("each connection to the broker is soon lost: does another machine have the same "
+                "/etc/machine-id?");
+}
+
 // One connection from its begin to its end.
 void broker::serve() {
   mosquitto *client = make();
@@ -91,9 +130,12 @@ void broker::serve() {
   const std::lock_guard guard(lock_);
   client_ = nullptr;
   mosquitto_destroy(client);
+  if (is_paused_)
+    return;
+  if (is_online_)
+    doubt();
   errno = cause;
-  if (!is_paused_)
-    tell_failure(error);
+  tell_failure(error);
 }
 
 // Returns false when there is nothing more to connect for.
@@ -125,6 +167,8 @@ void broker::run() {
     serve();
     lock.lock();
     const bool was_connected = std::exchange(is_online_, false);
+    newest_.clear();
+    ++connection_;
     std::vector<publication> sent;
     for (auto &[id, publication] : std::exchange(unacknowledged_, {}))
       if (publication.made_at != 0)

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -39,7 +40,8 @@ public:
     // After each attempt to connect as well. What was sent may not have arrived.
     std::function<void(const std::vector<publication> &sent)> lost;
     std::function<void(const message &)> received;
-    // More wait than can: the answer, if there is one. Called in the broker's thread.
+    // More wait than can: the answer to this one, which is then dropped. Empty: it is heard, unless
+    // its topic has a newer one by then. Called in the broker's thread.
     std::function<std::string(const message &)> busy;
   };
 
@@ -70,6 +72,9 @@ private:
   void subscribe(mosquitto *client);
   void hand_over(std::function<void()> happened);
   void receive(message received);
+  void hear(const message &received);
+  void keep_newest(message received);
+  void doubt();
   void tell_failure(int error);
   static int take(void *data);
 
@@ -89,9 +94,13 @@ private:
   bool is_ended_ = false;
   std::vector<std::pair<int, publication>> unacknowledged_; // by message id, in order
   bool is_stuck_ = false;
+  long long connected_at_ = 0; // microseconds, monotonic
+  int short_connections_ = 0;  // in a row
   std::deque<std::function<void()>> happened_;
-  std::size_t waiting_ = 0;              // messages among them
-  std::set<std::string> refused_topics_; // told already
-  std::string fault_;                    // the last one told
-  std::string detail_;                   // what the library says of it
+  unsigned connection_ = 0;               // counts them
+  std::size_t waiting_ = 0;               // messages among them, without those that follow
+  std::map<std::string, message> newest_; // of this connection, by topic
+  std::set<std::string> refused_topics_;  // told already
+  std::string fault_;                     // the last one told
+  std::string detail_;                    // what the library says of it
 };

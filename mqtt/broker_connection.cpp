@@ -50,6 +50,7 @@ struct broker::callbacks {
     {
       const std::lock_guard guard(self.lock_);
       self.is_online_ = true;
+      self.connected_at_ = g_get_monotonic_time();
       self.fault_.clear();
     }
     self.hand_over([&self] { self.listener_.subscribed(); });

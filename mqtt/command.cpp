@@ -88,7 +88,8 @@ std::string not_done(const command &command, const failure &failure, const char 
 }
 
 std::string busy_answer(const message &message) {
-  return message.topic.find("/set/") != std::string::npos
+  const bool is_plan = name_of(message) == kApply && message.retained;
+  return message.topic.find("/set/") != std::string::npos && !is_plan
              ? not_done(command_of(message), {"100 commands wait already", ""}, "busy")
              : "";
 }

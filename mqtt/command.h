@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+inline constexpr const char *kApply = "apply";
+
 struct command {
   std::string name; // the last level of the topic
   std::string key;  // topic and id: of one command
@@ -23,7 +25,7 @@ json object_of(const message &message);
 // The same, which has no other members than `known`.
 json body_of(const message &message, std::initializer_list<const char *> known);
 
-// For one too many; empty for what is no command.
+// For one too many; empty for a plan and for what is no command.
 std::string busy_answer(const message &message);
 
 std::string done(const command &command, const json &about = json::object());

@@ -57,6 +57,12 @@ static std::string checked_name(const std::string &text) {
   return text;
 }
 
+static std::string host_of(const std::string &text) {
+  if (text.empty())
+    throw std::string("must be the broker's name or address");
+  return text;
+}
+
 static bool flag_of(const std::string &text) {
   if (text != "yes" && text != "no")
     throw std::string("must be yes or no");
@@ -112,7 +118,7 @@ static std::vector<std::string> groups_of(const std::string &text) {
 }
 
 static constexpr key_row kKeys[] = {
-    {"broker", "host", [](draft &to, const std::string &text) { to.host = text; }},
+    {"broker", "host", [](draft &to, const std::string &text) { to.host = host_of(text); }},
     {"broker", "port",
      [](draft &to, const std::string &text) { to.port = number_of(text, 1, 65535); }},
     {"broker", "user", [](draft &to, const std::string &text) { to.result.broker.user = text; }},
@@ -189,7 +195,7 @@ static std::string credential_file(const std::string &name) {
   const std::string file =
       directory != nullptr ? std::string(directory) + "/" + name : "/etc/dravel-mqtt." + name;
   const std::string contents = read_file(file);
-  return contents.empty() || contents[0] <= ' ' ? "" : file; // an empty one is none
+  return contents.empty() || contents[0] == '\n' ? "" : file; // an empty one is none
 }
 
 static std::string password() {
@@ -265,6 +271,9 @@ configuration read_configuration(const std::string &file) {
     if (command != kUntilNamed)
       draft.result.commands.insert(command);
   read_file(file, draft);
+  if (draft.result.name == kGroups)
+    throw failure{file + ": [machine] name must not be group: the topics of groups begin so",
+                  "see dravel-mqtt.conf(5)", fault::kUsage};
   complete_broker(draft, draft.result.broker, file);
   draft.result.machine_id = machine_id();
   return draft.result;

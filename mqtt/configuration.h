@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+inline constexpr const char *kGroups = "group"; // the level above their names
+
 struct broker_settings {
   std::string host = "localhost";
   int port = 0;
@@ -30,7 +32,7 @@ struct configuration {
   std::string machine_id;
 
   std::string own(const std::string &topic) const { return prefix + "/" + name + "/" + topic; }
-  std::string group(const std::string &of) const { return prefix + "/group/" + of; }
+  std::string group(const std::string &of) const { return prefix + "/" + kGroups + "/" + of; }
   std::string discovery_topic() const {
     return discovery_prefix + "/device/dravel_" + name + "/config";
   }

@@ -16,6 +16,7 @@ static constexpr const char *kEvent =
     "{{ dict(value_json, event_type=value_json.event) | tojson }}";
 static constexpr const char *kEvents[] = {"fired",   "halted",  "skipped", "added",
                                           "changed", "removed", "woken"};
+static constexpr const char *kReachable = "{{ 'online' if value == 'online' else 'offline' }}";
 static constexpr const char *kReadable = // asleep as well
     "{{ 'offline' if value == 'offline' else 'online' }}";
 
@@ -48,6 +49,10 @@ struct maker {
     (*made)["value_template"] = value;
   }
 
+  json availability(const char *value) const {
+    return json::array({json{{"topic", settings.own("availability")}, {"value_template", value}}});
+  }
+
   void add_moment(const char *name, const char *text, const std::string &value,
                   bool is_there = true) {
     json *made = add(name, "sensor", text, is_there);
@@ -55,8 +60,7 @@ struct maker {
       return;
     (*made)["device_class"] = "timestamp";
     (*made)["value_template"] = value;
-    (*made)["availability"] =
-        json::array({json{{"topic", settings.own("availability")}, {"value_template", kReadable}}});
+    (*made)["availability"] = availability(kReadable);
   }
 
   void add_button(const char *name, const char *text, const char *command, bool is_there) {
@@ -112,15 +116,14 @@ std::string discovery_of(const configuration &configuration, bool has_machine) {
   const bool may_test = has_machine && configuration.may("test");
   maker.add_button("test_screen", "Test the screen", R"({"test":"screen"})", may_test);
   maker.add_button("test_wake", "Test the wake-up", R"({"test":"wake"})", may_test);
-  return text_of(
-      {{"device",
-        {{"identifiers", json::array({"dravel_" + configuration.machine_id})},
-         {"name", configuration.name},
-         {"model", "TV timers"},
-         {"sw_version", DRAVEL_VERSION}}},
-       {"origin", {{"name", "dravel-mqtt"}, {"sw_version", DRAVEL_VERSION}}},
-       {"availability", json::array({json{{"topic", configuration.own("availability")}}})},
-       {"state_topic", configuration.own("state")},
-       {"qos", 1},
-       {"components", maker.components}});
+  return text_of({{"device",
+                   {{"identifiers", json::array({"dravel_" + configuration.machine_id})},
+                    {"name", configuration.name},
+                    {"model", "TV timers"},
+                    {"sw_version", DRAVEL_VERSION}}},
+                  {"origin", {{"name", "dravel-mqtt"}, {"sw_version", DRAVEL_VERSION}}},
+                  {"availability", maker.availability(kReachable)},
+                  {"state_topic", configuration.own("state")},
+                  {"qos", 1},
+                  {"components", maker.components}});
 }

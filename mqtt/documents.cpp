@@ -51,5 +51,5 @@ documents documents_without(const std::string &problem, const std::string &machi
                                      {"machine", nullptr},
                                      {"problems", json::array({problem})},
                                      {"machine_id", machine_id}});
-  return {.state = state, .compared = state, .timers = "null", .week = "null"};
+  return {.state = state, .compared = state, .timers = "null", .week = "null", .has_machine = {}};
 }

@@ -4,6 +4,7 @@
 
 #include "client.h"
 
+#include <optional>
 #include <string>
 
 struct documents {
@@ -11,7 +12,7 @@ struct documents {
   std::string compared; // `state` without the clock: a change of it alone is none
   std::string timers;
   std::string week;
-  bool has_machine = false;
+  std::optional<bool> has_machine; // empty: only the daemon knows
 };
 
 documents documents_of(client &client, const snapshot &view, const std::string &machine_id);

@@ -4,6 +4,8 @@
 #include "journal.h"
 #include "ledger.h"
 
+static constexpr const char *kCarriedOut = "carried_out"; // of the file: by source, the sha256
+
 static std::string sha256_of(const std::string &text) {
   g_autofree char *sum = g_compute_checksum_for_string(G_CHECKSUM_SHA256, text.data(),
                                                        static_cast<gssize>(text.size()));
@@ -12,17 +14,32 @@ static std::string sha256_of(const std::string &text) {
 
 plans::plans(const configuration &configuration, std::string file)
     : configuration_(configuration), file_(std::move(file)) {
-  const std::string text = read_file(file_);
-  json read = json::parse(text, nullptr, false); // a missing member reads as null
-  if (read.is_object() && read["sha256"].is_string() && read["refused"].is_array())
-    applied_ = text;
+  json read = json::parse(read_file(file_), nullptr, false); // a missing member reads as null
+  if (!read.is_object() || !read["source"].is_string() || !read["sha256"].is_string() ||
+      !read["refused"].is_array())
+    return;
+  if (read[kCarriedOut].is_object()) // a file of an earlier version has none
+    carried_out_ = read[kCarriedOut];
+  read.erase(kCarriedOut);
+  carried_out_[read["source"].get<std::string>()] = read["sha256"];
+  applied_ = text_of(read);
 }
 
+// One that is withdrawn still hides those that come after it: another one must not be carried out
+// because of that. The next plan or the next connection ends it.
 void plans::note(const message &message) {
-  if (message.payload.empty())
-    found_.erase(message.topic);
-  else
+  if (!message.payload.empty()) {
+    std::erase_if(found_, [](const auto &found) { return found.second.payload.empty(); });
     found_[message.topic] = message;
+  } else if (const auto found = found_.find(message.topic); found != found_.end()) {
+    found->second = message;
+  }
+}
+
+// PREFIX/NAME/set/apply without its ends.
+std::string plans::source_of(const std::string &topic) const {
+  const std::string source = topic.substr(configuration_.prefix.size() + 1);
+  return source.substr(0, source.rfind("/set/"));
 }
 
 const message *plans::in_force() const {
@@ -40,8 +57,12 @@ const message *plans::in_force() const {
 
 const message *plans::due(bool again) const {
   const message *plan = in_force();
-  const bool is_applied = plan != nullptr && !applied_.empty() &&
-                          json::parse(applied_).value("sha256", "") == sha256_of(plan->payload);
+  if (plan == nullptr || plan->payload.empty())
+    return nullptr;
+  const std::string sha256 = sha256_of(plan->payload);
+  const bool is_applied =
+      carried_out_.value(source_of(plan->topic), json()) == sha256 ||
+      (!applied_.empty() && json::parse(applied_).value("sha256", "") == sha256);
   return is_applied && !again ? nullptr : plan;
 }
 
@@ -64,23 +85,27 @@ static json about(const application &application) {
 }
 
 static json revision_of(const message &plan) {
-  const json body = json::parse(plan.payload, nullptr, false);
-  return body.is_object() && body.contains("revision") ? body["revision"] : json(nullptr);
+  try {
+    json revision = object_of(plan).value("revision", json());
+    return revision.is_string() || revision.is_number() ? revision : json();
+  } catch (const failure &) { // its refusal says why
+    return {};
+  }
 }
 
 void plans::keep() {
-  const std::string source =
-      begun_.topic.substr(configuration_.prefix.size() + 1); // NAME/set/apply
-  json document{{"source", source.substr(0, source.rfind("/set/"))},
-                {"revision", revision_of(begun_)},
-                {"sha256", sha256_of(begun_.payload)}};
+  const std::string source = source_of(begun_.topic);
+  const std::string sha256 = sha256_of(begun_.payload);
+  json document{{"source", source}, {"revision", revision_of(begun_)}, {"sha256", sha256}};
   add_time(document, "at", civil_of(machine_time()));
   document.update(about(account_));
   applied_ = text_of(document);
+  carried_out_[source] = sha256;
+  document[kCarriedOut] = carried_out_;
   is_ended_ = true;
   steps_.reset();
   try {
-    write_file(file_, applied_);
+    write_file(file_, text_of(document));
   } catch (const failure &failure) {
     log_problem(failure.what);
   }

@@ -1,7 +1,7 @@
 // The one thing that waits at the broker: a retained message to `apply`, with the timers and
 // holidays that the machine shall have. It comes from the machine's own topic or, when there is
-// none, from that of its first group that has one. Each content is carried out once, so that people
-// may change timers until the next one.
+// none, from that of its first group that has one. Each content of a topic is carried out once, so
+// that people may change timers until the next one; one that is withdrawn changes nothing.
 #pragma once
 
 #include "client.h"
@@ -14,7 +14,7 @@
 
 class plans {
 public:
-  plans(const configuration &configuration, std::string file); // keeps what was applied last
+  plans(const configuration &configuration, std::string file); // keeps what was applied
 
   void forget() { found_.clear(); }  // before the retained messages come again
   void note(const message &message); // an empty one withdraws
@@ -32,6 +32,7 @@ public:
 
 private:
   const message *in_force() const;
+  std::string source_of(const std::string &topic) const;
   void refuse(const std::string &why);
   void keep();
 
@@ -39,6 +40,7 @@ private:
   std::string file_;
   std::map<std::string, message> found_; // by topic
   std::string applied_;
+  json carried_out_ = json::object(); // by source, the sha256 of its last one
   message begun_;
   application account_; // of it
   bool is_ended_ = true;

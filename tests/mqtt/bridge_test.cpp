@@ -4,7 +4,9 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <sstream>
+#include <utility>
 
 using testing::AllOf;
 using testing::Not;
@@ -125,42 +127,90 @@ TEST_F(Mqtt, TheBroker_MayBeAbsentAndComeBack) {
   }
 }
 
+// Somebody else in the broker's place, who says what he likes.
+class stand_in_broker {
+public:
+  explicit stand_in_broker(int port) {
+    const int on = 1;
+    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const timeval deadline{.tv_sec = 30, .tv_usec = 0}; // only ever reached by a failure
+    setsockopt(listener_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+    const sockaddr_in address = loopback(port);
+    EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    listen(listener_, 1);
+  }
+  ~stand_in_broker() {
+    close(client_);
+    close(listener_);
+  }
+  std::string hear() {
+    std::string heard(65536, '\0');
+    const ssize_t size = recv(client_, heard.data(), heard.size(), 0);
+    EXPECT_GT(size, 0);
+    return heard.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+  }
+  void say(std::string packet) {
+    packet[1] = static_cast<char>(packet.size() - 2);
+    EXPECT_EQ(send(client_, packet.data(), packet.size(), 0), std::ssize(packet));
+  }
+  // `between` comes before the acknowledgement of the subscription.
+  void meet(const std::vector<std::string> &between = {}) {
+    client_ = accept(listener_, nullptr, nullptr);
+    hear(); // CONNECT
+    say(std::string("\x20\0\0\0\0", 5));
+    const std::string heard = hear(); // SUBSCRIBE; its packet id follows the length
+    for (const std::string &packet : between)
+      say(packet);
+    say(std::string("\x90\0", 2) + heard.substr((heard[1] & 0x80) != 0 ? 3 : 2, 2) +
+        std::string("\0\1", 2));
+  }
+  void lose() { close(std::exchange(client_, -1)); }
+
+private:
+  const int listener_ = socket(AF_INET, SOCK_STREAM, 0);
+  int client_ = -1;
+};
+
 TEST_F(Mqtt, ABroker_MayRetainFirst_AndAcknowledgeNothing) {
   start();
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  const int on = 1;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  const sockaddr_in address = loopback(port);
-  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-  listen(listener, 1);
-  launch_bridge();
-  const int client = accept(listener, nullptr, nullptr);
-  std::string heard(65536, '\0');
-  const auto hear = [&] { return recv(client, heard.data(), heard.size(), 0); };
-  const auto say = [&](std::string packet) {
-    packet[1] = static_cast<char>(packet.size() - 2);
-    EXPECT_EQ(send(client, packet.data(), packet.size(), 0), std::ssize(packet));
-  };
-  hear(); // CONNECT
-  say(std::string("\x20\0\0\0\0", 5));
-  hear(); // SUBSCRIBE; its packet id follows the length
-  const std::string id = heard.substr((heard[1] & 0x80) != 0 ? 3 : 2, 2);
-  say(std::string("\x31\0\0\x12", 4) + "dravel/m/set/apply" + '\0' + R"({"timers":[)" + kSeven +
-      "]}");
-  say(std::string("\x90\0", 2) + id + std::string("\0\1", 2));
-  for (std::string all; all.find(R"("command":"apply")") == std::string::npos;) {
-    const ssize_t size = hear();
-    ASSERT_GT(size, 0);
-    all.append(heard, 0, static_cast<std::size_t>(size));
+  const std::string apply = std::string("\0\x12", 2) + "dravel/m/set/apply" + '\0';
+  {
+    stand_in_broker other(port);
+    launch_bridge();
+    other.meet({std::string("\x31\0", 2) + apply + R"({"timers":[)" + kSeven + "]}",
+                std::string("\x30\0", 2) + apply + "{}"});
+    std::string all;
+    for (const char *part : {"published with the retain flag", R"("command":"apply","done":true)"})
+      while (all.find(part) == std::string::npos && !HasFailure())
+        all += other.hear();
+    kill(bridge->pid(), SIGSTOP);
   }
-  kill(bridge->pid(), SIGSTOP);
-  close(client);
-  close(listener);
   start_broker();
   seen.emplace(port);
   kill(bridge->pid(), SIGCONT);
   seen->wait("dravel/m/event", "added");
   seen->wait("dravel/m/result", R"("command":"apply","done":true)");
+}
+
+TEST_F(Mqtt, ConnectionsThatNeverHold_RaiseAQuestion_Once) {
+  const auto told = [](const std::string &text) {
+    int count = 0;
+    const std::string log = read(kLog);
+    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+      ++count;
+    return count;
+  };
+  stand_in_broker other(port);
+  launch_bridge();
+  for (int lost = 1; lost <= 4; ++lost) {
+    other.meet();
+    other.lose();
+    while (told("no connection to the broker") < lost)
+      usleep(1000);
+    EXPECT_EQ(told("does another machine have the same /etc/machine-id?"), lost > 2 ? 1 : 0);
+    for (const char *now : {" --sleep", " --wake"}) // so that it does not wait to connect
+      EXPECT_EQ(shell(std::string(DRAVEL_MQTT) + now).status, 0);
+  }
 }
 
 TEST_F(Mqtt, AFlood_IsAnsweredOrRefused_AndHarmsNothing) {
@@ -170,6 +220,26 @@ TEST_F(Mqtt, AFlood_IsAnsweredOrRefused_AndHarmsNothing) {
                   R"({"id":")" + std::to_string(i) + R"(","timer":{"type":1}})");
   seen->wait_count("dravel/m/result", 1000);
   seen->wait("dravel/m/result", R"("kind":"busy")");
+
+  // What is no command is not lost among them.
+  const pid_t daemon = bus.pid_of(kDaemon.name);
+  kill(daemon, SIGSTOP);
+  const auto flood = [&](const std::string &id) {
+    for (int i = 0; i < 200; ++i)
+      seen->publish("dravel/m/set/halt", R"({"on":false,"id":")" + id + R"("})");
+    seen->wait("dravel/m/result", id + R"(","command":"halt","done":false,"error":{"kind":"busy")");
+  };
+  flood("before");
+  seen->forget();
+  seen->publish("homeassistant/status", "online");
+  seen->publish("dravel/m/availability", "offline", true);
+  seen->publish("dravel/m/set/apply", R"({"revision":"1"})", true);
+  seen->publish("dravel/m/set/apply", R"({"revision":"2","timers":[]})", true);
+  flood("after");
+  kill(daemon, SIGCONT);
+  seen->wait_count("homeassistant/device/dravel_m/config", 2); // one for each of both
+  seen->wait("dravel/m/availability", "online");
+  EXPECT_THAT(seen->wait("dravel/m/applied"), HasSubstr(R"("revision":"2")"));
   seen->publish("dravel/m/set/halt", std::string(70000, ' ')); // is not even delivered
   seen->forget();
   EXPECT_THAT(ask("m/set/halt", R"({"on":false})"), HasSubstr(R"("done":true)"));
@@ -194,17 +264,39 @@ TEST_F(Mqtt, OnePlan_IsAppliedOnce_TheOwnBeforeTheGroups) {
   seen->publish("dravel/group/b/set/apply", plan("b2", "06:30"), true);
   seen->publish("dravel/m/set/apply", plan("m1", "08:00"), true);
   EXPECT_THAT(seen->wait("dravel/m/applied", "m1"), HasSubstr(R"("cancelled":1)"));
-  seen->publish("dravel/m/set/apply", R"({"timers":[{"type":0}]})", true);
-  EXPECT_THAT(seen->wait("dravel/m/applied"), HasSubstr(R"("why":"the message: timers[0])"));
-  seen->publish("dravel/m/set/apply", "", true);
-  seen->wait("dravel/m/applied", "a1"); // withdrawn: the group's counts
-  seen->publish("dravel/group/a/set/apply", "", true);
-  seen->wait("dravel/m/applied", "b2");
+  const std::string deep = std::string(20, '[') + std::string(20, ']');
+  for (const auto &[refused, why] : std::initializer_list<std::pair<std::string, const char *>>{
+           {R"({"timers":[{"type":0}],"revision":[1]})", R"("why":"the message: timers[0])"},
+           {R"({"revision":)" + deep + "}", R"("why":"the message is nested too deeply")"}}) {
+    seen->publish("dravel/m/set/apply", refused, true);
+    EXPECT_THAT(seen->wait("dravel/m/applied"),
+                AllOf(HasSubstr(R"("revision":null)"), HasSubstr(why)));
+  }
+
+  // Withdrawn: nothing changes, and the group's that was carried out is not carried out again.
+  EXPECT_EQ(shell("dravelctl add --at +1h --type off").status, 0);
+  const words timers = timer_ids();
+  const auto withdraw = [&](const char *topic) {
+    seen->publish(topic, "", true);
+    seen->publish("dravel/m/set/cancel", R"({"id":"1","timer_id":99})"); // waits for a plan's end
+    seen->wait("dravel/m/result", "no timer 99");
+    EXPECT_EQ(timer_ids(), timers);
+    EXPECT_EQ(bridge->stop(), 0);
+    seen->forget();
+    seen->publish("dravel/m/state", "", true); // so that it is online once it has settled
+    restart_bridge();
+  };
+  withdraw("dravel/m/set/apply");
+  withdraw("dravel/group/a/set/apply");
+  seen->wait("dravel/m/applied", "b2"); // the first one at this connection, and new
 
   // What somebody changes stays until the next one, unless it is enforced.
+  seen->wait("dravel/m/result", R"("command":"apply")");
   seen->forget();
   EXPECT_EQ(shell("dravelctl cancel --all").status, 0);
   EXPECT_EQ(bridge->stop(), 0);
+  write("applied", seen->last("dravel/m/applied")); // as an earlier version kept it
+  seen->publish("dravel/m/state", "", true);
   restart_bridge();
   seen->wait("dravel/m/applied", "b2"); // of before
   ask("m/set/halt", R"({"on":false})");
@@ -221,6 +313,8 @@ TEST_F(Mqtt, APlan_WaitsForTheDaemon) {
   seen->publish("dravel/m/set/apply", std::string(R"({"timers":[)") + kSeven + "]}", true);
   launch_bridge();
   wait_bridge_log("apply waits: dravel-manager is not running");
+  EXPECT_THAT(ask("m/set/halt", R"({"on":true})"), HasSubstr(R"("kind":"not-running")"));
+  EXPECT_EQ(seen->last("homeassistant/device/dravel_m/config"), ""); // without what it has?
   start();
   EXPECT_THAT(seen->wait("dravel/m/applied"), HasSubstr(R"("added":1)"));
 }
@@ -350,12 +444,14 @@ TEST_F(Mqtt, AConfiguration_IsReadOrRefusedInWords) {
     const char *said;
   } rows[] = {
       {"[broker]\nhots=x\n", "conf: [broker] hots is no key; see dravel-mqtt.conf(5)"},
+      {"[broker]\nhost=\n", "[broker] host must be the broker's name or address"},
       {"[broker]\nport=0\n", "[broker] port must be a number from 1 to 65535"},
       {"[broker]\ntls=maybe\n", "[broker] tls must be yes or no"},
       {"[broker]\nca-file=/none\n", "[broker] ca-file cannot be read: No such file"},
       {"[broker]\nhost=hub\ntls=no\n", "the password would go to hub in clear text"},
       {"[broker]\nhost=127.hub\ntls=no\n", "the password would go to 127.hub in clear text"},
       {"[machine]\nname=a/b\n", "[machine] name must be of 1 to 64 letters, digits, _ and -"},
+      {"[machine]\nname=group\n", "[machine] name must not be group"},
       {"[machine]\nprefix=a//b\n", "[machine] prefix must be names"},
       {"[machine]\ngroups=a, b c\n", "[machine] groups must be of 1 to 64 letters"},
       {"[machine]\ncommands=timers,fly\n", "commands fly is none of timers"},
@@ -365,9 +461,14 @@ TEST_F(Mqtt, AConfiguration_IsReadOrRefusedInWords) {
   for (const auto &[file, said] : rows) {
     SCOPED_TRACE(file);
     write("conf", file);
-    const outcome result = shell(DRAVEL_MQTT " -c /run/bench/mqtt/conf");
+    const outcome result = shell("timeout 10 " DRAVEL_MQTT " -c /run/bench/mqtt/conf");
     EXPECT_EQ(result.status, 2);
     EXPECT_THAT(result.said, HasSubstr(said));
+  }
+  write("conf", "");
+  for (const std::string password : {"\xc3\xb6l", " secret", ""}) {
+    write("password", password + "\n");
+    EXPECT_EQ(read_configuration("/run/bench/mqtt/conf").broker.password, password);
   }
 }
 

@@ -70,9 +70,10 @@ def check_templates():
     assert json.loads(render(attributes, unknown)) == {"problems": ["It hangs."]}
     event = json.loads(render(CONFIG["components"]["event"]["value_template"], EVENT))
     assert event["event_type"] == "added" in CONFIG["components"]["event"]["event_types"]
-    readable = CONFIG["components"]["next_on"]["availability"][0]["value_template"]
-    assert [render(readable, value) for value in ("online", "asleep", "offline")] == [
-        "online", "online", "offline"]
+    for device, asleep in ((CONFIG, "offline"), (CONFIG["components"]["next_on"], "online")):
+        available = device["availability"][0]["value_template"]
+        assert [render(available, value) for value in ("online", "asleep", "offline")] == [
+            "online", asleep, "offline"]
     for component in CONFIG["components"].values():
         for order in {"payload_on", "payload_off", "payload_press"} & set(component):
             assert json.loads(component[order])
