@@ -6,6 +6,11 @@
 static constexpr std::int64_t kHourMs = 3600 * kSecondMs;
 static constexpr std::int64_t kSameVisitMs = 300 * kSecondMs;
 
+// A busy device keeps an alarm of ours that should not stand any longer.
+static bool is_kept_by_device(const machine &m) {
+  return m.alarm.refused != 0 && m.alarm.stands.owner == alarm_owner::kTimer;
+}
+
 // UTC: until then the machine waits for something near; 0: nothing is near. An alarm may go off
 // before the machine sleeps, and does not wake it then.
 std::int64_t near_until(const machine &m, const moment &now) {
@@ -14,10 +19,11 @@ std::int64_t near_until(const machine &m, const moment &now) {
     return now.utc;
   const std::int64_t next = next_wake_utc(m, now);
   const device_alarm &stands = m.alarm.stands;
-  const bool is_hop = stands.owner == alarm_owner::kHop && stands.utc > now.utc;
+  const bool may_pass = stands.owner == alarm_owner::kHop || is_kept_by_device(m);
   if (next != kNever && next - now.utc < lead_seconds(m, m.sleep.method) + nearness)
     return next;
-  return is_hop && stands.utc - now.utc < nearness ? stands.utc : 0;
+  const bool is_near = stands.utc > now.utc && stands.utc - now.utc < nearness;
+  return may_pass && is_near ? stands.utc : 0;
 }
 
 // boot; 0: at any time. Woken again and again, the machine is not sent to sleep again and again.

@@ -71,7 +71,10 @@ struct awake_machine {
     alarm = refusal == 0 ? o.count : refusal == EBUSY ? alarm : 0;
     send(event::alarm_written{o.count, refusal});
   }
-  void carry_out(const order::switch_off_alarm &) { send(event::alarm_written{alarm = 0, 0}); }
+  void carry_out(const order::switch_off_alarm &) {
+    alarm = refusal == EBUSY ? alarm : 0;
+    send(event::alarm_written{0, refusal == EBUSY ? EBUSY : 0});
+  }
   void carry_out(const order::ask_late &) { send(late); }
   void carry_out(const order::ask_zone &) { send(event::zone_changed{next_transition, false}); }
   void carry_out(const order::deliver &o) { send(event::returned{o.callback}); }
@@ -535,6 +538,22 @@ TEST(Decide, AnAlarmThatGoesOffBeforeTheSleep_IsWaitedFor) {
     run.send(event::due{});
     EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
     EXPECT_EQ(run.alarm, ahead == 2 ? kNow + 910 : kNow + 10);
+  }
+}
+
+TEST(Decide, AnAlarmThatABusyDeviceKeeps_IsWaitedFor_WhenItGoesOffBeforeTheMachineSleeps) {
+  for (const std::int64_t ahead : {20, 19}) {
+    awake_machine run({}, false);
+    run.send(event::program{0, kNow + 1000, 0});
+    run.refusal = EBUSY;
+    run.send(event::program{0, kNow + 9000, 0});
+    run.pass(985 - ahead);
+    run.send(event::screen_wanted{false, event::asker::kDaemon});
+    run.send(event::job_began{1, unit::kOff});
+    run.send(event::job_ended{1});
+    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+    EXPECT_EQ(run.alarm, kNow + 985);
+    EXPECT_EQ(run.count<order::sleep>(), ahead == 20 ? 1 : 0);
   }
 }
 

@@ -112,8 +112,9 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
     return;
   slept_through_ = std::max(slept_through_, due);
   const millis least = (nearness_of(world, world.method) + kMinuteSeconds) * kSecondMs;
+  // The daemon hears after the wake-up of a step on the way down.
   if (world.alarm.stands() != 0 && !world.foreign_stands && was_right_ &&
-      due_at_ > world.down_at + least)
+      stepped_at_ < world.begun_at() && due_at_ > world.down_at + least)
     world_.broken(1, "the alarm is later than the on-time");
 }
 

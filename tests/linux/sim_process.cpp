@@ -214,6 +214,8 @@ void sim::end_process() {
 
 // The others stay as they are, also those that became due in a sleep that nobody has noticed yet.
 void sim::add_timer(std::uint32_t type, std::int64_t local, bool daily) {
+  while (daily && local - kDay > tv_clock())
+    local -= kDay;
   timers.push_back({next_id_++, type, local, daily, utc()});
   if (is_alive && m.armed) {
     arm(timers.back());
