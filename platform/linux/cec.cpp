@@ -101,6 +101,7 @@ void turn_television(bool on) {
 }
 
 void ask_television() {
+  prepare(); // without an address, as another program may have left the adapter, nothing is asked
   if (!send(CEC_LOG_ADDR_TV, CEC_MSG_GIVE_DEVICE_POWER_STATUS))
     happens(event::tv_silent{});
 }

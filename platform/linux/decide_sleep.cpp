@@ -146,6 +146,10 @@ static void order_sleep(decision &d) {
 void sleep_failed(decision &d, int error) {
   auto &sleep = d.m.sleep;
   d.m.power.now = phase::kAwake;
+  if (sleep.wish != sleep_wish::kTest && is_open(d.m, problem::kCannotSleep)) {
+    forget_wish(d); // its problem has said so, and trying again changes nothing
+    return;
+  }
   has_problem(d, problem::kSleep, error);
   if (sleep.wish == sleep_wish::kTest) {
     trial_ends(d, error == 0 ? ECANCELED : error);

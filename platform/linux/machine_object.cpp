@@ -68,10 +68,17 @@ static std::vector<std::string> problems_of(const machine &record) {
   return sentences;
 }
 
+// At the end of another wait it is only looked whether the sleep may come.
+static bool is_tried_again(const machine &record) {
+  const postponed why = record.sleep.why;
+  return why == postponed::kFailed || why == postponed::kOften || why == postponed::kOnTimeNear;
+}
+
 // The two clocks are not read at once: a difference of a second is none.
 static std::uint64_t sleeps_at(const machine &record, std::uint64_t before) {
-  const std::int64_t due =
-      std::min(due_at(record, due_kind::kReturn), due_at(record, due_kind::kSleepAgain));
+  const std::int64_t again =
+      is_tried_again(record) ? due_at(record, due_kind::kSleepAgain) : kNever;
+  const std::int64_t due = std::min(due_at(record, due_kind::kReturn), again);
   if (due == kNever)
     return 0;
   const auto at = static_cast<std::uint64_t>(

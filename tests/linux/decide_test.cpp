@@ -975,6 +975,12 @@ TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   awake_machine run;
   run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});
   EXPECT_TRUE(run.has(problem::kCannotSleep));
+  run.m.sleep.wish = sleep_wish::kOffTimer;
+  run.m.sleep.stage = wish_stage::kAsked;
+  run.m.power.now = phase::kSleepAsked;
+  run.send(event::sleep_answered{EOPNOTSUPP});
+  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone) << "not again every 15 minutes";
+  EXPECT_FALSE(run.has(problem::kSleep));
   settings set;
   set.off = off_action::kPoweroff;
   run.send(event::configured{set});
