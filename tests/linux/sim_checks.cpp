@@ -66,6 +66,9 @@ millis sim_checks::now() const { return world_.now; }
 
 bool sim_checks::is_timer_second() const { return now() >= due_at_ && now() < due_at_ + kSecondMs; }
 
+// A process that starts now takes a step for time that has passed, and a timer for a late one.
+bool sim_checks::is_step_unseen() const { return stepped_at_ > now() - kUnseenMs; }
+
 bool sim_checks::is_clock_known() const { return world_.rtc_valid || is_clock_set_; }
 
 // --- 1: on-timers ---
@@ -657,8 +660,7 @@ void sim_checks::check_line(const order::say &said) {
 
 // The last line may be lost with the process; what was about to fire is made up for.
 void sim_checks::process_ended() {
-  const bool is_step_unseen = stepped_at_ > now() - kUnseenMs; // perhaps over a timer
-  if (!expected_.empty() || is_timer_second() || is_step_unseen)
+  if (!expected_.empty() || is_timer_second() || is_step_unseen())
     on_until_ = now() + kLateSeconds * kSecondMs;
   expected_.clear();
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
