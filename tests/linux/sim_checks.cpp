@@ -66,6 +66,9 @@ millis sim_checks::now() const { return world_.now; }
 
 bool sim_checks::is_timer_second() const { return now() >= due_at_ && now() < due_at_ + kSecondMs; }
 
+// A process that starts now takes a step for time that has passed, and a timer for a late one.
+bool sim_checks::is_step_unseen() const { return stepped_at_ > now() - kUnseenMs; }
+
 bool sim_checks::is_clock_known() const { return world_.rtc_valid || is_clock_set_; }
 
 // --- 1: on-timers ---
@@ -89,8 +92,10 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   if (world.acted_at > due_at_ - kScreenAnswersMs || std::abs(since_on) < kScreenAnswersMs)
     world_.has_acted = true;
   const bool is_armed = world.is_alive && world.m.armed;
-  if (is_armed && !is_clock_known()) // made up for, if it becomes known soon
+  if (is_armed && !is_clock_known()) { // made up for, if another process knows it soon
     on_until_ = std::max(on_until_, due_at_ + kLateSeconds * kSecondMs);
+    world_.is_close = true;
+  }
   if (world.is_halted || (is_armed && !is_clock_known()))
     return;
   if (timer.type == 1) {
@@ -655,7 +660,7 @@ void sim_checks::check_line(const order::say &said) {
 
 // The last line may be lost with the process; what was about to fire is made up for.
 void sim_checks::process_ended() {
-  if (!expected_.empty() || is_timer_second())
+  if (!expected_.empty() || is_timer_second() || is_step_unseen())
     on_until_ = now() + kLateSeconds * kSecondMs;
   expected_.clear();
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
@@ -800,12 +805,14 @@ void sim_checks::decided(const event::any &what, const orders &list) {
   note_clock(what);
   // One that begins before the answer is taken for the process's own.
   const auto *answer = std::get_if<event::sleep_answered>(&what);
-  if (answer != nullptr && answer->error != 0 && world_.m.power.now == phase::kAwake)
+  const auto *state = std::get_if<event::preparing>(&what); // the order was lost with its process
+  if ((answer != nullptr && answer->error != 0 && world_.m.power.now == phase::kAwake) ||
+      (state != nullptr && !state->sleep && !state->shutdown))
     sleep_failed();
   if (const auto *back = std::get_if<event::returned>(&what);
       back != nullptr && back->callback == delivery::kStandby)
     told_at_ = now();
-  if (world_.m.armed) // otherwise a daemon that has not started yet makes up for them
+  if (world_.m.armed && !world_.m.woken.late_open) // otherwise they are still made up for
     slept_through_ = 0;
   if (world_.sleeps_now || world_.stops_now)
     expected_.clear();

@@ -42,6 +42,7 @@ public:
     knows_cause_ = knows_cause_ && !is_cause_open_;
   }
   bool is_cause_open() const { return is_cause_open_; }
+  bool is_step_unseen() const;
   void sleep_failed() { sent_at_ = -1; }
   void sleep_crosses() { crossed_at_ = now(); }
   void test_called() { test_at_ = now(); }

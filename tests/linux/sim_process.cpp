@@ -86,7 +86,8 @@ bool sim::may_restart() const {
                        std::ranges::any_of(m.jobs, [](const job &one) { return one.id != 0; });
   return (is_busy || !restarts_busy) && is_known && m.armed && !m.test.running &&
          !set.follow_screen && counts_sleep && !sleeps_now && !stops_now &&
-         tv.answers_after < kSecondMs && tv.changed_at < now - kSecondMs;
+         tv.answers_after < kSecondMs && tv.changed_at < now - kSecondMs &&
+         !checks.is_step_unseen();
 }
 
 void sim::send(const event::any &what) {
