@@ -109,6 +109,11 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   // In the second in which the hour changes, or the machine has woken, it may be taken for late.
   if (due == world.transition || is_cause_open_)
     on_until_ = std::max(on_until_, due_at_ + kOnTimeMs);
+  // The daemon hears after the wake-up of a step on the way down, and fires by the old clock.
+  const bool is_step_held =
+      (world.sleeps_now || world.stops_now) && stepped_at_ >= world.begun_at();
+  if (is_step_held)
+    on_until_ = std::max(on_until_, due_at_ + kLateSeconds * kSecondMs);
   if (world.state == life::kRunning && is_armed && !is_watched)
     expected_.push_back(due_at_ + kOnTimeMs);
   else if (world.state == life::kRunning && !is_armed) // made up for once the process has started
@@ -117,9 +122,8 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
     return;
   slept_through_ = std::max(slept_through_, due);
   const millis least = (nearness_of(world, world.method) + kMinuteSeconds) * kSecondMs;
-  // The daemon hears after the wake-up of a step on the way down.
-  if (world.alarm.stands() != 0 && !world.foreign_stands && was_right_ &&
-      stepped_at_ < world.begun_at() && due_at_ > world.down_at + least)
+  if (world.alarm.stands() != 0 && !world.foreign_stands && was_right_ && !is_step_held &&
+      due_at_ > world.down_at + least)
     world_.broken(1, "the alarm is later than the on-time");
 }
 
