@@ -18,7 +18,10 @@
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -130,9 +133,25 @@ static void open_all() {
     happens(event::works{problem::kInput});
 }
 
+// The kernel waits some 20 ms for each that is closed, and an on-time may be now: a thread does it.
+static void close_all() {
+  std::vector<int> left;
+  for (const auto &device : input_devices)
+    left.push_back(std::exchange(device->fd, -1));
+  input_devices.clear();
+  if (left.empty())
+    return;
+  const auto close_each = [left] { std::ranges::for_each(left, close); };
+  try {
+    std::thread(close_each).detach();
+  } catch (const std::system_error &) { // no thread is to be had
+    close_each();
+  }
+}
+
 void watch_input(bool on) {
   directory_watch = sd_event_source_disable_unref(directory_watch);
-  input_devices.clear();
+  close_all();
   if (!on)
     return;
   sd_event_add_inotify(bus_events(), &directory_watch, kInputDirectory, IN_CREATE | IN_ATTRIB,
