@@ -560,8 +560,6 @@ void sim_checks::came_up(bool boots) {
   left_at_up_ = stands == 0 ? kDay : stands - world_.alarm.count(now());
   short_sleeps_ = now() - world_.down_at < kShortSleepMs ? short_sleeps_ + 1 : 0;
   failed_ = 0;
-  if (world_.up_by == cause::kTimer || world_.up_by == cause::kHop || world_.up_by == cause::kTest)
-    sleeps_.clear();
   if (was_timer_second_) // it may have been about to fire
     on_until_ = std::max(on_until_, now() + kOrderMs + kLongestBootMs);
   const std::int64_t last = slept_through_;
