@@ -192,7 +192,8 @@ struct sim {
   bool restarts_busy = false;
   unsigned events = 0; // from outside
   unsigned downs = 0;  // sleeps and shutdowns
-  // Somebody, close to a timer or while the machine goes: a restart moves these by some ms.
+  // Somebody, close to a timer, or while the machine goes or a television is switched: a restart
+  // moves these by some ms.
   bool has_acted = false;
   millis acted_at = -kHourMs;
   // A sleep has only just come before an on-time: moved, it would wait for it.

@@ -123,7 +123,7 @@ static void synchronise(sim &w, std::int64_t, std::int64_t) {
   if (!runs(w))
     return;
   w.ntp_synchronised = true;
-  w.answer(event::ntp{w.ntp_on, true, true});
+  w.process_at(w.now + w.bus_ms, [&w] { w.send(event::ntp{w.ntp_on, true, true}); });
 }
 
 // --- the process ---

@@ -317,6 +317,8 @@ void sim_checks::ordered(const order::any &what) {
     asked_at_ = now();
     is_silent_ = !world_.tv.answers() || refuses<order::tv_ask>(world_);
   }
+  if (std::holds_alternative<order::ask_use>(what) && refuses<order::ask_use>(world_))
+    use_unknown_at_ = now();
   if (std::holds_alternative<order::ask_late>(what) && std::exchange(is_off_open_, false))
     made_up_at_ = now();
   if (std::holds_alternative<order::release_inhibitor>(what))
@@ -394,7 +396,10 @@ millis sim_checks::return_limit() const {
   // whose range the on-time of a machine that must not boot for hops may have come into.
   const bool must_not_hop = world_.alarm.range && !world_.set.hop_boots && boots(wanted_method());
   const bool is_looked_at = std::max(tampered_at_, world_.foreign_at) >= world_.up_at;
-  const millis look = is_looked_at || must_not_hop ? kLookAgain : 0;
+  // A use that is over was not told, and counts until then.
+  const bool is_use_unknown = use_unknown_at_ >= world_.up_at;
+  const millis used = is_use_unknown ? world_.set.return_to_sleep : 0;
+  const millis look = is_looked_at || must_not_hop || is_use_unknown ? kLookAgain + used : 0;
   const millis limit = (look + std::max({retry, pause, world_.set.return_to_sleep})) * kSecondMs;
   // After so many sleeps in an hour it waits.
   const bool is_often = sleeps_.size() >= kMostSleepsAnHour;
@@ -555,8 +560,6 @@ void sim_checks::came_up(bool boots) {
   left_at_up_ = stands == 0 ? kDay : stands - world_.alarm.count(now());
   short_sleeps_ = now() - world_.down_at < kShortSleepMs ? short_sleeps_ + 1 : 0;
   failed_ = 0;
-  if (world_.up_by == cause::kTimer || world_.up_by == cause::kHop || world_.up_by == cause::kTest)
-    sleeps_.clear();
   if (was_timer_second_) // it may have been about to fire
     on_until_ = std::max(on_until_, now() + kOrderMs + kLongestBootMs);
   const std::int64_t last = slept_through_;

@@ -89,7 +89,7 @@ private:
   millis on_until_ = -1;        // a cause holds
   millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
   millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1, left_at_ = -1, stays_at_ = -1;
-  millis turned_on_at_ = -kDayMs;
+  millis turned_on_at_ = -kDayMs, use_unknown_at_ = -kDayMs; // logind would not say
   bool is_off_open_ = false;    // an off-timer came due, and has not fired
   millis made_up_at_ = -kDayMs; // when it was asked for
   std::optional<millis> quiet_since_;

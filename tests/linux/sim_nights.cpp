@@ -21,7 +21,8 @@ std::string sim::run(const night &what) {
       world_at(one.at, [this, &one] {
         note(std::string("> ") + act_of(one).name + ' ' + std::to_string(one.a) + ' ' +
              std::to_string(one.b));
-        has_acted = has_acted || checks.is_timer_second() || sleeps_now || stops_now;
+        has_acted =
+            has_acted || checks.is_timer_second() || sleeps_now || stops_now || m.screen.pending;
         acted_at = now;
         act_of(one).does(*this, one.a, one.b);
       });
