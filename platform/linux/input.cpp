@@ -136,6 +136,7 @@ static void open_all() {
 // The kernel waits some 20 ms for each that is closed, and an on-time may be now: a thread does it.
 static void close_all() {
   std::vector<int> left;
+  left.reserve(input_devices.size());
   for (const auto &device : input_devices)
     left.push_back(std::exchange(device->fd, -1));
   input_devices.clear();

@@ -36,7 +36,7 @@ static void write_line(system_log_priority priority, const char *tag, const char
 // Every user may ask for a timer that is not there, which is a line. The journal drops all lines of
 // a unit that writes too many, and `dravelctl history` would miss what has fired.
 static bool is_too_many(system_log_priority priority) {
-  static constexpr std::int64_t kSpan = 30 * G_USEC_PER_SEC;
+  static constexpr std::int64_t kSpan = std::int64_t{30} * G_USEC_PER_SEC;
   static constexpr int kMost = 1000;
   static std::int64_t begin = 0;
   static int lines = 0;
