@@ -3,9 +3,9 @@
 
 #include <algorithm>
 
-// A package that is installed later than so takes over from one without a record, which has fired.
+// A first start later than this follows a version that left no record and has fired its timers.
 static constexpr std::int64_t kLongestBootSeconds = 1800;
-// Between two builds: the last one, if it has ended and not crashed, has said when.
+// A build says when it ends, unless it crashes: an older time is not that of its end.
 static constexpr std::int64_t kUpgradeSeconds = 60;
 
 static void boot_was(decision &d, const event::started &e) {
@@ -45,8 +45,9 @@ static void build_was_changed(decision &d, const event::started &e) {
   woken.booted = e.kept.woken.booted;
   woken.at = woken.counted_at = d.now.boot;
   woken.utc = e.kept.woken.utc;
-  const std::int64_t gap = d.now.utc - e.kept.power.went.utc;
-  woken.late_from = d.now.utc - (gap > 0 && gap <= kUpgradeSeconds ? gap : 0);
+  const std::int64_t ended = e.kept.power.went.utc;
+  const bool is_known = ended < d.now.utc && d.now.utc - ended <= kUpgradeSeconds;
+  woken.late_from = is_known ? ended : d.now.utc;
   woken.stays = e.kept.woken.stays;
   d.m.screen.ordered_on = e.kept.screen.ordered_on;
   d.m.clock.was_set = e.kept.clock.was_set;

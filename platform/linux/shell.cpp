@@ -125,8 +125,8 @@ static void decide_all() {
 
 // --- the main loop ---
 
-// The daemon arms its timers in the first pass. Ecore calls the idlers of a pass from the last one
-// added to the first, and so this one is before it then.
+// The daemon arms its timers in the first pass. Ecore calls the idler that was added last first: in
+// that pass this one comes before the daemon's.
 static Eina_Bool first_pass_ended(void *) {
   static bool is_second = false;
   if (!std::exchange(is_second, true))
