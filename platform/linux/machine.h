@@ -72,7 +72,7 @@ struct machine {
     bool stale = false;     // wanted by the last run; this one has not said yet
     bool leaves = false;    // the device: nothing of ours is to stay on it
     bool check = false;     // the device is to be read and what must stand to be written
-    bool changes = false;   // a write is decided: `next` is to be written
+    bool changes = false;   // a write is decided: `next` is to be written, unless `unread`
     device_alarm next;
     bool doubt = false;      // a write was refused: what stands is to be read
     bool unread = false;     // it cannot be read: nobody knows what stands

@@ -870,6 +870,33 @@ TEST(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered) {
   }
 }
 
+// It may have been done or not; the mark stays until the device says what stands.
+TEST(Decide, AWriteThatARestartHasLost_WaitsForAReading) {
+  for (const bool was_done : {true, false}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    event::started again;
+    again.kept = run.m;
+    again.has_kept = again.same_boot = again.kept.alarm.changes = true;
+    again.kept.alarm.next = {alarm_owner::kTimer, kNow + 900, kNow + 900};
+    again.device.error = run.read_error = EIO;
+    run.alarm = kNow + (was_done ? 900 : 500);
+    run.send(again);
+    EXPECT_TRUE(run.has(problem::kAlarmRead));
+    run.send(event::sleep_begins{});
+    for (int half = 0; half < 8; ++half) {
+      run.now.boot += kSecondMs / 2;
+      run.send(event::due{});
+    }
+    EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
+    EXPECT_EQ(run.alarm, kNow + (was_done ? 900 : 500));
+    run.read_error = 0;
+    run.send(event::sleep_ends{});
+    EXPECT_EQ(run.alarm, kNow + (was_done ? 985 : 500));
+    EXPECT_EQ(run.m.alarm.foreign.owner == alarm_owner::kNone, was_done);
+  }
+}
+
 TEST(Decide, ATimerThatARestartHasLost_IsMadeUpFor_Once) {
   const struct {
     bool has_fired;
