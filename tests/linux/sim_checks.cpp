@@ -200,6 +200,16 @@ static bool is_user_cause(const sim &world, bool has_television, millis limit) {
   return follows && is_user && world.now < std::max(world.up_at, world.input_at) + limit;
 }
 
+// A unit whose job nobody has seen is begun again after a restart.
+void sim_checks::check_turned_on(bool by_unit) {
+  const bool is_lost = by_unit && world_.alive_at >= turned_on_at_;
+  const millis again_until = turned_on_at_ + (by_unit ? kOrderMs : kSlowestMs);
+  const bool is_again = is_ordered_on_ && (is_lost || !by_unit) && now() < again_until;
+  if (!is_again && now() > on_until_ &&
+      !is_user_cause(world_, world_.tv.has_cec && has_spoken_, kOrderMs))
+    world_.broken(2, "the screen is turned on without a cause");
+}
+
 // --- 3: sleeps ---
 
 void sim_checks::check_use(bool is_return, off_action method) {
@@ -286,10 +296,7 @@ void sim_checks::ordered(const order::any &what) {
   const auto *start = std::get_if<order::start_unit>(&what);
   const bool turns_on = start != nullptr && start->name == unit::kOn;
   if (turns_on || std::holds_alternative<order::tv_on>(what)) {
-    // A unit whose job nobody has seen is begun again after a restart.
-    const bool is_lost = turns_on && world_.alive_at >= turned_on_at_;
-    const millis again_until = turned_on_at_ + (turns_on ? kOrderMs : kSlowestMs);
-    const bool is_again = is_ordered_on_ && (is_lost || !turns_on) && now() < again_until;
+    check_turned_on(turns_on);
     turned_on_at_ = turns_on ? now() : turned_on_at_;
     expected_.clear();
     is_ordered_on_ = true;
@@ -298,9 +305,6 @@ void sim_checks::ordered(const order::any &what) {
     // A refused order leaves it unknown: an on-timer must not take it for on.
     if (turns_on && !world_.tv.has_cec && !world_.tv.is_monitor)
       said_on_ = !refuses<order::start_unit>(world_);
-    if (!is_again && now() > on_until_ &&
-        !is_user_cause(world_, world_.tv.has_cec && has_spoken_, kOrderMs))
-      world_.broken(2, "the screen is turned on without a cause");
   }
   if (std::holds_alternative<order::tv_off>(what) ||
       (start != nullptr && start->name == unit::kOff)) {
@@ -689,6 +693,11 @@ void sim_checks::lost(const order::any &what) {
     lost_units_.push_back(start->name);
   if (start->name == unit::kOn || start->name == unit::kOff)
     is_sent_off_ = start->name == unit::kOff;
+  if (start->name == unit::kOn) { // what is its cause now may be none when it is started again
+    check_turned_on(true);
+    is_ordered_on_ = true;
+    turned_on_at_ = now();
+  }
   if (!world_.tv.has_cec && (start->name == unit::kOn || start->name == unit::kOff))
     said_on_ = false; // a sleep may come before it is started again
 }

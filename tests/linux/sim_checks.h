@@ -55,6 +55,7 @@ private:
   millis now() const;
   void becomes_due(const sim_timer &timer, std::int64_t due);
   void miss();
+  void check_turned_on(bool by_unit);
   void check_sleep(const order::sleep &what);
   void check_use(bool is_return, off_action method);
   void check_return();
