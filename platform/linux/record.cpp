@@ -190,7 +190,11 @@ static constexpr std::string_view kLayout = DRAVEL_RECORD_LAYOUT;
 
 static std::string record_path() { return runtime_directory() + "/machine"; }
 
-static std::string record_image(const machine &record) {
+// Padding would make two equal records differ, and shows what the memory held before.
+static std::string record_image(machine record) {
+#if __has_builtin(__builtin_clear_padding)
+  __builtin_clear_padding(&record);
+#endif
   std::string image(kLayout);
   image.append(reinterpret_cast<const char *>(&record), sizeof record);
   return image;
