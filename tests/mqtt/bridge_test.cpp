@@ -319,6 +319,22 @@ TEST_F(Mqtt, APlan_WaitsForTheDaemon) {
   EXPECT_THAT(seen->wait("dravel/m/applied"), HasSubstr(R"("added":1)"));
 }
 
+TEST_F(Mqtt, WhatAMachineHas_GoesWithItsPlatform_NotWithTheDaemon) {
+  const char *config = "homeassistant/device/dravel_m/config";
+  std::optional<simulated_machine> machine(bus);
+  start_all();
+  const configuration settings = read_configuration(std::string(kDirectory) + "/conf");
+  EXPECT_EQ(seen->last(config), discovery_of(settings, true));
+  EXPECT_EQ(stop(), 0);
+  seen->wait("dravel/m/state", "not running");
+  EXPECT_THAT(ask("m/set/screen", R"({"on":true})"), HasSubstr("not-running"));
+  EXPECT_EQ(seen->last(config), discovery_of(settings, true));
+  machine.reset();
+  start(); // on a set
+  seen->wait(config, discovery_of(settings, false));
+  EXPECT_THAT(ask("m/set/screen", R"({"on":true})"), HasSubstr("shows no machine"));
+}
+
 TEST_F(Mqtt, APlan_IsToldAsFarAsItWent_AndDelaysNothing) {
   start_all();
   rows("CREATE TRIGGER full BEFORE INSERT ON disabled_period WHEN new.start_tm_mon = 11 "

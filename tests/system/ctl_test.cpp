@@ -486,21 +486,8 @@ TEST_F(Ctl, TheWeek_IsDrawn_AndHaltsAreAnswered) {
   )steps");
 }
 
-// The daemon on a machine with simulated services and a clock that refuses the alarm.
 class CtlOnAMachine : public Ctl {
-protected:
-  CtlOnAMachine() {
-    setenv("DRAVEL_MANAGER", MACHINE_DAEMON, 1);
-    setenv("STATE_DIRECTORY", "/run/bench", 1);
-    setenv("RUNTIME_DIRECTORY", "/run/bench", 1);
-    shell("mkdir -p /sys/class/rtc/rtc0; cd /sys/class/rtc/rtc0; touch wakealarm /dev/rtc0\n"
-          "date +%s >since_epoch; echo 1 >hctosys");
-    services_.wait_name(bus, {"org.freedesktop.systemd1", "/", ""}); // the last one
-  }
-  ~CtlOnAMachine() override { unsetenv("DRAVEL_MANAGER"); }
-
-private:
-  process services_{{SERVICES}};
+  const simulated_machine machine_{bus};
 };
 
 TEST_F(CtlOnAMachine, TheMachine_IsShownAndOrdered) {

@@ -64,6 +64,17 @@ words daemon_test::timer_ids() {
   return ids;
 }
 
+simulated_machine::simulated_machine(bus_client &bus) : services_({SERVICES}) {
+  setenv("DRAVEL_MANAGER", MACHINE_DAEMON, 1);
+  setenv("STATE_DIRECTORY", "/run/bench", 0);
+  setenv("RUNTIME_DIRECTORY", "/run/bench", 0);
+  shell("mkdir -p /sys/class/rtc/rtc0; cd /sys/class/rtc/rtc0; touch wakealarm /dev/rtc0\n"
+        "date +%s >since_epoch; echo 1 >hctosys");
+  services_.wait_name(bus, {"org.freedesktop.systemd1", "/", ""}); // the last one
+}
+
+simulated_machine::~simulated_machine() { unsetenv("DRAVEL_MANAGER"); }
+
 outcome shell(const std::string &script) {
   const std::string whole = "PATH=$(dirname " DRAVELCTL "):$PATH TZ=UTC LC_ALL=C.UTF-8\n"
                             "export PATH TZ LC_ALL\nmkdir -p " SHELL_DIRECTORY

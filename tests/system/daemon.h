@@ -43,6 +43,17 @@ private:
   std::optional<process> daemon_;
 };
 
+// While it lives, daemon_test starts the daemon of a machine: with simulated services and a clock
+// that refuses the alarm.
+class simulated_machine {
+public:
+  explicit simulated_machine(bus_client &bus);
+  ~simulated_machine();
+
+private:
+  process services_;
+};
+
 struct outcome {
   int status;
   std::string said; // on standard output and error
