@@ -90,8 +90,9 @@ struct machine {
     bool update_due = false; // the daemon waits for a time update
     bool zone_open = false;  // the next transition is to be asked for
     std::int64_t build_day = 0;
-    std::int64_t next_transition = 0; // utc; 0: none
-    std::uint8_t asked = 0;           // times, since the last step
+    std::int64_t unknown_from = kNever; // boot: since when; kNever: it is known
+    std::int64_t next_transition = 0;   // utc; 0: none
+    std::uint8_t asked = 0;             // times, since the last step
   } clock;
 
   struct {

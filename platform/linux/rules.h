@@ -139,6 +139,7 @@ bool by_alarm_of_ours(const machine &m);
 // --- decide_late.cpp ---
 
 void timers_have_fired(decision &d); // which have become due until now
+void find_timers_of_unknown_clock(decision &d);
 
 // --- decide_obstacle.cpp ---
 

@@ -92,9 +92,14 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   if (world.acted_at > due_at_ - kScreenAnswersMs || std::abs(since_on) < kScreenAnswersMs)
     world_.has_acted = true;
   const bool is_armed = world.is_alive && world.m.armed;
-  if (is_armed && !is_clock_known()) { // made up for, if another process knows it soon
+  if (!is_clock_known()) { // made up for when it is known soon
     on_until_ = std::max(on_until_, due_at_ + kLateSeconds * kSecondMs);
     world_.is_close = true;
+  }
+  if (is_armed && !is_clock_known()) {
+    is_off_open_ = is_off_open_ || timer.type == 1;
+    if (timer.type <= 1)
+      unknown_due_ = timer.type == 0 && !world.is_halted ? due_at_ : -kDayMs;
   }
   if (world.is_halted || (is_armed && !is_clock_known()))
     return;
@@ -158,13 +163,14 @@ void sim_checks::clock_stepped() {
   stepped_at_ = now();
   tampered();
   slept_through_ = off_due_ = 0; // by the old clock
+  unknown_due_ = -kDayMs;
   expected_.clear();
-  if (world_.is_alive && world_.m.armed && !is_cause_open_)
+  if (world_.is_alive && world_.m.armed && !is_cause_open_ && is_clock_known())
     return;
   on_until_ = now() + kLateSeconds * kSecondMs; // what it goes past is made up for
   const bool is_off_time = std::ranges::any_of(world_.timers, [&](const sim_timer &timer) {
     const std::int64_t late = world_.utc() - world_.to_utc(timer.local);
-    return timer.type == 1 && late >= 0 && late <= kNearSeconds;
+    return timer.type == 1 && late >= 0 && late <= (is_clock_known() ? kNearSeconds : kLateSeconds);
   });
   if (is_off_time)
     off_at_ = now();
@@ -175,7 +181,7 @@ void sim_checks::clock_stepped() {
 void sim_checks::screen_called(bool on) {
   quiet_since_.reset(); // who calls uses the machine
   if (on)
-    on_until_ = now() + kOrderMs;
+    on_until_ = std::max(on_until_, now() + kOrderMs);
   else
     expected_.clear();
   if (!on)
@@ -191,6 +197,7 @@ void sim_checks::turned_off_by_timer() {
 // A timer of this second, or one that is made up for later, may count or not.
 void sim_checks::halted() {
   expected_.clear();
+  unknown_due_ = -kDayMs;
   on_until_ = std::max(on_until_, now() + kLateSeconds * kSecondMs);
 }
 
@@ -474,6 +481,7 @@ void sim_checks::check_alarm() {
 
 void sim_checks::went_down(bool is_ready) {
   expected_.clear();
+  unknown_due_ = -kDayMs;
   lost_units_.clear();
   const millis sent_at = std::exchange(sent_at_, -1);
   if (sent_at >= 0 && is_test_)
@@ -673,6 +681,7 @@ void sim_checks::check_line(const order::say &said) {
 void sim_checks::process_ended() {
   if (!expected_.empty() || is_timer_second() || is_step_unseen())
     on_until_ = now() + kLateSeconds * kSecondMs;
+  unknown_due_ = -kDayMs;
   expected_.clear();
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
     return one.id == kStarting && (one.of == unit::kOn || one.of == unit::kOff);
@@ -757,8 +766,13 @@ void sim_checks::note_clock(const event::any &what) {
   const millis noticed_at = std::max(world_.up_at, world_.booted_at + world_.m.woken.at);
   const bool is_step = std::holds_alternative<event::clock_stepped>(what) &&
                        (has_booted_ || now() > noticed_at + kResumeMs);
+  const bool was_known = is_clock_known();
   is_clock_set_ =
       is_clock_set_ || is_step || (ntp != nullptr && ntp->answered && ntp->synchronised);
+  // Before such an on-time nobody asks the television whether it is still on.
+  if (!was_known && is_clock_known() && world_.m.armed && !said_on_ &&
+      unknown_due_ > now() - kLateSeconds * kSecondMs)
+    expected_.push_back(now() + kOnTimeMs);
 }
 
 // Where the screen comes back with its user, the first key after a wake-up by nothing known is the
