@@ -533,13 +533,22 @@ static bool is_halted(int type) {
   }
 }
 
-// Each occurrence of an armed item as the main loop would have come to it. A repeating item may be
-// armed for a later one already.
+// The first time for which the main loop would have come to it. A repeating item may be armed for a
+// later one already. One that is not armed has waited for the clock; a transient one has fired.
+static std::optional<time_value> first_due(const dravel_item *item, time_value from) {
+  const auto armed = armed_expiry(item->timer_id);
+  if (!armed && (has_type(item, TIMER_TYPE_TRANSIENT) || !is_tv_clock_known()))
+    return std::nullopt;
+  if (item->week_flag != 0)
+    return occurrence_after(item, from);
+  time_value past = 0;
+  const bool is_past = !armed && find_next_expiry(item, &past) == next_expiry::kPast;
+  return is_past ? std::optional(past) : armed;
+}
+
 static void add_due(const dravel_item *item, time_value from, time_value until,
                     std::vector<due_timer> &due) {
-  auto time = armed_expiry(item->timer_id);
-  if (time && item->week_flag != 0)
-    time = occurrence_after(item, from);
+  auto time = first_due(item, from);
   for (time_value last = from; time && *time > last && *time <= until;
        time = occurrence_after(item, last)) {
     last = *time;

@@ -53,7 +53,7 @@ static void count_dues(decision &d) {
 
 // True when an order was given whose result comes at once.
 static bool ask_at_once(decision &d) {
-  if (d.m.alarm.changes)
+  if (is_write_open(d.m))
     write_next_alarm(d);
   else if (d.m.alarm.check)
     d.give(order::read_alarm{});

@@ -46,9 +46,21 @@ static void transition_passes(decision &d) {
   tell(d, delivery::kTimeSet);
 }
 
+// A clock that a start finds unknown has been so since the boot.
+static void count_unknown(decision &d) {
+  auto &clock = d.m.clock;
+  if (clock.state == clock_state::kUnknown) {
+    clock.unknown_from = std::min(clock.unknown_from, d.m.armed ? d.now.boot : 0);
+  } else if (clock.unknown_from != kNever && d.m.armed && !is_leaving(d.m)) {
+    find_timers_of_unknown_clock(d);
+    clock.unknown_from = kNever;
+  }
+}
+
 void count_clock(decision &d) {
   auto &clock = d.m.clock;
   clock.state = state_of(d.m, d.now);
+  count_unknown(d);
   if (clock.update_due && is_trusted(d.m, d.now) && !is_leaving(d.m)) {
     clock.update_due = false;
     tell(d, delivery::kTimeUpdate);

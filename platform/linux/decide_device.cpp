@@ -14,8 +14,12 @@ static constexpr std::int64_t kAgainMs[] = {1 * kSecondMs, 10 * kSecondMs, 60 * 
 
 void check_alarm(decision &d) { d.m.alarm.check = true; }
 
+// One that the last run has decided is only a mark while nobody knows what stands: another program
+// may have set its alarm since.
+bool is_write_open(const machine &m) { return m.alarm.changes && !m.alarm.unread; }
+
 bool is_alarm_settled(const machine &m) {
-  return !m.alarm.check && !m.alarm.changes && !m.alarm.dirty;
+  return !m.alarm.check && !is_write_open(m) && !m.alarm.dirty;
 }
 
 // --- what is refused ---

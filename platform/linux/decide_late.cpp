@@ -1,5 +1,5 @@
-// Timers that became due while the machine slept, or while the daemon started. The daemon never
-// fires a timer whose second has passed.
+// Timers that became due while the machine slept, while the daemon started, or while the clock was
+// unknown. The daemon never fires a timer whose second has passed.
 #include "rules.h"
 
 #include <dravel-timer-types.h>
@@ -47,6 +47,15 @@ static void make_up(decision &d, const late_timer &timer) {
 void timers_have_fired(decision &d) {
   if (!d.m.woken.late_open)
     d.m.woken.late_from = d.now.utc;
+}
+
+// It is known now: the daemon, which has armed nothing by it, has fired nothing since then.
+void find_timers_of_unknown_clock(decision &d) {
+  auto &woken = d.m.woken;
+  const std::int64_t began = utc_before(d.now, d.now.boot - d.m.clock.unknown_from);
+  const std::int64_t from = std::max(began, d.now.utc - kLatestSeconds);
+  woken.late_from = woken.late_open ? std::min(woken.late_from, from) : from;
+  woken.late_open = true;
 }
 
 // Of those that turn the screen on or off, the last one counts.

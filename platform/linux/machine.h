@@ -72,7 +72,7 @@ struct machine {
     bool stale = false;     // wanted by the last run; this one has not said yet
     bool leaves = false;    // the device: nothing of ours is to stay on it
     bool check = false;     // the device is to be read and what must stand to be written
-    bool changes = false;   // a write is decided: `next` is to be written
+    bool changes = false;   // a write is decided: `next` is to be written, unless `unread`
     device_alarm next;
     bool doubt = false;      // a write was refused: what stands is to be read
     bool unread = false;     // it cannot be read: nobody knows what stands
@@ -90,8 +90,9 @@ struct machine {
     bool update_due = false; // the daemon waits for a time update
     bool zone_open = false;  // the next transition is to be asked for
     std::int64_t build_day = 0;
-    std::int64_t next_transition = 0; // utc; 0: none
-    std::uint8_t asked = 0;           // times, since the last step
+    std::int64_t unknown_from = kNever; // boot: since when; kNever: it is known
+    std::int64_t next_transition = 0;   // utc; 0: none
+    std::uint8_t asked = 0;             // times, since the last step
   } clock;
 
   struct {

@@ -110,6 +110,7 @@ others_did what_others_did(const machine &m, const device_reading &reading);
 void take_reading(decision &d, const device_reading &reading);
 void check_alarm(decision &d);
 void write_next_alarm(decision &d);
+bool is_write_open(const machine &m);
 // False while it is still to be read or written; what was refused counts as settled.
 bool is_alarm_settled(const machine &m);
 void count_alarm(decision &d);
@@ -138,6 +139,7 @@ bool by_alarm_of_ours(const machine &m);
 // --- decide_late.cpp ---
 
 void timers_have_fired(decision &d); // which have become due until now
+void find_timers_of_unknown_clock(decision &d);
 
 // --- decide_obstacle.cpp ---
 

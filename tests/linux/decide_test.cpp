@@ -687,6 +687,48 @@ TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
   }
 }
 
+// As long as it was unknown, up to five minutes, before the daemon hears of it, and not on the way
+// to a sleep.
+TEST(Decide, ATimerOfAnUnknownClock_IsMadeUpFor_WhenItBecomesKnown) {
+  enum class also : std::uint8_t { kNothing, kSleeps, kStarts };
+  const event::ntp synchronised{true, true, true};
+  const struct {
+    event::any what;
+    std::int64_t unknown, ago; // seconds; 0: nobody is asked
+    long times;
+    also happens = also::kNothing;
+  } rows[] = {{synchronised, 5000, 300, 1},
+              {synchronised, 50, 50, 1},
+              {synchronised, 5000, 300, 1, also::kStarts},
+              {synchronised, 5000, 300, 0, also::kSleeps},
+              {event::clock_stepped{}, 5000, 300, 1},
+              {event::ntp{true, false, true}, 5000, 0, 0}};
+  for (const auto &row : rows) {
+    awake_machine run({}, true, false);
+    EXPECT_EQ(run.m.clock.unknown_from, 0) << "since the boot";
+    run.m.clock.unknown_from = run.now.boot;
+    run.pass(row.unknown);
+    run.send(event::ambient{});
+    event::started again;
+    again.kept = run.m;
+    again.has_kept = again.same_boot = true;
+    if (row.happens == also::kStarts)
+      run.send(again);
+    else if (row.happens == also::kSleeps)
+      run.send(event::sleep_begins{});
+    run.given.clear();
+    run.late = {{late_timer{1, 0, run.now.utc - 1}}, 1};
+    for (int times = 0; times < 2; ++times)
+      run.send(row.what);
+    if (row.happens == also::kStarts)
+      run.send(event::armed{});
+    EXPECT_EQ(run.count<order::tv_on>(), row.times) << &row - rows;
+    run.send(event::sleep_ends{});
+    EXPECT_EQ(run.count<order::ask_late>(), row.ago == 0 ? 0 : 1) << &row - rows;
+    EXPECT_TRUE(row.ago == 0 || run.last<order::ask_late>().from == run.now.utc - row.ago);
+  }
+}
+
 // Nor does an answer of before a standby that has failed.
 TEST(Decide, ARefusedStandby_IsNoAnswerToTheQuestionBeforeAReturn) {
   for (const bool stands_by : {false, true}) {
@@ -867,6 +909,33 @@ TEST(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered) {
     run.send(event::due{});
     EXPECT_EQ(run.m.sleep.stage, wish_stage::kAsking);
     EXPECT_EQ(run.count<order::start_unit>(), again_later);
+  }
+}
+
+// It may have been done or not; the mark stays until the device says what stands.
+TEST(Decide, AWriteThatARestartHasLost_WaitsForAReading) {
+  for (const bool was_done : {true, false}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    event::started again;
+    again.kept = run.m;
+    again.has_kept = again.same_boot = again.kept.alarm.changes = true;
+    again.kept.alarm.next = {alarm_owner::kTimer, kNow + 900, kNow + 900};
+    again.device.error = run.read_error = EIO;
+    run.alarm = kNow + (was_done ? 900 : 500);
+    run.send(again);
+    EXPECT_TRUE(run.has(problem::kAlarmRead));
+    run.send(event::sleep_begins{});
+    for (int half = 0; half < 8; ++half) {
+      run.now.boot += kSecondMs / 2;
+      run.send(event::due{});
+    }
+    EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
+    EXPECT_EQ(run.alarm, kNow + (was_done ? 900 : 500));
+    run.read_error = 0;
+    run.send(event::sleep_ends{});
+    EXPECT_EQ(run.alarm, kNow + (was_done ? 985 : 500));
+    EXPECT_EQ(run.m.alarm.foreign.owner == alarm_owner::kNone, was_done);
   }
 }
 

@@ -92,9 +92,14 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   if (world.acted_at > due_at_ - kScreenAnswersMs || std::abs(since_on) < kScreenAnswersMs)
     world_.has_acted = true;
   const bool is_armed = world.is_alive && world.m.armed;
-  if (is_armed && !is_clock_known()) { // made up for, if another process knows it soon
+  if (!is_clock_known()) { // made up for when it is known soon
     on_until_ = std::max(on_until_, due_at_ + kLateSeconds * kSecondMs);
     world_.is_close = true;
+  }
+  if (is_armed && !is_clock_known()) {
+    is_off_open_ = is_off_open_ || timer.type == 1;
+    if (timer.type <= 1)
+      unknown_due_ = timer.type == 0 && !world.is_halted ? due_at_ : -kDayMs;
   }
   if (world.is_halted || (is_armed && !is_clock_known()))
     return;
@@ -158,13 +163,14 @@ void sim_checks::clock_stepped() {
   stepped_at_ = now();
   tampered();
   slept_through_ = off_due_ = 0; // by the old clock
+  unknown_due_ = -kDayMs;
   expected_.clear();
-  if (world_.is_alive && world_.m.armed && !is_cause_open_)
+  if (world_.is_alive && world_.m.armed && !is_cause_open_ && is_clock_known())
     return;
   on_until_ = now() + kLateSeconds * kSecondMs; // what it goes past is made up for
   const bool is_off_time = std::ranges::any_of(world_.timers, [&](const sim_timer &timer) {
     const std::int64_t late = world_.utc() - world_.to_utc(timer.local);
-    return timer.type == 1 && late >= 0 && late <= kNearSeconds;
+    return timer.type == 1 && late >= 0 && late <= (is_clock_known() ? kNearSeconds : kLateSeconds);
   });
   if (is_off_time)
     off_at_ = now();
@@ -175,7 +181,7 @@ void sim_checks::clock_stepped() {
 void sim_checks::screen_called(bool on) {
   quiet_since_.reset(); // who calls uses the machine
   if (on)
-    on_until_ = now() + kOrderMs;
+    on_until_ = std::max(on_until_, now() + kOrderMs);
   else
     expected_.clear();
   if (!on)
@@ -191,6 +197,7 @@ void sim_checks::turned_off_by_timer() {
 // A timer of this second, or one that is made up for later, may count or not.
 void sim_checks::halted() {
   expected_.clear();
+  unknown_due_ = -kDayMs;
   on_until_ = std::max(on_until_, now() + kLateSeconds * kSecondMs);
 }
 
@@ -198,6 +205,16 @@ static bool is_user_cause(const sim &world, bool has_television, millis limit) {
   const bool follows = world.set.screen_follows || !has_television;
   const bool is_user = world.up_by == cause::kUser || world.input_at >= world.up_at;
   return follows && is_user && world.now < std::max(world.up_at, world.input_at) + limit;
+}
+
+// A unit whose job nobody has seen is begun again after a restart.
+void sim_checks::check_turned_on(bool by_unit) {
+  const bool is_lost = by_unit && world_.alive_at >= turned_on_at_;
+  const millis again_until = turned_on_at_ + (by_unit ? kOrderMs : kSlowestMs);
+  const bool is_again = is_ordered_on_ && (is_lost || !by_unit) && now() < again_until;
+  if (!is_again && now() > on_until_ &&
+      !is_user_cause(world_, world_.tv.has_cec && has_spoken_, kOrderMs))
+    world_.broken(2, "the screen is turned on without a cause");
 }
 
 // --- 3: sleeps ---
@@ -286,10 +303,7 @@ void sim_checks::ordered(const order::any &what) {
   const auto *start = std::get_if<order::start_unit>(&what);
   const bool turns_on = start != nullptr && start->name == unit::kOn;
   if (turns_on || std::holds_alternative<order::tv_on>(what)) {
-    // A unit whose job nobody has seen is begun again after a restart.
-    const bool is_lost = turns_on && world_.alive_at >= turned_on_at_;
-    const millis again_until = turned_on_at_ + (turns_on ? kOrderMs : kSlowestMs);
-    const bool is_again = is_ordered_on_ && (is_lost || !turns_on) && now() < again_until;
+    check_turned_on(turns_on);
     turned_on_at_ = turns_on ? now() : turned_on_at_;
     expected_.clear();
     is_ordered_on_ = true;
@@ -298,9 +312,6 @@ void sim_checks::ordered(const order::any &what) {
     // A refused order leaves it unknown: an on-timer must not take it for on.
     if (turns_on && !world_.tv.has_cec && !world_.tv.is_monitor)
       said_on_ = !refuses<order::start_unit>(world_);
-    if (!is_again && now() > on_until_ &&
-        !is_user_cause(world_, world_.tv.has_cec && has_spoken_, kOrderMs))
-      world_.broken(2, "the screen is turned on without a cause");
   }
   if (std::holds_alternative<order::tv_off>(what) ||
       (start != nullptr && start->name == unit::kOff)) {
@@ -470,6 +481,7 @@ void sim_checks::check_alarm() {
 
 void sim_checks::went_down(bool is_ready) {
   expected_.clear();
+  unknown_due_ = -kDayMs;
   lost_units_.clear();
   const millis sent_at = std::exchange(sent_at_, -1);
   if (sent_at >= 0 && is_test_)
@@ -669,6 +681,7 @@ void sim_checks::check_line(const order::say &said) {
 void sim_checks::process_ended() {
   if (!expected_.empty() || is_timer_second() || is_step_unseen())
     on_until_ = now() + kLateSeconds * kSecondMs;
+  unknown_due_ = -kDayMs;
   expected_.clear();
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
     return one.id == kStarting && (one.of == unit::kOn || one.of == unit::kOff);
@@ -689,6 +702,11 @@ void sim_checks::lost(const order::any &what) {
     lost_units_.push_back(start->name);
   if (start->name == unit::kOn || start->name == unit::kOff)
     is_sent_off_ = start->name == unit::kOff;
+  if (start->name == unit::kOn) { // what is its cause now may be none when it is started again
+    check_turned_on(true);
+    is_ordered_on_ = true;
+    turned_on_at_ = now();
+  }
   if (!world_.tv.has_cec && (start->name == unit::kOn || start->name == unit::kOff))
     said_on_ = false; // a sleep may come before it is started again
 }
@@ -748,8 +766,13 @@ void sim_checks::note_clock(const event::any &what) {
   const millis noticed_at = std::max(world_.up_at, world_.booted_at + world_.m.woken.at);
   const bool is_step = std::holds_alternative<event::clock_stepped>(what) &&
                        (has_booted_ || now() > noticed_at + kResumeMs);
+  const bool was_known = is_clock_known();
   is_clock_set_ =
       is_clock_set_ || is_step || (ntp != nullptr && ntp->answered && ntp->synchronised);
+  // Before such an on-time nobody asks the television whether it is still on.
+  if (!was_known && is_clock_known() && world_.m.armed && !said_on_ &&
+      unknown_due_ > now() - kLateSeconds * kSecondMs)
+    expected_.push_back(now() + kOnTimeMs);
 }
 
 // Where the screen comes back with its user, the first key after a wake-up by nothing known is the

@@ -55,6 +55,7 @@ private:
   millis now() const;
   void becomes_due(const sim_timer &timer, std::int64_t due);
   void miss();
+  void check_turned_on(bool by_unit);
   void check_sleep(const order::sleep &what);
   void check_use(bool is_return, off_action method);
   void check_return();
@@ -85,6 +86,8 @@ private:
   std::int64_t slept_through_ = 0; // the last on-timer; 0: none
   std::int64_t off_due_ = 0;       // the last off-timer that became due
   millis due_at_ = -kDayMs;        // the last timer
+  millis unknown_due_ =
+      -kDayMs; // the last on-timer by an unknown clock, unless an off-timer follows
   millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs, told_at_ = -kDayMs;
   millis on_until_ = -1;        // a cause holds
   millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
