@@ -15,7 +15,9 @@ static bool switches(const late_timer &timer) {
 
 // Whoever has woken the machine after an off-time wants it on.
 static bool may_turn_off(const decision &d, const late_timer &timer) {
-  return by_alarm_of_ours(d.m) || d.now.utc - timer.utc <= kSlackSeconds;
+  const std::int64_t late = d.now.utc - timer.utc;
+  const bool was_awake = d.now.boot - late * kSecondMs >= d.m.woken.at;
+  return was_awake || by_alarm_of_ours(d.m) || late <= kSlackSeconds;
 }
 
 // As at an expiry: nothing is woken while the screen is on.

@@ -123,11 +123,16 @@ TEST(Decide, AMissedTimer_IsMadeUpFor_UnlessALaterOneUndoesIt) {
   }
 }
 
-TEST(Decide, AMissedOffTimer_DoesNotTurnOffForAUser) {
-  awake_machine run;
-  run.late = {{late_timer{1, 1, 0}}, 1};
-  run.sleep(100);
-  EXPECT_EQ(run.count<order::tv_off>(), 0);
+TEST(Decide, AMissedOffTimer_TurnsOffForAUser_OnlyOfATimeAtWhichTheMachineWasAwake) {
+  for (const std::int64_t awake :
+       {0, 99, 100}) { // seconds since the wake-up; the timer is 100 late
+    awake_machine run;
+    run.sleep(100);
+    run.pass(awake);
+    run.late = {{late_timer{1, 1, kNow + awake}}, 1};
+    run.send(event::armed{});
+    EXPECT_EQ(run.count<order::tv_off>(), awake == 100 ? 1 : 0) << awake;
+  }
 }
 
 TEST(Decide, AScreen_IsBelievedOnlyWhatIsSaid) {

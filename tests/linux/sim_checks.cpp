@@ -98,8 +98,10 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   }
   if (is_armed && !is_clock_known()) {
     is_off_open_ = is_off_open_ || timer.type == 1;
-    if (timer.type <= 1)
-      unknown_due_ = timer.type == 0 && !world.is_halted ? due_at_ : -kDayMs;
+    if (timer.type <= 1 && due_at_ >= unknown_due_) {
+      unknown_due_ = world.is_halted ? -kDayMs : due_at_;
+      unknown_type_ = timer.type;
+    }
   }
   if (world.is_halted || (is_armed && !is_clock_known()))
     return;
@@ -144,6 +146,10 @@ void sim_checks::time_passes(millis next) {
     miss();
     return true;
   });
+  if (off_until_ < next) {
+    off_until_ = kNever;
+    world_.broken(1, "an off-timer of an unknown clock does not turn the screen off");
+  }
   const std::int64_t from = world_.utc();
   const std::int64_t to = kEvening + seconds_of(next + world_.wall_offset);
   if (from == to)
@@ -317,6 +323,7 @@ void sim_checks::ordered(const order::any &what) {
       (start != nullptr && start->name == unit::kOff)) {
     is_ordered_on_ = false;
     is_sent_off_ = true;
+    off_until_ = kNever;
     said_on_ = said_on_ && start != nullptr && world_.tv.has_cec; // which has its own order
   }
   if (start != nullptr)
@@ -682,6 +689,7 @@ void sim_checks::process_ended() {
   if (!expected_.empty() || is_timer_second() || is_step_unseen())
     on_until_ = now() + kLateSeconds * kSecondMs;
   unknown_due_ = -kDayMs;
+  off_until_ = kNever;
   expected_.clear();
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
     return one.id == kStarting && (one.of == unit::kOn || one.of == unit::kOff);
@@ -770,9 +778,13 @@ void sim_checks::note_clock(const event::any &what) {
   is_clock_set_ =
       is_clock_set_ || is_step || (ntp != nullptr && ntp->answered && ntp->synchronised);
   // Before such an on-time nobody asks the television whether it is still on.
-  if (!was_known && is_clock_known() && world_.m.armed && !said_on_ &&
-      unknown_due_ > now() - kLateSeconds * kSecondMs)
+  if (was_known || !is_clock_known() || !world_.m.armed ||
+      unknown_due_ <= now() - kLateSeconds * kSecondMs)
+    return;
+  if (unknown_type_ == 0 && !said_on_)
     expected_.push_back(now() + kOnTimeMs);
+  else if (unknown_type_ == 1 && unknown_due_ > world_.up_at)
+    off_until_ = now() + kOnTimeMs;
 }
 
 // Where the screen comes back with its user, the first key after a wake-up by nothing known is the
@@ -844,8 +856,10 @@ void sim_checks::decided(const event::any &what, const orders &list) {
     told_at_ = now();
   if (world_.m.armed && !world_.m.woken.late_open) // otherwise they are still made up for
     slept_through_ = 0;
-  if (world_.sleeps_now || world_.stops_now)
+  if (world_.sleeps_now || world_.stops_now) {
     expected_.clear();
+    off_until_ = kNever;
+  }
   note_user(what);
   note_television(what);
   check_credit();

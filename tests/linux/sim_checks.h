@@ -86,8 +86,9 @@ private:
   std::int64_t slept_through_ = 0; // the last on-timer; 0: none
   std::int64_t off_due_ = 0;       // the last off-timer that became due
   millis due_at_ = -kDayMs;        // the last timer
-  millis unknown_due_ =
-      -kDayMs; // the last on-timer by an unknown clock, unless an off-timer follows
+  millis unknown_due_ = -kDayMs;   // the last on- or off-timer by an unknown clock
+  std::uint32_t unknown_type_ = 0;
+  millis off_until_ = kNever; // it turns the screen off
   millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs, told_at_ = -kDayMs;
   millis on_until_ = -1;        // a cause holds
   millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
