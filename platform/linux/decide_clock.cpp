@@ -46,11 +46,12 @@ static void transition_passes(decision &d) {
   tell(d, delivery::kTimeSet);
 }
 
-// A clock that a start finds unknown has been so since the boot.
+// A clock that a start finds unknown has been so since the boot, unless the start says otherwise.
 static void count_unknown(decision &d) {
   auto &clock = d.m.clock;
   if (clock.state == clock_state::kUnknown) {
-    clock.unknown_from = std::min(clock.unknown_from, d.m.armed ? d.now.boot : 0);
+    if (clock.unknown_from == kNever)
+      clock.unknown_from = d.m.armed ? d.now.boot : 0;
   } else if (clock.unknown_from != kNever && d.m.armed && !is_leaving(d.m)) {
     find_timers_of_unknown_clock(d);
     clock.unknown_from = kNever;

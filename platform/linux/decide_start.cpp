@@ -33,8 +33,10 @@ static void boot_was(decision &d, const event::started &e) {
     credit(d);
   say_cause(d);
   const bool went_in_order = left == phase::kShuttingDown;
-  const std::int64_t begin = since_boot < kLongestBootSeconds ? e.booted_at : d.now.utc;
-  woken.late_from = went_in_order ? e.kept.power.went.utc : begin;
+  const bool is_late = since_boot >= kLongestBootSeconds;
+  if (is_late) // before, the other version has fired them
+    d.m.clock.unknown_from = d.now.boot;
+  woken.late_from = went_in_order ? e.kept.power.went.utc : is_late ? d.now.utc : e.booted_at;
 }
 
 // The last run was of another build, and its record cannot be read: what woke the machine, and what

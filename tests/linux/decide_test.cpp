@@ -613,7 +613,12 @@ TEST(Decide, APackageThatIsInstalledLate_MakesUpForNothing) {
     run.now.boot = since_boot * kSecondMs;
     run.send(start);
     run.send(event::armed{});
-    EXPECT_EQ(run.last<order::ask_late>().from, since_boot == 60 ? kNow - 60 : kNow);
+    const std::int64_t from = since_boot == 60 ? kNow - 60 : kNow;
+    EXPECT_EQ(run.last<order::ask_late>().from, from);
+    run.pass(100);
+    run.send(event::ntp{true, true, true}); // the clock was unknown
+    EXPECT_EQ(run.last<order::ask_late>().from, from);
+    EXPECT_EQ(run.count<order::ask_late>(), 2);
   }
 }
 
@@ -710,8 +715,6 @@ TEST(Decide, ATimerOfAnUnknownClock_IsMadeUpFor_WhenItBecomesKnown) {
               {event::ntp{true, false, true}, 5000, 0, 0}};
   for (const auto &row : rows) {
     awake_machine run({}, true, false);
-    EXPECT_EQ(run.m.clock.unknown_from, 0) << "since the boot";
-    run.m.clock.unknown_from = run.now.boot;
     run.pass(row.unknown);
     run.send(event::ambient{});
     event::started again;
