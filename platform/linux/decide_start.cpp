@@ -45,12 +45,14 @@ static void build_was_changed(decision &d, const event::started &e) {
   auto &woken = d.m.woken;
   woken.by = e.kept.woken.by;
   woken.booted = e.kept.woken.booted;
-  woken.at = woken.counted_at = d.now.boot;
+  woken.at = std::min(e.kept.woken.at, d.now.boot);
+  woken.counted_at = d.now.boot;
   woken.utc = e.kept.woken.utc;
   const std::int64_t ended = e.kept.power.went.utc;
   const bool is_known = ended < d.now.utc && d.now.utc - ended <= kUpgradeSeconds;
   woken.late_from = is_known ? ended : d.now.utc;
   woken.stays = e.kept.woken.stays;
+  d.m.screen.ordered = e.kept.screen.ordered;
   d.m.screen.ordered_on = e.kept.screen.ordered_on;
   d.m.clock.was_set = e.kept.clock.was_set;
   if (e.kept.sleep.wish == sleep_wish::kOffTimer)

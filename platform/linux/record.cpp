@@ -109,24 +109,28 @@ static void exchange(GKeyFile *file, const std::string &key, wanted_alarm &wante
 static void exchange(GKeyFile *file, decltype(machine::woken) &woken, bool read) {
   exchange_number(file, "woken-by", woken.by, read);
   exchange_number(file, "woken-utc", woken.utc, read);
+  exchange_number(file, "woken-at", woken.at, read);
   exchange_number(file, "booted", woken.booted, read);
   if (woken.by > cause::kTest)
     woken.by = cause::kUser;
 }
 
-// What keeps another build from sending the machine to sleep before who watches, and what an
-// off-timer has wished.
+// What keeps another build from sending the machine to sleep before who watches, what it is to turn
+// on again for its user, and what an off-timer has wished.
 static void exchange_use(GKeyFile *file, machine &record, bool read) {
   auto &sleep = record.sleep;
   record.screen.ordered_on |= record.use.input_at != 0;
   if (sleep.stage == wish_stage::kAsked) // it is over when another run reads it
     sleep.wish = sleep_wish::kNone;
   exchange_number(file, "must-say-off", record.screen.ordered_on, read);
+  exchange_number(file, "screen-ordered", record.screen.ordered, read);
   exchange_number(file, "stays", record.woken.stays, read);
   exchange_number(file, "wish", sleep.wish, read);
   exchange_number(file, "wish-method", sleep.method, read);
   if (sleep.wish > sleep_wish::kTest || sleep.method > off_action::kNone)
     sleep.wish = sleep_wish::kNone;
+  if (record.screen.ordered > screen_order::kOff)
+    record.screen.ordered = screen_order::kNone;
 }
 
 static void exchange_alarm(GKeyFile *file, machine &record, bool read) {

@@ -662,6 +662,27 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   EXPECT_EQ(run.m.sleep.wish, sleep_wish::kOffTimer);
 }
 
+TEST(Decide, AnotherBuildInTheSameBoot_KnowsItsUser_AndTheScreenThatWeHaveTurnedOff) {
+  for (const cause by : {cause::kTimer, cause::kNothing}) {
+    awake_machine run({}, false);
+    event::started start;
+    start.has_kept = start.is_other_build = true;
+    start.device.clock = run.now.utc;
+    start.kept.woken.by = by;
+    start.kept.woken.at = run.now.boot - 100 * kSecondMs;
+    start.kept.screen.ordered = screen_order::kOff;
+    run.send(start);
+    run.send(event::use_changed{run.now.boot - 50 * kSecondMs, 0, 0, kSleepBit, 5000, true});
+    run.send(event::armed{});
+    run.pass(200);
+    run.send(event::due{});
+    EXPECT_EQ(run.m.sleep.why == postponed::kSession, by == cause::kTimer);
+    run.send(event::input{});
+    EXPECT_EQ(run.last<order::start_unit>().name == unit::kOn && run.m.screen.ordered_on,
+              by == cause::kNothing);
+  }
+}
+
 TEST(Decide, ARealTimeClockThatIsGone_LeavesTheClockKnown_InThisBoot) {
   for (const bool same_boot : {true, false}) {
     awake_machine run;

@@ -100,8 +100,10 @@ TEST_F(Configuration, OfAReload_KeepsWhatIsInForce_WhereItIsBad) {
 TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   machine record;
   record.screen.believed = screen_state::kOff;
+  record.screen.ordered = screen_order::kOff;
   record.woken.by = cause::kHop;
   record.woken.utc = kNow - 60;
+  record.woken.at = 5;
   record.woken.booted = record.woken.stays = true;
   record.power.now = phase::kShuttingDown;
   record.power.went.utc = kNow;
@@ -120,6 +122,8 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   EXPECT_TRUE(kept.exists && !kept.same_boot && kept.is_other_build);
   EXPECT_EQ(kept.record.woken.by, cause::kHop);
   EXPECT_EQ(kept.record.woken.utc, kNow - 60);
+  EXPECT_EQ(kept.record.woken.at, 5);
+  EXPECT_EQ(kept.record.screen.ordered, screen_order::kOff);
   EXPECT_TRUE(kept.record.woken.booted && kept.record.woken.stays);
   EXPECT_TRUE(kept.record.screen.ordered_on) << "somebody is there";
   EXPECT_EQ(kept.record.sleep.wish, sleep_wish::kOffTimer);
