@@ -145,6 +145,8 @@ void on(decision &d, const event::tv_asks_source &) {
 
 void on(decision &d, const event::tv_reachable &e) {
   auto &screen = d.m.screen;
+  if (!e.adapter && has_television(d.m)) // nobody says any longer whether it is on
+    is_unknown(d);
   const bool had_cec = std::exchange(screen.has_cec, e.adapter);
   if (!e.adapter) {
     screen.pending = screen.has_spoken = false;

@@ -271,6 +271,7 @@ TEST(Decide, AnAdapterThatComesLate_GetsTheOrder_UnlessItIsOld) {
     run.send(event::screen_wanted{true, event::asker::kDaemon});
     run.send(event::tv_reports{event::tv_state::kOn});
     run.send(event::tv_reachable{false});
+    EXPECT_EQ(run.m.screen.believed, row.has_said ? screen_state::kUnknown : screen_state::kOn);
     run.given.clear();
     run.pass(row.after);
     run.send(event::tv_reachable{true});
