@@ -133,9 +133,11 @@ bool is_resume(const decision &d) {
 // The on-time that the return is counted from may be far away now, and one that was far away near.
 static void somebody_stepped(decision &d) {
   auto &clock = d.m.clock;
+  auto &woken = d.m.woken;
+  woken.utc = utc_before(d.now, d.now.boot - (woken.booted ? 0 : woken.at));
   clock.update_due = clock.update_due || !is_clock_known(d.m, d.now);
   clock.was_set = true;
-  d.m.woken.counted_at = std::min(d.m.woken.counted_at, d.now.boot);
+  woken.counted_at = std::min(woken.counted_at, d.now.boot);
   ask_before_near(d);
 }
 

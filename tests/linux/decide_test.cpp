@@ -623,6 +623,19 @@ TEST(Decide, APackageThatIsInstalledLate_MakesUpForNothing) {
   }
 }
 
+TEST(Decide, TheLastWakeUp_IsToldByTheClockOfNow) {
+  for (const bool sleeps : {true, false}) {
+    awake_machine run;
+    if (sleeps)
+      run.sleep(100);
+    run.pass(50);
+    run.now.utc += 86400;
+    run.send(event::clock_stepped{});
+    const std::int64_t since = sleeps ? 50 : run.now.boot / kSecondMs; // the boot
+    EXPECT_EQ(run.m.woken.utc, run.now.utc - since);
+  }
+}
+
 TEST(Decide, ATest_EndsWhenAnOnTimeIsSetBeforeItSleeps) {
   awake_machine run;
   run.send(event::test_wake{1, 100});
