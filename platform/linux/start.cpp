@@ -21,7 +21,9 @@
 #include <due_timers.h>
 #include <time_values.h>
 
+#include <algorithm>
 #include <span>
+#include <vector>
 
 // 00:00 UTC of the day of the build.
 static constexpr std::int64_t kBuildDay = DRAVEL_BUILD_DAY;
@@ -30,21 +32,32 @@ static constexpr int kReload = 1; // SIGUSR1
 
 // --- orders ---
 
-static std::uint32_t tv_clock_at(std::int64_t utc) { return to_time_value(utc_to_local(utc)); }
+// Where the clock is set back meanwhile, what it shows goes beyond both ends.
+static std::vector<due_timer> timers_shown(std::int64_t from, std::int64_t until) {
+  static constexpr std::size_t kMost = 64; // in an hour
+  const std::int64_t first = utc_to_local(from);
+  const std::int64_t last = utc_to_local(until);
+  std::vector<due_timer> found(kMost);
+  found.resize(dravel_due_timers(to_time_value(std::min(first, last - (until - from))),
+                                 to_time_value(std::max(last, first + (until - from))),
+                                 found.data(), found.size()));
+  return found;
+}
 
 static event::late_timers timers_due(std::int64_t from, std::int64_t until) {
-  due_timer found[kLateTimers];
-  event::late_timers late;
-  const std::size_t count =
-      dravel_due_timers(tv_clock_at(from), tv_clock_at(until), found, kLateTimers);
-  for (const due_timer &timer : std::span(found, count)) {
+  std::vector<late_timer> due;
+  for (const due_timer &timer : timers_shown(from, until)) {
     const utc_times at = utc_of_local(timer.time);
-    if (utc_to_local(at.first) != timer.time) // it does not come today
-      continue;
-    late.timers[late.count++] = {static_cast<std::uint32_t>(timer.timer_id),
-                                 static_cast<std::uint32_t>(timer.type),
-                                 at.second != 0 && at.first <= from ? at.second : at.first};
+    const std::int64_t utc = at.second != 0 && at.first <= from ? at.second : at.first;
+    if (utc_to_local(utc) == timer.time && utc > from && utc <= until) // it comes today
+      due.push_back({static_cast<std::uint32_t>(timer.timer_id),
+                     static_cast<std::uint32_t>(timer.type), utc});
   }
+  std::ranges::stable_sort(due, {}, &late_timer::utc);
+  const auto last = std::span(due).last(std::min(due.size(), kLateTimers));
+  event::late_timers late;
+  std::ranges::copy(last, late.timers.begin());
+  late.count = static_cast<std::uint8_t>(last.size());
   return late;
 }
 

@@ -300,6 +300,25 @@ TEST_F(Platform, MakesUpForATimer_ThatALateWakeUpHasMissed) {
                     "RestartUnit 'dravel-wakeup@2.target'; RestartUnit 'dravel-on.target'");
 }
 
+TEST_F(Platform, MakesUpForTimers_OfBothTimesOfAnHourThatComesTwice) {
+  constexpr std::int64_t kBack = 1'824'944'400; // 2027-10-31 03:00:00, which is 02:00:00
+  constexpr std::int64_t kShown = kBack + 3600; // then
+  setenv("TZ", "Europe/Berlin", 1);
+  set_now(kBack - 400);
+  start();
+  emit(kLogind, "PrepareForSleep", "b", "<true>");
+  seen();
+  late_timers = {{1, 3, time_value(kShown - 60)},
+                 {2, 0, time_value(kShown + 60)},
+                 {3, 3, time_value(kShown + 1800)},
+                 {4, 1, time_value(kShown + 3540)}};
+  sleep_for(600);
+  emit(kLogind, "PrepareForSleep", "b", "<false>");
+  EXPECT_EQ(seen(), "due 1824947900 1824951800; wakeup 0; time_set; time update; "
+                    "Inhibit 'sleep:shutdown'; RestartUnit 'dravel-wakeup@2.target'; "
+                    "RestartUnit 'dravel-on.target'");
+}
+
 TEST_F(Platform, AsksForLateTimers_OnceTheDaemonHasReadItsOwn) {
   const auto first_pass = [](void *) -> Eina_Bool {
     late_timers = {{5, 0, time_value(kNow)}};
