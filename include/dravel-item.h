@@ -127,5 +127,9 @@ int result_of(next_expiry found);
 // The same as get_next_expire_date, with a time value; kUnknown while the time is not known.
 next_expiry find_next_expiry(const dravel_item *item, time_value *expire);
 
+// The time that a one-shot item is set for, on the TV clock, past or not; none while the time is
+// not known.
+std::optional<time_value> one_shot_time(const dravel_item *item);
+
 // The occurrence of a repeating item that follows the one at `fired`; none for a one-shot item.
 std::optional<time_value> occurrence_after(const dravel_item *item, time_value fired);

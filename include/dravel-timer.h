@@ -148,6 +148,9 @@ void cancel_dravel_item(dravel_item *item, removal_reason reason);
 std::optional<removal_reason> schedule_item(dravel_item *item);
 // The same, at the daemon's start: a timer that is past is named once by dravel_due_timers.
 std::optional<removal_reason> schedule_at_start(dravel_item *item);
+// What a start does instead while the clock is unknown: when it becomes known, dravel_due_timers
+// finds what has passed.
+void wait_for_clock(const dravel_item *item);
 
 // When an armed item expires, on the TV clock.
 std::optional<time_value> armed_expiry(int timer_id);

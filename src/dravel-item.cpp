@@ -203,14 +203,18 @@ static bool lies_after_wrap(const dravel_item *item, const clock_reading &clocks
   return true;
 }
 
-static next_expiry next_one_shot(const dravel_item *item, const clock_reading &clocks,
-                                 time_value *expire) {
+// The time that a one-shot item is set for, on the TV clock.
+static time_value one_shot_time(const dravel_item *item, const clock_reading &clocks) {
   std::tm date = item->tm;
   clear_seconds(item, &date);
-  *expire = unsigned_timegm(&date);
-  LOGI_OF(get_next_expire_date, "expire time[%lu]", as_ulong(*expire));
-  *expire = add_offset_of(item, clocks, *expire);
+  const time_value time = unsigned_timegm(&date);
+  LOGI_OF(get_next_expire_date, "expire time[%lu]", as_ulong(time));
+  return add_offset_of(item, clocks, time);
+}
 
+static next_expiry next_one_shot(const dravel_item *item, const clock_reading &clocks,
+                                 time_value *expire) {
+  *expire = one_shot_time(item, clocks);
   if (*expire <= clocks.now) {
     LOGI_OF(get_next_expire_date, "get_next_expire_date, timer_time: %lu, curtime: %lu \n",
             as_ulong(*expire), as_ulong(clocks.now));
@@ -223,7 +227,7 @@ static next_expiry next_one_shot(const dravel_item *item, const clock_reading &c
     return next_expiry::kNever;
   if (decision == SKIP_MOVED) {
     // On its own clock, also for a system-clock timer: the next computation adds the offset.
-    date = item->tm;
+    std::tm date = item->tm;
     clear_seconds(item, &date);
     *expire = unsigned_timegm(&date);
   }
@@ -278,6 +282,12 @@ next_expiry find_next_expiry(const dravel_item *item, time_value *expire) {
     LOG_TIME_FROM("get_next_expire_date", SYSTEM_LOG_DEBUG, "time: %s",
                   unsigned_gmtime_r(*expire, &tm));
   return found;
+}
+
+std::optional<time_value> one_shot_time(const dravel_item *item) {
+  clock_reading clocks{};
+  return read_clocks_of(item, &clocks) == 0 ? std::optional(one_shot_time(item, clocks))
+                                            : std::nullopt;
 }
 
 std::optional<time_value> occurrence_after(const dravel_item *item, time_value fired) {

@@ -26,6 +26,9 @@ static Eina_Bool _schedule_dravel(void *) {
     }
     replace_removed_ontimer();
     create_dravel_finish_file();
+  } else {
+    for (const dravel_item *item : items_of<dravel_item>(timers))
+      wait_for_clock(item);
   }
   LOGP("end scheduling...");
   return ECORE_CALLBACK_CANCEL;

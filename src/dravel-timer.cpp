@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
+#include <set>
 #include <span>
 #include <unistd.h>
 #include <utility>
@@ -49,6 +50,9 @@ GHashTable *cb_data_table;
 static runtime_state flags;
 // One-shot timers that the first scheduling found past, until somebody asks for due timers.
 static std::vector<due_timer> missed_timers;
+// The ids of those that the clock alone keeps from being armed: it was unknown when they were to be
+// armed again, or at the start.
+static std::set<int> waiting_for_clock;
 
 static Ecore_Timer *finish_wait_timer;
 static Ecore_Timer *adjust_wait_timer;
@@ -94,6 +98,7 @@ void reset_runtime_state(void) {
   ambient_poweroff_received = false;
   micom_ontimer = {};
   missed_timers.clear();
+  waiting_for_clock.clear();
   for (Ecore_Timer **timer : {&finish_wait_timer, &adjust_wait_timer, &retry_adjust_timer})
     stop_timer(*timer);
 }
@@ -534,16 +539,14 @@ static bool is_halted(int type) {
 }
 
 // The first time for which the main loop would have come to it. A repeating item may be armed for a
-// later one already. One that is not armed has waited for the clock; a transient one has fired.
+// later one already.
 static std::optional<time_value> first_due(const dravel_item *item, time_value from) {
   const auto armed = armed_expiry(item->timer_id);
-  if (!armed && (has_type(item, TIMER_TYPE_TRANSIENT) || !is_tv_clock_known()))
+  if (!armed && !waiting_for_clock.contains(item->timer_id))
     return std::nullopt;
   if (item->week_flag != 0)
     return occurrence_after(item, from);
-  time_value past = 0;
-  const bool is_past = !armed && find_next_expiry(item, &past) == next_expiry::kPast;
-  return is_past ? std::optional(past) : armed;
+  return armed ? armed : one_shot_time(item);
 }
 
 static void add_due(const dravel_item *item, time_value from, time_value until,
@@ -625,7 +628,10 @@ int schedule_dravel_item(dravel_item *item, dravel_expire_fn cb, void *data) {
 }
 
 static std::optional<removal_reason> schedule_item(dravel_item *item, time_value &expiry) {
-  switch (schedule_dravel_item(item, {dravel_expire_cb, nullptr}, expiry)) {
+  const next_expiry found = schedule_dravel_item(item, {dravel_expire_cb, nullptr}, expiry);
+  if (found != next_expiry::kUnknown)
+    waiting_for_clock.erase(item->timer_id);
+  switch (found) {
   case next_expiry::kPast:
     return removal_reason::kPast;
   case next_expiry::kNever:
@@ -646,6 +652,15 @@ std::optional<removal_reason> schedule_at_start(dravel_item *item) {
   if (reason == removal_reason::kPast)
     missed_timers.push_back({item->timer_id, item->type, expiry});
   return reason;
+}
+
+void wait_for_clock(const dravel_item *item) { waiting_for_clock.insert(item->timer_id); }
+
+// To be armed again at once, if the clock allows it.
+static void disarm_for_now(const dravel_item *item) {
+  if (is_armed(item->timer_id))
+    wait_for_clock(item);
+  cancel_ecore_timer(item->timer_id);
 }
 
 Eina_Bool ecore_timer_cb(void *data) {
@@ -764,7 +779,7 @@ static void adjust_unarmed(dravel_item *item) {
 }
 
 static void adjust_armed(dravel_item *item, const clock_reading &clocks) {
-  cancel_ecore_timer(item->timer_id);
+  disarm_for_now(item);
   if (!has_type(item, TIMER_TYPE_ALWAYS) && item->week_flag == 0) {
     if (is_on_unknown_tv_clock(item, clocks))
       return;
@@ -803,7 +818,7 @@ void reschedule_all_timers(void) {
   LOGP("timer list count: %d", static_cast<int>(eina_list_count(get_dravel_list())));
   disable_programmed_ontimer();
   for (dravel_item *item : items_of<dravel_item>(get_dravel_list())) {
-    cancel_ecore_timer(item->timer_id);
+    disarm_for_now(item);
     arm_or_remove(item, __func__, SYSTEM_LOG_PROGRESS);
   }
   replace_removed_ontimer();
