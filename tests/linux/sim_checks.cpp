@@ -73,10 +73,10 @@ bool sim_checks::is_clock_known() const { return world_.rtc_valid || is_clock_se
 
 // --- 1: on-timers ---
 
-void sim_checks::miss() {
+void sim_checks::miss(millis due) {
   const sim_television &tv = world_.tv;
   const bool may_err = tv.lies || tv.answers_after > kAnswerMs;
-  if (tv.changed_at > now() - kBeliefMs)
+  if (tv.changed_at > now() - kBeliefMs || said_off_at_ > due) // believed on, and asked too late
     return;
   if (tv.has_cec ? !said_on_ : !world_.plain_on)
     world_.broken(1, "an on-timer has not turned the screen on");
@@ -143,7 +143,7 @@ void sim_checks::time_passes(millis next) {
   std::erase_if(expected_, [&](millis until) {
     if (until >= next)
       return false;
-    miss();
+    miss(until - kOnTimeMs);
     return true;
   });
   if (off_until_ < next) {

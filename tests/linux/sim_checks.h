@@ -54,7 +54,7 @@ public:
 private:
   millis now() const;
   void becomes_due(const sim_timer &timer, std::int64_t due);
-  void miss();
+  void miss(millis due);
   void check_turned_on(bool by_unit);
   void check_sleep(const order::sleep &what);
   void check_use(bool is_return, off_action method);
