@@ -227,16 +227,17 @@ static void check_contents(const import_contents &wanted) {
   std::set<decltype(key_of(timer_record()))> known;
   for (const timer_record &timer : wanted.timers) {
     if (timer.type == TIMER_TYPE_TRANSIENT)
-      throw failure{line_of(timer) + " is never stored and cannot be applied", ""};
+      throw failure{line_of(timer) + " is never stored and cannot be applied", kNothingChanged};
     if (!wanted.types.empty() && !wanted.types.contains(timer.type))
-      throw failure{line_of(timer) + " is of a type that the file does not name in types", ""};
+      throw failure{line_of(timer) + " is of a type that the file does not name in types",
+                    kNothingChanged};
     if (!known.insert(key_of(timer)).second)
-      throw failure{line_of(timer) + " stands twice in the file", ""};
+      throw failure{line_of(timer) + " stands twice in the file", kNothingChanged};
   }
   for (const holiday &period : wanted.holidays)
     if (std::ranges::count(wanted.holidays, line_of(period),
                            [](const holiday &any) { return line_of(any); }) > 1)
-      throw failure{line_of(period) + " stand twice in the file", ""};
+      throw failure{line_of(period) + " stand twice in the file", kNothingChanged};
 }
 
 // --- step by step ---

@@ -114,8 +114,7 @@ static finding group_found(examination &e) {
   const std::string reason = e.bus.reason_not_to_change();
   if (reason.empty())
     return {"Group", state::kGood, "you may change the timers"};
-  return {"Group", state::kProblem, "you may not change the timers: " + reason,
-          "as root: adduser USER dravel"};
+  return {"Group", state::kProblem, "you may not change the timers", reason};
 }
 
 static finding halts_found(examination &e) {
@@ -216,6 +215,11 @@ static finding foreign_found(examination &e) {
           alarm_text(*e.machine, e.view->now.set) + "; the machine's own follows it"};
 }
 
+// What the daemon says of the file, with key and value; its lines begin with the name.
+static bool is_about_configuration(const std::string &problem) {
+  return problem.starts_with(std::string(kConfiguration) + ":");
+}
+
 static finding sleep_found(examination &e) {
   static constexpr std::array<const char *, 3> kActions[] = {
       {"suspend", "CanSuspend", "suspends"},
@@ -226,6 +230,9 @@ static finding sleep_found(examination &e) {
       std::ranges::find_if(kActions, [&](const auto &known) { return known[0] == configured; });
   if (configured == "none")
     return {"Sleep", state::kGood, "the machine stays awake (off-action = none)"};
+  if (action == std::end(kActions) && !configured.empty())
+    return {"Sleep", state::kProblem, "off-action cannot be \"" + configured + "\"",
+            "correct it in " + std::string(kConfiguration)};
   if (action == std::end(kActions))
     action = std::begin(kActions);
   g_autoptr(GVariant) answer = ask(e.bus, kLogind, (*action)[1], nullptr);
@@ -288,8 +295,14 @@ static finding hooks_found(examination &e) {
 
 // What the daemon says beside.
 static void add_problems(examination &e) {
+  if (std::ranges::none_of(e.machine->problems, is_about_configuration))
+    e.findings.push_back(
+        {"Configuration", state::kGood, std::string(kConfiguration) + " has no fault"});
   for (const std::string &problem : e.machine->problems)
-    if (std::ranges::find(e.findings, problem, &finding::text) == e.findings.end())
+    if (is_about_configuration(problem))
+      e.findings.push_back({"Configuration", state::kProblem, problem,
+                            "correct it, then: systemctl reload dravel-manager"});
+    else if (std::ranges::find(e.findings, problem, &finding::text) == e.findings.end())
       e.findings.push_back({"Machine", state::kProblem, problem, "journalctl -t DRAVEL_LINUX"});
 }
 

@@ -157,7 +157,7 @@ GVariant *client::answer_to(const bus_call &call, int timeout_ms, GError **error
 }
 
 static constexpr const char *kWhoMay =
-    "members of the group dravel may; after joining it, log in again";
+    "members of the group dravel may; as root: adduser USER dravel, then log in again";
 
 // What somebody wants who calls it.
 static std::string act_of(std::string_view method) {

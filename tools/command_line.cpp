@@ -10,6 +10,9 @@
 static constexpr const char *kJsonFile = "FILE";
 static constexpr const char *kAllSkip = "Let every timer skip the holidays";
 static constexpr std::string_view kExample = "Example: ";
+static constexpr std::pair<std::string_view, std::string_view> kOtherWords[] = {{"edit", "change"},
+                                                                                {"set", "change"}};
+static constexpr std::size_t kBeginning = 3; // letters of a command, which tell it from others
 static constexpr std::size_t kHelpColumn = 28;
 static constexpr std::size_t kTypeColumn = 17;
 
@@ -17,6 +20,12 @@ namespace {
 
 // Breaks the lines of the help.
 class formatter : public CLI::Formatter {
+  // An option that may be repeated takes one word each time.
+  std::string make_option_opts(const CLI::Option *option) const override {
+    return option->get_positional() || option->get_items_expected_max() == 0
+               ? CLI::Formatter::make_option_opts(option)
+               : " " + option->get_type_name();
+  }
   std::string make_option_desc(const CLI::Option *option) const override {
     return wrapped(CLI::Formatter::make_option_desc(option), kTextWidth - kHelpColumn);
   }
@@ -145,11 +154,11 @@ CLI::App *command_line::define_test(const command_row &row) {
   CLI::App *test = command(&app_, row);
   command(test, "screen", "Turn the screen off, and on again after 5 seconds",
           "dravelctl test screen", test_screen)
-      ->add_option("--seconds", given_.seconds, "How long it is off (default: 5)")
+      ->add_option("--seconds", given_.seconds, "How long it is off, up to 60 (default: 5)")
       ->type_name("N");
   command(test, "wake", "Send the machine to sleep; its alarm wakes it after 60 seconds",
           "dravelctl test wake", test_wake)
-      ->add_option("--seconds", given_.seconds, "How long it sleeps (default: 60)")
+      ->add_option("--seconds", given_.seconds, "How long it sleeps, from 20 to 3600 (default: 60)")
       ->type_name("N");
   return test;
 }
@@ -193,16 +202,17 @@ CLI::App *command_line::define_holidays(const command_row &row) {
   import->add_flag("--all", given_.all, kAllSkip);
   import->add_flag("--check", given_.check, "Say what would be added; do nothing");
   command(holidays, "remove", "Remove holidays", "dravelctl holidays remove 1", remove_holidays)
+      ->alias("rm")
+      ->alias("delete")
       ->add_option("HOLIDAYS", given_.words, "The ids of holidays")
       ->required();
-  command(holidays, "skip", "Let timers skip the holidays", "dravelctl holidays skip 3",
-          skip_holidays)
-      ->add_option("ID", given_.words, "The timers")
-      ->required();
-  command(holidays, "ignore", "Let timers fire on holidays too", "dravelctl holidays ignore 3",
-          ignore_holidays)
-      ->add_option("ID", given_.words, "The timers")
-      ->required();
+  for (CLI::App *effect : {command(holidays, "skip", "Let timers skip the holidays",
+                                   "dravelctl holidays skip 3", skip_holidays),
+                           command(holidays, "ignore", "Let timers fire on holidays too",
+                                   "dravelctl holidays ignore 3", ignore_holidays)}) {
+    effect->add_option("ID", given_.words, "The timers");
+    effect->add_flag("--all", given_.all, "All timers");
+  }
   return holidays;
 }
 
@@ -288,7 +298,7 @@ const command_row command_line::kCommands[] = {
      "dravelctl cancel 3 5",
      cancel_timers,
      &command_line::define_cancel,
-     {"rm", "delete"}},
+     {"rm", "delete", "remove"}},
     {"types", "List what a timer can do", "dravelctl types", show_types,
      &command_line::define_plain},
     {"holidays", "The days on which timers rest", "dravelctl holidays", list_holidays,
@@ -398,16 +408,68 @@ static std::size_t distance(std::string_view a, std::string_view b) {
   return row.back();
 }
 
-// The command that is meant; empty when none is near.
+static std::vector<std::string> names_of(const CLI::App *above) {
+  std::vector<std::string> names;
+  for (const CLI::App *command : above->get_subcommands({})) {
+    names.push_back(command->get_name());
+    std::ranges::copy(command->get_aliases(), std::back_inserter(names));
+  }
+  return names;
+}
+
+// The command that is meant, by its beginning or a slip of the keys; empty when none is near.
 static std::string nearest(const CLI::App *above, const std::string &word) {
   std::string found;
   std::size_t least = 3;
-  for (const CLI::App *command : above->get_subcommands({}))
-    if (const std::size_t far = distance(word, command->get_name()); far < least) {
+  for (const std::string &name : names_of(above)) {
+    if (std::ranges::find(kOtherWords, std::pair<std::string_view, std::string_view>(word, name)) !=
+        std::end(kOtherWords))
+      return name;
+    const bool begins_so = word.size() >= kBeginning && name.starts_with(word);
+    if (const std::size_t far = begins_so ? 0 : distance(word, name); far < least) {
       least = far;
-      found = command->get_name();
+      found = name;
     }
+  }
   return found;
+}
+
+static bool is_id(const CLI::App *command, const std::string &word) {
+  return parse_int(word) &&
+         !command->get_options([](const CLI::Option *option) { return option->get_positional(); })
+              .empty();
+}
+
+// A time, or days, of several words that are not quoted: 'the time in quotes: --at "fri 20:00"'.
+static std::optional<failure> unquoted(const CLI::App *command,
+                                       const std::vector<std::string> &words) {
+  for (const CLI::Option *option : command->get_options({})) {
+    const bool is_time = option->get_type_name() == "TIME";
+    if (!is_time && option->get_type_name() != "DAYS")
+      continue;
+    const std::string name = option->get_name();
+    const auto begin = std::ranges::find_if(
+        words, [&](const std::string &word) { return command->check_name(word); });
+    const auto given = std::find_if(begin, words.end(), [&](const std::string &word) {
+      return word == name || word.starts_with(name + "=");
+    });
+    if (given == words.end())
+      continue;
+    const auto second = given + (*given == name && given + 1 != words.end() ? 2 : 1);
+    const auto end = std::find_if(second, words.end(), [&](const std::string &word) {
+      return word.starts_with('-') || is_id(command, word);
+    });
+    if (second == end)
+      continue;
+    std::string value = *given == name ? *(second - 1) : given->substr(name.size() + 1);
+    for (auto word = second; word != end; ++word)
+      value += " " + *word;
+    return usage(path_of(command) + " does not take " + *second,
+                 std::string("put the ") + (is_time ? "time" : "days") + " in quotes: " + name +
+                     " \"" + value + "\"",
+                 name);
+  }
+  return std::nullopt;
 }
 
 static failure unexpected(const CLI::App *command, const std::string &word) {
@@ -419,8 +481,11 @@ static failure unexpected(const CLI::App *command, const std::string &word) {
   if (word.starts_with('-'))
     return usage("there is no option " + name + (path.empty() ? "" : " of " + path),
                  help + " lists those there are", name);
-  if (!path.empty() && command->get_subcommands({}).empty())
-    return usage(path + " does not take " + (word.empty() ? name : word), example_of(command));
+  if (!path.empty() && command->get_subcommands({}).empty()) {
+    const bool is_count = parse_int(word) && command->get_option_no_throw("--seconds") != nullptr;
+    return usage(path + " does not take " + (word.empty() ? name : word),
+                 is_count ? "write --seconds " + word : example_of(command));
+  }
   const std::string meant = nearest(command, name);
   return usage("there is no command " + (path.empty() ? "" : path + " ") + name +
                    (meant.empty() ? "" : ", did you mean " + meant + "?"),
@@ -483,6 +548,8 @@ static failure mismatch(const CLI::App *command, const std::vector<std::string> 
 failure command_line::fault_of_line(const CLI::ParseError &error,
                                     const std::vector<std::string> &words) const {
   const CLI::App *command = parsed_command(app_);
+  if (const auto fault = unquoted(command, words))
+    return *fault;
   auto rest = app_.remaining(true);
   std::erase(rest, "--");
   if (!rest.empty())
@@ -530,6 +597,8 @@ command_function command_line::parse(int argc, char **argv) {
   }
   if (app_.get_subcommands().empty() && !app_.remaining().empty())
     throw usage("what follows -- is no command", "write the command before --");
+  if (const auto fault = unquoted(parsed_command(app_), {argv + 1, argv + argc})) // taken for an id
+    throw failure(*fault);
   if (!given_.host.empty())
     throw usage("-H stands behind another word", "write it first", "-H");
   if (!helped_)

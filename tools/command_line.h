@@ -20,7 +20,7 @@ struct command_row {
   const char *example;
   command_function run;
   CLI::App *(command_line::*define)(const command_row &row);
-  std::array<const char *, 2> aliases{};
+  std::array<const char *, 3> aliases{};
 };
 
 class command_line {

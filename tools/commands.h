@@ -91,8 +91,9 @@ int id_of(const std::string &text, const std::string &list = "dravelctl list");
 // Each id once.
 std::vector<int> ids_of(const std::vector<std::string> &words, const std::string &list);
 failure no_such_timer(int id);
-// The ids of timers; a failure when one of them is not there.
-std::vector<int> timers_of(client &client, const std::vector<std::string> &words);
+// The ids of the timers that `command` is for; a failure when one of them is not there.
+std::vector<int> timers_of(const std::vector<timer_record> &timers, const options &given,
+                           const std::string &command);
 void print_timer(const timer_record &timer, const snapshot &view);
 const holiday *find_same(const holiday &wanted, const std::vector<holiday> &holidays);
 // What to say of a timer or holidays that the daemon did not take: a disk that takes nothing, else
@@ -100,6 +101,8 @@ const holiday *find_same(const holiday &wanted, const std::vector<holiday> &holi
 failure not_stored(const std::string &what, const std::string &refusal);
 int add_holiday(client &client, const holiday &holiday, civil_time now); // the id
 bool runs_over_new_year(const holiday &holiday);
+
+inline constexpr const char *kNothingChanged = "nothing is changed"; // a file has a fault
 
 struct import_contents {
   std::vector<holiday> holidays;

@@ -16,8 +16,9 @@ struct entry {
   // "cancel", "rm" and "delete" with such words between them, each in such quotes.
   std::string names(const char *between, const char *quote = "") const {
     std::string all = quote + path + quote;
+    const std::string above = path.substr(0, path.rfind(' ') + 1);
     for (const std::string &alias : app->get_aliases())
-      all += between + (quote + alias) + quote;
+      all += between + (quote + above + alias) + quote;
     return all;
   }
 };

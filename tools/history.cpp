@@ -52,6 +52,14 @@ std::string reason_not_to_read_history() {
   return reason;
 }
 
+// sd-journal takes any directory, and finds nothing there.
+static bool holds_journal(const std::string &directory) {
+  std::error_code error;
+  const std::filesystem::recursive_directory_iterator files(directory, error);
+  return std::ranges::any_of(
+      files, [](const auto &file) { return file.path().extension() == ".journal"; });
+}
+
 // --- the journal ---
 
 namespace {
@@ -64,6 +72,9 @@ public:
                                          : open_directory_(&read_, directory.c_str(), 0);
     if (result < 0)
       fail(directory.empty() ? "" : " in " + directory, result);
+    if (!directory.empty() && !holds_journal(directory))
+      throw failure{"there is no journal in " + directory,
+                    "name a directory with files such as system.journal"};
     for (const char *match : kMatches)
       match != nullptr ? add_match_(read_, match, 0) : add_disjunction_(read_);
   }

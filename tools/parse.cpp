@@ -344,7 +344,7 @@ std::optional<int> parse_effect(const std::string &text) {
 // "mon", "mon-fri", "fri-mon", "daily"
 static std::optional<int> parse_day_range(const std::string &text) {
   for (const auto &group : kDayGroups)
-    if (lower(text) == group.name)
+    if (text == group.name)
       return group.week_flag;
   const std::size_t dash = text.find('-');
   const auto first = parse_weekday(text.substr(0, dash));
@@ -359,15 +359,13 @@ static std::optional<int> parse_day_range(const std::string &text) {
 
 std::optional<int> parse_days(const std::string &text) {
   int week_flag = 0;
-  for (std::size_t start = 0; start <= text.size();) {
-    const std::size_t end = std::min(text.find(',', start), text.size());
-    const auto days = parse_day_range(text.substr(start, end - start));
+  for (const auto &word : words_of(text)) {
+    const auto days = parse_day_range(word);
     if (!days)
       return std::nullopt;
     week_flag |= *days;
-    start = end + 1;
   }
-  return week_flag;
+  return week_flag != 0 ? std::optional(week_flag) : std::nullopt;
 }
 
 std::optional<holiday_end> parse_date(const std::string &text) {

@@ -85,8 +85,7 @@ json json_of_status(const snapshot &view, const std::optional<timer_record> &wok
 }
 
 static std::string first_of(const std::vector<std::string> &problems) {
-  const std::size_t more = problems.size() - 1;
-  return problems[0] + (more == 0 ? "" : " dravelctl check shows " + plural(more, "more problem"));
+  return problems[0] + (problems.size() == 1 ? "" : " dravelctl check shows more.");
 }
 
 void show_status(client &client, const options &given) {
@@ -289,6 +288,20 @@ static holiday period_of(const options &given) {
   return period;
 }
 
+// Days that were exchanged leave few that are no holidays.
+static void note_length(std::vector<std::string> &notes, const std::vector<holiday> &parts) {
+  constexpr int kLongPeriod = 90;
+  static constexpr year kPlainYear{2027};
+  const auto day_of = [](const holiday_end &end) {
+    return sys_days(kPlainYear / month(end.month) / day(end.day));
+  };
+  int length = 0;
+  for (const holiday &part : parts)
+    length += static_cast<int>((day_of(part.last) - day_of(part.first)).count()) + 1;
+  if (length > kLongPeriod)
+    notes.push_back("These are " + std::to_string(length) + " days of each year.");
+}
+
 void add_holidays(client &client, const options &given) {
   const auto parts = parts_of(period_of(given));
   const snapshot before = client.look();
@@ -317,7 +330,9 @@ void add_holidays(client &client, const options &given) {
   }
   text.pop_back();
   about["added"] = added;
-  say_with_changes(client, given.json, about, text, before, notes_on_skipping(given, before));
+  auto notes = notes_on_skipping(given, before);
+  note_length(notes, parts);
+  say_with_changes(client, given.json, about, text, before, notes);
 }
 
 // --- holidays import ---
@@ -404,7 +419,8 @@ void remove_holidays(client &client, const options &given) {
 
 static void set_effect(client &client, const options &given, int effect) {
   snapshot before = client.look();
-  for (const int id : timers_of(client, given.words)) {
+  const char *command = effect != 0 ? "holidays skip" : "holidays ignore";
+  for (const int id : timers_of(before.timers, given, command)) {
     if (client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", id, effect)) !=
         0)
       throw no_such_timer(id);

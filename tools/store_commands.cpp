@@ -149,7 +149,8 @@ void backup(client &client, const options &given) {
   };
   remove(&fresh); // an interrupted backup left it
   if (mkdir(fresh.c_str(), S_IRWXU) != 0)
-    throw failure{"cannot write to " + directory.string() + ": " + std::strerror(errno), ""};
+    throw failure{"cannot write to " + directory.string() + ": " + std::strerror(errno), "",
+                  errno == EACCES || errno == EPERM ? fault::kNotAllowed : fault::kRefused};
   const std::unique_ptr<const fs::path, decltype(remove)> temporary(&fresh, remove);
   const fs::path file = directory / kDbName;
   backup_through(client, fresh, file);

@@ -12,6 +12,7 @@ using namespace std::chrono;
 static constexpr milliseconds kPoll{250};
 static constexpr seconds kTelevisionWait{15}; // a television takes as long to turn on
 static constexpr int kResumeSeconds = 120;    // a machine may be slow to sleep and to wake
+static constexpr int kLeastSleep = 20;        // for a clock of seconds, and programs that delay it
 static constexpr seconds kLate{65};           // a clock may count minutes only
 
 static void tell(const options &given, const std::string &text) {
@@ -28,11 +29,11 @@ static machine_state machine_of(client &client) {
   return *machine;
 }
 
-static int number_of(const std::string &text, const char *option, int most) {
+static int number_of(const std::string &text, const char *option, int least, int most) {
   const auto number = parse_int(text);
-  if (!number || *number < 0 || *number > most)
-    throw usage(std::string(option) + "=" + text + " is no number of seconds",
-                "give one up to " + std::to_string(most), option);
+  if (!number || *number < least || *number > most)
+    throw usage(std::string(option) + "=" + text + " is no such number of seconds",
+                "give one from " + std::to_string(least) + " to " + std::to_string(most), option);
   return *number;
 }
 
@@ -91,7 +92,7 @@ static std::string turn_off_and_on(client &client, const options &given, seconds
 }
 
 void test_screen(client &client, const options &given) {
-  const seconds pause(number_of(given.seconds.value_or("5"), "--seconds", 60));
+  const seconds pause(number_of(given.seconds.value_or("5"), "--seconds", 0, 60));
   const std::string by = machine_of(client).screen_by;
   const bool has_television = by != "targets";
   const std::string off = turn_off_and_on(client, given, pause);
@@ -110,7 +111,7 @@ void test_screen(client &client, const options &given) {
 // --- sleep and alarm ---
 
 void test_wake(client &client, const options &given) {
-  const int asked = number_of(given.seconds.value_or("60"), "--seconds", 3600);
+  const int asked = number_of(given.seconds.value_or("60"), "--seconds", kLeastSleep, 3600);
   machine_of(client);
   const civil_time due = machine_time() + seconds(asked);
   tell(given, "Asking the machine to sleep until " + time_text(civil_of(due)) + ".");

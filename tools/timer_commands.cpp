@@ -23,10 +23,18 @@ int id_of(const std::string &text, const std::string &list) {
   return *id;
 }
 
+// "1,2" or "2-5"
+static bool is_several_ids(const std::string &word) {
+  return !word.empty() && word.find_first_not_of("0123456789,-") == std::string::npos &&
+         !parse_int(word);
+}
+
 std::vector<int> ids_of(const std::vector<std::string> &words, const std::string &list) {
   std::vector<int> ids;
   for (const auto &word : words)
-    if (const int id = id_of(word, list); std::ranges::find(ids, id) == ids.end())
+    if (is_several_ids(word))
+      throw usage(word + " is no id", "give ids with blanks between them");
+    else if (const int id = id_of(word, list); std::ranges::find(ids, id) == ids.end())
       ids.push_back(id);
   return ids;
 }
@@ -35,9 +43,18 @@ failure no_such_timer(int id) {
   return {"there is no timer " + std::to_string(id), "dravelctl list shows those there are"};
 }
 
-std::vector<int> timers_of(client &client, const std::vector<std::string> &words) {
-  auto ids = ids_of(words, "dravelctl list");
-  const auto timers = client.timers();
+std::vector<int> timers_of(const std::vector<timer_record> &timers, const options &given,
+                           const std::string &command) {
+  const std::string as = "dravelctl " + command;
+  const std::string advice = "write it as in " + as + " 3 5, or " + as + " --all";
+  if (given.all != given.words.empty())
+    throw usage(given.all ? "--all goes with no ID" : command + " needs ID", advice, "--all");
+  if (given.words == std::vector<std::string>{"all"})
+    throw usage("all is no id", advice, "--all");
+  auto ids = ids_of(given.words, "dravelctl list");
+  for (const timer_record &timer : timers)
+    if (given.all)
+      ids.push_back(timer.id);
   for (const int id : ids)
     if (find_timer(timers, id) == nullptr)
       throw no_such_timer(id);
@@ -76,8 +93,10 @@ static bool is_wanted(const timer_record &timer, int wanted_days, const options 
   const bool fits_day =
       wanted_days == 0 ? timer.week_flag == 0 : (own_days & wanted_days) != 0; // 0: once
   const bool is_off = timer_type_of(timer.type).action == timer_action::kTurnOff;
-  return fits_day && (!given.on_timers || is_ontimer_type(timer.type)) &&
-         (!given.off_timers || is_off);
+  const bool fits_kind = (!given.on_timers && !given.off_timers) ||
+                         (given.on_timers && is_ontimer_type(timer.type)) ||
+                         (given.off_timers && is_off);
+  return fits_day && fits_kind;
 }
 
 // What is not as usual.
@@ -180,9 +199,6 @@ civil_time requested_time(const time_request &time, const timer_record &timer, c
   const civil_time own_now = now.of(timer.clock);
   if (time.is_now)
     return is_ontimer_type(timer.type) ? floor<minutes>(own_now) + 1min : own_now + kSoon;
-  if ((time.day || time.week_flag != 0) && timer.week_flag != 0)
-    throw usage("a timer for a date does not repeat",
-                "give --at a time of day alone, or leave --on out", "--at");
   if (time.day && time.offset)
     return on_clock(*time.day + time.time_of_day - *time.offset, timer.clock);
   if (time.day)
@@ -217,6 +233,11 @@ static timer_record requested(const options &given, const snapshot &view,
   const bool is_dated = base.id != 0 && base.week_flag == 0 && timer.week_flag == 0;
   if (is_dated && !time.day && time.week_flag == 0 && !time.is_now)
     time.day = day;
+  if ((time.day || time.week_flag != 0) && timer.week_flag != 0)
+    throw usage("a timer for a date does not repeat",
+                std::string("give --at a time of day alone, or ") +
+                    (given.days.empty() ? "add --on once" : "leave --on out"),
+                "--at");
   timer.at = requested_time(time, timer, view.now);
   return timer;
 }
@@ -401,17 +422,8 @@ static void ask_before(std::size_t count) {
 }
 
 void cancel_timers(client &client, const options &given) {
-  if (given.all != given.words.empty())
-    throw usage(given.all ? "--all goes with no ID" : "cancel needs ID",
-                "write it as in dravelctl cancel 3 5, or dravelctl cancel --all", "--all");
   const auto timers = client.timers();
-  auto ids = ids_of(given.words, "dravelctl list");
-  for (const timer_record &timer : timers)
-    if (given.all)
-      ids.push_back(timer.id);
-  for (const int id : ids)
-    if (find_timer(timers, id) == nullptr)
-      throw no_such_timer(id);
+  const auto ids = timers_of(timers, given, "cancel");
   if (given.all && !ids.empty())
     ask_before(ids.size());
   for (const int id : ids) {

@@ -34,7 +34,6 @@ struct element {
 
 } // namespace
 
-static constexpr const char *kNothing = "nothing is imported";
 static constexpr const char *kWanted = "dravelctl export writes what is wanted";
 
 // Lists and objects are not printed: they may be nested deeply.
@@ -43,12 +42,12 @@ static constexpr const char *kWanted = "dravelctl export writes what is wanted";
   const std::string text = value.is_object()  ? "an object"
                            : value.is_array() ? "a list"
                                               : value.dump(-1, ' ', true).substr(0, 40);
-  throw failure{element.where + " is " + text + "; it must be " + wanted, kNothing};
+  throw failure{element.where + " is " + text + "; it must be " + wanted, kNothingChanged};
 }
 
 static element field_of(const element &of, const char *name) {
   if (!of.value.contains(name))
-    throw failure{of.where + " has no " + name, kNothing};
+    throw failure{of.where + " has no " + name, kNothingChanged};
   return {of.value.at(name), of.where + "." + name};
 }
 
@@ -59,7 +58,7 @@ static void check_names(const element &of, const json &like) {
   for (const auto &[name, value] : of.value.items())
     if (!like.contains(name))
       throw failure{of.where + " has a field " + name + ", which dravelctl export does not write",
-                    kNothing};
+                    kNothingChanged};
 }
 
 static int number_of(const element &of, int least, int most) {
@@ -144,7 +143,7 @@ static holiday holiday_of(const element &of, std::vector<std::string> &) {
   const holiday period{.first = end_of(field_of(of, "first")),
                        .last = end_of(field_of(of, "last"))};
   if (runs_over_new_year(period))
-    throw failure{of.where + " runs over the new year and matches no day", kNothing};
+    throw failure{of.where + " runs over the new year and matches no day", kNothingChanged};
   return period;
 }
 
@@ -185,7 +184,8 @@ static int type_of(const element &of, std::vector<std::string> &) {
 static void check_dates(const json &timers, const std::string &where) {
   for (std::size_t i = 0; i < timers.size(); ++i)
     if (timers[i].value("days", json::array()).empty() && !timers[i].contains("at"))
-      throw failure{where + "[" + std::to_string(i) + "] is for once and has no date", kNothing};
+      throw failure{where + "[" + std::to_string(i) + "] is for once and has no date",
+                    kNothingChanged};
 }
 
 timer_record read_timer(const json &value, const std::string &where,

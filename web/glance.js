@@ -85,7 +85,7 @@ function screenButtons() {
 function machineFacts(machine) {
     return [
         machine.alarm && ["Alarm", `${at(machine.alarm)}, ${causeOf(machine.alarm_for)}`],
-        machine.alarm_problem && ["Its fault", machine.alarm_problem],
+        machine.alarm_problem && [machine.alarm ? "Its fault" : "Alarm", machine.alarm_problem],
         machine.last_wake && ["Woken last", `${at(machine.last_wake)}, ${causeOf(machine.last_wake_cause)}`],
         machine.sleeps_at && ["Sleeps", at(machine.sleeps_at)],
         machine.postponed && ["Stays awake", machine.postponed],

@@ -209,14 +209,15 @@ function showRefusals(form, refusal) {
 }
 
 function showPreview(place, done) {
-    const lines = [`Fires next: ${done.next_text}.`, ...done.notes];
+    const next = done.armed ? `Fires next: ${done.next_text}.` : `${sentence(done.next_text)}.`;
+    const lines = [next, ...done.notes];
     place.replaceChildren(...lines.map(line => element("p", {}, line)));
 }
 
 function report(done, timer) {
     const title = sentence(done.title);
     const first = timer ? `${title} takes the place of timer ${timer.id}.` : `${title} is added.`;
-    tell([`${first} It fires next ${done.next_text}.`, ...done.notes]);
+    tell([`${first} It ${done.armed ? "fires next" : "is"} ${done.next_text}.`, ...done.notes]);
 }
 
 // --- the dialog ---

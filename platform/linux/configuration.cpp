@@ -14,6 +14,7 @@ static constexpr unsigned kLongestSeconds = 86400;
 
 static linux_configuration current;
 static bool is_in_force; // a file has been read
+static std::vector<std::string> faults;
 
 static bool take_rtc(linux_configuration &into, const char *text) {
   into.rtc = text;
@@ -54,25 +55,26 @@ static bool take_off_action(linux_configuration &into, const char *text) {
   return found != std::end(kActions);
 }
 
-static bool take_switch(bool &into, const char *text, const char *on, const char *off) {
-  into = g_str_equal(text, on);
-  return into || g_str_equal(text, off);
+static bool take_switch(bool &into, const char *text) {
+  into = g_str_equal(text, "yes") || g_str_equal(text, "true");
+  return into || g_str_equal(text, "no") || g_str_equal(text, "false");
 }
 
 static bool take_keep_timers(linux_configuration &into, const char *text) {
-  return take_switch(into.keep_timers, text, "true", "false");
+  return take_switch(into.keep_timers, text);
 }
 
 static bool take_hop_boots(linux_configuration &into, const char *text) {
-  return take_switch(into.decisions.hop_boots, text, "yes", "no");
+  return take_switch(into.decisions.hop_boots, text);
 }
 
 static bool take_follow_screen(linux_configuration &into, const char *text) {
-  return take_switch(into.decisions.follow_screen, text, "sleep", "no");
+  into.decisions.follow_screen = g_str_equal(text, "sleep");
+  return into.decisions.follow_screen || g_str_equal(text, "no");
 }
 
 static bool take_screen_follows(linux_configuration &into, const char *text) {
-  return take_switch(into.decisions.screen_follows, text, "yes", "no");
+  return take_switch(into.decisions.screen_follows, text);
 }
 
 template <auto Field> static bool take_seconds(linux_configuration &into, const char *text) {
@@ -95,8 +97,8 @@ struct configuration_key {
 } // namespace
 
 static constexpr configuration_key kKeys[] = {
-    {"rtc", take_rtc, "auto", "auto or a device"},
-    {"cec", take_cec, "auto", "auto, off or a device"},
+    {"rtc", take_rtc, "auto", "auto or a device such as /dev/rtc0"},
+    {"cec", take_cec, "auto", "auto, off or a device such as /dev/cec0"},
     {"cec-standby", take_cec_standby, "tv", "tv or all"},
     {"cec-physical-address", take_physical_address, "auto", "auto or an address such as 1.0.0.0"},
     {"off-action", take_off_action, "suspend", "suspend, poweroff, hibernate or none"},
@@ -109,6 +111,11 @@ static constexpr configuration_key kKeys[] = {
     {"keep-timers", take_keep_timers, "true", "true or false"},
 };
 
+static void tell(const std::string &fault) {
+  report("%s", fault.c_str());
+  faults.push_back(fault);
+}
+
 static const char *what_holds() {
   return is_in_force ? "what is in force stays" : "the default is used";
 }
@@ -118,14 +125,15 @@ static void take_value(const configuration_key &key, const char *text, const cha
   if (key.take(changed, text))
     current = changed;
   else
-    report("%s: %s cannot be \"%s\", only %s; %s", path, key.name, text, key.values, what_holds());
+    tell(std::string(path) + ": " + key.name + " cannot be \"" + text + "\", only " + key.values +
+         "; " + what_holds());
 }
 
 static void report_unknown_keys(GKeyFile *file, const char *path) {
   g_auto(GStrv) names = g_key_file_get_keys(file, kGroup, nullptr, nullptr);
   for (char **name = names; name != nullptr && *name != nullptr; ++name)
     if (std::ranges::none_of(kKeys, [=](const auto &key) { return g_str_equal(key.name, *name); }))
-      report("%s: there is no key \"%s\"", path, *name);
+      tell(std::string(path) + ": there is no key \"" + *name + "\"");
 }
 
 // False, and one line, when the file is there and cannot be used.
@@ -134,21 +142,24 @@ static bool load(GKeyFile *file, const char *path) {
   if (!g_key_file_load_from_file(file, path, G_KEY_FILE_NONE, &error)) {
     if (g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT))
       return true;
-    report("%s: %s; %s", path, error->message, what_holds());
+    tell(std::string(path) + ": " + error->message + "; " + what_holds());
     return false;
   }
   if (g_key_file_has_group(file, kGroup))
     return true;
-  report("%s: there is no group [%s]; %s", path, kGroup, what_holds());
+  tell(std::string(path) + ": there is no group [" + kGroup + "]; " + what_holds());
   return false;
 }
 
 const linux_configuration &configuration() { return current; }
 
+const std::vector<std::string> &configuration_faults() { return faults; }
+
 void read_configuration() {
   const char *given = std::getenv("DRAVEL_CONFIGURATION");
   const char *path = given == nullptr ? "/etc/dravel-manager.conf" : given;
   g_autoptr(GKeyFile) file = g_key_file_new();
+  faults.clear();
   if (load(file, path)) {
     report_unknown_keys(file, path);
     for (const configuration_key &key : kKeys) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 struct linux_configuration {
   settings decisions;
@@ -19,7 +20,10 @@ struct linux_configuration {
 // The values in force; before the first reading, the defaults.
 const linux_configuration &configuration();
 
-// What is bad is one line in the journal each. At the first reading the default takes its place,
-// later the value in force stays. A key that is absent has its default, as has every key of a file
-// that does not exist.
+// What is bad is one line in the journal each, and one of configuration_faults(). At the first
+// reading the default takes its place, later the value in force stays. A key that is absent has its
+// default, as has every key of a file that does not exist.
 void read_configuration();
+
+// What the last reading found: "/etc/dravel-manager.conf: there is no key ...".
+const std::vector<std::string> &configuration_faults();

@@ -1,5 +1,6 @@
 #include "machine_object.h"
 
+#include "configuration.h"
 #include "milliseconds.h"
 #include "sentences.h"
 
@@ -61,7 +62,7 @@ static std::string alarm_problem(const machine &record) {
 }
 
 static std::vector<std::string> problems_of(const machine &record) {
-  std::vector<std::string> sentences;
+  std::vector<std::string> sentences = configuration_faults();
   for (std::size_t i = 0; i < kProblems; ++i)
     if (record.problems[i] != 0)
       sentences.push_back(sentence_of(static_cast<problem>(i), record.problems[i]));

@@ -100,7 +100,7 @@ newer() { # whether the clock is confirmed; when timer 2, wake-20 at 7:00 on 16 
 machine() { # which follows an order for its screen, now on or as given, with such Python
   put machine 8 Screen s ${2:-on} ScreenBy s 'cec0 1.0.0.0' Alarm t $((noon + 68400)) AlarmFor s foreign \
     LastWake '(ts)' $((noon - 18000)) hop SleepsAt t $((noon + 1800)) Postponed s 'a download' \
-    Problems as 2 'one thing' 'another thing'
+    Problems as 2 'one thing' '/etc/dravel-manager.conf: x'
   busctl call $daemon $object/machine $bus.Mock AddMethod sssss $daemon.machine TurnScreen b '' "$1"
 }
 screen="self.UpdateProperties('$daemon.machine', {'Screen': 'on' if args[0]"
@@ -237,7 +237,8 @@ TEST_F(Ctl, DaysZonesAndLanguages_AreUnderstood_AndNonsenseIsRefused) {
     add 7:0 => 2 is no time
     add '7:00 8:00' => 2 is no time
     add 'today tomorrow 7:00' => 2 is no time
-    add '2026-12-24 7:00' --on mon => 2 a timer for a date does not repeat
+    add '2026-12-24 7:00' --on mon => 2 does not repeat; give --at a time of day alone, or leave --on out
+    add 7 --on mon -> ctl change 1 --at 'tomorrow 9:00' => 2 time of day alone, or add --on once\n
     add 'fri 7:00' --on mon => 2 a timer for a date does not repeat
     add 7:00:05 => 0 On-timers ignore seconds.
     LC_ALL=de_DE.UTF-8 add 'mi. 7:00' => 0 Wed 2026-12-16 07:00:00
@@ -247,6 +248,15 @@ TEST_F(Ctl, DaysZonesAndLanguages_AreUnderstood_AndNonsenseIsRefused) {
     add 7:00 --on daily --type transient-off => 0 fires once, whatever its days
     add 7:00 --on mon-fri => 0 Days: weekdays
     add 7:00 --on monday --on sat,sun => 0 Days: Mon,Sat,Sun
+    add 7:00 --on 'mon, tue Fri' => 0 Days: Mon,Tue,Fri
+    add 7:00 --on mon, tue => 2 add does not take tue; put the days in quotes: --on "mon, tue"
+    add 7:00 --on '' => 2 --on= is not understood
+    add fri 20:00 --type off => 2 add does not take 20:00; put the time in quotes: --at "fri 20:00"\n
+    ctl add --at=2026-12-24 18 => 2 put the time in quotes: --at "2026-12-24 18"\n
+    ctl change 1 --at next fri 8pm --on once => 2 not take fri; put the time in quotes: --at "next fri 8pm"\n
+    ctl change --at tomorrow 9:00 1 => 2 put the time in quotes: --at "tomorrow 9:00"\n
+    ctl history --since yesterday 20:00 => 2 put the time in quotes: --since "yesterday 20:00"\n
+    add 7 --on mon -> ctl change --at 8 1 => 0 Days: Mon\n
     add 25:00 => 2 --at=25:00 is no time; write 7:00
     add '2026-14-24 18:00' => 2 is no time
     add 7:00 --on someday => 2 --on=someday is not understood; write mon
@@ -291,6 +301,9 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00; add 8:00 -> ctl rm --all; ctl ls => 0 No timers.
     ctl cancel => 2 cancel needs ID
     ctl cancel 1 --all => 2 --all goes with no ID
+    ctl remove all => 2 all is no id; write it as in dravelctl cancel 3 5, or dravelctl cancel --all
+    ctl cancel 1,2 => 2 1,2 is no id; give ids with blanks between them
+    ctl cancel 2-5 => 2 2-5 is no id; give ids with blanks between them
   )");
 }
 
@@ -306,6 +319,9 @@ TEST_F(Ctl, Holidays_AndChanges_TellWhatTheyMove) {
       Timer 1 ignores holidays.\nNote: Timer 1 is now armed for Wed 2026-12-16 07:00:00; it was armed \
       for Fri 2026-12-18 07:00:00.\nID  FIRST DAY  LAST DAY\n1   16 Dec     17 Dec\n
     add 7 -> holidays skip -j 1 => 0 {"id":1,"holidays":"skip",
+    add 7; add 8 -> holidays skip --all => 0 Timer 1 skips holidays.\nTimer 2 skips holidays.
+    holidays ignore => 2 holidays ignore needs ID; write it as in
+    holidays add 12-24 -> holidays rm 1 => 0 Holidays 1 are removed.
     holidays add 01-01 12-31 -> add 7:00 --on daily --holidays skip => 1 holidays cover every day
     holidays add 12-16 -> add 7:00:30 --holidays skip => 0 \
       Holidays move it from Wed 2026-12-16 07:00:30 to Thu 2026-12-17 07:00:00.
@@ -329,6 +345,8 @@ TEST_F(Ctl, Holidays_AndChanges_TellWhatTheyMove) {
     add 7:00; holidays add 12-24 -> holidays add 12-24 --all; ctl list => 0 \
       These days are holidays 1 already.\nTimers that skip them: 1\n
     holidays add 12-24 -> holidays add 12-24 => 1 these days are holidays 1 already
+    holidays add 12-26 12-24 --all => 0 Note: These are 364 days of each year.\n
+    holidays add 01-01 03-31 --all => 0 Timers that skip them =/> days of
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 Holidays 1 are added: 20 Dec to 31 Dec.\n\
       Holidays 2 are added: 1 Jan to 6 Jan.
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 no holidays =/> No timer
@@ -383,6 +401,7 @@ TEST_F(Ctl, TimersAndTheOverview_AreListed) {
     add 7 -> echo n | script -qc 'dravelctl cancel --all' /dev/null; ctl list => 0 nothing is cancelled =/> No
     add 7 -> echo Y | script -qc 'dravelctl cancel --all' /dev/null => 0 Timer 1 is cancelled.
     three -> ctl list --off-timers => 0 \n1   off =/> \n2
+    three; add 8 --type announce -> ctl list --off-timers --on-timers | wc -l => 0 5\n
     add 7 --type 200 --priority 3 --clock rtc --holidays skip -> ctl list; ctl show 1 => 0 \
       200   Wed 2026-12-16 07:00  19 h  once  no holidays, priority 3, rtc\n       Timer: 1\n        \
       Type: 200 (200): wakes a sleeping set and is announced\n Next firing: Wed 2026-12-16 07:00:00, \
@@ -509,6 +528,7 @@ TEST_F(CtlOnAMachine, IsChecked_AndTriedOut) {
   check(R"(
     ctl check => 1 problem Screen: there is no HDMI-CEC adapter, and no unit turns the screen; sy
     ctl check => 1 ok      Sleep: the machine suspends after an off-timer =/> problem Alarm
+    ctl check => 1 ok      Configuration: /etc/dravel-manager.conf has no fault
     ability na -> ctl check => 1 problem Sleep: this machine cannot suspend, it stays awake
     ability no -> ctl check => 1 problem Sleep: this machine cannot
     ability yes -> ctl check => 1 note    NTP: the clock is not set from the network: timers drift
@@ -522,8 +542,9 @@ TEST_F(CtlOnAMachine, IsChecked_AndTriedOut) {
     unit active -> ctl check => 0 ok      Hooks: no unit of a target has failed =/> problem
     ctl test screen --seconds 0 => 0 No television answers: look whether the screen was dark.
     ctl test wake => 1 the machine did not sleep: the alarm or the sleep was refused: Inappropriate ioctl
-    ctl test wake --seconds 5 => 1 did not sleep: the machine cannot sleep for so many seconds
-    ctl test wake --seconds 1h => 2 --seconds=1h is no number of seconds; give one up to 3600
+    busctl call $daemon $object/machine $daemon.machine TestWake u 5 => 1 machine cannot sleep for so many seconds
+    ctl test wake --seconds 0 => 2 --seconds=0 is no such number of seconds; give one from 20 to 3600
+    ctl test screen 30 => 2 test screen does not take 30; write --seconds 30
     ctl test => 2 test needs screen or wake
   )");
 }
@@ -555,6 +576,7 @@ TEST_F(Ctl, History_TellsWhatTheJournalHas) {
     night -> export TZ=CET-1; past | grep -c "$(date -d @$(ago 2) '+%F %H:%M')" => 0 1
     night -> export TZ=CET-1; past --since 1970-01-01 => 0  the machine is sent to sleep: suspend\n
     ctl history --since tomorrow => 2 --since=tomorrow is no time that has passed; write yesterday
+    mkdir j -> past => 1 there is no journal in j; name a directory
     ctl history --journal /nowhere => 1 the journal in /nowhere cannot be read: No such file
     ctl history x => 2 x is no id
   )steps");
@@ -694,7 +716,7 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
       Timer 1 ignores holidays. =/> \n2
     add 7:00 --on mon --holidays skip; file $seven -> ctl apply x --check => 5 \
       Would be changed: timer 1, to ignore holidays.
-    file '{"type":10,"at":"2026-12-24T22:00:00"}' -> ctl apply x => 1 22:00 is never stored
+    file '{"type":10,"at":"2026-12-24T22:00:00"}' -> ctl apply x => 1 22:00 is never stored and cannot be applied; nothing is changed
     file $seven $christmas,$christmas -> ctl apply x => 1 holidays 24 Dec to 25 Dec stand twice
     file $seven,$seven -> ctl apply x => 1 on, Mon, 07:00 stands twice in the file
     file '{"type":0,"time":"07:00"}' -> ctl apply x => 1 timers[0] is for once and has no date
@@ -746,6 +768,9 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl '' => 2 dravelctl: there is no command ''; dravelctl help lists
     ctl help rm => 0 Cancel timers
     ctl help juggle => 2 there is no command juggle
+    ctl del => 2 no command del, did you mean delete?;
+    ctl edit 1 --at 8 => 2 did you mean change?
+    ctl help add => 0 \n  --on DAYS                 Repeat
     ctl help holidays add => 0 Usage: dravelctl holidays add
     signal STOP -> wait=0.2; add 7 -j; status=$?; signal CONT; exit $status => 3 "kind":"timeout"
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/x ctl list => 3 no system bus: Could not connect: No such
@@ -876,7 +901,7 @@ TEST_F(CtlWithout, WhatADaemonTells_IsShown_AndWhatItDoesNotTell_IsMarkedAsGuess
 TEST_F(CtlWithout, WhatAMachineTells_IsShown) {
   check(R"steps(
     newer true; machine -> export TZ=CET-1; ctl => 0 \
-      Problem: One thing. dravelctl check shows 1 more problem\n
+      Problem: One thing. dravelctl check shows more.\n
     export TZ=CET-1; ctl => 0 \n    Woken by: timer 2 (wake-20, once)\n      Screen: on, by cec0 1.0.0.0\n       \
       Alarm: Wed 2026-12-16 08:00:00, in 20 hours, for another program\nLast wake-up: Tue 2026-12-15 \
       08:00:00, on the way to a later on-time\n      Sleeps: Tue 2026-12-15 13:30:00, in 90 minutes; \
@@ -885,12 +910,12 @@ TEST_F(CtlWithout, WhatAMachineTells_IsShown) {
     export TZ=CET-1; ctl -j => 0 "alarm":"2026-12-16T08:00:00+01:00","alarm_seconds":1797404400,\
       "alarm_for":"foreign","alarm_problem":"","last_wake":"2026-12-15T08:00:00+01:00",\
       "last_wake_seconds":1797318000,"last_wake_cause":"hop","sleeps_at":"2026-12-15T13:30:00+01:00",\
-      "sleeps_at_seconds":1797337800,"postponed":"a download","problems":["one thing","another thing"]
+      "sleeps_at_seconds":1797337800,"postponed":"a download","problems":["one thing","/etc/dravel-manager.conf: x"]
     ctl check => 1 note    NTP: timedated does not answer
     ctl check => 1 problem Sleep: logind does not answer
     ctl check => 1 Other alarm: Wed 2026-12-16 07:00:00, in 19 hours, for another program; the \
       machine's own follows it\nok      Screen: the television answers to cec0 1.0.0.0: on\nproblem \
-      Machine: one thing; journalctl -t DRAVEL_LINUX\nproblem Machine: another thing;
+      Machine: one thing; journalctl -t DRAVEL_LINUX\nproblem Configuration: /etc/dravel-manager.conf: x; correct it, then: systemctl reload dravel-manager\n
     machine '' unknown -> ctl check => 1 note    Screen: the television does not answer to cec0 1.0.0.0 now
     machine "$screen else 'off'})" -> ctl test screen --seconds 1 => 0 \nThe television said: off, then on.\n
     machine "$screen else 'unknown'})" -> ctl test screen --seconds 0 => 0 : nothing, then on.\n

@@ -80,12 +80,14 @@ TEST_F(Policy, LocalUsersLook_TheGroupChanges_RootAloneCopies) {
                         "DBUS_SYSTEM_BUS_ADDRESS=" POLICY_BUS " ") +
             kAsCaller[LOCAL_USER] +
             "sh -c 'PATH=/run/bench:$PATH; dravelctl halt on; dravelctl check; "
-            "dravelctl overview; dravelctl backup b -j'")
+            "dravelctl overview; dravelctl backup b -j; dravelctl backup /; echo $?'")
           .said,
       testing::AllOf(
-          HasSubstr("you may not change the timers; members of the group dravel may;"),
-          HasSubstr("problem Group: you may not change the timers: members of the group"),
+          HasSubstr(
+              "you may not change the timers; members of the group dravel may; as root: adduser"),
+          HasSubstr("problem Group: you may not change the timers; members of the group"),
           HasSubstr("\"may\":{\"change\":\"members of the group dravel may;"),
+          testing::EndsWith("cannot write to /: Permission denied\n4\n"),
           HasSubstr("{\"kind\":\"not-allowed\",\"what\":\"you may not copy the database\","
                     "\"advice\":\"only root may\"}")));
 }

@@ -20,6 +20,7 @@ ANSWERS = {
 
 if os.getuid() == pwd.getpwnam("nobody").pw_uid:
     ANSWERS["history"] = {"error": {"kind": "not-allowed", "what": "the journal cannot be read", "advice": "members may"}}
+    MACHINE.update(alarm=None, alarm_for="none", alarm_problem="the clock refuses it")
 command = " ".join(sys.argv[2:])
 answer = ANSWERS.get(command)
 if answer is None:

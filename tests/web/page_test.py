@@ -82,7 +82,7 @@ MACHINE = {
             "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
     "after a test": "store dravel.test-wake.localhost none; open member machine; see 'The machine was woken Tue 22 Dec 06:58:30, for a timer.'",
     "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",
-    "no history": "open guest machine; press History; see 'members may. As an administrator press “Limited access”'",
+    "no history": "open guest machine; see 'Alarm\nthe clock refuses it'; press History; see 'members may. As an administrator press “Limited access”'",
 }
 FULL = ("press 'Add a timer'; set at 23:59; see 'removed to make room'; press Add; see 'removed to make room'; tick force; press Add; see 'is added'; "
         "told status '\"timers\":80'; press 'Add a timer'; see 'The list is full'; press Cancel")
@@ -242,7 +242,7 @@ class Page(unittest.TestCase):
         self.open()
         self.bench.lose_clock()
         self.play('see "The set\'s clock is unknown"; see "No week can be shown"; barred Calendar; press "Remove the holidays 24 Dec"; '
-                  'see "None are set"')
+                  'see "None are set"; press "Add a timer"; set at 06:55; see "Not armed."; press Add; see "is added. It is not armed."')
 
     def test_looks(self):
         for command in ("add --at=7:00 --on=mon-fri --holidays=skip", "add --at=22:30 --type=off --on=daily",
