@@ -2,11 +2,12 @@
 
 #include "client.h"
 
+#include <glib.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -68,11 +69,12 @@ int run_remotely(const std::string &host, std::vector<std::string> words) {
   std::string arguments[] = {"ssh", "--", host, line};
   char *argv[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(),
                   arguments[3].data(), nullptr};
-  pid_t child = 0;
   int status = 0;
-  if (const int error = posix_spawnp(&child, "ssh", nullptr, nullptr, argv, environ); error != 0)
-    throw failure{"cannot run ssh: " + std::string(std::strerror(error)), "", fault::kNotRunning};
-  waitpid(child, &status, 0);
+  g_autoptr(GError) error = nullptr;
+  constexpr auto kFlags = GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_CHILD_INHERITS_STDIN);
+  if (g_spawn_sync(nullptr, argv, nullptr, kFlags, nullptr, nullptr, nullptr, nullptr, &status,
+                   &error) == FALSE)
+    throw failure{std::string("cannot run ssh: ") + error->message, "", fault::kNotRunning};
   if (!WIFEXITED(status) || WEXITSTATUS(status) == kSshFailed)
     throw failure{"cannot reach " + host, "", fault::kNotRunning};
   return WEXITSTATUS(status);

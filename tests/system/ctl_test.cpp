@@ -755,7 +755,7 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     dravelctl -H => 2 -H needs USER@HOST
     ctl list -H a@b => 2 -H stands behind another word
     dravelctl -H a@b import y => 1 cannot read y: No such
-    d=$(command -v dravelctl); PATH=/ $d -H a@b list => 3 cannot run ssh: No such
+    d=$(command -v dravelctl); PATH=/ $d -H a@b list => 3 cannot run ssh: Failed to
     printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; add 7:00 --on mon; file $seven -> \
       PATH=$PWD:$PATH dravelctl -Ha@b apply -t 5 x => 0 Nothing to change.
     printf '#!/bin/sh\nexit 255' >ssh; chmod +x ssh -> PATH=$PWD:$PATH dravelctl -H a@b list => 3 cannot reach a@b
