@@ -463,7 +463,7 @@ static std::optional<failure> unquoted(const CLI::App *command,
       continue;
     std::string value = *given == name ? *(second - 1) : given->substr(name.size() + 1);
     for (auto word = second; word != end; ++word)
-      value += " " + *word;
+      value.append(" ").append(*word);
     return usage(path_of(command) + " does not take " + *second,
                  std::string("put the ") + (is_time ? "time" : "days") + " in quotes: " + name +
                      " \"" + value + "\"",

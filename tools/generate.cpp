@@ -18,7 +18,7 @@ struct entry {
     std::string all = quote + path + quote;
     const std::string above = path.substr(0, path.rfind(' ') + 1);
     for (const std::string &alias : app->get_aliases())
-      all += between + (quote + above + alias) + quote;
+      all.append(between).append(quote).append(above).append(alias).append(quote);
     return all;
   }
 };
