@@ -440,12 +440,22 @@ static bool is_id(const CLI::App *command, const std::string &word) {
               .empty();
 }
 
-// A time, or days, of several words that are not quoted: 'the time in quotes: --at "fri 20:00"'.
+static bool is_time(const CLI::Option *option) { return option->get_type_name() == "TIME"; }
+
+// 'put the time in quotes: --at "fri 20:00"'
+static failure wants_quotes(const std::string &refused, const CLI::Option *option,
+                            const std::string &value) {
+  const std::string name = option->get_name();
+  const char *what = is_time(option) ? "time" : "days";
+  return usage(refused,
+               std::string("put the ") + what + " in quotes: " + name + " \"" + value + "\"", name);
+}
+
+// A time, or days, of several words that are not quoted.
 static std::optional<failure> unquoted(const CLI::App *command,
                                        const std::vector<std::string> &words) {
   for (const CLI::Option *option : command->get_options({})) {
-    const bool is_time = option->get_type_name() == "TIME";
-    if (!is_time && option->get_type_name() != "DAYS")
+    if (!is_time(option) && option->get_type_name() != "DAYS")
       continue;
     const std::string name = option->get_name();
     const auto begin = std::ranges::find_if(
@@ -464,10 +474,7 @@ static std::optional<failure> unquoted(const CLI::App *command,
     std::string value = *given == name ? *(second - 1) : given->substr(name.size() + 1);
     for (auto word = second; word != end; ++word)
       value.append(" ").append(*word);
-    return usage(path_of(command) + " does not take " + *second,
-                 std::string("put the ") + (is_time ? "time" : "days") + " in quotes: " + name +
-                     " \"" + value + "\"",
-                 name);
+    return wants_quotes(path_of(command) + " does not take " + *second, option, value);
   }
   return std::nullopt;
 }
