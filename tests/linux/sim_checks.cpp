@@ -459,6 +459,8 @@ void sim_checks::check_alarm() {
   const bool crosses = crossed_at_ > world_.down_at - (world_.delay_max + 1) * kSecondMs;
   const std::int64_t lead = crosses ? world_.set.lead_suspend : lead_of(world_, method);
   const std::int64_t ours = std::max(ahead - lead, least);
+  const std::int64_t rounding = alarm.counts_minutes ? kMinuteSeconds : 0;
+  world_.is_close = world_.is_close || ahead - lead < least + rounding;
   // One that is too near may go off before the machine sleeps; ours is set then.
   if (foreign != 0 && foreign - count <= least + kNearSeconds)
     return;
@@ -518,9 +520,12 @@ void sim_checks::check_release() {
     return;
   const millis last_try = begun_at + world_.m.use.delay_max_ms - kLastTryMs;
   // One that has started since may take this sleep for the last one, which has failed meanwhile.
+  const millis taken_for = world_.booted_at + world_.m.power.went.boot;
+  const bool is_mistaken = world_.alive_at >= begun_at && taken_for < begun_at;
+  const bool is_refused = world_.m.problems[static_cast<std::size_t>(problem::kAlarmRefused)] != 0;
   if (told_at_ < begun_at && world_.alive_at < begun_at)
     world_.broken(5, "the delay ends before the daemon knows of the standby");
-  if (world_.m.problems[static_cast<std::size_t>(problem::kAlarmRefused)] != 0 && now() < last_try)
+  if (is_refused && now() < last_try && !is_mistaken)
     world_.broken(5, "a refused alarm is given up with the delay");
   if (!world_.m.test.running && tampered_at_ < begun_at && off_went_at_ < begun_at &&
       !refuses_alarm(world_))
@@ -777,6 +782,9 @@ void sim_checks::note_clock(const event::any &what) {
   const bool was_known = is_clock_known();
   is_clock_set_ =
       is_clock_set_ || is_step || (ntp != nullptr && ntp->answered && ntp->synchronised);
+  // Who sends the machine to sleep after such a time does not want it any longer.
+  if (world_.sleeps_now || world_.stops_now)
+    unknown_due_ = -kDayMs;
   // Before such an on-time nobody asks the television whether it is still on.
   if (was_known || !is_clock_known() || !world_.m.armed ||
       unknown_due_ <= now() - kLateSeconds * kSecondMs)

@@ -84,6 +84,7 @@ void sim::begin_shutdown(bool is_called_off) {
   if (is_called_off_)
     world_at(now + kSecondMs, [this] {
       is_called_off_ = stops_now = false;
+      checks.sleep_failed();
       ++sleep_;
       signal(event::shutdown_ends{});
     });
