@@ -56,13 +56,16 @@ struct sim_television {
   bool denies = false;     // does not know Standby
   bool lies = false;       // always says that it is on
   bool is_monitor = false; // behind an adapter that could have a television
+  bool is_pulled = false;  // the adapter
   millis answers_after = 50;
   millis boots_for = 3 * kSecondMs;
   millis boots_until = 0;
   millis changed_at = 0; // by its remote, or in what it can do
   millis said_at = -1;   // ends every question before it
 
-  bool answers() const { return has_cec && has_address && !is_silent; }
+  bool answers() const { return has_adapter() && has_address && !is_silent; }
+  bool has_adapter() const { return has_cec && !is_pulled; }
+  bool is_plain() const { return !has_adapter() && !is_monitor; }
   event::tv_state reported(millis now) const {
     if (lies || (on && boots_until <= now))
       return event::tv_state::kOn;

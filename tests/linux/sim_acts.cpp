@@ -42,6 +42,20 @@ static void change_tv(sim &w, std::int64_t how, std::int64_t) {
   w.tell_reachable();
 }
 
+// Without an adapter the television hears nothing and nobody hears of it.
+static void pull_adapter(sim &w, std::int64_t seconds, std::int64_t) {
+  if (!w.tv.has_cec)
+    return;
+  w.tv.is_pulled = true;
+  w.tv.changed_at = w.now;
+  w.tell_reachable();
+  later(w, seconds, [&w] {
+    w.tv.is_pulled = false;
+    w.tv.changed_at = w.now;
+    w.tell_reachable();
+  });
+}
+
 static void slow_tv(sim &w, std::int64_t answer_ms, std::int64_t boot_seconds) {
   w.tv.changed_at = w.now;
   w.tv.answers_after = answer_ms;
@@ -212,6 +226,7 @@ static const act kActs[] = {
     {"remote", 5, {0, 1}, {0, 1}, use_remote},
     {"tv is", 5, {0, 4}, {}, change_tv},
     {"tv slow", 2, {50, 4000}, {1, 20}, slow_tv},
+    {"adapter pulled", 2, {1, 4000}, {}, pull_adapter},
     {"menu: sleep", 8, {}, {}, [](sim &w, auto, auto) { w.begin_sleep(off_action::kSuspend); }},
     {"menu: hibernate", 2, {}, {}, hibernate},
     {"menu: off", 2, {}, {}, [](sim &w, auto, auto) { w.begin_shutdown(false); }},

@@ -78,9 +78,9 @@ void sim_checks::miss(millis due) {
   const bool may_err = tv.lies || tv.answers_after > kAnswerMs;
   if (tv.changed_at > now() - kBeliefMs || said_off_at_ > due) // believed on, and asked too late
     return;
-  if (tv.has_cec ? !said_on_ : !world_.plain_on)
+  if (tv.has_adapter() ? !said_on_ : !world_.plain_on)
     world_.broken(1, "an on-timer has not turned the screen on");
-  else if (tv.has_cec && !tv.on && !may_err)
+  else if (tv.has_adapter() && !tv.on && !may_err)
     world_.broken(1, "the screen is believed on");
 }
 
@@ -112,7 +112,7 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
   }
   if (timer.type != 0)
     return;
-  const bool is_watched = world.tv.has_cec && (world.tv.on || world.tv.lies) && said_on_;
+  const bool is_watched = world.tv.has_adapter() && (world.tv.on || world.tv.lies) && said_on_;
   // In the second in which the hour changes, or the machine has woken, it may be taken for late.
   if (due == world.transition || is_cause_open_)
     on_until_ = std::max(on_until_, due_at_ + kOnTimeMs);
@@ -219,7 +219,7 @@ void sim_checks::check_turned_on(bool by_unit) {
   const millis again_until = turned_on_at_ + (by_unit ? kOrderMs : kSlowestMs);
   const bool is_again = is_ordered_on_ && (is_lost || !by_unit) && now() < again_until;
   if (!is_again && now() > on_until_ &&
-      !is_user_cause(world_, world_.tv.has_cec && has_spoken_, kOrderMs))
+      !is_user_cause(world_, world_.tv.has_adapter() && has_spoken_, kOrderMs))
     world_.broken(2, "the screen is turned on without a cause");
 }
 
@@ -247,7 +247,7 @@ void sim_checks::check_return() {
   if (tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on && !is_silent_ &&
       tv.changed_at < now() - kAskedMs)
     world_.broken(3, "somebody watches at a return");
-  if (tv.has_cec && asked_at_ < now() - kAskedMs)
+  if (tv.has_adapter() && asked_at_ < now() - kAskedMs)
     world_.broken(3, "the television is not asked before a return");
   const millis quiet = now() - world_.seen_at;
   if (world_.seen_at > world_.up_at && quiet > kUnseenMs &&
@@ -316,7 +316,7 @@ void sim_checks::ordered(const order::any &what) {
     is_sent_off_ = false;
     stays_at_ = -1;
     // A refused order leaves it unknown: an on-timer must not take it for on.
-    if (turns_on && !world_.tv.has_cec && !world_.tv.is_monitor)
+    if (turns_on && world_.tv.is_plain())
       said_on_ = !refuses<order::start_unit>(world_);
   }
   if (std::holds_alternative<order::tv_off>(what) ||
@@ -324,7 +324,7 @@ void sim_checks::ordered(const order::any &what) {
     is_ordered_on_ = false;
     is_sent_off_ = true;
     off_until_ = kNever;
-    said_on_ = said_on_ && start != nullptr && world_.tv.has_cec; // which has its own order
+    said_on_ = said_on_ && start != nullptr && world_.tv.has_adapter(); // which has its own order
   }
   if (start != nullptr)
     if (const auto found = std::ranges::find(lost_units_, start->name); found != lost_units_.end())
@@ -641,7 +641,8 @@ void sim_checks::check_cause() {
   // A user who has not pressed a key is not known, nor is an alarm that was set just before.
   if (known != cause::kUser && known != cause::kNothing)
     short_sleeps_ = 0;
-  if (!world_.tv.has_cec && !is_ordered_on_ && (known == cause::kTimer || known == cause::kHop))
+  if (!world_.tv.has_adapter() && !is_ordered_on_ &&
+      (known == cause::kTimer || known == cause::kHop))
     said_on_ = false; // nobody knows what it did meanwhile
   if (!knows_cause_ || is_alarm_near())
     return;
@@ -699,7 +700,7 @@ void sim_checks::process_ended() {
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
     return one.id == kStarting && (one.of == unit::kOn || one.of == unit::kOff);
   });
-  if (!world_.tv.has_cec && is_starting) // perhaps: nobody has seen its job
+  if (!world_.tv.has_adapter() && is_starting) // perhaps: nobody has seen its job
     said_on_ = false;
   for (std::size_t part = 0; part < kProblems; ++part)
     has_line_[part] = world_.stored.problems[part] != 0;
@@ -720,7 +721,7 @@ void sim_checks::lost(const order::any &what) {
     is_ordered_on_ = true;
     turned_on_at_ = now();
   }
-  if (!world_.tv.has_cec && (start->name == unit::kOn || start->name == unit::kOff))
+  if (!world_.tv.has_adapter() && (start->name == unit::kOn || start->name == unit::kOff))
     said_on_ = false; // a sleep may come before it is started again
 }
 
@@ -801,7 +802,7 @@ void sim_checks::note_clock(const event::any &what) {
 void sim_checks::note_user(const event::any &what) {
   const bool is_key = std::holds_alternative<event::input>(what) &&
                       world_.seen_at >= world_.up_at && world_.m.power.now == phase::kAwake;
-  const bool follows = world_.set.screen_follows && (world_.tv.has_cec || world_.tv.is_monitor);
+  const bool follows = world_.set.screen_follows && !world_.tv.is_plain();
   const bool comes_back = follows || (!has_spoken_ && is_sent_off_);
   is_welcomed_ = is_welcomed_ || (is_key && comes_back && (!said_on_ || is_sent_off_));
 }
@@ -818,10 +819,14 @@ void sim_checks::note_television(const event::any &what) {
       has_spoken_ || said != nullptr || is_off || std::holds_alternative<event::tv_denies>(what);
   if (is_off)
     said_off_at_ = now();
+  const auto *reachable = std::get_if<event::tv_reachable>(&what);
+  if (reachable != nullptr && !reachable->adapter && std::exchange(has_spoken_, false))
+    said_on_ = false;
+  if (reachable != nullptr && reachable->adapter && turned_on_at_ > now() - kSlowestMs)
+    on_until_ = std::max(on_until_, now() + kOrderMs);    // what it has missed is ordered again
   const auto *job = std::get_if<event::job_began>(&what); // perhaps one of the last run
-  const bool is_plain = !world_.tv.has_cec && !world_.tv.is_monitor;
   const bool is_found = job != nullptr && world_.up_at <= world_.alive_at;
-  if (is_found && job->of == unit::kOn && is_plain && !is_sent_off_)
+  if (is_found && job->of == unit::kOn && world_.tv.is_plain() && !is_sent_off_)
     said_on_ = true;
   if (is_found && (job->of == unit::kOn || job->of == unit::kOff)) // it was started just before
     std::erase(lost_units_, job->of);
@@ -833,7 +838,8 @@ void sim_checks::note_television(const event::any &what) {
   if (is_on) {
     said_on_ = true;
     expected_.clear();
-  } else if (is_off || (std::holds_alternative<event::tv_silent>(what) && world_.tv.has_cec) ||
+  } else if (is_off ||
+             (std::holds_alternative<event::tv_silent>(what) && world_.tv.has_adapter()) ||
              (std::holds_alternative<event::tv_denies>(what) && is_sent_off_)) // and not on since
     said_on_ = false;
 }

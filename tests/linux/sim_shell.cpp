@@ -134,6 +134,8 @@ struct shell {
   void operator()(const order::tv_ask &) const {
     if (!is_unreachable())
       world.process_at(world.now + world.tv.answers_after, [&world = world] {
+        if (world.tv.is_pulled)
+          return;
         world.tv.said_at = world.now;
         world.send(event::tv_reports{world.tv.reported(world.now)});
       });

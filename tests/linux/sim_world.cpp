@@ -182,7 +182,7 @@ void sim::write_foreign(std::int64_t ahead) {
 }
 
 void sim::tell_reachable() {
-  process_at(now + bus_ms, [this] { send(event::tv_reachable{tv.has_cec || tv.is_monitor}); });
+  process_at(now + bus_ms, [this] { send(event::tv_reachable{!tv.is_plain()}); });
 }
 
 // --- people ---
