@@ -49,7 +49,6 @@ static void plan_next_try(decision &d) {
 static void give_up(decision &d, problem which, int error) {
   auto &alarm = d.m.alarm;
   alarm.refused = error;
-  alarm.check = false;
   alarm.dirty = false;
   has_problem(d, which, error);
   if (!alarm.for_good)

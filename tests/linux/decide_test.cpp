@@ -1,6 +1,7 @@
 // Rules that the simulated nights do not reach or do not look at.
 #include "event.h"
 
+#include <device_power.h>
 #include <gtest/gtest.h>
 #include <linux/cec.h>
 
@@ -51,10 +52,31 @@ struct awake_machine {
     given.clear();
     send(event::sleep_ends{});
   }
+  // An off-timer, whose hooks have run.
+  void off_time() {
+    send(event::screen_wanted{false, event::asker::kDaemon});
+    send(event::job_began{1, unit::kOff});
+    send(event::job_ended{1});
+  }
   bool has(problem part) const { return m.problems[static_cast<std::size_t>(part)] != 0; }
   template <typename Order> long count() const {
     return std::ranges::count_if(
         given, [](const order::any &one) { return std::holds_alternative<Order>(one); });
+  }
+  std::vector<order::saying> said() const {
+    std::vector<order::saying> found;
+    for (const order::any &one : given)
+      if (const auto *same = std::get_if<order::say>(&one))
+        found.push_back(same->what);
+    return found;
+  }
+  // The value of the last callback of this kind; -1: none.
+  std::int32_t told(delivery what) const {
+    std::int32_t value = -1;
+    for (const order::any &one : given)
+      if (const auto *same = std::get_if<order::deliver>(&one); same && same->callback == what)
+        value = same->value;
+    return value;
   }
   template <typename Order> Order last() const {
     Order found{};
@@ -65,11 +87,12 @@ struct awake_machine {
   }
 
   void carry_out(const order::read_alarm &) {
-    send(event::alarm_read{{read_error, false, false, now.utc, alarm}});
+    send(event::alarm_read{{read_error, is_gone, false, now.utc, alarm}});
   }
   void carry_out(const order::write_alarm &o) {
-    alarm = refusal == 0 ? o.count : refusal == EBUSY ? alarm : 0;
-    send(event::alarm_written{o.count, refusal});
+    const int error = o.count - now.utc > range ? EINVAL : refusal;
+    alarm = error == 0 ? o.count : error == EBUSY ? alarm : 0;
+    send(event::alarm_written{o.count, error});
   }
   void carry_out(const order::switch_off_alarm &) {
     alarm = refusal == EBUSY ? alarm : 0;
@@ -83,7 +106,8 @@ struct awake_machine {
   machine m;
   moment now{kNow, 3600 * kSecondMs, 0, 0, 0};
   std::vector<order::any> given;
-  std::int64_t alarm = 0;
+  std::int64_t alarm = 0, range = kNever;
+  bool is_gone = false; // the device
   int refusal = 0, read_error = 0;
   std::int64_t next_transition = 0;
   event::late_timers late;
@@ -120,6 +144,7 @@ TEST(Decide, AMissedTimer_IsMadeUpFor_UnlessALaterOneUndoesIt) {
     EXPECT_EQ(run.count<order::tv_on>(), row.on);
     EXPECT_EQ(run.count<order::tv_off>(), row.off);
     EXPECT_EQ(run.count<order::start_unit>(), row.units) << row.timers.size();
+    EXPECT_EQ(std::ranges::count(run.said(), order::saying::kLate), row.units - row.on - row.off);
   }
 }
 
@@ -150,6 +175,8 @@ TEST(Decide, AScreen_IsBelievedOnlyWhatIsSaid) {
       {true, false, event::tv_standby{}, screen_state::kOff},
       {false, true, event::tv_silent{}, screen_state::kOn},
       {false, false, event::tv_silent{}, screen_state::kOff},
+      {false, true, event::unit_refused{unit::kOn, EIO}, screen_state::kUnknown},
+      {false, true, event::unit_refused{unit::kWakeup, EIO}, screen_state::kOn},
   };
   for (const auto &row : rows) {
     awake_machine run({}, row.has_cec);
@@ -189,6 +216,39 @@ TEST(Decide, ATelevisionsRemote_IsFollowed_WhenItHasSwitchedItOffSinceTheWakeUp)
   }
 }
 
+TEST(Decide, AWakeUp_TellsItsReasonOnce_AndAStepOfTheClockOnTheWayDown) {
+  for (const bool steps : {false, true}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    if (steps) {
+      run.send(event::sleep_begins{});
+      run.send(event::clock_stepped{});
+    }
+    run.sleep(985);
+    EXPECT_EQ(run.told(delivery::kWakeup), 2);
+    EXPECT_EQ(run.told(delivery::kTimeSet), steps ? 0 : -1);
+    run.send(event::sleep_begins{});
+    run.send(event::sleep_ends{}); // it has failed
+    EXPECT_EQ(run.told(delivery::kWakeup), 0);
+    run.send(event::tv_reports{event::tv_state::kOn});
+    EXPECT_EQ(run.told(delivery::kState), DEVICE_POWER_STATE_ON);
+    run.send(event::tv_reports{event::tv_state::kOff});
+    EXPECT_EQ(run.told(delivery::kState), DEVICE_POWER_STATE_SLEEPING);
+  }
+}
+
+TEST(Decide, ASleepWhoseCountComesLater_IsOne) {
+  awake_machine run;
+  run.pass(100);
+  run.now.slept += 100 * kSecondMs;
+  for (int times = 0; times < 2; ++times) {
+    run.send(event::ambient{});
+    run.pass(1);
+    ++run.now.sleeps;
+  }
+  EXPECT_EQ(run.count<order::take_inhibitor>(), 1);
+}
+
 // A monitor never says anything: that is no problem of a television.
 TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine) {
   awake_machine run;
@@ -204,6 +264,7 @@ TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine)
     EXPECT_EQ(run.count<order::tv_on>(), 3);
     EXPECT_EQ(run.m.screen.believed, screen_state::kUnknown);
     EXPECT_EQ(run.has(problem::kTelevision), speaks);
+    EXPECT_EQ(run.last<order::say>().number, 0);
   }
   run.given.clear();
   run.send(event::tv_asks_source{});
@@ -237,6 +298,7 @@ TEST(Decide, ATelevisionThatIsLate_IsAskedOn_AndTakenAtItsWord) {
     run.send(event::due{});
     EXPECT_EQ(run.count<order::tv_ask>(), row.after == 40 ? 14 + 5 : 14 + 20);
     EXPECT_TRUE(run.has(problem::kTelevision));
+    EXPECT_EQ(run.last<order::say>().number, row.on ? 1 : 0) << "it has answered";
     run.given.clear();
     run.send(row.on ? on : off);
     EXPECT_EQ(run.count<order::tv_on>(), row.pairs) << &row - rows;
@@ -249,6 +311,7 @@ TEST(Decide, ATelevisionThatIsLate_IsAskedOn_AndTakenAtItsWord) {
 TEST(Decide, ATelevisionThatRefusesTheQuestion_StillGetsThePairThreeTimes) {
   for (const bool for_good : {true, false}) {
     awake_machine run;
+    run.m.screen.has_spoken = false;
     run.send(event::screen_wanted{true, event::asker::kBus});
     for (int second = 0; second < 20; ++second) {
       run.pass(1);
@@ -276,15 +339,17 @@ TEST(Decide, AnAdapterThatComesLate_GetsTheOrder_UnlessItIsOld) {
     run.pass(row.after);
     run.send(event::tv_reachable{true});
     EXPECT_EQ(run.count<order::tv_on>(), row.gets_it ? 1 : 0) << &row - rows;
+    EXPECT_EQ(run.count<order::tv_ask>(), row.gets_it ? 0 : 1);
     EXPECT_EQ(run.m.screen.pending, row.gets_it);
   }
 }
 
 TEST(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn) {
-  const event::any said[] = {event::tv_silent{}, event::tv_reports{event::tv_state::kOn}};
+  const event::any said[] = {event::tv_reports{event::tv_state::kOn}, event::tv_silent{}};
+  awake_machine run;
   for (const event::any &answer : said) {
-    const bool is_silent = &answer == said;
-    awake_machine run;
+    const bool is_silent = &answer != said;
+    run.given.clear();
     run.send(event::screen_wanted{false, event::asker::kBus});
     for (int second = 0; second < 20; ++second) {
       run.pass(1);
@@ -305,6 +370,9 @@ TEST(Decide, ARefusedInhibitor_IsTriedForEveryMinute_AndAfterASleep) {
     run.send(event::due{});
   }
   EXPECT_EQ(run.count<order::take_inhibitor>(), 4);
+  run.send(event::works{problem::kInhibitor});
+  run.send(event::refused{problem::kInhibitor, EIO});
+  EXPECT_EQ(due_at(run.m, due_kind::kInhibitAgain), run.now.boot + kSecondMs);
   run.now.slept += 100 * kSecondMs; // without any announcement
   run.pass(100);
   run.send(event::ambient{});
@@ -334,6 +402,20 @@ TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
     EXPECT_EQ(run.alarm != 0, hop_boots);
     EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
     EXPECT_EQ(run.last<order::say>().what == order::saying::kHopWillNotBoot, !hop_boots);
+  }
+}
+
+TEST(Decide, AnOnTimeBeyondTheRange_IsReachedByTheLongestHopThatTheDeviceTakes) {
+  const struct {
+    std::int64_t range, hop; // seconds; 0: no alarm
+  } rows[] = {{30 * kOneDay, 27 * kOneDay}, {kOneDay, 23 * 3600}, {22 * 3600, 0}};
+  for (const auto &[range, hop] : rows) {
+    awake_machine run;
+    run.range = range;
+    run.send(event::program{0, kNow + 40 * kOneDay, 0});
+    EXPECT_EQ(run.alarm, hop == 0 ? 0 : kNow + hop);
+    EXPECT_EQ(run.m.alarm.range, hop);
+    EXPECT_EQ(run.has(problem::kAlarmRefused), hop == 0);
   }
 }
 
@@ -485,9 +567,7 @@ TEST(Decide, ADeviceThatIsNotUsedAnyLonger_KeepsWhatIsNotOurs) {
 TEST(Decide, AMonitorBehindAnAdapter_DoesNotDelayTheSleep_AndComesBackWithItsUser) {
   awake_machine run;
   run.m.screen.has_spoken = false;
-  run.send(event::screen_wanted{false, event::asker::kDaemon});
-  run.send(event::job_began{1, unit::kOff});
-  run.send(event::job_ended{1});
+  run.off_time();
   run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
   EXPECT_EQ(run.count<order::sleep>(), 1);
   run.sleep(100);
@@ -554,9 +634,7 @@ TEST(Decide, AnAlarmThatABusyDeviceKeeps_IsWaitedFor_WhenItGoesOffBeforeTheMachi
     run.refusal = EBUSY;
     run.send(event::program{0, kNow + 9000, 0});
     run.pass(985 - ahead);
-    run.send(event::screen_wanted{false, event::asker::kDaemon});
-    run.send(event::job_began{1, unit::kOff});
-    run.send(event::job_ended{1});
+    run.off_time();
     run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
     EXPECT_EQ(run.alarm, kNow + 985);
     EXPECT_EQ(run.count<order::sleep>(), ahead == 20 ? 1 : 0);
@@ -575,12 +653,30 @@ TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForASleep)
     run.send(event::due{});
   }
   EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), kNever);
-  run.send(event::screen_wanted{false, event::asker::kDaemon});
-  run.send(event::job_began{1, unit::kOff});
-  run.send(event::job_ended{1});
+  run.off_time();
   EXPECT_EQ(run.m.sleep.why, postponed::kNoAlarm);
   run.send(event::idle{});
   EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), run.now.boot + kSecondMs);
+}
+
+TEST(Decide, ADeviceThatIsNotThere_IsNotTriedAgain) {
+  awake_machine run;
+  run.is_gone = true;
+  run.send(event::program{0, kNow + 5000, 0});
+  EXPECT_TRUE(run.has(problem::kNoDevice));
+  run.send(event::idle{});
+  EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), kNever);
+  EXPECT_EQ(run.count<order::read_alarm>(), 1);
+}
+
+TEST(Decide, AnAlarmOfADeviceThatCannotBeRead_HasWokenTheMachine_ByTheSystemClock) {
+  for (const std::int64_t slept : {985, 500}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    run.read_error = EIO;
+    run.sleep(slept);
+    EXPECT_EQ(run.m.woken.by, slept == 985 ? cause::kTimer : cause::kNothing);
+  }
 }
 
 TEST(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince) {
@@ -626,13 +722,18 @@ TEST(Decide, APackageThatIsInstalledLate_MakesUpForNothing) {
 TEST(Decide, TheLastWakeUp_IsToldByTheClockOfNow) {
   for (const bool sleeps : {true, false}) {
     awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
     if (sleeps)
-      run.sleep(100);
-    run.pass(50);
+      run.sleep(985);
+    run.pass(5);
     run.now.utc += 86400;
+    run.now.utc_ms = 999;
+    run.now.boot += 999;
     run.send(event::clock_stepped{});
-    const std::int64_t since = sleeps ? 50 : run.now.boot / kSecondMs; // the boot
+    const std::int64_t since = sleeps ? 5 : run.now.boot / kSecondMs; // the boot
     EXPECT_EQ(run.m.woken.utc, run.now.utc - since);
+    const std::int64_t at_most = run.now.boot + 120 * kSecondMs;
+    EXPECT_EQ(due_at(run.m, due_kind::kReturn), sleeps ? at_most : kNever);
   }
 }
 
@@ -666,6 +767,11 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
     EXPECT_EQ(run.last<order::ask_late>().from, ago < 60 ? kNow - ago : kNow);
   }
   EXPECT_EQ(run.m.clock.state, clock_state::kByHand) << "somebody has set it, in this boot";
+  start.kept.woken.stays = true;
+  run.send(start);
+  run.send(event::armed{});
+  EXPECT_EQ(due_at(run.m, due_kind::kReturn), kNever) << "only the screen was to be turned off";
+  start.kept.woken.stays = false;
   start.kept.screen.ordered_on = true;
   run.send(start);
   run.send(event::armed{});
@@ -705,8 +811,11 @@ TEST(Decide, ARealTimeClockThatIsGone_LeavesTheClockKnown_InThisBoot) {
     again.has_kept = true;
     again.same_boot = same_boot;
     again.device.clock = run.now.utc;
+    again.kept.use.watched = true; // the last process has closed the input devices
     run.send(again);
     EXPECT_EQ(run.m.clock.state == clock_state::kUnknown, !same_boot);
+    EXPECT_EQ(run.count<order::watch_input>(), 0);
+    EXPECT_EQ(run.count<order::ask_use>(), 1);
   }
 }
 
@@ -726,8 +835,7 @@ TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
     EXPECT_EQ(run.m.clock.state, clock_state::kUnknown);
     run.send(row.what);
     EXPECT_EQ(run.m.clock.state, row.state) << &row - rows;
-    EXPECT_EQ(run.last<order::deliver>().callback == delivery::kTimeUpdate ||
-                  run.last<order::deliver>().callback == delivery::kTimeSet,
+    EXPECT_EQ(run.last<order::deliver>().callback == delivery::kTimeUpdate,
               row.state != clock_state::kUnknown);
   }
 }
@@ -793,15 +901,19 @@ TEST(Decide, ARefusedStandby_IsNoAnswerToTheQuestionBeforeAReturn) {
 }
 
 TEST(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake) {
-  for (const bool by_hand : {true, false}) {
-    awake_machine run;
+  enum class by : std::uint8_t { kNobody, kHand, kTimer }; // one of the off-action "none"
+  for (const by who : {by::kNobody, by::kHand, by::kTimer}) {
+    settings set;
+    set.off = off_action::kNone;
+    awake_machine run(set);
     run.send(event::program{0, kNow + 1000, 0});
     run.sleep(985);
-    if (by_hand)
-      run.send(event::screen_wanted{false, event::asker::kBus});
+    if (who != by::kNobody)
+      run.send(event::screen_wanted{false,
+                                    who == by::kHand ? event::asker::kBus : event::asker::kDaemon});
     run.send(event::tv_reports{event::tv_state::kOff});
     const std::int64_t after_on_time = run.now.boot + (15 + 120) * kSecondMs;
-    EXPECT_EQ(due_at(run.m, due_kind::kReturn), by_hand ? kNever : after_on_time);
+    EXPECT_EQ(due_at(run.m, due_kind::kReturn), who == by::kNobody ? after_on_time : kNever);
   }
 }
 
@@ -821,6 +933,8 @@ TEST(Decide, WhatPostponesASleep_IsAskedForAgain) {
     run.pass(900);
     run.send(event::due{});
     EXPECT_EQ(run.count<order::ask_use>(), 1);
+    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, false});
+    EXPECT_EQ(due_at(run.m, due_kind::kReturn), run.now.boot + 120 * kSecondMs);
   }
 }
 
@@ -828,16 +942,14 @@ TEST(Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater) {
   const struct {
     std::int64_t after; // seconds
     bool is_session, sleeps;
-  } rows[] = {{299, false, true}, {299, true, true}, {301, false, false}, {301, true, false}};
+  } rows[] = {{300, false, true}, {300, true, true}, {301, false, false}, {301, true, false}};
   for (const auto &[after, is_session, sleeps] : rows) {
     awake_machine run({}, false);
     const auto use = [&](std::int64_t session, std::uint8_t blocked) {
       run.send(event::use_changed{session, 0, blocked, kSleepBit, 5000, true});
     };
     use(0, kSleepBit);
-    run.send(event::screen_wanted{false, event::asker::kDaemon});
-    run.send(event::job_began{1, unit::kOff});
-    run.send(event::job_ended{1});
+    run.off_time();
     EXPECT_TRUE(run.m.use.watched);
     run.pass(after);
     if (!is_session)
@@ -884,6 +996,8 @@ TEST(Decide, AClockThatIsNotSynchronised_IsAskedEveryFiveMinutes_UntilItIs) {
     if (seconds != 60) // one answer is lost
       run.send(event::ntp{true, false, true});
   }
+  run.send(event::clock_stepped{});
+  EXPECT_EQ(due_at(run.m, due_kind::kAskClock), run.now.boot + 10 * kSecondMs);
   run.send(event::ntp{true, true, true});
   EXPECT_EQ(run.last<order::deliver>().callback, delivery::kTimeUpdate);
   EXPECT_EQ(due_at(run.m, due_kind::kAskClock), kNever);
@@ -897,9 +1011,7 @@ TEST(Decide, AnOffTimerThatWaits_SendsNothingToSleep_InTheSecondOfAnOnTime) {
   for (const std::int64_t late : {0, 1}) {
     awake_machine run({}, false);
     run.send(event::program{0, kNow + 10, 0});
-    run.send(event::screen_wanted{false, event::asker::kDaemon});
-    run.send(event::job_began{1, unit::kOff});
-    run.send(event::job_ended{1});
+    run.off_time();
     run.pass(10 + late);
     run.send(event::due{});
     run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
@@ -918,14 +1030,19 @@ TEST(Decide, AtOurEnd_AnAlarmThatHasGoneOffBeforeTheOnTime_IsWrittenForABoot) {
 }
 
 TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
-  awake_machine run;
-  run.send(event::job_began{1, unit::kWakeup});
-  run.send(event::job_began{2, unit::kWakeup});
-  run.send(event::jobs_told_again{});
-  run.send(event::job_began{2, unit::kWakeup});
-  run.pass(2);
-  run.send(event::due{});
-  EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
+  for (const bool sleeps : {false, true}) {
+    awake_machine run;
+    run.send(event::job_began{1, unit::kWakeup});
+    run.send(event::job_began{2, unit::kWakeup});
+    run.send(event::jobs_told_again{});
+    run.send(event::job_began{2, unit::kWakeup});
+    if (sleeps)
+      run.sleep(100);
+    else
+      run.pass(2);
+    run.send(event::due{});
+    EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
+  }
 }
 
 TEST(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered) {
@@ -1044,7 +1161,7 @@ TEST(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate) {
 }
 
 TEST(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion) {
-  for (const std::int64_t ahead : {0, 10, 11})
+  for (const std::int64_t ahead : {0, 1, 10, 11})
     for (const std::int64_t step : {0, 100}) {
       awake_machine run;
       for (int times = 0; times < 2; ++times)
@@ -1052,7 +1169,7 @@ TEST(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion) {
       run.now.utc += step;
       if (step != 0)
         run.send(event::clock_stepped{});
-      EXPECT_EQ(run.count<order::tv_ask>(), ahead == 10 ? 1 : 0) << step;
+      EXPECT_EQ(run.count<order::tv_ask>(), ahead == 1 || ahead == 10 ? 1 : 0) << step;
     }
 }
 
@@ -1087,6 +1204,7 @@ TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   awake_machine run;
   run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});
   EXPECT_TRUE(run.has(problem::kCannotSleep));
+  EXPECT_EQ(run.last<order::say>().error, 0) << "no call has failed";
   run.m.sleep.wish = sleep_wish::kOffTimer;
   run.m.sleep.stage = wish_stage::kAsked;
   run.m.power.now = phase::kSleepAsked;
@@ -1097,6 +1215,43 @@ TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   set.off = off_action::kPoweroff;
   run.send(event::configured{set});
   EXPECT_FALSE(run.has(problem::kCannotSleep));
+}
+
+TEST(Decide, AnOffTimerThatWaits_IsOver_WhenTheScreenIsWantedOn) {
+  awake_machine run({}, false);
+  run.off_time();
+  run.send(event::screen_wanted{true, event::asker::kBus});
+  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+  EXPECT_EQ(run.count<order::sleep>(), 0);
+}
+
+TEST(Decide, AnAnswerThatDoesNotCome_IsAProblemOfLogind_AndAScreenThatIsUnknown) {
+  for (const bool is_use : {true, false}) {
+    awake_machine run;
+    run.send(event::program{0, kNow + 1000, 0});
+    run.sleep(985);
+    run.pass(135);
+    run.send(event::due{});
+    run.send(is_use ? event::any{event::tv_reports{}}
+                    : event::any{event::use_changed{0, 0, 0, kSleepBit, 5000, true}});
+    run.pass(3);
+    run.send(event::due{});
+    EXPECT_EQ(run.has(problem::kUse), is_use);
+    EXPECT_EQ(run.count<order::sleep>(), is_use ? 0 : 1);
+    EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), run.now.boot + (is_use ? 30 : 90) * kSecondMs);
+  }
+}
+
+TEST(Decide, ATestThatCannotSleep_IsOver_AndAnOrderIsNotTakenBack) {
+  awake_machine run;
+  run.send(event::test_wake{7, 100});
+  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
+  run.off_time();
+  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kTest);
+  run.send(event::sleep_answered{EACCES});
+  EXPECT_EQ(run.last<order::answer>().error, EACCES);
+  EXPECT_EQ(run.last<order::answer>().seconds, 0);
+  EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), kNever);
 }
 
 TEST(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload) {

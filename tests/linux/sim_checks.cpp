@@ -176,7 +176,8 @@ void sim_checks::clock_stepped() {
   on_until_ = now() + kLateSeconds * kSecondMs; // what it goes past is made up for
   const bool is_off_time = std::ranges::any_of(world_.timers, [&](const sim_timer &timer) {
     const std::int64_t late = world_.utc() - world_.to_utc(timer.local);
-    return timer.type == 1 && late >= 0 && late <= (is_clock_known() ? kNearSeconds : kLateSeconds);
+    const bool is_heard = world_.is_alive && is_clock_known();
+    return timer.type == 1 && late >= 0 && late <= (is_heard ? kNearSeconds : kLateSeconds);
   });
   if (is_off_time)
     off_at_ = now();
@@ -316,7 +317,7 @@ void sim_checks::ordered(const order::any &what) {
     is_sent_off_ = false;
     stays_at_ = -1;
     // A refused order leaves it unknown: an on-timer must not take it for on.
-    if (turns_on && world_.tv.is_plain())
+    if (turns_on && !world_.m.screen.has_cec)
       said_on_ = !refuses<order::start_unit>(world_);
   }
   if (std::holds_alternative<order::tv_off>(what) ||
@@ -826,7 +827,8 @@ void sim_checks::note_television(const event::any &what) {
     on_until_ = std::max(on_until_, now() + kOrderMs);    // what it has missed is ordered again
   const auto *job = std::get_if<event::job_began>(&what); // perhaps one of the last run
   const bool is_found = job != nullptr && world_.up_at <= world_.alive_at;
-  if (is_found && job->of == unit::kOn && world_.tv.is_plain() && !is_sent_off_)
+  const bool is_believed = world_.tv.is_plain() && world_.m.screen.believed == screen_state::kOn;
+  if (is_found && job->of == unit::kOn && is_believed && !is_sent_off_)
     said_on_ = true;
   if (is_found && (job->of == unit::kOn || job->of == unit::kOff)) // it was started just before
     std::erase(lost_units_, job->of);
