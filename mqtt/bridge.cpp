@@ -10,7 +10,6 @@
 
 static constexpr unsigned kRefreshMs = 200;
 static constexpr unsigned kHourMs = 3600 * 1000; // the week moves on
-static constexpr int kDisconnectMs = 400;
 
 static constexpr const char *kOnline = "online";
 static constexpr const char *kOffline = "offline";

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "broker.h"
+#include "budget.h"
 #include "documents.h"
 #include "ledger.h"
 #include "outbox.h"
@@ -75,7 +76,7 @@ private:
   void stop(unsigned &timer);
 
   const configuration &configuration_;
-  client client_{3};
+  client client_{kDaemonSeconds};
   ledger ledger_;
   plans plans_;
   trial trial_;

@@ -1,5 +1,6 @@
 #include "broker.h"
 
+#include "budget.h"
 #include "journal.h"
 
 #include <glib.h>
@@ -15,7 +16,6 @@
 static constexpr std::size_t kMostWaiting = 100;
 static constexpr std::size_t kMostUnacknowledged = 1000;
 static constexpr unsigned kLongestDelay = 120; // seconds
-static constexpr int kDrainMs = 1500;          // for what is sent before a pause
 static constexpr int kHoldsSeconds = 5;        // more than another machine takes to come back
 static constexpr int kDoubtful = 3;            // short connections
 
