@@ -85,6 +85,12 @@ private:
   const listener listener_;
 
   std::thread thread_;
+  // the thread's own
+  long long connected_at_ = 0; // microseconds, monotonic
+  int short_connections_ = 0;  // in a row
+  std::string fault_;          // the last one told
+  std::string detail_;         // what the library says of it
+
   std::mutex lock_; // of what follows
   std::condition_variable changed_;
   mosquitto *client_ = nullptr;
@@ -94,13 +100,9 @@ private:
   bool is_ended_ = false;
   std::vector<std::pair<int, publication>> unacknowledged_; // by message id, in order
   bool is_stuck_ = false;
-  long long connected_at_ = 0; // microseconds, monotonic
-  int short_connections_ = 0;  // in a row
   std::deque<std::function<void()>> happened_;
   unsigned connection_ = 0;               // counts them
   std::size_t waiting_ = 0;               // messages among them, without those that follow
   std::map<std::string, message> newest_; // of this connection, by topic
   std::set<std::string> refused_topics_;  // told already
-  std::string fault_;                     // the last one told
-  std::string detail_;                    // what the library says of it
 };
