@@ -69,7 +69,7 @@ private:
   mosquitto *make();
   int secure(mosquitto *client);
   int connect(mosquitto *client);
-  void subscribe(mosquitto *client);
+  int subscribe(mosquitto *client);
   void hand_over(std::function<void()> happened);
   void receive(message received);
   void hear(const message &received);

@@ -192,6 +192,19 @@ TEST_F(Mqtt, ABroker_MayRetainFirst_AndAcknowledgeNothing) {
   seen->wait("dravel/m/result", R"("command":"apply","done":true)");
 }
 
+TEST_F(Mqtt, ASubscriptionThatCannotBeSent_IsTold_AndTriedAgain) {
+  start_broker("allow_anonymous true\nmax_packet_size 200\n");
+  of_machine = "groups=" + std::string(64, 'a') + "," + std::string(64, 'b') + "\n";
+  launch_bridge();
+  wait_bridge_log("no connection to the broker localhost:" + std::to_string(port) +
+                  ": Packet larger than");
+  broker.reset();
+  start_broker();
+  for (const char *now : {" --sleep", " --wake"})
+    EXPECT_EQ(shell(std::string(DRAVEL_MQTT) + now).status, 0);
+  wait_bridge_log("connected to the broker localhost as m");
+}
+
 TEST_F(Mqtt, ConnectionsThatNeverHold_RaiseAQuestion_Once) {
   const auto told = [](const std::string &text) {
     int count = 0;
