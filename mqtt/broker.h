@@ -56,6 +56,9 @@ public:
   void resume();                      // connects at once
   void pause();                       // disconnects once all is sent, and stays so
   bool wait_paused(int milliseconds); // false when it is still connected, or still tries to
+  // After `pause`, before the end of this object, which waits for the thread. False: an attempt to
+  // connect still runs; end the process without this object.
+  bool stop();
 
   // False without a connection, and when the broker does not take what is sent.
   bool publish(const publication &publication);
