@@ -6,7 +6,6 @@
 #include "output.h"
 #include "parse.h"
 
-#include <iosfwd>
 #include <optional>
 #include <set>
 #include <string>
@@ -121,6 +120,7 @@ import_contents read_import(const json &all, const std::string &name, bool dated
 std::string contents_of(const std::string &file); // "-" is standard input
 std::string source_name(const std::string &file); // as failures call it
 import_contents read_import_file(const std::string &name, bool dated = false);
+std::string reason_of(const json::exception &error); // what is wrong with the text
 // One entry of such a file, which a failure calls `where`.
 timer_record read_timer(const json &value, const std::string &where,
                         std::vector<std::string> &notes);

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <ranges>
 
 using namespace std::chrono;
 
