@@ -39,10 +39,11 @@ static bool waits_for_alarm(const decision &d) {
          passes_at < d.m.power.went.boot + d.m.use.delay_max_ms - kSecondMs;
 }
 
+// A daemon that starts in this moment has not said yet what it wants.
 void release_if_ready(decision &d) {
   auto &power = d.m.power;
   const bool is_tried_again = due_at(d.m, due_kind::kAlarmAgain) != kNever;
-  if (!is_leaving(d.m) || !power.standby_told || power.released || is_tried_again ||
+  if (!is_leaving(d.m) || !d.m.armed || !power.standby_told || power.released || is_tried_again ||
       waits_for_alarm(d) || !is_alarm_settled(d.m))
     return;
   if (power.now == phase::kShuttingDown && is_hop_left_out(d.m, d.now))

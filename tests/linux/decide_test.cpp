@@ -74,7 +74,8 @@ struct awake_machine {
   std::int32_t told(delivery what) const {
     std::int32_t value = -1;
     for (const order::any &one : given)
-      if (const auto *same = std::get_if<order::deliver>(&one); same && same->callback == what)
+      if (const auto *same = std::get_if<order::deliver>(&one);
+          same != nullptr && same->callback == what)
         value = same->value;
     return value;
   }
@@ -408,7 +409,7 @@ TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
 TEST(Decide, AnOnTimeBeyondTheRange_IsReachedByTheLongestHopThatTheDeviceTakes) {
   const struct {
     std::int64_t range, hop; // seconds; 0: no alarm
-  } rows[] = {{30 * kOneDay, 27 * kOneDay}, {kOneDay, 23 * 3600}, {22 * 3600, 0}};
+  } rows[] = {{30 * kOneDay, 27 * kOneDay}, {kOneDay, 23LL * 3600}, {22LL * 3600, 0}};
   for (const auto &[range, hop] : rows) {
     awake_machine run;
     run.range = range;
@@ -1092,6 +1093,8 @@ TEST(Decide, AWriteThatARestartHasLost_WaitsForAReading) {
       run.now.boot += kSecondMs / 2;
       run.send(event::due{});
     }
+    EXPECT_EQ(run.count<order::release_inhibitor>(), 0) << "the daemon has not armed its timers";
+    run.send(event::armed{});
     EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
     EXPECT_EQ(run.alarm, kNow + (was_done ? 900 : 500));
     run.read_error = 0;

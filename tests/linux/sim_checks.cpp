@@ -75,7 +75,8 @@ bool sim_checks::is_clock_known() const { return world_.rtc_valid || is_clock_se
 
 void sim_checks::miss(millis due) {
   const sim_television &tv = world_.tv;
-  const bool may_err = tv.lies || tv.answers_after > kAnswerMs;
+  const bool may_err =
+      tv.lies || tv.answers_after > kAnswerMs || asked_at_ + tv.answers_after > due;
   if (tv.changed_at > now() - kBeliefMs || said_off_at_ > due) // believed on, and asked too late
     return;
   if (tv.has_adapter() ? !said_on_ : !world_.plain_on)
@@ -121,7 +122,7 @@ void sim_checks::becomes_due(const sim_timer &timer, std::int64_t due) {
       (world.sleeps_now || world.stops_now) && stepped_at_ >= world.begun_at();
   if (is_step_held)
     on_until_ = std::max(on_until_, due_at_ + kLateSeconds * kSecondMs);
-  if (world.state == life::kRunning && is_armed && !is_watched)
+  if (world.state == life::kRunning && is_armed && !is_watched && !is_step_held)
     expected_.push_back(due_at_ + kOnTimeMs);
   else if (world.state == life::kRunning && !is_armed) // made up for once the process has started
     on_until_ = due_at_ + kLateSeconds * kSecondMs;
@@ -317,7 +318,7 @@ void sim_checks::ordered(const order::any &what) {
     is_sent_off_ = false;
     stays_at_ = -1;
     // A refused order leaves it unknown: an on-timer must not take it for on.
-    if (turns_on && !world_.m.screen.has_cec)
+    if (turns_on && !world_.m.screen.has_cec && world_.m.screen.believed == screen_state::kOn)
       said_on_ = !refuses<order::start_unit>(world_);
   }
   if (std::holds_alternative<order::tv_off>(what) ||
@@ -769,8 +770,8 @@ void sim_checks::called(const event::any &what) {
   };
   if (std::holds_alternative<event::program>(what) && world_.alarm.stands() == 0 &&
       ahead > lead_of(world_, off_action::kPoweroff) + kMinuteSeconds && !world_.stops_now &&
-      world_.is_alive && !has(problem::kNoDevice) && !has(problem::kAlarmRefused) &&
-      !has(problem::kAlarmRead))
+      world_.m.power.now != phase::kShuttingDown && world_.is_alive && !has(problem::kNoDevice) &&
+      !has(problem::kAlarmRefused) && !has(problem::kAlarmRead))
     world_.broken(11, "an alarm is neither set nor tried again");
 }
 
