@@ -768,6 +768,14 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl '' => 2 dravelctl: there is no command ''; dravelctl help lists
     ctl help rm => 0 Cancel timers
     ctl help juggle => 2 there is no command juggle
+    ctl hol add 12-24 => 2 there is no command hol, did you mean holidays?; dravelctl help lists
+    ctl hol add --at fri 20:00 => 2 there is no command hol, did you mean holidays?;
+    ctl help hol => 2 no command hol, did you mean holidays?;
+    ctl help holidays ad => 2 no command holidays ad, did you mean add?; dravelctl help holidays lists
+    ctl --help => 0 \n  cancel, rm, delete, remove\n                            Cancel timers\n
+    ctl -V -j => 0 {"version":"1
+    ctl list --help -j => 0 {"name":"list","summary":
+    ctl -j --help => 0 {"name":"dravelctl",
     ctl del => 2 no command del, did you mean delete?;
     ctl edit 1 --at 8 => 2 did you mean change?
     ctl help add => 0 \n  --on DAYS                 Repeat
@@ -840,7 +848,7 @@ ics $D:20270401 >c; fits 'holidays import' holidays import c
 fits 'holidays list' holidays list; fits 'holidays add' holidays add 12-25 --all
 fits 'holidays remove' holidays remove 1; fits 'holidays skip' holidays skip 1
 file $seven $christmas; fits apply apply x --check; fits apply apply x; fits import import x
-fits 'holidays ignore' holidays ignore 6; fits help help; fits error show 99
+fits 'holidays ignore' holidays ignore 6; fits help help; fits version -V; fits error show 99
 {
   start_monitor --json; add 9:00; ctl halt on; ctl rm --all; holidays add 12-26; until_told s-added >m
 } >/dev/null 2>&1
