@@ -107,7 +107,7 @@ struct sql_result {
   }
 };
 
-// A statement's text, cut off at the limit of the buffer.
+// A statement's text. sql_format proves that every one fits.
 struct statement {
   char text[1024] = "";
   static constexpr std::size_t kLimit = sizeof text - 1;
@@ -122,7 +122,7 @@ template <std::size_t Values> struct sql_format {
     for (; *format != '\0'; ++format, ++length)
       if (*format == '%') {
         ++values;
-        length += std::numeric_limits<int>::digits10 + 1; // and the sign
+        length += std::numeric_limits<int>::digits10 + 1; // the loop counts the sign
         if (*++format != 'd')
           throw "not a conversion of a number";
       }

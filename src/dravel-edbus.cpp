@@ -53,8 +53,8 @@ public:
 
   // Gives the reply, with `args` appended as by dbus_message_append_args.
   template <typename... Args> DBusMessage *reply(Args... args) {
-    if (reply_ != nullptr)
-      dbus_message_append_args(reply_.get(), args..., DBUS_TYPE_INVALID);
+    if (reply_ != nullptr && !dbus_message_append_args(reply_.get(), args..., DBUS_TYPE_INVALID))
+      reply_.reset(); // out of memory
     return reply_.release();
   }
 
@@ -416,10 +416,9 @@ static constexpr const char *kWeekFlagExpiredSignal = "dravel_week_flag_expired"
 static int send_signal(const char *name, dbus_int32_t value) {
   const message signal(dbus_message_new_signal(kDravelObjectPath, kDravelBusName, name),
                        dbus_message_unref);
-  if (signal != nullptr && bus_connection != nullptr) {
-    dbus_message_append_args(signal.get(), DBUS_TYPE_INT32, &value, DBUS_TYPE_INVALID);
+  if (signal != nullptr && bus_connection != nullptr &&
+      dbus_message_append_args(signal.get(), DBUS_TYPE_INT32, &value, DBUS_TYPE_INVALID))
     e_dbus_message_send(bus_connection, signal.get(), nullptr, -1, nullptr);
-  }
   return 0;
 }
 

@@ -494,10 +494,12 @@ Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason) {
 
   if (delete_dravel_item_db(item->timer_id) != 0) {
     LOGE("failed to save dravel item to the DB\n");
-    undeleted_list = eina_list_append(undeleted_list, item);
-    // A transient timer has no row that brings it back.
-    timer_removed(item->timer_id,
-                  has_type(item, TIMER_TYPE_TRANSIENT) ? reason : removal_reason::kLost);
+    const bool has_row = !has_type(item, TIMER_TYPE_TRANSIENT);
+    timer_removed(item->timer_id, has_row ? removal_reason::kLost : reason);
+    if (has_row)
+      undeleted_list = eina_list_append(undeleted_list, item);
+    else
+      g_free(item);
     return dravel_list;
   }
   timer_removed(item->timer_id, reason);

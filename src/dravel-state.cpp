@@ -258,10 +258,12 @@ static void send_change(const timer_change &change) {
   DBusMessage *signal = dbus_message_new_signal(kStateObjectPath, kStateInterface, change.signal);
   if (signal == nullptr)
     return;
-  dbus_message_append_args(signal, DBUS_TYPE_INT32, &change.timer_id, DBUS_TYPE_INVALID);
-  if (change.reason != nullptr)
-    dbus_message_append_args(signal, DBUS_TYPE_STRING, &change.reason, DBUS_TYPE_INVALID);
-  e_dbus_message_send(state_bus, signal, nullptr, -1, nullptr);
+  const auto append = [&](int type, auto &value) {
+    return dbus_message_append_args(signal, type, &value, DBUS_TYPE_INVALID) != FALSE;
+  };
+  if (append(DBUS_TYPE_INT32, change.timer_id) &&
+      (change.reason == nullptr || append(DBUS_TYPE_STRING, change.reason)))
+    e_dbus_message_send(state_bus, signal, nullptr, -1, nullptr);
   dbus_message_unref(signal);
 }
 

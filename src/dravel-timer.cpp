@@ -114,7 +114,7 @@ static bool leave_marker(const char *path, const char *operation = __builtin_FUN
     LOG_FROM(operation, SYSTEM_LOG_PROGRESS, "%s file exist", path);
     return true;
   }
-  const int fd = open(path, O_CREAT | O_RDONLY | O_CLOEXEC, 0644);
+  const int fd = open(path, O_CREAT | O_EXCL | O_RDONLY | O_CLOEXEC, 0644);
   if (fd == -1) {
     LOG_FROM(operation, SYSTEM_LOG_ERROR, "%s create failed", path);
     return false;

@@ -60,24 +60,6 @@ std::int64_t zone_offset(GTimeZone *zone, std::int64_t utc) {
   return g_time_zone_get_offset(zone, interval);
 }
 
-std::optional<std::int64_t> next_transition(GTimeZone *zone, std::int64_t utc) {
-  constexpr int kLongestDays = 400;
-  const std::int64_t offset = zone_offset(zone, utc);
-  const auto is_before = [&](std::int64_t time) { return zone_offset(zone, time) == offset; };
-  for (int day = 0; day < kLongestDays; ++day) {
-    std::int64_t before = utc + day * kDaySeconds;
-    std::int64_t after = before + kDaySeconds;
-    if (is_before(after))
-      continue;
-    while (after - before > 1) {
-      const std::int64_t middle = before + (after - before) / 2;
-      (is_before(middle) ? before : after) = middle;
-    }
-    return after;
-  }
-  return std::nullopt;
-}
-
 std::uint32_t utc_to_local(GTimeZone *zone, std::uint32_t utc) {
   return to_time_value(utc + zone_offset(zone, utc));
 }

@@ -30,9 +30,24 @@ std::tm broken_down(std::uint32_t time);
 // The seconds by which `zone` is ahead of UTC at the UTC time `utc`.
 std::int64_t zone_offset(GTimeZone *zone, std::int64_t utc);
 
-// The next second, UTC, at which the offset of `zone` changes; none within 400 days. Two changes
-// within a day that undo each other are not seen.
-std::optional<std::int64_t> next_transition(GTimeZone *zone, std::int64_t utc);
+// The next second after `utc`, UTC, at which the offset changes; none within 400 days: a year, and
+// the rest of a month. `offset_at` gives it at a UTC time. Two changes within a day that undo each
+// other are not seen.
+template <typename Offset>
+std::optional<std::int64_t> next_transition(std::int64_t utc, Offset offset_at) {
+  constexpr std::int64_t kDay = 86400;
+  const std::int64_t end = utc + 400 * kDay;
+  const auto offset = offset_at(utc);
+  std::int64_t after = utc;
+  while (offset_at(after) == offset)
+    if (after += kDay; after > end)
+      return std::nullopt;
+  for (std::int64_t before = after - kDay; after - before > 1;) {
+    const std::int64_t middle = before + (after - before) / 2;
+    (offset_at(middle) == offset ? before : after) = middle;
+  }
+  return after;
+}
 
 std::uint32_t utc_to_local(GTimeZone *zone, std::uint32_t utc);
 

@@ -13,9 +13,12 @@ static sd_event *event_loop;
 static Ecore_Fd_Handler *watch; // of `event_loop`, for the whole run
 static sd_bus *bus;
 
-static void run_events() {
+// True when there was any.
+static bool run_events() {
+  bool is_any = false;
   while (sd_event_run(event_loop, 0) > 0)
-    continue;
+    is_any = true;
+  return is_any;
 }
 
 static Eina_Bool events_pending(void *, Ecore_Fd_Handler *) {
@@ -23,10 +26,25 @@ static Eina_Bool events_pending(void *, Ecore_Fd_Handler *) {
   return ECORE_CALLBACK_RENEW;
 }
 
-// Messages that other callbacks have queued are written before the main loop sleeps.
+// Messages that other callbacks have queued are written before the main loop sleeps. What one that
+// is read here changes is announced at the end of another pass, which an empty job brings about.
 static Eina_Bool main_loop_idles(void *) {
-  run_events();
+  if (run_events())
+    ecore_job_add([](void *) {}, nullptr);
   return ECORE_CALLBACK_RENEW;
+}
+
+// Nobody would tell of a sleep any longer. The service manager starts the process again.
+static int bus_is_lost(sd_bus_message *, void *, sd_bus_error *) {
+  report("the connection to the system bus is lost, this daemon ends");
+  ecore_main_loop_quit();
+  return 0;
+}
+
+static int watch_for_loss() {
+  return sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus.Local",
+                             "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
+                             "Disconnected", bus_is_lost, nullptr);
 }
 
 sd_event *bus_events() { return event_loop; }
@@ -41,7 +59,9 @@ static int open_bus() {
     return -ENOMEM;
   ecore_idle_enterer_add(main_loop_idles, nullptr);
   result = sd_bus_open_system(&bus);
-  return result < 0 ? result : sd_bus_attach_event(bus, event_loop, SD_EVENT_PRIORITY_NORMAL);
+  if (result >= 0)
+    result = sd_bus_attach_event(bus, event_loop, SD_EVENT_PRIORITY_NORMAL);
+  return result < 0 ? result : watch_for_loss();
 }
 
 void start_bus() {

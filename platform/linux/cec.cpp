@@ -3,19 +3,25 @@
 #include "cec_device.h"
 #include "configuration.h"
 #include "edid.h"
+#include "milliseconds.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <glob.h>
 #include <iterator>
 #include <memory>
 #include <sys/inotify.h>
+#include <utility>
 #include <vector>
 
 static std::vector<std::unique_ptr<cec_device>> devices;
-static bool is_off_due; // Standby waits for the logical address
+// Until then Standby is sent as soon as there is a logical address; boot. Later somebody else may
+// have turned the television on.
+static std::int64_t off_due_until;
+static constexpr std::int64_t kOffWaitsMs = 15 * kSecondMs;
 
 // --- the adapter that is used ---
 
@@ -92,7 +98,8 @@ static bool send_standby() {
 
 void turn_television(bool on) {
   prepare();
-  is_off_due = !on && first(&cec_device::is_claiming) != nullptr;
+  const bool is_off_due = !on && first(&cec_device::is_claiming) != nullptr;
+  off_due_until = is_off_due ? milliseconds_of(CLOCK_BOOTTIME) + kOffWaitsMs : 0;
   const bool sent = on ? send(CEC_LOG_ADDR_TV, CEC_MSG_IMAGE_VIEW_ON) : send_standby();
   if (!sent && !is_off_due)
     happens(event::tv_silent{});
@@ -170,14 +177,16 @@ static void received(cec_device &device, const cec_msg &message) {
 }
 
 static void address_changed() {
-  if (usable_device() != nullptr && is_off_due) {
-    is_off_due = false;
+  if (usable_device() != nullptr &&
+      milliseconds_of(CLOCK_BOOTTIME) < std::exchange(off_due_until, 0))
     send_standby();
-  }
   tell_reachable();
 }
 
 static void device_gone(cec_device &device) {
+  off_due_until = 0;
+  if (device.path() == configuration().cec)
+    happens(event::refused{problem::kScreen, ENODEV});
   std::erase_if(devices, [&](const auto &held) { return held.get() == &device; });
   tell_reachable();
 }

@@ -28,7 +28,7 @@ cec_device::cec_device(const std::string &path, const listener &told)
   cec_caps caps{};
   needs_address_ =
       ioctl(fd_, CEC_ADAP_G_CAPS, &caps) == 0 && (caps.capabilities & CEC_CAP_PHYS_ADDR) != 0;
-  sd_event_add_io(bus_events(), &source_, fd_, EPOLLIN | EPOLLPRI, ready, this);
+  error_ = -sd_event_add_io(bus_events(), &source_, fd_, EPOLLIN | EPOLLPRI, ready, this);
   read_addresses();
 }
 

@@ -85,10 +85,10 @@ static void count_short_sleep(decision &d) {
   const bool is_unknown = d.m.woken.by == cause::kNothing;
   power.short_sleeps = is_short && is_unknown ? power.short_sleeps + 1 : 0;
   if (power.short_sleeps > kShortSleeps) {
-    has_problem(d, problem::kWakesLoop, 0);
+    begin_problem(d, problem::kWakesLoop, 0);
     power.pause_until = d.now.boot + kPauseMs;
   } else if (!is_unknown || !is_short) {
-    is_over(d, problem::kWakesLoop);
+    end_problem(d, problem::kWakesLoop);
     power.pause_until = 0;
   }
   if (by_alarm_of_ours(d.m))
@@ -108,7 +108,7 @@ static void was_woken_by_user(decision &d) {
   d.m.woken.by = cause::kUser;
   d.m.power.short_sleeps = 0;
   d.m.power.pause_until = 0;
-  is_over(d, problem::kWakesLoop);
+  end_problem(d, problem::kWakesLoop);
   say_cause(d);
   welcome_user(d);
 }

@@ -107,9 +107,9 @@ void on(decision &d, const event::ntp &e) {
   clock.synchronised = e.answered && (e.synchronised || (clock.synchronised && e.on));
   clock.was_set = clock.was_set || clock.synchronised;
   if (e.answered)
-    is_over(d, problem::kClock);
+    end_problem(d, problem::kClock);
   else
-    has_problem(d, problem::kClock, 0);
+    begin_problem(d, problem::kClock, 0);
   if (is_automatic(d.m) != was_automatic)
     tell(d, delivery::kClockMode);
   if ((is_automatic(d.m) && !was_automatic) || (is_clock_known(d.m, d.now) && !was_known))

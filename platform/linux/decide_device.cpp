@@ -50,12 +50,12 @@ static void give_up(decision &d, problem which, int error) {
   auto &alarm = d.m.alarm;
   alarm.refused = error;
   alarm.dirty = false;
-  has_problem(d, which, error);
+  begin_problem(d, which, error);
   if (!alarm.for_good)
     plan_next_try(d);
 }
 
-static void is_settled(decision &d) {
+static void finish_alarm(decision &d) {
   auto &alarm = d.m.alarm;
   alarm.check = false;
   alarm.dirty = false;
@@ -66,7 +66,7 @@ static void is_settled(decision &d) {
   alarm.refused = 0;
   alarm.tries = 0;
   d.never(due_kind::kAlarmAgain);
-  is_over(d, problem::kAlarmRefused);
+  end_problem(d, problem::kAlarmRefused);
 }
 
 static bool is_range_error(int error) {
@@ -92,7 +92,7 @@ static bool same_alarm(const device_alarm &stands, const device_alarm &target) {
   return std::abs(stands.count - target.count) < kSlackSeconds;
 }
 
-void settle_alarm(decision &d) {
+static void settle_alarm(decision &d) {
   auto &alarm = d.m.alarm;
   const device_alarm target = alarm_that_must_stand(d);
   const bool cannot =
@@ -100,7 +100,7 @@ void settle_alarm(decision &d) {
   if (cannot || same_alarm(alarm.stands, target)) {
     if (!cannot)
       alarm.stands.owner = target.owner;
-    is_settled(d);
+    finish_alarm(d);
     return;
   }
   alarm.next = target;
@@ -160,8 +160,8 @@ void on(decision &d, const event::alarm_read &e) {
     give_up(d, e.device.for_good ? problem::kNoDevice : problem::kAlarmRead, e.device.error);
     return;
   }
-  is_over(d, problem::kNoDevice);
-  is_over(d, problem::kAlarmRead);
+  end_problem(d, problem::kNoDevice);
+  end_problem(d, problem::kAlarmRead);
   const device_alarm before = alarm.foreign;
   const others_did others = what_others_did(d.m, e.device);
   take_reading(d, e.device);

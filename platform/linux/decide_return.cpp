@@ -5,7 +5,7 @@
 
 static constexpr std::int64_t kHopMs = 10 * kSecondMs;
 
-off_action sleep_as_before(const machine &m) {
+static off_action sleep_as_before(const machine &m) {
   if (m.woken.booted)
     return off_action::kPoweroff;
   return m.sleep.last_method == off_action::kHibernate ? off_action::kHibernate

@@ -112,7 +112,7 @@ void on(decision &d, const event::screen_wanted &e) {
 
 // --- an order that is not confirmed yet ---
 
-void order_is_settled(decision &d) {
+void finish_order(decision &d) {
   d.m.screen.pending = false;
   d.never(due_kind::kScreenStep);
   if (!is_on(d.m) && wants_on(d.m))
@@ -122,19 +122,19 @@ void order_is_settled(decision &d) {
 // One that is silent once it is off does what most do.
 static void give_off_up(decision &d) {
   if (d.m.screen.answered == screen_state::kUnknown) {
-    is_over(d, problem::kTelevision);
+    end_problem(d, problem::kTelevision);
     return;
   }
   d.m.screen.believed = screen_state::kOn;
   tell(d, delivery::kState);
-  has_problem(d, problem::kTelevision, 0);
+  begin_problem(d, problem::kTelevision, 0);
   say(d, order::saying::kTelevisionStays);
 }
 
 static void give_on_up(decision &d) {
   const screen_state answered = d.m.screen.answered;
   d.m.screen.believed = answered; // it may boot for longer than this
-  has_problem(d, problem::kTelevision, 0);
+  begin_problem(d, problem::kTelevision, 0);
   say(d, order::saying::kTelevisionLate, answered == screen_state::kUnknown ? 0 : 1);
 }
 
@@ -143,7 +143,7 @@ static void give_screen_up(decision &d) {
     give_on_up(d);
   else if (has_television(d.m))
     give_off_up(d);
-  order_is_settled(d);
+  finish_order(d);
   if (is_open(d.m, problem::kTelevision))
     d.due_after(due_kind::kScreenStep, kSlowSeconds * kSecondMs);
 }
@@ -163,7 +163,7 @@ static void repeat_order(decision &d) {
     if (screen.step == again)
       send_screen_order(d);
   if (screen.denied && screen.step >= *std::rbegin(kAgainSeconds)) {
-    order_is_settled(d);
+    finish_order(d);
     return;
   }
   if (!screen.denied)

@@ -120,7 +120,7 @@ void answers_end(decision &d) {
   d.m.sleep.screen_answered = true;
   if (d.m.sleep.use_answered)
     return;
-  has_problem(d, problem::kUse, ETIMEDOUT);
+  begin_problem(d, problem::kUse, ETIMEDOUT);
   hold(d, postponed::kUseUnknown, kUseAgainMs);
 }
 
@@ -150,7 +150,7 @@ void sleep_failed(decision &d, int error) {
     forget_wish(d); // its problem has said so, and trying again changes nothing
     return;
   }
-  has_problem(d, problem::kSleep, error);
+  begin_problem(d, problem::kSleep, error);
   if (sleep.wish == sleep_wish::kTest) {
     trial_ends(d, error == 0 ? ECANCELED : error);
     return;

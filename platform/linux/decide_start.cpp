@@ -55,6 +55,7 @@ static void build_was_changed(decision &d, const event::started &e) {
   d.m.screen.ordered = e.kept.screen.ordered;
   d.m.screen.ordered_on = e.kept.screen.ordered_on;
   d.m.clock.was_set = e.kept.clock.was_set;
+  d.m.sleep.last_method = e.kept.sleep.last_method;
   if (e.kept.sleep.wish == sleep_wish::kOffTimer)
     wish_sleep(d, sleep_wish::kOffTimer, e.kept.sleep.method);
 }

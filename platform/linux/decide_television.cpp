@@ -47,8 +47,8 @@ static void answered_on_order(decision &d, event::tv_state state) {
   }
   if (state == event::tv_state::kOn) {
     believe(d, screen_state::kOn);
-    order_is_settled(d);
-    is_over(d, problem::kTelevision);
+    finish_order(d);
+    end_problem(d, problem::kTelevision);
   }
 }
 
@@ -56,8 +56,8 @@ static void answered_off_order(decision &d, bool on) {
   if (on)
     return;
   believe(d, screen_state::kOff);
-  order_is_settled(d);
-  is_over(d, problem::kTelevision);
+  finish_order(d);
+  end_problem(d, problem::kTelevision);
 }
 
 // After it was given up. It is shown this machine only while it is still asked: later somebody else
@@ -72,7 +72,7 @@ static void may_follow_late(decision &d, event::tv_state state) {
     send_screen_order(d);
   }
   d.never(due_kind::kScreenStep);
-  is_over(d, problem::kTelevision);
+  end_problem(d, problem::kTelevision);
 }
 
 void on(decision &d, const event::tv_reports &e) {
@@ -94,7 +94,7 @@ void on(decision &d, const event::tv_reports &e) {
 }
 
 // No answer says nothing; while an order is pending, the next second asks again.
-static void is_unknown(decision &d) {
+static void forget_answer(decision &d) {
   d.m.screen.answered = screen_state::kUnknown;
   if (d.m.screen.has_cec)
     believe(d, screen_state::kUnknown);
@@ -102,7 +102,7 @@ static void is_unknown(decision &d) {
 
 void on(decision &d, const event::tv_silent &) {
   d.m.sleep.screen_answered = true;
-  is_unknown(d);
+  forget_answer(d);
 }
 
 // When it does not know the message, asking again would not help; otherwise it is only not able to
@@ -114,13 +114,13 @@ void on(decision &d, const event::tv_denies &e) {
     return;
   d.m.screen.has_spoken = true;
   d.m.sleep.screen_answered = d.m.sleep.screen_answered || is_question;
-  is_unknown(d);
+  forget_answer(d);
   if (!e.for_good)
     return;
   if (!d.m.screen.pending)
     d.never(due_kind::kScreenStep);
   else if (is_order)
-    order_is_settled(d);
+    finish_order(d);
   else
     d.m.screen.denied = true;
 }
@@ -146,12 +146,12 @@ void on(decision &d, const event::tv_asks_source &) {
 void on(decision &d, const event::tv_reachable &e) {
   auto &screen = d.m.screen;
   if (!e.adapter && has_television(d.m)) // nobody says any longer whether it is on
-    is_unknown(d);
+    forget_answer(d);
   const bool had_cec = std::exchange(screen.has_cec, e.adapter);
   if (!e.adapter) {
     screen.pending = screen.has_spoken = false;
     d.never(due_kind::kScreenStep);
-    is_over(d, problem::kTelevision);
+    end_problem(d, problem::kTelevision);
   } else if (screen.pending) {
     send_screen_order(d);
   } else if (!had_cec) {

@@ -63,14 +63,14 @@ void say(decision &d, order::saying what, std::int64_t number, std::uint32_t typ
   d.give(order::say{what, type, number, 0, 0});
 }
 
-void has_problem(decision &d, problem which, int error) {
+void begin_problem(decision &d, problem which, int error) {
   int &known = d.m.problems[static_cast<std::size_t>(which)];
   if (known == 0)
     d.give(order::say{order::saying::kProblem, 0, static_cast<std::int64_t>(which), error, 0});
   known = error == 0 ? 1 : error;
 }
 
-void is_over(decision &d, problem which) {
+void end_problem(decision &d, problem which) {
   int &known = d.m.problems[static_cast<std::size_t>(which)];
   if (known != 0)
     say(d, order::saying::kProblemOver, static_cast<std::int64_t>(which));
@@ -88,13 +88,13 @@ static bool is_too_soon(const event::refused &e) {
 
 void on(decision &d, const event::refused &e) {
   if (!is_too_soon(e))
-    has_problem(d, e.part, e.error);
+    begin_problem(d, e.part, e.error);
   if (e.part == problem::kInhibitor)
     inhibitor_refused(d);
 }
 
 void on(decision &d, const event::works &e) {
-  is_over(d, e.part);
+  end_problem(d, e.part);
   if (e.part != problem::kInhibitor)
     return;
   d.m.use.inhibit_tries = 0;

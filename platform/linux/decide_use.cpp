@@ -30,7 +30,7 @@ void on(decision &d, const event::use_changed &e) {
     used(d);
   if (e.is_answer)
     d.m.sleep.use_answered = true;
-  is_over(d, problem::kUse);
+  end_problem(d, problem::kUse);
   check_off_action(d);
 }
 
@@ -53,9 +53,9 @@ static std::uint8_t bit_of(off_action action) {
 void check_off_action(decision &d) {
   const std::uint8_t needed = bit_of(d.m.set.off);
   if ((d.m.use.can & needed) == needed)
-    is_over(d, problem::kCannotSleep);
+    end_problem(d, problem::kCannotSleep);
   else
-    has_problem(d, problem::kCannotSleep, 0);
+    begin_problem(d, problem::kCannotSleep, 0);
 }
 
 // --- units ---
@@ -132,7 +132,7 @@ static job *place_for(decision &d, const event::job_began &e) {
 }
 
 void on(decision &d, const event::job_began &e) {
-  is_over(d, problem_of(e.of));
+  end_problem(d, problem_of(e.of));
   if (job *place = place_for(d, e); place != nullptr)
     *place = {e.id, e.of, 0, false, e.of == unit::kOff ? d.now.boot + kHookMs : kNever};
 }
@@ -153,7 +153,7 @@ void on(decision &d, const event::job_ended &e) {
 void on(decision &d, const event::jobs_told_again &) { doubt_jobs(d); }
 
 void on(decision &d, const event::unit_refused &e) {
-  has_problem(d, problem_of(e.of), e.error);
+  begin_problem(d, problem_of(e.of), e.error);
   doubt_screen_order(d, e.of);
   end_job(d, starting_job(d, e.of));
 }

@@ -166,7 +166,7 @@ static void forget_orders(decision &d) {
   screen.answered = screen_state::kUnknown;
   d.m.use.input_at = 0;
   forget_wish(d);
-  is_over(d, problem::kSleep);
+  end_problem(d, problem::kSleep);
   d.never(due_kind::kScreenStep);
   d.never(due_kind::kLeaving);
   d.never(due_kind::kUserWindow);

@@ -27,6 +27,8 @@
 namespace fs = std::filesystem;
 
 static constexpr const char *kInputDirectory = "/dev/input";
+static constexpr const char *kParentDirectory = "/dev";
+static constexpr std::string_view kDirectoryName = "input";
 static constexpr std::string_view kPrefix = "event";
 static constexpr std::size_t kEventsAtOnce = 64;
 
@@ -122,13 +124,14 @@ static int directory_changed(sd_event_source *, const struct inotify_event *chan
   return 0;
 }
 
-static void open_all() {
+static void open_all(int watch_error) {
   open_error = 0;
   std::error_code none; // a machine without input has no such directory
   for (const auto &entry : fs::directory_iterator(kInputDirectory, none))
     open_device(entry.path());
-  if (input_devices.empty() && open_error != 0)
-    happens(event::refused{problem::kInput, open_error});
+  const int error = watch_error == 0 && input_devices.empty() ? open_error : watch_error;
+  if (error != 0)
+    happens(event::refused{problem::kInput, error});
   else
     happens(event::works{problem::kInput});
 }
@@ -150,12 +153,27 @@ static void close_all() {
   }
 }
 
+static int parent_changed(sd_event_source *, const struct inotify_event *change, void *) {
+  if (change->len > 0 && change->name == kDirectoryName)
+    watch_input(true);
+  return 0;
+}
+
+static int watch_directory(const char *path, sd_event_inotify_handler_t changed) {
+  return sd_event_add_inotify(bus_events(), &directory_watch, path, IN_CREATE | IN_ATTRIB, changed,
+                              nullptr);
+}
+
+// The directory comes with its first device, perhaps a keyboard on USB that has woken the machine.
+static int watch_directory_or_parent() {
+  const int error = watch_directory(kInputDirectory, directory_changed);
+  return error == -ENOENT ? watch_directory(kParentDirectory, parent_changed) : error;
+}
+
 void watch_input(bool on) {
   directory_watch = sd_event_source_disable_unref(directory_watch);
   close_all();
   if (!on)
     return;
-  sd_event_add_inotify(bus_events(), &directory_watch, kInputDirectory, IN_CREATE | IN_ATTRIB,
-                       directory_changed, nullptr);
-  open_all();
+  open_all(-watch_directory_or_parent());
 }

@@ -57,6 +57,10 @@ bool lock_state() {
   }
   if (flock(lock, LOCK_EX | LOCK_NB) == 0)
     return true;
+  if (errno != EWOULDBLOCK) {
+    report("%s: %s; a second daemon is not noticed", path.c_str(), std::strerror(errno));
+    return true;
+  }
   report("another dravel-manager runs on this machine, this one ends");
   close(lock);
   return false;
@@ -127,8 +131,11 @@ static void exchange_use(GKeyFile *file, machine &record, bool read) {
   exchange_number(file, "stays", record.woken.stays, read);
   exchange_number(file, "wish", sleep.wish, read);
   exchange_number(file, "wish-method", sleep.method, read);
+  exchange_number(file, "last-method", sleep.last_method, read);
   if (sleep.wish > sleep_wish::kTest || sleep.method > off_action::kNone)
     sleep.wish = sleep_wish::kNone;
+  if (sleep.last_method > off_action::kNone)
+    sleep.last_method = off_action::kSuspend;
   if (record.screen.ordered > screen_order::kOff)
     record.screen.ordered = screen_order::kNone;
 }
@@ -167,11 +174,13 @@ static bool read_alarm_file(machine &record) {
   return true;
 }
 
+static std::string older_path() { return state_directory() + "/wake-up"; }
+
 // Version 1.1 kept the alarm by UTC. `device_alarm` is what the device has: it counted a second
 // more or less.
 static bool read_older_file(machine &record, std::int64_t device_alarm) {
   static constexpr const char *kGroup = "wake-up";
-  const std::string path = state_directory() + "/wake-up";
+  const std::string path = older_path();
   g_autoptr(GKeyFile) file = g_key_file_new();
   if (g_key_file_load_from_file(file, path.c_str(), G_KEY_FILE_NONE, nullptr) == FALSE)
     return false;
@@ -183,7 +192,6 @@ static bool read_older_file(machine &record, std::int64_t device_alarm) {
   if (alarm != 0)
     record.alarm.stands = {alarm_owner::kTimer,
                            std::abs(device_alarm - alarm) <= 1 ? device_alarm : alarm, alarm};
-  unlink(path.c_str());
   return true;
 }
 
@@ -234,7 +242,11 @@ static int write_changed(const std::string &path, const std::string &content,
 
 int store_record(const machine &record) {
   static std::string alarm, image;
-  const int alarm_error = write_changed(alarm_path(), alarm_text(record), alarm);
+  const std::string text = alarm_text(record);
+  const bool is_new = text != alarm;
+  const int alarm_error = write_changed(alarm_path(), text, alarm);
+  if (is_new && alarm_error == 0)
+    unlink(older_path().c_str()); // what it kept is here now
   const int error = write_changed(record_path(), record_image(record), image);
   return alarm_error != 0 ? alarm_error : error;
 }

@@ -8,12 +8,15 @@
 
 #include "event.h"
 
+#include <cassert>
+
 struct decision {
   machine m;
   moment now;
   orders out;
 
   template <typename Order> void give(const Order &order) {
+    assert(out.count < orders::kMost); // no night comes near
     if (out.count < orders::kMost)
       out.list[out.count++] = order;
   }
@@ -74,8 +77,8 @@ void take_back(decision &d, delivery what);
 void deliver_next(decision &d);
 void say(decision &d, order::saying what, std::int64_t number = 0, std::uint32_t type = 0);
 // One line when a problem begins, one when it is over.
-void has_problem(decision &d, problem which, int error);
-void is_over(decision &d, problem which);
+void begin_problem(decision &d, problem which, int error);
+void end_problem(decision &d, problem which);
 bool is_open(const machine &m, problem which);
 
 // --- decide_alarm.cpp: which alarm must stand ---
@@ -194,7 +197,7 @@ void ask_television(decision &d);
 void adapter_appears(decision &d);
 void ask_before_near(decision &d);
 void send_screen_order(decision &d);
-void order_is_settled(decision &d);
+void finish_order(decision &d);
 void screen_step(decision &d);
 void count_screen(decision &d);
 

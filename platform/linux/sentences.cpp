@@ -86,7 +86,7 @@ static constexpr problem_words kProblemWords[] = {
     {problem::kAlarmRefused, "the real-time clock refuses the alarm",
      "the machine is not woken for the next on-timer; it is tried again"},
     {problem::kAlarmRead, "the alarm of the real-time clock cannot be read",
-     "the alarm of another program is not noticed"},
+     "none is set, the machine is perhaps not woken; it is tried again"},
     {problem::kInhibitor, "logind gives no delay", "a sleep may begin before the alarm is set"},
     {problem::kUse, "logind does not say who uses the machine", "the machine is not sent to sleep"},
     {problem::kSleep, "the machine does not sleep", "it stays awake; it is tried again"},

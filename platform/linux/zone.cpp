@@ -7,7 +7,6 @@
 #include <string>
 
 static constexpr std::int64_t kDaySeconds = 86400;
-static constexpr int kLongestDays = 400; // a year, and the rest of a month
 
 namespace {
 
@@ -46,19 +45,7 @@ utc_times utc_of_local(std::int64_t local) {
 }
 
 std::int64_t transition_after(std::int64_t utc) {
-  std::int64_t before = utc;
-  std::int64_t after = utc;
-  for (int day = 0; day < kLongestDays && offset_at(after) == offset_at(before); ++day) {
-    before = after;
-    after += kDaySeconds;
-  }
-  if (offset_at(after) == offset_at(before))
-    return 0;
-  while (after - before > 1) {
-    const std::int64_t middle = before + (after - before) / 2;
-    (offset_at(middle) == offset_at(before) ? before : after) = middle;
-  }
-  return after;
+  return next_transition(utc, offset_at).value_or(0);
 }
 
 static zone_rules rules_now() {

@@ -81,7 +81,8 @@ void standin_follow_transitions() {
   follows_transitions = true;
   end_transition_timer();
   const std::int64_t now = std::time(nullptr);
-  const auto next = next_transition(current_zone(), now);
+  const auto next = next_transition(
+      now, [zone = current_zone()](std::int64_t utc) { return zone_offset(zone, utc); });
   if (!next)
     return;
   transition = *next;

@@ -778,8 +778,10 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
   EXPECT_EQ(due_at(run.m, due_kind::kReturn), kNever) << "somebody watches, without CEC";
   EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone);
   start.kept.sleep.wish = sleep_wish::kOffTimer;
+  start.kept.sleep.last_method = off_action::kHibernate;
   run.send(start);
   EXPECT_EQ(run.m.sleep.wish, sleep_wish::kOffTimer);
+  EXPECT_EQ(run.m.sleep.last_method, off_action::kHibernate);
 }
 
 TEST(Decide, AnotherBuildInTheSameBoot_KnowsItsUser_AndTheScreenThatWeHaveTurnedOff) {
@@ -1234,8 +1236,10 @@ TEST(Decide, AnAnswerThatDoesNotCome_IsAProblemOfLogind_AndAScreenThatIsUnknown)
     run.send(event::due{});
     run.send(is_use ? event::any{event::tv_reports{}}
                     : event::any{event::use_changed{0, 0, 0, kSleepBit, 5000, true}});
-    run.pass(3);
-    run.send(event::due{});
+    EXPECT_EQ(run.count<order::sleep>(), 0);
+    if (is_use)
+      run.pass(3);
+    run.send(is_use ? event::any{event::due{}} : event::any{event::tv_silent{}});
     EXPECT_EQ(run.has(problem::kUse), is_use);
     EXPECT_EQ(run.count<order::sleep>(), is_use ? 0 : 1);
     EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), run.now.boot + (is_use ? 30 : 90) * kSecondMs);
@@ -1251,6 +1255,9 @@ TEST(Decide, ATestThatCannotSleep_IsOver_AndAnOrderIsNotTakenBack) {
   run.send(event::sleep_answered{EACCES});
   EXPECT_EQ(run.last<order::answer>().error, EACCES);
   EXPECT_EQ(run.last<order::answer>().seconds, 0);
+  run.send(event::test_wake{8, 100});
+  run.send(event::shutdown_begins{});
+  EXPECT_EQ(run.last<order::answer>().error, ECANCELED);
   EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), kNever);
 }
 

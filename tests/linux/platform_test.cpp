@@ -115,7 +115,7 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   record.alarm.foreign = {alarm_owner::kForeign, kNow + 900, kNow + 901};
   record.use.input_at = 1;
   record.sleep.wish = sleep_wish::kOffTimer;
-  record.sleep.method = off_action::kPoweroff;
+  record.sleep.method = record.sleep.last_method = off_action::kPoweroff;
   EXPECT_FALSE(load_record(0).exists);
   EXPECT_EQ(store_record(record), 0);
   EXPECT_EQ(load_record(0).record.screen.believed, screen_state::kOff);
@@ -131,6 +131,7 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   EXPECT_TRUE(kept.record.screen.ordered_on) << "somebody is there";
   EXPECT_EQ(kept.record.sleep.wish, sleep_wish::kOffTimer);
   EXPECT_EQ(kept.record.sleep.method, off_action::kPoweroff);
+  EXPECT_EQ(kept.record.sleep.last_method, off_action::kPoweroff);
   EXPECT_EQ(kept.record.power.now, phase::kShuttingDown);
   EXPECT_EQ(kept.record.power.went.utc, kNow);
   EXPECT_EQ(kept.record.alarm.wanted, record.alarm.wanted);
@@ -140,12 +141,13 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   std::filesystem::remove("/tmp/state/alarm");
   write_file("/tmp/state/wake-up", "[wake-up]\ntype=7\non-time=1800000100\nalarm=1800000085\n");
   EXPECT_EQ(load_record(kNow + 86).record.alarm.stands.count, kNow + 86) << "of version 1.1";
-  EXPECT_FALSE(load_record(0).exists);
   std::filesystem::create_directories("/tmp/state/alarm.new");
   record.alarm.wanted = {};
   EXPECT_EQ(store_record(record), EISDIR);
+  EXPECT_TRUE(load_record(0).exists) << "it is read until its content is stored";
   std::filesystem::remove("/tmp/state/alarm.new");
   EXPECT_EQ(store_record(record), 0);
+  EXPECT_FALSE(std::filesystem::exists("/tmp/state/wake-up"));
 }
 
 TEST_F(Machine, HasOneDaemon_ThatHasAccessToTheState) {
