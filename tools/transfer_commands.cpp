@@ -304,26 +304,51 @@ static void import_each(const std::vector<Record> &records, const char *name, su
         summary.notes.push_back(std::string(what).append(": ").append(note));
       ++summary.added;
     } catch (const failure &failure) {
+      if (failure.kind != fault::kRefused) // so will be all that follow
+        throw;
       summary.refused.push_back({{"what", what}, {"why", failure.what}});
     }
   }
 }
 
 // Holidays go first, because they move timers.
-void import_timers(client &client, const options &given) {
-  const import_contents wanted = read_import_file(given.words.at(0));
-  summary done{.notes = wanted.notes};
+static void import_all(client &client, const import_contents &wanted, bool force, summary &done) {
   import_each(wanted.holidays, "holidays", done,
               [&](const holiday &period) { return import_holiday(client, period); });
   import_each(wanted.timers, "timers", done, [&](const timer_record &timer) {
-    return import_timer(client, timer, given.force, done.ids);
+    return import_timer(client, timer, force, done.ids);
   });
+}
+
+static void tell(bool as_json, const summary &done) {
   std::string text =
       std::to_string(done.added) + " added, " + std::to_string(done.refused.size()) + " refused.";
   for (const json &refused : done.refused)
     text += "\n" + refused["what"].get<std::string>() + ": " + refused["why"].get<std::string>();
-  say(given.json, {{"added", done.added}, {"ids", done.ids}, {"refused", done.refused}}, text,
+  say(as_json, {{"added", done.added}, {"ids", done.ids}, {"refused", done.refused}}, text,
       done.notes);
+}
+
+failure rest_of_file(const failure &failure, bool as_json, json &refused) {
+  if (!as_json)
+    return failure;
+  refused.push_back({{"what", "the rest"}, {"why", failure.what}});
+  return {"", "", failure.kind};
+}
+
+void import_timers(client &client, const options &given) {
+  const import_contents wanted = read_import_file(given.words.at(0));
+  summary done{.notes = wanted.notes};
+  try {
+    import_all(client, wanted, given.force, done);
+  } catch (const failure &failure) {
+    if (done.added == 0 && done.refused.empty())
+      throw;
+    const auto rest = rest_of_file(failure, given.json, done.refused);
+    tell(given.json, done);
+    throw rest;
+  }
+  tell(given.json, done);
   if (!done.refused.empty())
     throw failure{given.json ? "" : "not everything was imported", ""};
 }

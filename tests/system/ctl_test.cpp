@@ -77,6 +77,9 @@ constexpr const char *kSimulated = R"sh(
 method() { # with its arguments, its reply and what that is
   busctl call $daemon $object $bus.Mock AddMethod sssss $daemon $1 $2 $3 "ret = $4"
 }
+denied() { # a method with its arguments
+  method $1 $2 i "(_ for _ in ()).throw(dbus.DBusException('no', name='$bus.Error.AccessDenied'))"
+}
 of() { echo "[byte for word in $1 for byte in (word, 0, 0, 0)]"; }
 put() { # an object and so many properties
   name=$1; shift
@@ -811,6 +814,8 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl -V => 0 dravelctl 1
   )");
   EXPECT_THAT(shell("dravelctl check").said, HasSubstr("problem Daemon: dravel-manager is not "));
+  EXPECT_THAT(shell(kApply + std::string("file $seven,$seven; dravelctl import x")).said,
+              testing::StartsWith("dravelctl: dravel-manager is not running; start it"));
   const outcome alone = shell(
       "mkfifo p; timeout --foreground 9 dravelctl monitor 2>p & read line <p; echo $line; kill $!\n"
       "dravelctl list -j; dravelctl list");
@@ -900,6 +905,10 @@ TEST_F(CtlWithout, WhatADaemonTells_IsShown_AndWhatItDoesNotTell_IsMarkedAsGuess
     newer true $((noon - 60)) -> ctl explain => 0 It does not fire in the coming five weeks.\nIt then \
       wakes the set, reason 20.\nThis machine then starts dravel-wakeup@20.target; the television stays off.\n
     ctl wakeup => 0       Timer: 2\n
+    method request_set_disable_period $(printf i%.0s $(seq 20)) i 3; denied schedule_timer iiiiiiiiiiiiiii; \
+      file $seven,$seven $christmas -> ctl import x => 4 1 added, 0 refused.\ndravelctl: you may not change the timers;
+    file $seven,$seven $christmas -> ctl import x -j => 4 {"added":1,"ids":[],"refused":[{"what":"the rest","why":"you may
+    file $seven,$seven -> ctl import x -j => 4 {"error":{"kind":"not-allowed",
     method request_timer_list i iay '(1, [1])' -> ctl list => 1 the answer to request_timer_list is \
       not understood; dravelctl and dravel-manager are of different versions
     method request_timer_list i iay 'os._exit(0)' -> ctl list => 3 dravel-manager ended before it answered
