@@ -127,7 +127,7 @@ static std::vector<std::string> row_of(const timer_record &timer, const snapshot
           type_name(timer.type),
           is_armed ? short_time_text(armed->second) : "not armed",
           is_armed ? short_span(armed->second, view) : "",
-          days_text(timer.week_flag),
+          short_days_text(timer.week_flag),
           remarks_of(timer, view)};
 }
 

@@ -20,10 +20,11 @@ inline constexpr day_group kDayGroups[] = {
 std::string type_name(int type);    // the number for a type without a name
 std::string type_meaning(int type); // what the set does when it expires
 std::string clock_name(int clock);
-std::vector<std::string> day_names(int week_flag);                   // "Mon"
-std::string days_text(int week_flag);                                // "once", "daily", "Mon,Wed"
-std::string date_text(const holiday_end &end);                       // "24 Dec"
-std::string date_text(const holiday &period);                        // "24 Dec to 26 Dec"
+std::vector<std::string> day_names(int week_flag); // "Mon"
+std::string days_text(int week_flag);              // "once", "daily", "Mon,Wed"
+std::string short_days_text(int week_flag);        // "Mon-Thu,Sat" of three and more
+std::string date_text(const holiday_end &end);     // "24 Dec"
+std::string date_text(const holiday &period);      // "24 Dec to 26 Dec"
 std::string date_in(const holiday_end &end, std::chrono::year year); // "2026-12-24"
 std::string day_text(std::chrono::sys_days day);                     // "Thu 2026-12-24"
 std::string time_text(civil_time time);                              // "Thu 2026-12-24 07:00:00"

@@ -403,6 +403,10 @@ TEST_F(Ctl, TimersAndTheOverview_AreListed) {
     add 7 --on daily -> script -qc 'dravelctl explain 1' /dev/null | grep -c '.\{82\}' => 1 0
     add 7 -> echo n | script -qc 'dravelctl cancel --all' /dev/null; ctl list => 0 nothing is cancelled =/> No
     add 7 -> echo Y | script -qc 'dravelctl cancel --all' /dev/null => 0 Timer 1 is cancelled.
+    add 7 --on mon,tue,wed,thu,sat,sun --holidays skip --priority 5 -> ctl list => 0 19 h  Mon-Thu,Sat,Sun  no
+    add 7 --on tue,wed,thu,fri,sun -> ctl list => 0   Tue-Fri,Sun\n
+    add 7 --on mon,tue,thu,fri,sun --holidays skip --priority 5 --type wake-20; ctl halt on -> \
+      script -qc 'dravelctl list; dravelctl types' /dev/null | grep -c '.\{82\}' => 1 0
     three -> ctl list --off-timers => 0 \n1   off =/> \n2
     three; add 8 --type announce -> ctl list --off-timers --on-timers | wc -l => 0 5\n
     add 7 --type 200 --priority 3 --clock rtc --holidays skip -> ctl list; ctl show 1 => 0 \
