@@ -455,6 +455,8 @@ TEST_F(Ctl, Timers_AreExplained) {
       woken for nothing: no on-timer is armed.\n
     add 7 --on daily; add 7 --type off --on daily -> ctl explain => 0 \nThe set is not woken for timer 1 \
       on Wed 2026-12-16 07:00:00: off-timer 2 is set for the same time.\nThe set is woken for nothing.\n
+    in_berlin; add 7 --on daily; add 7 --on wed --type off -> ctl explain => 0 \nThe set is not woken for timer 1 \
+      on Wed 2026-12-16 07:00:00: off-timer 2 is set for the same time.\nThe set is woken on Thu 2026-12-17 06:00:00 UTC
     add 7 --on daily; add 7 -> ctl explain => 0 : no on-timer at that second has a higher priority.
     add '2026-12-20 7:09'; add '2026-12-22 7:05' --type standby --holidays skip; add 13:00 -> \
       ctl explain 2 => 0 07:05:00 and skips holidays.\nIt is armed for Tue 2026-12-22 07:05:00, in 6 \
