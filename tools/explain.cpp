@@ -165,8 +165,8 @@ static std::string wakeup_reason(const timer_record &chosen, const snapshot &vie
 
 // Of the timer for which the set is woken: an earlier day of it is left out.
 static bool is_woken_later(const timer_record &timer, const snapshot &view) {
-  const civil_time at = view.wakeup.is_utc ? civil_of(view.wakeup.at) : view.wakeup.at;
-  return timer.id == view.wakeup.id && floor<days>(view.armed.at(timer.id)) < floor<days>(at);
+  return timer.id == view.wakeup.id &&
+         floor<days>(view.armed.at(timer.id)) < floor<days>(civil_of(view.wakeup));
 }
 
 static std::vector<std::string> tell_wakeup(const snapshot &view) {

@@ -177,6 +177,10 @@ static seconds offset_at(civil_time utc) { return seconds(local_fields(utc).tm_g
 
 civil_time civil_of(civil_time utc) { return utc + offset_at(utc); }
 
+civil_time civil_of(const wakeup_time &wakeup) {
+  return wakeup.is_utc ? civil_of(wakeup.at) : wakeup.at;
+}
+
 // An hour that the clock shows twice is the first of the two, because the daemon counts the seconds
 // that the clock shows. So is a time that it leaves out the moment so long after the change. mktime
 // would search for either for a millisecond in a zone without summer time.

@@ -44,6 +44,7 @@ struct zoned_time {
 zoned_time in_zone(civil_time time);
 zoned_time from_utc(civil_time utc); // of a time in UTC, what that zone's clock then reads
 civil_time civil_of(civil_time utc); // the same as a time
+civil_time civil_of(const wakeup_time &wakeup);
 // The next second, UTC, at which the zone's offset changes; nothing within 400 days.
 std::optional<civil_time> next_change_of_offset(civil_time utc);
 std::string iso_text(civil_time time); // without a zone

@@ -294,6 +294,15 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add '2026-12-15 11:59' --check => 1 has passed
     add 7:00 --type off -> add 7:00 => 0 \
       Note: It is not armed: off-timer 1 is set for the same time.
+    add 7 --type off --on daily -> add 7 --check => 0 \n Next firing: not armed\n
+    add 7 --type off -> add 7 --check => 0 Note: It would not be armed: off-timer 1 is set for =/> certain
+    add 7 --type off; add 8 -> ctl change 2 --at 7 --check => 0 It would not be armed: off-timer 1
+    add 7 -> add 7 --type off --check -j => 0 "notes":["Timer 1 would not be armed any more: the new off-timer is
+    add 7 -> add 7 --type off -j => 0 "notes":["Timer 1 is not armed any more: off-timer 2 is set for the same time."]
+    add 13; add 23 --type off -> add 23 --check => 0 \n Next firing: Tue 2026-12-15 23:00:00
+    add 13; add 23 --type off -> add 23 => 0 \n Next firing: Tue 2026-12-15 23:00:00
+    add 7 --type off; file '{"type":0,"at":"2026-12-16T07:00:00"}' -> ctl import x => 0 \
+      Note: timers[0]: It is not armed: off-timer 1 is set for the same time. =/> certain
     add 7:00 --on mon -> add 7:00 --on daily => 0 It and timer 1 are due in the same second, \
       Mon 2026-12-21 07:00:00: only one of them will fire, and which one is not certain; choose \
       another minute.
