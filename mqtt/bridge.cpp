@@ -10,7 +10,6 @@
 
 static constexpr unsigned kRefreshMs = 200;
 static constexpr unsigned kHourMs = 3600 * 1000; // the week moves on
-static constexpr int kDisconnectMs = 400;
 
 static constexpr const char *kOnline = "online";
 static constexpr const char *kOffline = "offline";
@@ -42,12 +41,13 @@ bridge::bridge(const configuration &configuration, const std::string &state_dire
   run_later(hourly_timer_, kHourMs, &bridge::refresh_now);
 }
 
-bridge::~bridge() {
+bool bridge::stop() {
   trial_.break_off();
   leave(kOffline);
   for (unsigned *timer : {&settle_timer_, &refresh_timer_, &discovery_timer_, &hourly_timer_,
                           &plan_timer_, &retry_timer_})
-    stop(*timer);
+    stop_timer(*timer);
+  return broker_.stop();
 }
 
 // --- timers of the main loop ---
@@ -63,7 +63,7 @@ struct later {
 } // namespace
 
 void bridge::run_later(unsigned &timer, unsigned milliseconds, void (bridge::*then)()) {
-  stop(timer);
+  stop_timer(timer);
   timer = g_timeout_add_full(
       G_PRIORITY_DEFAULT_IDLE, milliseconds, // takes turns with what comes from the broker
       [](void *data) -> gboolean {
@@ -75,7 +75,7 @@ void bridge::run_later(unsigned &timer, unsigned milliseconds, void (bridge::*th
       new later{this, &timer, then}, [](void *data) { delete static_cast<later *>(data); });
 }
 
-void bridge::stop(unsigned &timer) {
+void bridge::stop_timer(unsigned &timer) {
   if (timer != 0)
     g_source_remove(timer);
   timer = 0;
@@ -97,8 +97,8 @@ void bridge::lose(const std::vector<publication> &sent) {
   peer_availability_.clear();
   early_.clear();
   plans_.forget();
-  stop(settle_timer_);
-  stop(discovery_timer_);
+  stop_timer(settle_timer_);
+  stop_timer(discovery_timer_);
   for (const publication &kept : sent)
     outbox_.put(kept);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "broker.h"
+#include "budget.h"
 #include "documents.h"
 #include "ledger.h"
 #include "outbox.h"
@@ -18,13 +19,14 @@ class bridge {
 public:
   // `state_directory` keeps what was carried out. Throws a failure when there is no system bus.
   bridge(const configuration &configuration, const std::string &state_directory);
-  ~bridge(); // says offline
+  ~bridge() { stop(); } // waits for an attempt to connect
   bridge(const bridge &) = delete;
   bridge &operator=(const bridge &) = delete;
 
   void start() { broker_.start(); }
   void sleep();
   void wake() { broker_.resume(); }
+  bool stop(); // says offline; gives what broker::stop does
   GDBusConnection *bus() const { return client_.bus(); }
 
 private:
@@ -72,10 +74,10 @@ private:
   void refresh(); // at most five times a second
   void refresh_now();
   void run_later(unsigned &timer, unsigned milliseconds, void (bridge::*then)());
-  void stop(unsigned &timer);
+  void stop_timer(unsigned &timer);
 
   const configuration &configuration_;
-  client client_{3};
+  client client_{kDaemonSeconds};
   ledger ledger_;
   plans plans_;
   trial trial_;

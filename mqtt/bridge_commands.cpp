@@ -3,8 +3,6 @@
 #include "bridge.h"
 #include "journal.h"
 
-#include <glib.h>
-
 #include <algorithm>
 #include <random>
 #include <utility>

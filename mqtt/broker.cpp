@@ -1,5 +1,6 @@
 #include "broker.h"
 
+#include "budget.h"
 #include "journal.h"
 
 #include <glib.h>
@@ -8,14 +9,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <random>
 #include <utility>
 
 static constexpr std::size_t kMostWaiting = 100;
 static constexpr std::size_t kMostUnacknowledged = 1000;
 static constexpr unsigned kLongestDelay = 120; // seconds
-static constexpr int kDrainMs = 1500;          // for what is sent before a pause
 static constexpr int kHoldsSeconds = 5;        // more than another machine takes to come back
 static constexpr int kDoubtful = 3;            // short connections
 
@@ -193,18 +192,9 @@ broker::broker(const configuration &configuration, publication will, std::string
   mosquitto_lib_init();
 }
 
-// A connection attempt cannot be broken off: the process ends without the thread then.
 broker::~broker() {
-  {
-    const std::lock_guard guard(lock_);
-    is_ended_ = true;
-    changed_.notify_all();
-  }
-  if (!thread_.joinable())
-    return;
-  if (!wait_paused(0))
-    std::_Exit(EXIT_SUCCESS);
-  thread_.join();
+  if (thread_.joinable())
+    thread_.join();
   while (g_idle_remove_by_data(this) != FALSE)
     ;
   mosquitto_lib_cleanup();
@@ -235,6 +225,13 @@ bool broker::wait_paused(int milliseconds) {
   std::unique_lock lock(lock_);
   return changed_.wait_for(lock, std::chrono::milliseconds(milliseconds),
                            [this] { return is_idle_; });
+}
+
+bool broker::stop() {
+  const std::lock_guard guard(lock_);
+  is_ended_ = true;
+  changed_.notify_all();
+  return is_idle_;
 }
 
 bool broker::publish(const publication &publication) {

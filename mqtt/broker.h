@@ -56,6 +56,9 @@ public:
   void resume();                      // connects at once
   void pause();                       // disconnects once all is sent, and stays so
   bool wait_paused(int milliseconds); // false when it is still connected, or still tries to
+  // After `pause`, before the end of this object, which waits for the thread. False: an attempt to
+  // connect still runs; end the process without this object.
+  bool stop();
 
   // False without a connection, and when the broker does not take what is sent.
   bool publish(const publication &publication);
@@ -69,7 +72,7 @@ private:
   mosquitto *make();
   int secure(mosquitto *client);
   int connect(mosquitto *client);
-  void subscribe(mosquitto *client);
+  int subscribe(mosquitto *client);
   void hand_over(std::function<void()> happened);
   void receive(message received);
   void hear(const message &received);
@@ -85,6 +88,12 @@ private:
   const listener listener_;
 
   std::thread thread_;
+  // the thread's own
+  long long connected_at_ = 0; // microseconds, monotonic
+  int short_connections_ = 0;  // in a row
+  std::string fault_;          // the last one told
+  std::string detail_;         // what the library says of it
+
   std::mutex lock_; // of what follows
   std::condition_variable changed_;
   mosquitto *client_ = nullptr;
@@ -94,13 +103,9 @@ private:
   bool is_ended_ = false;
   std::vector<std::pair<int, publication>> unacknowledged_; // by message id, in order
   bool is_stuck_ = false;
-  long long connected_at_ = 0; // microseconds, monotonic
-  int short_connections_ = 0;  // in a row
   std::deque<std::function<void()>> happened_;
   unsigned connection_ = 0;               // counts them
   std::size_t waiting_ = 0;               // messages among them, without those that follow
   std::map<std::string, message> newest_; // of this connection, by topic
   std::set<std::string> refused_topics_;  // told already
-  std::string fault_;                     // the last one told
-  std::string detail_;                    // what the library says of it
 };

@@ -26,9 +26,11 @@ struct broker::callbacks {
       self.detail_ = "it refuses this machine: " + std::string(mosquitto_reason_string(reason));
       return;
     }
-    self.subscribe(client);
+    const int error = self.subscribe(client);
+    if (error != MOSQ_ERR_SUCCESS)
+      self.detail_ = mosquitto_strerror(error);
     const std::lock_guard guard(self.lock_);
-    if (self.is_paused_) // meanwhile
+    if (error != MOSQ_ERR_SUCCESS || self.is_paused_) // meanwhile
       mosquitto_disconnect(client);
   }
 
@@ -93,12 +95,13 @@ struct broker::callbacks {
   }
 };
 
-void broker::subscribe(mosquitto *client) {
+int broker::subscribe(mosquitto *client) {
   std::vector<char *> topics;
   std::ranges::transform(subscriptions_, std::back_inserter(topics),
                          [](std::string &topic) { return topic.data(); });
-  mosquitto_subscribe_multiple(client, nullptr, static_cast<int>(topics.size()), topics.data(), 1,
-                               MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED, nullptr);
+  return mosquitto_subscribe_multiple(
+      client, nullptr, static_cast<int>(topics.size()), topics.data(), 1,
+      MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED, nullptr);
 }
 
 mosquitto *broker::make() {

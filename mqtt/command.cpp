@@ -1,5 +1,7 @@
 #include "command.h"
 
+#include "commands.h"
+
 #include <algorithm>
 
 static constexpr int kDeepest = 16;
@@ -46,8 +48,7 @@ json object_of(const message &message) {
   try {
     body = parsed(message.payload);
   } catch (const json::exception &error) {
-    const std::string text = error.what();
-    throw failure{"the message is no JSON: " + text.substr(text.find("] ") + 2), "", fault::kUsage};
+    throw failure{"the message is no JSON: " + reason_of(error), "", fault::kUsage};
   }
   if (!body.is_object())
     throw failure{"the message is no JSON object", "", fault::kUsage};

@@ -4,7 +4,6 @@
 #include "broker.h"
 #include "output.h"
 
-#include <optional>
 #include <string>
 
 inline constexpr const char *kApply = "apply";

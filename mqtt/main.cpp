@@ -90,6 +90,8 @@ static void forget(const configuration &settings, GMainLoop *loop) {
     std::_Exit(kUnreached); // an attempt to connect cannot be broken off
   }
   broker.wait_paused(kForgetSeconds * 1000);
+  if (!broker.stop())
+    std::_Exit(EXIT_SUCCESS);
 }
 
 // --- the bridge ---
@@ -99,8 +101,7 @@ static void lose_bus(GDBusConnection *, gboolean, GError *, void *loop) {
   g_main_loop_quit(static_cast<GMainLoop *>(loop));
 }
 
-static int run(const configuration &settings, GMainLoop *loop) {
-  bridge bridge(settings, directory_of("STATE_DIRECTORY", "/var/lib/dravel-mqtt"));
+static int serve(bridge &bridge, GMainLoop *loop) {
   const sleep_socket socket(
       directory_of("RUNTIME_DIRECTORY", "/run/dravel-mqtt") + "/sleep", [&] { bridge.sleep(); },
       [&] { bridge.wake(); });
@@ -109,6 +110,14 @@ static int run(const configuration &settings, GMainLoop *loop) {
   g_main_loop_run(loop);
   g_signal_handler_disconnect(bridge.bus(), closed);
   return g_dbus_connection_is_closed(bridge.bus()) != FALSE ? kLost : 0;
+}
+
+static int run(const configuration &settings, GMainLoop *loop) {
+  bridge bridge(settings, directory_of("STATE_DIRECTORY", "/var/lib/dravel-mqtt"));
+  const int status = serve(bridge, loop);
+  if (!bridge.stop())
+    std::_Exit(status);
+  return status;
 }
 
 int main(int argc, char **argv) {

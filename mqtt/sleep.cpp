@@ -1,5 +1,6 @@
 #include "sleep.h"
 
+#include "budget.h"
 #include "journal.h"
 
 #include <glib-unix.h>
@@ -10,7 +11,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-static constexpr timeval kPatience{.tv_sec = 2, .tv_usec = 0};
+static constexpr timeval kPatience{.tv_sec = kPatienceSeconds, .tv_usec = 0};
 
 static int open_socket() {
   const int descriptor = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);

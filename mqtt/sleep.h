@@ -6,7 +6,8 @@
 
 class sleep_socket {
 public:
-  // Before the answer to `sleep` all is published and the connection closed.
+  // Before the answer to `sleep` all is published and the connection closed. A bridge in the middle
+  // of a call to the daemon answers too late.
   sleep_socket(std::string path, std::function<void()> sleep, std::function<void()> wake);
   ~sleep_socket();
   sleep_socket(const sleep_socket &) = delete;

@@ -2,7 +2,6 @@
 
 #include "commands.h"
 
-#include <cstdlib>
 #include <utility>
 
 static constexpr unsigned kDarkSeconds = 5;

@@ -6,7 +6,6 @@
 #include "output.h"
 #include "parse.h"
 
-#include <iosfwd>
 #include <optional>
 #include <set>
 #include <string>
@@ -124,6 +123,7 @@ import_contents read_import_file(const std::string &name, bool dated = false);
 // After a failure that ended what a file wants: in JSON it is added to `refused`, what was done
 // before being told then. Returns what remains to be thrown.
 failure rest_of_file(const failure &failure, bool as_json, json &refused);
+std::string reason_of(const json::exception &error); // what is wrong with the text
 // One entry of such a file, which a failure calls `where`.
 timer_record read_timer(const json &value, const std::string &where,
                         std::vector<std::string> &notes);

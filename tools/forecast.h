@@ -4,7 +4,6 @@
 
 #include "timers.h"
 
-#include <string>
 #include <vector>
 
 // What arming all timers again does to others.

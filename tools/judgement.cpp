@@ -4,7 +4,6 @@
 #include "words.h"
 
 #include <algorithm>
-#include <ranges>
 
 using namespace std::chrono;
 

@@ -2,8 +2,6 @@
 #include "commands.h"
 #include "judgement.h"
 
-#include <algorithm>
-
 using namespace std::chrono;
 
 static json types() {

@@ -163,7 +163,7 @@ list_of(const element &all, const char *name, std::vector<std::string> &notes,
   return records;
 }
 
-static std::string reason_of(const json::exception &error) {
+std::string reason_of(const json::exception &error) {
   const std::string text = error.what();
   return text.substr(text.find("] ") + 2); // after the library's own number
 }

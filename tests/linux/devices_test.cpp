@@ -211,6 +211,11 @@ TEST_F(Television, OfAnAdapterThatSomebodyElseConfigured_IsLeftToItToAnswer) {
   EXPECT_EQ(cec.claims, 1);
   EXPECT_EQ(both(), " | ");
   EXPECT_EQ(change(), "4f36 | reachable 1") << "the order has waited for the address";
+  cec.addresses = {};
+  change();
+  turn_television(false);
+  sleep_for(15);
+  EXPECT_EQ(change(), " | reachable 1") << "somebody may have turned it on since";
 }
 
 TEST_F(Television, WithoutAnAddress_IsWokenBlindly_AndItsOtherEndNotUsed) {

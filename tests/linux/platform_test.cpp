@@ -16,6 +16,7 @@
 #include <system_log.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -163,6 +164,18 @@ TEST_F(Machine, HasOneDaemon_ThatHasAccessToTheState) {
   ASSERT_TRUE(user != 0 || seteuid(65534) == 0);
   EXPECT_FALSE(lock_state());
   EXPECT_EQ(seteuid(user), 0);
+}
+
+TEST_F(Machine, WithoutItsBusConnection_HearsOfNoSleep_AndEnds) {
+  start_bus();
+  ASSERT_EQ(kill(client().pid_of(DBUS_SERVICE_DBUS), SIGKILL), 0);
+  std::string entry;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (entry.empty() && std::chrono::steady_clock::now() < deadline) {
+    ecore_main_loop_iterate();
+    entry = next_entry();
+  }
+  EXPECT_NE(entry.find("the system bus is lost, this daemon ends"), std::string::npos);
 }
 
 // --- journal ---

@@ -192,6 +192,35 @@ TEST_F(Mqtt, ABroker_MayRetainFirst_AndAcknowledgeNothing) {
   seen->wait("dravel/m/result", R"("command":"apply","done":true)");
 }
 
+TEST_F(Mqtt, ALostBus_EndsTheBridge_WhileItConnects) {
+  constexpr const char *kOtherBus = "unix:path=/run/bench/other-bus";
+  const outcome other =
+      shell(std::string("dbus-daemon --session --fork --print-pid --address=") + kOtherBus);
+  const stand_in_broker silent(port);
+  for (int i = 0; i < 2; ++i) // its queue is full then: the next one who connects gets no answer
+    wait_listening(port);
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", kOtherBus, 1);
+  launch_bridge();
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", kSandboxBus, 1);
+  while (shell(DRAVEL_MQTT " --wake").status != 0) // until its main loop runs
+    usleep(1000);
+  kill(std::stoi(other.said), SIGTERM);
+  EXPECT_EQ(bridge->wait(), 1);
+}
+
+TEST_F(Mqtt, ASubscriptionThatCannotBeSent_IsTold_AndTriedAgain) {
+  start_broker("allow_anonymous true\nmax_packet_size 200\n");
+  of_machine = "groups=" + std::string(64, 'a') + "," + std::string(64, 'b') + "\n";
+  launch_bridge();
+  wait_bridge_log("no connection to the broker localhost:" + std::to_string(port) +
+                  ": Packet larger than");
+  broker.reset();
+  start_broker();
+  for (const char *now : {" --sleep", " --wake"})
+    EXPECT_EQ(shell(std::string(DRAVEL_MQTT) + now).status, 0);
+  wait_bridge_log("connected to the broker localhost as m");
+}
+
 TEST_F(Mqtt, ConnectionsThatNeverHold_RaiseAQuestion_Once) {
   const auto told = [](const std::string &text) {
     int count = 0;
