@@ -40,19 +40,14 @@ static std::vector<json> list_in(const json &body, const char *name) {
 
 // --- timers ---
 
-static json timer_in_set(client &client, int id, const std::vector<std::string> &notes) {
+static json timer_in_set(client &client, int id, const timer_record &wanted, const snapshot &before,
+                         std::vector<std::string> notes) {
   const snapshot view = client.look();
   const timer_record *timer = find_timer(view.timers, id);
   if (timer == nullptr)
     throw failure{"timer " + std::to_string(id) + " was added and is gone already", ""};
+  std::ranges::move(notes_of_added(id, wanted, before, view), std::back_inserter(notes));
   return {{"timer", json_of(*timer, view)}, {"notes", notes}};
-}
-
-static std::vector<std::string> all_notes(std::vector<std::string> notes, const timer_record &timer,
-                                          const snapshot &view) {
-  const auto more = notes_of(timer, view);
-  notes.insert(notes.end(), more.begin(), more.end());
-  return notes;
 }
 
 static json add(client &client, const message &message) {
@@ -62,7 +57,7 @@ static json add(client &client, const message &message) {
   const snapshot view = client.look();
   check_room(timer, view, false);
   const int id = add_to_set(client, timer, view);
-  return timer_in_set(client, id, all_notes(notes, timer, view));
+  return timer_in_set(client, id, timer, view, notes);
 }
 
 // The old timer as export writes it, with the members of `set` in place of its own.
@@ -94,7 +89,7 @@ static json change(client &client, const message &message) {
   std::vector<std::string> notes;
   const timer_record timer = changed(*old, member_of(body, "set"), notes);
   const int id = change_in_set(client, *old, timer, view);
-  json about = timer_in_set(client, id, notes);
+  json about = timer_in_set(client, id, timer, view, notes);
   about["replaced"] = old_id;
   return about;
 }

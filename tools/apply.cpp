@@ -389,12 +389,9 @@ void apply(client &client, const options &given) {
   } catch (const failure &failure) {
     if (account.done["changed"] == false)
       throw;
-    if (given.json)
-      account.done["refused"].push_back({{"what", "the rest"}, {"why", failure.what}});
+    const auto rest = rest_of_file(failure, given.json, account.done["refused"]);
     tell(given.json, account);
-    if (!given.json)
-      throw;
-    throw ::failure{"", "", failure.kind};
+    throw rest;
   }
   tell(given.json, account);
   if (!account.done["refused"].empty())

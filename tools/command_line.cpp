@@ -31,7 +31,10 @@ class formatter : public CLI::Formatter {
   }
   std::string make_subcommand(const CLI::App *command) const override {
     std::string name = "  " + command->get_display_name(true);
-    name.resize(kHelpColumn, ' ');
+    if (name.size() >= kHelpColumn) // its aliases take the whole of it
+      name += "\n" + std::string(kHelpColumn, ' ');
+    else
+      name.resize(kHelpColumn, ' ');
     return name + wrapped(command->get_description(), kTextWidth - kHelpColumn, kHelpColumn) + "\n";
   }
 };
@@ -339,39 +342,6 @@ void command_line::define_commands(const std::vector<std::string> &words) {
       (this->*each.define)(each);
 }
 
-static json help_of(const CLI::App &command) {
-  json help{{"name", command.get_name()}, {"summary", command.get_description()}};
-  help["options"] = json::array();
-  for (const CLI::Option *option :
-       command.get_options([](const CLI::Option *any) { return any->get_name() != "--help"; }))
-    help["options"].push_back({{"name", option->get_name()}, {"help", option->get_description()}});
-  help["commands"] = json::array();
-  for (const CLI::App *below : command.get_subcommands({}))
-    help["commands"].push_back(help_of(*below));
-  return help;
-}
-
-void command_line::print_help_of_command() {
-  const CLI::App *about = &app_;
-  std::string prefix = "dravelctl";
-  for (const auto &word : given_.words) {
-    if (about != &app_)
-      prefix += " " + about->get_name();
-    const auto found =
-        about->get_subcommands([&](const CLI::App *command) { return command->check_name(word); });
-    if (found.empty())
-      throw usage("there is no command " + word, "dravelctl help lists them");
-    about = found.front();
-  }
-  if (given_.json)
-    return say(true, help_of(*about), "");
-  // help() of the whole would give that of the command that was parsed.
-  const std::string text =
-      about == &app_ ? app_.get_formatter()->make_help(about, prefix, CLI::AppFormatMode::Normal)
-                     : about->help(prefix);
-  std::fputs(text.c_str(), stdout);
-}
-
 // --- what is wrong with a line ---
 
 static const CLI::App *parsed_command(const CLI::App &app) {
@@ -379,6 +349,12 @@ static const CLI::App *parsed_command(const CLI::App &app) {
   while (!command->get_subcommands().empty())
     command = command->get_subcommands().back();
   return command;
+}
+
+static const CLI::App *subcommand(const CLI::App *above, const std::string &name) {
+  const auto found =
+      above->get_subcommands([&](const CLI::App *command) { return command->check_name(name); });
+  return found.empty() ? nullptr : found.front();
 }
 
 // "holidays add"; empty for the program itself.
@@ -555,10 +531,13 @@ static failure mismatch(const CLI::App *command, const std::vector<std::string> 
 failure command_line::fault_of_line(const CLI::ParseError &error,
                                     const std::vector<std::string> &words) const {
   const CLI::App *command = parsed_command(app_);
-  if (const auto fault = unquoted(command, words))
-    return *fault;
   auto rest = app_.remaining(true);
   std::erase(rest, "--");
+  const std::string typed = typed_command(words);
+  if (!rest.empty() && rest.front() == typed && subcommand(&app_, typed) == nullptr)
+    return unexpected(&app_, typed); // a command that is parsed stands behind it
+  if (const auto fault = unquoted(command, words))
+    return *fault;
   if (!rest.empty())
     return unexpected(command, rest.front());
   if (dynamic_cast<const CLI::RequiredError *>(&error) == nullptr)
@@ -566,6 +545,40 @@ failure command_line::fault_of_line(const CLI::ParseError &error,
   const auto missing = command->get_options(
       [](const CLI::Option *option) { return option->get_required() && option->count() == 0; });
   return usage(path_of(command) + " needs " + missing.front()->get_name(), example_of(command));
+}
+
+// --- help ---
+
+static json help_of(const CLI::App &command) {
+  json help{{"name", command.get_name()}, {"summary", command.get_description()}};
+  help["options"] = json::array();
+  for (const CLI::Option *option :
+       command.get_options([](const CLI::Option *any) { return any->get_name() != "--help"; }))
+    help["options"].push_back({{"name", option->get_name()}, {"help", option->get_description()}});
+  help["commands"] = json::array();
+  for (const CLI::App *below : command.get_subcommands({}))
+    help["commands"].push_back(help_of(*below));
+  return help;
+}
+
+void command_line::print_help_of_command() {
+  const CLI::App *about = &app_;
+  std::string prefix = "dravelctl";
+  for (const auto &word : given_.words) {
+    if (about != &app_)
+      prefix += " " + about->get_name();
+    const CLI::App *found = subcommand(about, word);
+    if (found == nullptr)
+      throw unexpected(about, word);
+    about = found;
+  }
+  if (given_.json)
+    return say(true, help_of(*about), "");
+  // help() of the whole would give that of the command that was parsed.
+  const std::string text =
+      about == &app_ ? app_.get_formatter()->make_help(about, prefix, CLI::AppFormatMode::Normal)
+                     : about->help(prefix);
+  std::fputs(text.c_str(), stdout);
 }
 
 command_line::command_line(const std::vector<std::string> &words)
@@ -591,14 +604,16 @@ command_line::command_line(const std::vector<std::string> &words)
 }
 
 command_function command_line::parse(int argc, char **argv) {
+  const auto as_json = [this] { return app_.count("--json") != 0; }; // `given_` may not have it yet
   try {
     app_.parse(argc, argv);
   } catch (const CLI::CallForHelp &) {
+    if (as_json())
+      return say(true, help_of(*parsed_command(app_)), ""), nullptr;
     std::fputs(app_.help().c_str(), stdout);
     return nullptr;
   } catch (const CLI::CallForVersion &version) {
-    std::puts(version.what());
-    return nullptr;
+    return say(as_json(), {{"version", DRAVEL_VERSION}}, version.what()), nullptr;
   } catch (const CLI::ParseError &error) {
     throw fault_of_line(error, {argv + 1, argv + argc});
   }

@@ -120,6 +120,9 @@ import_contents read_import(const json &all, const std::string &name, bool dated
 std::string contents_of(const std::string &file); // "-" is standard input
 std::string source_name(const std::string &file); // as failures call it
 import_contents read_import_file(const std::string &name, bool dated = false);
+// After a failure that ended what a file wants: in JSON it is added to `refused`, what was done
+// before being told then. Returns what remains to be thrown.
+failure rest_of_file(const failure &failure, bool as_json, json &refused);
 std::string reason_of(const json::exception &error); // what is wrong with the text
 // One entry of such a file, which a failure calls `where`.
 timer_record read_timer(const json &value, const std::string &where,

@@ -163,6 +163,12 @@ static std::string wakeup_reason(const timer_record &chosen, const snapshot &vie
   return "it is the earliest on-timer";
 }
 
+// Of the timer for which the set is woken: an earlier day of it is left out.
+static bool is_woken_later(const timer_record &timer, const snapshot &view) {
+  return timer.id == view.wakeup.id &&
+         floor<days>(view.armed.at(timer.id)) < floor<days>(civil_of(view.wakeup));
+}
+
 static std::vector<std::string> tell_wakeup(const snapshot &view) {
   const timer_record *chosen = find_timer(view.timers, view.wakeup.id);
   const bool is_armed = chosen != nullptr && view.armed.contains(chosen->id);
@@ -170,7 +176,7 @@ static std::vector<std::string> tell_wakeup(const snapshot &view) {
   for (const timer_record &timer : view.timers) {
     const auto armed = view.armed.find(timer.id);
     if (is_ontimer_type(timer.type) && armed != view.armed.end() &&
-        (!is_armed || armed->second < view.armed.at(chosen->id)))
+        (!is_armed || armed->second < view.armed.at(chosen->id) || is_woken_later(timer, view)))
       sentences.push_back("The set is not woken for timer " + std::to_string(timer.id) + " on " +
                           time_text(armed->second) + ": " + reason_not_woken(timer, view) + ".");
   }

@@ -66,6 +66,7 @@ public:
   snapshot view;
   std::set<int> awaited{}; // timers that have yet to fire
 
+  void arm_last();
   std::optional<firing> soonest() const;
   void expire(const firing &next, outlook &found);
   void change_clock(civil_time system, outlook &found);
@@ -201,6 +202,15 @@ bool scheduler::arm(timer_record &timer) {
   return true;
 }
 
+// The timer at the end of the list is new: finding its place may move it past holidays.
+void scheduler::arm_last() {
+  sort_lists();
+  if (const timer_record *chosen = find_timer(view.timers, view.wakeup.id))
+    programmed_ = {civil_of(view.wakeup), chosen->priority};
+  choice_matters_ = may_choice_matter();
+  arm(view.timers.back());
+}
+
 // Moves a timer for one moment by whole days into the 24 hours from now.
 static void anchor(timer_record &timer, const clocks &now) {
   timer.at -= floor<days>(on_the_set(timer, now) - now.set);
@@ -318,6 +328,16 @@ static outlook run(scheduler set, civil_time until) {
     }
   }
   return found;
+}
+
+snapshot with_timer(const timer_record &timer, const snapshot &view) {
+  snapshot with = view;
+  with.timers.push_back(timer);
+  if (!view.clock_known)
+    return with;
+  scheduler set(with);
+  set.arm_last();
+  return set.view;
 }
 
 outlook forecast(const snapshot &view, civil_time until) { return run(scheduler(view), until); }

@@ -39,6 +39,10 @@ outlook forecast(const snapshot &view, civil_time until);
 // In the coming five weeks, and until each timer that is armed for later has fired.
 outlook forecast(const snapshot &view);
 
+// The view once the daemon has added `timer`: armed, unless an off-timer is set for the same time,
+// and other on-timers disarmed for which the new timer is such an off-timer.
+snapshot with_timer(const timer_record &timer, const snapshot &view);
+
 // An on-timer that fires within ten minutes after `at`: a standby timer is then left out. May move
 // timers past holidays, like the daemon.
 std::optional<int> ontimer_soon_after(civil_time at, snapshot &view, int except);

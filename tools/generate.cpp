@@ -69,7 +69,8 @@ static void write_bash(const entry &entry, const std::vector<const CLI::Option *
   std::cout << "' ;;\n";
 }
 
-// --- zsh: the same as arguments of _arguments, with their help ---
+// --- zsh: the same as arguments of _arguments, with their help. It puts its own options behind the
+// first word of an action that does not begin with a blank ---
 
 static std::string zsh_text(const std::string &text) {
   return replaced(replaced(replaced(replaced(text, "'", "'\\''"), ":", "\\:"), "[", "\\["), "]",
@@ -82,11 +83,12 @@ static void write_zsh(const entry &entry, const std::vector<const CLI::Option *>
     const std::string help = zsh_text(option->get_description());
     if (option->get_positional())
       std::cout << "\n      '" << (is_repeated(option) ? "*" : "") << ":" << help
-                << ":_dravelctl_value " << option->get_name(true) << "'";
+                << ": _dravelctl_value " << option->get_name(true) << "'";
     else
       std::cout << "\n      '" << (is_repeated(option) ? "*" : "") << "--" << long_name(option)
-                << "[" << help << "]"
-                << (takes_value(option) ? ":value:_dravelctl_value " + option->get_type_name() : "")
+                << (takes_value(option) ? "=[" : "[") << help << "]"
+                << (takes_value(option) ? ":value: _dravelctl_value " + option->get_type_name()
+                                        : "")
                 << "'";
   }
   std::cout << ")\n      commands=(";

@@ -4,11 +4,8 @@
 #include "words.h"
 
 #include <algorithm>
-#include <climits>
 
 using namespace std::chrono;
-
-static constexpr int kUnlisted = INT_MAX; // the id of a timer that is not added yet
 
 // --- refused, or not armed ---
 
@@ -49,7 +46,8 @@ std::string reason_unarmed(const timer_record &timer, const snapshot &view) {
     return "it has expired, and a transient timer stays listed";
   if (const timer_record *off = coinciding_offtimer(timer, view);
       off != nullptr && timer.week_flag == 0)
-    return "off-timer " + std::to_string(off->id) + " is set for the same time";
+    return (off->id == kUnlisted ? "the new off-timer" : "off-timer " + std::to_string(off->id)) +
+           " is set for the same time";
   if (std::string refusal = refusal_of(timer, view); !refusal.empty())
     return refusal;
   return "the daemon gives no reason; " + std::string(kLogHint);
@@ -84,28 +82,22 @@ std::vector<clash> clashes_of(int id, const std::vector<firing> &firings) {
   return clashes;
 }
 
-// "timers 1, 2 and 3"; the timer that is not added yet comes first.
-static std::string names_of(const std::vector<int> &ids) {
-  std::vector<std::string> names;
-  names.reserve(ids.size());
-  for (const int id : ids)
-    names.push_back(std::to_string(id));
-  std::string text = ids.size() == 1 ? "timer " : "timers ";
-  if (ids.back() == kUnlisted) {
-    names.pop_back();
-    if (names.empty())
-      return "it";
-    text = "it and " + std::string(names.size() == 1 ? "timer " : "timers ");
-  }
-  for (std::size_t i = 0; i < names.size(); ++i)
-    text += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+// "timers 1, 2 and 3", "it and timer 1"
+static std::string names_of(std::vector<int> ids, int it) {
+  const bool has_it = std::erase(ids, it) != 0;
+  if (ids.empty())
+    return "it";
+  std::string text =
+      (has_it ? "it and timer" : "timer") + std::string(ids.size() == 1 ? " " : "s ");
+  for (std::size_t i = 0; i < ids.size(); ++i)
+    text += (i == 0 ? "" : i + 1 == ids.size() ? " and " : ", ") + std::to_string(ids[i]);
   return text;
 }
 
 // The daemon arms all timers again when one fires, and the others of that second then count as
 // past. Which one is the first depends on when within a second each was armed. Transient timers are
 // left as they are; of several each has a firing of its own.
-std::string clash::text(const snapshot &view) const {
+std::string clash::text(const snapshot &view, int it) const {
   std::vector<int> transient;
   std::vector<int> others;
   bool is_on = false;
@@ -116,10 +108,10 @@ std::string clash::text(const snapshot &view) const {
   }
   std::string what = "only one of them will fire, and which one is not certain";
   if (!transient.empty())
-    what = names_of(transient) + " fires, and " +
-           (others.size() == 1 ? "whether " + names_of(others) + " does is not certain"
+    what = names_of(transient, it) + " fires, and " +
+           (others.size() == 1 ? "whether " + names_of(others, it) + " does is not certain"
                                : "at most one of the others, it is not certain which");
-  return names_of(ids) + " are due in the same second, " + time_text(at) + ": " + what +
+  return names_of(ids, it) + " are due in the same second, " + time_text(at) + ": " + what +
          "; choose another " + (is_on ? "minute" : "second");
 }
 
@@ -169,17 +161,9 @@ std::string fate_of(const timer_record &timer, const outlook &ahead) {
 
 // --- a new timer ---
 
-static outlook with_new(timer_record timer, civil_time next, snapshot &view) {
-  timer.id = kUnlisted;
-  view.timers.push_back(timer);
-  view.armed[kUnlisted] = next;
-  return forecast(view);
-}
-
 // The daemon keeps the time of day of a timer for one moment, not its day.
-static std::string note_of_day(timer_record timer, civil_time next, const snapshot &view,
+static std::string note_of_day(const timer_record &timer, civil_time next, const snapshot &view,
                                const outlook &ahead) {
-  timer.id = kUnlisted;
   const std::string fate = fate_of(timer, ahead);
   const std::string day = day_names(1 << weekday_of(next)).front();
   const bool is_near = next - view.now.set < days(7);
@@ -191,26 +175,43 @@ static std::string note_of_day(timer_record timer, civil_time next, const snapsh
          ", and cancel it afterwards.";
 }
 
-std::vector<std::string> notes_of(timer_record timer, const snapshot &view) {
-  if (!view.clock_known)
-    return {"The set's clock is unknown: the timer is armed once it is known."};
+// Of an armed timer; `wanted` has its id.
+static std::vector<std::string> notes_of_armed(timer_record wanted, const snapshot &before,
+                                               const snapshot &after) {
   std::vector<std::string> notes;
-  if (is_ontimer_type(timer.type) && timer.at != floor<minutes>(timer.at))
+  const int type = wanted.type;
+  const civil_time at = wanted.at;
+  if (is_ontimer_type(type) && at != floor<minutes>(at))
     notes.emplace_back("On-timers ignore seconds.");
-  if (timer.type == TIMER_TYPE_TRANSIENT && timer.week_flag != 0)
+  if (type == TIMER_TYPE_TRANSIENT && wanted.week_flag != 0)
     notes.emplace_back("A transient timer fires once, whatever its days.");
-  const civil_time wanted = timer.at;
-  const auto next = next_firing(timer, view.now, view.holidays);
-  if (!next)
-    return notes;
-  if (timer.at != wanted)
-    notes.push_back("Holidays move it from " + time_text(wanted) + " to " + time_text(*next) + ".");
-  snapshot with = view;
-  const outlook ahead = with_new(timer, *next, with);
-  const bool is_moved = timer.type != TIMER_TYPE_ALWAYS && timer.type != TIMER_TYPE_TRANSIENT;
-  if (timer.week_flag == 0 && is_moved && *next - view.now.set > days(1))
-    notes.push_back(note_of_day(timer, *next, view, ahead));
-  for (const clash &clash : clashes_of(kUnlisted, ahead.firings))
-    notes.push_back(sentence(clash.text(with)));
+  const civil_time next = after.armed.at(wanted.id);
+  next_firing(wanted, before.now, before.holidays);
+  if (wanted.at != at)
+    notes.push_back("Holidays move it from " + time_text(at) + " to " + time_text(next) + ".");
+  const outlook ahead = forecast(after);
+  const bool is_moved = type != TIMER_TYPE_ALWAYS && type != TIMER_TYPE_TRANSIENT;
+  if (wanted.week_flag == 0 && is_moved && next - before.now.set > days(1))
+    notes.push_back(note_of_day(wanted, next, before, ahead));
+  for (const clash &clash : clashes_of(wanted.id, ahead.firings))
+    notes.push_back(sentence(clash.text(after, wanted.id)));
+  return notes;
+}
+
+std::vector<std::string> notes_of_added(int id, timer_record wanted, const snapshot &before,
+                                        const snapshot &after) {
+  if (!before.clock_known)
+    return {"The set's clock is unknown: the timer is armed once it is known."};
+  const std::string is = id == kUnlisted ? " would not be armed" : " is not armed";
+  std::vector<std::string> notes;
+  wanted.id = id;
+  if (after.armed.contains(id))
+    notes = notes_of_armed(wanted, before, after);
+  else
+    notes.push_back("It" + is + ": " + reason_unarmed(wanted, after) + ".");
+  for (const timer_record &other : after.timers)
+    if (before.armed.contains(other.id) && !after.armed.contains(other.id))
+      notes.push_back(sentence("timer " + std::to_string(other.id) + is +
+                               " any more: " + reason_unarmed(other, after)));
   return notes;
 }

@@ -4,6 +4,7 @@
 
 #include "forecast.h"
 
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -21,14 +22,18 @@ struct clash {
   civil_time at;
   std::vector<int> ids; // sorted
 
-  std::string text(const snapshot &view) const;
+  std::string text(const snapshot &view, int it = 0) const; // calls the timer with that id "it"
 };
 
 // The clashes of one timer, or of all for id 0; each company of timers once, with its first second.
 std::vector<clash> clashes_of(int id, const std::vector<firing> &firings);
 
-// What the user should know of a timer that is added to those in `view`.
-std::vector<std::string> notes_of(timer_record timer, const snapshot &view);
+inline constexpr int kUnlisted = INT_MAX; // the id of a timer that is only checked
+
+// What the user should know of the timer `id` of `after`, which was asked for as `wanted` when the
+// set was as in `before`; also of the timers there that it has disarmed.
+std::vector<std::string> notes_of_added(int id, timer_record wanted, const snapshot &before,
+                                        const snapshot &after);
 
 // The timer that the daemon removes to make room for one more; null while there is room.
 const timer_record *evicted_by(const timer_record &timer, const snapshot &view);

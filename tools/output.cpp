@@ -27,8 +27,9 @@ void print_table(const std::vector<std::string> &titles,
   std::vector<std::size_t> widths(titles.size());
   const auto line_of = [&](const std::vector<std::string> &cells) {
     std::string line;
-    for (std::size_t i = 0; i < cells.size(); ++i)
+    for (std::size_t i = 0; i + 1 < cells.size(); ++i)
       line += cells[i] + std::string(widths[i] - cells[i].size() + 2, ' ');
+    line += wrapped(cells.back(), line_width() - line.size(), line.size());
     line.erase(line.find_last_not_of(' ') + 1);
     return line;
   };

@@ -21,7 +21,8 @@ inline constexpr const char *kReverse = "7";
 
 std::string painted(std::FILE *out, const char *colour, const std::string &text);
 
-// A line of column titles, then the rows; columns are as wide as their widest cell.
+// A line of column titles, then the rows; columns are as wide as their widest cell. At a
+// terminal the last one is wrapped.
 void print_table(const std::vector<std::string> &titles,
                  const std::vector<std::vector<std::string>> &rows);
 

@@ -127,7 +127,7 @@ static std::vector<std::string> row_of(const timer_record &timer, const snapshot
           type_name(timer.type),
           is_armed ? short_time_text(armed->second) : "not armed",
           is_armed ? short_span(armed->second, view) : "",
-          days_text(timer.week_flag),
+          short_days_text(timer.week_flag),
           remarks_of(timer, view)};
 }
 
@@ -272,14 +272,12 @@ int add_to_set(client &client, const timer_record &timer, const snapshot &view) 
   throw not_stored("the timer", refusal_of(timer, view));
 }
 
-static std::vector<std::string> notes_of_added(const options &given, const timer_record &timer,
-                                               const snapshot &view) {
-  auto notes = notes_of(timer, view);
+static void note_machine_time(std::vector<std::string> &notes, const options &given,
+                              const timer_record &timer, const snapshot &view) {
   const bool is_dated = !given.at || given.at->find('-') != std::string::npos;
   if (!view.clock_known && timer.week_flag == 0 && !is_dated)
     notes.push_back(*given.at + " is counted from this machine's clock, " +
                     time_text(view.now.of(timer.clock)) + ".");
-  return notes;
 }
 
 static void tell_timer(const options &given, const timer_record &timer, const snapshot &view,
@@ -293,14 +291,18 @@ static void tell_timer(const options &given, const timer_record &timer, const sn
 }
 
 // What would be added; the timer has no id.
-static void tell_checked(const options &given, timer_record timer, snapshot view,
+static void tell_checked(const options &given, timer_record timer, const snapshot &view,
                          const std::string &text) {
-  auto notes = notes_of_added(given, timer, view);
+  timer.id = kUnlisted;
+  snapshot after = with_timer(timer, view);
+  auto notes = notes_of_added(kUnlisted, timer, view, after);
+  note_machine_time(notes, given, timer, view);
   note_eviction(notes, timer, view, true);
+  timer = after.timers.back(); // where holidays may have moved it
   timer.id = 0;
-  if (const auto next = next_firing(timer, view.now, view.holidays); next && view.clock_known)
-    view.armed[0] = *next;
-  tell_timer(given, timer, view, text, notes);
+  if (const auto armed = after.armed.find(kUnlisted); armed != after.armed.end())
+    after.armed[0] = armed->second;
+  tell_timer(given, timer, after, text, notes);
 }
 
 // The timer that was added to those of `before`, where holidays may have moved it.
@@ -310,9 +312,8 @@ static void tell_added(client &client, const options &given, int id, const std::
   const timer_record *timer = find_timer(view.timers, id);
   if (timer == nullptr)
     throw failure{"timer " + std::to_string(id) + " was added and is gone already", kLogHint};
-  auto notes = notes_of_added(given, wanted, before);
-  if (view.clock_known && !view.armed.contains(id))
-    notes = {"It is not armed: " + reason_unarmed(*timer, view) + "."};
+  auto notes = notes_of_added(id, wanted, before, view);
+  note_machine_time(notes, given, wanted, before);
   note_eviction(notes, wanted, before);
   tell_timer(given, *timer, view, text, notes);
 }

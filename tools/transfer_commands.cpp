@@ -259,29 +259,6 @@ static bool is_same(const timer_record &a, const timer_record &b) {
          moment(a) == moment(b);
 }
 
-// Returns the notes on the timer; its id is appended to `ids`.
-static std::vector<std::string> import_timer(client &client, const timer_record &timer, bool force,
-                                             json &ids) {
-  const snapshot view = client.look();
-  const auto same = std::ranges::find_if(
-      view.timers, [&](const timer_record &other) { return is_same(timer, other); });
-  if (same != view.timers.end())
-    throw failure{"it is there already as timer " + std::to_string(same->id), ""};
-  check_room(timer, view, force);
-  ids.push_back(add_to_set(client, timer, view));
-  auto notes = notes_of(timer, view);
-  note_eviction(notes, timer, view);
-  return notes;
-}
-
-static std::vector<std::string> import_holiday(client &client, const holiday &period) {
-  const snapshot view = client.look();
-  if (const holiday *same = find_same(period, view.holidays))
-    throw failure{"they are there already as holidays " + std::to_string(same->id), ""};
-  add_holiday(client, period, view.now.set);
-  return {};
-}
-
 namespace {
 
 struct summary {
@@ -293,6 +270,33 @@ struct summary {
 
 } // namespace
 
+// Returns the notes on the timer.
+static std::vector<std::string> import_timer(client &client, const timer_record &timer, bool force,
+                                             summary &summary) {
+  const snapshot view = client.look();
+  const auto same = std::ranges::find_if(
+      view.timers, [&](const timer_record &other) { return is_same(timer, other); });
+  if (same != view.timers.end())
+    throw failure{"it is there already as timer " + std::to_string(same->id), ""};
+  check_room(timer, view, force);
+  const int id = add_to_set(client, timer, view);
+  ++summary.added;
+  summary.ids.push_back(id);
+  auto notes = notes_of_added(id, timer, view, client.look());
+  note_eviction(notes, timer, view);
+  return notes;
+}
+
+static std::vector<std::string> import_holiday(client &client, const holiday &period,
+                                               summary &summary) {
+  const snapshot view = client.look();
+  if (const holiday *same = find_same(period, view.holidays))
+    throw failure{"they are there already as holidays " + std::to_string(same->id), ""};
+  add_holiday(client, period, view.now.set);
+  ++summary.added;
+  return {};
+}
+
 // Hands each record to `add` and keeps account.
 template <typename Record, typename Add>
 static void import_each(const std::vector<Record> &records, const char *name, summary &summary,
@@ -302,28 +306,51 @@ static void import_each(const std::vector<Record> &records, const char *name, su
     try {
       for (const std::string &note : add(records[i]))
         summary.notes.push_back(std::string(what).append(": ").append(note));
-      ++summary.added;
     } catch (const failure &failure) {
+      if (failure.kind != fault::kRefused) // so will be all that follow
+        throw;
       summary.refused.push_back({{"what", what}, {"why", failure.what}});
     }
   }
 }
 
 // Holidays go first, because they move timers.
-void import_timers(client &client, const options &given) {
-  const import_contents wanted = read_import_file(given.words.at(0));
-  summary done{.notes = wanted.notes};
+static void import_all(client &client, const import_contents &wanted, bool force, summary &done) {
   import_each(wanted.holidays, "holidays", done,
-              [&](const holiday &period) { return import_holiday(client, period); });
-  import_each(wanted.timers, "timers", done, [&](const timer_record &timer) {
-    return import_timer(client, timer, given.force, done.ids);
-  });
+              [&](const holiday &period) { return import_holiday(client, period, done); });
+  import_each(wanted.timers, "timers", done,
+              [&](const timer_record &timer) { return import_timer(client, timer, force, done); });
+}
+
+static void tell(bool as_json, const summary &done) {
   std::string text =
       std::to_string(done.added) + " added, " + std::to_string(done.refused.size()) + " refused.";
   for (const json &refused : done.refused)
     text += "\n" + refused["what"].get<std::string>() + ": " + refused["why"].get<std::string>();
-  say(given.json, {{"added", done.added}, {"ids", done.ids}, {"refused", done.refused}}, text,
+  say(as_json, {{"added", done.added}, {"ids", done.ids}, {"refused", done.refused}}, text,
       done.notes);
+}
+
+failure rest_of_file(const failure &failure, bool as_json, json &refused) {
+  if (!as_json)
+    return failure;
+  refused.push_back({{"what", "the rest"}, {"why", failure.what}});
+  return {"", "", failure.kind};
+}
+
+void import_timers(client &client, const options &given) {
+  const import_contents wanted = read_import_file(given.words.at(0));
+  summary done{.notes = wanted.notes};
+  try {
+    import_all(client, wanted, given.force, done);
+  } catch (const failure &failure) {
+    if (done.added == 0 && done.refused.empty())
+      throw;
+    const auto rest = rest_of_file(failure, given.json, done.refused);
+    tell(given.json, done);
+    throw rest;
+  }
+  tell(given.json, done);
   if (!done.refused.empty())
     throw failure{given.json ? "" : "not everything was imported", ""};
 }

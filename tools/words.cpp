@@ -64,6 +64,22 @@ std::string days_text(int week_flag) {
   return text.empty() ? "no day" : text;
 }
 
+std::string short_days_text(int week_flag) {
+  const auto has = [&](unsigned k) { return k <= 7 && (week_flag >> k % 7 & 1) != 0; };
+  std::string text = days_text(week_flag);
+  for (unsigned first = 1; first <= 7; ++first) {
+    unsigned last = first;
+    while (has(first) && has(last + 1))
+      ++last;
+    const auto begin = text.find(day_word(first % 7));
+    const auto end = text.find(day_word(last % 7));
+    if (last >= first + 2 && end != std::string::npos)
+      text.replace(begin + 3, end - begin - 3, "-");
+    first = last;
+  }
+  return text;
+}
+
 std::string date_text(const holiday_end &end) {
   if (end.end_of_february)
     return "end of Feb";
@@ -160,6 +176,10 @@ static std::tm local_fields(civil_time utc) {
 static seconds offset_at(civil_time utc) { return seconds(local_fields(utc).tm_gmtoff); }
 
 civil_time civil_of(civil_time utc) { return utc + offset_at(utc); }
+
+civil_time civil_of(const wakeup_time &wakeup) {
+  return wakeup.is_utc ? civil_of(wakeup.at) : wakeup.at;
+}
 
 // An hour that the clock shows twice is the first of the two, because the daemon counts the seconds
 // that the clock shows. So is a time that it leaves out the moment so long after the change. mktime

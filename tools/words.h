@@ -20,10 +20,11 @@ inline constexpr day_group kDayGroups[] = {
 std::string type_name(int type);    // the number for a type without a name
 std::string type_meaning(int type); // what the set does when it expires
 std::string clock_name(int clock);
-std::vector<std::string> day_names(int week_flag);                   // "Mon"
-std::string days_text(int week_flag);                                // "once", "daily", "Mon,Wed"
-std::string date_text(const holiday_end &end);                       // "24 Dec"
-std::string date_text(const holiday &period);                        // "24 Dec to 26 Dec"
+std::vector<std::string> day_names(int week_flag); // "Mon"
+std::string days_text(int week_flag);              // "once", "daily", "Mon,Wed"
+std::string short_days_text(int week_flag);        // "Mon-Thu,Sat" of three and more
+std::string date_text(const holiday_end &end);     // "24 Dec"
+std::string date_text(const holiday &period);      // "24 Dec to 26 Dec"
 std::string date_in(const holiday_end &end, std::chrono::year year); // "2026-12-24"
 std::string day_text(std::chrono::sys_days day);                     // "Thu 2026-12-24"
 std::string time_text(civil_time time);                              // "Thu 2026-12-24 07:00:00"
@@ -43,6 +44,7 @@ struct zoned_time {
 zoned_time in_zone(civil_time time);
 zoned_time from_utc(civil_time utc); // of a time in UTC, what that zone's clock then reads
 civil_time civil_of(civil_time utc); // the same as a time
+civil_time civil_of(const wakeup_time &wakeup);
 // The next second, UTC, at which the zone's offset changes; nothing within 400 days.
 std::optional<civil_time> next_change_of_offset(civil_time utc);
 std::string iso_text(civil_time time); // without a zone

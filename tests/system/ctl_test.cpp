@@ -77,6 +77,9 @@ constexpr const char *kSimulated = R"sh(
 method() { # with its arguments, its reply and what that is
   busctl call $daemon $object $bus.Mock AddMethod sssss $daemon $1 $2 $3 "ret = $4"
 }
+denied() { # a method with its arguments
+  method $1 $2 i "(_ for _ in ()).throw(dbus.DBusException('no', name='$bus.Error.AccessDenied'))"
+}
 of() { echo "[byte for word in $1 for byte in (word, 0, 0, 0)]"; }
 put() { # an object and so many properties
   name=$1; shift
@@ -291,6 +294,15 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add '2026-12-15 11:59' --check => 1 has passed
     add 7:00 --type off -> add 7:00 => 0 \
       Note: It is not armed: off-timer 1 is set for the same time.
+    add 7 --type off --on daily -> add 7 --check => 0 \n Next firing: not armed\n
+    add 7 --type off -> add 7 --check => 0 Note: It would not be armed: off-timer 1 is set for =/> certain
+    add 7 --type off; add 8 -> ctl change 2 --at 7 --check => 0 It would not be armed: off-timer 1
+    add 7 -> add 7 --type off --check -j => 0 "notes":["Timer 1 would not be armed any more: the new off-timer is
+    add 7 -> add 7 --type off -j => 0 "notes":["Timer 1 is not armed any more: off-timer 2 is set for the same time."]
+    add 13; add 23 --type off -> add 23 --check => 0 \n Next firing: Tue 2026-12-15 23:00:00
+    add 13; add 23 --type off -> add 23 => 0 \n Next firing: Tue 2026-12-15 23:00:00
+    add 7 --type off; file '{"type":0,"at":"2026-12-16T07:00:00"}' -> ctl import x => 0 \
+      Note: timers[0]: It is not armed: off-timer 1 is set for the same time. =/> certain
     add 7:00 --on mon -> add 7:00 --on daily => 0 It and timer 1 are due in the same second, \
       Mon 2026-12-21 07:00:00: only one of them will fire, and which one is not certain; choose \
       another minute.
@@ -400,6 +412,10 @@ TEST_F(Ctl, TimersAndTheOverview_AreListed) {
     add 7 --on daily -> script -qc 'dravelctl explain 1' /dev/null | grep -c '.\{82\}' => 1 0
     add 7 -> echo n | script -qc 'dravelctl cancel --all' /dev/null; ctl list => 0 nothing is cancelled =/> No
     add 7 -> echo Y | script -qc 'dravelctl cancel --all' /dev/null => 0 Timer 1 is cancelled.
+    add 7 --on mon,tue,wed,thu,sat,sun --holidays skip --priority 5 -> ctl list => 0 19 h  Mon-Thu,Sat,Sun  no
+    add 7 --on tue,wed,thu,fri,sun -> ctl list => 0   Tue-Fri,Sun\n
+    add 7 --on mon,tue,thu,fri,sun --holidays skip --priority 5 --type wake-20; ctl halt on -> \
+      script -qc 'dravelctl list; dravelctl types' /dev/null | grep -c '.\{82\}' => 1 0
     three -> ctl list --off-timers => 0 \n1   off =/> \n2
     three; add 8 --type announce -> ctl list --off-timers --on-timers | wc -l => 0 5\n
     add 7 --type 200 --priority 3 --clock rtc --holidays skip -> ctl list; ctl show 1 => 0 \
@@ -448,6 +464,8 @@ TEST_F(Ctl, Timers_AreExplained) {
       woken for nothing: no on-timer is armed.\n
     add 7 --on daily; add 7 --type off --on daily -> ctl explain => 0 \nThe set is not woken for timer 1 \
       on Wed 2026-12-16 07:00:00: off-timer 2 is set for the same time.\nThe set is woken for nothing.\n
+    in_berlin; add 7 --on daily; add 7 --on wed --type off -> ctl explain => 0 \nThe set is not woken for timer 1 \
+      on Wed 2026-12-16 07:00:00: off-timer 2 is set for the same time.\nThe set is woken on Thu 2026-12-17 06:00:00 UTC
     add 7 --on daily; add 7 -> ctl explain => 0 : no on-timer at that second has a higher priority.
     add '2026-12-20 7:09'; add '2026-12-22 7:05' --type standby --holidays skip; add 13:00 -> \
       ctl explain 2 => 0 07:05:00 and skips holidays.\nIt is armed for Tue 2026-12-22 07:05:00, in 6 \
@@ -768,6 +786,14 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl '' => 2 dravelctl: there is no command ''; dravelctl help lists
     ctl help rm => 0 Cancel timers
     ctl help juggle => 2 there is no command juggle
+    ctl hol add 12-24 => 2 there is no command hol, did you mean holidays?; dravelctl help lists
+    ctl hol add --at fri 20:00 => 2 there is no command hol, did you mean holidays?;
+    ctl help hol => 2 no command hol, did you mean holidays?;
+    ctl help holidays ad => 2 no command holidays ad, did you mean add?; dravelctl help holidays lists
+    ctl --help => 0 \n  cancel, rm, delete, remove\n                            Cancel timers\n
+    ctl -V -j => 0 {"version":"1
+    ctl list --help -j => 0 {"name":"list","summary":
+    ctl -j --help => 0 {"name":"dravelctl",
     ctl del => 2 no command del, did you mean delete?;
     ctl edit 1 --at 8 => 2 did you mean change?
     ctl help add => 0 \n  --on DAYS                 Repeat
@@ -803,6 +829,8 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl -V => 0 dravelctl 1
   )");
   EXPECT_THAT(shell("dravelctl check").said, HasSubstr("problem Daemon: dravel-manager is not "));
+  EXPECT_THAT(shell(kApply + std::string("file $seven,$seven; dravelctl import x")).said,
+              testing::StartsWith("dravelctl: dravel-manager is not running; start it"));
   const outcome alone = shell(
       "mkfifo p; timeout --foreground 9 dravelctl monitor 2>p & read line <p; echo $line; kill $!\n"
       "dravelctl list -j; dravelctl list");
@@ -840,7 +868,7 @@ ics $D:20270401 >c; fits 'holidays import' holidays import c
 fits 'holidays list' holidays list; fits 'holidays add' holidays add 12-25 --all
 fits 'holidays remove' holidays remove 1; fits 'holidays skip' holidays skip 1
 file $seven $christmas; fits apply apply x --check; fits apply apply x; fits import import x
-fits 'holidays ignore' holidays ignore 6; fits help help; fits error show 99
+fits 'holidays ignore' holidays ignore 6; fits help help; fits version -V; fits error show 99
 {
   start_monitor --json; add 9:00; ctl halt on; ctl rm --all; holidays add 12-26; until_told s-added >m
 } >/dev/null 2>&1
@@ -892,6 +920,10 @@ TEST_F(CtlWithout, WhatADaemonTells_IsShown_AndWhatItDoesNotTell_IsMarkedAsGuess
     newer true $((noon - 60)) -> ctl explain => 0 It does not fire in the coming five weeks.\nIt then \
       wakes the set, reason 20.\nThis machine then starts dravel-wakeup@20.target; the television stays off.\n
     ctl wakeup => 0       Timer: 2\n
+    method request_set_disable_period $(printf i%.0s $(seq 20)) i 3; denied schedule_timer iiiiiiiiiiiiiii; \
+      file $seven,$seven $christmas -> ctl import x => 4 1 added, 0 refused.\ndravelctl: you may not change the timers;
+    file $seven,$seven $christmas -> ctl import x -j => 4 {"added":1,"ids":[],"refused":[{"what":"the rest","why":"you may
+    file $seven,$seven -> ctl import x -j => 4 {"error":{"kind":"not-allowed",
     method request_timer_list i iay '(1, [1])' -> ctl list => 1 the answer to request_timer_list is \
       not understood; dravelctl and dravel-manager are of different versions
     method request_timer_list i iay 'os._exit(0)' -> ctl list => 3 dravel-manager ended before it answered

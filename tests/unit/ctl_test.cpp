@@ -209,16 +209,12 @@ std::string Forecasts::any_time() {
   return time_text(static_cast<time_value>(at + (any(0, 5) == 0 ? any(0, 59) : 0)));
 }
 
-void Forecasts::add_any() {
-  const int type = any(0, 3) == 0 ? static_cast<int>(TIMER_TYPE_OFF) : any(0, 16);
-  call("schedule_timer", arguments_of({type, any_time(), any(0, 1) * any(1, 127), any(0, 1),
-                                       any(0, 3) == 0 ? any(1, 2) : 0, any(0, 2)}));
-}
-
 static snapshot present_view(civil_time system) {
   snapshot view;
   view.now = {civil(standin_tv_clock()), system};
   view.follows_zone = true;
+  const micom_ontimer_record &ontime = programmed_ontimer();
+  view.wakeup = {ontime.timer_id, civil(ontime.ontime), 0, ontime.is_utc != 0};
   for (const Eina_List *node = get_dravel_list(); node != nullptr; node = eina_list_next(node)) {
     const auto *item = static_cast<const dravel_item *>(eina_list_data_get(node));
     view.timers.push_back(made_from(*item, timer_from_image));
@@ -230,6 +226,20 @@ static snapshot present_view(civil_time system) {
     view.holidays.push_back(made_from(
         *static_cast<const disabled_period_item *>(eina_list_data_get(node)), holiday_from_image));
   return view;
+}
+
+void Forecasts::add_any() {
+  const int type = any(0, 3) == 0 ? static_cast<int>(TIMER_TYPE_OFF) : any(0, 16);
+  const auto arguments = arguments_of({type, any_time(), any(0, 1) * any(1, 127), any(0, 1),
+                                       any(0, 3) == 0 ? any(1, 2) : 0, any(0, 2)});
+  const snapshot before = present_view(civil(utc_));
+  const int id = call("schedule_timer", arguments).at(0);
+  const snapshot after = present_view(civil(utc_));
+  const timer_words image = words_of(id, arguments);
+  const auto wanted = timer_from_image(reinterpret_cast<const std::uint8_t *>(image.data()));
+  if (after.timers.size() == before.timers.size() + 1) {
+    EXPECT_EQ(with_timer(wanted, before).armed, after.armed);
+  }
 }
 
 // "3@1797940800" for each firing.
