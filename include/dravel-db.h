@@ -40,9 +40,10 @@ DRAVEL_API int close_dravel_db(void);
 // connections stay: reads still work, writes are refused, and the next start creates new files.
 DRAVEL_API void reset_dravel_db(void);
 
-// 0 when the file at `path` exists and is sound. Otherwise -1: the file is
-// missing; or it was damaged and has been deleted; or SQLite reports it corrupt
-// and it is still there.
+// 0 when the file at `path` exists and is sound, also when it is no database or
+// is locked: opening it fails then. Otherwise -1: the file is missing; or it was
+// damaged and has been deleted; or SQLite reports it corrupt and it is still
+// there.
 DRAVEL_API int integrity_check(const char *path);
 
 // Creates the file where it is missing and gives it the daemon's owner and mode

@@ -604,7 +604,7 @@ static bool __migration_0_to_1(void) {
 static constexpr bool (*kMigrations[])(void) = {__migration_0_to_1};
 static_assert(std::size(kMigrations) == kDravelDbVersion, "a migration to each version");
 
-// Afterwards the file is sound: a missing or damaged one is replaced by an empty one.
+// A missing or damaged file is replaced by an empty one; what is no database stays.
 static void prepare_db_file(database &db) {
   db.is_older = integrity_check(db.path) == 0;
   if (!db.is_older) {

@@ -48,6 +48,7 @@ int start_dravel(void) {
   ecore_init();
   init_dravel();
   init_hash_table();
+  // Each of these may fail: the daemon runs without it.
   initialize_dravel_db();
   load_wakeup_timer();
   load_disabled_period_list();

@@ -23,7 +23,7 @@ static constexpr double kFinishWaitSeconds = 90.0;
 static constexpr double kAdjustWaitSeconds = 60.0;
 static constexpr double kPollSeconds = 0.1;
 
-static constexpr time_value kMaxDistanceSeconds = DRAVEL_FARTHEST_DAYS * time_value{86400};
+static constexpr time_value kMaxDistanceSeconds = DRAVEL_FARTHEST_DAYS * kSecondsPerDay;
 
 static constexpr int kNoOntimer = -1;
 static constexpr int kOntimerRefused = -2;
@@ -51,7 +51,7 @@ static runtime_state flags;
 // One-shot timers that the first scheduling found past, until somebody asks for due timers.
 static std::vector<due_timer> missed_timers;
 // The ids of those that the clock alone keeps from being armed: it was unknown when they were to be
-// armed again, or at the start.
+// armed again, or at the start. One that was evicted since may be among them.
 static std::set<int> waiting_for_clock;
 
 static Ecore_Timer *finish_wait_timer;
@@ -733,6 +733,7 @@ void cancel_dravel_item(dravel_item *item, removal_reason reason) {
   const bool had_ontimers = get_ontimer_list() != nullptr;
 
   cancel_ecore_timer(timer_id);
+  waiting_for_clock.erase(timer_id);
   remove_dravel_item(item, reason);
   if (micom_ontimer.timer_id == timer_id)
     schedule_next_ontimer(true);

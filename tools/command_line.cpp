@@ -568,6 +568,9 @@ void command_line::print_help_of_command() {
     if (about != &app_)
       prefix += " " + about->get_name();
     const CLI::App *found = subcommand(about, word);
+    if (found == nullptr && about->get_subcommands({}).empty())
+      throw usage("there is no command " + path_of(about) + " " + word,
+                  "dravelctl help lists those there are");
     if (found == nullptr)
       throw unexpected(about, word);
     about = found;

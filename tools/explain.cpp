@@ -145,9 +145,13 @@ static void tell_action(explanation &told, const timer_record &timer, const snap
 
 // Why the set is not woken for an on-timer that comes first.
 static std::string reason_not_woken(const timer_record &timer, const snapshot &view) {
-  if (const timer_record *off = coinciding_offtimer(timer, view))
+  const civil_time at = view.armed.at(timer.id);
+  timer_record that_day = timer; // another off-timer may be set for other days
+  if (timer.week_flag != 0)
+    that_day.week_flag = 1 << weekday_of(at);
+  if (const timer_record *off = coinciding_offtimer(that_day, view))
     return "off-timer " + std::to_string(off->id) + " is set for the same time";
-  if (view.armed.at(timer.id) - view.now.set <= kTooSoon)
+  if (at - view.now.set <= kTooSoon)
     return "it is due within this minute";
   return "the daemon has chosen so";
 }

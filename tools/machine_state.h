@@ -3,13 +3,11 @@
 #pragma once
 
 #include <gio/gio.h>
+#include <machine_bus.h>
 
 #include <chrono>
 #include <string>
 #include <vector>
-
-inline constexpr const char *kMachinePath = "/org/olvara/tv/system/dravel/machine";
-inline constexpr const char *kMachineInterface = "org.olvara.tv.system.dravel.machine";
 
 struct machine_state {   // times are UTC; 1970: none
   std::string screen;    // "on", "off", "unknown"

@@ -429,7 +429,8 @@ static void dispatch_status_changed(DBusConnection *, DBusDispatchStatus status,
 
 static void wakeup_main(void *data) { schedule_pass(static_cast<E_DBus_Connection *>(data)); }
 
-// Returns how many messages there were. The calls among them wait for their turn.
+// Returns how often it dispatched, at least 1: more than 1 means that messages had come. The calls
+// among them wait for their turn.
 static int take_messages(E_DBus_Connection *connection) {
   int count = 1;
   while (dbus_connection_dispatch(connection->bus) == DBUS_DISPATCH_DATA_REMAINS &&

@@ -184,10 +184,11 @@ static void address_changed() {
 }
 
 static void device_gone(cec_device &device) {
-  off_due_until = 0;
   if (device.path() == configuration().cec)
     happens(event::refused{problem::kScreen, ENODEV});
   std::erase_if(devices, [&](const auto &held) { return held.get() == &device; });
+  if (first(&cec_device::is_claiming) == nullptr)
+    off_due_until = 0;
   tell_reachable();
 }
 

@@ -13,7 +13,7 @@ static constexpr const char *kGroup = "linux";
 static constexpr unsigned kLongestSeconds = 86400;
 
 static linux_configuration current;
-static bool is_in_force; // a file has been read
+static bool is_in_force; // the first reading is over
 static std::vector<std::string> faults;
 
 static bool take_rtc(linux_configuration &into, const char *text) {

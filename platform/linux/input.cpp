@@ -119,7 +119,9 @@ static void open_device(const fs::path &path) {
 
 // A device that appears is readable once udev has set its mode, which is an event of its own.
 static int directory_changed(sd_event_source *, const struct inotify_event *change, void *) {
-  if (change->len > 0)
+  if ((change->mask & IN_IGNORED) != 0) // the directory has gone with its last device
+    watch_input(true);
+  else if (change->len > 0)
     open_device(fs::path(kInputDirectory) / change->name);
   return 0;
 }

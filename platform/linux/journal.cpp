@@ -3,6 +3,7 @@
 #include "sentences.h"
 
 #include <log_output.h>
+#include <machine_bus.h>
 #include <system_log.h>
 
 #include <glib.h>
@@ -79,7 +80,7 @@ static void write_event(int level, const std::string &event, const std::string &
   const std::pair<const char *, std::string> all[] = {{"PRIORITY=", std::to_string(level)},
                                                       {"SYSLOG_IDENTIFIER=", kTag},
                                                       {"MESSAGE=", text},
-                                                      {"MESSAGE_ID=", kEventId},
+                                                      {"MESSAGE_ID=", MACHINE_EVENT_ID},
                                                       {"DRAVEL_EVENT=", event},
                                                       {"DRAVEL_TIMER=", timer},
                                                       {"DRAVEL_REASON=", reason}};

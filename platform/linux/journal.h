@@ -4,9 +4,6 @@
 
 #include "event.h"
 
-// The MESSAGE_ID of all events; DRAVEL_EVENT, DRAVEL_TIMER and DRAVEL_REASON say which.
-inline constexpr const char *kEventId = "b9e79bcbc9524559903a405a6561a87d";
-
 // An error of a part of the platform that has no sentence of its own: what failed, and what does
 // not work because of it.
 void report(const char *format, ...) __attribute__((format(printf, 1, 2)));

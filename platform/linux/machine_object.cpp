@@ -5,6 +5,7 @@
 #include "sentences.h"
 
 #include <E_DBus.h>
+#include <machine_bus.h>
 
 #include <algorithm>
 #include <array>
@@ -15,8 +16,6 @@
 #include <utility>
 #include <vector>
 
-static constexpr const char *kPath = "/org/olvara/tv/system/dravel/machine";
-static constexpr const char *kInterface = "org.olvara.tv.system.dravel.machine";
 static constexpr const char *kRefused = "org.olvara.tv.system.dravel.machine.Refused";
 
 namespace {
@@ -218,10 +217,10 @@ void answer_test_wake(const order::answer &answered) {
 // --- the object ---
 
 static void export_object() {
-  object = e_dbus_object_add(e_dbus_bus_get(DBUS_BUS_SYSTEM), kPath, nullptr);
+  object = e_dbus_object_add(e_dbus_bus_get(DBUS_BUS_SYSTEM), kMachinePath, nullptr);
   if (object == nullptr)
     return;
-  interface = e_dbus_interface_new(kInterface);
+  interface = e_dbus_interface_new(kMachineInterface);
   e_dbus_interface_method_add(interface, "TurnScreen", "b", "", turn_screen);
   e_dbus_interface_method_add(interface, "TestWake", "u", "us", test_wake);
   for (const machine_property &row : kProperties)

@@ -12,6 +12,8 @@ static constexpr std::string_view kWakeupPrefix = "dravel-wakeup@";
 static constexpr const char *kNames[] = {"dravel-on.target", "dravel-off.target",
                                          "dravel-ambient.target"}; // by unit
 
+static std::optional<unit> ordered; // kOn or kOff, by this process, last
+
 static std::string name_of(unit of, std::int32_t reason) {
   if (of == unit::kWakeup)
     return std::string(kWakeupPrefix) + std::to_string(reason) + ".target";
@@ -55,7 +57,11 @@ static void order_unit(const char *method, unit of, std::int32_t reason) {
            name_of(of, reason).c_str(), "replace");
 }
 
-void start_unit(unit of, std::int32_t reason) { order_unit("RestartUnit", of, reason); }
+void start_unit(unit of, std::int32_t reason) {
+  if (of == unit::kOn || of == unit::kOff)
+    ordered = of;
+  order_unit("RestartUnit", of, reason);
+}
 
 void stop_unit(unit of) { order_unit("StopUnit", of, 0); }
 
@@ -71,11 +77,13 @@ static int job_new(sd_bus_message *message, void *, sd_bus_error *) {
   return 0;
 }
 
-// They do what the orders of a television do otherwise.
-static void screen_unit_ended(std::string_view result) {
+// They do what the orders of a television do otherwise. A unit of the opposite order that is
+// stopped ends with "done", too.
+static void screen_unit_ended(std::string_view name, std::string_view result) {
+  const bool is_opposite = ordered && (name.find("-off") != name.npos) != (*ordered == unit::kOff);
   if (result == "failed" || result == "timeout")
     happens(event::refused{problem::kScreenUnit, 1});
-  else if (result == "done")
+  else if (result == "done" && !is_opposite)
     happens(event::works{problem::kScreenUnit});
 }
 
@@ -87,7 +95,7 @@ static int job_removed(sd_bus_message *message, void *, sd_bus_error *) {
   if (unit_of(name))
     happens(event::job_ended{id});
   else if (std::string_view(name).starts_with(kScreenPrefix))
-    screen_unit_ended(result);
+    screen_unit_ended(name, result);
   return 0;
 }
 

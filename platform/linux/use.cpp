@@ -4,8 +4,7 @@
 #include "milliseconds.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <string>
+#include <iterator>
 #include <string_view>
 
 static constexpr std::uint64_t kLongestDelay = 600'000'000; // microseconds; it may be infinite
@@ -182,8 +181,10 @@ static int ability_answered(sd_bus_message *reply, void *data, sd_bus_error *) {
                   [](sd_bus_message *message) { take_ability(message, kAbilities[Row].bit); });
 }
 
+static constexpr int kQuestions = 2 + static_cast<int>(std::size(kAbilities));
+
 static void begin_round() {
-  current = {current.number + 1, 5, current.is_asked, 0, {}};
+  current = {current.number + 1, kQuestions, current.is_asked, 0, {}};
   void *data = round_mark();
   bus_get_properties(kLogind, properties_answered, data);
   bus_call(kLogind, kAbilities[0].question, ability_answered<0>, data, "");

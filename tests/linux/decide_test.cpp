@@ -43,6 +43,13 @@ struct awake_machine {
     now.utc += seconds;
     now.boot += seconds * kSecondMs;
   }
+  // The next process of the same boot, with the record of this one.
+  event::started next_run() const {
+    event::started again;
+    again.kept = m;
+    again.has_kept = again.same_boot = true;
+    return again;
+  }
   // Sleeps until then, and wakes.
   void sleep(std::int64_t seconds) {
     send(event::sleep_begins{});
@@ -205,9 +212,7 @@ TEST(Decide, ATelevisionsRemote_IsFollowed_WhenItHasSwitchedItOffSinceTheWakeUp)
       {{event::screen_wanted{true, event::asker::kBus}, event::tv_standby{}}, 5, false},
   };
   for (const auto &row : rows) {
-    settings set;
-    set.follow_screen = true;
-    awake_machine run(set);
+    awake_machine run({.follow_screen = true});
     run.send(on);
     run.sleep(1000);
     run.pass(row.after);
@@ -285,9 +290,7 @@ TEST(Decide, ATelevisionThatIsLate_IsAskedOn_AndTakenAtItsWord) {
       {true, 40, 0, 1}, {true, 300, 0, 0}, {true, 40, 85, 0}, {false, 40, 0, 0}, {false, 300, 0, 0},
   };
   for (const auto &row : rows) {
-    settings set;
-    set.follow_screen = true;
-    awake_machine run(set);
+    awake_machine run({.follow_screen = true});
     const event::tv_reports on{event::tv_state::kOn}, off{event::tv_state::kOff};
     run.send(event::screen_wanted{row.on, event::asker::kBus});
     for (std::int64_t second = 0; second < row.after; ++second) {
@@ -393,9 +396,7 @@ TEST(Decide, ADelayRefusedWhileASleepEnds_IsNoProblem_AndTakenAfterIt) {
 
 TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
   for (const bool hop_boots : {true, false}) {
-    settings set;
-    set.hop_boots = hop_boots;
-    awake_machine run(set);
+    awake_machine run({.hop_boots = hop_boots});
     run.m.alarm.range = 23LL * 3600;
     run.send(event::program{0, kNow + 3 * kOneDay, 0});
     EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kHop);
@@ -580,9 +581,7 @@ TEST(Decide, AMonitorBehindAnAdapter_DoesNotDelayTheSleep_AndComesBackWithItsUse
 TEST(Decide, ASleepOfSomebodyElse_LeavesTimeToComeBackFromTheDisk_WhenItMay) {
   for (const off_action off : {off_action::kSuspend, off_action::kHibernate})
     for (const std::uint8_t can : {kSleepBit, kHibernateBit}) {
-      settings set;
-      set.off = off;
-      awake_machine run(set);
+      awake_machine run({.off = off});
       run.send(event::use_changed{0, 0, 0, can, 5000, false});
       run.send(event::program{0, kNow + 1000, 0});
       const bool hibernates = off == off_action::kHibernate && can == kHibernateBit;
@@ -809,9 +808,7 @@ TEST(Decide, AnotherBuildInTheSameBoot_KnowsItsUser_AndTheScreenThatWeHaveTurned
 TEST(Decide, ARealTimeClockThatIsGone_LeavesTheClockKnown_InThisBoot) {
   for (const bool same_boot : {true, false}) {
     awake_machine run;
-    event::started again;
-    again.kept = run.m;
-    again.has_kept = true;
+    event::started again = run.next_run();
     again.same_boot = same_boot;
     again.device.clock = run.now.utc;
     again.kept.use.watched = true; // the last process has closed the input devices
@@ -863,9 +860,7 @@ TEST(Decide, ATimerOfAnUnknownClock_IsMadeUpFor_WhenItBecomesKnown) {
     awake_machine run({}, true, false);
     run.pass(row.unknown);
     run.send(event::ambient{});
-    event::started again;
-    again.kept = run.m;
-    again.has_kept = again.same_boot = true;
+    const event::started again = run.next_run();
     if (row.happens == also::kStarts)
       run.send(again);
     else if (row.happens == also::kSleeps)
@@ -906,9 +901,7 @@ TEST(Decide, ARefusedStandby_IsNoAnswerToTheQuestionBeforeAReturn) {
 TEST(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake) {
   enum class by : std::uint8_t { kNobody, kHand, kTimer }; // one of the off-action "none"
   for (const by who : {by::kNobody, by::kHand, by::kTimer}) {
-    settings set;
-    set.off = off_action::kNone;
-    awake_machine run(set);
+    awake_machine run({.off = off_action::kNone});
     run.send(event::program{0, kNow + 1000, 0});
     run.sleep(985);
     if (who != by::kNobody)
@@ -1058,10 +1051,7 @@ TEST(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered) {
     awake_machine run({}, false);
     run.send(on);
     run.send(event::ambient{true});
-    event::started again;
-    again.kept = run.m;
-    again.has_kept = again.same_boot = true;
-    run.send(again);
+    run.send(run.next_run());
     for (const event::any &one : then)
       run.send(one);
     run.send(event::armed{});
@@ -1080,9 +1070,8 @@ TEST(Decide, AWriteThatARestartHasLost_WaitsForAReading) {
   for (const bool was_done : {true, false}) {
     awake_machine run;
     run.send(event::program{0, kNow + 1000, 0});
-    event::started again;
-    again.kept = run.m;
-    again.has_kept = again.same_boot = again.kept.alarm.changes = true;
+    event::started again = run.next_run();
+    again.kept.alarm.changes = true;
     again.kept.alarm.next = {alarm_owner::kTimer, kNow + 900, kNow + 900};
     again.device.error = run.read_error = EIO;
     run.alarm = kNow + (was_done ? 900 : 500);
@@ -1115,9 +1104,7 @@ TEST(Decide, ATimerThatARestartHasLost_IsMadeUpFor_Once) {
       awake_machine run;
       run.pass(10);
       run.send(has_fired ? fires : event::ambient{});
-      event::started again;
-      again.kept = run.m;
-      again.has_kept = again.same_boot = true;
+      const event::started again = run.next_run();
       run.pass(away);
       run.send(again);
       run.send(event::armed{});
@@ -1148,9 +1135,7 @@ TEST(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate) {
               {true, true, false, false},
               {true, true, true, true}};
   for (const auto &row : rows) {
-    settings set;
-    set.screen_follows = row.follows;
-    awake_machine run(set, row.speaks);
+    awake_machine run({.screen_follows = row.follows}, row.speaks);
     run.send(event::screen_wanted{!row.is_off, event::asker::kBus});
     run.sleep(1000);
     run.pass(60);
@@ -1190,9 +1175,7 @@ TEST(Decide, ATestOfASleepThatOnlyItsCountShows_HasTheLengthOfTheSleep) {
 }
 
 TEST(Decide, AStandby_EndsTheQuestionsOfAnOrder_AndOneThatFailsAsksAgain) {
-  settings set;
-  set.screen_follows = true;
-  awake_machine run(set);
+  awake_machine run({.screen_follows = true});
   run.send(event::screen_wanted{true, event::asker::kBus});
   run.m.screen.believed = screen_state::kOn;
   run.send(event::sleep_begins{});
@@ -1216,9 +1199,7 @@ TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
   run.send(event::sleep_answered{EOPNOTSUPP});
   EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone) << "not again every 15 minutes";
   EXPECT_FALSE(run.has(problem::kSleep));
-  settings set;
-  set.off = off_action::kPoweroff;
-  run.send(event::configured{set});
+  run.send(event::configured{{.off = off_action::kPoweroff}});
   EXPECT_FALSE(run.has(problem::kCannotSleep));
 }
 
@@ -1268,9 +1249,7 @@ TEST(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload) {
   awake_machine run({}, false);
   run.send(event::screen_wanted{false, event::asker::kDaemon});
   for (const off_action off : {off_action::kPoweroff, off_action::kNone}) {
-    settings set;
-    set.off = off;
-    run.send(event::configured{set});
+    run.send(event::configured{{.off = off}});
     EXPECT_EQ(run.m.sleep.method, off);
   }
   EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone);

@@ -160,6 +160,7 @@ TEST_F(Television, IsClaimed_Ordered_AndUnderstood) {
       {{0x0f, CEC_MSG_REQUEST_ACTIVE_SOURCE}, "", "; source?"},
       {{0x0f, CEC_MSG_SET_STREAM_PATH, 0x10, 0x00}, "", "; source?"},
       {{0x0f, CEC_MSG_SET_STREAM_PATH, 0x20, 0x00}, "", ""},
+      {{0x0f, CEC_MSG_SET_STREAM_PATH, 0x10}, "", ""},
   };
   open();
   EXPECT_EQ(cec.claims, 1);
@@ -305,6 +306,17 @@ TEST_F(Machine, AFailedSleep_IsPostponedWithTheKernelsReason) {
 
 // --- input ---
 
+// Descriptors of this process.
+long open_inputs() {
+  long count = 0;
+  std::error_code closed_meanwhile;
+  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const std::string path = std::filesystem::read_symlink(entry, closed_meanwhile);
+    count += path.starts_with("/dev/input/event") ? 1 : 0;
+  }
+  return count;
+}
+
 TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
   ASSERT_EQ(mkfifo("/dev/input/event0", 0600), 0);
   const int fifo = open("/dev/input/event0", O_RDWR | O_CLOEXEC);
@@ -335,9 +347,29 @@ TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
     const int later = open(path.c_str(), O_RDWR | O_CLOEXEC);
     seen();
     EXPECT_EQ(press(later, EV_KEY), has_keys ? "input 5006" : "");
+    close(later); // it is pulled
   }
+  wait_until([] { return open_inputs() == 2; }); // of event0, by the platform and this case
   watch_input(false);
   EXPECT_EQ(press(fifo, EV_KEY), "");
+  close(fifo);
+  wait_until([] { return open_inputs() == 0; });
+}
+
+TEST_F(Machine, WithoutInputDevices_WaitsForTheFirst) {
+  std::filesystem::remove("/dev/input");
+  start_bus();
+  watch_input(true);
+  EXPECT_EQ(seen(), "works 7");
+  std::filesystem::create_directory("/dev/input");
+  EXPECT_EQ(seen(), "works 7");
+  ASSERT_EQ(mkfifo("/dev/input/event0", 0600), 0);
+  wait_until([] { return open_inputs() == 1; });
+  watch_input(false);
+  std::filesystem::remove("/dev/input/event0");
+  std::filesystem::create_symlink("/dev/none", "/dev/input/event3");
+  watch_input(true);
+  EXPECT_EQ(seen(), "refused 7 2") << "there is one, and none can be read";
 }
 
 // --- clock ---

@@ -5,6 +5,7 @@
 #include "use.h"
 
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -119,10 +120,13 @@ TEST_F(Services, TargetsAreStarted_AndTheirJobsFollowed) {
       emit(kSystemd, signal, "uoss",
            std::string("<uint32 8>, <objectpath '/8'>, <'") + name + "'>, <'done'>");
   EXPECT_EQ(seen(), "job 8 0; job 8 3; job ended 8; job ended 8");
-  for (const char *result : {"failed", "canceled", "done"})
+  for (const auto &[name, result] : {std::pair{"ddc-off", "failed"},
+                                     {"ddc-off", "canceled"},
+                                     {"ddc", "done"}, // it is stopped
+                                     {"ddc-off", "done"}})
     emit(kSystemd, "JobRemoved", "uoss",
-         std::string("<uint32 9>, <objectpath '/9'>, <'dravel-screen-ddc.service'>, <'") + result +
-             "'>");
+         std::string("<uint32 9>, <objectpath '/9'>, <'dravel-screen-") + name + ".service'>, <'" +
+             result + "'>");
   EXPECT_EQ(seen(), "refused 18 1; works 18");
   refuse(kSystemd, "RestartUnit", "ss");
   start_unit(unit::kOn, 0);

@@ -464,6 +464,8 @@ TEST_F(Ctl, Timers_AreExplained) {
       woken for nothing: no on-timer is armed.\n
     add 7 --on daily; add 7 --type off --on daily -> ctl explain => 0 \nThe set is not woken for timer 1 \
       on Wed 2026-12-16 07:00:00: off-timer 2 is set for the same time.\nThe set is woken for nothing.\n
+    add 7 --on daily; add 7 --on fri --type off; add 7 --on wed --type off -> ctl explain => 0 \nThe set is \
+      not woken for timer 1 on Wed 2026-12-16 07:00:00: off-timer 3 is
     in_berlin; add 7 --on daily; add 7 --on wed --type off -> ctl explain => 0 \nThe set is not woken for timer 1 \
       on Wed 2026-12-16 07:00:00: off-timer 2 is set for the same time.\nThe set is woken on Thu 2026-12-17 06:00:00 UTC
     add 7 --on daily; add 7 -> ctl explain => 0 : no on-timer at that second has a higher priority.
@@ -786,6 +788,7 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl '' => 2 dravelctl: there is no command ''; dravelctl help lists
     ctl help rm => 0 Cancel timers
     ctl help juggle => 2 there is no command juggle
+    ctl help cancel 3 => 2 there is no command cancel 3; dravelctl help lists those
     ctl hol add 12-24 => 2 there is no command hol, did you mean holidays?; dravelctl help lists
     ctl hol add --at fri 20:00 => 2 there is no command hol, did you mean holidays?;
     ctl help hol => 2 no command hol, did you mean holidays?;
