@@ -32,7 +32,7 @@ static constexpr std::uint64_t kMicroseconds = 1'000'000;
 // An entry is one of ours when it fits the matches before or after the null. Any user may write
 // entries, but not as root.
 static constexpr const char *kMatches[] = {
-    "_UID=0", "MESSAGE_ID=" MACHINE_EVENT_ID, nullptr,
+    "_UID=0", kMachineEvents, nullptr,
     // What the service manager tells of the daemon: it has started, stopped, failed.
     "_UID=0", "UNIT=dravel-manager.service", "MESSAGE_ID=39f53479d3a045ac8e11786248231fbf",
     "MESSAGE_ID=9d1aaa27d60140bd96365438aad20286", "MESSAGE_ID=d9b373ed55a64feb8242e02dbe79a49c"};

@@ -5,5 +5,5 @@
 inline constexpr const char *kMachinePath = "/org/olvara/tv/system/dravel/machine";
 inline constexpr const char *kMachineInterface = "org.olvara.tv.system.dravel.machine";
 
-// The MESSAGE_ID of all events; DRAVEL_EVENT, DRAVEL_TIMER and DRAVEL_REASON say which.
-#define MACHINE_EVENT_ID "b9e79bcbc9524559903a405a6561a87d"
+// The field that all events have; DRAVEL_EVENT, DRAVEL_TIMER and DRAVEL_REASON say which one it is.
+inline constexpr const char *kMachineEvents = "MESSAGE_ID=b9e79bcbc9524559903a405a6561a87d";

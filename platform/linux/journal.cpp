@@ -80,7 +80,7 @@ static void write_event(int level, const std::string &event, const std::string &
   const std::pair<const char *, std::string> all[] = {{"PRIORITY=", std::to_string(level)},
                                                       {"SYSLOG_IDENTIFIER=", kTag},
                                                       {"MESSAGE=", text},
-                                                      {"MESSAGE_ID=", MACHINE_EVENT_ID},
+                                                      {"", kMachineEvents},
                                                       {"DRAVEL_EVENT=", event},
                                                       {"DRAVEL_TIMER=", timer},
                                                       {"DRAVEL_REASON=", reason}};
