@@ -789,7 +789,6 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl help rm => 0 Cancel timers
     ctl help juggle => 2 there is no command juggle
     ctl help cancel 3 => 2 there is no command cancel 3; dravelctl help lists those
-    ctl hol add 12-24 => 2 there is no command hol, did you mean holidays?; dravelctl help lists
     ctl hol add --at fri 20:00 => 2 there is no command hol, did you mean holidays?;
     ctl help hol => 2 no command hol, did you mean holidays?;
     ctl help holidays ad => 2 no command holidays ad, did you mean add?; dravelctl help holidays lists
