@@ -62,9 +62,15 @@ TEST_F(Rtc, IsRead_AndItsAlarmWrittenAndReadBack) {
   const auto text = std::to_string(kNow + 60);
   EXPECT_EQ(written(kNow + 60), std::tuple(kNow + 60, 0, text));
   rtc.minutes = true;
+  rtc.refuses = EBUSY;
+  EXPECT_FALSE(read_rtc().minutes);
+  rtc.refuses = 0;
   const device_reading reading = read_rtc();
   EXPECT_EQ(std::tuple(reading.error, reading.clock, reading.alarm, reading.minutes),
             std::tuple(0, kNow, kNow + 60, true));
+  choose_rtc("auto");
+  rtc.minutes = false;
+  EXPECT_FALSE(read_rtc().minutes) << "it may be another one";
   rtc.refuses = EINVAL;
   EXPECT_EQ(switch_off_rtc_alarm().error, EINVAL);
   EXPECT_EQ(written(kNow + 90), std::tuple(0, EINVAL, ""));
@@ -189,6 +195,9 @@ TEST_F(Television, ThatDoesNotAnswer_IsSilent) {
   EXPECT_EQ(reply_to(unanswered), " | reachable 1");
   unanswered.rx_status = CEC_RX_STATUS_TIMEOUT;
   EXPECT_EQ(reply_to(unanswered), " | reachable 1; silent");
+  unanswered.msg[0] = 0x04;
+  unanswered.msg[1] = CEC_MSG_STANDBY;
+  EXPECT_EQ(reply_to(unanswered), " | reachable 1") << "not received whole";
   cec.refuses = ENONET;
   ask_television();
   turn_television(false);
@@ -291,6 +300,12 @@ TEST_F(Television, WhoseAdapterIsMissing_IsAProblemOnlyWhenConfigured) {
   read_configuration();
   open_cec();
   EXPECT_EQ(both(), " | refused 8 2; reachable 0");
+  const int cable = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC); // whose other end hears its end
+  ASSERT_EQ(unlockpt(cable), 0);
+  std::filesystem::create_symlink(ptsname(cable), "/dev/cec3");
+  EXPECT_EQ(both(), " | works 8; reachable 1");
+  close(cable);
+  EXPECT_EQ(both(), " | refused 8 19; reachable 0") << "it is pulled";
 }
 
 // --- a failed sleep ---

@@ -109,6 +109,10 @@ static int transmit(const cec_msg &sent) {
 
 static int claim(const cec_log_addrs &wanted) {
   ++cec.claims;
+  if (wanted.cec_version != CEC_OP_CEC_VERSION_1_4 || wanted.vendor_id != CEC_VENDOR_ID_NONE ||
+      wanted.primary_device_type[0] != CEC_OP_PRIM_DEVTYPE_PLAYBACK ||
+      wanted.log_addr_type[0] != CEC_LOG_ADDR_TYPE_PLAYBACK)
+    return refuse(EINVAL);
   if (cec.refuses_claim != 0)
     return refuse(cec.refuses_claim);
   cec.addresses = wanted;
@@ -131,7 +135,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   case RTC_PARAM_GET:
     static_cast<rtc_param *>(argument)->uvalue =
         rtc.minutes ? 1 << RTC_FEATURE_ALARM_RES_MINUTE : 0;
-    return 0;
+    return rtc.refuses == 0 ? 0 : refuse(rtc.refuses);
   case CEC_ADAP_G_CAPS:
     static_cast<cec_caps *>(argument)->capabilities = cec.needs_address ? CEC_CAP_PHYS_ADDR : 0;
     return 0;

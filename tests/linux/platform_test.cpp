@@ -139,6 +139,14 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   EXPECT_EQ(kept.record.alarm.stands, record.alarm.stands);
   EXPECT_EQ(kept.record.alarm.foreign, record.alarm.foreign);
   EXPECT_EQ(kept.record.screen.believed, screen_state::kUnknown);
+  write_file("/tmp/state/alarm", "[alarm]\nstands-owner=9\nstands-count=5\nwoken-by=9\nphase=9\n"
+                                 "wish=9\nlast-method=9\nscreen-ordered=9\n");
+  const machine damaged = load_record(0).record;
+  EXPECT_EQ(damaged.alarm.stands, device_alarm{});
+  EXPECT_EQ(std::tuple(damaged.woken.by, damaged.power.now, damaged.sleep.wish,
+                       damaged.sleep.last_method, damaged.screen.ordered),
+            std::tuple(cause::kUser, phase::kAwake, sleep_wish::kNone, off_action::kSuspend,
+                       screen_order::kNone));
   std::filesystem::remove("/tmp/state/alarm");
   write_file("/tmp/state/wake-up", "[wake-up]\ntype=7\non-time=1800000100\nalarm=1800000085\n");
   EXPECT_EQ(load_record(kNow + 86).record.alarm.stands.count, kNow + 86) << "of version 1.1";
@@ -209,6 +217,8 @@ TEST_F(Machine, TheJournal_ShowsProgressAsNotices_AndFailuresAsErrors) {
 }
 
 // --- the daemon's side ---
+
+constexpr std::int64_t kBack = 1'824'944'400; // in Berlin 2027-10-31 03:00:00, which is 02:00:00
 
 int standby(int, void *) {
   happened(inhibitor_is_held() ? "standby in time" : "standby");
@@ -319,7 +329,6 @@ TEST_F(Platform, MakesUpForATimer_ThatALateWakeUpHasMissed) {
 }
 
 TEST_F(Platform, MakesUpForTimers_OfBothTimesOfAnHourThatComesTwice) {
-  constexpr std::int64_t kBack = 1'824'944'400; // 2027-10-31 03:00:00, which is 02:00:00
   constexpr std::int64_t kShown = kBack + 3600; // then
   setenv("TZ", "Europe/Berlin", 1);
   set_now(kBack - 400);
@@ -350,6 +359,8 @@ TEST_F(Platform, AsksForLateTimers_OnceTheDaemonHasReadItsOwn) {
 }
 
 TEST_F(Platform, IsNotCalledBack_BeforeACallHasReturned) {
+  setenv("TZ", "Europe/Berlin", 1);
+  set_now(kBack - 400);
   start();
   EXPECT_EQ(device_power_get_state(), 2) << "nobody knows the screen";
   device_power_set_state(0, 1);
@@ -360,6 +371,12 @@ TEST_F(Platform, IsNotCalledBack_BeforeACallHasReturned) {
   screen_manager_set_ambient_mode(0, 0);
   EXPECT_EQ(seen(), "RestartUnit 'dravel-on.target'; RestartUnit 'dravel-off.target'; "
                     "RestartUnit 'dravel-ambient.target'; StopUnit 'dravel-ambient.target'");
+  set_now(kBack);
+  program(0, kBack + 7200); // meets the change of the zone's offset
+  happened("returned");
+  EXPECT_EQ(seen(), "returned; time_set");
+  emit(kLogind, "PrepareForSleep", "b", "<true>");
+  EXPECT_EQ(seen(), "standby in time") << "it decides what is told in a callback's place";
 }
 
 TEST_F(Platform, IsShownAndOrderedOnTheBus) {
