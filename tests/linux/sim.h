@@ -15,6 +15,10 @@
 #include <utility>
 #include <vector>
 
+template <class... Kinds> bool is_one_of(const auto &what) {
+  return (std::holds_alternative<Kinds>(what) || ...);
+}
+
 inline constexpr std::int64_t kDay = 86400;
 inline constexpr millis kHourMs = 3600 * kSecondMs;
 
@@ -140,6 +144,9 @@ struct sim {
   std::vector<std::uint32_t> frozen_jobs; // that go on after a sleep
   bool ntp_on = true, ntp_synchronised = true, rtc_valid = true;
   std::uint32_t refused = 0; // orders that are: bits of their place in order::any
+  template <class... Orders> bool refuses() const {
+    return (((refused >> order::any(Orders{}).index() & 1U) != 0) || ...);
+  }
   settings set;
   millis down_at = 0;
   off_action method = off_action::kSuspend; // of the last sleep or shutdown
@@ -175,9 +182,8 @@ struct sim {
   int calls = 0; // contract calls that are running
   std::int64_t orders_to_live = -1;
   bool is_halted = false;
-  std::vector<sim_timer> timers;
-  std::vector<sim_timer>
-      missed; // once ones that were past at its start, until it is asked for late ones
+  // missed: once ones that were past at its start, until it is asked for late ones
+  std::vector<sim_timer> timers, missed;
 
   void start_process();
   void end_process();
@@ -216,7 +222,6 @@ private:
   bool may_restart() const;
   void keep_order(const std::string &text, bool is_sleep);
   void fire(std::uint32_t id);
-  void pass_to(millis next);
   bool run_next(millis end);
 
   queue world_, process_;

@@ -36,10 +36,6 @@ static constexpr millis kFoundMs = 3 * kSecondMs;      // jobs that run, after a
 static constexpr millis kLastTryMs = 1600;             // before the end of the delay
 static constexpr millis kSettlesMs = 3 * kSecondMs;    // a reading may be a second late
 
-template <class... Kinds> static bool is_one_of(const auto &what) {
-  return (std::holds_alternative<Kinds>(what) || ...);
-}
-
 static bool is_of_screen(unit of) { return of == unit::kOn || of == unit::kOff; }
 
 // A user who has not pressed a key is not known.
@@ -55,13 +51,9 @@ static std::int64_t nearness_of(const sim &world, off_action method) {
   return method == off_action::kPoweroff ? kShutdownSeconds : world.delay_max + kSleepSeconds;
 }
 
-template <class... Orders> static bool refuses(const sim &world) {
-  return (((world.refused >> order::any(Orders{}).index() & 1U) != 0) || ...);
-}
-
 static bool refuses_alarm(const sim &world) {
   return world.alarm.refuses != 0 || !world.alarm.is_there ||
-         refuses<order::read_alarm, order::write_alarm, order::switch_off_alarm>(world);
+         world.refuses<order::read_alarm, order::write_alarm, order::switch_off_alarm>();
 }
 
 static bool has_problem(const sim &world, problem part) {
@@ -264,21 +256,17 @@ void sim_checks::check_return() {
         "who has woken the machine decides when it sleeps");
 }
 
-// What it is said to be for has happened.
-void sim_checks::check_wish(sleep_wish wish) {
+void sim_checks::check_sleep(const order::sleep &what) {
+  const sleep_wish wish = world_.m.sleep.wish;
+  const bool is_return = wish == sleep_wish::kReturn;
+  const bool is_wanted = wanted_.on_time != 0 && ahead() > 0;
+  // What it is said to be for has happened.
   const bool follows = world_.set.follow_screen && left_at_ >= world_.up_at;
   never(3,
         (wish == sleep_wish::kOffTimer && std::max(off_at_, made_up_at_) < world_.down_at) ||
             (wish == sleep_wish::kScreen && !follows) ||
             (wish == sleep_wish::kTest && test_at_ < world_.up_at),
         "a sleep that nobody wants");
-}
-
-void sim_checks::check_sleep(const order::sleep &what) {
-  const sleep_wish wish = world_.m.sleep.wish;
-  const bool is_return = wish == sleep_wish::kReturn;
-  const bool is_wanted = wanted_.on_time != 0 && ahead() > 0;
-  check_wish(wish);
   const std::int64_t near = lead_of(world_, what.method) + nearness_of(world_, what.method);
   never(3, is_wanted && ahead() < near, "an on-time is near at a sleep");
   const std::int64_t unsure = world_.alarm.rounding() + kNearSeconds;
@@ -320,7 +308,7 @@ void sim_checks::ordered(const order::any &what) {
     stays_at_ = -1;
     // A refused order leaves it unknown: an on-timer must not take it for on.
     if (starts_on && !world_.m.screen.has_cec && world_.m.screen.believed == screen_state::kOn)
-      said_on_ = !refuses<order::start_unit>(world_);
+      said_on_ = !world_.refuses<order::start_unit>();
   }
   if (starts_off || is_one_of<order::tv_off>(what)) {
     is_ordered_on_ = false;
@@ -334,9 +322,9 @@ void sim_checks::ordered(const order::any &what) {
     std::erase(lost_units_, start->name);
   if (is_one_of<order::tv_ask>(what)) {
     asked_at_ = now();
-    is_silent_ = !world_.tv.answers() || refuses<order::tv_ask>(world_);
+    is_silent_ = !world_.tv.answers() || world_.refuses<order::tv_ask>();
   }
-  if (is_one_of<order::ask_use>(what) && refuses<order::ask_use>(world_))
+  if (is_one_of<order::ask_use>(what) && world_.refuses<order::ask_use>())
     use_unknown_at_ = now();
   if (is_one_of<order::ask_late>(what) && std::exchange(is_off_open_, false))
     made_up_at_ = now();
@@ -377,7 +365,7 @@ bool sim_checks::wants_return() const {
   const sim_television &tv = world.tv;
   if (world.state != life::kRunning || !world.is_armed() || world.is_leaving() ||
       world.set.return_to_sleep == 0 || !is_clock_known() || is_cause_open_ ||
-      refuses<order::sleep, order::ask_use>(world))
+      world.refuses<order::sleep, order::ask_use>())
     return false;
   const bool stays =
       (world.set.off == off_action::kNone && off_at_ >= world.down_at) || stays_at_ >= world.up_at;
@@ -556,7 +544,7 @@ void sim_checks::came_up(bool boots) {
   off_went_before_up_ = off_went_at_;
   is_cause_open_ = true;
   has_booted_ = boots;
-  knows_cause_ = was_ready_ && tampered_at_ < released_at_ && !refuses<order::read_alarm>(world_);
+  knows_cause_ = was_ready_ && tampered_at_ < released_at_ && !world_.refuses<order::read_alarm>();
   const std::int64_t ahead = wanted_at_down_.on_time - world_.utc();
   if (ahead > 0 && ahead <= kLateSeconds)
     counted_from_ = now() + ahead * kSecondMs;

@@ -54,7 +54,6 @@ private:
   void becomes_due(const sim_timer &timer, std::int64_t due);
   void miss(millis due);
   void check_turned_on(bool by_unit);
-  void check_wish(sleep_wish wish);
   void check_sleep(const order::sleep &what);
   void check_return();
   bool is_user_seen(millis window) const;

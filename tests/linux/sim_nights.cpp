@@ -13,7 +13,7 @@
 
 static const act &act_of(const step &one) { return acts()[static_cast<std::size_t>(one.what)]; }
 
-static std::string text_of(const step &one) {
+static std::string line_of(const step &one) {
   return act_of(one).name + (' ' + std::to_string(one.a)) + ' ' + std::to_string(one.b);
 }
 
@@ -25,7 +25,7 @@ std::string sim::run(const night &what, bool restarts) {
       act_of(one).does(*this, one.a, one.b);
     else
       world_at(one.at, [this, &one] {
-        note("> " + text_of(one));
+        note("> " + line_of(one));
         may_move = may_move || checks.is_timer_second() || is_leaving() || m.screen.pending;
         acted_at = now;
         if ((act_of(one).flags & kAwake) == 0 || state == life::kRunning)
@@ -172,7 +172,7 @@ static std::string explain(const night &found, const std::string &sentence) {
   std::string text;
   for (const step &one : least.steps)
     if (act_of(one).weight < 0)
-      text += "with " + text_of(one) + '\n';
+      text += "with " + line_of(one) + '\n';
   static constexpr std::size_t kLast = 1000;
   const std::size_t first = trace.size() > kLast ? trace.size() - kLast : 0;
   for (std::size_t line = 0; line < trace.size(); ++line)

@@ -42,9 +42,7 @@ static std::string text_of(const order::any &what) {
 // What a restart must not change. An order to the television is repeated, and a unit begins with
 // it.
 static bool reaches_outside(const order::any &what) {
-  return std::holds_alternative<order::sleep>(what) ||
-         std::holds_alternative<order::start_unit>(what) ||
-         std::holds_alternative<order::stop_unit>(what);
+  return is_one_of<order::sleep, order::start_unit, order::stop_unit>(what);
 }
 
 // By the TV clock.
@@ -114,7 +112,7 @@ void sim::send(const event::any &what) {
     if (trace)
       note("  " + text_of(one));
     if (reaches_outside(one))
-      keep_order(text_of(one), std::holds_alternative<order::sleep>(one));
+      keep_order(text_of(one), is_one_of<order::sleep>(one));
     checks.ordered(one);
     carry_out(one);
   }
@@ -150,15 +148,6 @@ void sim::deliver(delivery callback) {
   send(event::returned{callback});
 }
 
-// In the runtime directory nearly all of it; in the state directory what the next boot needs.
-static machine kept_of(const machine &stored, bool same_boot) {
-  machine kept = same_boot ? stored : machine{};
-  kept.alarm = stored.alarm;
-  kept.power.now = stored.power.now;
-  kept.power.went.utc = stored.power.went.utc;
-  return kept;
-}
-
 void sim::start_process() {
   if (is_alive || state != life::kRunning)
     return;
@@ -167,7 +156,11 @@ void sim::start_process() {
   event::started start;
   start.has_kept = has_stored;
   start.same_boot = has_run;
-  start.kept = kept_of(stored, has_run);
+  // In the runtime directory is nearly all of it, in the state directory what the next boot needs.
+  start.kept = has_run ? stored : machine{};
+  start.kept.alarm = stored.alarm;
+  start.kept.power.now = stored.power.now;
+  start.kept.power.went.utc = stored.power.went.utc;
   has_run = true;
   start.device = read_device();
   start.rtc_valid = rtc_valid;

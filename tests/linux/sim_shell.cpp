@@ -177,13 +177,12 @@ void sim::carry_out(const order::any &what) {
 }
 
 device_reading sim::read_device() {
-  static const std::size_t index = order::any(order::read_alarm{}).index();
-  const bool is_refused = (refused >> index & 1U) != 0;
   if (m.alarm.stands.owner != alarm_owner::kForeign && m.alarm.stands.count > alarm.count(now))
     forgotten.reset(); // it is noticed
   if (!alarm.is_there)
     return {ENODEV, true, false, 0, 0};
-  return {is_refused ? EIO : 0, false, alarm.counts_minutes, alarm.count(now), alarm.read()};
+  return {refuses<order::read_alarm>() ? EIO : 0, false, alarm.counts_minutes, alarm.count(now),
+          alarm.read()};
 }
 
 void sim::start_job(unit of, millis runs) {

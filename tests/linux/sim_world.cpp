@@ -208,13 +208,6 @@ static void go_off(sim &world) {
     world.boot(by);
 }
 
-void sim::pass_to(millis next) {
-  checks.time_passes(next);
-  now = next;
-  if (foreign && *foreign <= alarm.count(now) && !foreign_stands)
-    foreign.reset();
-}
-
 // The next thing that happens up to `end`; false: nothing does.
 bool sim::run_next(millis end) {
   const bool runs = state == life::kRunning;
@@ -229,7 +222,10 @@ bool sim::run_next(millis end) {
   }
   if (next > end)
     return false;
-  pass_to(std::max(next, now));
+  checks.time_passes(std::max(next, now));
+  now = std::max(next, now);
+  if (foreign && *foreign <= alarm.count(now) && !foreign_stands)
+    foreign.reset();
   if (alarm.next(now) == now) {
     go_off(*this);
   } else if (from_world == next || from_process == next) {
