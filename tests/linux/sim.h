@@ -15,6 +15,10 @@
 #include <utility>
 #include <vector>
 
+template <class... Kinds> bool is_one_of(const auto &what) {
+  return (std::holds_alternative<Kinds>(what) || ...);
+}
+
 inline constexpr std::int64_t kDay = 86400;
 inline constexpr millis kHourMs = 3600 * kSecondMs;
 
@@ -95,6 +99,16 @@ struct sim {
     return transition == 0 || at_utc < transition ? offset_before : offset_after;
   }
   std::int64_t to_utc(std::int64_t local) const;
+  // Calls visit(utc, day) for the days on which it comes, 0 being the one of `local`; on a day
+  // whose clock skips its time it does not.
+  template <class Visit>
+  void for_each_day(const sim_timer &timer, int first, int last, Visit visit) const {
+    for (int day = timer.daily ? first : 0; day <= (timer.daily ? last : 0); ++day) {
+      const std::int64_t local = timer.local + day * kDay;
+      if (const std::int64_t due = to_utc(local); due + offset(due) == local)
+        visit(due, day);
+    }
+  }
   std::int64_t next_transition() const { return transition > utc() ? transition : 0; }
   std::int64_t tv_clock() const { return utc() + offset(utc()); }
   millis boot_ms() const { return now - booted_at; }
@@ -114,7 +128,7 @@ struct sim {
   life state = life::kRunning;
   bool sleeps_now = false, stops_now = false; // logind's PreparingFor...
   bool holds_inhibitor = false;
-  int fails = 0; // sleeps that will fail
+  std::int64_t fails = 0; // sleeps that will fail
   bool doubles_end = false;
   millis foreign_delay = 0; // another program's delay inhibitor
   millis bus_ms = 5;
@@ -130,6 +144,9 @@ struct sim {
   std::vector<std::uint32_t> frozen_jobs; // that go on after a sleep
   bool ntp_on = true, ntp_synchronised = true, rtc_valid = true;
   std::uint32_t refused = 0; // orders that are: bits of their place in order::any
+  template <class... Orders> bool refuses() const {
+    return (((refused >> order::any(Orders{}).index() & 1U) != 0) || ...);
+  }
   settings set;
   millis down_at = 0;
   off_action method = off_action::kSuspend; // of the last sleep or shutdown
@@ -140,6 +157,7 @@ struct sim {
   void process_at(millis when, action what); // dropped when the process ends
   void answer(const event::any &what);       // over the bus
   void signal(const event::any &what);
+  bool is_leaving() const { return sleeps_now || stops_now; }
   millis begun_at() const { return begun_at_ + booted_at; } // the last announced sleep or shutdown
   void begin_sleep(off_action by);
   void begin_shutdown(bool is_called_off);
@@ -147,15 +165,11 @@ struct sim {
   void go_down(off_action by, bool is_announced);
   void wake(cause by);
   void boot(cause by);
-  void write_foreign(std::int64_t ahead); // 0: switches the alarm off
-  void change_use();
   void tell_use(bool is_answer);
   void start_job(unit of, millis runs);
   void end_job(std::uint32_t id);
   device_reading read_device();
   void tell_reachable();
-  void press_key();
-  void step_clock(millis by);
 
   // --- the process: the shell and the daemon ---
 
@@ -166,11 +180,10 @@ struct sim {
   millis alive_at = 0;
   bool is_delivering = false;
   int calls = 0; // contract calls that are running
-  int orders_to_live = -1;
+  std::int64_t orders_to_live = -1;
   bool is_halted = false;
-  std::vector<sim_timer> timers;
-  std::vector<sim_timer>
-      missed; // once ones that were past at its start, until it is asked for late ones
+  // missed: once ones that were past at its start, until it is asked for late ones
+  std::vector<sim_timer> timers, missed;
 
   void start_process();
   void end_process();
@@ -179,6 +192,7 @@ struct sim {
   void deliver(delivery callback);
   event::late_timers late_timers(std::int64_t from, std::int64_t to);
   void add_timer(std::uint32_t type, std::int64_t local, bool daily);
+  bool is_armed() const { return is_alive && m.armed; }
   bool is_clock_known() const { return m.clock.state != clock_state::kUnknown; }
   void arm(sim_timer &timer);
   void arm_timers();
@@ -189,20 +203,16 @@ struct sim {
 
   sim_checks checks;
   std::string finding; // "3: a block inhibitor at a sleep"; "" while all holds
-  std::vector<std::string> *trace = nullptr;
+  std::optional<std::vector<std::string>> trace;
   std::vector<std::pair<millis, std::string>> given; // orders that reach the outside
-  unsigned restart_at_event = UINT32_MAX;            // or later, when it may
-  bool restarts_busy = false;
-  unsigned events = 0; // from outside
-  unsigned downs = 0;  // sleeps and shutdowns
-  // Somebody, close to a timer, or while the machine goes or a television is switched: a restart
-  // moves these by some ms.
-  bool has_acted = false;
-  millis acted_at = -kHourMs;
-  // A sleep has only just come before an on-time: moved, it would wait for it.
-  bool is_close = false;
+  unsigned events = 0;                               // from outside
+  unsigned downs = 0;                                // sleeps and shutdowns
+  millis acted_at = -kHourMs;                        // somebody
+  // A restart moves by some ms what somebody does close to a timer, while the machine goes or while
+  // a television is switched, and a sleep that has only just come before an on-time.
+  bool may_move = false;
 
-  std::string run(const night &what);
+  std::string run(const night &what, bool restarts = false);
   void broken(int sentence, const std::string &text);
   void note(const std::string &text);
 
@@ -212,10 +222,11 @@ private:
   bool may_restart() const;
   void keep_order(const std::string &text, bool is_sleep);
   void fire(std::uint32_t id);
-  void pass_to(millis next);
   bool run_next(millis end);
 
   queue world_, process_;
+  unsigned restart_at_event_ = UINT32_MAX; // or later, when it may
+  bool restarts_busy_ = false;
   millis timer_ = kNever; // the shell's, CLOCK_MONOTONIC
   int run_ = 0;           // of the process
   int sleep_ = 0;         // announced ones

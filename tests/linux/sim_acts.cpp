@@ -17,8 +17,7 @@ static void later(sim &w, std::int64_t seconds, sim::action what) {
 // --- devices ---
 
 static void add_timer(sim &w, std::int64_t type, std::int64_t ahead) {
-  if (runs(w))
-    w.add_timer(kTypes[type], w.tv_clock() + ahead, type == kDaily);
+  w.add_timer(kTypes[type], w.tv_clock() + ahead, type == kDaily);
 }
 
 static void set_transition(sim &w, std::int64_t hours, std::int64_t spring) {
@@ -33,6 +32,11 @@ static void use_remote(sim &w, std::int64_t on, std::int64_t tells) {
     w.process_at(w.now + 5, [&w] { w.send(event::tv_standby{}); });
 }
 
+static void use_monitor(sim &w, std::int64_t, std::int64_t) {
+  w.tv.has_cec = false;
+  w.tv.is_monitor = true;
+}
+
 static void change_tv(sim &w, std::int64_t how, std::int64_t) {
   w.tv.is_silent = how == 1;
   w.tv.has_address = how != 2;
@@ -44,16 +48,13 @@ static void change_tv(sim &w, std::int64_t how, std::int64_t) {
 
 // Without an adapter the television hears nothing and nobody hears of it.
 static void pull_adapter(sim &w, std::int64_t seconds, std::int64_t) {
+  w.tv.is_pulled = w.tv.has_cec && seconds != 0;
   if (!w.tv.has_cec)
     return;
-  w.tv.is_pulled = true;
   w.tv.changed_at = w.now;
   w.tell_reachable();
-  later(w, seconds, [&w] {
-    w.tv.is_pulled = false;
-    w.tv.changed_at = w.now;
-    w.tell_reachable();
-  });
+  if (seconds != 0)
+    later(w, seconds, [&w] { pull_adapter(w, 0, 0); });
 }
 
 static void slow_tv(sim &w, std::int64_t answer_ms, std::int64_t boot_seconds) {
@@ -62,16 +63,30 @@ static void slow_tv(sim &w, std::int64_t answer_ms, std::int64_t boot_seconds) {
   w.tv.boots_for = boot_seconds * kSecondMs;
 }
 
-static void refuse_alarm(sim &w, std::int64_t busy, std::int64_t seconds) {
-  w.alarm.refuses = busy != 0 ? EBUSY : EIO;
+static void set_refusal(sim &w, int error) {
+  w.alarm.refuses = error;
   w.checks.tampered();
-  later(w, seconds, [&w] {
-    w.alarm.refuses = 0;
-    w.checks.tampered();
-  });
+}
+
+static void refuse_alarm(sim &w, std::int64_t busy, std::int64_t seconds) {
+  set_refusal(w, busy != 0 ? EBUSY : EIO);
+  later(w, seconds, [&w] { set_refusal(w, 0); });
 }
 
 // --- people and programs ---
+
+static void press_key(sim &w, std::int64_t, std::int64_t) {
+  if (w.state == life::kAsleep)
+    w.wake(cause::kUser);
+  else if (w.state == life::kOff)
+    w.boot(cause::kUser);
+  w.input_at = w.now;
+  if (!w.is_alive || !w.watches_input)
+    return;
+  w.first_seen_at = w.first_seen_at < w.up_at ? w.now : w.first_seen_at;
+  w.seen_at = w.now;
+  w.process_at(w.now + 1, [&w, at = w.boot_ms()] { w.send(event::input{at}); });
+}
 
 static void wake_by_itself(sim &w, std::int64_t, std::int64_t) {
   if (w.state == life::kAsleep)
@@ -89,41 +104,55 @@ static void hibernate(sim &w, std::int64_t, std::int64_t) {
     w.begin_sleep(off_action::kHibernate);
 }
 
+static void change_use(sim &w) {
+  w.use_changed_at = w.now;
+  w.tell_use(false);
+}
+
 static void log_in(sim &w, std::int64_t, std::int64_t) {
-  if (!runs(w))
-    return;
   w.session_at = w.active_at = w.boot_ms();
-  w.change_use();
+  change_use(w);
 }
 
 static void change_idle(sim &w, std::int64_t active, std::int64_t) {
-  if (!runs(w))
-    return;
   w.active_at = active != 0 ? w.boot_ms() : 0;
-  w.change_use();
+  change_use(w);
 }
 
 static void block(sim &w, std::int64_t bits, std::int64_t seconds) {
   w.blocked = runs(w) ? static_cast<std::uint8_t>(bits) : 0;
-  w.change_use();
+  change_use(w);
   if (bits != 0)
     later(w, seconds, [&w] { block(w, 0, 0); });
 }
 
-// One at a time: of two, nobody can tell afterwards which the last was.
-static void set_foreign(sim &w, std::int64_t ahead, std::int64_t) {
-  if (!runs(w) || (w.foreign && ahead != 0))
+// Others write 0 first, which erases ours without notice.
+static void write_foreign(sim &w, std::int64_t ahead) {
+  const bool is_ours = ahead != 0 && ahead == w.alarm.left(w.now);
+  if (!w.alarm.is_there || is_ours || w.alarm.switch_off() != 0)
     return;
-  if (w.sleeps_now || w.stops_now || w.checks.is_cause_open())
+  w.foreign_at = w.now;
+  w.forgotten = std::exchange(w.foreign, {});
+  w.foreign_stands = ahead != 0 && w.alarm.write(w.now, w.alarm.count(w.now) + ahead) == 0 &&
+                     w.alarm.stands() != 0;
+  if (w.foreign_stands)
+    w.foreign = w.alarm.stands();
+}
+
+// One at a time: of two, nobody can tell afterwards which the last was. 0 switches the alarm off.
+static void set_foreign(sim &w, std::int64_t ahead, std::int64_t) {
+  if (w.foreign && ahead != 0)
+    return;
+  if (w.is_leaving() || w.checks.is_cause_open())
     w.checks.tampered();
-  w.write_foreign(ahead);
+  write_foreign(w, ahead);
 }
 
 static void rtcwake(sim &w, std::int64_t seconds, std::int64_t) {
-  if (!runs(w) || w.sleeps_now || w.stops_now || w.foreign)
+  if (w.is_leaving() || w.foreign)
     return;
   w.checks.tampered();
-  w.write_foreign(seconds);
+  write_foreign(w, seconds);
   if (w.foreign_stands)
     w.go_down(off_action::kSuspend, false);
 }
@@ -133,9 +162,13 @@ static void cut_power(sim &w, std::int64_t, std::int64_t) {
   w.go_down(off_action::kPoweroff, false);
 }
 
+static void step_clock(sim &w, std::int64_t seconds, std::int64_t) {
+  w.wall_offset += seconds * kSecondMs;
+  w.process_at(w.now + 2, [&w] { w.send(event::clock_stepped{}); });
+  w.checks.clock_stepped();
+}
+
 static void synchronise(sim &w, std::int64_t, std::int64_t) {
-  if (!runs(w))
-    return;
   w.ntp_synchronised = true;
   w.process_at(w.now + w.bus_ms, [&w] { w.send(event::ntp{w.ntp_on, true, true}); });
 }
@@ -143,7 +176,7 @@ static void synchronise(sim &w, std::int64_t, std::int64_t) {
 // --- the process ---
 
 static void kill_now(sim &w, std::int64_t for_ms, std::int64_t) {
-  if (!w.is_alive || !runs(w))
+  if (!w.is_alive)
     return;
   w.end_process();
   w.checks.tampered();
@@ -153,39 +186,35 @@ static void kill_now(sim &w, std::int64_t for_ms, std::int64_t) {
   });
 }
 
-static void kill_soon(sim &w, std::int64_t orders, std::int64_t) {
-  w.orders_to_live = static_cast<int>(orders);
+static void set_refused(sim &w, std::int64_t which, bool refused) {
+  const std::uint32_t bit = 1U << which;
+  w.refused = refused ? w.refused | bit : w.refused & ~bit;
+  if (which <= kLastAlarmOrder)
+    w.checks.tampered();
 }
 
 static void refuse_order(sim &w, std::int64_t which, std::int64_t seconds) {
-  const std::uint32_t bit = 1U << which;
-  const bool is_of_alarm = which <= kLastAlarmOrder;
-  w.refused |= bit;
-  if (is_of_alarm)
-    w.checks.tampered();
-  later(w, seconds, [&w, bit, is_of_alarm] {
-    w.refused &= ~bit;
-    if (is_of_alarm)
-      w.checks.tampered();
-  });
+  set_refused(w, which, true);
+  later(w, seconds, [&w, which] { set_refused(w, which, false); });
 }
 
 static void call_screen(sim &w, std::int64_t on, std::int64_t) {
-  if (!w.is_alive || !runs(w))
-    return;
-  w.checks.screen_called(on != 0);
-  w.call(event::screen_wanted{on != 0, event::asker::kBus});
+  if (w.is_alive)
+    w.call(event::screen_wanted{on != 0, event::asker::kBus});
 }
 
 static void test_wake(sim &w, std::int64_t seconds, std::int64_t) {
-  if (!w.is_alive || !runs(w))
-    return;
-  w.checks.test_called();
-  w.send(event::test_wake{1, seconds});
+  if (w.is_alive)
+    w.send(event::test_wake{1, seconds});
+}
+
+static void halt(sim &w, std::int64_t halts, std::int64_t) {
+  w.is_halted = runs(w) ? halts != 0 : w.is_halted;
+  w.checks.halted();
 }
 
 static const act kActs[] = {
-    {"add timer", 6, {0, kDaily}, {60, 50000}, add_timer},
+    {"add timer", 6, {0, kDaily}, {60, 50000}, add_timer, kAwake},
 
     {"range", -4, {0, 3}, {}, [](sim &w, auto a, auto) { w.alarm.range = kDays[a] * kDay; }},
     {"minutes", -8, {}, {}, [](sim &w, auto, auto) { w.alarm.counts_minutes = true; }},
@@ -195,14 +224,7 @@ static const act kActs[] = {
     {"no rtc", -30, {}, {}, [](sim &w, auto, auto) { w.alarm.is_there = false; }},
     {"no boot", -8, {}, {}, [](sim &w, auto, auto) { w.alarm.boots = false; }},
     {"no CEC", -3, {}, {}, [](sim &w, auto, auto) { w.tv.has_cec = false; }},
-    {"monitor",
-     -9,
-     {},
-     {},
-     [](sim &w, auto, auto) {
-       w.tv.has_cec = false;
-       w.tv.is_monitor = true;
-     }},
+    {"monitor", -9, {}, {}, use_monitor},
     {"no hibernation", -3, {}, {}, [](sim &w, auto, auto) { w.can = kSleepBit | kShutdownBit; }},
     {"off", -3, {}, {}, [](sim &w, auto, auto) { w.tv.on = w.plain_on = false; }},
     {"off-action", -2, {0, 3}, {}, [](sim &w, auto a, auto) { w.set.off = off_action(a); }},
@@ -218,11 +240,11 @@ static const act kActs[] = {
     {"no clock", -12, {}, {}, [](sim &w, auto, auto) { w.rtc_valid = w.ntp_synchronised = false; }},
     {"long job", -3, {10, 2000}, {}, [](sim &w, auto a, auto) { w.job_runs = a * kSecondMs; }},
 
-    {"key", 4, {}, {}, [](sim &w, auto, auto) { w.press_key(); }},
+    {"key", 4, {}, {}, press_key},
     {"wakes by itself", 3, {}, {}, wake_by_itself},
     {"wakes often", 1, {4, 20}, {20, 400}, wake_often},
-    {"log in", 2, {}, {}, log_in},
-    {"idle", 2, {0, 1}, {}, change_idle},
+    {"log in", 2, {}, {}, log_in, kAwake},
+    {"idle", 2, {0, 1}, {}, change_idle, kAwake},
     {"remote", 5, {0, 1}, {0, 1}, use_remote},
     {"tv is", 5, {0, 4}, {}, change_tv},
     {"tv slow", 2, {50, 4000}, {1, 20}, slow_tv},
@@ -232,31 +254,20 @@ static const act kActs[] = {
     {"menu: off", 2, {}, {}, [](sim &w, auto, auto) { w.begin_shutdown(false); }},
     {"called off", 1, {}, {}, [](sim &w, auto, auto) { w.begin_shutdown(true); }},
     {"power cut", 1, {}, {}, cut_power},
-    {"foreign alarm", 4, {0, 30000}, {}, set_foreign, true},
+    {"foreign alarm", 4, {0, 30000}, {}, set_foreign, kAwake | kNoticed},
     {"slow foreign", 2, {1, 60}, {}, [](sim &w, auto a, auto) { w.foreign_delay = a * kSecondMs; }},
     {"block", 4, {0, 7}, {1, 4000}, block},
-    {"sleep fails", 2, {1, 5}, {}, [](sim &w, auto a, auto) { w.fails = static_cast<int>(a); }},
-    {"rtcwake", 2, {5, 3000}, {}, rtcwake, true},
-    {"clock steps",
-     2,
-     {-4000, 4000},
-     {},
-     [](sim &w, auto a, auto) { w.step_clock(a * kSecondMs); }},
-    {"synchronised", 2, {}, {}, synchronise},
-    {"killed", 3, {1, 3000}, {}, kill_now},
-    {"killed soon", 2, {0, 12}, {}, kill_soon, true},
+    {"sleep fails", 2, {1, 5}, {}, [](sim &w, auto a, auto) { w.fails = a; }},
+    {"rtcwake", 2, {5, 3000}, {}, rtcwake, kAwake | kNoticed},
+    {"clock steps", 2, {-4000, 4000}, {}, step_clock, kAwake},
+    {"synchronised", 2, {}, {}, synchronise, kAwake},
+    {"killed", 3, {1, 3000}, {}, kill_now, kAwake},
+    {"killed soon", 2, {0, 12}, {}, [](sim &w, auto a, auto) { w.orders_to_live = a; }, kNoticed},
     {"alarm refused", 2, {0, 1}, {1, 200}, refuse_alarm},
     {"order refused", 3, {0, kLastOrder}, {1, 400}, refuse_order},
-    {"TurnScreen", 2, {0, 1}, {}, call_screen},
-    {"TestWake", 2, {10, 300}, {}, test_wake, true},
-    {"halted",
-     1,
-     {0, 1},
-     {},
-     [](sim &w, auto a, auto) {
-       w.is_halted = runs(w) ? a != 0 : w.is_halted;
-       w.checks.halted();
-     }},
+    {"TurnScreen", 2, {0, 1}, {}, call_screen, kAwake},
+    {"TestWake", 2, {10, 300}, {}, test_wake, kAwake | kNoticed},
+    {"halted", 1, {0, 1}, {}, halt},
 };
 
 std::span<const act> acts() { return kActs; }

@@ -7,12 +7,17 @@
 
 using act_range = std::pair<std::int64_t, std::int64_t>;
 
+enum act_flags {
+  kAwake = 1,   // happens only to a machine that runs
+  kNoticed = 2, // by a restart: a night with it is not compared with one with a restart
+};
+
 struct act {
   const char *name;
   int weight; // how often it is drawn; below 0: only at the start, in one of so many nights
   act_range a, b;
   void (*does)(sim &, std::int64_t a, std::int64_t b);
-  bool is_noticed = false; // by a restart: a night with it is not compared with one with a restart
+  int flags = 0;
 };
 
 inline constexpr int kAddTimer = 0;       // its row

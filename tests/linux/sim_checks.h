@@ -11,10 +11,10 @@
 #include "event.h"
 #include "sim_device.h"
 
+#include <algorithm>
 #include <array>
 #include <deque>
 #include <optional>
-#include <string>
 #include <vector>
 
 struct sim;
@@ -32,98 +32,105 @@ public:
   void process_ended();
   void went_down(bool is_ready); // is_ready: the process could do what it is there for
   void came_up(bool boots);
-  void asked_at_start();
   void went_off(cause by);
   void clock_stepped();
-  void screen_called(bool on);
-  bool is_timer_second() const; // a timer is due in it
-  void tampered() {             // with the alarm or what leads to it
-    tampered_at_ = now();
-    knows_cause_ = knows_cause_ && !is_cause_open_;
-  }
-  bool is_cause_open() const { return is_cause_open_; }
-  bool is_step_unseen() const;
+  void tampered(); // with the alarm or what leads to it
   void sleep_failed() { sent_at_ = -1; }
   void sleep_crosses() { crossed_at_ = now(); }
-  void test_called() { test_at_ = now(); }
-  bool has_released(millis since) const { return released_at_ >= since; }
   void delay_ended(millis begun_at);
-  void turned_off_by_timer();
   void halted();
+  bool is_timer_second() const; // a timer is due in it
+  bool is_step_unseen() const;
+  bool is_cause_open() const { return is_cause_open_; } // not looked at since the wake-up
+  bool has_released(millis since) const { return released_at_ >= since; }
 
 private:
   millis now() const;
+  void never(int sentence, bool holds, const char *text);
+  void may_turn_on(millis until) { on_until_ = std::max(on_until_, until); }
+  void expect_nothing();
+  bool is_clock_known() const;
+  std::int64_t ahead() const; // seconds to the on-time
   void becomes_due(const sim_timer &timer, std::int64_t due);
   void miss(millis due);
   void check_turned_on(bool by_unit);
   void check_sleep(const order::sleep &what);
-  void check_use(bool is_return, off_action method);
   void check_return();
-  bool is_clock_known() const;
-  void check_wish(sleep_wish wish);
-  void check_alarm();
-  void check_release();
-  void follow_foreign(millis next);
-  void check_line(const order::say &said);
-  void note_clock(const event::any &what);
-  void note_user(const event::any &what);
-  void note_television(const event::any &what);
+  bool is_user_seen(millis window) const;
   bool is_led_to(off_action method) const;
   off_action wanted_method() const;
   bool wants_return() const;
   millis return_limit() const;
   void follow_return(millis next);
-  void check_lost(millis next);
+  void check_alarm();
+  void check_release();
+  void follow_foreign(millis next);
+  bool is_cause_sure() const;
   void check_credit();
-  bool is_alarm_near() const;
-  bool is_user_seen(millis window) const;
   void check_cause();
   void check_problems(const event::any &what);
+  void check_line(const order::say &said);
   void check_due(const event::any &what);
+  void note_call(const event::screen_wanted &call);
+  void note_clock(const event::any &what);
+  void note_user(const event::any &what);
+  void note_job(const event::job_began &job);
+  void note_television(const event::any &what);
+
+  static constexpr millis kDayMs = 86400 * kSecondMs;
 
   sim &world_;
+
+  // timers
   std::vector<millis> expected_;   // until when an on-timer turns the screen on
   std::int64_t slept_through_ = 0; // the last on-timer; 0: none
   std::int64_t off_due_ = 0;       // the last off-timer that became due
   millis due_at_ = -kDayMs;        // the last timer
   millis unknown_due_ = -kDayMs;   // the last on- or off-timer by an unknown clock
   std::uint32_t unknown_type_ = 0;
-  millis off_until_ = kNever; // it turns the screen off
-  millis off_at_ = -kDayMs, test_at_ = -kDayMs, released_at_ = -kDayMs, told_at_ = -kDayMs;
-  millis on_until_ = -1;        // a cause holds
-  millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
-  millis sent_at_ = -1, asked_at_ = -kDayMs, said_off_at_ = -1, left_at_ = -1, stays_at_ = -1;
-  millis turned_on_at_ = -kDayMs, use_unknown_at_ = -kDayMs; // logind would not say
+  millis off_until_ = kNever;   // it turns the screen off
   bool is_off_open_ = false;    // an off-timer came due, and has not fired
   millis made_up_at_ = -kDayMs; // when it was asked for
+  bool was_timer_second_ = false;
+  bool is_down_known_ = true; // to the daemon, since when it has not asked for missed timers
+
+  // the screen
+  millis on_until_ = -1; // a cause holds
+  millis off_at_ = -kDayMs, turned_on_at_ = -kDayMs, asked_at_ = -kDayMs;
+  millis said_off_at_ = -1, left_at_ = -1, stays_at_ = -1;
+  bool has_spoken_ = false;                    // the television, in this boot
+  bool said_on_ = false, is_sent_off_ = false; // by it, last; by the last order in this boot
+  bool is_ordered_on_ = false, is_silent_ = false;
+  bool is_seen_on_ = false;  // the television, since the wake-up
+  bool is_welcomed_ = false; // a user, by a screen that comes back
+  std::vector<unit> lost_units_;
+
+  // sleeps
+  millis test_at_ = -kDayMs, released_at_ = -kDayMs, told_at_ = -kDayMs;
+  millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
+  millis sent_at_ = -1;
+  millis use_unknown_at_ = -kDayMs; // logind would not say
+  millis counted_from_ = -kDayMs;   // the on-time that the return is counted from
   std::optional<millis> quiet_since_;
   int failed_ = 0, short_sleeps_ = 0;
   std::deque<millis> sleeps_;
-  std::vector<unit> lost_units_;
-  bool is_cause_open_ = false; // not looked at since the wake-up
-  bool knows_cause_ = false;   // nobody has hidden it from the process
-  bool was_timer_second_ = false;
-  bool was_ready_ = false, has_booted_ = true;
-  bool is_down_known_ =
-      true;                 // to the daemon, since when it has not asked for timers that it missed
-  bool has_spoken_ = false; // the television, in this boot
-  bool is_clock_set_ = false, said_on_ = false;  // in this boot; by the television, last
-  bool is_ordered_on_ = false, is_test_ = false; // the screen; the sleep
-  bool is_seen_on_ = false;                      // the television, since the wake-up
-  bool is_sent_off_ = false;                     // the screen, by the last order in this boot
-  bool is_welcomed_ = false;                     // a user, by a screen that comes back
-  bool timer_went_off_ = false, was_right_ = false, is_silent_ = false;
-  millis credited_at_ = -1;
-  std::int64_t left_at_up_ = 0;   // seconds to the alarm that stands
-  millis counted_from_ = -kDayMs; // the on-time that the return is counted from
-  millis off_went_at_ = -kDayMs;  // the last alarm
-  millis off_went_before_up_ = -kDayMs;
+  bool is_test_ = false;
+
+  // the alarm and the wake-up
   wanted_alarm wanted_, wanted_at_down_;
   millis tampered_at_ = -kDayMs, stepped_at_ = -kDayMs;
-  std::array<bool, kProblems> is_bad_{}, has_line_{};
-  millis lost_since_ = kNever; // another program's alarm
+  millis lost_since_ = kNever;   // another program's alarm
+  millis off_went_at_ = -kDayMs; // the last alarm
+  millis off_went_before_up_ = -kDayMs;
+  std::int64_t left_at_up_ = 0; // seconds to the alarm that stands
+  bool timer_went_off_ = false, was_ready_ = false, was_right_ = false, has_booted_ = true;
+  bool is_cause_open_ = false;
+  bool knows_cause_ = false;  // nobody has hidden it from the process
+  bool is_clock_set_ = false; // in this boot
+  millis credited_at_ = -1;
+
+  // problems and dues
+  std::array<bool, kProblems> has_line_{};
   int dues_ = 0;
   millis dues_since_ = 0;
-
-  static constexpr millis kDayMs = 86400 * kSecondMs;
 };

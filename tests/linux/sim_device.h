@@ -10,6 +10,7 @@
 
 using millis = std::int64_t;
 inline constexpr std::int64_t kEvening = 1'800'043'200; // 2027-01-15 20:00:00 UTC, true time 0
+inline constexpr std::int64_t kMinute = 60;             // seconds
 
 // Seconds, rounded down also before zero.
 constexpr std::int64_t seconds_of(millis time) {
@@ -43,7 +44,7 @@ public:
       return error;
     if (range && alarm - count(now) > *range)
       return EINVAL;
-    alarm_ = counts_minutes ? alarm / 60 * 60 : alarm;
+    alarm_ = counts_minutes ? alarm / kMinute * kMinute : alarm;
     shown_ = alarm;
     enabled_ = alarm_ > count(now);
     return 0;
@@ -57,6 +58,8 @@ public:
   // What /sys shows; 0 while no alarm is enabled.
   std::int64_t read() const { return enabled_ || (keeps_flag && went_off_) ? shown_ : 0; }
   std::int64_t stands() const { return enabled_ ? alarm_ : 0; }
+  std::int64_t left(millis now) const { return stands() - count(now); }
+  std::int64_t rounding() const { return counts_minutes ? kMinute : 0; }
 
   // When it goes off, kNever while none stands.
   millis next(millis now) const {

@@ -13,18 +13,23 @@
 
 static const act &act_of(const step &one) { return acts()[static_cast<std::size_t>(one.what)]; }
 
-std::string sim::run(const night &what) {
+static std::string line_of(const step &one) {
+  return act_of(one).name + (' ' + std::to_string(one.a)) + ' ' + std::to_string(one.b);
+}
+
+std::string sim::run(const night &what, bool restarts) {
+  restart_at_event_ = restarts ? static_cast<unsigned>(what.restart) : UINT32_MAX;
+  restarts_busy_ = what.is_busy;
   for (const step &one : what.steps)
     if (act_of(one).weight < 0)
       act_of(one).does(*this, one.a, one.b);
     else
       world_at(one.at, [this, &one] {
-        note(std::string("> ") + act_of(one).name + ' ' + std::to_string(one.a) + ' ' +
-             std::to_string(one.b));
-        has_acted =
-            has_acted || checks.is_timer_second() || sleeps_now || stops_now || m.screen.pending;
+        note("> " + line_of(one));
+        may_move = may_move || checks.is_timer_second() || is_leaving() || m.screen.pending;
         acted_at = now;
-        act_of(one).does(*this, one.a, one.b);
+        if ((act_of(one).flags & kAwake) == 0 || state == life::kRunning)
+          act_of(one).does(*this, one.a, one.b);
       });
   start_process();
   while (finding.empty() && run_next(what.length)) {
@@ -84,8 +89,8 @@ static night draw(unsigned seed) {
                            luck.between(one->a), luck.between(one->b)});
   }
   // A restart reads the alarm again, a test ends with its caller.
-  const bool is_comparable =
-      std::ranges::none_of(drawn.steps, [](const step &one) { return act_of(one).is_noticed; });
+  const bool is_comparable = std::ranges::none_of(
+      drawn.steps, [](const step &one) { return (act_of(one).flags & kNoticed) != 0; });
   if (is_comparable) {
     drawn.restart = static_cast<int>(luck.between(0, 60));
     drawn.is_busy = luck.once_in(2);
@@ -101,9 +106,7 @@ static std::string sentence_of(const std::string &finding) {
 
 static std::string run_with_restart(const night &what, const sim &plain) {
   sim world;
-  world.restart_at_event = static_cast<unsigned>(what.restart);
-  world.restarts_busy = what.is_busy;
-  if (std::string finding = world.run(what); !finding.empty())
+  if (std::string finding = world.run(what, true); !finding.empty())
     return finding;
   const auto is_same = [](const auto &left, const auto &right) {
     return left.second == right.second && std::abs(left.first - right.first) <= kRestartMs;
@@ -117,7 +120,7 @@ static std::string run_with_restart(const night &what, const sim &plain) {
     return place == end ? "nothing" : place->second + " at " + std::to_string(place->first);
   };
   const bool is_same_night = without == without_restart.end() && with == world.given.end();
-  if (is_same_night || plain.has_acted || world.has_acted || plain.is_close || world.is_close)
+  if (is_same_night || plain.may_move || world.may_move)
     return "";
   return "9: with a restart " + text_of(with, world.given.end()) + ", without " +
          text_of(without, without_restart.end());
@@ -163,19 +166,13 @@ static night shortest(night found, const std::string &sentence) {
 
 static std::string explain(const night &found, const std::string &sentence) {
   const night least = shortest(found, sentence);
-  std::vector<std::string> trace;
   sim world;
-  world.trace = &trace;
-  if (sentence == "9:") {
-    world.restart_at_event = static_cast<unsigned>(least.restart);
-    world.restarts_busy = least.is_busy;
-  }
-  world.run(least);
+  const std::vector<std::string> &trace = world.trace.emplace();
+  world.run(least, sentence == "9:");
   std::string text;
   for (const step &one : least.steps)
     if (act_of(one).weight < 0)
-      text += std::string("with ") + act_of(one).name + ' ' + std::to_string(one.a) + ' ' +
-              std::to_string(one.b) + '\n';
+      text += "with " + line_of(one) + '\n';
   static constexpr std::size_t kLast = 1000;
   const std::size_t first = trace.size() > kLast ? trace.size() - kLast : 0;
   for (std::size_t line = 0; line < trace.size(); ++line)

@@ -2,8 +2,8 @@
 #include "sim.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <cxxabi.h>
 #include <iterator>
 #include <typeinfo>
@@ -23,41 +23,39 @@ template <class Variant> static std::string name_of(const Variant &what) {
 
 static std::string text_of(const order::any &what) {
   std::string text = name_of(what);
+  const auto add = [&](auto... values) {
+    ((text += ' ' + std::to_string(static_cast<std::int64_t>(values))), ...);
+  };
   if (const auto *write = std::get_if<order::write_alarm>(&what))
-    text +=
-        ' ' + std::to_string(write->count) + ' ' + std::to_string(static_cast<int>(write->owner));
+    add(write->count, write->owner);
   else if (const auto *start = std::get_if<order::start_unit>(&what))
-    text += ' ' + std::to_string(static_cast<int>(start->name));
+    add(start->name);
   else if (const auto *told = std::get_if<order::deliver>(&what))
-    text +=
-        ' ' + std::to_string(static_cast<int>(told->callback)) + ' ' + std::to_string(told->value);
+    add(told->callback, told->value);
   else if (const auto *sleep = std::get_if<order::sleep>(&what))
-    text += ' ' + std::to_string(static_cast<int>(sleep->method));
+    add(sleep->method);
   else if (const auto *said = std::get_if<order::say>(&what))
-    text += ' ' + std::to_string(static_cast<int>(said->what)) + ' ' + std::to_string(said->number);
+    add(said->what, said->number);
   return text;
 }
 
 // What a restart must not change. An order to the television is repeated, and a unit begins with
 // it.
 static bool reaches_outside(const order::any &what) {
-  return std::holds_alternative<order::sleep>(what) ||
-         std::holds_alternative<order::start_unit>(what) ||
-         std::holds_alternative<order::stop_unit>(what);
+  return is_one_of<order::sleep, order::start_unit, order::stop_unit>(what);
 }
 
+// By the TV clock.
 static std::string time_of(const sim &world) {
-  const std::int64_t seconds = world.utc() + world.offset(world.utc());
-  char text[32];
-  std::snprintf(text, sizeof text, "%02d %02d:%02d:%02d.%03d ",
-                static_cast<int>(world.now / (24 * kHourMs)), static_cast<int>(seconds / 3600 % 24),
-                static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60),
-                static_cast<int>(world.now % kSecondMs));
-  return text;
+  const std::time_t clock = static_cast<std::time_t>(world.tv_clock());
+  std::tm parts{};
+  char text[16];
+  std::strftime(text, sizeof text, "%d %T.", gmtime_r(&clock, &parts));
+  return text + std::to_string(kSecondMs + world.now % kSecondMs).substr(1) + ' ';
 }
 
 void sim::note(const std::string &text) {
-  if (trace != nullptr)
+  if (trace)
     trace->push_back(time_of(*this) + text);
 }
 
@@ -70,7 +68,7 @@ void sim::keep_order(const std::string &text, bool is_sleep) {
         given, [&](const auto &one) { return one.second == text && one.first >= time; });
   };
   const bool is_kept = is_same_since(since);
-  is_close = is_close || is_same_since(since - kSecondMs) != is_same_since(since + kSecondMs);
+  may_move = may_move || is_same_since(since - kSecondMs) != is_same_since(since + kSecondMs);
   if (!is_kept)
     given.emplace_back(now, text);
 }
@@ -84,21 +82,20 @@ bool sim::may_restart() const {
   const bool is_known = !tv.has_cec || (!tv.lies && m.screen.believed == truth && !is_doubted);
   const bool is_busy = m.sleep.wish != sleep_wish::kNone ||
                        std::ranges::any_of(m.jobs, [](const job &one) { return one.id != 0; });
-  return (is_busy || !restarts_busy) && is_known && m.armed && !m.test.running &&
-         !set.follow_screen && counts_sleep && !sleeps_now && !stops_now &&
-         tv.answers_after < kSecondMs && tv.changed_at < now - kSecondMs &&
-         !checks.is_step_unseen();
+  return (is_busy || !restarts_busy_) && is_known && m.armed && !m.test.running &&
+         !set.follow_screen && counts_sleep && !is_leaving() && tv.answers_after < kSecondMs &&
+         tv.changed_at < now - kSecondMs && !checks.is_step_unseen();
 }
 
 void sim::send(const event::any &what) {
   if (!is_alive)
     return;
-  if (depth_ == 0 && calls == 0 && events++ >= restart_at_event && may_restart()) {
-    restart_at_event = UINT32_MAX;
+  if (depth_ == 0 && calls == 0 && events++ >= restart_at_event_ && may_restart()) {
+    restart_at_event_ = UINT32_MAX;
     end_process();
     start_process();
   }
-  if (trace != nullptr)
+  if (trace)
     note(name_of(what));
   const auto [after, list] = decide(m, what, this_moment());
   m = stored = after;
@@ -112,10 +109,10 @@ void sim::send(const event::any &what) {
     if (orders_to_live == 0 || run != run_)
       continue;
     orders_to_live -= orders_to_live > 0 ? 1 : 0;
-    if (trace != nullptr)
+    if (trace)
       note("  " + text_of(one));
     if (reaches_outside(one))
-      keep_order(text_of(one), std::holds_alternative<order::sleep>(one));
+      keep_order(text_of(one), is_one_of<order::sleep>(one));
     checks.ordered(one);
     carry_out(one);
   }
@@ -151,15 +148,6 @@ void sim::deliver(delivery callback) {
   send(event::returned{callback});
 }
 
-// In the runtime directory nearly all of it; in the state directory what the next boot needs.
-static machine kept_of(const machine &stored, bool same_boot) {
-  machine kept = same_boot ? stored : machine{};
-  kept.alarm = stored.alarm;
-  kept.power.now = stored.power.now;
-  kept.power.went.utc = stored.power.went.utc;
-  return kept;
-}
-
 void sim::start_process() {
   if (is_alive || state != life::kRunning)
     return;
@@ -168,7 +156,11 @@ void sim::start_process() {
   event::started start;
   start.has_kept = has_stored;
   start.same_boot = has_run;
-  start.kept = kept_of(stored, has_run);
+  // In the runtime directory is nearly all of it, in the state directory what the next boot needs.
+  start.kept = has_run ? stored : machine{};
+  start.kept.alarm = stored.alarm;
+  start.kept.power.now = stored.power.now;
+  start.kept.power.went.utc = stored.power.went.utc;
   has_run = true;
   start.device = read_device();
   start.rtc_valid = rtc_valid;
@@ -194,7 +186,6 @@ void sim::start_process() {
     arm_timers();
     program_alarm();
     send(event::armed{});
-    checks.asked_at_start();
   });
 }
 
@@ -218,7 +209,7 @@ void sim::add_timer(std::uint32_t type, std::int64_t local, bool daily) {
   while (daily && local - kDay > tv_clock())
     local -= kDay;
   timers.push_back({next_id_++, type, local, daily, utc()});
-  if (is_alive && m.armed) {
+  if (is_armed()) {
     arm(timers.back());
     program_alarm();
   }
@@ -282,10 +273,6 @@ void sim::fire(std::uint32_t id) {
   const bool sleeping = m.screen.believed != screen_state::kOn;
   if (!is_halted && sleeping && (type == 0 || type == 2))
     call(event::fired{type == 0 ? 2 : kRecordReason});
-  if (type <= 1 && !is_halted)
-    checks.screen_called(type == 0);
-  if (type == 1 && !is_halted)
-    checks.turned_off_by_timer();
   if (!is_halted && type <= 1 && (type == 1 || sleeping))
     call(event::screen_wanted{type == 0, event::asker::kDaemon});
   if (!is_alive)

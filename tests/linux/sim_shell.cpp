@@ -54,7 +54,7 @@ struct shell {
 
   void operator()(const order::take_inhibitor &) const {
     world.process_at(world.now + world.bus_ms, [&world = world, is_refused = is_refused] {
-      world.holds_inhibitor = !is_refused && !world.sleeps_now && !world.stops_now;
+      world.holds_inhibitor = !is_refused && !world.is_leaving();
       shell{world, !world.holds_inhibitor}.result(problem::kInhibitor);
     });
   }
@@ -65,7 +65,7 @@ struct shell {
   }
 
   void note_crossing() const {
-    if (world.sleeps_now || world.stops_now)
+    if (world.is_leaving())
       world.checks.sleep_crosses();
   }
 
@@ -76,7 +76,7 @@ struct shell {
         (what.method == off_action::kHibernate && (world.can & kHibernateBit) == 0);
     note_crossing();
     world.process_at(world.now + world.bus_ms, [=, *this, method = what.method] {
-      const bool refuses = is_refused_there || world.sleeps_now || world.stops_now;
+      const bool refuses = is_refused_there || world.is_leaving();
       note_crossing();
       if (!refuses)
         world.begin_sleep(method);
@@ -177,13 +177,12 @@ void sim::carry_out(const order::any &what) {
 }
 
 device_reading sim::read_device() {
-  static const std::size_t index = order::any(order::read_alarm{}).index();
-  const bool is_refused = (refused >> index & 1U) != 0;
   if (m.alarm.stands.owner != alarm_owner::kForeign && m.alarm.stands.count > alarm.count(now))
     forgotten.reset(); // it is noticed
   if (!alarm.is_there)
     return {ENODEV, true, false, 0, 0};
-  return {is_refused ? EIO : 0, false, alarm.counts_minutes, alarm.count(now), alarm.read()};
+  return {refuses<order::read_alarm>() ? EIO : 0, false, alarm.counts_minutes, alarm.count(now),
+          alarm.read()};
 }
 
 void sim::start_job(unit of, millis runs) {
@@ -204,16 +203,14 @@ void sim::end_job(std::uint32_t id) {
 event::late_timers sim::late_timers(std::int64_t from, std::int64_t to) {
   event::late_timers late;
   std::vector<sim_timer> asked = std::exchange(missed, {});
+  if (is_halted || !is_clock_known())
+    return late;
   asked.insert(asked.end(), timers.begin(), timers.end());
   for (const sim_timer &timer : asked)
-    for (std::int64_t day = timer.daily ? -3 : 0;
-         day <= (timer.daily ? 3 : 0) && !is_halted && is_clock_known(); ++day) {
-      const std::int64_t local = timer.local + day * kDay;
-      const std::int64_t due = to_utc(local);
-      const bool comes = due + offset(due) == local;
-      if (comes && due > timer.since && due > from && due <= to && late.count < kLateTimers)
+    for_each_day(timer, -3, 3, [&](std::int64_t due, int) {
+      if (due > std::max(from, timer.since) && due <= to && late.count < kLateTimers)
         late.timers[late.count++] = {timer.id, timer.type, due};
-    }
+    });
   std::sort(late.timers.begin(), late.timers.begin() + late.count,
             [](const auto &left, const auto &right) { return left.utc < right.utc; });
   return late;

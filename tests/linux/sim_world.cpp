@@ -48,7 +48,7 @@ void sim::signal(const event::any &what) {
 
 // Nothing says that a delay is over its limit.
 void sim::begin_sleep(off_action by) {
-  if (state != life::kRunning || sleeps_now || stops_now)
+  if (state != life::kRunning || is_leaving())
     return;
   (by == off_action::kPoweroff ? stops_now : sleeps_now) = true;
   method = by;
@@ -70,7 +70,7 @@ void sim::begin_sleep(off_action by) {
 }
 
 void sim::release_checked() {
-  if ((!sleeps_now && !stops_now) || holds_inhibitor || may_go_at_ == kNever)
+  if (!is_leaving() || holds_inhibitor || may_go_at_ == kNever)
     return;
   world_at(std::max(now + 1, may_go_at_), [this, number = sleep_] {
     if (number == sleep_ && !holds_inhibitor)
@@ -94,7 +94,7 @@ void sim::go_down(off_action by, bool is_announced) {
   if (state != life::kRunning || is_called_off_)
     return;
   ++sleep_;
-  const bool is_ready = is_announced && is_alive && m.armed && checks.has_released(begun_at());
+  const bool is_ready = is_announced && is_armed() && checks.has_released(begun_at());
   method = by;
   if (fails > 0 && method != off_action::kPoweroff) {
     --fails;
@@ -167,20 +167,6 @@ void sim::boot(cause by) {
 
 // --- devices ---
 
-// Others write 0 first, which erases ours without notice.
-void sim::write_foreign(std::int64_t ahead) {
-  const bool is_ours = ahead != 0 && alarm.count(now) + ahead == alarm.stands();
-  if (!alarm.is_there || is_ours || alarm.switch_off() != 0)
-    return;
-  foreign_at = now;
-  forgotten = std::exchange(foreign, {});
-  foreign_stands = false;
-  if (ahead == 0 || alarm.write(now, alarm.count(now) + ahead) != 0 || alarm.stands() == 0)
-    return;
-  foreign = alarm.stands();
-  foreign_stands = true;
-}
-
 void sim::tell_reachable() {
   process_at(now + bus_ms, [this] { send(event::tv_reachable{!tv.is_plain()}); });
 }
@@ -192,32 +178,6 @@ void sim::tell_use(bool is_answer) {
   process_at(now + bus_ms * (1 + answers_++ % 3), [this, is_answer] {
     send(event::use_changed{session_at, active_at, blocked, can, delay_max * kSecondMs, is_answer});
   });
-}
-
-void sim::change_use() {
-  use_changed_at = now;
-  tell_use(false);
-}
-
-void sim::press_key() {
-  if (state == life::kAsleep)
-    wake(cause::kUser);
-  else if (state == life::kOff)
-    boot(cause::kUser);
-  input_at = now;
-  if (!is_alive || !watches_input)
-    return;
-  first_seen_at = first_seen_at < up_at ? now : first_seen_at;
-  seen_at = now;
-  process_at(now + 1, [this, at = boot_ms()] { send(event::input{at}); });
-}
-
-void sim::step_clock(millis by) {
-  if (state != life::kRunning)
-    return;
-  wall_offset += by;
-  process_at(now + 2, [this] { send(event::clock_stepped{}); });
-  checks.clock_stepped();
 }
 
 // --- time ---
@@ -248,13 +208,6 @@ static void go_off(sim &world) {
     world.boot(by);
 }
 
-void sim::pass_to(millis next) {
-  checks.time_passes(next);
-  now = next;
-  if (foreign && *foreign <= alarm.count(now) && !foreign_stands)
-    foreign.reset();
-}
-
 // The next thing that happens up to `end`; false: nothing does.
 bool sim::run_next(millis end) {
   const bool runs = state == life::kRunning;
@@ -269,7 +222,10 @@ bool sim::run_next(millis end) {
   }
   if (next > end)
     return false;
-  pass_to(std::max(next, now));
+  checks.time_passes(std::max(next, now));
+  now = std::max(next, now);
+  if (foreign && *foreign <= alarm.count(now) && !foreign_stands)
+    foreign.reset();
   if (alarm.next(now) == now) {
     go_off(*this);
   } else if (from_world == next || from_process == next) {
