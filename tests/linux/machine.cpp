@@ -10,6 +10,7 @@ namespace kernel {
 using kernel::rtc_param;
 using kernel::rtc_wkalrm;
 #include <due_timers.h>
+#include <glib.h>
 #include <time_values.h>
 
 #include <algorithm>
@@ -40,6 +41,7 @@ static constexpr const char *kMock = "org.freedesktop.DBus.Mock";
 
 fake_rtc rtc;
 fake_cec cec;
+std::int64_t glib_seconds;
 
 static std::int64_t wall_clock = kNow;
 static std::int64_t slept;                               // seconds
@@ -105,6 +107,14 @@ static int transmit(const cec_msg &sent) {
     text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 0xf]};
   append(cec.sent, text, " ");
   return cec.refuses == 0 ? 0 : refuse(cec.refuses);
+}
+
+cec_msg received(std::initializer_list<std::uint8_t> bytes) {
+  cec_msg heard{};
+  std::ranges::copy(bytes, heard.msg);
+  heard.len = static_cast<std::uint32_t>(bytes.size());
+  heard.rx_status = CEC_RX_STATUS_OK;
+  return heard;
 }
 
 static int claim(const cec_log_addrs &wanted) {
@@ -187,6 +197,8 @@ int clock_gettime(clockid_t clock, timespec *out) noexcept {
     out->tv_sec += slept;
   return result;
 }
+
+gint64 g_get_monotonic_time() { return glib_seconds * G_USEC_PER_SEC; }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *) {
   return reinterpret_cast<Ecore_Timer *>(&*live_timers.emplace(seconds, callback));

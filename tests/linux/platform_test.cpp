@@ -14,13 +14,17 @@
 #include <settings.h>
 #include <system_info.h>
 #include <system_log.h>
+#include <time_values.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <string_view>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
@@ -212,6 +216,8 @@ TEST_F(Machine, TheJournal_ShowsProgressAsNotices_AndFailuresAsErrors) {
       ++entries;
   }
   EXPECT_LE(entries, 1001);
+  glib_seconds += 31;
+  EXPECT_EQ(level_of(SYSTEM_LOG_PROGRESS, "DRAVEL_MANAGER", "loaded"), '5');
   system_log_event("fired", 7, "", "timer 7 fired");
   EXPECT_NE(next_entry(), "");
 }
@@ -310,7 +316,7 @@ TEST_F(Platform, WakesForATimer_BeforeTheDaemonActs_AndGoesBackToSleep) {
   EXPECT_EQ(device_power_get_wakeup_reason(), 33);
   EXPECT_EQ(property("LastWake"), "(uint64 1800003585, 'timer')");
   EXPECT_NEAR(std::stod(property("SleepsAt").substr(7)), kNow + 3600 + 120, 2);
-  device_power_set_wakeup_reason(33);
+  EXPECT_EQ(device_power_set_wakeup_reason(33), 0);
   EXPECT_EQ(seen(), "RestartUnit 'dravel-wakeup@33.target'");
 }
 
@@ -338,12 +344,12 @@ TEST_F(Platform, MakesUpForTimers_OfBothTimesOfAnHourThatComesTwice) {
   late_timers = {{1, 3, time_value(kShown - 60)},
                  {2, 0, time_value(kShown + 60)},
                  {3, 3, time_value(kShown + 1800)},
-                 {4, 1, time_value(kShown + 3540)}};
+                 {4, 3, time_value(kShown + 3540)}};
   sleep_for(600);
   emit(kLogind, "PrepareForSleep", "b", "<false>");
   EXPECT_EQ(seen(), "due 1824947900 1824951800; wakeup 0; time_set; time update; "
-                    "Inhibit 'sleep:shutdown'; RestartUnit 'dravel-wakeup@2.target'; "
-                    "RestartUnit 'dravel-on.target'");
+                    "Inhibit 'sleep:shutdown'; RestartUnit 'dravel-wakeup@5.target'; "
+                    "RestartUnit 'dravel-wakeup@2.target'; RestartUnit 'dravel-on.target'");
 }
 
 TEST_F(Platform, AsksForLateTimers_OnceTheDaemonHasReadItsOwn) {
@@ -397,6 +403,7 @@ TEST_F(Platform, HasTheMachinesClock_AndItsSettings) {
   setenv("TZ", "Europe/Berlin", 1);
   start("keep-timers=false");
   EXPECT_EQ(CTimeUtil::GetCurrentTime(), kNow + 3600);
+  EXPECT_EQ(CTimeUtil::ConvertToLocalTime(time_value(kNow)), kNow + 3600);
   EXPECT_EQ(settings_get_int(kSettingsClockMode, &mode), 0);
   EXPECT_EQ(mode, 1);
   EXPECT_LT(settings_get_int(kSettingsTimeZone, &mode), 0);
@@ -417,6 +424,40 @@ TEST_F(Platform, HasTheMachinesClock_AndItsSettings) {
       std::tuple(27, 1, 15, 8, 0, 0));
   EXPECT_EQ(system_info_get_custom_bool(kFeatureSyncDb, &kept), 0);
   EXPECT_FALSE(kept);
+  for (const std::int64_t is : {kBack - 1800, kBack - 1801}) { // a time that comes twice
+    set_now(is);
+    const std::tm utc = CTimeUtil::ConvertToUTCTime(broken_down(time_value(kBack + 5400)));
+    EXPECT_EQ(civil_seconds(utc), is == kBack - 1800 ? kBack + 1800 : kBack - 1800);
+  }
+}
+
+TEST_F(Platform, OfAnUnknownClock_HasNoTime) {
+  write_file("/sys/class/rtc/rtc0/since_epoch", "0");
+  start();
+  EXPECT_EQ(CTimeUtil::GetCurrentTime(), 0U);
+}
+
+TEST_F(Platform, OfALaterRun_KnowsTheScreen) {
+  machine record;
+  record.screen.believed = screen_state::kOn;
+  store_record(record);
+  start();
+  EXPECT_EQ(property("Screen"), "'on'");
+}
+
+TEST_F(Platform, HearsATelevision_AlsoAtAnAdapterThatIsPluggedInLater) {
+  for (const char *path : {"/dev/cec6", "/dev/cec7"}) {
+    ASSERT_EQ(mkfifo(path, 0600), 0);
+    const int fifo = open(path, O_RDWR | O_CLOEXEC);
+    if (path == std::string_view{"/dev/cec6"})
+      start();
+    seen();
+    for (const std::uint8_t state : {CEC_OP_POWER_STATUS_ON, CEC_OP_POWER_STATUS_STANDBY}) {
+      const cec_msg reports = received({0x04, CEC_MSG_REPORT_POWER_STATUS, state});
+      EXPECT_EQ(write(fifo, &reports, sizeof reports), sizeof reports);
+      EXPECT_EQ(seen(), state == CEC_OP_POWER_STATUS_ON ? "state 0" : "state 2") << path;
+    }
+  }
 }
 
 TEST_F(Platform, OfAMachineThatATimerBooted_KnowsIt) {
