@@ -1,1076 +1,448 @@
 // Rules that the simulated nights do not reach or do not look at.
-#include "event.h"
+#include "decide_words.h"
+#include "lines.h"
 
-#include <device_power.h>
-#include <gtest/gtest.h>
-#include <linux/cec.h>
+class Decide : public testing::Test {};
 
-#include <algorithm>
-#include <cerrno>
-#include <vector>
+SCENARIOS(Decide, ATimeThatComesTwice_IsTheFirstThatIsAhead, "program 0 $1 $2 => wanted $3", R"(
+  +60 | +3660 | +60
+  -60 | +3540 | +3540
+  +0  | +3600 | +3600
+)")
 
-static constexpr std::int64_t kNow = 1'800'000'000;
-static constexpr std::int64_t kOneDay = 86400;
+// Our alarm has woken the machine.
+SCENARIOS(Decide, AMissedTimer_IsMadeUpFor_UnlessALaterOneUndoesIt,
+          "program 0 +1000; late $1; sleep 990 =>"
+          " woken timer tv_on $2 tv_off $3 start_unit '$4' say '$5'",
+          R"(
+  0     | 1 | 0 | wakeup on        | woken late screen_on
+  2     | 0 | 0 | wakeup           | woken late
+  4     | 0 | 0 |                  | woken
+  0 1   | 0 | 1 | off              | woken screen_off postponed
+  1 0 3 | 1 | 0 | wakeup on wakeup | woken late screen_on late
+)")
 
-namespace {
+// Its timer is 100 seconds late.
+SCENARIOS(Decide, AMissedOffTimer_TurnsOffForAUser_OnlyOfATimeAtWhichTheMachineWasAwake,
+          "sleep 100; pass $1; late 1/+$1; armed => tv_off $2", R"(
+  0   | 0
+  99  | 0
+  100 | 1
+)")
 
-// A machine that is awake with its daemon armed; its device takes every alarm.
-struct awake_machine {
-  explicit awake_machine(const settings &set = {}, bool has_cec = true, bool rtc_valid = true) {
-    event::started start;
-    start.rtc_valid = rtc_valid;
-    start.set = set;
-    start.device.clock = now.utc;
-    send(start);
-    send(event::tv_reachable{has_cec});
-    if (has_cec)
-      send(event::tv_asks_source{}); // it speaks
-    send(event::use_changed{0, 0, 0, kSleepBit | kShutdownBit | kHibernateBit, 5000, true});
-    send(event::armed{});
-    send(event::ntp{});
-    given.clear();
-  }
-
-  void send(const event::any &what) {
-    const auto [next, list] = decide(m, what, now);
-    m = next;
-    for (const order::any &one : list) {
-      given.push_back(one);
-      std::visit([this](const auto &o) { carry_out(o); }, one);
-    }
-  }
-  void pass(std::int64_t seconds) {
-    now.utc += seconds;
-    now.boot += seconds * kSecondMs;
-  }
-  // The next process of the same boot, with the record of this one.
-  event::started next_run() const {
-    event::started again;
-    again.kept = m;
-    again.has_kept = again.same_boot = true;
-    return again;
-  }
-  // Sleeps until then, and wakes.
-  void sleep(std::int64_t seconds) {
-    send(event::sleep_begins{});
-    pass(seconds);
-    now.slept += seconds * kSecondMs;
-    ++now.sleeps;
-    given.clear();
-    send(event::sleep_ends{});
-  }
-  // An off-timer, whose hooks have run.
-  void off_time() {
-    send(event::screen_wanted{false, event::asker::kDaemon});
-    send(event::job_began{1, unit::kOff});
-    send(event::job_ended{1});
-  }
-  bool has(problem part) const { return m.problems[static_cast<std::size_t>(part)] != 0; }
-  template <typename Order> long count() const {
-    return std::ranges::count_if(
-        given, [](const order::any &one) { return std::holds_alternative<Order>(one); });
-  }
-  std::vector<order::saying> said() const {
-    std::vector<order::saying> found;
-    for (const order::any &one : given)
-      if (const auto *same = std::get_if<order::say>(&one))
-        found.push_back(same->what);
-    return found;
-  }
-  // The value of the last callback of this kind; -1: none.
-  std::int32_t told(delivery what) const {
-    std::int32_t value = -1;
-    for (const order::any &one : given)
-      if (const auto *same = std::get_if<order::deliver>(&one);
-          same != nullptr && same->callback == what)
-        value = same->value;
-    return value;
-  }
-  template <typename Order> Order last() const {
-    Order found{};
-    for (const order::any &one : given)
-      if (const auto *same = std::get_if<Order>(&one))
-        found = *same;
-    return found;
-  }
-
-  void carry_out(const order::read_alarm &) {
-    send(event::alarm_read{{read_error, is_gone, false, now.utc, alarm}});
-  }
-  void carry_out(const order::write_alarm &o) {
-    const int error = o.count - now.utc > range ? EINVAL : refusal;
-    alarm = error == 0 ? o.count : error == EBUSY ? alarm : 0;
-    send(event::alarm_written{o.count, error});
-  }
-  void carry_out(const order::switch_off_alarm &) {
-    alarm = refusal == EBUSY ? alarm : 0;
-    send(event::alarm_written{0, refusal == EBUSY ? EBUSY : 0});
-  }
-  void carry_out(const order::ask_late &) { send(late); }
-  void carry_out(const order::ask_zone &) { send(event::zone_changed{next_transition, false}); }
-  void carry_out(const order::deliver &o) { send(event::returned{o.callback}); }
-  template <typename Order> void carry_out(const Order &) {}
-
-  machine m;
-  moment now{kNow, 3600 * kSecondMs, 0, 0, 0};
-  std::vector<order::any> given;
-  std::int64_t alarm = 0, range = kNever;
-  bool is_gone = false; // the device
-  int refusal = 0, read_error = 0;
-  std::int64_t next_transition = 0;
-  event::late_timers late;
-};
-
-} // namespace
-
-TEST(Decide, ATimeThatComesTwice_IsTheFirstThatIsAhead) {
-  for (const std::int64_t first : {kNow + 60, kNow - 60, kNow}) {
-    awake_machine run;
-    run.send(event::program{0, first, first + 3600});
-    EXPECT_EQ(run.m.alarm.wanted.on_time, first > kNow ? first : first + 3600);
-  }
-}
-
-TEST(Decide, AMissedTimer_IsMadeUpFor_UnlessALaterOneUndoesIt) {
-  const struct {
-    std::vector<late_timer> timers; // in the last minutes; our alarm has woken the machine
-    long on, off, units;
-  } rows[] = {
-      {{{1, 0, 0}}, 1, 0, 2},
-      {{{1, 2, 0}}, 0, 0, 1},
-      {{{1, 4, 0}}, 0, 0, 0},
-      {{{1, 0, 0}, {2, 1, 0}}, 0, 1, 1},
-      {{{1, 1, 0}, {2, 0, 0}, {3, 3, 0}}, 1, 0, 3},
-  };
-  for (const auto &row : rows) {
-    awake_machine run;
-    run.send(event::program{0, kNow + 1000, 0});
-    std::ranges::copy(row.timers, run.late.timers.begin());
-    run.late.count = static_cast<std::uint8_t>(row.timers.size());
-    run.sleep(990);
-    EXPECT_EQ(run.m.woken.by, cause::kTimer);
-    EXPECT_EQ(run.count<order::tv_on>(), row.on);
-    EXPECT_EQ(run.count<order::tv_off>(), row.off);
-    EXPECT_EQ(run.count<order::start_unit>(), row.units) << row.timers.size();
-    EXPECT_EQ(std::ranges::count(run.said(), order::saying::kLate), row.units - row.on - row.off);
-  }
-}
-
-TEST(Decide, AMissedOffTimer_TurnsOffForAUser_OnlyOfATimeAtWhichTheMachineWasAwake) {
-  for (const std::int64_t awake :
-       {0, 99, 100}) { // seconds since the wake-up; the timer is 100 late
-    awake_machine run;
-    run.sleep(100);
-    run.pass(awake);
-    run.late = {{late_timer{1, 1, kNow + awake}}, 1};
-    run.send(event::armed{});
-    EXPECT_EQ(run.count<order::tv_off>(), awake == 100 ? 1 : 0) << awake;
-  }
-}
-
-TEST(Decide, AScreen_IsBelievedOnlyWhatIsSaid) {
-  const struct {
-    bool has_cec, on;
-    event::any said;
-    screen_state believed;
-  } rows[] = {
-      {true, true, event::tv_silent{}, screen_state::kUnknown},
-      {true, true, event::tv_reports{event::tv_state::kTurningOn}, screen_state::kUnknown},
-      {true, true, event::tv_reports{event::tv_state::kOn}, screen_state::kOn},
-      {true, true, event::tv_reports{event::tv_state::kOff}, screen_state::kUnknown},
-      {true, false, event::tv_denies{CEC_MSG_STANDBY}, screen_state::kUnknown},
-      {true, false, event::tv_reports{event::tv_state::kTurningOff}, screen_state::kOff},
-      {true, false, event::tv_standby{}, screen_state::kOff},
-      {false, true, event::tv_silent{}, screen_state::kOn},
-      {false, false, event::tv_silent{}, screen_state::kOff},
-      {false, true, event::unit_refused{unit::kOn, EIO}, screen_state::kUnknown},
-      {false, true, event::unit_refused{unit::kWakeup, EIO}, screen_state::kOn},
-  };
-  for (const auto &row : rows) {
-    awake_machine run({}, row.has_cec);
-    run.send(event::screen_wanted{row.on, event::asker::kBus});
-    run.send(row.said);
-    EXPECT_EQ(run.m.screen.believed, row.believed) << &row - rows;
-  }
-}
+SCENARIOS(Decide, AScreen_IsBelievedOnlyWhatIsSaid,
+          "machine $1; screen_wanted $2 bus; $3 => believed $4", R"(
+         | on  | tv_silent              | unknown
+         | on  | tv_reports turning_on  | unknown
+         | on  | tv_reports on          | on
+         | on  | tv_reports off         | unknown
+         | off | tv_denies standby      | unknown
+         | off | tv_reports turning_off | off
+         | off | tv_standby             | off
+  no_cec | on  | tv_silent              | on
+  no_cec | off | tv_silent              | off
+  no_cec | on  | unit_refused on EIO    | unknown
+  no_cec | on  | unit_refused wakeup EIO | on
+)")
 
 // What was believed before a sleep is no switch of its remote, nor is a message from before it.
-TEST(Decide, ATelevisionsRemote_IsFollowed_WhenItHasSwitchedItOffSinceTheWakeUp) {
-  using event::tv_state;
-  const event::tv_reports on{tv_state::kOn}, off{tv_state::kOff};
-  const struct {
-    std::vector<event::any> said;
-    std::int64_t after; // seconds from the wake-up
-    bool sleeps;
-  } rows[] = {
-      {{off}, 5, false},
-      {{on, off}, 5, true},
-      {{event::tv_standby{}}, 5, true},
-      {{event::tv_standby{}}, 1, false},
-      {{event::tv_silent{}, event::tv_standby{}}, 5, true},
-      {{event::screen_wanted{false, event::asker::kBus}, off, event::tv_standby{}}, 5, false},
-      {{event::screen_wanted{true, event::asker::kBus}, event::tv_standby{}}, 5, false},
-  };
-  for (const auto &row : rows) {
-    awake_machine run({.follow_screen = true});
-    run.send(on);
-    run.sleep(1000);
-    run.pass(row.after);
-    for (const event::any &one : row.said)
-      run.send(one);
-    EXPECT_EQ(run.m.sleep.wish == sleep_wish::kScreen, row.sleeps) << &row - rows;
-  }
-}
+SCENARIOS(Decide, ATelevisionsRemote_IsFollowed_WhenItHasSwitchedItOffSinceTheWakeUp,
+          "machine follow_screen=yes; tv_reports on; sleep 1000; pass $1; $2 => wish $3", R"(
+  5 | tv_reports off                                    | none
+  5 | tv_reports on; tv_reports off                     | screen
+  5 | tv_standby                                        | screen
+  1 | tv_standby                                        | none
+  5 | tv_silent; tv_standby                             | screen
+  5 | screen_wanted off bus; tv_reports off; tv_standby | none
+  5 | screen_wanted on bus; tv_standby                  | none
+)")
 
-TEST(Decide, AWakeUp_TellsItsReasonOnce_AndAStepOfTheClockOnTheWayDown) {
-  for (const bool steps : {false, true}) {
-    awake_machine run;
-    run.send(event::program{0, kNow + 1000, 0});
-    if (steps) {
-      run.send(event::sleep_begins{});
-      run.send(event::clock_stepped{});
-    }
-    run.sleep(985);
-    EXPECT_EQ(run.told(delivery::kWakeup), 2);
-    EXPECT_EQ(run.told(delivery::kTimeSet), steps ? 0 : -1);
-    run.send(event::sleep_begins{});
-    run.send(event::sleep_ends{}); // it has failed
-    EXPECT_EQ(run.told(delivery::kWakeup), 0);
-    run.send(event::tv_reports{event::tv_state::kOn});
-    EXPECT_EQ(run.told(delivery::kState), DEVICE_POWER_STATE_ON);
-    run.send(event::tv_reports{event::tv_state::kOff});
-    EXPECT_EQ(run.told(delivery::kState), DEVICE_POWER_STATE_SLEEPING);
-  }
-}
+// The second sleep fails.
+SCENARIOS(Decide, AWakeUp_TellsItsReasonOnce_AndAStepOfTheClockOnTheWayDown,
+          "program 0 +1000; $1; sleep 985 => deliver 'wakeup 2 $2'; sleep_begins; forget;"
+          "sleep_ends => deliver 'wakeup time_update'; forget; tv_reports on; tv_reports off => "
+          "deliver 'state state 2'",
+          R"(
+  nothing                     | time_update
+  sleep_begins; clock_stepped | time_set time_update
+)")
 
-TEST(Decide, ASleepWhoseCountComesLater_IsOne) {
-  awake_machine run;
-  run.pass(100);
-  run.now.slept += 100 * kSecondMs;
-  for (int times = 0; times < 2; ++times) {
-    run.send(event::ambient{});
-    run.pass(1);
-    ++run.now.sleeps;
-  }
-  EXPECT_EQ(run.count<order::take_inhibitor>(), 1);
-}
+SCENARIOS(Decide, ASleepWhoseCountComesLater_IsOne, R"(
+  slept 100; ambient; pass 1; counted; ambient => take_inhibitor 1
+)")
 
 // A monitor never says anything: that is no problem of a television.
-TEST(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine) {
-  awake_machine run;
-  for (const bool speaks : {false, true}) {
-    run.given.clear();
-    run.m.screen.has_spoken = speaks;
-    run.send(event::screen_wanted{true, event::asker::kBus});
-    for (int second = 0; second < 20; ++second) {
-      run.pass(1);
-      run.send(event::due{});
-      run.send(event::tv_silent{});
-    }
-    EXPECT_EQ(run.count<order::tv_on>(), 3);
-    EXPECT_EQ(run.m.screen.believed, screen_state::kUnknown);
-    EXPECT_EQ(run.has(problem::kTelevision), speaks);
-    EXPECT_EQ(run.last<order::say>().number, 0);
-  }
-  run.given.clear();
-  run.send(event::tv_asks_source{});
-  EXPECT_EQ(run.count<order::tv_answer>(), 1);
-  EXPECT_EQ(run.count<order::tv_ask>(), 1) << "its remote may have turned it on";
-  run.send(event::screen_wanted{false, event::asker::kBus});
-  run.send(event::tv_asks_source{});
-  EXPECT_EQ(run.count<order::tv_answer>(), 1);
-}
+SCENARIOS(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine, R"(
+  set has_spoken no; screen_wanted on bus; each_second 20 tv_silent
+    => tv_on 3 believed unknown problems '' said '~ 0 0'
+  screen_wanted on bus; each_second 20 tv_silent
+    => tv_on 3 believed unknown problems television said 'television_late 0 0';
+    forget; tv_asks_source => tv_answer 1 tv_ask 1;
+    screen_wanted off bus; tv_asks_source => tv_answer 1
+)")
 
-TEST(Decide, ATelevisionThatIsLate_IsAskedOn_AndTakenAtItsWord) {
-  const struct {
-    bool on;
-    std::int64_t after, away; // seconds until it follows; in the last ones nobody has asked
-    long pairs;               // sent then
-  } rows[] = {
-      {true, 40, 0, 1}, {true, 300, 0, 0}, {true, 40, 85, 0}, {false, 40, 0, 0}, {false, 300, 0, 0},
-  };
-  for (const auto &row : rows) {
-    awake_machine run({.follow_screen = true});
-    const event::tv_reports on{event::tv_state::kOn}, off{event::tv_state::kOff};
-    run.send(event::screen_wanted{row.on, event::asker::kBus});
-    for (std::int64_t second = 0; second < row.after; ++second) {
-      run.send(row.on ? off : on);
-      run.pass(1);
-      run.send(event::due{});
-    }
-    run.pass(row.away);
-    run.send(event::due{});
-    EXPECT_EQ(run.count<order::tv_ask>(), row.after == 40 ? 14 + 5 : 14 + 20);
-    EXPECT_TRUE(run.has(problem::kTelevision));
-    EXPECT_EQ(run.last<order::say>().number, row.on ? 1 : 0) << "it has answered";
-    run.given.clear();
-    run.send(row.on ? on : off);
-    EXPECT_EQ(run.count<order::tv_on>(), row.pairs) << &row - rows;
-    EXPECT_FALSE(run.has(problem::kTelevision));
-    EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone) << "no remote has turned it off";
-    EXPECT_EQ(due_at(run.m, due_kind::kScreenStep), kNever);
-  }
-}
+// In the last seconds nobody has asked.
+SCENARIOS(
+    Decide, ATelevisionThatIsLate_IsAskedOn_AndTakenAtItsWord,
+    "machine follow_screen=yes; screen_wanted $1 bus; each_second $2 tv_reports $3; wait $4 =>"
+    " tv_ask $5 problems television said '$6'; forget; tv_reports $1 =>"
+    " tv_on $7 problems '' wish none screen_step_in -",
+    R"(
+  on  | 40  | off | 0  | 19 | television_late 1 0 | 1
+  on  | 300 | off | 0  | 34 | television_late 1 0 | 0
+  on  | 40  | off | 85 | 19 | television_late 1 0 | 0
+  off | 40  | on  | 0  | 19 | television_stays 0 0 | 0
+  off | 300 | on  | 0  | 34 | television_stays 0 0 | 0
+)")
 
-TEST(Decide, ATelevisionThatRefusesTheQuestion_StillGetsThePairThreeTimes) {
-  for (const bool for_good : {true, false}) {
-    awake_machine run;
-    run.m.screen.has_spoken = false;
-    run.send(event::screen_wanted{true, event::asker::kBus});
-    for (int second = 0; second < 20; ++second) {
-      run.pass(1);
-      run.send(event::due{});
-      run.send(event::tv_denies{CEC_MSG_GIVE_DEVICE_POWER_STATUS, for_good});
-    }
-    EXPECT_EQ(run.count<order::tv_on>(), 3);
-    EXPECT_EQ(run.count<order::tv_ask>(), for_good ? 1 : 15);
-    EXPECT_EQ(run.has(problem::kTelevision), !for_good);
-  }
-}
+SCENARIOS(Decide, ATelevisionThatRefusesTheQuestion_StillGetsThePairThreeTimes,
+          "set has_spoken no; screen_wanted on bus; each_second 20 tv_denies question $1 =>"
+          " tv_on 3 tv_ask $2 problems '$3'",
+          R"(
+  yes | 1  |
+  no  | 15 | television
+)")
 
-TEST(Decide, AnAdapterThatComesLate_GetsTheOrder_UnlessItIsOld) {
-  const struct {
-    std::int64_t after;
-    bool has_said, gets_it;
-  } rows[] = {{60, false, true}, {121, false, false}, {60, true, false}};
-  for (const auto &row : rows) {
-    awake_machine run({}, row.has_said);
-    run.send(event::screen_wanted{true, event::asker::kDaemon});
-    run.send(event::tv_reports{event::tv_state::kOn});
-    run.send(event::tv_reachable{false});
-    EXPECT_EQ(run.m.screen.believed, row.has_said ? screen_state::kUnknown : screen_state::kOn);
-    run.given.clear();
-    run.pass(row.after);
-    run.send(event::tv_reachable{true});
-    EXPECT_EQ(run.count<order::tv_on>(), row.gets_it ? 1 : 0) << &row - rows;
-    EXPECT_EQ(run.count<order::tv_ask>(), row.gets_it ? 0 : 1);
-    EXPECT_EQ(run.m.screen.pending, row.gets_it);
-  }
-}
+SCENARIOS(Decide, AnAdapterThatComesLate_GetsTheOrder_UnlessItIsOld,
+          "machine $1; screen_wanted on; tv_reports on; tv_reachable no => believed $2;"
+          "forget; pass $3; tv_reachable yes => tv_on $4 tv_ask $5 pending $6",
+          R"(
+  no_cec | on      | 60  | 1 | 0 | yes
+  no_cec | on      | 121 | 0 | 1 | no
+         | unknown | 60  | 0 | 1 | no
+)")
 
-TEST(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn) {
-  const event::any said[] = {event::tv_reports{event::tv_state::kOn}, event::tv_silent{}};
-  awake_machine run;
-  for (const event::any &answer : said) {
-    const bool is_silent = &answer != said;
-    run.given.clear();
-    run.send(event::screen_wanted{false, event::asker::kBus});
-    for (int second = 0; second < 20; ++second) {
-      run.pass(1);
-      run.send(event::due{});
-      run.send(answer);
-    }
-    EXPECT_EQ(run.has(problem::kTelevision), !is_silent);
-    EXPECT_EQ(run.last<order::say>().what == order::saying::kTelevisionStays, !is_silent);
-  }
-}
+SCENARIOS(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn, R"(
+  screen_wanted off bus; each_second 20 tv_reports on
+    => problems television said 'television_stays 0 0';
+    screen_wanted off bus; forget; each_second 20 tv_silent => problems '' say '!television_stays'
+)")
 
-TEST(Decide, ARefusedInhibitor_IsTriedForEveryMinute_AndAfterASleep) {
-  awake_machine run;
-  for (const std::int64_t seconds : {1, 10, 60, 60}) {
-    run.send(event::refused{problem::kInhibitor, EIO});
-    EXPECT_EQ(due_at(run.m, due_kind::kInhibitAgain), run.now.boot + seconds * kSecondMs);
-    run.pass(seconds);
-    run.send(event::due{});
-  }
-  EXPECT_EQ(run.count<order::take_inhibitor>(), 4);
-  run.send(event::works{problem::kInhibitor});
-  run.send(event::refused{problem::kInhibitor, EIO});
-  EXPECT_EQ(due_at(run.m, due_kind::kInhibitAgain), run.now.boot + kSecondMs);
-  run.now.slept += 100 * kSecondMs; // without any announcement
-  run.pass(100);
-  run.send(event::ambient{});
-  EXPECT_EQ(run.count<order::take_inhibitor>(), 5);
-}
+SCENARIOS(Decide, ARefusedInhibitor_IsTriedForEveryMinute_AndAfterASleep, R"(
+  refused inhibitor EIO => inhibit_again_in 1; wait 1; refused inhibitor EIO => inhibit_again_in 10;
+    wait 10; refused inhibitor EIO => inhibit_again_in 60;
+    wait 60; refused inhibitor EIO => inhibit_again_in 60; wait 60 => take_inhibitor 4;
+    works inhibitor; refused inhibitor EIO => inhibit_again_in 1;
+    slept 100; ambient => take_inhibitor 5
+)")
 
 // The wake-up may show before logind says so.
-TEST(Decide, ADelayRefusedWhileASleepEnds_IsNoProblem_AndTakenAfterIt) {
-  awake_machine run;
-  run.sleep(100);
-  run.given.clear();
-  run.send(event::refused{problem::kInhibitor, EINPROGRESS});
-  EXPECT_EQ(run.count<order::say>(), 0);
-  run.send(event::sleep_ends{});
-  EXPECT_EQ(run.count<order::take_inhibitor>(), 1);
-}
+SCENARIOS(Decide, ADelayRefusedWhileASleepEnds_IsNoProblem_AndTakenAfterIt, R"(
+  sleep 100; forget; refused inhibitor EINPROGRESS => say ''; sleep_ends => take_inhibitor 1
+)")
 
-TEST(Decide, AMachineThatMustNotBootForHops_IsNotWoken) {
-  for (const bool hop_boots : {true, false}) {
-    awake_machine run({.hop_boots = hop_boots});
-    run.m.alarm.range = 23LL * 3600;
-    run.send(event::program{0, kNow + 3 * kOneDay, 0});
-    EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kHop);
-    run.send(event::preparing{false, true});
-    EXPECT_EQ(run.alarm != 0, hop_boots);
-    EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
-    EXPECT_EQ(run.last<order::say>().what == order::saying::kHopWillNotBoot, !hop_boots);
-  }
-}
+SCENARIOS(Decide, AMachineThatMustNotBootForHops_IsNotWoken,
+          "machine hop_boots=$1; set reach 82800; program 0 +259200 => stands hop;"
+          "preparing no yes => alarm $2 release_inhibitor 1 say '$3'",
+          R"(
+  yes | +82800 |
+  no  | 0      | hop_will_not_boot
+)")
 
-TEST(Decide, AnOnTimeBeyondTheRange_IsReachedByTheLongestHopThatTheDeviceTakes) {
-  const struct {
-    std::int64_t range, hop; // seconds; 0: no alarm
-  } rows[] = {{30 * kOneDay, 27 * kOneDay}, {kOneDay, 23LL * 3600}, {22LL * 3600, 0}};
-  for (const auto &[range, hop] : rows) {
-    awake_machine run;
-    run.range = range;
-    run.send(event::program{0, kNow + 40 * kOneDay, 0});
-    EXPECT_EQ(run.alarm, hop == 0 ? 0 : kNow + hop);
-    EXPECT_EQ(run.m.alarm.range, hop);
-    EXPECT_EQ(run.has(problem::kAlarmRefused), hop == 0);
-  }
-}
+// A day has 86400 seconds.
+SCENARIOS(Decide, AnOnTimeBeyondTheRange_IsReachedByTheLongestHopThatTheDeviceTakes,
+          "range $1; program 0 +3456000 => alarm $2 reach $3 problems '$4'", R"(
+  2592000 | +2332800 | 2332800 |
+  86400   | +82800   | 82800   |
+  79200   | 0        | 0       | alarm_refused
+)")
 
-TEST(Decide, ARefusedAlarm_IsTriedAgain_AtIdleAndUntilTheStandbyIsOver) {
-  awake_machine run;
-  run.alarm = kNow + 5000;
-  run.refusal = EIO; // which switches off what stood
-  run.send(event::program{0, kNow + 1000, 0});
-  EXPECT_TRUE(run.m.wants_idle);
-  run.send(event::idle{});
-  EXPECT_EQ(run.count<order::write_alarm>(), 4) << "ours, and the other one";
-  run.send(event::sleep_begins{});
-  for (int half = 0; half < 8; ++half) {
-    EXPECT_EQ(run.count<order::release_inhibitor>(), 0);
-    run.now.boot += kSecondMs / 2;
-    run.send(event::due{});
-  }
-  EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
-  EXPECT_GE(run.count<order::write_alarm>(), 9);
-  EXPECT_EQ(run.m.alarm.foreign.count, kNow + 5000);
-}
+// An error switches off what stood, ours and the other one.
+SCENARIOS(Decide, ARefusedAlarm_IsTriedAgain_AtIdleAndUntilTheStandbyIsOver, R"(
+  alarm +5000; refuse EIO; program 0 +1000 => wants_idle yes;
+    idle => write_alarm '+985 +5000 +985 +5000';
+    sleep_begins; times 7 wait 0.5 => release_inhibitor 0; wait 0.5 => release_inhibitor 1
+    write_alarm '~+910 +5000 +910 +5000 +910' foreign +5000
+)")
 
-TEST(Decide, WhoeverSwitchesOurAlarmOff_DoesNotWantTheLaterOneEither) {
-  awake_machine run;
-  run.alarm = kNow + 5000;
-  run.send(event::program{0, kNow + 1000, 0});
-  run.alarm = 0;
-  run.send(event::clock_stepped{});
-  EXPECT_EQ(run.alarm, kNow + 985);
-  EXPECT_EQ(run.m.alarm.foreign.owner, alarm_owner::kNone);
-}
+SCENARIOS(Decide, WhoeverSwitchesOurAlarmOff_DoesNotWantTheLaterOneEither, R"(
+  alarm +5000; program 0 +1000; alarm 0; clock_stepped => alarm +985 foreign 0
+)")
 
-TEST(Decide, AMachineThatNobodyKnownWakesAtOnce_AgainAndAgain_SleepsALittleLess) {
-  for (const bool by_user : {true, false}) {
-    awake_machine run;
-    for (int times = 1; times <= 4; ++times) {
-      run.sleep(59);
-      EXPECT_EQ(run.has(problem::kWakesLoop), times == 4);
-      EXPECT_EQ(run.m.power.pause_until, times == 4 ? run.now.boot + 900 * kSecondMs : 0);
-    }
-    if (by_user)
-      run.send(event::input{run.now.boot});
-    else
-      run.sleep(60);
-    EXPECT_FALSE(run.has(problem::kWakesLoop));
-    EXPECT_EQ(run.m.power.pause_until, 0);
-  }
-}
+SCENARIOS(
+    Decide, AMachineThatNobodyKnownWakesAtOnce_AgainAndAgain_SleepsALittleLess,
+    "times 3 sleep 59 => problems '' pause_in -; sleep 59 => problems wakes_loop pause_in 900;"
+    "$1 => problems '' pause_in -",
+    R"(
+  pressed 0
+  sleep 60
+)")
 
-TEST(Decide, ATest_IsRefused_WhenSomethingIsInTheWay) {
-  const struct {
-    std::int64_t seconds, on_time, foreign;
-    std::uint8_t blocked;
-    int error;
-  } rows[] = {
-      {19, 0, 0, 0, ERANGE},
-      {3601, 0, 0, 0, ERANGE},
-      {60, kNow + 179, 0, 0, EBUSY},
-      {60, 0, kNow + 179, 0, EBUSY},
-      {60, 0, 0, kIdleBit, EBUSY},
-      {60, kNow + 180, kNow + 180, 0, 0},
-      {20, 0, 0, 0, 0},
-  };
-  for (const auto &row : rows) {
-    awake_machine run;
-    run.alarm = row.foreign;
-    run.send(event::program{0, row.on_time, 0});
-    run.send(event::use_changed{0, 0, row.blocked, kSleepBit, 5000, false});
-    run.send(event::test_wake{7, row.seconds});
-    EXPECT_EQ(run.last<order::answer>().error, row.error) << &row - rows;
-    EXPECT_EQ(run.m.test.running, row.error == 0);
-    run.send(event::test_wake{8, row.seconds});
-    EXPECT_EQ(run.last<order::answer>().error, row.error == 0 ? EALREADY : row.error);
-  }
-}
+SCENARIOS(Decide, ATest_IsRefused_WhenSomethingIsInTheWay,
+          "alarm $3; program 0 $2; use_changed 0 0 $4 sleep 5000; test_wake 7 $1; test_wake 8 $1 =>"
+          " answer '$5'",
+          R"(
+  19   | 0    | 0    | 0    | ERANGE ERANGE
+  3601 | 0    | 0    | 0    | ERANGE ERANGE
+  60   | +179 | 0    | 0    | EBUSY EBUSY
+  60   | 0    | +179 | 0    | EBUSY EBUSY
+  60   | 0    | 0    | idle | EBUSY EBUSY
+  60   | +180 | +180 | 0    | EALREADY
+  20   | 0    | 0    | 0    | EALREADY
+)")
 
-TEST(Decide, ATestWhoseAlarmTheDeviceDoesNotTake_DoesNotSleep) {
-  awake_machine run;
-  run.send(event::program{0, kNow + 5000, 0});
-  run.refusal = EBUSY; // the alarm of the timer still stands
-  run.send(event::test_wake{7, 100});
-  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
-  EXPECT_EQ(run.count<order::sleep>(), 0);
-  EXPECT_EQ(run.last<order::answer>().error, EBUSY);
-}
+// The alarm of the timer still stands.
+SCENARIOS(Decide, ATestWhoseAlarmTheDeviceDoesNotTake_DoesNotSleep, R"(
+  program 0 +5000; refuse EBUSY; test_wake 7 100; unused => sleep '' answer EBUSY
+)")
 
-TEST(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor) {
-  awake_machine run;
-  run.now.utc_ms = 400;
-  run.next_transition = kNow + 1000;
-  run.send(event::zone_changed{kNow + 5, true});
-  EXPECT_EQ(run.last<order::deliver>().callback, delivery::kZone);
-  EXPECT_EQ(due_at(run.m, due_kind::kTransition), run.now.boot + 4600);
-  run.now.utc_ms = 0;
-  run.now.boot -= 400;
-  run.pass(5);
-  run.late = {{late_timer{1, 1, kNow + 5}}, 1}; // an off-timer of that second
-  run.send(event::due{});
-  EXPECT_EQ(run.last<order::ask_late>().from, kNow + 4);
-  EXPECT_EQ(run.last<order::start_unit>().name, unit::kOff);
-  EXPECT_EQ(run.last<order::deliver>().callback, delivery::kTimeSet);
-  EXPECT_EQ(due_at(run.m, due_kind::kTransition), run.now.boot + 995 * kSecondMs);
-}
+// An off-timer is of that second.
+SCENARIOS(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor, R"(
+  next_transition +1000; pass 0.4; zone_changed +5 yes => deliver zone transition_in 4.6;
+    pass 4.6; late 1/+5; due => ask_late +4 start_unit off deliver 'zone time_set'
+    transition_in 995
+)")
 
 // A hop, which passes in the second of another event.
-TEST(Decide, AnAlarmThatPasses_IsSetAgain_WhateverEventComesFirst) {
-  awake_machine run;
-  run.m.alarm.range = kOneDay;
-  run.send(event::program{0, kNow + 3 * kOneDay, 0});
-  run.pass(kOneDay + 1);
-  run.send(event::ambient{});
-  EXPECT_EQ(run.alarm, kNow + 2 * kOneDay + 1);
-}
+SCENARIOS(Decide, AnAlarmThatPasses_IsSetAgain_WhateverEventComesFirst, R"(
+  set reach 86400; program 0 +259200; pass 86401; ambient => alarm +172801
+)")
 
-TEST(Decide, AnAlarmThatTheFirmwareSwitchesOff_DoesNotTakeTheForeignOneWithIt) {
-  awake_machine run;
-  run.alarm = kNow + 5000;
-  run.send(event::program{0, kNow + 1000, 0});
-  event::started boot;
-  boot.kept = run.m;
-  boot.has_kept = boot.rtc_valid = true;
-  run.pass(100);
-  boot.device.clock = run.now.utc;
-  run.alarm = 0;
-  run.send(boot);
-  run.send(event::unprogram{});
-  EXPECT_EQ(run.m.alarm.wanted.on_time, kNow + 1000) << "the daemon does not know yet";
-  run.send(event::armed{});
-  run.send(event::unprogram{});
-  run.send(event::idle{});
-  EXPECT_EQ(run.alarm, kNow + 5000);
-}
+// The daemon does not know yet what it wants.
+SCENARIOS(Decide, AnAlarmThatTheFirmwareSwitchesOff_DoesNotTakeTheForeignOneWithIt, R"(
+  alarm +5000; program 0 +1000; pass 100; alarm 0; start rtc_valid; unprogram => wanted +1000;
+    armed; unprogram; idle => alarm +5000
+)")
 
-TEST(Decide, ADeviceThatIsNotUsedAnyLonger_KeepsWhatIsNotOurs) {
-  awake_machine run;
-  run.alarm = kNow + 5000;
-  run.send(event::program{0, kNow + 1000, 0});
-  EXPECT_EQ(run.alarm, kNow + 985);
-  run.send(event::device_leaves{});
-  EXPECT_EQ(run.alarm, kNow + 5000);
-  run.alarm = 0; // of the new one
-  run.send(event::configured{});
-  EXPECT_EQ(run.alarm, kNow + 985);
-  run.send(event::unprogram{});
-  run.send(event::idle{});
-  EXPECT_EQ(run.alarm, 0);
-}
+// The alarm of a new device is not set.
+SCENARIOS(Decide, ADeviceThatIsNotUsedAnyLonger_KeepsWhatIsNotOurs, R"(
+  alarm +5000; program 0 +1000 => alarm +985; device_leaves => alarm +5000;
+    alarm 0; configured => alarm +985; unprogram; idle => alarm 0
+)")
 
-TEST(Decide, AMonitorBehindAnAdapter_DoesNotDelayTheSleep_AndComesBackWithItsUser) {
-  awake_machine run;
-  run.m.screen.has_spoken = false;
-  run.off_time();
-  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
-  EXPECT_EQ(run.count<order::sleep>(), 1);
-  run.sleep(100);
-  run.send(event::input{});
-  EXPECT_EQ(run.count<order::tv_on>(), 1);
-  EXPECT_EQ(run.last<order::start_unit>().name, unit::kOn);
-}
+SCENARIOS(Decide, AMonitorBehindAnAdapter_DoesNotDelayTheSleep_AndComesBackWithItsUser, R"(
+  set has_spoken no; off_time; unused => sleep suspend; sleep 100; input => tv_on 1 start_unit on
+)")
 
-TEST(Decide, ASleepOfSomebodyElse_LeavesTimeToComeBackFromTheDisk_WhenItMay) {
-  for (const off_action off : {off_action::kSuspend, off_action::kHibernate})
-    for (const std::uint8_t can : {kSleepBit, kHibernateBit}) {
-      awake_machine run({.off = off});
-      run.send(event::use_changed{0, 0, 0, can, 5000, false});
-      run.send(event::program{0, kNow + 1000, 0});
-      const bool hibernates = off == off_action::kHibernate && can == kHibernateBit;
-      EXPECT_EQ(run.alarm, kNow + (hibernates ? 910 : 985));
-      run.send(event::sleep_begins{});
-      const std::int64_t before_a_sleep = kNow + (can == kHibernateBit ? 910 : 985);
-      EXPECT_EQ(run.alarm, before_a_sleep);
-      run.now.slept += 100 * kSecondMs;
-      run.pass(100);
-      run.send(event::ambient{});
-      EXPECT_EQ(run.alarm, before_a_sleep) << "it may be suspended only until it hibernates";
-      run.send(event::sleep_ends{});
-      EXPECT_EQ(run.alarm, kNow + (hibernates ? 910 : 985));
-      EXPECT_EQ(run.m.sleep.last_method == off_action::kHibernate, hibernates);
-    }
-}
+// One that sleeps on the way may be suspended only until it hibernates.
+SCENARIOS(Decide, ASleepOfSomebodyElse_LeavesTimeToComeBackFromTheDisk_WhenItMay,
+          "machine off=$1; use_changed 0 0 0 $2 5000; program 0 +1000 => alarm $3;"
+          "sleep_begins => alarm $4; slept 100; ambient => alarm $4;"
+          "sleep_ends => alarm $3 last_method $5",
+          R"(
+  suspend   | suspend   | +985 | +985 | suspend
+  suspend   | hibernate | +985 | +910 | suspend
+  hibernate | suspend   | +985 | +985 | suspend
+  hibernate | hibernate | +910 | +910 | hibernate
+)")
 
-TEST(Decide, ATestThatTheClockStepsOver_StillLeavesTheAlarmOfTheTimer) {
-  awake_machine run;
-  run.send(event::program{0, kNow + 5000, 0});
-  run.send(event::test_wake{7, 100});
-  EXPECT_EQ(run.alarm, kNow + 100);
-  run.now.utc += 1000;
-  run.send(event::clock_stepped{});
-  EXPECT_EQ(run.alarm, kNow + 1100) << "the device of this test goes by the system clock";
-  run.now.utc += 3950;
-  run.send(event::clock_stepped{});
-  EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kTimer);
-}
+// The device of this test goes by the system clock.
+SCENARIOS(Decide, ATestThatTheClockStepsOver_StillLeavesTheAlarmOfTheTimer, R"(
+  program 0 +5000; test_wake 7 100 => alarm +100; step_clock 1000 => alarm +1100;
+    step_clock 3950 => stands timer
+)")
 
 // Ours could not follow it any longer once the machine sleeps.
-TEST(Decide, AnAlarmThatGoesOffBeforeTheSleep_IsWaitedFor) {
-  for (const std::int64_t ahead : {2, 10}) {
-    awake_machine run;
-    run.alarm = kNow + ahead;
-    run.send(event::program{0, kNow + 1000, 0});
-    run.send(event::sleep_begins{});
-    EXPECT_EQ(run.count<order::release_inhibitor>(), ahead == 2 ? 0 : 1);
-    run.pass(3);
-    run.send(event::due{});
-    EXPECT_EQ(run.count<order::release_inhibitor>(), 1);
-    EXPECT_EQ(run.alarm, ahead == 2 ? kNow + 910 : kNow + 10);
-  }
-}
+SCENARIOS(Decide, AnAlarmThatGoesOffBeforeTheSleep_IsWaitedFor,
+          "alarm $1; program 0 +1000; sleep_begins => release_inhibitor $2;"
+          "wait 3 => release_inhibitor 1 alarm $3",
+          R"(
+  +2  | 0 | +910
+  +10 | 1 | +10
+)")
 
-TEST(Decide, AnAlarmThatABusyDeviceKeeps_IsWaitedFor_WhenItGoesOffBeforeTheMachineSleeps) {
-  for (const std::int64_t ahead : {20, 19}) {
-    awake_machine run({}, false);
-    run.send(event::program{0, kNow + 1000, 0});
-    run.refusal = EBUSY;
-    run.send(event::program{0, kNow + 9000, 0});
-    run.pass(985 - ahead);
-    run.off_time();
-    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
-    EXPECT_EQ(run.alarm, kNow + 985);
-    EXPECT_EQ(run.count<order::sleep>(), ahead == 20 ? 1 : 0);
-  }
-}
+SCENARIOS(
+    Decide, AnAlarmThatABusyDeviceKeeps_IsWaitedFor_WhenItGoesOffBeforeTheMachineSleeps,
+    "machine no_cec; program 0 +1000; refuse EBUSY; program 0 +9000; pass $1; off_time; unused"
+    " => alarm +985 sleep '$2'",
+    R"(
+  965 | suspend
+  966 |
+)")
 
-TEST(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForASleep) {
-  awake_machine run({}, false);
-  run.read_error = EIO;
-  run.send(event::program{0, kNow + 5000, 0});
-  run.send(event::idle{});
-  EXPECT_TRUE(run.has(problem::kAlarmRead) && !run.has(problem::kNoDevice));
-  for (const std::int64_t seconds : {1, 10, 60}) {
-    EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), run.now.boot + seconds * kSecondMs);
-    run.pass(seconds);
-    run.send(event::due{});
-  }
-  EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), kNever);
-  run.off_time();
-  EXPECT_EQ(run.m.sleep.why, postponed::kNoAlarm);
-  run.send(event::idle{});
-  EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), run.now.boot + kSecondMs);
-}
+SCENARIOS(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForASleep, R"(
+  machine no_cec; unreadable; program 0 +5000; idle => problems alarm_read alarm_again_in 1;
+    wait 1 => alarm_again_in 10; wait 10 => alarm_again_in 60; wait 60 => alarm_again_in -;
+    off_time => why no_alarm; idle => alarm_again_in 1
+)")
 
-TEST(Decide, ADeviceThatIsNotThere_IsNotTriedAgain) {
-  awake_machine run;
-  run.is_gone = true;
-  run.send(event::program{0, kNow + 5000, 0});
-  EXPECT_TRUE(run.has(problem::kNoDevice));
-  run.send(event::idle{});
-  EXPECT_EQ(due_at(run.m, due_kind::kAlarmAgain), kNever);
-  EXPECT_EQ(run.count<order::read_alarm>(), 1);
-}
+SCENARIOS(Decide, ADeviceThatIsNotThere_IsNotTriedAgain, R"(
+  gone; program 0 +5000 => problems no_device; idle => alarm_again_in - read_alarm 1
+)")
 
-TEST(Decide, AnAlarmOfADeviceThatCannotBeRead_HasWokenTheMachine_ByTheSystemClock) {
-  for (const std::int64_t slept : {985, 500}) {
-    awake_machine run;
-    run.send(event::program{0, kNow + 1000, 0});
-    run.read_error = EIO;
-    run.sleep(slept);
-    EXPECT_EQ(run.m.woken.by, slept == 985 ? cause::kTimer : cause::kNothing);
-  }
-}
+SCENARIOS(Decide, AnAlarmOfADeviceThatCannotBeRead_HasWokenTheMachine_ByTheSystemClock,
+          "program 0 +1000; unreadable; sleep $1 => woken $2", R"(
+  985 | timer
+  500 | nothing
+)")
 
-TEST(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince) {
-  const struct {
-    std::int64_t slept; // seconds
-    std::uint32_t sleeps;
-  } rows[] = {{0, 0}, {0, 1}, {1, 0}};
-  for (const auto &[slept, sleeps] : rows) {
-    awake_machine run;
-    run.send(event::program{0, kNow + 1000, 0});
-    event::started boot;
-    boot.kept = run.m;
-    boot.has_kept = true;
-    boot.device.clock = kNow + 985 + 60;
-    boot.booted_at = kNow + 985;
-    run.now = {kNow + 1045, 60 * kSecondMs, slept * kSecondMs, sleeps, 0};
-    run.send(boot);
-    EXPECT_EQ(run.m.woken.by, slept + sleeps == 0 ? cause::kTimer : cause::kUser);
-    EXPECT_EQ(run.m.woken.utc, kNow + 985) << "not when the process has started";
-    EXPECT_EQ(run.last<order::say>().what, order::saying::kBooted);
-    EXPECT_EQ(run.last<order::say>().number, static_cast<std::int64_t>(run.m.woken.by));
-  }
-}
+// Not when the process has started.
+SCENARIOS(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince,
+          "program 0 +1000; pass 1045; uptime 60 $1 $2; forget; start booted=60 =>"
+          " woken $3 woken_utc +985 said 'booted $4 0'",
+          R"(
+  0 | 0 | timer | 2
+  0 | 1 | user  | 1
+  1 | 0 | user  | 1
+)")
 
-TEST(Decide, APackageThatIsInstalledLate_MakesUpForNothing) {
-  for (const std::int64_t since_boot : {60, 86400}) {
-    awake_machine run;
-    event::started start;
-    start.booted_at = kNow - since_boot;
-    start.device.clock = kNow;
-    run.now.boot = since_boot * kSecondMs;
-    run.send(start);
-    run.send(event::armed{});
-    const std::int64_t from = since_boot == 60 ? kNow - 60 : kNow;
-    EXPECT_EQ(run.last<order::ask_late>().from, from);
-    run.pass(100);
-    run.send(event::ntp{true, true, true}); // the clock was unknown
-    EXPECT_EQ(run.last<order::ask_late>().from, from);
-    EXPECT_EQ(run.count<order::ask_late>(), 2);
-  }
-}
+// The clock was unknown.
+SCENARIOS(Decide, APackageThatIsInstalledLate_MakesUpForNothing,
+          "uptime $1 0 0; start first booted=$1; armed; pass 100; ntp on yes =>"
+          " ask_late '$2 $2'",
+          R"(
+  60    | -60
+  86400 | +0
+)")
 
-TEST(Decide, TheLastWakeUp_IsToldByTheClockOfNow) {
-  for (const bool sleeps : {true, false}) {
-    awake_machine run;
-    run.send(event::program{0, kNow + 1000, 0});
-    if (sleeps)
-      run.sleep(985);
-    run.pass(5);
-    run.now.utc += 86400;
-    run.now.utc_ms = 999;
-    run.now.boot += 999;
-    run.send(event::clock_stepped{});
-    const std::int64_t since = sleeps ? 5 : run.now.boot / kSecondMs; // the boot
-    EXPECT_EQ(run.m.woken.utc, run.now.utc - since);
-    const std::int64_t at_most = run.now.boot + 120 * kSecondMs;
-    EXPECT_EQ(due_at(run.m, due_kind::kReturn), sleeps ? at_most : kNever);
-  }
-}
+// The first is awake since its boot, an hour ago.
+SCENARIOS(Decide, TheLastWakeUp_IsToldByTheClockOfNow,
+          "program 0 +1000; $1; pass 5.999; step_clock 86400 => woken_utc $2 return_in $3", R"(
+  nothing   | +82800 | -
+  sleep 985 | +87385 | 120
+)")
 
-TEST(Decide, ATest_EndsWhenAnOnTimeIsSetBeforeItSleeps) {
-  awake_machine run;
-  run.send(event::test_wake{1, 100});
-  EXPECT_EQ(run.count<order::answer>(), 0);
-  run.send(event::program{0, kNow + 200, 0});
-  run.send(event::use_changed{0, 0, 0, kSleepBit | kShutdownBit, 5000, true});
-  EXPECT_EQ(run.count<order::sleep>(), 0);
-  EXPECT_EQ(run.last<order::answer>().error, EBUSY);
-}
+SCENARIOS(Decide, ATest_EndsWhenAnOnTimeIsSetBeforeItSleeps, R"(
+  test_wake 1 100 => answer ''; program 0 +200; unused => sleep '' answer EBUSY
+)")
 
-TEST(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine) {
-  awake_machine run;
-  event::started start;
-  start.kept.woken.by = cause::kTimer;
-  start.kept.clock.was_set = true;
-  start.has_kept = start.is_other_build = true;
-  start.device.clock = run.now.utc;
-  run.send(start);
-  run.send(event::armed{});
-  EXPECT_EQ(run.m.woken.by, cause::kTimer);
-  EXPECT_EQ(run.count<order::say>(), 0);
-  EXPECT_EQ(run.last<order::ask_late>().from, kNow) << "nothing fires twice";
-  EXPECT_NE(due_at(run.m, due_kind::kReturn), kNever);
-  for (const std::int64_t ago : {3, 61}) {
-    start.kept.power.went.utc = kNow - ago;
-    run.send(start);
-    run.send(event::armed{});
-    EXPECT_EQ(run.last<order::ask_late>().from, ago < 60 ? kNow - ago : kNow);
-  }
-  EXPECT_EQ(run.m.clock.state, clock_state::kByHand) << "somebody has set it, in this boot";
-  start.kept.woken.stays = true;
-  run.send(start);
-  run.send(event::armed{});
-  EXPECT_EQ(due_at(run.m, due_kind::kReturn), kNever) << "only the screen was to be turned off";
-  start.kept.woken.stays = false;
-  start.kept.screen.ordered_on = true;
-  run.send(start);
-  run.send(event::armed{});
-  EXPECT_EQ(due_at(run.m, due_kind::kReturn), kNever) << "somebody watches, without CEC";
-  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone);
-  start.kept.sleep.wish = sleep_wish::kOffTimer;
-  start.kept.sleep.last_method = off_action::kHibernate;
-  run.send(start);
-  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kOffTimer);
-  EXPECT_EQ(run.m.sleep.last_method, off_action::kHibernate);
-}
+// Nothing fires twice; a screen that somebody has turned on without CEC is watched.
+SCENARIOS(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine,
+          "start other_build woken=timer clock_was_set=yes $1; armed =>"
+          " woken timer say '' ask_late $2 clock by_hand return_in $3 wish $4 last_method $5",
+          R"(
+                    | +0 | 120 | none | suspend
+  went_utc=-3       | -3 | 120 | none | suspend
+  went_utc=-61      | +0 | 120 | none | suspend
+  stays=yes         | +0 | -   | none | suspend
+  ordered_on=yes    | +0 | -   | none | suspend
+  wish=off_timer last_method=hibernate | +0 | 120 | off_timer | hibernate
+)")
 
-TEST(Decide, AnotherBuildInTheSameBoot_KnowsItsUser_AndTheScreenThatWeHaveTurnedOff) {
-  for (const cause by : {cause::kTimer, cause::kNothing}) {
-    awake_machine run({}, false);
-    event::started start;
-    start.has_kept = start.is_other_build = true;
-    start.device.clock = run.now.utc;
-    start.kept.woken.by = by;
-    start.kept.woken.at = run.now.boot - 100 * kSecondMs;
-    start.kept.screen.ordered = screen_order::kOff;
-    run.send(start);
-    run.send(event::use_changed{run.now.boot - 50 * kSecondMs, 0, 0, kSleepBit, 5000, true});
-    run.send(event::armed{});
-    run.pass(200);
-    run.send(event::due{});
-    EXPECT_EQ(run.m.sleep.why == postponed::kSession, by == cause::kTimer);
-    run.send(event::input{});
-    EXPECT_EQ(run.last<order::start_unit>().name == unit::kOn && run.m.screen.ordered_on,
-              by == cause::kNothing);
-  }
-}
+// The machine runs for 3,600 seconds: it was woken 100 seconds ago, a session began 50 seconds ago.
+SCENARIOS(Decide, AnotherBuildInTheSameBoot_KnowsItsUser_AndTheScreenThatWeHaveTurnedOff,
+          "machine no_cec; start other_build woken=$1 woken_at=3500000 ordered=off;"
+          "use_changed 3550000 0 0 sleep 5000 yes; armed; wait 200 => why $2;"
+          "input => start_unit '$3' ordered_on $4",
+          R"(
+  timer   | session |    | no
+  nothing | not     | on | yes
+)")
 
-TEST(Decide, ARealTimeClockThatIsGone_LeavesTheClockKnown_InThisBoot) {
-  for (const bool same_boot : {true, false}) {
-    awake_machine run;
-    event::started again = run.next_run();
-    again.same_boot = same_boot;
-    again.device.clock = run.now.utc;
-    again.kept.use.watched = true; // the last process has closed the input devices
-    run.send(again);
-    EXPECT_EQ(run.m.clock.state == clock_state::kUnknown, !same_boot);
-    EXPECT_EQ(run.count<order::watch_input>(), 0);
-    EXPECT_EQ(run.count<order::ask_use>(), 1);
-  }
-}
+// The last process has closed the input devices.
+SCENARIOS(Decide, ARealTimeClockThatIsGone_LeavesTheClockKnown_InThisBoot,
+          "set watched yes; start $1 => clock $2 watch_input '' ask_use 1", R"(
+  same_boot | by_hand
+            | unknown
+)")
 
-TEST(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet) {
-  const struct {
-    event::any what;
-    clock_state state;
-  } rows[] = {
-      {event::ntp{true, false, true}, clock_state::kUnknown},
-      {event::ntp{true, true, true}, clock_state::kSynchronised},
-      {event::ntp{false, true, true}, clock_state::kByHand},
-      {event::clock_stepped{}, clock_state::kByHand},
-      {event::ntp{false, false, false}, clock_state::kUnknown},
-  };
-  for (const auto &row : rows) {
-    awake_machine run({}, true, false);
-    EXPECT_EQ(run.m.clock.state, clock_state::kUnknown);
-    run.send(row.what);
-    EXPECT_EQ(run.m.clock.state, row.state) << &row - rows;
-    EXPECT_EQ(run.last<order::deliver>().callback == delivery::kTimeUpdate,
-              row.state != clock_state::kUnknown);
-  }
-}
+SCENARIOS(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet,
+          "machine no_battery => clock unknown; $1 => clock $2 deliver '$3'", R"(
+  ntp on no     | unknown      |
+  ntp on yes    | synchronised | clock_mode time_update
+  ntp no yes    | by_hand      | time_update
+  clock_stepped | by_hand      | time_set time_update
+  ntp no no no  | unknown      |
+)")
 
 // As long as it was unknown, up to five minutes, before the daemon hears of it, and not on the way
 // to a sleep.
-TEST(Decide, ATimerOfAnUnknownClock_IsMadeUpFor_WhenItBecomesKnown) {
-  enum class also : std::uint8_t { kNothing, kSleeps, kStarts };
-  const event::ntp synchronised{true, true, true};
-  const struct {
-    event::any what;
-    std::int64_t unknown, ago; // seconds; 0: nobody is asked
-    long times;
-    also happens = also::kNothing;
-  } rows[] = {{synchronised, 5000, 300, 1},
-              {synchronised, 50, 50, 1},
-              {synchronised, 5000, 300, 1, also::kStarts},
-              {synchronised, 5000, 300, 0, also::kSleeps},
-              {event::clock_stepped{}, 5000, 300, 1},
-              {event::ntp{true, false, true}, 5000, 0, 0}};
-  for (const auto &row : rows) {
-    awake_machine run({}, true, false);
-    run.pass(row.unknown);
-    run.send(event::ambient{});
-    const event::started again = run.next_run();
-    if (row.happens == also::kStarts)
-      run.send(again);
-    else if (row.happens == also::kSleeps)
-      run.send(event::sleep_begins{});
-    run.given.clear();
-    run.late = {{late_timer{1, 0, run.now.utc - 1}}, 1};
-    for (int times = 0; times < 2; ++times)
-      run.send(row.what);
-    if (row.happens == also::kStarts)
-      run.send(event::armed{});
-    EXPECT_EQ(run.count<order::tv_on>(), row.times) << &row - rows;
-    run.send(event::sleep_ends{});
-    EXPECT_EQ(run.count<order::ask_late>(), row.ago == 0 ? 0 : 1) << &row - rows;
-    EXPECT_TRUE(row.ago == 0 || run.last<order::ask_late>().from == run.now.utc - row.ago);
-  }
-}
+SCENARIOS(Decide, ATimerOfAnUnknownClock_IsMadeUpFor_WhenItBecomesKnown,
+          "machine no_battery; pass $1; ambient; $2; forget; late 0/+$1; times 2 $3; $4 =>"
+          " tv_on $5; sleep_ends => ask_late '$6'",
+          R"(
+  5000 | nothing         | ntp on yes    | nothing | 1 | +4700
+  50   | nothing         | ntp on yes    | nothing | 1 | +0
+  5000 | start same_boot | ntp on yes    | armed   | 1 | +4700
+  5000 | sleep_begins    | ntp on yes    | nothing | 0 | +4700
+  5000 | nothing         | clock_stepped | nothing | 1 | +4700
+  5000 | nothing         | ntp on no     | nothing | 0 |
+)")
 
 // Nor does an answer of before a standby that has failed.
-TEST(Decide, ARefusedStandby_IsNoAnswerToTheQuestionBeforeAReturn) {
-  for (const bool stands_by : {false, true}) {
-    awake_machine run;
-    run.send(event::program{0, kNow + 1000, 0});
-    run.sleep(985);
-    run.pass(135);
-    run.send(event::due{});
-    run.send(event::tv_denies{CEC_MSG_STANDBY, true});
-    if (stands_by)
-      run.send(event::sleep_begins{});
-    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
-    EXPECT_EQ(run.count<order::sleep>(), 0);
-    run.send(event::tv_reports{event::tv_state::kOff});
-    if (stands_by)
-      run.send(event::sleep_ends{});
-    EXPECT_EQ(run.count<order::sleep>(), stands_by ? 0 : 1);
-  }
-}
+SCENARIOS(Decide, ARefusedStandby_IsNoAnswerToTheQuestionBeforeAReturn,
+          "program 0 +1000; sleep 985; wait 135; tv_denies standby; $1; unused => sleep '';"
+          "tv_reports off; $2 => sleep '$3'",
+          R"(
+  nothing      | nothing    | suspend
+  sleep_begins | sleep_ends |
+)")
 
-TEST(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake) {
-  enum class by : std::uint8_t { kNobody, kHand, kTimer }; // one of the off-action "none"
-  for (const by who : {by::kNobody, by::kHand, by::kTimer}) {
-    awake_machine run({.off = off_action::kNone});
-    run.send(event::program{0, kNow + 1000, 0});
-    run.sleep(985);
-    if (who != by::kNobody)
-      run.send(event::screen_wanted{false,
-                                    who == by::kHand ? event::asker::kBus : event::asker::kDaemon});
-    run.send(event::tv_reports{event::tv_state::kOff});
-    const std::int64_t after_on_time = run.now.boot + (15 + 120) * kSecondMs;
-    EXPECT_EQ(due_at(run.m, due_kind::kReturn), who == by::kNobody ? after_on_time : kNever);
-  }
-}
+// Somebody's hand, or a timer of the off-action "none".
+SCENARIOS(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake,
+          "machine off=none; program 0 +1000; sleep 985; $1; tv_reports off => return_in $2", R"(
+  nothing                  | 135
+  screen_wanted off bus    | -
+  screen_wanted off daemon | -
+)")
 
-// Nobody may tell that a user has logged out, or that a program blocks the sleep no longer.
-TEST(Decide, WhatPostponesASleep_IsAskedForAgain) {
-  for (const bool is_session : {true, false}) {
-    awake_machine run;
-    run.send(event::program{0, kNow + 1000, 0});
-    run.sleep(985);
-    const std::int64_t session = is_session ? run.now.boot + 1 : 0;
-    const std::uint8_t blocked = is_session ? 0 : kIdleBit;
-    run.send(event::use_changed{session, 0, blocked, kSleepBit, 5000, false});
-    run.pass(200);
-    run.send(event::due{});
-    EXPECT_EQ(run.m.sleep.why, is_session ? postponed::kSession : postponed::kBlocked);
-    run.given.clear();
-    run.pass(900);
-    run.send(event::due{});
-    EXPECT_EQ(run.count<order::ask_use>(), 1);
-    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, false});
-    EXPECT_EQ(due_at(run.m, due_kind::kReturn), run.now.boot + 120 * kSecondMs);
-  }
-}
+// Nobody may tell that a user has logged out, or that a program blocks the sleep no longer. The
+// machine has woken at 4,585,000 of its boot clock.
+SCENARIOS(Decide, WhatPostponesASleep_IsAskedForAgain,
+          "program 0 +1000; sleep 985; use_changed $1 0 $2 sleep 5000; wait 200 => why $3; forget;"
+          "wait 900 => ask_use 1; use_changed 0 0 0 sleep 5000 => return_in 120",
+          R"(
+  4585001 | 0    | session
+  0       | idle | blocked
+)")
 
-TEST(Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater) {
-  const struct {
-    std::int64_t after; // seconds
-    bool is_session, sleeps;
-  } rows[] = {{300, false, true}, {300, true, true}, {301, false, false}, {301, true, false}};
-  for (const auto &[after, is_session, sleeps] : rows) {
-    awake_machine run({}, false);
-    const auto use = [&](std::int64_t session, std::uint8_t blocked) {
-      run.send(event::use_changed{session, 0, blocked, kSleepBit, 5000, true});
-    };
-    use(0, kSleepBit);
-    run.off_time();
-    EXPECT_TRUE(run.m.use.watched);
-    run.pass(after);
-    if (!is_session)
-      run.send(event::input{});
-    use(is_session ? run.now.boot : 0, 0);
-    use(is_session ? run.now.boot : 0, 0);
-    EXPECT_EQ(run.count<order::sleep>(), sleeps ? 1 : 0) << after << is_session;
-  }
-}
+// The machine runs for 3,600 seconds: the session begins when the off-timer has waited that long.
+SCENARIOS(Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater,
+          "machine no_cec; use_changed 0 0 sleep sleep 5000 yes; off_time => watched yes;"
+          "pass $1; $2; times 2 use_changed $3 0 0 sleep 5000 yes => sleep '$4'",
+          R"(
+  300 | input   | 0       | suspend
+  300 | nothing | 3900000 | suspend
+  301 | input   | 0       |
+  301 | nothing | 3901000 |
+)")
 
-TEST(Decide, ASleepThatFails_IsTriedAgain_LessAndLessOften_AfterNinetySecondsOfHooks) {
-  awake_machine run({}, false);
-  run.send(event::screen_wanted{false, event::asker::kDaemon});
-  run.send(event::job_began{1, unit::kOff});
-  run.pass(89);
-  run.send(event::due{});
-  EXPECT_EQ(run.m.sleep.why, postponed::kHook);
-  EXPECT_FALSE(run.m.use.watched) << "nobody who comes changes it yet";
-  run.pass(1);
-  for (const std::int64_t seconds : {30, 60, 300, 900, 900}) {
-    run.send(event::due{});
-    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
-    EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), run.now.boot + 90 * kSecondMs);
-    run.send(event::sleep_answered{EACCES});
-    EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), run.now.boot + seconds * kSecondMs);
-    run.pass(seconds);
-  }
-  EXPECT_EQ(run.count<order::sleep>(), 5);
-  EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kSleep)], EACCES);
-  run.sleep(100);
-  EXPECT_EQ(run.m.problems[static_cast<std::size_t>(problem::kSleep)], 0);
-}
+SCENARIOS(Decide, ASleepThatFails_IsTriedAgain_LessAndLessOften_AfterNinetySecondsOfHooks, R"(
+  machine no_cec; screen_wanted off; job_began 1 off; wait 89 => why hook watched no;
+    wait 1; unused => sleep_again_in 90; sleep_answered EACCES => sleep_again_in 30;
+    wait 30; unused => sleep_again_in 90; sleep_answered EACCES => sleep_again_in 60;
+    wait 60; unused => sleep_again_in 90; sleep_answered EACCES => sleep_again_in 300;
+    wait 300; unused => sleep_again_in 90; sleep_answered EACCES => sleep_again_in 900;
+    wait 900; unused => sleep_again_in 90; sleep_answered EACCES => sleep_again_in 900
+    sleep 'suspend suspend suspend suspend suspend' problems sleep say '~problem';
+    sleep 100 => problems ''
+)")
 
-TEST(Decide, AClockThatIsNotSynchronised_IsAskedEveryFiveMinutes_UntilItIs) {
-  awake_machine run;
-  run.send(event::clock_stepped{});
-  run.send(event::ntp{true, false, true});
-  for (const std::int64_t seconds : {10, 30, 60, 300, 300}) {
-    EXPECT_EQ(due_at(run.m, due_kind::kAskClock), run.now.boot + seconds * kSecondMs);
-    run.pass(seconds);
-    run.given.clear();
-    run.send(event::due{});
-    EXPECT_EQ(run.count<order::ask_clock>(), 1);
-    if (seconds != 60) // one answer is lost
-      run.send(event::ntp{true, false, true});
-  }
-  run.send(event::clock_stepped{});
-  EXPECT_EQ(due_at(run.m, due_kind::kAskClock), run.now.boot + 10 * kSecondMs);
-  run.send(event::ntp{true, true, true});
-  EXPECT_EQ(run.last<order::deliver>().callback, delivery::kTimeUpdate);
-  EXPECT_EQ(due_at(run.m, due_kind::kAskClock), kNever);
-  run.given.clear();
-  run.send(event::ntp{true, false, true}); // for a while after each sleep
-  EXPECT_EQ(run.m.clock.state, clock_state::kSynchronised);
-  EXPECT_EQ(run.count<order::deliver>(), 0);
-}
+// One answer is lost; for a while after each sleep the clock is told not to be synchronised.
+SCENARIOS(Decide, AClockThatIsNotSynchronised_IsAskedEveryFiveMinutes_UntilItIs, R"(
+  clock_stepped; ntp on no => ask_clock_in 10; forget; wait 10 => ask_clock 1;
+    ntp on no => ask_clock_in 30; wait 30 => ask_clock 2; ntp on no => ask_clock_in 60;
+    wait 60 => ask_clock 3 ask_clock_in 300; wait 300 => ask_clock 4;
+    ntp on no => ask_clock_in 300; wait 300 => ask_clock 5; ntp on no;
+    clock_stepped => ask_clock_in 10; forget; ntp on yes => deliver 'clock_mode time_update' ask_clock_in -;
+    forget; ntp on no => clock synchronised deliver ''
+)")
 
-TEST(Decide, AnOffTimerThatWaits_SendsNothingToSleep_InTheSecondOfAnOnTime) {
-  for (const std::int64_t late : {0, 1}) {
-    awake_machine run({}, false);
-    run.send(event::program{0, kNow + 10, 0});
-    run.off_time();
-    run.pass(10 + late);
-    run.send(event::due{});
-    run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
-    EXPECT_EQ(run.count<order::sleep>(), late);
-  }
-}
+SCENARIOS(Decide, AnOffTimerThatWaits_SendsNothingToSleep_InTheSecondOfAnOnTime,
+          "machine no_cec; program 0 +10; off_time; wait $1; unused => sleep '$2'", R"(
+  10 |
+  11 | suspend
+)")
 
-TEST(Decide, AtOurEnd_AnAlarmThatHasGoneOffBeforeTheOnTime_IsWrittenForABoot) {
-  awake_machine run;
-  run.send(event::program{0, kNow + 50, 0});
-  run.pass(40);
-  run.send(event::due{});
-  EXPECT_EQ(run.m.alarm.stands.owner, alarm_owner::kNone);
-  run.send(event::ended{});
-  EXPECT_EQ(run.alarm, kNow + 160);
-}
+SCENARIOS(Decide, AtOurEnd_AnAlarmThatHasGoneOffBeforeTheOnTime_IsWrittenForABoot, R"(
+  program 0 +50; wait 40 => stands none; ended => alarm +160
+)")
 
-TEST(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten) {
-  for (const bool sleeps : {false, true}) {
-    awake_machine run;
-    run.send(event::job_began{1, unit::kWakeup});
-    run.send(event::job_began{2, unit::kWakeup});
-    run.send(event::jobs_told_again{});
-    run.send(event::job_began{2, unit::kWakeup});
-    if (sleeps)
-      run.sleep(100);
-    else
-      run.pass(2);
-    run.send(event::due{});
-    EXPECT_EQ(std::ranges::count(run.m.jobs, 0U, &job::id), static_cast<long>(kJobs) - 1);
-  }
-}
+SCENARIOS(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten,
+          "job_began 1 wakeup; job_began 2 wakeup; jobs_told_again; job_began 2 wakeup; $1; due =>"
+          " jobs 2",
+          R"(
+  pass 2
+  sleep 100
+)")
 
-TEST(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered) {
-  const event::screen_wanted on{true, event::asker::kBus}, off{false, event::asker::kBus};
-  const struct {
-    std::vector<event::any> then;
-    long again;
-  } rows[] = {{{}, 2}, {{off, event::ambient{false}}, 0}, {{on}, 1}};
-  for (const auto &[then, again_later] : rows) {
-    awake_machine run({}, false);
-    run.send(on);
-    run.send(event::ambient{true});
-    run.send(run.next_run());
-    for (const event::any &one : then)
-      run.send(one);
-    run.send(event::armed{});
-    run.send(event::test_wake{1, 100});
-    EXPECT_EQ(run.m.sleep.stage == wish_stage::kAsking, again_later == 0) << "not before they run";
-    run.given.clear();
-    run.pass(2);
-    run.send(event::due{});
-    EXPECT_EQ(run.m.sleep.stage, wish_stage::kAsking);
-    EXPECT_EQ(run.count<order::start_unit>(), again_later);
-  }
-}
+SCENARIOS(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered,
+          "machine no_cec; screen_wanted on bus; ambient on; start same_boot; $1; armed;"
+          "test_wake 1 100 => stage $2; forget; wait 2 => stage asking start_unit '$3'",
+          R"(
+  nothing                            | waiting | on ambient
+  screen_wanted off bus; ambient off | asking  |
+  screen_wanted on bus               | waiting | ambient
+)")
 
 // It may have been done or not; the mark stays until the device says what stands.
-TEST(Decide, AWriteThatARestartHasLost_WaitsForAReading) {
+TEST_F(Decide, AWriteThatARestartHasLost_WaitsForAReading) {
   for (const bool was_done : {true, false}) {
     awake_machine run;
     run.send(event::program{0, kNow + 1000, 0});
-    event::started again = run.next_run();
+    event::started again;
+    again.kept = run.m;
+    again.has_kept = again.same_boot = true;
     again.kept.alarm.changes = true;
     again.kept.alarm.next = {alarm_owner::kTimer, kNow + 900, kNow + 900};
     again.device.error = run.read_error = EIO;
@@ -1093,164 +465,82 @@ TEST(Decide, AWriteThatARestartHasLost_WaitsForAReading) {
   }
 }
 
-TEST(Decide, ATimerThatARestartHasLost_IsMadeUpFor_Once) {
-  const struct {
-    bool has_fired;
-    std::int64_t away, from; // seconds; after the last event
-  } rows[] = {{false, 0, -1}, {false, 2, -1}, {false, 3, 0}, {false, 302, 2}, {true, 0, 0}};
-  for (const auto &[has_fired, away, from] : rows)
-    for (const event::any &fires :
-         {event::any{event::fired{}}, event::any{event::screen_wanted{false}}}) {
-      awake_machine run;
-      run.pass(10);
-      run.send(has_fired ? fires : event::ambient{});
-      const event::started again = run.next_run();
-      run.pass(away);
-      run.send(again);
-      run.send(event::armed{});
-      EXPECT_EQ(run.last<order::ask_late>().from - kNow - 10, from) << away;
-    }
-}
+SCENARIOS(Decide, ATimerThatARestartHasLost_IsMadeUpFor_Once,
+          "pass 10; $1; pass $2; start same_boot; armed => ask_late $3", R"(
+  ambient           | 0   | +9
+  ambient           | 2   | +9
+  ambient           | 3   | +10
+  ambient           | 302 | +12
+  fired             | 0   | +10
+  screen_wanted off | 0   | +10
+)")
 
 // Nor has one that is old: it has ended another sleep, which looks like this one.
-TEST(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine) {
-  const struct {
-    std::int64_t slept, pressed; // seconds; after it began
-    cause by;
-  } rows[] = {{5, -1, cause::kNothing}, {100, 89, cause::kNothing}, {100, 91, cause::kUser}};
-  for (const auto &[slept, pressed, by] : rows) {
-    awake_machine run;
-    const std::int64_t began = run.now.boot;
-    run.sleep(slept);
-    run.send(event::input{began + pressed * kSecondMs});
-    EXPECT_EQ(run.m.woken.by, by) << pressed;
-  }
-}
+SCENARIOS(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine, "sleep $1; pressed $2 => woken $3",
+          R"(
+  5   | 6  | nothing
+  100 | 11 | nothing
+  100 | 9  | user
+)")
 
-TEST(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate) {
-  const struct {
-    bool is_off, speaks, follows, comes_back;
-  } rows[] = {{true, false, false, true},
-              {false, false, false, false},
-              {true, true, false, false},
-              {true, true, true, true}};
-  for (const auto &row : rows) {
-    awake_machine run({.screen_follows = row.follows}, row.speaks);
-    run.send(event::screen_wanted{!row.is_off, event::asker::kBus});
-    run.sleep(1000);
-    run.pass(60);
-    run.send(event::due{});
-    EXPECT_EQ(run.m.woken.by, cause::kNothing);
-    EXPECT_TRUE(run.m.use.watched || !row.comes_back);
-    run.send(event::input{});
-    EXPECT_EQ(run.last<order::start_unit>().name == unit::kOn && run.m.screen.ordered_on,
-              row.comes_back)
-        << &row - rows;
-    EXPECT_EQ(run.m.woken.by, row.comes_back ? cause::kUser : cause::kNothing);
-  }
-}
+SCENARIOS(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate,
+          "machine $1; screen_wanted $2 bus; sleep 1000; wait 60 => woken nothing watched $3;"
+          "input => start_unit '$4' ordered_on $5 woken $6",
+          R"(
+  no_cec             | off | yes | on | yes | user
+  no_cec             | on  | no  |    | no  | nothing
+  screen_follows=no  | off | yes |    | no  | nothing
+  screen_follows=yes | off | yes | on | yes | user
+)")
 
-TEST(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion) {
-  for (const std::int64_t ahead : {0, 1, 10, 11})
-    for (const std::int64_t step : {0, 100}) {
-      awake_machine run;
-      for (int times = 0; times < 2; ++times)
-        run.send(event::program{0, kNow + ahead + step, 0});
-      run.now.utc += step;
-      if (step != 0)
-        run.send(event::clock_stepped{});
-      EXPECT_EQ(run.count<order::tv_ask>(), ahead == 1 || ahead == 10 ? 1 : 0) << step;
-    }
-}
+SCENARIOS(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion,
+          "times 2 program 0 $1; $2 => tv_ask $3", R"(
+  +0   | nothing        | 0
+  +1   | nothing        | 1
+  +10  | nothing        | 1
+  +11  | nothing        | 0
+  +100 | step_clock 100 | 0
+  +101 | step_clock 100 | 1
+  +110 | step_clock 100 | 1
+  +111 | step_clock 100 | 0
+)")
 
 // Nobody has announced the sleep, and no clock shows how long it was.
-TEST(Decide, ATestOfASleepThatOnlyItsCountShows_HasTheLengthOfTheSleep) {
-  awake_machine run;
-  run.send(event::test_wake{7, 100});
-  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
-  run.pass(100);
-  ++run.now.sleeps;
-  run.send(event::due{});
-  EXPECT_EQ(run.last<order::answer>().seconds, 100);
-}
+SCENARIOS(Decide, ATestOfASleepThatOnlyItsCountShows_HasTheLengthOfTheSleep, R"(
+  test_wake 7 100; unused; pass 100; counted; due => answer 100
+)")
 
-TEST(Decide, AStandby_EndsTheQuestionsOfAnOrder_AndOneThatFailsAsksAgain) {
-  awake_machine run({.screen_follows = true});
-  run.send(event::screen_wanted{true, event::asker::kBus});
-  run.m.screen.believed = screen_state::kOn;
-  run.send(event::sleep_begins{});
-  EXPECT_EQ(run.m.screen.believed, screen_state::kUnknown);
-  EXPECT_FALSE(run.m.screen.pending);
-  EXPECT_EQ(due_at(run.m, due_kind::kScreenStep), kNever);
-  run.given.clear();
-  run.send(event::sleep_ends{});
-  EXPECT_EQ(run.count<order::tv_ask>(), 1);
-  EXPECT_EQ(due_at(run.m, due_kind::kLeaving), kNever);
-}
+SCENARIOS(Decide, AStandby_EndsTheQuestionsOfAnOrder_AndOneThatFailsAsksAgain, R"(
+  machine screen_follows=yes; screen_wanted on bus; set believed on;
+    sleep_begins => believed unknown pending no screen_step_in -;
+    forget; sleep_ends => tv_ask 1 leaving_in -
+)")
 
-TEST(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem) {
-  awake_machine run;
-  run.send(event::use_changed{0, 0, 0, kShutdownBit, 5000, false});
-  EXPECT_TRUE(run.has(problem::kCannotSleep));
-  EXPECT_EQ(run.last<order::say>().error, 0) << "no call has failed";
-  run.m.sleep.wish = sleep_wish::kOffTimer;
-  run.m.sleep.stage = wish_stage::kAsked;
-  run.m.power.now = phase::kSleepAsked;
-  run.send(event::sleep_answered{EOPNOTSUPP});
-  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone) << "not again every 15 minutes";
-  EXPECT_FALSE(run.has(problem::kSleep));
-  run.send(event::configured{{.off = off_action::kPoweroff}});
-  EXPECT_FALSE(run.has(problem::kCannotSleep));
-}
+// No call has failed, and it is not tried again every 15 minutes.
+SCENARIOS(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem, R"(
+  use_changed 0 0 0 shutdown 5000 => problems cannot_sleep said 'problem 6 0';
+    set wish off_timer; set stage asked; set phase sleep_asked; sleep_answered EOPNOTSUPP
+    => wish none problems cannot_sleep; configured off=poweroff => problems ''
+)")
 
-TEST(Decide, AnOffTimerThatWaits_IsOver_WhenTheScreenIsWantedOn) {
-  awake_machine run({}, false);
-  run.off_time();
-  run.send(event::screen_wanted{true, event::asker::kBus});
-  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
-  EXPECT_EQ(run.count<order::sleep>(), 0);
-}
+SCENARIOS(Decide, AnOffTimerThatWaits_IsOver_WhenTheScreenIsWantedOn, R"(
+  machine no_cec; off_time; screen_wanted on bus; unused => sleep ''
+)")
 
-TEST(Decide, AnAnswerThatDoesNotCome_IsAProblemOfLogind_AndAScreenThatIsUnknown) {
-  for (const bool is_use : {true, false}) {
-    awake_machine run;
-    run.send(event::program{0, kNow + 1000, 0});
-    run.sleep(985);
-    run.pass(135);
-    run.send(event::due{});
-    run.send(is_use ? event::any{event::tv_reports{}}
-                    : event::any{event::use_changed{0, 0, 0, kSleepBit, 5000, true}});
-    EXPECT_EQ(run.count<order::sleep>(), 0);
-    if (is_use)
-      run.pass(3);
-    run.send(is_use ? event::any{event::due{}} : event::any{event::tv_silent{}});
-    EXPECT_EQ(run.has(problem::kUse), is_use);
-    EXPECT_EQ(run.count<order::sleep>(), is_use ? 0 : 1);
-    EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), run.now.boot + (is_use ? 30 : 90) * kSecondMs);
-  }
-}
+SCENARIOS(Decide, AnAnswerThatDoesNotCome_IsAProblemOfLogind_AndAScreenThatIsUnknown,
+          "program 0 +1000; sleep 985; wait 135; $1 => sleep ''; $2 =>"
+          " problems '$3' sleep '$4' sleep_again_in $5",
+          R"(
+  tv_reports off | wait 3    | use |         | 30
+  unused         | tv_silent |     | suspend | 90
+)")
 
-TEST(Decide, ATestThatCannotSleep_IsOver_AndAnOrderIsNotTakenBack) {
-  awake_machine run;
-  run.send(event::test_wake{7, 100});
-  run.send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
-  run.off_time();
-  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kTest);
-  run.send(event::sleep_answered{EACCES});
-  EXPECT_EQ(run.last<order::answer>().error, EACCES);
-  EXPECT_EQ(run.last<order::answer>().seconds, 0);
-  run.send(event::test_wake{8, 100});
-  run.send(event::shutdown_begins{});
-  EXPECT_EQ(run.last<order::answer>().error, ECANCELED);
-  EXPECT_EQ(due_at(run.m, due_kind::kSleepAgain), kNever);
-}
+SCENARIOS(Decide, ATestThatCannotSleep_IsOver_AndAnOrderIsNotTakenBack, R"(
+  test_wake 7 100; unused; off_time => wish test; sleep_answered EACCES => answer EACCES;
+    test_wake 8 100; shutdown_begins => answer 'EACCES ECANCELED' sleep_again_in -
+)")
 
-TEST(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload) {
-  awake_machine run({}, false);
-  run.send(event::screen_wanted{false, event::asker::kDaemon});
-  for (const off_action off : {off_action::kPoweroff, off_action::kNone}) {
-    run.send(event::configured{{.off = off}});
-    EXPECT_EQ(run.m.sleep.method, off);
-  }
-  EXPECT_EQ(run.m.sleep.wish, sleep_wish::kNone);
-}
+SCENARIOS(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload, R"(
+  machine no_cec; screen_wanted off; configured off=poweroff => method poweroff;
+    configured off=none => method none wish none
+)")

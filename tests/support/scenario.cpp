@@ -4,30 +4,16 @@
 
 #include <due_timers.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <map>
-#include <regex>
 #include <sstream>
-#include <stdexcept>
 #include <string_view>
 
-using arguments = std::span<const std::string>;
-using text_list = std::vector<std::string>;
-
-static int last_id;        // of the timer listed last
 static std::string result; // of the last step that has one
 
-static std::string joined(const text_list &texts, const char *separator) {
-  std::string all;
-  for (const std::string &text : texts)
-    all += (all.empty() ? "" : separator) + text;
-  return all;
-}
-
-template <typename Table> static auto find(const Table &table, const std::string &name) {
-  const auto found = table.find(name);
-  return found != table.end() ? found->second : throw std::runtime_error("no such word: " + name);
+void begin_scenario() {
+  end_clean_set();
+  begin_clean_set();
 }
 
 // --- steps ---
@@ -58,14 +44,14 @@ static new_timer timer_of(arguments a) {
   new_timer timer{number(a, 0), a[1]};
   for (const std::string &word : a.subspan(2)) {
     const std::string name = word.substr(0, word.find('='));
-    const auto [field, value] = find(kFields, name);
+    const auto [field, value] = find_word(kFields, name);
     timer.*field = name == word ? timer.*field | value : std::stoi(word.substr(name.size() + 1));
   }
   return timer;
 }
 
 static dravel_item *item_of(arguments a) {
-  dravel_item *item = find_dravel_item(a.empty() ? last_id : number(a, 0));
+  dravel_item *item = find_dravel_item(std::stoi(a.empty() ? last_id : a[0]));
   return item != nullptr ? item : throw std::runtime_error("no such timer is listed");
 }
 
@@ -75,7 +61,7 @@ static void call_method(const std::string &method, std::span<const int> values) 
     reply.push_back(std::to_string(word));
   result = joined(reply, " ");
   if (method == "schedule_timer")
-    last_id = std::stoi(result);
+    last_id = result;
 }
 
 static void program(arguments a) {
@@ -105,8 +91,6 @@ static const std::map<std::string_view, Ecore_Task_Cb> kWaits = {{"finish", wait
                                                                  {"retry", retry_adjust_all_timers},
                                                                  {"clock", wait_cur_time_cb}};
 
-static void step(arguments a);
-
 using step_fn = void (*)(arguments a);
 
 static const std::map<std::string_view, step_fn> kSteps = {
@@ -134,8 +118,8 @@ static const std::map<std::string_view, step_fn> kSteps = {
     {"wake", [](arguments) { standin_wakeup(3); }},
     {"state", [](arguments a) { standin_state_changed(number(a, 0), number(a, 1)); }},
     // timers and periods
-    {"add", [](arguments a) { last_id = add(timer_of(a))->timer_id; }},
-    {"arm", [](arguments a) { last_id = arm(timer_of(a))->timer_id; }},
+    {"add", [](arguments a) { last_id = std::to_string(add(timer_of(a))->timer_id); }},
+    {"arm", [](arguments a) { last_id = std::to_string(arm(timer_of(a))->timer_id); }},
     {"schedule",
      [](arguments a) {
        result = std::to_string(schedule_dravel_item(item_of(a), dravel_expire_cb, nullptr));
@@ -181,18 +165,15 @@ static const std::map<std::string_view, step_fn> kSteps = {
     {"close_store", [](arguments) { close_dravel_db(); }},
     {"remove", [](arguments a) { std::filesystem::remove(a[0]); }},
     // the main loop; "pass": its next pass, whose signals are forgotten, too
-    {"fire", [](arguments a) { result = fire(find(kWaits, a[0])) ? "goes on" : "ended"; }},
+    {"fire", [](arguments a) { result = fire(find_word(kWaits, a[0])) ? "goes on" : "ended"; }},
     {"fire_at", [](arguments a) { set_now(a[0]), fire(ecore_timer_cb); }},
     {"elapse", [](arguments a) { pass(std::stod(a[0])); }},
     {"idle", [](arguments) { run_idle_steps(); }},
     {"forget", [](arguments) { events(), logged(), logged_events(); }},
     {"pass", [](arguments) { state_changes(), events(), logged(); }},
-    {"times",
-     [](arguments a) {
-       for (int left = number(a, 0); left > 0; --left)
-         step(a.subspan(1));
-     }},
 };
+
+void do_step(arguments a) { find_word(kSteps, a[0])(a.subspan(1)); }
 
 // --- what is seen ---
 
@@ -283,81 +264,4 @@ static const std::map<std::string_view, std::string (*)()> kSeen = {
     {"relaunched", [] { return std::to_string(get_relaunch_state()); }},
 };
 
-static void expect(const std::string &name, const std::string &expected, const std::string &after) {
-  const std::string seen = find(kSeen, name)();
-  const bool is_part = expected.starts_with('~') || expected.starts_with('!');
-  const bool has_part = is_part && seen.find(expected.substr(1)) != std::string::npos;
-  if (is_part ? has_part != expected.starts_with('~') : seen != expected)
-    ADD_FAILURE() << "after \"" << after << "\" \"" << name << "\" should be \"" << expected
-                  << "\" and is \"" << seen << "\"";
-}
-
-// --- running ---
-
-static void step(arguments a) { find(kSteps, a[0])(a.subspan(1)); }
-
-static std::string with_last_id(const std::string &word) {
-  return std::regex_replace(word, std::regex("@"), std::to_string(last_id));
-}
-
-static void run_clause(const text_list &clause) {
-  const auto arrow = std::ranges::find(clause, "=>");
-  text_list done(clause.begin(), arrow);
-  std::ranges::transform(done, done.begin(), with_last_id);
-  if (!done.empty())
-    step(done);
-  const arguments expected(arrow, clause.end());
-  if (!expected.empty() && expected.size() % 2 == 0)
-    throw std::runtime_error("nothing is expected of " + clause.back());
-  for (std::size_t i = 1; i < expected.size(); i += 2)
-    expect(expected[i], with_last_id(expected[i + 1]), joined(done, " "));
-}
-
-static std::vector<text_list> clauses_of(const std::string &scenario) {
-  static const std::regex word_or_end("'([^']*)'|;|[^ ;']+");
-  std::vector<text_list> clauses(1);
-  for (std::sregex_iterator word(scenario.begin(), scenario.end(), word_or_end), end; word != end;
-       ++word)
-    if (word->str() == ";")
-      clauses.emplace_back();
-    else
-      clauses.back().push_back((*word)[(*word)[1].matched ? 1 : 0]);
-  return clauses;
-}
-
-// Without comments. A line that is indented further, other than by an empty column, goes on.
-static text_list lines_of(std::string text) {
-  text = std::regex_replace(text, std::regex("\n *#[^\n]*"), "");
-  text = std::regex_replace(text, std::regex("\n {3,}([^ |])"), " $1");
-  text_list lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in >> std::ws, line);)
-    lines.push_back(line);
-  return lines;
-}
-
-void run_scenarios(const std::string &lines) {
-  for (const std::string &scenario : lines_of(lines)) {
-    end_clean_set();
-    begin_clean_set();
-    const testing::ScopedTrace trace(__FILE__, __LINE__, scenario);
-    EXPECT_NE(scenario.find("=>"), std::string::npos) << "nothing is expected";
-    try {
-      std::ranges::for_each(clauses_of(scenario), run_clause);
-    } catch (const std::exception &error) {
-      ADD_FAILURE() << error.what();
-    }
-  }
-}
-
-void run_scenarios(const std::string &pattern, const std::string &rows) {
-  static const std::regex bar(" *\\|( +|$)");
-  for (const std::string &row : lines_of(rows)) {
-    std::sregex_token_iterator column(row.begin(), row.end(), bar, -1), end;
-    std::string scenario = pattern;
-    for (int number = 1; number < 10; ++number)
-      scenario = std::regex_replace(scenario, std::regex("\\$" + std::to_string(number)),
-                                    column == end ? "" : (column++)->str());
-    run_scenarios(scenario);
-  }
-}
+std::string seen(const std::string &name) { return find_word(kSeen, name)(); }
