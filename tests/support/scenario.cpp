@@ -125,6 +125,8 @@ static const std::map<std::string_view, Ecore_Task_Cb> kWaits = {{"finish", wait
                                                                  {"retry", retry_adjust_all_timers},
                                                                  {"clock", wait_cur_time_cb}};
 
+static const loop_timer &last_timer() { return *live_timers().at(live_timers().size() - 1); }
+
 static void step(arguments a);
 
 using step_fn = void (*)(arguments a);
@@ -209,7 +211,7 @@ static const std::map<std::string_view, step_fn> kSteps = {
     {"fire", [](arguments a) { result = fire(find(kWaits, a[0])) ? "goes on" : "ended"; }},
     {"fire_at", [](arguments a) { set_now(a[0]), fire(ecore_timer_cb); }},
     {"elapse", [](arguments a) { pass(std::stod(a[0])); }},
-    {"fire_last", [](arguments) { result = fire(*live_timers().back()) ? "goes on" : "ended"; }},
+    {"fire_last", [](arguments) { result = fire(last_timer()) ? "goes on" : "ended"; }},
     {"idle", [](arguments a) { run_idle_steps(a.empty() ? 1 : std::stod(a[0])); }},
     {"forget", [](arguments) { events(), logged(), logged_events(); }},
     {"pass", [](arguments) { state_changes(), events(), logged(); }},
@@ -301,7 +303,7 @@ static const std::map<std::string_view, std::string (*)()> kSeen = {
     {"levels", logged_levels},
     {"kept", logged_events},
     {"waits", all_waits},
-    {"last_wait", [] { return text_of(live_timers().back()->seconds); }},
+    {"last_wait", [] { return text_of(last_timer().seconds); }},
     {"files", files},
     {"subscribed", subscriptions},
     {"trusted", [] { return std::to_string(get_kinto_time_updated()); }},
