@@ -62,9 +62,15 @@ TEST_F(Rtc, IsRead_AndItsAlarmWrittenAndReadBack) {
   const auto text = std::to_string(kNow + 60);
   EXPECT_EQ(written(kNow + 60), std::tuple(kNow + 60, 0, text));
   rtc.minutes = true;
+  rtc.refuses = EBUSY;
+  EXPECT_FALSE(read_rtc().minutes);
+  rtc.refuses = 0;
   const device_reading reading = read_rtc();
   EXPECT_EQ(std::tuple(reading.error, reading.clock, reading.alarm, reading.minutes),
             std::tuple(0, kNow, kNow + 60, true));
+  choose_rtc("auto");
+  rtc.minutes = false;
+  EXPECT_FALSE(read_rtc().minutes) << "it may be another one";
   rtc.refuses = EINVAL;
   EXPECT_EQ(switch_off_rtc_alarm().error, EINVAL);
   EXPECT_EQ(written(kNow + 90), std::tuple(0, EINVAL, ""));
@@ -118,13 +124,7 @@ protected:
     return both();
   }
 
-  std::string says(std::initializer_list<std::uint8_t> bytes) {
-    cec_msg message{};
-    std::ranges::copy(bytes, message.msg);
-    message.len = static_cast<std::uint32_t>(bytes.size());
-    message.rx_status = CEC_RX_STATUS_OK;
-    return reply_to(message);
-  }
+  std::string says(std::initializer_list<std::uint8_t> bytes) { return reply_to(received(bytes)); }
 
   std::string change() { return reply_to({}); }
 
@@ -189,6 +189,9 @@ TEST_F(Television, ThatDoesNotAnswer_IsSilent) {
   EXPECT_EQ(reply_to(unanswered), " | reachable 1");
   unanswered.rx_status = CEC_RX_STATUS_TIMEOUT;
   EXPECT_EQ(reply_to(unanswered), " | reachable 1; silent");
+  unanswered.msg[0] = 0x04;
+  unanswered.msg[1] = CEC_MSG_STANDBY;
+  EXPECT_EQ(reply_to(unanswered), " | reachable 1") << "not received whole";
   cec.refuses = ENONET;
   ask_television();
   turn_television(false);
@@ -255,9 +258,10 @@ TEST_F(Television, ThatDropsTheCableWhileItBoots_StaysReachable) {
 }
 
 // A block of HDMI's behind a video block, as a television at the output's port 2 has it.
-std::vector<std::uint8_t> edid(std::uint8_t oui) {
+std::vector<std::uint8_t> edid(std::uint8_t oui, std::uint8_t size = 14) {
   std::vector<std::uint8_t> bytes(256);
-  const std::uint8_t extension[] = {2, 3, 13, 0, 0x42, 1, 2, 0x65, oui, 0x0c, 0x00, 0x20, 0x00};
+  const std::uint8_t extension[] = {2, 3,    size, 0,    0x43, 1,    2,
+                                    3, 0x65, oui,  0x0c, 0x00, 0x20, 0x00};
   std::ranges::copy(extension, bytes.begin() + 128);
   return bytes;
 }
@@ -266,6 +270,7 @@ TEST_F(Television, BehindAUsbAdapter_HasTheAddressOfItsOutput) {
   const auto bytes = edid(3);
   EXPECT_EQ(physical_address_in(bytes), 0x2000);
   EXPECT_EQ(physical_address_in(edid(4)), std::nullopt);
+  EXPECT_EQ(physical_address_in(edid(3, 13)), std::nullopt) << "a block that is cut";
   EXPECT_EQ(physical_address_in(std::span(bytes).first(200)), std::nullopt);
   write_file("/sys/class/drm/card0-DP-1/status", "disconnected\n");
   write_file("/sys/class/drm/card0-HDMI-A-1/status", "connected\n");
@@ -291,9 +296,28 @@ TEST_F(Television, WhoseAdapterIsMissing_IsAProblemOnlyWhenConfigured) {
   read_configuration();
   open_cec();
   EXPECT_EQ(both(), " | refused 8 2; reachable 0");
+  const int cable = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC); // whose other end hears its end
+  ASSERT_EQ(unlockpt(cable), 0);
+  std::filesystem::create_symlink(ptsname(cable), "/dev/cec3");
+  EXPECT_EQ(both(), " | works 8; reachable 1");
+  close(cable);
+  EXPECT_EQ(both(), " | refused 8 19; reachable 0") << "it is pulled";
 }
 
-// --- a failed sleep ---
+// --- sentences ---
+
+TEST_F(Machine, AnEntrysReason_IsWhatTheHistoryCountsBy) {
+  using order::saying;
+  for (const auto &[what, reason] : {std::pair{saying::kWoken, "user"},
+                                     {saying::kBooted, "user"},
+                                     {saying::kTelevisionLate, "answers that it is off"},
+                                     {saying::kGoesToSleep, "power off"},
+                                     {saying::kPostponed, "a program blocks it"},
+                                     {saying::kScreenOn, ""},
+                                     {saying::kLate, ""},
+                                     {saying::kTestBegins, ""}})
+    EXPECT_EQ(sentence_of(order::say{.what = what, .number = 1}).reason, reason);
+}
 
 TEST_F(Machine, AFailedSleep_IsPostponedWithTheKernelsReason) {
   EXPECT_EQ(sentence_of(postponed::kFailed), "the last attempt failed");

@@ -10,6 +10,7 @@ namespace kernel {
 using kernel::rtc_param;
 using kernel::rtc_wkalrm;
 #include <due_timers.h>
+#include <glib.h>
 #include <time_values.h>
 
 #include <algorithm>
@@ -40,6 +41,7 @@ static constexpr const char *kMock = "org.freedesktop.DBus.Mock";
 
 fake_rtc rtc;
 fake_cec cec;
+std::int64_t glib_seconds;
 
 static std::int64_t wall_clock = kNow;
 static std::int64_t slept;                               // seconds
@@ -107,8 +109,20 @@ static int transmit(const cec_msg &sent) {
   return cec.refuses == 0 ? 0 : refuse(cec.refuses);
 }
 
+cec_msg received(std::initializer_list<std::uint8_t> bytes) {
+  cec_msg heard{};
+  std::ranges::copy(bytes, heard.msg);
+  heard.len = static_cast<std::uint32_t>(bytes.size());
+  heard.rx_status = CEC_RX_STATUS_OK;
+  return heard;
+}
+
 static int claim(const cec_log_addrs &wanted) {
   ++cec.claims;
+  if (wanted.cec_version != CEC_OP_CEC_VERSION_1_4 || wanted.vendor_id != CEC_VENDOR_ID_NONE ||
+      wanted.primary_device_type[0] != CEC_OP_PRIM_DEVTYPE_PLAYBACK ||
+      wanted.log_addr_type[0] != CEC_LOG_ADDR_TYPE_PLAYBACK)
+    return refuse(EINVAL);
   if (cec.refuses_claim != 0)
     return refuse(cec.refuses_claim);
   cec.addresses = wanted;
@@ -131,7 +145,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   case RTC_PARAM_GET:
     static_cast<rtc_param *>(argument)->uvalue =
         rtc.minutes ? 1 << RTC_FEATURE_ALARM_RES_MINUTE : 0;
-    return 0;
+    return rtc.refuses == 0 ? 0 : refuse(rtc.refuses);
   case CEC_ADAP_G_CAPS:
     static_cast<cec_caps *>(argument)->capabilities = cec.needs_address ? CEC_CAP_PHYS_ADDR : 0;
     return 0;
@@ -183,6 +197,8 @@ int clock_gettime(clockid_t clock, timespec *out) noexcept {
     out->tv_sec += slept;
   return result;
 }
+
+gint64 g_get_monotonic_time() { return glib_seconds * G_USEC_PER_SEC; }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *) {
   return reinterpret_cast<Ecore_Timer *>(&*live_timers.emplace(seconds, callback));

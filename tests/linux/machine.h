@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <initializer_list>
 #include <linux/cec.h>
 #include <optional>
 #include <span>
@@ -45,6 +46,9 @@ struct fake_cec {
   int claims = 0;
 };
 extern fake_cec cec;
+cec_msg received(std::initializer_list<std::uint8_t> bytes);
+
+extern std::int64_t glib_seconds; // its monotonic clock
 
 // What the daemon says has become due during a sleep.
 extern std::vector<due_timer> late_timers;

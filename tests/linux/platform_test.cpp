@@ -14,13 +14,17 @@
 #include <settings.h>
 #include <system_info.h>
 #include <system_log.h>
+#include <time_values.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <string_view>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
@@ -139,6 +143,14 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   EXPECT_EQ(kept.record.alarm.stands, record.alarm.stands);
   EXPECT_EQ(kept.record.alarm.foreign, record.alarm.foreign);
   EXPECT_EQ(kept.record.screen.believed, screen_state::kUnknown);
+  write_file("/tmp/state/alarm", "[alarm]\nstands-owner=9\nstands-count=5\nwoken-by=9\nphase=9\n"
+                                 "wish=9\nlast-method=9\nscreen-ordered=9\n");
+  const machine damaged = load_record(0).record;
+  EXPECT_EQ(damaged.alarm.stands, device_alarm{});
+  EXPECT_EQ(std::tuple(damaged.woken.by, damaged.power.now, damaged.sleep.wish,
+                       damaged.sleep.last_method, damaged.screen.ordered),
+            std::tuple(cause::kUser, phase::kAwake, sleep_wish::kNone, off_action::kSuspend,
+                       screen_order::kNone));
   std::filesystem::remove("/tmp/state/alarm");
   write_file("/tmp/state/wake-up", "[wake-up]\ntype=7\non-time=1800000100\nalarm=1800000085\n");
   EXPECT_EQ(load_record(kNow + 86).record.alarm.stands.count, kNow + 86) << "of version 1.1";
@@ -204,11 +216,15 @@ TEST_F(Machine, TheJournal_ShowsProgressAsNotices_AndFailuresAsErrors) {
       ++entries;
   }
   EXPECT_LE(entries, 1001);
+  glib_seconds += 31;
+  EXPECT_EQ(level_of(SYSTEM_LOG_PROGRESS, "DRAVEL_MANAGER", "loaded"), '5');
   system_log_event("fired", 7, "", "timer 7 fired");
   EXPECT_NE(next_entry(), "");
 }
 
 // --- the daemon's side ---
+
+constexpr std::int64_t kBack = 1'824'944'400; // in Berlin 2027-10-31 03:00:00, which is 02:00:00
 
 int standby(int, void *) {
   happened(inhibitor_is_held() ? "standby in time" : "standby");
@@ -300,7 +316,7 @@ TEST_F(Platform, WakesForATimer_BeforeTheDaemonActs_AndGoesBackToSleep) {
   EXPECT_EQ(device_power_get_wakeup_reason(), 33);
   EXPECT_EQ(property("LastWake"), "(uint64 1800003585, 'timer')");
   EXPECT_NEAR(std::stod(property("SleepsAt").substr(7)), kNow + 3600 + 120, 2);
-  device_power_set_wakeup_reason(33);
+  EXPECT_EQ(device_power_set_wakeup_reason(33), 0);
   EXPECT_EQ(seen(), "RestartUnit 'dravel-wakeup@33.target'");
 }
 
@@ -319,7 +335,6 @@ TEST_F(Platform, MakesUpForATimer_ThatALateWakeUpHasMissed) {
 }
 
 TEST_F(Platform, MakesUpForTimers_OfBothTimesOfAnHourThatComesTwice) {
-  constexpr std::int64_t kBack = 1'824'944'400; // 2027-10-31 03:00:00, which is 02:00:00
   constexpr std::int64_t kShown = kBack + 3600; // then
   setenv("TZ", "Europe/Berlin", 1);
   set_now(kBack - 400);
@@ -329,12 +344,12 @@ TEST_F(Platform, MakesUpForTimers_OfBothTimesOfAnHourThatComesTwice) {
   late_timers = {{1, 3, time_value(kShown - 60)},
                  {2, 0, time_value(kShown + 60)},
                  {3, 3, time_value(kShown + 1800)},
-                 {4, 1, time_value(kShown + 3540)}};
+                 {4, 3, time_value(kShown + 3540)}};
   sleep_for(600);
   emit(kLogind, "PrepareForSleep", "b", "<false>");
   EXPECT_EQ(seen(), "due 1824947900 1824951800; wakeup 0; time_set; time update; "
-                    "Inhibit 'sleep:shutdown'; RestartUnit 'dravel-wakeup@2.target'; "
-                    "RestartUnit 'dravel-on.target'");
+                    "Inhibit 'sleep:shutdown'; RestartUnit 'dravel-wakeup@5.target'; "
+                    "RestartUnit 'dravel-wakeup@2.target'; RestartUnit 'dravel-on.target'");
 }
 
 TEST_F(Platform, AsksForLateTimers_OnceTheDaemonHasReadItsOwn) {
@@ -350,6 +365,8 @@ TEST_F(Platform, AsksForLateTimers_OnceTheDaemonHasReadItsOwn) {
 }
 
 TEST_F(Platform, IsNotCalledBack_BeforeACallHasReturned) {
+  setenv("TZ", "Europe/Berlin", 1);
+  set_now(kBack - 400);
   start();
   EXPECT_EQ(device_power_get_state(), 2) << "nobody knows the screen";
   device_power_set_state(0, 1);
@@ -360,6 +377,12 @@ TEST_F(Platform, IsNotCalledBack_BeforeACallHasReturned) {
   screen_manager_set_ambient_mode(0, 0);
   EXPECT_EQ(seen(), "RestartUnit 'dravel-on.target'; RestartUnit 'dravel-off.target'; "
                     "RestartUnit 'dravel-ambient.target'; StopUnit 'dravel-ambient.target'");
+  set_now(kBack);
+  program(0, kBack + 7200); // meets the change of the zone's offset
+  happened("returned");
+  EXPECT_EQ(seen(), "returned; time_set");
+  emit(kLogind, "PrepareForSleep", "b", "<true>");
+  EXPECT_EQ(seen(), "standby in time") << "it decides what is told in a callback's place";
 }
 
 TEST_F(Platform, IsShownAndOrderedOnTheBus) {
@@ -380,6 +403,7 @@ TEST_F(Platform, HasTheMachinesClock_AndItsSettings) {
   setenv("TZ", "Europe/Berlin", 1);
   start("keep-timers=false");
   EXPECT_EQ(CTimeUtil::GetCurrentTime(), kNow + 3600);
+  EXPECT_EQ(CTimeUtil::ConvertToLocalTime(time_value(kNow)), kNow + 3600);
   EXPECT_EQ(settings_get_int(kSettingsClockMode, &mode), 0);
   EXPECT_EQ(mode, 1);
   EXPECT_LT(settings_get_int(kSettingsTimeZone, &mode), 0);
@@ -400,6 +424,40 @@ TEST_F(Platform, HasTheMachinesClock_AndItsSettings) {
       std::tuple(27, 1, 15, 8, 0, 0));
   EXPECT_EQ(system_info_get_custom_bool(kFeatureSyncDb, &kept), 0);
   EXPECT_FALSE(kept);
+  for (const std::int64_t is : {kBack - 1800, kBack - 1801}) { // a time that comes twice
+    set_now(is);
+    const std::tm utc = CTimeUtil::ConvertToUTCTime(broken_down(time_value(kBack + 5400)));
+    EXPECT_EQ(civil_seconds(utc), is == kBack - 1800 ? kBack + 1800 : kBack - 1800);
+  }
+}
+
+TEST_F(Platform, OfAnUnknownClock_HasNoTime) {
+  write_file("/sys/class/rtc/rtc0/since_epoch", "0");
+  start();
+  EXPECT_EQ(CTimeUtil::GetCurrentTime(), 0U);
+}
+
+TEST_F(Platform, OfALaterRun_KnowsTheScreen) {
+  machine record;
+  record.screen.believed = screen_state::kOn;
+  store_record(record);
+  start();
+  EXPECT_EQ(property("Screen"), "'on'");
+}
+
+TEST_F(Platform, HearsATelevision_AlsoAtAnAdapterThatIsPluggedInLater) {
+  for (const char *path : {"/dev/cec6", "/dev/cec7"}) {
+    ASSERT_EQ(mkfifo(path, 0600), 0);
+    const int fifo = open(path, O_RDWR | O_CLOEXEC);
+    if (path == std::string_view{"/dev/cec6"})
+      start();
+    seen();
+    for (const std::uint8_t state : {CEC_OP_POWER_STATUS_ON, CEC_OP_POWER_STATUS_STANDBY}) {
+      const cec_msg reports = received({0x04, CEC_MSG_REPORT_POWER_STATUS, state});
+      EXPECT_EQ(write(fifo, &reports, sizeof reports), sizeof reports);
+      EXPECT_EQ(seen(), state == CEC_OP_POWER_STATUS_ON ? "state 0" : "state 2") << path;
+    }
+  }
 }
 
 TEST_F(Platform, OfAMachineThatATimerBooted_KnowsIt) {
