@@ -338,7 +338,8 @@ SCENARIOS(Events, Markers_TellARelaunch_AndEndTheWait, R"(
 // Only a marker's existence means something.
 SCENARIOS(Events, Markers_AreEmptyFiles_AndStayAsTheyAre, R"(
   idle; shell 'stat -c %a,%s /tmp/dravel_*' => is '644,0 644,0';
-    shell 'echo kept >/tmp/dravel_finish'; signal 108; shell 'cat /tmp/dravel_finish' => is kept
+    shell 'echo kept >/tmp/dravel_finish'; trusted 0; signal 108;
+    shell 'cat /tmp/dravel_finish' => is kept
   shell 'ln -sf /no/where /tmp/dravel_init'; forget; init =>
     log '~init_dravel > /tmp/dravel_init create failed' relaunched 0
 )")
