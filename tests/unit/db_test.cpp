@@ -67,7 +67,8 @@ SCENARIOS(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore, R"(
     sql 'SELECT count(*) FROM dravel' .wakeup_dravel.db => is 0
   # A directory loses nothing that may lie in it.
   close_store; shell 'rm .dravel.db; mkdir .dravel.db'; open_store => is 14;
-    check .dravel.db => is -1; make .dravel.db => is -1; shell 'ls -Ad .dravel.db/' => is .dravel.db/
+    check .dravel.db => is -1; make .dravel.db => is -1;
+    shell 'ls -Ad .dravel.db/' => is .dravel.db/
   check /no/where => is -1
   add 1 '16 07:00'; close_store; forget; cancel 1 =>
     log '~delete_dravel_item_db > failed to delete dravel item: the database is not open'
@@ -405,7 +406,8 @@ TEST_F(Store, ARow_HoldsItsFieldsInColumnOrder_AndReadsBack) {
 }
 
 SCENARIOS(Store, ARow_IsReadBack_AsTheNearestNumbers, R"(
-  sql 'INSERT INTO dravel VALUES(1,-2147483648,99999999999,NULL,5,6,7,8,9,10,11,12,13,14,15,16,17,0)';
+  sql 'INSERT INTO dravel
+    VALUES(1,-2147483648,99999999999,NULL,5,6,7,8,9,10,11,12,13,14,15,16,17,0)';
     load => is 1; call dravel_get_timer_by_id 1 =>
     is '0 1 -2147483648 2147483647 0 5 6 7 8 9 10 11 12 13 0 0 14 15 16 17'
 )")
