@@ -42,9 +42,7 @@ template <typename... Ints> words call(const char *method, int first, Ints... ot
 // that and the daemon's signals, in their order. Either call forgets both.
 std::string requests();
 std::string events();
-
-inline constexpr const char *kSubscriptions[] = {
-    "poweroff", "standby", "wakeup", "ambient_poweroff", "state_changed_event", "signal"};
+std::string subscriptions(); // to the set's events that are in force, in a fixed order
 
 // clear_set: as before a start. begin_clean_set: the start, without the daemon's idle step.
 // end_clean_set: removes all items by the daemon's operations; fails when something is left.

@@ -1,11 +1,16 @@
 #include "scenario.h"
 
+#include "dravel-edbus.h"
 #include "dravel-list.h"
 
 #include <due_timers.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string_view>
 
@@ -75,6 +80,22 @@ static void can_skip(arguments a) {
   result = std::to_string(can_skip_standby(&standby, number(a, 1)));
 }
 
+// The main file, or one beside it.
+static std::filesystem::path file_of(arguments a) {
+  const std::filesystem::path main = kDravelDbPath;
+  return a.empty() ? main : main.parent_path() / a[0];
+}
+
+// What it prints beside the main file, on one line.
+static void shell(arguments a) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE *)> out(
+      popen(("cd " + file_of({}).parent_path().string() + ";" + a[0]).c_str(), "r"), pclose);
+  std::string text(1000, ' ');
+  text.resize(std::fread(text.data(), 1, text.size(), out.get()));
+  std::istringstream in(text);
+  result = joined({std::istream_iterator<std::string>(in), {}}, " ");
+}
+
 // The timers due between two times, at most the given number, as "id/type time".
 static void due(arguments a) {
   std::array<due_timer, 8> timers{};
@@ -90,6 +111,8 @@ static const std::map<std::string_view, Ecore_Task_Cb> kWaits = {{"finish", wait
                                                                  {"adjust", adjust_wait_timer_cb},
                                                                  {"retry", retry_adjust_all_timers},
                                                                  {"clock", wait_cur_time_cb}};
+
+static const loop_timer &last_timer() { return *live_timers().at(live_timers().size() - 1); }
 
 using step_fn = void (*)(arguments a);
 
@@ -137,9 +160,9 @@ static const std::map<std::string_view, step_fn> kSteps = {
     {"due", due},
     {"call",
      [](arguments a) {
-       std::vector<int> values;
-       for (std::size_t i = 1; i < a.size(); ++i)
-         values.push_back(number(a, i));
+       std::vector<int> values(a.size() - 1);
+       std::ranges::transform(a.subspan(1), values.begin(),
+                              [](auto &word) { return std::stoi(word); });
        call_method(a[0], values);
      }},
     // what the daemon does with them
@@ -147,6 +170,8 @@ static const std::map<std::string_view, step_fn> kSteps = {
     {"load", [](arguments) { result = ids(load_dravel_list()); }},
     {"load_periods", [](arguments) { load_disabled_period_list(); }},
     {"load_wakeup", [](arguments) { load_wakeup_timer(); }},
+    {"start_bus", [](arguments) { result = std::to_string(init_edbus_handler()); }},
+    {"stop_bus", [](arguments) { shutdown_edbus_handler(); }},
     {"start_again", [](arguments a) { start_again(a[0]); }},
     {"adjust", [](arguments) { adjust_dravel_all_items(nullptr, nullptr); }},
     {"reschedule", [](arguments) { reschedule_all_timers(); }},
@@ -160,15 +185,19 @@ static const std::map<std::string_view, step_fn> kSteps = {
     {"updated", [](arguments a) { set_auto_clock_mode_time_update(number(a, 0)); }},
     {"relaunched", [](arguments a) { set_relaunch_state(number(a, 0)); }},
     // the store; "read_only": from now on writes are refused
-    {"sql", [](arguments a) { result = rows(a[0]); }},
+    {"sql", [](arguments a) { result = rows(a[0], file_of(a.subspan(1)).c_str()); }},
     {"read_only", [](arguments) { reset_dravel_db(); }},
     {"close_store", [](arguments) { close_dravel_db(); }},
-    {"remove", [](arguments a) { std::filesystem::remove(a[0]); }},
+    {"open_store", [](arguments) { result = std::to_string(initialize_dravel_db()); }},
+    {"check", [](arguments a) { result = std::to_string(integrity_check(file_of(a).c_str())); }},
+    {"make", [](arguments a) { result = std::to_string(make_db_file_manual(file_of(a).c_str())); }},
+    {"shell", shell},
     // the main loop; "pass": its next pass, whose signals are forgotten, too
     {"fire", [](arguments a) { result = fire(find_word(kWaits, a[0])) ? "goes on" : "ended"; }},
     {"fire_at", [](arguments a) { set_now(a[0]), fire(ecore_timer_cb); }},
     {"elapse", [](arguments a) { pass(std::stod(a[0])); }},
-    {"idle", [](arguments) { run_idle_steps(); }},
+    {"fire_last", [](arguments) { result = fire(last_timer()) ? "goes on" : "ended"; }},
+    {"idle", [](arguments a) { run_idle_steps(a.empty() ? 1 : std::stod(a[0])); }},
     {"forget", [](arguments) { events(), logged(), logged_events(); }},
     {"pass", [](arguments) { state_changes(), events(), logged(); }},
 };
@@ -198,14 +227,13 @@ static std::string armed_while() {
   return state;
 }
 
+static std::string text_of(double seconds) { return (std::ostringstream() << seconds).str(); }
+
 static std::string all_waits() {
   text_list texts;
   for (const auto &[name, callback] : kWaits)
-    for (const double seconds : waits(callback)) {
-      std::ostringstream text;
-      text << name << " " << seconds;
-      texts.push_back(text.str());
-    }
+    for (const double seconds : waits(callback))
+      texts.push_back(std::string(name) + " " + text_of(seconds));
   return joined(texts, ", ");
 }
 
@@ -257,7 +285,9 @@ static const std::map<std::string_view, std::string (*)()> kSeen = {
     {"levels", logged_levels},
     {"kept", logged_events},
     {"waits", all_waits},
+    {"last_wait", [] { return text_of(last_timer().seconds); }},
     {"files", files},
+    {"subscribed", subscriptions},
     {"trusted", [] { return std::to_string(get_kinto_time_updated()); }},
     {"awake", [] { return std::to_string(get_wakeup_state()); }},
     {"updated", [] { return std::to_string(get_auto_clock_mode_time_update()); }},

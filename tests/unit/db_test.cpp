@@ -1,4 +1,4 @@
-#include "fixture.h"
+#include "scenario.h"
 
 #include <gmock/gmock.h>
 #include <sqlite3.h>
@@ -8,138 +8,85 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <set>
+#include <functional>
 #include <string_view>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-class Store : public CleanSet {};
+static int slept;                    // microseconds, for locks of another process
+static std::function<void()> asleep; // what happens meanwhile
 
-static std::vector<dravel_item> read_timers;
-
-static int keep_row(const dravel_item *row) {
-  read_timers.push_back(*row);
-  return 1; // does not end the reading
-}
-
-static int load_period(const disabled_period_item *) { return 0; }
-
-static dravel_item counted_item() {
-  return {0, 2, 3, 4, {5, 6, 7, 8, 9, 10, 11, 12, 13, 0, nullptr}, 14, 15, 16, 17};
-}
-
-static void overwrite_pages(const char *path, std::streamoff from) {
-  rows("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i < 2000)"
-       "INSERT INTO dravel(type) SELECT i FROM n",
-       path);
-  std::fstream file(path, std::ios::in | std::ios::out);
-  file.seekp(from) << std::string(20000, 'x');
-}
-
-TEST_F(Store, AUselessFile_IsReplacedByAnEmptySoundStore) {
-  const struct {
-    const char *line;
-    bool left;
-    void (*spoil)(const char *path);
-  } cases[] = {
-      {"file size = 0, remove\n", false, [](const char *path) { fs::resize_file(path, 0); }},
-      {"SQLITE_CORRUPT = 11\n", true, [](const char *path) { overwrite_pages(path, 100); }},
-      {"SQLITE_CORRUPT = 11\n", true, [](const char *path) { overwrite_pages(path, 8192); }},
-      {"NULL value in dravel.date_type\n", false, [](const char *path) {
-         rows("INSERT INTO dravel(type) VALUES(NULL); PRAGMA writable_schema = ON; UPDATE "
-              "sqlite_schema SET sql = replace(sql, 'type INTEGER,', 'type INTEGER NOT NULL,')",
-              path);
-       }}};
-  for (const char *path : {kDravelDbPath, kWakeupDbPath})
-    for (const auto &[line, left, spoil] : cases) {
-      restart(line);
-      close_dravel_db();
-      spoil(path);
-      fs::copy_file(path, "/tmp/useless", fs::copy_options::overwrite_existing);
-      logged();
-      EXPECT_EQ(integrity_check("/tmp/useless"), -1);
-      EXPECT_NE(logged().find(line), std::string::npos);
-      EXPECT_EQ(fs::exists("/tmp/useless"), left);
-      EXPECT_EQ(initialize_dravel_db(), 0);
-      EXPECT_EQ(rows("PRAGMA user_version; PRAGMA integrity_check", path), "1 ok");
-      EXPECT_EQ(rows("SELECT count(*) FROM dravel", path), "0");
-      EXPECT_EQ(fs::status(path).permissions(), fs::perms(0664));
-      EXPECT_EQ(make_db_file_manual(path) + integrity_check(path), 0);
-    }
-}
-
-TEST_F(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore) {
-  dravel_item item = counted_item();
-  close_dravel_db();
-  std::ofstream(kDravelDbPath) << std::string(4096, 'x');
-  logged();
-  EXPECT_EQ(initialize_dravel_db(), SQLITE_NOTADB);
-  EXPECT_TRUE(
-      logged().ends_with("initialize_dravel_db > failed to create table for dravel: file is "
-                         "not a database\n"));
-  EXPECT_NE(insert_dravel_item_db(&item), 0);
-  EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
-  close_dravel_db();
-  std::ofstream(kWakeupDbPath) << std::string(4096, 'x');
-  for (const bool is_stored : {false, true}) { // the next start makes a new one
-    EXPECT_EQ(initialize_dravel_db(), 0);
-    EXPECT_EQ(insert_wakeup_dravel_item_db(&item) == 0, is_stored);
-    close_dravel_db();
-  }
-  fs::remove(kDravelDbPath);
-  fs::create_directory(kDravelDbPath); // loses nothing that may lie in it
-  EXPECT_EQ(initialize_dravel_db(), SQLITE_CANTOPEN);
-  EXPECT_EQ(make_db_file_manual(kDravelDbPath) + integrity_check(kDravelDbPath), -2);
-  EXPECT_EQ(integrity_check("/no/where"), -1);
-  EXPECT_TRUE(fs::is_directory(kDravelDbPath));
-  EXPECT_EQ(close_dravel_db(), 0);
-  logged();
-  EXPECT_EQ(delete_dravel_item_db(1), SQLITE_MISUSE);
-  EXPECT_EQ(logged(),
-            "delete_dravel_item_db > failed to delete dravel item: the database is not open\n");
-  EXPECT_EQ(insert_wakeup_dravel_item_db(&item), SQLITE_MISUSE);
-  fs::remove(kDravelDbPath);
-}
-
-static sqlite3 *other_process;
-
-static void other(const char *sql) {
-  EXPECT_EQ(sqlite3_exec(other_process, sql, nullptr, nullptr, nullptr), SQLITE_OK);
-}
-
-// While it lives, SQLite calls `instead` where it would sleep to wait for a lock of the other
-// process.
-class no_sleep {
-public:
-  explicit no_sleep(const char *path, void (*instead)()) {
-    asleep = instead;
-    slept = 0;
-    vfs = *sqlite3_vfs_find(nullptr);
-    sqlite3_open(path, &other_process);
-    vfs.zName = "no sleep";
-    vfs.xSleep = [](sqlite3_vfs *, int microseconds) {
+class Store : public CleanSet {
+protected:
+  Store() : vfs_(*sqlite3_vfs_find(nullptr)) {
+    vfs_.zName = "no sleep";
+    vfs_.xSleep = [](sqlite3_vfs *, int microseconds) {
       slept += microseconds;
       asleep();
       return microseconds;
     };
-    sqlite3_vfs_register(&vfs, 1);
+    sqlite3_vfs_register(&vfs_, 1);
+    asleep = [] {};
   }
-  ~no_sleep() {
-    sqlite3_vfs_unregister(&vfs);
-    sqlite3_close(other_process);
-  }
-  no_sleep(const no_sleep &) = delete;
-  no_sleep &operator=(const no_sleep &) = delete;
+  ~Store() override { sqlite3_vfs_unregister(&vfs_); }
 
-  static inline int slept; // microseconds
 private:
-  static inline sqlite3_vfs vfs;
-  static inline void (*asleep)();
+  sqlite3_vfs vfs_;
+};
+
+// Columns: the damage, the line that tells of it, whether the check leaves the file, the file.
+SCENARIOS(Store, AUselessFile_IsReplacedByAnEmptySoundStore,
+          "close_store; $1; shell 'rm -f /tmp/.*db; cp $4 /tmp'; forget; check /tmp/$4 => is -1 "
+          "log '~$2';"
+          "shell 'ls -A /tmp | grep db' => is '$3'; open_store => is 0;"
+          "sql 'PRAGMA user_version; PRAGMA integrity_check; SELECT count(*) FROM dravel' $4"
+          " => is '1 ok 0'; shell 'stat -c %a $4' => is 664; check $4 => is 0",
+          R"(
+  shell 'truncate -s 0 .dravel.db' | file size = 0, remove | | .dravel.db
+  shell 'truncate -s 0 .wakeup_dravel.db' | file size = 0, remove | | .wakeup_dravel.db
+  sql 'PRAGMA writable_schema = ON; UPDATE sqlite_schema SET rootpage = 99' |
+    SQLITE_CORRUPT = 11 | .dravel.db | .dravel.db
+  sql 'PRAGMA writable_schema = ON; UPDATE sqlite_schema SET rootpage = 99' .wakeup_dravel.db |
+    SQLITE_CORRUPT = 11 | .wakeup_dravel.db | .wakeup_dravel.db
+  sql 'INSERT INTO dravel(type) VALUES(1); PRAGMA writable_schema = ON; UPDATE sqlite_schema
+    SET sql = replace(sql, "delay INTEGER", "delay INTEGER NOT NULL")' |
+    NULL value in dravel.delay | | .dravel.db
+)")
+
+SCENARIOS(Store, WhatIsNoDatabase_LeavesOneRunWithoutAStore, R"(
+  close_store; shell 'yes |head -c 4096 >.dravel.db'; forget; open_store => is 26
+    log '~initialize_dravel_db > failed to create table for dravel: file is not a database';
+    take 1 '16 07:00' => is -1; close_store; open_store => is 0; take 1 '16 07:00' => is 1
+  close_store; shell 'yes |head -c 4096 >.wakeup_dravel.db'; open_store => is 0;
+    take 1 '16 07:00' => is 1; shell 'ls -A' => is .dravel.db; close_store; open_store => is 0;
+    sql 'SELECT count(*) FROM dravel' .wakeup_dravel.db => is 0
+  # A directory loses nothing that may lie in it.
+  close_store; shell 'rm .dravel.db; mkdir .dravel.db'; open_store => is 14;
+    check .dravel.db => is -1; make .dravel.db => is -1;
+    shell 'ls -Ad .dravel.db/' => is .dravel.db/
+  check /no/where => is -1
+  add 1 '16 07:00'; close_store; forget; cancel 1 =>
+    log '~delete_dravel_item_db > failed to delete dravel item: the database is not open'
+)")
+
+class other_process {
+public:
+  explicit other_process(const char *path) { sqlite3_open(path, &db_); }
+  ~other_process() { sqlite3_close(db_); }
+  other_process(const other_process &) = delete;
+  other_process &operator=(const other_process &) = delete;
+
+  void run(const char *sql) {
+    EXPECT_EQ(sqlite3_exec(db_, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+  }
+
+private:
+  sqlite3 *db_ = nullptr;
 };
 
 // Refuses one of the daemon's own statements: the `nth` that does `action` to a table, or a pragma.
@@ -147,99 +94,91 @@ static struct {
   std::string path;
   int action, nth;
 } refused;
+static int synchronised; // connections that synchronise directories, too
 
-static int authorize(void *, int action, const char *name, const char *, const char *,
+static int authorize(void *path, int action, const char *name, const char *value, const char *,
                      const char *) {
-  const bool is_it = action == refused.action && (name == std::string_view("dravel") ||
-                                                  name == std::string_view("user_version"));
+  if (action == SQLITE_PRAGMA && name == std::string_view("synchronous") && value != nullptr)
+    ++synchronised;
+  const bool is_it =
+      refused.path == static_cast<char *>(path) && action == refused.action &&
+      (name == std::string_view("dravel") || name == std::string_view("user_version"));
   return is_it && --refused.nth == 0 ? SQLITE_DENY : SQLITE_OK;
 }
 
-static std::map<std::string, sqlite3 *> connections; // the last ones to each file
-
 static int watch_connection(sqlite3 *db, const char **, const sqlite3_api_routines *) {
-  const std::string path = sqlite3_db_filename(db, "main");
-  connections[path] = db;
-  return path == refused.path ? sqlite3_set_authorizer(db, authorize, nullptr) : SQLITE_OK;
+  return sqlite3_set_authorizer(db, authorize, const_cast<char *>(sqlite3_db_filename(db, "main")));
 }
 
 static int start_refused(std::string path = "", int action = 0, int nth = 0) {
   refused = {std::move(path), action, nth};
+  synchronised = 0;
   sqlite3_auto_extension(reinterpret_cast<void (*)()>(watch_connection));
   const int result = initialize_dravel_db();
   sqlite3_reset_auto_extension();
   return result;
 }
 
-static int synchronous(const char *path) {
-  int level = 0;
-  const auto take = [](void *out, int, char **values, char **) {
-    return *static_cast<int *>(out) = std::atoi(values[0]), 0;
-  };
-  sqlite3_exec(connections.at(path), "PRAGMA synchronous", take, &level, nullptr);
-  return level;
-}
-
 TEST_F(Store, AStart_WaitsForALock_TwoSecondsInAll_AndAChangeDoesNot) {
-  static constexpr int kLongest = 2000000, kExtra = 3; // which synchronises directories
-  static int released_after;
-  dravel_item item = counted_item();
+  constexpr int kLongest = 2000000;
+  dravel_item item{};
   for (const char *path : {kDravelDbPath, kWakeupDbPath})
-    for (const int after : {kLongest / 2, kLongest * 2}) {
+    for (const int released_after : {kLongest / 2, kLongest * 2}) {
       restart(path);
       EXPECT_EQ(insert_dravel_item_db(&item) + insert_wakeup_dravel_item_db(&item), 0);
       close_dravel_db();
-      released_after = after;
-      const no_sleep locked(path, [] {
-        if (no_sleep::slept > released_after)
-          other(std::exchange(released_after, INT_MAX) == INT_MAX ? "" : "COMMIT");
-      });
-      other("BEGIN EXCLUSIVE");
+      other_process other(path);
+      other.run("BEGIN EXCLUSIVE");
+      asleep = [&, is_held = true]() mutable {
+        if (slept > released_after && std::exchange(is_held, false))
+          other.run("COMMIT");
+      };
+      slept = 0;
       start_refused();
-      EXPECT_LE(no_sleep::slept, kLongest);
-      EXPECT_GT(no_sleep::slept, std::min(after, kLongest * 9 / 10));
-      if (after > kLongest)
+      EXPECT_LE(slept, kLongest);
+      EXPECT_GT(slept, std::min(released_after, kLongest * 9 / 10));
+      if (released_after > kLongest)
         continue;
-      EXPECT_EQ(synchronous(kDravelDbPath) + synchronous(kWakeupDbPath), 2 * kExtra);
+      EXPECT_EQ(synchronised, 2);
+      EXPECT_THAT(logged(), Not(HasSubstr("failed to set synchronous")));
       EXPECT_EQ(rows("SELECT count(*) FROM dravel", path), "1");
-      other("BEGIN EXCLUSIVE");
-      no_sleep::slept = 0;
+      other.run("BEGIN EXCLUSIVE");
+      slept = 0;
       EXPECT_NE(insert_dravel_item_db(&item) + insert_wakeup_dravel_item_db(&item), 0);
-      EXPECT_EQ(no_sleep::slept, 0);
-      other("COMMIT");
+      EXPECT_EQ(slept, 0);
     }
 }
 
-// The layout of version 0: the mark stood before `disable_period_effect`, and there was no
-// `time_type`.
-TEST_F(Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0) {
-  const std::string table =
-      "CREATE TABLE dravel(timer_id INTEGER, b, c, d, e, f, g, h, i, j, k, l, m, n, o";
-  const struct {
-    std::string main;
-    const char *expected;
-  } cases[] = {
-      {", p, q); INSERT INTO dravel VALUES(9,2,3,4,5,6,7,8,9,10,11,12,13,14,15,1,16),"
-       "(4,1,0,0,0,0,7,1,0,120,0,0,0,0,127,0,NULL)",
-       "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|0|0 2|1|0|0|0|0|7|1|0|120|0|0|0|0|127|0|0|1"},
-      {"); INSERT INTO dravel VALUES(1,2,NULL,4,5,6,7,8,9,10,11,12,NULL,14,15)",
-       "1|2|0|4|5|6|7|8|9|10|11|12|0|14|15|0|0|0"}};
-  for (const auto &[main, expected] : cases) {
-    restart(expected);
-    close_dravel_db();
-    fs::remove(kDravelDbPath);
-    fs::remove(kWakeupDbPath);
-    rows(table + main);
-    rows(table + ", p); INSERT INTO dravel VALUES(1,1,0,0,0,0,7,1,0,120,0,0,0,0,127,9),"
-                 "(2,1,0,0,0,0,7,1,0,120,0,0,0,0,127,9)",
-         kWakeupDbPath);
-    EXPECT_EQ(initialize_dravel_db(), 0);
-    EXPECT_EQ(rows("PRAGMA user_version; SELECT * FROM dravel"), std::string("1 ") + expected);
-    EXPECT_EQ(rows("PRAGMA user_version; SELECT * FROM dravel", kWakeupDbPath),
-              "1 2|1|0|0|0|0|7|1|0|120|0|0|0|0|127|0|0");
-    EXPECT_EQ(logged().find("failed"), std::string::npos);
-  }
-}
+// --- migrations ---
+
+// In version 0 the mark stood before `disable_period_effect`, and there was no `time_type`. A table
+// may have fewer columns than that.
+SCENARIOS(
+    Store, AVersion0Store_KeepsItsTimersUnderNewIds_AndAMissingValueCountsAs0,
+    "close_store; sql 'DROP TABLE dravel; PRAGMA user_version = 0;"
+    " CREATE TABLE dravel(timer_id INTEGER, b, c, d, e, f, g, h, i, j, k, l, m, n, o$1';"
+    "sql 'INSERT INTO dravel(timer_id, tm_hour) VALUES(1, 7), (2, 7); PRAGMA user_version = 0'"
+    " .wakeup_dravel.db; forget; open_store => is 0 log '!failed';"
+    "sql 'PRAGMA user_version; SELECT * FROM dravel' => is '1 $2';"
+    "sql 'PRAGMA user_version; SELECT timer_id, tm_hour FROM dravel' .wakeup_dravel.db"
+    " => is '1 2|7'",
+    R"(
+  , p, q); INSERT INTO dravel VALUES(9,2,3,4,5,6,7,8,9,10,11,12,13,14,15,1,16),
+    (4,1,0,0,0,0,7,1,0,120,0,0,0,0,127,0,NULL) |
+    1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|0|0 2|1|0|0|0|0|7|1|0|120|0|0|0|0|127|0|0|1
+  ); INSERT INTO dravel VALUES(1,2,NULL,4,5,6,7,8,9,10,11,12,NULL,14,15) |
+    1|2|0|4|5|6|7|8|9|10|11|12|0|14|15|0|0|0
+)")
+
+SCENARIOS(Store, AStoreOfAnotherVersion_IsTakenAsItIs,
+          "sql 'INSERT INTO dravel(timer_id, micom_flag) VALUES(9, 1); PRAGMA user_version = $1';"
+          "close_store; open_store => is 0;"
+          "sql 'PRAGMA user_version; SELECT timer_id, micom_flag FROM dravel' => is '1 9|1'",
+          R"(
+  1
+  7
+  -1
+)")
 
 static constexpr int kNoLimit = INT_MAX;
 static int changes_left = kNoLimit; // of names in a directory, until the process ends
@@ -275,14 +214,10 @@ template <typename What> static bool ends_before(int change, What what) {
   return WEXITSTATUS(status) == 1;
 }
 
-static std::string files() {
-  std::set<std::string> names;
-  for (const auto &entry : fs::directory_iterator(fs::path(kDravelDbPath).parent_path()))
-    names.insert(entry.path().filename());
-  return testing::PrintToString(names);
+static bool is_alone() { // nothing lies beside the two files
+  return std::distance(fs::directory_iterator(fs::path(kDravelDbPath).parent_path()), {}) == 2;
 }
 
-static constexpr const char *kBothFiles = "{ \".dravel.db\", \".wakeup_dravel.db\" }";
 static constexpr const char *kCopy = "/opt/dbspace/.dravel.db.0";
 static constexpr const char *kContents =
     "PRAGMA user_version; SELECT type, micom_flag, disable_period_effect FROM dravel; "
@@ -293,31 +228,13 @@ static constexpr const char *kMigrated = "1 4|0|1 5|1|0 6|0|1 7";
 static void use_version_0() {
   close_and_empty_store();
   initialize_dravel_db();
-  disabled_period_item period{};
-  period.end_tm.tm_mon = 7;
-  insert_disabled_period_item_db(&period);
   close_dravel_db();
-  rows(
-      "DROP TABLE dravel; CREATE TABLE dravel(timer_id, type, priority, date_type, tm_sec, tm_min, "
-      "tm_hour, tm_mday, tm_mon, tm_year, tm_wday, tm_yday, tm_isdst, delay, week_flag, "
-      "micom_flag, disable_period_effect); INSERT INTO dravel(timer_id, type, "
-      "disable_period_effect) VALUES(1, 4, 1), (2, 5, 0), (3, 6, 1); "
-      "PRAGMA user_version = 0");
+  rows("DROP TABLE dravel; CREATE TABLE dravel(timer_id, type, c, d, e, f, g, h, i, j, k, l, m, n, "
+       "o,"
+       " micom_flag, disable_period_effect); INSERT INTO dravel(timer_id, type,"
+       " disable_period_effect) VALUES(1, 4, 1), (2, 5, 0), (3, 6, 1); "
+       "INSERT INTO disabled_period(end_tm_mon) VALUES(7); PRAGMA user_version = 0");
   rows("INSERT INTO dravel(timer_id) VALUES(2); PRAGMA user_version = 0", kWakeupDbPath);
-}
-
-TEST_F(Store, AStoreOfAnotherVersion_IsTakenAsItIs) {
-  for (const char *version : {"1", "7", "-1"}) {
-    close_and_empty_store();
-    initialize_dravel_db();
-    rows(std::string("INSERT INTO dravel(timer_id, type, micom_flag) VALUES(9, 5, 1); "
-                     "PRAGMA user_version = ") +
-         version);
-    close_dravel_db();
-    EXPECT_EQ(initialize_dravel_db(), 0);
-    EXPECT_EQ(rows("PRAGMA user_version; SELECT timer_id, type, micom_flag FROM dravel"),
-              "1 9|5|1");
-  }
 }
 
 TEST_F(Store, AnInterruptedMigration_IsPutBackAndStartedAgain) {
@@ -330,7 +247,7 @@ TEST_F(Store, AnInterruptedMigration_IsPutBackAndStartedAgain) {
     EXPECT_EQ(initialize_dravel_db(), 0);
     EXPECT_EQ(rows(kContents), kMigrated);
     EXPECT_EQ(rows("PRAGMA user_version; SELECT timer_id FROM dravel", kWakeupDbPath), "1 2");
-    EXPECT_EQ(files(), kBothFiles);
+    EXPECT_TRUE(is_alone());
     close_dravel_db();
   }
   EXPECT_GT(change, 20);
@@ -359,52 +276,50 @@ TEST_F(Store, AJournalBesideVersion0_IsUndoneInTheMigration) {
   EXPECT_EQ(rows(kContents), kMigrated);
 }
 
-TEST_F(Store, AStoreThatCannotBeCopiedOrPutBack_WaitsForTheNextStart) {
+TEST_F(Store, AStoreThatCannotBeCopied_WaitsForTheNextStart) {
   use_version_0();
-  dravel_item item = counted_item();
   std::signal(SIGXFSZ, SIG_IGN);
   rlimit limit{};
   getrlimit(RLIMIT_FSIZE, &limit);
-  const auto start_in_vain = [&item](const char *line) {
-    logged();
-    EXPECT_EQ(initialize_dravel_db() == 0 || insert_dravel_item_db(&item) == 0, false);
-    EXPECT_THAT(logged(), HasSubstr(line));
-    close_dravel_db();
-  };
   const rlimit small{4096, limit.rlim_max};
   setrlimit(RLIMIT_FSIZE, &small); // a disk that becomes full
-  start_in_vain(
-      "failed to copy [/opt/dbspace/.wakeup_dravel.db], its migration waits for the next");
+  logged();
+  EXPECT_NE(initialize_dravel_db(), 0);
+  EXPECT_EQ(call("schedule_timer", arguments_of({1, "16 07:00"})), words{-1});
+  EXPECT_THAT(logged(), HasSubstr("failed to copy [/opt/dbspace/.wakeup_dravel.db], its migration "
+                                  "waits for the next"));
   setrlimit(RLIMIT_FSIZE, &limit);
-  EXPECT_EQ(files(), kBothFiles);
-
-  fs::rename(kDravelDbPath, kCopy);
-  fs::create_directories(std::string(kDravelDbPath) + "/x");
-  start_in_vain("the version of [/opt/dbspace/.dravel.db] is not known, its copy waits");
-  fs::remove_all(kDravelDbPath);
-  std::ofstream(std::string(kCopy) + ".new") << std::string(4096, 'x'); // a power cut left it
+  EXPECT_TRUE(is_alone());
+  close_dravel_db();
   EXPECT_EQ(initialize_dravel_db(), 0);
-  EXPECT_EQ(rows(kContents) + files(), std::string(kMigrated) + kBothFiles);
-  for (const char *left : {"", ".new", ".failed.2"})
-    std::ofstream(std::string(kCopy) + left) << "x";
-  std::ofstream("/opt/dbspace/.dravel.db.failed") << "x";
-  reset_dravel_db(); // nothing is put back after it, nor to be found
-  EXPECT_EQ(files(), "{}");
+  EXPECT_EQ(rows(kContents), kMigrated);
 }
+
+// A copy of version 0 beside the file means that a migration was interrupted.
+SCENARIOS(Store, ACopy_IsPutBack_OrGoesWithAReset, R"(
+  add 1 '16 07:00'; sql 'PRAGMA user_version = 0'; close_store;
+    shell 'mv .dravel.db .dravel.db.0; mkdir -p .dravel.db/x'; forget;
+    open_store => is 14
+    log '~the version of [/opt/dbspace/.dravel.db] is not known, its copy waits for the next start';
+    shell 'rm -r .dravel.db; yes |head -c 4096 >.dravel.db.0.new'; open_store => is 0;
+    shell 'ls -A' => is '.dravel.db .wakeup_dravel.db'; sql 'SELECT timer_id FROM dravel' => is 1
+  shell 'touch .dravel.db.0 .dravel.db.0.new .dravel.db.0.failed.2 .dravel.db.failed'; read_only;
+    shell 'ls -A' => is ''
+)")
 
 TEST_F(Store, ALockedMainFile_IsNotReplacedByAnOldCopy) {
   use_version_0();
   fs::copy(kDravelDbPath, kCopy);
   rows("UPDATE dravel SET type = 8; PRAGMA user_version = 1");
   {
-    const no_sleep locked(kDravelDbPath, [] {});
-    other("BEGIN EXCLUSIVE");
+    other_process other(kDravelDbPath);
+    other.run("BEGIN EXCLUSIVE");
+    slept = 0;
     EXPECT_EQ(initialize_dravel_db(), SQLITE_CANTOPEN);
-    EXPECT_GT(no_sleep::slept, 1000000);
-    other("COMMIT");
+    EXPECT_GT(slept, 1000000);
   }
   EXPECT_EQ(rows("SELECT type FROM dravel"), "8 8 8");
-  EXPECT_EQ(fs::exists(kCopy), true);
+  EXPECT_TRUE(fs::exists(kCopy));
   std::ofstream(kDravelDbPath) << std::string(4096, 'x');
   EXPECT_EQ(initialize_dravel_db(), 0);
   EXPECT_EQ(rows("SELECT type FROM dravel"), "4 5 6");
@@ -442,10 +357,10 @@ TEST_F(Store, AMigrationThatFails_SaysWhereTheOldTimersAre) {
       fs::remove(path), fs::create_directories(path);
     const std::string failed = std::string(kept) + ".failed";
     std::ofstream(failed) << "of an earlier failure";
-    const no_sleep waiting(path, [] {});
+    other_process other(path);
     if (fault == READERS_LOCK || fault == WRITERS_LOCK)
-      other(fault == READERS_LOCK ? "BEGIN; SELECT * FROM dravel"
-                                  : "BEGIN EXCLUSIVE; UPDATE dravel SET type = 99");
+      other.run(fault == READERS_LOCK ? "BEGIN; SELECT * FROM dravel"
+                                      : "BEGIN EXCLUSIVE; UPDATE dravel SET type = 99");
     logged();
     EXPECT_EQ(start_refused(path, fault, nth) == 0, kept == kCopy);
     static int listed;
@@ -458,7 +373,7 @@ TEST_F(Store, AMigrationThatFails_SaysWhereTheOldTimersAre) {
     EXPECT_EQ(fs::file_size(failed), 21U);
     if (fault == WRITERS_LOCK) {
       EXPECT_EQ(fs::exists(failed + ".2-journal"), kept == kMain);
-      other("ROLLBACK");
+      other.run("ROLLBACK");
     }
     EXPECT_EQ(rows("PRAGMA user_version; SELECT type FROM dravel", (failed + ".2").c_str()),
               "0 4 5 6");
@@ -468,17 +383,18 @@ TEST_F(Store, AMigrationThatFails_SaysWhereTheOldTimersAre) {
   }
   close_and_empty_store();
   EXPECT_EQ(start_refused(kWakeup, SQLITE_DROP_TABLE, 1), 0);
-  EXPECT_EQ(files(), "{ \".dravel.db\" }"); // a new file has no old timers
+  EXPECT_FALSE(is_alone() || fs::exists(kCopy + std::string(".failed"))); // a new file
 }
 
+// --- rows ---
+
+// The daemon's records and the rows hold the same values in the same order.
 TEST_F(Store, ARow_HoldsItsFieldsInColumnOrder_AndReadsBack) {
-  dravel_item item = counted_item();
+  dravel_item item = {0, 2, 3, 4, {5, 6, 7, 8, 9, 10, 11, 12, 13, 0, nullptr}, 14, 15, 16, 17};
   const std::tm end = {10, 11, 12, 13, 14, 15, 16, 17, 18, 0, nullptr};
   disabled_period_item period = {{1, 2, 3, 4, 5, 6, 7, 8, 9, 0, nullptr}, end, 19, 20, 0};
-  EXPECT_EQ(insert_dravel_item_db(&item), 0);
-  EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
+  EXPECT_EQ(insert_dravel_item_db(&item) + insert_wakeup_dravel_item_db(&item), 0);
   EXPECT_EQ(insert_disabled_period_item_db(&period), 0);
-  EXPECT_EQ(item.timer_id + period.period_id, 2);
   EXPECT_EQ(rows("SELECT * FROM dravel"), "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|17|0");
   EXPECT_EQ(rows("SELECT * FROM dravel", kWakeupDbPath),
             "1|2|3|4|5|6|7|8|9|10|11|12|13|14|15|16|17");
@@ -487,75 +403,42 @@ TEST_F(Store, ARow_HoldsItsFieldsInColumnOrder_AndReadsBack) {
   EXPECT_EQ(update_disable_period_db(&period), 0);
   EXPECT_EQ(rows("SELECT * FROM disabled_period"),
             "1|1|2|3|4|5|6|7|8|9|10|11|12|13|44|15|16|17|18|19|20");
-
-  rows("UPDATE dravel SET type = -2147483648, priority = 99999999999, delay = NULL");
-  read_timers.clear();
-  EXPECT_EQ(load_dravel_db(keep_row) + load_disabled_period_db(load_period), 0);
-  const dravel_item &read = read_timers.at(0);
-  EXPECT_EQ(std::tuple(read.type, read.priority, read.delay), std::tuple(INT_MIN, INT_MAX, 0));
-  EXPECT_EQ(std::tuple(read.tm.tm_isdst, read.time_type), std::tuple(13, 17));
 }
 
-TEST_F(Store, IdsAreNeverGivenTwice_AndTheMarkStandsOnOneRowAtMost) {
-  dravel_item item = counted_item();
-  insert_dravel_item_db(&item);
-  EXPECT_EQ(delete_dravel_item_db(1), 0);
-  insert_dravel_item_db(&item);
-  insert_dravel_item_db(&item);
-  for (const auto &[marked, flags] : {std::pair{2, "2|1 3|0"}, {77, "2|0 3|0"}, {3, "2|0 3|1"}}) {
-    EXPECT_EQ(set_micom_flag(marked), 0);
-    EXPECT_EQ(rows("SELECT timer_id, micom_flag FROM dravel"), flags);
-  }
-  const struct {
-    const char *mark, *flags;
-    int result;
-  } faults[] = {{"1", "2|0 3|0", SQLITE_CONSTRAINT}, {"0", "2|1 3|1", 0}};
-  for (const auto &[mark, flags, result] : faults) {
-    rows(std::string(
-             "UPDATE dravel SET micom_flag = timer_id = 3; CREATE TRIGGER refuse BEFORE UPDATE "
-             "ON dravel WHEN NEW.micom_flag = ") +
-         mark + " BEGIN SELECT RAISE(ABORT, 'refused'); END");
-    logged();
-    EXPECT_EQ(set_micom_flag(2), result);
-    EXPECT_EQ(logged(), "set_micom_flag > failed to update wakeup item: refused\n");
-    EXPECT_EQ(rows("DROP TRIGGER refuse; SELECT timer_id, micom_flag FROM dravel"), flags);
-  }
-  for (const int type : {98, 99}) { // the wake-up database keeps the last one
-    item.type = type;
-    EXPECT_EQ(insert_wakeup_dravel_item_db(&item), 0);
-  }
-  EXPECT_EQ(rows("SELECT timer_id, type FROM dravel", kWakeupDbPath), "3|99");
-  disabled_period_item period{};
-  for (const int id : {1, 2}) {
-    insert_disabled_period_item_db(&period);
-    EXPECT_EQ(period.period_id, id);
-    delete_disabled_period_item_db(id);
-  }
-  rows("UPDATE sqlite_sequence SET seq = 2147483646 WHERE name = 'dravel'");
-  EXPECT_EQ(insert_dravel_item_db(&item), 0);
-  EXPECT_EQ(item.timer_id, INT_MAX);
-  EXPECT_EQ(undo_insert_dravel_item_db(), 0);
-}
+SCENARIOS(Store, ARow_IsReadBack_AsTheNearestNumbers, R"(
+  sql 'INSERT INTO dravel
+    VALUES(1,-2147483648,99999999999,NULL,5,6,7,8,9,10,11,12,13,14,15,16,17,0)';
+    load => is 1; call dravel_get_timer_by_id 1 =>
+    is '0 1 -2147483648 2147483647 0 5 6 7 8 9 10 11 12 13 0 0 14 15 16 17'
+)")
 
-// The second of three rows.
-TEST_F(Store, AStatement_TouchesItsOwnRowAlone) {
-  dravel_item item = counted_item();
-  disabled_period_item period{};
-  for (int i = 0; i < 3; ++i) {
-    insert_dravel_item_db(&item);
-    insert_disabled_period_item_db(&period);
-  }
-  set_micom_flag(2);
-  item.timer_id = period.period_id = 2;
-  item.type = 99;
-  period.end_tm.tm_mon = 44;
-  EXPECT_EQ(update_dravel_item_db(&item), 0);
-  EXPECT_EQ(update_disable_period_effect_db(2, 88), 0);
-  EXPECT_EQ(update_disable_period_db(&period), 0);
-  EXPECT_EQ(rows("SELECT timer_id, type, disable_period_effect, micom_flag FROM dravel"),
-            "1|2|16|0 2|99|88|1 3|2|16|0");
-  EXPECT_EQ(rows("SELECT period_id, end_tm_mon FROM disabled_period"), "1|0 2|44 3|0");
-  EXPECT_EQ(delete_dravel_item_db(2), 0);
-  EXPECT_EQ(delete_disabled_period_item_db(2), 0);
-  EXPECT_EQ(rows("SELECT timer_id FROM dravel; SELECT period_id FROM disabled_period"), "1 3 1 3");
-}
+SCENARIOS(Store, IdsAreNeverGivenTwice_AndTheMarkStandsOnOneRowAtMost, R"(
+  take 1 '16 07:00'; cancel 1; times 2 take 1 '16 07:00' => stored '2 3'; mark 2 => marked 2;
+    mark 77 => marked ''; mark 3 => marked 3
+  period '16 00:00' '17 00:00'; call request_remove_disabled_period 1; period '16 00:00' '17 00:00';
+    sql 'SELECT period_id FROM disabled_period' => is 2
+  add 1 '16 07:00'; sql 'UPDATE sqlite_sequence SET seq = 2147483646'; take 1 '16 07:00' =>
+    is 2147483647
+  # the wake-up database keeps the last one
+  arm 0 '16 07:00'; standby; arm 2 '16 06:00'; standby;
+    sql 'SELECT timer_id, type FROM dravel' .wakeup_dravel.db => is '2|2'
+)")
+
+SCENARIOS(
+    Store, AMarkThatCannotBeSet_OrTakenAway_IsLogged,
+    "times 2 add 1 '16 07:00'; mark 2; sql 'CREATE TRIGGER refuse BEFORE UPDATE ON dravel"
+    " WHEN NEW.micom_flag = $1 BEGIN SELECT RAISE(ABORT, \"refused\"); END'; forget; mark 1 =>"
+    " log '~set_micom_flag > failed to update wakeup item: refused' marked '$2'",
+    R"(
+  1 |
+  0 | 1 2
+)")
+
+SCENARIOS(Store, AStatement_TouchesItsOwnRowAlone, R"(
+  times 3 add 1 '16 07:00'; mark 2; call request_set_disable_period_effect 2 88;
+    sql 'SELECT timer_id, disable_period_effect, micom_flag FROM dravel' =>
+    is '1|0|0 2|88|1 3|0|0'; cancel 2 => stored '1 3'
+  add 9 '16 07:00'; arm 1 '18 14:00'; add 9 '17 07:00'; mark 2; adjust => row '16 15 17' marked 2
+  times 3 period '24 00:00' '26 00:00'; call request_remove_disabled_period 2;
+    sql 'SELECT period_id FROM disabled_period' => is '1 3'
+)")

@@ -1,7 +1,4 @@
-#include "dravel-util.h"
 #include "scenario.h"
-
-#include <due_timers.h>
 
 class Due : public CleanSet {};
 
@@ -42,11 +39,7 @@ SCENARIOS(Due, TimersThatWouldHaveFired_AreFound_ByTime,
   arm 0 '16 07:00'; tv ''; adjust; now '15 12:00'; reschedule; disarm 1; now '16 07:01' |
     '16 06:56' '16 07:01' |
   times 3 arm 1 '16 07:00' | '15 12:00' '16 08:00' 2 | 2/1 16 07:00, 3/1 16 07:00
+  # The last second that a clock shows ends the search.
+  arm 1 '15 06:28:15' daily | '2106-02-06 06:28:15' '2106-02-07 06:28:15' 1 |
+    1/1 2106-02-07 06:28:15
 )")
-
-TEST_F(Due, TheLastSecondThatAClockShows_EndsTheSearch) {
-  arm({1, "15 06:28:15", 0x7f});
-  due_timer last{};
-  EXPECT_EQ(dravel_due_timers(kInvalidTime - kSecondsPerDay, kInvalidTime, &last, 1), 1U);
-  EXPECT_EQ(last.time, kInvalidTime);
-}

@@ -35,6 +35,7 @@ SCENARIOS(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseT
   times 2 arm 1 '16 07:00' | fire_at '16 07:00' | Removed 1 fired, Removed 2 past, Clock, Armed, Stored
   | off 0 | ClockConfirmed
   | time_set | Clock
+  | zone Europe/Berlin | Clock
   | now '16 07:00'; idle |
   | call request_halt_ontimers 1 | HaltOn
   | call request_halt_offtimers 1 | HaltOff
@@ -48,24 +49,10 @@ SCENARIOS(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseT
 )")
 
 // Every 20 ms. What changes nothing begins no burst; what changes back within one is told.
-TEST_F(State, ABurst_IsGathered) {
-  const auto halt = [](int value, double later) {
-    call("request_halt_ontimers", value);
-    run_idle_steps(later);
-  };
-  run_idle_steps();
-  state_changes();
-  halt(1, 1);
-  halt(2, 0.005);
-  halt(3, 0.005);
-  const loop_timer &end = *live_timers().back();
-  EXPECT_NEAR(end.seconds, 0.015, 1e-6);
-  EXPECT_FALSE(fire(end));
-  EXPECT_EQ(state_changes(), "HaltOn, HaltOn");
-  halt(3, 1);
-  halt(4, 0);
-  halt(5, 0.005);
-  halt(4, 0.005);
-  fire(*live_timers().back());
-  EXPECT_EQ(state_changes(), "HaltOn, HaltOn");
-}
+SCENARIOS(State, ABurst_IsGathered, R"(
+  idle; pass; call request_halt_ontimers 1; idle; call request_halt_ontimers 2; idle 0.005;
+    call request_halt_ontimers 3; idle 0.005 => last_wait 0.015; fire_last => is ended
+    told 'HaltOn, HaltOn'; call request_halt_ontimers 3; idle; call request_halt_ontimers 4; idle 0;
+    call request_halt_ontimers 5; idle 0.005; call request_halt_ontimers 4; idle 0.005;
+    fire_last => told 'HaltOn, HaltOn'
+)")
