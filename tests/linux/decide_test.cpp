@@ -74,8 +74,8 @@ SCENARIOS(Decide, ASleepWhoseCountComesLater_IsOne, R"(
 // A monitor never says anything: that is no problem of a television.
 SCENARIOS(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOneLine, R"(
   set has_spoken no; screen_wanted on bus; each_second 20 tv_silent
-    => tv_on 3 believed unknown problems '' said '~ 0 0'
-  screen_wanted on bus; each_second 20 tv_silent
+    => tv_on 3 believed unknown problems '';
+    set has_spoken yes; forget; screen_wanted on bus; each_second 20 tv_silent
     => tv_on 3 believed unknown problems television said 'television_late 0 0';
     forget; tv_asks_source => tv_answer 1 tv_ask 1;
     screen_wanted off bus; tv_asks_source => tv_answer 1

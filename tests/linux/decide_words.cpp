@@ -155,111 +155,37 @@ struct field {
 
 } // namespace
 
-template <auto Get> static constexpr field field_at() {
-  return {[](machine &m) { return text_of(Get(m)); },
-          [](machine &m, const std::string &word) { Get(m) = field_word{word}; }};
+template <class Get> static field field_of(Get) {
+  return {[](machine &m) { return text_of(Get{}(m)); },
+          [](machine &m, const std::string &word) { Get{}(m) = field_word{word}; }};
 }
 
 static const std::map<std::string_view, field> kFields = {
-    {"wanted", field_at < [](machine &m) -> auto &{return m.alarm.wanted.on_time;
-}
-> ()
-}
-, {"stands", field_at < [](machine &m) -> auto &{return m.alarm.stands.owner;
-}
-> ()
-}
-, {"foreign", field_at < [](machine &m) -> auto &{return m.alarm.foreign.count;
-}
-> ()
-}
-, {"reach", field_at < [](machine &m) -> auto &{return m.alarm.range;
-}
-> ()
-}
-, {"wants_idle", field_at < [](machine &m) -> auto &{return m.wants_idle;
-}
-> ()
-}
-, {"woken", field_at < [](machine &m) -> auto &{return m.woken.by;
-}
-> ()
-}
-, {"woken_utc", field_at < [](machine &m) -> auto &{return m.woken.utc;
-}
-> ()
-}
-, {"woken_at", field_at < [](machine &m) -> auto &{return m.woken.at;
-}
-> ()
-}
-, {"stays", field_at < [](machine &m) -> auto &{return m.woken.stays;
-}
-> ()
-}
-, {"believed", field_at < [](machine &m) -> auto &{return m.screen.believed;
-}
-> ()
-}
-, {"ordered", field_at < [](machine &m) -> auto &{return m.screen.ordered;
-}
-> ()
-}
-, {"ordered_on", field_at < [](machine &m) -> auto &{return m.screen.ordered_on;
-}
-> ()
-}
-, {"pending", field_at < [](machine &m) -> auto &{return m.screen.pending;
-}
-> ()
-}
-, {"has_spoken", field_at < [](machine &m) -> auto &{return m.screen.has_spoken;
-}
-> ()
-}
-, {"wish", field_at < [](machine &m) -> auto &{return m.sleep.wish;
-}
-> ()
-}
-, {"stage", field_at < [](machine &m) -> auto &{return m.sleep.stage;
-}
-> ()
-}
-, {"why", field_at < [](machine &m) -> auto &{return m.sleep.why;
-}
-> ()
-}
-, {"method", field_at < [](machine &m) -> auto &{return m.sleep.method;
-}
-> ()
-}
-, {"last_method", field_at < [](machine &m) -> auto &{return m.sleep.last_method;
-}
-> ()
-}
-, {"phase", field_at < [](machine &m) -> auto &{return m.power.now;
-}
-> ()
-}
-, {"went_utc", field_at < [](machine &m) -> auto &{return m.power.went.utc;
-}
-> ()
-}
-, {"clock", field_at < [](machine &m) -> auto &{return m.clock.state;
-}
-> ()
-}
-, {"clock_was_set", field_at < [](machine &m) -> auto &{return m.clock.was_set;
-}
-> ()
-}
-, {"watched", field_at < [](machine &m) -> auto &{return m.use.watched;
-}
-> ()
-}
-,
-}
-;
+    {"wanted", field_of([](machine &m) -> auto & { return m.alarm.wanted.on_time; })},
+    {"stands", field_of([](machine &m) -> auto & { return m.alarm.stands.owner; })},
+    {"foreign", field_of([](machine &m) -> auto & { return m.alarm.foreign.count; })},
+    {"reach", field_of([](machine &m) -> auto & { return m.alarm.range; })},
+    {"wants_idle", field_of([](machine &m) -> auto & { return m.wants_idle; })},
+    {"woken", field_of([](machine &m) -> auto & { return m.woken.by; })},
+    {"woken_utc", field_of([](machine &m) -> auto & { return m.woken.utc; })},
+    {"woken_at", field_of([](machine &m) -> auto & { return m.woken.at; })},
+    {"stays", field_of([](machine &m) -> auto & { return m.woken.stays; })},
+    {"believed", field_of([](machine &m) -> auto & { return m.screen.believed; })},
+    {"ordered", field_of([](machine &m) -> auto & { return m.screen.ordered; })},
+    {"ordered_on", field_of([](machine &m) -> auto & { return m.screen.ordered_on; })},
+    {"pending", field_of([](machine &m) -> auto & { return m.screen.pending; })},
+    {"has_spoken", field_of([](machine &m) -> auto & { return m.screen.has_spoken; })},
+    {"wish", field_of([](machine &m) -> auto & { return m.sleep.wish; })},
+    {"stage", field_of([](machine &m) -> auto & { return m.sleep.stage; })},
+    {"why", field_of([](machine &m) -> auto & { return m.sleep.why; })},
+    {"method", field_of([](machine &m) -> auto & { return m.sleep.method; })},
+    {"last_method", field_of([](machine &m) -> auto & { return m.sleep.last_method; })},
+    {"phase", field_of([](machine &m) -> auto & { return m.power.now; })},
+    {"went_utc", field_of([](machine &m) -> auto & { return m.power.went.utc; })},
+    {"clock", field_of([](machine &m) -> auto & { return m.clock.state; })},
+    {"clock_was_set", field_of([](machine &m) -> auto & { return m.clock.was_set; })},
+    {"watched", field_of([](machine &m) -> auto & { return m.use.watched; })},
+};
 
 static std::string value_after(const std::string &word) { return word.substr(word.find('=') + 1); }
 
