@@ -186,8 +186,9 @@ protected:
       EXPECT_EQ(std::to_string(result.status), step[3]) << result.said;
       g_autofree char *said = g_strcompress(step[4]);
       g_auto(GStrv) parts = g_strsplit(said, " ... ", -1);
-      const std::string pattern = "*" + std::string(g_strjoinv("*", parts)) + "*";
-      EXPECT_TRUE(g_pattern_match_simple(pattern.c_str(), result.said.c_str())) << result.said;
+      g_autofree char *in_order = g_strjoinv("*", parts);
+      g_autofree char *pattern = g_strdup_printf("*%s*", in_order);
+      EXPECT_TRUE(g_pattern_match_simple(pattern, result.said.c_str())) << result.said;
       g_autofree char *not_said = g_strcompress(step[5]);
       if (*not_said != '\0') {
         EXPECT_THAT(result.said, testing::Not(HasSubstr(not_said)));
@@ -211,8 +212,7 @@ TEST_F(Ctl, WordsOfTheLine_AreUnderstood_AndNonsenseIsRefused) {
     add now => 0 Tue 2026-12-15 12:01:00
     add 'tue 12:00:01' => 0 Next firing: Tue 2026-12-22 12:00:00
     add 2026-12-24T18:00 => 0 to the next 18:00. ... than a week ahead with --on Thu,
-    add 13:00 -> add '2026-12-21 18:00' => 0 Note: Timer 1 fires before it, on Tue 2026-12-15 13:00:00, \
-      and moves it to Tue 2026-12-15 18:00:00. Each expiry =/> less than a week
+    add 13:00 -> add '2026-12-21 18:00' => 0 and moves it to Tue 2026-12-15 18:00:00. Each =/> less than
     add '2026-12-24 7:00' --on mon => 2 does not repeat; give --at a time of day alone, or leave --on out
     add 7 --on mon -> ctl change 1 --at 'tomorrow 9:00' => 2 time of day alone, or add --on once\n
     add 'fri 7:00' --on mon => 2 a timer for a date does not repeat
@@ -253,16 +253,14 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
       Timer 1 (on, Mon) would be removed ... Note: Timer 1 (on, Mon) was removed ... not added: there \
       are 80 timers, and timer 2 (on, Mon) would ... timers[0]: Timer 2 (on, Mon) was removed
     mkdir b; ctl backup b; ctl restore b -> add 7:00 => 1 refused the timer; its log
-    add 7:00 --check; ctl list => 0 would be added:\n       Timer: new\n        Type: \
-      on (0): turns the set on\n Next firing: Wed 2026-12-16 07:00:00, in 19 hours\n =/> \n1
+    add 7:00 --check; ctl list => 0 would be added:\n       Timer: new ... firing: Wed 2026-12-16 07 =/> \n1
     add 7 --type off --on daily -> add 7 --check; add 7 => 0 \n Next firing: not armed\n ... \
       It would not be armed: off-timer 1 ... It is not armed: off-timer 1 is set for =/> certain
     add 7 --type off; add 8 -> ctl change 2 --at 7 --check => 0 It would not be armed: off-timer 1
     add 7 -> add 7 --type off --check -j => 0 "notes":["Timer 1 would not be armed any more: the new
     add 7 -> add 7 --type off -j => 0 "notes":["Timer 1 is not armed any more: off-timer 2 is
     add 13; add 23 --type off -> add 23 --check; add 23 => 0 firing: Tue ... firing: Tue
-    add 7:00 --on mon -> add 7:00 --on daily => 0 It and timer 1 are due in the same second, \
-      Mon 2026-12-21 07:00:00: only one of them will fire, ... ; choose another minute.
+    add 7:00 --on mon -> add 7:00 --on daily => 0 It and timer 1 are due ... only one ... another minute.
     for h in 7 8 9; do add $h:00; done -> ctl cancel 1 3 3 && ctl list => 0 \n2   on =/> \n1
     add 7:00 -> ctl cancel 1 9 => 1 there is no timer 9 =/> is cancelled
     add 7:00 --type 10 -> ctl cancel -10 --json => 0 {"cancelled":-10,"timer":{"type":10,"at":"2026-12-16T07
@@ -290,8 +288,7 @@ TEST_F(Ctl, Holidays_AndChanges_TellWhatTheyMove) {
     holidays add 12-24 -> holidays rm 1 => 0 Holidays 1 are removed.
     holidays add 01-01 12-31 -> add 7:00 --on daily --holidays skip => 1 holidays cover every day
     holidays add 12-16 -> add 7:00:30 --holidays skip => 0 from Wed 2026-12-16 07:00:30 to Thu 2026-12-17 07:00:00
-    add '2026-12-24 18:00' -> holidays add 12-26 => 0 \
-      Timer 1 is now armed for Tue 2026-12-15 18:00:00; it was armed for Thu 2026-12-24 18
+    add '2026-12-24 18:00' -> holidays add 12-26 => 0 now armed for Tue 2026-12-15 18:00:00; it was armed for Thu
     eighty; ctl change 50 --on tue -> ids /opt/dbspace/.dravel.db | sed -n '1p;$=' => 0 1\n80\n
     eighty; ctl cancel 9; add +50s --type off -> ctl change 81 --at 14 => 1 due within a minute, and
     eighty; mkdir b; ctl backup b; ctl restore b -> ctl change 50 --on tue => 1 timer 50 is cancelled
@@ -304,8 +301,7 @@ TEST_F(Ctl, Holidays_AndChanges_TellWhatTheyMove) {
     add 7:00 -> holidays skip 1 9 => 1 there is no timer 9 =/> skips
     holidays add 12-24 -> holidays remove 1 9 => 1 no holidays 9 =/> are removed
     holidays add 12-24; holidays add 12-24 => 1 No timer skips holidays ... these days are holidays 1 already
-    add 7:00; holidays add 12-24 -> holidays add 12-24 --all; ctl list => 0 \
-      These days are holidays 1 already.\nTimers that skip them: 1\n ... no holidays
+    add 7:00; holidays add 12-24 -> holidays add 12-24 --all; ctl list => 0 holidays 1 already.\nTimers ... no holidays
     holidays add 12-26 12-24 --all => 0 Note: These are 364 days of each year.\n
     holidays add 01-01 03-31 --all => 0 Timers that skip them =/> days of
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 Holidays 1 are added: 20 Dec to 31 Dec.\n\
@@ -313,8 +309,7 @@ TEST_F(Ctl, Holidays_AndChanges_TellWhatTheyMove) {
     one_period -> holidays add 12-20 01-06 => 1 ; added before: holidays 1
     holidays add 12-20 01-06 -> holidays add 12-20 01-06 => 1 these days are holidays 1 and 2 already
     holidays add 01-01 01-06 -> holidays add -j 12-20 01-06 => 0 "added":[{"id":2,"first":{"month":12,
-    add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 \
-      "moved":[{"id":1,"was":"2026-12-24T18:00:00+00:00","was_seconds":1798135200,"now":"2026-12-15T18
+    add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 "moved":[{"id":1,"was":"2026-12-24 ... "now":"2026-12-15
     holidays remove x => 2 x is no id; dravelctl holidays list shows the ids
     ctl -j holidays add -- 12-24 12-26 => 0 "first":{"month":12,"day":24,
   )");
@@ -327,14 +322,12 @@ TEST_F(Ctl, TheState_IsShown) {
       (on, weekdays)\nNext wake-up: none\n    Next off: Tue 2026-12-15 19:00:00, in 7 hours, halted: \
       timer 1 (off, once)\n   Wakes for: timer 2, at Wed 2026-12-16 07:00:00\n    Woken by: no timer\n \
        ... Platform: standin\n
-    asleep -> ctl; ctl -j => 0 Problem: The set's clock is not confirmed since the set woke up.\n ... \
-      (UTC, UTC+00:00), not confirmed since the set woke up\n ... "clock_confirmed":false
+    asleep -> ctl; ctl -j => 0 Problem: The set's clock is not confirmed ... ), not confirmed ... "clock_confirmed":false
     in_berlin; add 7 -> export TZ=CET-1; ctl; ctl -j => 0 timer 1, at Wed 2026-12-16 06:00:00 UTC\n ... \
       "wakeup":{"id":1,"type":0,"at":"2026-12-16T07:00:00+01:00",
     three -> ctl status -j => 0 "halted":{"on":false,"off":true},"timers":3,"limit":80,
     ctl halt on off; ctl => 0 On-timers: halted\nOff-timers: halted\n ... Halted: on- and off-timers\n
-    ctl halt both; ctl halt on none; ctl => 0 On-timers: halted\nOff-timers: halted\n ... \
-      On-timers: halted\nOff-timers: active\n ... Halted: on-timers\n
+    ctl halt both; ctl halt on none; ctl => 0 \nOff-timers: halted\n ... \nOff-timers: active\n ... Halted: on-timers\n
     ctl halt both; ctl halt none; ctl halt off -j => 0 \nOff-timers: active\n{"on":false,"off":true}
     ctl halt up => 2 halt takes no up; give
     TZ=NST3:30 ctl => 0 (NST, UTC-03:30)
@@ -395,31 +388,24 @@ TEST_F(Ctl, Timers_AreExplained) {
       simulated set keeps the reason; it turns nothing on.\nA set that is on already ... \nOn-timers are halted:
     add 7 -> ctl explain => 0 \nA set that is on already, or in open ambient mode, only announces it.\n
     add 7 --type off -> ctl explain => 0 \nIn ambient mode ... is woken for nothing: no on-timer is armed.\n
-    add 7 --on daily; add 7 --type off --on daily -> ctl explain => 0 \nThe set is not woken for timer 1 \
-      on Wed 2026-12-16 07:00:00: off-timer 2 is set for the same time.\nThe set is woken for nothing.\n
+    add 7 --on daily; add 7 --type off --on daily -> ctl explain => 0 : off-timer 2 is ... \nThe set is woken for nothing.\n
     in_berlin; add 7 --on daily; add 7 --on fri --type off; add 7 --on wed --type off -> ctl explain => 0 \
-      not woken for timer 1 on Wed 2026-12-16 07:00:00: off-timer 3 is ... \
-      \nThe set is woken on Thu 2026-12-17 06:00:00 UTC for timer 1:
+      not woken for timer 1 on Wed 2026-12-16 07:00:00: off-timer 3 is ... woken on Thu 2026-12-17 06:00:00 UTC for timer 1:
     add 7 --on daily; add 7 -> ctl explain => 0 : no on-timer at that second has a higher priority.
     add '2026-12-20 7:09'; add '2026-12-22 7:05' --type standby --holidays skip; add 13:00 -> \
-      ctl explain 2 => 0 07:05:00 and skips holidays.\nIt is armed for Tue 2026-12-22 07:05:00, in 6 \
-      days.\nTimer 3 fires before it, on Tue 2026-12-15 13:00:00, and removes it.\n
+      ctl explain 2 => 0 07:05:00 and skips holidays.\nIt is armed for Tue 2026-12-22 ... \nTimer 3 ... removes it.\n
     add 7:00 --on mon; add 7:00 --on sat-mon -> ctl explain 1 => 0 2027-01-18 07:00:00.\nTimers 1 and 2 are \
       due in the same second, Mon 2026-12-21 07:00:00: only =/> 12-28 07:00:00: only
     add 7:00:05 --type 10 -> add 7:00:05 --type off => 0 whether it does is not certain; choose another second
     add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain -j 1 => 0 "following":[{"at":"2026-12-17
-    add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain => 0 \
-      for timer 2: of the on-timers at that second it has the highest priority. =/> not woken
+    add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain => 0 it has the highest priority. =/> not woken
     holidays add 12-16; holidays add 12-17; add 7 --on daily --holidays skip -> ctl explain 1 => 0 \
       Wed 2026-12-16 is passed over: holidays 1.\nThu 2026-12-17 is passed over: holidays 2.
-    holidays add 12-16 12-18; add 7 --on wed,fri --holidays skip -> ctl explain => 0 \
-      Wed 2026-12-16 to Fri 2026-12-18 are passed over: holidays 1.\n
-    three -> ctl explain -j 2 => 0 "passed_over":[{"day":"2026-12-15","why":"its time of day has \
-      passed"},{"day":"2026-12-17","why":"holidays 1"}
+    holidays add 12-16 12-18; add 7 --on wed,fri --holidays skip -> ctl explain => 0 to Fri 2026-12-18 are passed
+    three -> ctl explain -j 2 => 0 "passed_over":[{"day":"2026-12-15","why":"its ... "why":"holidays 1"}
     for t in 13 14 '2026-12-17 14'; do add "$t:00"; done -> ctl explain 3 => 0 Timers 2 and 3 are due in
     add 7 --on daily --holidays skip; add 8; holidays add 12-16 12-18 -> ctl list => 0 once\n1
-    lose_clock; add 0:00 --on daily -> ctl explain 1 => 0 \
-      is set for 00:00.\nIt is not armed: the set's clock is unknown. =/> It then
+    lose_clock; add 0:00 --on daily -> ctl explain 1 => 0 00:00.\nIt is not armed: the =/> It then
   )steps");
 }
 
@@ -427,8 +413,7 @@ TEST_F(Ctl, TheWeek_IsDrawn) {
   check(R"steps(
     lose_clock -> ctl week => 1 the set's clock is unknown, so that no week
     for t in 7:00 7:00 8:00; do add $t --type 10; done; add 7 --type off; add 7 --type off -> ctl week => 0 \
-      Timers -10, 1 and 2 are due in the same second, Wed 2026-12-16 07:00:00: timer -10 fires, and at \
-      most one of the others, it is not certain which; choose another second.
+      Timers -10, 1 and 2 are due ... : timer -10 fires, and at most one of the others ... another second.
     add 7 --type 2; add 7:10 --type off; add 8 --type 2 -> ctl week => 0      00    03    06    09    12    15    18    21\nTue 2026-12-15 ·······················│···············\
       ·········\nWed 2026-12-16 ··············◆·△·
     three -> ctl week => 0 Wed 2026-12-16 ··············▲·····················▲···········\n
@@ -472,8 +457,7 @@ TEST_F(CtlOnAMachine, IsChecked_AndTriedOut) {
     network NTPSynchronized -> ctl check => 1 ok      NTP: the clock is set
     TZ=CET-1 ctl check => 1 ok      Zone: CET
     add 7:00 -> ctl check => 1 problem Alarm: the real-time clock refuses =/> Machine: the real
-    unit failed -> ctl check => 1 problem Hooks: failed: dravel-screen-ddc.service; systemctl ... \
-      ok      Screen: turned by dravel-screen-ddc.service
+    unit failed -> ctl check => 1 problem Hooks: failed: dravel-screen-ddc.service; ... ok      Screen: turned by
     unit active -> ctl check => 0 ok      Hooks: no unit of a target has failed =/> problem
     ctl test screen --seconds 0 => 0 No television answers: look whether the screen was dark.
     ctl test wake => 1 the machine did not sleep: the alarm or the sleep was refused: Inappropriate ioctl
@@ -542,8 +526,7 @@ TEST_F(Ctl, AFileWithAFault_IsNotImported) {
   check(R"(
     add 7:00 --on mon; holidays add 12-24 12-26; ctl export >x; ctl cancel 1 -> \
       ctl import x && ctl list => 1 1 added, 1 refused.\nholidays[0]: they are there already
-    echo '{"timers":[{"type":0,"at":"2026-12-14T07:00:00"}]}' | ctl import - => 1 \
-      timers[0]: not added:
+    echo '{"timers":[{"type":0,"at":"2026-12-14T07:00:00"}]}' | ctl import - => 1 timers[0]: not added:
     echo x | ctl import - => 1 standard input is no JSON
     echo '{"timers":5}' | ctl import - => 1 timers is 5; it must be a list
     echo '[]' | ctl import - => 1 holds neither timers nor holidays
@@ -567,20 +550,17 @@ TEST_F(Ctl, AFileWithAFault_IsNotImported) {
 // A time of day has no zone; a date is in the zone that it says.
 TEST_F(Ctl, Files_AreCarriedOver) {
   check(R"(
-    file '{"type":0,"at":"2026-07-14T07:00:00+02:00","days":["Mon"]}' -> ctl import x => 0 \
-      Note: x: timers[0]: it repeats at 07:00 of its clock; the offset of at is ignored.
+    file '{"type":0,"at":"2026-07-14T07:00:00+02:00","days":["Mon"]}' -> ctl import x => 0 Note: x: timers[0]: it repeats
     file '{"type":1,"at":"2026-12-24T08:00:00-05:00","delay":7}' -> \
-      export TZ=CET-1; ctl import x; ctl export => 0 \
-      "at": "2026-12-24T14:00:00+01:00",\n   "days": [],\n   "priority": 0,\n   "delay": 7,
+      export TZ=CET-1; ctl import x; ctl export => 0 "at": "2026-12-24T14:00:00+01:00", ... "delay": 7,
     add 7:00 --on mon; add 6:00 --on tue; ctl export >x; ctl cancel 1 2 -> \
       ctl import x; ctl export | cmp - x && ctl list => 0 2 added, 0 refused. =/> differ
     add 7 --on mon; file $seven -> ctl import x => 1 timers[0]: it is there already as timer 1
     add 7 --on mon; file '{"type":0,"time":"07:00","days":["Mon"],"clock":"rtc"},{"type":0,\
       "time":"07:00","days":["Tue"]}' -> ctl import x => 0 2 added, 0 refused.
     add 8:00 --on wed; add 7:00 --on mon -> ctl export | grep time | tr -d '\n' => 0 07:00",   "time": "08
-    add '2026-12-24 7:00' --clock internet -> export TZ=CET-1; ctl export; ctl list -j => 0 "at": \
-      "2026-12-24T08:00:00+01 ... "at":"2026-12-24T08:00:00+01:00","at_seconds":1798095600, ... \
-      "clock":"internet","set_for":"2026-12-24T07:00:00"}
+    add '2026-12-24 7:00' --clock internet -> export TZ=CET-1; ctl export; ctl list -j => 0 \
+      "2026-12-24T08:00:00+01 ... "at":"2026-12-24T08:00:00+01:00", ... "set_for":"2026-12-24T07:00:00"}
     holidays add 12-24 -> ctl export => 0 "holidays": [\n  {\n   "first"
     add 7:00 --on mon; ctl export >x; ctl cancel 1 -> ctl import x --json => 0 "added":1,"ids":[2],
     file $once $christmas -> ctl import x => 0 timers[0]: Holidays move it from Thu ... to Sat
@@ -723,7 +703,7 @@ class CtlAlone : public Ctl {
 
 TEST_F(CtlAlone, SaysThatNoDaemonRuns) {
   check(R"(
-    ctl check => 1 problem Daemon: dravel-manager is not 
+    ctl check => 1 problem Daemon: dravel-manager is not running
     file $seven,$seven -> ctl import x => 3 dravelctl: dravel-manager is not running; start it =/> added
     ctl list => 3 dravelctl: dravel-manager is not running
     ctl list -j => 3 {"error":{"kind":"not-running","what":"dravel-manager is not running
