@@ -7,7 +7,8 @@
 
 namespace {
 
-constexpr const char *kHelpers = R"(
+const std::string kHelpers = "schema=$(dirname " INTROSPECTION_XML ")/dravelctl.schema.json"
+                             R"sh(
 daemon=org.olvara.tv.system.dravel
 object=/org/olvara/tv/system/dravel
 ctl() { dravelctl --timeout ${wait:-9} "$@"; }
@@ -25,21 +26,24 @@ in_berlin() { # with the clock set by the network: the set's alarm is in UTC
 }
 bus=org.freedesktop.DBus
 signal() { kill -$1 $(busctl call $bus / $bus GetConnectionUnixProcessID s $daemon | cut -d' ' -f2); }
+simulated() { # a service of the system, and what is asked of its simulation
+  name=$1; shift; busctl call org.freedesktop.$name /org/freedesktop/$name $bus.Mock "$@"
+}
 unit() { # in such a state stands for all units: each wants it
-  set -- org.freedesktop.systemd1 $1
-  busctl call $1 /org/freedesktop/systemd1 $bus.Mock AddMethod sssss $1.Manager LoadUnit s o \
-    'ret = dbus.ObjectPath("/u")'
-  busctl call $1 /org/freedesktop/systemd1 $bus.Mock RemoveObject s /u || :
-  busctl call $1 /org/freedesktop/systemd1 $bus.Mock AddObject 'ssa{sv}a(ssss)' /u $1.Unit 2 \
-    Wants as 1 dravel-screen-ddc.service ActiveState s $2 0
+  systemd=org.freedesktop.systemd1
+  simulated systemd1 AddMethod sssss $systemd.Manager LoadUnit s o 'ret = dbus.ObjectPath("/u")'
+  simulated systemd1 RemoveObject s /u || :
+  simulated systemd1 AddObject 'ssa{sv}a(ssss)' /u $systemd.Unit 2 \
+    Wants as 1 dravel-screen-ddc.service ActiveState s $1 0
 }
 ability() { # to suspend
-  busctl call org.freedesktop.login1 /org/freedesktop/login1 $bus.Mock AddMethod sssss \
-    org.freedesktop.login1.Manager CanSuspend '' s "ret = '$1'"
+  simulated login1 AddMethod sssss org.freedesktop.login1.Manager CanSuspend '' s "ret = '$1'"
 }
 network() { # has set the clock, or may do so
-  set -- org.freedesktop.timedate1 $1
-  busctl call $1 /org/freedesktop/timedate1 $bus.Mock UpdateProperties 'sa{sv}' $1 1 $2 b true
+  simulated timedate1 UpdateProperties 'sa{sv}' org.freedesktop.timedate1 1 $1 b true
+}
+fake() { # a program of that name with such a script
+  printf '#!/bin/sh\n%s\n' "$2" >$1; chmod +x $1; PATH=$PWD:$PATH
 }
 D='DTSTART;VALUE=DATE'
 ics() { # a calendar of such events
@@ -70,10 +74,20 @@ start_monitor() {
   exec 3</run/bench/told$$; until_told 'is running'
 }
 told() { until_told "$1"; kill $!; wait $!; }
-)";
+fits() { # says what of the document that the rest prints is not as the schema of that name has it
+  name=$1; shift
+  dravelctl "$@" -j | tr '\n' ' ' | document_fits | sed "s/^/$name: /"
+}
+document_fits() {
+  /usr/bin/python3 -c '
+import json, jsonschema, sys
+schema = json.load(open(sys.argv[1]))
+for line in sys.stdin:
+    jsonschema.validate(json.loads(line), {**schema, "$ref": "#/$defs/" + sys.argv[2]})
+' $schema "$name" 2>&1
+}
 
-// Of what stands in the daemon's place.
-constexpr const char *kSimulated = R"sh(
+# --- what stands in the daemon's place ---
 method() { # with its arguments, its reply and what that is
   busctl call $daemon $object $bus.Mock AddMethod sssss $daemon $1 $2 $3 "ret = $4"
 }
@@ -112,9 +126,8 @@ wakes() { # so many seconds after now, for a cause, after such Python
   busctl call $daemon $object/machine $bus.Mock AddMethod sssss $daemon.machine TestWake u us \
     "${3:-}ret = (dbus.UInt32(57), '$2')"
 }
-)sh";
 
-constexpr const char *kPast = R"(
+# --- the journal ---
 ago() { echo $(($(date +%s) - $1 * 3600)); }
 entry() { # hours ago, user, message, fields
   at=$(ago $1) user=$2 message=$3; shift 3
@@ -137,9 +150,8 @@ night() { # in ./j: the last three days
   } | /lib/systemd/systemd-journal-remote -o j/system.journal - 2>&1
 }
 past() { ctl history --journal j "$@"; }
-)";
 
-constexpr const char *kApply = R"(
+# --- files ---
 file() { # the timers, holidays and other members
   echo "{$3\"timers\":[$1],\"holidays\":[$2]}" >x
 }
@@ -149,15 +161,13 @@ christmas='{"first":{"month":12,"day":24},"last":{"month":12,"day":25}}'
 boxing='{"first":{"month":12,"day":26},"last":{"month":12,"day":26}}'
 year='{"first":{"month":1,"day":1},"last":{"month":12,"day":31}}'
 once='{"type":1,"holidays":"skip","at":"2026-12-24T22:00:00"}'
-)";
-
-const std::string kAll = std::string(kHelpers) + kSimulated + kPast + kApply;
+)sh";
 
 class Ctl : public daemon_test {
 protected:
   // Each line is a step on a daemon of its own: what went before, the line at the shell, its
   // status, what it says and what it does not say, as "[before -> ]line => 0 said[ =/> not
-  // said]".
+  // said]". In what it says " ... " stands for what varies.
   void check(const std::string &steps) {
     constexpr const char *kStep = "^(?:(.*) -> )?(.*) => ([0-9]) (.*?)(?: =/> (.*))?$";
     std::istringstream lines(steps);
@@ -170,12 +180,15 @@ protected:
       ASSERT_GE(g_strv_length(step), 6U);
       ASSERT_EQ(shell("rm -rf " SHELL_DIRECTORY).status, 0);
       begin_step();
-      const outcome before = shell(kAll + step[1]);
+      const outcome before = shell(kHelpers + step[1]);
       EXPECT_EQ(before.status, 0) << before.said;
-      const outcome result = shell(kAll + step[2]);
+      const outcome result = shell(kHelpers + step[2]);
       EXPECT_EQ(std::to_string(result.status), step[3]) << result.said;
       g_autofree char *said = g_strcompress(step[4]);
-      EXPECT_THAT(result.said, HasSubstr(said));
+      g_auto(GStrv) parts = g_strsplit(said, " ... ", -1);
+      g_autofree char *in_order = g_strjoinv("*", parts);
+      g_autofree char *pattern = g_strdup_printf("*%s*", in_order);
+      EXPECT_TRUE(g_pattern_match_simple(pattern, result.said.c_str())) << result.said;
       g_autofree char *not_said = g_strcompress(step[5]);
       if (*not_said != '\0') {
         EXPECT_THAT(result.said, testing::Not(HasSubstr(not_said)));
@@ -192,68 +205,21 @@ private:
   virtual void end_step() { EXPECT_EQ(stop(), 0); }
 };
 
-TEST_F(Ctl, Times_AreUnderstoodAsPeopleWriteThem) {
+TEST_F(Ctl, WordsOfTheLine_AreUnderstood_AndNonsenseIsRefused) {
   check(R"steps(
     add 7:00 => 0 Next firing: Wed 2026-12-16 07:00:00, in 19 hours =/> Note
-    add 19:30:15 --type off => 0 Tue 2026-12-15 19:30:15
-    add 'tomorrow 7:00' => 0 Wed 2026-12-16 07:00:00
-    add 'fri 20:00' => 0 Fri 2026-12-18 20:00:00
-    add 'Tuesday 11:00' => 0 Tue 2026-12-22 11:00:00
-    add 'today 13:00' => 0 Tue 2026-12-15 13:00:00
-    add +1h45m => 0 13:45:00, in 105 minutes
-    add 7 => 0 Next firing: Wed 2026-12-16 07:00:00
-    add '7:30 pm' => 0 Tue 2026-12-15 19:30:00
-    add 12am --type off => 0 Wed 2026-12-16 00:00:00
-    add 'tomorrow noon' => 0 Wed 2026-12-16 12:00:00, in 24 hours
-    add +90s --type off => 0 12:01:30, in 90 seconds
     add '2026-12-24 18:00' --type always => 0 Thu 2026-12-24 18:00:00 =/> Each
-    add '7:00 tomorrow' => 0 Wed 2026-12-16 07:00:00
-    add 'next fri 7pm' => 0 Fri 2026-12-18 19:00:00
-    add 'next tue midnight' => 0 Tue 2026-12-22 00:00:00
     add now => 0 Tue 2026-12-15 12:01:00
-    add now --type off => 0 Tue 2026-12-15 12:00:02
-    add '+45 min' => 0 12:45:00
-    add +1w => 0 Tue 2026-12-22 12:00:00
     add 'tue 12:00:01' => 0 Next firing: Tue 2026-12-22 12:00:00
-    add 'tue 12:00:01' --type off => 0 Tue 2026-12-15 12:00:01
-    holidays add 02-20 02-28 --end-of-february => 0 20 Feb to end of Feb
-  )steps");
-}
-
-TEST_F(Ctl, DaysZonesAndLanguages_AreUnderstood_AndNonsenseIsRefused) {
-  check(R"steps(
-    add 2026-12-24T18:00 => 0 Note: Each expiry of another timer, each wake-up of the set and each \
-      change of the clock, the zone or the holidays moves this timer to the next 18:00. To keep its \
-      day, add it less than a week ahead with --on Thu, and cancel it afterwards.
-    add 13:00 -> add '2026-12-21 18:00' => 0 Note: Timer 1 fires before it, on Tue 2026-12-15 13:00:00, \
-      and moves it to Tue 2026-12-15 18:00:00. Each expiry =/> less than a week
-    add 13pm => 2 is no time
-    add 0am => 2 is no time
-    add +45 => 2 is no time
-    add 7:00:60 => 2 is no time
-    add +9999w => 2 is no time
-    TZ=CET-1 add 2026-12-24T08:00-05:00 => 0 Thu 2026-12-24 14:00:00
-    add 08:00-05:00 => 2 is no time
-    TZ=CET-1 add 'Thu 2026-12-24 07:00:00 UTC' => 0 Thu 2026-12-24 08:00:00
-    TZ=CET-1 add 2026-12-24T07:00Z => 0 Thu 2026-12-24 08:00:00
-    add 'Fri 2026-12-24 07:00' => 2 is no time
-    add 7:0 => 2 is no time
-    add '7:00 8:00' => 2 is no time
-    add 'today tomorrow 7:00' => 2 is no time
+    add 2026-12-24T18:00 => 0 to the next 18:00. ... than a week ahead with --on Thu,
+    add 13:00 -> add '2026-12-21 18:00' => 0 and moves it to Tue 2026-12-15 18:00:00. Each =/> less than
     add '2026-12-24 7:00' --on mon => 2 does not repeat; give --at a time of day alone, or leave --on out
     add 7 --on mon -> ctl change 1 --at 'tomorrow 9:00' => 2 time of day alone, or add --on once\n
     add 'fri 7:00' --on mon => 2 a timer for a date does not repeat
     add 7:00:05 => 0 On-timers ignore seconds.
-    LC_ALL=de_DE.UTF-8 add 'mi. 7:00' => 0 Wed 2026-12-16 07:00:00
-    LC_ALL=fr_FR.UTF-8 add 7:00 --on lun-mer => 0 Days: Mon,Tue,Wed
-    add 'mo 7:00' => 2 is no time
-    LC_ALL=de_DE.UTF-8 add 'm 7:00' => 2 is no time
     add 7:00 --on daily --type transient-off => 0 fires once, whatever its days
-    add 7:00 --on mon-fri => 0 Days: weekdays
     add 7:00 --on monday --on sat,sun => 0 Days: Mon,Sat,Sun
-    add 7:00 --on 'mon, tue Fri' => 0 Days: Mon,Tue,Fri
     add 7:00 --on mon, tue => 2 add does not take tue; put the days in quotes: --on "mon, tue"
-    add 7:00 --on '' => 2 --on= is not understood
     add fri 20:00 --type off => 2 add does not take 20:00; put the time in quotes: --at "fri 20:00"\n
     ctl add --at=2026-12-24 18 => 2 put the time in quotes: --at "2026-12-24 18"\n
     ctl change 1 --at next fri 8pm --on once => 2 not take fri; put the time in quotes: --at "next fri 8pm"\n
@@ -261,8 +227,7 @@ TEST_F(Ctl, DaysZonesAndLanguages_AreUnderstood_AndNonsenseIsRefused) {
     ctl history --since yesterday 20:00 => 2 put the time in quotes: --since "yesterday 20:00"\n
     add 7 --on mon -> ctl change --at 8 1 => 0 Days: Mon\n
     add 25:00 => 2 --at=25:00 is no time; write 7:00
-    add '2026-14-24 18:00' => 2 is no time
-    add 7:00 --on someday => 2 --on=someday is not understood; write mon
+    add 7:00 --on '' => 2 --on= is not understood; write mon
     add 7:00 --type 300 => 2 --type=300 is not understood
     add 7:00 --priority high => 2 --priority=high is not understood
     add 7:00 --priority +5 => 0 Priority: 5
@@ -275,47 +240,35 @@ TEST_F(Ctl, DaysZonesAndLanguages_AreUnderstood_AndNonsenseIsRefused) {
 
 TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
   check(R"(
+    add '2026-12-15 11:59' --check => 1 has passed
     add '2026-12-15 11:59' => 1 has passed: the set's clock reads Tue
     add '1999-01-01 7:00' --clock internet => 1 has passed: the system clock reads
-    lose_clock -> add '2026-12-24 7:00' => 0 Next firing: not armed\n        Days: once\n     Set for: Thu \
-      2026-12-24 07:00:00\n       Clock: broadcast\n    Priority: 0\n    Holidays: ignore: fires on them \
-      too\nNote: The set's clock is unknown: the timer is armed once it is known.\n =/> counted
+    lose_clock -> add '2026-12-24 7:00' => 0 not armed\n        Days: once\n     Set for: Thu 2026-12-24 07 ... \
+      Holidays: ignore: fires on them too\nNote: The set's clock is unknown: the timer =/> counted
     ctl show '' => 2 '' is no id
     add '2026-12-15 12:00:30' => 1 on-timers ignore seconds
     add '2027-12-15 12:01' => 1 is more than 365 days ahead
     add 7:09 -> add 7:00 --type standby => 1 a standby timer is then left
-    eighty; file $off -> { add 8 --check --force; add 8 --force; add 9; ctl import x --force; } 2>&1 | \
-      sed -n 's/ to make room.*//p' => 0 Note: Timer 1 (on, Mon) would be removed\nNote: Timer 1 \
-      (on, Mon) was removed\ndravelctl: not added: there are 80 timers, and timer 2 (on, Mon) would be \
-      removed\nNote: timers[0]: Timer 2 (on, Mon) was removed
+    eighty; file $off -> add 8 --check --force; add 8 --force; add 9; ctl import x --force => 0 \
+      Timer 1 (on, Mon) would be removed ... Note: Timer 1 (on, Mon) was removed ... not added: there \
+      are 80 timers, and timer 2 (on, Mon) would ... timers[0]: Timer 2 (on, Mon) was removed
     mkdir b; ctl backup b; ctl restore b -> add 7:00 => 1 refused the timer; its log
-    add 7:00 --check; ctl list => 0 would be added:\n       Timer: new\n        Type: \
-      on (0): turns the set on\n Next firing: Wed 2026-12-16 07:00:00, in 19 hours\n =/> \n1
-    add '2026-12-15 11:59' --check => 1 has passed
-    add 7:00 --type off -> add 7:00 => 0 \
-      Note: It is not armed: off-timer 1 is set for the same time.
-    add 7 --type off --on daily -> add 7 --check => 0 \n Next firing: not armed\n
-    add 7 --type off -> add 7 --check => 0 Note: It would not be armed: off-timer 1 is set for =/> certain
+    add 7:00 --check; ctl list => 0 would be added:\n       Timer: new ... firing: Wed 2026-12-16 07 =/> \n1
+    add 7 --type off --on daily -> add 7 --check; add 7 => 0 \n Next firing: not armed\n ... \
+      It would not be armed: off-timer 1 ... It is not armed: off-timer 1 is set for =/> certain
     add 7 --type off; add 8 -> ctl change 2 --at 7 --check => 0 It would not be armed: off-timer 1
-    add 7 -> add 7 --type off --check -j => 0 "notes":["Timer 1 would not be armed any more: the new off-timer is
-    add 7 -> add 7 --type off -j => 0 "notes":["Timer 1 is not armed any more: off-timer 2 is set for the same time."]
-    add 13; add 23 --type off -> add 23 --check => 0 \n Next firing: Tue 2026-12-15 23:00:00
-    add 13; add 23 --type off -> add 23 => 0 \n Next firing: Tue 2026-12-15 23:00:00
-    add 7 --type off; file '{"type":0,"at":"2026-12-16T07:00:00"}' -> ctl import x => 0 \
-      Note: timers[0]: It is not armed: off-timer 1 is set for the same time. =/> certain
-    add 7:00 --on mon -> add 7:00 --on daily => 0 It and timer 1 are due in the same second, \
-      Mon 2026-12-21 07:00:00: only one of them will fire, and which one is not certain; choose \
-      another minute.
-    for h in 7 8 9; do add $h:00; done -> ctl cancel 1 3; ctl list => 0 \n2   on =/> \n1
+    add 7 -> add 7 --type off --check -j => 0 "notes":["Timer 1 would not be armed any more: the new
+    add 7 -> add 7 --type off -j => 0 "notes":["Timer 1 is not armed any more: off-timer 2 is
+    add 13; add 23 --type off -> add 23 --check; add 23 => 0 firing: Tue ... firing: Tue
+    add 7:00 --on mon -> add 7:00 --on daily => 0 It and timer 1 are due ... only one ... another minute.
+    for h in 7 8 9; do add $h:00; done -> ctl cancel 1 3 3 && ctl list => 0 \n2   on =/> \n1
     add 7:00 -> ctl cancel 1 9 => 1 there is no timer 9 =/> is cancelled
-    add 7:00 -> ctl cancel 1 1 => 0 Timer 1 is cancelled.
-    add 7:00 --type 10 -> ctl cancel -10 --json => 0 {"cancelled":-10,"timer":{"type":10,"at":"2026-12-16T07:00:00+00:00"
+    add 7:00 --type 10 -> ctl cancel -10 --json => 0 {"cancelled":-10,"timer":{"type":10,"at":"2026-12-16T07
     add 7:00; add 8:00 -> ctl rm --all; ctl ls => 0 No timers.
     ctl cancel => 2 cancel needs ID
     ctl cancel 1 --all => 2 --all goes with no ID
     ctl remove all => 2 all is no id; write it as in dravelctl cancel 3 5, or dravelctl cancel --all
-    ctl cancel 1,2 => 2 1,2 is no id; give ids with blanks between them
-    ctl cancel 2-5 => 2 2-5 is no id; give ids with blanks between them
+    ctl cancel 1,2; ctl cancel 2-5 => 2 1,2 is no id; give ids with ... 2-5 is no id; give ids with
   )");
 }
 
@@ -324,49 +277,39 @@ TEST_F(Ctl, Holidays_AndChanges_TellWhatTheyMove) {
     ctl change 1 => 2 change needs what to change
     add 7 --type 13 -> ctl change 1 --priority 3 => 0 Timer 2 takes the place of timer 1.
     add '2026-12-24 7:00' -> ctl change 1 --at now --type off => 0 Tue 2026-12-15 12:00:02
-    holidays add 12-24 02-30 => 2 02-30 is no date of the year
-    holidays add x => 2 x is no date of the year
+    holidays add 02-20 02-28 --end-of-february => 0 20 Feb to end of Feb
+    holidays add 12-24 02-30; holidays add x => 2 02-30 is no date of ... x is no date of the year
     holidays add 03-01 --end-of-february => 2 --end-of-february needs 02-28
     add 7 --on daily --holidays skip; holidays add 12-16 12-17 -> holidays ignore 1; holidays => 0 \
       Timer 1 ignores holidays.\nNote: Timer 1 is now armed for Wed 2026-12-16 07:00:00; it was armed \
       for Fri 2026-12-18 07:00:00.\nID  FIRST DAY  LAST DAY\n1   16 Dec     17 Dec\n
-    add 7 -> holidays skip -j 1 => 0 {"id":1,"holidays":"skip",
     add 7; add 8 -> holidays skip --all => 0 Timer 1 skips holidays.\nTimer 2 skips holidays.
-    holidays ignore => 2 holidays ignore needs ID; write it as in
+    add 7 -> holidays skip -j 1 => 0 {"id":1,"holidays":"skip",
     holidays add 12-24 -> holidays rm 1 => 0 Holidays 1 are removed.
     holidays add 01-01 12-31 -> add 7:00 --on daily --holidays skip => 1 holidays cover every day
-    holidays add 12-16 -> add 7:00:30 --holidays skip => 0 \
-      Holidays move it from Wed 2026-12-16 07:00:30 to Thu 2026-12-17 07:00:00.
-    add '2026-12-24 18:00' -> holidays add 12-26 => 0 \
-      Timer 1 is now armed for Tue 2026-12-15 18:00:00; it was armed for Thu 2026-12-24 18
+    holidays add 12-16 -> add 7:00:30 --holidays skip => 0 from Wed 2026-12-16 07:00:30 to Thu 2026-12-17 07:00:00
+    add '2026-12-24 18:00' -> holidays add 12-26 => 0 now armed for Tue 2026-12-15 18:00:00; it was armed for Thu
     eighty; ctl change 50 --on tue -> ids /opt/dbspace/.dravel.db | sed -n '1p;$=' => 0 1\n80\n
     eighty; ctl cancel 9; add +50s --type off -> ctl change 81 --at 14 => 1 due within a minute, and
     eighty; mkdir b; ctl backup b; ctl restore b -> ctl change 50 --on tue => 1 timer 50 is cancelled
     add '2026-12-24 18:00' -> ctl change 1 --at 19:00 => 0 Set for: Thu 2026-12-24 19:00:00
     add 7:00 -> ctl change 1 --at 8 --check; ctl list => 0 This timer would take =/> 08:00\n
     add 7:00 --on daily -> holidays add 01-01 12-31; holidays skip 1 => 0 Timer 1 is now removed;
-    add 7:00 --on mon -> ctl change 1 --at 8:15 --on tue => 0 Timer 2 takes the place of timer 1.
     add 7:00 --type off --priority -3 --holidays skip; ctl change 1 --on tue -> ctl list -j => 0 \
-      "at":"2026-12-22T07:00:00+00:00","at_seconds":1797922800,"days":["Tue"],"priority":-3,\
-      "delay":0,"holidays":"skip" =/> "id":1
-    add 7:00 -> ctl change 1 --at '2026-12-14 7:00' => 1 dravelctl: not changed: Mon 2026-12-14
-    add 7:00 -> ctl change 1 --at '2026-12-14 7:00'; ctl show 1 => 0 Set for: Wed
+      "at":"2026-12-22T07 ... "days":["Tue"],"priority":-3,"delay":0,"holidays":"skip" =/> "id":1
+    add 7 -> ctl change 1 --at '2026-12-14 7:00'; ctl show 1 => 0 not changed: Mon ... Set for: Wed
     add 7:00 -> holidays skip 1 9 => 1 there is no timer 9 =/> skips
     holidays add 12-24 -> holidays remove 1 9 => 1 no holidays 9 =/> are removed
-    holidays add 12-24 => 0 No timer skips holidays
-    add 7:00; holidays add 12-24 -> holidays add 12-24 --all; ctl list => 0 \
-      These days are holidays 1 already.\nTimers that skip them: 1\n
-    holidays add 12-24 -> holidays add 12-24 => 1 these days are holidays 1 already
+    holidays add 12-24; holidays add 12-24 => 1 No timer skips holidays ... these days are holidays 1 already
+    add 7:00; holidays add 12-24 -> holidays add 12-24 --all; ctl list => 0 holidays 1 already.\nTimers ... no holidays
     holidays add 12-26 12-24 --all => 0 Note: These are 364 days of each year.\n
     holidays add 01-01 03-31 --all => 0 Timers that skip them =/> days of
     add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 Holidays 1 are added: 20 Dec to 31 Dec.\n\
-      Holidays 2 are added: 1 Jan to 6 Jan.
-    add 7:00 -> holidays add 12-20 01-06 --all; ctl list => 0 no holidays =/> No timer
+      Holidays 2 are added: 1 Jan to 6 Jan. ... no holidays =/> No timer
     one_period -> holidays add 12-20 01-06 => 1 ; added before: holidays 1
     holidays add 12-20 01-06 -> holidays add 12-20 01-06 => 1 these days are holidays 1 and 2 already
     holidays add 01-01 01-06 -> holidays add -j 12-20 01-06 => 0 "added":[{"id":2,"first":{"month":12,
-    add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 \
-      "moved":[{"id":1,"was":"2026-12-24T18:00:00+00:00","was_seconds":1798135200,"now":"2026-12-15T18
+    add '2026-12-24 18:00' --holidays skip -> ctl -j holidays add 12-24 => 0 "moved":[{"id":1,"was":"2026-12-24 ... "now":"2026-12-15
     holidays remove x => 2 x is no id; dravelctl holidays list shows the ids
     ctl -j holidays add -- 12-24 12-26 => 0 "first":{"month":12,"day":24,
   )");
@@ -374,26 +317,23 @@ TEST_F(Ctl, Holidays_AndChanges_TellWhatTheyMove) {
 
 TEST_F(Ctl, TheState_IsShown) {
   check(R"steps(
-    ctl => 0 Clock: Tue 2026-12-15 12:00:00 (UTC, UTC+00:00), confirmed\n
-    three -> ctl status => 0 \n      Halted: off-timers\n      Timers: 3 of 80\n     Next on: Wed \
-      2026-12-16 07:00:00, in 19 hours: timer 2 (on, weekdays)\nNext wake-up: none\n    Next off: Tue \
-      2026-12-15 19:00:00, in 7 hours, halted: timer 1 (off, once)\n   Wakes for: timer 2, at Wed \
-      2026-12-16 07:00:00\n    Woken by: no timer\n    Platform: standin\n
-    asleep -> ctl => 0 Problem: The set's clock is not confirmed since the set woke up.\n       Clock: \
-      Tue 2026-12-15 12:00:00 (UTC, UTC+00:00), not confirmed since the set woke up\n
-    asleep -> ctl -j => 0 "clock_confirmed":false
-    in_berlin; add 7 -> ctl => 0 Wakes for: timer 1, at Wed 2026-12-16 06:00:00 UTC\n
-    in_berlin; add 7 -> TZ=CET-1 ctl -j => 0 "wakeup":{"id":1,"type":0,"at":"2026-12-16T07:00:00+01:00",
+    three -> ctl status => 0 Clock: Tue 2026-12-15 12:00:00 (UTC, UTC+00:00), confirmed\n      Halted: \
+      off-timers\n      Timers: 3 of 80\n     Next on: Wed 2026-12-16 07:00:00, in 19 hours: timer 2 \
+      (on, weekdays)\nNext wake-up: none\n    Next off: Tue 2026-12-15 19:00:00, in 7 hours, halted: \
+      timer 1 (off, once)\n   Wakes for: timer 2, at Wed 2026-12-16 07:00:00\n    Woken by: no timer\n \
+       ... Platform: standin\n
+    asleep -> ctl; ctl -j => 0 Problem: The set's clock is not confirmed ... ), not confirmed ... "clock_confirmed":false
+    in_berlin; add 7 -> export TZ=CET-1; ctl; ctl -j => 0 timer 1, at Wed 2026-12-16 06:00:00 UTC\n ... \
+      "wakeup":{"id":1,"type":0,"at":"2026-12-16T07:00:00+01:00",
     three -> ctl status -j => 0 "halted":{"on":false,"off":true},"timers":3,"limit":80,
-    ctl halt on off -> ctl => 0 Halted: on- and off-timers
-    ctl halt on -> ctl => 0 Halted: on-timers\n
-    ctl halt off -> ctl halt -j => 0 {"on":false,"off":true}
+    ctl halt on off; ctl => 0 On-timers: halted\nOff-timers: halted\n ... Halted: on- and off-timers\n
+    ctl halt both; ctl halt on none; ctl => 0 \nOff-timers: halted\n ... \nOff-timers: active\n ... Halted: on-timers\n
+    ctl halt both; ctl halt none; ctl halt off -j => 0 \nOff-timers: active\n{"on":false,"off":true}
     ctl halt up => 2 halt takes no up; give
     TZ=NST3:30 ctl => 0 (NST, UTC-03:30)
     add 7 -> for is in NO_COLOR=1 TERM=dumb TERM=xterm; do TERM=xterm script -qc "export $is; dravelctl \
       list" /dev/null | grep -c 1mID; done => 0 0\n0\n1\n
-    eighty -> ctl => 0 Timers: 80 of 80, adding one removes another\n
-    eighty -> ctl -j => 0 "full":true
+    eighty -> ctl; ctl -j => 0 Timers: 80 of 80, adding one removes another\n ... "full":true
     add 7:00; add 6:00 -> ctl => 0 Next on: Wed 2026-12-16 06:00:00
     add 7:00 --type 2 -> ctl => 0 Next on: none\nNext wake-up: Wed 2026-12-16 07:00:00, in 19
     eighty; add 6:00 --type 10 -> ctl status => 0 Timers: 81, adding one removes another
@@ -412,99 +352,68 @@ TEST_F(Ctl, TimersAndTheOverview_AreListed) {
     add 7 --on daily -> script -qc 'dravelctl explain 1' /dev/null | grep -c '.\{82\}' => 1 0
     add 7 -> echo n | script -qc 'dravelctl cancel --all' /dev/null; ctl list => 0 nothing is cancelled =/> No
     add 7 -> echo Y | script -qc 'dravelctl cancel --all' /dev/null => 0 Timer 1 is cancelled.
-    add 7 --on mon,tue,wed,thu,sat,sun --holidays skip --priority 5 -> ctl list => 0 19 h  Mon-Thu,Sat,Sun  no
-    add 7 --on tue,wed,thu,fri,sun -> ctl list => 0   Tue-Fri,Sun\n
     add 7 --on mon,tue,thu,fri,sun --holidays skip --priority 5 --type wake-20; ctl halt on -> \
       script -qc 'dravelctl list; dravelctl types' /dev/null | grep -c '.\{82\}' => 1 0
     three -> ctl list --off-timers => 0 \n1   off =/> \n2
     three; add 8 --type announce -> ctl list --off-timers --on-timers | wc -l => 0 5\n
     add 7 --type 200 --priority 3 --clock rtc --holidays skip -> ctl list; ctl show 1 => 0 \
-      200   Wed 2026-12-16 07:00  19 h  once  no holidays, priority 3, rtc\n       Timer: 1\n        \
-      Type: 200 (200): wakes a sleeping set and is announced\n Next firing: Wed 2026-12-16 07:00:00, \
-      in 19 hours\n        Days: once\n     Set for: Wed 2026-12-16 07:00:00\n       Clock: rtc\n    \
-      Priority: 3\n    Holidays: skip: does not fire on them\n
+      once  no holidays, priority 3, rtc\n ... Type: 200 (200): wakes a sleeping set and is announced\n \
+      ... Set for: Wed 2026-12-16 07:00:00\n       Clock: rtc\n    Priority: 3\n    Holidays: skip:
     add 7 --type announce -> ctl halt both; ctl list => 0 once\n
-    three -> ctl overview => 0 ,"timers":[{"id":1,"type":1,"type_name":"off",\
-      "title":"timer 1 (off, once)","days_text":"once"
-    three -> ctl overview => 0 "mark":"off","halted":true,"passed":[]}
-    three -> ctl overview => 0 {"date":"2026-12-17","holidays":[1]}
-    three -> ctl overview => 0 {"first":"2027-12-17","last":"2027-12-18"}],"skipped_by":[2]}
-    holidays add 12-24; add 7:00 --type always --holidays skip -> ctl overview => 0 "text":"24 Dec",\
-      "dates":[{"first":"2026-12-24","last":"2026-12-24"},{"first":"2027-12-24","last":"2027-12-24"}],\
-      "skipped_by":[]}
-    holidays add 02-29 --end-of-february -> ctl overview => 0 "text":"end of Feb","dates":[{"first":\
-      "2026-02-28","last":"2026-02-28"}
+    three -> ctl overview => 0 ,"timers":[{"id":1,"type":1,"type_name":"off","title":"timer 1 (off, \
+      once)","days_text":"once" ... {"date":"2026-12-17","holidays":[1]} ... "mark":"off","halted":true, ... \
+      {"first":"2027-12-17","last":"2027-12-18"}],"skipped_by":[2]}
+    holidays add 12-24; add 7 --type always --holidays skip -> ctl overview => 0 "text":"24 Dec","dates":\
+      [{"first":"2026-12-24","last":"2026-12-24"},{"first":"2027-12-24" ... "skipped_by":[]}
+    holidays add 02-29 --end-of-february -> ctl overview => 0 "end of Feb","dates":[{"first":"2026-02-28"
     add 7:00 --type off; add 7:00 -> ctl overview => 0 "notes":["It is not armed: off-timer 1
     add 7:00; add 7:00 --on daily -> ctl overview => 0 "notes":["Timers 1 and 2 are due in the same
     lose_clock; add 7:00 -> ctl overview => 0 "week":null,
-    ctl overview => 0 "machine":null,"problems":[]}
-    ctl overview => 0 "may":{"change":true,"screen":"the platform of this dravel-manager shows no machine","test":"the
-    ctl screen on => 1 shows no machine; only the platform linux
+    ctl overview => 0 "change":true,"screen":"the platform of this ... "machine":null,"problems":[]}
+    ctl screen on; ctl test wake; ctl test screen => 1 no machine; only ... no machine ... no machine
     add 7 --on daily; add 7 --type off --on daily -> ctl -j week => 0 "mark":"both","halted":false,"passed":[1]
     add 7 --type 2 -> ctl -j week => 0 "mark":"wake"
-    ctl types -j => 0 {"number":2,"word":"wake-20","meaning":"wakes the set, reason 20","mark":"wake"}
-    ctl types => 0 \n1       off
+    ctl types; ctl types -j => 0 \n1       off ... {"number":2,"word":"wake-20","meaning":"wakes
   )steps");
 }
 
 TEST_F(Ctl, Timers_AreExplained) {
   check(R"steps(
-    three -> ctl explain 1 => 0 Off-timers are halted: it is announced and does nothing else.
-    three -> ctl explain 2 => 0 Tue 2026-12-15 is passed over: its time of day has passed.\n\
-      Thu 2026-12-17 to Fri 2026-12-18 are passed over: holidays 1.\n\
-      It fires next on Wed 2026-12-16 07:00:00, in 19 hours.\n\
-      After that it fires on Mon 2026-12-21 07:00:00, Tue
-    three -> ctl explain 3 => 0 on Tue 2026-12-15 19:00:00, and moves it to Wed 2026-12-16 18:00
-    three -> ctl explain => 0 for timer 2: it is the earliest on-timer.
-    add 7 --type 2 -> ctl explain => 0 \nIt then wakes the set, reason 20.\nThe simulated set keeps the \
-      reason; it turns nothing on.\nA set that is on already only announces it.\n
-    add 7 --type 2 -> ctl halt on; ctl explain => 0 \nOn-timers are halted: it is announced and
+    three -> ctl explain => 0 Off-timers are halted: it is announced and does nothing else. ... \
+      Tue 2026-12-15 is passed over: its time of day has passed.\nThu 2026-12-17 to Fri 2026-12-18 are \
+      passed over: holidays 1.\nIt fires next on Wed 2026-12-16 07:00:00, in 19 hours.\nAfter that it \
+      fires on Mon 2026-12-21 07:00:00, Tue ... on Tue 2026-12-15 19:00:00, and moves it to Wed 2026-12-16 \
+      18:00 ... for timer 2: it is the earliest on-timer.
+    add 7 --type 2 -> ctl explain; ctl halt on; ctl explain => 0 \nIt then wakes the set, reason 20.\nThe \
+      simulated set keeps the reason; it turns nothing on.\nA set that is on already ... \nOn-timers are halted:
     add 7 -> ctl explain => 0 \nA set that is on already, or in open ambient mode, only announces it.\n
-    add 7 --type off -> ctl explain => 0 \nIn ambient mode the set only announces it.\n\nThe set is \
-      woken for nothing: no on-timer is armed.\n
-    add 7 --on daily; add 7 --type off --on daily -> ctl explain => 0 \nThe set is not woken for timer 1 \
-      on Wed 2026-12-16 07:00:00: off-timer 2 is set for the same time.\nThe set is woken for nothing.\n
-    add 7 --on daily; add 7 --on fri --type off; add 7 --on wed --type off -> ctl explain => 0 \nThe set is \
-      not woken for timer 1 on Wed 2026-12-16 07:00:00: off-timer 3 is
-    in_berlin; add 7 --on daily; add 7 --on wed --type off -> ctl explain => 0 \nThe set is not woken for timer 1 \
-      on Wed 2026-12-16 07:00:00: off-timer 2 is set for the same time.\nThe set is woken on Thu 2026-12-17 06:00:00 UTC
+    add 7 --type off -> ctl explain => 0 \nIn ambient mode ... is woken for nothing: no on-timer is armed.\n
+    add 7 --on daily; add 7 --type off --on daily -> ctl explain => 0 : off-timer 2 is ... \nThe set is woken for nothing.\n
+    in_berlin; add 7 --on daily; add 7 --on fri --type off; add 7 --on wed --type off -> ctl explain => 0 \
+      not woken for timer 1 on Wed 2026-12-16 07:00:00: off-timer 3 is ... woken on Thu 2026-12-17 06:00:00 UTC for timer 1:
     add 7 --on daily; add 7 -> ctl explain => 0 : no on-timer at that second has a higher priority.
     add '2026-12-20 7:09'; add '2026-12-22 7:05' --type standby --holidays skip; add 13:00 -> \
-      ctl explain 2 => 0 07:05:00 and skips holidays.\nIt is armed for Tue 2026-12-22 07:05:00, in 6 \
-      days.\nTimer 3 fires before it, on Tue 2026-12-15 13:00:00, and removes it.\n
-    in_berlin; add 7 -> ctl explain => 0 The set is woken on Wed 2026-12-16 06:00:00 UTC for timer 1:
-    add 7:00 --on mon; add 7:00 --on sat-mon -> ctl explain 1 => 0 \
-      2027-01-18 07:00:00.\nTimers 1 and 2 are due in the same second, Mon 2026-12-21 07:00:00: only \
-      =/> 12-28 07:00:00: only
-    add 7:00:05 --type 10 -> add 7:00:05 --type off => 0 and whether it does is not certain;
-    add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain -j 1 => 0 \
-      "following":[{"at":"2026-12-17
-    add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain => 0 \
-      for timer 2: of the on-timers at that second it has the highest priority. =/> not woken
+      ctl explain 2 => 0 07:05:00 and skips holidays.\nIt is armed for Tue 2026-12-22 ... \nTimer 3 ... removes it.\n
+    add 7:00 --on mon; add 7:00 --on sat-mon -> ctl explain 1 => 0 2027-01-18 07:00:00.\nTimers 1 and 2 are \
+      due in the same second, Mon 2026-12-21 07:00:00: only =/> 12-28 07:00:00: only
+    add 7:00:05 --type 10 -> add 7:00:05 --type off => 0 whether it does is not certain; choose another second
+    add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain -j 1 => 0 "following":[{"at":"2026-12-17
+    add 7:00 --on daily; add 7:00 --priority 1 -> ctl explain => 0 it has the highest priority. =/> not woken
     holidays add 12-16; holidays add 12-17; add 7 --on daily --holidays skip -> ctl explain 1 => 0 \
       Wed 2026-12-16 is passed over: holidays 1.\nThu 2026-12-17 is passed over: holidays 2.
-    holidays add 12-16 12-18; add 7 --on wed,fri --holidays skip -> ctl explain => 0 \
-      Wed 2026-12-16 to Fri 2026-12-18 are passed over: holidays 1.\n
-    three -> ctl explain -j 2 => 0 "passed_over":[{"day":"2026-12-15","why":"its time of day has \
-      passed"},{"day":"2026-12-17","why":"holidays 1"}
-    for t in 13 14 '2026-12-17 14'; do add "$t:00"; done -> ctl explain 3 => 0 \
-      Timers 2 and 3 are due in the same second, Tue 2026-12-15 14:00:00
-    add 7:00 --on daily --holidays skip; add 8:00; holidays add 12-16 12-18 \
-      -> ctl list => 0 once\n1
-    lose_clock; add 0:00 --on daily -> ctl explain 1 => 0 \
-      is set for 00:00.\nIt is not armed: the set's clock is unknown. =/> It then
+    holidays add 12-16 12-18; add 7 --on wed,fri --holidays skip -> ctl explain => 0 to Fri 2026-12-18 are passed
+    three -> ctl explain -j 2 => 0 "passed_over":[{"day":"2026-12-15","why":"its ... "why":"holidays 1"}
+    for t in 13 14 '2026-12-17 14'; do add "$t:00"; done -> ctl explain 3 => 0 Timers 2 and 3 are due in
+    add 7 --on daily --holidays skip; add 8; holidays add 12-16 12-18 -> ctl list => 0 once\n1
+    lose_clock; add 0:00 --on daily -> ctl explain 1 => 0 00:00.\nIt is not armed: the =/> It then
   )steps");
 }
 
-TEST_F(Ctl, TheWeek_IsDrawn_AndHaltsAreAnswered) {
+TEST_F(Ctl, TheWeek_IsDrawn) {
   check(R"steps(
     lose_clock -> ctl week => 1 the set's clock is unknown, so that no week
-    add 7:00:05 --type 10; add 7:00:05 --type off -> ctl week => 0 Timers -10 and 1 are due in the \
-      same second, Wed 2026-12-16 07:00:05: timer -10 fires, and whether timer 1 does is not \
-      certain; choose another second.
     for t in 7:00 7:00 8:00; do add $t --type 10; done; add 7 --type off; add 7 --type off -> ctl week => 0 \
-      Timers -10, 1 and 2 are due in the same second, Wed 2026-12-16 07:00:00: timer -10 fires, and at \
-      most one of the others, it is not certain which; choose another second.
+      Timers -10, 1 and 2 are due ... : timer -10 fires, and at most one of the others ... another second.
     add 7 --type 2; add 7:10 --type off; add 8 --type 2 -> ctl week => 0      00    03    06    09    12    15    18    21\nTue 2026-12-15 ·······················│···············\
       ·········\nWed 2026-12-16 ··············◆·△·
     three -> ctl week => 0 Wed 2026-12-16 ··············▲·····················▲···········\n
@@ -518,10 +427,6 @@ TEST_F(Ctl, TheWeek_IsDrawn_AndHaltsAreAnswered) {
       Mon 2026-12-21 ···············································▼\n
     ctl explain 9 => 1 there is no timer 9
     ctl wakeup => 0 No timer woke the set.
-    ctl halt off -> ctl halt on none => 0 On-timers: halted\nOff-timers: active
-    ctl halt none none => 0 On-timers: active
-    ctl halt both => 0 On-timers: halted\nOff-timers: halted
-    ctl halt both -> ctl halt none => 0 On-timers: active\nOff-timers: active
   )steps");
 }
 
@@ -531,34 +436,28 @@ class CtlOnAMachine : public Ctl {
 
 TEST_F(CtlOnAMachine, TheMachine_IsShownAndOrdered) {
   check(R"(
-    add 7:00 -> ctl => 0      Problem: The real-time clock refuses the alarm: Inappropriate ioctl
-    add 7:00 -> ctl => 0       Alarm: none; the real-time clock refuses the alarm: Inappropriate
+    add 7:00 -> ctl; ctl -j => 0      Problem: The real-time clock refuses the alarm: Inappropriate ... \
+      Alarm: none; the real-time clock refuses the alarm: ... "problems":["The real-time clock refuses
     ctl => 0 , by its user\n      Sleeps: not planned\n =/> Problem
-    ctl screen on; ctl => 0 The screen is told to turn on.\nScreen: on, by dravel-on.target and dr
+    ctl screen on; ctl => 0 The screen is told to turn on.\n ... Screen: on, by dravel-on.target and dr
     ctl screen on; ctl screen off; ctl screen -j => 0 {"ordered":null,"screen":"off","screen_by":"ta
     ctl screen up => 2 screen takes no up; give on or off
-    ctl overview => 0 "may":{"change":true,"screen":true,"test":true,"history":
-    add 7:00 -> ctl overview => 0 "last_wake_cause":"user","sleeps_at":null,"sleeps_at_seconds":null,\
-      "postponed":"","problems":["the real-time clock refuses the
-    add 7:00 -> ctl -j => 0 "problems":["The real-time clock refuses the alarm:
+    add 7 -> ctl overview => 0 "may":{"change":true,"screen":true,"test":true,"history": ... \
+      "last_wake_cause":"user","sleeps_at":null, ... "postponed":"","problems":["the real-time clock
   )");
 }
 
 TEST_F(CtlOnAMachine, IsChecked_AndTriedOut) {
   check(R"(
-    ctl check => 1 problem Screen: there is no HDMI-CEC adapter, and no unit turns the screen; sy
-    ctl check => 1 ok      Sleep: the machine suspends after an off-timer =/> problem Alarm
-    ctl check => 1 ok      Configuration: /etc/dravel-manager.conf has no fault
-    ability na -> ctl check => 1 problem Sleep: this machine cannot suspend, it stays awake
-    ability no -> ctl check => 1 problem Sleep: this machine cannot
+    ctl check => 1 note    Zone: UTC, UTC+00:00: timers are on this time ... ok      Sleep: the machine suspends \
+      ... problem Screen: there is no HDMI-CEC adapter, and no unit ... ok      Configuration: /etc =/> problem Alarm
+    for can in na no; do ability $can; ctl check; done => 1 Sleep: this machine cannot ... Sleep: this machine cannot
     ability yes -> ctl check => 1 note    NTP: the clock is not set from the network: timers drift
     network NTP -> ctl check => 1 note    NTP: the clock is not yet set from the network
     network NTPSynchronized -> ctl check => 1 ok      NTP: the clock is set
-    ctl check => 1 note    Zone: UTC, UTC+00:00: timers are on this time
     TZ=CET-1 ctl check => 1 ok      Zone: CET
     add 7:00 -> ctl check => 1 problem Alarm: the real-time clock refuses =/> Machine: the real
-    unit failed -> ctl check => 1 ok      Screen: turned by dravel-screen-ddc.service
-    unit failed -> ctl check => 1 problem Hooks: failed: dravel-screen-ddc.service; systemctl status dr
+    unit failed -> ctl check => 1 problem Hooks: failed: dravel-screen-ddc.service; ... ok      Screen: turned by
     unit active -> ctl check => 0 ok      Hooks: no unit of a target has failed =/> problem
     ctl test screen --seconds 0 => 0 No television answers: look whether the screen was dark.
     ctl test wake => 1 the machine did not sleep: the alarm or the sleep was refused: Inappropriate ioctl
@@ -577,17 +476,13 @@ TEST_F(Ctl, IsChecked_WhereItApplies) {
     asleep -> ctl check => 0 note    Clock: Tue 2026-12-15 12:00:00, not confirmed since the set woke up; wait
     lose_clock -> ctl check => 1 problem Clock: it is unknown: no timer is armed; set it
     signal STOP -> wait=0.2; ctl check; status=$?; signal CONT; exit $status => 1 problem Daemon: dr
-    ctl test wake => 1 shows no machine
-    ctl test screen => 1 shows no machine
   )");
 }
 
 TEST_F(Ctl, History_TellsWhatTheJournalHas) {
   check(R"steps(
-    night -> past => 0  timer 3 does not act: timers of its kind are halted\n =/> suspend
-    night -> past => 0  Stopped dravel-manager.service.\n =/> cron
-    night -> past => 0  timer 4 is removed: past\n =/> has fired
-    night -> past --since 4d => 0  the machine is sent to sleep: suspend\n
+    night -> past | cut -c26- => 0 timer 3 does not act: timers of its kind are halted\n\
+      Stopped dravel-manager.service.\ntimer 4 is removed: past\n =/> suspend
     night -> export TZ=CET-9; past --since $(date -ud @$(ago 3) +%FT%T+00:00) => 0  timer 4 is removed =/> Stopped
     night -> export TZ=CET-3; past --since "$(date -d @$(ago 3) '+%F %T')" => 0  timer 4 is removed =/> Stopped
     night -> past 4 => 0  timer 4 is removed: past\n =/> timer 3
@@ -615,10 +510,8 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
     mkdir b; mkfifo b/.dravel.db -> timeout 5 dravelctl backup b => 0 The timers are in
     mkdir -p b/.dravel.db.new/x -> ctl backup b; ls -A b => 0 \n.dravel.db\n =/> .new
     mkdir b; rm /opt/dbspace/.dravel.db -> wait=0.5 ctl backup b => 1 database up to /run/bench/shell/b, where
-    mkdir b; ctl backup b; printf '#!/bin/sh\necho $* >asked' >systemctl; chmod +x systemctl \
-      -> PATH=$PWD:$PATH ctl restore b --restart; cat asked => 0 restart dravel-manager.service
-    mkdir b; ctl backup b; printf '#!/bin/sh\necho no unit >&2; exit 5' >systemctl; \
-      chmod +x systemctl -> PATH=$PWD:$PATH ctl restore b --restart => 1 not restarted: no unit; the
+    backup -> fake systemctl 'echo $* >asked'; ctl restore b --restart; cat asked => 0 restart dravel-man
+    backup -> fake systemctl 'echo no unit >&2; exit 5'; ctl restore b --restart => 1 restarted: no unit;
     mkdir b -> ctl restore b => 1 /run/bench/shell/b/.dravel.db cannot be read: No such file
     ctl restore $(printf %0300d) => 1 0 is no directory: File name too long
     ctl import /tmp => 1 cannot read /tmp: Is a directory
@@ -633,15 +526,12 @@ TEST_F(Ctl, AFileWithAFault_IsNotImported) {
   check(R"(
     add 7:00 --on mon; holidays add 12-24 12-26; ctl export >x; ctl cancel 1 -> \
       ctl import x && ctl list => 1 1 added, 1 refused.\nholidays[0]: they are there already
-    echo '{"timers":[{"type":0,"at":"2026-12-14T07:00:00"}]}' | ctl import - => 1 \
-      timers[0]: not added:
+    echo '{"timers":[{"type":0,"at":"2026-12-14T07:00:00"}]}' | ctl import - => 1 timers[0]: not added:
     echo x | ctl import - => 1 standard input is no JSON
     echo '{"timers":5}' | ctl import - => 1 timers is 5; it must be a list
     echo '[]' | ctl import - => 1 holds neither timers nor holidays
     echo '{"timers":[5]}' | ctl import - => 1 timers[0] is 5; it must be an object
     echo '{"timers":[{"type":0,"days":5}]}' | ctl import - => 1 timers[0].days is 5; it must be a list of days
-    edited 's/"priority": 0/"priority": "x"/' => 0 \
-      timers[0].priority is "x"; it must be a whole number from -2147483648 to 2147483647; nothing
     edited 's/"type": 0/"type": 255/' => 0 .type is 255; it must be a whole number from 0 to 254
     edited 's/"delay": 0/"delay": 1.5/' => 0 timers[0].delay is 1.5; it must be a whole number
     edited 's/"Mon"/7/' => 0 timers[0].days is 7; it must be a list such as ["Mon","Fri"]
@@ -650,8 +540,7 @@ TEST_F(Ctl, AFileWithAFault_IsNotImported) {
     edited s/ignore/ignored/ => 0 timers[0].holidays is "ignored"; it must be skip or ignore
     edited 's/"priority"/"prio"/' => 0 a field prio, which dravelctl export does not write
     edited 's/"type": 0,//' => 0 timers[0] has no type
-    edited 's/"month": 12/"month": 11/; s/: 24/: 31/' => 0 \
-      first.day is 31; it must be a day of that month
+    edited 's/"month": 12/"month": 11/; s/: 24/: 31/' => 0 first.day is 31; it must be a day of that month
     edited 's/: 24/: {}/' => 0 first.day is an object; it must be a whole number from 1 to 31
     edited 's/ry": false/ry": 0/' => 0 first.end_of_february is 0; it must be true or false
     edited 0,/24/s//25/ => 0 holidays[0] runs over the new year and matches no day
@@ -661,28 +550,20 @@ TEST_F(Ctl, AFileWithAFault_IsNotImported) {
 // A time of day has no zone; a date is in the zone that it says.
 TEST_F(Ctl, Files_AreCarriedOver) {
   check(R"(
-    echo '{"timers":[{"type":0,"at":"2026-07-14T07:00:00+02:00","days":["Mon"]}]}' >x -> \
-      ctl import x; ctl export => 0 \
-      Note: x: timers[0]: it repeats at 07:00 of its clock; the offset of at is ignored.
-    echo '{"timers":[{"type":1,"at":"2026-12-24T08:00:00-05:00","delay":7}]}' >x -> \
-      export TZ=CET-1; ctl import x; ctl export => 0 \
-      "at": "2026-12-24T14:00:00+01:00",\n   "days": [],\n   "priority": 0,\n   "delay": 7,
+    file '{"type":0,"at":"2026-07-14T07:00:00+02:00","days":["Mon"]}' -> ctl import x => 0 Note: x: timers[0]: it repeats
+    file '{"type":1,"at":"2026-12-24T08:00:00-05:00","delay":7}' -> \
+      export TZ=CET-1; ctl import x; ctl export => 0 "at": "2026-12-24T14:00:00+01:00", ... "delay": 7,
     add 7:00 --on mon; add 6:00 --on tue; ctl export >x; ctl cancel 1 2 -> \
       ctl import x; ctl export | cmp - x && ctl list => 0 2 added, 0 refused. =/> differ
-    add 7:00 --on mon -> echo '{"timers":[{"type":0,"time":"07:00","days":["Mon"]}]}' | \
-      ctl import - => 1 timers[0]: it is there already as timer 1
-    add 7:00 --on mon -> echo '{"timers":[{"type":0,"time":"07:00","days":["Mon"],"clock":"rtc"},\
-      {"type":0,"time":"07:00","days":["Tue"]}]}' | ctl import - => 0 2 added, 0 refused.
+    add 7 --on mon; file $seven -> ctl import x => 1 timers[0]: it is there already as timer 1
+    add 7 --on mon; file '{"type":0,"time":"07:00","days":["Mon"],"clock":"rtc"},{"type":0,\
+      "time":"07:00","days":["Tue"]}' -> ctl import x => 0 2 added, 0 refused.
     add 8:00 --on wed; add 7:00 --on mon -> ctl export | grep time | tr -d '\n' => 0 07:00",   "time": "08
-    add '2026-12-24 7:00' --clock internet -> export TZ=CET-1; ctl export => 0 "at": "2026-12-24T08:00:00+01
-    add '2026-12-24 7:00' --clock internet -> export TZ=CET-1; ctl list -j => 0 "at":"2026-12-24T08:00:00\
-      +01:00","at_seconds":1798095600,"days":[],"priority":0,"delay":0,"holidays":"ignore","clock":\
-      "internet","set_for":"2026-12-24T07:00:00"}
+    add '2026-12-24 7:00' --clock internet -> export TZ=CET-1; ctl export; ctl list -j => 0 \
+      "2026-12-24T08:00:00+01 ... "at":"2026-12-24T08:00:00+01:00", ... "set_for":"2026-12-24T07:00:00"}
     holidays add 12-24 -> ctl export => 0 "holidays": [\n  {\n   "first"
     add 7:00 --on mon; ctl export >x; ctl cancel 1 -> ctl import x --json => 0 "added":1,"ids":[2],
-    echo '{"timers":[{"type":0,"at":"2026-12-24T07:00:00","holidays":"skip"}],\
-      "holidays":[{"first":{"month":12,"day":24},"last":{"month":12,"day":25}}]}' | ctl import - \
-      => 0 timers[0]: Holidays move it from Thu 2026-12-24 07:00:00 to Sat 2026-12-26 07:00:00.
+    file $once $christmas -> ctl import x => 0 timers[0]: Holidays move it from Thu ... to Sat
   )");
 }
 
@@ -697,8 +578,9 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
       1 Jan to 2 Jan.\nTimers that skip them: 1\n
     ics $D:20250401\\nRRULE:FREQ=YEARLY\\nDURATION:P2D\\nRDATE${D#DTSTART}:20270701\\nEXDATE${D#DTSTART}:\
 20270401 >x -> holidays import x => 0 Holidays 1 are added: 1 Jul to 2 Jul.\nTimers
-    ics $D:20270401 $D:20270401 >x; add 7; add 6 --type always -> holidays import x --all; ctl list \
-      => 0 Holidays 1 are added: 1 Apr.\nTimers that skip them: 1\nNote: Hol =/> Holidays 2
+    ics $D:20270401 $D:20270401 >x; add 7; add 6 --type always -> \
+      holidays import x --all; holidays import x --all; ctl list => 0 Holidays 1 are added: 1 Apr.\nTimers \
+      that skip them: 1\nNote: Hol ... All of them are there already.\nTimers that skip them: 1\n ... no holidays =/> Holidays 2
     ics $D:20261214\\nDTEND${D#DTSTART}:20261216 $D:20271215 >x -> holidays import x => 0 \
       1 are added: 14 Dec to 15 Dec.\nTimers =/> Holidays 2
     ics $D:20270401\\nSUMMARY:$(printf %099d 0)ü >x -> holidays import x => 0 000.\nTimers
@@ -707,8 +589,6 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     ics $D:20270401 >x -> holidays import - --check -j <x; holidays => 0 {"added":[{"id":null,"first":\
     {"month":4,"day":1,"end_of_february":false},"last":{"month":4,"day":1,"end_of_february":false},\
     "name":""}],"skipped_by":[],"moved":[],
-    ics $D:20270401 >x; add 7; holidays import x -> holidays import x --all; ctl list => 0 \
-      All of them are there already.\nTimers that skip them: 1\n
     ics $D:20261214 $D:20271215 DTSTART:20270401T080000Z $D:20270401\\nSTATUS:CANCELLED \
       $D:20100401\\nRRULE:FREQ=HOURLY $D:20270401\\nDTEND${D#DTSTART}:20280402 >x -> \
       holidays import x => 1 x has no entry of whole days in the coming year; nothing is imported
@@ -716,10 +596,8 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     ics $D:20270401 | head -n4 >x -> holidays import x => 1 is cut off
     echo x | holidays import - => 1 standard input is no calendar in
     ics $D:20270402 $D:20270401 >x -> holidays import x => 0 Holidays 1 are added: 1 Apr.
-    holidays import /tmp => 1 cannot read /tmp: Is a directory
     holidays import y => 1 cannot read y: No such file
-    printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; ics $D:20270401 >x -> \
-      PATH=$PWD:$PATH dravelctl --host=a@b holidays import x => 0 Holidays 1 are added: 1 Apr.
+    ics $D:20270401 >x -> fake ssh 'shift 2; eval "$1"'; dravelctl --host=a@b holidays import x => 0 1 Apr.
   )");
 }
 
@@ -747,10 +625,8 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     file $once $christmas,$boxing; holidays add 12-24 12-25; holidays add 12-26; \
       add '2026-12-24 22:00' --type off --holidays skip -> ctl apply x => 0 Nothing to change.
     file $once $year -> ctl apply x => 0 22:00 has holidays on every day; no timer is set
-    file $seven $christmas -> ctl apply x -j => 0 "holidays_added":[{"id":1,
-    file '{"type":0,"at":"2026-12-21T07:00:00+01:00","days":["Mon"]}' -> ctl apply x => 0 \
-      Note: x: timers[0]: it repeats at 07:00 of its clock
-    eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x -j => 0 "changed":true,
+    file $seven $christmas -> ctl apply x -j => 0 "changed":true, ... "holidays_added":[{"id":1,
+    file '{"type":0,"at":"2026-12-21T07:00:00+01:00","days":["Mon"]}' -> ctl apply x => 0 Note: x: timers[0]:
     one_period; file $seven "$christmas,"'{"first":{"month":1,"day":1},"last":{"month":1,"day":1}}' -> \
       ctl apply x => 1 Added holidays 24 Dec to 25 Dec.\nRefused: holidays 1 Jan: dravel-manager
     eighty; ctl cancel 80; add +50s --type off; file $off -> ctl apply x => 0 \
@@ -770,15 +646,12 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     add 7 --on mon; holidays add 12-24; echo '{"timers":[]}' >x -> ctl apply x; holidays => 0 24 Dec =/> Rem
     add 7 --on mon; add 6 --type 10; echo '{"holidays":[]}' >x -> ctl apply x => 0 Nothing to
     add 6:00 --type 10; file -> ctl apply x => 0 Nothing to
-    dravelctl -H -x list => 2 -H needs USER@HOST
-    dravelctl -H root@-x list => 2 -H needs USER@HOST
-    dravelctl -H => 2 -H needs USER@HOST
+    for to in '-x list' 'root@-x list' ''; do dravelctl -H $to; done => 2 -H needs ... -H needs ... -H needs
     ctl list -H a@b => 2 -H stands behind another word
     dravelctl -H a@b import y => 1 cannot read y: No such
     d=$(command -v dravelctl); PATH=/ $d -H a@b list => 3 cannot run ssh: Failed to
-    printf '#!/bin/sh\nshift 2; eval "$1"' >ssh; chmod +x ssh; add 7:00 --on mon; file $seven -> \
-      PATH=$PWD:$PATH dravelctl -Ha@b apply -t 5 x => 0 Nothing to change.
-    printf '#!/bin/sh\nexit 255' >ssh; chmod +x ssh -> PATH=$PWD:$PATH dravelctl -H a@b list => 3 cannot reach a@b
+    add 7 --on mon; file $seven -> fake ssh 'shift 2; eval "$1"'; dravelctl -Ha@b apply -t 5 x => 0 Nothing
+    fake ssh 'exit 255'; dravelctl -H a@b list => 3 cannot reach a@b
   )");
 }
 
@@ -787,20 +660,19 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl juggle => 2 there is no command juggle; dravelctl help lists
     ctl '' => 2 dravelctl: there is no command ''; dravelctl help lists
     ctl help rm => 0 Cancel timers
-    ctl help juggle => 2 there is no command juggle
     ctl help cancel 3 => 2 there is no command cancel 3; dravelctl help lists those
     ctl hol add --at fri 20:00 => 2 there is no command hol, did you mean holidays?;
-    ctl help hol => 2 no command hol, did you mean holidays?;
     ctl help holidays ad => 2 no command holidays ad, did you mean add?; dravelctl help holidays lists
-    ctl --help => 0 \n  cancel, rm, delete, remove\n                            Cancel timers\n
-    ctl -V -j => 0 {"version":"1
-    ctl list --help -j => 0 {"name":"list","summary":
-    ctl -j --help => 0 {"name":"dravelctl",
+    ctl lsit => 2 no command lsit, did you mean list?;
     ctl del => 2 no command del, did you mean delete?;
     ctl edit 1 --at 8 => 2 did you mean change?
+    ctl --help => 0 \n  cancel, rm, delete, remove\n                            Cancel timers\n
+    ctl list --help -j => 0 {"name":"list","summary":
     ctl help add => 0 \n  --on DAYS                 Repeat
     ctl help holidays add => 0 Usage: dravelctl holidays add
+    ctl -V => 0 dravelctl 1
     signal STOP -> wait=0.2; add 7 -j; status=$?; signal CONT; exit $status => 3 "kind":"timeout"
+    signal STOP -> wait=0.5; ctl; status=$?; signal CONT; exit $status => 3 not answer within 0.5 seconds
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/x ctl list => 3 no system bus: Could not connect: No such
     ctl --json -H => 2 "what":"-H needs USER@HOST"
     ctl list foo => 2 list does not take foo; write it as in dravelctl list
@@ -817,52 +689,32 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     add 7:00 >/dev/full; ctl list => 0 is carried out, but dravelctl cannot write
     mkfifo p -> exec 3<>p 4>p 3>&-; ctl help >&4; echo $? => 0 0\n =/> Broken pipe
     ctl -- show 1 => 2 write the command before --
-    signal STOP -> wait=0.5; ctl; status=$?; signal CONT; exit $status => 3 \
-      did not answer within 0.5 seconds; it may still do what it was asked
-    ctl lsit => 2 no command lsit, did you mean list?;
-    ctl -j lsit => 2 {"error":{"kind":"usage","what":"there is no command lsit, did you mean list?"
-    add 25:00 -j => 2 ,"option":"--at"}}
+    add 25:00 -j => 2 {"error":{"kind":"usage","what":"--at=25:00 is ... ,"option":"--at"}}
     ctl show 9 -j => 1 {"error":{"kind":"refused","what":"there is no timer 9"
-    add $(printf %05000d) => 2 --at=00000 =/> 00000000000000000000000000000000000000000000000000000\
-      0000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000000\
-      0000000000000000000000000000000000000000000000000000000
+    add $(printf %05000d) 2>&1 | sed 's/0\{200\}/long/' => 0 --at=00000 =/> long
     ctl monitor --count 0 => 2 --count=0 is no count of expiries; give 1 or more
-    ctl help show --json => 0 {"name":"show","summary":"Show one timer","options":[{"name":"ID"
-    ctl -V => 0 dravelctl 1
   )");
-  EXPECT_THAT(shell("dravelctl check").said, HasSubstr("problem Daemon: dravel-manager is not "));
-  EXPECT_THAT(shell(kApply + std::string("file $seven,$seven; dravelctl import x")).said,
-              testing::StartsWith("dravelctl: dravel-manager is not running; start it"));
-  const outcome alone = shell(
-      "mkfifo p; timeout --foreground 9 dravelctl monitor 2>p & read line <p; echo $line; kill $!\n"
-      "dravelctl list -j; dravelctl list");
-  EXPECT_EQ(alone.status, 3);
-  EXPECT_THAT(alone.said, HasSubstr("dravel-manager is not running; waiting for it."));
-  EXPECT_THAT(
-      alone.said,
-      HasSubstr("{\"error\":{\"kind\":\"not-running\",\"what\":\"dravel-manager is not running"));
-  EXPECT_THAT(alone.said, HasSubstr("\ndravelctl: dravel-manager is not running"));
 }
 
-// fits NAME LINE: says what of the document that the line prints is not as the schema NAME has it.
-const std::string kFits =
-    std::string("schema=$(dirname " INTROSPECTION_XML ")/dravelctl.schema.json\n") +
-    R"(
-cat >fits.py <<'END'
-import json, jsonschema, sys
-schema = json.load(open(sys.argv[1]))
-for line in sys.stdin:
-    jsonschema.validate(json.loads(line), {**schema, '$ref': '#/$defs/' + sys.argv[2]})
-END
-fits() {
-  name=$1; shift
-  dravelctl "$@" -j | tr '\n' ' ' | /usr/bin/python3 fits.py $schema "$name" 2>&1 | sed "s/^/$name: /"
+class CtlAlone : public Ctl {
+  void begin_step() override {}
+  void end_step() override {}
+};
+
+TEST_F(CtlAlone, SaysThatNoDaemonRuns) {
+  check(R"(
+    ctl check => 1 problem Daemon: dravel-manager is not running
+    file $seven,$seven -> ctl import x => 3 dravelctl: dravel-manager is not running; start it =/> added
+    ctl list => 3 dravelctl: dravel-manager is not running
+    ctl list -j => 3 {"error":{"kind":"not-running","what":"dravel-manager is not running
+    mkfifo p -> timeout --foreground 9 dravelctl monitor 2>p & read said <p; echo $said; kill $! => 0 \
+      not running; waiting
+  )");
 }
-)";
 
 TEST_F(Ctl, Documents_FitTheirSchemas) {
   start();
-  const outcome faults = shell(kHelpers + kFits + kApply + R"(
+  const outcome faults = shell(kHelpers + R"(
 three >/dev/null 2>&1
 fits add add --at 7:00; fits change change 4 --at 8:00; fits cancel cancel 5; fits show show 1
 for name in status list wakeup explain week halt types overview export; do fits $name $name; done
@@ -874,7 +726,7 @@ fits 'holidays ignore' holidays ignore 6; fits help help; fits version -V; fits 
 {
   start_monitor --json; add 9:00; ctl halt on; ctl rm --all; holidays add 12-26; until_told s-added >m
 } >/dev/null 2>&1
-/usr/bin/python3 fits.py $schema monitor <m
+name=monitor document_fits <m
 mkdir b; fits backup backup b; fits restore restore b)");
   EXPECT_EQ(faults.said, "");
 }
@@ -895,15 +747,12 @@ done; echo "$count examples")");
 }
 
 // What stands in the daemon's place, in all steps of a case, tells what they let it tell.
-class CtlWithout : public Ctl {
+class CtlWithout : public CtlAlone {
 protected:
   CtlWithout() { simulated_.wait_name(bus, kDaemon); }
   ~CtlWithout() override { simulated_.stop(); }
 
 private:
-  void begin_step() override {}
-  void end_step() override {}
-
   process simulated_{{"/usr/bin/python3", "-m", "dbusmock", "--system", kDravelBusName,
                       kDravelObjectPath, kDravelBusName}};
 };
@@ -923,8 +772,8 @@ TEST_F(CtlWithout, WhatADaemonTells_IsShown_AndWhatItDoesNotTell_IsMarkedAsGuess
       wakes the set, reason 20.\nThis machine then starts dravel-wakeup@20.target; the television stays off.\n
     ctl wakeup => 0       Timer: 2\n
     method request_set_disable_period $(printf i%.0s $(seq 20)) i 3; denied schedule_timer iiiiiiiiiiiiiii; \
-      file $seven,$seven $christmas -> ctl import x => 4 1 added, 0 refused.\ndravelctl: you may not change the timers;
-    file $seven,$seven $christmas -> ctl import x -j => 4 {"added":1,"ids":[],"refused":[{"what":"the rest","why":"you may
+      file $seven,$seven $christmas -> ctl import x => 4 1 added, 0 refused.\ndravelctl: you may not change
+    file $seven,$seven $christmas -> ctl import x -j => 4 {"added":1,"ids":[],"refused":[{"what":"the rest",
     file $seven,$seven -> ctl import x -j => 4 {"error":{"kind":"not-allowed",
     method request_timer_list i iay '(1, [1])' -> ctl list => 1 the answer to request_timer_list is \
       not understood; dravelctl and dravel-manager are of different versions
@@ -934,22 +783,18 @@ TEST_F(CtlWithout, WhatADaemonTells_IsShown_AndWhatItDoesNotTell_IsMarkedAsGuess
 
 TEST_F(CtlWithout, WhatAMachineTells_IsShown) {
   check(R"steps(
-    newer true; machine -> export TZ=CET-1; ctl => 0 \
-      Problem: One thing. dravelctl check shows more.\n
-    export TZ=CET-1; ctl => 0 \n    Woken by: timer 2 (wake-20, once)\n      Screen: on, by cec0 1.0.0.0\n       \
-      Alarm: Wed 2026-12-16 08:00:00, in 20 hours, for another program\nLast wake-up: Tue 2026-12-15 \
-      08:00:00, on the way to a later on-time\n      Sleeps: Tue 2026-12-15 13:30:00, in 90 minutes; \
-      postponed: a download\n
-    ctl -j => 0 "woken_by":{"id":2,
-    export TZ=CET-1; ctl -j => 0 "alarm":"2026-12-16T08:00:00+01:00","alarm_seconds":1797404400,\
-      "alarm_for":"foreign","alarm_problem":"","last_wake":"2026-12-15T08:00:00+01:00",\
-      "last_wake_seconds":1797318000,"last_wake_cause":"hop","sleeps_at":"2026-12-15T13:30:00+01:00",\
-      "sleeps_at_seconds":1797337800,"postponed":"a download","problems":["one thing","/etc/dravel-manager.conf: x"]
-    ctl check => 1 note    NTP: timedated does not answer
-    ctl check => 1 problem Sleep: logind does not answer
-    ctl check => 1 Other alarm: Wed 2026-12-16 07:00:00, in 19 hours, for another program; the \
-      machine's own follows it\nok      Screen: the television answers to cec0 1.0.0.0: on\nproblem \
-      Machine: one thing; journalctl -t DRAVEL_LINUX\nproblem Configuration: /etc/dravel-manager.conf: x; correct it, then: systemctl reload dravel-manager\n
+    newer true; machine -> export TZ=CET-1; ctl => 0 Problem: One thing. dravelctl check shows more.\n ... \
+      Woken by: timer 2 (wake-20, once)\n      Screen: on, by cec0 1.0.0.0\n       Alarm: Wed 2026-12-16 \
+      08:00:00, in 20 hours, for another program\nLast wake-up: Tue 2026-12-15 08:00:00, on the way to ... \
+      Sleeps: Tue 2026-12-15 13:30:00, in 90 minutes; postponed: a download\n
+    export TZ=CET-1; ctl -j => 0 "woken_by":{"id":2, ... "alarm":"2026-12-16T08:00:00+01:00", ... \
+      "alarm_for":"foreign","alarm_problem":"","last_wake":"2026-12-15T08:00:00+01:00", ... \
+      "last_wake_cause":"hop","sleeps_at":"2026-12-15T13:30:00+01:00", ... "postponed":"a download",\
+      "problems":["one thing","/etc/dravel-manager.conf: x"]
+    ctl check => 1 note    NTP: timedated does not answer ... problem Sleep: logind does not answer ... \
+      Other alarm: Wed 2026-12-16 07:00:00, in 19 hours, for another program; the machine's own ... \
+      ok      Screen: the television answers to cec0 1.0.0.0: on\nproblem Machine: one thing; journalctl \
+      ... problem Configuration: /etc/dravel-manager.conf: x; correct it
     machine '' unknown -> ctl check => 1 note    Screen: the television does not answer to cec0 1.0.0.0 now
     machine "$screen else 'off'})" -> ctl test screen --seconds 1 => 0 \nThe television said: off, then on.\n
     machine "$screen else 'unknown'})" -> ctl test screen --seconds 0 => 0 : nothing, then on.\n
@@ -963,7 +808,7 @@ TEST_F(CtlWithout, WhatAMachineTells_IsShown) {
 }
 
 TEST_F(CtlWithout, Documents_FitTheirSchemas) {
-  const outcome faults = shell(kAll + kFits + R"sh(
+  const outcome faults = shell(kHelpers + R"sh(
 newer true $noon; machine "$screen else 'off'})"; fits 'test screen' test screen --seconds 0
 for name in status overview screen check explain; do fits $name $name; done
 wakes 31 test; fits 'test wake' test wake --seconds 31)sh");
@@ -971,7 +816,7 @@ wakes 31 test; fits 'test wake' test wake --seconds 31)sh");
 }
 
 TEST_F(CtlWithout, Monitor_JoinsTheSignalsOfAnExpiry) {
-  const outcome told = shell(kHelpers + std::string(R"(
+  const outcome told = shell(kHelpers + R"(
 send() {
   busctl call $daemon $object $bus.Mock EmitSignal -- sssav \
     $daemon dravel_$1 i 1 i $2
@@ -981,7 +826,7 @@ send type_expired 9 # the rest of it came too early
 send week_flag_expired 34; send expired 7; send type_expired 1
 send week_flag_expired 34; send type_expired 9 # the middle of it is missing
 send week_flag_expired 0; send expired -10; send type_expired 10
-cut -d' ' -f5- <&3; wait $!)"));
+cut -d' ' -f5- <&3; wait $!)");
   EXPECT_EQ(told.status, 0);
   EXPECT_THAT(told.said, testing::EndsWith("\ntimer 7 expired: off, Mon,Fri\n"
                                            "timer -10 expired: transient-off, once\n"));
@@ -989,9 +834,12 @@ cut -d' ' -f5- <&3; wait $!)"));
 
 TEST_F(Ctl, Monitor_TellsEveryChange) {
   check(R"steps(
-    start_monitor; in_berlin; add 7 >n; told wake => 0 \nTue 2026-12-15 12:00:00  timer 1 added: on, once, \
-      Wed 2026-12-16 07:00:00, in 19 hours\nTue 2026-12-15 12:00:00  the set is programmed to wake on Wed \
-      2026-12-16 06:00:00 UTC for timer 1\n
+    start_monitor; in_berlin; add 7 >n; until_told wake; holidays skip 1 >n; until_told changed; \
+      holidays add 12-24 >n; until_told ' added:'; ctl rm 1 >n; told 'wake for' => 0 \
+      timer 1 added: on, once, Wed 2026-12-16 07:00:00, in 19 hours\nTue 2026-12-15 12:00:00  \
+      the set is programmed to wake on Wed 2026-12-16 06:00:00 UTC for timer 1\n ... \
+      timer 1 changed: on, once, Wed 2026-12-16 07 ... holidays 1 added: 24 Dec\n ... \
+      timer 1 removed: cancelled\nTue 2026-12-15 12:00:00  the set is programmed to wake for nothing\n
     start_monitor -j; add 14:00; told '"wakeup"' => 0 "event":"added","id":1,"timer":{"id":1
     start_monitor; asleep; told clock => 0 the clock is known, not confirmed\n
     start_monitor; lose_clock; ctl halt off; told clock => 0 the clock is not known, confirmed\n
@@ -1005,12 +853,8 @@ TEST_F(Ctl, Monitor_TellsEveryChange) {
       "event":"expired","id":-10,"type":10,"type_name":"transient-off","days":[],"halted":true
     start_monitor; add +1s --type 10; told expired; ctl explain => 0 \
       It is not armed: it has expired, and a transient timer stays listed.
-    start_monitor; holidays add 12-24; told ' added:' => 0 holidays 1 added: 24 Dec\n
     holidays add 12-24 -> start_monitor -j; holidays remove 1; told removed => 0 \
       "event":"holidays-removed","id":1,"holidays":{"id":1,"first":{"month":12,"day":24
-    add 7 -> start_monitor; holidays skip 1; told changed => 0 timer 1 changed: on, once, Wed 2026-12-16 07
-    add 7 -> start_monitor; ctl rm 1; told 'wake for' => 0 timer 1 removed: cancelled\nTue 2026-12-15 \
-      12:00:00  the set is programmed to wake for nothing\n
     add 7 -> start_monitor -j; ctl rm 1; told '"wakeup"' => 0 "event":"removed","id":1,"why":"cancelled"
     add 12:30 --on daily -> start_monitor; set_clock $((noon + 7200)); told 'is now' => 0 \
       timer 1 is now armed for Wed 2026-12-16 12:30:00\n

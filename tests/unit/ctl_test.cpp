@@ -5,6 +5,7 @@
 #include "judgement.h"
 #include "linux_clock.h"
 #include "parse.h"
+#include "words.h"
 
 #include <system_log.h>
 
@@ -106,7 +107,7 @@ private:
   std::string any_time();
   void add_any();
   void go_to(std::int64_t utc);
-  void run_until(std::int64_t until, std::vector<seen_firing> &seen);
+  std::vector<seen_firing> run_until(std::int64_t until);
 
   std::int64_t utc_ = 0;
   std::vector<std::int64_t> times_; // that several timers have
@@ -148,7 +149,6 @@ void Forecasts::start(const std::string &zone, bool is_linux, unsigned seed) {
     start_linux_clock(utc_, standin_announce_time_set);
   else
     standin_follow_transitions();
-  std::vector<seen_firing> seen;
   for (int i = any(0, 2); i > 0; --i) {
     const std::int64_t from = linux_tv_clock(utc_) + kDay * any(-1, 9);
     const auto day = [](std::int64_t at) { return time_text(static_cast<time_value>(at)); };
@@ -157,7 +157,7 @@ void Forecasts::start(const std::string &zone, bool is_linux, unsigned seed) {
   }
   for (int i = 0; i < kTimers; ++i) {
     add_any();
-    run_until(utc_ + (any(0, 1) != 0 ? any(1, 7000) : 0), seen);
+    run_until(utc_ + (any(0, 1) != 0 ? any(1, 7000) : 0));
   }
 }
 
@@ -171,8 +171,8 @@ void Forecasts::end() {
 // --- what happens ---
 
 // The loop's timers and, on the Linux platform, what it waits for, in their order.
-void Forecasts::run_until(std::int64_t until, std::vector<seen_firing> &seen) {
-  for (;;) {
+std::vector<seen_firing> Forecasts::run_until(std::int64_t until) {
+  for (std::vector<seen_firing> seen;;) {
     const loop_timer *first = nullptr;
     for (const auto &timer : live_timers())
       if (first == nullptr || timer->seconds < first->seconds)
@@ -180,7 +180,7 @@ void Forecasts::run_until(std::int64_t until, std::vector<seen_firing> &seen) {
     const std::int64_t at = first == nullptr ? INT64_MAX : utc_ + std::llround(first->seconds);
     const std::int64_t due = is_linux_ ? next_of_linux_clock() : INT64_MAX;
     if (std::min(at, due) > until)
-      return go_to(until);
+      return go_to(until), seen;
     go_to(std::min(at, due));
     if (due <= at) {
       pass_linux_clock(utc_);
@@ -288,8 +288,7 @@ void Forecasts::compare() {
 
   const auto end_of_week = floor<std::chrono::days>(view.now.set) + std::chrono::days(7);
   const std::int64_t until = utc_ + 35 * kDay;
-  std::vector<seen_firing> seen;
-  run_until(until, seen);
+  const std::vector<seen_firing> seen = run_until(until);
 
   std::string week_seen;
   for (const seen_firing &firing : seen)
@@ -359,33 +358,84 @@ TEST(Explanation, GoesOnUntilATimerForAFarDateHasFired) {
   EXPECT_EQ(forecast(view).firings.size(), 36U); // of five weeks
 }
 
-// The daemon counts the seconds that the clock shows: of an hour that it shows twice the first is
-// meant, and a time that it leaves out comes so long after the change.
-TEST(Words, ATimeHasTheOffsetOfTheMomentAtWhichTheDaemonMeansIt) {
-  constexpr std::pair<const char *, const char *> kTimes[] = {
-      {"2026-10-25 02:30", "2026-10-25T02:30:00+02:00"},
-      {"2026-10-25 03:00", "2026-10-25T03:00:00+01:00"},
-      {"2026-03-29 02:30", "2026-03-29T02:30:00+01:00"},
-      {"2026-07-01 12:00", "2026-07-01T12:00:00+02:00"}};
-  set_zone(kBerlin);
-  for (const auto &[time, iso] : kTimes)
-    EXPECT_EQ(in_zone(civil(time_of(time))).iso, iso);
-  EXPECT_EQ(from_utc(civil(time_of("2026-10-25 01:30"))).iso, "2026-10-25T02:30:00+01:00");
-  EXPECT_EQ(civil_of(civil(time_of("2026-07-01 12:00"))), civil(time_of("2026-07-01 14:00")));
-  set_zone(nullptr);
+// --- what people write ---
+
+class Words : public testing::Test {
+protected:
+  Words() { set_zone(kBerlin); }
+  ~Words() override { set_zone(nullptr); }
+
+  // Rows of what is written and what it means, parted by semicolons.
+  template <typename Read> static void check(const std::string &rows, Read read) {
+    static const std::regex each(R"(\s*([^>;]*?) *> *([^;\n]*))");
+    for (std::sregex_iterator row(rows.begin(), rows.end(), each), end; row != end; ++row)
+      EXPECT_EQ(read((*row)[1].str()), (*row)[2].str()) << (*row)[1];
+  }
+  static std::string meant(const std::string &text) { // of an off-timer, on a Tuesday at noon
+    const civil_time now = civil(time_of(kNoon));
+    const auto time = parse_time(text, now);
+    return time ? time_text(seconds_of(requested_time(*time, {.type = TIMER_TYPE_OFF}, {now, now})))
+                : "";
+  }
+  static std::string days(const std::string &text) {
+    return short_days_text(parse_days(text).value_or(0));
+  }
+};
+
+TEST_F(Words, ATime_IsUnderstoodAsPeopleWriteIt) {
+  check(R"(
+    7:00 > 16 07:00; 19:30:15 > 15 19:30:15; 7 > 16 07:00; 7:30 pm > 15 19:30; 12am > 16 00:00
+    tomorrow 7:00 > 16 07:00; 7:00 tomorrow > 16 07:00; today 13:00 > 15 13:00
+    tomorrow noon > 16 12:00; fri 20:00 > 18 20:00; Tuesday 11:00 > 22 11:00
+    tue 12:00:01 > 15 12:00:01; next fri 7pm > 18 19:00; next tue midnight > 22 00:00
+    +1h45m > 15 13:45; +90s > 15 12:01:30; +45 min > 15 12:45; +1w > 22 12:00
+    2026-12-24 18:00 > 24 18:00; 2026-12-24T08:00-05:00 > 24 14:00
+    Thu 2026-12-24 07:00:00 UTC > 24 08:00; 2026-12-24T07:00Z > 24 08:00
+    13pm > ; 0am > ; +45 > ; 7:00:60 > ; 25:00 > ; 7:0 > ; +9999w > ; 7:00 8:00 > ; 08:00-05:00 >
+    2026-14-24 18:00 > ; Fri 2026-12-24 07:00 > ; today tomorrow 7:00 > ; mo 7:00 > )",
+        meant);
 }
 
-// On a Thursday at noon.
-TEST(Words, ATimeThatHasPassed_IsTheLastOneThatFits) {
-  constexpr const char *kTimes = R"(
+TEST_F(Words, Days_AreUnderstood_AndWrittenShort) {
+  check(R"(
+    mon-fri > weekdays; mon, tue Fri > Mon,Tue,Fri; sat-mon > Mon,Sat,Sun; someday > once; > once
+    mon-thu sat sun > Mon-Thu,Sat,Sun; tue-fri,sun > Tue-Fri,Sun; lun-mer > once)",
+        days);
+}
+
+TEST_F(Words, AreUnderstoodInTheUsersLanguageToo) {
+  setenv("LC_ALL", "de_DE.UTF-8", 1);
+  check("mi. 7:00 > 16 07:00; wed 7:00 > 16 07:00; m 7:00 > ", meant);
+  setenv("LC_ALL", "fr_FR.UTF-8", 1);
+  check("lun-mer > Mon-Wed", days);
+  unsetenv("LC_ALL");
+}
+
+TEST_F(Words, ATimeThatHasPassed_IsTheLastOneThatFits) {
+  check(R"(
     yesterday > 23 00:00; yesterday 20:00 > 23 20:00; today > 24 00:00; 7:00 > 24 07:00; 20:00 > 23 20:00
     thu > 24 00:00; thu 20:00 > 17 20:00; fri 8pm > 18 20:00; 2026-12-01 > 01 00:00; 3h > 24 09:00
     -1d > 23 12:00; 2 hours ago > 24 10:00; tomorrow > ; 2026-12-25 > ; wed 2026-12-24 > ; 99999w >
-    next fri > ; 7 > 24 07:00; > ; soon > )";
-  const std::regex each(R"(\s*([^>;\n]*?) *> *([0-9: ]*))");
-  for (std::cregex_iterator row(kTimes, kTimes + std::strlen(kTimes), each), end; row != end;
-       ++row) {
-    const auto past = parse_past((*row)[1], civil(time_of("24 12:00")));
-    EXPECT_EQ(past ? time_text(seconds_of(*past)) : "", (*row)[2].str()) << (*row)[1];
-  }
+    next fri > ; 7 > 24 07:00; > ; soon > )",
+        [](const std::string &text) { // on a Thursday at noon
+          const auto past = parse_past(text, civil(time_of("24 12:00")));
+          return past ? time_text(seconds_of(*past)) : "";
+        });
+}
+
+TEST_F(Words, ASpan_HasTheLargestUnitOfWhichThereAreTwo) {
+  check("119 > 119 seconds; 120 > 2 minutes; 7199 > 119 minutes; 7200 > 2 hours; 172799 > 47 hours;"
+        "172800 > 2 days; 1 > 1 second; -1 > 0 seconds",
+        [](const std::string &span) { return span_text(std::chrono::seconds(std::stoi(span))); });
+}
+
+// The daemon counts the seconds that the clock shows: of an hour that it shows twice the first is
+// meant, and a time that it leaves out comes so long after the change.
+TEST_F(Words, ATimeHasTheOffsetOfTheMomentAtWhichTheDaemonMeansIt) {
+  check(R"(
+    2026-10-25 02:30 > 2026-10-25T02:30:00+02:00; 2026-10-25 03:00 > 2026-10-25T03:00:00+01:00
+    2026-03-29 02:30 > 2026-03-29T02:30:00+01:00; 2026-07-01 12:00 > 2026-07-01T12:00:00+02:00)",
+        [](const std::string &time) { return in_zone(civil(time_of(time))).iso; });
+  EXPECT_EQ(from_utc(civil(time_of("2026-10-25 01:30"))).iso, "2026-10-25T02:30:00+01:00");
+  EXPECT_EQ(civil_of(civil(time_of("2026-07-01 12:00"))), civil(time_of("2026-07-01 14:00")));
 }
