@@ -486,6 +486,7 @@ TEST_F(Ctl, History_TellsWhatTheJournalHas) {
     night -> export TZ=CET-9; past --since $(date -ud @$(ago 3) +%FT%T+00:00) => 0  timer 4 is removed =/> Stopped
     night -> export TZ=CET-3; past --since "$(date -d @$(ago 3) '+%F %T')" => 0  timer 4 is removed =/> Stopped
     night -> past 4 => 0  timer 4 is removed: past\n =/> timer 3
+    night -> past --since 4d => 0  the machine is sent to sleep: suspend\n
     night -> past 7 => 0 Nothing has happened since
     night -> past -j 3 => 0 ,"event":"halted","timer":3,"reason":"","text":"timer 3 does not act: timers
     night -> export TZ=CET-1; past | grep -c "$(date -d @$(ago 2) '+%F %H:%M')" => 0 1
@@ -572,6 +573,7 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
   check(R"(
     ics $D:20101226\\nRRULE:FREQ=YEARLY\\nSUMMARY:Boxing\\\\nDay >x -> holidays import x => 0 \
       Holidays 1 are added: 26 Dec, Boxing Day.\nTimers that skip them: none\nNote: No timer skips
+    holidays import /tmp => 1 cannot read /tmp: Is a directory
     ics $D:20270101 >x; ics $D:20270401 >>x -> holidays import x => 0 1 Jan.\nHolidays 2 are added: 1 Apr.
     ics $D:20261231\\nDTEND${D#DTSTART}:20270103 >x; add 7 --holidays skip; add 8; add 6 --type always \
       -> holidays import x; ctl -j holidays => 0 Holidays 1 are added: 31 Dec.\nHolidays 2 are added: \
@@ -671,6 +673,10 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl help add => 0 \n  --on DAYS                 Repeat
     ctl help holidays add => 0 Usage: dravelctl holidays add
     ctl -V => 0 dravelctl 1
+    ctl -V -j => 0 {"version":"1
+    ctl -j --help => 0 {"name":"dravelctl",
+    ctl help show --json => 0 {"name":"show","summary":"Show one timer","options":[{"name":"ID"
+    ctl -j lsit => 2 {"error":{"kind":"usage","what":"there is no command lsit, did you mean list?"
     signal STOP -> wait=0.2; add 7 -j; status=$?; signal CONT; exit $status => 3 "kind":"timeout"
     signal STOP -> wait=0.5; ctl; status=$?; signal CONT; exit $status => 3 not answer within 0.5 seconds
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/x ctl list => 3 no system bus: Could not connect: No such
