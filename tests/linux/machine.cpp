@@ -41,10 +41,10 @@ static constexpr const char *kMock = "org.freedesktop.DBus.Mock";
 
 fake_rtc rtc;
 fake_cec cec;
-std::int64_t glib_seconds;
 
 static std::int64_t wall_clock = kNow;
 static std::int64_t slept;                               // seconds
+static std::int64_t passed;                              // while it was awake
 static std::multimap<double, Ecore_Task_Cb> live_timers; // by their seconds
 static std::string record_of_events;
 static int journal = -1;
@@ -194,11 +194,13 @@ int clock_gettime(clockid_t clock, timespec *out) noexcept {
   if (clock == CLOCK_REALTIME)
     *out = {wall_clock, 0};
   else if (clock == CLOCK_BOOTTIME)
-    out->tv_sec += slept;
+    out->tv_sec += passed + slept;
+  else if (clock == CLOCK_MONOTONIC)
+    out->tv_sec += passed;
   return result;
 }
 
-gint64 g_get_monotonic_time() { return glib_seconds * G_USEC_PER_SEC; }
+gint64 g_get_monotonic_time() { return passed * G_USEC_PER_SEC; }
 
 Ecore_Timer *ecore_timer_add(double seconds, Ecore_Task_Cb callback, const void *) {
   return reinterpret_cast<Ecore_Timer *>(&*live_timers.emplace(seconds, callback));
@@ -213,6 +215,11 @@ void *ecore_timer_del(Ecore_Timer *timer) {
 }
 
 void set_now(std::int64_t utc) { wall_clock = utc; }
+
+void pass(std::int64_t seconds) {
+  wall_clock += seconds;
+  passed += seconds;
+}
 
 void sleep_for(std::int64_t seconds) {
   wall_clock += seconds;
@@ -254,6 +261,13 @@ void tell(const bus_service &service, const char *method, const std::string &arg
 
 void set_property(const bus_service &service, const char *property, const std::string &value) {
   tell(service, "UpdateProperties", std::string("{'") + property + "': <" + value + ">}");
+}
+
+void refuse(const bus_service &service, const char *method, const char *types) {
+  tell(service, "AddMethod",
+       std::string("'") + method + "', '" + types +
+           "', '', \"raise dbus.exceptions.DBusException('no', "
+           "name='org.freedesktop.DBus.Error.AccessDenied')\"");
 }
 
 void emit(const bus_service &service, const char *signal, const char *types,

@@ -48,8 +48,6 @@ struct fake_cec {
 extern fake_cec cec;
 cec_msg received(std::initializer_list<std::uint8_t> bytes);
 
-extern std::int64_t glib_seconds; // its monotonic clock
-
 // What the daemon says has become due during a sleep.
 extern std::vector<due_timer> late_timers;
 
@@ -66,6 +64,7 @@ void write_file(const std::string &path, const std::string &content);
 std::string read_file(const std::string &path); // without a newline at the end
 
 void set_now(std::int64_t utc);
+void pass(std::int64_t seconds);
 void sleep_for(std::int64_t seconds); // the machine: both of its clocks move
 std::string timers();                 // the seconds of all main-loop timers, as "1 120"
 void fire();                          // the only one
@@ -82,6 +81,7 @@ std::string next_entry(); // of the journal, "" when there is none; `seen` takes
 // Calls a method of the simulation of `service`, with arguments in GVariant's text form.
 void tell(const bus_service &service, const char *method, const std::string &arguments);
 void set_property(const bus_service &service, const char *property, const std::string &value);
+void refuse(const bus_service &service, const char *method, const char *types);
 void emit(const bus_service &service, const char *signal, const char *types,
           const std::string &values);
 bus_client &client(); // the case's own connection
