@@ -82,7 +82,7 @@ document_fits() {
   /usr/bin/python3 -c '
 import json, jsonschema, sys
 schema = json.load(open(sys.argv[1]))
-for line in sys.stdin:
+for line in list(sys.stdin) or [""]:
     jsonschema.validate(json.loads(line), {**schema, "$ref": "#/$defs/" + sys.argv[2]})
 ' $schema "$name" 2>&1
 }
