@@ -202,7 +202,7 @@ static const std::map<std::string_view, step_fn> kSteps = {
     {"pass", [](arguments) { state_changes(), events(), logged(); }},
 };
 
-void do_step(arguments a) { find_word(kSteps, a[0])(a.subspan(1)); }
+void do_step(arguments step) { find_word(kSteps, step[0])(step.subspan(1)); }
 
 // --- what is seen ---
 
