@@ -97,7 +97,7 @@ SCENARIOS(
 
 SCENARIOS(Decide, ATelevisionThatRefusesTheQuestion_StillGetsThePairThreeTimes,
           "set has_spoken no; screen_wanted on bus; each_second 20 tv_denies question $1 =>"
-          " tv_on 3 tv_ask $2 problems '$3'",
+          " tv_on 3 tv_ask $2 problems '$3' pending no",
           R"(
   yes | 1  |
   no  | 15 | television
@@ -114,7 +114,7 @@ SCENARIOS(Decide, AnAdapterThatComesLate_GetsTheOrder_UnlessItIsOld,
 
 SCENARIOS(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn, R"(
   screen_wanted off bus; each_second 20 tv_reports on
-    => problems television said 'television_stays 0 0';
+    => problems television believed on deliver state said 'television_stays 0 0';
     screen_wanted off bus; forget; each_second 20 tv_silent => problems '' say '!television_stays'
 )")
 
@@ -184,6 +184,8 @@ SCENARIOS(Decide, ATest_IsRefused_WhenSomethingIsInTheWay,
 // The alarm of the timer still stands.
 SCENARIOS(Decide, ATestWhoseAlarmTheDeviceDoesNotTake_DoesNotSleep, R"(
   program 0 +5000; refuse EBUSY; test_wake 7 100; unused => sleep '' answer EBUSY
+  program 0 +5000; refuse EIO; test_wake 7 100; unused => sleep '' answer EIO
+  machine no_cec; off_time; unused => stage asked; sleep_answered EBUSY => stage waiting why failed
 )")
 
 // An off-timer is of that second.
@@ -254,6 +256,7 @@ SCENARIOS(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForAS
   machine no_cec; unreadable; program 0 +5000; idle => problems alarm_read alarm_again_in 1;
     wait 1 => alarm_again_in 10; wait 10 => alarm_again_in 60; wait 60 => alarm_again_in -;
     off_time => why no_alarm; idle => alarm_again_in 1
+  unreadable; program 0 +5000; times 3 idle => read_alarm 2
 )")
 
 SCENARIOS(Decide, ADeviceThatIsNotThere_IsNotTriedAgain, R"(
@@ -543,4 +546,37 @@ SCENARIOS(Decide, ATestThatCannotSleep_IsOver_AndAnOrderIsNotTakenBack, R"(
 SCENARIOS(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload, R"(
   machine no_cec; screen_wanted off; configured off=poweroff => method poweroff;
     configured off=none => method none wish none
+)")
+
+SCENARIOS(Decide, AReturn_IsCountedFromTheLastChangeOfTheScreen_AndComesSoonAfterAHop, R"(
+  program 0 +1000; sleep 985; screen_wanted on; tv_reports on; pass 50; tv_reports off => return_in 120
+  program 0 +1000; sleep 985; screen_wanted on; each_second 20 tv_silent => return_in 115
+  set reach 86400; program 0 +259200; sleep 86400 => woken hop return_in 10
+)")
+
+SCENARIOS(Decide, AnOnTimerThatIsMadeUpFor_EndsAUsersOff, R"(
+  screen_wanted off bus => stays yes; zone_changed +5 yes; pass 5; late 0/+5; due
+    => stays no start_unit 'off wakeup on'
+  program 0 +1000; late 2/+985; sleep 990 => said 'late 5 0'
+)")
+
+SCENARIOS(Decide, WhatTheLastRunWanted_HoldsUntilThisOneIsArmed, R"(
+  program 0 +1000; pass 5; ended => went_utc +5;
+    start same_boot; idle => wanted +1000; armed; idle => wanted 0 alarm 0
+)")
+
+SCENARIOS(Decide, AStepOfAKnownClock_IsAllThatIsTold, R"(
+  pass 100; forget; step_clock 10 => deliver time_set
+)")
+
+SCENARIOS(Decide, ARestart_AsksForWhatItMayHaveMissed, R"(
+  pass 100; forget; start same_boot => ask_clock 1; armed => ask_late +0
+  screen_wanted on bus; tv_reports on; tv_reachable yes => believed on tv_ask 1
+)")
+
+SCENARIOS(Decide, AMachineThatLeaves_IsAskedAfter_AndTestedLater, R"(
+  sleep_begins => deliver standby; forget; sleep_begins => deliver ''; test_wake 7 60 => answer EALREADY
+  shutdown_begins => deliver standby; forget; shutdown_begins => deliver ''
+  sleep_begins; forget => leaving_in 60; wait 60 => ask_preparing 1 leaving_in 60
+  test_wake 7 60 => say test_begins
 )")

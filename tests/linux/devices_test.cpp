@@ -93,6 +93,7 @@ TEST_F(Rtc, IsRead_AndItsAlarmWrittenAndReadBack) {
   EXPECT_EQ(switch_off_rtc_alarm().error, 0);
   std::filesystem::remove("/sys/class/rtc/rtc0/since_epoch");
   EXPECT_EQ(read_rtc().error, ENOENT);
+  EXPECT_EQ(open_below("/dev/rtc"), 0);
 }
 
 TEST_F(Rtc, HasGivenTheTime_WhenItIsValidAndTheKernelTookIt) {
@@ -290,11 +291,11 @@ TEST_F(Television, BehindAUsbAdapter_HasTheAddressOfItsOutput) {
   cec.needs_address = true;
   open();
   EXPECT_EQ(cec_description(), "/dev/cec7 2.0.0.0");
-  configure("cec=/dev/cec7\ncec-physical-address=3.1.0.0");
+  configure("cec=/dev/cec7\ncec-physical-address=3.1.2.4");
   read_configuration();
   open_cec();
   change();
-  EXPECT_EQ(cec_description(), "/dev/cec7 3.1.0.0");
+  EXPECT_EQ(cec_description(), "/dev/cec7 3.1.2.4");
 }
 
 TEST_F(Television, WhoseAdapterIsMissing_IsAProblemOnlyWhenConfigured) {

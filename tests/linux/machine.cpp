@@ -316,7 +316,9 @@ std::string next_entry() {
   return {entry, static_cast<std::size_t>(std::max(size, ssize_t{0}))};
 }
 
-static void take_call(DBusMessage *arrived) {
+static void take_signal(DBusMessage *arrived) {
+  if (dbus_message_is_signal(arrived, DBUS_INTERFACE_PROPERTIES, "PropertiesChanged") != 0)
+    happened("changed " + body_text(arrived));
   if (dbus_message_is_signal(arrived, kMock, "MethodCalled") == 0)
     return;
   const std::string call = body_text(arrived); // as "('StopUnit', [<'x.target'>, <'replace'>])"
@@ -339,7 +341,7 @@ std::string seen() {
   for (std::string entry = next_entry(); !entry.empty(); entry = next_entry())
     if (entry.starts_with(kError))
       happened(entry.substr(kError.size(), entry.find('\n', kError.size()) - kError.size()));
-  client().drain(take_call);
+  client().drain(take_signal);
   return std::exchange(record_of_events, "");
 }
 
