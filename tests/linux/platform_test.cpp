@@ -496,8 +496,9 @@ TEST_F(Platform, OfAMachineThatATimerBooted_KnowsIt) {
 }
 
 TEST_F(Platform, ReadsItsConfigurationAgain_AndSettlesTheAlarmAtItsEnd) {
-  start();
+  start("lead-suspend=50");
   program(0, kNow + 3600);
+  EXPECT_EQ(read_file(kAlarmPath), std::to_string(kNow + 3550));
   configure("lead-suspend=100");
   raise(SIGUSR1);
   EXPECT_EQ(seen(), "");
