@@ -80,8 +80,9 @@ static void leave(decision &d, phase next) {
   tell(d, delivery::kStandby);
 }
 
+// After a shutdown it shows that this was called off.
 void on(decision &d, const event::sleep_begins &) {
-  if (is_leaving(d.m))
+  if (d.m.power.now == phase::kGoing)
     return;
   const bool by_user = d.m.sleep.stage != wish_stage::kAsked;
   leave(d, phase::kGoing);

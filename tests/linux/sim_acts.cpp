@@ -83,9 +83,11 @@ static void press_key(sim &w, std::int64_t, std::int64_t) {
   w.input_at = w.now;
   if (!w.is_alive || !w.watches_input)
     return;
-  w.first_seen_at = w.first_seen_at < w.up_at ? w.now : w.first_seen_at;
-  w.seen_at = w.now;
-  w.process_at(w.now + 1, [&w, at = w.boot_ms()] { w.send(event::input{at}); });
+  w.process_at(w.now + 1, [&w, pressed = w.now, at = w.boot_ms()] {
+    w.first_seen_at = w.first_seen_at < w.up_at ? pressed : w.first_seen_at;
+    w.seen_at = pressed;
+    w.send(event::input{at});
+  });
 }
 
 static void wake_by_itself(sim &w, std::int64_t, std::int64_t) {

@@ -343,11 +343,15 @@ void sim_checks::ordered(const order::any &what) {
 
 // --- 4: the return ---
 
+// Seconds by which an alarm may be taken for a hop or none, after a step of the clock.
+std::int64_t sim_checks::step_slack() const {
+  return stepped_at_ < world_.up_at ? 0 : kMostStepSeconds;
+}
+
 // What stands wakes the machine from such a sleep, and not later than at the on-time.
 bool sim_checks::is_led_to(off_action method) const {
   const std::int64_t left = world_.alarm.left(now());
-  const std::int64_t stepped = stepped_at_ < world_.up_at ? 0 : kMostStepSeconds;
-  const std::int64_t slack = world_.set.lead_poweroff + kShutdownSeconds + kMinute + stepped;
+  const std::int64_t slack = world_.set.lead_poweroff + kShutdownSeconds + kMinute + step_slack();
   const bool is_hop = !world_.foreign_stands && left < ahead() - slack;
   const bool boots = method != off_action::kPoweroff || world_.set.hop_boots;
   return world_.alarm.stands() != 0 && left <= ahead() && (boots || !is_hop);
@@ -403,7 +407,9 @@ millis sim_checks::return_limit() const {
   const bool is_use_unknown = use_unknown_at_ >= world_.up_at;
   const std::int64_t used = is_use_unknown ? world_.set.return_to_sleep : 0;
   const std::int64_t look = is_looked_at || must_not_hop || is_use_unknown ? kLookAgain + used : 0;
-  const millis limit = (look + std::max({retry, pause, world_.set.return_to_sleep})) * kSecondMs;
+  const std::int64_t hop = must_not_hop ? step_slack() : 0;
+  const millis limit =
+      (look + hop + std::max({retry, pause, world_.set.return_to_sleep})) * kSecondMs;
   // After so many sleeps in an hour it waits.
   const bool is_often = sleeps_.size() >= kMostSleepsAnHour;
   const millis again = is_often ? sleeps_[sleeps_.size() - kMostSleepsAnHour] + kHourMs : 0;

@@ -57,6 +57,7 @@ private:
   void check_sleep(const order::sleep &what);
   void check_return();
   bool is_user_seen(millis window) const;
+  std::int64_t step_slack() const;
   bool is_led_to(off_action method) const;
   off_action wanted_method() const;
   bool wants_return() const;
