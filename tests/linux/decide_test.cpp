@@ -240,6 +240,7 @@ SCENARIOS(Decide, AnAlarmThatGoesOffBeforeTheSleep_IsWaitedFor,
           "wait 3 => release_inhibitor 1 alarm $3",
           R"(
   +2  | 0 | +910
+  +3  | 1 | +3
   +10 | 1 | +10
 )")
 
@@ -256,7 +257,8 @@ SCENARIOS(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForAS
   machine no_cec; unreadable; program 0 +5000; idle => problems alarm_read alarm_again_in 1;
     wait 1 => alarm_again_in 10; wait 10 => alarm_again_in 60; wait 60 => alarm_again_in -;
     off_time => why no_alarm; idle => alarm_again_in 1
-  unreadable; program 0 +5000; times 3 idle => read_alarm 2
+  unreadable; program 0 +5000; times 3 idle => read_alarm 2 problems alarm_read;
+    readable; wait 1 => problems '' alarm +4985
 )")
 
 SCENARIOS(Decide, ADeviceThatIsNotThere_IsNotTriedAgain, R"(
@@ -581,4 +583,19 @@ SCENARIOS(Decide, AMachineThatLeaves_IsAskedAfter_AndTestedLater, R"(
     => alarm +985 phase going
   sleep_begins; forget => leaving_in 60; wait 60 => ask_preparing 1 leaving_in 60
   test_wake 7 60 => say test_begins
+)")
+
+SCENARIOS(
+    Decide, ATelevisionsProblem_IsOver_WhenItAnswersOrItsAdapterHasGone,
+    "screen_wanted on bus; each_second 20 tv_silent => problems television; $1 => problems ''", R"(
+  screen_wanted on bus; tv_reports on
+  tv_reachable no
+)")
+
+SCENARIOS(Decide, WhatIsOrdered_IsDoneAndSaid, R"(
+  fired 20 => start_unit wakeup; job_began 3 wakeup; test_wake 7 60 => answer EBUSY
+  ambient yes => start_unit ambient
+  machine no_cec; off_time; unused => say 'screen_off postponed goes_to_sleep'
+  machine off=hibernate; use_changed 0 0 0 suspend 5000 => problems cannot_sleep
+  screen_wanted on bus; tv_reachable yes => tv_on 2
 )")

@@ -280,6 +280,7 @@ static const std::map<std::string_view, void (*)(arguments a)> kSteps = {
     {"range", [](arguments a) { run->range = number_of(a[0]); }},
     {"refuse", [](arguments a) { run->refusal = value_of<int>(a[0]); }},
     {"unreadable", [](arguments) { run->read_error = EIO; }},
+    {"readable", [](arguments) { run->read_error = 0; }},
     {"gone", [](arguments) { run->is_gone = true; }},
     {"next_transition", [](arguments a) { run->next_transition = number_of(a[0]); }},
     {"unused", // logind answers

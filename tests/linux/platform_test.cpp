@@ -424,7 +424,8 @@ TEST_F(Platform, HasTheMachinesClock_AndItsSettings) {
   start("keep-timers=false");
   EXPECT_EQ(CTimeUtil::GetCurrentTime(), kNow + 3600);
   EXPECT_EQ(CTimeUtil::ConvertToLocalTime(time_value(kNow)), kNow + 3600);
-  const std::tm fields = broken_down(time_value(kNow));
+  std::tm fields{};
+  CTimeUtil::Unsigned_gmtime_r(time_value(kNow), &fields);
   EXPECT_EQ(CTimeUtil::Unsigned_timegm(&fields), kNow);
   EXPECT_EQ(settings_get_int(kSettingsClockMode, &mode), 0);
   EXPECT_EQ(mode, 1);
