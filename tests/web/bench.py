@@ -1,6 +1,7 @@
 """Where the page runs in the tests: a bus with the shipped policy, the daemon on a simulated set,
 Cockpit's own server for each kind of user, and a browser whose zone is not the set's."""
 import contextlib
+import json
 import os
 import pathlib
 import shutil
@@ -52,7 +53,7 @@ def end(process):
 
 
 class Bench:
-    """All processes of the page, and its files; both end with the sandbox."""
+    """All processes of the page, and its files, which are the sandbox's."""
 
     def __init__(self):
         self.environment = dict(os.environ, TZ="Europe/Berlin", LC_ALL="C.UTF-8", DRAVEL_STANDIN="/tmp/set.ini",
@@ -65,6 +66,11 @@ class Bench:
         self.servers = {}
         self.ports = {user: self.serve(user) for user in USERS}
         self.browser = self.open_browser()
+
+    def close(self):
+        self.browser.quit()
+        for process in [*self.servers.values(), self.daemon]:
+            end(process)
 
     def install(self):
         """Puts the page where Cockpit finds it, and the tool where every user may run it."""
@@ -132,10 +138,13 @@ class Bench:
         service = Service("/usr/bin/chromedriver", env=dict(os.environ, TZ="America/New_York", HOME="/tmp"))
         return webdriver.Chrome(options=options, service=service)
 
-    def ctl(self, *words, text=None):
+    def run(self, *words, text=None):
         """What dravelctl prints; the bus is the test's."""
         return subprocess.run([self.tool, "--json", *words], env=self.environment, input=text,
                               capture_output=True, text=True, check=False).stdout
+
+    def ctl(self, *words, text=None):
+        return json.loads(self.run(*words, text=text) or "null")
 
     def lose_clock(self):
         """The set's clock reads nothing any more, and the set says so."""

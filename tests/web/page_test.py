@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The page in a real browser, on Cockpit's own server, with the daemon on a simulated set.
 
-A scenario is a line of what is done and seen; its words are the methods of Page and Bench. Run in scripts/sandbox:
+A scenario is a line of what is done and seen; its words are the methods of Page. Run in scripts/sandbox:
 tests/web/page_test.py [Page.test_NAME]. BUILD names the build directory; PICTURE a file that gets a picture of the page.
 """
 import json
@@ -49,22 +49,14 @@ ACTS = {
                 "see 'Timer 1 rests'; told 'holidays list' '\"day\":24'; press 'Remove the holidays 10 Jul to 24 Jul'; see 'None are set'",
     "no February": "press Calendar; set first 2027-02-28; tick end-of-february; set first 2027-03-01; press Add; told 'holidays list' '\"month\":3'",
     "holidays by key": "press Calendar; key ARROW_DOWN; key ENTER; key ARROW_RIGHT; key ENTER; press Add; see '29 Dec to 30 Dec'",
-    "why": "ctl add --at=7:00 --on=sat; press 'Why does timer 1 fire, and when?'; see 'It fires next on Sat 2026-12-26 07:00:00'; "
-           "ctl halt on; behind 'On-timers are halted'; key ESCAPE; focus 'Why does timer 1 fire, and when?'",
+    "why": "ctl add --at=7:00 --on=sat; press 'Why does timer 1 fire, and when?'; see 'It fires next on Sat 2026-12-26 07:00:00'",
+    "focus": "ctl add --at=7:00 --on=sat; press 'Why does timer 1 fire, and when?'; ctl halt on; behind 'On-timers are halted'; "
+             "key ESCAPE; focus 'Why does timer 1 fire, and when?'",
     "week": "ctl add --at=7:00 --on=wed; press 'Wed 23 Dec 07:00: timer 1 (on, Wed)'; see 'Timer 1 (on, Wed): turns the set on'",
     "same second": "ctl add --at=7:00 --on=wed; ctl add --at=7:00 --on=wed,thu; press 'Wed 23 Dec 07:00: 2 firings'; "
                    "see 'it is not certain which one fires'",
     "import": "file a '{\"timers\":[{\"type\":1,\"time\":\"23:00\",\"days\":[\"Mon\"]}]}'; see 'a.json: 1 added, 0 refused.'; see 'timer 1'",
     "outside": "ctl add --at=7:00 --on=wed; see 'Timers1 of 80'; ctl cancel 1; see 'no timer yet'",
-    "guest": "ctl add --at=7:00 --on=mon; open guest; see 'Members of the group dravel may'; see 'Limited access'; barred 'Add a timer'; "
-             "barred 'Cancel timer 1'; barred 'Change timer 1'; barred 'On-timers act'; barred 'Import …'; "
-             "press 'Why does timer 1 fire, and when?'; see 'It fires next'",
-    "no clock": "ctl holidays add 12-24; lose_clock; see \"The set's clock is unknown\"; see 'No week can be shown'; barred Calendar; "
-                "press 'Remove the holidays 24 Dec'; see 'None are set'; press 'Add a timer'; set at 06:55; see 'Not armed.'; press Add; "
-                "see 'is added. It is not armed.'",
-    "full list": "fill; see 'Timers80 of 80'; press 'Add a timer'; set at 23:59; see 'removed to make room'; press Add; "
-                 "see 'removed to make room'; tick force; press Add; see 'is added'; told status '\"timers\":80'; press 'Add a timer'; "
-                 "see 'The list is full'; press Cancel",
 }
 BAD_INPUT = {
     "no time": "press 'Add a timer'; press Add; see 'Choose a time.'; told list []",
@@ -78,6 +70,11 @@ BAD_INPUT = {
     "half a file": "ctl add --at=7:00 --on=mon; file '<b>x' '{\"timers\":[{\"type\":0,\"time\":\"07:00\",\"days\":[\"Mon\"]}]}'; "
                    "see '<b>x.json: 0 added, 1 refused.'; see 'it is there already as timer 1'",
 }
+RIGHTS = {
+    "guest": "see 'Members of the group dravel may'; see 'Limited access'; barred 'Add a timer'; barred 'Cancel timer 1'; "
+             "barred 'Change timer 1'; barred 'On-timers act'; barred 'Import …'; press 'Why does timer 1 fire, and when?'; see 'It fires next'",
+    "member": "press 'Cancel timer 1'; see 'is cancelled'",
+}
 MACHINE = {
     "glance": "see 'Wed 23 Dec 06:58:30, for a timer'; see 'somebody is logged in'; see 'The clock of this machine is not synchronised.'",
     "screen": "press 'Turn off the screen'; see 'The screen is told to turn off.'; press 'Turn on the screen'; see 'The adapter is gone: plug it in.'",
@@ -87,9 +84,8 @@ MACHINE = {
     "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",
     "no history": "open guest machine; see 'Alarm\nthe clock refuses it'; press History; see 'members may. As an administrator press “Limited access”'",
 }
-LOST = ("ctl add --at=7:00 --on=mon; open; press 'Change timer 1'; kill_daemon; see 'dravel-manager, is not running'; barred Change; press Cancel; "
-        "see 'What is shown is'; see 'timer 1'; barred 'Cancel timer 1'; usable; start_daemon; press 'Cancel timer 1'; see 'is cancelled'; "
-        "cut member; see 'The connection to this machine is lost.'; barred 'Add a timer'")
+FULL = ("press 'Add a timer'; set at 23:59; see 'removed to make room'; press Add; see 'removed to make room'; tick force; press Add; see 'is added'; "
+        "told status '\"timers\":80'; press 'Add a timer'; see 'The list is full'; press Cancel")
 DIALOGS = ["Add a timer", "Change timer 1", "Why does timer 1 fire, and when?", "Calendar", "History", "Test …"]
 MANY = {"timers": [{"type": n % 2, "time": f"{n % 24:02}:{n // 24 * 7:02}", "days": ["Mon", "Wed", "Sat"]} for n in range(80)]}
 
@@ -99,6 +95,10 @@ class Page(unittest.TestCase):
     def setUpClass(cls):
         cls.bench = Bench()
         cls.browser = cls.bench.browser
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.bench.close()
 
     def setUp(self):
         self.browser.set_window_size(1280, 1000)
@@ -110,8 +110,8 @@ class Page(unittest.TestCase):
         self.browser.get(self.bench.url(user, page))
         self.see("Next on")
 
-    def fill(self):
-        self.bench.ctl("import", "-", text=json.dumps(MANY))
+    def ctl(self, *words):
+        self.bench.ctl(*words)
 
     def find(self, name):
         return wait(f"a button {name}", lambda: self.browser.execute_script(FIND, name))
@@ -153,7 +153,7 @@ class Page(unittest.TestCase):
         wait(f"{name} cannot be pressed", lambda: not self.find(name).is_enabled())
 
     def told(self, command, text):
-        wait(f"{command}: {text}", lambda: text in self.bench.ctl(*command.split()))
+        wait(f"{command}: {text}", lambda: text in self.bench.run(*command.split()))
 
     def file(self, name, text):
         path = pathlib.Path("/tmp") / f"{name}.json"
@@ -165,7 +165,7 @@ class Page(unittest.TestCase):
     def play(self, scenario):
         for step in scenario.split("; "):
             word, *arguments = shlex.split(step)
-            getattr(self if hasattr(self, word) else self.bench, word)(*arguments)
+            getattr(self, word)(*arguments)
 
     def play_all(self, scenarios, page="dravel"):
         for name, scenario in scenarios.items():
@@ -182,11 +182,10 @@ class Page(unittest.TestCase):
             "localStorage.setItem('shell:style', arguments[0]);"
             "window.dispatchEvent(new CustomEvent('cockpit-style', {detail: {style: arguments[0]}}))", "dark" if dark else "light")
 
-    def usable(self):
-        """By keyboard and screen reader, as far as axe-core finds."""
+    def violations(self):
         self.browser.execute_script("if (!window.axe) {" + AXE.read_text("utf-8") + "}")
         found = self.browser.execute_async_script("axe.run().then(arguments[0])")["violations"]
-        self.assertEqual([(rule["id"], node["html"], node["failureSummary"]) for rule in found for node in rule["nodes"]], [])
+        return [(rule["id"], node["html"], node["failureSummary"]) for rule in found for node in rule["nodes"]]
 
     # --- tests ---
 
@@ -200,15 +199,34 @@ class Page(unittest.TestCase):
         self.play_all(MACHINE, page="machine")
 
     def test_export(self):
-        self.bench.ctl("add", "--at=7:00", "--on=mon")
+        self.ctl("add", "--at=7:00", "--on=mon")
         self.open()
         self.press("Export")
         exported = pathlib.Path("/tmp/downloads/tv-timers.json")
         wait("the file", exported.exists)
-        self.assertEqual(exported.read_text("utf-8"), self.bench.ctl("export"))
+        self.assertEqual(exported.read_text("utf-8"), self.bench.run("export"))
+
+    def test_rights(self):
+        self.ctl("add", "--at=7:00", "--on=mon")
+        for user, scenario in RIGHTS.items():
+            with self.subTest(user):
+                self.open(user)
+                self.play(scenario)
 
     def test_lost(self):
-        self.play(LOST)
+        self.ctl("add", "--at=7:00", "--on=mon")
+        self.open()
+        self.press("Change timer 1")
+        self.bench.kill_daemon()
+        self.see("dravel-manager, is not running")
+        self.barred("Change")
+        self.press("Cancel")
+        self.play("see 'What is shown is'; see 'timer 1'; barred 'Cancel timer 1'")
+        self.assertEqual(self.violations(), [])
+        self.bench.start_daemon()
+        self.play("press 'Cancel timer 1'; see 'is cancelled'")
+        self.bench.cut("member")
+        self.play("see 'The connection to this machine is lost.'; barred 'Add a timer'")
         self.browser.get_log("browser")  # the browser tells of the connection, too
 
     def test_menu(self):
@@ -219,10 +237,17 @@ class Page(unittest.TestCase):
         self.see("Next on")
         self.browser.switch_to.default_content()
 
+    def test_no_clock(self):
+        self.ctl("holidays", "add", "12-24")
+        self.open()
+        self.bench.lose_clock()
+        self.play('see "The set\'s clock is unknown"; see "No week can be shown"; barred Calendar; press "Remove the holidays 24 Dec"; '
+                  'see "None are set"; press "Add a timer"; set at 06:55; see "Not armed."; press Add; see "is added. It is not armed."')
+
     def test_looks(self):
         for command in ("add --at=7:00 --on=mon-fri --holidays=skip", "add --at=22:30 --type=off --on=daily",
                         "add --at=9:00 --on=sat,sun", "add --at=12:30 --type=announce --on=mon,wed", "holidays add 12-24 12-26"):
-            self.bench.ctl(*command.split())
+            self.ctl(*command.split())
         self.open(page="machine")
         self.see("timer 4")
         if "PICTURE" in os.environ:
@@ -235,15 +260,20 @@ class Page(unittest.TestCase):
                     if dialog:
                         self.press(dialog)
                         wait("it is answered", lambda: "…" not in self.browser.execute_script(TEXT) or dialog is None)
-                    self.usable()
+                    self.assertEqual(self.violations(), [])
                     self.assertLessEqual(self.browser.execute_script("return document.documentElement.scrollWidth"), width)
                     if dialog:
                         self.key("ESCAPE")
                         self.focus(dialog)
 
+    def test_full_list(self):
+        self.bench.ctl("import", "-", text=json.dumps(MANY))
+        self.open()
+        self.play(FULL)
+
     def test_speed(self):
         """The quickest of three counts: other programs use the processors, too."""
-        self.fill()
+        self.bench.ctl("import", "-", text=json.dumps(MANY))
         figures = [self.measure() for _ in range(3)]
         shown, changed, longest = (min(column) for column in zip(*figures))
         print(f"80 timers: shown after {shown:.2f} s, a change after {changed:.2f} s, "
@@ -263,10 +293,10 @@ class Page(unittest.TestCase):
             "window.longest = Math.max(window.longest, now - last); last = now; requestAnimationFrame(frame); };"
             "requestAnimationFrame(frame)")
         begin = time.monotonic()
-        self.bench.ctl("halt", "on")
+        self.ctl("halt", "on")
         self.see("On-timers are halted")
         changed = time.monotonic() - begin
-        self.bench.ctl("halt", "none")
+        self.ctl("halt", "none")
         self.see("On-timers act")
         return shown, changed, self.browser.execute_script("return window.longest")
 
