@@ -80,7 +80,7 @@ static void leave(decision &d, phase next) {
   tell(d, delivery::kStandby);
 }
 
-// After a shutdown it shows that this was called off.
+// A sleep that begins shows that a shutdown before it was called off.
 void on(decision &d, const event::sleep_begins &) {
   if (d.m.power.now == phase::kGoing)
     return;

@@ -185,7 +185,6 @@ SCENARIOS(Decide, ATest_IsRefused_WhenSomethingIsInTheWay,
 SCENARIOS(Decide, ATestWhoseAlarmTheDeviceDoesNotTake_DoesNotSleep, R"(
   program 0 +5000; refuse EBUSY; test_wake 7 100; unused => sleep '' answer EBUSY
   program 0 +5000; refuse EIO; test_wake 7 100; unused => sleep '' answer EIO
-  machine no_cec; off_time; unused => stage asked; sleep_answered EBUSY => stage waiting why failed
 )")
 
 // An off-timer is of that second.
@@ -559,7 +558,6 @@ SCENARIOS(Decide, AReturn_IsCountedFromTheLastChangeOfTheScreen_AndComesSoonAfte
 SCENARIOS(Decide, AnOnTimerThatIsMadeUpFor_EndsAUsersOff, R"(
   screen_wanted off bus => stays yes; zone_changed +5 yes; pass 5; late 0/+5; due
     => stays no start_unit 'off wakeup on'
-  program 0 +1000; late 2/+985; sleep 990 => said 'late 5 0'
 )")
 
 SCENARIOS(Decide, WhatTheLastRunWanted_HoldsUntilThisOneIsArmed, R"(
@@ -582,7 +580,6 @@ SCENARIOS(Decide, AMachineThatLeaves_IsAskedAfter_AndTestedLater, R"(
   use_changed 0 0 0 suspend 5000; program 0 +1000; shutdown_begins => alarm +910; sleep_begins
     => alarm +985 phase going
   sleep_begins; forget => leaving_in 60; wait 60 => ask_preparing 1 leaving_in 60
-  test_wake 7 60 => say test_begins
 )")
 
 SCENARIOS(
@@ -595,7 +592,10 @@ SCENARIOS(
 SCENARIOS(Decide, WhatIsOrdered_IsDoneAndSaid, R"(
   fired 20 => start_unit wakeup; job_began 3 wakeup; test_wake 7 60 => answer EBUSY
   ambient yes => start_unit ambient
-  machine no_cec; off_time; unused => say 'screen_off postponed goes_to_sleep'
+  machine no_cec; off_time; unused => say 'screen_off postponed goes_to_sleep' stage asked;
+    sleep_answered EBUSY => stage waiting why failed
+  test_wake 7 60 => say test_begins
+  program 0 +1000; late 2/+985; sleep 990 => said 'late 5 0'
   machine off=hibernate; use_changed 0 0 0 suspend 5000 => problems cannot_sleep
   screen_wanted on bus; tv_reachable yes => tv_on 2
 )")
