@@ -206,6 +206,8 @@ protected:
     std::signal(SIGXFSZ, SIG_IGN); // the daemon inherits it: a failing write is then an error alone
   }
 
+  ~SmallDisk() override { umount2("/opt/dbspace", MNT_DETACH); }
+
   static void mount_disk(unsigned long flags) {
     EXPECT_EQ(mount("small", "/opt/dbspace", "tmpfs", flags, "size=160k"), 0);
   }
