@@ -168,13 +168,16 @@ TEST_F(Television, IsClaimed_Ordered_AndUnderstood) {
       {{0x04, CEC_MSG_FEATURE_ABORT, 0x36, 1}, "", "; denies 54 0"}, // not now
       {{0x04, CEC_MSG_FEATURE_ABORT, 0x36}, "", "; denies 54 0"},
       {{0xf4, CEC_MSG_PLAY, 0x24}, "", ""}, // cannot be answered
+      {{0x04}, "", ""},                     // it looks who is there
+      {{0x04, CEC_MSG_STANDBY}, "", "; standby"},
       {{0x0f, CEC_MSG_STANDBY}, "", "; standby"},
       {{0x0f, CEC_MSG_REQUEST_ACTIVE_SOURCE}, "", "; source?"},
       {{0x0f, CEC_MSG_SET_STREAM_PATH, 0x10, 0x00}, "", "; source?"},
       {{0x0f, CEC_MSG_SET_STREAM_PATH, 0x20, 0x00}, "", ""},
       {{0x0f, CEC_MSG_SET_STREAM_PATH, 0x10}, "", ""},
   };
-  open();
+  open("cec=/dev/cec7\ncec-physical-address=2.0.0.0"); // which this adapter knows by itself
+  EXPECT_EQ(cec.mode, CEC_MODE_INITIATOR | CEC_MODE_FOLLOWER);
   EXPECT_EQ(cec.claims, 1);
   EXPECT_EQ(cec_description(), "/dev/cec7 1.0.0.0");
   turn_television(true);
@@ -182,7 +185,7 @@ TEST_F(Television, IsClaimed_Ordered_AndUnderstood) {
   turn_television(false);
   ask_television();
   answer_television();
-  EXPECT_EQ(both(), "4036 408f 4f821000 | ");
+  EXPECT_EQ(both(), "4036 408f?1000 4f821000 | ");
   for (const auto &[said, sent, heard] : kCases)
     EXPECT_EQ(says(said), std::string(sent) + " | reachable 1" + heard);
 }
@@ -207,7 +210,7 @@ TEST_F(Television, ThatDoesNotAnswer_IsSilent) {
   cec.refuses = ENONET;
   ask_television();
   turn_television(false);
-  EXPECT_EQ(both(), "408f 4036 | silent; silent");
+  EXPECT_EQ(both(), "408f?1000 4036 | silent; silent");
 }
 
 TEST_F(Television, OfAnAdapterThatSomebodyElseConfigured_IsLeftToItToAnswer) {
@@ -232,6 +235,12 @@ TEST_F(Television, OfAnAdapterThatSomebodyElseConfigured_IsLeftToItToAnswer) {
   turn_television(false);
   sleep_for(15);
   EXPECT_EQ(change(), " | reachable 1") << "somebody may have turned it on since";
+  cec.addresses = {};
+  change();
+  turn_television(false);
+  turn_television(true);
+  both();
+  EXPECT_EQ(change(), " | reachable 1") << "it is to be on";
 }
 
 TEST_F(Television, WithoutAnAddress_IsWokenBlindly_AndItsOtherEndNotUsed) {
@@ -267,6 +276,8 @@ TEST_F(Television, ThatDropsTheCableWhileItBoots_StaysReachable) {
   turn_television(true);
   EXPECT_EQ(change(), " | silent; reachable 0; "
                       "/dev/cec7: Device or resource busy; it gets no logical address");
+  turn_television(true);
+  EXPECT_EQ(both(), " | silent") << "it is said once";
 }
 
 // A block of HDMI's behind a video block, as a television at the output's port 2 has it.
@@ -280,11 +291,19 @@ std::vector<std::uint8_t> edid(std::uint8_t oui, std::uint8_t size = 14) {
 
 TEST_F(Television, BehindAUsbAdapter_HasTheAddressOfItsOutput) {
   const auto bytes = edid(3);
+  auto other = bytes;
+  other[128 + 12] = 0x30;
+  EXPECT_EQ(physical_address_in(other), 0x3000);
   EXPECT_EQ(physical_address_in(bytes), 0x2000);
   EXPECT_EQ(physical_address_in(edid(4)), std::nullopt);
   EXPECT_EQ(physical_address_in(edid(3, 13)), std::nullopt) << "a block that is cut";
   EXPECT_EQ(physical_address_in(std::span(bytes).first(200)), std::nullopt);
+  auto third = bytes;
+  third.insert(third.end(), bytes.begin() + 128, bytes.end());
+  third[128] = 0x70; // of another kind
+  EXPECT_EQ(physical_address_in(third), 0x2000);
   write_file("/sys/class/drm/card0-DP-1/status", "disconnected\n");
+  write_file("/sys/class/drm/card0-DP-1/edid", std::string(other.begin(), other.end()));
   write_file("/sys/class/drm/card0-HDMI-A-1/status", "connected\n");
   write_file("/sys/class/drm/card0-HDMI-A-1/edid", std::string(bytes.begin(), bytes.end()));
   cec.physical = CEC_PHYS_ADDR_INVALID;
@@ -312,6 +331,11 @@ TEST_F(Television, WhoseAdapterIsMissing_IsAProblemOnlyWhenConfigured) {
   ASSERT_EQ(unlockpt(cable), 0);
   std::filesystem::create_symlink(ptsname(cable), "/dev/cec3");
   EXPECT_EQ(both(), " | works 8; reachable 1");
+  write_file("/dev/cec", "");
+  EXPECT_EQ(both(), " | works 8; reachable 1") << "the other one is open already";
+  EXPECT_EQ(open_below("/dev/pts/"), 2); // both ends
+  write_file("/dev/other", "");
+  EXPECT_EQ(both(), " | ");
   close(cable);
   EXPECT_EQ(both(), " | refused 8 19; reachable 0") << "it is pulled";
   EXPECT_EQ(open_below("/dev/pts/"), 0);
@@ -364,7 +388,8 @@ TEST_F(Machine, AKeyIsHeard_WhileTheDevicesAreWatched) {
   EXPECT_EQ(press(fifo, EV_KEY), "input 5006");
   EXPECT_EQ(press(fifo, EV_KEY, 0), "") << "a release";
   EXPECT_EQ(press(fifo, EV_KEY, 1, KEY_WAKEUP), "") << "of the power button's driver";
-  for (const char *name : {"event1", "event2"}) { // a keyboard, a socket for headphones
+  EXPECT_EQ(chmod("/dev/input/event0", 0644), 0);        // it is watched already
+  for (const char *name : {"event1", "event2", "js0"}) { // a keyboard, a socket, a joystick
     const bool has_keys = name == std::string_view{"event1"};
     const std::string path = std::string("/dev/input/") + name;
     write_file(std::string("/sys/class/input/") + name + "/device/capabilities/ev",
@@ -400,6 +425,12 @@ TEST_F(Machine, WithoutInputDevices_WaitsForTheFirst) {
   EXPECT_EQ(seen(), "refused 7 2") << "there is one, and none can be read";
   std::filesystem::remove("/dev/input/event3");
   watch_input(true);
+  EXPECT_EQ(seen(), "works 7");
+  write_file("/dev/other", "");
+  std::filesystem::remove("/dev/input");
+  EXPECT_EQ(seen(), "works 7") << "its last device has gone";
+  write_file("/dev/another", "");
+  std::filesystem::create_directory("/dev/input");
   EXPECT_EQ(seen(), "works 7");
 }
 

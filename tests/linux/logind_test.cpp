@@ -49,6 +49,13 @@ TEST_F(Services, ASleepIsDelayed_Announced_AndOrderedWithItsInhibitorsChecked) {
   set_property(kLogind, "PreparingForShutdown", "true");
   ask_preparing();
   EXPECT_EQ(seen(), "preparing 0 1");
+  set_property(kLogind, "PreparingForSleep", "true");
+  ask_preparing();
+  EXPECT_EQ(seen(), "preparing 1 1");
+  take_inhibitor();
+  take_inhibitor();
+  EXPECT_EQ(seen(), "works 3; Inhibit 'sleep:shutdown'") << "one is on its way";
+  release_inhibitor();
   refuse(kLogind, "Inhibit", "ssss");
   take_inhibitor();
   EXPECT_EQ(seen(), "refused 3 13; Inhibit 'sleep:shutdown'");
@@ -76,8 +83,8 @@ TEST_F(Services, WhoUsesTheMachine_IsToldAndAskedFor) {
       {kLogind, "InhibitDelayMaxUSec", "uint64 30000000", " 1 0 6 11 30000"},
       {kLogind, "InhibitDelayMaxUSec", "uint64 18446744073709551615", " 1 0 6 11 600000"},
       {kLogind, "InhibitDelayMaxUSec", "uint64 30000000", " 1 0 6 11 30000"},
-      {kSession, "IdleHint", "false", " 1 1 6 11 30000"},
-      {kSession, "Class", "'user-early'", " 1 1 6 11 30000"},
+      {kSession, "IdleHint", "false", " 1 2 6 11 30000"},
+      {kSession, "Class", "'user-early'", " 1 2 6 11 30000"},
       {kSession, "Class", "'greeter'", " 0 0 6 11 30000"},
   };
   EXPECT_EQ(start(start_use), "use 1 0 0 11 5000");

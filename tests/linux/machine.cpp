@@ -105,6 +105,8 @@ static int transmit(const cec_msg &sent) {
   std::string text;
   for (const std::uint8_t byte : bytes)
     text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 0xf]};
+  if (sent.reply != 0)
+    text += '?' + std::to_string(sent.timeout);
   append(cec.sent, text, " ");
   return cec.refuses == 0 ? 0 : refuse(cec.refuses);
 }
@@ -119,7 +121,8 @@ cec_msg received(std::initializer_list<std::uint8_t> bytes) {
 
 static int claim(const cec_log_addrs &wanted) {
   ++cec.claims;
-  if (wanted.cec_version != CEC_OP_CEC_VERSION_1_4 || wanted.vendor_id != CEC_VENDOR_ID_NONE ||
+  if (wanted.num_log_addrs != 1 || wanted.cec_version != CEC_OP_CEC_VERSION_1_4 ||
+      wanted.vendor_id != CEC_VENDOR_ID_NONE ||
       wanted.primary_device_type[0] != CEC_OP_PRIM_DEVTYPE_PLAYBACK ||
       wanted.log_addr_type[0] != CEC_LOG_ADDR_TYPE_PLAYBACK)
     return refuse(EINVAL);
@@ -161,6 +164,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   case CEC_ADAP_S_LOG_ADDRS:
     return claim(*static_cast<cec_log_addrs *>(argument));
   case CEC_S_MODE:
+    cec.mode = *static_cast<std::uint32_t *>(argument);
     return refuse(EBUSY);
   case CEC_DQEVENT:
     return std::exchange(cec.has_event, false) ? 0 : -1;
@@ -347,6 +351,15 @@ std::string seen() {
 
 // --- what has happened ---
 
+// The machine's own sleeps are not counted. The two clocks are not read at once.
+static long before_sleeps(std::int64_t boot) {
+  timespec with{}, without{};
+  clock_gettime(CLOCK_BOOTTIME, &with);
+  clock_gettime(CLOCK_MONOTONIC, &without);
+  const double own = with.tv_sec - without.tv_sec + (with.tv_nsec - without.tv_nsec) / 1e9;
+  return boot == 0 ? 0 : std::lround(static_cast<double>(boot) / 1000 - own);
+}
+
 namespace {
 
 struct event_words {
@@ -360,8 +373,8 @@ struct event_words {
     return with("preparing", e.sleep, e.shutdown);
   }
   text operator()(const event::use_changed &e) const {
-    return with(e.is_answer ? "use answered" : "use", e.session_at != 0, e.active_at != 0,
-                e.blocked, e.can, e.delay_max_ms);
+    return with(e.is_answer ? "use answered" : "use", before_sleeps(e.session_at),
+                before_sleeps(e.active_at), e.blocked, e.can, e.delay_max_ms);
   }
   text operator()(const event::input &e) const { return with("input", e.at); }
   text operator()(const event::job_began &e) const { return with("job", e.id, int(e.of)); }

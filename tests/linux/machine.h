@@ -42,8 +42,9 @@ struct fake_cec {
   bool has_event = false;
   int refuses = 0; // errno, of a message
   int refuses_claim = 0;
-  std::string sent; // as "4004", with the header
+  std::string sent; // as "4004", with the header; "?1000" behind what waits so long for a reply
   int claims = 0;
+  std::uint32_t mode = 0; // that was asked for
 };
 extern fake_cec cec;
 cec_msg received(std::initializer_list<std::uint8_t> bytes);

@@ -1,6 +1,7 @@
 // The platform as a whole, from the daemon's calls to the devices; its configuration, its record
 // and its journal.
 #include "configuration.h"
+#include "journal.h"
 #include "machine.h"
 #include "record.h"
 
@@ -53,6 +54,7 @@ TEST_F(Configuration, ABadValueIsOneLine_AndTheDefaultHoldsAtTheStart) {
       {"cec-physical-address=1.0.0", "cec-physical-address cannot be"},
       {"off-action=Suspend", "off-action cannot be"},
       {"lead-suspend=soon", "only 0 to 86400 seconds; the default is used"},
+      {"lead-suspend=86401", "lead-suspend cannot be"},
       {"lead-poweroff=-1", "lead-poweroff cannot be"},
       {"return-to-sleep=120 # seconds", "return-to-sleep cannot be"},
       {"hop-boots=on", "hop-boots cannot be"},
@@ -78,14 +80,14 @@ TEST_F(Configuration, ABadValueIsOneLine_AndTheDefaultHoldsAtTheStart) {
 }
 
 TEST_F(Configuration, OfAReload_KeepsWhatIsInForce_WhereItIsBad) {
-  configure(
-      "off-action=none\nlead-suspend=20\nrtc=/dev/rtc1\nfollow-screen=sleep\nhop-boots=false");
+  configure("off-action=none\nlead-suspend=20\nreturn-to-sleep=86400\nrtc=/dev/rtc1\n"
+            "follow-screen=sleep\nhop-boots=false\nscreen-follows=true");
   read_configuration();
-  const settings expected = {off_action::kNone, 20, 90, 120, false, true, false};
+  const settings expected = {off_action::kNone, 20, 90, 86400, false, true, true};
   EXPECT_EQ(configuration().decisions, expected);
   for (const char *bad :
-       {"off-action=nothing\nlead-suspend=20\nrtc=/dev/rtc1\nfollow-screen=sleep\n"
-        "hop-boots=no",
+       {"off-action=nothing\nlead-suspend=20\nreturn-to-sleep=86400\nrtc=/dev/rtc1\n"
+        "follow-screen=sleep\nhop-boots=no\nscreen-follows=yes",
         "x\ny"}) {
     configure(bad);
     read_configuration();
@@ -109,7 +111,7 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   machine record;
   record.screen.believed = screen_state::kOff;
   record.screen.ordered = screen_order::kOff;
-  record.woken.by = cause::kHop;
+  record.woken.by = cause::kTest;
   record.woken.utc = kNow - 60;
   record.woken.at = 5;
   record.woken.booted = record.woken.stays = true;
@@ -118,9 +120,13 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   record.alarm.wanted = {7, kNow + 100};
   record.alarm.stands = {alarm_owner::kTimer, kNow + 85, kNow + 85};
   record.alarm.foreign = {alarm_owner::kForeign, kNow + 900, kNow + 901};
+  record.alarm.before_sleep_wanted = {8, kNow + 200};
+  record.alarm.before_sleep = {alarm_owner::kHop, kNow + 50, kNow + 51};
+  record.alarm.range = 86400;
+  record.clock.was_set = true;
   record.use.input_at = 1;
-  record.sleep.wish = sleep_wish::kOffTimer;
-  record.sleep.method = record.sleep.last_method = off_action::kPoweroff;
+  record.sleep.wish = sleep_wish::kTest;
+  record.sleep.method = record.sleep.last_method = off_action::kNone;
   EXPECT_FALSE(load_record(0).exists);
   EXPECT_EQ(store_record(record), 0);
   EXPECT_EQ(load_record(0).record.screen.believed, screen_state::kOff);
@@ -131,20 +137,24 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   }
   const kept_record kept = load_record(0);
   EXPECT_TRUE(kept.exists);
-  EXPECT_EQ(kept.record.woken.by, cause::kHop);
+  EXPECT_EQ(kept.record.woken.by, cause::kTest);
   EXPECT_EQ(kept.record.woken.utc, kNow - 60);
   EXPECT_EQ(kept.record.woken.at, 5);
   EXPECT_EQ(kept.record.screen.ordered, screen_order::kOff);
   EXPECT_TRUE(kept.record.woken.booted && kept.record.woken.stays);
   EXPECT_TRUE(kept.record.screen.ordered_on) << "somebody is there";
-  EXPECT_EQ(kept.record.sleep.wish, sleep_wish::kOffTimer);
-  EXPECT_EQ(kept.record.sleep.method, off_action::kPoweroff);
-  EXPECT_EQ(kept.record.sleep.last_method, off_action::kPoweroff);
+  EXPECT_EQ(kept.record.sleep.wish, sleep_wish::kTest);
+  EXPECT_EQ(kept.record.sleep.method, off_action::kNone);
+  EXPECT_EQ(kept.record.sleep.last_method, off_action::kNone);
   EXPECT_EQ(kept.record.power.now, phase::kShuttingDown);
   EXPECT_EQ(kept.record.power.went.utc, kNow);
   EXPECT_EQ(kept.record.alarm.wanted, record.alarm.wanted);
   EXPECT_EQ(kept.record.alarm.stands, record.alarm.stands);
   EXPECT_EQ(kept.record.alarm.foreign, record.alarm.foreign);
+  EXPECT_EQ(kept.record.alarm.before_sleep_wanted, record.alarm.before_sleep_wanted);
+  EXPECT_EQ(kept.record.alarm.before_sleep, record.alarm.before_sleep);
+  EXPECT_EQ(kept.record.alarm.range, record.alarm.range);
+  EXPECT_TRUE(kept.record.clock.was_set);
   EXPECT_EQ(kept.record.screen.believed, screen_state::kUnknown);
   write_file("/tmp/state/alarm", "[alarm]\nstands-owner=9\nstands-count=5\nwoken-by=9\nphase=9\n"
                                  "wish=9\nlast-method=9\nscreen-ordered=9\n");
@@ -154,9 +164,16 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
                        damaged.sleep.last_method, damaged.screen.ordered),
             std::tuple(cause::kUser, phase::kAwake, sleep_wish::kNone, off_action::kSuspend,
                        screen_order::kNone));
+  write_file("/tmp/state/alarm", "[alarm]\nwish=1\nwish-method=9\n");
+  EXPECT_EQ(load_record(0).record.sleep.wish, sleep_wish::kNone);
   std::filesystem::remove("/tmp/state/alarm");
   write_file("/tmp/state/wake-up", "[wake-up]\ntype=7\non-time=1800000100\nalarm=1800000085\n");
-  EXPECT_EQ(load_record(kNow + 86).record.alarm.stands.count, kNow + 86) << "of version 1.1";
+  for (const std::int64_t device : {84, 86, 87}) { // of version 1.1
+    const auto &alarm = load_record(kNow + device).record.alarm;
+    EXPECT_EQ(alarm.wanted, (wanted_alarm{7, kNow + 100}));
+    EXPECT_EQ(std::tuple(alarm.stands.count, alarm.stands.utc),
+              std::tuple(kNow + (device == 87 ? 85 : device), kNow + 85));
+  }
   std::filesystem::create_directories("/tmp/state/alarm.new");
   record.alarm.wanted = {};
   EXPECT_EQ(store_record(record), EISDIR);
@@ -164,21 +181,31 @@ TEST_F(Machine, TheRecord_IsKeptForTheNextRun_AndItsAlarmForTheNextBoot) {
   std::filesystem::remove("/tmp/state/alarm.new");
   EXPECT_EQ(store_record(record), 0);
   EXPECT_FALSE(std::filesystem::exists("/tmp/state/wake-up"));
+  record.sleep.stage = wish_stage::kAsked;
+  store_record(record);
+  std::filesystem::remove("/tmp/run/machine");
+  EXPECT_EQ(load_record(0).record.sleep.wish, sleep_wish::kNone) << "it is over by then";
 }
 
 TEST_F(Machine, HasOneDaemon_ThatHasAccessToTheState) {
   const auto ignore = [](settings_key *, void *) {};
+  write_file("/tmp/state/lock", ""); // of version 1.1
   EXPECT_TRUE(lock_state());
+  EXPECT_EQ(std::filesystem::status("/tmp/state/lock").permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write)
+      << "whoever can read it can hold it";
   EXPECT_EQ(device_power_get_wakeup_reason(), 0);
   EXPECT_LT(settings_notify_key_changed(kSettingsTimeZone, ignore, nullptr), 0);
   device_power_set_state(0, 1);
   EXPECT_EQ(device_power_get_state(), 2) << "a daemon that ends orders nothing";
   EXPECT_EQ(seen(), "another dravel-manager runs on this machine, this one ends");
   std::filesystem::permissions("/tmp/state", std::filesystem::perms::none);
+  std::filesystem::permissions("/run/systemd/journal/socket", std::filesystem::perms::all);
   const uid_t user = geteuid();
   ASSERT_TRUE(user != 0 || seteuid(65534) == 0);
   EXPECT_FALSE(lock_state());
   EXPECT_EQ(seteuid(user), 0);
+  EXPECT_EQ(seen(), "/tmp/state/lock: Permission denied; this daemon ends");
 }
 
 TEST_F(Machine, WithoutItsBusConnection_HearsOfNoSleep_AndEnds) {
@@ -223,7 +250,15 @@ TEST_F(Machine, TheJournal_ShowsProgressAsNotices_AndFailuresAsErrors) {
   pass(31);
   EXPECT_EQ(level_of(SYSTEM_LOG_PROGRESS, "DRAVEL_MANAGER", "loaded"), '5');
   system_log_event("fired", 7, "", "timer 7 fired");
-  EXPECT_NE(next_entry(), "");
+  EXPECT_TRUE(next_entry().ends_with("\nDRAVEL_EVENT=fired\nDRAVEL_TIMER=7\n"));
+  for (const auto late : {order::saying::kTelevisionLate, order::saying::kTelevisionStays}) {
+    write_saying({.what = late});
+    EXPECT_EQ(next_entry().at(9), '3');
+  }
+  write_saying({.what = order::saying::kLate, .number = 60, .timer = 9});
+  const std::string made_up = next_entry();
+  EXPECT_EQ(made_up.at(9), '5');
+  EXPECT_TRUE(made_up.ends_with("\nDRAVEL_EVENT=late\nDRAVEL_TIMER=9\n")) << made_up;
 }
 
 // --- the daemon's side ---
@@ -320,6 +355,7 @@ TEST_F(Platform, WakesForATimer_BeforeTheDaemonActs_AndGoesBackToSleep) {
   EXPECT_EQ(device_power_get_wakeup_reason(), 33);
   EXPECT_EQ(property("LastWake"), "(uint64 1800003585, 'timer')");
   EXPECT_NEAR(std::stod(property("SleepsAt").substr(7)), kNow + 3600 + 120, 2);
+  EXPECT_EQ(timers(), "135");
   EXPECT_EQ(device_power_set_wakeup_reason(33), 0);
   EXPECT_EQ(seen(), "RestartUnit 'dravel-wakeup@33.target'");
 }
@@ -331,6 +367,8 @@ TEST_F(Platform, TriesAgain_WhenItsTimeHasCome) {
   emit(kLogind, "PrepareForSleep", "b", "<false>");
   for (const char *again : {"1", "10", "60"}) {
     EXPECT_NE(seen().find("Inhibit 'sleep:shutdown'"), std::string::npos);
+    EXPECT_EQ(timers(), again);
+    fire(); // a little early
     EXPECT_EQ(timers(), again);
     pass(std::stol(again));
     fire();
@@ -413,7 +451,59 @@ TEST_F(Platform, IsShownAndOrderedOnTheBus) {
   EXPECT_NE(told.find(".machine', {'Screen': <'on'>}, "), std::string::npos) << told;
   EXPECT_EQ(property("Screen"), "'on'");
   EXPECT_EQ(call_method("TestWake", "(uint32 5,)"), "org.olvara.tv.system.dravel.machine.Refused");
-  EXPECT_EQ(call_method("TestWake", "('x',)"), "org.freedesktop.DBus.Error.InvalidArgs");
+  const std::string described = ask([](bus_client &other) {
+    return other.ask({kMachine.name, kMachine.path, DBUS_INTERFACE_INTROSPECTABLE}, "Introspect",
+                     "()");
+  });
+  EXPECT_NE(described.find("\"TurnScreen\">\\n   <arg type=\"b\" direction=\"in\""),
+            std::string::npos)
+      << described;
+  for (const char *method : {"TestWake", "TurnScreen"})
+    EXPECT_EQ(call_method(method, "('x',)"), "org.freedesktop.DBus.Error.InvalidArgs");
+}
+
+TEST_F(Platform, IsTriedBySleepingForAMinute) {
+  start();
+  auto answer = std::async(std::launch::async, [] {
+    bus_client other;
+    return other.ask(kMachine, "TestWake", "(uint32 60,)");
+  });
+  std::string told;
+  wait_until([&] {
+    told += seen();
+    return told.find("SuspendWithFlags") != told.npos;
+  });
+  EXPECT_NEAR(std::stod(read_file(kAlarmPath)), kNow + 60, 1) << "the boot clock is the machine's";
+  emit(kLogind, "PrepareForSleep", "b", "<true>");
+  seen();
+  sleep_for(60);
+  write_file(kAlarmPath, "");
+  emit(kLogind, "PrepareForSleep", "b", "<false>");
+  wait_until([&] { return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+  const std::string answered = answer.get();
+  EXPECT_TRUE(answered == "(60, 'test')" || answered == "(61, 'test')") << answered;
+}
+
+TEST_F(Platform, SaysWhatIsRefused_AndWhenItIsOver) {
+  const std::string refused =
+      "the real-time clock refuses the alarm: Invalid argument; the machine "
+      "is not woken for the next on-timer; it is tried again";
+  const std::string unstored = "what is known about the machine cannot be stored: Is a directory; "
+                               "after a restart or a boot it is not known what woke it";
+  start();
+  std::filesystem::create_directories("/tmp/state/alarm.new");
+  rtc.refuses = EINVAL;
+  program(0, kNow + 3600);
+  EXPECT_EQ(seen(), refused + "; " + unstored);
+  EXPECT_EQ(property("Problems"), "['" + refused + "', '" + unstored + "']");
+  EXPECT_EQ(property("AlarmProblem"), "'" + refused + "'");
+  std::filesystem::remove("/tmp/state/alarm.new");
+  rtc.refuses = 0;
+  program(0, kNow + 7200);
+  EXPECT_EQ(property("AlarmProblem") + property("Problems"), "''@as []");
+  std::filesystem::remove("/sys/class/rtc/rtc0/since_epoch");
+  program(0, kNow + 3600);
+  EXPECT_NE(property("AlarmProblem").find("cannot be read: No such file"), std::string::npos);
 }
 
 TEST_F(Platform, HasTheMachinesClock_AndItsSettings) {
@@ -500,6 +590,14 @@ TEST_F(Platform, ReadsItsConfigurationAgain_AndSettlesTheAlarmAtItsEnd) {
   start("lead-suspend=50");
   program(0, kNow + 3600);
   EXPECT_EQ(read_file(kAlarmPath), std::to_string(kNow + 3550));
+  configure("lead-suspend=100");
+  raise(SIGUSR1);
+  EXPECT_EQ(seen(), "");
+  EXPECT_EQ(read_file(kAlarmPath), std::to_string(kNow + 3500));
+  configure("lead-suspend=100\nrtc=/dev/none");
+  raise(SIGUSR1);
+  seen();
+  EXPECT_EQ(read_file(kAlarmPath), "") << "nothing stays on a device that is left";
   configure("lead-suspend=100");
   raise(SIGUSR1);
   EXPECT_EQ(seen(), "");

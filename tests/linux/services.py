@@ -13,13 +13,15 @@ from dbusmock import mockobject
 from gi.repository import GLib
 
 # A file whose name tells who holds it.
-INHIBITOR = "ret = dbus.types.UnixFd(open('/tmp/inhibitor', 'w'))"
+INHIBITOR = ("ret = args[1] == 'dravel-manager' and args[3] == 'delay' and "
+             "dbus.types.UnixFd(open('/tmp/inhibitor', 'w'))")
 JOB = "ret = dbus.ObjectPath('/org/freedesktop/systemd1/job/7')"
 NO_JOBS = "ret = dbus.Array([], signature='(usssoo)')"
 SESSION = "/org/freedesktop/login1/session/_31"
 SESSIONS = f"ret = [('1', dbus.UInt32(1000), 'viewer', 'seat0', dbus.ObjectPath('{SESSION}'))]"
-LOGIND = {"BlockInhibited": "", "InhibitDelayMaxUSec": dbus.UInt64(5000000),
-          "PreparingForSleep": False, "PreparingForShutdown": False}
+# Properties that nobody wants come first.
+LOGIND = {"Docked": False, "PreparingForSleep": False, "PreparingForShutdown": False,
+          "BlockInhibited": "", "InhibitDelayMaxUSec": dbus.UInt64(5000000)}
 SLEEPS = [(name + "WithFlags", "t", "", "") for name in ("Suspend", "PowerOff", "Hibernate")]
 ABILITIES = [("Can" + name, "", "s", "ret = 'yes'") for name in ("Suspend", "PowerOff", "Hibernate")]
 UNITS = [(name, "ss", "o", JOB) for name in ("RestartUnit", "StopUnit")]
@@ -27,7 +29,7 @@ SERVICES = [
     ("login1", ".Manager", LOGIND,
      [("Inhibit", "ssss", "h", INHIBITOR), ("ListSessions", "", "a(susso)", SESSIONS)]
      + SLEEPS + ABILITIES),
-    ("timedate1", "", {"NTP": False, "NTPSynchronized": False, "Timezone": "UTC"}, []),
+    ("timedate1", "", {"Timezone": "UTC", "NTP": False, "NTPSynchronized": False}, []),
     ("systemd1", ".Manager", {},
      [("Subscribe", "", "", ""), ("ListJobs", "", "a(usssoo)", NO_JOBS)] + UNITS),
 ]
@@ -42,7 +44,7 @@ for name, interface, properties, methods in SERVICES:
     simulated[-1].AddMethods(interface, methods)
     if name == "login1":
         simulated[-1].AddObject(SESSION, "org.freedesktop.login1.Session",
-                                {"Class": "user", "IdleHint": True,
+                                {"Remote": False, "Class": "user", "IdleHint": True,
                                  "TimestampMonotonic": dbus.UInt64(1000000),
                                  "IdleSinceHintMonotonic": dbus.UInt64(2000000)}, [])
 loop = GLib.MainLoop()
