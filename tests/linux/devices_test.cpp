@@ -350,6 +350,7 @@ TEST_F(Machine, AnEntrysReason_IsWhatTheHistoryCountsBy) {
                                      {saying::kTelevisionLate, "answers that it is off"},
                                      {saying::kGoesToSleep, "power off"},
                                      {saying::kPostponed, "a program blocks it"},
+                                     {saying::kHopWillNotBoot, ""},
                                      {saying::kScreenOn, ""},
                                      {saying::kLate, ""},
                                      {saying::kTestBegins, ""}})
