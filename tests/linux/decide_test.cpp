@@ -8,6 +8,7 @@ SCENARIOS(Decide, ATimeThatComesTwice_IsTheFirstThatIsAhead, "program 0 $1 $2 =>
   +60 | +3660 | +60
   -60 | +3540 | +3540
   +0  | +3600 | +3600
+  +0  | 0     | 0
 )")
 
 // Our alarm has woken the machine.
@@ -28,6 +29,18 @@ SCENARIOS(Decide, AMissedOffTimer_TurnsOffForAUser_OnlyOfATimeAtWhichTheMachineW
   0   | 0
   99  | 0
   100 | 1
+)")
+
+SCENARIOS(Decide, AnOffTimerOfTheLastTwoSeconds_IsNotTooLate,
+          "sleep 100; late 1/$1; armed => tv_off $2",
+          R"(
+  +97 | 0
+  +98 | 1
+)")
+
+SCENARIOS(Decide, ATimerThatIsMadeUpFor_WakesNothingWhileTheScreenIsOn_AndIsAUse, R"(
+  screen_wanted on; tv_reports on; forget; late 0/+0 2/+0; armed => start_unit '' say ''
+  set reach 86400; program 0 +259200; late 2/+86000; sleep 86400 => woken hop return_in 120
 )")
 
 SCENARIOS(Decide, AScreen_IsBelievedOnlyWhatIsSaid,
@@ -147,11 +160,20 @@ SCENARIOS(Decide, AnOnTimeBeyondTheRange_IsReachedByTheLongestHopThatTheDeviceTa
   79200   | 0        | 0       | alarm_refused
 )")
 
+SCENARIOS(Decide, AnAlarmThatIsRefused_IsTriedNearer_WhenTheRefusalSaysSo,
+          "refuse $1; program 0 +3456000 => write_alarm '$2'", R"(
+  EINVAL | +3455985 +2332800 +82800
+  ERANGE | +3455985 +2332800 +82800
+  EDOM   | +3455985 +2332800 +82800
+  EIO    | +3455985
+)")
+
 // An error switches off what stood, ours and the other one.
 SCENARIOS(Decide, ARefusedAlarm_IsTriedAgain_AtIdleAndUntilTheStandbyIsOver, R"(
-  alarm +5000; refuse EIO; program 0 +1000 => wants_idle yes;
+  idle; alarm +5000; refuse EIO; program 0 +1000 => wants_idle yes;
     idle => write_alarm '+985 +5000 +985 +5000';
-    sleep_begins; times 7 wait 0.5 => release_inhibitor 0; wait 0.5 => release_inhibitor 1
+    sleep_begins => alarm_again_in 0.5;
+    times 7 wait 0.5 => release_inhibitor 0; wait 0.5 => release_inhibitor 1
     write_alarm '~+910 +5000 +910 +5000 +910' foreign +5000
 )")
 
@@ -159,13 +181,51 @@ SCENARIOS(Decide, WhoeverSwitchesOurAlarmOff_DoesNotWantTheLaterOneEither, R"(
   alarm +5000; program 0 +1000; alarm 0; clock_stepped => alarm +985 foreign 0
 )")
 
-SCENARIOS(
-    Decide, AMachineThatNobodyKnownWakesAtOnce_AgainAndAgain_SleepsALittleLess,
-    "times 3 sleep 59 => problems '' pause_in -; sleep 59 => problems wakes_loop pause_in 900;"
-    "$1 => problems '' pause_in -",
-    R"(
+SCENARIOS(Decide, AnAlarmOfADeviceThatCountsMinutes_IsAWholeOne, R"(
+  minutes; program 0 +1000 => alarm +960; test_wake 7 20 => alarm +60
+)")
+
+// One of this second has gone off, and stays in the register.
+SCENARIOS(Decide, AnAlarm_IsWrittenOnlyAhead_AndWhenItIsAnother, R"(
+  program 0 +15 => alarm 0; pass 15; sleep_begins => alarm 0
+  program 0 +1000; pass 985; clock_stepped => alarm +985 stands none
+  program 0 +1000; program 0 +1001 => alarm +985; program 0 +1002 => alarm +987 alarm_passes_in 988;
+    idle; unprogram => wants_idle yes; idle => alarm 0 alarm_passes_in -
+  alarm +985; program 0 +1000 => alarm +985 stands foreign
+  alarm +986; program 0 +1000 => alarm +985 stands timer
+  set reach 86400; program 0 +259200 => stands hop; program 0 +86415 => stands timer alarm +86400
+)")
+
+SCENARIOS(Decide, ARefusedAlarm_DoesNotKeepTheNextOneFromBeingTried, R"(
+  program 0 +1000; refuse EBUSY; program 0 +2000 => switch_off_alarm 1 alarm +985
+  alarm +5000; program 0 +1000; refuse EBUSY; unprogram; idle => switch_off_alarm 1 alarm +985;
+    sleep 985 => woken hop
+)")
+
+SCENARIOS(Decide, ARefusedAlarm_IsTriedAsIfItWereTheFirst_AfterACallAndAfterASuccess, R"(
+  refuse EIO; program 0 +1000; idle => alarm_again_in 1;
+    program 0 +2000 => alarm_again_in - wants_idle yes; idle => alarm_again_in 1;
+    refuse 0; clock_stepped => problems '' alarm_again_in -;
+    refuse EIO; alarm 0; clock_stepped => alarm_again_in - wants_idle yes
+  refuse EPERM; program 0 +1000; idle => write_alarm '+985 +985';
+    times 256 clock_stepped => alarm_again_in -
+  program 0 +1000; unreadable; unprogram; sleep_begins; times 8 wait 0.5 => release_inhibitor 1
+)")
+
+SCENARIOS(Decide, AMachineThatNobodyKnownWakesAtOnce_AgainAndAgain_SleepsALittleLess,
+          "times 3 sleep 59 => problems '' pause_in -; sleep 59 => problems wakes_loop pause_in 900"
+          " said 'problem 17 0';"
+          "$1 => problems '' pause_in -",
+          R"(
   pressed 0
   sleep 60
+  program 0 +300; sleep 49
+)")
+
+// One that a user has woken in between begins again; one of no length is no short one.
+SCENARIOS(Decide, AUserWhoWakesAMachine_EndsTheCountOfItsShortSleeps, R"(
+  times 3 sleep 59; pressed 0; times 3 sleep 59 => problems ''
+  times 4 sleep 0 => problems ''
 )")
 
 SCENARIOS(Decide, ATest_IsRefused_WhenSomethingIsInTheWay,
@@ -187,11 +247,34 @@ SCENARIOS(Decide, ATestWhoseAlarmTheDeviceDoesNotTake_DoesNotSleep, R"(
   program 0 +5000; refuse EIO; test_wake 7 100; unused => sleep '' answer EIO
 )")
 
+// Its alarm is never nearer than a sleep allows, and none when its time is over.
+SCENARIOS(Decide, ATestWhoseTimeIsOver_HasNoAlarm, R"(
+  test_wake 7 20; unused; pass 19; clock_stepped => alarm +39; pass 1; clock_stepped => alarm 0
+  refuse EIO; program 0 +5000; refuse 0; idle; test_wake 7 20; pass 20; unused
+    => answer EBUSY sleep ''
+  use_changed 0 0 0 sleep 5001; test_wake 7 20; test_wake 8 21 => answer ERANGE
+  program 0 +20; pass 20; test_wake 7 60 => answer ''; use_changed 0 0 idle sleep 5000 yes
+    => answer EBUSY
+  machine lead=200; program 0 +1000; test_wake 7 800; unused => answer EBUSY
+  test_wake 7 100; unused; sleep 100 => answer 100 read_alarm 1
+)")
+
 // An off-timer is of that second.
 SCENARIOS(Decide, TheTransition_IsToldAtItsSecond_AndTheNextIsAskedFor, R"(
   next_transition +1000; pass 0.4; zone_changed +5 yes => deliver zone transition_in 4.6;
     pass 4.6; late 1/+5; due => ask_late +4 start_unit off deliver 'zone time_set'
     transition_in 995
+)")
+
+SCENARIOS(Decide, TimersOfATransition_AreAskedForInItsSecondOrTheNext,
+          "zone_changed +5 yes; forget; pass $1; ambient => ask_late '$2'", R"(
+  5 | +4
+  6 | +4
+  7 |
+)")
+
+SCENARIOS(Decide, TheTransition_IsAskedForAfterAStep_AndForgottenInAZoneWithout, R"(
+  next_transition +1000; clock_stepped => transition_in 1000; zone_changed 0 yes => transition_in -
 )")
 
 // A hop, which passes in the second of another event.
@@ -207,7 +290,8 @@ SCENARIOS(Decide, AnAlarmThatTheFirmwareSwitchesOff_DoesNotTakeTheForeignOneWith
 
 // The alarm of a new device is not set.
 SCENARIOS(Decide, ADeviceThatIsNotUsedAnyLonger_KeepsWhatIsNotOurs, R"(
-  alarm +5000; program 0 +1000 => alarm +985; device_leaves => alarm +5000;
+  alarm +5000; program 0 +1000 => alarm +985 said 'foreign_found +5000 0';
+    forget; clock_stepped => say ''; device_leaves => alarm +5000 said 'foreign_put_back +5000 0';
     alarm 0; configured => alarm +985; unprogram; idle => alarm 0
 )")
 
@@ -261,13 +345,27 @@ SCENARIOS(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForAS
 )")
 
 SCENARIOS(Decide, ADeviceThatIsNotThere_IsNotTriedAgain, R"(
-  gone; program 0 +5000 => problems no_device; idle => alarm_again_in - read_alarm 1
+  gone; program 0 +5000 => problems no_device; idle => alarm_again_in - read_alarm 1;
+    start same_boot => problems ''
+  idle; unreadable; gone; program 0 +5000 => wants_idle no
 )")
 
 SCENARIOS(Decide, AnAlarmOfADeviceThatCannotBeRead_HasWokenTheMachine_ByTheSystemClock,
           "program 0 +1000; unreadable; sleep $1 => woken $2", R"(
   985 | timer
   500 | nothing
+)")
+
+// A machine that only suspends is back within a minute.
+SCENARIOS(Decide, AnAlarm_HasWokenTheMachine_FromTwoSecondsBeforeIt_AndForSoLong,
+          "use_changed 0 0 0 $1 5000; program 0 +1000; sleep $2 => woken $3 return_in $4", R"(
+  sleep     | 982  | nothing | -
+  sleep     | 983  | timer   | 137
+  sleep     | 999  | timer   | 121
+  sleep     | 1045 | timer   | 120
+  sleep     | 1046 | nothing | -
+  hibernate | 1210 | timer   | 120
+  hibernate | 1211 | nothing | -
 )")
 
 // Not when the process has started.
@@ -293,6 +391,7 @@ SCENARIOS(Decide, APackageThatIsInstalledLate_MakesUpForNothing,
 SCENARIOS(Decide, TheLastWakeUp_IsToldByTheClockOfNow,
           "program 0 +1000; $1; pass 5.999; step_clock 86400 => woken_utc $2 return_in $3", R"(
   nothing   | +82800 | -
+  gains 0.999 | +82800 | -
   sleep 985 | +87385 | 120
 )")
 
@@ -339,6 +438,31 @@ SCENARIOS(Decide, AClockWithoutABattery_IsUnknown_UntilItIsSet,
   ntp no no no  | unknown      |
 )")
 
+SCENARIOS(Decide, AStepSoonAfterAWakeUp_IsNobodys,
+          "machine no_battery; sleep 100 => deliver wakeup; pass $1; clock_stepped => clock $2", R"(
+  1.999 | unknown
+  2     | by_hand
+)")
+
+SCENARIOS(Decide, AClockThatIsBehindTheBuild_IsUnknown_AndTheDaemonHearsWhenItIsKnown,
+          "start same_boot build=$1; armed; $2 => clock $3; forget; gains 200; clock_stepped =>"
+          " clock by_hand deliver '$4'",
+          R"(
+  +0   | nothing                   | by_hand | time_set
+  +1   | nothing                   | unknown | time_set time_update
+  -100 | gains -200; clock_stepped | unknown | time_set time_update
+)")
+
+SCENARIOS(Decide, AClock_IsUnknownSinceTheBoot, R"(
+  machine no_battery; uptime 50 0 0; start; armed; gains 0.999; forget; ntp on yes => ask_late -50
+)")
+
+SCENARIOS(Decide, AnUpdateThatTheDaemonWaitsFor_IsNotForgotten,
+          "ntp on no; sleep 100; $1; forget; ntp no no => deliver time_update", R"(
+  start same_boot; armed
+  pass 5; clock_stepped
+)")
+
 // As long as it was unknown, up to five minutes, before the daemon hears of it, and not on the way
 // to a sleep.
 SCENARIOS(Decide, ATimerOfAnUnknownClock_IsMadeUpFor_WhenItBecomesKnown,
@@ -368,6 +492,30 @@ SCENARIOS(Decide, AScreenThatSomebodyTurnsOff_LeavesTheMachineAwake,
   nothing                  | 135
   screen_wanted off bus    | -
   screen_wanted off daemon | -
+)")
+
+SCENARIOS(Decide, AKey_CountsTheReturnAnew_AndEndsWhatTheTelevisionHasSaid, R"(
+  program 0 +1000; sleep 985; wait 50; tv_reports off; input => return_in 120; wait 120; unused;
+    wait 3 => why screen_silent sleep ''
+)")
+
+SCENARIOS(Decide, AReturn_IsCountedFromAnOnTimeUpToFiveMinutesAhead_OrNeverComes,
+          "machine $1; use_changed 0 0 0 sleep 5000; program 0 +1000; sleep $2 =>"
+          " woken timer return_in $3",
+          R"(
+  lead=300 | 700 | 420
+  lead=301 | 699 | 120
+  return=0 | 985 | -
+)")
+
+SCENARIOS(Decide, AMachineThatGoesToSleep_WatchesTheKeys_AndTurnsNothingOn, R"(
+  sleep_begins => watch_input yes
+  machine no_cec; screen_wanted off bus; sleep 1000; wait 60; sleep_begins; input => start_unit ''
+)")
+
+SCENARIOS(Decide, AScreenThatItsRemoteHasTurnedOff_SendsNobodyToSleepWhoCameLater, R"(
+  machine follow_screen=yes; use_changed 0 0 sleep sleep 5000; tv_reports on; tv_standby
+    => wish screen; pass 301; input => wish none
 )")
 
 // Nobody may tell that a user has logged out, or that a program blocks the sleep no longer. The
@@ -412,10 +560,49 @@ SCENARIOS(Decide, AClockThatIsNotSynchronised_IsAskedEveryFiveMinutes_UntilItIs,
     forget; ntp on no => clock synchronised deliver ''
 )")
 
+SCENARIOS(Decide, AClock_IsAskedSoonAfterARestart_AndNotOftenAfterADay, R"(
+  ntp on no; times 256 wait 300 => ask_clock_in 300; start same_boot; wait 300 => ask_clock_in 10
+  ntp no no no => problems clock said 'problem 14 0'; ntp no no => problems '' deliver '';
+    ntp on yes => deliver 'clock_mode time_update'
+)")
+
+SCENARIOS(Decide, ATimeOfTheClock_IsCountedAnew_UnlessItComesAFewMillisecondsEarlier,
+          "program 0 +1000; pass 0.5; gains $1; ambient => ask_screen_in $2", R"(
+  -0.1  | 989.6
+  0.5   | 989.5
+  0.501 | 988.999
+)")
+
 SCENARIOS(Decide, AnOffTimerThatWaits_SendsNothingToSleep_InTheSecondOfAnOnTime,
           "machine no_cec; program 0 +10; off_time; wait $1; unused => sleep '$2'", R"(
   10 |
   11 | suspend
+)")
+
+SCENARIOS(Decide, ASleep_WaitsForWhatIsNear_AndForNothingElse,
+          "machine no_cec; $1; off_time; unused => sleep '$2' why $3 sleep_again_in $4", R"(
+  program 0 +10                                  |         | on_time_near | 11
+  program 0 +10; pass 10                         |         | on_time_near | 1
+  program 0 +34                                  |         | on_time_near | 35
+  program 0 +35                                  | suspend | not          | 90
+  set reach 86400; program 0 +259200; pass 86380 | suspend | not          | 90
+  set reach 86400; program 0 +259200; pass 86381 |         | on_time_near | 20
+  set reach 86400; program 0 +259200; pass 86400 | suspend | not          | 90
+  configured hop_boots=no; set reach 86400; program 0 +259200 | suspend | not | 90
+  alarm +5000; refuse EBUSY; program 0 +5000     | suspend | not          | 90
+  alarm +5001; refuse EBUSY; program 0 +5000     |         | no_alarm     | 900
+)")
+
+SCENARIOS(Decide, ABlockOfIdle_DoesNotStopAnOffTimer, R"(
+  machine no_cec; use_changed 0 0 idle sleep 5000; off_time; use_changed 0 0 idle sleep 5000 yes
+    => sleep suspend
+)")
+
+// The first sleep was ordered 600 seconds ago.
+SCENARIOS(Decide, TheSeventhSleepOfAnHour_Waits_UnlessAnAlarmHasWokenTheMachine,
+          "machine no_cec; $1 $1 $1 $1 $1 $1 $2; off_time; unused => why $3 sleep_again_in $4", R"(
+  off_time; unused; sleep 100; | nothing                   | often | 3000
+  off_time; unused; sleep 100; | program 0 +800; sleep 201 | not   | 90
 )")
 
 SCENARIOS(Decide, AtOurEnd_AnAlarmThatHasGoneOffBeforeTheOnTime_IsWrittenForABoot, R"(
@@ -466,6 +653,7 @@ TEST_F(Decide, AWriteThatARestartHasLost_WaitsForAReading) {
     run.send(event::sleep_ends{});
     EXPECT_EQ(run.alarm, kNow + (was_done ? 985 : 500));
     EXPECT_EQ(run.m.alarm.foreign.owner == alarm_owner::kNone, was_done);
+    EXPECT_EQ(run.count<order::write_alarm>(), was_done ? 2 : 1);
   }
 }
 
@@ -477,14 +665,21 @@ SCENARIOS(Decide, ATimerThatARestartHasLost_IsMadeUpFor_Once,
   ambient           | 302 | +12
   fired             | 0   | +10
   screen_wanted off | 0   | +10
+  armed             | 0   | '+0 +10'
 )")
 
 // Nor has one that is old: it has ended another sleep, which looks like this one.
-SCENARIOS(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine, "sleep $1; pressed $2 => woken $3",
+SCENARIOS(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine,
+          "sleep $1; pressed $2 => woken $3 user_window_in $4 say '$5'",
           R"(
-  5   | 6  | nothing
-  100 | 11 | nothing
-  100 | 9  | user
+  5   | 6  | nothing | 10 |
+  5   | 5  | user    | -  | woken
+  100 | 11 | nothing | 10 |
+  100 | 10 | user    | -  | woken
+)")
+
+SCENARIOS(Decide, AWakeUpThatNobodyIsSeenAfter_IsSaid_BeforeTheNextSleep, R"(
+  sleep 100; wait 5; sleep_begins => say woken said 'woken 0 0' user_window_in -
 )")
 
 SCENARIOS(Decide, AScreenWithoutCec_ComesBackWithTheFirstKey_HoweverLate,
@@ -501,6 +696,7 @@ SCENARIOS(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion
           "times 2 program 0 $1; $2 => tv_ask $3", R"(
   +0   | nothing        | 0
   +1   | nothing        | 1
+  +10  | program 0 +9   | 2
   +10  | nothing        | 1
   +11  | nothing        | 0
   +100 | step_clock 100 | 0
@@ -562,7 +758,9 @@ SCENARIOS(Decide, AnOnTimerThatIsMadeUpFor_EndsAUsersOff, R"(
 
 SCENARIOS(Decide, WhatTheLastRunWanted_HoldsUntilThisOneIsArmed, R"(
   program 0 +1000; pass 5; ended => went_utc +5;
-    start same_boot; idle => wanted +1000; armed; idle => wanted 0 alarm 0
+    start same_boot; idle => wanted +1000; armed; idle => wanted 0 alarm 0;
+    forget; idle => read_alarm 0
+  program 0 +1000; start same_boot; armed; unprogram => wanted 0
 )")
 
 SCENARIOS(Decide, AStepOfAKnownClock_IsAllThatIsTold, R"(
@@ -570,7 +768,7 @@ SCENARIOS(Decide, AStepOfAKnownClock_IsAllThatIsTold, R"(
 )")
 
 SCENARIOS(Decide, ARestart_AsksForWhatItMayHaveMissed, R"(
-  pass 100; forget; start same_boot => ask_clock 1; armed => ask_late +0
+  pass 100; forget; start same_boot => ask_clock 1; armed => ask_late +0 deliver ''
   screen_wanted on bus; tv_reports on; tv_reachable yes => believed on tv_ask 1
 )")
 

@@ -201,6 +201,10 @@ static settings settings_of(arguments a) {
       set.follow_screen = value_of<bool>(value_after(word));
     else if (word.starts_with("screen_follows="))
       set.screen_follows = value_of<bool>(value_after(word));
+    else if (word.starts_with("lead="))
+      set.lead_suspend = number_of(value_after(word));
+    else if (word.starts_with("return="))
+      set.return_to_sleep = number_of(value_after(word));
   return set;
 }
 
@@ -222,6 +226,8 @@ static void start(arguments a) {
   for (const std::string &word : a)
     if (word.starts_with("booted="))
       next.booted_at = run->now.utc - number_of(value_after(word));
+    else if (word.starts_with("build="))
+      next.build_day = number_of(value_after(word));
     else if (word.find('=') != word.npos)
       find_word(kFields, word.substr(0, word.find('='))).write(next.kept, value_after(word));
   run->send(next);
@@ -270,6 +276,12 @@ static const std::map<std::string_view, void (*)(arguments a)> kSteps = {
        run->now.slept = number_of(a[1]) * kSecondMs;
        run->now.sleeps = value_of<std::uint32_t>(a[2]);
      }},
+    {"gains", // so many seconds, the system clock on the boot clock; no event tells it
+     [](arguments a) {
+       const std::int64_t boot = run->now.boot;
+       pass(a);
+       run->now.boot = boot;
+     }},
     {"step_clock",
      [](arguments a) {
        run->now.utc += number_of(a[0]);
@@ -282,6 +294,7 @@ static const std::map<std::string_view, void (*)(arguments a)> kSteps = {
     {"unreadable", [](arguments) { run->read_error = EIO; }},
     {"readable", [](arguments) { run->read_error = 0; }},
     {"gone", [](arguments) { run->is_gone = true; }},
+    {"minutes", [](arguments) { run->minutes = true; }},
     {"next_transition", [](arguments a) { run->next_transition = number_of(a[0]); }},
     {"unused", // logind answers
      [](arguments) {

@@ -63,7 +63,7 @@ struct awake_machine {
   }
 
   void carry_out(const order::read_alarm &) {
-    send(event::alarm_read{{read_error, is_gone, false, now.utc, alarm}});
+    send(event::alarm_read{{read_error, is_gone, minutes, now.utc, alarm}});
   }
   void carry_out(const order::write_alarm &o) {
     const int error = o.count - now.utc > range ? EINVAL : refusal;
@@ -84,6 +84,7 @@ struct awake_machine {
   std::vector<order::any> given;
   std::int64_t alarm = 0, range = kNever;
   bool is_gone = false; // the device
+  bool minutes = false; // its alarm counts them
   int refusal = 0, read_error = 0;
   std::int64_t next_transition = 0;
   event::late_timers late;
