@@ -80,8 +80,37 @@ SCENARIOS(Decide, AWakeUp_TellsItsReasonOnce_AndAStepOfTheClockOnTheWayDown,
   sleep_begins; clock_stepped | time_set time_update
 )")
 
+// A daemon that is not armed yet, or that takes its time within another callback.
+SCENARIOS(Decide, AStandby_IsToldBeforeAllElse_AndAWakeUpOnlyWhileTheMachineIsAwake, R"(
+  sleep_begins; clock_stepped; forget; sleep_ends => deliver 'wakeup time_set time_update'
+  start same_boot; sleep 100 => deliver ''; sleep_begins => deliver standby; armed => deliver '!wakeup'
+  busy; clock_stepped => deliver time_set; sleep_begins; returned time_set
+    => release_inhibitor 0 deliver 'time_set standby'; returned standby => release_inhibitor 1
+  busy; clock_stepped; sleep_begins; sleep_ends; returned time_set => deliver 'time_set wakeup'
+  busy; clock_stepped; sleep_begins; slept 100; ambient; returned time_set
+    => deliver 'time_set wakeup'
+)")
+
 SCENARIOS(Decide, ASleepWhoseCountComesLater_IsOne, R"(
   slept 100; ambient; pass 1; counted; ambient => take_inhibitor 1
+)")
+
+SCENARIOS(Decide, AWakeUp_AsksForEverything_AndEndsWhatWasOpen, R"(
+  sleep 100 => ask_use 1 tv_ask 1 woken_utc +100 watch_input '' leaving_in -
+  screen_wanted on bus; slept 100; ambient => pending no screen_step_in -
+  sleep 100; program 0 +1000; slept 885; ambient => woken timer user_window_in -
+  sleep 100; sleep_begins => user_window_in - said 'woken 0 0'
+)")
+
+// An alarm that goes off 100 seconds before the wake-up has only woken a machine from its disk.
+SCENARIOS(Decide, ASleepThatNobodyHasAnnounced_IsAsLongAsAClockShows_AndNoHibernation, R"(
+  machine no_cec; off_time; unused; pass 50; slept 1; ambient => went_utc +50
+  pass 50; counted; ambient => went_utc +50
+  sleep_begins; pass 3; slept 1; ambient => phase awake; pressed 2 => woken nothing
+  sleep_begins; pass 3; slept 1; ambient; pressed 1 => woken user
+  program 0 +1000; sleep 100; slept 100; ambient => alarm +985
+  program 0 +1000; sleep 100; slept 985; ambient => woken nothing
+  program 0 +1000; sleep_begins; slept 100; ambient; slept 985; ambient => woken timer
 )")
 
 // A monitor never says anything: that is no problem of a television.
@@ -89,9 +118,11 @@ SCENARIOS(Decide, AScreenThatStaysSilent_GetsThePairThreeTimes_AndATelevisionOne
   set has_spoken no; screen_wanted on bus; each_second 20 tv_silent
     => tv_on 3 believed unknown problems '';
     set has_spoken yes; forget; screen_wanted on bus; each_second 20 tv_silent
-    => tv_on 3 believed unknown problems television said 'television_late 0 0';
+    => tv_on 3 believed unknown problems television said 'television_late 0 0' said_timer 0;
     forget; tv_asks_source => tv_answer 1 tv_ask 1;
     screen_wanted off bus; tv_asks_source => tv_answer 1
+  screen_wanted on bus; tv_reports on; screen_wanted off bus; tv_reports off; forget;
+    screen_wanted on bus; tv_reports on => tv_on 2
 )")
 
 // In the last seconds nobody has asked.
@@ -109,11 +140,30 @@ SCENARIOS(
 )")
 
 SCENARIOS(Decide, ATelevisionThatRefusesTheQuestion_StillGetsThePairThreeTimes,
-          "set has_spoken no; screen_wanted on bus; each_second 20 tv_denies question $1 =>"
+          "set has_spoken no; screen_wanted on bus; each_second 3 tv_denies question $1 => tv_on 1;"
+          "wait 1 => tv_on 2; each_second 3 tv_denies question $1 => tv_on 2;"
+          "wait 1 => tv_on 3 screen_step_in $4; each_second 12 tv_denies question $1 =>"
           " tv_on 3 tv_ask $2 problems '$3' pending no",
           R"(
-  yes | 1  |
-  no  | 15 | television
+  yes | 1  |            | -
+  no  | 15 | television | 1
+)")
+
+SCENARIOS(Decide, ATelevision_SpeaksByARefusal_OfWhatItIsAsked,
+          "set has_spoken no; screen_wanted $1 bus; tv_denies $2 => has_spoken $3 pending $4", R"(
+  on  | 4        | no  | yes
+  on  | standby  | no  | yes
+  on  | question | yes | yes
+  off | 4        | no  | yes
+  off | standby  | yes | no
+)")
+
+SCENARIOS(Decide, ATelevisionThatIsLate_IsNotAskedAnyLonger_WhenItSaysSo, R"(
+  screen_wanted on bus; each_second 14 tv_reports off; wait 1 => believed off problems television
+  screen_wanted on bus; each_second 20 tv_reports off; tv_denies question
+    => screen_step_in - believed unknown
+  screen_wanted on bus; each_second 20 tv_reports off; tv_reports on; tv_reachable no; forget;
+    tv_reachable yes => tv_on 0 tv_ask 1
 )")
 
 SCENARIOS(Decide, AnAdapterThatComesLate_GetsTheOrder_UnlessItIsOld,
@@ -129,19 +179,31 @@ SCENARIOS(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn, R"(
   screen_wanted off bus; each_second 20 tv_reports on
     => problems television believed on deliver state said 'television_stays 0 0';
     screen_wanted off bus; forget; each_second 20 tv_silent => problems '' say '!television_stays'
+  tv_reports on; screen_wanted off bus; times 15 wait 1 => believed unknown problems ''
+)")
+
+SCENARIOS(
+    Decide, AMachineThatFollowsItsTelevision_IsNeverSwitchedOff,
+    "machine follow_screen=yes off=$1; tv_reports on; tv_reports off => wish screen method $2",
+    R"(
+  suspend   | suspend
+  hibernate | hibernate
+  poweroff  | suspend
 )")
 
 SCENARIOS(Decide, ARefusedInhibitor_IsTriedForEveryMinute_AndAfterASleep, R"(
   refused inhibitor EIO => inhibit_again_in 1; wait 1; refused inhibitor EIO => inhibit_again_in 10;
     wait 10; refused inhibitor EIO => inhibit_again_in 60;
     wait 60; refused inhibitor EIO => inhibit_again_in 60; wait 60 => take_inhibitor 4;
-    works inhibitor; refused inhibitor EIO => inhibit_again_in 1;
+    refused inhibitor EIO; works television => inhibit_again_in 60;
+    works inhibitor => inhibit_again_in -; refused inhibitor EIO => inhibit_again_in 1 said_timer 0;
     slept 100; ambient => take_inhibitor 5
 )")
 
 // The wake-up may show before logind says so.
 SCENARIOS(Decide, ADelayRefusedWhileASleepEnds_IsNoProblem_AndTakenAfterIt, R"(
-  sleep 100; forget; refused inhibitor EINPROGRESS => say ''; sleep_ends => take_inhibitor 1
+  sleep 100; forget; refused inhibitor EINPROGRESS => say '';
+    sleep_ends => take_inhibitor 1 read_alarm 0
 )")
 
 SCENARIOS(Decide, AMachineThatMustNotBootForHops_IsNotWoken,
@@ -166,6 +228,12 @@ SCENARIOS(Decide, AnAlarmThatIsRefused_IsTriedNearer_WhenTheRefusalSaysSo,
   ERANGE | +3455985 +2332800 +82800
   EDOM   | +3455985 +2332800 +82800
   EIO    | +3455985
+)")
+
+// Another device may be configured.
+SCENARIOS(Decide, AReload_TriesTheWholeWayToTheOnTimeAgain, R"(
+  range 86400; program 0 +3456000 => reach 82800; range 9000000; configured
+    => alarm +3455985 reach 0
 )")
 
 // An error switches off what stood, ours and the other one.
@@ -229,22 +297,25 @@ SCENARIOS(Decide, AUserWhoWakesAMachine_EndsTheCountOfItsShortSleeps, R"(
 )")
 
 SCENARIOS(Decide, ATest_IsRefused_WhenSomethingIsInTheWay,
-          "alarm $3; program 0 $2; use_changed 0 0 $4 sleep 5000; test_wake 7 $1; test_wake 8 $1 =>"
-          " answer '$5'",
+          "alarm $3; program 0 $2; use_changed 0 0 $4 sleep 5000; test_wake 7 $1 =>"
+          " say '$6test_begins'; test_wake 8 $1 => answer '$5'",
           R"(
-  19   | 0    | 0    | 0    | ERANGE ERANGE
-  3601 | 0    | 0    | 0    | ERANGE ERANGE
-  60   | +179 | 0    | 0    | EBUSY EBUSY
-  60   | 0    | +179 | 0    | EBUSY EBUSY
-  60   | 0    | 0    | idle | EBUSY EBUSY
-  60   | +180 | +180 | 0    | EALREADY
-  20   | 0    | 0    | 0    | EALREADY
+  19   | 0    | 0    | 0    | ERANGE ERANGE | !
+  3601 | 0    | 0    | 0    | ERANGE ERANGE | !
+  60   | +179 | 0    | 0    | EBUSY EBUSY   | !
+  60   | 0    | +179 | 0    | EBUSY EBUSY   | !
+  60   | 0    | 0    | idle | EBUSY EBUSY   | !
+  60   | +180 | +180 | 0    | EALREADY      | ~
+  20   | 0    | 0    | 0    | EALREADY      | ~
+  3600 | 0    | 0    | 0    | EALREADY      | ~
 )")
 
 // The alarm of the timer still stands.
 SCENARIOS(Decide, ATestWhoseAlarmTheDeviceDoesNotTake_DoesNotSleep, R"(
   program 0 +5000; refuse EBUSY; test_wake 7 100; unused => sleep '' answer EBUSY
-  program 0 +5000; refuse EIO; test_wake 7 100; unused => sleep '' answer EIO
+  program 0 +5000; refuse EPERM; test_wake 7 100; unused => sleep '' answer EPERM
+  unreadable; test_wake 7 100; unused => sleep '' answer EIO
+  test_wake 7 20; pass 21; unused => sleep '' answer EBUSY
 )")
 
 // Its alarm is never nearer than a sleep allows, and none when its time is over.
@@ -293,6 +364,7 @@ SCENARIOS(Decide, ADeviceThatIsNotUsedAnyLonger_KeepsWhatIsNotOurs, R"(
   alarm +5000; program 0 +1000 => alarm +985 said 'foreign_found +5000 0';
     forget; clock_stepped => say ''; device_leaves => alarm +5000 said 'foreign_put_back +5000 0';
     alarm 0; configured => alarm +985; unprogram; idle => alarm 0
+  alarm +5000; program 0 +1000; device_leaves; unreadable; configured => stands none foreign 0
 )")
 
 SCENARIOS(Decide, AMonitorBehindAnAdapter_DoesNotDelayTheSleep_AndComesBackWithItsUser, R"(
@@ -320,11 +392,16 @@ SCENARIOS(Decide, ATestThatTheClockStepsOver_StillLeavesTheAlarmOfTheTimer, R"(
 // Ours could not follow it any longer once the machine sleeps.
 SCENARIOS(Decide, AnAlarmThatGoesOffBeforeTheSleep_IsWaitedFor,
           "alarm $1; program 0 +1000; sleep_begins => release_inhibitor $2;"
-          "wait 3 => release_inhibitor 1 alarm $3",
+          "wait 2 => release_inhibitor $2; wait 1 => release_inhibitor 1 alarm $3",
           R"(
   +2  | 0 | +910
   +3  | 1 | +3
   +10 | 1 | +10
+)")
+
+// Nothing of ours follows it then.
+SCENARIOS(Decide, AnAlarmThatGoesOffWithTheOnTime_IsNotWaitedForAfterIt, R"(
+  alarm +2; program 0 +2; sleep_begins => release_inhibitor 0; wait 2 => release_inhibitor 1
 )")
 
 SCENARIOS(
@@ -339,7 +416,8 @@ SCENARIOS(
 SCENARIOS(Decide, AnAlarmThatCannotBeRead_LeadsToNothing_AndIsReadAgainSoonForASleep, R"(
   machine no_cec; unreadable; program 0 +5000; idle => problems alarm_read alarm_again_in 1;
     wait 1 => alarm_again_in 10; wait 10 => alarm_again_in 60; wait 60 => alarm_again_in -;
-    off_time => why no_alarm; idle => alarm_again_in 1
+    off_time => why no_alarm alarm_again_in - sleep_again_in 900; idle => alarm_again_in 1;
+    wait 1; wait 10; wait 60 => alarm_again_in -; forget; wait 829 => read_alarm 1
   unreadable; program 0 +5000; times 3 idle => read_alarm 2 problems alarm_read;
     readable; wait 1 => problems '' alarm +4985
 )")
@@ -348,6 +426,15 @@ SCENARIOS(Decide, ADeviceThatIsNotThere_IsNotTriedAgain, R"(
   gone; program 0 +5000 => problems no_device; idle => alarm_again_in - read_alarm 1;
     start same_boot => problems ''
   idle; unreadable; gone; program 0 +5000 => wants_idle no
+  unreadable; program 0 +5000; idle => alarm_again_in 1; gone; sleep_begins => release_inhibitor 1
+  unreadable; program 0 +5000; sleep_begins => alarm_again_in 0.5; gone;
+    sleep_ends => alarm_again_in -
+)")
+
+// With a delay of one second there is one try before the sleep.
+SCENARIOS(Decide, TheTriesOfAnAlarm_AreCountedFromTheStandby_AndFromItsRefusal, R"(
+  use_changed 0 0 0 sleep 1000; refuse EIO; program 0 +5000; sleep 100 => alarm_again_in 1
+  refuse EIO; program 0 +5000; sleep_begins; sleep_ends => alarm_again_in - wants_idle yes
 )")
 
 SCENARIOS(Decide, AnAlarmOfADeviceThatCannotBeRead_HasWokenTheMachine_ByTheSystemClock,
@@ -371,20 +458,39 @@ SCENARIOS(Decide, AnAlarm_HasWokenTheMachine_FromTwoSecondsBeforeIt_AndForSoLong
 // Not when the process has started.
 SCENARIOS(Decide, AMachineThatOurAlarmHasBooted_IsItsUsers_WhenItHasSleptSince,
           "program 0 +1000; pass 1045; uptime 60 $1 $2; forget; start booted=60 =>"
-          " woken $3 woken_utc +985 said 'booted $4 0'",
+          " woken $3 woken_utc +985 said 'booted $4 0' return_in $5 started yes;"
+          "ambient => woken $3",
           R"(
-  0 | 0 | timer | 2
-  0 | 1 | user  | 1
-  1 | 0 | user  | 1
+  0 | 0 | timer | 2 | 120
+  0 | 1 | user  | 1 | -
+  1 | 0 | user  | 1 | -
+)")
+
+SCENARIOS(Decide, AnAlarmThatCountsMinutes_HasBootedTheMachineEarlier,
+          "program 0 +1000; pass 1030; uptime 60 0 0; start booted=60 $1 => woken $2", R"(
+  minutes | timer
+          | user
+)")
+
+// One that starts by itself begins within two minutes of the boot.
+SCENARIOS(Decide, ASessionAfterABoot_IsAUser_WhenItBeginsLaterThanOneThatStartsByItself,
+          "program 0 +1000; pass 1045; uptime 60 0 0; start booted=60 rtc_valid; armed;"
+          "use_changed $1 $2 0 shutdown 5000; wait 120 => why $3",
+          R"(
+  120000 | 0      | not
+  120001 | 0      | session
+  0      | 120000 | not
+  0      | 120001 | session
 )")
 
 // The clock was unknown.
 SCENARIOS(Decide, APackageThatIsInstalledLate_MakesUpForNothing,
           "uptime $1 0 0; start first booted=$1; armed; pass 100; ntp on yes =>"
-          " ask_late '$2 $2'",
+          " ask_late '$2'",
           R"(
-  60    | -60
-  86400 | +0
+  60   | -60 -60
+  1799 | -300 -200
+  1800 | +0 +0
 )")
 
 // The first is awake since its boot, an hour ago.
@@ -405,7 +511,7 @@ SCENARIOS(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine,
           " woken timer say '' ask_late $2 clock by_hand return_in $3 wish $4 last_method $5",
           R"(
                     | +0 | 120 | none | suspend
-  went_utc=-3       | -3 | 120 | none | suspend
+  went_utc=-60      | -60 | 120 | none | suspend
   went_utc=-61      | +0 | 120 | none | suspend
   stays=yes         | +0 | -   | none | suspend
   ordered_on=yes    | +0 | -   | none | suspend
@@ -414,7 +520,8 @@ SCENARIOS(Decide, AnotherBuildInTheSameBoot_KnowsWhatHasWokenTheMachine,
 
 // The machine runs for 3,600 seconds: it was woken 100 seconds ago, a session began 50 seconds ago.
 SCENARIOS(Decide, AnotherBuildInTheSameBoot_KnowsItsUser_AndTheScreenThatWeHaveTurnedOff,
-          "machine no_cec; start other_build woken=$1 woken_at=3500000 ordered=off;"
+          "machine no_cec; start other_build woken=$1 woken_at=3500000 ordered=off woken_utc=-100"
+          " woken_booted=yes => woken_at 3500000 woken_utc -100 woken_booted yes;"
           "use_changed 3550000 0 0 sleep 5000 yes; armed; wait 200 => why $2;"
           "input => start_unit '$3' ordered_on $4",
           R"(
@@ -463,6 +570,11 @@ SCENARIOS(Decide, AnUpdateThatTheDaemonWaitsFor_IsNotForgotten,
   pass 5; clock_stepped
 )")
 
+SCENARIOS(Decide, ATimeUpdate_IsFollowedByALookAtWhatIsWanted, R"(
+  machine no_battery; idle; ntp on yes => wants_idle yes; idle; tv_reports on
+    => deliver ~state wants_idle no
+)")
+
 // As long as it was unknown, up to five minutes, before the daemon hears of it, and not on the way
 // to a sleep.
 SCENARIOS(Decide, ATimerOfAnUnknownClock_IsMadeUpFor_WhenItBecomesKnown,
@@ -484,6 +596,13 @@ SCENARIOS(Decide, ARefusedStandby_IsNoAnswerToTheQuestionBeforeAReturn,
           R"(
   nothing      | nothing    | suspend
   sleep_begins | sleep_ends |
+)")
+
+SCENARIOS(Decide, ATelevisionThatDoesNotSayThatItIsOff_KeepsTheMachineAwake, R"(
+  program 0 +1000; sleep 985; screen_wanted on; tv_reports on; tv_reports off; wait 135; unused;
+    tv_silent => why screen_silent sleep_again_in 900; forget; wait 900 => stage asking tv_ask 1;
+    unused; tv_silent => why screen_silent stage waiting; tv_reports off => stage asking
+  tv_reports off; sleep 1000; wait 10; wait 110; unused; wait 3 => why screen_silent sleep ''
 )")
 
 // Somebody's hand, or a timer of the off-action "none".
@@ -529,10 +648,11 @@ SCENARIOS(Decide, WhatPostponesASleep_IsAskedForAgain,
 )")
 
 // The machine runs for 3,600 seconds: the session begins when the off-timer has waited that long.
-SCENARIOS(Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater,
-          "machine no_cec; use_changed 0 0 sleep sleep 5000 yes; off_time => watched yes;"
-          "pass $1; $2; times 2 use_changed $3 0 0 sleep 5000 yes => sleep '$4'",
-          R"(
+SCENARIOS(
+    Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater,
+    "machine no_cec; use_changed 0 0 sleep sleep 5000 yes; off_time => watched yes read_alarm 0;"
+    "pass $1; $2; times 2 use_changed $3 0 0 sleep 5000 yes => sleep '$4'",
+    R"(
   300 | input   | 0       | suspend
   300 | nothing | 3900000 | suspend
   301 | input   | 0       |
@@ -540,7 +660,8 @@ SCENARIOS(Decide, AnOffTimerThatWaits_SendsNobodyToSleepWhoCameLater,
 )")
 
 SCENARIOS(Decide, ASleepThatFails_IsTriedAgain_LessAndLessOften_AfterNinetySecondsOfHooks, R"(
-  machine no_cec; screen_wanted off; job_began 1 off; wait 89 => why hook watched no;
+  machine no_cec; screen_wanted off => hook_in 90; job_began 1 off;
+    wait 89 => why hook stage waiting watched no;
     wait 1; unused => sleep_again_in 90; sleep_answered EACCES => sleep_again_in 30;
     wait 30; unused => sleep_again_in 90; sleep_answered EACCES => sleep_again_in 60;
     wait 60; unused => sleep_again_in 90; sleep_answered EACCES => sleep_again_in 300;
@@ -558,6 +679,7 @@ SCENARIOS(Decide, AClockThatIsNotSynchronised_IsAskedEveryFiveMinutes_UntilItIs,
     ntp on no => ask_clock_in 300; wait 300 => ask_clock 5; ntp on no;
     clock_stepped => ask_clock_in 10; forget; ntp on yes => deliver 'clock_mode time_update' ask_clock_in -;
     forget; ntp on no => clock synchronised deliver ''
+  clock_stepped; ntp on no; wait 10 => ask_clock_in 30; start same_boot; wait 30 => ask_clock_in 10
 )")
 
 SCENARIOS(Decide, AClock_IsAskedSoonAfterARestart_AndNotOftenAfterADay, R"(
@@ -574,7 +696,9 @@ SCENARIOS(Decide, ATimeOfTheClock_IsCountedAnew_UnlessItComesAFewMillisecondsEar
 )")
 
 SCENARIOS(Decide, AnOffTimerThatWaits_SendsNothingToSleep_InTheSecondOfAnOnTime,
-          "machine no_cec; program 0 +10; off_time; wait $1; unused => sleep '$2'", R"(
+          "machine no_cec; program 0 +10; off_time => sleep_again_in 11; wait $1; unused =>"
+          " sleep '$2'",
+          R"(
   10 |
   11 | suspend
 )")
@@ -619,11 +743,17 @@ SCENARIOS(Decide, AJobThatEndsWhileSystemdStartsAgain_IsForgotten,
 
 SCENARIOS(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrdered,
           "machine no_cec; screen_wanted on bus; ambient on; start same_boot; $1; armed;"
-          "test_wake 1 100 => stage $2; forget; wait 2 => stage asking start_unit '$3'",
+          "test_wake 1 100 => stage $2; forget; wait 1 => stage $2 start_unit '';"
+          "wait 1 => stage asking start_unit '$3'",
           R"(
   nothing                            | waiting | on ambient
   screen_wanted off bus; ambient off | asking  |
   screen_wanted on bus               | waiting | ambient
+)")
+
+SCENARIOS(Decide, AUnitThatASleepHasLost_LeavesItsScreenUnknown, R"(
+  machine no_cec; screen_wanted on bus => believed on; start same_boot; sleep 100
+    => believed unknown jobs ''
 )")
 
 // It may have been done or not; the mark stays until the device says what stands.
@@ -668,6 +798,13 @@ SCENARIOS(Decide, ATimerThatARestartHasLost_IsMadeUpFor_Once,
   armed             | 0   | '+0 +10'
 )")
 
+// Only a daemon that has armed its timers fires them.
+SCENARIOS(Decide, ATimerOfARunThatIsNotArmed_IsMadeUpForByTheNext, R"(
+  pass 10; start same_boot; pass 50; ambient; pass 50; start same_boot; armed => ask_late +0
+  pass 10; start same_boot; pass 50; ambient; slept 10; ambient; armed => ask_late +0
+  pass 100; ambient; slept 100; ambient => ask_late +100
+)")
+
 // Nor has one that is old: it has ended another sleep, which looks like this one.
 SCENARIOS(Decide, AKeyOfBeforeTheSleep_HasNotWokenTheMachine,
           "sleep $1; pressed $2 => woken $3 user_window_in $4 say '$5'",
@@ -705,6 +842,10 @@ SCENARIOS(Decide, ATelevision_IsAskedAtOnce_WhenTheOnTimeIsNearerThanTheQuestion
   +111 | step_clock 100 | 0
 )")
 
+SCENARIOS(Decide, ATelevision_IsNotAsked_WhenTheOnTimeIsWantedNoLonger, R"(
+  program 0 +1000 => ask_screen_in 990; unprogram => ask_screen_in -
+)")
+
 // Nobody has announced the sleep, and no clock shows how long it was.
 SCENARIOS(Decide, ATestOfASleepThatOnlyItsCountShows_HasTheLengthOfTheSleep, R"(
   test_wake 7 100; unused; pass 100; counted; due => answer 100
@@ -712,32 +853,66 @@ SCENARIOS(Decide, ATestOfASleepThatOnlyItsCountShows_HasTheLengthOfTheSleep, R"(
 
 SCENARIOS(Decide, AStandby_EndsTheQuestionsOfAnOrder_AndOneThatFailsAsksAgain, R"(
   machine screen_follows=yes; screen_wanted on bus; set believed on;
-    sleep_begins => believed unknown pending no screen_step_in -;
+    sleep_begins => believed unknown pending no screen_step_in - ordered off ordered_on no tv_off 1;
     forget; sleep_ends => tv_ask 1 leaving_in -
 )")
 
 // No call has failed, and it is not tried again every 15 minutes.
 SCENARIOS(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem, R"(
-  use_changed 0 0 0 shutdown 5000 => problems cannot_sleep said 'problem 6 0';
+  use_changed 0 0 0 shutdown 5000 => problems cannot_sleep said 'problem 6 0' errors 1;
     set wish off_timer; set stage asked; set phase sleep_asked; sleep_answered EOPNOTSUPP
     => wish none problems cannot_sleep; configured off=poweroff => problems ''
+  machine off=hibernate; use_changed 0 0 0 hibernate 5000 => problems ''
+  machine off=none; use_changed 0 0 0 0 5000 => problems ''
 )")
 
 SCENARIOS(Decide, AnOffTimerThatWaits_IsOver_WhenTheScreenIsWantedOn, R"(
-  machine no_cec; off_time; screen_wanted on bus; unused => sleep ''
+  machine no_cec; off_time; screen_wanted on bus; unused => sleep '' asked_in -
+  off_time; tv_reports off => wish off_timer; tv_reports on => wish none
 )")
 
 SCENARIOS(Decide, AnAnswerThatDoesNotCome_IsAProblemOfLogind_AndAScreenThatIsUnknown,
           "program 0 +1000; sleep 985; wait 135; $1 => sleep ''; $2 =>"
-          " problems '$3' sleep '$4' sleep_again_in $5",
+          " problems '$3' sleep '$4' sleep_again_in $5; unused => problems ''",
           R"(
-  tv_reports off | wait 3    | use |         | 30
-  unused         | tv_silent |     | suspend | 90
+  tv_reports off | wait 3             | use |         | 30
+  unused         | tv_silent          |     | suspend | 90
+  unused         | wait 3             |     | suspend | 90
+  unused         | tv_denies question |     | suspend | 90
+)")
+
+SCENARIOS(Decide, ASleepIsOrdered_AfterAnAnswerOfItsOwn_AndForgottenWithItsQuestion, R"(
+  machine no_cec; off_time; use_changed 0 0 sleep sleep 5000 yes
+    => why blocked asked_in - sleep_again_in 900; fired 20 => why job sleep_again_in -;
+    job_began 1 wakeup; job_ended 1; use_changed 0 0 0 sleep 5000 => stage asking sleep '';
+    unused => sleep suspend why not asked_in -
+  machine no_cec; off_time; start same_boot; wait 3 => problems '' stage waiting
+  machine no_cec; off_time; unused; start same_boot; preparing no no
+    => phase awake stage waiting sleep_again_in -; armed; unused => sleep 'suspend suspend'
+  machine no_cec; off_time; unused; wait 90 => problems sleep why failed sleep_again_in 30
+  machine no_cec; off_time; unused; sleep_begins; wait 90 => problems '' phase going
+  machine no_cec; off_time; unused; sleep_begins; sleep_ends
+    => problems sleep why failed sleep_again_in 30
+)")
+
+// A test is no such sleep. After one, the sleeps before it do not count.
+SCENARIOS(Decide, AMachineThatIsSentToSleepSixTimesAnHour_Waits, R"(
+  machine no_cec; test_wake 1 100; unused; sleep 50 => answer 50; off_time; unused; sleep 100;
+    off_time; unused; sleep 100; off_time; unused; sleep 100; off_time; unused; sleep 100;
+    off_time; unused; sleep 100; off_time; unused => sleep suspend; sleep 100;
+    test_wake 1 100; unused; sleep 50 => answer 50; off_time; unused => sleep suspend
+  machine no_cec; off_time; unused; sleep 100; off_time; unused; sleep 100; off_time; unused;
+    sleep 100; off_time; unused; sleep 100; off_time; unused; sleep 100; off_time; unused;
+    sleep 100; off_time => why often
 )")
 
 SCENARIOS(Decide, ATestThatCannotSleep_IsOver_AndAnOrderIsNotTakenBack, R"(
-  test_wake 7 100; unused; off_time => wish test; sleep_answered EACCES => answer EACCES;
+  program 0 +5000; test_wake 7 100; unused; off_time => wish test alarm +100;
+    sleep_answered EACCES => answer EACCES why not alarm +4985;
     test_wake 8 100; shutdown_begins => answer 'EACCES ECANCELED' sleep_again_in -
+  test_wake 7 100; off_time => answer ECANCELED wish off_timer
+  test_wake 7 100; configured off=poweroff => answer '' method suspend
+  test_wake 7 100; unused; sleep_begins; sleep_ends => answer ECANCELED
 )")
 
 SCENARIOS(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload, R"(
@@ -747,7 +922,10 @@ SCENARIOS(Decide, AnOffTimerThatWaits_TakesTheOffActionOfAReload, R"(
 
 SCENARIOS(Decide, AReturn_IsCountedFromTheLastChangeOfTheScreen_AndComesSoonAfterAHop, R"(
   program 0 +1000; sleep 985; screen_wanted on; tv_reports on; pass 50; tv_reports off => return_in 120
-  program 0 +1000; sleep 985; screen_wanted on; each_second 20 tv_silent => return_in 115
+  program 0 +1000; sleep 985; wait 50; screen_wanted on; each_second 20 tv_silent => return_in 115
+  program 0 +1000; sleep 985; wait 50; screen_wanted off; wait 5; tv_reports off => return_in 115
+  program 0 +1000; sleep 985; wait 50; fired 2 => return_in 120; job_began 1 wakeup; wait 10;
+    job_ended 1 => return_in 120
   set reach 86400; program 0 +259200; sleep 86400 => woken hop return_in 10
 )")
 
@@ -757,9 +935,9 @@ SCENARIOS(Decide, AnOnTimerThatIsMadeUpFor_EndsAUsersOff, R"(
 )")
 
 SCENARIOS(Decide, WhatTheLastRunWanted_HoldsUntilThisOneIsArmed, R"(
-  program 0 +1000; pass 5; ended => went_utc +5;
-    start same_boot; idle => wanted +1000; armed; idle => wanted 0 alarm 0;
-    forget; idle => read_alarm 0
+  idle; program 0 +1000; pass 5; ended => went_utc +5;
+    start same_boot => wants_idle yes; idle => wanted +1000 alarm +985 wants_idle no;
+    armed => wants_idle yes; idle => wanted 0 alarm 0; forget; idle => read_alarm 0
   program 0 +1000; start same_boot; armed; unprogram => wanted 0
 )")
 
@@ -768,7 +946,8 @@ SCENARIOS(Decide, AStepOfAKnownClock_IsAllThatIsTold, R"(
 )")
 
 SCENARIOS(Decide, ARestart_AsksForWhatItMayHaveMissed, R"(
-  pass 100; forget; start same_boot => ask_clock 1; armed => ask_late +0 deliver ''
+  pass 100; forget; start same_boot => ask_clock 1 ask_preparing 1 take_inhibitor 1;
+    armed => ask_late +0 deliver ''
   screen_wanted on bus; tv_reports on; tv_reachable yes => believed on tv_ask 1
 )")
 
@@ -778,18 +957,28 @@ SCENARIOS(Decide, AMachineThatLeaves_IsAskedAfter_AndTestedLater, R"(
   use_changed 0 0 0 suspend 5000; program 0 +1000; shutdown_begins => alarm +910; sleep_begins
     => alarm +985 phase going
   sleep_begins; forget => leaving_in 60; wait 60 => ask_preparing 1 leaving_in 60
+  preparing yes no => phase going deliver standby; preparing no no => phase awake take_inhibitor 1
+  program 0 +1000; sleep_begins; slept 100; ambient => alarm +910; preparing no no => alarm +985
+  program 0 +1000; sleep_begins; slept 100; ambient => alarm +910;
+    shutdown_begins; shutdown_ends => phase awake alarm +985
 )")
 
-SCENARIOS(
-    Decide, ATelevisionsProblem_IsOver_WhenItAnswersOrItsAdapterHasGone,
-    "screen_wanted on bus; each_second 20 tv_silent => problems television; $1 => problems ''", R"(
+SCENARIOS(Decide, ATelevisionsProblem_IsOver_WhenItAnswersOrItsAdapterHasGone,
+          "screen_wanted on bus; each_second 20 tv_silent => problems television;"
+          "$1 => problems '' pending no screen_step_in -",
+          R"(
   screen_wanted on bus; tv_reports on
+  screen_wanted off bus; tv_reports off
   tv_reachable no
 )")
 
 SCENARIOS(Decide, WhatIsOrdered_IsDoneAndSaid, R"(
-  fired 20 => start_unit wakeup; job_began 3 wakeup; test_wake 7 60 => answer EBUSY
-  ambient yes => start_unit ambient
+  fired 20 => start_unit wakeup hook_in 30; job_began 3 wakeup;
+    test_wake 7 60 => answer EBUSY say '!test_begins'
+  fired 20; ambient yes; job_began 5 ambient; test_wake 7 60 => answer EBUSY
+  fired 20; unit_refused wakeup EIO => problems wakeup_unit jobs ''; job_began 1 wakeup => problems ''
+  ambient yes => start_unit ambient; ambient no => stop_unit 1
+  machine no_cec; off_time; test_wake 7 60 => answer EALREADY
   machine no_cec; off_time; unused => say 'screen_off postponed goes_to_sleep' stage asked;
     sleep_answered EBUSY => stage waiting why failed
   test_wake 7 60 => say test_begins

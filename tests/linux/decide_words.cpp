@@ -161,6 +161,7 @@ template <class Get> static field field_of(Get) {
 }
 
 static const std::map<std::string_view, field> kFields = {
+    {"started", field_of([](machine &m) -> auto & { return m.started; })},
     {"wanted", field_of([](machine &m) -> auto & { return m.alarm.wanted.on_time; })},
     {"stands", field_of([](machine &m) -> auto & { return m.alarm.stands.owner; })},
     {"foreign", field_of([](machine &m) -> auto & { return m.alarm.foreign.count; })},
@@ -169,6 +170,7 @@ static const std::map<std::string_view, field> kFields = {
     {"woken", field_of([](machine &m) -> auto & { return m.woken.by; })},
     {"woken_utc", field_of([](machine &m) -> auto & { return m.woken.utc; })},
     {"woken_at", field_of([](machine &m) -> auto & { return m.woken.at; })},
+    {"woken_booted", field_of([](machine &m) -> auto & { return m.woken.booted; })},
     {"stays", field_of([](machine &m) -> auto & { return m.woken.stays; })},
     {"believed", field_of([](machine &m) -> auto & { return m.screen.believed; })},
     {"ordered", field_of([](machine &m) -> auto & { return m.screen.ordered; })},
@@ -221,6 +223,7 @@ static void start(arguments a) {
   next.is_other_build = has_word(a, "other_build");
   next.rtc_valid = has_word(a, "rtc_valid");
   next.device.clock = run->now.utc;
+  next.device.minutes = has_word(a, "minutes");
   if (!next.is_other_build)
     next.kept = run->m;
   for (const std::string &word : a)
@@ -301,7 +304,8 @@ static const std::map<std::string_view, void (*)(arguments a)> kSteps = {
        run->send(event::use_changed{0, 0, 0, kSleepBit, 5000, true});
      }},
     {"off_time", [](arguments) { run->off_time(); }},
-    {"pressed", // so many seconds ago
+    {"busy", [](arguments) { run->is_busy = true; }}, // no callback comes back by itself
+    {"pressed",                                       // so many seconds ago
      [](arguments a) { run->send(event::input{run->now.boot - number_of(a[0]) * kSecondMs}); }},
     {"late", // types, each perhaps with its time, as in 1/+5
      [](arguments a) {
@@ -387,13 +391,27 @@ static std::string jobs() {
   return joined(ids, " ");
 }
 
-// The number and the error of the last sentence in the journal.
-static std::string said() {
+static order::say last_said() {
   order::say last;
   for (const order::any &one : run->given)
     if (const auto *same = std::get_if<order::say>(&one))
       last = *same;
+  return last;
+}
+
+// The number and the error of the last sentence in the journal.
+static std::string said() {
+  const order::say last = last_said();
   return text_of(last.what) + ' ' + text_of(last.number) + ' ' + text_of(last.error);
+}
+
+// The errors of the problems, in their order.
+static std::string errors() {
+  text_list all;
+  for (const int error : run->m.problems)
+    if (error != 0)
+      all.push_back(std::to_string(error));
+  return joined(all, " ");
 }
 
 static const std::map<std::string_view, std::string (*)()> kSeen = {
@@ -401,6 +419,8 @@ static const std::map<std::string_view, std::string (*)()> kSeen = {
     {"problems", problems},
     {"jobs", jobs},
     {"said", said},
+    {"said_timer", [] { return text_of(last_said().timer); }},
+    {"errors", errors},
     {"pause_in", [] { return seconds_to(run->m.power.pause_until); }},
 };
 

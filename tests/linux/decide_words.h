@@ -76,7 +76,10 @@ struct awake_machine {
   }
   void carry_out(const order::ask_late &) { send(late); }
   void carry_out(const order::ask_zone &) { send(event::zone_changed{next_transition, false}); }
-  void carry_out(const order::deliver &o) { send(event::returned{o.callback}); }
+  void carry_out(const order::deliver &o) {
+    if (!is_busy)
+      send(event::returned{o.callback});
+  }
   template <typename Order> void carry_out(const Order &) {}
 
   machine m;
@@ -85,6 +88,7 @@ struct awake_machine {
   std::int64_t alarm = 0, range = kNever;
   bool is_gone = false; // the device
   bool minutes = false; // its alarm counts them
+  bool is_busy = false; // the daemon
   int refusal = 0, read_error = 0;
   std::int64_t next_transition = 0;
   event::late_timers late;
