@@ -97,10 +97,12 @@ static device_alarm alarm_for_timer(const decision &d) {
   return alarm_in(d, hops ? alarm_owner::kHop : alarm_owner::kTimer, seconds);
 }
 
-// A step of the clock makes a test no shorter and no longer.
+// A step of the clock makes a test no shorter and no longer. Its sleep may begin after its time.
 static device_alarm alarm_for_test(const decision &d) {
   const std::int64_t left = (d.m.test.until - d.now.boot) / kSecondMs;
-  return d.m.test.running && left > 0 ? alarm_in(d, alarm_owner::kTest, left) : device_alarm{};
+  if (!d.m.test.running || (left <= 0 && !is_last_write(d.m)))
+    return {};
+  return alarm_in(d, alarm_owner::kTest, left);
 }
 
 // The earlier one, or the one that there is; `first` of two at the same time.

@@ -213,6 +213,7 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   woken.late_from = std::max(late_from, d.now.utc - kLatestSeconds);
   d.m.alarm.before_sleep_wanted = d.m.alarm.wanted;
   d.m.alarm.before_sleep = d.m.alarm.stands;
+  d.m.alarm.tries = 0;
   d.m.alarm.check = true;
   take_back(d, delivery::kStandby);
   tell(d, delivery::kWakeup);

@@ -319,8 +319,9 @@ SCENARIOS(Decide, ATestWhoseAlarmTheDeviceDoesNotTake_DoesNotSleep, R"(
 )")
 
 // Its alarm is never nearer than a sleep allows, and none when its time is over.
-SCENARIOS(Decide, ATestWhoseTimeIsOver_HasNoAlarm, R"(
+SCENARIOS(Decide, ATestWhoseTimeIsOver_HasNoAlarm_UnlessItsSleepBegins, R"(
   test_wake 7 20; unused; pass 19; clock_stepped => alarm +39; pass 1; clock_stepped => alarm 0
+  test_wake 7 20; unused; pass 21; sleep_begins => alarm +41
   refuse EIO; program 0 +5000; refuse 0; idle; test_wake 7 20; pass 20; unused
     => answer EBUSY sleep ''
   use_changed 0 0 0 sleep 5001; test_wake 7 20; test_wake 8 21 => answer ERANGE
@@ -432,8 +433,9 @@ SCENARIOS(Decide, ADeviceThatIsNotThere_IsNotTriedAgain, R"(
 )")
 
 // With a delay of one second there is one try before the sleep.
-SCENARIOS(Decide, TheTriesOfAnAlarm_AreCountedFromTheStandby_AndFromItsRefusal, R"(
-  use_changed 0 0 0 sleep 1000; refuse EIO; program 0 +5000; sleep 100 => alarm_again_in 1
+SCENARIOS(Decide, TheTriesOfAnAlarm_AreCountedFromTheWakeUp_AndFromTheRefusalOfASleep, R"(
+  use_changed 0 0 0 sleep 1000; refuse EIO; program 0 +5000; sleep 100 => wants_idle yes;
+    idle => alarm_again_in 1
   refuse EIO; program 0 +5000; sleep_begins; sleep_ends => alarm_again_in - wants_idle yes
 )")
 
