@@ -71,7 +71,6 @@ static void leave(decision &d, phase next) {
   power.step_held = false;
   d.m.screen.pending = false;
   d.never(due_kind::kScreenStep);
-  d.m.alarm.tries = 0;
   d.never(due_kind::kAlarmAgain);
   d.due_after(due_kind::kLeaving, kLeavingMs);
   if (due_at(d.m, due_kind::kUserWindow) != kNever)

@@ -434,7 +434,7 @@ SCENARIOS(Decide, ADeviceThatIsNotThere_IsNotTriedAgain, R"(
 
 // With a delay of one second there is one try before the sleep.
 SCENARIOS(Decide, TheTriesOfAnAlarm_AreCountedFromTheWakeUp_AndFromTheRefusalOfASleep, R"(
-  use_changed 0 0 0 sleep 1000; refuse EIO; program 0 +5000; sleep 100 => wants_idle yes;
+  use_changed 0 0 0 sleep 1000; refuse EIO; program 0 +5000; sleep 100 => alarm_again_in -;
     idle => alarm_again_in 1
   refuse EIO; program 0 +5000; sleep_begins; sleep_ends => alarm_again_in - wants_idle yes
 )")

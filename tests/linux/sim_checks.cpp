@@ -787,7 +787,7 @@ void sim_checks::note_television(const event::any &what) {
   is_seen_on_ = is_seen_on_ || is_on;
   if (is_on)
     expected_.clear();
-  if (is_on || is_off || (is_one_of<event::tv_silent>(what) && world_.tv.has_adapter()) ||
+  if (is_on || is_off || (is_one_of<event::tv_silent>(what) && !world_.tv.is_plain()) ||
       (denies && is_sent_off_)) // and not on since
     said_on_ = is_on;
 }
