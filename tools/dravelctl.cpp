@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string_view>
+#include <unistd.h>
 
 static double timeout_of(const std::string &text) {
   char *end = nullptr;
@@ -31,9 +33,17 @@ static bool asks_for_json(int argc, char **argv) {
                      [](std::string_view word) { return word == "--json" || word == "-j"; });
 }
 
+// Into a file or a pipe all is written when it is flushed, which tells why it fails.
+static void buffer_output() {
+  static char buffer[1 << 20];
+  if (isatty(STDOUT_FILENO) == 0)
+    std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
+}
+
 int main(int argc, char **argv) {
   std::signal(SIGPIPE, SIG_IGN); // a write then fails, which is reported
   occupy_descriptors();
+  buffer_output();
   std::string what_is_done;
   try {
     std::vector<std::string> words(argv + 1, argv + argc);

@@ -141,20 +141,23 @@ void print_failure(bool as_json, const failure &failure) {
   // A word of the user's may hold what would end the line or steer the terminal.
   std::ranges::replace_if(
       line, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
-  std::fflush(stdout);
+  flush_output();
   std::fprintf(stderr, "%s%s\n", painted(stderr, kBoldRed, "dravelctl: ").c_str(), line.c_str());
 }
 
 void print_note(const std::string &text) {
-  std::fflush(stdout);
+  flush_output();
   std::fprintf(stderr, "%s%s\n", painted(stderr, kYellow, "Note: ").c_str(), text.c_str());
 }
 
+// What failed once tells its reason no second time.
 int flush_output() {
+  static int first_error = 0;
   errno = 0;
-  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
-    return 0;
-  return errno != 0 ? errno : EIO;
+  const bool is_written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  if (!is_written && first_error == 0)
+    first_error = errno != 0 ? errno : EIO;
+  return first_error;
 }
 
 failure unwritten(int error) {

@@ -691,9 +691,12 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl list --json=5 => 2 --json takes no value; write --json alone
     dravelctl --timeout 0 list => 2 from 0.001
     ctl list >/dev/full => 1 No space left on device
+    eighty -> ctl export >/dev/full; holidays add 12-24 >/dev/full => 1 No space ... No space left on device
     ctl list >&- => 1 cannot write the output
     add 7:00 >/dev/full; ctl list => 0 is carried out, but dravelctl cannot write
     mkfifo p -> exec 3<>p 4>p 3>&-; ctl help >&4; echo $? => 0 0\n =/> Broken pipe
+    mkfifo p e -> exec 3<>p 4>p 3>&-; timeout 9 dravelctl monitor 2>e >&4 & exec 5<e; read said <&5; \
+      ctl halt on; cat <&5; wait $! => 0 Off-timers: active =/> dravelctl
     ctl -- show 1 => 2 write the command before --
     add 25:00 -j => 2 {"error":{"kind":"usage","what":"--at=25:00 is ... ,"option":"--at"}}
     ctl show 9 -j => 1 {"error":{"kind":"refused","what":"there is no timer 9"
