@@ -102,11 +102,12 @@ static fs::path directory_of(const std::string &word) {
   return path;
 }
 
-// `what` is the failure when the daemon gives no answer.
+// The daemon gives no answer when it fails. A late one into the set counts; one out of it finds its
+// directory gone.
 static void copy_db(client &client, int into_the_set, const fs::path &directory,
                     const std::string &what) {
   if (client.call_int("request_copy_db", g_variant_new("(is)", into_the_set, directory.c_str()),
-                      what) != 0)
+                      what + (into_the_set != 0 ? ", or may still do so" : "")) != 0)
     throw failure{"dravel-manager: " + what, kLogHint};
 }
 

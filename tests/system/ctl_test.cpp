@@ -511,6 +511,7 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
     mkdir b; mkfifo b/.dravel.db -> timeout 5 dravelctl backup b => 0 The timers are in
     mkdir -p b/.dravel.db.new/x -> ctl backup b; ls -A b => 0 \n.dravel.db\n =/> .new
     mkdir b; rm /opt/dbspace/.dravel.db -> wait=0.5 ctl backup b => 1 database up to /run/bench/shell/b, where
+    backup -> signal STOP; wait=0.2 ctl restore b; s=$?; signal CONT; exit $s => 1 from /run/bench/shell/b, or may still do so;
     backup -> fake systemctl 'echo $* >asked'; ctl restore b --restart; cat asked => 0 restart dravel-man
     backup -> fake systemctl 'echo no unit >&2; exit 5'; ctl restore b --restart => 1 restarted: no unit;
     mkdir b -> ctl restore b => 1 /run/bench/shell/b/.dravel.db cannot be read: No such file
