@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,6 +54,13 @@ static void send_file(std::vector<std::string> &words) {
   *file = "-";
 }
 
+// The question before it is asked there, and needs a terminal there.
+static bool cancels_all(const std::vector<std::string> &words) {
+  constexpr std::string_view kCancel[] = {"cancel", "rm", "delete", "remove"};
+  return std::ranges::find_first_of(words, kCancel) != words.end() &&
+         std::ranges::find(words, "--all") != words.end();
+}
+
 static std::string quoted(const std::string &word) {
   g_autofree char *text = g_shell_quote(word.c_str());
   return text;
@@ -66,14 +74,18 @@ int run_remotely(const std::string &host, std::vector<std::string> words) {
   std::string line = "dravelctl";
   for (const auto &word : words)
     line += " " + quoted(word);
-  std::string arguments[] = {"ssh", "--", host, line};
-  char *argv[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(),
-                  arguments[3].data(), nullptr};
+  std::vector<std::string> arguments{"ssh", "--", host, line};
+  if (cancels_all(words) && isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0)
+    arguments.insert(arguments.begin() + 1, "-t");
+  std::vector<char *> argv;
+  for (auto &argument : arguments)
+    argv.push_back(argument.data());
+  argv.push_back(nullptr);
   int status = 0;
   g_autoptr(GError) error = nullptr;
   constexpr auto kFlags = GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_CHILD_INHERITS_STDIN);
-  if (g_spawn_sync(nullptr, argv, nullptr, kFlags, nullptr, nullptr, nullptr, nullptr, &status,
-                   &error) == FALSE)
+  if (g_spawn_sync(nullptr, argv.data(), nullptr, kFlags, nullptr, nullptr, nullptr, nullptr,
+                   &status, &error) == FALSE)
     throw failure{std::string("cannot run ssh: ") + error->message, "", fault::kNotRunning};
   if (!WIFEXITED(status) || WEXITSTATUS(status) == kSshFailed)
     throw failure{"cannot reach " + host, "", fault::kNotRunning};

@@ -654,6 +654,8 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     dravelctl -H a@b import y => 1 cannot read y: No such
     d=$(command -v dravelctl); PATH=/ $d -H a@b list => 3 cannot run ssh: Failed to
     add 7 --on mon; file $seven -> fake ssh 'shift 2; eval "$1"'; dravelctl -Ha@b apply -t 5 x => 0 Nothing
+    fake ssh 'echo $1'; script -qc 'dravelctl -H a@b rm --all; dravelctl -H a@b rm 1' /dev/null; \
+      dravelctl -H a@b rm --all </dev/null => 0 -t\r\n--\r\n--\n
     fake ssh 'exit 255'; dravelctl -H a@b list => 3 cannot reach a@b
   )");
 }
