@@ -208,6 +208,18 @@ civil_time requested_time(const time_request &time, const timer_record &timer, c
                    own_now);
 }
 
+static time_request given_time(const std::string &text, int clock, const snapshot &view) {
+  const civil_time now = view.now.of(clock);
+  const auto time = parse_time(text, now);
+  const std::string with_time = text + " 7:00";
+  if (!time && !text.empty() && parse_time(with_time, now))
+    throw usage("--at=" + text + " has no time of day", "write it as in --at \"" + with_time + "\"",
+                "--at");
+  if (!time)
+    throw usage("--at=" + text + " is no time", kTimeForms, "--at");
+  return *time;
+}
+
 // `base` is the timer that is changed, or the defaults.
 static timer_record requested(const options &given, const snapshot &view,
                               const timer_record &base) {
@@ -223,12 +235,8 @@ static timer_record requested(const options &given, const snapshot &view,
                              "give broadcast, internet or rtc");
   const sys_days day = floor<days>(base.at);
   time_request time{.time_of_day = base.at - day};
-  if (given.at) {
-    const auto wanted = parse_time(*given.at, view.now.of(timer.clock));
-    if (!wanted)
-      throw usage("--at=" + *given.at + " is no time", kTimeForms, "--at");
-    time = *wanted;
-  }
+  if (given.at)
+    time = given_time(*given.at, timer.clock, view);
   // A timer for a date keeps it when another time of day is given.
   const bool is_dated = base.id != 0 && base.week_flag == 0 && timer.week_flag == 0;
   if (is_dated && !time.day && time.week_flag == 0 && !time.is_now)

@@ -227,6 +227,8 @@ TEST_F(Ctl, WordsOfTheLine_AreUnderstood_AndNonsenseIsRefused) {
     ctl history --since yesterday 20:00 => 2 put the time in quotes: --since "yesterday 20:00"\n
     add 7 --on mon -> ctl change --at 8 1 => 0 Days: Mon\n
     add 25:00 => 2 --at=25:00 is no time; write 7:00
+    add 'next fri'; add ''; add next => 2 --at=next fri has no time of day; write it as in --at "next fri 7:00"\n \
+       ... --at= is no time; ... --at=next is no time;
     add 7:00 --on '' => 2 --on= is not understood; write mon
     add 7:00 --type 300 => 2 --type=300 is not understood
     add 7:00 --priority high => 2 --priority=high is not understood
