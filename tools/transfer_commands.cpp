@@ -249,6 +249,7 @@ import_contents read_import_file(const std::string &name, bool dated) {
 
 // --- adding ---
 
+// At one time of one type: the second would only be in the way of the first.
 static bool is_same(const timer_record &a, const timer_record &b) {
   const auto moment = [](const timer_record &timer) {
     return timer.week_flag == 0
@@ -276,8 +277,12 @@ static std::vector<std::string> import_timer(client &client, const timer_record 
   const snapshot view = client.look();
   const auto same = std::ranges::find_if(
       view.timers, [&](const timer_record &other) { return is_same(timer, other); });
-  if (same != view.timers.end())
+  if (same != view.timers.end() && exported(*same) == exported(timer))
     throw failure{"it is there already as timer " + std::to_string(same->id), ""};
+  if (same != view.timers.end())
+    throw failure{"timer " + std::to_string(same->id) +
+                      " is of this type and for this time, and differs otherwise",
+                  ""};
   check_room(timer, view, force);
   const int id = add_to_set(client, timer, view);
   ++summary.added;

@@ -560,6 +560,7 @@ TEST_F(Ctl, Files_AreCarriedOver) {
     add 7:00 --on mon; add 6:00 --on tue; ctl export >x; ctl cancel 1 2 -> \
       ctl import x; ctl export | cmp - x && ctl list => 0 2 added, 0 refused. =/> differ
     add 7 --on mon; file $seven -> ctl import x => 1 timers[0]: it is there already as timer 1
+    add 7 --on mon --holidays skip; file $seven -> ctl import x => 1 timers[0]: timer 1 is of this type
     add 7 --on mon; file '{"type":0,"time":"07:00","days":["Mon"],"clock":"rtc"},{"type":0,\
       "time":"07:00","days":["Tue"]}' -> ctl import x => 0 2 added, 0 refused.
     add 8:00 --on wed; add 7:00 --on mon -> ctl export | grep time | tr -d '\n' => 0 07:00",   "time": "08
