@@ -393,7 +393,8 @@ static std::vector<std::string> names_of(const CLI::App *above) {
   return names;
 }
 
-// The command that is meant, by its beginning or a slip of the keys; empty when none is near.
+// The command that is meant, by its beginning or a slip of the keys, which leaves half of it;
+// empty when none is near.
 static std::string nearest(const CLI::App *above, const std::string &word) {
   std::string found;
   std::size_t least = 3;
@@ -402,7 +403,8 @@ static std::string nearest(const CLI::App *above, const std::string &word) {
         std::end(kOtherWords))
       return name;
     const bool begins_so = word.size() >= kBeginning && name.starts_with(word);
-    if (const std::size_t far = begins_so ? 0 : distance(word, name); far < least) {
+    const std::size_t far = begins_so ? 0 : distance(word, name);
+    if (far < least && 2 * far <= std::max(word.size(), name.size())) {
       least = far;
       found = name;
     }

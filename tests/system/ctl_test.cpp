@@ -672,6 +672,7 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl hol add --at fri 20:00 => 2 there is no command hol, did you mean holidays?;
     ctl help holidays ad => 2 no command holidays ad, did you mean add?; dravelctl help holidays lists
     ctl lsit => 2 no command lsit, did you mean list?;
+    ctl on; ctl log => 2 no command on; ... no command log;
     ctl del => 2 no command del, did you mean delete?;
     ctl edit 1 --at 8 => 2 did you mean change?
     ctl --help => 0 \n  cancel, rm, delete, remove\n                            Cancel timers\n
