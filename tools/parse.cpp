@@ -261,7 +261,7 @@ std::optional<time_request> parse_time(const std::string &text, civil_time now) 
     if (!span || now + *span >= sys_days(kEndOfTime / January / 1))
       return std::nullopt;
     const sys_days day = floor<days>(now + *span);
-    return time_request{.day = day, .time_of_day = now + *span - day};
+    return time_request{.day = day, .time_of_day = now + *span - day, .span = span};
   }
   if (words == std::vector<std::string>{"now"})
     return time_request{.is_now = true};

@@ -14,6 +14,7 @@ struct time_request {
   std::chrono::seconds time_of_day{};
   std::optional<std::chrono::seconds> offset{}; // of the zone that it is in; else the timer's clock
   bool is_now = false;
+  std::optional<std::chrono::seconds> span{}; // from now, which gave the day and the time of day
 };
 inline constexpr const char *kTimeForms =
     "write 7:00, 7pm, \"tomorrow 7:00\", \"fri 20:00\", +45m or \"2026-12-24 18:00\"";

@@ -210,13 +210,19 @@ civil_time requested_time(const time_request &time, const timer_record &timer, c
 
 static time_request given_time(const std::string &text, int clock, const snapshot &view) {
   const civil_time now = view.now.of(clock);
-  const auto time = parse_time(text, now);
+  auto time = parse_time(text, now);
   const std::string with_time = text + " 7:00";
   if (!time && !text.empty() && parse_time(with_time, now))
     throw usage("--at=" + text + " has no time of day", "write it as in --at \"" + with_time + "\"",
                 "--at");
   if (!time)
     throw usage("--at=" + text + " is no time", kTimeForms, "--at");
+  // Hours pass also where the clock jumps; after days it is the same time of day again.
+  if (time->span && *time->span < days(1) && view.follows_zone && clock != TIME_TYPE_INTERNET) {
+    const civil_time at = civil_of(view.now.system + *time->span);
+    time->day = floor<days>(at);
+    time->time_of_day = at - *time->day;
+  }
   return *time;
 }
 

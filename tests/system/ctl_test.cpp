@@ -235,6 +235,9 @@ TEST_F(Ctl, WordsOfTheLine_AreUnderstood_AndNonsenseIsRefused) {
     add 7:00 --priority +5 => 0 Priority: 5
     add 7:00 --on once --on mon => 2 --on=once goes with no other --on
     add "$(printf '7:00\n\033[m')" => 2 --at=7:00??[m is no time
+    day=$(( $(date -ud '1 hour' +%-j) - 1 )); set_clock $(date +%s); \
+      export TZ=AAA0BBB-1,$day/$(date -ud '1 hour' +%T),$(( (day + 30) % 365 )); \
+      add +3h --type off; add +1d --type off => 0 in 3 hours\n ... , in 23 hours\n
     lose_clock -> add +45m => 0 +45m is counted from this machine's clock,
     ctl add => 2 add needs --at
   )steps");
