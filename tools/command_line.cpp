@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <iterator>
 #include <memory>
 #include <numeric>
@@ -125,6 +126,13 @@ CLI::App *command_line::define_add(const command_row &row) {
 CLI::App *command_line::define_change(const command_row &row) {
   CLI::App *change = define_with_ids(row);
   define_timer_options(change);
+  for (CLI::Option *option : change->get_options({})) { // what is not given stays as it is
+    std::string text = option->get_description();
+    for (const char *otherwise : {" (default: 0)", " (default)"})
+      if (const auto at = text.find(otherwise); at != std::string::npos)
+        text.erase(at, std::strlen(otherwise));
+    option->description(text);
+  }
   return change;
 }
 

@@ -682,6 +682,7 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl list --help -j => 0 {"name":"list","summary":
     ctl help add => 0 \n  --on DAYS                 Repeat
     ctl help holidays add => 0 Usage: dravelctl holidays add
+    ctl help change => 0 on, off, ... or a number ... ignore the holidays =/> default
     ctl -V => 0 dravelctl 1
     ctl -V -j => 0 {"version":"1
     ctl -j --help => 0 {"name":"dravelctl",
