@@ -114,7 +114,7 @@ void dravel_expire_cb(dravel_item *item, void *) {
     return;
   }
 
-  timer_fired(item->timer_id);
+  timer_fired(item->timer_id, item->week_flag == 0);
   LOGI("[dravel_expire_cb] send_expire_week_flag_signal week_flag = %d, timer_id = %d",
        item->week_flag, item->timer_id);
   send_expire_week_flag_signal(item->week_flag);

@@ -91,7 +91,7 @@ static Ecore_Timer *end_of_burst;
 static double sent_at = -kBurstSeconds;
 static std::vector<timer_change> timer_changes;
 static std::vector<const char *> changed_properties;
-static std::vector<int> fired_timers; // and listed still
+static std::vector<int> fired_timers; // for the only time, and listed still
 static unsigned clock_settings;
 static bool ontime_accepted = true;
 
@@ -335,10 +335,10 @@ void timer_changed(int timer_id) {
   state_touched();
 }
 
-// A transient timer that has fired stays listed until somebody finds that its time has passed.
+// A transient timer that has fired stays listed until somebody finds that it has no next expiry.
 void timer_removed(int timer_id, removal_reason reason) {
   const bool has_fired = std::erase(fired_timers, timer_id) != 0;
-  if (has_fired && reason == removal_reason::kPast)
+  if (has_fired && (reason == removal_reason::kPast || reason == removal_reason::kNever))
     reason = removal_reason::kFired;
   const char *word = kReasonWords[static_cast<int>(reason)];
   timer_changes.push_back({kRemovedSignal, timer_id, word});
@@ -346,9 +346,10 @@ void timer_removed(int timer_id, removal_reason reason) {
   state_touched();
 }
 
-void timer_fired(int timer_id) {
+void timer_fired(int timer_id, bool once) {
   std::erase(fired_timers, timer_id);
-  fired_timers.push_back(timer_id);
+  if (once)
+    fired_timers.push_back(timer_id);
   log_event("fired", timer_id, "", "timer %d has fired", timer_id);
   state_touched();
 }

@@ -7,6 +7,11 @@ class State : public CleanSet {};
 SCENARIOS(State, WhatHappensToTimersInAPass_IsToldInOrder_WithTheReasonsOfThoseThatGo,
           "idle; $1; pass; $2 => told '$3'", R"(
   arm 1 '16 07:00' | fire_at '16 07:00' | Removed 1 fired, Clock, Armed, Stored
+  # Its next time is too far ahead once the clock is set back; with holidays it has none.
+  arm 1 '16 07:00' | fire_at '2024-11-01 07:00' | Removed 1 fired, Clock, Armed, Stored
+  arm 1 '16 07:00' daily holidays; fire_at '16 07:00' |
+    period '2026-01-01 00:00' '31 00:00'; adjust |
+    Removed 1 never, Clock, Armed, Stored, DisabledPeriods
   arm 1 '16 07:00' | cancel 1 | Removed 1 cancelled, Armed, Stored
   times 80 add 0 '16 07:00' | add 1 '16 07:00' | Removed 1 evicted, Added 81
   arm 1 '16 07:00' | now '16 07:00'; adjust | Removed 1 past, Clock, Armed, Stored
