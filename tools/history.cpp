@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <string_view>
 #include <unistd.h>
 
@@ -69,26 +70,25 @@ class journal {
 public:
   // Of the machine, or in a directory. Throws a failure when it cannot be read.
   explicit journal(const std::string &directory) {
-    const int result = directory.empty() ? open_(&read_, SD_JOURNAL_LOCAL_ONLY | SD_JOURNAL_SYSTEM)
-                                         : open_directory_(&read_, directory.c_str(), 0);
+    sd_journal *opened = nullptr;
+    const int result = directory.empty() ? open_(&opened, SD_JOURNAL_LOCAL_ONLY | SD_JOURNAL_SYSTEM)
+                                         : open_directory_(&opened, directory.c_str(), 0);
+    read_.reset(opened);
     if (result < 0)
       fail(directory.empty() ? "" : " in " + directory, result);
     if (!directory.empty() && !holds_journal(directory))
       throw failure{"there is no journal in " + directory,
                     "name a directory with files such as system.journal"};
     for (const char *match : kMatches)
-      match != nullptr ? add_match_(read_, match, 0) : add_disjunction_(read_);
+      match != nullptr ? add_match_(read_.get(), match, 0) : add_disjunction_(read_.get());
   }
-  ~journal() { close_(read_); }
-  journal(const journal &) = delete;
-  journal &operator=(const journal &) = delete;
 
   std::vector<past_event> events(civil_time since) {
     std::vector<past_event> found;
     const auto begin = std::max(since.time_since_epoch(), seconds(0)).count();
-    seek_(read_, static_cast<std::uint64_t>(begin) * kMicroseconds);
+    seek_(read_.get(), static_cast<std::uint64_t>(begin) * kMicroseconds);
     int result = 0;
-    while ((result = next_(read_)) > 0)
+    while ((result = next_(read_.get())) > 0)
       found.push_back(entry());
     if (result < 0)
       fail("", result);
@@ -102,7 +102,7 @@ private:
 
   past_event entry() {
     std::uint64_t at = 0;
-    get_realtime_(read_, &at);
+    get_realtime_(read_.get(), &at);
     const std::string event = field("DRAVEL_EVENT");
     return {civil_time(seconds(static_cast<std::int64_t>(at / kMicroseconds))),
             event.empty() ? "service" : event, parse_int(field("DRAVEL_TIMER")),
@@ -112,7 +112,7 @@ private:
   std::string field(const char *name) {
     const void *data = nullptr;
     std::size_t size = 0;
-    if (get_data_(read_, name, &data, &size) < 0)
+    if (get_data_(read_.get(), name, &data, &size) < 0)
       return "";
     const std::string_view whole(static_cast<const char *>(data), size);
     return std::string(whole.substr(std::string_view(name).size() + 1));
@@ -138,7 +138,7 @@ private:
   decltype(sd_journal_get_data) *get_data_ =
       of<decltype(sd_journal_get_data)>("sd_journal_get_data");
   decltype(sd_journal_close) *close_ = of<decltype(sd_journal_close)>("sd_journal_close");
-  sd_journal *read_ = nullptr;
+  std::unique_ptr<sd_journal, decltype(sd_journal_close) *> read_{nullptr, close_};
 };
 
 } // namespace
