@@ -9,8 +9,8 @@ void timer_added(int timer_id);
 // The timer was moved to another date, or disabled periods count for it now or no longer.
 void timer_changed(int timer_id);
 void timer_removed(int timer_id, removal_reason reason);
-// The timer was announced as expired. One that fires `once` then leaves the list as past, or as never
-// where the clock was set back meanwhile: that is told as kFired.
+// The timer was announced as expired. One that fires `once` then leaves the list as past, or as
+// never where the clock was set back meanwhile: that is told as kFired.
 void timer_fired(int timer_id, bool once);
 
 // The timer is due, but its action is halted.

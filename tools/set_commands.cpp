@@ -262,6 +262,7 @@ static std::vector<int> skipping_timers(const snapshot &view, bool all) {
   for (const timer_record &timer : view.timers)
     if ((all || timer.holiday_effect != 0) && timer.type != TIMER_TYPE_ALWAYS)
       ids.push_back(timer.id);
+  std::ranges::sort(ids);
   return ids;
 }
 

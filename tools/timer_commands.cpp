@@ -439,6 +439,8 @@ static void ask_before(std::size_t count) {
 void cancel_timers(client &client, const options &given) {
   const auto timers = client.timers();
   const auto ids = timers_of(timers, given, "cancel");
+  if (ids.empty() && !given.json)
+    return say(false, {}, "No timers.");
   if (given.all && !ids.empty())
     ask_before(ids.size());
   for (const int id : ids) {

@@ -270,6 +270,8 @@ TEST_F(Ctl, Add_TellsWhyATimerIsRefused_AndWhatBecomesOfOneThatIsNot) {
     add 7:00 -> ctl cancel 1 9 => 1 there is no timer 9 =/> is cancelled
     add 7:00 --type 10 -> ctl cancel -10 --json => 0 {"cancelled":-10,"timer":{"type":10,"at":"2026-12-16T07
     add 7:00; add 8:00 -> ctl rm --all; ctl ls => 0 No timers.
+    ctl rm --all => 0 No timers.
+    ctl rm --all -j; echo end => 0 end =/> No
     ctl cancel => 2 cancel needs ID
     ctl cancel 1 --all => 2 --all goes with no ID
     ctl remove all => 2 all is no id; write it as in dravelctl cancel 3 5, or dravelctl cancel --all
