@@ -242,10 +242,14 @@ std::string logged() {
 std::string logged_levels() { return log_levels; }
 
 static std::string log_events;
+static std::string log_text;
 
 std::string logged_events() { return std::exchange(log_events, {}); }
 
-void system_log_event(const char *event, int timer_id, const char *reason, const char *) {
+std::string last_logged_text() { return log_text; }
+
+void system_log_event(const char *event, int timer_id, const char *reason, const char *text) {
+  log_text = text;
   log_events += (log_events.empty() ? "" : ", ") + std::string(event) + " " +
                 std::to_string(timer_id) + (*reason == '\0' ? "" : " " + std::string(reason));
 }

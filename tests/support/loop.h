@@ -50,3 +50,4 @@ std::string logged();
 std::string logged_levels();
 // What was kept as an event since the last call, as "fired 1, removed 1 fired".
 std::string logged_events();
+std::string last_logged_text(); // of such an event

@@ -284,6 +284,7 @@ static const std::map<std::string_view, std::string (*)()> kSeen = {
     {"log", logged},
     {"levels", logged_levels},
     {"kept", logged_events},
+    {"kept_text", last_logged_text},
     {"waits", all_waits},
     {"last_wait", [] { return text_of(last_timer().seconds); }},
     {"files", files},

@@ -28,6 +28,7 @@ TEST_F(Service, Timer_IsStoredListedAndProgrammed_UntilItIsCancelled) {
   EXPECT_EQ(image("dravel_get_timer_by_id", 2),
             (words{0, 2, 0, 0, 0, 0, 0, 13, 15, 11, 126, 2, 348, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(timer_ids(), (words{-10, 2, 1}));
+  EXPECT_EQ(bus.property("Stored", kState), u32(2));
   EXPECT_EQ(get("WakeupTime"), u32(time_of("15 13:00")));
 
   EXPECT_EQ(call("cancel_timer", "(2,)"), "(0,)");

@@ -55,6 +55,7 @@ TEST_F(Items, ThatAreNone_AreEqual_AndNeverFire) {
   std::tm expire;
   dravel_item *item = add({0, "16 07:00"}), *found = nullptr;
   EXPECT_EQ(compare_dravel_cb(nullptr, item) | compare_dravel_cb(item, nullptr), 0);
+  EXPECT_EQ(compare_dravel_cb(item, add({0, "16 08:00"})), -1);
   EXPECT_EQ(get_next_expire_date(item, nullptr) + get_next_expire_date(nullptr, &expire), -2);
   EXPECT_EQ(find_duplicate_ontimer(nullptr, &found), -1);
   dravel_expire_cb(nullptr, nullptr);

@@ -35,3 +35,11 @@ SCENARIOS(Log, WhatHappensToATimer_IsKeptAsAnEvent_AndTheOnTimeOnceInAPass,
     arm 2 '16 08:00' system; times 78 add 0 '16 06:00'; clocks '' '15 12:00' '15 12:00' |
     take 0 '16 06:00' | removed 1 evicted, programmed 2
 )")
+
+SCENARIOS(Log, TheOnTime_IsKeptInWords, "mode $1; arm 0 '$2'; $3; idle => kept_text 'the set $4'",
+          R"(
+  1 | 16 07:08:00 | times 0 | will wake for timer 1 at 2026-12-16 07:08:00
+  0 | 16 07:09:00 | times 0 | will wake for timer 1 at 2026-12-16 07:09:00 UTC
+  1 | 16 07:10:00 | refuse set_wakeup_time; update_ontime |
+    refused to wake for timer 1 at 2026-12-16 07:10:00
+)")
