@@ -218,6 +218,7 @@ TEST_F(Ctl, WordsOfTheLine_AreUnderstood_AndNonsenseIsRefused) {
     add 'fri 7:00' --on mon => 2 a timer for a date does not repeat
     add 7:00:05 => 0 On-timers ignore seconds.
     add 7:00 --on daily --type transient-off => 0 fires once, whatever its days
+    add 7:00 --type transient-off => 0 Timer -10 is added =/> whatever its days
     add 7:00 --on monday --on sat,sun => 0 Days: Mon,Sat,Sun
     add 7:00 --on mon, tue => 2 add does not take tue; put the days in quotes: --on "mon, tue"
     add fri 20:00 --type off => 2 add does not take 20:00; put the time in quotes: --at "fri 20:00"\n
@@ -353,6 +354,8 @@ TEST_F(Ctl, TimersAndTheOverview_AreListed) {
     three -> ctl list => 0 Tue 2026-12-15 19:00  7 h   once      halted
     three -> ctl list --on-timers --day wed => 0 \n2   on =/> \n3
     three -> ctl list --on-timers --day sun => 0 No such timers.
+    add 7 -> ctl list --off-timers => 0 No such timers.
+    ctl list --day fri sat => 2 list does not take sat; put the days in quotes
     three -> ctl list --day once => 0 \n3   on =/> \n2
     add 8 --type wake-20 --on mon,wed,fri --holidays skip; add 9:00:01 --type 10; ctl halt both -> \
       ctl list | grep '.\{81\}' || ctl list => 0 20 h  Mon,Wed,Fri  halted, no holidays\n
@@ -432,6 +435,7 @@ TEST_F(Ctl, TheWeek_IsDrawn) {
     add 7:00 --type announce --on wed; add 7:01 --on wed -> LC_ALL=C ctl week => 0 .+...
     add '2026-12-21 23:59:59' --type off -> ctl week => 0 \
       Mon 2026-12-21 ···············································▼\n
+    add '2026-12-22 00:00' --type off -> ctl week -j => 0 []
     ctl explain 9 => 1 there is no timer 9
     ctl wakeup => 0 No timer woke the set.
   )steps");
@@ -786,7 +790,7 @@ TEST_F(CtlWithout, WhatADaemonTells_IsShown_AndWhatItDoesNotTell_IsMarkedAsGuess
     ctl list => 0   daily  no holidays, guessed\n
     ctl show 1 => 0 , halted, guessed\n
     ctl list -j => 0 "armed":true,"guessed":true,"halted":true
-    newer false -> ctl explain => 0 It is not armed: the set has woken up and its time is not confirmed yet.
+    newer false -> ctl explain => 0 It is not armed: the set has woken up and its time is not confirmed yet. =/> It is armed
     newer true -> ctl explain => 0 It is not armed: the daemon gives no reason; its log says why
     newer true $((noon + 30)) -> ctl explain => 0 : it is due within this minute.\nThe set is woken for nothing.
     newer true $((noon + 90)) -> ctl explain => 0 : the daemon has chosen so.
@@ -818,7 +822,8 @@ TEST_F(CtlWithout, WhatAMachineTells_IsShown) {
       ok      Screen: the television answers to cec0 1.0.0.0: on\nproblem Machine: one thing; journalctl \
       ... problem Configuration: /etc/dravel-manager.conf: x; correct it
     machine '' unknown -> ctl check => 1 note    Screen: the television does not answer to cec0 1.0.0.0 now
-    machine "$screen else 'off'})" -> ctl test screen --seconds 1 => 0 \nThe television said: off, then on.\n
+    machine "$screen else 'off'})" -> s=$(date +%s%N); ctl test screen --seconds 1; \
+      [ $(($(date +%s%N) - s)) -ge 1000000000 ] && echo waited => 0 \nThe television said: off, then on.\nwaited
     machine "$screen else 'unknown'})" -> ctl test screen --seconds 0 => 0 : nothing, then on.\n
     machine -> ctl test screen --seconds 0 => 1 : on, then on.\ndravelctl: the television did not follow
     machine "open('/run/bench/shell/on', 'w') if args[0] else args[1]" -> \
@@ -880,6 +885,8 @@ TEST_F(Ctl, Monitor_TellsEveryChange) {
     add 7 -> start_monitor -j; ctl rm 1; told '"wakeup"' => 0 "event":"removed","id":1,"why":"cancelled"
     add 12:30 --on daily -> start_monitor; set_clock $((noon + 7200)); told 'is now' => 0 \
       timer 1 is now armed for Wed 2026-12-16 12:30:00\n
+    add 12:30 --on daily -> start_monitor -j; set_clock $((noon + 7200)); told '"armed"' => 0 \
+      "event":"armed","id":1,"at":"2026-12-16T12:30 ... "was":"2026-12-15T12:30
   )steps");
 }
 
