@@ -77,10 +77,8 @@ int run_remotely(const std::string &host, std::vector<std::string> words) {
   std::vector<std::string> arguments{"ssh", "--", host, line};
   if (cancels_all(words) && isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0)
     arguments.insert(arguments.begin() + 1, "-t");
-  std::vector<char *> argv;
-  for (auto &argument : arguments)
-    argv.push_back(argument.data());
-  argv.push_back(nullptr);
+  std::vector<char *> argv(arguments.size() + 1);
+  std::ranges::transform(arguments, argv.begin(), [](std::string &text) { return text.data(); });
   int status = 0;
   g_autoptr(GError) error = nullptr;
   constexpr auto kFlags = GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_CHILD_INHERITS_STDIN);
