@@ -68,14 +68,14 @@ std::string short_days_text(int week_flag) {
   const auto has = [&](unsigned k) { return k <= 7 && (week_flag >> k % 7 & 1) != 0; };
   std::string text = days_text(week_flag);
   for (unsigned first = 1; first <= 7; ++first) {
-    unsigned last = first;
-    while (has(first) && has(last + 1))
-      ++last;
+    unsigned until = first; // the last day of the run
+    while (has(first) && has(until + 1))
+      ++until;
     const auto begin = text.find(day_word(first % 7));
-    const auto end = text.find(day_word(last % 7));
-    if (last >= first + 2 && end != std::string::npos)
+    const auto end = text.find(day_word(until % 7));
+    if (until >= first + 2 && end != std::string::npos)
       text.replace(begin + 3, end - begin - 3, "-");
-    first = last;
+    first = until;
   }
   return text;
 }
