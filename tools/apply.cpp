@@ -90,7 +90,9 @@ static std::vector<timer_record> expected(apply_plan &plan, const import_content
   std::vector<timer_record> timers;
   for (timer_record timer : wanted.timers) {
     std::string line = line_of(timer);
-    if (const std::string fault = settle(timer, view); !fault.empty())
+    const std::string fault =
+        timer.type == TIMER_TYPE_TRANSIENT ? "is never stored" : settle(timer, view);
+    if (!fault.empty())
       plan.notes.push_back(sentence(line.append(" ").append(fault) += "; no timer is set for it"));
     else
       timers.push_back(timer);
@@ -226,8 +228,6 @@ static application forecast_of(const apply_plan &plan) {
 static void check_contents(const import_contents &wanted) {
   std::set<decltype(key_of(timer_record()))> known;
   for (const timer_record &timer : wanted.timers) {
-    if (timer.type == TIMER_TYPE_TRANSIENT)
-      throw failure{line_of(timer) + " is never stored and cannot be applied", kNothingChanged};
     if (!wanted.types.empty() && !wanted.types.contains(timer.type))
       throw failure{line_of(timer) + " is of a type that the file does not name in types",
                     kNothingChanged};

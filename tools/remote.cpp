@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,11 +53,11 @@ static void send_file(std::vector<std::string> &words) {
   *file = "-";
 }
 
-// The question before it is asked there, and needs a terminal there.
-static bool cancels_all(const std::vector<std::string> &words) {
-  constexpr std::string_view kCancel[] = {"cancel", "rm", "delete", "remove"};
-  return std::ranges::find_first_of(words, kCancel) != words.end() &&
-         std::ranges::find(words, "--all") != words.end();
+// The question before all timers are cancelled is asked there, and needs a terminal there. The
+// --all of `holidays add` asks nothing.
+static bool asks(const std::vector<std::string> &words) {
+  return std::ranges::find(words, "--all") != words.end() &&
+         std::ranges::find(words, "holidays") == words.end();
 }
 
 static std::string quoted(const std::string &word) {
@@ -75,7 +74,7 @@ int run_remotely(const std::string &host, std::vector<std::string> words) {
   for (const auto &word : words)
     line += " " + quoted(word);
   std::vector<std::string> arguments{"ssh", "--", host, line};
-  if (cancels_all(words) && isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0)
+  if (asks(words) && isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0)
     arguments.insert(arguments.begin() + 1, "-t");
   std::vector<char *> argv(arguments.size() + 1);
   std::ranges::transform(arguments, argv.begin(), [](std::string &text) { return text.data(); });

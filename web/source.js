@@ -8,6 +8,7 @@ const kName = "org.olvara.tv.system.dravel";
 const kPath = "/org/olvara/tv/system/dravel";
 const kPauseMs = 200;
 const kRefreshMs = 10 * 60 * 1000;
+const kRetryMs = 3 * 1000;
 
 class Source extends EventTarget {
     /** The last document, null before the first. */
@@ -83,7 +84,8 @@ class Source extends EventTarget {
             this.#fetchedAt = begin;
             this.lost = this.#down;
         } catch (refusal) {
-            this.lost = refusal.message;
+            this.lost = this.#down || refusal.message;
+            if (!this.#down) setTimeout(() => this.refresh(), kRetryMs);
         }
         this.dispatchEvent(new Event("change"));
     }

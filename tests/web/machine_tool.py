@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """dravelctl with a machine, which the simulated set lacks: what it would say of one is said here, all
 else by the real one."""
+import contextlib
 import json
 import os
 import pwd
@@ -22,6 +23,9 @@ if os.getuid() == pwd.getpwnam("nobody").pw_uid:
     ANSWERS["history"] = {"error": {"kind": "not-allowed", "what": "the journal cannot be read", "advice": "members may"}}
     MACHINE.update(alarm=None, alarm_for="none", alarm_problem="the clock refuses it")
 command = " ".join(sys.argv[2:])
+with contextlib.suppress(FileNotFoundError):
+    os.unlink("/tmp/home-member/refuse")  # its end tells the test that the page has asked
+    ANSWERS[command] = {"error": {"kind": "refused", "what": "the bus is full", "advice": ""}}
 answer = ANSWERS.get(command)
 if answer is None:
     done = subprocess.run(["/run/bench/dravelctl", *sys.argv[1:]], stdout=subprocess.PIPE, check=False)

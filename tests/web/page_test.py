@@ -81,6 +81,8 @@ MACHINE = {
     "test": "press 'Test …'; press 'Test the screen'; see 'The television said: nothing, then on.'; press 'Test the wake-up'; "
             "see 'slept for 1 min 1 s and was woken for a test, 1 s late'",
     "after a test": "store dravel.test-wake.localhost none; open member machine; see 'The machine was woken Tue 22 Dec 06:58:30, for a timer.'",
+    "refused": "refused; see 'The bus is full.'; press 'Add a timer'; press Cancel; "
+               "kill; see 'dravel-manager, is not running'; refused; shown 'dravel-manager, is not running'",
     "history": "press History; see 'Mon 21 Dec 22:30 timer <b>2</b> fired'",
     "no history": "open guest machine; see 'Alarm\nthe clock refuses it'; press History; see 'members may. As an administrator press “Limited access”'",
 }
@@ -142,6 +144,9 @@ class Page(unittest.TestCase):
     def see(self, text):
         wait(f"the text {text}", lambda: text in self.browser.execute_script(TEXT))
 
+    def shown(self, text):
+        self.assertIn(text, self.browser.execute_script(TEXT))
+
     def behind(self, text):
         wait(f"behind the dialog the text {text}", lambda: text in self.browser.find_element(By.TAG_NAME, "main").text)
 
@@ -151,6 +156,17 @@ class Page(unittest.TestCase):
 
     def barred(self, name):
         wait(f"{name} cannot be pressed", lambda: not self.find(name).is_enabled())
+
+    def refused(self):
+        """The tool is refused; twice, as the page asks again only when it has shown the first answer."""
+        refuse = pathlib.Path("/tmp/home-member/refuse")
+        for _ in range(2):
+            refuse.touch()
+            self.browser.execute_script("document.dispatchEvent(new Event('visibilitychange'))")
+            wait("the tool is asked", lambda: not refuse.exists())
+
+    def kill(self):
+        self.bench.kill_daemon()
 
     def told(self, command, text):
         wait(f"{command}: {text}", lambda: text in self.bench.run(*command.split()))
