@@ -79,10 +79,9 @@ static void leave(decision &d, phase next) {
   tell(d, delivery::kStandby);
 }
 
-// A sleep that begins shows that a shutdown before it was called off.
+// A sleep that begins shows that a shutdown before it was called off, and that a sleep before it,
+// whose end this process has missed, is over.
 void on(decision &d, const event::sleep_begins &) {
-  if (d.m.power.now == phase::kGoing)
-    return;
   const bool by_user = d.m.sleep.stage != wish_stage::kAsked;
   leave(d, phase::kGoing);
   d.m.sleep.last_method = coming_sleep(d.m);
@@ -96,8 +95,6 @@ void on(decision &d, const event::sleep_begins &) {
 }
 
 void on(decision &d, const event::shutdown_begins &) {
-  if (d.m.power.now == phase::kShuttingDown)
-    return;
   if (d.m.test.running)
     trial_ends(d, ECANCELED);
   leave(d, phase::kShuttingDown);
@@ -148,13 +145,14 @@ void on(decision &d, const event::shutdown_ends &) {
 // What a run that started in between has missed. An order to sleep may have been lost with the last
 // run: it is given again when nothing prevents it.
 void on(decision &d, const event::preparing &e) {
+  const phase now = d.m.power.now;
   if (!e.sleep)
     sleep_is_over(d);
-  if (e.sleep)
+  if (e.sleep && now != phase::kGoing)
     on(d, event::sleep_begins{});
-  else if (e.shutdown)
+  else if (e.shutdown && !e.sleep && now != phase::kShuttingDown)
     on(d, event::shutdown_begins{});
-  else if (is_leaving(d.m))
+  else if (!e.sleep && !e.shutdown && is_leaving(d.m))
     stayed_up(d);
   else if (d.m.power.now == phase::kSleepAsked)
     order_was_lost(d);

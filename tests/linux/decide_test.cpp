@@ -954,8 +954,10 @@ SCENARIOS(Decide, ARestart_AsksForWhatItMayHaveMissed, R"(
 )")
 
 SCENARIOS(Decide, AMachineThatLeaves_IsAskedAfter_AndTestedLater, R"(
-  sleep_begins => deliver standby; forget; sleep_begins => deliver ''; test_wake 7 60 => answer EALREADY
-  shutdown_begins => deliver standby; forget; shutdown_begins => deliver ''
+  sleep_begins => deliver standby; forget; preparing yes no => deliver ''; test_wake 7 60 => answer EALREADY
+  shutdown_begins => deliver standby; forget; preparing no yes => deliver ''
+  sleep_begins; forget; start same_boot; sleep_begins => deliver standby
+  shutdown_begins; forget; start same_boot; shutdown_begins => deliver standby
   use_changed 0 0 0 suspend 5000; program 0 +1000; shutdown_begins => alarm +910; sleep_begins
     => alarm +985 phase going
   sleep_begins; forget => leaving_in 60; wait 60 => ask_preparing 1 leaving_in 60

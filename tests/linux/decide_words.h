@@ -43,7 +43,8 @@ struct awake_machine {
   }
   // Sleeps until then, and wakes.
   void sleep(std::int64_t seconds) {
-    send(event::sleep_begins{});
+    if (m.power.now != phase::kGoing)
+      send(event::sleep_begins{});
     pass(seconds * kSecondMs);
     now.slept += seconds * kSecondMs;
     ++now.sleeps;
