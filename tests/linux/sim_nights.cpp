@@ -119,8 +119,12 @@ static std::string run_with_restart(const night &what, const sim &plain) {
   const auto text_of = [](const auto &place, const auto &end) {
     return place == end ? "nothing" : place->second + " at " + std::to_string(place->first);
   };
+  // What one of them gives in its last seconds the other may give after its end.
+  const auto is_at_end = [&](const auto &one) { return one.first > what.length - kRestartMs; };
+  const bool is_cut = std::ranges::any_of(without_restart, is_at_end) ||
+                      std::ranges::any_of(world.given, is_at_end);
   const bool is_same_night = without == without_restart.end() && with == world.given.end();
-  if (is_same_night || plain.may_move || world.may_move)
+  if (is_same_night || is_cut || plain.may_move || world.may_move)
     return "";
   return "9: with a restart " + text_of(with, world.given.end()) + ", without " +
          text_of(without, without_restart.end());
