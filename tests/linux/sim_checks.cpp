@@ -626,6 +626,13 @@ void sim_checks::check_cause() {
         "a timer gets no credit");
 }
 
+// What the process has found out in so short a time counts, too.
+void sim_checks::goes_down() {
+  const auto &woken = world_.m.woken;
+  if (is_cause_open_ && !woken.cause_open && world_.booted_at + woken.at >= world_.up_at)
+    check_cause();
+}
+
 // --- 7: problems ---
 
 static problem problem_of(unit of) {

@@ -30,6 +30,7 @@ public:
   void called(const event::any &what); // of the contract, when it has returned
   void lost(const order::any &what);   // with the process, before it was carried out
   void process_ended();
+  void goes_down();
   void went_down(bool is_ready); // is_ready: the process could do what it is there for
   void came_up(bool boots);
   void went_off(cause by);

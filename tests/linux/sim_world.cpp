@@ -108,6 +108,7 @@ void sim::go_down(off_action by, bool is_announced) {
     });
     return;
   }
+  checks.goes_down();
   if (method == off_action::kPoweroff) {
     if (is_alive)
       send(event::ended{});
