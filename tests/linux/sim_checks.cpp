@@ -371,8 +371,9 @@ bool sim_checks::wants_return() const {
       world.set.return_to_sleep == 0 || !is_clock_known() || is_cause_open_ ||
       world.refuses<order::sleep, order::ask_use>())
     return false;
+  const millis off_at = std::max(off_at_, made_up_at_);
   const bool stays =
-      (world.set.off == off_action::kNone && off_at_ >= world.down_at) || stays_at_ >= world.up_at;
+      (world.set.off == off_action::kNone && off_at >= world.down_at) || stays_at_ >= world.up_at;
   const cause by = is_cause_sure() ? world.up_by : world.m.woken.by;
   const bool is_by_nothing = by == cause::kNothing;
   if (stays || by == cause::kForeign || by == cause::kUser ||
