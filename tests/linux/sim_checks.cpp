@@ -328,6 +328,8 @@ void sim_checks::ordered(const order::any &what) {
     use_unknown_at_ = now();
   if (is_one_of<order::ask_late>(what) && std::exchange(is_off_open_, false))
     made_up_at_ = now();
+  if (const auto *write = std::get_if<order::write_alarm>(&what); write != nullptr)
+    note_hop(*write);
   if (is_one_of<order::release_inhibitor>(what))
     check_release();
   if (const auto *said = std::get_if<order::say>(&what))
@@ -339,6 +341,14 @@ void sim_checks::ordered(const order::any &what) {
     ++failed_;
     sent_at_ = now();
   }
+}
+
+// Somewhat earlier or later it is rounded to another minute.
+void sim_checks::note_hop(const order::write_alarm &write) {
+  const std::int64_t second = world_.alarm.count(now()) % kMinute;
+  const bool is_near = second < kNearSeconds || second >= kMinute - kNearSeconds;
+  if (write.owner == alarm_owner::kHop && world_.alarm.counts_minutes && is_near)
+    world_.may_move = true;
 }
 
 // --- 4: the return ---

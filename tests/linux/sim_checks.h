@@ -57,6 +57,7 @@ private:
   void check_turned_on(bool by_unit);
   void check_sleep(const order::sleep &what);
   void check_return();
+  void note_hop(const order::write_alarm &write);
   bool is_user_seen(millis window) const;
   std::int64_t step_slack() const;
   bool is_led_to(off_action method) const;
