@@ -47,6 +47,15 @@ static int watch_for_loss() {
                              "Disconnected", bus_is_lost, nullptr);
 }
 
+// The bus lets any user send a signal to one connection, whatever the matches say. The services
+// send theirs to everybody.
+static int drop_addressed(sd_bus_message *message, void *, sd_bus_error *) {
+  return sd_bus_message_is_signal(message, nullptr, nullptr) > 0 &&
+                 sd_bus_message_get_destination(message) != nullptr
+             ? 1
+             : 0;
+}
+
 sd_event *bus_events() { return event_loop; }
 
 static int open_bus() {
@@ -61,6 +70,8 @@ static int open_bus() {
   result = sd_bus_open_system(&bus);
   if (result >= 0)
     result = sd_bus_attach_event(bus, event_loop, SD_EVENT_PRIORITY_NORMAL);
+  if (result >= 0)
+    result = sd_bus_add_filter(bus, nullptr, drop_addressed, nullptr);
   return result < 0 ? result : watch_for_loss();
 }
 

@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr int kMostConnections = 50; // of one sandbox
+
 class Services : public Machine {
 protected:
   // Returns what was heard until the services were there.
@@ -66,6 +68,21 @@ TEST_F(Services, TheInhibitorIsTakenAgain_WhenLogindHasStartedAgain) {
   services.reset();
   start_services();
   EXPECT_EQ(seen(), "works 3; Inhibit 'sleep:shutdown'");
+}
+
+// Any user may send one to the daemon alone.
+TEST_F(Services, ASignalToThisProcessAlone_IsNoneOfTheirs) {
+  EXPECT_EQ(start(start_logind), "works 3; Inhibit 'sleep:shutdown'");
+  for (int connection = 0; connection < kMostConnections; ++connection) {
+    const message forged(
+        dbus_message_new_signal(kLogind.path, kLogind.interface, "PrepareForSleep"));
+    const dbus_bool_t begins = TRUE;
+    dbus_message_append_args(forged.get(), DBUS_TYPE_BOOLEAN, &begins, DBUS_TYPE_INVALID);
+    dbus_message_set_destination(forged.get(), (":1." + std::to_string(connection)).c_str());
+    client().post(forged);
+  }
+  prepare_for("Shutdown", "true");
+  EXPECT_EQ(seen(), "shutdown begins");
 }
 
 // Of "use": a user's session, an active one, what is blocked, what the machine can, the delay.
