@@ -2,9 +2,12 @@
 
 #include "commands.h"
 #include "judgement.h"
+#include "parse.h"
 
 #include <algorithm>
-#include <climits>
+
+// Nothing else happens while one command is carried out.
+static constexpr std::size_t kLongestList = 100;
 
 // --- members ---
 
@@ -19,9 +22,10 @@ static const json &member_of(const json &body, const char *name) {
 }
 
 static int id_in(const json &value, const char *name) {
-  if (!value.is_number_integer() || value < INT_MIN || value > INT_MAX)
+  const auto id = value.is_number_integer() ? parse_int(value.dump()) : std::nullopt;
+  if (!id)
     throw wrong(name, "the id of one that is listed");
-  return value.get<int>();
+  return *id;
 }
 
 static bool flag_in(const json &body, const char *name) {
@@ -33,8 +37,8 @@ static bool flag_in(const json &body, const char *name) {
 static std::vector<json> list_in(const json &body, const char *name) {
   if (!body.contains(name))
     return {};
-  if (!body.at(name).is_array())
-    throw wrong(name, "a list");
+  if (!body.at(name).is_array() || body.at(name).size() > kLongestList)
+    throw wrong(name, "a list of up to " + std::to_string(kLongestList));
   return {body.at(name).begin(), body.at(name).end()};
 }
 
@@ -145,9 +149,13 @@ static std::vector<int> removed_in(const json &body, const std::vector<holiday> 
 static std::vector<holiday> added_in(const json &body, const std::vector<holiday> &listed) {
   std::vector<holiday> periods;
   for (const json &value : list_in(body, "add")) {
-    periods.push_back(read_holiday(value, "add[" + std::to_string(periods.size()) + "]"));
-    if (const holiday *same = find_same(periods.back(), listed))
+    const std::string name = "add[" + std::to_string(periods.size()) + "]";
+    const holiday period = read_holiday(value, name);
+    if (const holiday *same = find_same(period, listed))
       throw failure{"these days are holidays " + std::to_string(same->id) + " already", ""};
+    if (find_same(period, periods) != nullptr)
+      throw failure{name + " stands in the list already", ""};
+    periods.push_back(period);
   }
   return periods;
 }

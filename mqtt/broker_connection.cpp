@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
+#include <span>
 #include <utility>
 
 static constexpr int kMaximumPacket = 64 * 1024;
@@ -45,10 +46,10 @@ struct broker::callbacks {
   static void subscribed(mosquitto *, void *data, int, int count, const int *granted,
                          const mosquitto_property *) {
     auto &self = *static_cast<broker *>(data);
-    for (int i = 0; i < count; ++i)
-      if (granted[i] >= kRefusedFrom)
-        log_problem("the broker refuses the subscription of " +
-                    self.subscriptions_.at(static_cast<std::size_t>(i)));
+    const std::span codes(granted, static_cast<std::size_t>(count)); // as many as the broker likes
+    for (std::size_t i = 0; i < std::min(codes.size(), self.subscriptions_.size()); ++i)
+      if (codes[i] >= kRefusedFrom)
+        log_problem("the broker refuses the subscription of " + self.subscriptions_[i]);
     {
       const std::lock_guard guard(self.lock_);
       self.is_online_ = true;
@@ -75,6 +76,10 @@ struct broker::callbacks {
 
   static void received(mosquitto *, void *data, const mosquitto_message *arrived,
                        const mosquitto_property *properties) {
+    if (arrived->payloadlen > kMaximumPacket) { // of which the broker was told
+      log_problem(std::string("a message that is too long is left alone: ") + arrived->topic);
+      return;
+    }
     message received{.topic = arrived->topic,
                      .payload = {static_cast<const char *>(arrived->payload),
                                  static_cast<std::size_t>(arrived->payloadlen)},
