@@ -2,16 +2,17 @@
 
 #include "on_demand.h"
 
+#include <glib.h>
 #include <libical/ical.h>
 
 #include <algorithm>
-#include <cctype>
 #include <memory>
 
 using namespace std::chrono;
 
 static constexpr days kLongest{365}; // a longer entry is no holiday
 static constexpr std::size_t kLongestName = 100;
+static constexpr std::size_t kMost = 300'000; // which are counted in two seconds
 
 namespace {
 
@@ -66,6 +67,7 @@ struct calendar_reader {
   sys_days from;
   sys_days until;
   std::size_t calendars = 0;
+  std::size_t recurrences = 0;
   std::vector<calendar_entry> entries{};
 
   void read(icalcomponent *component);
@@ -101,7 +103,10 @@ static sys_days day_of(const icaltimetype &time) { return date_of(time); }
 // What recurs more often than daily could be counted from long ago for hours.
 bool calendar_reader::is_holiday(icalcomponent *event) const {
   const auto is_rare = [this](icalproperty *rule) {
-    return ical.get_rrule(rule).freq >= ICAL_DAILY_RECURRENCE;
+    const icalrecurrencetype &of = ical.get_rrule(rule);
+    return of.freq >= ICAL_DAILY_RECURRENCE && of.by_hour[0] == ICAL_RECURRENCE_ARRAY_MAX &&
+           of.by_minute[0] == ICAL_RECURRENCE_ARRAY_MAX &&
+           of.by_second[0] == ICAL_RECURRENCE_ARRAY_MAX;
   };
   const icaltimetype start = ical.get_dtstart(event);
   return start.is_date != 0 && date_of(start).ok() && date_of(ical.get_dtend(event)).ok() &&
@@ -118,9 +123,16 @@ static std::string name_of(const char *summary) {
       --end;
     name.resize(end);
   }
-  std::ranges::replace_if(
-      name, [](unsigned char c) { return std::iscntrl(c) != 0; }, ' ');
-  return name;
+  g_autofree char *valid = g_utf8_make_valid(name.c_str(), static_cast<gssize>(name.size()));
+  std::string shown;
+  for (const char *at = valid, *next = nullptr; *at != '\0'; at = next) {
+    next = g_utf8_next_char(at);
+    if (g_unichar_isprint(g_utf8_get_char(at)) != FALSE)
+      shown.append(at, next);
+    else
+      shown += ' ';
+  }
+  return shown;
 }
 
 // The entry when it comes at this time. Its end is the day after the last.
@@ -140,7 +152,8 @@ void calendar_reader::take_recurring(icalcomponent *event, const icalrecurrencet
   if (times == nullptr)
     return;
   const auto next = [&] { return ical.iterator_next(times.get()); };
-  for (icaltimetype at = next(); at.year != 0 && day_of(at) < until; at = next())
+  for (icaltimetype at = next(); at.year != 0 && day_of(at) < until && recurrences < kMost;
+       at = next(), ++recurrences)
     if (day_of(at) != day_of(start))
       take(event, at);
 }
@@ -186,6 +199,9 @@ std::vector<calendar_entry> read_calendar(const std::string &text, const std::st
     throw failure{file + " is cut off: it has no END:VCALENDAR", "nothing is imported"};
   if (reader.calendars == 0)
     throw failure{file + " is no calendar in the format iCalendar (.ics)", "nothing is imported"};
+  if (reader.recurrences == kMost)
+    throw failure{file + " repeats its entries too often, or since too long ago",
+                  "nothing is imported"};
   if (reader.entries.empty())
     throw failure{file + " has no entry of whole days in the coming year", "nothing is imported"};
   std::ranges::stable_sort(reader.entries, {}, &calendar_entry::first);

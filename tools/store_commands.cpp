@@ -27,6 +27,10 @@ static constexpr const char *kReadings[] = {
     "SELECT period_id, start_tm_mday, start_tm_mon, end_tm_mday, end_tm_mon FROM disabled_period "
     "LIMIT 0"};
 
+// What the daemon's statements would run unseen, maybe without end.
+static constexpr const char *kForeign = "SELECT type || ' ' || name FROM sqlite_master WHERE "
+                                        "type IN ('view', 'trigger') OR sql LIKE 'CREATE VIRTUAL%'";
+
 // --- the check ---
 
 namespace {
@@ -56,6 +60,8 @@ static std::string fault_within(const sqlite_functions &sqlite, sqlite3 *db) {
   const std::string check = value_of(sqlite, db, "PRAGMA quick_check(1)");
   if (check != "ok")
     return "is damaged: " + check;
+  if (const std::string name = value_of(sqlite, db, kForeign); !name.empty())
+    return "has " + name + ", which is none of the daemon's tables";
   for (const char *query : kReadings)
     if (sqlite.exec(db, query, nullptr, nullptr, nullptr) != SQLITE_OK)
       return std::string("holds no timers: ") + sqlite.errmsg(db);

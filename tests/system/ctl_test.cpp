@@ -515,6 +515,8 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
     backup -> echo junk >b/.dravel.db; ctl restore b => 1 is no SQLite database
     backup -> sqlite3 b/.dravel.db 'ALTER TABLE dravel DROP tm_sec'; ctl restore b => 1 no such col
     backup -> sqlite3 b/.dravel.db 'PRAGMA user_version=2'; ctl restore b => 1 newer version 2
+    backup -> sqlite3 b/.dravel.db 'CREATE VIEW x AS SELECT 1'; ctl restore b => 1 has view x, which is none of
+    backup -> sqlite3 b/.dravel.db 'CREATE TRIGGER x DELETE ON dravel BEGIN SELECT 1; END'; ctl restore b => 1 has trigger x
     backup -> printf x | dd of=b/.dravel.db bs=4k seek=1 conv=notrunc; ctl restore b => 1 is damaged
     backup -> ctl restore b; ids /opt/dbspace/.dravel.db => 0 when the daemon starts next =/> 1\n2
     mkdir b; mkfifo b/.dravel.db -> timeout 5 dravelctl restore b => 1 is no regular file
@@ -606,6 +608,9 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     ics $D:20261214 $D:20271215 DTSTART:20270401T080000Z $D:20270401\\nSTATUS:CANCELLED \
       $D:20100401\\nRRULE:FREQ=HOURLY $D:20270401\\nDTEND${D#DTSTART}:20280402 >x -> \
       holidays import x => 1 x has no entry of whole days in the coming year; nothing is imported
+    ics $D:20270401\\nRRULE:FREQ=YEARLY\;BYHOUR=1 >x -> holidays import x => 1 x has no entry of whole
+    ics $D:10101226\\nRRULE:FREQ=DAILY >x -> holidays import x => 1 repeats its entries too often
+    ics $D:20270401\\nSUMMARY:a$(printf '\\302\\233')2b >x -> holidays import x => 0 1 Apr, a 2b.
     ics $D:20261332\\nDTEND${D#DTSTART}:20270199 >x -> holidays import x => 1 has no entry of whole days
     ics $D:20270401 | head -n4 >x -> holidays import x => 1 is cut off
     echo x | holidays import - => 1 standard input is no calendar in
