@@ -40,7 +40,7 @@ DRAVEL_API int get_auto_clock_mode_time_update(void);
 DRAVEL_API void cancel_ecore_timer(int timer_id);
 
 // Arms the next on-timer, after an off-timer has left the list that may have taken its time.
-void rearm_next_ontimer(void);
+DRAVEL_API void rearm_next_ontimer(void);
 
 // The expiry callback of every armed item. It must not disarm or remove the
 // item: the scheduler reads it afterwards.

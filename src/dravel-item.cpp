@@ -496,10 +496,7 @@ Eina_List *remove_dravel_item(dravel_item *item, removal_reason reason) {
     LOGE("failed to save dravel item to the DB\n");
     const bool has_row = !has_type(item, TIMER_TYPE_TRANSIENT);
     timer_removed(item->timer_id, has_row ? removal_reason::kLost : reason);
-    if (has_row)
-      undeleted_list = eina_list_append(undeleted_list, item);
-    else
-      g_free(item);
+    undeleted_list = eina_list_append(undeleted_list, item);
     return dravel_list;
   }
   timer_removed(item->timer_id, reason);
