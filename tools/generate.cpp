@@ -102,13 +102,20 @@ static void write_zsh(const entry &entry, const std::vector<const CLI::Option *>
 
 static std::string mdoc_text(const std::string &text) { return replaced(text, "\\", "\\e"); }
 
+static std::string short_names(const CLI::Option *option) {
+  std::string all;
+  for (const std::string &name : option->get_snames())
+    all += "Fl " + name + " , ";
+  return all;
+}
+
 static void write_man_options(const std::vector<const CLI::Option *> &options) {
   std::cout << ".Bl -tag -width Ds -compact\n";
   for (const CLI::Option *option : options) {
     if (option->get_positional())
       std::cout << ".It Ar " << option->get_name(true);
     else
-      std::cout << ".It Fl -" << long_name(option)
+      std::cout << ".It " << short_names(option) << "Fl -" << long_name(option)
                 << (takes_value(option) ? " Ar " + option->get_type_name() : "");
     std::cout << '\n' << wrapped(mdoc_text(option->get_description()), kTextWidth) << '\n';
   }
