@@ -234,7 +234,7 @@ TEST_F(Ctl, WordsOfTheLine_AreUnderstood_AndNonsenseIsRefused) {
     add 7:00 --type 300 => 2 --type=300 is not understood
     add 7:00 --priority high => 2 --priority=high is not understood
     add 7:00 --priority +5 => 0 Priority: 5
-    add 7:00 --on once --on mon => 2 --on=once goes with no other --on
+    add 7:00 --on once --on mon => 2 --on=once goes with no other --on; give once alone
     add "$(printf '7:00\n\033[m')" => 2 --at=7:00??[m is no time
     day=$(( $(date -ud '1 hour' +%-j) - 1 )); set_clock $(date +%s); \
       export TZ=AAA0BBB-1,$day/$(date -ud '1 hour' +%T),$(( (day + 30) % 365 )); \
@@ -611,6 +611,7 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     ics $D:20270401\\nRRULE:FREQ=YEARLY\;BYHOUR=1 >x -> holidays import x => 1 x has no entry of whole
     ics $D:10101226\\nRRULE:FREQ=DAILY >x -> holidays import x => 1 repeats its entries too often
     ics $D:20270401\\nSUMMARY:a$(printf '\\302\\233')2b >x -> holidays import x => 0 1 Apr, a 2b.
+    ics $D:20270401\\nSUMMARY:ü >x -> holidays import x -j => 0 "name":"ü"
     ics $D:20261332\\nDTEND${D#DTSTART}:20270199 >x -> holidays import x => 1 has no entry of whole days
     ics $D:20270401 | head -n4 >x -> holidays import x => 1 is cut off
     echo x | holidays import - => 1 standard input is no calendar in
@@ -644,6 +645,7 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
     file $once $christmas,$boxing; holidays add 12-24 12-25; holidays add 12-26; \
       add '2026-12-24 22:00' --type off --holidays skip -> ctl apply x => 0 Nothing to change.
     file $once $year -> ctl apply x => 0 22:00 has holidays on every day; no timer is set
+    file $seven -> ctl apply x --check -j => 5 "changed":true
     file $seven $christmas -> ctl apply x -j => 0 "changed":true, ... "holidays_added":[{"id":1,
     file '{"type":0,"at":"2026-12-21T07:00:00+01:00","days":["Mon"]}' -> ctl apply x => 0 Note: x: timers[0]:
     one_period; file $seven "$christmas,"'{"first":{"month":1,"day":1},"last":{"month":1,"day":1}}' -> \
@@ -886,6 +888,8 @@ TEST_F(Ctl, Monitor_TellsEveryChange) {
       It is not armed: it has expired, and a transient timer stays listed.
     holidays add 12-24 -> start_monitor -j; holidays remove 1; told removed => 0 \
       "event":"holidays-removed","id":1,"holidays":{"id":1,"first":{"month":12,"day":24
+    start_monitor; holidays add 12-24 >n; until_told 'added: 24'; holidays remove 1 >n; told 'holidays 1 removed' => 0 \
+      1 added: 24 Dec\nTue 2026-12-15 12:00:00  holidays 1 removed: 24 Dec\n
     add 7 -> start_monitor -j; ctl rm 1; told '"wakeup"' => 0 "event":"removed","id":1,"why":"cancelled"
     add 12:30 --on daily -> start_monitor; set_clock $((noon + 7200)); told 'is now' => 0 \
       timer 1 is now armed for Wed 2026-12-16 12:30:00\n

@@ -403,11 +403,15 @@ TEST_F(Words, Days_AreUnderstood_AndWrittenShort) {
         days);
 }
 
+TEST_F(Words, AreWrappedBehindTheLastThatFits) {
+  EXPECT_EQ(wrapped("ab cd ef ghijkl m", 5, 1), "ab cd\n ef\n ghijkl\n m");
+}
+
 TEST_F(Words, AreUnderstoodInTheUsersLanguageToo) {
   setenv("LC_ALL", "de_DE.UTF-8", 1);
   check("mi. 7:00 > 16 07:00; wed 7:00 > 16 07:00; m 7:00 > ", meant);
   setenv("LC_ALL", "fr_FR.UTF-8", 1);
-  check("lun-mer > Mon-Wed", days);
+  check("lun-mer > Mon-Wed; dim > Sun", days);
   unsetenv("LC_ALL");
 }
 
