@@ -505,6 +505,7 @@ TEST_F(Ctl, History_TellsWhatTheJournalHas) {
     mkdir j -> past => 1 there is no journal in j; name a directory
     ctl history --journal /nowhere => 1 the journal in /nowhere cannot be read: No such file
     ctl history x => 2 x is no id
+    ctl history 1 2 => 2 history does not take 2
   )steps");
 }
 
