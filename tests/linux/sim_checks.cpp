@@ -188,8 +188,10 @@ void sim_checks::clock_stepped() {
     const std::int64_t late = world_.utc() - world_.to_utc(timer.local);
     return timer.type == 1 && late >= 0 && late <= (is_heard ? kNearSeconds : kLateSeconds);
   });
-  if (is_off_time)
+  if (is_off_time) {
     off_at_ = now();
+    is_off_open_ = true; // on the way down it is made up for after the wake-up
+  }
 }
 
 // --- 2: the screen ---
