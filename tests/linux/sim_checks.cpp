@@ -403,8 +403,12 @@ bool sim_checks::wants_return() const {
   if (world.foreign && *world.foreign - world.alarm.count(now()) < kLateSeconds)
     return false;
   const off_action method = wanted_method();
-  const std::int64_t near = lead_of(world, method) + nearness_of(world, method) +
-                            world.set.return_to_sleep + kReturnSlack;
+  // The wish to follow a television may be for a slower sleep, and waits for the on-time.
+  const bool follows_slowly = world.set.follow_screen && said_off_at_ >= world.up_at &&
+                              world.set.off == off_action::kHibernate;
+  const std::int64_t lead = lead_of(world, follows_slowly ? off_action::kHibernate : method);
+  const std::int64_t near =
+      lead + nearness_of(world, method) + world.set.return_to_sleep + kReturnSlack;
   return wanted_.on_time == 0 || ahead() <= 0 ||
          (ahead() > near && is_led_to(method) && !refuses_alarm(world));
 }
