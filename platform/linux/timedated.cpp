@@ -73,7 +73,7 @@ static void watch_timesync() {
                        nullptr);
 }
 
-static int parent_changed(sd_event_source *, const struct inotify_event *change, void *) {
+static int runtime_changed(sd_event_source *, const struct inotify_event *change, void *) {
   if (change->len > 0 && change->name == kTimesync) {
     watch_timesync();
     ask_clock();
@@ -93,7 +93,7 @@ void start_timedated() {
   bus_watch_properties(kTimedated, timedated_changed);
   bus_watch_service(kTimedated, ask_clock);
   sd_event_add_inotify(bus_events(), nullptr, kParent, IN_CREATE | IN_MOVED_TO | IN_ONLYDIR,
-                       parent_changed, nullptr);
+                       runtime_changed, nullptr);
   watch_timesync();
   const int watched = sd_event_add_inotify(bus_events(), nullptr, "/etc",
                                            IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ONLYDIR,

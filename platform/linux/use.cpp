@@ -45,7 +45,7 @@ static constexpr ability kAbilities[] = {
 static constexpr block kBlocks[] = {
     {"sleep", kSleepBit}, {"shutdown", kShutdownBit}, {"idle", kIdleBit}};
 
-static question_round current;
+static question_round questions;
 
 // --- answers ---
 
@@ -71,11 +71,11 @@ static bool take_use_property(const char *name, sd_bus_message *value, void *) {
   if (name == std::string_view{"BlockInhibited"}) {
     const char *words = "";
     sd_bus_message_read(value, "v", "s", &words);
-    current.found.blocked = blocks_in(words);
+    questions.found.blocked = blocks_in(words);
   } else if (name == std::string_view{"InhibitDelayMaxUSec"}) {
     std::uint64_t longest = 0;
     sd_bus_message_read(value, "v", "t", &longest);
-    current.found.delay_max_ms =
+    questions.found.delay_max_ms =
         static_cast<std::int64_t>(std::min(longest, kLongestDelay) / kMillisecondUs);
   } else {
     return false;
@@ -106,7 +106,7 @@ static void take_session(sd_bus_message *reply) {
   bus_read_properties(reply, take_session_property, &found);
   if (!found.is_user)
     return;
-  auto &use = current.found;
+  auto &use = questions.found;
   use.session_at = std::max(use.session_at, boot_time_of(found.began));
   if (found.idle == 0)
     use.active_at = std::max(use.active_at, boot_time_of(found.idle_changed));
@@ -116,24 +116,24 @@ static void take_ability(sd_bus_message *reply, use_bits bit) {
   const char *answer = "";
   sd_bus_message_read(reply, "s", &answer);
   if (answer == std::string_view{"yes"})
-    current.found.can |= bit;
+    questions.found.can |= bit;
 }
 
 // --- questions ---
 
 static void round_ended() {
-  current.found.is_answer = current.is_asked;
-  if (current.error != 0)
-    happens(event::refused{problem::kUse, current.error});
+  questions.found.is_answer = questions.is_asked;
+  if (questions.error != 0)
+    happens(event::refused{problem::kUse, questions.error});
   else
-    happens(current.found);
-  current.is_asked = false;
+    happens(questions.found);
+  questions.is_asked = false;
 }
 
 // What the questions of a round carry, to tell its answers from those of the rounds before.
 static void *round_mark() {
   static char marks[64];
-  return &marks[current.number % sizeof marks];
+  return &marks[questions.number % sizeof marks];
 }
 
 static int answered(void *data, sd_bus_message *reply, bool is_needed,
@@ -144,8 +144,8 @@ static int answered(void *data, sd_bus_message *reply, bool is_needed,
   if (error == 0)
     take(reply);
   else if (is_needed)
-    current.error = error;
-  if (--current.open == 0)
+    questions.error = error;
+  if (--questions.open == 0)
     round_ended();
   return 0;
 }
@@ -160,7 +160,7 @@ static void take_sessions(sd_bus_message *reply) {
   if (sd_bus_message_enter_container(reply, 'a', "(susso)") <= 0)
     return;
   while (sd_bus_message_read(reply, "(susso)", nullptr, nullptr, nullptr, nullptr, &path) > 0) {
-    ++current.open;
+    ++questions.open;
     bus_get_properties({kLogind.name, path, "org.freedesktop.login1.Session"}, session_answered,
                        round_mark());
   }
@@ -184,7 +184,7 @@ static int ability_answered(sd_bus_message *reply, void *data, sd_bus_error *) {
 static constexpr int kQuestions = 2 + static_cast<int>(std::size(kAbilities));
 
 static void begin_round() {
-  current = {current.number + 1, kQuestions, current.is_asked, 0, {}};
+  questions = {questions.number + 1, kQuestions, questions.is_asked, 0, {}};
   void *data = round_mark();
   bus_get_properties(kLogind, properties_answered, data);
   bus_call(kLogind, kAbilities[0].question, ability_answered<0>, data, "");
@@ -194,7 +194,7 @@ static void begin_round() {
 }
 
 void ask_use() {
-  current.is_asked = true;
+  questions.is_asked = true;
   begin_round();
 }
 
