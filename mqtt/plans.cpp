@@ -97,7 +97,7 @@ void plans::keep() {
   const std::string source = source_of(begun_.topic);
   const std::string sha256 = sha256_of(begun_.payload);
   json document{{"source", source}, {"revision", revision_of(begun_)}, {"sha256", sha256}};
-  add_time(document, "at", civil_of(machine_time()));
+  add_utc(document, "at", machine_time());
   document.update(about(account_));
   applied_ = text_of(document);
   carried_out_[source] = sha256;

@@ -127,7 +127,7 @@ json watch::event_of(const told &what, const snapshot &view) const {
     event["timer"] = json_of(*timer, view);
     event["timer"].erase("next_text");
   }
-  add_time(event, "at", view.now.set);
+  add_time(event, "at", view.now.set, view);
   return event;
 }
 

@@ -177,8 +177,7 @@ static void add(application &account, const char *member, const json &what,
 // On-timers last, of each kind the latest first.
 static void sort_for_cancelling(std::vector<timer_record> &timers, const snapshot &view) {
   std::ranges::sort(timers, {}, [&](const timer_record &timer) {
-    const auto armed = view.armed.find(timer.id);
-    const auto at = armed != view.armed.end() ? armed->second : civil_time::max();
+    const civil_time at = armed_for(timer.id, view).value_or(civil_time::max());
     return std::pair(is_ontimer_type(timer.type), -at.time_since_epoch());
   });
 }
@@ -297,8 +296,8 @@ bool applying::make_room() {
     throw failure{"the list is full: another client has added timers", ""};
   sort_for_cancelling(to_cancel, view);
   const auto found = std::ranges::find_if(to_cancel, [&](const timer_record &timer) {
-    const auto armed = view.armed.find(timer.id);
-    return armed == view.armed.end() || armed->second - view.now.set > kDueSoon;
+    const auto armed = armed_for(timer.id, view);
+    return !armed || *armed - view.now.set > kDueSoon;
   });
   if (found == to_cancel.end())
     return false;

@@ -140,7 +140,7 @@ static finding clock_found(examination &e) {
 }
 
 static finding zone_found(examination &e) {
-  const std::string zone = in_zone(e.view->now.set).zone;
+  const std::string zone = moment_of(e.view->now.set, *e.view).zone;
   if (!e.is_machine || !zone.starts_with("UTC,"))
     return {"Zone", state::kGood, zone};
   return {"Zone", state::kNote, zone + ": timers are on this time",

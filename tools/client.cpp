@@ -269,11 +269,11 @@ static civil_time civil(std::uint32_t time) { return civil_time(seconds(time)); 
 
 civil_time machine_time() { return civil_time(seconds(std::time(nullptr))); }
 
-bool read_wakeup(GVariant *properties, wakeup_time &wakeup) {
+bool read_wakeup(GVariantDict *properties, wakeup_time &wakeup) {
   std::uint32_t at = 0;
   gboolean is_utc = FALSE;
-  if (g_variant_lookup(properties, "Wakeup", "(iuib)", &wakeup.id, &at, &wakeup.type, &is_utc) ==
-      FALSE)
+  if (g_variant_dict_lookup(properties, "Wakeup", "(iuib)", &wakeup.id, &at, &wakeup.type,
+                            &is_utc) == FALSE)
     return false;
   wakeup.at = civil(at);
   wakeup.is_utc = is_utc != FALSE;
@@ -288,27 +288,27 @@ static void compare_with_zone(snapshot &view) {
     view.now.system += apart;
 }
 
-static void fill_state(snapshot &view, GVariant *properties) {
+static void fill_state(snapshot &view, GVariantDict *properties) {
   view.version = text_property(properties, "Version");
   view.platform = text_property(properties, "Platform");
   std::uint32_t clock = 0;
   gboolean confirmed = FALSE;
-  g_variant_lookup(properties, "Clock", "u", &clock);
-  g_variant_lookup(properties, "ClockConfirmed", "b", &confirmed);
+  g_variant_dict_lookup(properties, "Clock", "u", &clock);
+  g_variant_dict_lookup(properties, "ClockConfirmed", "b", &confirmed);
   view.clock_known = clock != 0;
   view.clock_confirmed = confirmed != FALSE;
   if (view.clock_known)
     view.now.set = civil(clock);
   compare_with_zone(view);
-  g_variant_lookup(properties, "HaltOn", "i", &view.halt_on);
-  g_variant_lookup(properties, "HaltOff", "i", &view.halt_off);
+  g_variant_dict_lookup(properties, "HaltOn", "i", &view.halt_on);
+  g_variant_dict_lookup(properties, "HaltOff", "i", &view.halt_off);
   std::uint32_t limit = 0;
-  if (g_variant_lookup(properties, "Limit", "u", &limit) != FALSE)
+  if (g_variant_dict_lookup(properties, "Limit", "u", &limit) != FALSE)
     view.limit = limit;
 
   read_wakeup(properties, view.wakeup);
   GVariantIter *armed = nullptr;
-  if (g_variant_lookup(properties, "Armed", "a(iu)", &armed) == FALSE)
+  if (g_variant_dict_lookup(properties, "Armed", "a(iu)", &armed) == FALSE)
     return;
   int id = 0;
   std::uint32_t at = 0;
@@ -319,18 +319,20 @@ static void fill_state(snapshot &view, GVariant *properties) {
 
 // All properties of one of the daemon's objects; null when it has none there, or a policy from
 // before it.
-GVariant *client::properties_of(const char *path, const char *interface) {
+GVariantDict *client::properties_of(const char *path, const char *interface) {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply = answer_to(properties_call(path, interface), timeout_ms_, &error);
-  if (reply != nullptr)
-    return g_variant_get_child_value(reply, 0);
+  if (reply != nullptr) {
+    g_autoptr(GVariant) properties = g_variant_get_child_value(reply, 0);
+    return g_variant_dict_new(properties);
+  }
   if (is_absent(error) || is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
     return nullptr;
   fail(kGetAll, error, timeout_ms_, "");
 }
 
 bool client::read_state(snapshot &view) {
-  g_autoptr(GVariant) properties = properties_of(kStateObjectPath, kStateInterface);
+  g_autoptr(GVariantDict) properties = properties_of(kStateObjectPath, kStateInterface);
   if (properties == nullptr)
     return false;
   fill_state(view, properties);
@@ -392,7 +394,7 @@ std::string client::reason_not_to_change() {
 // --- the machine ---
 
 std::optional<machine_state> client::machine() {
-  g_autoptr(GVariant) properties = properties_of(kMachinePath, kMachineInterface);
+  g_autoptr(GVariantDict) properties = properties_of(kMachinePath, kMachineInterface);
   return properties != nullptr ? std::optional(machine_state_of(properties)) : std::nullopt;
 }
 

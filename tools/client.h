@@ -34,7 +34,7 @@ failure no_machine(); // the platform shows none
 inline constexpr const char *kLogHint = "its log says why: journalctl -t DRAVEL_MANAGER";
 
 // False when the property is not among them.
-bool read_wakeup(GVariant *properties, wakeup_time &wakeup);
+bool read_wakeup(GVariantDict *properties, wakeup_time &wakeup);
 
 civil_time machine_time(); // UTC
 
@@ -92,7 +92,7 @@ private:
   class sent_call;
   GVariant *answer_to(const bus_call &call, int timeout_ms, GError **error);
   image_reply call_images(const char *method, int argument, std::size_t image_size);
-  GVariant *properties_of(const char *path, const char *interface);
+  GVariantDict *properties_of(const char *path, const char *interface);
   bool read_state(snapshot &view);
   void read_lists(snapshot &view, bool with_holidays);
   void read_halts(snapshot &view);

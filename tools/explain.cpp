@@ -82,23 +82,22 @@ static void tell_repeating(explanation &told, const snapshot &view) {
 // jumped.
 static bool fires_as_armed(const explanation &told, const timer_record &timer,
                            const snapshot &view) {
-  const auto armed = view.armed.find(timer.id);
-  if (armed == view.armed.end() || told.firings.empty())
+  const auto armed = armed_for(timer.id, view);
+  if (!armed || told.firings.empty())
     return false;
   const firing &first = told.firings[0];
-  return moment_of(first.at, first.system, view).since_1970 ==
-         moment_of(armed->second, view).since_1970;
+  return moment_of(first.at, first.system, view).since_1970 == moment_of(*armed, view).since_1970;
 }
 
 static void tell_when(explanation &told, const timer_record &timer, const snapshot &view,
                       const outlook &ahead) {
-  const auto armed = view.armed.find(timer.id);
-  if (armed == view.armed.end()) {
+  const auto armed = armed_for(timer.id, view);
+  if (!armed) {
     told.sentences.push_back("It is not armed: " + reason_unarmed(timer, view) + ".");
     return;
   }
   if (!fires_as_armed(told, timer, view)) {
-    told.sentences.push_back("It is armed for " + firing_text(armed->second, view) + ".");
+    told.sentences.push_back("It is armed for " + firing_text(*armed, view) + ".");
     if (const std::string fate = fate_of(timer, ahead); !fate.empty())
       told.sentences.push_back(fate);
     else if (told.firings.empty())
@@ -178,11 +177,11 @@ static std::vector<std::string> tell_wakeup(const snapshot &view) {
   const bool is_armed = chosen != nullptr && view.armed.contains(chosen->id);
   std::vector<std::string> sentences;
   for (const timer_record &timer : view.timers) {
-    const auto armed = view.armed.find(timer.id);
-    if (is_ontimer_type(timer.type) && armed != view.armed.end() &&
-        (!is_armed || armed->second < view.armed.at(chosen->id) || is_woken_later(timer, view)))
+    const auto armed = armed_for(timer.id, view);
+    if (is_ontimer_type(timer.type) && armed &&
+        (!is_armed || *armed < view.armed.at(chosen->id) || is_woken_later(timer, view)))
       sentences.push_back("The set is not woken for timer " + std::to_string(timer.id) + " on " +
-                          time_text(armed->second) + ": " + reason_not_woken(timer, view) + ".");
+                          time_text(*armed) + ": " + reason_not_woken(timer, view) + ".");
   }
   if (view.wakeup.id == 0)
     sentences.emplace_back(sentences.empty() ? "The set is woken for nothing: no on-timer is armed."

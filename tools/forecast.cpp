@@ -256,12 +256,11 @@ static bool is_ahead(const timer_record &a, const timer_record &b) {
 std::optional<firing> scheduler::soonest() const {
   const timer_record *found = nullptr;
   for (const timer_record &timer : view.timers) {
-    const auto armed = view.armed.find(timer.id);
-    if (armed == view.armed.end() || armed->second < view.now.set)
+    const auto armed = armed_for(timer.id, view);
+    if (!armed || *armed < view.now.set)
       continue;
     const civil_time best = found != nullptr ? view.armed.at(found->id) : civil_time::max();
-    if (found == nullptr || armed->second < best ||
-        (armed->second == best && is_ahead(timer, *found)))
+    if (found == nullptr || *armed < best || (*armed == best && is_ahead(timer, *found)))
       found = &timer;
   }
   if (found == nullptr)
@@ -273,8 +272,7 @@ std::optional<firing> scheduler::soonest() const {
 static std::vector<int> passed_by(const firing &first, const snapshot &view) {
   std::vector<int> passed;
   for (const timer_record &timer : view.timers)
-    if (const auto armed = view.armed.find(timer.id);
-        armed != view.armed.end() && armed->second == first.at && timer.id != first.id &&
+    if (armed_for(timer.id, view) == first.at && timer.id != first.id &&
         timer.type != TIMER_TYPE_TRANSIENT) // stays armed, and fires next
       passed.push_back(timer.id);
   return passed;

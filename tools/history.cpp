@@ -147,7 +147,7 @@ private:
 
 static json json_of(const past_event &event) {
   json object;
-  add_time(object, "time", event.at, true);
+  add_utc(object, "time", event.at);
   object["event"] = event.event;
   object["timer"] = event.timer ? json(*event.timer) : json(nullptr);
   object["reason"] = event.reason;

@@ -13,12 +13,12 @@ json json_of(const std::optional<machine_state> &machine) {
   if (!machine)
     return nullptr;
   json object{{"screen", machine->screen}, {"screen_by", machine->screen_by}};
-  add_time(object, "alarm", known(machine->alarm), true);
+  add_utc(object, "alarm", known(machine->alarm));
   object["alarm_for"] = machine->alarm_for;
   object["alarm_problem"] = machine->alarm_problem;
-  add_time(object, "last_wake", known(machine->last_wake), true);
+  add_utc(object, "last_wake", known(machine->last_wake));
   object["last_wake_cause"] = machine->last_cause;
-  add_time(object, "sleeps_at", known(machine->sleeps_at), true);
+  add_utc(object, "sleeps_at", known(machine->sleeps_at));
   object["postponed"] = machine->postponed;
   object["problems"] = machine->problems;
   return object;

@@ -23,6 +23,6 @@ struct machine_state {   // times are UTC; 1970: none
 };
 
 // "" when the object has no such property.
-std::string text_property(GVariant *properties, const char *name);
+std::string text_property(GVariantDict *properties, const char *name);
 
-machine_state machine_state_of(GVariant *properties);
+machine_state machine_state_of(GVariantDict *properties);

@@ -63,7 +63,7 @@ static seconds since_boot() {
 static void tell(listener &self, const std::string &event, const json &about,
                  const std::string &text) {
   json line;
-  add_time(line, "time", self.view.now.set);
+  add_time(line, "time", self.view.now.set, self.view);
   line["event"] = event;
   line.update(about);
   say(self.given.json, line, time_text(self.view.now.set) + "  " + text);
@@ -108,11 +108,6 @@ static void hear_expiry(GDBusConnection *, const char *, const char *, const cha
 
 // --- timers ---
 
-static std::optional<civil_time> armed_for(int id, const snapshot &view) {
-  const auto armed = view.armed.find(id);
-  return armed != view.armed.end() ? std::optional(armed->second) : std::nullopt;
-}
-
 static void keep_armed(listener &self, int id) {
   self.told.armed.erase(id);
   if (const auto at = armed_for(id, self.view))
@@ -156,8 +151,8 @@ static void tell_armed(listener &self) {
     if (at == was || !self.known.contains(timer.id))
       continue;
     json about{{"id", timer.id}};
-    add_time(about, "at", at);
-    add_time(about, "was", was);
+    add_time(about, "at", at, self.view);
+    add_time(about, "was", was, self.told);
     tell(self, "armed", about,
          "timer " + std::to_string(timer.id) + " is now " +
              (at ? "armed for " + time_text(*at) : "not armed"));
@@ -177,7 +172,7 @@ static void tell_halts(listener &self) {
 
 static void tell_wakeup(listener &self, const wakeup_time &wakeup) {
   json about{{"id", wakeup.id}};
-  add_time(about, "at", wakeup.id != 0 ? std::optional(wakeup.at) : std::nullopt, wakeup.is_utc);
+  add_wakeup_time(about, wakeup, self.view);
   tell(self, "wakeup", about,
        wakeup.id == 0
            ? "the set is programmed to wake for nothing"
@@ -239,17 +234,18 @@ static void hear_properties(GDBusConnection *, const char *, const char *, const
   if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(sa{sv}as)")) == FALSE)
     return;
   look(self);
-  g_autoptr(GVariant) values = g_variant_get_child_value(arguments, 1);
-  const bool halted_on = g_variant_lookup(values, "HaltOn", "i", &self.told.halt_on) != FALSE;
-  if (g_variant_lookup(values, "HaltOff", "i", &self.told.halt_off) != FALSE || halted_on)
+  g_autoptr(GVariant) changed = g_variant_get_child_value(arguments, 1);
+  g_autoptr(GVariantDict) values = g_variant_dict_new(changed);
+  const bool halted_on = g_variant_dict_lookup(values, "HaltOn", "i", &self.told.halt_on) != FALSE;
+  if (g_variant_dict_lookup(values, "HaltOff", "i", &self.told.halt_off) != FALSE || halted_on)
     tell_halts(self);
   gboolean confirmed = self.told.clock_confirmed ? TRUE : FALSE;
-  g_variant_lookup(values, "ClockConfirmed", "b", &confirmed);
+  g_variant_dict_lookup(values, "ClockConfirmed", "b", &confirmed);
   tell_clock(self, confirmed != FALSE);
   if (wakeup_time wakeup; read_wakeup(values, wakeup))
     tell_wakeup(self, wakeup);
   if (g_autoptr(GVariant) ids =
-          g_variant_lookup_value(values, "DisabledPeriods", G_VARIANT_TYPE("ai"))) {
+          g_variant_dict_lookup_value(values, "DisabledPeriods", G_VARIANT_TYPE("ai"))) {
     gsize count = 0;
     const auto *first =
         static_cast<const int *>(g_variant_get_fixed_array(ids, &count, sizeof(int)));

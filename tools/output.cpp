@@ -202,25 +202,30 @@ std::string firing_text(civil_time at, const snapshot &view) {
 }
 
 std::string next_text(const timer_record &timer, const snapshot &view) {
-  const auto armed = view.armed.find(timer.id);
-  if (armed == view.armed.end())
+  const auto armed = armed_for(timer.id, view);
+  if (!armed)
     return "not armed";
-  return firing_text(armed->second, view) + (is_halted(timer.type, view) ? ", halted" : "") +
+  return firing_text(*armed, view) + (is_halted(timer.type, view) ? ", halted" : "") +
          (view.has_state ? "" : ", guessed");
 }
 
-void add_time(json &to, const std::string &name, const zoned_time &time) {
-  to[name] = time.iso;
-  to[name + "_seconds"] = time.since_1970;
+void add_time(json &to, const std::string &name, const std::optional<zoned_time> &time) {
+  to[name] = time ? json(time->iso) : json(nullptr);
+  to[name + "_seconds"] = time ? json(time->since_1970) : json(nullptr);
 }
 
-void add_time(json &to, const std::string &name, std::optional<civil_time> time, bool is_utc) {
-  if (time) {
-    add_time(to, name, is_utc ? from_utc(*time) : in_zone(*time));
-  } else {
-    to[name] = nullptr;
-    to[name + "_seconds"] = nullptr;
-  }
+void add_time(json &to, const std::string &name, std::optional<civil_time> time,
+              const snapshot &view) {
+  add_time(to, name, time ? std::optional(moment_of(*time, view)) : std::nullopt);
+}
+
+void add_utc(json &to, const std::string &name, std::optional<civil_time> time) {
+  add_time(to, name, time ? std::optional(from_utc(*time)) : std::nullopt);
+}
+
+void add_wakeup_time(json &to, const wakeup_time &wakeup, const snapshot &view) {
+  const auto at = wakeup.id != 0 ? std::optional(wakeup.at) : std::nullopt;
+  wakeup.is_utc ? add_utc(to, "at", at) : add_time(to, "at", at, view);
 }
 
 static void add_settings(json &to, const timer_record &timer) {
@@ -232,23 +237,20 @@ static void add_settings(json &to, const timer_record &timer) {
 }
 
 json json_of(const timer_record &timer, const snapshot &view) {
-  const auto armed = view.armed.find(timer.id);
-  const bool is_armed = armed != view.armed.end();
+  const auto armed = armed_for(timer.id, view);
   json object = {{"id", timer.id != 0 ? json(timer.id) : json()},
                  {"type", timer.type},
                  {"type_name", type_name(timer.type)},
                  {"title", title_of(timer)},
                  {"days_text", days_text(timer.week_flag)},
                  {"next_text", next_text(timer, view)}};
-  if (is_armed)
-    add_time(object, "next", moment_of(armed->second, view));
-  else
-    add_time(object, "next", std::nullopt);
-  object["armed"] = is_armed;
+  add_time(object, "next", armed, view);
+  object["armed"] = armed.has_value();
   if (!view.has_state)
     object["guessed"] = true;
   object["halted"] = is_halted(timer.type, view);
-  add_time(object, "at", timer.at, timer.clock == TIME_TYPE_INTERNET);
+  add_time(object, "at",
+           timer.clock == TIME_TYPE_INTERNET ? from_utc(timer.at) : moment_of(timer.at, view));
   add_settings(object, timer);
   object["set_for"] = iso_text(timer.at); // what its own clock then reads
   return object;

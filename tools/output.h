@@ -66,7 +66,10 @@ json json_of(const timer_record &timer, const snapshot &view);
 json json_of(const holiday &holiday);
 json exported(const timer_record &timer); // what import reads: nothing that is computed
 
-// `name` and `name`_seconds, the latter since 1970; null for no time.
+// `name` and `name`_seconds, the latter since 1970; null for no time. A civil time is one of the
+// set's clock, or in UTC.
+void add_time(json &to, const std::string &name, const std::optional<zoned_time> &time);
 void add_time(json &to, const std::string &name, std::optional<civil_time> time,
-              bool is_utc = false);
-void add_time(json &to, const std::string &name, const zoned_time &time);
+              const snapshot &view);
+void add_utc(json &to, const std::string &name, std::optional<civil_time> time);
+void add_wakeup_time(json &to, const wakeup_time &wakeup, const snapshot &view); // as "at"

@@ -19,7 +19,7 @@ static const char *halt_text(const snapshot &view) {
 static std::string clock_state(const snapshot &view) {
   if (!view.clock_known)
     return "unknown";
-  const std::string zone = in_zone(view.now.set).zone;
+  const std::string zone = moment_of(view.now.set, view).zone;
   return time_text(view.now.set) + " (" + zone + "), " +
          (view.clock_confirmed ? "confirmed" : "not confirmed since the set woke up");
 }
@@ -61,7 +61,7 @@ json json_of_status(const snapshot &view, const std::optional<timer_record> &wok
     return timer != nullptr ? json_of(*timer, view) : json(nullptr);
   };
   json object;
-  add_time(object, "clock", view.clock_known ? std::optional(view.now.set) : std::nullopt);
+  add_time(object, "clock", view.clock_known ? std::optional(view.now.set) : std::nullopt, view);
   object["clock_confirmed"] = view.clock_confirmed;
   object["halted"] = {{"on", view.halt_on != 0}, {"off", view.halt_off != 0}};
   object["timers"] = view.timers.size();
@@ -73,7 +73,7 @@ json json_of_status(const snapshot &view, const std::optional<timer_record> &wok
   object["wakeup"] = nullptr;
   if (view.wakeup.id != 0) {
     object["wakeup"] = {{"id", view.wakeup.id}, {"type", view.wakeup.type}};
-    add_time(object["wakeup"], "at", view.wakeup.at, view.wakeup.is_utc);
+    add_wakeup_time(object["wakeup"], view.wakeup, view);
   }
   object["woken_by"] = timer_or_null(woken_by ? &*woken_by : nullptr);
   object["machine"] = json_of(machine);
@@ -177,8 +177,8 @@ static holiday_end holiday_end_of(const std::string &text, bool end_of_february)
 static std::string armed_text(int id, const snapshot &view) {
   if (find_timer(view.timers, id) == nullptr)
     return "removed";
-  const auto armed = view.armed.find(id);
-  return armed != view.armed.end() ? "armed for " + time_text(armed->second) : "not armed";
+  const auto armed = armed_for(id, view);
+  return armed ? "armed for " + time_text(*armed) : "not armed";
 }
 
 // A change of holidays arms all timers again, which moves and removes some.
@@ -192,13 +192,9 @@ changes changes_since(const snapshot &before, const snapshot &after) {
     std::string note = "Timer " + std::to_string(timer.id);
     found.notes.push_back(note.append(" is now ").append(is).append("; it was ").append(was) +=
                           '.');
-    const auto at = [&](const snapshot &view) {
-      const auto armed = view.armed.find(timer.id);
-      return armed != view.armed.end() ? std::optional(armed->second) : std::nullopt;
-    };
     json moved{{"id", timer.id}};
-    add_time(moved, "was", at(before));
-    add_time(moved, "now", at(after));
+    add_time(moved, "was", armed_for(timer.id, before), before);
+    add_time(moved, "now", armed_for(timer.id, after), after);
     found.moved.push_back(moved);
   }
   return found;

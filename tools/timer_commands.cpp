@@ -121,12 +121,11 @@ static std::string short_span(civil_time at, const snapshot &view) {
 }
 
 static std::vector<std::string> row_of(const timer_record &timer, const snapshot &view) {
-  const auto armed = view.armed.find(timer.id);
-  const bool is_armed = armed != view.armed.end();
+  const auto armed = armed_for(timer.id, view);
   return {std::to_string(timer.id),
           type_name(timer.type),
-          is_armed ? short_time_text(armed->second) : "not armed",
-          is_armed ? short_span(armed->second, view) : "",
+          armed ? short_time_text(*armed) : "not armed",
+          armed ? short_span(*armed, view) : "",
           short_days_text(timer.week_flag),
           remarks_of(timer, view)};
 }
@@ -137,8 +136,7 @@ void list_timers(client &client, const options &given) {
   std::erase_if(view.timers,
                 [&](const timer_record &timer) { return !is_wanted(timer, wanted_days, given); });
   std::ranges::stable_sort(view.timers, {}, [&](const timer_record &timer) {
-    const auto armed = view.armed.find(timer.id);
-    return armed != view.armed.end() ? armed->second : civil_time::max();
+    return armed_for(timer.id, view).value_or(civil_time::max());
   });
   if (given.json) {
     json list = json::array();
@@ -314,8 +312,8 @@ static void tell_checked(const options &given, timer_record timer, const snapsho
   note_eviction(notes, timer, view, true);
   timer = after.timers.back(); // where holidays may have moved it
   timer.id = 0;
-  if (const auto armed = after.armed.find(kUnlisted); armed != after.armed.end())
-    after.armed[0] = armed->second;
+  if (const auto armed = armed_for(kUnlisted, after))
+    after.armed[0] = *armed;
   tell_timer(given, timer, after, text, notes);
 }
 
@@ -394,8 +392,8 @@ int change_in_set(client &client, const timer_record &old, const timer_record &t
                   const snapshot &view) {
   const snapshot others = without(old.id, view); // the old timer stands in nobody's way
   check_room(timer, others, false, kNotChanged);
-  const auto armed = view.armed.find(old.id);
-  const bool is_due = armed != view.armed.end() && armed->second - view.now.set <= kSoonDue;
+  const auto armed = armed_for(old.id, view);
+  const bool is_due = armed && *armed - view.now.set <= kSoonDue;
   return evicted_by(timer, view) != nullptr ? change_in_full_list(client, old, timer, view, is_due)
                                             : change_by_adding(client, old.id, timer, view);
 }

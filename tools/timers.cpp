@@ -113,6 +113,11 @@ const timer_record *find_timer(const std::vector<timer_record> &timers, int id) 
   return found != timers.end() ? &*found : nullptr;
 }
 
+std::optional<civil_time> armed_for(int id, const snapshot &view) {
+  const auto armed = view.armed.find(id);
+  return armed != view.armed.end() ? std::optional(armed->second) : std::nullopt;
+}
+
 static year year_of(civil_time time) { return year_month_day(floor<days>(time)).year(); }
 
 int weekday_of(civil_time time) {

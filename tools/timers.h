@@ -85,6 +85,7 @@ GVariant *arguments_of(const holiday &holiday, std::chrono::year year); // of th
 
 int weekday_of(civil_time time); // Sunday being 0
 const timer_record *find_timer(const std::vector<timer_record> &timers, int id);
+std::optional<civil_time> armed_for(int id, const snapshot &view);
 
 // A day on which a repeating timer does not fire.
 struct passed_over {

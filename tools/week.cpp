@@ -149,7 +149,7 @@ json json_of_week(const snapshot &view) {
   if (!view.clock_known)
     return nullptr;
   json week;
-  add_time(week, "now", view.now.set);
+  add_time(week, "now", view.now.set, view);
   week["days"] = json::array();
   for (int k = 0; k < kDays; ++k) {
     const sys_days day = floor<days>(view.now.set) + days(k);

@@ -239,6 +239,9 @@ TEST_F(Ctl, WordsOfTheLine_AreUnderstood_AndNonsenseIsRefused) {
     day=$(( $(date -ud '1 hour' +%-j) - 1 )); set_clock $(date +%s); \
       export TZ=AAA0BBB-1,$day/$(date -ud '1 hour' +%T),$(( (day + 30) % 365 )); \
       add +3h --type off; add +1d --type off => 0 in 3 hours\n ... , in 23 hours\n
+    day=$(( $(date -ud '30 minutes' +%-j) - 1 )); set_clock $(date +%s); \
+      export TZ=AAA0BBB-1,$(( (day + 335) % 365 )),$day/$(date -ud '30 minutes' +%T); \
+      add +10min --type off -j; ctl overview; ctl explain 1 -j => 0 +00:00", ... +00:00", =/> +01:00
     lose_clock -> add +45m => 0 +45m is counted from this machine's clock,
     ctl add => 2 add needs --at
   )steps");
@@ -427,7 +430,7 @@ TEST_F(Ctl, TheWeek_IsDrawn) {
       ·········\nWed 2026-12-16 ··············◆·△·
     three -> ctl week => 0 Wed 2026-12-16 ··············▲·····················▲···········\n
     add 12:10 -> ctl halt both; ctl week => 0 Tue 2026-12-15 ·······················│○···
-    three -> LC_ALL=C ctl week => 0 Thu 2026-12-17 ##############################
+    three -> LC_ALL=C ctl week => 0 Thu 2026-12-17 ############################## ... # holidays  | now
     three -> ctl week --json => 0 [{"id":1,"type_name":"off","at":"2026-12-15T19:00:00+00
     holidays add 12-20; add '2026-12-20 00:00' --type off -> ctl week => 0 Sun 2026-12-20 ▼░░
     set_clock $((noon + 43200)) -> ctl week => 0 Wed 2026-12-16│·
@@ -482,6 +485,7 @@ TEST_F(Ctl, IsChecked_WhereItApplies) {
   check(R"(
     ctl check => 0 ok      Daemon: dravel-manager =/> Alarm
     ctl halt on -> ctl check => 0 note    Halts: timers are announced and do not act: on-timers; dr
+    ctl halt off -> ctl check => 0 not act: off-timers; dravelctl halt none
     ctl halt both -> ctl check => 0 not act: on-timers and off-timers; dravelctl halt none
     asleep -> ctl check => 0 note    Clock: Tue 2026-12-15 12:00:00, not confirmed since the set woke up; wait
     lose_clock -> ctl check => 1 problem Clock: it is unknown: no timer is armed; set it
@@ -681,7 +685,7 @@ TEST_F(Ctl, Apply_MakesTheSetEqualToAFile) {
 
 TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
   check(R"(
-    ctl juggle => 2 there is no command juggle; dravelctl help lists
+    ctl canopy => 2 there is no command canopy; dravelctl help lists
     ctl '' => 2 dravelctl: there is no command ''; dravelctl help lists
     ctl help rm => 0 Cancel timers
     ctl help cancel 3 => 2 there is no command cancel 3; dravelctl help lists those
@@ -715,6 +719,7 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl list --json=5 => 2 --json takes no value; write --json alone
     dravelctl --timeout 0 list => 2 from 0.001
     ctl list >/dev/full => 1 No space left on device
+    timeout 9 dravelctl monitor 2>&1 >/dev/full | { read n; add 7 >n; cat; } => 0 No space left
     eighty -> ctl export >/dev/full; holidays add 12-24 >/dev/full => 1 No space ... No space left on device
     ctl list >&- => 1 cannot write the output
     add 7:00 >/dev/full; ctl list => 0 is carried out, but dravelctl cannot write
