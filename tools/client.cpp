@@ -56,11 +56,12 @@ struct bus_call {
   const char *reply_type;
 };
 
-// A call on its way. It has a context of its own, so that nothing else happens while it is awaited.
+// A call on its way. Answers have a context of their own, so that nothing else happens while one is
+// awaited.
 class client::sent_call {
 public:
-  sent_call(GDBusConnection *bus, const bus_call &call, int timeout_ms)
-      : bus_(bus), context_(g_main_context_new()) {
+  sent_call(GDBusConnection *bus, GMainContext *context, const bus_call &call, int timeout_ms)
+      : bus_(bus), context_(context) {
     g_main_context_push_thread_default(context_);
     g_dbus_connection_call(bus, kDravelBusName, call.path, call.interface, call.method,
                            call.arguments, G_VARIANT_TYPE(call.reply_type),
@@ -72,7 +73,6 @@ public:
   ~sent_call() {
     wait();
     g_object_unref(result_);
-    g_main_context_unref(context_);
   }
 
   GVariant *answer(GError **error) {
@@ -127,10 +127,12 @@ client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_se
     throw failure{"no system bus: " + std::string(error->message),
                   "start dbus, or correct DBUS_SYSTEM_BUS_ADDRESS", fault::kNotRunning};
   g_dbus_connection_set_exit_on_close(bus_, FALSE);
+  context_ = g_main_context_new();
 }
 
 client::~client() {
   sent_.clear();
+  g_main_context_unref(context_);
   g_object_unref(bus_);
 }
 
@@ -142,7 +144,7 @@ void client::ask_ahead(std::initializer_list<question> questions) {
     const bus_call call = call_of(asked);
     auto &sent = sent_[key_of(call)];
     if (sent == nullptr)
-      sent = std::make_unique<sent_call>(bus_, call, timeout_ms_);
+      sent = std::make_unique<sent_call>(bus_, context_, call, timeout_ms_);
     else
       drop(call);
   }
@@ -151,7 +153,7 @@ void client::ask_ahead(std::initializer_list<question> questions) {
 GVariant *client::answer_to(const bus_call &call, int timeout_ms, GError **error) {
   const auto sent = sent_.extract(key_of(call));
   if (sent.empty())
-    return sent_call(bus_, call, timeout_ms).answer(error);
+    return sent_call(bus_, context_, call, timeout_ms).answer(error);
   drop(call);
   return sent.mapped()->answer(error);
 }

@@ -100,6 +100,7 @@ private:
                          const std::string &when_silent);
 
   GDBusConnection *bus_ = nullptr;
+  GMainContext *context_ = nullptr; // of the answers
   int timeout_ms_;
   std::map<std::string, std::unique_ptr<sent_call>> sent_; // ahead, by path and method
 };
