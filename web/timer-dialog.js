@@ -295,6 +295,7 @@ class TimerForm {
     }
 
     async #submit() {
+        clearTimeout(this.#pending); // its answer would take the place of a refusal
         ++this.#asked;
         if (!this.#form.elements.at.value) {
             return this.#refuseSubmit({ option: "--at", message: "Choose a time." });
