@@ -121,7 +121,7 @@ static json halt(client &client, const message &message) {
       flag_in(body, name);
   for (const auto &[name, method] : kOrders)
     if (body.contains(name))
-      client.call_int(method, g_variant_new("(i)", flag_in(body, name) ? 1 : 0));
+      client.call_int(method, {flag_in(body, name) ? 1 : 0});
   const snapshot view = client.look(false);
   return {{"halted", {{"on", view.halt_on != 0}, {"off", view.halt_off != 0}}}};
 }
@@ -130,7 +130,7 @@ static json turn_screen(client &client, const message &message) {
   const json body = body_of(message, {"on"});
   member_of(body, "on");
   const bool on = flag_in(body, "on");
-  g_variant_unref(client.call_machine("TurnScreen", g_variant_new("(b)", on ? TRUE : FALSE), "()"));
+  client.turn_screen(on);
   return {{"on", on}};
 }
 
@@ -174,7 +174,7 @@ static json change_holidays(client &client, const message &message) {
     about["added"].push_back(json_of(period));
   }
   for (const int id : removed) {
-    client.call_int("request_remove_disabled_period", g_variant_new("(i)", id));
+    client.call_int("request_remove_disabled_period", {id});
     about["removed"].push_back(id);
   }
   about["moved"] = changes_since(before, client.look()).moved;

@@ -3,6 +3,7 @@
 
 #include "broker.h"
 #include "budget.h"
+#include "bus_source.h"
 #include "documents.h"
 #include "ledger.h"
 #include "outbox.h"
@@ -27,7 +28,10 @@ public:
   void sleep();
   void wake() { broker_.resume(); }
   bool stop(); // says offline; gives what broker::stop does
-  GDBusConnection *bus() const { return client_.bus(); }
+  // When the bus is lost.
+  bus_slot hear_loss(sd_bus_message_handler_t lost, void *data) {
+    return client_.hear_loss(lost, data);
+  }
 
 private:
   enum class phase {
@@ -78,6 +82,7 @@ private:
 
   const configuration &configuration_;
   client client_{kDaemonSeconds};
+  const bus_source source_{client_.bus()};
   ledger ledger_;
   plans plans_;
   trial trial_;

@@ -2,6 +2,8 @@
 
 #include "commands.h"
 
+#include <glib.h>
+
 #include <algorithm>
 
 static constexpr int kDeepest = 16;

@@ -3,6 +3,8 @@
 #include "client.h"
 #include "ledger.h"
 
+#include <glib.h>
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>

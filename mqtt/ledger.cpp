@@ -3,6 +3,8 @@
 #include "journal.h"
 #include "output.h"
 
+#include <glib.h>
+
 #include <fcntl.h>
 #include <unistd.h>
 

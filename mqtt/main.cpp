@@ -96,20 +96,28 @@ static void forget(const configuration &settings, GMainLoop *loop) {
 
 // --- the bridge ---
 
-static void lose_bus(GDBusConnection *, gboolean, GError *, void *loop) {
+struct serving {
+  GMainLoop *loop;
+  bool is_lost = false; // the bus
+};
+
+static int lose_bus(sd_bus_message *, void *data, sd_bus_error *) {
+  auto &now = *static_cast<serving *>(data);
   log_problem("the system bus went away");
-  g_main_loop_quit(static_cast<GMainLoop *>(loop));
+  now.is_lost = true;
+  g_main_loop_quit(now.loop);
+  return 0;
 }
 
 static int serve(bridge &bridge, GMainLoop *loop) {
   const sleep_socket socket(
       directory_of("RUNTIME_DIRECTORY", "/run/dravel-mqtt") + "/sleep", [&] { bridge.sleep(); },
       [&] { bridge.wake(); });
-  const unsigned long closed = g_signal_connect(bridge.bus(), "closed", G_CALLBACK(lose_bus), loop);
+  serving now{.loop = loop};
+  const bus_slot lost = bridge.hear_loss(lose_bus, &now);
   bridge.start();
   g_main_loop_run(loop);
-  g_signal_handler_disconnect(bridge.bus(), closed);
-  return g_dbus_connection_is_closed(bridge.bus()) != FALSE ? kLost : 0;
+  return now.is_lost ? kLost : 0;
 }
 
 static int run(const configuration &settings, GMainLoop *loop) {

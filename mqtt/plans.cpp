@@ -4,6 +4,8 @@
 #include "journal.h"
 #include "ledger.h"
 
+#include <glib.h>
+
 static constexpr const char *kCarriedOut = "carried_out"; // of the file: by source, the sha256
 
 static std::string sha256_of(const std::string &text) {

@@ -27,7 +27,6 @@ public:
 private:
   struct callbacks;
 
-  void turn_screen(bool on);
   void start_screen();
   void start_wake();
   void end(const json &about, const failure *failed);
@@ -37,5 +36,5 @@ private:
   long long free_at_ = 0; // for one that is not named; microseconds, monotonic
   unsigned timer_ = 0;    // while the screen is dark
   int tries_ = 0;         // left to turn it on
-  GCancellable *cancellable_ = g_cancellable_new();
+  bus_slot woken_;        // the answer to the test of the alarm is heard
 };

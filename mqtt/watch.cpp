@@ -2,68 +2,71 @@
 
 #include "journal.h"
 
-#include <cstring>
+#include <glib.h>
+
 #include <ctime>
 #include <utility>
 
 static constexpr const char *kProperties = "org.freedesktop.DBus.Properties";
 
 struct watch::callbacks {
-  static bool read(GVariant *arguments, int &value) {
-    if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(i)")) == FALSE)
-      return false;
-    g_variant_get(arguments, "(i)", &value);
-    return true;
-  }
-
   static watch &self(void *data) { return *static_cast<watch *>(data); }
 
-  // Of the three signals of one expiry the id comes before the type.
-  static void expiry(GDBusConnection *, const char *, const char *, const char *,
-                     const char *member, GVariant *arguments, void *data) {
-    int value = 0;
-    if (!read(arguments, value))
-      return;
-    if (std::strcmp(member, "dravel_expired") == 0)
-      self(data).expired_ = value;
-    else if (std::strcmp(member, "dravel_type_expired") == 0)
-      self(data).note({"fired", self(data).expired_, value});
+  static bool is(sd_bus_message *signal, const char *member) {
+    return sd_bus_message_is_signal(signal, nullptr, member) > 0;
   }
 
-  static void timer(GDBusConnection *, const char *, const char *, const char *, const char *member,
-                    GVariant *arguments, void *data) {
+  // Of the three signals of one expiry the id comes before the type.
+  static int expiry(sd_bus_message *signal, void *data, sd_bus_error *) {
+    int value = 0;
+    if (sd_bus_message_has_signature(signal, "i") <= 0)
+      return 0;
+    sd_bus_message_read(signal, "i", &value);
+    if (is(signal, "dravel_expired"))
+      self(data).expired_ = value;
+    else if (is(signal, "dravel_type_expired"))
+      self(data).note({"fired", self(data).expired_, value});
+    return 0;
+  }
+
+  static int timer(sd_bus_message *signal, void *data, sd_bus_error *) {
     int id = 0;
     const char *why = "";
-    if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(is)")) != FALSE) {
-      g_variant_get(arguments, "(i&s)", &id, &why);
+    if (sd_bus_message_has_signature(signal, "is") > 0) {
+      sd_bus_message_read(signal, "is", &id, &why);
       self(data).note({"removed", id, 0, why});
-    } else if (read(arguments, id)) {
-      self(data).note({std::strcmp(member, "TimerAdded") == 0 ? "added" : "changed", id});
+    } else if (sd_bus_message_has_signature(signal, "i") > 0) {
+      sd_bus_message_read(signal, "i", &id);
+      self(data).note({is(signal, "TimerAdded") ? "added" : "changed", id});
     }
+    return 0;
   }
 
-  static void properties(GDBusConnection *, const char *, const char *, const char *, const char *,
-                         GVariant *arguments, void *data) {
-    if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(sa{sv}as)")) == FALSE)
-      return;
-    g_autoptr(GVariant) values = g_variant_get_child_value(arguments, 1);
-    std::uint64_t at = 0;
-    const char *cause = "";
-    if (g_variant_lookup(values, "LastWake", "(t&s)", &at, &cause) != FALSE)
-      self(data).note({"woken", 0, 0, cause});
+  static int properties(sd_bus_message *signal, void *data, sd_bus_error *) {
+    if (sd_bus_message_has_signature(signal, "sa{sv}as") <= 0)
+      return 0;
+    sd_bus_message_skip(signal, "s");
+    each_property(signal, [&](property &now) {
+      std::uint64_t at = 0;
+      const char *cause = "";
+      if (now.read("LastWake", "(ts)", &at, &cause))
+        self(data).note({"woken", 0, 0, cause});
+    });
     self(data).expect();
+    return 0;
   }
 
-  static void appeared(GDBusConnection *, const char *, const char *, void *data) {
-    self(data).is_running_ = true;
-    self(data).seen_ = {};
-    self(data).expect();
+  static int owner(sd_bus_message *signal, void *data, sd_bus_error *) {
+    const char *name = "";
+    sd_bus_message_read(signal, "sss", nullptr, nullptr, &name);
+    self(data).set_running(*name != '\0');
+    return 0;
   }
 
-  static void vanished(GDBusConnection *, const char *, void *data) {
-    self(data).is_running_ = false;
-    self(data).told_.clear();
-    self(data).vanished_();
+  static gboolean start(void *data) {
+    self(data).start_ = 0;
+    self(data).set_running(self(data).client_.is_running());
+    return G_SOURCE_REMOVE;
   }
 
   static gboolean idle(void *data) {
@@ -75,26 +78,29 @@ struct watch::callbacks {
 
 watch::watch(client &client, listener changed, std::function<void()> vanished)
     : client_(client), changed_(std::move(changed)), vanished_(std::move(vanished)) {
-  const auto subscribe = [&](const char *interface, const char *path, GDBusSignalCallback hear) {
-    signals_.push_back(
-        g_dbus_connection_signal_subscribe(client.bus(), kDravelBusName, interface, nullptr, path,
-                                           nullptr, G_DBUS_SIGNAL_FLAGS_NONE, hear, this, nullptr));
-  };
-  subscribe(kDravelBusName, kDravelObjectPath, callbacks::expiry);
-  subscribe(kStateInterface, kStateObjectPath, callbacks::timer);
-  subscribe(kProperties, kStateObjectPath, callbacks::properties);
-  subscribe(kProperties, kMachinePath, callbacks::properties);
-  name_ =
-      g_bus_watch_name_on_connection(client.bus(), kDravelBusName, G_BUS_NAME_WATCHER_FLAGS_NONE,
-                                     callbacks::appeared, callbacks::vanished, this, nullptr);
+  signals_.push_back(client.hear(kDravelObjectPath, kDravelBusName, callbacks::expiry, this));
+  signals_.push_back(client.hear(kStateObjectPath, kStateInterface, callbacks::timer, this));
+  for (const char *path : {kStateObjectPath, kMachinePath})
+    signals_.push_back(client.hear(path, kProperties, callbacks::properties, this));
+  signals_.push_back(client.hear_owner(callbacks::owner, this));
+  start_ = g_idle_add(callbacks::start, this);
 }
 
 watch::~watch() {
-  g_bus_unwatch_name(name_);
-  for (const unsigned signal : signals_)
-    g_dbus_connection_signal_unsubscribe(client_.bus(), signal);
-  if (idle_ != 0)
-    g_source_remove(idle_);
+  for (const unsigned source : {start_, idle_})
+    if (source != 0)
+      g_source_remove(source);
+}
+
+void watch::set_running(bool is_running) {
+  is_running_ = is_running;
+  if (is_running) {
+    seen_ = {};
+    expect();
+  } else {
+    told_.clear();
+    vanished_();
+  }
 }
 
 void watch::note(told what) {

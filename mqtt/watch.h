@@ -31,6 +31,7 @@ private:
     std::string why{}; // of a removal; the cause of a wake-up
   };
 
+  void set_running(bool is_running);
   void note(told what);
   void expect();
   void hand_over();
@@ -40,8 +41,8 @@ private:
   client &client_;
   const listener changed_;
   const std::function<void()> vanished_;
-  std::vector<unsigned> signals_;
-  unsigned name_ = 0;
+  std::vector<bus_slot> signals_;
+  unsigned start_ = 0;
   unsigned idle_ = 0;
   bool is_running_ = false;
   int expired_ = 0;        // its id was told, its type not yet

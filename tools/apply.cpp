@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <csignal>
 #include <set>
+#include <thread>
 #include <tuple>
 
 using namespace std::chrono;
@@ -266,15 +267,14 @@ void applying::change_holidays() {
     add(account_, "holidays_added", json_of(period), "added " + line_of(period));
   } else {
     const int id = taken(plan_->holidays_removed);
-    client_.call_int("request_remove_disabled_period", g_variant_new("(i)", id));
+    client_.call_int("request_remove_disabled_period", {id});
     add(account_, "holidays_removed", id, "removed holidays " + std::to_string(id));
   }
 }
 
 void applying::set_effect() {
   const timer_record timer = taken(plan_->effects);
-  client_.call_int("request_set_disable_period_effect",
-                   g_variant_new("(ii)", timer.id, timer.holiday_effect));
+  client_.call_int("request_set_disable_period_effect", {timer.id, timer.holiday_effect});
   account_.done["changed"] = true;
   account_.lines.push_back("timer " + std::to_string(timer.id) +
                            (timer.holiday_effect != 0 ? " skips" : " ignores") + " holidays");
@@ -282,7 +282,7 @@ void applying::set_effect() {
 
 void applying::cancel(std::size_t place) {
   const timer_record timer = taken(plan_->cancelled, place);
-  if (client_.call_int("cancel_timer", g_variant_new("(i)", timer.id)) == 0) // it may have fired
+  if (client_.call_int("cancel_timer", {timer.id}) == 0) // it may have fired
     add(account_, "cancelled", timer.id, "cancelled " + numbered_line_of(timer));
 }
 
@@ -365,7 +365,7 @@ static void apply_all(applying &steps) {
   for (auto progress = steps.step(); progress != applying::progress::kEnded;
        progress = steps.step())
     if (progress == applying::progress::kWaits)
-      g_usleep(G_USEC_PER_SEC);
+      std::this_thread::sleep_for(1s);
 }
 
 static void check_file(client &client, bool as_json, const import_contents &wanted) {

@@ -1,6 +1,8 @@
 // check: one line for each thing that must be right before timers work, and what to do.
 #include "commands.h"
 
+#include <glib.h>
+
 #include <algorithm>
 #include <array>
 #include <filesystem>
@@ -40,7 +42,7 @@ static constexpr const char *kConfiguration = "/etc/dravel-manager.conf";
 static constexpr const char *kAlarmFile = "/var/lib/dravel-manager/alarm";
 static constexpr const char *kStores[] = {"/opt/dbspace", "/var/lib/dravel-manager"};
 static constexpr std::uintmax_t kLeastSpace = 1 << 20; // for a few rollback journals
-static constexpr int kSystemTimeoutMs = 3000;
+static constexpr std::uint64_t kSystemTimeoutUs = 3000000;
 
 static constexpr service kTimedated{"org.freedesktop.timedate1", "/org/freedesktop/timedate1",
                                     "org.freedesktop.timedate1"};
@@ -51,43 +53,40 @@ static constexpr service kSystemd{"org.freedesktop.systemd1", "/org/freedesktop/
 
 // --- services of the system ---
 
-// The first value of the reply; null when there is none.
-static GVariant *ask(client &bus, const service &asked, const char *method, GVariant *arguments) {
-  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-      bus.bus(), asked.name, asked.path, asked.interface, method, arguments, nullptr,
-      G_DBUS_CALL_FLAGS_NONE, kSystemTimeoutMs, nullptr, nullptr);
-  return reply != nullptr && g_variant_n_children(reply) > 0 ? g_variant_get_child_value(reply, 0)
-                                                             : nullptr;
+// The text, or object path, that is the reply; empty when there is none.
+static std::string ask(client &client, const service &asked, const char *method, const char *types,
+                       const char *argument) {
+  sd_bus_message *reply = nullptr;
+  sd_bus_call_method(client.bus(), asked.name, asked.path, asked.interface, method, nullptr, &reply,
+                     argument != nullptr ? "s" : "", argument);
+  const bus_message answer(reply);
+  const char *text = "";
+  if (reply != nullptr)
+    sd_bus_message_read(reply, types, &text);
+  return text;
 }
 
-static GVariant *property(client &bus, const service &of, const char *interface, const char *name) {
-  g_autoptr(GVariant) boxed = ask(bus, {of.name, of.path, "org.freedesktop.DBus.Properties"}, "Get",
-                                  g_variant_new("(ss)", interface, name));
-  return boxed != nullptr ? g_variant_get_variant(boxed) : nullptr;
+static std::optional<bool> is_set(client &client, const char *name) {
+  int value = 0;
+  if (sd_bus_get_property_trivial(client.bus(), kTimedated.name, kTimedated.path,
+                                  kTimedated.interface, name, nullptr, 'b', &value) < 0)
+    return std::nullopt;
+  return value != 0;
 }
 
-static std::optional<bool> is_set(client &bus, const char *name) {
-  g_autoptr(GVariant) value = property(bus, kTimedated, kTimedated.interface, name);
-  return value != nullptr ? std::optional(g_variant_get_boolean(value) != FALSE) : std::nullopt;
+static bus_message unit_property(client &client, const std::string &unit, const char *name,
+                                 const char *type) {
+  const std::string path = ask(client, kSystemd, "LoadUnit", "o", unit.c_str());
+  sd_bus_message *reply = nullptr;
+  if (!path.empty())
+    sd_bus_get_property(client.bus(), kSystemd.name, path.c_str(), "org.freedesktop.systemd1.Unit",
+                        name, nullptr, &reply, type);
+  return bus_message(reply);
 }
 
-static GVariant *unit_property(client &bus, const std::string &unit, const char *name) {
-  g_autoptr(GVariant) path = ask(bus, kSystemd, "LoadUnit", g_variant_new("(s)", unit.c_str()));
-  if (path == nullptr)
-    return nullptr;
-  return property(bus, {kSystemd.name, g_variant_get_string(path, nullptr), ""},
-                  "org.freedesktop.systemd1.Unit", name);
-}
-
-static std::vector<std::string> units_of(client &bus, const char *target) {
-  std::vector<std::string> units;
-  g_autoptr(GVariant) wanted = unit_property(bus, target, "Wants");
-  if (wanted == nullptr)
-    return units;
-  g_autofree const char **names = g_variant_get_strv(wanted, nullptr);
-  for (const char **name = names; *name != nullptr; ++name)
-    units.emplace_back(*name);
-  return units;
+static std::vector<std::string> units_of(client &client, const char *target) {
+  const bus_message wanted = unit_property(client, target, "Wants", "as");
+  return wanted != nullptr ? read_texts(wanted.get()) : std::vector<std::string>{};
 }
 
 static std::string value_of(const char *file, const char *group, const char *key) {
@@ -235,8 +234,7 @@ static finding sleep_found(examination &e) {
             "correct it in " + std::string(kConfiguration)};
   if (action == std::end(kActions))
     action = std::begin(kActions);
-  g_autoptr(GVariant) answer = ask(e.bus, kLogind, (*action)[1], nullptr);
-  const std::string can = answer != nullptr ? g_variant_get_string(answer, nullptr) : "";
+  const std::string can = ask(e.bus, kLogind, (*action)[1], "s", nullptr);
   if (geteuid() != 0 && (can.empty() || can == "no")) // about the user, not the machine
     return {"Sleep", state::kNote,
             std::string("only root learns whether this machine can ") + (*action)[0],
@@ -276,9 +274,11 @@ static finding screen_found(examination &e) {
   return {"Screen", state::kGood, "turned by " + list_of(units)};
 }
 
-static bool has_failed(client &bus, const std::string &unit) {
-  g_autoptr(GVariant) is = unit_property(bus, unit, "ActiveState");
-  return is != nullptr && std::string_view(g_variant_get_string(is, nullptr)) == "failed";
+static bool has_failed(client &client, const std::string &unit) {
+  const bus_message state = unit_property(client, unit, "ActiveState", "s");
+  const char *text = "";
+  return state != nullptr && sd_bus_message_read(state.get(), "s", &text) > 0 &&
+         std::string_view(text) == "failed";
 }
 
 static finding hooks_found(examination &e) {
@@ -349,6 +349,7 @@ static void print(const finding &found) {
 }
 
 void check_set(client &client, const options &given) {
+  sd_bus_set_method_call_timeout(client.bus(), kSystemTimeoutUs);
   examination e{client};
   examine(e);
   const auto problems = std::ranges::count(e.findings, state::kProblem, &finding::is);

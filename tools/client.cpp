@@ -3,6 +3,7 @@
 #include "words.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -14,7 +15,7 @@ using std::chrono::seconds;
 static constexpr std::size_t kTimerSize = std::size_t{4} * TIMER_WORDS;
 static constexpr std::size_t kPeriodSize = std::size_t{4} * PERIOD_WORDS;
 static constexpr seconds kBetweenReadings{2};
-static constexpr const char *kGetAll = "GetAll";
+static constexpr std::uint64_t kMsUs = 1000;
 static constexpr const char *kListTimers = "request_timer_list";
 static constexpr const char *kWakeupTimer = "request_wakeup_timer";
 static constexpr const char *kListHolidays = "request_disabled_period_list";
@@ -37,125 +38,53 @@ static std::string seconds_text(int milliseconds) {
   return text + (text == "1" ? " second" : " seconds");
 }
 
-static bool is_one_of(const GError *error, std::initializer_list<int> codes) {
-  return std::ranges::any_of(
-      codes, [&](int code) { return g_error_matches(error, G_DBUS_ERROR, code) != FALSE; });
+static failure bus_lost() {
+  return {"the system bus was lost", "try it again", fault::kNotRunning};
 }
 
-// The daemon has no such object or method.
-static bool is_absent(const GError *error) {
-  return is_one_of(error, {G_DBUS_ERROR_UNKNOWN_METHOD, G_DBUS_ERROR_UNKNOWN_OBJECT,
-                           G_DBUS_ERROR_UNKNOWN_INTERFACE});
+static failure not_understood(const char *method) {
+  return {"the answer to " + std::string(method) + " is not understood",
+          "dravelctl and dravel-manager are of different versions"};
 }
 
-struct bus_call {
-  const char *path;
-  const char *interface;
-  const char *method;
-  GVariant *arguments; // floating
-  const char *reply_type;
+// What came in place of a reply.
+struct client::no_reply {
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  int result = 0; // a negative errno
+
+  no_reply() = default;
+  no_reply(const no_reply &) = delete;
+  no_reply &operator=(const no_reply &) = delete;
+  ~no_reply() { sd_bus_error_free(&error); }
+
+  bool is_one_of(std::initializer_list<const char *> names) const {
+    return std::ranges::any_of(
+        names, [&](const char *name) { return sd_bus_error_has_name(&error, name) > 0; });
+  }
+  // The daemon has no such object or method.
+  bool is_absent() const {
+    return is_one_of(
+        {SD_BUS_ERROR_UNKNOWN_METHOD, SD_BUS_ERROR_UNKNOWN_OBJECT, SD_BUS_ERROR_UNKNOWN_INTERFACE});
+  }
 };
 
-// A call on its way. Answers have a context of their own, so that nothing else happens while one is
-// awaited.
-class client::sent_call {
-public:
-  sent_call(GDBusConnection *bus, GMainContext *context, const bus_call &call, int timeout_ms)
-      : bus_(bus), context_(context) {
-    g_main_context_push_thread_default(context_);
-    g_dbus_connection_call(bus, kDravelBusName, call.path, call.interface, call.method,
-                           call.arguments, G_VARIANT_TYPE(call.reply_type),
-                           G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms, nullptr, keep_result, this);
-    g_main_context_pop_thread_default(context_);
-  }
-  sent_call(const sent_call &) = delete;
-  sent_call &operator=(const sent_call &) = delete;
-  ~sent_call() {
-    wait();
-    g_object_unref(result_);
-  }
-
-  GVariant *answer(GError **error) {
-    wait();
-    return g_dbus_connection_call_finish(bus_, result_, error);
-  }
-
-private:
-  static void keep_result(GObject *, GAsyncResult *result, gpointer self) {
-    static_cast<sent_call *>(self)->result_ = static_cast<GAsyncResult *>(g_object_ref(result));
-  }
-
-  void wait() {
-    while (result_ == nullptr)
-      g_main_context_iteration(context_, TRUE);
-  }
-
-  GDBusConnection *bus_;
-  GMainContext *context_;
-  GAsyncResult *result_ = nullptr;
-};
-
-static bus_call properties_call(const char *path, const char *interface) {
-  return {path, "org.freedesktop.DBus.Properties", kGetAll, g_variant_new("(s)", interface),
-          "(a{sv})"};
+// The bus lets any user send a signal to one connection, whatever the matches say. The daemon sends
+// its own to everybody.
+static int drop_addressed(sd_bus_message *message, void *, sd_bus_error *) {
+  return sd_bus_message_is_signal(message, nullptr, nullptr) > 0 &&
+                 sd_bus_message_get_destination(message) != nullptr
+             ? 1
+             : 0;
 }
-
-static bus_call daemon_call(const char *method, GVariant *arguments, const char *reply_type) {
-  return {kDravelObjectPath, kDravelBusName, method, arguments, reply_type};
-}
-
-static bus_call call_of(question question) {
-  switch (question) {
-  case question::kState:
-    return properties_call(kStateObjectPath, kStateInterface);
-  case question::kMachine:
-    return properties_call(kMachinePath, kMachineInterface);
-  case question::kTimers:
-    return daemon_call(kListTimers, g_variant_new("(i)", 0), "(iay)");
-  case question::kWakeupTimer:
-    break;
-  }
-  return daemon_call(kWakeupTimer, g_variant_new("(i)", 0), "(iay)");
-}
-
-static std::string key_of(const bus_call &call) { return std::string(call.path) + call.method; }
 
 client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_seconds * 1000)) {
-  g_autoptr(GError) error = nullptr;
-  bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-  if (bus_ == nullptr)
-    throw failure{"no system bus: " + std::string(error->message),
+  sd_bus *opened = nullptr;
+  const int result = sd_bus_open_system(&opened);
+  bus_.reset(opened);
+  if (result < 0)
+    throw failure{std::string("no system bus: ") + std::strerror(-result),
                   "start dbus, or correct DBUS_SYSTEM_BUS_ADDRESS", fault::kNotRunning};
-  g_dbus_connection_set_exit_on_close(bus_, FALSE);
-  context_ = g_main_context_new();
-}
-
-client::~client() {
-  sent_.clear();
-  g_main_context_unref(context_);
-  g_object_unref(bus_);
-}
-
-// The arguments of a call that is not sent have no owner.
-static void drop(const bus_call &call) { g_variant_unref(g_variant_ref_sink(call.arguments)); }
-
-void client::ask_ahead(std::initializer_list<question> questions) {
-  for (const question asked : questions) {
-    const bus_call call = call_of(asked);
-    auto &sent = sent_[key_of(call)];
-    if (sent == nullptr)
-      sent = std::make_unique<sent_call>(bus_, context_, call, timeout_ms_);
-    else
-      drop(call);
-  }
-}
-
-GVariant *client::answer_to(const bus_call &call, int timeout_ms, GError **error) {
-  const auto sent = sent_.extract(key_of(call));
-  if (sent.empty())
-    return sent_call(bus_, context_, call, timeout_ms).answer(error);
-  drop(call);
-  return sent.mapped()->answer(error);
+  sd_bus_add_filter(bus(), nullptr, drop_addressed, nullptr);
 }
 
 static constexpr const char *kWhoMay =
@@ -171,65 +100,98 @@ static std::string act_of(std::string_view method) {
   return act != std::end(kActs) ? act->second : "change the timers";
 }
 
-void client::fail(const char *method, const GError *error, int timeout_ms,
+void client::fail(const char *method, const no_reply &why, int timeout_ms,
                   const std::string &when_silent) {
-  sent_.clear(); // whoever tries again asks again
-  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
+  if (why.is_one_of({SD_BUS_ERROR_NO_REPLY}))
+    throw failure{"dravel-manager ended before it answered", kLogHint, fault::kNotRunning};
+  if (why.result == -ETIMEDOUT)
     throw failure{
         "dravel-manager did not answer within " + seconds_text(timeout_ms) +
             (when_silent.empty() ? "; it may still do what it was asked" : ": " + when_silent),
         kLogHint, when_silent.empty() ? fault::kTimeout : fault::kRefused};
-  if (is_one_of(error, {G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER}))
+  if (why.is_one_of({SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER}))
     throw failure{"dravel-manager is not running",
                   "start it: systemctl start dravel-manager.service", fault::kNotRunning};
-  if (is_one_of(error, {G_DBUS_ERROR_NO_REPLY}))
-    throw failure{"dravel-manager ended before it answered", kLogHint, fault::kNotRunning};
-  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE ||
-      is_one_of(error, {G_DBUS_ERROR_DISCONNECTED}))
-    throw failure{"the system bus was lost", "try it again", fault::kNotRunning};
-  if (is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
+  if (why.is_one_of({SD_BUS_ERROR_DISCONNECTED}) || why.result == -ENOTCONN)
+    throw bus_lost();
+  if (why.is_one_of({SD_BUS_ERROR_ACCESS_DENIED}))
     throw failure{"you may not " + act_of(method),
                   method == std::string_view("request_copy_db") ? "only root may" : kWhoMay,
                   fault::kNotAllowed};
-  g_autofree char *remote = g_dbus_error_get_remote_error(error);
-  std::string text = error->message;
-  if (remote != nullptr && text.rfind(remote) != std::string::npos)
-    text.erase(0, text.rfind(remote) + std::strlen(remote) + 2);
-  const bool is_refusal = remote != nullptr && std::string_view(remote).ends_with(".Refused");
+  const std::string text = why.error.message != nullptr ? why.error.message : "";
+  const bool is_refusal =
+      why.error.name != nullptr && std::string_view(why.error.name).ends_with(".Refused");
   throw failure{is_refusal ? text : "the call of " + std::string(method) + " failed: " + text, ""};
 }
 
-GVariant *client::call(const char *method, GVariant *arguments, const char *reply_type,
-                       const std::string &when_silent) {
-  g_autoptr(GError) error = nullptr;
-  GVariant *reply = answer_to(daemon_call(method, arguments, reply_type), timeout_ms_, &error);
+// --- calls ---
+
+bus_message client::new_call(const char *path, const char *interface, const char *method) {
+  sd_bus_message *made = nullptr;
+  if (sd_bus_message_new_method_call(bus(), &made, kDravelBusName, path, interface, method) < 0)
+    throw bus_lost();
+  sd_bus_message_set_auto_start(made, 0);
+  return bus_message(made);
+}
+
+bus_message client::send(sd_bus_message *call, int timeout_ms, no_reply &why) {
+  sd_bus_message *reply = nullptr;
+  why.result =
+      sd_bus_call(bus(), call, static_cast<std::uint64_t>(timeout_ms) * kMsUs, &why.error, &reply);
+  return bus_message(reply);
+}
+
+bus_message client::send(sd_bus_message *call, const char *reply_types, int timeout_ms,
+                         const std::string &when_silent) {
+  no_reply why;
+  bus_message reply = send(call, timeout_ms, why);
+  const char *method = sd_bus_message_get_member(call); // sending moves it
   if (reply == nullptr)
-    fail(method, error, timeout_ms_, when_silent);
+    fail(method, why, timeout_ms, when_silent);
+  if (sd_bus_message_has_signature(reply.get(), reply_types) <= 0)
+    throw not_understood(method);
   return reply;
 }
 
-int client::call_int(const char *method, GVariant *arguments, const std::string &when_silent) {
-  g_autoptr(GVariant) reply = call(method, arguments, "(i)", when_silent);
-  int value = 0;
-  g_variant_get(reply, "(i)", &value);
-  return value;
+bus_message client::call(const char *method, const std::vector<int> &arguments,
+                         const char *reply_types) {
+  const bus_message call = new_call(kDravelObjectPath, kDravelBusName, method);
+  for (const int argument : arguments)
+    sd_bus_message_append(call.get(), "i", argument);
+  return send(call.get(), reply_types, timeout_ms_);
+}
+
+static int number_in(const bus_message &reply) {
+  int number = 0;
+  sd_bus_message_read(reply.get(), "i", &number);
+  return number;
+}
+
+int client::call_int(const char *method, const std::vector<int> &arguments) {
+  return number_in(call(method, arguments, "i"));
+}
+
+int client::copy_db(bool into_the_set, const char *directory, const std::string &when_silent) {
+  const bus_message call = new_call(kDravelObjectPath, kDravelBusName, "request_copy_db");
+  sd_bus_message_append(call.get(), "is", into_the_set ? 1 : 0, directory);
+  return number_in(send(call.get(), "i", timeout_ms_, when_silent));
 }
 
 // --- records ---
 
 // A number and records of `image_size` bytes back to back.
 client::image_reply client::call_images(const char *method, int argument, std::size_t image_size) {
-  g_autoptr(GVariant) reply = call(method, g_variant_new("(i)", argument), "(iay)");
+  const bus_message reply = call(method, {argument}, "iay");
   image_reply result;
-  g_autoptr(GVariant) bytes = nullptr;
-  g_variant_get(reply, "(i@ay)", &result.first, &bytes);
-  gsize size = 0;
-  const auto *data = static_cast<const std::uint8_t *>(g_variant_get_fixed_array(bytes, &size, 1));
+  sd_bus_message_read(reply.get(), "i", &result.first);
+  const void *data = nullptr;
+  std::size_t size = 0;
+  sd_bus_message_read_array(reply.get(), 'y', &data, &size);
   if (size % image_size != 0)
-    throw failure{"the answer to " + std::string(method) + " is not understood",
-                  "dravelctl and dravel-manager are of different versions"};
+    throw not_understood(method);
   result.count = size / image_size;
-  result.images.assign(data, data + size);
+  const auto *begin = static_cast<const std::uint8_t *>(data);
+  result.images.assign(begin, begin + size);
   return result;
 }
 
@@ -271,14 +233,13 @@ static civil_time civil(std::uint32_t time) { return civil_time(seconds(time)); 
 
 civil_time machine_time() { return civil_time(seconds(std::time(nullptr))); }
 
-bool read_wakeup(GVariantDict *properties, wakeup_time &wakeup) {
+bool read_wakeup(property &now, wakeup_time &wakeup) {
   std::uint32_t at = 0;
-  gboolean is_utc = FALSE;
-  if (g_variant_dict_lookup(properties, "Wakeup", "(iuib)", &wakeup.id, &at, &wakeup.type,
-                            &is_utc) == FALSE)
+  int is_utc = 0;
+  if (!now.read("Wakeup", "(iuib)", &wakeup.id, &at, &wakeup.type, &is_utc))
     return false;
   wakeup.at = civil(at);
-  wakeup.is_utc = is_utc != FALSE;
+  wakeup.is_utc = is_utc != 0;
   return true;
 }
 
@@ -290,61 +251,51 @@ static void compare_with_zone(snapshot &view) {
     view.now.system += apart;
 }
 
-static void fill_state(snapshot &view, GVariantDict *properties) {
-  view.version = text_property(properties, "Version");
-  view.platform = text_property(properties, "Platform");
-  std::uint32_t clock = 0;
-  gboolean confirmed = FALSE;
-  g_variant_dict_lookup(properties, "Clock", "u", &clock);
-  g_variant_dict_lookup(properties, "ClockConfirmed", "b", &confirmed);
-  view.clock_known = clock != 0;
-  view.clock_confirmed = confirmed != FALSE;
-  if (view.clock_known)
-    view.now.set = civil(clock);
-  compare_with_zone(view);
-  g_variant_dict_lookup(properties, "HaltOn", "i", &view.halt_on);
-  g_variant_dict_lookup(properties, "HaltOff", "i", &view.halt_off);
-  std::uint32_t limit = 0;
-  if (g_variant_dict_lookup(properties, "Limit", "u", &limit) != FALSE)
-    view.limit = limit;
-
-  read_wakeup(properties, view.wakeup);
-  GVariantIter *armed = nullptr;
-  if (g_variant_dict_lookup(properties, "Armed", "a(iu)", &armed) == FALSE)
-    return;
-  int id = 0;
-  std::uint32_t at = 0;
-  while (g_variant_iter_next(armed, "(iu)", &id, &at) != FALSE)
-    view.armed[id] = civil(at);
-  g_variant_iter_free(armed);
+static void read_property(snapshot &view, property &now) {
+  std::uint32_t number = 0;
+  int flag = 0;
+  now.read("Version", view.version);
+  now.read("Platform", view.platform);
+  if (now.read("Clock", "u", &number)) {
+    view.clock_known = number != 0;
+    view.now.set = view.clock_known ? civil(number) : view.now.set;
+  }
+  if (now.read("ClockConfirmed", "b", &flag))
+    view.clock_confirmed = flag != 0;
+  now.read("HaltOn", "i", &view.halt_on);
+  now.read("HaltOff", "i", &view.halt_off);
+  if (now.read("Limit", "u", &number))
+    view.limit = number;
+  read_wakeup(now, view.wakeup);
+  now.read_pairs<int, std::uint32_t>("Armed", "iu",
+                                     [&](int id, std::uint32_t at) { view.armed[id] = civil(at); });
 }
 
 // All properties of one of the daemon's objects; null when it has none there, or a policy from
 // before it.
-GVariantDict *client::properties_of(const char *path, const char *interface) {
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply = answer_to(properties_call(path, interface), timeout_ms_, &error);
-  if (reply != nullptr) {
-    g_autoptr(GVariant) properties = g_variant_get_child_value(reply, 0);
-    return g_variant_dict_new(properties);
-  }
-  if (is_absent(error) || is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}))
-    return nullptr;
-  fail(kGetAll, error, timeout_ms_, "");
+bus_message client::properties_of(const char *path, const char *interface) {
+  const bus_message call = new_call(path, "org.freedesktop.DBus.Properties", "GetAll");
+  sd_bus_message_append(call.get(), "s", interface);
+  no_reply why;
+  bus_message reply = send(call.get(), timeout_ms_, why);
+  if (reply == nullptr && !why.is_absent() && !why.is_one_of({SD_BUS_ERROR_ACCESS_DENIED}))
+    fail("GetAll", why, timeout_ms_, "");
+  return reply;
 }
 
 bool client::read_state(snapshot &view) {
-  g_autoptr(GVariantDict) properties = properties_of(kStateObjectPath, kStateInterface);
+  const bus_message properties = properties_of(kStateObjectPath, kStateInterface);
   if (properties == nullptr)
     return false;
-  fill_state(view, properties);
+  view.clock_known = false;
+  each_property(properties.get(), [&](property &now) { read_property(view, now); });
+  compare_with_zone(view);
   return true;
 }
 
 void client::read_halts(snapshot &view) {
-  g_autoptr(GVariant) reply =
-      call("request_get_timers_halt_effect", g_variant_new("(i)", 0), "(ii)");
-  g_variant_get(reply, "(ii)", &view.halt_on, &view.halt_off);
+  const bus_message reply = call("request_get_timers_halt_effect", {0}, "ii");
+  sd_bus_message_read(reply.get(), "ii", &view.halt_on, &view.halt_off);
 }
 
 void client::read_lists(snapshot &view, bool with_holidays) {
@@ -354,7 +305,6 @@ void client::read_lists(snapshot &view, bool with_holidays) {
 }
 
 snapshot client::look(bool with_holidays) {
-  ask_ahead({question::kState, question::kTimers});
   snapshot view;
   view.now = {civil_of(machine_time()), machine_time()};
   view.has_state = read_state(view);
@@ -369,22 +319,19 @@ snapshot client::look(bool with_holidays) {
 }
 
 snapshot client::look_at_state(bool with_holidays) {
-  ask_ahead({question::kState, question::kTimers});
   snapshot view;
   view.now = {civil_of(machine_time()), machine_time()};
   view.has_state = read_state(view);
-  if (!view.has_state) {
-    sent_.clear();
+  if (!view.has_state)
     throw failure{"this dravel-manager is older than dravelctl and does not tell its state",
                   "list, show, add and cancel work with it"};
-  }
   read_lists(view, with_holidays);
   return view;
 }
 
 std::string client::reason_not_to_change() {
   try {
-    call_int("cancel_timer", g_variant_new("(i)", 0)); // no timer has this id
+    call_int("cancel_timer", {0}); // no timer has this id
   } catch (const failure &failure) {
     if (failure.kind != fault::kNotAllowed)
       throw;
@@ -396,28 +343,79 @@ std::string client::reason_not_to_change() {
 // --- the machine ---
 
 std::optional<machine_state> client::machine() {
-  g_autoptr(GVariantDict) properties = properties_of(kMachinePath, kMachineInterface);
-  return properties != nullptr ? std::optional(machine_state_of(properties)) : std::nullopt;
+  const bus_message properties = properties_of(kMachinePath, kMachineInterface);
+  return properties != nullptr ? std::optional(machine_state_of(properties.get())) : std::nullopt;
 }
 
-GVariant *client::call_machine(const char *method, GVariant *arguments, const char *reply_type,
-                               int seconds_more) {
-  g_autoptr(GError) error = nullptr;
-  const int timeout_ms = timeout_ms_ + seconds_more * 1000;
-  GVariant *reply = answer_to({kMachinePath, kMachineInterface, method, arguments, reply_type},
-                              timeout_ms, &error);
-  if (reply == nullptr && is_absent(error))
+bus_message client::call_machine(sd_bus_message *call, const char *reply_types, int timeout_ms) {
+  no_reply why;
+  bus_message reply = send(call, timeout_ms, why);
+  if (reply == nullptr && why.is_absent())
     throw no_machine();
   if (reply == nullptr)
-    fail(method, error, timeout_ms, "");
+    fail(sd_bus_message_get_member(call), why, timeout_ms, "");
+  if (sd_bus_message_has_signature(reply.get(), reply_types) <= 0)
+    throw not_understood(sd_bus_message_get_member(call));
   return reply;
+}
+
+void client::turn_screen(bool on) {
+  const bus_message call = new_call(kMachinePath, kMachineInterface, "TurnScreen");
+  sd_bus_message_append(call.get(), "b", on ? 1 : 0);
+  call_machine(call.get(), "", timeout_ms_);
+}
+
+bus_message client::new_test_wake(std::uint32_t length) {
+  bus_message call = new_call(kMachinePath, kMachineInterface, "TestWake");
+  sd_bus_message_append(call.get(), "u", length);
+  return call;
+}
+
+slept client::test_wake(std::uint32_t length, int more) {
+  const int timeout_ms = timeout_ms_ + (static_cast<int>(length) + more) * 1000;
+  const bus_message reply = call_machine(new_test_wake(length).get(), "us", timeout_ms);
+  return slept_in(reply.get());
+}
+
+slept slept_in(sd_bus_message *reply) {
+  std::uint32_t length = 0;
+  const char *cause = "";
+  sd_bus_message_read(reply, "us", &length, &cause);
+  return {length, cause};
 }
 
 // The bus judges a call before the daemon finds its argument missing.
 std::string client::reason_not_to_order() {
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-      bus_, kDravelBusName, kMachinePath, kMachineInterface, "TurnScreen", nullptr, nullptr,
-      G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout_ms_, nullptr, &error);
-  return reply == nullptr && is_one_of(error, {G_DBUS_ERROR_ACCESS_DENIED}) ? kWhoMay : "";
+  no_reply why;
+  send(new_call(kMachinePath, kMachineInterface, "TurnScreen").get(), timeout_ms_, why);
+  return why.is_one_of({SD_BUS_ERROR_ACCESS_DENIED}) ? kWhoMay : "";
 }
+
+// --- signals ---
+
+bus_slot client::hear(const char *path, const char *interface, sd_bus_message_handler_t heard,
+                      void *data) {
+  sd_bus_slot *slot = nullptr;
+  if (sd_bus_match_signal(bus(), &slot, kDravelBusName, path, interface, nullptr, heard, data) < 0)
+    throw bus_lost();
+  return bus_slot(slot);
+}
+
+bus_slot client::hear_owner(sd_bus_message_handler_t changed, void *data) {
+  sd_bus_slot *slot = nullptr;
+  const std::string match = "type='signal',sender='org.freedesktop.DBus',"
+                            "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
+                            std::string(kDravelBusName) + "'";
+  if (sd_bus_add_match(bus(), &slot, match.c_str(), changed, data) < 0)
+    throw bus_lost();
+  return bus_slot(slot);
+}
+
+bus_slot client::hear_loss(sd_bus_message_handler_t lost, void *data) {
+  sd_bus_slot *slot = nullptr;
+  sd_bus_match_signal(bus(), &slot, nullptr, "/org/freedesktop/DBus/Local",
+                      "org.freedesktop.DBus.Local", "Disconnected", lost, data);
+  return bus_slot(slot);
+}
+
+bool client::is_running() { return sd_bus_get_name_creds(bus(), kDravelBusName, 0, nullptr) >= 0; }

@@ -1,14 +1,10 @@
 // The daemon as a client sees it over the system bus.
 #pragma once
 
+#include "bus.h"
 #include "machine_state.h"
 #include "timers.h"
 
-#include <gio/gio.h>
-
-#include <initializer_list>
-#include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,34 +29,32 @@ failure no_machine(); // the platform shows none
 
 inline constexpr const char *kLogHint = "its log says why: journalctl -t DRAVEL_MANAGER";
 
-// False when the property is not among them.
-bool read_wakeup(GVariantDict *properties, wakeup_time &wakeup);
+// False when it is another property.
+bool read_wakeup(property &now, wakeup_time &wakeup);
 
 civil_time machine_time(); // UTC
 
-// What several commands ask of the daemon.
-enum class question { kState, kTimers, kWakeupTimer, kMachine };
+struct slept { // by a test
+  std::uint32_t seconds;
+  std::string cause; // of the wake-up
+};
 
-struct bus_call;
+slept slept_in(sd_bus_message *reply); // of a call made by new_test_wake
 
 class client {
 public:
   // Throws a failure when there is no bus.
   explicit client(double timeout_seconds);
-  ~client();
-  client(const client &) = delete;
-  client &operator=(const client &) = delete;
 
-  // The reply, of the type `reply_type`. Throws a failure when there is none, `when_silent` being
-  // what an answer that never comes means for this call.
-  GVariant *call(const char *method, GVariant *arguments, const char *reply_type,
-                 const std::string &when_silent = "");
+  // The reply to a method that takes integers, of the type `reply_types`. Nothing else is heard
+  // while it is awaited. Throws a failure when there is none.
+  bus_message call(const char *method, const std::vector<int> &arguments, const char *reply_types);
 
   // For replies of one integer.
-  int call_int(const char *method, GVariant *arguments, const std::string &when_silent = "");
+  int call_int(const char *method, const std::vector<int> &arguments);
 
-  // Sends questions that are about to be asked, so that their answers are awaited together.
-  void ask_ahead(std::initializer_list<question> questions);
+  // `when_silent` is what an answer that never comes means.
+  int copy_db(bool into_the_set, const char *directory, const std::string &when_silent);
 
   std::vector<timer_record> timers();
   std::optional<timer_record> timer(int id);
@@ -80,27 +74,38 @@ public:
 
   // Nothing where the daemon's platform shows no machine.
   std::optional<machine_state> machine();
-  // The reply of a method of the machine object, which may take that long in addition. Throws a
-  // failure like `call`, with the platform's own words when it refuses.
-  GVariant *call_machine(const char *method, GVariant *arguments, const char *reply_type,
-                         int seconds_more = 0);
 
-  GDBusConnection *bus() const { return bus_; }
+  // Throw a failure, with the platform's own words when it refuses.
+  void turn_screen(bool on);
+  // For `length` seconds; `more` may pass until it has fallen asleep and is up again.
+  slept test_wake(std::uint32_t length, int more);
+  bus_message new_test_wake(std::uint32_t length); // to be sent by the caller
+
+  // Signals of an object of the daemon, for as long as the slot is kept and events are run.
+  bus_slot hear(const char *path, const char *interface, sd_bus_message_handler_t heard,
+                void *data);
+  bus_slot hear_owner(sd_bus_message_handler_t changed, void *data); // of the daemon's name
+  bus_slot hear_loss(sd_bus_message_handler_t lost, void *data);     // of the bus
+  bool is_running();                                                 // the daemon
+
+  sd_bus *bus() const { return bus_.get(); }
 
 private:
   struct image_reply;
-  class sent_call;
-  GVariant *answer_to(const bus_call &call, int timeout_ms, GError **error);
+  struct no_reply;
+  bus_message new_call(const char *path, const char *interface, const char *method);
+  bus_message send(sd_bus_message *call, int timeout_ms, no_reply &why);
+  bus_message send(sd_bus_message *call, const char *reply_types, int timeout_ms,
+                   const std::string &when_silent = "");
+  bus_message call_machine(sd_bus_message *call, const char *reply_types, int timeout_ms);
   image_reply call_images(const char *method, int argument, std::size_t image_size);
-  GVariantDict *properties_of(const char *path, const char *interface);
+  bus_message properties_of(const char *path, const char *interface);
   bool read_state(snapshot &view);
   void read_lists(snapshot &view, bool with_holidays);
   void read_halts(snapshot &view);
-  [[noreturn]] void fail(const char *method, const GError *error, int timeout_ms,
+  [[noreturn]] void fail(const char *method, const no_reply &why, int timeout_ms,
                          const std::string &when_silent);
 
-  GDBusConnection *bus_ = nullptr;
-  GMainContext *context_ = nullptr; // of the answers
+  std::unique_ptr<sd_bus, bus_release> bus_;
   int timeout_ms_;
-  std::map<std::string, std::unique_ptr<sent_call>> sent_; // ahead, by path and method
 };

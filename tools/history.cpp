@@ -1,11 +1,11 @@
 // history: what the journal has of the timers and of the machine.
 #include "commands.h"
-#include "on_demand.h"
 
 #include <machine_bus.h>
 #include <systemd/sd-journal.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string_view>
@@ -71,8 +71,9 @@ public:
   // Of the machine, or in a directory. Throws a failure when it cannot be read.
   explicit journal(const std::string &directory) {
     sd_journal *opened = nullptr;
-    const int result = directory.empty() ? open_(&opened, SD_JOURNAL_LOCAL_ONLY | SD_JOURNAL_SYSTEM)
-                                         : open_directory_(&opened, directory.c_str(), 0);
+    const int result = directory.empty()
+                           ? sd_journal_open(&opened, SD_JOURNAL_LOCAL_ONLY | SD_JOURNAL_SYSTEM)
+                           : sd_journal_open_directory(&opened, directory.c_str(), 0);
     read_.reset(opened);
     if (result < 0)
       fail(directory.empty() ? "" : " in " + directory, result);
@@ -80,15 +81,16 @@ public:
       throw failure{"there is no journal in " + directory,
                     "name a directory with files such as system.journal"};
     for (const char *match : kMatches)
-      match != nullptr ? add_match_(read_.get(), match, 0) : add_disjunction_(read_.get());
+      match != nullptr ? sd_journal_add_match(read_.get(), match, 0)
+                       : sd_journal_add_disjunction(read_.get());
   }
 
   std::vector<past_event> events(civil_time since) {
     std::vector<past_event> found;
     const auto begin = std::max(since.time_since_epoch(), seconds(0)).count();
-    seek_(read_.get(), static_cast<std::uint64_t>(begin) * kMicroseconds);
+    sd_journal_seek_realtime_usec(read_.get(), static_cast<std::uint64_t>(begin) * kMicroseconds);
     int result = 0;
-    while ((result = next_(read_.get())) > 0)
+    while ((result = sd_journal_next(read_.get())) > 0)
       found.push_back(entry());
     if (result < 0)
       fail("", result);
@@ -97,12 +99,12 @@ public:
 
 private:
   [[noreturn]] static void fail(const std::string &where, int result) {
-    throw failure{"the journal" + where + " cannot be read: " + g_strerror(-result), ""};
+    throw failure{"the journal" + where + " cannot be read: " + std::strerror(-result), ""};
   }
 
   past_event entry() {
     std::uint64_t at = 0;
-    get_realtime_(read_.get(), &at);
+    sd_journal_get_realtime_usec(read_.get(), &at);
     const std::string event = field("DRAVEL_EVENT");
     return {civil_time(seconds(static_cast<std::int64_t>(at / kMicroseconds))),
             event.empty() ? "service" : event, parse_int(field("DRAVEL_TIMER")),
@@ -112,33 +114,13 @@ private:
   std::string field(const char *name) {
     const void *data = nullptr;
     std::size_t size = 0;
-    if (get_data_(read_.get(), name, &data, &size) < 0)
+    if (sd_journal_get_data(read_.get(), name, &data, &size) < 0)
       return "";
     const std::string_view whole(static_cast<const char *>(data), size);
     return std::string(whole.substr(std::string_view(name).size() + 1));
   }
 
-  template <class Function> Function *of(const char *name) {
-    return library_.function<Function>(name);
-  }
-
-  on_demand library_{"libsystemd.so.0", "libsystemd0"};
-  decltype(sd_journal_open) *open_ = of<decltype(sd_journal_open)>("sd_journal_open");
-  decltype(sd_journal_open_directory) *open_directory_ =
-      of<decltype(sd_journal_open_directory)>("sd_journal_open_directory");
-  decltype(sd_journal_add_match) *add_match_ =
-      of<decltype(sd_journal_add_match)>("sd_journal_add_match");
-  decltype(sd_journal_add_disjunction) *add_disjunction_ =
-      of<decltype(sd_journal_add_disjunction)>("sd_journal_add_disjunction");
-  decltype(sd_journal_seek_realtime_usec) *seek_ =
-      of<decltype(sd_journal_seek_realtime_usec)>("sd_journal_seek_realtime_usec");
-  decltype(sd_journal_next) *next_ = of<decltype(sd_journal_next)>("sd_journal_next");
-  decltype(sd_journal_get_realtime_usec) *get_realtime_ =
-      of<decltype(sd_journal_get_realtime_usec)>("sd_journal_get_realtime_usec");
-  decltype(sd_journal_get_data) *get_data_ =
-      of<decltype(sd_journal_get_data)>("sd_journal_get_data");
-  decltype(sd_journal_close) *close_ = of<decltype(sd_journal_close)>("sd_journal_close");
-  std::unique_ptr<sd_journal, decltype(sd_journal_close) *> read_{nullptr, close_};
+  std::unique_ptr<sd_journal, decltype(&sd_journal_close)> read_{nullptr, sd_journal_close};
 };
 
 } // namespace

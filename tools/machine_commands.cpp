@@ -91,8 +91,7 @@ void order_screen(client &client, const options &given) {
   if (!order.empty() && order != "on" && order != "off")
     throw usage("screen takes no " + order, "give on or off, or nothing to see what it is");
   if (!order.empty())
-    g_variant_unref(client.call_machine("TurnScreen",
-                                        g_variant_new("(b)", order == "on" ? TRUE : FALSE), "()"));
+    client.turn_screen(order == "on");
   const auto machine = client.machine();
   if (!machine)
     throw no_machine();

@@ -1,41 +1,35 @@
 #include "machine_state.h"
 
+#include "bus.h"
+
 using std::chrono::seconds;
 using std::chrono::sys_seconds;
 
-std::string text_property(GVariantDict *properties, const char *name) {
-  const char *text = "";
-  g_variant_dict_lookup(properties, name, "&s", &text);
-  return text;
-}
-
-static sys_seconds moment(guint64 since_1970) {
+static sys_seconds moment(std::uint64_t since_1970) {
   return sys_seconds(seconds(static_cast<std::int64_t>(since_1970)));
 }
 
-static sys_seconds time_of(GVariantDict *properties, const char *name) {
-  guint64 since_1970 = 0;
-  g_variant_dict_lookup(properties, name, "t", &since_1970);
-  return moment(since_1970);
-}
-
-machine_state machine_state_of(GVariantDict *properties) {
-  machine_state shown{.screen = text_property(properties, "Screen"),
-                      .screen_by = text_property(properties, "ScreenBy"),
-                      .alarm = time_of(properties, "Alarm"),
-                      .alarm_for = text_property(properties, "AlarmFor"),
-                      .alarm_problem = text_property(properties, "AlarmProblem"),
-                      .sleeps_at = time_of(properties, "SleepsAt"),
-                      .postponed = text_property(properties, "Postponed")};
-  guint64 woken = 0;
+static void read_property(machine_state &shown, property &now) {
+  std::uint64_t at = 0;
   const char *cause = "";
-  if (g_variant_dict_lookup(properties, "LastWake", "(t&s)", &woken, &cause) != FALSE) {
-    shown.last_wake = moment(woken);
+  now.read("Screen", shown.screen);
+  now.read("ScreenBy", shown.screen_by);
+  if (now.read("Alarm", "t", &at))
+    shown.alarm = moment(at);
+  now.read("AlarmFor", shown.alarm_for);
+  now.read("AlarmProblem", shown.alarm_problem);
+  if (now.read("SleepsAt", "t", &at))
+    shown.sleeps_at = moment(at);
+  now.read("Postponed", shown.postponed);
+  if (now.read("LastWake", "(ts)", &at, &cause)) {
+    shown.last_wake = moment(at);
     shown.last_cause = cause;
   }
-  g_autofree const char **problems = nullptr;
-  if (g_variant_dict_lookup(properties, "Problems", "^a&s", &problems) != FALSE)
-    for (const char **problem = problems; *problem != nullptr; ++problem)
-      shown.problems.emplace_back(*problem);
+  now.read("Problems", shown.problems);
+}
+
+machine_state machine_state_of(sd_bus_message *properties) {
+  machine_state shown;
+  each_property(properties, [&](property &now) { read_property(shown, now); });
   return shown;
 }

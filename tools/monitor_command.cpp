@@ -2,10 +2,11 @@
 #include "commands.h"
 #include "parse.h"
 
-#include <glib-unix.h>
+#include <systemd/sd-event.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <set>
@@ -24,7 +25,7 @@ namespace {
 struct listener {
   client &daemon;
   const options &given;
-  GMainLoop *loop;
+  sd_event *loop;
   int left;              // expiries until the end, 0 for no end
   snapshot view{};       // as it was last read
   snapshot told{};       // its halts, clock, armed timers and holidays were told or need not be
@@ -37,11 +38,23 @@ struct listener {
   std::optional<int> id{};
 };
 
+// What of the state has a new value, and what that is.
+struct new_state {
+  bool is_halt = false;
+  bool is_confirmed;
+  std::optional<wakeup_time> wakeup{};
+  std::optional<std::vector<int>> holidays{};
+};
+
+struct loop_release {
+  void operator()(sd_event *loop) const { sd_event_unref(loop); }
+};
+
 } // namespace
 
 static void end_with(listener &self, const failure &failure) {
   self.ended_by = failure;
-  g_main_loop_quit(self.loop);
+  sd_event_exit(self.loop, 0);
 }
 
 // --- telling ---
@@ -85,25 +98,28 @@ static void tell_expiry(listener &self, int type) {
          "timer " + std::to_string(*self.id) + " expired: " + type_name(type) + ", " +
              days_text(*self.week_flag) + (halted ? ", halted" : ""));
     if (self.left > 0 && --self.left == 0)
-      g_main_loop_quit(self.loop);
+      sd_event_exit(self.loop, 0);
   }
   self.id.reset();
   self.week_flag.reset();
 }
 
-static void hear_expiry(GDBusConnection *, const char *, const char *, const char *,
-                        const char *member, GVariant *arguments, void *data) {
-  auto &self = *static_cast<listener *>(data);
-  if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(i)")) == FALSE)
-    return;
+static listener &listener_of(void *data) { return *static_cast<listener *>(data); }
+
+static int hear_expiry(sd_bus_message *signal, void *data, sd_bus_error *) {
+  auto &self = listener_of(data);
+  const std::string_view member = sd_bus_message_get_member(signal);
   int value = 0;
-  g_variant_get(arguments, "(i)", &value);
-  if (std::strcmp(member, "dravel_week_flag_expired") == 0)
+  if (sd_bus_message_has_signature(signal, "i") <= 0)
+    return 0;
+  sd_bus_message_read(signal, "i", &value);
+  if (member == "dravel_week_flag_expired")
     self.week_flag = value;
-  else if (std::strcmp(member, "dravel_expired") == 0)
+  else if (member == "dravel_expired")
     self.id = value;
-  else if (std::strcmp(member, "dravel_type_expired") == 0)
+  else if (member == "dravel_type_expired")
     tell_expiry(self, value);
+  return 0;
 }
 
 // --- timers ---
@@ -125,22 +141,23 @@ static void tell_timer(listener &self, const std::string &event, int id) {
                              : ""));
 }
 
-static void hear_timer(GDBusConnection *, const char *, const char *, const char *,
-                       const char *member, GVariant *arguments, void *data) {
-  auto &self = *static_cast<listener *>(data);
+static int hear_timer(sd_bus_message *signal, void *data, sd_bus_error *) {
+  auto &self = listener_of(data);
   int id = 0;
   const char *why = "";
   look(self);
-  if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(is)")) != FALSE) {
-    g_variant_get(arguments, "(i&s)", &id, &why);
+  if (sd_bus_message_has_signature(signal, "is") > 0) {
+    sd_bus_message_read(signal, "is", &id, &why);
     self.told.armed.erase(id);
     self.known.erase(id);
     tell(self, "removed", {{"id", id}, {"why", why}},
          "timer " + std::to_string(id) + " removed: " + why);
-  } else if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(i)")) != FALSE) {
-    g_variant_get(arguments, "(i)", &id);
-    tell_timer(self, std::strcmp(member, "TimerAdded") == 0 ? "added" : "changed", id);
+  } else if (sd_bus_message_has_signature(signal, "i") > 0) {
+    sd_bus_message_read(signal, "i", &id);
+    const bool is_new = std::string_view(sd_bus_message_get_member(signal)) == "TimerAdded";
+    tell_timer(self, is_new ? "added" : "changed", id);
   }
+  return 0;
 }
 
 // Of the timers that stay; signals of their own tell of those that come and go.
@@ -228,52 +245,52 @@ static void tell_holidays(listener &self, const std::vector<int> &ids) {
   self.told.holidays = self.view.holidays;
 }
 
-static void hear_properties(GDBusConnection *, const char *, const char *, const char *,
-                            const char *, GVariant *arguments, void *data) {
-  auto &self = *static_cast<listener *>(data);
-  if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(sa{sv}as)")) == FALSE)
-    return;
+static void read_change(listener &self, new_state &state, property &now) {
+  int confirmed = 0;
+  wakeup_time wakeup;
+  std::vector<int> ids;
+  if (now.read("HaltOn", "i", &self.told.halt_on) || now.read("HaltOff", "i", &self.told.halt_off))
+    state.is_halt = true;
+  else if (now.read("ClockConfirmed", "b", &confirmed))
+    state.is_confirmed = confirmed != 0;
+  else if (read_wakeup(now, wakeup))
+    state.wakeup = wakeup;
+  else if (now.read("DisabledPeriods", ids))
+    state.holidays = ids;
+}
+
+static int hear_properties(sd_bus_message *signal, void *data, sd_bus_error *) {
+  auto &self = listener_of(data);
+  if (sd_bus_message_has_signature(signal, "sa{sv}as") <= 0)
+    return 0;
   look(self);
-  g_autoptr(GVariant) changed = g_variant_get_child_value(arguments, 1);
-  g_autoptr(GVariantDict) values = g_variant_dict_new(changed);
-  const bool halted_on = g_variant_dict_lookup(values, "HaltOn", "i", &self.told.halt_on) != FALSE;
-  if (g_variant_dict_lookup(values, "HaltOff", "i", &self.told.halt_off) != FALSE || halted_on)
+  new_state state{.is_confirmed = self.told.clock_confirmed};
+  sd_bus_message_skip(signal, "s");
+  each_property(signal, [&](property &now) { read_change(self, state, now); });
+  const auto names = read_texts(signal);
+  if (state.is_halt)
     tell_halts(self);
-  gboolean confirmed = self.told.clock_confirmed ? TRUE : FALSE;
-  g_variant_dict_lookup(values, "ClockConfirmed", "b", &confirmed);
-  tell_clock(self, confirmed != FALSE);
-  if (wakeup_time wakeup; read_wakeup(values, wakeup))
-    tell_wakeup(self, wakeup);
-  if (g_autoptr(GVariant) ids =
-          g_variant_dict_lookup_value(values, "DisabledPeriods", G_VARIANT_TYPE("ai"))) {
-    gsize count = 0;
-    const auto *first =
-        static_cast<const int *>(g_variant_get_fixed_array(ids, &count, sizeof(int)));
-    tell_holidays(self, {first, first + count});
-  }
-  const char **names = nullptr;
-  g_variant_get_child(arguments, 2, "^a&s", &names);
-  if (g_strv_contains(names, "Clock") != FALSE)
+  tell_clock(self, state.is_confirmed);
+  if (state.wakeup)
+    tell_wakeup(self, *state.wakeup);
+  if (state.holidays)
+    tell_holidays(self, *state.holidays);
+  if (std::ranges::find(names, "Clock") != names.end())
     tell_step(self);
-  if (g_strv_contains(names, "Armed") != FALSE)
+  if (std::ranges::find(names, "Armed") != names.end())
     tell_armed(self);
-  g_free(static_cast<void *>(names));
+  return 0;
 }
 
 // --- the loop ---
 
-static gboolean end_loop(void *loop) {
-  g_main_loop_quit(static_cast<GMainLoop *>(loop));
-  return G_SOURCE_CONTINUE;
-}
-
-static void lose_bus(GDBusConnection *, gboolean, GError *, void *data) {
-  end_with(*static_cast<listener *>(data),
+static int lose_bus(sd_bus_message *, void *data, sd_bus_error *) {
+  end_with(listener_of(data),
            {"the system bus went away", "start dravelctl monitor again once it is back"});
+  return 0;
 }
 
-static void tell_appeared(GDBusConnection *, const char *, const char *, void *data) {
-  auto &self = *static_cast<listener *>(data);
+static void tell_appeared(listener &self) {
   look(self);
   self.told = self.view;
   self.known.clear();
@@ -286,8 +303,18 @@ static void tell_appeared(GDBusConnection *, const char *, const char *, void *d
   std::fputs("dravel-manager is running; Ctrl-C ends the monitor.\n", stderr);
 }
 
-static void tell_vanished(GDBusConnection *, const char *, void *) {
-  std::fputs("dravel-manager is not running; waiting for it.\n", stderr);
+static void tell_running(listener &self, bool is_running) {
+  if (is_running)
+    tell_appeared(self);
+  else
+    std::fputs("dravel-manager is not running; waiting for it.\n", stderr);
+}
+
+static int hear_owner(sd_bus_message *signal, void *data, sd_bus_error *) {
+  const char *owner = "";
+  sd_bus_message_read(signal, "sss", nullptr, nullptr, &owner);
+  tell_running(listener_of(data), *owner != '\0');
+  return 0;
 }
 
 void monitor(client &client, const options &given) {
@@ -295,32 +322,23 @@ void monitor(client &client, const options &given) {
   if (!count || *count < 1)
     throw usage("--count=" + *given.count + " is no count of expiries", "give 1 or more",
                 "--count");
-  g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
-  listener self{.daemon = client, .given = given, .loop = loop, .left = given.count ? *count : 0};
-  GDBusConnection *bus = client.bus();
-  const auto subscribe = [&](const char *interface, const char *path, GDBusSignalCallback hear) {
-    return g_dbus_connection_signal_subscribe(bus, kDravelBusName, interface, nullptr, path,
-                                              nullptr, G_DBUS_SIGNAL_FLAGS_NONE, hear, &self,
-                                              nullptr);
-  };
-  // Before the name is watched, so that nothing is missed once the daemon is said to run.
-  const unsigned signals[] = {
-      subscribe(kDravelBusName, kDravelObjectPath, hear_expiry),
-      subscribe(kStateInterface, kStateObjectPath, hear_timer),
-      subscribe("org.freedesktop.DBus.Properties", kStateObjectPath, hear_properties)};
-  const unsigned name =
-      g_bus_watch_name_on_connection(bus, kDravelBusName, G_BUS_NAME_WATCHER_FLAGS_NONE,
-                                     tell_appeared, tell_vanished, &self, nullptr);
-  const unsigned long closed = g_signal_connect(bus, "closed", G_CALLBACK(lose_bus), &self);
-  const unsigned ends[] = {g_unix_signal_add(SIGINT, end_loop, loop),
-                           g_unix_signal_add(SIGTERM, end_loop, loop)};
-  g_main_loop_run(loop);
-
-  std::ranges::for_each(ends, g_source_remove);
-  g_signal_handler_disconnect(bus, closed);
-  g_bus_unwatch_name(name);
-  for (const unsigned signal : signals)
-    g_dbus_connection_signal_unsubscribe(bus, signal);
+  sd_event *events = nullptr;
+  if (const int error = sd_event_new(&events); error < 0)
+    throw failure{std::string("no loop of events: ") + std::strerror(-error), ""};
+  const std::unique_ptr<sd_event, loop_release> loop(events);
+  listener self{.daemon = client, .given = given, .loop = events, .left = given.count ? *count : 0};
+  for (const int end : {SIGINT, SIGTERM})
+    sd_event_add_signal(events, nullptr, end | SD_EVENT_SIGNAL_PROCMASK, nullptr, nullptr);
+  // Before it is asked whether the daemon runs, so that nothing is missed once it is said to.
+  const bus_slot heard[] = {
+      client.hear(kDravelObjectPath, kDravelBusName, hear_expiry, &self),
+      client.hear(kStateObjectPath, kStateInterface, hear_timer, &self),
+      client.hear(kStateObjectPath, "org.freedesktop.DBus.Properties", hear_properties, &self),
+      client.hear_owner(hear_owner, &self), client.hear_loss(lose_bus, &self)};
+  tell_running(self, client.is_running());
+  sd_bus_attach_event(client.bus(), events, SD_EVENT_PRIORITY_NORMAL);
+  sd_event_loop(events);
+  sd_bus_detach_event(client.bus());
   if (!self.ended_by.what.empty())
     throw self.ended_by;
 }

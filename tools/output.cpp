@@ -161,7 +161,7 @@ int flush_output() {
 }
 
 failure unwritten(int error) {
-  return {"cannot write the output: " + std::string(g_strerror(error)), ""};
+  return {"cannot write the output: " + std::string(std::strerror(error)), ""};
 }
 
 // --- timers and holidays ---

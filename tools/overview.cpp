@@ -74,8 +74,6 @@ static json rights(client &client, bool has_machine) {
 }
 
 void show_overview(client &client, const options &) {
-  client.ask_ahead(
-      {question::kState, question::kTimers, question::kWakeupTimer, question::kMachine});
   const snapshot view = client.look_at_state();
   const auto machine = client.machine();
   json all{{"status", json_of_status(view, client.wakeup_timer(), machine)}};

@@ -88,8 +88,6 @@ static std::string first_of(const std::vector<std::string> &problems) {
 }
 
 void show_status(client &client, const options &given) {
-  client.ask_ahead(
-      {question::kState, question::kTimers, question::kWakeupTimer, question::kMachine});
   const snapshot view = client.look_at_state(false);
   const auto woken_by = client.wakeup_timer();
   const auto machine = client.machine();
@@ -140,13 +138,12 @@ void halt(client &client, const options &given) {
   for (const auto &[kind, method] : kKinds) {
     const bool is_named = words.contains(kind) || words.contains("both");
     if (is_named || words.contains("none"))
-      client.call_int(method, g_variant_new("(i)", is_named ? 1 : 0));
+      client.call_int(method, {is_named ? 1 : 0});
   }
 
-  g_autoptr(GVariant) reply =
-      client.call("request_get_timers_halt_effect", g_variant_new("(i)", 0), "(ii)");
+  const bus_message reply = client.call("request_get_timers_halt_effect", {0}, "ii");
   std::array<int, 2> halted{};
-  g_variant_get(reply, "(ii)", &halted[0], &halted[1]);
+  sd_bus_message_read(reply.get(), "ii", &halted[0], &halted[1]);
   const auto state = [](int value) { return value != 0 ? "halted" : "active"; };
   say(given.json, {{"on", halted[0] != 0}, {"off", halted[1] != 0}},
       std::string(" On-timers: ") + state(halted[0]) + "\nOff-timers: " + state(halted[1]));
@@ -250,7 +247,7 @@ static int add_one_more(client &client, const holiday &part, civil_time now, con
 static void let_all_skip(client &client, const snapshot &view) {
   for (const timer_record &timer : view.timers)
     if (timer.holiday_effect == 0)
-      client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", timer.id, 1));
+      client.call_int("request_set_disable_period_effect", {timer.id, 1});
 }
 
 static std::vector<int> skipping_timers(const snapshot &view, bool all) {
@@ -405,7 +402,7 @@ void remove_holidays(client &client, const options &given) {
       throw failure{"there are no holidays " + std::to_string(id),
                     "dravelctl holidays list shows those there are"};
   for (const int id : ids) {
-    if (client.call_int("request_remove_disabled_period", g_variant_new("(i)", id)) != 0)
+    if (client.call_int("request_remove_disabled_period", {id}) != 0)
       throw failure{"dravel-manager did not remove holidays " + std::to_string(id), kLogHint};
     say_with_changes(client, given.json, {{"removed", id}},
                      "Holidays " + std::to_string(id) + " are removed.", before);
@@ -417,8 +414,7 @@ static void set_effect(client &client, const options &given, int effect) {
   snapshot before = client.look();
   const char *command = effect != 0 ? "holidays skip" : "holidays ignore";
   for (const int id : timers_of(before.timers, given, command)) {
-    if (client.call_int("request_set_disable_period_effect", g_variant_new("(ii)", id, effect)) !=
-        0)
+    if (client.call_int("request_set_disable_period_effect", {id, effect}) != 0)
       throw no_such_timer(id);
     say_with_changes(
         client, given.json, {{"id", id}, {"holidays", effect != 0 ? "skip" : "ignore"}},

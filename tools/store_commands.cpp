@@ -2,6 +2,8 @@
 #include "commands.h"
 #include "on_demand.h"
 
+#include <glib.h>
+
 #include <sqlite3.h>
 
 #include <cerrno>
@@ -112,8 +114,8 @@ static fs::path directory_of(const std::string &word) {
 // directory gone.
 static void copy_db(client &client, int into_the_set, const fs::path &directory,
                     const std::string &what) {
-  if (client.call_int("request_copy_db", g_variant_new("(is)", into_the_set, directory.c_str()),
-                      what + (into_the_set != 0 ? ", or may still do so" : "")) != 0)
+  if (client.copy_db(into_the_set != 0, directory.c_str(),
+                     what + (into_the_set != 0 ? ", or may still do so" : "")) != 0)
     throw failure{"dravel-manager: " + what, kLogHint};
 }
 

@@ -39,16 +39,12 @@ static int number_of(const std::string &text, const char *option, int least, int
 
 // --- the screen ---
 
-static void turn_screen(client &client, bool on) {
-  g_variant_unref(client.call_machine("TurnScreen", g_variant_new("(b)", on ? TRUE : FALSE), "()"));
-}
-
 // A daemon that restarts, or is slow, may order it a moment later.
 static void turn_on_again(client &client) {
   const auto end = steady_clock::now() + kTelevisionWait;
   while (true) {
     try {
-      return turn_screen(client, true);
+      return client.turn_screen(true);
     } catch (const failure &failed) {
       if (failed.kind == fault::kNotAllowed || steady_clock::now() >= end)
         throw;
@@ -77,7 +73,7 @@ static std::string turn_off_and_on(client &client, const options &given, seconds
   std::string off;
   std::optional<failure> lost;
   try {
-    turn_screen(client, false);
+    client.turn_screen(false);
     tell(given, "The screen is told to turn off, and on again after " +
                     plural(static_cast<std::size_t>(pause.count()), "second") + ".");
     off = wait_for_screen(client, "off", pause);
@@ -115,27 +111,23 @@ void test_wake(client &client, const options &given) {
   machine_of(client);
   const civil_time due = machine_time() + seconds(asked);
   tell(given, "Asking the machine to sleep until " + time_text(civil_of(due)) + ".");
-  g_autoptr(GVariant) reply = nullptr;
+  slept test{};
   try {
-    reply = client.call_machine("TestWake", g_variant_new("(u)", asked), "(us)",
-                                asked + kResumeSeconds);
+    test = client.test_wake(static_cast<std::uint32_t>(asked), kResumeSeconds);
   } catch (const failure &refused) {
     if (refused.kind != fault::kRefused)
       throw;
     throw failure{"the machine did not sleep: " + refused.what, "dravelctl check says more"};
   }
-  unsigned slept = 0;
-  const char *cause = "";
-  g_variant_get(reply, "(u&s)", &slept, &cause);
   const seconds late = machine_of(client).last_wake - due;
-  const bool is_good = std::strcmp(cause, "test") == 0 && late <= kLate;
-  const std::string text = "The machine slept for " + plural(slept, "second") + " and was woken " +
-                           cause_text(cause) + ", " +
+  const bool is_good = test.cause == "test" && late <= kLate;
+  const std::string text = "The machine slept for " + plural(test.seconds, "second") +
+                           " and was woken " + cause_text(test.cause) + ", " +
                            (late > 0s ? span_text(late) + " late." : "in time.");
   say(given.json,
       {{"asked", asked},
-       {"slept", slept},
-       {"cause", cause},
+       {"slept", test.seconds},
+       {"cause", test.cause},
        {"late", late.count()},
        {"good", is_good}},
       text);

@@ -2,6 +2,8 @@
 #include "commands.h"
 #include "judgement.h"
 
+#include <glib.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <string_view>
@@ -343,7 +345,7 @@ void add_timer(client &client, const options &given) {
 }
 
 void cancel_one(client &client, int id) {
-  if (client.call_int("cancel_timer", g_variant_new("(i)", id)) != 0)
+  if (client.call_int("cancel_timer", {id}) != 0)
     throw no_such_timer(id); // it expired in between
 }
 
@@ -375,7 +377,7 @@ static int change_by_adding(client &client, int old_id, const timer_record &time
                             const snapshot &view) {
   const int id = add_to_set(client, timer, view);
   // Replacing an equal timer may have removed the old one already.
-  if (client.call_int("cancel_timer", g_variant_new("(i)", old_id)) != 0 && client.timer(old_id))
+  if (client.call_int("cancel_timer", {old_id}) != 0 && client.timer(old_id))
     throw failure{"timer " + std::to_string(id) + " is added, but timer " + std::to_string(old_id) +
                       " could not be cancelled",
                   kLogHint};

@@ -58,14 +58,6 @@ holiday holiday_from_image(const std::uint8_t *image) {
           .last = end_at(image, PERIOD_WORD_END_MON, PERIOD_WORD_END_MDAY, PERIOD_WORD_END_LEAP)};
 }
 
-static GVariant *tuple_of(std::span<const int> values) {
-  GVariantBuilder builder;
-  g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
-  for (const int value : values)
-    g_variant_builder_add(&builder, "i", value);
-  return g_variant_builder_end(&builder);
-}
-
 // The nine arguments of a date, which both methods take in the same order.
 static void fill_date(int *fields, year_month_day date, seconds time) {
   const sys_days day(date);
@@ -82,8 +74,8 @@ static void fill_date(int *fields, year_month_day date, seconds time) {
   std::ranges::copy(values, fields);
 }
 
-GVariant *arguments_of(const timer_record &timer) {
-  std::array<int, TIMER_ARGS> values{};
+std::vector<int> arguments_of(const timer_record &timer) {
+  std::vector<int> values(TIMER_ARGS);
   values[TIMER_ARG_TYPE] = timer.type;
   values[TIMER_ARG_WEEK_FLAG] = timer.week_flag;
   values[TIMER_ARG_PRIORITY] = timer.priority;
@@ -92,18 +84,18 @@ GVariant *arguments_of(const timer_record &timer) {
   fill_date(&values[TIMER_ARG_YEAR], day, timer.at - day);
   values[TIMER_ARG_DISABLE_PERIOD_EFFECT] = timer.holiday_effect;
   values[TIMER_ARG_TIME_TYPE] = timer.clock;
-  return tuple_of(values);
+  return values;
 }
 
 // Holidays recur every year; the year only completes the dates.
-GVariant *arguments_of(const holiday &holiday, year year) {
-  std::array<int, PERIOD_ARGS> values{};
+std::vector<int> arguments_of(const holiday &holiday, year year) {
+  std::vector<int> values(PERIOD_ARGS);
   const auto date = [&](const holiday_end &end) { return year / month(end.month) / day(end.day); };
   fill_date(&values[PERIOD_ARG_START_YEAR], date(holiday.first), 0s);
   fill_date(&values[PERIOD_ARG_END_YEAR], date(holiday.last), 24h - 1s);
   values[PERIOD_ARG_START_LEAP] = holiday.first.end_of_february ? 1 : 0;
   values[PERIOD_ARG_END_LEAP] = holiday.last.end_of_february ? 1 : 0;
-  return tuple_of(values);
+  return values;
 }
 
 // --- the next firing ---

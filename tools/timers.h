@@ -3,8 +3,6 @@
 // Times are civil: what the clock on the set's screen reads, without a zone.
 #pragma once
 
-#include <gio/gio.h>
-
 #include <chrono>
 #include <cstdint>
 #include <dravel-bus.h>
@@ -80,8 +78,8 @@ struct snapshot {
 
 timer_record timer_from_image(const std::uint8_t *image);
 holiday holiday_from_image(const std::uint8_t *image);
-GVariant *arguments_of(const timer_record &timer);                      // of schedule_timer
-GVariant *arguments_of(const holiday &holiday, std::chrono::year year); // of the set method
+std::vector<int> arguments_of(const timer_record &timer);                      // of schedule_timer
+std::vector<int> arguments_of(const holiday &holiday, std::chrono::year year); // of the set method
 
 int weekday_of(civil_time time); // Sunday being 0
 const timer_record *find_timer(const std::vector<timer_record> &timers, int id);

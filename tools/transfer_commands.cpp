@@ -2,6 +2,8 @@
 #include "commands.h"
 #include "judgement.h"
 
+#include <glib.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdio>
