@@ -180,7 +180,7 @@ void sim_checks::clock_stepped() {
   slept_through_ = off_due_ = 0; // by the old clock
   unknown_due_ = -kDayMs;
   expected_.clear();
-  const bool is_heard = world_.is_alive && is_clock_known();
+  const bool is_heard = world_.is_armed() && is_clock_known();
   if (world_.is_armed() && !is_cause_open_ && is_clock_known())
     return;
   may_turn_on(now() + kLateMs); // what it goes past is made up for
@@ -796,7 +796,8 @@ void sim_checks::note_television(const event::any &what) {
   const bool is_off = (said != nullptr && !is_on) || is_one_of<event::tv_standby>(what);
   const bool denies = is_one_of<event::tv_denies>(what);
   is_silent_ = is_silent_ && said == nullptr;
-  has_spoken_ = has_spoken_ || is_on || is_off || denies;
+  // One that comes after the adapter is gone counts for nothing.
+  has_spoken_ = has_spoken_ || ((is_on || is_off || denies) && world_.tv.has_adapter());
   const auto *reachable = std::get_if<event::tv_reachable>(&what);
   if (reachable != nullptr && !reachable->adapter && std::exchange(has_spoken_, false))
     said_on_ = false;
