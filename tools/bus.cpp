@@ -1,7 +1,5 @@
 #include "bus.h"
 
-#include <cstdlib>
-
 std::vector<std::string> read_texts(sd_bus_message *message) {
   std::vector<std::string> texts;
   const char *text = nullptr;
@@ -21,10 +19,6 @@ bool property::is(const char *name, std::string_view type) {
   return true;
 }
 
-void property::enter() { sd_bus_message_enter_container(message_, 'v', nullptr); }
-
-void property::leave() { sd_bus_message_exit_container(message_); }
-
 bool property::read(const char *name, std::string &text) {
   const char *found = "";
   if (!read(name, "s", &found))
@@ -36,21 +30,34 @@ bool property::read(const char *name, std::string &text) {
 bool property::read(const char *name, std::vector<std::string> &texts) {
   if (!is(name, "as"))
     return false;
-  enter();
+  sd_bus_message_enter_container(message_, 'v', "as");
   texts = read_texts(message_);
-  leave();
+  sd_bus_message_exit_container(message_);
   return true;
 }
 
 bool property::read(const char *name, std::vector<int> &numbers) {
   if (!is(name, "ai"))
     return false;
-  enter();
   const void *first = nullptr;
   std::size_t size = 0;
+  sd_bus_message_enter_container(message_, 'v', "ai");
   sd_bus_message_read_array(message_, 'i', &first, &size);
+  sd_bus_message_exit_container(message_);
   const auto *begin = static_cast<const int *>(first);
   numbers.assign(begin, begin + size / sizeof(int));
-  leave();
+  return true;
+}
+
+bool property::read(const char *name, std::vector<std::pair<int, std::uint32_t>> &pairs) {
+  if (!is(name, "a(iu)"))
+    return false;
+  std::pair<int, std::uint32_t> found;
+  sd_bus_message_enter_container(message_, 'v', "a(iu)");
+  sd_bus_message_enter_container(message_, 'a', "(iu)");
+  while (sd_bus_message_read(message_, "(iu)", &found.first, &found.second) > 0)
+    pairs.push_back(found);
+  sd_bus_message_exit_container(message_);
+  sd_bus_message_exit_container(message_);
   return true;
 }

@@ -4,13 +4,15 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 struct bus_release {
-  void operator()(sd_bus *bus) const { sd_bus_flush_close_unref(bus); }
+  void operator()(sd_bus *bus) const { sd_bus_close_unref(bus); }
   void operator()(sd_bus_message *message) const { sd_bus_message_unref(message); }
   void operator()(sd_bus_slot *slot) const { sd_bus_slot_unref(slot); }
 };
@@ -30,30 +32,12 @@ public:
   bool read(const char *name, std::string &text);
   bool read(const char *name, std::vector<std::string> &texts);
   bool read(const char *name, std::vector<int> &numbers);
-
-  // Calls `take` for each entry of an array of structures of two values.
-  template <typename First, typename Second, typename Take>
-  bool read_pairs(const char *name, const char *types, Take take) {
-    if (!is(name, ("a(" + std::string(types) + ")").c_str()))
-      return false;
-    First first{};
-    Second second{};
-    enter();
-    sd_bus_message_enter_container(message_, 'a', nullptr);
-    while (sd_bus_message_read(message_, ("(" + std::string(types) + ")").c_str(), &first,
-                               &second) > 0)
-      take(first, second);
-    sd_bus_message_exit_container(message_);
-    leave();
-    return true;
-  }
+  bool read(const char *name, std::vector<std::pair<int, std::uint32_t>> &pairs);
 
   bool is_read() const { return is_read_; }
 
 private:
   bool is(const char *name, std::string_view type);
-  void enter();
-  void leave();
 
   sd_bus_message *message_;
   std::string_view name_;

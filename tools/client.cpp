@@ -141,16 +141,20 @@ bus_message client::send(sd_bus_message *call, int timeout_ms, no_reply &why) {
   return bus_message(reply);
 }
 
+// Its name is read after it was sent, which moves it.
+static bus_message understood(bus_message reply, sd_bus_message *call, const char *types) {
+  if (sd_bus_message_has_signature(reply.get(), types) <= 0)
+    throw not_understood(sd_bus_message_get_member(call));
+  return reply;
+}
+
 bus_message client::send(sd_bus_message *call, const char *reply_types, int timeout_ms,
                          const std::string &when_silent) {
   no_reply why;
   bus_message reply = send(call, timeout_ms, why);
-  const char *method = sd_bus_message_get_member(call); // sending moves it
   if (reply == nullptr)
-    fail(method, why, timeout_ms, when_silent);
-  if (sd_bus_message_has_signature(reply.get(), reply_types) <= 0)
-    throw not_understood(method);
-  return reply;
+    fail(sd_bus_message_get_member(call), why, timeout_ms, when_silent);
+  return understood(std::move(reply), call, reply_types);
 }
 
 bus_message client::call(const char *method, const std::vector<int> &arguments,
@@ -258,7 +262,8 @@ static void read_property(snapshot &view, property &now) {
   now.read("Platform", view.platform);
   if (now.read("Clock", "u", &number)) {
     view.clock_known = number != 0;
-    view.now.set = view.clock_known ? civil(number) : view.now.set;
+    if (view.clock_known)
+      view.now.set = civil(number);
   }
   if (now.read("ClockConfirmed", "b", &flag))
     view.clock_confirmed = flag != 0;
@@ -267,8 +272,10 @@ static void read_property(snapshot &view, property &now) {
   if (now.read("Limit", "u", &number))
     view.limit = number;
   read_wakeup(now, view.wakeup);
-  now.read_pairs<int, std::uint32_t>("Armed", "iu",
-                                     [&](int id, std::uint32_t at) { view.armed[id] = civil(at); });
+  std::vector<std::pair<int, std::uint32_t>> armed;
+  now.read("Armed", armed);
+  for (const auto &[id, at] : armed)
+    view.armed[id] = civil(at);
 }
 
 // All properties of one of the daemon's objects; null when it has none there, or a policy from
@@ -280,7 +287,7 @@ bus_message client::properties_of(const char *path, const char *interface) {
   bus_message reply = send(call.get(), timeout_ms_, why);
   if (reply == nullptr && !why.is_absent() && !why.is_one_of({SD_BUS_ERROR_ACCESS_DENIED}))
     fail("GetAll", why, timeout_ms_, "");
-  return reply;
+  return reply == nullptr ? nullptr : understood(std::move(reply), call.get(), "a{sv}");
 }
 
 bool client::read_state(snapshot &view) {
@@ -354,9 +361,7 @@ bus_message client::call_machine(sd_bus_message *call, const char *reply_types, 
     throw no_machine();
   if (reply == nullptr)
     fail(sd_bus_message_get_member(call), why, timeout_ms, "");
-  if (sd_bus_message_has_signature(reply.get(), reply_types) <= 0)
-    throw not_understood(sd_bus_message_get_member(call));
-  return reply;
+  return understood(std::move(reply), call, reply_types);
 }
 
 void client::turn_screen(bool on) {
