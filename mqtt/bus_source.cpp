@@ -1,5 +1,9 @@
 #include "bus_source.h"
 
+#include "client.h"
+
+#include <cstring>
+
 struct bus_source::source {
   GSource base;
   sd_event *events;
@@ -37,8 +41,11 @@ struct bus_source::source {
 bus_source::bus_source(sd_bus *bus) : bus_(bus) {
   static GSourceFuncs functions{source::prepare, source::check, source::dispatch,
                                 nullptr,         nullptr,       nullptr};
-  sd_event_new(&events_);
-  sd_bus_attach_event(bus_, events_, SD_EVENT_PRIORITY_NORMAL);
+  int result = sd_event_new(&events_);
+  if (result >= 0)
+    result = sd_bus_attach_event(bus_, events_, SD_EVENT_PRIORITY_NORMAL);
+  if (result < 0)
+    throw failure{std::string("no loop of events: ") + std::strerror(-result), ""};
   source_ = g_source_new(&functions, sizeof(source));
   reinterpret_cast<source *>(source_)->events = events_;
   g_source_add_unix_fd(source_, sd_event_get_fd(events_), G_IO_IN);

@@ -31,12 +31,16 @@ struct trial::callbacks {
 
   static int woken(sd_bus_message *reply, void *data, sd_bus_error *) {
     auto &self = *static_cast<trial *>(data);
-    if (const sd_bus_error *error = sd_bus_message_get_error(reply); error != nullptr) {
-      const failure failure{error->message != nullptr ? error->message : error->name, ""};
-      self.end({}, &failure);
-    } else {
+    const sd_bus_error *error = sd_bus_message_get_error(reply);
+    if (error == nullptr && sd_bus_message_has_signature(reply, "us") > 0) {
       const slept test = slept_in(reply);
       self.end({{"test", "wake"}, {"slept", test.seconds}, {"cause", test.cause}}, nullptr);
+    } else {
+      const char *what = "the answer to TestWake is not understood";
+      if (error != nullptr)
+        what = error->message != nullptr ? error->message : error->name;
+      const failure failure{what, ""};
+      self.end({}, &failure);
     }
     return 0;
   }
@@ -70,8 +74,9 @@ void trial::start_wake() {
   if (!client_.machine())
     throw no_machine();
   sd_bus_slot *slot = nullptr;
-  sd_bus_call_async(client_.bus(), &slot, client_.new_test_wake(kSleepSeconds).get(),
-                    callbacks::woken, this, kWakeUs);
+  if (sd_bus_call_async(client_.bus(), &slot, client_.new_test_wake(kSleepSeconds).get(),
+                        callbacks::woken, this, kWakeUs) < 0)
+    throw failure{"the system bus was lost", ""};
   woken_.reset(slot);
 }
 

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <utility>
 
+static constexpr unsigned kAgainSeconds = 3;
 static constexpr const char *kProperties = "org.freedesktop.DBus.Properties";
 
 struct watch::callbacks {
@@ -65,7 +66,7 @@ struct watch::callbacks {
 
   static gboolean start(void *data) {
     self(data).start_ = 0;
-    self(data).set_running(self(data).client_.is_running());
+    self(data).set_running(!self(data).client_.owner().empty());
     return G_SOURCE_REMOVE;
   }
 
@@ -164,7 +165,9 @@ void watch::hand_over() {
     events.insert(events.end(), rested.begin(), rested.end());
     seen_ = view;
     changed_(events, view);
-  } catch (const failure &failure) { // it ends, or is older
+  } catch (const failure &failure) { // it ends, is older or busy
     log_problem(failure.what);
+    if (failure.kind == fault::kTimeout && idle_ == 0)
+      idle_ = g_timeout_add_seconds(kAgainSeconds, callbacks::idle, this);
   }
 }

@@ -43,7 +43,7 @@ private:
   const std::function<void()> vanished_;
   std::vector<bus_slot> signals_;
   unsigned start_ = 0;
-  unsigned idle_ = 0;
+  unsigned idle_ = 0; // looks, at once or once more
   bool is_running_ = false;
   int expired_ = 0;        // its id was told, its type not yet
   std::vector<told> told_; // since the last look

@@ -42,8 +42,10 @@ bool property::read(const char *name, std::vector<int> &numbers) {
   const void *first = nullptr;
   std::size_t size = 0;
   sd_bus_message_enter_container(message_, 'v', "ai");
-  sd_bus_message_read_array(message_, 'i', &first, &size);
+  const int result = sd_bus_message_read_array(message_, 'i', &first, &size);
   sd_bus_message_exit_container(message_);
+  if (result < 0)
+    return false;
   const auto *begin = static_cast<const int *>(first);
   numbers.assign(begin, begin + size / sizeof(int));
   return true;

@@ -10,12 +10,11 @@
 #include <string_view>
 #include <utility>
 
-using std::chrono::seconds;
+using namespace std::chrono;
 
 static constexpr std::size_t kTimerSize = std::size_t{4} * TIMER_WORDS;
 static constexpr std::size_t kPeriodSize = std::size_t{4} * PERIOD_WORDS;
 static constexpr seconds kBetweenReadings{2};
-static constexpr std::uint64_t kMsUs = 1000;
 static constexpr const char *kListTimers = "request_timer_list";
 static constexpr const char *kWakeupTimer = "request_wakeup_timer";
 static constexpr const char *kListHolidays = "request_disabled_period_list";
@@ -36,6 +35,10 @@ static std::string seconds_text(int milliseconds) {
   if (text.back() == '.')
     text.pop_back();
   return text + (text == "1" ? " second" : " seconds");
+}
+
+static std::uint64_t us_of(int milliseconds) {
+  return std::uint64_t{1000} * static_cast<std::uint64_t>(milliseconds);
 }
 
 static failure bus_lost() {
@@ -77,14 +80,39 @@ static int drop_addressed(sd_bus_message *message, void *, sd_bus_error *) {
              : 0;
 }
 
+static std::uint64_t left_until(steady_clock::time_point end) {
+  return static_cast<std::uint64_t>(
+      std::max(duration_cast<microseconds>(end - steady_clock::now()), microseconds(0)).count());
+}
+
+// The library itself asks the bus for nothing before the first call, which would take a bus that
+// refuses it for the daemon. Gives a negative errno.
+static int wait_for_bus(sd_bus *bus, steady_clock::time_point end) {
+  while (sd_bus_is_ready(bus) == 0) {
+    int result = sd_bus_process(bus, nullptr);
+    const std::uint64_t left = left_until(end);
+    if (result == 0)
+      result = left > 0 ? sd_bus_wait(bus, left) : -ETIMEDOUT;
+    if (result < 0 && result != -EINTR)
+      return result;
+  }
+  return 0;
+}
+
 client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_seconds * 1000)) {
   sd_bus *opened = nullptr;
-  const int result = sd_bus_open_system(&opened);
+  int result = sd_bus_open_system(&opened);
   bus_.reset(opened);
+  if (result >= 0)
+    result = wait_for_bus(bus(), steady_clock::now() + milliseconds(timeout_ms_));
+  if (result >= 0)
+    result = sd_bus_add_filter(bus(), nullptr, drop_addressed, nullptr);
   if (result < 0)
-    throw failure{std::string("no system bus: ") + std::strerror(-result),
+    throw failure{std::string("no system bus: ") +
+                      (result == -ENOBUFS ? "it takes no more connections of this user"
+                                          : std::strerror(-result)),
                   "start dbus, or correct DBUS_SYSTEM_BUS_ADDRESS", fault::kNotRunning};
-  sd_bus_add_filter(bus(), nullptr, drop_addressed, nullptr);
+  sd_bus_set_method_call_timeout(bus(), us_of(timeout_ms_));
 }
 
 static constexpr const char *kWhoMay =
@@ -118,9 +146,10 @@ void client::fail(const char *method, const no_reply &why, int timeout_ms,
     throw failure{"you may not " + act_of(method),
                   method == std::string_view("request_copy_db") ? "only root may" : kWhoMay,
                   fault::kNotAllowed};
-  const std::string text = why.error.message != nullptr ? why.error.message : "";
-  const bool is_refusal =
-      why.error.name != nullptr && std::string_view(why.error.name).ends_with(".Refused");
+  const std::string name = why.error.name != nullptr ? why.error.name : "";
+  const std::string text =
+      why.error.message != nullptr && *why.error.message != '\0' ? why.error.message : name;
+  const bool is_refusal = name.ends_with(".Refused");
   throw failure{is_refusal ? text : "the call of " + std::string(method) + " failed: " + text, ""};
 }
 
@@ -136,8 +165,7 @@ bus_message client::new_call(const char *path, const char *interface, const char
 
 bus_message client::send(sd_bus_message *call, int timeout_ms, no_reply &why) {
   sd_bus_message *reply = nullptr;
-  why.result =
-      sd_bus_call(bus(), call, static_cast<std::uint64_t>(timeout_ms) * kMsUs, &why.error, &reply);
+  why.result = sd_bus_call(bus(), call, us_of(timeout_ms), &why.error, &reply);
   return bus_message(reply);
 }
 
@@ -190,8 +218,7 @@ client::image_reply client::call_images(const char *method, int argument, std::s
   sd_bus_message_read(reply.get(), "i", &result.first);
   const void *data = nullptr;
   std::size_t size = 0;
-  sd_bus_message_read_array(reply.get(), 'y', &data, &size);
-  if (size % image_size != 0)
+  if (sd_bus_message_read_array(reply.get(), 'y', &data, &size) < 0 || size % image_size != 0)
     throw not_understood(method);
   result.count = size / image_size;
   const auto *begin = static_cast<const std::uint8_t *>(data);
@@ -294,7 +321,7 @@ bool client::read_state(snapshot &view) {
   const bus_message properties = properties_of(kStateObjectPath, kStateInterface);
   if (properties == nullptr)
     return false;
-  view.clock_known = false;
+  view.clock_known = view.clock_confirmed = false;
   each_property(properties.get(), [&](property &now) { read_property(view, now); });
   compare_with_zone(view);
   return true;
@@ -398,12 +425,20 @@ std::string client::reason_not_to_order() {
 
 // --- signals ---
 
+static bus_slot heard_from(sd_bus_slot *slot, int result) {
+  if (result == -ENOTCONN || result == -ECONNRESET)
+    throw bus_lost();
+  if (result < 0)
+    throw failure{std::string("the bus lets no signals be heard: ") + std::strerror(-result), ""};
+  return bus_slot(slot);
+}
+
 bus_slot client::hear(const char *path, const char *interface, sd_bus_message_handler_t heard,
                       void *data) {
   sd_bus_slot *slot = nullptr;
-  if (sd_bus_match_signal(bus(), &slot, kDravelBusName, path, interface, nullptr, heard, data) < 0)
-    throw bus_lost();
-  return bus_slot(slot);
+  const int result =
+      sd_bus_match_signal(bus(), &slot, kDravelBusName, path, interface, nullptr, heard, data);
+  return heard_from(slot, result);
 }
 
 bus_slot client::hear_owner(sd_bus_message_handler_t changed, void *data) {
@@ -411,16 +446,23 @@ bus_slot client::hear_owner(sd_bus_message_handler_t changed, void *data) {
   const std::string match = "type='signal',sender='org.freedesktop.DBus',"
                             "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
                             std::string(kDravelBusName) + "'";
-  if (sd_bus_add_match(bus(), &slot, match.c_str(), changed, data) < 0)
-    throw bus_lost();
-  return bus_slot(slot);
+  const int result = sd_bus_add_match(bus(), &slot, match.c_str(), changed, data);
+  return heard_from(slot, result);
 }
 
 bus_slot client::hear_loss(sd_bus_message_handler_t lost, void *data) {
   sd_bus_slot *slot = nullptr;
-  sd_bus_match_signal(bus(), &slot, nullptr, "/org/freedesktop/DBus/Local",
-                      "org.freedesktop.DBus.Local", "Disconnected", lost, data);
-  return bus_slot(slot);
+  const int result = sd_bus_match_signal(bus(), &slot, nullptr, "/org/freedesktop/DBus/Local",
+                                         "org.freedesktop.DBus.Local", "Disconnected", lost, data);
+  return heard_from(slot, result);
 }
 
-bool client::is_running() { return sd_bus_get_name_creds(bus(), kDravelBusName, 0, nullptr) >= 0; }
+std::string client::owner() {
+  sd_bus_creds *creds = nullptr;
+  const char *name = "";
+  if (sd_bus_get_name_creds(bus(), kDravelBusName, SD_BUS_CREDS_UNIQUE_NAME, &creds) >= 0)
+    sd_bus_creds_get_unique_name(creds, &name);
+  std::string owner = name;
+  sd_bus_creds_unref(creds);
+  return owner;
+}

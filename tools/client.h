@@ -43,7 +43,7 @@ slept slept_in(sd_bus_message *reply); // of a call made by new_test_wake
 
 class client {
 public:
-  // Throws a failure when there is no bus.
+  // Waits as long for the bus as for an answer. Throws a failure when there is none.
   explicit client(double timeout_seconds);
 
   // The reply to a method that takes integers, of the type `reply_types`. Nothing else is heard
@@ -86,7 +86,7 @@ public:
                 void *data);
   bus_slot hear_owner(sd_bus_message_handler_t changed, void *data); // of the daemon's name
   bus_slot hear_loss(sd_bus_message_handler_t lost, void *data);     // of the bus
-  bool is_running();                                                 // the daemon
+  std::string owner(); // of the daemon's name; empty while it does not run
 
   sd_bus *bus() const { return bus_.get(); }
 

@@ -26,8 +26,9 @@ struct listener {
   client &daemon;
   const options &given;
   sd_event *loop;
-  int left;              // expiries until the end, 0 for no end
-  snapshot view{};       // as it was last read
+  int left;                           // expiries until the end, 0 for no end
+  std::optional<std::string> owner{}; // of the daemon's name, as it was last told
+  snapshot view{};                    // as it was last read
   snapshot told{};       // its halts, clock, armed timers and holidays were told or need not be
   std::set<int> known{}; // timers that the signals have told of
   std::vector<int> told_holidays{};
@@ -286,7 +287,8 @@ static int hear_properties(sd_bus_message *signal, void *data, sd_bus_error *) {
 
 static int lose_bus(sd_bus_message *, void *data, sd_bus_error *) {
   end_with(listener_of(data),
-           {"the system bus went away", "start dravelctl monitor again once it is back"});
+           {"the system bus went away", "start dravelctl monitor again once it is back",
+            fault::kNotRunning});
   return 0;
 }
 
@@ -303,8 +305,11 @@ static void tell_appeared(listener &self) {
   std::fputs("dravel-manager is running; Ctrl-C ends the monitor.\n", stderr);
 }
 
-static void tell_running(listener &self, bool is_running) {
-  if (is_running)
+// The signal of a change that came before the daemon was asked for is heard after it.
+static void tell_owner(listener &self, const std::string &owner) {
+  if (std::exchange(self.owner, owner) == owner)
+    return;
+  if (!owner.empty())
     tell_appeared(self);
   else
     std::fputs("dravel-manager is not running; waiting for it.\n", stderr);
@@ -313,7 +318,7 @@ static void tell_running(listener &self, bool is_running) {
 static int hear_owner(sd_bus_message *signal, void *data, sd_bus_error *) {
   const char *owner = "";
   sd_bus_message_read(signal, "sss", nullptr, nullptr, &owner);
-  tell_running(listener_of(data), *owner != '\0');
+  tell_owner(listener_of(data), owner);
   return 0;
 }
 
@@ -327,18 +332,20 @@ void monitor(client &client, const options &given) {
     throw failure{std::string("no loop of events: ") + std::strerror(-error), ""};
   const std::unique_ptr<sd_event, loop_release> loop(events);
   listener self{.daemon = client, .given = given, .loop = events, .left = given.count ? *count : 0};
-  for (const int end : {SIGINT, SIGTERM})
-    sd_event_add_signal(events, nullptr, end | SD_EVENT_SIGNAL_PROCMASK, nullptr, nullptr);
   // Before it is asked whether the daemon runs, so that nothing is missed once it is said to.
   const bus_slot heard[] = {
       client.hear(kDravelObjectPath, kDravelBusName, hear_expiry, &self),
       client.hear(kStateObjectPath, kStateInterface, hear_timer, &self),
       client.hear(kStateObjectPath, "org.freedesktop.DBus.Properties", hear_properties, &self),
       client.hear_owner(hear_owner, &self), client.hear_loss(lose_bus, &self)};
-  tell_running(self, client.is_running());
+  for (const int end : {SIGINT, SIGTERM})
+    sd_event_add_signal(events, nullptr, end | SD_EVENT_SIGNAL_PROCMASK, nullptr, nullptr);
+  tell_owner(self, client.owner());
   sd_bus_attach_event(client.bus(), events, SD_EVENT_PRIORITY_NORMAL);
-  sd_event_loop(events);
+  const int result = sd_event_loop(events);
   sd_bus_detach_event(client.bus());
+  if (result < 0)
+    throw failure{std::string("the loop of events failed: ") + std::strerror(-result), ""};
   if (!self.ended_by.what.empty())
     throw self.ended_by;
 }

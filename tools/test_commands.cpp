@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstring>
-#include <ctime>
 #include <thread>
 
 using namespace std::chrono;

@@ -1,8 +1,6 @@
 #include "timers.h"
 
 #include <algorithm>
-#include <array>
-#include <span>
 
 using namespace std::chrono;
 

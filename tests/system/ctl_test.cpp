@@ -709,6 +709,8 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     signal STOP -> wait=0.2; add 7 -j; status=$?; signal CONT; exit $status => 3 "kind":"timeout"
     signal STOP -> wait=0.5; ctl; status=$?; signal CONT; exit $status => 3 not answer within 0.5 seconds
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/x ctl list => 3 no system bus: No such file
+    p=$(busctl call $bus / $bus GetConnectionUnixProcessID s $bus | cut -d' ' -f2); kill -STOP $p; \
+      wait=0.2; ctl check; s=$?; kill -CONT $p; exit $s => 3 no system bus: Connection timed out
     ctl --json -H => 2 "what":"-H needs USER@HOST"
     ctl list foo => 2 list does not take foo; write it as in dravelctl list
     holidays add --foo=5 => 2 no option --foo of holidays add; dravelctl help holi
