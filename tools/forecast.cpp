@@ -66,7 +66,7 @@ public:
   snapshot view;
   std::set<int> awaited{}; // timers that have yet to fire
 
-  void arm_last();
+  void add(const timer_record &timer);
   std::optional<firing> soonest() const;
   void expire(const firing &next, outlook &found);
   void change_clock(civil_time system, outlook &found);
@@ -78,6 +78,7 @@ private:
   bool choice_matters_ = true;
 
   bool goes_ahead(timer_record &added, timer_record &before);
+  std::vector<timer_record>::iterator place_of(timer_record added);
   std::vector<std::size_t> sorted(bool (*is_such)(int type));
   bool may_choice_matter() const;
   void sort_lists();
@@ -202,13 +203,26 @@ bool scheduler::arm(timer_record &timer) {
   return true;
 }
 
-// The timer at the end of the list is new: finding its place may move it past holidays.
-void scheduler::arm_last() {
+// Where the timer goes in the list. Holidays move only what is listed: until then a timer that they
+// would move has no next firing.
+std::vector<timer_record>::iterator scheduler::place_of(timer_record added) {
+  const civil_time at = added.at;
+  next_firing(added, view.now, view.holidays);
+  const bool is_moved = added.at != at;
+  return std::ranges::find_if(view.timers, [&](timer_record &listed) {
+    return is_moved ? next_firing(listed, view.now, view.holidays).has_value()
+                    : goes_ahead(added, listed);
+  });
+}
+
+// Sorting may move the timer past holidays.
+void scheduler::add(const timer_record &timer) {
+  timer_record &added = *view.timers.insert(place_of(timer), timer);
   sort_lists();
   if (const timer_record *chosen = find_timer(view.timers, view.wakeup.id))
     programmed_ = {civil_of(view.wakeup), chosen->priority};
   choice_matters_ = may_choice_matter();
-  arm(view.timers.back());
+  arm(added);
 }
 
 // Moves a timer for one moment by whole days into the 24 hours from now.
@@ -309,16 +323,19 @@ void scheduler::change_clock(civil_time system, outlook &found) {
   arm_all(from, found.changes.back().others);
 }
 
-// A change of the clock comes before what is due in its second.
+// A change of the clock comes before what is due in its second. One at the end may set the clock
+// back to before it.
 static outlook run(scheduler set, civil_time until) {
   outlook found;
   const auto next_change = [&] {
     return set.view.follows_zone ? next_change_of_offset(set.view.now.system) : std::nullopt;
   };
   auto change = next_change();
-  for (auto next = set.soonest(); next && (next->at <= until || !set.awaited.empty());
-       next = set.soonest()) {
-    if (change && *change <= next->system) {
+  for (auto next = set.soonest(); next; next = set.soonest()) {
+    const bool is_change = change && *change <= next->system;
+    if ((is_change ? civil_of(*change) : next->at) > until && set.awaited.empty())
+      break;
+    if (is_change) {
       set.change_clock(*change, found);
       change = next_change();
     } else {
@@ -329,13 +346,14 @@ static outlook run(scheduler set, civil_time until) {
 }
 
 snapshot with_timer(const timer_record &timer, const snapshot &view) {
+  if (view.clock_known) {
+    scheduler set(view);
+    set.add(timer);
+    return set.view;
+  }
   snapshot with = view;
   with.timers.push_back(timer);
-  if (!view.clock_known)
-    return with;
-  scheduler set(with);
-  set.arm_last();
-  return set.view;
+  return with;
 }
 
 outlook forecast(const snapshot &view, civil_time until) { return run(scheduler(view), until); }

@@ -312,7 +312,7 @@ static void tell_checked(const options &given, timer_record timer, const snapsho
   auto notes = notes_of_added(kUnlisted, timer, view, after);
   note_machine_time(notes, given, timer, view);
   note_eviction(notes, timer, view, true);
-  timer = after.timers.back(); // where holidays may have moved it
+  timer = *find_timer(after.timers, kUnlisted); // where holidays may have moved it
   timer.id = 0;
   if (const auto armed = armed_for(kUnlisted, after))
     after.armed[0] = *armed;

