@@ -52,7 +52,7 @@ static failure not_understood(const char *method) {
 
 // What came in place of a reply.
 struct client::no_reply {
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   int result = 0; // a negative errno
 
   no_reply() = default;
