@@ -231,6 +231,8 @@ void bridge::refresh_now() {
     publish_documents(documents_of(client_, client_.look_at_state(), configuration_.machine_id));
   } catch (const failure &failure) {
     publish_documents(documents_without(failure.what + ".", configuration_.machine_id));
+    if (failure.kind == fault::kTimeout)
+      watch_.look_later();
   }
 }
 

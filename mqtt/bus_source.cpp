@@ -44,8 +44,10 @@ bus_source::bus_source(sd_bus *bus) : bus_(bus) {
   int result = sd_event_new(&events_);
   if (result >= 0)
     result = sd_bus_attach_event(bus_, events_, SD_EVENT_PRIORITY_NORMAL);
-  if (result < 0)
+  if (result < 0) {
+    sd_event_unref(events_);
     throw failure{std::string("no loop of events: ") + std::strerror(-result), ""};
+  }
   source_ = g_source_new(&functions, sizeof(source));
   reinterpret_cast<source *>(source_)->events = events_;
   g_source_add_unix_fd(source_, sd_event_get_fd(events_), G_IO_IN);

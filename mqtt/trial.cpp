@@ -4,6 +4,7 @@
 
 #include <glib.h>
 
+#include <cstring>
 #include <utility>
 
 static constexpr unsigned kDarkSeconds = 5;
@@ -74,9 +75,11 @@ void trial::start_wake() {
   if (!client_.machine())
     throw no_machine();
   sd_bus_slot *slot = nullptr;
-  if (sd_bus_call_async(client_.bus(), &slot, client_.new_test_wake(kSleepSeconds).get(),
-                        callbacks::woken, this, kWakeUs) < 0)
-    throw failure{"the system bus was lost", ""};
+  const int result =
+      sd_bus_call_async(client_.bus(), &slot, client_.new_test_wake(kSleepSeconds).get(),
+                        callbacks::woken, this, kWakeUs);
+  if (result < 0)
+    throw failure{std::string("the test cannot be asked for: ") + std::strerror(-result), ""};
   woken_.reset(slot);
 }
 

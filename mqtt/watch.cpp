@@ -7,7 +7,7 @@
 #include <ctime>
 #include <utility>
 
-static constexpr unsigned kAgainSeconds = 3;
+static constexpr unsigned kAgainMs = 3000;
 static constexpr const char *kProperties = "org.freedesktop.DBus.Properties";
 
 struct watch::callbacks {
@@ -66,12 +66,25 @@ struct watch::callbacks {
 
   static gboolean start(void *data) {
     self(data).start_ = 0;
-    self(data).set_running(!self(data).client_.owner().empty());
+    try {
+      self(data).set_running(!self(data).client_.owner().empty());
+    } catch (const failure &failure) {
+      log_problem(failure.what);
+      self(data).start_ = g_timeout_add(kAgainMs, start, data);
+    }
+    return G_SOURCE_REMOVE;
+  }
+
+  static gboolean again(void *data) {
+    self(data).again_ = 0;
+    self(data).hand_over();
     return G_SOURCE_REMOVE;
   }
 
   static gboolean idle(void *data) {
     self(data).idle_ = 0;
+    if (const unsigned again = std::exchange(self(data).again_, 0); again != 0)
+      g_source_remove(again);
     self(data).hand_over();
     return G_SOURCE_REMOVE;
   }
@@ -88,7 +101,7 @@ watch::watch(client &client, listener changed, std::function<void()> vanished)
 }
 
 watch::~watch() {
-  for (const unsigned source : {start_, idle_})
+  for (const unsigned source : {start_, idle_, again_})
     if (source != 0)
       g_source_remove(source);
 }
@@ -114,6 +127,11 @@ void watch::note(told what) {
 void watch::expect() {
   if (idle_ == 0)
     idle_ = g_idle_add(callbacks::idle, this);
+}
+
+void watch::look_later() {
+  if (again_ == 0)
+    again_ = g_timeout_add(kAgainMs, callbacks::again, this);
 }
 
 json watch::event_of(const told &what, const snapshot &view) const {
@@ -167,7 +185,7 @@ void watch::hand_over() {
     changed_(events, view);
   } catch (const failure &failure) { // it ends, is older or busy
     log_problem(failure.what);
-    if (failure.kind == fault::kTimeout && idle_ == 0)
-      idle_ = g_timeout_add_seconds(kAgainSeconds, callbacks::idle, this);
+    if (failure.kind == fault::kTimeout)
+      look_later();
   }
 }

@@ -21,6 +21,7 @@ public:
   watch &operator=(const watch &) = delete;
 
   bool is_running() const { return is_running_; } // the daemon
+  void look_later();                              // at a daemon that did not answer
 
 private:
   struct callbacks;
@@ -43,7 +44,8 @@ private:
   const std::function<void()> vanished_;
   std::vector<bus_slot> signals_;
   unsigned start_ = 0;
-  unsigned idle_ = 0; // looks, at once or once more
+  unsigned idle_ = 0;
+  unsigned again_ = 0; // looks once more
   bool is_running_ = false;
   int expired_ = 0;        // its id was told, its type not yet
   std::vector<told> told_; // since the last look

@@ -99,20 +99,30 @@ static int wait_for_bus(sd_bus *bus, steady_clock::time_point end) {
   return 0;
 }
 
-client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_seconds * 1000)) {
+client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_seconds * 1000)) {}
+
+void client::connect() {
   sd_bus *opened = nullptr;
   int result = sd_bus_open_system(&opened);
-  bus_.reset(opened);
+  std::unique_ptr<sd_bus, bus_release> bus(opened);
   if (result >= 0)
-    result = wait_for_bus(bus(), steady_clock::now() + milliseconds(timeout_ms_));
+    result = wait_for_bus(opened, steady_clock::now() + milliseconds(timeout_ms_));
   if (result >= 0)
-    result = sd_bus_add_filter(bus(), nullptr, drop_addressed, nullptr);
+    result = sd_bus_add_filter(opened, nullptr, drop_addressed, nullptr);
+  if (result == -ENOBUFS)
+    throw failure{"the system bus takes no more connections of this user",
+                  "end some of the user's programs", fault::kNotRunning};
   if (result < 0)
-    throw failure{std::string("no system bus: ") +
-                      (result == -ENOBUFS ? "it takes no more connections of this user"
-                                          : std::strerror(-result)),
+    throw failure{std::string("no system bus: ") + std::strerror(-result),
                   "start dbus, or correct DBUS_SYSTEM_BUS_ADDRESS", fault::kNotRunning};
-  sd_bus_set_method_call_timeout(bus(), us_of(timeout_ms_));
+  sd_bus_set_method_call_timeout(opened, us_of(timeout_ms_));
+  bus_ = std::move(bus);
+}
+
+sd_bus *client::bus() {
+  if (bus_ == nullptr)
+    connect();
+  return bus_.get();
 }
 
 static constexpr const char *kWhoMay =
@@ -425,11 +435,18 @@ std::string client::reason_not_to_order() {
 
 // --- signals ---
 
-static bus_slot heard_from(sd_bus_slot *slot, int result) {
+// For what the bus itself is asked.
+static void check_answer(int result) {
   if (result == -ENOTCONN || result == -ECONNRESET)
     throw bus_lost();
+  if (result == -ETIMEDOUT)
+    throw failure{"the system bus does not answer", "", fault::kNotRunning};
   if (result < 0)
-    throw failure{std::string("the bus lets no signals be heard: ") + std::strerror(-result), ""};
+    throw failure{std::string("the system bus refuses: ") + std::strerror(-result), ""};
+}
+
+static bus_slot heard_from(sd_bus_slot *slot, int result) {
+  check_answer(result);
   return bus_slot(slot);
 }
 
@@ -459,9 +476,12 @@ bus_slot client::hear_loss(sd_bus_message_handler_t lost, void *data) {
 
 std::string client::owner() {
   sd_bus_creds *creds = nullptr;
+  const int result = sd_bus_get_name_creds(bus(), kDravelBusName, SD_BUS_CREDS_UNIQUE_NAME, &creds);
+  if (result == -ENXIO)
+    return "";
+  check_answer(result);
   const char *name = "";
-  if (sd_bus_get_name_creds(bus(), kDravelBusName, SD_BUS_CREDS_UNIQUE_NAME, &creds) >= 0)
-    sd_bus_creds_get_unique_name(creds, &name);
+  sd_bus_creds_get_unique_name(creds, &name);
   std::string owner = name;
   sd_bus_creds_unref(creds);
   return owner;

@@ -43,7 +43,8 @@ slept slept_in(sd_bus_message *reply); // of a call made by new_test_wake
 
 class client {
 public:
-  // Waits as long for the bus as for an answer. Throws a failure when there is none.
+  // The first use reaches the bus, and throws a failure when there is none; a bus that is silent is
+  // waited for as long as an answer.
   explicit client(double timeout_seconds);
 
   // The reply to a method that takes integers, of the type `reply_types`. Nothing else is heard
@@ -88,11 +89,12 @@ public:
   bus_slot hear_loss(sd_bus_message_handler_t lost, void *data);     // of the bus
   std::string owner(); // of the daemon's name; empty while it does not run
 
-  sd_bus *bus() const { return bus_.get(); }
+  sd_bus *bus();
 
 private:
   struct image_reply;
   struct no_reply;
+  void connect();
   bus_message new_call(const char *path, const char *interface, const char *method);
   bus_message send(sd_bus_message *call, int timeout_ms, no_reply &why);
   bus_message send(sd_bus_message *call, const char *reply_types, int timeout_ms,

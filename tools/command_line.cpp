@@ -599,7 +599,8 @@ command_line::command_line(const std::vector<std::string> &words)
   app_.formatter(std::make_shared<formatter>());
   app_.set_version_flag("-V,--version", "dravelctl " DRAVEL_VERSION, "Print the version");
   app_.add_flag("-j,--json", given_.json, "Print JSON");
-  app_.add_option("-t,--timeout", given_.timeout, "How long to wait for an answer (default: 3)")
+  app_.add_option("-t,--timeout", given_.timeout,
+                  "How long to wait for the bus and an answer (default: 3)")
       ->type_name("SECONDS");
   app_.footer("Without a command it prints the status. dravelctl help COMMAND says more;\n"
               "--json and --timeout may stand anywhere.");

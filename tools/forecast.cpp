@@ -333,7 +333,8 @@ static outlook run(scheduler set, civil_time until) {
   auto change = next_change();
   for (auto next = set.soonest(); next; next = set.soonest()) {
     const bool is_change = change && *change <= next->system;
-    if ((is_change ? civil_of(*change) : next->at) > until && set.awaited.empty())
+    const civil_time at = is_change ? std::min(next->at, civil_of(*change)) : next->at;
+    if (at > until && set.awaited.empty())
       break;
     if (is_change) {
       set.change_clock(*change, found);

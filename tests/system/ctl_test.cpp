@@ -7,8 +7,9 @@
 
 namespace {
 
-const std::string kHelpers = "schema=$(dirname " INTROSPECTION_XML ")/dravelctl.schema.json"
-                             R"sh(
+const std::string kHelpers =
+    "bus_conf=" BUS_CONFIGURATION "\nschema=$(dirname " INTROSPECTION_XML ")/dravelctl.schema.json"
+    R"sh(
 daemon=org.olvara.tv.system.dravel
 object=/org/olvara/tv/system/dravel
 ctl() { dravelctl --timeout ${wait:-9} "$@"; }
@@ -489,7 +490,7 @@ TEST_F(Ctl, IsChecked_WhereItApplies) {
     ctl halt both -> ctl check => 0 not act: on-timers and off-timers; dravelctl halt none
     asleep -> ctl check => 0 note    Clock: Tue 2026-12-15 12:00:00, not confirmed since the set woke up; wait
     lose_clock -> ctl check => 1 problem Clock: it is unknown: no timer is armed; set it
-    signal STOP -> wait=0.2; ctl check; status=$?; signal CONT; exit $status => 1 problem Daemon: dr
+    signal STOP -> wait=0.5; ctl check; status=$?; signal CONT; exit $status => 1 problem Daemon: dr
   )");
 }
 
@@ -528,7 +529,7 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
     mkdir b; mkfifo b/.dravel.db -> timeout 5 dravelctl backup b => 0 The timers are in
     mkdir -p b/.dravel.db.new/x -> ctl backup b; ls -A b => 0 \n.dravel.db\n =/> .new
     mkdir b; rm /opt/dbspace/.dravel.db -> wait=0.5 ctl backup b => 1 database up to /run/bench/shell/b, where
-    backup -> signal STOP; wait=0.2 ctl restore b; s=$?; signal CONT; exit $s => 1 from /run/bench/shell/b, or may still do so;
+    backup -> signal STOP; wait=0.5 ctl restore b; s=$?; signal CONT; exit $s => 1 from /run/bench/shell/b, or may still do so;
     backup -> fake systemctl 'echo $* >asked'; ctl restore b --restart; cat asked => 0 restart dravel-man
     backup -> fake systemctl 'echo no unit >&2; exit 5'; ctl restore b --restart => 1 restarted: no unit;
     mkdir b -> ctl restore b => 1 /run/bench/shell/b/.dravel.db cannot be read: No such file
@@ -706,9 +707,13 @@ TEST_F(Ctl, WhatKeepsItFromWorking_IsSaid) {
     ctl -j --help => 0 {"name":"dravelctl",
     ctl help show --json => 0 {"name":"show","summary":"Show one timer","options":[{"name":"ID"
     ctl -j lsit => 2 {"error":{"kind":"usage","what":"there is no command lsit, did you mean list?"
-    signal STOP -> wait=0.2; add 7 -j; status=$?; signal CONT; exit $status => 3 "kind":"timeout"
+    signal STOP -> wait=0.5; add 7 -j; status=$?; signal CONT; exit $status => 3 "kind":"timeout"
     signal STOP -> wait=0.5; ctl; status=$?; signal CONT; exit $status => 3 not answer within 0.5 seconds
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/x ctl list => 3 no system bus: No such file
+    DBUS_SYSTEM_BUS_ADDRESS=unix:path=/x ctl types => 0 turns the set on
+    mkfifo e; dbus-daemon --fork --config-file=$bus_conf --address=unix:path=$PWD/b --print-pid >p; \
+      DBUS_SYSTEM_BUS_ADDRESS=unix:path=$PWD/b timeout 9 dravelctl monitor 2>e & exec 5<e; read said <&5; \
+      kill $(cat p); cat <&5; wait $! => 3 the system bus went away
     p=$(busctl call $bus / $bus GetConnectionUnixProcessID s $bus | cut -d' ' -f2); kill -STOP $p; \
       wait=0.2; ctl check; s=$?; kill -CONT $p; exit $s => 3 no system bus: Connection timed out
     ctl --json -H => 2 "what":"-H needs USER@HOST"
