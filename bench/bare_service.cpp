@@ -1,8 +1,8 @@
 // The least that a service on the daemon's main loop, bus binding and store can do for the same
 // requests: it reads the same arguments, runs the same statements and sends replies of the same
-// size. What the daemon costs beyond it is the daemon's own.
+// size and as many signals. What the daemon costs beyond it is the daemon's own.
 //
-// Usage: bare_service DATABASE WAKEUP-DATABASE
+// Usage: bare_service DATABASE WAKEUP-DATABASE SIGNALS-AT-START
 
 #include <E_DBus.h>
 #include <Ecore.h>
@@ -33,6 +33,7 @@ static constexpr const char *kUpdateDravel =
 
 static sqlite3 *store;
 static std::vector<unsigned char> kept_images;
+static int signals_of_a_change;
 
 // A benchmark of statements that fail would measure nothing.
 static void execute(sqlite3 *db, const char *sql) {
@@ -43,11 +44,12 @@ static void execute(sqlite3 *db, const char *sql) {
   std::exit(1);
 }
 
-// Checks and reads it, and synchronises as the daemon does.
+// Checks, reads and marks it, and synchronises as the daemon does.
 static sqlite3 *open_database(const char *path) {
   sqlite3 *db = nullptr;
   sqlite3_open(path, &db);
-  execute(db, "pragma integrity_check; pragma synchronous = extra; SELECT * FROM dravel");
+  execute(db, "pragma integrity_check; pragma synchronous = extra; SELECT * FROM dravel;"
+              "pragma user_version = 1");
   return db;
 }
 
@@ -83,16 +85,32 @@ static DBusMessage *reply_int(DBusMessage *call, dbus_int32_t value) {
   return reply;
 }
 
+// As large as what the stand-in tells of a request to the set.
+static void send_signals(int count) {
+  static constexpr const char *kWord = "set_wakeup_time";
+  static constexpr dbus_uint32_t kNumber = 0;
+  E_DBus_Connection *bus = e_dbus_bus_get(DBUS_BUS_SYSTEM);
+  for (; count > 0; --count) {
+    DBusMessage *signal = dbus_message_new_signal(kObjectPath, kBusName, "Requested");
+    dbus_message_append_args(signal, DBUS_TYPE_STRING, &kWord, DBUS_TYPE_UINT32, &kNumber,
+                             DBUS_TYPE_UINT32, &kNumber, DBUS_TYPE_INVALID);
+    e_dbus_message_send(bus, signal, nullptr, 0, nullptr);
+    dbus_message_unref(signal);
+  }
+}
+
 static DBusMessage *schedule_timer(E_DBus_Object *, DBusMessage *call) {
   const auto [type, week_flag, priority, delay, year, mon, mday, hour, min, sec, wday, yday, isdst,
               effect, time_type] = ints_of<15>(call);
   execute_with(kInsertDravel, type, priority, 0, sec, min, hour, mday, mon, year, wday, yday, isdst,
                delay, week_flag, effect, time_type, 0);
+  send_signals(signals_of_a_change);
   return reply_int(call, static_cast<dbus_int32_t>(sqlite3_last_insert_rowid(store)));
 }
 
 static DBusMessage *cancel_timer(E_DBus_Object *, DBusMessage *call) {
   execute_with("DELETE FROM dravel WHERE timer_id = %d", ints_of<1>(call)[0]);
+  send_signals(signals_of_a_change);
   return reply_int(call, 0);
 }
 
@@ -125,6 +143,12 @@ static DBusMessage *keep(E_DBus_Object *, DBusMessage *call) {
   return dbus_message_new_method_return(call);
 }
 
+// Takes how many signals a change sends from now on.
+static DBusMessage *announce(E_DBus_Object *, DBusMessage *call) {
+  signals_of_a_change = ints_of<1>(call)[0];
+  return dbus_message_new_method_return(call);
+}
+
 static int word_at(const unsigned char *image, std::size_t word) {
   std::uint32_t bits = 0;
   for (unsigned byte = 0; byte < kWordSize; ++byte)
@@ -142,6 +166,7 @@ static DBusMessage *update_all(E_DBus_Object *, DBusMessage *call) {
                  word(8), word(9), word(10), word(11), word(12), word(15), word(16), word(17),
                  word(18), word(0));
   }
+  send_signals(signals_of_a_change);
   return dbus_message_new_method_return(call);
 }
 
@@ -156,11 +181,12 @@ static constexpr struct {
     {"request_timer_list", "i", "iay", request_timer_list},
     {"request_get_timers_halt_effect", "i", "ii", request_get_timers_halt_effect},
     {"keep", "ay", "", keep},
+    {"announce", "i", "", announce},
     {"update_all", "", "", update_all},
 };
 
 int main(int argc, char **argv) {
-  if (argc != 3)
+  if (argc != 4)
     return 64;
   ecore_init();
   store = open_database(argv[1]);
@@ -176,6 +202,7 @@ int main(int argc, char **argv) {
     e_dbus_interface_method_add(interface, method.name, method.signature, method.reply_signature,
                                 method.handler);
   e_dbus_object_interface_attach(e_dbus_object_add(bus, kObjectPath, nullptr), interface);
+  send_signals(std::atoi(argv[3]));
 
   ecore_main_loop_begin();
   sqlite3_close(store);

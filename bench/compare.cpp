@@ -21,7 +21,11 @@ static constexpr int kFullList = 80;
 static constexpr double kHighestRatio = 1.1;
 
 static std::string daemon_program;
-static std::vector<std::string> bare_command;
+static std::string bare_program;
+
+static std::vector<std::string> bare_command(int signals_at_start = 0) {
+  return {bare_program, kBareStore, kBareWakeupStore, std::to_string(signals_at_start)};
+}
 
 namespace {
 
@@ -47,7 +51,7 @@ struct pair_of_services {
       bus.schedule(kDaemon, household_timer(wall_clock(), i, repeating));
     fs::copy_file(kDravelDbPath, kBareStore);
     fs::copy_file(kWakeupDbPath, kBareWakeupStore);
-    bare.emplace(start_service(bus, kBare, bare_command));
+    bare.emplace(start_service(bus, kBare, bare_command()));
   }
 
   bus_client &client;
@@ -104,6 +108,24 @@ static void print_figure(const std::string &what, double value, const char *unit
   std::fflush(stdout);
 }
 
+static void ask_nothing(bus_client &bus, const bus_target &target) {
+  const int unused = 0;
+  bus.call(target, "request_get_timers_halt_effect", {&unused, 1});
+}
+
+// How many signals the daemon sends for an action: those of the stand-in set and of the timers.
+template <typename Action> static int signals_of(Action action) {
+  bus_client listener;
+  listener.listen("type='signal',interface='org.olvara.tv.standin'");
+  listener.listen("type='signal',path_namespace='/org/olvara/tv/system/dravel'");
+  action();
+  ask_nothing(listener, kDaemon); // what a change tells once it has ended has arrived as well
+  ask_nothing(listener, kDaemon);
+  int count = 0;
+  listener.drain([&](DBusMessage *) { ++count; });
+  return count;
+}
+
 // Gives the bare service the images of a list.
 static void keep(bus_client &bus, const words &list) {
   message request = method_call(kBare, "keep");
@@ -112,6 +134,8 @@ static void keep(bus_client &bus, const words &list) {
                            static_cast<int>((list.size() - 1) * sizeof list[1]), DBUS_TYPE_INVALID);
   bus.send(request);
 }
+
+static void announce(bus_client &bus, int signals) { bus.call(kBare, "announce", {&signals, 1}); }
 
 static void use(const place &where) {
   fs::remove_all("/opt/dbspace");
@@ -128,8 +152,7 @@ static void use(const place &where) {
 static void compare_empty_calls(bus_client &bus) {
   const pair_of_services both(bus, 0, true);
   const auto ask = [&](const bus_target &target) {
-    const int unused = 0;
-    return timed([&] { bus.call(target, "request_get_timers_halt_effect", {&unused, 1}); });
+    return timed([&] { ask_nothing(bus, target); });
   };
   print_row("empty round trip",
             in_turn(
@@ -157,6 +180,7 @@ static void compare_schedule_and_cancel(bus_client &bus, const place &where, int
   const auto run = [&](const bus_target &target) {
     return timed([&] { bus.cancel(target, bus.schedule(target, added)); });
   };
+  announce(bus, (signals_of([&] { run(kDaemon); }) + 1) / 2);
   print_row("schedule + cancel, " + std::to_string(listed) + " listed",
             in_turn(
                 where.rounds, [&] { return run(kDaemon); }, [&] { return run(kBare); }),
@@ -184,6 +208,8 @@ static void compare_clock_change(bus_client &bus, const place &where, const char
   std::vector<double> bare_took;
   for (int round = 0; round < where.rounds / 10; ++round) {
     set_property(bus, "TvClock", u32(round % 2 == 0 ? now + distance : now));
+    if (round == 0)
+      announce(bus, signals_of([&] { bus.call(kStandin, "TimeSet"); }));
     const double ours = timed([&] { bus.call(kStandin, "TimeSet"); });
     keep(bus, bus.list(kDaemon));
     const double bare = timed([&] { bus.call(kBare, "update_all"); });
@@ -214,22 +240,25 @@ static void compare_starts(bus_client &bus, int rounds) {
     std::optional<process> started;
     return timed([&] {
              started.emplace(start_service(bus, target, command));
-             const int unused = 0;
-             bus.call(target, "request_get_timers_halt_effect", {&unused, 1});
+             ask_nothing(bus, target);
            }) /
            1000;
   };
+  std::optional<process> counted;
+  const int signals =
+      signals_of([&] { counted.emplace(start_service(bus, kDaemon, {daemon_program})); });
+  counted.reset();
   print_row("start with 79 stored timers, to the first answer",
             in_turn(
                 rounds, [&] { return start(kDaemon, {daemon_program}); },
-                [&] { return start(kBare, bare_command); }),
+                [&] { return start(kBare, bare_command(signals)); }),
             "ms");
 }
 
 static void compare_memory(bus_client &bus) {
   { const pair_of_services filled(bus, kFullList - 1, true); }
   const process ours = start_service(bus, kDaemon, {daemon_program});
-  const process bare = start_service(bus, kBare, bare_command);
+  const process bare = start_service(bus, kBare, bare_command());
   if (bus.list(kDaemon).size() != 1 + TIMER_WORDS * (kFullList - 1))
     throw std::runtime_error("stored timers are missing");
   bus.list(kBare);
@@ -353,7 +382,7 @@ int main(int argc, char **argv) {
   }
   prepare_measuring();
   daemon_program = argv[1];
-  bare_command = {argv[2], kBareStore, kBareWakeupStore};
+  bare_program = argv[2];
   try {
     compare_all(argv[3]);
   } catch (const std::exception &trouble) {
