@@ -183,9 +183,13 @@ void watch::hand_over() {
     events.insert(events.end(), rested.begin(), rested.end());
     seen_ = view;
     changed_(events, view);
+    is_busy_ = false;
   } catch (const failure &failure) { // it ends, is older or busy
-    log_problem(failure.what);
-    if (failure.kind == fault::kTimeout)
+    const bool is_busy = failure.kind == fault::kTimeout;
+    if (!is_busy || !is_busy_) // one line, however long it lasts
+      log_problem(failure.what);
+    is_busy_ = is_busy;
+    if (is_busy)
       look_later();
   }
 }

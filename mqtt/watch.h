@@ -45,7 +45,8 @@ private:
   std::vector<bus_slot> signals_;
   unsigned start_ = 0;
   unsigned idle_ = 0;
-  unsigned again_ = 0; // looks once more
+  unsigned again_ = 0;   // looks once more
+  bool is_busy_ = false; // at the last look
   bool is_running_ = false;
   int expired_ = 0;        // its id was told, its type not yet
   std::vector<told> told_; // since the last look
