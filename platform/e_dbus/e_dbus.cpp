@@ -93,6 +93,8 @@ static constexpr const char *kTag = "E_DBUS";
 static constexpr std::size_t kMostWaitingCalls = 128;
 // Of all clients: the socket is read again once less waits.
 static constexpr long kMostWaitingBytes = 32L * 1024 * 1024;
+// Likewise. A process may have 1,024, and a connection that gets no more of them is closed.
+static constexpr long kMostWaitingDescriptors = 64;
 // Between two answers, so that timers are not late.
 static constexpr int kMostMessagesInAPass = 250;
 // By E_DBus_Property_Change.
@@ -602,6 +604,7 @@ static bool drive_from_main_loop(E_DBus_Connection *connection) {
   DBusConnection *bus = connection->bus;
   dbus_connection_set_exit_on_disconnect(bus, FALSE);
   dbus_connection_set_max_received_size(bus, kMostWaitingBytes);
+  dbus_connection_set_max_received_unix_fds(bus, kMostWaitingDescriptors);
   dbus_connection_set_dispatch_status_function(bus, dispatch_status_changed, connection, nullptr);
   dbus_connection_set_wakeup_main_function(bus, wakeup_main, connection, nullptr);
   if (!dbus_connection_set_watch_functions(bus, add_watch, remove_watch, toggle_watch, connection,

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
@@ -129,6 +130,26 @@ TEST_F(Service, ClientsTakeTurns_AndACallBehindTooManyIsRefused) {
   kill(daemon, SIGCONT);
   bus.receive(
       [](DBusMessage *signal) { return body_text(signal).find("HaltOn") != std::string::npos; });
+}
+
+// Any user may send them; the daemon may have as many as it needs for this.
+TEST_F(Service, DescriptorsThatNoCallNeeds_DoNotEndTheDaemon) {
+  start();
+  const message laden = request_of(kDaemon, "request_get_timers_halt_effect", "(0,)");
+  dbus_message_set_no_reply(laden.get(), TRUE);
+  for (int i = 0; i < 16; ++i) {
+    constexpr int kAny = STDIN_FILENO;
+    dbus_message_append_args(laden.get(), DBUS_TYPE_UNIX_FD, &kAny, DBUS_TYPE_INVALID);
+  }
+  const pid_t daemon = bus.pid_of(kDaemon.name);
+  const rlimit few{192, 192};
+  EXPECT_EQ(prlimit(daemon, RLIMIT_NOFILE, &few, nullptr), 0);
+  kill(daemon, SIGSTOP);
+  for (int i = 0; i < 40; ++i)
+    bus.post(message(dbus_message_copy(laden.get())));
+  bus.pid_of(DBUS_SERVICE_DBUS);
+  kill(daemon, SIGCONT);
+  EXPECT_EQ(call("request_get_timers_halt_effect", "(0,)"), "(0, 0)");
 }
 
 TEST_F(Service, ALostBus_EndsTheDaemon) {
