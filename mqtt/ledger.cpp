@@ -43,8 +43,14 @@ ledger::ledger(std::string file) : file_(std::move(file)) {
     if (read.is_object() && read["key"].is_string() && read["result"].is_string())
       put({read["key"], read["result"]});
   }
-  if (lines_ > 0) // the last line may be torn; the next one must not continue it
+  // The last line may be torn, and the name of a new file must be on the disk. What cannot be noted
+  // is refused later; the rest works meanwhile.
+  try {
     rewrite();
+  } catch (const failure &failure) {
+    log_problem(failure.what);
+    lines_ = kMostLines;
+  }
 }
 
 const ledger::entry *ledger::find(const std::string &key) const {

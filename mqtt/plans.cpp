@@ -6,6 +6,8 @@
 
 #include <glib.h>
 
+#include <algorithm>
+
 static constexpr const char *kCarriedOut = "carried_out"; // of the file: by source, the sha256
 
 static std::string sha256_of(const std::string &text) {
@@ -30,6 +32,9 @@ plans::plans(const configuration &configuration, std::string file)
 // One that is withdrawn still hides those that come after it: another one must not be carried out
 // because of that. The next plan or the next connection ends it.
 void plans::note(const message &message) {
+  const auto known = topics();
+  if (std::ranges::find(known, message.topic) == known.end())
+    return;
   if (!message.payload.empty()) {
     std::erase_if(found_, [](const auto &found) { return found.second.payload.empty(); });
     found_[message.topic] = message;
@@ -44,16 +49,18 @@ std::string plans::source_of(const std::string &topic) const {
   return source.substr(0, source.rfind("/set/"));
 }
 
-const message *plans::in_force() const {
-  const auto find = [&](const std::string &topic) {
-    const auto found = found_.find(topic);
-    return found != found_.end() ? &found->second : nullptr;
-  };
-  if (const message *own = find(configuration_.own("set/apply")))
-    return own;
+// The first that has one counts.
+std::vector<std::string> plans::topics() const {
+  std::vector<std::string> topics{configuration_.own("set/apply")};
   for (const std::string &group : configuration_.groups)
-    if (const message *of_group = find(configuration_.group(group) + "/set/apply"))
-      return of_group;
+    topics.push_back(configuration_.group(group) + "/set/apply");
+  return topics;
+}
+
+const message *plans::in_force() const {
+  for (const std::string &topic : topics())
+    if (const auto found = found_.find(topic); found != found_.end())
+      return &found->second;
   return nullptr;
 }
 

@@ -31,6 +31,7 @@ public:
   const std::string &applied() const { return applied_; } // empty: never
 
 private:
+  std::vector<std::string> topics() const;
   const message *in_force() const;
   std::string source_of(const std::string &topic) const;
   void refuse(const std::string &why);

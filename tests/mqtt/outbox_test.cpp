@@ -1,4 +1,6 @@
-// What waits for the connection.
+// What waits for the connection, and what is noted of commands.
+#include "client.h"
+#include "ledger.h"
 #include "outbox.h"
 
 #include <gtest/gtest.h>
@@ -12,4 +14,10 @@ TEST(Outbox, KeepsAHundred_ForTwoMinutes_InOrder) {
   EXPECT_EQ(taken.front().topic, "7");
   EXPECT_EQ(taken.back().topic, "102");
   EXPECT_TRUE(kept.take(0).empty());
+}
+
+TEST(Ledger, ThatCannotBeWritten_RefusesTheCommandsThatItShouldNote) {
+  ledger full("/nowhere/ledger");
+  EXPECT_THROW(full.begin("a"), failure);
+  EXPECT_EQ(full.find("a"), nullptr);
 }
