@@ -174,7 +174,7 @@ static json change_holidays(client &client, const message &message) {
     about["added"].push_back(json_of(period));
   }
   for (const int id : removed) {
-    client.call_int("request_remove_disabled_period", {id});
+    remove_holiday(client, id);
     about["removed"].push_back(id);
   }
   about["moved"] = changes_since(before, client.look()).moved;

@@ -73,7 +73,7 @@ std::string bridge::carry_out(const command &command, const message &message) {
   const act *act = command.name == kTest.name ? &kTest : find_act(command.name);
   const bool is_plan = command.name == kApply;
   if (act == nullptr && !is_plan)
-    throw failure{"there is no command " + printable(command.name), "", fault::kUsage};
+    throw failure{"there is no command " + shown(command.name), "", fault::kUsage};
   const std::string right = is_plan ? kApply : act->right;
   if (!configuration_.may(right))
     throw failure{"this machine does not take the command: its commands do not name " + right, "",

@@ -4,7 +4,7 @@
 
 #include <string>
 
-std::string printable(const std::string &text); // at most 200 characters
+std::string shown(const std::string &text); // at most 200 characters
 
 void log_notice(const std::string &text);
 void log_problem(const std::string &text);

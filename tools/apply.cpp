@@ -267,7 +267,7 @@ void applying::change_holidays() {
     add(account_, "holidays_added", json_of(period), "added " + line_of(period));
   } else {
     const int id = taken(plan_->holidays_removed);
-    client_.call_int("request_remove_disabled_period", {id});
+    remove_holiday(client_, id);
     add(account_, "holidays_removed", id, "removed holidays " + std::to_string(id));
   }
 }

@@ -1,6 +1,7 @@
 #include "calendar.h"
 
 #include "on_demand.h"
+#include "output.h"
 
 #include <glib.h>
 #include <libical/ical.h>
@@ -100,7 +101,8 @@ static year_month_day date_of(const icaltimetype &time) {
 
 static sys_days day_of(const icaltimetype &time) { return date_of(time); }
 
-// What recurs more often than daily could be counted from long ago for hours.
+// What recurs more often than daily could be counted from long ago for hours; so could a rule of
+// exceptions, which calendars no longer have.
 bool calendar_reader::is_holiday(icalcomponent *event) const {
   const auto is_rare = [this](icalproperty *rule) {
     const icalrecurrencetype &of = ical.get_rrule(rule);
@@ -111,6 +113,7 @@ bool calendar_reader::is_holiday(icalcomponent *event) const {
   const icaltimetype start = ical.get_dtstart(event);
   return start.is_date != 0 && date_of(start).ok() && date_of(ical.get_dtend(event)).ok() &&
          ical.get_status(event) != ICAL_STATUS_CANCELLED &&
+         properties_of(event, ICAL_EXRULE_PROPERTY).empty() &&
          std::ranges::all_of(properties_of(event, ICAL_RRULE_PROPERTY), is_rare);
 }
 
@@ -123,16 +126,7 @@ static std::string name_of(const char *summary) {
       --end;
     name.resize(end);
   }
-  g_autofree char *valid = g_utf8_make_valid(name.c_str(), static_cast<gssize>(name.size()));
-  std::string shown;
-  for (const char *at = valid, *next = nullptr; *at != '\0'; at = next) {
-    next = g_utf8_next_char(at);
-    if (g_unichar_isprint(g_utf8_get_char(at)) != FALSE)
-      shown.append(at, next);
-    else
-      shown += ' ';
-  }
-  return shown;
+  return printable(name, ' ');
 }
 
 // The entry when it comes at this time. Its end is the day after the last.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -15,6 +16,7 @@ using namespace std::chrono;
 static constexpr std::size_t kTimerSize = std::size_t{4} * TIMER_WORDS;
 static constexpr std::size_t kPeriodSize = std::size_t{4} * PERIOD_WORDS;
 static constexpr seconds kBetweenReadings{2};
+static constexpr const char *kSystemBus = "unix:path=/run/dbus/system_bus_socket";
 static constexpr const char *kListTimers = "request_timer_list";
 static constexpr const char *kWakeupTimer = "request_wakeup_timer";
 static constexpr const char *kListHolidays = "request_disabled_period_list";
@@ -101,9 +103,23 @@ static int wait_for_bus(sd_bus *bus, steady_clock::time_point end) {
 
 client::client(double timeout_seconds) : timeout_ms_(static_cast<int>(timeout_seconds * 1000)) {}
 
+// As sd_bus_open_system() does it, but no message brings descriptors: those of the signals that any
+// user can send would use up what the process may have while it waits for an answer.
+static int open_bus(sd_bus **bus) {
+  const char *address = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+  int result = sd_bus_new(bus);
+  if (result >= 0)
+    result = sd_bus_set_address(*bus, address != nullptr ? address : kSystemBus);
+  if (result >= 0)
+    result = sd_bus_set_bus_client(*bus, 1);
+  if (result >= 0)
+    result = sd_bus_negotiate_fds(*bus, 0);
+  return result >= 0 ? sd_bus_start(*bus) : result;
+}
+
 void client::connect() {
   sd_bus *opened = nullptr;
-  int result = sd_bus_open_system(&opened);
+  int result = open_bus(&opened);
   std::unique_ptr<sd_bus, bus_release> bus(opened);
   if (result >= 0)
     result = wait_for_bus(opened, steady_clock::now() + milliseconds(timeout_ms_));

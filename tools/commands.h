@@ -98,7 +98,12 @@ const holiday *find_same(const holiday &wanted, const std::vector<holiday> &holi
 // What to say of a timer or holidays that the daemon did not take: a disk that takes nothing, else
 // `refusal`.
 failure not_stored(const std::string &what, const std::string &refusal);
+// For what the daemon does although it cannot store it: one note while the disk takes nothing.
+std::vector<std::string> notes_on_disk();
 int add_holiday(client &client, const holiday &holiday, civil_time now); // the id
+// False where they have gone already. Throws a failure where the daemon keeps them: it tells it as
+// done when its store refuses.
+bool remove_holiday(client &client, int id);
 bool runs_over_new_year(const holiday &holiday);
 
 inline constexpr const char *kNothingChanged = "nothing is changed"; // a file has a fault

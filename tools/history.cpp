@@ -163,5 +163,5 @@ void show_history(client &, const options &given) {
   if (given.json || events.empty())
     return say(given.json, list, "Nothing has happened since " + time_text(civil_of(since)) + ".");
   for (const past_event &event : events)
-    std::printf("%s  %s\n", time_text(civil_of(event.at)).c_str(), event.text.c_str());
+    std::printf("%s  %s\n", time_text(civil_of(event.at)).c_str(), printable(event.text).c_str());
 }

@@ -1,7 +1,8 @@
 #include "output.h"
 
+#include <glib.h>
+
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -129,6 +130,19 @@ json json_of(const failure &failure) {
   return {{"error", error}};
 }
 
+std::string printable(const std::string &text, char other) {
+  g_autofree char *valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+  std::string line;
+  for (const char *at = valid, *next = nullptr; *at != '\0'; at = next) {
+    next = g_utf8_next_char(at);
+    if (g_unichar_isprint(g_utf8_get_char(at)) != FALSE)
+      line.append(at, next);
+    else
+      line += other;
+  }
+  return line;
+}
+
 void print_failure(bool as_json, const failure &failure) {
   if (failure.what.empty()) // the result says it
     return;
@@ -137,10 +151,8 @@ void print_failure(bool as_json, const failure &failure) {
     std::fflush(stdout);
     return;
   }
-  std::string line = cut(failure.what) + (failure.advice.empty() ? "" : "; ") + cut(failure.advice);
-  // A word of the user's may hold what would end the line or steer the terminal.
-  std::ranges::replace_if(
-      line, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+  const std::string line =
+      printable(cut(failure.what) + (failure.advice.empty() ? "" : "; ") + cut(failure.advice));
   flush_output();
   std::fprintf(stderr, "%s%s\n", painted(stderr, kBoldRed, "dravelctl: ").c_str(), line.c_str());
 }

@@ -42,6 +42,9 @@ json json_of(const failure &failure);   // {"error": ...}
 // One line of JSON or one of text.
 void say(bool as_json, const json &value, const std::string &text);
 
+// A word of somebody else's in one line that does not steer the terminal: `other` stands for what
+// would.
+std::string printable(const std::string &text, char other = '?');
 void print_failure(bool as_json, const failure &failure);
 void print_note(const std::string &text);
 // What was done: with notes in JSON, in text with a line on standard error for each.

@@ -218,6 +218,14 @@ int add_holiday(client &client, const holiday &holiday, civil_time now) {
   return id;
 }
 
+bool remove_holiday(client &client, int id) {
+  const bool was_there = client.call_int("request_remove_disabled_period", {id}) == 0;
+  const auto left = client.holidays();
+  if (std::ranges::find(left, id, &holiday::id) != left.end())
+    throw not_stored("to remove holidays " + std::to_string(id), "");
+  return was_there;
+}
+
 const holiday *find_same(const holiday &wanted, const std::vector<holiday> &holidays) {
   const auto found = std::ranges::find_if(
       holidays, [&](const holiday &other) { return date_text(other) == date_text(wanted); });
@@ -402,7 +410,7 @@ void remove_holidays(client &client, const options &given) {
       throw failure{"there are no holidays " + std::to_string(id),
                     "dravelctl holidays list shows those there are"};
   for (const int id : ids) {
-    if (client.call_int("request_remove_disabled_period", {id}) != 0)
+    if (!remove_holiday(client, id))
       throw failure{"dravel-manager did not remove holidays " + std::to_string(id), kLogHint};
     say_with_changes(client, given.json, {{"removed", id}},
                      "Holidays " + std::to_string(id) + " are removed.", before);
@@ -419,7 +427,7 @@ static void set_effect(client &client, const options &given, int effect) {
     say_with_changes(
         client, given.json, {{"id", id}, {"holidays", effect != 0 ? "skip" : "ignore"}},
         "Timer " + std::to_string(id) + (effect != 0 ? " skips" : " ignores") + " holidays.",
-        before);
+        before, notes_on_disk());
     before = client.look();
   }
 }

@@ -21,6 +21,10 @@ static constexpr const char *kDbName = ".dravel.db";
 static constexpr const char *kOlderSuffix = ".1";
 static constexpr const char *kFreshName = ".dravel.db.new"; // a directory
 static constexpr char kSqliteHeader[] = "SQLite format 3";  // with the terminating zero: 16 bytes
+static constexpr std::size_t kWriteVersion = 18;            // of the header
+static constexpr std::size_t kReadVersion = 19;
+static constexpr std::size_t kHeaderSize = 20;
+static constexpr char kWithLog = 2;
 
 // What every version of the layout has.
 static constexpr const char *kReadings[] = {
@@ -79,13 +83,15 @@ static std::string fault_of(const fs::path &file) {
   const fs::file_status status = fs::status(file, error);
   if (fs::exists(status) && !fs::is_regular_file(status)) // opening a FIFO would wait for a writer
     return "is no regular file";
-  char header[sizeof kSqliteHeader] = {};
+  char header[kHeaderSize] = {};
   std::ifstream stream(file, std::ios::binary);
   if (!stream.is_open())
     return std::string("cannot be read: ") + std::strerror(errno);
   stream.read(header, sizeof header);
-  if (std::memcmp(header, kSqliteHeader, sizeof header) != 0)
+  if (std::memcmp(header, kSqliteHeader, sizeof kSqliteHeader) != 0)
     return "is no SQLite database";
+  if (header[kWriteVersion] == kWithLog || header[kReadVersion] == kWithLog)
+    return "has a write-ahead log: a copy of the file alone is not whole";
   const sqlite_functions sqlite;
   sqlite3 *opened = nullptr;
   const int result = sqlite.open(file.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);

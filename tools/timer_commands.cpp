@@ -268,15 +268,30 @@ void check_room(const timer_record &timer, const snapshot &view, bool force,
                   "cancel one, or give --force"};
 }
 
-failure not_stored(const std::string &what, const std::string &refusal) {
-  const std::string refused = "dravel-manager refused " + what;
-  const std::string disk = ": the disk of " + std::string(kStoreDirectory);
+// Why the disk of the store takes nothing, and what to do; empty when it does.
+static std::pair<std::string, std::string> fault_of_disk() {
+  const std::string disk = "the disk of " + std::string(kStoreDirectory);
   struct statvfs found {};
   if (statvfs(kStoreDirectory, &found) == 0 && (found.f_flag & ST_RDONLY) != 0)
-    return {refused + disk + " is read-only", "make it writable"};
+    return {disk + " is read-only", "make it writable"};
   if (found.f_blocks != 0 && found.f_bavail * found.f_frsize < kLeastRoom)
-    return {refused + disk + " is full", "make room there"};
-  return {refused + (refusal.empty() ? "" : ": " + refusal), kLogHint};
+    return {disk + " is full", "make room there"};
+  return {};
+}
+
+failure not_stored(const std::string &what, const std::string &refusal) {
+  const auto [fault, advice] = fault_of_disk();
+  const std::string &why = fault.empty() ? refusal : fault;
+  return {"dravel-manager refused " + what + (why.empty() ? "" : ": " + why),
+          fault.empty() ? kLogHint : advice};
+}
+
+std::vector<std::string> notes_on_disk() {
+  auto [fault, advice] = fault_of_disk();
+  if (fault.empty())
+    return {};
+  fault[0] = 'T';
+  return {fault + ": the next start of dravel-manager may undo this; " + advice + "."};
 }
 
 int add_to_set(client &client, const timer_record &timer, const snapshot &view) {
@@ -446,6 +461,6 @@ void cancel_timers(client &client, const options &given) {
   for (const int id : ids) {
     cancel_one(client, id);
     say(given.json, {{"cancelled", id}, {"timer", exported(*find_timer(timers, id))}},
-        "Timer " + std::to_string(id) + " is cancelled.");
+        "Timer " + std::to_string(id) + " is cancelled.", notes_on_disk());
   }
 }

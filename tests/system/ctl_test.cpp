@@ -295,6 +295,8 @@ TEST_F(Ctl, Holidays_AndChanges_TellWhatTheyMove) {
     add 7 --on daily --holidays skip; holidays add 12-16 12-17 -> holidays ignore 1; holidays => 0 \
       Timer 1 ignores holidays.\nNote: Timer 1 is now armed for Wed 2026-12-16 07:00:00; it was armed \
       for Fri 2026-12-18 07:00:00.\nID  FIRST DAY  LAST DAY\n1   16 Dec     17 Dec\n
+    holidays add 12-24; sqlite3 /opt/dbspace/.dravel.db 'CREATE TRIGGER x BEFORE DELETE ON disabled_period BEGIN \
+      SELECT RAISE(FAIL, ""); END' -> holidays remove 1 => 1 refused to remove holidays 1; its log =/> are removed
     add 7; add 8 -> holidays skip --all => 0 Timer 1 skips holidays.\nTimer 2 skips holidays.
     add 7 -> holidays skip -j 1 => 0 {"id":1,"holidays":"skip",
     holidays add 12-24 -> holidays rm 1 => 0 Holidays 1 are removed.
@@ -520,6 +522,7 @@ TEST_F(Ctl, Copies_AreCheckedBeforeTheyReplaceAnother) {
     backup -> echo junk >b/.dravel.db; ctl backup b; ls -A b => 0 .dravel.db\n =/> .dravel.db.1
     backup -> echo junk >b/.dravel.db; ctl restore b => 1 is no SQLite database
     backup -> sqlite3 b/.dravel.db 'ALTER TABLE dravel DROP tm_sec'; ctl restore b => 1 no such col
+    backup -> sqlite3 b/.dravel.db 'PRAGMA journal_mode=wal'; ctl restore b => 1 has a write-ahead log
     backup -> sqlite3 b/.dravel.db 'PRAGMA user_version=2'; ctl restore b => 1 newer version 2
     backup -> sqlite3 b/.dravel.db 'CREATE VIEW x AS SELECT 1'; ctl restore b => 1 has view x, which is none of
     backup -> sqlite3 b/.dravel.db 'CREATE TRIGGER x DELETE ON dravel BEGIN SELECT 1; END'; ctl restore b => 1 has trigger x
@@ -615,6 +618,7 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
       $D:20100401\\nRRULE:FREQ=HOURLY $D:20270401\\nDTEND${D#DTSTART}:20280402 >x -> \
       holidays import x => 1 x has no entry of whole days in the coming year; nothing is imported
     ics $D:20270401\\nRRULE:FREQ=YEARLY\;BYHOUR=1 >x -> holidays import x => 1 x has no entry of whole
+    ics $D:20270401\\nEXRULE:FREQ=SECONDLY\;BYMONTH=2\;BYMONTHDAY=1 >x -> timeout 5 dravelctl holidays import x => 1 x has no
     ics $D:10101226\\nRRULE:FREQ=DAILY >x -> holidays import x => 1 repeats its entries too often
     ics $D:20270401\\nSUMMARY:a$(printf '\\302\\233')2b >x -> holidays import x => 0 1 Apr, a 2b.
     ics $D:20270401\\nSUMMARY:ü >x -> holidays import x -j => 0 "name":"ü"
