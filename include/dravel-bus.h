@@ -124,5 +124,7 @@ enum dravel_limit {
 enum dravel_time_type {
   TIME_TYPE_BROADCAST = 0, // the TV clock
   TIME_TYPE_INTERNET = 1,  // the system clock
-  TIME_TYPE_RTC = 2        // as 0; only the end of February is taken from the real-time clock
+  // As 0, but the end of February is taken from the real-time clock, and while the TV clock is
+  // unknown that one moves a timer for once.
+  TIME_TYPE_RTC = 2
 };

@@ -10,7 +10,8 @@ void timer_added(int timer_id);
 void timer_changed(int timer_id);
 void timer_removed(int timer_id, removal_reason reason);
 // The timer was announced as expired. One that fires `once` then leaves the list as past, or as
-// never where the clock was set back meanwhile: that is told as kFired.
+// never where the clock was set back meanwhile: that is told as kFired, also after a disabled
+// period has moved it.
 void timer_fired(int timer_id, bool once);
 
 // The timer is due, but its action is halted.

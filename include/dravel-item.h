@@ -42,8 +42,8 @@ DRAVEL_API dravel_item *create_dravel_item(int type, int priority, int date_type
 DRAVEL_API dravel_item *copy_dravel_item(const dravel_item *values);
 
 // Stores `item`, gives it its id and lists it; a full list first loses the item
-// with the smallest id. Returns the timer list. Null when the item could not be
-// stored: it is then in no list and still the caller's.
+// with the smallest id. A transient item is not stored and evicts nothing. Returns the timer list.
+// Null when the item could not be stored: it is then in no list and still the caller's.
 DRAVEL_API Eina_List *add_dravel_item(dravel_item *item);
 
 // Takes the disarmed `item` out of the lists, deletes its row and releases it.
@@ -58,7 +58,8 @@ DRAVEL_API dravel_item *find_dravel_item(int timer_id);
 // 1 for a type that turns the set on, else 0.
 DRAVEL_API int is_ontimer_item(const dravel_item *item);
 
-// When 80 or more are listed, disarms and removes the item with the smallest id.
+// When 80 or more are listed, disarms and removes the item with the smallest id. An on-timer that
+// it had disarmed as an off-timer is armed again, or removed when it is past.
 DRAVEL_API void check_over_max_timer_num(void);
 
 // The order of the lists: below 0 when the listed item stays ahead of the new

@@ -574,7 +574,7 @@ static bool is_db_synchronised(void) {
   return sync_db;
 }
 
-// The feature is asked for first, so that the log shows a failure for each row that is read.
+// The feature is asked for first, so that the log shows a failure for each row that is listed.
 static bool is_dropped_by_cold_start(const dravel_item *row) {
   return !is_db_synchronised() && load_wakeup_reason == 0 && get_relaunch_state() == 0 &&
          (has_type(row, TIMER_TYPE_ON) || has_type(row, TIMER_TYPE_OFF));

@@ -224,7 +224,7 @@ template <auto Field> static bool differs(const shown_state &one, const shown_st
   return one.*Field != other.*Field;
 }
 
-// Sent as names only: up to 80 timers are armed, and the clock's value is old when it arrives.
+// Sent as names only: 80 timers and more are armed, and the clock's value is old when it arrives.
 static constexpr state_property kProperties[] = {
     {"Version", "s", E_DBUS_PROPERTY_CONST, append_basic<&shown_state::version, DBUS_TYPE_STRING>,
      differs<&shown_state::version>},

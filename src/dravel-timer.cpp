@@ -684,8 +684,8 @@ static bool is_head_due(void) {
 
 // The programmed on-timer was removed: programs the next one. The on-time is cleared first, so that
 // the set does not wake for the removed one when there is no next one. After a cancellation an
-// on-timer at the head without a next expiry ends the choice: nothing is programmed until the next
-// adjustment.
+// on-timer at the head without a next expiry ends the choice: nothing is programmed until timers
+// are armed again or another on-timer is scheduled.
 static void schedule_next_ontimer(bool was_cancelled) {
   disable_programmed_ontimer();
   if (get_ontimer_list() == nullptr) {
