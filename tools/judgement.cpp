@@ -181,11 +181,14 @@ static std::vector<std::string> notes_of_armed(timer_record wanted, const snapsh
   std::vector<std::string> notes;
   const int type = wanted.type;
   const civil_time at = wanted.at;
-  if (is_ontimer_type(type) && at != floor<minutes>(at))
-    notes.emplace_back("On-timers ignore seconds.");
   if (type == TIMER_TYPE_TRANSIENT && wanted.week_flag != 0)
     notes.emplace_back("A transient timer fires once, whatever its days.");
   const civil_time next = after.armed.at(wanted.id);
+  if (is_ontimer_type(type) && at != floor<minutes>(at))
+    notes.push_back(next == floor<minutes>(next)
+                        ? "On-timers ignore seconds."
+                        : "On-timers ignore seconds on the day itself: this one may fire at " +
+                              time_of_day_text(floor<minutes>(next)) + "; give whole minutes.");
   next_firing(wanted, before.now, before.holidays);
   if (wanted.at != at)
     notes.push_back("Holidays move it from " + time_text(at) + " to " + time_text(next) + ".");

@@ -218,6 +218,7 @@ TEST_F(Ctl, WordsOfTheLine_AreUnderstood_AndNonsenseIsRefused) {
     add 7 --on mon -> ctl change 1 --at 'tomorrow 9:00' => 2 time of day alone, or add --on once\n
     add 'fri 7:00' --on mon => 2 a timer for a date does not repeat
     add 7:00:05 => 0 On-timers ignore seconds.
+    add 7:00:05 --on mon => 0 07:00:05 ... ignore seconds on the day itself: this one may fire at 07:00;
     add 7:00 --on daily --type transient-off => 0 fires once, whatever its days
     add 7:00 --type transient-off => 0 Timer -10 is added =/> whatever its days
     add 7:00 --on monday --on sat,sun => 0 Days: Mon,Sat,Sun
