@@ -101,8 +101,7 @@ static year_month_day date_of(const icaltimetype &time) {
 
 static sys_days day_of(const icaltimetype &time) { return date_of(time); }
 
-// What recurs more often than daily could be counted from long ago for hours; so could a rule of
-// exceptions, which calendars no longer have.
+// What recurs more often than daily could be counted from long ago for hours.
 bool calendar_reader::is_holiday(icalcomponent *event) const {
   const auto is_rare = [this](icalproperty *rule) {
     const icalrecurrencetype &of = ical.get_rrule(rule);
@@ -111,22 +110,22 @@ bool calendar_reader::is_holiday(icalcomponent *event) const {
            of.by_second[0] == ICAL_RECURRENCE_ARRAY_MAX;
   };
   const icaltimetype start = ical.get_dtstart(event);
-  return start.is_date != 0 && date_of(start).ok() && date_of(ical.get_dtend(event)).ok() &&
-         ical.get_status(event) != ICAL_STATUS_CANCELLED &&
-         properties_of(event, ICAL_EXRULE_PROPERTY).empty() &&
+  // So could a rule of exceptions, which calendars no longer have.
+  const bool has_exceptions = !properties_of(event, ICAL_EXRULE_PROPERTY).empty();
+  return !has_exceptions && start.is_date != 0 && date_of(start).ok() &&
+         date_of(ical.get_dtend(event)).ok() && ical.get_status(event) != ICAL_STATUS_CANCELLED &&
          std::ranges::all_of(properties_of(event, ICAL_RRULE_PROPERTY), is_rare);
 }
 
 // A name stands in one line and must not steer the terminal.
 static std::string name_of(const char *summary) {
-  std::string name = summary != nullptr ? summary : "";
+  std::string name = printable(summary != nullptr ? summary : "", ' ');
   if (name.size() > kLongestName) {
-    std::size_t end = kLongestName; // the beginning of a character
-    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xc0) == 0x80)
-      --end;
-    name.resize(end);
+    const char *text = name.c_str();
+    name.resize(
+        static_cast<std::size_t>(g_utf8_find_prev_char(text, text + kLongestName + 1) - text));
   }
-  return printable(name, ' ');
+  return name;
 }
 
 // The entry when it comes at this time. Its end is the day after the last.

@@ -622,6 +622,7 @@ TEST_F(Ctl, Calendars_GiveTheHolidaysOfTheComingYear) {
     ics $D:20270401\\nEXRULE:FREQ=SECONDLY\;BYMONTH=2\;BYMONTHDAY=1 >x -> timeout 5 dravelctl holidays import x => 1 x has no
     ics $D:10101226\\nRRULE:FREQ=DAILY >x -> holidays import x => 1 repeats its entries too often
     ics $D:20270401\\nSUMMARY:a$(printf '\\302\\233')2b >x -> holidays import x => 0 1 Apr, a 2b.
+    ics $D:20270401\\nSUMMARY:$(printf '\\243%.0s' $(seq 40)) >x -> ctl holidays import x | tr -cd '\357' | wc -c => 0 33\n
     ics $D:20270401\\nSUMMARY:ü >x -> holidays import x -j => 0 "name":"ü"
     ics $D:20261332\\nDTEND${D#DTSTART}:20270199 >x -> holidays import x => 1 has no entry of whole days
     ics $D:20270401 | head -n4 >x -> holidays import x => 1 is cut off
