@@ -421,13 +421,14 @@ void remove_holidays(client &client, const options &given) {
 static void set_effect(client &client, const options &given, int effect) {
   snapshot before = client.look();
   const char *command = effect != 0 ? "holidays skip" : "holidays ignore";
-  for (const int id : timers_of(before.timers, given, command)) {
+  const auto ids = timers_of(before.timers, given, command);
+  for (const int id : ids) {
     if (client.call_int("request_set_disable_period_effect", {id, effect}) != 0)
       throw no_such_timer(id);
     say_with_changes(
         client, given.json, {{"id", id}, {"holidays", effect != 0 ? "skip" : "ignore"}},
         "Timer " + std::to_string(id) + (effect != 0 ? " skips" : " ignores") + " holidays.",
-        before, notes_on_disk());
+        before, id == ids.back() ? notes_on_disk() : std::vector<std::string>());
     before = client.look();
   }
 }

@@ -83,21 +83,25 @@ static std::string fault_of(const fs::path &file) {
   const fs::file_status status = fs::status(file, error);
   if (fs::exists(status) && !fs::is_regular_file(status)) // opening a FIFO would wait for a writer
     return "is no regular file";
-  char header[kHeaderSize] = {};
+  char header[sizeof kSqliteHeader] = {};
   std::ifstream stream(file, std::ios::binary);
   if (!stream.is_open())
     return std::string("cannot be read: ") + std::strerror(errno);
   stream.read(header, sizeof header);
-  if (std::memcmp(header, kSqliteHeader, sizeof kSqliteHeader) != 0)
+  if (std::memcmp(header, kSqliteHeader, sizeof header) != 0)
     return "is no SQLite database";
-  if (header[kWriteVersion] == kWithLog || header[kReadVersion] == kWithLog)
-    return "has a write-ahead log: a copy of the file alone is not whole";
   const sqlite_functions sqlite;
   sqlite3 *opened = nullptr;
   const int result = sqlite.open(file.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
   const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(opened, sqlite.close);
   return result == SQLITE_OK ? fault_within(sqlite, db.get())
                              : std::string("cannot be opened: ") + sqlite.errmsg(db.get());
+}
+
+static bool has_log(const fs::path &file) {
+  char header[kHeaderSize] = {};
+  std::ifstream(file, std::ios::binary).read(header, sizeof header);
+  return header[kWriteVersion] == kWithLog || header[kReadVersion] == kWithLog;
 }
 
 // --- the commands ---
@@ -199,6 +203,10 @@ void restore(client &client, const options &given) {
   if (const std::string fault = fault_of(file); !fault.empty())
     throw failure{file.string() + " " + fault + "; nothing is restored",
                   "dravelctl backup makes a good one"};
+  if (has_log(file)) // only that file is copied
+    throw failure{file.string() + " has a write-ahead log, without which it may lack its last "
+                                  "changes; nothing is restored",
+                  "sqlite3 " + file.string() + " 'PRAGMA journal_mode = delete'"};
   copy_db(client, 1, directory, "it could not restore its database from " + directory.string());
   if (given.restart)
     restart_daemon();

@@ -271,8 +271,11 @@ void check_room(const timer_record &timer, const snapshot &view, bool force,
 // Why the disk of the store takes nothing, and what to do; empty when it does.
 static std::pair<std::string, std::string> fault_of_disk() {
   const std::string disk = "the disk of " + std::string(kStoreDirectory);
+  struct statvfs root {};
   struct statvfs found {};
-  if (statvfs(kStoreDirectory, &found) == 0 && (found.f_flag & ST_RDONLY) != 0)
+  // A service such as the bridge sees all disks as read-only.
+  const bool is_all_read_only = statvfs("/", &root) == 0 && (root.f_flag & ST_RDONLY) != 0;
+  if (statvfs(kStoreDirectory, &found) == 0 && (found.f_flag & ST_RDONLY) != 0 && !is_all_read_only)
     return {disk + " is read-only", "make it writable"};
   if (found.f_blocks != 0 && found.f_bavail * found.f_frsize < kLeastRoom)
     return {disk + " is full", "make room there"};
@@ -287,11 +290,10 @@ failure not_stored(const std::string &what, const std::string &refusal) {
 }
 
 std::vector<std::string> notes_on_disk() {
-  auto [fault, advice] = fault_of_disk();
+  const auto [fault, advice] = fault_of_disk();
   if (fault.empty())
     return {};
-  fault[0] = 'T';
-  return {fault + ": the next start of dravel-manager may undo this; " + advice + "."};
+  return {sentence(fault + ": the next start of dravel-manager may undo this; " + advice)};
 }
 
 int add_to_set(client &client, const timer_record &timer, const snapshot &view) {
@@ -461,6 +463,7 @@ void cancel_timers(client &client, const options &given) {
   for (const int id : ids) {
     cancel_one(client, id);
     say(given.json, {{"cancelled", id}, {"timer", exported(*find_timer(timers, id))}},
-        "Timer " + std::to_string(id) + " is cancelled.", notes_on_disk());
+        "Timer " + std::to_string(id) + " is cancelled.",
+        id == ids.back() ? notes_on_disk() : std::vector<std::string>());
   }
 }

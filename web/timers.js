@@ -14,7 +14,7 @@ const kClocks = { internet: "UTC", rtc: "clock of the machine" };
 async function cancel(timer) {
     const done = await act(`timer-${timer.id}`, ["cancel", String(timer.id)]);
     if (!done) return;
-    tell([`${sentence(timer.title)} is cancelled.`], () => restore(done.timer));
+    tell([`${sentence(timer.title)} is cancelled.`, ...(done.notes ?? [])], () => restore(done.timer));
     keyed("undo").focus(); // the row goes, with the button that has the focus
 }
 

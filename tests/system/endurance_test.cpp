@@ -239,7 +239,11 @@ protected:
       }
     timer_rows left = book;
     if (!left.empty()) {
-      bus.cancel(kDaemon, left.begin()->first);
+      const std::string said =
+          shell("dravelctl cancel " + std::to_string(left.begin()->first)).said;
+      if (by != FAILING) {
+        EXPECT_THAT(said, HasSubstr("may undo this; make "));
+      }
       left.erase(left.begin());
     }
     EXPECT_EQ(text_of(listed(bus)), text_of(left));
