@@ -93,8 +93,10 @@ static constexpr const char *kTag = "E_DBUS";
 static constexpr std::size_t kMostWaitingCalls = 128;
 // Of all clients: the socket is read again once less waits.
 static constexpr long kMostWaitingBytes = 32L * 1024 * 1024;
-// Likewise. A process may have 1,024, and a connection that gets no more of them is closed.
+// Likewise. A process may have 1,024 descriptors, and the connection is closed when those of a
+// message do not fit, in the process or in what one message may have: the kernel's 253.
 static constexpr long kMostWaitingDescriptors = 64;
+static constexpr long kMostDescriptorsOfAMessage = 253;
 // Between two answers, so that timers are not late.
 static constexpr int kMostMessagesInAPass = 250;
 // By E_DBus_Property_Change.
@@ -605,6 +607,7 @@ static bool drive_from_main_loop(E_DBus_Connection *connection) {
   dbus_connection_set_exit_on_disconnect(bus, FALSE);
   dbus_connection_set_max_received_size(bus, kMostWaitingBytes);
   dbus_connection_set_max_received_unix_fds(bus, kMostWaitingDescriptors);
+  dbus_connection_set_max_message_unix_fds(bus, kMostDescriptorsOfAMessage);
   dbus_connection_set_dispatch_status_function(bus, dispatch_status_changed, connection, nullptr);
   dbus_connection_set_wakeup_main_function(bus, wakeup_main, connection, nullptr);
   if (!dbus_connection_set_watch_functions(bus, add_watch, remove_watch, toggle_watch, connection,

@@ -132,7 +132,7 @@ TEST_F(Service, ClientsTakeTurns_AndACallBehindTooManyIsRefused) {
       [](DBusMessage *signal) { return body_text(signal).find("HaltOn") != std::string::npos; });
 }
 
-// Any user may send them; the daemon may have as many as it needs for this.
+// Any user may send them. The daemon may have 192 here, of which 79 at most are of messages.
 TEST_F(Service, DescriptorsThatNoCallNeeds_DoNotEndTheDaemon) {
   start();
   const message laden = request_of(kDaemon, "request_get_timers_halt_effect", "(0,)");
@@ -142,8 +142,9 @@ TEST_F(Service, DescriptorsThatNoCallNeeds_DoNotEndTheDaemon) {
     dbus_message_append_args(laden.get(), DBUS_TYPE_UNIX_FD, &kAny, DBUS_TYPE_INVALID);
   }
   const pid_t daemon = bus.pid_of(kDaemon.name);
+  ASSERT_GT(daemon, 0);
   const rlimit few{192, 192};
-  EXPECT_EQ(prlimit(daemon, RLIMIT_NOFILE, &few, nullptr), 0);
+  ASSERT_EQ(prlimit(daemon, RLIMIT_NOFILE, &few, nullptr), 0);
   kill(daemon, SIGSTOP);
   for (int i = 0; i < 40; ++i)
     bus.post(message(dbus_message_copy(laden.get())));
