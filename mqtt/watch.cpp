@@ -108,6 +108,7 @@ watch::~watch() {
 
 void watch::set_running(bool is_running) {
   is_running_ = is_running;
+  is_busy_ = false;
   if (is_running) {
     seen_ = {};
     expect();
