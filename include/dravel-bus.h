@@ -124,7 +124,7 @@ enum dravel_limit {
 enum dravel_time_type {
   TIME_TYPE_BROADCAST = 0, // the TV clock
   TIME_TYPE_INTERNET = 1,  // the system clock
-  // As 0, but the end of February is taken from the real-time clock, and while the TV clock is
-  // unknown that one moves a timer for once.
+  // As 0, but the end of February is taken from the real-time clock, and so are the moves of a
+  // timer for once while the TV clock is unknown.
   TIME_TYPE_RTC = 2
 };

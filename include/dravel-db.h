@@ -40,13 +40,13 @@ DRAVEL_API int close_dravel_db(void);
 // connections stay: reads still work, writes are refused, and the next start creates new files.
 DRAVEL_API void reset_dravel_db(void);
 
-// 0 when the file at `path` exists and is sound, also when it is no database or
-// stays locked for two seconds: what follows fails then. Otherwise -1: the file is missing; or it
+// 0 when the file at `path` exists and is sound, also when it is no database or is locked: what
+// follows fails then, if need be after two seconds. Otherwise -1: the file is missing; or it
 // was damaged and has been deleted; or SQLite reports it corrupt and it is still there.
 DRAVEL_API int integrity_check(const char *path);
 
 // Creates the file where it is missing and gives it the daemon's owner and mode
-// 664. Returns 0, also when the owner cannot be given, or -1 when that fails.
+// 664. Returns 0, or -1 when the file or its mode fails; a refused owner is logged only.
 DRAVEL_API int make_db_file_manual(const char *path);
 
 // Timer rows of the main database.

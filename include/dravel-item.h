@@ -58,8 +58,8 @@ DRAVEL_API dravel_item *find_dravel_item(int timer_id);
 // 1 for a type that turns the set on, else 0.
 DRAVEL_API int is_ontimer_item(const dravel_item *item);
 
-// When 80 or more are listed, disarms and removes the item with the smallest id. An on-timer that
-// it had disarmed as an off-timer is armed again, or removed when it is past.
+// When 80 or more are listed, disarms and removes the item with the smallest id. When that
+// was an off-timer, an on-timer that it had disarmed is armed again, or removed when it is past.
 DRAVEL_API void check_over_max_timer_num(void);
 
 // The order of the lists: below 0 when the listed item stays ahead of the new

@@ -74,8 +74,8 @@ DRAVEL_API void cancel_dravel_item(dravel_item *item);
 DRAVEL_API void replace_removed_ontimer(void);
 
 // Re-arms every item but transient ones after an expiry or a change of the clock or the disabled
-// periods, and moves armed one-shot items whose clock is known to their next time of day, but those
-// of type 9. In the form of a settings watcher, whose arguments it ignores.
+// periods. Armed one-shot items, unless of type 9, are moved to their next time of day; on an
+// unknown clock they are disarmed. In the form of a settings watcher, whose arguments it ignores.
 DRAVEL_API void adjust_dravel_all_items(struct settings_key *key, void *data);
 
 // Re-arms every item without moving it, once the clock has become valid.
