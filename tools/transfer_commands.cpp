@@ -64,7 +64,9 @@ static void check_names(const element &of, const json &like) {
 }
 
 static int number_of(const element &of, int least, int most) {
-  const auto number = of.value.is_number() ? parse_int(of.value.dump()) : std::nullopt;
+  std::optional<int> number;
+  if (of.value.is_number())
+    number = parse_int(of.value.dump());
   if (!number || *number < least || *number > most)
     reject(of, "a whole number from " + std::to_string(least) + " to " + std::to_string(most));
   return *number;
