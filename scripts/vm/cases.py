@@ -3,6 +3,7 @@ import json
 import re
 import time
 
+import client_cases
 import kill_cases
 import night_cases
 import platform_cases
@@ -247,6 +248,6 @@ def upgrade(lab):
 
 
 ALL = (install, suspend, off, wakeup, early, halted, skipped, clocks, local, poweroff, missing,
-       upgrade, *platform_cases.CASES, *kill_cases.CASES, *night_cases.CASES)
+       upgrade, *client_cases.CASES, *platform_cases.CASES, *kill_cases.CASES, *night_cases.CASES)
 CASES = {case.__name__: case for case in ALL}
 NAMED_ONLY = [case.__name__ for case in night_cases.CASES]

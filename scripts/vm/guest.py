@@ -104,13 +104,17 @@ class Guest(Machine):
         text = shlex.quote("\n".join(["[linux]", *lines]))
         self.run(f"echo {text} >/etc/dravel-manager.conf && systemctl reload dravel-manager")
 
+    def plug(self, path):
+        """Gives the machine a third disk, /dev/vdc."""
+        self.qmp("blockdev-add", driver="raw", **{"node-name": "third"},
+                 file={"driver": "file", "filename": str(path)})
+        self.qmp("device_add", driver="virtio-blk-pci", drive="third")
+        self.run("timeout 10 sh -c 'until [ -b /dev/vdc ]; do sleep 0.1; done'")
+
     def plug_store(self, path):
         """Puts the daemon's store on a disk of its own."""
-        self.qmp("blockdev-add", driver="raw", **{"node-name": "store"},
-                 file={"driver": "file", "filename": str(path)})
-        self.qmp("device_add", driver="virtio-blk-pci", drive="store")
-        self.run("timeout 10 sh -c 'until [ -b /dev/vdc ]; do sleep 0.1; done' && "
-                 "mount /dev/vdc /opt/dbspace")
+        self.plug(path)
+        self.run("mount /dev/vdc /opt/dbspace")
 
     # --- clocks ---
 
