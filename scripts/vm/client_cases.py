@@ -59,8 +59,9 @@ def clients(lab):
             len(overview["timers"]) == len(timers))
     guest.run("systemctl stop dravel-mqtt observer && dravel-mqtt --forget")
     guest.run("apt purge dravel-manager-mqtt dravel-manager-cockpit", 120)
-    kept = guest.run(f"mosquitto_sub -t '{TOPIC}/#' -W 3 2>/dev/null", check=False)
-    lab.row("forgotten and purged: the broker keeps nothing", kept or "nothing", not kept)
+    guest.run("mosquitto_pub -r -t proof -m read") # an empty answer would not tell that it was one
+    kept = guest.run(f"mosquitto_sub -v -t '{TOPIC}/#' -t proof -W 3 2>/dev/null", check=False)
+    lab.row("forgotten and purged: the broker keeps nothing else", kept, kept == "proof read")
     left = guest.run("ls -d /var/lib/dravel-mqtt /etc/dravel-mqtt* /usr/share/cockpit/dravel "
                      "2>/dev/null", check=False)
     lab.row("no file is left", left or "none", not left)
