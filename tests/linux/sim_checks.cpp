@@ -369,11 +369,13 @@ bool sim_checks::is_led_to(off_action method) const {
   return world_.alarm.stands() != 0 && left <= ahead() && (boots || !is_hop);
 }
 
-// An off-timer of since the wake-up wants its own kind of sleep, and perhaps a late one.
+// An off-timer of since the wake-up wants its own kind of sleep, and perhaps a late one. It gives
+// up one that the machine cannot do.
 off_action sim_checks::wanted_method() const {
   const off_action before = has_booted_ ? off_action::kPoweroff : world_.method;
   const bool is_late = made_up_at_ >= world_.up_at && before == off_action::kSuspend;
-  return is_late || off_at_ >= world_.up_at ? world_.set.off : before;
+  const bool can = world_.set.off != off_action::kHibernate || (world_.can & kHibernateBit) != 0;
+  return can && (is_late || off_at_ >= world_.up_at) ? world_.set.off : before;
 }
 
 bool sim_checks::wants_return() const {
@@ -522,8 +524,9 @@ void sim_checks::check_release() {
   if (!world_.is_leaving())
     return;
   const millis last_try = begun_at + world_.m.use.delay_max_ms - kLastTryMs;
-  // One that has started since may take this sleep for the last one, which has failed meanwhile.
-  const bool has_started = world_.alive_at >= begun_at;
+  // One whose requests reached the bus since may take this sleep for the last one, which has failed
+  // meanwhile.
+  const bool has_started = world_.alive_at + world_.bus_ms >= begun_at;
   const bool is_mistaken = has_started && world_.booted_at + world_.m.power.went.boot < begun_at;
   never(5, told_at_ < begun_at && !has_started,
         "the delay ends before the daemon knows of the standby");
