@@ -270,7 +270,8 @@ static finding screen_found(examination &e) {
             "if it is on, switch on HDMI-CEC in its menu; dravelctl test screen tries it"};
   if (units.empty())
     return {"Screen", state::kProblem, "there is no HDMI-CEC adapter, and no unit turns the screen",
-            "systemctl enable dravel-screen-ddc; dravel-manager.conf(5) has others"};
+            "apt install ddcutil && systemctl enable dravel-screen-ddc; dravel-manager.conf(5) has "
+            "others"};
   return {"Screen", state::kGood, "turned by " + list_of(units)};
 }
 

@@ -69,8 +69,9 @@ static bool take_hop_boots(linux_configuration &into, const char *text) {
 }
 
 static bool take_follow_screen(linux_configuration &into, const char *text) {
+  bool is_yes = false;
   into.decisions.follow_screen = g_str_equal(text, "sleep");
-  return into.decisions.follow_screen || g_str_equal(text, "no");
+  return into.decisions.follow_screen || (take_switch(is_yes, text) && !is_yes);
 }
 
 static bool take_screen_follows(linux_configuration &into, const char *text) {

@@ -67,9 +67,10 @@ void say_cause(decision &d) {
       static_cast<std::int64_t>(d.m.woken.by), d.m.woken.type);
 }
 
-// Without a signal for as long as the sleep lasted, a screen that was on may well be off.
+// Without a signal for as long as the sleep lasted, a screen that was on may well be off. An order
+// may come before the clock has shown what has woken the machine.
 static void doubt_screen(decision &d) {
-  if (d.m.screen.believed == screen_state::kOn)
+  if (is_on(d.m) && d.m.screen.ordered_at < d.m.woken.at)
     d.m.screen.believed = screen_state::kUnknown;
 }
 

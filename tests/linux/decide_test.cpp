@@ -753,6 +753,12 @@ SCENARIOS(Decide, AUnitThatARestartHasLost_IsStarted_UnlessSomethingNewerIsOrder
   screen_wanted on bus               | waiting | ambient
 )")
 
+SCENARIOS(Decide, AScreenThatNobodyAnswersFor_IsDoubtedAfterASleep_UnlessItIsOrderedSince, R"(
+  machine no_cec; program 0 +1000; screen_wanted on bus; sleep 985 => woken timer believed unknown
+  machine no_cec; program 0 +1000; sleep_begins; slept 985; screen_wanted on bus
+    => woken timer believed on
+)")
+
 SCENARIOS(Decide, AUnitThatASleepHasLost_LeavesItsScreenUnknown, R"(
   machine no_cec; screen_wanted on bus => believed on; start same_boot; sleep 100
     => believed unknown jobs ''

@@ -98,6 +98,9 @@ TEST_F(Configuration, OfAReload_KeepsWhatIsInForce_WhereItIsBad) {
   read_configuration();
   EXPECT_NE(next_entry().find("there is no group [linux]"), std::string::npos);
   EXPECT_EQ(configuration().rtc, "/dev/rtc1");
+  configure("follow-screen=false");
+  read_configuration();
+  EXPECT_EQ(configuration().decisions, settings{});
   std::filesystem::remove(kConfigurationPath);
   read_configuration();
   EXPECT_EQ(configuration().decisions, settings{});
