@@ -157,6 +157,7 @@ struct sim {
   void process_at(millis when, action what); // dropped when the process ends
   void answer(const event::any &what);       // over the bus
   void signal(const event::any &what);
+  bool is_signal_under_way() const { return signal_at_ > now; }
   bool is_leaving() const { return sleeps_now || stops_now; }
   millis begun_at() const { return begun_at_ + booted_at; } // the last announced sleep or shutdown
   void begin_sleep(off_action by);

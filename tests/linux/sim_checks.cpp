@@ -69,10 +69,12 @@ void sim_checks::never(int sentence, bool holds, const char *text) {
     world_.broken(sentence, text);
 }
 
-bool sim_checks::is_timer_second() const { return now() >= due_at_ && now() < due_at_ + kSecondMs; }
+bool sim_checks::is_timer_second(millis at) const {
+  return at >= due_at_ && at < due_at_ + kSecondMs;
+}
 
 // A process that starts now takes a step for time that has passed, and a timer for a late one.
-bool sim_checks::is_step_unseen() const { return stepped_at_ > now() - kUnseenMs; }
+bool sim_checks::is_step_unseen(millis at) const { return stepped_at_ > at - kUnseenMs; }
 
 bool sim_checks::is_clock_known() const { return world_.rtc_valid || is_clock_set_; }
 
@@ -243,7 +245,7 @@ void sim_checks::check_return() {
   const bool says_on = tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on;
   never(3, says_on && !is_silent_ && tv.changed_at < now() - kAskedMs,
         "somebody watches at a return");
-  never(3, tv.has_adapter() && asked_at_ < now() - kAskedMs,
+  never(3, tv.has_adapter() && std::max(asked_at_, tv.changed_at) < now() - kAskedMs,
         "the television is not asked before a return");
   const millis quiet = now() - world_.seen_at;
   const bool has_come = world_.seen_at > world_.up_at && quiet > kUnseenMs;
@@ -272,7 +274,8 @@ void sim_checks::check_sleep(const order::sleep &what) {
   const std::int64_t near = lead_of(world_, what.method) + nearness_of(world_, what.method);
   never(3, is_wanted && ahead() < near, "an on-time is near at a sleep");
   const std::int64_t unsure = world_.alarm.rounding() + kNearSeconds;
-  world_.may_move = world_.may_move || (is_wanted && ahead() < near + unsure);
+  const bool was_refused = alarm_refused_at_ >= world_.up_at; // a restart tries sooner or later
+  world_.may_move = world_.may_move || was_refused || (is_wanted && ahead() < near + unsure);
   never(3,
         is_wanted && std::max(tampered_at_, world_.foreign_at) < now() - kAskedMs &&
             !is_led_to(what.method),
@@ -510,7 +513,7 @@ void sim_checks::went_down(bool is_ready) {
     is_down_known_ = is_ready;
   else if (world_.m.armed)
     is_down_known_ = true;
-  was_timer_second_ = is_timer_second();
+  was_timer_second_ = is_timer_second(now());
   was_right_ =
       is_ready && !world_.m.test.running && tampered_at_ < released_at_ && !refuses_alarm(world_);
   if (was_right_ && off_went_at_ < released_at_) // nothing has gone off since
@@ -524,11 +527,11 @@ void sim_checks::check_release() {
   if (!world_.is_leaving())
     return;
   const millis last_try = begun_at + world_.m.use.delay_max_ms - kLastTryMs;
-  // One whose requests reached the bus since may take this sleep for the last one, which has failed
-  // meanwhile.
-  const bool has_started = world_.alive_at + world_.bus_ms >= begun_at;
-  const bool is_mistaken = has_started && world_.booted_at + world_.m.power.went.boot < begun_at;
-  never(5, told_at_ < begun_at && !has_started,
+  // One that is still to hear of this sleep, or has started since, may take it for the last one,
+  // which has failed meanwhile.
+  const bool is_unheard = world_.alive_at >= begun_at || world_.is_signal_under_way();
+  const bool is_mistaken = is_unheard && world_.booted_at + world_.m.power.went.boot < begun_at;
+  never(5, told_at_ < begun_at && !is_unheard,
         "the delay ends before the daemon knows of the standby");
   never(5, has_problem(world_, problem::kAlarmRefused) && now() < last_try && !is_mistaken,
         "a refused alarm is given up with the delay");
@@ -581,7 +584,10 @@ void sim_checks::came_up(bool boots) {
     sleeps_.clear(); // an alarm or somebody has booted it: that is no loop
   }
   left_at_up_ = world_.alarm.stands() == 0 ? kDay : world_.alarm.left(now());
-  short_sleeps_ = now() - world_.down_at < kShortSleepMs ? short_sleeps_ + 1 : 0;
+  const millis length = now() - world_.down_at;
+  short_sleeps_ = length < kShortSleepMs ? short_sleeps_ + 1 : 0;
+  if (std::abs(length - kShortSleepMs) <= kRestartMs)
+    world_.may_move = true;
   failed_ = 0;
   if (was_timer_second_) // it may have been about to fire
     may_turn_on(now() + kBootsMs);
@@ -592,6 +598,10 @@ void sim_checks::came_up(bool boots) {
   if (world_.is_alive && !world_.m.armed && world_.tv.on)
     world_.may_move = true;
   may_turn_on(now() + kBootsMs);
+  if (world_.utc() - last >= kLateSeconds - 1) { // it may be late once the process asks
+    world_.may_move = true;
+    return;
+  }
   if (off_due_ == last) // the order in which the daemon has them counts
     return;
   // Without a slept time the daemon's own timers end at the wake-up, before anything is known. When
@@ -687,7 +697,9 @@ void sim_checks::check_line(const order::say &said) {
 
 // The last line may be lost with the process; what was about to fire is made up for.
 void sim_checks::process_ended() {
-  if (!expected_.empty() || is_timer_second() || is_step_unseen())
+  const auto is_open = [&](millis at) { return is_timer_second(at) || is_step_unseen(at); };
+  const millis seen_at = world_.booted_at + world_.m.power.seen.boot; // its last event
+  if (!expected_.empty() || is_open(now()) || is_open(seen_at))
     may_turn_on(now() + kLateMs);
   expect_nothing();
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
@@ -854,6 +866,8 @@ void sim_checks::decided(const event::any &what, const orders &list) {
   if (const auto *job = std::get_if<event::job_began>(&what))
     note_job(*job);
   note_television(what);
+  if (has_problem(world_, problem::kAlarmRefused))
+    alarm_refused_at_ = now();
   check_credit();
   check_problems(what);
   check_due(what);

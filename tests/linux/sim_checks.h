@@ -40,8 +40,8 @@ public:
   void sleep_crosses() { crossed_at_ = now(); }
   void delay_ended(millis begun_at);
   void halted();
-  bool is_timer_second() const; // a timer is due in it
-  bool is_step_unseen() const;
+  bool is_timer_second(millis at) const; // a timer is due in it
+  bool is_step_unseen(millis at) const;
   bool is_cause_open() const { return is_cause_open_; } // not looked at since the wake-up
   bool has_released(millis since) const { return released_at_ >= since; }
 
@@ -121,7 +121,7 @@ private:
 
   // the alarm and the wake-up
   wanted_alarm wanted_, wanted_at_down_;
-  millis tampered_at_ = -kDayMs, stepped_at_ = -kDayMs;
+  millis tampered_at_ = -kDayMs, stepped_at_ = -kDayMs, alarm_refused_at_ = -kDayMs;
   millis lost_since_ = kNever;   // another program's alarm
   millis off_went_at_ = -kDayMs; // the last alarm
   millis off_went_before_up_ = -kDayMs;

@@ -26,7 +26,7 @@ std::string sim::run(const night &what, bool restarts) {
     else
       world_at(one.at, [this, &one] {
         note("> " + line_of(one));
-        may_move = may_move || checks.is_timer_second() || is_leaving() || m.screen.pending;
+        may_move = may_move || checks.is_timer_second(now) || is_leaving() || m.screen.pending;
         acted_at = now;
         if ((act_of(one).flags & kAwake) == 0 || state == life::kRunning)
           act_of(one).does(*this, one.a, one.b);
@@ -170,9 +170,10 @@ static night shortest(night found, const std::string &sentence) {
 
 static std::string explain(const night &found, const std::string &sentence) {
   const night least = shortest(found, sentence);
+  const bool is_of_restart = sim().run(least).empty();
   sim world;
   const std::vector<std::string> &trace = world.trace.emplace();
-  world.run(least, sentence == "9:");
+  world.run(least, is_of_restart);
   std::string text;
   for (const step &one : least.steps)
     if (act_of(one).weight < 0)

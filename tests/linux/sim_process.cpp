@@ -84,7 +84,7 @@ bool sim::may_restart() const {
                        std::ranges::any_of(m.jobs, [](const job &one) { return one.id != 0; });
   return (is_busy || !restarts_busy_) && is_known && m.armed && !m.test.running &&
          !set.follow_screen && counts_sleep && !is_leaving() && tv.answers_after < kSecondMs &&
-         tv.changed_at < now - kSecondMs && !checks.is_step_unseen();
+         tv.changed_at < now - kSecondMs && !checks.is_step_unseen(now);
 }
 
 void sim::send(const event::any &what) {

@@ -95,6 +95,7 @@ void sim::go_down(off_action by, bool is_announced) {
     return;
   ++sleep_;
   const bool is_ready = is_announced && is_armed() && checks.has_released(begun_at());
+  may_move = may_move || (is_alive && !m.armed); // one that starts is not told in time
   method = by;
   if (fails > 0 && method != off_action::kPoweroff) {
     --fails;
