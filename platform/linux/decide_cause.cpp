@@ -123,7 +123,7 @@ void decide_cause(decision &d, others_did others) {
   if (woken.by == cause::kTimer || woken.by == cause::kHop)
     doubt_screen(d);
   count_short_sleep(d);
-  if (d.m.test.running)
+  if (d.m.test.running && d.m.sleep.wish != sleep_wish::kTest) // otherwise it has begun since
     trial_ends(d, 0);
   if (woken.by != cause::kNothing)
     say_cause(d);

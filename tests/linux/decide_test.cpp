@@ -329,6 +329,8 @@ SCENARIOS(Decide, ATestWhoseTimeIsOver_HasNoAlarm_UnlessItsSleepBegins, R"(
     => answer EBUSY
   machine lead=200; program 0 +1000; test_wake 7 800; unused => answer EBUSY
   test_wake 7 100; unused; sleep 100 => answer 100 read_alarm 1
+  sleep_begins; slept 50; test_wake 7 100 => answer '' alarm +150; unused => sleep suspend;
+    sleep 100 => answer 100
 )")
 
 // An off-timer is of that second.
