@@ -200,13 +200,18 @@ static void refuse_order(sim &w, std::int64_t which, std::int64_t seconds) {
   later(w, seconds, [&w, which] { set_refused(w, which, false); });
 }
 
+// In a sleep it waits, and comes before anything else at the wake-up.
 static void call_screen(sim &w, std::int64_t on, std::int64_t) {
-  if (w.is_alive)
+  if (w.state == life::kAsleep)
+    w.process_at(w.now, [&w, on] { call_screen(w, on, 0); });
+  else if (w.is_alive)
     w.call(event::screen_wanted{on != 0, event::asker::kBus});
 }
 
 static void test_wake(sim &w, std::int64_t seconds, std::int64_t) {
-  if (w.is_alive)
+  if (w.state == life::kAsleep)
+    w.process_at(w.now, [&w, seconds] { test_wake(w, seconds, 0); });
+  else if (w.is_alive)
     w.send(event::test_wake{1, seconds});
 }
 
@@ -267,8 +272,8 @@ static const act kActs[] = {
     {"killed soon", 2, {0, 12}, {}, [](sim &w, auto a, auto) { w.orders_to_live = a; }, kNoticed},
     {"alarm refused", 2, {0, 1}, {1, 200}, refuse_alarm},
     {"order refused", 3, {0, kLastOrder}, {1, 400}, refuse_order},
-    {"TurnScreen", 2, {0, 1}, {}, call_screen, kAwake},
-    {"TestWake", 2, {10, 300}, {}, test_wake, kAwake | kNoticed},
+    {"TurnScreen", 2, {0, 1}, {}, call_screen},
+    {"TestWake", 2, {10, 300}, {}, test_wake, kNoticed},
     {"halted", 1, {0, 1}, {}, halt},
 };
 

@@ -183,17 +183,16 @@ void sim_checks::clock_stepped() {
   unknown_due_ = -kDayMs;
   expected_.clear();
   const bool is_heard = world_.is_armed() && is_clock_known();
-  if (world_.is_armed() && !is_cause_open_ && is_clock_known())
-    return;
-  may_turn_on(now() + kLateMs); // what it goes past is made up for
   const bool is_off_time = std::ranges::any_of(world_.timers, [&](const sim_timer &timer) {
     const std::int64_t late = world_.utc() - world_.to_utc(timer.local);
     return timer.type == 1 && late >= 0 && late <= (is_heard ? kNearSeconds : kLateSeconds);
   });
-  if (is_off_time) {
-    off_at_ = now();
-    is_off_open_ = true; // on the way down it is made up for after the wake-up
-  }
+  // It may be made up for after the wake-up, or by the next process.
+  is_off_open_ = is_off_open_ || is_off_time;
+  if (is_heard && !is_cause_open_)
+    return;
+  may_turn_on(now() + kLateMs); // what it goes past is made up for
+  off_at_ = is_off_time ? now() : off_at_;
 }
 
 // --- 2: the screen ---
@@ -240,7 +239,7 @@ bool sim_checks::is_user_seen(millis window) const {
 void sim_checks::check_return() {
   const sim_television &tv = world_.tv;
   never(3, said_on_, "the screen is on at a return");
-  never(3, stays_at_ >= std::max(world_.up_at, off_at_),
+  never(3, stays_at_ >= std::max({world_.up_at, off_at_, made_up_at_ + 1}),
         "only the screen was to be turned off, at a return");
   const bool says_on = tv.answers() && tv.answers_after < kAnswerMs && !tv.lies && tv.on;
   never(3, says_on && !is_silent_ && tv.changed_at < now() - kAskedMs,
@@ -339,6 +338,8 @@ void sim_checks::ordered(const order::any &what) {
     check_release();
   if (const auto *said = std::get_if<order::say>(&what))
     check_line(*said);
+  if (const auto *answer = std::get_if<order::answer>(&what))
+    never(6, answer->error == 0 && test_at_ >= world_.up_at, "a test has slept before it began");
   if (const auto *sleep = std::get_if<order::sleep>(&what)) {
     check_sleep(*sleep);
     is_test_ = world_.m.sleep.wish == sleep_wish::kTest;
@@ -394,7 +395,7 @@ bool sim_checks::wants_return() const {
   const cause by = is_cause_sure() ? world.up_by : world.m.woken.by;
   const bool is_by_nothing = by == cause::kNothing;
   if (stays || by == cause::kForeign || by == cause::kUser ||
-      (is_by_nothing && (is_user_seen(kDoubtMs) || is_welcomed_)))
+      (is_by_nothing && (is_user_seen(kDoubtMs) || may_be_welcomed_)))
     return false;
   const bool says_off = tv.answers() && !tv.on && !tv.lies && tv.answers_after < kSecondMs;
   // One that was turned on, or by somebody who has come, and does not answer may well be watched.
@@ -434,7 +435,8 @@ millis sim_checks::return_limit() const {
       (look + hop + std::max({retry, pause, world_.set.return_to_sleep})) * kSecondMs;
   // After so many sleeps in an hour it waits.
   const bool is_often = sleeps_.size() >= kMostSleepsAnHour;
-  const millis again = is_often ? sleeps_[sleeps_.size() - kMostSleepsAnHour] + kHourMs : 0;
+  const millis oldest = is_often ? sleeps_[sleeps_.size() - kMostSleepsAnHour] : -kDayMs;
+  const millis again = std::max(oldest, lost_sleep_at_) + kHourMs;
   return std::max(limit, again - quiet_since_.value_or(now())) + kReturnSlack * kSecondMs;
 }
 
@@ -577,7 +579,7 @@ void sim_checks::came_up(bool boots) {
   const std::int64_t ahead = wanted_at_down_.on_time - world_.utc();
   if (ahead > 0 && ahead <= kLateSeconds)
     counted_from_ = now() + ahead * kSecondMs;
-  is_ordered_on_ = is_seen_on_ = is_welcomed_ = false;
+  is_ordered_on_ = is_seen_on_ = is_welcomed_ = may_be_welcomed_ = false;
   if (boots) {
     is_clock_set_ = said_on_ = has_spoken_ = is_sent_off_ = false;
     has_line_ = {};
@@ -714,6 +716,8 @@ void sim_checks::process_ended() {
 // --- 9: what a restart must not change, besides the night that it is compared with ---
 
 void sim_checks::lost(const order::any &what) {
+  if (is_one_of<order::sleep>(what)) // one that somebody orders meanwhile counts as its own
+    lost_sleep_at_ = now();
   const auto *start = std::get_if<order::start_unit>(&what);
   if (start == nullptr)
     return;
@@ -785,13 +789,14 @@ void sim_checks::note_clock(const event::any &what) {
 
 // Where the screen comes back with its user, the first key after a wake-up by nothing known is the
 // user's, however late: who has come decides from then on. One on the way to a sleep may have been
-// the one that ordered it.
+// the one that ordered it. A television that was sent off and says that it is on may be believed.
 void sim_checks::note_user(const event::any &what) {
   const bool is_key = is_one_of<event::input>(what) && world_.seen_at >= world_.up_at &&
                       world_.m.power.now == phase::kAwake;
   const bool follows = world_.set.screen_follows && !world_.tv.is_plain();
   const bool comes_back = follows || (!has_spoken_ && is_sent_off_);
-  is_welcomed_ = is_welcomed_ || (is_key && comes_back && (!said_on_ || is_sent_off_));
+  is_welcomed_ = is_welcomed_ || (is_key && comes_back && !said_on_);
+  may_be_welcomed_ = may_be_welcomed_ || is_welcomed_ || (is_key && comes_back && is_sent_off_);
 }
 
 // After a start it was perhaps started by the last run, just before its end.
@@ -854,7 +859,7 @@ void sim_checks::decided(const event::any &what, const orders &list) {
   if (const auto *back = std::get_if<event::returned>(&what);
       back != nullptr && back->callback == delivery::kStandby)
     told_at_ = now();
-  if (is_one_of<event::test_wake>(what))
+  if (is_one_of<event::test_wake>(what) && world_.m.sleep.wish == sleep_wish::kTest)
     test_at_ = now();
   if (world_.m.armed && !world_.m.woken.late_open) // otherwise they are still made up for
     slept_through_ = 0;

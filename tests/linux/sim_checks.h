@@ -106,12 +106,13 @@ private:
   bool is_ordered_on_ = false, is_silent_ = false;
   bool is_seen_on_ = false;  // the television, since the wake-up
   bool is_welcomed_ = false; // a user, by a screen that comes back
+  bool may_be_welcomed_ = false;
   std::vector<unit> lost_units_;
 
   // sleeps
   millis test_at_ = -kDayMs, released_at_ = -kDayMs, told_at_ = -kDayMs;
   millis crossed_at_ = -kDayMs; // a sleep of ours, with another one
-  millis sent_at_ = -1;
+  millis sent_at_ = -1, lost_sleep_at_ = -kDayMs;
   millis use_unknown_at_ = -kDayMs; // logind would not say
   millis counted_from_ = -kDayMs;   // the on-time that the return is counted from
   std::optional<millis> quiet_since_;
