@@ -466,8 +466,9 @@ void sim_checks::check_alarm() {
   }
   const off_action method = world_.method;
   const std::int64_t least = nearness_of(world_, method);
-  // Somebody else's sleep that begins while ours is on its way to logind is taken for ours.
-  const bool crosses = crossed_at_ > world_.down_at - (world_.delay_max + 1) * kSecondMs;
+  // Somebody's sleep that begins while ours is on its way to logind, or lost, is taken for ours.
+  const millis crossed_at = std::max(crossed_at_, lost_sleep_at_);
+  const bool crosses = crossed_at > world_.down_at - (world_.delay_max + 1) * kSecondMs;
   const std::int64_t lead = crosses ? world_.set.lead_suspend : lead_of(world_, method);
   const std::int64_t ours = std::max(ahead() - lead, least);
   const std::int64_t left = alarm.left(now());
@@ -584,6 +585,7 @@ void sim_checks::came_up(bool boots) {
     is_clock_set_ = said_on_ = has_spoken_ = is_sent_off_ = false;
     has_line_ = {};
     sleeps_.clear(); // an alarm or somebody has booted it: that is no loop
+    lost_sleep_at_ = -kDayMs;
   }
   left_at_up_ = world_.alarm.stands() == 0 ? kDay : world_.alarm.left(now());
   const millis length = now() - world_.down_at;
@@ -703,6 +705,8 @@ void sim_checks::process_ended() {
   const millis seen_at = world_.booted_at + world_.m.power.seen.boot; // its last event
   if (!expected_.empty() || is_open(now()) || is_open(seen_at))
     may_turn_on(now() + kLateMs);
+  if (sent_at_ >= 0)
+    lost_sleep_at_ = now();
   expect_nothing();
   const bool is_starting = std::ranges::any_of(world_.stored.jobs, [](const job &one) {
     return one.id == kStarting && is_of_screen(one.of);
