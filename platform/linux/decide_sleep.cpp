@@ -27,9 +27,12 @@ static void set_wish(decision &d, sleep_wish wish, off_action method) {
   d.never(due_kind::kAsked);
 }
 
+// An order cannot be taken back, but it is not given again.
 void wish_sleep(decision &d, sleep_wish wish, off_action method) {
-  if (is_ordered(d.m))
+  if (is_ordered(d.m)) {
+    d.m.sleep.is_dropped = wish == sleep_wish::kNone;
     return;
+  }
   if (d.m.test.running && d.m.sleep.wish == sleep_wish::kTest)
     trial_ends(d, ECANCELED);
   set_wish(d, wish, method);
@@ -45,7 +48,6 @@ void change_off_action(decision &d) {
     d.m.sleep.method = d.m.set.off;
 }
 
-// An order cannot be taken back.
 void drop_wish(decision &d) { wish_sleep(d, sleep_wish::kNone, off_action::kNone); }
 
 void forget_wish(decision &d) { set_wish(d, sleep_wish::kNone, off_action::kNone); }
@@ -143,11 +145,19 @@ static void order_sleep(decision &d) {
 
 // --- ordered ---
 
+// The off-action that the machine cannot do has said so, and trying again changes nothing.
+static bool is_given_up(const machine &m) {
+  const sleep_wish wish = m.sleep.wish;
+  const bool is_off_action = wish == sleep_wish::kOffTimer || wish == sleep_wish::kScreen;
+  return (m.sleep.is_dropped && wish != sleep_wish::kTest) ||
+         (is_off_action && is_open(m, problem::kCannotSleep));
+}
+
 void sleep_failed(decision &d, int error) {
   auto &sleep = d.m.sleep;
   d.m.power.now = phase::kAwake;
-  if (sleep.wish != sleep_wish::kTest && is_open(d.m, problem::kCannotSleep)) {
-    forget_wish(d); // its problem has said so, and trying again changes nothing
+  if (is_given_up(d.m)) {
+    forget_wish(d);
     return;
   }
   begin_problem(d, problem::kSleep, error);
@@ -165,6 +175,8 @@ void order_was_lost(decision &d) {
   d.m.power.now = phase::kAwake;
   d.m.sleep.stage = wish_stage::kWaiting;
   d.never(due_kind::kSleepAgain);
+  if (is_given_up(d.m))
+    forget_wish(d);
 }
 
 void on(decision &d, const event::sleep_answered &e) {

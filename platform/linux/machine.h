@@ -114,8 +114,9 @@ struct machine {
     off_action last_method = off_action::kSuspend; // of the last sleep or power-off
     postponed why = postponed::kNot;
     std::uint8_t failures = 0;
-    bool held = false;      // until due kSleepAgain
-    bool is_silent = false; // the television has not said what it must say
+    bool held = false;       // until due kSleepAgain
+    bool is_dropped = false; // an order on its way is not given again
+    bool is_silent = false;  // the television has not said what it must say
     bool use_answered = false;
     bool screen_answered = false;
   } sleep;

@@ -879,6 +879,17 @@ SCENARIOS(Decide, AnOffActionThatTheMachineCannotDo_IsAProblem, R"(
 SCENARIOS(Decide, AnOffTimerThatWaits_IsOver_WhenTheScreenIsWantedOn, R"(
   machine no_cec; off_time; screen_wanted on bus; unused => sleep '' asked_in -
   off_time; tv_reports off => wish off_timer; tv_reports on => wish none
+  machine no_cec; off_time; unused; screen_wanted on bus; sleep_answered EACCES => wish none believed on
+  machine no_cec; off_time; unused; screen_wanted on bus; sleep_begins; sleep_ends => wish none
+  machine no_cec; off_time; unused; screen_wanted on bus; off_time; sleep_answered EACCES
+    => wish off_timer sleep_again_in 30
+  machine no_cec; off_time; unused; screen_wanted on bus; start same_boot; preparing no no => wish none
+)")
+
+SCENARIOS(Decide, AReturnThatFails_IsTriedAgainLater_WhereTheOffActionCannotBeDone, R"(
+  machine off=hibernate; use_changed 0 0 0 sleep 5000; program 0 +1000; sleep 985; wait 135;
+    tv_reports off; unused => sleep suspend problems cannot_sleep; sleep_answered EACCES
+    => stage waiting why failed sleep_again_in 30
 )")
 
 SCENARIOS(Decide, AnAnswerThatDoesNotCome_IsAProblemOfLogind_AndAScreenThatIsUnknown,
