@@ -298,9 +298,10 @@ static void print_lateness(const char *what, std::vector<double> seconds) {
   print_figure(std::string(what) + ", worst", *std::ranges::max_element(seconds) * 1000, "ms");
 }
 
-// Ordinary timers one a second: of those due in the same second the clock's adjustment after the
-// first expiry takes the others for past. Then transient ones, which it leaves alone, 20 a second.
-// They are set over a whole second, because the daemon arms them by whole seconds.
+// Ordinary timers every two seconds: of those due in the second of an expiry, which may be a second
+// late, the clock's adjustment after it takes the others for past. Then transient ones, which it
+// leaves alone, 20 a second. They are set over a whole second, because the daemon arms them by
+// whole seconds.
 static void measure_lateness(bus_client &bus) {
   constexpr int kOrdinary = 20;
   constexpr int kTransient = 180;
@@ -327,9 +328,9 @@ static void measure_lateness(bus_client &bus) {
     usleep(kApartUs);
   };
   for (int i = 0; i < kOrdinary; ++i)
-    set(kOffTimer, start + static_cast<unsigned>(i));
+    set(kOffTimer, start + 2 * static_cast<unsigned>(i));
   for (int i = 0; i < kTransient; ++i)
-    set(kTransientTimer, start + kOrdinary + 1 + static_cast<unsigned>(i / kTransientASecond));
+    set(kTransientTimer, start + 2 * kOrdinary + static_cast<unsigned>(i / kTransientASecond));
 
   std::vector<double> late;
   std::vector<double> beyond_arming;
