@@ -13,11 +13,13 @@ static bool switches(const late_timer &timer) {
   return action_of(timer) == timer_action::kTurnOn || action_of(timer) == timer_action::kTurnOff;
 }
 
-// Whoever has woken the machine after an off-time wants it on.
+// Whoever has woken the machine after an off-time, or has turned the screen on since, wants it on.
 static bool may_turn_off(const decision &d, const late_timer &timer) {
   const std::int64_t late = d.now.utc - timer.utc;
-  const bool was_awake = d.now.boot - late * kSecondMs >= d.m.woken.at;
-  return was_awake || by_alarm_of_ours(d.m) || late <= kSlackSeconds;
+  const std::int64_t due = d.now.boot - late * kSecondMs;
+  const bool is_on_since = d.m.screen.ordered_on && d.m.screen.ordered_at > due;
+  const bool was_awake = due >= d.m.woken.at;
+  return !is_on_since && (was_awake || by_alarm_of_ours(d.m) || late <= kSlackSeconds);
 }
 
 // As at an expiry: nothing is woken while the screen is on.

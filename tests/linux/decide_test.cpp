@@ -31,6 +31,11 @@ SCENARIOS(Decide, AMissedOffTimer_TurnsOffForAUser_OnlyOfATimeAtWhichTheMachineW
   100 | 1
 )")
 
+SCENARIOS(Decide, AMissedOffTimer_LeavesAScreenOnThatIsOrderedOnSince, R"(
+  set reach 86400; program 0 +259200; late 1/+86300; sleep_begins; slept 86400; screen_wanted on bus
+    => woken hop tv_on 1 tv_off 0 wish none
+)")
+
 SCENARIOS(Decide, AnOffTimerOfTheLastTwoSeconds_IsNotTooLate,
           "sleep 100; late 1/$1; armed => tv_off $2",
           R"(
