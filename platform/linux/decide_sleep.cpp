@@ -27,7 +27,7 @@ static void set_wish(decision &d, sleep_wish wish, off_action method) {
   d.never(due_kind::kAsked);
 }
 
-// An order cannot be taken back, but it is not given again.
+// An order cannot be taken back; one whose wish is dropped is not given again.
 void wish_sleep(decision &d, sleep_wish wish, off_action method) {
   if (is_ordered(d.m)) {
     d.m.sleep.is_dropped = wish == sleep_wish::kNone;
@@ -145,7 +145,8 @@ static void order_sleep(decision &d) {
 
 // --- ordered ---
 
-// The off-action that the machine cannot do has said so, and trying again changes nothing.
+// Nobody wants it any longer, or it is an off-action that the machine cannot do: its problem has
+// said so, and trying again changes nothing.
 static bool is_given_up(const machine &m) {
   const sleep_wish wish = m.sleep.wish;
   const bool is_off_action = wish == sleep_wish::kOffTimer || wish == sleep_wish::kScreen;
