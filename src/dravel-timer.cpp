@@ -745,10 +745,12 @@ void cancel_dravel_item(dravel_item *item) { cancel_dravel_item(item, removal_re
 
 // Moves a one-shot item by whole days, so that it is due within the next 24 hours, and stores it:
 // the clock may have jumped over its day. A time on 1 January 1970 counts as far ahead, because the
-// subtraction wraps.
+// subtraction wraps. A date past 2106 has no time value, and is left as it is.
 static void re_anchor(dravel_item *item, const clock_reading &clocks) {
   time_value scheduled = unsigned_timegm(&item->tm);
   LOGI_OF(adjust_dravel_all_items, "scheduled_time[%lu]", as_ulong(scheduled));
+  if (scheduled == kInvalidTime)
+    return;
   time_value on_tv_clock = scheduled;
   if (item->time_type == TIME_TYPE_INTERNET) {
     on_tv_clock = add_time_offset(scheduled, clocks.offset);

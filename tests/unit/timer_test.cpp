@@ -45,6 +45,11 @@ SCENARIOS(Scheduler, AnAdjustment_MovesArmedOneShotTimers_ByWholeDays,
   17 12:00    | 17 11:00    | 1 '16 10:30' system | 18 11:30    | 18
 )")
 
+// It is due when the clock ends.
+SCENARIOS(Scheduler, AnAdjustment_LeavesADate_ThatNoClockReaches, R"(
+  now '2106-02-01 12:00'; arm 1 '2106-02-08 06:20'; adjust => row 8; sql 'SELECT tm_hour FROM dravel' => is 6
+)")
+
 SCENARIOS(Scheduler, AnAdjustment_InOtherWays, R"(
   # with the weekday of the new date, by which an off-timer takes its on-time
   arm 0 '18 14:00'; adjust => armed '15 14:00'; sql 'SELECT tm_wday FROM dravel' => is 2;
