@@ -97,11 +97,9 @@ static void count_short_sleep(decision &d) {
 }
 
 // The television follows its user; another screen that we had switched off comes back, too.
-static void welcome_user(decision &d) {
-  const auto &screen = d.m.screen;
-  const bool was_ours = !has_television(d.m) && screen.ordered == screen_order::kOff;
-  if (was_ours || (screen.has_cec && d.m.set.screen_follows))
-    turn_screen(d, true);
+static bool comes_back(const machine &m) {
+  const bool was_ours = !m.screen.is_televisions && m.screen.ordered == screen_order::kOff;
+  return was_ours || (m.screen.has_cec && m.set.screen_follows);
 }
 
 static void was_woken_by_user(decision &d) {
@@ -111,7 +109,8 @@ static void was_woken_by_user(decision &d) {
   d.m.power.pause_until = 0;
   end_problem(d, problem::kWakesLoop);
   say_cause(d);
-  welcome_user(d);
+  if (comes_back(d.m))
+    turn_screen(d, true);
 }
 
 void decide_cause(decision &d, others_did others) {
@@ -142,10 +141,8 @@ void user_window_ends(decision &d) {
 // power button says nothing. A screen that is to come back with its user waits for the next one. A
 // new session is none: it may be somebody far away.
 bool awaits_user(const machine &m) {
-  const bool comes_back = (!has_television(m) && m.screen.ordered == screen_order::kOff) ||
-                          (m.screen.has_cec && m.set.screen_follows);
   const bool is_decided = m.power.now == phase::kAwake && !m.woken.cause_open;
-  return is_decided && m.woken.by == cause::kNothing && comes_back && !is_on(m);
+  return is_decided && m.woken.by == cause::kNothing && comes_back(m) && !is_on(m);
 }
 
 // A key that was pressed before the sleep may be read after it. One that woke the machine is new:

@@ -53,6 +53,7 @@ static void order_screen(decision &d, bool on) {
   auto &screen = d.m.screen;
   screen.ordered = on ? screen_order::kOn : screen_order::kOff;
   screen.ordered_on = on;
+  screen.is_televisions = has_television(d.m);
   screen.ordered_at = d.now.boot;
   screen.believed = state_after_order(d.m, on);
   begin_order(d);

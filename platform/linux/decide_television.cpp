@@ -75,10 +75,12 @@ static void may_follow_late(decision &d, event::tv_state state) {
   end_problem(d, problem::kTelevision);
 }
 
+static void has_spoken(decision &d) { d.m.screen.has_spoken = d.m.screen.is_televisions = true; }
+
 void on(decision &d, const event::tv_reports &e) {
   auto &screen = d.m.screen;
   const bool on = means_on(e.state);
-  screen.has_spoken = true;
+  has_spoken(d);
   screen.seen_on = screen.seen_on || on;
   screen.answered = on ? screen_state::kOn : screen_state::kOff;
   d.m.sleep.screen_answered = true;
@@ -112,7 +114,7 @@ void on(decision &d, const event::tv_denies &e) {
   const bool is_question = e.opcode == CEC_MSG_GIVE_DEVICE_POWER_STATUS;
   if (!is_order && !is_question)
     return;
-  d.m.screen.has_spoken = true;
+  has_spoken(d);
   d.m.sleep.screen_answered = d.m.sleep.screen_answered || is_question;
   forget_answer(d);
   if (!e.for_good)
@@ -137,7 +139,7 @@ void on(decision &d, const event::tv_standby &) {
 }
 
 void on(decision &d, const event::tv_asks_source &) {
-  d.m.screen.has_spoken = true;
+  has_spoken(d);
   if (wants_on(d.m))
     d.give(order::tv_answer{});
   ask_television(d); // its remote may have turned it on

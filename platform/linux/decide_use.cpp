@@ -28,8 +28,10 @@ void on(decision &d, const event::use_changed &e) {
   use.delay_max_ms = e.delay_max_ms;
   if (was_used && !is_in_use(d.m))
     used(d);
-  if (e.is_answer)
+  if (e.is_answer) {
     d.m.sleep.use_answered = true;
+    d.m.power.signal_owed = false; // it was asked since, and its messages keep their order
+  }
   end_problem(d, problem::kUse);
   check_off_action(d);
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <utility>
 
 // A sleep is as long as the boot clock has left the monotonic one.
 static constexpr std::int64_t kLeastSleepMs = kSecondMs;
@@ -64,7 +65,7 @@ void ask_whether_leaving(decision &d) {
 
 static void leave(decision &d, phase next) {
   auto &power = d.m.power;
-  power.may_hibernate = power.end_owed = false;
+  power.may_hibernate = power.end_owed = power.signal_owed = false;
   power.now = next;
   power.went = d.now;
   power.standby_told = false;
@@ -79,19 +80,35 @@ static void leave(decision &d, phase next) {
   tell(d, delivery::kStandby);
 }
 
+static bool may_hibernate(const machine &m) {
+  return m.use.can == 0 || can_hibernate(m); // 0: not told yet
+}
+
 // A sleep that begins shows that a shutdown before it was called off, and that a sleep before it,
 // whose end this process has missed, is over.
-void on(decision &d, const event::sleep_begins &) {
+static void begin_sleep(decision &d) {
   const bool by_user = d.m.sleep.stage != wish_stage::kAsked;
   leave(d, phase::kGoing);
   d.m.sleep.last_method = coming_sleep(d.m);
-  d.m.power.may_hibernate = by_user && (d.m.use.can == 0 || can_hibernate(d.m)); // 0: not told yet
+  d.m.power.may_hibernate = by_user && may_hibernate(d.m);
   if (by_user && d.m.set.screen_follows && d.m.screen.has_cec) {
     d.m.screen.ordered = screen_order::kOff;
     d.m.screen.ordered_on = false;
     d.m.screen.believed = screen_state::kUnknown;
     d.give(order::tv_off{});
   }
+}
+
+// The clocks may have shown this sleep before its signal was read.
+void on(decision &d, const event::sleep_begins &) {
+  auto &power = d.m.power;
+  if (!std::exchange(power.signal_owed, false) || !is_resume(d)) {
+    begin_sleep(d);
+    return;
+  }
+  power.end_owed = true;
+  power.may_hibernate = may_hibernate(d.m);
+  d.m.alarm.check = true;
 }
 
 void on(decision &d, const event::shutdown_begins &) {
@@ -125,7 +142,7 @@ static void stayed_up(decision &d) {
 // The lead is that of a sleep again.
 static void sleep_is_over(decision &d) {
   d.m.alarm.check = d.m.alarm.check || d.m.power.end_owed;
-  d.m.power.end_owed = false;
+  d.m.power.end_owed = d.m.power.signal_owed = false;
 }
 
 // A delay that was refused before is given from now on.
@@ -142,14 +159,19 @@ void on(decision &d, const event::shutdown_ends &) {
     stayed_up(d);
 }
 
+// Just after a sleep logind may not have ended it yet.
+static bool is_of_last_sleep(const decision &d) {
+  return is_resume(d) && (d.m.power.end_owed || d.m.power.signal_owed);
+}
+
 // What a run that started in between has missed. An order to sleep may have been lost with the last
 // run: it is given again when nothing prevents it.
 void on(decision &d, const event::preparing &e) {
   const phase now = d.m.power.now;
   if (!e.sleep)
     sleep_is_over(d);
-  if (e.sleep && now != phase::kGoing)
-    on(d, event::sleep_begins{});
+  if (e.sleep && now != phase::kGoing && !is_of_last_sleep(d))
+    begin_sleep(d);
   else if (e.shutdown && !e.sleep && now != phase::kShuttingDown)
     on(d, event::shutdown_begins{});
   else if (!e.sleep && !e.shutdown && is_leaving(d.m))
@@ -182,6 +204,7 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   auto &woken = d.m.woken;
   const bool was_announced = is_leaving(d.m);
   power.end_owed = power.end_owed || power.now == phase::kGoing;
+  power.signal_owed = !was_announced;
   // One of ours that neither logind nor the clocks have shown has begun soon after its order.
   if (!was_announced && slept_ms < kLeastSleepMs && d.m.sleep.stage == wish_stage::kAsked)
     slept_ms = d.now.boot - awake_at;

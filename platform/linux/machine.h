@@ -19,6 +19,7 @@ struct machine {
     bool released = false;      // the inhibitor, for this sleep
     bool may_hibernate = false; // somebody else has ordered the last sleep
     bool end_owed = false;      // the machine is awake, and logind has not said so
+    bool signal_owed = false;   // logind's signal of the last sleep may still be on its way
     bool step_held = false;     // the clock was stepped between standby and wake-up
     bool ending = false;        // this process ends
     std::uint32_t short_sleeps = 0;
@@ -53,6 +54,7 @@ struct machine {
     bool denied = false;                        // it does not know the question, since the order
     bool has_cec = false;                       // there is an adapter that may have a television
     bool has_spoken = false;                    // it has; a monitor never says anything
+    bool is_televisions = false;                // the last order; also while its adapter is away
     bool ordered_on = false;                    // since the wake-up
     bool seen_on = false;                       // a television has said so since the wake-up
     screen_state answered = screen_state::kUnknown; // by a television since the wake-up or order

@@ -379,6 +379,30 @@ SCENARIOS(Decide, AMonitorBehindAnAdapter_DoesNotDelayTheSleep_AndComesBackWithI
   set has_spoken no; off_time; unused => sleep suspend; sleep 100; input => tv_on 1 start_unit on
 )")
 
+SCENARIOS(Decide, ATelevisionWhoseAdapterIsAway_DoesNotFollowItsUser, R"(
+  screen_wanted off bus; tv_reports off; sleep 1000; tv_reachable no; input; tv_reachable yes => tv_on 0
+  tv_reachable no; screen_wanted off bus; sleep 1000; input => start_unit on
+)")
+
+// By a process that could not run, and by one that holds no inhibitor.
+SCENARIOS(Decide, TheSignalOfASleep_MayComeAfterIt, R"(
+  machine screen_follows=yes; slept 100; input => woken user; sleep_begins; sleep_ends
+    => tv_off 0 ordered on phase awake
+  program 0 +1000; late 0/+1000; slept 1005; ambient => pending yes; sleep_begins; sleep_ends
+    => pending yes
+  test_wake 7 100; unused; slept 100; sleep_begins => answer 100
+  program 0 +1000; slept 100; sleep_begins => alarm +910; sleep_ends => alarm +985
+  slept 100; unused; sleep_begins => phase going
+  slept 100; refused use EIO; pass 3; sleep_begins => phase going
+  slept 100; ambient; sleep_begins; sleep_begins => phase going
+  slept 100; ambient; sleep_ends; sleep_begins => phase going
+  slept 100; ambient; shutdown_begins; sleep_begins => phase going
+  sleep_begins; slept 100; start same_boot; armed; preparing yes no => phase awake
+  slept 100; start same_boot; armed; preparing yes no => phase awake
+  sleep_begins; slept 100; start same_boot; armed; wait 3; preparing yes no => phase going
+  sleep_begins; slept 100; start same_boot; armed; preparing no no; sleep_begins => phase going
+)")
+
 // One that sleeps on the way may be suspended only until it hibernates.
 SCENARIOS(Decide, ASleepOfSomebodyElse_LeavesTimeToComeBackFromTheDisk_WhenItMay,
           "machine off=$1; use_changed 0 0 0 $2 5000; program 0 +1000 => alarm $3;"

@@ -197,7 +197,10 @@ static void set_refused(sim &w, std::int64_t which, bool refused) {
 
 static void refuse_order(sim &w, std::int64_t which, std::int64_t seconds) {
   set_refused(w, which, true);
-  later(w, seconds, [&w, which] { set_refused(w, which, false); });
+  later(w, seconds, [&w, which] {
+    set_refused(w, which, false);
+    w.may_move = w.may_move || w.m.sleep.held; // the next try may be before or after
+  });
 }
 
 // In a sleep it waits, and comes before anything else at the wake-up.
@@ -206,6 +209,8 @@ static void call_screen(sim &w, std::int64_t on, std::int64_t) {
     w.process_at(w.now, [&w, on] { call_screen(w, on, 0); });
   else if (w.is_alive)
     w.call(event::screen_wanted{on != 0, event::asker::kBus});
+  else if (w.state == life::kRunning) // it may just have started
+    w.may_move = true;
 }
 
 static void test_wake(sim &w, std::int64_t seconds, std::int64_t) {

@@ -222,7 +222,7 @@ void sim_checks::check_turned_on(bool by_unit) {
   const bool is_lost = by_unit && world_.alive_at >= turned_on_at_;
   const millis again_until = turned_on_at_ + (by_unit ? kOrderMs : kSlowestMs);
   const bool is_again = is_ordered_on_ && (is_lost || !by_unit) && now() < again_until;
-  const bool follows = world_.set.screen_follows || !world_.tv.has_adapter() || !has_spoken_;
+  const bool follows = world_.set.screen_follows || !is_televisions_;
   const bool is_user = world_.up_by == cause::kUser || world_.input_at >= world_.up_at;
   const bool comes_back =
       follows && is_user && now() < std::max(world_.up_at, world_.input_at) + kOrderMs;
@@ -303,6 +303,8 @@ void sim_checks::ordered(const order::any &what) {
   const auto *start = std::get_if<order::start_unit>(&what);
   const bool starts_on = start != nullptr && start->name == unit::kOn;
   const bool starts_off = start != nullptr && start->name == unit::kOff;
+  if (starts_on || starts_off)
+    is_televisions_ = has_spoken_;
   if (starts_on || is_one_of<order::tv_on>(what)) {
     check_turned_on(starts_on);
     turned_on_at_ = starts_on ? now() : turned_on_at_;
@@ -543,10 +545,11 @@ void sim_checks::check_release() {
     check_alarm();
 }
 
-// A process that was there all the time has still not said that it is ready.
+// A process that was there all the time has still not said that it is ready. Just after a sleep it
+// may take the signal of the next one for that of this one.
 void sim_checks::delay_ended(millis begun_at) {
   never(5,
-        world_.is_armed() && world_.holds_inhibitor &&
+        world_.is_armed() && world_.holds_inhibitor && begun_at > world_.up_at + kResumeMs &&
             std::max(world_.alive_at, tampered_at_) < begun_at && !refuses_alarm(world_),
         "the delay is over before the alarm is set");
 }
@@ -582,7 +585,7 @@ void sim_checks::came_up(bool boots) {
     counted_from_ = now() + ahead * kSecondMs;
   is_ordered_on_ = is_seen_on_ = is_welcomed_ = may_be_welcomed_ = false;
   if (boots) {
-    is_clock_set_ = said_on_ = has_spoken_ = is_sent_off_ = false;
+    is_clock_set_ = said_on_ = has_spoken_ = is_televisions_ = is_sent_off_ = false;
     has_line_ = {};
     sleeps_.clear(); // an alarm or somebody has booted it: that is no loop
     lost_sleep_at_ = -kDayMs;
@@ -729,6 +732,7 @@ void sim_checks::lost(const order::any &what) {
   if (!is_of_screen(start->name))
     return;
   is_sent_off_ = start->name == unit::kOff;
+  is_televisions_ = has_spoken_;
   if (!is_sent_off_) { // what is its cause now may be none when it is started again
     check_turned_on(true);
     is_ordered_on_ = true;
@@ -798,7 +802,7 @@ void sim_checks::note_user(const event::any &what) {
   const bool is_key = is_one_of<event::input>(what) && world_.seen_at >= world_.up_at &&
                       world_.m.power.now == phase::kAwake;
   const bool follows = world_.set.screen_follows && !world_.tv.is_plain();
-  const bool comes_back = follows || (!has_spoken_ && is_sent_off_);
+  const bool comes_back = follows || (!is_televisions_ && is_sent_off_);
   is_welcomed_ = is_welcomed_ || (is_key && comes_back && !said_on_);
   may_be_welcomed_ = may_be_welcomed_ || is_welcomed_ || (is_key && comes_back && is_sent_off_);
 }
@@ -821,7 +825,9 @@ void sim_checks::note_television(const event::any &what) {
   const bool denies = is_one_of<event::tv_denies>(what);
   is_silent_ = is_silent_ && said == nullptr;
   // One that comes after the adapter is gone counts for nothing.
-  has_spoken_ = has_spoken_ || ((is_on || is_off || denies) && world_.tv.has_adapter());
+  const bool speaks = (is_on || is_off || denies) && world_.tv.has_adapter();
+  has_spoken_ = has_spoken_ || speaks;
+  is_televisions_ = is_televisions_ || speaks;
   const auto *reachable = std::get_if<event::tv_reachable>(&what);
   if (reachable != nullptr && !reachable->adapter && std::exchange(has_spoken_, false))
     said_on_ = false;

@@ -102,6 +102,7 @@ private:
   millis off_at_ = -kDayMs, turned_on_at_ = -kDayMs, asked_at_ = -kDayMs;
   millis said_off_at_ = -1, left_at_ = -1, stays_at_ = -1;
   bool has_spoken_ = false;                    // the television, in this boot
+  bool is_televisions_ = false;                // the last order
   bool said_on_ = false, is_sent_off_ = false; // by it, last; by the last order in this boot
   bool is_ordered_on_ = false, is_silent_ = false;
   bool is_seen_on_ = false;  // the television, since the wake-up
