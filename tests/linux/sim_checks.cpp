@@ -791,7 +791,7 @@ void sim_checks::note_clock(const event::any &what) {
     return;
   if (unknown_type_ == 0 && !said_on_)
     expected_.push_back(now() + kOnTimeMs);
-  else if (unknown_type_ == 1 && unknown_due_ > world_.up_at)
+  else if (unknown_type_ == 1 && unknown_due_ > std::max(world_.up_at, turned_on_at_))
     off_until_ = now() + kOnTimeMs;
 }
 
