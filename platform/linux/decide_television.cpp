@@ -155,6 +155,7 @@ void on(decision &d, const event::tv_reachable &e) {
     d.never(due_kind::kScreenStep);
     end_problem(d, problem::kTelevision);
   } else if (screen.pending) {
+    screen.answered = screen_state::kUnknown; // to the orders before
     send_screen_order(d);
   } else if (!had_cec) {
     adapter_appears(d);

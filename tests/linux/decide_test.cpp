@@ -185,6 +185,7 @@ SCENARIOS(Decide, ATelevisionThatIsSentOff_MayBeSilent_ButNotStayOn, R"(
     => problems television believed on deliver state said 'television_stays 0 0';
     screen_wanted off bus; forget; each_second 20 tv_silent => problems '' say '!television_stays'
   tv_reports on; screen_wanted off bus; times 15 wait 1 => believed unknown problems ''
+  screen_wanted off bus; each_second 14 tv_reports on; tv_reachable yes; wait 1 => believed unknown
 )")
 
 SCENARIOS(
