@@ -99,7 +99,8 @@ static void count_short_sleep(decision &d) {
 // The television follows its user; another screen that we had switched off comes back, too.
 static bool comes_back(const machine &m) {
   const bool was_ours = !m.screen.is_televisions && m.screen.ordered == screen_order::kOff;
-  return was_ours || (m.screen.has_cec && m.set.screen_follows);
+  const bool may_follow = m.screen.has_cec || m.screen.is_televisions;
+  return was_ours || (may_follow && m.set.screen_follows);
 }
 
 static void was_woken_by_user(decision &d) {

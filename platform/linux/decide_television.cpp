@@ -17,7 +17,8 @@ static void believe(decision &d, screen_state state) {
 
 // The machine follows a television that its remote has switched off.
 static void follow_off(decision &d) {
-  if (!d.m.set.follow_screen || d.m.sleep.wish == sleep_wish::kScreen)
+  const bool is_wished = d.m.sleep.wish == sleep_wish::kScreen && !d.m.sleep.is_dropped;
+  if (!d.m.set.follow_screen || is_wished)
     return;
   const bool hibernates = d.m.set.off == off_action::kHibernate;
   wish_sleep(d, sleep_wish::kScreen, hibernates ? off_action::kHibernate : off_action::kSuspend);

@@ -30,7 +30,8 @@ void on(decision &d, const event::use_changed &e) {
     used(d);
   if (e.is_answer) {
     d.m.sleep.use_answered = true;
-    d.m.power.signal_owed = false; // it was asked since, and its messages keep their order
+    if (d.now.boot != d.m.woken.at) // it was asked since, and its messages keep their order
+      d.m.power.signal_owed = false;
   }
   end_problem(d, problem::kUse);
   check_off_action(d);

@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
-#include <utility>
 
 // A sleep is as long as the boot clock has left the monotonic one.
 static constexpr std::int64_t kLeastSleepMs = kSecondMs;
 static constexpr std::int64_t kLeavingMs = 60 * kSecondMs;
+static constexpr std::int64_t kStillLeavingMs = 2 * kSecondMs; // before the delay of a sleep ends
 static constexpr std::int64_t kInhibitAgainMs[] = {1 * kSecondMs, 10 * kSecondMs, 60 * kSecondMs};
 
 // --- the delay ---
@@ -57,10 +57,11 @@ void release_if_ready(decision &d) {
 
 // Its end may have been told while logind or this process was away.
 void ask_whether_leaving(decision &d) {
-  if (!is_leaving(d.m))
+  if (!is_leaving(d.m) && !d.m.power.end_owed)
     return;
   d.give(order::ask_preparing{});
-  d.due_after(due_kind::kLeaving, kLeavingMs);
+  if (is_leaving(d.m))
+    d.due_after(due_kind::kLeaving, kLeavingMs);
 }
 
 static void leave(decision &d, phase next) {
@@ -99,17 +100,23 @@ static void begin_sleep(decision &d) {
   }
 }
 
-// The clocks may have shown this sleep before its signal was read.
-void on(decision &d, const event::sleep_begins &) {
+// What logind says just after a sleep may be about that one. When it still says so somewhat later,
+// another one begins.
+static void may_begin_sleep(decision &d, bool is_of_last_sleep) {
   auto &power = d.m.power;
-  if (!std::exchange(power.signal_owed, false) || !is_resume(d)) {
+  power.signal_owed = false;
+  if (!is_of_last_sleep || !is_resume(d)) {
     begin_sleep(d);
     return;
   }
   power.end_owed = true;
   power.may_hibernate = may_hibernate(d.m);
   d.m.alarm.check = true;
+  d.due_after(due_kind::kLeaving, kStillLeavingMs);
 }
+
+// The clocks may have shown this sleep before its signal was read.
+void on(decision &d, const event::sleep_begins &) { may_begin_sleep(d, d.m.power.signal_owed); }
 
 void on(decision &d, const event::shutdown_begins &) {
   if (d.m.test.running)
@@ -159,19 +166,14 @@ void on(decision &d, const event::shutdown_ends &) {
     stayed_up(d);
 }
 
-// Just after a sleep logind may not have ended it yet.
-static bool is_of_last_sleep(const decision &d) {
-  return is_resume(d) && (d.m.power.end_owed || d.m.power.signal_owed);
-}
-
 // What a run that started in between has missed. An order to sleep may have been lost with the last
 // run: it is given again when nothing prevents it.
 void on(decision &d, const event::preparing &e) {
   const phase now = d.m.power.now;
   if (!e.sleep)
     sleep_is_over(d);
-  if (e.sleep && now != phase::kGoing && !is_of_last_sleep(d))
-    begin_sleep(d);
+  if (e.sleep && now != phase::kGoing)
+    may_begin_sleep(d, d.m.power.end_owed || d.m.power.signal_owed);
   else if (e.shutdown && !e.sleep && now != phase::kShuttingDown)
     on(d, event::shutdown_begins{});
   else if (!e.sleep && !e.shutdown && is_leaving(d.m))
@@ -204,7 +206,7 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
   auto &woken = d.m.woken;
   const bool was_announced = is_leaving(d.m);
   power.end_owed = power.end_owed || power.now == phase::kGoing;
-  power.signal_owed = !was_announced;
+  power.signal_owed = power.now != phase::kGoing;
   // One of ours that neither logind nor the clocks have shown has begun soon after its order.
   if (!was_announced && slept_ms < kLeastSleepMs && d.m.sleep.stage == wish_stage::kAsked)
     slept_ms = d.now.boot - awake_at;
@@ -218,6 +220,8 @@ static void woke_up(decision &d, std::int64_t slept_ms, std::int64_t awake_at) {
     power.may_hibernate = power.may_hibernate && power.end_owed;
   }
   count_sleep(d);
+  if (!was_announced && d.m.sleep.stage == wish_stage::kAsked)
+    d.m.sleep.last_method = d.m.sleep.method;
   forget_orders(d);
   // A daemon that has not asked yet wants those from before this sleep, too.
   const bool has_asked = d.m.armed && !woken.late_open;

@@ -383,6 +383,8 @@ SCENARIOS(Decide, AMonitorBehindAnAdapter_DoesNotDelayTheSleep_AndComesBackWithI
 SCENARIOS(Decide, ATelevisionWhoseAdapterIsAway_DoesNotFollowItsUser, R"(
   screen_wanted off bus; tv_reports off; sleep 1000; tv_reachable no; input; tv_reachable yes => tv_on 0
   tv_reachable no; screen_wanted off bus; sleep 1000; input => start_unit on
+  machine screen_follows=yes; tv_reports on; sleep 1000; tv_reachable no; wait 11; input => woken user;
+    tv_reachable yes => tv_on 1
 )")
 
 // By a process that could not run, and by one that holds no inhibitor.
@@ -393,13 +395,23 @@ SCENARIOS(Decide, TheSignalOfASleep_MayComeAfterIt, R"(
     => pending yes
   test_wake 7 100; unused; slept 100; sleep_begins => answer 100
   program 0 +1000; slept 100; sleep_begins => alarm +910; sleep_ends => alarm +985
-  slept 100; unused; sleep_begins => phase going
+  slept 100; ambient; pass 1; unused; sleep_begins => phase going
+  machine screen_follows=yes; slept 100; unused; sleep_begins => tv_off 0
+  machine screen_follows=yes; shutdown_begins; slept 100; input; sleep_begins => tv_off 0
+  machine off=hibernate; program 0 +1000; off_time; tv_reports off; use_changed 0 0 0 15 5000 yes
+    => sleep hibernate; slept 985; ambient; sleep_begins; sleep_ends => woken timer last_method hibernate
   slept 100; refused use EIO; pass 3; sleep_begins => phase going
   slept 100; ambient; sleep_begins; sleep_begins => phase going
   slept 100; ambient; sleep_ends; sleep_begins => phase going
   slept 100; ambient; shutdown_begins; sleep_begins => phase going
   sleep_begins; slept 100; start same_boot; armed; preparing yes no => phase awake
   slept 100; start same_boot; armed; preparing yes no => phase awake
+  program 0 +3650; counted; pass 3640; sleep_begins; wait 2 => phase awake ask_preparing 1;
+    preparing yes no => phase going alarm +3662 release_inhibitor 1
+  slept 100; sleep_begins; wait 2; preparing no no => phase awake leaving_in -
+  slept 100; sleep_begins; sleep_ends; wait 2 => ask_preparing 0
+  slept 100; start same_boot; armed; preparing yes no; forget; wait 2 => ask_preparing 1;
+    preparing yes no => phase going
   sleep_begins; slept 100; start same_boot; armed; wait 3; preparing yes no => phase going
   sleep_begins; slept 100; start same_boot; armed; preparing no no; sleep_begins => phase going
 )")
@@ -911,6 +923,8 @@ SCENARIOS(Decide, AnOffTimerThatWaits_IsOver_WhenTheScreenIsWantedOn, R"(
   off_time; tv_reports off => wish off_timer; tv_reports on => wish none
   machine no_cec; off_time; unused; screen_wanted on bus; sleep_answered EACCES => wish none believed on
   machine no_cec; off_time; unused; screen_wanted on bus; sleep_begins; sleep_ends => wish none
+  machine follow_screen=yes; tv_reports on; tv_reports off; unused => wish screen; tv_reports on;
+    tv_reports off; sleep_answered EACCES => wish screen sleep_again_in 30
   machine no_cec; off_time; unused; screen_wanted on bus; off_time; sleep_answered EACCES
     => wish off_timer sleep_again_in 30
   machine no_cec; off_time; unused; screen_wanted on bus; start same_boot; preparing no no => wish none

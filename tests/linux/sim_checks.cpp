@@ -81,6 +81,9 @@ bool sim_checks::is_clock_known() const { return world_.rtc_valid || is_clock_se
 void sim_checks::tampered() {
   tampered_at_ = now();
   knows_cause_ = knows_cause_ && !is_cause_open_;
+  // What stands so near its time may not have been written again.
+  const bool is_near = wanted_.on_time != 0 && ahead() < world_.set.lead_poweroff + kMinute;
+  world_.may_move = world_.may_move || is_near;
 }
 
 // --- 1: on-timers ---
@@ -516,7 +519,7 @@ void sim_checks::went_down(bool is_ready) {
   was_ready_ = is_ready;
   if (world_.state == life::kOff)
     is_down_known_ = is_ready;
-  else if (world_.m.armed)
+  else if (world_.is_armed())
     is_down_known_ = true;
   was_timer_second_ = is_timer_second(now());
   was_right_ =
@@ -801,7 +804,8 @@ void sim_checks::note_clock(const event::any &what) {
 void sim_checks::note_user(const event::any &what) {
   const bool is_key = is_one_of<event::input>(what) && world_.seen_at >= world_.up_at &&
                       world_.m.power.now == phase::kAwake;
-  const bool follows = world_.set.screen_follows && !world_.tv.is_plain();
+  const bool may_follow = !world_.tv.is_plain() || is_televisions_;
+  const bool follows = world_.set.screen_follows && may_follow;
   const bool comes_back = follows || (!is_televisions_ && is_sent_off_);
   is_welcomed_ = is_welcomed_ || (is_key && comes_back && !said_on_);
   may_be_welcomed_ = may_be_welcomed_ || is_welcomed_ || (is_key && comes_back && is_sent_off_);
