@@ -375,7 +375,8 @@ bool sim_checks::is_led_to(off_action method) const {
   const std::int64_t slack = world_.set.lead_poweroff + kShutdownSeconds + kMinute + step_slack();
   const bool is_hop = !world_.foreign_stands && left < ahead() - slack;
   const bool boots = method != off_action::kPoweroff || world_.set.hop_boots;
-  return world_.alarm.stands() != 0 && left <= ahead() && (boots || !is_hop);
+  const bool is_in_time = left <= ahead() + 1; // the two clocks change their seconds apart
+  return world_.alarm.stands() != 0 && is_in_time && (boots || !is_hop);
 }
 
 // An off-timer of since the wake-up wants its own kind of sleep, and perhaps a late one. It gives
